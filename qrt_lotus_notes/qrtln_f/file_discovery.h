@@ -1,0 +1,22 @@
+// From directories and patterns to the item queue.
+#pragma once
+
+#include "qrt_lotus_notes/operation_state.h"
+
+// Queues every Domino file under a directory (or matching a pattern). 3000 when the queue holds at
+// least one entry, else 1000 (reported).
+int getNotesFileList(const char* cpDirectoryPattern, DB_OPERATION_LEVEL e_OperationLevel);
+
+// Queues every file that the patterns name. 3000 or 1000.
+int getParticularFileList(LIST_INFO* _lhListIncludePatterns);
+
+// Scans each entry of hFilePatterns (consumed) and queues the files found that match an entry of
+// hMatchPatterns (not changed; NULL: all, empty: none). Returns 3000 in every case.
+int fillFileList(LIST_INFO* hFilePatterns, LIST_INFO* hMatchPatterns);
+
+// TRUE if a directory entry matches the pattern or, for a restore, also when none does.
+BOOL IsValidPattern(const char* cpPattern);
+
+// Appends the sub-directories of the directory part of cpFullPattern. 3000, or 1000 when it cannot
+// be opened.
+int getSubDirectories(const char* cpFullPattern, const char* cpITEM_PATH, LIST_INFO* _lhSubDirList);

@@ -1,0 +1,21 @@
+// File names between the platform's bytes, LMBCS (what the Notes C API takes) and UTF-8 (messages).
+#pragma once
+
+#include <cstddef>
+
+#include "qrt_lotus_notes/operation_state.h"
+
+// Returns the name converted to UTF-8, for messages and index keys, in a static buffer that the
+// next call overwrites. Each conversion yields at most 256 bytes: longer names are cut, readers of
+// traces know that limit. While the Notes runtime is not up: the native bytes, cut at the same
+// limit.
+char* getUTF8FileName(const char* cpFile);
+
+// Writes the LMBCS form of a native path into target[size], as every path for the Notes C API
+// needs. REQUIRES: the Notes runtime is up.
+void translateToLmbcs(const char* path, char* target, std::size_t size);
+
+template <std::size_t size>
+void translateToLmbcs(const char* path, char (&target)[size]) {
+    translateToLmbcs(path, target, size);
+}
