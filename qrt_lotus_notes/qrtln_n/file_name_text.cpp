@@ -1,11 +1,22 @@
 #include "qrt_lotus_notes/qrtln_n/file_name_text.h"
 
+#include <algorithm>
+
 #include "common/bounded_text.h"
 #include "notes_api/notes_api.h"
 
 namespace {
+
 constexpr WORD kMaxNameText = 256;
+// The most bytes that one character takes in LMBCS.
+constexpr std::size_t kLongestLmbcsCharacter = 3;
 char szFileUTF8[1024];
+
+bool isAscii(const char* text) {
+    return std::all_of(text, text + std::strlen(text),
+                       [](char c) { return static_cast<unsigned char>(c) < 0x80; });
+}
+
 } // namespace
 
 char* getUTF8FileName(const char* cpFile) {
@@ -13,6 +24,7 @@ char* getUTF8FileName(const char* cpFile) {
         copyText(szFileUTF8, kMaxNameText + 1, cpFile);
         return szFileUTF8;
     }
+    // One byte more than a conversion may fill stays NUL.
     char szLmbcs[1024] = "";
     std::memset(szFileUTF8, 0, sizeof szFileUTF8);
     notes_api.OSTranslate(kTranslateNativeToLmbcs, cpFile, kTranslateWholeString, szLmbcs,
@@ -22,9 +34,14 @@ char* getUTF8FileName(const char* cpFile) {
     return szFileUTF8;
 }
 
-void translateToLmbcs(const char* path, char* target, std::size_t size) {
+bool translateToLmbcs(const char* path, char* target, std::size_t size) {
     std::memset(target, 0, size);
     notes_api.OSTranslate(kTranslateNativeToLmbcs, path, kTranslateWholeString, target,
                           static_cast<WORD>(size));
     target[size - 1] = '\0';
+
+    // A conversion that was cut ends within one character of the buffer's end. There, only a path
+    // whose length the conversion does not change is known to be whole.
+    const std::size_t length = std::strlen(target);
+    return length + kLongestLmbcsCharacter < size || (isAscii(path) && length == std::strlen(path));
 }

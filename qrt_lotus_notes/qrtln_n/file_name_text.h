@@ -12,10 +12,11 @@
 char* getUTF8FileName(const char* cpFile);
 
 // Writes the LMBCS form of a native path into target[size], as every path for the Notes C API
-// needs. REQUIRES: the Notes runtime is up.
-void translateToLmbcs(const char* path, char* target, std::size_t size);
+// needs. Returns false when it did not fit: the text in target then names some other file and must
+// not be used. REQUIRES: the Notes runtime is up.
+bool translateToLmbcs(const char* path, char* target, std::size_t size);
 
 template <std::size_t size>
-void translateToLmbcs(const char* path, char (&target)[size]) {
-    translateToLmbcs(path, target, size);
+bool translateToLmbcs(const char* path, char (&target)[size]) {
+    return translateToLmbcs(path, target, size);
 }

@@ -1,0 +1,292 @@
+#include "qrt_lotus_notes/qrtln_n/database_probes.h"
+
+#include <algorithm>
+#include <cerrno>
+#include <cstring>
+#include <fcntl.h>
+
+#include "common/bounded_text.h"
+#include "notes_api/notes_api.h"
+#include "qrt_lotus_notes/qrtln_n/file_name_text.h"
+#include "qrt_lotus_notes/qrtln_n/guards.h"
+#include "qrt_lotus_notes/qrtln_n/notes_report.h"
+#include "qrt_lotus_notes/qrtln_o/file_primitives.h"
+
+namespace {
+
+// Bits of INTLFORMAT::Flags: the order of a date's parts.
+constexpr WORD kMonthDayYear = 0x0020;
+constexpr WORD kDayMonthYear = 0x0040;
+constexpr WORD kYearMonthDay = 0x0080;
+// TFMT: full date, full time, the zone never shown, date and time both.
+constexpr TFMT kDateAndTime = {0, 0, 2, 2};
+// Every class of note.
+constexpr WORD kAllNoteClasses = 0x7FFF;
+// Size of a time's text, with the NUL.
+constexpr std::size_t kTimeTextSize = 81;
+
+using TimeText = char[kTimeTextSize];
+
+// The server's settings with the day before the month before the year.
+INTLFORMAT dayMonthYearSettings() {
+    INTLFORMAT intl = {};
+    notes_api.OSGetIntlSettings(&intl, sizeof intl);
+    intl.Flags |= kDayMonthYear;
+    intl.Flags &= static_cast<WORD>(~(kMonthDayYear | kYearMonthDay));
+    return intl;
+}
+
+// Writes a time as the settings separate its parts. Returns false when there is no local time for
+// it.
+bool formatSince(const INTLFORMAT& intl, time_t cal_time, TimeText& text) {
+    struct tm local;
+    if (localtime_r(&cal_time, &local) == nullptr) {
+        return false;
+    }
+    // The separators fill their fields or end with a NUL.
+    const int width = sizeof intl.DateString;
+    return formatText(text, sizeof text, "%02d%.*s%02d%.*s%4d %02d%.*s%02d%.*s%02d", local.tm_mday,
+                      width, intl.DateString, local.tm_mon + 1, width, intl.DateString,
+                      local.tm_year + 1900, local.tm_hour, width, intl.TimeString, local.tm_min,
+                      width, intl.TimeString, local.tm_sec);
+}
+
+// Converts the time for the server, by way of text as its settings have it; shownText receives how
+// the server writes it. Returns false (logged) when the server does not take it.
+bool convertSince(time_t cal_time, TIMEDATE& since, TimeText& shownText) {
+    const INTLFORMAT intl = dayMonthYearSettings();
+    TimeText begin_str = "";
+    if (!formatSince(intl, cal_time, begin_str)) {
+        DB_LogExt("isNotesDbModified: the time %lld has no date", static_cast<long long>(cal_time));
+        return false;
+    }
+    DB_TraceExt("ConvertTextToTIMEDATE(%s)", begin_str);
+    char* ptr = begin_str;
+    STATUS status = notes_api.ConvertTextToTIMEDATE(
+        &intl, &kDateAndTime, &ptr, static_cast<WORD>(std::strlen(begin_str)), &since);
+    if (status != kNotesNoError) {
+        DB_LogExt("ConvertTextToTIMEDATE() failed, got error %0x (%d): %s",
+                  static_cast<unsigned>(status), status, getLotusNotesApiError(status, FALSE));
+        return false;
+    }
+
+    WORD length = 0;
+    status = notes_api.ConvertTIMEDATEToText(&intl, &kDateAndTime, &since, shownText,
+                                             sizeof shownText - 1, &length);
+    if (status != kNotesNoError) {
+        return false;
+    }
+    shownText[std::min<std::size_t>(length, sizeof shownText - 1)] = '\0';
+    DB_TraceExt("date: %s", shownText);
+    return true;
+}
+
+// Asks the open database for what changed since then, and logs the answer.
+BOOL hasModifiedNotes(DBHANDLE hDb, const char* file, const TIMEDATE& since,
+                      const TimeText& sinceText) {
+    TIMEDATE until = {};
+    DHANDLE idtable = 0;
+    const STATUS status =
+        notes_api.NSFDbGetModifiedNoteTable(hDb, kAllNoteClasses, since, &until, &idtable);
+    if (status == kNotesNoError) {
+        const DWORD entries = notes_api.IDEntries(idtable);
+        DB_LogExt("Src Db: %s was modified since %s", getUTF8FileName(file), sinceText);
+        DB_LogExt("Src Db: %s entries %d", getUTF8FileName(file), static_cast<int>(entries));
+        notes_api.IDDestroyTable(idtable);
+        return TRUE;
+    }
+    if (status == kNotesNoNoteModified) {
+        DB_LogExt("Src Db: No Documents in %s have been modified since %s.", getUTF8FileName(file),
+                  sinceText);
+    } else {
+        DB_LogExt("Src Db: %s NSFDbGetModifiedNoteTable() returned error %0x (%d): %s",
+                  getUTF8FileName(file), static_cast<unsigned>(status), status,
+                  getLotusNotesApiError(status, FALSE));
+    }
+    return FALSE;
+}
+
+// Sets or removes a lock on the whole file, without waiting. Returns 0 or an error number.
+int lockWholeFile(int fd, short type) {
+    struct flock lock = {};
+    lock.l_type = type;
+    lock.l_whence = SEEK_SET;
+    return fcntl(fd, F_SETLK, &lock) == 0 ? 0 : errno;
+}
+
+int reportInvalidPath(const char* file) {
+    DB_ErrHandler(0, kErrorKindNone, "isDatabaseLogged(): File full path [%s] is not valid.",
+                  getUTF8FileName(file));
+    return DB_NUM_E_FAILED;
+}
+
+} // namespace
+
+int isNotesDbOpen(const char* cpNotesDbFile, BOOL* bpDbIsOpen) {
+    DB_TraceExt("isNotesDbOpen: DBfile [%s]", getUTF8FileName(cpNotesDbFile));
+    *bpDbIsOpen = FALSE;
+
+    StreamGuard file;
+    if (const int error = SysFileOpen(cpNotesDbFile, file.slot()); error != 0) {
+        DB_ErrHandler(static_cast<unsigned long>(error), kErrorKindApi, "%s",
+                      getUTF8FileName(cpNotesDbFile));
+        DB_TraceExt("Opening file %s failure", getUTF8FileName(cpNotesDbFile));
+        return DB_NUM_E_FAILED;
+    }
+
+    const int fd = fileno(file.stream());
+    const int error = lockWholeFile(fd, F_WRLCK);
+    if (error == 0) {
+        DB_TraceExt("isNotesDbOpen: DBfile [%s] is not locked", getUTF8FileName(cpNotesDbFile));
+        if (lockWholeFile(fd, F_UNLCK) != 0) {
+            DB_TraceExt("Unlocking file %s failure", getUTF8FileName(cpNotesDbFile));
+        }
+        return DB_NUM_I_OK;
+    }
+    DB_TraceExt("isNotesDbOpen: DBfile [%s] is locked errno %d", getUTF8FileName(cpNotesDbFile),
+                error);
+    if (error == EACCES || error == EAGAIN) {
+        *bpDbIsOpen = TRUE;
+        return DB_NUM_I_OK;
+    }
+    DB_ErrHandler(static_cast<unsigned long>(error), kErrorKindErrno,
+                  "file locking returned unexpected error");
+    DB_TraceExt("Locking file %s failure", getUTF8FileName(cpNotesDbFile));
+    return DB_NUM_E_FAILED;
+}
+
+BOOL isNotesDbModified(const char* cpNotesDbFile, time_t cal_time) {
+    if (!g_sQRTLN_Global.bNotesInitialized) {
+        reportRuntimeNotInitialized();
+        return FALSE;
+    }
+    char szTmpFile[1024];
+    if (!translateToLmbcs(cpNotesDbFile, szTmpFile)) {
+        DB_LogExt("Src Db: %s has a name that is too long for the server",
+                  getUTF8FileName(cpNotesDbFile));
+        return FALSE;
+    }
+    TIMEDATE since = {};
+    TimeText sinceText = "";
+    if (!convertSince(cal_time, since, sinceText)) {
+        return FALSE;
+    }
+
+    DatabaseGuard database;
+    if (const STATUS status = database.open(szTmpFile); status != kNotesNoError) {
+        DB_LogExt("Src Db: %s got error %0x (%d): %s", getUTF8FileName(cpNotesDbFile),
+                  static_cast<unsigned>(status), status, getLotusNotesApiError(status, FALSE));
+        return FALSE;
+    }
+    const BOOL modified = hasModifiedNotes(database.handle(), cpNotesDbFile, since, sinceText);
+    database.close();
+    DB_TraceExt("isNotesDbModified: return %d", modified);
+    return modified;
+}
+
+int isDatabaseLogged(const char* cpFile, BOOL* bpLogged, DB_LOGGING_STYLE* ep_LoggingStyle,
+                     UNIVERSALNOTEID* pDbIID) {
+    *pDbIID = {};
+    DB_TraceExt("isDatabaseLogged(): call NSFDbOpen( %s, ..)", getUTF8FileName(cpFile));
+    if (!g_sQRTLN_Global.bNotesInitialized) {
+        reportRuntimeNotInitialized();
+        return DB_NUM_E_FAILED;
+    }
+    char szTmpFile[kPathSize];
+    if (!translateToLmbcs(cpFile, szTmpFile)) {
+        return reportInvalidPath(cpFile);
+    }
+
+    DatabaseGuard database;
+    if (const STATUS status = database.open(szTmpFile); status != kNotesNoError) {
+        DB_TraceExt("Notes API NSFDbOpen() failure on file: %s", getUTF8FileName(cpFile));
+        reportNotesError(status);
+        return DB_NUM_E_FAILED;
+    }
+
+    // Whether the database is logged.
+    BOOL bLogged = FALSE;
+    UNIVERSALNOTEID LogID = {};
+    UNIVERSALNOTEID DbIID = {};
+    DWORD dwLogExtent = 0;
+    if (const STATUS status =
+            notes_api.NSFDbGetLogInfo(database.handle(), 0, &bLogged, &LogID, &DbIID, &dwLogExtent);
+        status != kNotesNoError) {
+        DB_TraceExt("isDatabaseLogged(): NSFDbGetLogInfo failed: %s ",
+                    getLotusNotesApiError(status, FALSE));
+        return DB_NUM_E_FAILED;
+    }
+    if (!bLogged) {
+        *bpLogged = FALSE;
+        return DB_NUM_I_OK;
+    }
+    *bpLogged = TRUE;
+    *pDbIID = DbIID;
+    char szDbIId[35];
+    formatText(szDbIId, sizeof szDbIId, "%08lX-%08lX %08lX%08lX",
+               static_cast<unsigned long>(DbIID.File.Innards[0]),
+               static_cast<unsigned long>(DbIID.File.Innards[1]),
+               static_cast<unsigned long>(DbIID.Note.Innards[0]),
+               static_cast<unsigned long>(DbIID.Note.Innards[1]));
+    DB_TraceExt("isDatabaseLogged: Database [%s] is logged, DBIID %s", getUTF8FileName(cpFile),
+                szDbIId);
+
+    // How the server logs.
+    WORD wLogType = 0;
+    const STATUS status = notes_api.NSFGetTransLogStyle(&wLogType);
+    if (status != kNotesNoError) {
+        reportNotesError(status);
+        DB_TraceExt("isDatabaseLogged(): NSFGetTransLogStyle failed: %s ",
+                    getLotusNotesApiError(status, FALSE));
+        if (status != kNotesLoggingNotInEffect) {
+            return DB_NUM_E_FAILED;
+        }
+        // By contract the handle stays open here: the database stays in use while the process
+        // lives.
+        database.release();
+        *bpLogged = FALSE;
+        return DB_NUM_I_OK;
+    }
+    switch (wLogType) {
+    case kLogStyleArchive:
+        *ep_LoggingStyle = DB_LOGGING_STYLE_ARCH;
+        return DB_NUM_I_OK;
+    case kLogStyleCircular:
+        *ep_LoggingStyle = DB_LOGGING_STYLE_CIRC;
+        return DB_NUM_I_OK;
+    default:
+        // Linear logging too. What is reported is the text of the call's own status, which is that
+        // of no error: hosts compare it.
+        reportNotesError(status);
+        DB_TraceExt("isDatabaseLogged(): NSFGetTransLogStyle failed: Could not determine logging "
+                    "style");
+        return DB_NUM_E_FAILED;
+    }
+}
+
+BOOL isBackupNeeded(const char* cpFile, DWORD dwComfortSpan) {
+    // The native path, untranslated; the call takes a text that it may write to.
+    char szFile[kPathSize];
+    if (!isNotesApiLoaded() || !copyText(szFile, cpFile)) {
+        DB_TraceExt("isBackupNeeded(): no answer for [%s]", cpFile);
+        return FALSE;
+    }
+    DWORD dwBackupNeeded = 0;
+    const STATUS status = notes_api.NSFIsNewBackupNeeded(szFile, dwComfortSpan, &dwBackupNeeded);
+    if (status == kNotesNotBackedUp) {
+        DB_TraceExt("isBackupNeeded(): Database HAS NOT BEEN BACKED UP yet on this "
+                    "server/instance of the log.");
+        return TRUE;
+    }
+    if (status != kNotesNoError) {
+        return FALSE;
+    }
+    if (dwComfortSpan == 0) {
+        // Without a span only a database that was never backed up needs one, whatever the distance.
+        DB_TraceExt("isBackupNeeded(): Span of log is %d", static_cast<int>(dwBackupNeeded));
+        return FALSE;
+    }
+    DB_TraceExt(dwBackupNeeded != 0 ? "isBackupNeeded(): Database backup NEEDED."
+                                    : "isBackupNeeded(): Database backup NOT NEEDED.");
+    return dwBackupNeeded != 0;
+}

@@ -1,0 +1,28 @@
+// What every unit that calls the Notes C API needs around the calls: whether it may call, and the
+// report of a failed call; and how log lines show an identity.
+#pragma once
+
+#include "notes_api/notes_api.h"
+#include "qrt_lotus_notes/qrtln_n/runtime_session.h"
+#include "qrt_lotus_notes/qrtln_u/messages.h"
+
+// Whether the table of functions is filled. It stays so when the runtime has been shut down: ending
+// an archiving session is allowed then.
+inline bool isNotesApiLoaded() {
+    return notes_api.NotesInitExtended.address() != nullptr;
+}
+
+// Records the text of a failed call's status for the client; the text is logged on its own too.
+inline void reportNotesError(int status) {
+    DB_ErrHandler(0, kErrorKindNone, "%s", getLotusNotesApiError(status, TRUE));
+}
+
+// Records that the runtime is not up.
+inline void reportRuntimeNotInitialized() {
+    DB_ErrHandler(0, kErrorKindNone, "%s", kRuntimeNotInitialized);
+}
+
+// The short form in which log lines show the identity of a database or of a log's archive.
+inline unsigned long foldedId(const UNIVERSALNOTEID& id) {
+    return id.File.Innards[0] ^ id.File.Innards[1] ^ id.Note.Innards[0] ^ id.Note.Innards[1];
+}
