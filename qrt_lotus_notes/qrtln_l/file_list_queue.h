@@ -32,9 +32,9 @@ BOOL PushFIFOItemLN(LIST_INFO* hListHandle, const void* vpItemData, unsigned int
 BOOL PullFIFOItemLN(LIST_INFO* hListHandle, void* vpItemData, unsigned int* uipItemDataSize,
                     DB_BACKUP_FILE_TYPE* ep_BackupFileType);
 
-// Copies record number iItemAt (1 is the oldest) without removing it, despite the name. FALSE for
+// Copies record number iNumber (1 is the oldest) without removing it, despite the name. FALSE for
 // an index outside 1 to iItemCount.
-BOOL PullFIFOItemAt(LIST_INFO* hListHandle, int iItemAt, void* vpItemData,
+BOOL PullFIFOItemAt(LIST_INFO* hListHandle, int iNumber, void* vpItemData,
                     unsigned int* uipItemDataSize);
 
 // Copies the next record of a walk, in constant time. There is one cursor for all queues: it starts
@@ -44,8 +44,8 @@ BOOL ListFIFOItem(LIST_INFO* hListHandle, void* vpItemData, unsigned int* uipIte
 // TRUE if some record equals the text cpItem. Always walks to the end, which resets the cursor.
 BOOL FIFOItemExists(LIST_INFO* hListHandle, const char* cpItem);
 
-// Removes record number iItemAt (1-based). FALSE for an index outside 1 to iItemCount.
-BOOL DeleteFIFOItemAt(LIST_INFO* hListHandle, int iItemAt);
+// Removes record number iNumber (1-based). FALSE for an index outside 1 to iItemCount.
+BOOL DeleteFIFOItemAt(LIST_INFO* hListHandle, int iNumber);
 
 // The number of records, 0 for a NULL queue.
 int getFIFOItemNumber(LIST_INFO* hListHandle);
