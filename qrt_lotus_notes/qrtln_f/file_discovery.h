@@ -11,12 +11,15 @@ int getNotesFileList(const char* cpDirectoryPattern, DB_OPERATION_LEVEL e_Operat
 int getParticularFileList(LIST_INFO* _lhListIncludePatterns);
 
 // Scans each entry of hFilePatterns (consumed) and queues the files found that match an entry of
-// hMatchPatterns (not changed; NULL: all, empty: none). Returns 3000 in every case.
+// hMatchPatterns (not changed; NULL: all, empty: none), each directory ahead of its first file.
+// Returns 3000 in every case. A file whose path does not fit a path buffer is left out with a log
+// line, and so is a directory that cannot be read.
 int fillFileList(LIST_INFO* hFilePatterns, LIST_INFO* hMatchPatterns);
 
 // TRUE if a directory entry matches the pattern or, for a restore, also when none does.
 BOOL IsValidPattern(const char* cpPattern);
 
-// Appends the sub-directories of the directory part of cpFullPattern. 3000, or 1000 when it cannot
-// be opened.
+// Appends the sub-directories of the directory part of cpFullPattern (of cpITEM_PATH when it has
+// none). A symbolic link to one of its own ancestors is left out with a log line. 3000, or 1000
+// when the directory cannot be opened.
 int getSubDirectories(const char* cpFullPattern, const char* cpITEM_PATH, LIST_INFO* _lhSubDirList);

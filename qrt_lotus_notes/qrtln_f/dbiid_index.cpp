@@ -1,0 +1,236 @@
+#include "qrt_lotus_notes/qrtln_f/dbiid_index.h"
+
+#include <algorithm>
+#include <cerrno>
+#include <climits>
+#include <cstdlib>
+#include <fcntl.h>
+#include <string>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include "common/bounded_text.h"
+#include "common/iniparser.h"
+#include "qrt_lotus_notes/qrtln_o/file_primitives.h"
+#include "qrt_lotus_notes/qrtln_u/messages.h"
+
+// The client's: replaces "gv_rw_times:" with its directory of run-time data, in place, within 1028
+// bytes. Weak, so that the module loads into a client without it.
+extern "C" [[gnu::weak, gnu::visibility("default")]] void resolve_path(char* path);
+
+dictionary* gdcDBIID = nullptr;
+
+namespace {
+
+constexpr char kIndexName[] = "gv_rw_times:qrtln_DBIID.ini";
+constexpr char kSection[] = "DBIID";
+// Section, ":" and path: the dictionary's own limit for a full key.
+constexpr std::size_t kFullKeySize = 2049;
+
+// "." and a process id.
+constexpr std::size_t kMaxPidSuffix = 12;
+
+char szDBIIDFile[kPathSize];
+char szDBIIDTmpFile[kPathSize];
+
+// Where the working copy has its entries, so that a change writes one entry and not all of them.
+IniDumpLayout s_layout;
+
+// A file descriptor that is closed at the end of its scope.
+class FileDescriptor {
+  public:
+    explicit FileDescriptor(int descriptor) : m_descriptor(descriptor) {}
+    FileDescriptor(const FileDescriptor&) = delete;
+    FileDescriptor& operator=(const FileDescriptor&) = delete;
+    ~FileDescriptor() { close(); }
+
+    explicit operator bool() const { return m_descriptor >= 0; }
+    int get() const { return m_descriptor; }
+
+    // Whether there was a descriptor, and its last bytes were accepted.
+    bool close() {
+        const int descriptor = m_descriptor;
+        m_descriptor = -1;
+        return descriptor >= 0 && ::close(descriptor) == 0;
+    }
+
+  private:
+    int m_descriptor;
+};
+
+void resolveIndexPaths() {
+    copyText(szDBIIDFile, kIndexName);
+    copyText(szDBIIDTmpFile, kIndexName);
+    if (resolve_path != nullptr) {
+        resolve_path(szDBIIDFile);
+        resolve_path(szDBIIDTmpFile);
+    }
+    char szIndex[kPathSize];
+    copyText(szIndex, szDBIIDTmpFile);
+    AddPidToFilename(szDBIIDTmpFile, sizeof szDBIIDTmpFile);
+    // A working copy whose name lost its process id could be the index itself: then none is used.
+    if (std::strlen(szIndex) + kMaxPidSuffix >= sizeof szDBIIDTmpFile) {
+        *szDBIIDTmpFile = '\0';
+    }
+}
+
+void formFullKey(char (&szKey)[kFullKeySize], const char* cpUtf8Path) {
+    formatText(szKey, sizeof szKey, "%s:%s", kSection, cpUtf8Path);
+}
+
+// Makes the bytes of a file, or of a directory's entries, durable.
+bool flushToDisk(const char* path, int flags) {
+    FileDescriptor file(open(path, flags | O_CLOEXEC));
+    return file && fsync(file.get()) == 0 && file.close();
+}
+
+// Gives the new index the owner and mode of the one that it replaces.
+void keepOwnership(const char* cpOld, const char* cpNew) {
+    struct stat status;
+    if (stat(cpOld, &status) != 0) {
+        return;
+    }
+    const FileDescriptor file(open(cpNew, O_RDONLY | O_CLOEXEC | O_NOFOLLOW));
+    if (!file || fchown(file.get(), status.st_uid, status.st_gid) != 0 ||
+        fchmod(file.get(), status.st_mode & 07777) != 0) {
+        DB_TraceExt("QRTLN_EndDBIIDIndexProcessing(): owner or mode of [%s] not kept (%d): %s",
+                    cpOld, errno, std::strerror(errno));
+    }
+}
+
+// Puts a durable copy of the working copy in the index's place in one step.
+bool replaceIndex() {
+    // An index that is a symbolic link stays one.
+    char szTarget[PATH_MAX];
+    if (realpath(szDBIIDFile, szTarget) == nullptr && !copyText(szTarget, szDBIIDFile)) {
+        return false;
+    }
+    char szSibling[kPathSize];
+    copyText(szSibling, szTarget);
+    AddPidToFilename(szSibling, sizeof szSibling);
+    if (!appendText(szSibling, ".new") ||
+        std::strncmp(szSibling, szTarget, std::strlen(szTarget))) {
+        return false;
+    }
+    if (!SysFileCopy(szDBIIDTmpFile, szSibling, FALSE) || !flushToDisk(szSibling, O_RDONLY)) {
+        SysFileDelete(szSibling);
+        return false;
+    }
+    keepOwnership(szTarget, szSibling);
+    if (std::rename(szSibling, szTarget) != 0) {
+        SysFileDelete(szSibling);
+        return false;
+    }
+    // The rename has happened; without this a power cut could bring the old index back, whole.
+    const char* delimiter = std::strrchr(szTarget, kDelimiter);
+    const std::string folder =
+        delimiter == nullptr
+            ? "."
+            : std::string(szTarget,
+                          std::max<std::size_t>(1, static_cast<std::size_t>(delimiter - szTarget)));
+    if (!flushToDisk(folder.c_str(), O_RDONLY | O_DIRECTORY)) {
+        DB_TraceExt("QRTLN_EndDBIIDIndexProcessing(): folder [%s] not flushed (%d): %s",
+                    folder.c_str(), errno, std::strerror(errno));
+    }
+    return true;
+}
+
+} // namespace
+
+void formatDbIId(const UNIVERSALNOTEID& DbIID, char (&szDbIId)[kDbIIdTextSize]) {
+    formatText(szDbIId, sizeof szDbIId, "%08lX-%08lX %08lX%08lX",
+               static_cast<unsigned long>(DbIID.File.Innards[0]),
+               static_cast<unsigned long>(DbIID.File.Innards[1]),
+               static_cast<unsigned long>(DbIID.Note.Innards[0]),
+               static_cast<unsigned long>(DbIID.Note.Innards[1]));
+}
+
+void openDBIIDIndex() {
+    releaseDBIIDIndex();
+    resolveIndexPaths();
+    if (resolve_path == nullptr) {
+        DB_LogExt("The backup client has no resolve_path: the index file stays [%s], in the "
+                  "current directory",
+                  szDBIIDFile);
+    }
+    // Whatever has this name is not from this run: a process id comes back.
+    SysFileDelete(szDBIIDTmpFile);
+    if (SysFileExists(szDBIIDFile)) {
+        gdcDBIID = iniparser_load(szDBIIDFile);
+        if (gdcDBIID == nullptr) {
+            DB_LogExt("QRTLN_InitBackup(): index file [%s] is empty or cannot be read, a new one "
+                      "is begun",
+                      szDBIIDFile);
+        }
+    }
+    if (gdcDBIID == nullptr) {
+        gdcDBIID = dictionary_new(0);
+        iniparser_add_entry(gdcDBIID, kSection, nullptr, nullptr);
+        return;
+    }
+    if (!SysFileCopy(szDBIIDFile, szDBIIDTmpFile, FALSE)) {
+        DB_TraceExt("QRTLN_InitBackup(): Copy of file [%s] to [%s] FAILED", szDBIIDFile,
+                    szDBIIDTmpFile);
+        SysFileDelete(szDBIIDTmpFile); // a part of it must not replace the index
+    }
+}
+
+const char* storedDbIId(const char* cpUtf8Path) {
+    char szKey[kFullKeySize];
+    formFullKey(szKey, cpUtf8Path);
+    return iniparser_getstr(gdcDBIID, szKey);
+}
+
+void storeDbIId(const char* cpUtf8Path, const char* cpDbIId) {
+    // Opened before the entry is set: without a working copy the entry is not set either.
+    FILE* hFile = std::fopen(szDBIIDTmpFile, "ab");
+    IniDumpResult result{hFile == nullptr ? errno : 0, "fopen"};
+    if (hFile != nullptr) {
+        std::fclose(hFile);
+        char szKey[kFullKeySize];
+        formFullKey(szKey, cpUtf8Path);
+        iniparser_add_entry(gdcDBIID, kSection, cpUtf8Path, cpDbIId);
+        result = iniparser_update_dump(gdcDBIID, szKey, szDBIIDTmpFile, s_layout);
+    }
+    if (result.error == 0) {
+        return;
+    }
+    if (std::strcmp(result.call, "fopen") == 0) {
+        DB_LogExt("QRTLN_IsBackupNeeded: fopen(%s) failed with errno (%d): %s", szDBIIDTmpFile,
+                  result.error, std::strerror(result.error));
+    } else {
+        DB_LogExt("QRTLN_IsBackupNeeded: writing %s failed with errno (%d): %s", szDBIIDTmpFile,
+                  result.error, std::strerror(result.error));
+        SysFileDelete(szDBIIDTmpFile); // half an index must never take the place of a whole one
+    }
+    s_layout = IniDumpLayout{};
+}
+
+const char* workingCopyPath() {
+    return szDBIIDTmpFile;
+}
+
+int QRTLN_EndDBIIDIndexProcessing(BOOL bOk) {
+    int result = DB_NUM_I_OK;
+    resolveIndexPaths();
+    if (bOk && !replaceIndex()) {
+        DB_LogExt("QRTLN_EndDBIIDIndexProcessing(): Copy of file [%s] to [%s] FAILED",
+                  szDBIIDTmpFile, szDBIIDFile);
+        result = DB_NUM_E_FAILED;
+    }
+    SysFileDelete(szDBIIDTmpFile);
+    s_layout = IniDumpLayout{};
+    return result;
+}
+
+void releaseDBIIDIndex() {
+    dictionary_del(gdcDBIID);
+    gdcDBIID = nullptr;
+    s_layout = IniDumpLayout{};
+}
+
+void AddPidToFilename(char* str, std::size_t size) {
+    char szPid[16];
+    formatText(szPid, sizeof szPid, ".%ld", static_cast<long>(getpid()));
+    appendText(str, size, szPid);
+}
