@@ -58,14 +58,11 @@ const char* readNumber(const char* text, const NumberDirective& directive, int& 
         return nullptr;
     }
     value = 0;
-    for (int digits = 0; digits < directive.digits && isDigit(*text); ++digits, ++text) {
-        const int longer = value * 10 + (*text - '0');
-        if (longer > directive.most) {
-            break;
-        }
-        value = longer;
-    }
-    return value >= directive.least ? text : nullptr;
+    int digits = 0;
+    do {
+        value = value * 10 + (*text++ - '0');
+    } while (++digits < directive.digits && value * 10 <= directive.most && isDigit(*text));
+    return value >= directive.least && value <= directive.most ? text : nullptr;
 }
 
 bool isLeapYear(int year) {

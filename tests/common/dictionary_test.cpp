@@ -1,0 +1,135 @@
+#include "common/dictionary.h"
+
+#include <gmock/gmock.h>
+
+#include <cstdlib>
+#include <cstring>
+#include <ctime>
+#include <map>
+#include <memory>
+#include <string>
+
+namespace {
+
+struct Delete {
+    void operator()(dictionary* d) const { dictionary_del(d); }
+};
+using Dictionary = std::unique_ptr<dictionary, Delete>;
+
+TEST(DictionaryHash, MatchesValuesComputedByHand) {
+    // One-at-a-time hash in 32 bits. The last key has bytes that count as negative numbers.
+    EXPECT_EQ(dictionary_hash(""), 0U);
+    EXPECT_EQ(dictionary_hash("a"), 0xCA2E9442U);
+    EXPECT_EQ(dictionary_hash("The quick brown fox jumps over the lazy dog"), 0x519E91F5U);
+    EXPECT_NE(dictionary_hash("\x80"), 0U);
+    unsigned int negative = 0U - 128U;
+    negative += negative << 10;
+    negative ^= negative >> 6;
+    negative += negative << 3;
+    negative ^= negative >> 11;
+    negative += negative << 15;
+    EXPECT_EQ(dictionary_hash("\x80"), negative);
+}
+
+TEST(Dictionary, CapacityIsAtLeast128AndDoublesAtTheEntryThatDoesNotFit) {
+    const std::pair<int, int> sizes[] = {{-5, 128}, {0, 128}, {127, 128}, {128, 128}, {300, 300}};
+    for (const auto& [asked, given] : sizes) {
+        EXPECT_EQ(Dictionary(dictionary_new(asked))->size, given) << asked;
+    }
+    const Dictionary d(dictionary_new(0));
+    for (int i = 0; i < 128; ++i) {
+        dictionary_set(d.get(), std::to_string(i).c_str(), "v");
+    }
+    EXPECT_EQ(d->size, 128);
+    dictionary_set(d.get(), "128", "v");
+    EXPECT_EQ(d->size, 256);
+    EXPECT_EQ(d->n, 129);
+    for (int i = 0; i < d->n; ++i) {
+        EXPECT_EQ(d->key[i], std::to_string(i));
+        EXPECT_EQ(d->hash[i], dictionary_hash(d->key[i]));
+    }
+    // The slots beyond are free.
+    for (int i = d->n; i < d->size; ++i) {
+        EXPECT_EQ(d->key[i], nullptr);
+        EXPECT_EQ(d->val[i], nullptr);
+        EXPECT_EQ(d->hash[i], 0U);
+    }
+}
+
+TEST(Dictionary, ChangedValueKeepsItsSlotAndMayBeNullOrItsOwnOldText) {
+    const Dictionary d(dictionary_new(0));
+    char absent[] = "absent";
+    dictionary_set(d.get(), "first", "1");
+    dictionary_set(d.get(), "second", nullptr);
+    dictionary_set(d.get(), "first", "changed");
+    EXPECT_EQ(d->n, 2);
+    EXPECT_STREQ(d->key[0], "first");
+    EXPECT_STREQ(dictionary_get(d.get(), "first", absent), "changed");
+    EXPECT_EQ(dictionary_get(d.get(), "first", absent), d->val[0]);
+    // A key without a value is there: its value is no default.
+    EXPECT_EQ(dictionary_get(d.get(), "second", absent), nullptr);
+    EXPECT_EQ(dictionary_get(d.get(), "First", absent), absent);
+    dictionary_set(d.get(), "first", d->val[0] + 3);
+    EXPECT_STREQ(dictionary_get(d.get(), "first", absent), "nged");
+    dictionary_set(d.get(), "first", nullptr);
+    EXPECT_EQ(dictionary_get(d.get(), "first", absent), nullptr);
+}
+
+TEST(Dictionary, NullArgumentsDoNothing) {
+    char def[] = "default";
+    dictionary_del(nullptr);
+    dictionary_set(nullptr, "key", "value");
+    EXPECT_EQ(dictionary_get(nullptr, "key", def), def);
+    const Dictionary d(dictionary_new(0));
+    dictionary_set(d.get(), nullptr, "value");
+    EXPECT_EQ(d->n, 0);
+}
+
+TEST(Dictionary, MemDoubleKeepsTheFirstHalfAndClearsTheSecond) {
+    char* const block = static_cast<char*>(std::malloc(8));
+    std::memcpy(block, "12345678", 8);
+    char* const doubled = static_cast<char*>(mem_double(block, 8));
+    EXPECT_EQ(std::string(doubled, 16), std::string("12345678") + std::string(8, '\0'));
+    std::free(doubled);
+}
+
+// Against the obvious model: a map, and the order of first appearance.
+TEST(Dictionary, BehavesLikeAMapOverRandomSetsWithStableSlots) {
+    unsigned int seed = 20240229;
+    const auto random = [&](unsigned int below) {
+        seed = seed * 1664525U + 1013904223U;
+        return (seed >> 8) % below;
+    };
+    const Dictionary d(dictionary_new(0));
+    std::map<std::string, std::pair<int, std::string>> model;
+    for (int step = 0; step < 20000; ++step) {
+        const std::string key = "DBIID:/data/" + std::to_string(random(3000)) + ".nsf";
+        const std::string value = std::to_string(random(1000000));
+        dictionary_set(d.get(), key.c_str(), value.c_str());
+        const int slot = static_cast<int>(model.size());
+        model.try_emplace(key, slot, "").first->second.second = value;
+    }
+    ASSERT_EQ(static_cast<std::size_t>(d->n), model.size());
+    for (const auto& [key, entry] : model) {
+        ASSERT_EQ(d->key[entry.first], key);
+        ASSERT_EQ(dictionary_get(d.get(), key.c_str(), nullptr), entry.second);
+    }
+}
+
+// Measured in processor time, which other load does not change: linear cost takes a few tenths of a
+// second here, a cost that grows with the square of the entries takes most of a minute.
+TEST(Dictionary, ManyEntriesCostNoMoreThanTheirNumber) {
+    constexpr int kEntries = 400000;
+    const std::clock_t start = std::clock();
+    const Dictionary d(dictionary_new(0));
+    int found = 0;
+    for (int i = 0; i < kEntries; ++i) {
+        const std::string key = "DBIID:/data/mail/" + std::to_string(i) + ".nsf";
+        dictionary_set(d.get(), key.c_str(), "x");
+        found += dictionary_get(d.get(), key.c_str(), nullptr) != nullptr ? 1 : 0;
+    }
+    EXPECT_EQ(found, kEntries);
+    EXPECT_LT(std::clock() - start, 10 * CLOCKS_PER_SEC);
+}
+
+} // namespace

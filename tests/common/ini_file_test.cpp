@@ -1,0 +1,367 @@
+#include "common/iniparser.h"
+
+#include <gmock/gmock.h>
+
+#include <cerrno>
+#include <csignal>
+#include <cstring>
+#include <ctime>
+#include <memory>
+#include <string>
+#include <vector>
+
+#include <sys/resource.h>
+#include <unistd.h>
+
+#include "tests/support/message_capture.h"
+#include "tests/support/temporary_folder.h"
+
+using testing::Contains;
+using testing::ElementsAre;
+
+namespace {
+
+struct Delete {
+    void operator()(dictionary* d) const { dictionary_del(d); }
+};
+using Dictionary = std::unique_ptr<dictionary, Delete>;
+
+using Entries = std::vector<std::string>;
+
+// The entries in slot order as "key -> value"; "-" for an entry without a value.
+Entries entriesOf(const dictionary* d) {
+    Entries entries;
+    for (int slot = 0; d != nullptr && slot < d->n; ++slot) {
+        entries.push_back(std::string(d->key[slot]) + " -> " +
+                          (d->val[slot] == nullptr ? "-" : d->val[slot]));
+    }
+    return entries;
+}
+
+std::string dump(const dictionary* d) {
+    char* text = nullptr;
+    std::size_t size = 0;
+    FILE* const stream = open_memstream(&text, &size);
+    iniparser_dump_ini(d, stream);
+    fclose(stream);
+    std::string result(text, size);
+    free(text);
+    return result;
+}
+
+Dictionary load(const TemporaryFolder& folder, const std::string& content) {
+    return Dictionary(iniparser_load(folder.write("file.ini", content).c_str()));
+}
+
+struct LoadCase {
+    const char* title;
+    std::string content;
+    Entries entries;
+};
+
+TEST(IniLoad, LinesBecomeEntriesByTheRules) {
+    const TemporaryFolder folder;
+    const LoadCase cases[] = {
+        {"a section is an entry without value", "[DBIID]\n", {"DBIID -> -"}},
+        {"case makes sections and keys differ",
+         "[DBIID]\nA=1\na=1\n[dbiid]\n",
+         {"DBIID -> -", "DBIID:A -> 1", "DBIID:a -> 1", "dbiid -> -"}},
+        {"a key before any section has the empty one", "k = v\n", {":k -> v"}},
+        {"a section's name ends at the first bracket, blanks kept",
+         "[ a b ]] x\nk=1",
+         {" a b  -> -", " a b :k -> 1"}},
+        {"a section's bracket may be missing", "[open=x\nk=1", {"open=x -> -", "open=x:k -> 1"}},
+        {"an empty section is no section",
+         "[s]\n[]\n[]=x\nk=1\n",
+         {"s -> -", "s:[] -> x", "s:k -> 1"}},
+        {"quotes go, blanks inside stay", "k = 'a b'\nl='c' tail\n", {":k -> a b", ":l -> c"}},
+        {"a closing quote may be missing", "k = 'a b", {":k -> a b"}},
+        {"blanks at the end go, also inside quotes",
+         "k = a b  \t\nl = 'x '\n",
+         {":k -> a b", ":l -> x"}},
+        {"empty quotes of both kinds are an empty value",
+         "k = \"\"\nl = ''\nm='\"\"'\n",
+         {":k -> ", ":l -> ", ":m -> "}},
+        {"double quotes around text stay", "k = \"a\"\n", {":k -> \"a\""}},
+        {"a lone quote and text behind empty quotes stand as written",
+         "k='\nl=''x\n",
+         {":k -> '", ":l -> ''x"}},
+        {"a value may hold =", "k = a=b\n", {":k -> a=b"}},
+        {"blanks around the key and = go", "  k \t =  v\nl=w\n", {":k -> v", ":l -> w"}},
+        {"lines without key, = or value are ignored",
+         "\n \nword\n= v\nk =\nk =   \nl=1",
+         {":l -> 1"}},
+        {"there are no comments", "; a = b\n# c = d\n", {":; a -> b", ":# c -> d"}},
+        {"CRLF line ends go, one of each",
+         "[s]\r\nk=v\r\nl = w\n",
+         {"s -> -", "s:k -> v", "s:l -> w"}},
+        {"a repeated key keeps its place and takes the last value",
+         "a=1\nb=2\na=3\n",
+         {":a -> 3", ":b -> 2"}},
+        {"a repeated section goes on where it stands",
+         "[s]\na=1\n[t]\n[s]\nb=2\n",
+         {"s -> -", "s:a -> 1", "t -> -", "s:b -> 2"}},
+        {"bytes above 127 are text", "k\xC3\xBC=\xFF\n", {":k\xC3\xBC -> \xFF"}},
+        {"a NUL ends its line", std::string("a=1\0 2\nb=2\n", 11), {":a -> 1", ":b -> 2"}},
+    };
+    for (const LoadCase& expected : cases) {
+        EXPECT_EQ(entriesOf(load(folder, expected.content).get()), expected.entries)
+            << expected.title;
+    }
+}
+
+TEST(IniLoad, LongLineIsReadInPiecesOf1023BytesEachALineOfItsOwn) {
+    const TemporaryFolder folder;
+    const std::string value(1021, 'v'); // "k=" and this fill the first piece
+    EXPECT_EQ(entriesOf(load(folder, "k=" + value + "l=rest\nm=1\n").get()),
+              (Entries{":k -> " + value, ":l -> rest", ":m -> 1"}));
+    // One byte less and the line end alone is the second piece, which is ignored.
+    EXPECT_EQ(entriesOf(load(folder, "k=" + value + "\nm=1\n").get()),
+              (Entries{":k -> " + value, ":m -> 1"}));
+    // A section of the full length is no more than the buffer holds.
+    const std::string section(1022, 's');
+    EXPECT_EQ(entriesOf(load(folder, "[" + section + "]\n").get()), Entries{section + " -> -"});
+}
+
+TEST(IniLoad, TracesEveryStepWithoutTheLevel) {
+    MessageCapture messages;
+    const TemporaryFolder folder;
+    const Dictionary d = load(folder, "[s]\r\n k = v\n");
+    EXPECT_THAT(messages.traces(), ElementsAre("iniparser_load: [[s]]", "iniparser_load: [ k = v]",
+                                               "iniparser_load: [sec:key=val] [s:k=v]"));
+}
+
+TEST(IniLoad, WhatHoldsNoLineOrCannotBeReadGivesNullAndSaysWhy) {
+    MessageCapture messages;
+    const TemporaryFolder folder;
+    EXPECT_EQ(load(folder, ""), nullptr);
+    EXPECT_EQ(errno, 0);
+    EXPECT_THAT(messages.traces(), ElementsAre("iniparser_load: Empty input >> return NULL"));
+    messages.clear();
+
+    const std::string missing = folder.file("missing.ini");
+    EXPECT_EQ(iniparser_load(missing.c_str()), nullptr);
+    EXPECT_EQ(errno, ENOENT);
+    EXPECT_THAT(messages.traces(), ElementsAre("iniparser_load: Failed to open ini file name \"" +
+                                               missing + "\" (" + std::to_string(ENOENT) + ")"));
+    messages.clear();
+
+    // A directory opens, but cannot be read.
+    EXPECT_EQ(iniparser_load(folder.path().c_str()), nullptr);
+    EXPECT_EQ(errno, EISDIR);
+    EXPECT_THAT(messages.traces(),
+                ElementsAre("iniparser_load: Failed to read ini file name \"" + folder.path() +
+                            "\" (" + std::to_string(EISDIR) + ")"));
+}
+
+TEST(IniLoad, DashReadsStandardInputAndLeavesItOpen) {
+    MessageCapture messages;
+    const TemporaryFolder folder;
+    ASSERT_NE(freopen(folder.write("in", "k=v\n").c_str(), "r", stdin), nullptr);
+    const Dictionary d(iniparser_load("-"));
+    EXPECT_EQ(entriesOf(d.get()), Entries{":k -> v"});
+    EXPECT_THAT(messages.traces(), Contains("iniparser_load: Got ini file name \"-\" ==>> read "
+                                            "from stdin"));
+    EXPECT_NE(freopen("/dev/null", "r", stdin), nullptr);
+}
+
+TEST(IniDump, SectionsAreWrittenWithTheirEntriesInSlotOrder) {
+    const Dictionary d(dictionary_new(0));
+    EXPECT_EQ(dump(d.get()), "");
+    iniparser_add_entry(d.get(), "DBIID", nullptr, nullptr);
+    iniparser_add_entry(d.get(), "DBIID", "a", "1");
+    iniparser_add_entry(d.get(), "other", "early", "before its section");
+    iniparser_add_entry(d.get(), "DBIID", "b:c", "2");
+    EXPECT_EQ(dump(d.get()), "\n[DBIID]\na=1\nb:c=2\n\n");
+    iniparser_add_entry(d.get(), "other", nullptr, nullptr);
+    iniparser_add_entry(d.get(), "DBIID", "a", nullptr);
+    EXPECT_EQ(dump(d.get()), "\n[DBIID]\na=\nb:c=2\n\n[other]\nearly=before its section\n\n");
+    iniparser_dump_ini(nullptr, stdout);
+    iniparser_dump_ini(d.get(), nullptr);
+}
+
+TEST(IniDump, WithoutASectionWholeKeysAreWrittenWithBlanks) {
+    const Dictionary d(dictionary_new(0));
+    iniparser_add_entry(d.get(), "s", "k", "1");
+    iniparser_add_entry(d.get(), "", "l", nullptr);
+    EXPECT_EQ(dump(d.get()), "s:k = 1\n:l = \n");
+}
+
+TEST(IniEntries, AreFoundByTheirFullKeyWhichIsCutAt2048Bytes) {
+    const Dictionary d(dictionary_new(0));
+    char def[] = "default";
+    iniparser_add_entry(d.get(), "s", "k", "v");
+    iniparser_add_entry(d.get(), "s", nullptr, nullptr);
+    EXPECT_STREQ(iniparser_getstring(d.get(), "s:k", def), "v");
+    EXPECT_EQ(iniparser_getstring(d.get(), "s:K", def), def);
+    EXPECT_EQ(iniparser_getstring(nullptr, "s:k", def), def);
+    EXPECT_EQ(iniparser_getstring(d.get(), nullptr, def), def);
+    EXPECT_EQ(iniparser_getstr(d.get(), "none"), nullptr);
+    iniparser_add_entry(d.get(), "s", std::string(3000, 'x').c_str(), "long");
+    EXPECT_STREQ(iniparser_getstr(d.get(), ("s:" + std::string(2046, 'x')).c_str()), "long");
+
+    EXPECT_EQ(iniparser_getnsec(nullptr), -1);
+    EXPECT_EQ(iniparser_getnsec(d.get()), 1);
+    EXPECT_STREQ(iniparser_getsecname(d.get(), 0), "s");
+    EXPECT_EQ(iniparser_getsecname(d.get(), 1), nullptr);
+    EXPECT_EQ(iniparser_getsecname(d.get(), -1), nullptr);
+    EXPECT_EQ(iniparser_getsecname(nullptr, 0), nullptr);
+}
+
+class Random {
+  public:
+    explicit Random(unsigned int seed) : m_seed(seed) {}
+    unsigned int below(unsigned int bound) {
+        m_seed = m_seed * 1664525U + 1013904223U;
+        return (m_seed >> 8) % bound;
+    }
+    std::string text(const std::string& alphabet, unsigned int longest) {
+        std::string result(below(longest + 1), '\0');
+        for (char& c : result) {
+            c = alphabet[below(static_cast<unsigned int>(alphabet.size()))];
+        }
+        return result;
+    }
+
+  private:
+    unsigned int m_seed;
+};
+
+// Keys and values as an index has them come back from a file exactly, in their order.
+TEST(IniProperties, WrittenIndexIsReadBackAsItWas) {
+    const TemporaryFolder folder;
+    Random random(7);
+    for (int round = 0; round < 200; ++round) {
+        const Dictionary d(dictionary_new(0));
+        iniparser_add_entry(d.get(), "DBIID", nullptr, nullptr);
+        const unsigned int entries = random.below(300);
+        for (unsigned int i = 0; i < entries; ++i) {
+            const std::string key = "/" + random.text("ab/. :]-\xC3\xA4", 40) + "x";
+            const std::string value = "0" + random.text("0123456789ABCDEF- ", 32) + "F";
+            iniparser_add_entry(d.get(), "DBIID", key.c_str(), value.c_str());
+        }
+        const Dictionary read = load(folder, dump(d.get()));
+        ASSERT_NE(read, nullptr);
+        ASSERT_EQ(entriesOf(read.get()), entriesOf(d.get())) << "round " << round;
+    }
+}
+
+// Whatever a file holds, what was read and written once is stable from then on.
+TEST(IniProperties, AnyBytesAreReadWithoutHarmAndSettleAfterOneRound) {
+    const TemporaryFolder folder;
+    Random random(11);
+    const std::string alphabet("ab[]=:'\" \t\r\n;\\%\0\xFF\xA0", 19);
+    for (int round = 0; round < 1500; ++round) {
+        const unsigned int longest = round % 50 == 0 ? 6000 : 200;
+        const Dictionary first = load(folder, random.text(alphabet, longest));
+        if (first == nullptr || iniparser_getnsec(first.get()) == 0) {
+            continue;
+        }
+        const Dictionary second = load(folder, dump(first.get()));
+        ASSERT_NE(second, nullptr);
+        const Dictionary third = load(folder, dump(second.get()));
+        ASSERT_NE(third, nullptr);
+        ASSERT_LE(third->n, second->n) << "round " << round;
+        for (int slot = 0; slot < first->n; ++slot) {
+            ASSERT_EQ(first->hash[slot], dictionary_hash(first->key[slot]));
+        }
+    }
+}
+
+class IniUpdate : public testing::Test {
+  protected:
+    // Sets an entry and brings the file up to date; it must be what a dump would have written.
+    void set(const std::string& section, const std::string& key, const std::string& value) {
+        iniparser_add_entry(d.get(), section.c_str(), key.c_str(), value.c_str());
+        const IniDumpResult result =
+            iniparser_update_dump(d.get(), (section + ":" + key).c_str(), path.c_str(), layout);
+        ASSERT_EQ(result.error, 0) << result.call;
+        ASSERT_EQ(folder.read("copy.ini"), dump(d.get()));
+    }
+
+    TemporaryFolder folder;
+    std::string path = folder.file("copy.ini");
+    Dictionary d{dictionary_new(0)};
+    IniDumpLayout layout;
+};
+
+TEST_F(IniUpdate, FileIsWhatADumpWouldWriteAfterEachOfManyRandomChanges) {
+    iniparser_add_entry(d.get(), "DBIID", nullptr, nullptr);
+    Random random(3);
+    for (int step = 0; step < 600; ++step) {
+        // Some values change their length, some changes come from elsewhere.
+        set("DBIID", "/data/" + std::to_string(random.below(150)),
+            std::string(random.below(10) == 0 ? random.below(50) : 34,
+                        'a' + static_cast<char>(random.below(26))));
+        if (HasFatalFailure()) {
+            return;
+        }
+        if (step % 100 == 50) {
+            unlink(path.c_str());
+        }
+        if (step % 100 == 75) {
+            folder.write("copy.ini", "something else");
+        }
+    }
+}
+
+TEST_F(IniUpdate, OtherSectionsAndEntriesBeforeTheirSectionAreKept) {
+    set("DBIID", "a", "1"); // no section yet
+    iniparser_add_entry(d.get(), "DBIID", nullptr, nullptr);
+    set("DBIID", "b", "2");
+    set("DBIID", "c", "3");
+    iniparser_add_entry(d.get(), "other", nullptr, nullptr);
+    set("DBIID", "d", "4");
+    set("other", "e", "5");
+    set("DBIID", "a", "6");
+}
+
+TEST_F(IniUpdate, FailureIsReportedAndTheNextCallWritesTheWhole) {
+    iniparser_add_entry(d.get(), "DBIID", nullptr, nullptr);
+    set("DBIID", "a", "1");
+    const std::string elsewhere = folder.file("no/such/copy.ini");
+    IniDumpResult result = iniparser_update_dump(d.get(), "DBIID:a", elsewhere.c_str(), layout);
+    EXPECT_EQ(result.error, ENOENT);
+    EXPECT_STREQ(result.call, "fopen");
+
+    // The disk is full: shown by the device that is.
+    result = iniparser_update_dump(d.get(), "DBIID:a", "/dev/full", layout);
+    EXPECT_EQ(result.error, ENOSPC);
+    EXPECT_STREQ(result.call, "fwrite");
+    set("DBIID", "b", "2");
+}
+
+TEST_F(IniUpdate, EntryThatDoesNotFitTheDiskIsReportedAndRepaired) {
+    iniparser_add_entry(d.get(), "DBIID", nullptr, nullptr);
+    set("DBIID", "a", std::string(1000, 'x'));
+    // A limit on file sizes stands for the full disk.
+    struct rlimit before;
+    ASSERT_EQ(getrlimit(RLIMIT_FSIZE, &before), 0);
+    struct rlimit limit = before;
+    limit.rlim_cur = 1100;
+    signal(SIGXFSZ, SIG_IGN);
+    ASSERT_EQ(setrlimit(RLIMIT_FSIZE, &limit), 0);
+    iniparser_add_entry(d.get(), "DBIID", "b", std::string(500, 'y').c_str());
+    const IniDumpResult result = iniparser_update_dump(d.get(), "DBIID:b", path.c_str(), layout);
+    ASSERT_EQ(setrlimit(RLIMIT_FSIZE, &before), 0);
+    signal(SIGXFSZ, SIG_DFL);
+    EXPECT_EQ(result.error, EFBIG);
+    set("DBIID", "c", "3");
+}
+
+// In processor time: writing the whole for each entry would write some 30 gigabytes.
+TEST_F(IniUpdate, RunOverManyDatabasesCostsNoMoreThanTheirNumber) {
+    iniparser_add_entry(d.get(), "DBIID", nullptr, nullptr);
+    const std::clock_t start = std::clock();
+    for (int i = 0; i < 30000; ++i) {
+        const std::string key = "/local/notesdata/mail/" + std::to_string(i) + ".nsf";
+        iniparser_add_entry(d.get(), "DBIID", key.c_str(), "00000000-00000000 0000000000000000");
+        ASSERT_EQ(
+            iniparser_update_dump(d.get(), ("DBIID:" + key).c_str(), path.c_str(), layout).error,
+            0);
+    }
+    EXPECT_LT(std::clock() - start, 10 * CLOCKS_PER_SEC);
+    EXPECT_EQ(folder.read("copy.ini"), dump(d.get()));
+}
+
+} // namespace
