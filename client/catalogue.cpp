@@ -1,0 +1,52 @@
+#include "client/catalogue.h"
+
+#include "client/error.h"
+#include "client/text.h"
+
+#include <algorithm>
+
+namespace qrtln {
+
+CatalogueEntry load_set(Store& store, const std::string& set) {
+    CatalogueEntry entry{set, std::nullopt, {}};
+    if (std::optional<std::string> bytes = store.read_manifest(set, entry.problem))
+        entry.manifest = parse_manifest(*bytes, set, entry.problem);
+    return entry;
+}
+
+std::string resolve_set(Store& store, const std::string& given) {
+    std::vector<std::string> names = store.set_names();
+    if (names.empty())
+        throw ClientError(ExitCode::failed, store.description() + " has no sets",
+                          "`qrtln backup` stores one");
+    if (given == "latest")
+        return names.back();
+    if (std::find(names.begin(), names.end(), given) != names.end())
+        return given;
+    std::vector<std::string> matches;
+    for (const std::string& name : names)
+        if (name.starts_with(given))
+            matches.push_back(name);
+    if (matches.size() == 1)
+        return matches[0];
+    std::string text = for_terminal(given);
+    if (matches.empty())
+        throw ClientError(ExitCode::failed, store.description() + " has no set '" + text + "'",
+                          "`qrtln list` shows the sets; \"latest\" names the newest");
+    throw ClientError(ExitCode::failed,
+                      "'" + text + "' is the beginning of " + std::to_string(matches.size()) +
+                          " sets: " + for_terminal(matches[0]) + " to " +
+                          for_terminal(matches.back()),
+                      "give more of the name");
+}
+
+std::string new_set_name(Store& store, std::int64_t started, const std::string& level) {
+    std::vector<std::string> names = store.set_names();
+    std::string base = utc_time_compact(started) + "-" + level;
+    std::string name = base;
+    for (int number = 2; std::find(names.begin(), names.end(), name) != names.end(); ++number)
+        name = base + "-" + std::to_string(number);
+    return name;
+}
+
+} // namespace qrtln

@@ -1,0 +1,30 @@
+// What the store's manifests tell: the sets, and a set by a name that a person types.
+#pragma once
+
+#include "client/store/manifest.h"
+#include "client/store/store.h"
+
+#include <optional>
+#include <string>
+#include <vector>
+
+namespace qrtln {
+
+// One set of the store. A manifest that is damaged has a problem and nothing else.
+struct CatalogueEntry {
+    std::string set;
+    std::optional<Manifest> manifest;
+    std::string problem;
+};
+
+// Reads one set; never throws for damage.
+CatalogueEntry load_set(Store& store, const std::string& set);
+
+// The full name for "latest", a set's name, or a prefix that only one set has. Throws
+// ClientError(failed) that says what there is.
+std::string resolve_set(Store& store, const std::string& given);
+
+// A name for a set that starts now, which no set of the store has.
+std::string new_set_name(Store& store, std::int64_t started, const std::string& level);
+
+} // namespace qrtln

@@ -1,0 +1,36 @@
+// The commands of qrtln: their options, and the functions that run them. Each returns the exit code
+// or throws ClientError.
+#pragma once
+
+#include <string>
+#include <vector>
+
+namespace qrtln {
+
+struct BackupOptions {
+    std::string notes_ini;
+    std::string store;
+    std::string level = "full";
+    std::vector<std::string> databases;
+    std::string tmp_dir; // below it the private folder is made
+    std::string module;  // empty: found beside the executable
+    std::string trace_file;
+    bool json = false;
+    bool verbose = false;
+};
+
+struct StoreOptions {
+    std::string store;
+    std::string set; // where the command takes one
+    bool json = false;
+};
+
+int run_backup(const BackupOptions& options);
+int run_list(const StoreOptions& options);
+int run_show(const StoreOptions& options);
+int run_verify(const StoreOptions& options);
+
+// "0.1.0".
+const char* client_version();
+
+} // namespace qrtln

@@ -1,0 +1,58 @@
+// `qrtln show SET`: the items of one set.
+
+#include "client/catalogue.h"
+#include "client/commands/commands.h"
+#include "client/error.h"
+#include "client/output.h"
+#include "client/store/store.h"
+#include "client/text.h"
+
+namespace qrtln {
+
+int run_show(const StoreOptions& options) {
+    std::unique_ptr<Store> store = open_directory_store(options.store, StoreAccess::read);
+    CatalogueEntry entry = load_set(*store, resolve_set(*store, options.set));
+    if (!entry.manifest)
+        throw ClientError(ExitCode::damage_found,
+                          "the manifest of the set " + for_terminal(entry.set) + " " +
+                              for_terminal(entry.problem),
+                          "`qrtln verify` tells what else is damaged");
+    if (options.json) {
+        // The manifest is the document: one form for scripts.
+        print_output(serialize(*entry.manifest));
+        return 0;
+    }
+    const Manifest& manifest = *entry.manifest;
+    std::string text =
+        "set " + manifest.set + ": " + manifest.level + ", " + status_text(manifest) +
+        "\nstarted " + utc_time(manifest.started) + ", ended " + utc_time(manifest.ended) +
+        "\nserver " + for_terminal(manifest.data_directory) + " on " + for_terminal(manifest.host) +
+        ", notes.ini " + for_terminal(manifest.notes_ini) + "\nmodule " +
+        for_terminal(manifest.module_client) + " " + for_terminal(manifest.module_version) + "\n";
+    if (!manifest.close_error.empty())
+        text += "the server did not close the backup: " + for_terminal(manifest.close_error) + "\n";
+    Table table({"KIND", "BYTES ", "MODIFIED", "OWNER", "PATH"});
+    for (const ManifestItem& item : manifest.items) {
+        bool stored = item.status == ItemStatus::stored;
+        table.add({stored ? item_kind_name(item.kind) : "FAILED",
+                   item.object.empty() ? "-" : std::to_string(item.size),
+                   item.has_metadata ? utc_time(item.mtime_ns / 1'000'000'000) : "-",
+                   item.owner.empty() ? std::to_string(item.uid) : for_terminal(item.owner),
+                   for_terminal(item.path)});
+    }
+    text += "\n" + table.text();
+    std::string notes;
+    for (const ManifestItem& item : manifest.items) {
+        if (item.log)
+            notes += "log " + std::to_string(item.log->number) +
+                     (item.log->active ? " (active)" : "") + ": " + for_terminal(item.path) + "\n";
+        if (!item.reason.empty())
+            notes += "failed: " + for_terminal(item.path) + ": " + for_terminal(item.reason) + "\n";
+        for (const std::string& warning : item.warnings)
+            notes += "warning: " + for_terminal(item.path) + ": " + for_terminal(warning) + "\n";
+    }
+    print_output(text + (notes.empty() ? "" : "\n" + notes));
+    return 0;
+}
+
+} // namespace qrtln

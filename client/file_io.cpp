@@ -1,0 +1,158 @@
+#include "client/file_io.h"
+
+#include <cerrno>
+#include <climits>
+#include <cstdlib>
+#include <dirent.h>
+#include <fcntl.h>
+#include <memory>
+#include <sys/stat.h>
+#include <sys/statvfs.h>
+#include <vector>
+
+namespace qrtln {
+
+void FileDescriptor::reset() {
+    if (m_fd >= 0)
+        ::close(m_fd); // the file was only read, or its failure is already being reported
+    m_fd = -1;
+}
+
+int FileDescriptor::close_checked() {
+    int fd = std::exchange(m_fd, -1);
+    return fd >= 0 && ::close(fd) != 0 && errno != EINTR ? errno : 0;
+}
+
+int write_all(int fd, Bytes bytes) {
+    while (!bytes.empty()) {
+        ssize_t written = ::write(fd, bytes.data(), bytes.size());
+        if (written < 0) {
+            if (errno == EINTR)
+                continue;
+            return errno;
+        }
+        bytes = bytes.subspan(static_cast<std::size_t>(written));
+    }
+    return 0;
+}
+
+ssize_t read_up_to(int fd, std::span<std::byte> buffer) {
+    std::size_t filled = 0;
+    while (filled < buffer.size()) {
+        ssize_t got = ::read(fd, buffer.data() + filled, buffer.size() - filled);
+        if (got < 0) {
+            if (errno == EINTR)
+                continue;
+            return -errno;
+        }
+        if (got == 0)
+            break;
+        filled += static_cast<std::size_t>(got);
+    }
+    return static_cast<ssize_t>(filled);
+}
+
+std::optional<std::string> read_small_file(int directory, const std::string& name,
+                                           std::size_t limit) {
+    FileDescriptor file(
+        ::openat(directory, name.c_str(), O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC));
+    if (!file)
+        return std::nullopt;
+    struct stat status {};
+    if (::fstat(file.get(), &status) != 0)
+        return std::nullopt;
+    if (!S_ISREG(status.st_mode)) {
+        errno = EINVAL;
+        return std::nullopt;
+    }
+    if (static_cast<std::uint64_t>(status.st_size) > limit) {
+        errno = EFBIG;
+        return std::nullopt;
+    }
+    std::string content(static_cast<std::size_t>(status.st_size), '\0');
+    ssize_t got = read_up_to(file.get(), std::as_writable_bytes(std::span<char>(content)));
+    if (got < 0) {
+        errno = static_cast<int>(-got);
+        return std::nullopt;
+    }
+    content.resize(static_cast<std::size_t>(got));
+    return content;
+}
+
+int flush_directory(int directory, const std::string& name) {
+    FileDescriptor folder(
+        ::openat(directory, name.c_str(), O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC));
+    if (!folder)
+        return errno;
+    return ::fsync(folder.get()) == 0 ? 0 : errno;
+}
+
+int remove_tree(int directory, const std::string& name) {
+    if (::unlinkat(directory, name.c_str(), 0) == 0 || errno == ENOENT)
+        return 0;
+    FileDescriptor folder(
+        ::openat(directory, name.c_str(), O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC));
+    if (!folder)
+        return errno;
+    int first_error = 0;
+    std::vector<std::string> names;
+    int listed = ::dup(folder.get());
+    std::unique_ptr<DIR, int (*)(DIR*)> listing(listed >= 0 ? ::fdopendir(listed) : nullptr,
+                                                ::closedir);
+    if (!listing) {
+        first_error = errno;
+        if (listed >= 0)
+            ::close(listed);
+        return first_error;
+    }
+    while (const dirent* entry = ::readdir(listing.get())) {
+        std::string_view entry_name = entry->d_name;
+        if (entry_name != "." && entry_name != "..")
+            names.emplace_back(entry_name);
+    }
+    listing.reset();
+    for (const std::string& entry_name : names)
+        if (int error = remove_tree(folder.get(), entry_name); error != 0 && first_error == 0)
+            first_error = error;
+    if (::unlinkat(directory, name.c_str(), AT_REMOVEDIR) != 0 && first_error == 0 &&
+        errno != ENOENT)
+        first_error = errno;
+    return first_error;
+}
+
+std::optional<std::uint64_t> free_bytes(const std::string& path) {
+    struct statvfs status {};
+    if (::statvfs(path.c_str(), &status) != 0)
+        return std::nullopt;
+    return static_cast<std::uint64_t>(status.f_bavail) * status.f_frsize;
+}
+
+std::optional<std::string> real_path(const std::string& path) {
+    std::unique_ptr<char, void (*)(void*)> resolved(::realpath(path.c_str(), nullptr), ::free);
+    if (!resolved)
+        return std::nullopt;
+    return std::string(resolved.get());
+}
+
+std::string absolute_path(const std::string& path) {
+    std::filesystem::path full = path;
+    if (full.is_relative())
+        full = std::filesystem::current_path() / full;
+    // Only "." and "//" go: removing ".." by text would step past symbolic links.
+    std::string clean;
+    for (const auto& component : full) {
+        if (component.empty() || component == "/" || component == ".")
+            continue;
+        clean += "/" + component.string();
+    }
+    return clean.empty() ? "/" : clean;
+}
+
+bool is_below(std::string_view path, std::string_view directory) {
+    if (directory == "/")
+        return path.starts_with("/");
+    return path.starts_with(directory) &&
+           (path.size() == directory.size() || path[directory.size()] == '/');
+}
+
+} // namespace qrtln

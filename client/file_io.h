@@ -1,0 +1,81 @@
+// File descriptors that close themselves, and reads and writes that finish or say why not.
+#pragma once
+
+#include <cstddef>
+#include <cstdint>
+#include <filesystem>
+#include <optional>
+#include <span>
+#include <string>
+#include <string_view>
+#include <unistd.h>
+#include <utility>
+
+namespace qrtln {
+
+// Owns one file descriptor.
+class FileDescriptor {
+  public:
+    FileDescriptor() = default;
+    explicit FileDescriptor(int fd) : m_fd(fd) {}
+    FileDescriptor(FileDescriptor&& other) noexcept : m_fd(std::exchange(other.m_fd, -1)) {}
+    FileDescriptor& operator=(FileDescriptor&& other) noexcept {
+        if (this != &other) {
+            reset();
+            m_fd = std::exchange(other.m_fd, -1);
+        }
+        return *this;
+    }
+    FileDescriptor(const FileDescriptor&) = delete;
+    FileDescriptor& operator=(const FileDescriptor&) = delete;
+    ~FileDescriptor() { reset(); }
+
+    int get() const { return m_fd; }
+    explicit operator bool() const { return m_fd >= 0; }
+    // Closes and returns 0, or the errno of the close: for files whose last bytes matter.
+    int close_checked();
+    void reset();
+
+  private:
+    int m_fd = -1;
+};
+
+using Bytes = std::span<const std::byte>;
+
+inline Bytes as_bytes(std::string_view text) {
+    return std::as_bytes(std::span<const char>(text.data(), text.size()));
+}
+
+// Writes all of it. Returns 0 or the errno.
+int write_all(int fd, Bytes bytes);
+
+// Reads until the buffer is full or the file ends, over short reads and interruptions. Returns the
+// number of bytes read, or the negated errno.
+ssize_t read_up_to(int fd, std::span<std::byte> buffer);
+
+// The content of a small file below `directory` (AT_FDCWD for a full path), never through a
+// symbolic link in the last component. Returns nothing and sets errno when it cannot be read or is
+// larger than `limit` bytes (EFBIG).
+std::optional<std::string> read_small_file(int directory, const std::string& name,
+                                           std::size_t limit);
+
+// Flushes the file or folder `name` below `directory`. Returns 0 or the errno.
+int flush_directory(int directory, const std::string& name);
+
+// Removes a folder and all below it; symbolic links are removed, never followed. Returns 0 or the
+// first errno; goes on with the rest after a failure.
+int remove_tree(int directory, const std::string& name);
+
+// The bytes free to this process on the file system of `path`, or nothing with errno set.
+std::optional<std::uint64_t> free_bytes(const std::string& path);
+
+// The path without symbolic links, or nothing with errno set.
+std::optional<std::string> real_path(const std::string& path);
+
+// The path made absolute against the working directory, "." and double slashes removed.
+std::string absolute_path(const std::string& path);
+
+// Whether `path` is `directory` or lies below it, by their texts.
+bool is_below(std::string_view path, std::string_view directory);
+
+} // namespace qrtln

@@ -1,0 +1,79 @@
+#include "client/interrupt.h"
+
+#include "client/error.h"
+
+#include <array>
+#include <atomic>
+#include <cerrno>
+#include <csignal>
+#include <fcntl.h>
+#include <unistd.h>
+
+namespace qrtln {
+
+namespace {
+
+constexpr std::array interrupting_signals = {SIGINT, SIGTERM, SIGHUP};
+
+std::atomic<int> first_signal{0};
+static_assert(std::atomic<int>::is_always_lock_free, "a signal handler sets it");
+int wake_pipe[2] = {-1, -1};
+
+extern "C" void on_interrupt(int signal) {
+    int saved_errno = errno;
+    int none = 0;
+    if (first_signal.compare_exchange_strong(none, signal)) {
+        char byte = 1;
+        // The pipe is empty and does not block: one byte fits.
+        [[maybe_unused]] ssize_t written = ::write(wake_pipe[1], &byte, 1);
+    }
+    errno = saved_errno;
+}
+
+void mask_interrupts(int how) {
+    sigset_t set;
+    ::sigemptyset(&set);
+    for (int signal : interrupting_signals)
+        ::sigaddset(&set, signal);
+    ::pthread_sigmask(how, &set, nullptr);
+}
+
+} // namespace
+
+void install_interrupt_handlers() {
+    if (wake_pipe[0] < 0 && ::pipe2(wake_pipe, O_CLOEXEC | O_NONBLOCK) != 0)
+        throw ClientError(ExitCode::failed, "cannot create a pipe: " + system_error_text(errno));
+    struct sigaction action {};
+    action.sa_handler = on_interrupt;
+    ::sigemptyset(&action.sa_mask);
+    for (int signal : interrupting_signals)
+        ::sigaction(signal, &action, nullptr);
+    // A reader that went away is an error of write(), not the end of a backup.
+    action.sa_handler = SIG_IGN;
+    ::sigaction(SIGPIPE, &action, nullptr);
+    // So is a file that would pass the limit of `ulimit -f`.
+    ::sigaction(SIGXFSZ, &action, nullptr);
+}
+
+int interrupt_signal() {
+    return first_signal.load();
+}
+
+int interrupt_descriptor() {
+    return wake_pipe[0];
+}
+
+void throw_if_interrupted() {
+    if (int signal = interrupt_signal(); signal != 0)
+        throw ClientError(128 + signal, "interrupted by signal " + std::to_string(signal) + " (" +
+                                            ::strsignal(signal) + ")");
+}
+
+InterruptsBlocked::InterruptsBlocked() {
+    mask_interrupts(SIG_BLOCK);
+}
+InterruptsBlocked::~InterruptsBlocked() {
+    mask_interrupts(SIG_UNBLOCK);
+}
+
+} // namespace qrtln

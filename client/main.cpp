@@ -1,0 +1,146 @@
+// qrtln: backs up a Domino server through its database module into a store.
+
+#include "client/commands/commands.h"
+#include "client/error.h"
+#include "client/output.h"
+#include "client/text.h"
+
+#include <CLI/CLI.hpp>
+#include <cstdlib>
+#include <new>
+#include <string_view>
+#include <sys/stat.h>
+
+namespace {
+
+constexpr const char* exit_codes = R"(Exit codes:
+  0  complete                    10  no store at the given folder
+  1  failed                      11  another process uses the store
+  2  wrong usage                 14  the module or the server's library failed
+  3  a set was stored, but some of its items failed
+  4  damage found               130, 143  interrupted (SIGINT, SIGTERM)
+)";
+
+constexpr const char* backup_help =
+    "Back up a server into the store.\n"
+    "Without DATABASE the whole system is saved: every database and template below the data\n"
+    "directory, notes.ini, the ID and configuration files, and with archive-style logging (level\n"
+    "full) the transaction logs. The server keeps running. The set counts, and the server lets\n"
+    "go of its archived logs, only when every item is stored and flushed to disk.";
+
+std::string default_tmp_dir() {
+    const char* set = std::getenv("TMPDIR");
+    return set != nullptr && *set != '\0' ? set : "/var/tmp";
+}
+
+void add_store_options(CLI::App& command, std::string& store, bool& json) {
+    command.add_option("--store", store, "The folder of the store")
+        ->envname("QRTLN_STORE")
+        ->type_name("DIR")
+        ->required();
+    command.add_flag("--json", json, "One JSON document on standard output");
+}
+
+void report_failure(bool json, int code, const std::string& message, const std::string& hint) {
+    qrtln::print_error(message, hint);
+    if (!json)
+        return;
+    nlohmann::json document = {
+        {"exit_code", code}, {"status", "failed"}, {"error", qrtln::printable_utf8(message)}};
+    if (!hint.empty())
+        document["hint"] = qrtln::printable_utf8(hint);
+    try {
+        qrtln::print_json(document);
+    } catch (const qrtln::ClientError& failure) {
+        qrtln::print_error(failure.what(), "");
+    }
+}
+
+} // namespace
+
+int main(int argc, char** argv) {
+    ::umask(077); // the store and the copies hold mail
+    CLI::App app("qrtln backs up a Domino server: databases, templates, configuration and\n"
+                 "transaction logs, through the server's own backup interface, into a store in a\n"
+                 "folder. Contents are kept once, compressed, and checked by their SHA-256.",
+                 "qrtln");
+    app.set_version_flag("--version", std::string("qrtln ") + qrtln::client_version());
+    app.require_subcommand(1);
+    app.footer(exit_codes);
+
+    qrtln::BackupOptions backup;
+    backup.tmp_dir = default_tmp_dir();
+    CLI::App* backup_command = app.add_subcommand("backup", backup_help);
+    backup_command->add_option("--notes-ini", backup.notes_ini, "The server's notes.ini")
+        ->type_name("FILE")
+        ->required();
+    add_store_options(*backup_command, backup.store, backup.json);
+    backup_command
+        ->add_option("--level", backup.level,
+                     "full: the base of later backups, with the logs; copy: the same files, but "
+                     "nothing on the server or in the index changes")
+        ->check(CLI::IsMember({"full", "copy"}))
+        ->capture_default_str();
+    backup_command
+        ->add_option("--tmp-dir", backup.tmp_dir,
+                     "Where databases are copied to, one at a time: needs room for the largest")
+        ->type_name("DIR")
+        ->capture_default_str();
+    backup_command
+        ->add_option("--module", backup.module,
+                     "The database module, libqrtln.so (default: beside this program)")
+        ->envname("QRTLN_MODULE")
+        ->type_name("FILE");
+    backup_command->add_flag("--verbose", backup.verbose, "Show the module's messages");
+    backup_command->add_option("--trace", backup.trace_file, "Append the module's trace to FILE")
+        ->type_name("FILE");
+    backup_command
+        ->add_option("DATABASE", backup.databases,
+                     "A database or a folder of databases, below the data directory")
+        ->expected(0, 1 << 20)
+        // Else a name in brackets would be taken for a list.
+        ->allow_extra_args(false);
+    backup_command->footer(exit_codes);
+
+    qrtln::StoreOptions list;
+    CLI::App* list_command = app.add_subcommand("list", "List the sets of the store.");
+    add_store_options(*list_command, list.store, list.json);
+
+    qrtln::StoreOptions show;
+    CLI::App* show_command = app.add_subcommand("show", "Show the items of one set.");
+    add_store_options(*show_command, show.store, show.json);
+    show_command->add_option("SET", show.set, "The set's name, the beginning of it, or \"latest\"")
+        ->required();
+
+    qrtln::StoreOptions verify;
+    CLI::App* verify_command = app.add_subcommand(
+        "verify", "Read everything that the sets refer to and compare it with its checksums.");
+    add_store_options(*verify_command, verify.store, verify.json);
+    verify_command->add_option("SET", verify.set, "Only this set");
+
+    try {
+        app.parse(argc, argv);
+    } catch (const CLI::ParseError& error) {
+        // 0 is --help or --version; everything else is wrong usage.
+        return app.exit(error) == 0 ? 0 : static_cast<int>(qrtln::ExitCode::usage);
+    }
+
+    bool json = backup.json || list.json || show.json || verify.json;
+    try {
+        if (backup_command->parsed())
+            return qrtln::run_backup(backup);
+        if (list_command->parsed())
+            return qrtln::run_list(list);
+        if (show_command->parsed())
+            return qrtln::run_show(show);
+        return qrtln::run_verify(verify);
+    } catch (const qrtln::ClientError& failure) {
+        report_failure(json, failure.exit_code(), failure.what(), failure.hint());
+        return failure.exit_code();
+    } catch (const std::bad_alloc&) {
+        report_failure(json, 1, "out of memory", "");
+    } catch (const std::exception& failure) {
+        report_failure(json, 1, std::string("unexpected failure: ") + failure.what(), "");
+    }
+    return 1;
+}

@@ -1,0 +1,68 @@
+// The frames between the client and the child process that hosts the module.
+//
+// A frame is a 32-bit length (host byte order, of what follows), one byte that tells its kind, and
+// the fields: 32-bit numbers, and byte strings as a 32-bit length and the bytes. Names are bytes,
+// never text. Both sides are the same program, so there is no version.
+#pragma once
+
+#include <cstddef>
+#include <cstdint>
+#include <string>
+#include <string_view>
+
+namespace qrtln {
+
+enum class FrameKind : std::uint8_t {
+    // client to child; each is answered by one `reply`
+    get_info = 1,
+    init,     // type, level, count, control variables
+    get_item, //
+    prepare,  // item
+    set_item, // item type, item
+    finish,   // result
+    close,    // count, control variables
+    get_error,
+    // child to client
+    reply = 100, // status, then what the call gave
+    log,         // text; at any time
+    trace,       // text; at any time
+};
+
+// Builds one frame.
+class FrameWriter {
+  public:
+    explicit FrameWriter(FrameKind kind);
+    FrameWriter& number(std::int32_t value);
+    FrameWriter& text(std::string_view bytes);
+    // The whole frame, its length filled in.
+    std::string finish();
+
+  private:
+    std::string m_bytes;
+};
+
+// Takes one frame apart. A field that is not there throws std::runtime_error.
+class FrameReader {
+  public:
+    explicit FrameReader(std::string payload);
+    FrameKind kind() const { return m_kind; }
+    std::int32_t number();
+    std::string text();
+
+  private:
+    std::string_view take(std::size_t size);
+    std::string m_payload;
+    std::size_t m_position = 0;
+    FrameKind m_kind{};
+};
+
+// Sends the whole frame. Returns 0 or the errno; a receiver that went away is EPIPE, no signal.
+int send_frame(int socket, std::string_view frame);
+
+enum class ReceiveResult { frame, closed, failed };
+
+// Receives one frame's payload (kind and fields). `failed` sets errno; a length beyond reason is
+// EBADMSG. Blocks until the frame is whole.
+ReceiveResult receive_frame(int socket, std::string& payload);
+
+} // namespace qrtln

@@ -1,0 +1,96 @@
+#include "client/notes_ini.h"
+
+#include "client/error.h"
+#include "client/file_io.h"
+#include "client/module_host.h"
+#include "client/text.h"
+
+#include <cctype>
+#include <fcntl.h>
+#include <sys/stat.h>
+
+namespace qrtln {
+
+namespace {
+
+constexpr std::size_t maximal_size = std::size_t{16} << 20;
+
+std::string_view trimmed(std::string_view text) {
+    constexpr std::string_view blanks = " \t\r";
+    std::size_t first = text.find_first_not_of(blanks);
+    if (first == std::string_view::npos)
+        return {};
+    return text.substr(first, text.find_last_not_of(blanks) - first + 1);
+}
+
+std::string directory_value(const std::map<std::string, std::string>& variables,
+                            const std::string& name) {
+    auto found = variables.find(name);
+    if (found == variables.end() || found->second.empty())
+        return {};
+    std::string value = found->second;
+    while (value.size() > 1 && value.back() == '/')
+        value.pop_back();
+    return value;
+}
+
+} // namespace
+
+std::map<std::string, std::string> parse_notes_ini(const std::string& content) {
+    std::map<std::string, std::string> variables;
+    std::string_view rest = content;
+    if (rest.starts_with("\xEF\xBB\xBF"))
+        rest.remove_prefix(3);
+    while (!rest.empty()) {
+        std::string_view line = rest.substr(0, rest.find('\n'));
+        rest.remove_prefix(std::min(line.size() + 1, rest.size()));
+        std::size_t equals = line.find('=');
+        if (equals == std::string_view::npos)
+            continue;
+        std::string name(trimmed(line.substr(0, equals)));
+        for (char& letter : name)
+            letter = static_cast<char>(std::tolower(static_cast<unsigned char>(letter)));
+        variables.emplace(std::move(name), trimmed(line.substr(equals + 1)));
+    }
+    return variables;
+}
+
+NotesIni load_notes_ini(const std::string& file) {
+    NotesIni ini;
+    ini.file = absolute_path(file);
+    std::string shown = for_terminal(ini.file);
+    if (ini.file.size() + 2 > module_path_size) // the module puts "=" before it
+        throw ClientError(ExitCode::failed,
+                          "the path of the notes.ini is longer than the module takes: " + shown);
+    std::optional<std::string> resolved = real_path(ini.file);
+    std::optional<std::string> content;
+    if (resolved)
+        content = read_small_file(AT_FDCWD, *resolved, maximal_size);
+    if (!content)
+        throw ClientError(ExitCode::failed,
+                          "cannot read the notes.ini " + shown + ": " + system_error_text(errno),
+                          "name the server's notes.ini with --notes-ini");
+    auto variables = parse_notes_ini(*content);
+    ini.data_directory = directory_value(variables, "directory");
+    ini.program_directory = directory_value(variables, "notesprogram");
+    if (!ini.data_directory.starts_with('/'))
+        throw ClientError(ExitCode::failed,
+                          ini.data_directory.empty()
+                              ? "the notes.ini " + shown + " does not set Directory"
+                              : "the notes.ini " + shown + " sets Directory to '" +
+                                    for_terminal(ini.data_directory) +
+                                    "', which is not an absolute path",
+                          "name the notes.ini of a server with --notes-ini");
+    struct stat status {};
+    int error = ::stat(ini.data_directory.c_str(), &status) != 0 ? errno
+                : S_ISDIR(status.st_mode)                        ? 0
+                                                                 : ENOTDIR;
+    if (error != 0)
+        throw ClientError(ExitCode::failed,
+                          "cannot open the data directory " + for_terminal(ini.data_directory) +
+                              " of " + shown + ": " + system_error_text(error),
+                          "is the server's disk mounted, and is this its notes.ini?");
+    return ini;
+}
+
+} // namespace qrtln

@@ -1,0 +1,23 @@
+// What the client needs to know from a server's notes.ini.
+#pragma once
+
+#include <map>
+#include <string>
+
+namespace qrtln {
+
+struct NotesIni {
+    std::string file;              // absolute
+    std::string data_directory;    // "Directory", without a trailing "/"
+    std::string program_directory; // "NotesProgram", without a trailing "/"; may be empty
+};
+
+// The variables of a notes.ini: names in lower case, the first of equal names counts, as it does
+// for the server. Lines without "=" are skipped.
+std::map<std::string, std::string> parse_notes_ini(const std::string& content);
+
+// Reads the file and checks that it belongs to a server on this machine. Throws
+// ClientError(failed) that says what is wrong.
+NotesIni load_notes_ini(const std::string& file);
+
+} // namespace qrtln

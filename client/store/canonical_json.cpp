@@ -1,0 +1,41 @@
+#include "client/store/canonical_json.h"
+
+#include "client/store/digest.h"
+
+namespace qrtln {
+
+namespace {
+
+std::string form(const nlohmann::json& document) {
+    return document.dump(1) + "\n";
+}
+
+} // namespace
+
+std::string to_canonical(nlohmann::json document) {
+    document.erase("checksum");
+    std::string checksum = sha256_hex(form(document));
+    document["checksum"] = std::move(checksum);
+    return form(document);
+}
+
+std::optional<nlohmann::json> from_canonical(const std::string& bytes, std::string& problem) {
+    nlohmann::json document = nlohmann::json::parse(bytes, nullptr, false);
+    if (document.is_discarded() || !document.is_object()) {
+        problem = "is not a JSON object";
+        return std::nullopt;
+    }
+    auto checksum = document.find("checksum");
+    if (checksum == document.end() || !checksum->is_string()) {
+        problem = "has no checksum";
+        return std::nullopt;
+    }
+    // Writing it again settles form and checksum at once: every byte is one that we would write.
+    if (to_canonical(document) != bytes) {
+        problem = "does not match its checksum";
+        return std::nullopt;
+    }
+    return document;
+}
+
+} // namespace qrtln

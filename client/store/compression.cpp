@@ -1,0 +1,100 @@
+#include "client/store/compression.h"
+
+#include "client/error.h"
+
+#include <zstd.h>
+
+namespace qrtln {
+
+namespace {
+
+constexpr std::size_t input_block = 256 * 1024;
+
+void check(std::size_t result, const char* doing) {
+    if (ZSTD_isError(result))
+        throw ClientError(ExitCode::failed,
+                          std::string("cannot ") + doing + ": " + ZSTD_getErrorName(result));
+}
+
+} // namespace
+
+Compressor::Compressor(Sink sink)
+    : m_sink(std::move(sink)), m_context(ZSTD_createCCtx(), ZSTD_freeCCtx),
+      m_output(ZSTD_CStreamOutSize()) {
+    if (!m_context)
+        throw ClientError(ExitCode::failed, "cannot compress: out of memory");
+    check(ZSTD_CCtx_setParameter(m_context.get(), ZSTD_c_compressionLevel, 3), "compress");
+    check(ZSTD_CCtx_setParameter(m_context.get(), ZSTD_c_checksumFlag, 1), "compress");
+    // One worker compresses while this thread reads and hashes. Small jobs keep its memory small.
+    // A library without threads refuses these two and compresses in this thread.
+    if (!ZSTD_isError(ZSTD_CCtx_setParameter(m_context.get(), ZSTD_c_nbWorkers, 1)))
+        ZSTD_CCtx_setParameter(m_context.get(), ZSTD_c_jobSize, 2 << 20);
+}
+
+Compressor::~Compressor() = default;
+
+void Compressor::run(Bytes bytes, bool last) {
+    ZSTD_inBuffer input{bytes.data(), bytes.size(), 0};
+    ZSTD_EndDirective directive = last ? ZSTD_e_end : ZSTD_e_continue;
+    for (;;) {
+        ZSTD_outBuffer output{m_output.data(), m_output.size(), 0};
+        std::size_t left = ZSTD_compressStream2(m_context.get(), &output, &input, directive);
+        check(left, "compress");
+        if (output.pos > 0)
+            m_sink(Bytes(m_output.data(), output.pos));
+        if (last ? left == 0 : input.pos == input.size)
+            return;
+    }
+}
+
+void Compressor::write(Bytes bytes) {
+    if (!bytes.empty())
+        run(bytes, false);
+}
+
+void Compressor::finish() {
+    run({}, true);
+}
+
+std::string decompress(int fd, const std::function<void(Bytes)>& sink) {
+    std::unique_ptr<ZSTD_DCtx, std::size_t (*)(ZSTD_DCtx*)> context(ZSTD_createDCtx(),
+                                                                    ZSTD_freeDCtx);
+    if (!context)
+        throw ClientError(ExitCode::failed, "cannot decompress: out of memory");
+    std::vector<std::byte> input_bytes(input_block);
+    std::vector<std::byte> output_bytes(ZSTD_DStreamOutSize());
+    bool frame_complete = false;
+    for (;;) {
+        ssize_t got = read_up_to(fd, input_bytes);
+        if (got < 0)
+            return "cannot be read: " + system_error_text(static_cast<int>(-got));
+        if (got == 0)
+            return frame_complete ? std::string() : "ends too early";
+        ZSTD_inBuffer input{input_bytes.data(), static_cast<std::size_t>(got), 0};
+        while (input.pos < input.size) {
+            if (frame_complete)
+                return "has bytes after its end";
+            ZSTD_outBuffer output{output_bytes.data(), output_bytes.size(), 0};
+            std::size_t result = ZSTD_decompressStream(context.get(), &output, &input);
+            if (ZSTD_isError(result))
+                return std::string("does not decompress: ") + ZSTD_getErrorName(result);
+            if (output.pos > 0)
+                sink(Bytes(output_bytes.data(), output.pos));
+            frame_complete = result == 0;
+        }
+        // What the decompressor still holds back comes out without new input.
+        while (!frame_complete) {
+            ZSTD_inBuffer none{nullptr, 0, 0};
+            ZSTD_outBuffer output{output_bytes.data(), output_bytes.size(), 0};
+            std::size_t result = ZSTD_decompressStream(context.get(), &output, &none);
+            if (ZSTD_isError(result))
+                return std::string("does not decompress: ") + ZSTD_getErrorName(result);
+            frame_complete = result == 0;
+            if (output.pos == 0)
+                break;
+            sink(Bytes(output_bytes.data(), output.pos));
+        }
+    }
+}
+
+} // namespace qrtln

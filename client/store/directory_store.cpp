@@ -1,0 +1,435 @@
+#include "client/store/directory_store.h"
+
+#include "client/error.h"
+#include "client/store/canonical_json.h"
+#include "client/store/compression.h"
+#include "client/store/digest.h"
+#include "client/store/object_writer.h"
+#include "client/text.h"
+
+#include <algorithm>
+#include <array>
+#include <cerrno>
+#include <csignal>
+#include <cstdio>
+#include <dirent.h>
+#include <fcntl.h>
+#include <sys/file.h>
+#include <sys/stat.h>
+
+namespace qrtln {
+
+namespace {
+
+constexpr int store_format = 1;
+constexpr const char* format_file = "store.json";
+constexpr const char* format_temporary = "store.json.tmp";
+constexpr const char* lock_file = "lock";
+constexpr std::array skeleton_folders = {"objects", "sets", "runtime"};
+constexpr std::string_view manifest_suffix = ".json";
+constexpr std::string_view object_suffix = ".zst";
+constexpr std::string_view temporary_suffix = ".tmp";
+// A manifest of a million items stays below this.
+constexpr std::size_t maximal_manifest = std::size_t{1} << 30;
+
+std::vector<std::string> list_folder(int folder, const char* name) {
+    std::vector<std::string> names;
+    int fd = ::openat(folder, name, O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC);
+    if (fd < 0)
+        return names;
+    std::unique_ptr<DIR, int (*)(DIR*)> listing(::fdopendir(fd), ::closedir);
+    if (!listing) {
+        ::close(fd);
+        return names;
+    }
+    while (const dirent* entry = ::readdir(listing.get())) {
+        std::string_view entry_name = entry->d_name;
+        if (entry_name != "." && entry_name != "..")
+            names.emplace_back(entry_name);
+    }
+    std::sort(names.begin(), names.end());
+    return names;
+}
+
+bool exists(int folder, const char* name) {
+    struct stat status {};
+    return ::fstatat(folder, name, &status, AT_SYMLINK_NOFOLLOW) == 0;
+}
+
+// What a run that was killed while it created the store leaves: no file but known ones.
+bool is_unfinished_skeleton(int folder) {
+    for (const std::string& name : list_folder(folder, ".")) {
+        bool known = name == lock_file || name == format_temporary ||
+                     std::find(skeleton_folders.begin(), skeleton_folders.end(), name) !=
+                         skeleton_folders.end();
+        if (!known)
+            return false;
+    }
+    for (const char* name : skeleton_folders)
+        if (!list_folder(folder, name).empty())
+            return false;
+    return true;
+}
+
+// Writes, flushes and closes a new file. Returns 0 or the errno, and then leaves nothing.
+int write_flushed(int folder, const std::string& name, const std::string& bytes) {
+    ::unlinkat(folder, name.c_str(), 0);
+    FileDescriptor file(
+        ::openat(folder, name.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, 0600));
+    if (!file)
+        return errno;
+    int error = write_all(file.get(), as_bytes(bytes));
+    if (error == 0 && ::fsync(file.get()) != 0)
+        error = errno;
+    if (int close_error = file.close_checked(); error == 0)
+        error = close_error;
+    if (error != 0)
+        ::unlinkat(folder, name.c_str(), 0);
+    return error;
+}
+
+bool ends_in_number(std::string_view name) {
+    std::size_t dot = name.rfind('.');
+    return dot != std::string_view::npos && dot + 1 < name.size() &&
+           name.find_first_not_of("0123456789", dot + 1) == std::string_view::npos;
+}
+
+} // namespace
+
+std::unique_ptr<Store> open_directory_store(const std::string& directory, StoreAccess access,
+                                            std::string* damage) {
+    return std::make_unique<DirectoryStore>(directory, access, damage);
+}
+
+DirectoryStore::DirectoryStore(const std::string& directory, StoreAccess access,
+                               std::string* damage)
+    : m_directory(absolute_path(directory)) {
+    try {
+        open_folder(access);
+        if (access == StoreAccess::write) {
+            lock();
+            if (!exists(m_folder.get(), format_file))
+                create_skeleton();
+        }
+        check_format(access == StoreAccess::read_damaged ? damage : nullptr);
+        auto open_part = [&](const char* name) {
+            FileDescriptor part(
+                ::openat(m_folder.get(), name, O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC));
+            if (!part)
+                throw ClientError(ExitCode::no_store,
+                                  "cannot open the folder " + std::string(name) + " of " +
+                                      description() + ": " + system_error_text(errno));
+            return part;
+        };
+        m_objects = open_part("objects");
+        m_sets = open_part("sets");
+        if (access == StoreAccess::write) {
+            if (::mkdirat(m_folder.get(), "runtime", 0700) != 0 && errno != EEXIST)
+                fail("create the folder runtime", errno);
+            remove_leftovers();
+        }
+    } catch (...) {
+        discard_added();
+        throw;
+    }
+}
+
+DirectoryStore::~DirectoryStore() = default;
+
+std::string DirectoryStore::description() const {
+    return "the store " + for_terminal(m_directory);
+}
+
+std::string DirectoryStore::runtime_directory() const {
+    return m_directory + "/runtime";
+}
+
+void DirectoryStore::fail(const std::string& doing, int error) const {
+    std::string hint;
+    if (error == ENOSPC || error == EDQUOT)
+        hint = "make room on its file system; nothing of this run is kept there";
+    else if (error == EIO)
+        hint = "check the disk, then run `qrtln verify`";
+    else if (error == EROFS || error == EACCES || error == EPERM)
+        hint = "the store must be writable by the user that runs the backup";
+    else if (error == EFBIG)
+        hint = "raise the file size limit of the process (ulimit -f)";
+    throw ClientError(ExitCode::failed,
+                      "cannot " + doing + " in " + description() + ": " + system_error_text(error),
+                      hint);
+}
+
+void DirectoryStore::open_folder(StoreAccess access) {
+    auto open = [&] {
+        m_folder = FileDescriptor(::open(m_directory.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+        return static_cast<bool>(m_folder);
+    };
+    if (!open() && errno == ENOENT && access == StoreAccess::write) {
+        if (::mkdir(m_directory.c_str(), 0700) != 0 && errno != EEXIST) {
+            int error = errno;
+            throw ClientError(ExitCode::failed,
+                              "cannot create " + description() + ": " + system_error_text(error),
+                              error == ENOENT ? "create the folder above it first" : "");
+        }
+        m_folder_created = true;
+        open();
+    }
+    if (!m_folder && (errno == ENOENT || errno == ENOTDIR))
+        throw ClientError(ExitCode::no_store,
+                          "there is no store at " + for_terminal(m_directory) + ": " +
+                              system_error_text(errno),
+                          "`qrtln backup` creates a store in a new or empty folder");
+    if (!m_folder)
+        throw ClientError(ExitCode::failed,
+                          "cannot open " + description() + ": " + system_error_text(errno));
+    if (exists(m_folder.get(), format_file))
+        return;
+    if (access != StoreAccess::write)
+        throw ClientError(ExitCode::no_store,
+                          "there is no store at " + for_terminal(m_directory) +
+                              ": store.json is missing",
+                          "`qrtln backup` creates a store in a new or empty folder");
+    if (!is_unfinished_skeleton(m_folder.get()))
+        throw ClientError(ExitCode::no_store,
+                          "the folder " + for_terminal(m_directory) +
+                              " is not empty and is no store: store.json is missing",
+                          "name a store, or a new or empty folder, with --store");
+}
+
+void DirectoryStore::lock() {
+    for (;;) {
+        m_lock = FileDescriptor(
+            ::openat(m_folder.get(), lock_file, O_RDWR | O_CREAT | O_NOFOLLOW | O_CLOEXEC, 0600));
+        if (!m_lock)
+            fail("open the lock file", errno);
+        if (::flock(m_lock.get(), LOCK_EX | LOCK_NB) != 0) {
+            int error = errno;
+            if (error != EWOULDBLOCK)
+                fail("lock the lock file", error);
+            std::string holder(32, '\0');
+            ssize_t got = ::pread(m_lock.get(), holder.data(), holder.size(), 0);
+            holder.resize(got > 0 ? static_cast<std::size_t>(got) : 0);
+            holder.resize(std::min(holder.find_first_not_of("0123456789"), holder.size()));
+            m_folder_created = false;
+            std::string who = holder.empty() ? "another process" : "process " + holder;
+            bool gone = !holder.empty() && ::kill(static_cast<pid_t>(std::stol(holder)), 0) != 0 &&
+                        errno == ESRCH;
+            throw ClientError(ExitCode::locked,
+                              description() + " is locked by " + who +
+                                  (gone ? ", which ended: its child still closes the operation on "
+                                          "the server"
+                                        : ""),
+                              "wait until it has ended");
+        }
+        // A run that created a store and failed removes the lock file: then this is the wrong one.
+        struct stat locked {};
+        struct stat named {};
+        if (::fstat(m_lock.get(), &locked) == 0 &&
+            ::fstatat(m_folder.get(), lock_file, &named, AT_SYMLINK_NOFOLLOW) == 0 &&
+            locked.st_ino == named.st_ino && locked.st_dev == named.st_dev)
+            break;
+    }
+    // The number only helps the message above; a store that is full still locks.
+    std::string pid = std::to_string(::getpid()) + "\n";
+    if (::ftruncate(m_lock.get(), 0) == 0)
+        (void)!::pwrite(m_lock.get(), pid.data(), pid.size(), 0);
+}
+
+void DirectoryStore::create_skeleton() {
+    m_skeleton_created = true;
+    for (const char* name : skeleton_folders)
+        if (::mkdirat(m_folder.get(), name, 0700) != 0 && errno != EEXIST)
+            fail("create the folder " + std::string(name), errno);
+    // The format file comes last: without it the folder is no store.
+    std::string content = to_canonical({{"format", store_format}, {"type", "qrtln store"}});
+    if (int error = write_flushed(m_folder.get(), format_temporary, content); error != 0)
+        fail("write store.json", error);
+    if (::renameat(m_folder.get(), format_temporary, m_folder.get(), format_file) != 0)
+        fail("put store.json in place", errno);
+    if (::fsync(m_folder.get()) != 0)
+        fail("flush the folder", errno);
+    std::string parent = m_directory.substr(0, m_directory.rfind('/'));
+    if (m_folder_created)
+        if (int error = flush_directory(AT_FDCWD, parent.empty() ? "/" : parent); error != 0)
+            fail("flush the folder above", error);
+}
+
+void DirectoryStore::check_format(std::string* damage) {
+    std::string problem;
+    std::optional<std::string> bytes = read_small_file(m_folder.get(), format_file, 65536);
+    if (!bytes)
+        problem = "cannot be read: " + system_error_text(errno);
+    std::optional<nlohmann::json> document;
+    if (bytes)
+        document = from_canonical(*bytes, problem);
+    if (document) {
+        auto format = document->find("format");
+        if (document->value("type", nlohmann::json()) != "qrtln store" ||
+            format == document->end() || !format->is_number_integer())
+            problem = "is not the format file of a store";
+        else if (*format != store_format)
+            throw ClientError(ExitCode::no_store,
+                              description() + " has the format " + format->dump() +
+                                  ", which this version of qrtln does not know",
+                              "use the version of qrtln that wrote it, or a newer one");
+    }
+    if (problem.empty())
+        return;
+    if (damage == nullptr)
+        throw ClientError(ExitCode::no_store, "store.json of " + description() + " " + problem,
+                          "`qrtln verify` tells what else is damaged");
+    *damage = "store.json " + problem;
+}
+
+// Only this process uses the store: what has a temporary name was left by a run that was killed,
+// and so was a working copy of the module's index, which ends in the number of its process.
+void DirectoryStore::remove_leftovers() noexcept {
+    try {
+        for (int folder : {m_objects.get(), m_sets.get()})
+            for (const std::string& name : list_folder(folder, "."))
+                if (name.ends_with(temporary_suffix))
+                    ::unlinkat(folder, name.c_str(), 0);
+        ::unlinkat(m_folder.get(), format_temporary, 0);
+        FileDescriptor runtime(
+            ::openat(m_folder.get(), "runtime", O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC));
+        if (runtime)
+            for (const std::string& name : list_folder(runtime.get(), "."))
+                if (ends_in_number(name))
+                    ::unlinkat(runtime.get(), name.c_str(), 0);
+    } catch (...) {
+        // Out of memory: they stay until the next run.
+    }
+}
+
+std::unique_ptr<ObjectWriter> DirectoryStore::create_object() {
+    return std::make_unique<DirectoryObjectWriter>(*this);
+}
+
+ObjectCheck DirectoryStore::read_object(const std::string& hash,
+                                        const std::function<void(Bytes)>& sink) {
+    ObjectCheck check;
+    FileDescriptor file(::openat(m_objects.get(), object_file_name(hash).c_str(),
+                                 O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC));
+    struct stat status {};
+    if (!file || ::fstat(file.get(), &status) != 0) {
+        check.problem =
+            errno == ENOENT ? "is missing" : "cannot be opened: " + system_error_text(errno);
+        return check;
+    }
+    if (!S_ISREG(status.st_mode)) {
+        check.problem = "is no file";
+        return check;
+    }
+    Sha256 digest;
+    check.problem = decompress(file.get(), [&](Bytes bytes) {
+        digest.update(bytes);
+        check.size += bytes.size();
+        sink(bytes);
+    });
+    if (check.problem.empty() && digest.finish() != hash)
+        check.problem = "does not have the content that its name tells";
+    return check;
+}
+
+std::vector<std::string> DirectoryStore::objects(std::vector<std::string>* foreign) {
+    std::vector<std::string> hashes;
+    for (const std::string& folder : list_folder(m_objects.get(), ".")) {
+        bool object_folder = folder.size() == 2 && from_hex(folder).has_value();
+        if (!object_folder) {
+            if (foreign != nullptr)
+                foreign->push_back("objects/" + folder);
+            continue;
+        }
+        for (const std::string& name : list_folder(m_objects.get(), folder.c_str())) {
+            std::string hash = name.substr(0, name.rfind('.'));
+            if (name == hash + std::string(object_suffix) && is_sha256_hex(hash) &&
+                hash.starts_with(folder))
+                hashes.push_back(hash);
+            else if (foreign != nullptr)
+                foreign->push_back("objects/" + folder + "/" + name);
+        }
+    }
+    return hashes;
+}
+
+std::vector<std::string> DirectoryStore::set_names() {
+    std::vector<std::string> names;
+    for (const std::string& name : list_folder(m_sets.get(), "."))
+        if (name.ends_with(manifest_suffix))
+            names.push_back(name.substr(0, name.size() - manifest_suffix.size()));
+    // By the set's name, not the file's: "-" sorts before ".".
+    std::sort(names.begin(), names.end());
+    return names;
+}
+
+std::optional<std::string> DirectoryStore::read_manifest(const std::string& set,
+                                                         std::string& problem) {
+    std::optional<std::string> bytes =
+        read_small_file(m_sets.get(), set + std::string(manifest_suffix), maximal_manifest);
+    if (!bytes)
+        problem = errno == ENOENT ? "is missing" : "cannot be read: " + system_error_text(errno);
+    return bytes;
+}
+
+void DirectoryStore::write_manifest(const std::string& set, const std::string& bytes) {
+    std::string name = set + std::string(manifest_suffix);
+    std::string temporary = name + std::string(temporary_suffix);
+    bool replaces = exists(m_sets.get(), name.c_str());
+    if (int error = write_flushed(m_sets.get(), temporary, bytes); error != 0)
+        fail("write the manifest " + set, error);
+    if (::renameat(m_sets.get(), temporary.c_str(), m_sets.get(), name.c_str()) != 0) {
+        int error = errno;
+        ::unlinkat(m_sets.get(), temporary.c_str(), 0);
+        fail("put the manifest " + set + " in place", error);
+    }
+    if (::fsync(m_sets.get()) != 0) {
+        int error = errno;
+        if (!replaces)
+            ::unlinkat(m_sets.get(), name.c_str(), 0);
+        fail("flush the folder sets", error);
+    }
+}
+
+void DirectoryStore::flush() {
+    for (const std::string& folder : m_unflushed)
+        if (int error = flush_directory(m_objects.get(), folder); error != 0)
+            fail("flush the folder objects/" + folder, error);
+    m_unflushed.clear();
+    if (m_objects_unflushed && ::fsync(m_objects.get()) != 0)
+        fail("flush the folder objects", errno);
+    m_objects_unflushed = false;
+}
+
+void DirectoryStore::keep_added() noexcept {
+    m_added.clear();
+}
+
+// Best effort: this runs because something failed already, and that is what gets reported.
+void DirectoryStore::discard_added() noexcept {
+    for (const std::string& name : m_added) {
+        ::unlinkat(m_objects.get(), name.c_str(), 0);
+        ::unlinkat(m_objects.get(), name.substr(0, 2).c_str(), AT_REMOVEDIR); // when it is empty
+    }
+    m_added.clear();
+    if (m_lock && m_objects)
+        remove_leftovers();
+    try {
+        if (m_skeleton_created && (!m_sets || set_names().empty())) {
+            m_skeleton_created = false;
+            ::unlinkat(m_folder.get(), format_file, 0);
+            ::unlinkat(m_folder.get(), format_temporary, 0);
+            for (const char* name : skeleton_folders)
+                remove_tree(m_folder.get(), name);
+            ::unlinkat(m_folder.get(), lock_file, 0);
+        }
+    } catch (...) {
+        return; // out of memory while listing: the empty store stays
+    }
+    // Succeeds only for a folder that is empty.
+    if (m_folder_created && !exists(m_folder.get(), format_file)) {
+        ::unlinkat(m_folder.get(), lock_file, 0);
+        ::rmdir(m_directory.c_str());
+    }
+}
+
+} // namespace qrtln

@@ -1,0 +1,51 @@
+// The store in a folder. docs/store-format.md describes its files.
+#pragma once
+
+#include "client/store/store.h"
+
+#include <set>
+
+namespace qrtln {
+
+class DirectoryStore final : public Store {
+  public:
+    DirectoryStore(const std::string& directory, StoreAccess access, std::string* damage);
+    ~DirectoryStore() override;
+
+    std::string description() const override;
+    std::string runtime_directory() const override;
+    std::unique_ptr<ObjectWriter> create_object() override;
+    ObjectCheck read_object(const std::string& hash,
+                            const std::function<void(Bytes)>& sink) override;
+    std::vector<std::string> objects(std::vector<std::string>* foreign) override;
+    std::vector<std::string> set_names() override;
+    std::optional<std::string> read_manifest(const std::string& set, std::string& problem) override;
+    void write_manifest(const std::string& set, const std::string& bytes) override;
+    void flush() override;
+    void discard_added() noexcept override;
+    void keep_added() noexcept override;
+
+  private:
+    friend class DirectoryObjectWriter;
+
+    void open_folder(StoreAccess access);
+    void lock();
+    void create_skeleton();
+    void check_format(std::string* damage);
+    void remove_leftovers() noexcept;
+    [[noreturn]] void fail(const std::string& doing, int error) const;
+
+    std::string m_directory; // absolute
+    FileDescriptor m_folder;
+    FileDescriptor m_objects;
+    FileDescriptor m_sets;
+    FileDescriptor m_lock;
+    bool m_folder_created = false;   // by this run
+    bool m_skeleton_created = false; // by this run
+    unsigned m_next_temporary = 0;
+    std::vector<std::string> m_added;  // names below objects/
+    std::set<std::string> m_unflushed; // folders below objects/ that a rename changed
+    bool m_objects_unflushed = false;  // objects/ itself
+};
+
+} // namespace qrtln

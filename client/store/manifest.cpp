@@ -1,0 +1,224 @@
+#include "client/store/manifest.h"
+
+#include "client/store/canonical_json.h"
+#include "client/store/digest.h"
+#include "client/text.h"
+
+#include <array>
+#include <stdexcept>
+
+namespace qrtln {
+
+namespace {
+
+using nlohmann::json;
+
+constexpr std::array kind_names = {"directory", "database", "log", "log_control", "file"};
+
+ItemKind kind_of(const std::string& name) {
+    for (std::size_t i = 0; i < kind_names.size(); ++i)
+        if (name == kind_names[i])
+            return static_cast<ItemKind>(i);
+    throw std::runtime_error("an unknown kind of item");
+}
+
+// Bytes go into `name` as text; where that is not exact, their hexadecimal form goes beside it.
+void put_bytes(json& object, const std::string& name, const std::string& bytes) {
+    object[name] = printable_utf8(bytes);
+    if (!is_utf8(bytes))
+        object[name + "_hex"] = to_hex(bytes);
+}
+
+std::string get_bytes(const json& object, const std::string& name) {
+    std::string text = object.at(name).get<std::string>();
+    auto hex = object.find(name + "_hex");
+    if (hex == object.end())
+        return text;
+    std::optional<std::string> bytes = from_hex(hex->get<std::string>());
+    if (!bytes || printable_utf8(*bytes) != text)
+        throw std::runtime_error("a path in two forms that differ");
+    return *bytes;
+}
+
+json item_to_json(const ManifestItem& item) {
+    json out;
+    put_bytes(out, "path", item.path);
+    out["kind"] = item_kind_name(item.kind);
+    out["status"] = item.status == ItemStatus::stored ? "stored" : "failed";
+    if (!item.reason.empty())
+        out["reason"] = printable_utf8(item.reason);
+    if (item.has_metadata) {
+        out["mode"] = item.mode;
+        out["uid"] = item.uid;
+        out["gid"] = item.gid;
+        out["owner"] = printable_utf8(item.owner);
+        out["group"] = printable_utf8(item.group);
+        out["mtime_ns"] = item.mtime_ns;
+    }
+    if (!item.object.empty()) {
+        out["object"] = item.object;
+        out["size"] = item.size;
+        out["stored_size"] = item.stored_size;
+    }
+    if (item.prepare_status != 0)
+        out["prepare_status"] = item.prepare_status;
+    if (item.log)
+        out["log"] = {{"number", item.log->number},
+                      {"archive_id", item.log->archive_id},
+                      {"active", item.log->active}};
+    if (!item.warnings.empty()) {
+        json& warnings = out["warnings"] = json::array();
+        for (const std::string& warning : item.warnings)
+            warnings.push_back(printable_utf8(warning));
+    }
+    return out;
+}
+
+ManifestItem item_from_json(const json& in) {
+    ManifestItem item;
+    item.path = get_bytes(in, "path");
+    item.kind = kind_of(in.at("kind").get<std::string>());
+    std::string status = in.at("status").get<std::string>();
+    if (status != "stored" && status != "failed")
+        throw std::runtime_error("an unknown status of an item");
+    item.status = status == "stored" ? ItemStatus::stored : ItemStatus::failed;
+    item.reason = in.value("reason", "");
+    if (in.contains("mode")) {
+        item.has_metadata = true;
+        item.mode = in.at("mode").get<std::uint32_t>();
+        item.uid = in.at("uid").get<std::uint32_t>();
+        item.gid = in.at("gid").get<std::uint32_t>();
+        item.owner = in.at("owner").get<std::string>();
+        item.group = in.at("group").get<std::string>();
+        item.mtime_ns = in.at("mtime_ns").get<std::int64_t>();
+    }
+    if (in.contains("object")) {
+        item.object = in.at("object").get<std::string>();
+        if (!is_sha256_hex(item.object))
+            throw std::runtime_error("an object name that is no digest");
+        item.size = in.at("size").get<std::uint64_t>();
+        item.stored_size = in.at("stored_size").get<std::uint64_t>();
+    }
+    if (item.status == ItemStatus::stored && item.kind != ItemKind::directory &&
+        item.object.empty())
+        throw std::runtime_error("a stored item without content");
+    item.prepare_status = in.value("prepare_status", 0);
+    if (in.contains("log")) {
+        const json& log = in.at("log");
+        item.log =
+            LogIdentity{log.at("number").get<std::uint32_t>(),
+                        log.at("archive_id").get<std::string>(), log.at("active").get<bool>()};
+    }
+    if (in.contains("warnings"))
+        item.warnings = in.at("warnings").get<std::vector<std::string>>();
+    return item;
+}
+
+} // namespace
+
+const char* item_kind_name(ItemKind kind) {
+    return kind_names[static_cast<std::size_t>(kind)];
+}
+
+std::string status_text(const Manifest& manifest) {
+    std::string text = manifest.complete ? "complete" : "incomplete";
+    return manifest.close_error.empty() ? text : text + ", close failed";
+}
+
+ManifestTotals totals(const Manifest& manifest) {
+    ManifestTotals sum;
+    for (const ManifestItem& item : manifest.items) {
+        sum.warnings += item.warnings.size();
+        if (item.status == ItemStatus::failed) {
+            ++sum.failed_items;
+        } else if (item.kind != ItemKind::directory) {
+            ++sum.stored_items;
+            sum.bytes += item.size;
+            sum.databases += item.kind == ItemKind::database ? 1 : 0;
+        }
+    }
+    return sum;
+}
+
+std::string serialize(const Manifest& manifest) {
+    json out;
+    out["format"] = manifest_format;
+    out["set"] = manifest.set;
+    out["level"] = manifest.level;
+    out["started"] = manifest.started;
+    out["ended"] = manifest.ended;
+    out["status"] = manifest.complete ? "complete" : "incomplete";
+    if (!manifest.close_error.empty())
+        out["close_error"] = printable_utf8(manifest.close_error);
+    out["selection"]["whole_system"] = manifest.whole_system;
+    json& arguments = out["selection"]["databases"] = json::array();
+    for (const std::string& argument : manifest.arguments) {
+        json entry;
+        put_bytes(entry, "path", argument);
+        arguments.push_back(entry);
+    }
+    json& server = out["server"];
+    server["host"] = printable_utf8(manifest.host);
+    put_bytes(server, "notes_ini", manifest.notes_ini);
+    put_bytes(server, "data_directory", manifest.data_directory);
+    out["client_version"] = manifest.client_version;
+    json& module = out["module"];
+    put_bytes(module, "file", manifest.module_file);
+    module["client"] = printable_utf8(manifest.module_client);
+    module["version"] = printable_utf8(manifest.module_version);
+    module["release"] = printable_utf8(manifest.module_release);
+    out["new_bytes"] = manifest.new_bytes;
+    json& items = out["items"] = json::array();
+    for (const ManifestItem& item : manifest.items)
+        items.push_back(item_to_json(item));
+    return to_canonical(std::move(out));
+}
+
+std::optional<Manifest> parse_manifest(const std::string& bytes, const std::string& set,
+                                       std::string& problem) {
+    std::optional<json> in = from_canonical(bytes, problem);
+    if (!in)
+        return std::nullopt;
+    try {
+        if (int format = in->at("format").get<int>(); format != manifest_format) {
+            problem = "has the format " + std::to_string(format) +
+                      ", which this version of qrtln "
+                      "does not know";
+            return std::nullopt;
+        }
+        Manifest manifest;
+        manifest.set = in->at("set").get<std::string>();
+        if (manifest.set != set) {
+            problem = "is the manifest of the set " + manifest.set;
+            return std::nullopt;
+        }
+        manifest.level = in->at("level").get<std::string>();
+        manifest.started = in->at("started").get<std::int64_t>();
+        manifest.ended = in->at("ended").get<std::int64_t>();
+        manifest.complete = in->at("status").get<std::string>() == "complete";
+        manifest.close_error = in->value("close_error", "");
+        const json& selection = in->at("selection");
+        manifest.whole_system = selection.at("whole_system").get<bool>();
+        for (const json& argument : selection.at("databases"))
+            manifest.arguments.push_back(get_bytes(argument, "path"));
+        const json& server = in->at("server");
+        manifest.host = server.at("host").get<std::string>();
+        manifest.notes_ini = get_bytes(server, "notes_ini");
+        manifest.data_directory = get_bytes(server, "data_directory");
+        manifest.client_version = in->at("client_version").get<std::string>();
+        const json& module = in->at("module");
+        manifest.module_file = get_bytes(module, "file");
+        manifest.module_client = module.at("client").get<std::string>();
+        manifest.module_version = module.at("version").get<std::string>();
+        manifest.module_release = module.at("release").get<std::string>();
+        manifest.new_bytes = in->at("new_bytes").get<std::uint64_t>();
+        for (const json& item : in->at("items"))
+            manifest.items.push_back(item_from_json(item));
+        return manifest;
+    } catch (const std::exception& failure) {
+        problem = std::string("is not in the form of a manifest: ") + failure.what();
+        return std::nullopt;
+    }
+}
+
+} // namespace qrtln

@@ -1,0 +1,89 @@
+// The description of one set: what it holds, of which server, and how the run went.
+#pragma once
+
+#include <cstdint>
+#include <map>
+#include <optional>
+#include <string>
+#include <vector>
+
+namespace qrtln {
+
+inline constexpr int manifest_format = 1;
+
+enum class ItemKind { directory, database, log, log_control, file };
+enum class ItemStatus { stored, failed };
+
+// A transaction log, as the module announced it.
+struct LogIdentity {
+    std::uint32_t number = 0;
+    std::string archive_id; // eight hexadecimal digits
+    bool active = false;    // the log that was still being written
+};
+
+struct ManifestItem {
+    std::string path; // the bytes of the full path
+    ItemKind kind = ItemKind::file;
+    ItemStatus status = ItemStatus::failed;
+    std::string reason; // why it failed
+    // metadata of the original; absent when it could not be looked at
+    bool has_metadata = false;
+    std::uint32_t mode = 0; // permission bits
+    std::uint32_t uid = 0;
+    std::uint32_t gid = 0;
+    std::string owner; // names, empty when the system has none
+    std::string group;
+    std::int64_t mtime_ns = 0; // nanoseconds since 1970
+    // content, of everything stored but directories
+    std::string object;
+    std::uint64_t size = 0;
+    std::uint64_t stored_size = 0;
+    int prepare_status = 0; // what the module answered, 0 when it was not asked
+    std::optional<LogIdentity> log;
+    std::vector<std::string> warnings;
+};
+
+struct Manifest {
+    std::string set;
+    std::string level;
+    std::int64_t started = 0; // seconds since 1970
+    std::int64_t ended = 0;
+    bool complete = false;   // every item was stored
+    std::string close_error; // why the module's operation did not close well, if so
+    bool whole_system = false;
+    std::vector<std::string> arguments; // the DATABASE arguments as resolved paths
+    std::string host;
+    std::string notes_ini;
+    std::string data_directory;
+    std::string client_version;
+    std::string module_file;
+    std::string module_client;
+    std::string module_version;
+    std::string module_release;
+    std::uint64_t new_bytes = 0; // bytes that this set added to the store
+    std::vector<ManifestItem> items;
+};
+
+const char* item_kind_name(ItemKind kind);
+
+// "complete", "incomplete", with ", close failed" where the module's operation did not close.
+std::string status_text(const Manifest& manifest);
+
+struct ManifestTotals {
+    std::size_t databases = 0;
+    std::size_t stored_items = 0; // directories not counted
+    std::size_t failed_items = 0;
+    std::size_t warnings = 0;
+    std::uint64_t bytes = 0;
+};
+ManifestTotals totals(const Manifest& manifest);
+
+// The bytes of the manifest's file.
+std::string serialize(const Manifest& manifest);
+
+// Reads them back. Returns nothing with `problem` set for anything that serialize did not write, or
+// that is not the manifest of `set`.
+std::optional<Manifest> parse_manifest(const std::string& bytes, const std::string& set,
+                                       std::string& problem);
+
+} // namespace qrtln

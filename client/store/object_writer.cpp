@@ -1,0 +1,119 @@
+#include "client/store/object_writer.h"
+
+#include <algorithm>
+#include <cerrno>
+#include <fcntl.h>
+#include <sys/stat.h>
+
+namespace qrtln {
+
+namespace {
+
+// Whether the rest of both files has the same bytes.
+bool same_bytes(int left, int right) {
+    constexpr std::size_t block = 256 * 1024;
+    std::vector<std::byte> left_bytes(block);
+    std::vector<std::byte> right_bytes(block);
+    for (;;) {
+        ssize_t left_got = read_up_to(left, left_bytes);
+        ssize_t right_got = read_up_to(right, right_bytes);
+        if (left_got < 0 || left_got != right_got)
+            return false;
+        if (left_got == 0)
+            return true;
+        if (!std::equal(left_bytes.begin(), left_bytes.begin() + left_got, right_bytes.begin()))
+            return false;
+    }
+}
+
+} // namespace
+
+std::string object_file_name(const std::string& hash) {
+    return hash.substr(0, 2) + "/" + hash + ".zst";
+}
+
+DirectoryObjectWriter::DirectoryObjectWriter(DirectoryStore& store)
+    : m_store(store), m_temporary("incoming-" + std::to_string(store.m_next_temporary++) + ".tmp"),
+      m_compressor([this](Bytes compressed) { append(compressed); }) {
+    m_file = FileDescriptor(::openat(store.m_objects.get(), m_temporary.c_str(),
+                                     O_RDWR | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, 0600));
+    if (!m_file) {
+        m_temporary.clear();
+        store.fail("create an object", errno);
+    }
+}
+
+DirectoryObjectWriter::~DirectoryObjectWriter() {
+    if (!m_temporary.empty())
+        ::unlinkat(m_store.m_objects.get(), m_temporary.c_str(), 0);
+}
+
+void DirectoryObjectWriter::append(Bytes compressed) {
+    if (int error = write_all(m_file.get(), compressed); error != 0)
+        m_store.fail("write an object", error);
+    m_stored_size += compressed.size();
+}
+
+void DirectoryObjectWriter::write(Bytes bytes) {
+    m_digest.update(bytes);
+    m_size += bytes.size();
+    m_compressor.write(bytes);
+}
+
+// An object that is there already is trusted only after a look: a damaged one is replaced by the
+// good copy at hand, which mends older sets too.
+bool DirectoryObjectWriter::existing_is_whole(const std::string& name, const std::string& hash,
+                                              std::uint64_t& stored_size) {
+    FileDescriptor existing(::openat(m_store.m_objects.get(), name.c_str(),
+                                     O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC));
+    struct stat status {};
+    if (!existing || ::fstat(existing.get(), &status) != 0 || !S_ISREG(status.st_mode))
+        return false;
+    stored_size = static_cast<std::uint64_t>(status.st_size);
+    if (stored_size == m_stored_size && ::lseek(m_file.get(), 0, SEEK_SET) == 0 &&
+        same_bytes(existing.get(), m_file.get()))
+        return true;
+    // Another version of the compressor may have written other bytes for the same content.
+    ObjectCheck check = m_store.read_object(hash, [](Bytes) {});
+    return check.problem.empty() && check.size == m_size;
+}
+
+StoredObject DirectoryObjectWriter::finish() {
+    m_compressor.finish();
+    StoredObject object;
+    object.hash = m_digest.finish();
+    object.size = m_size;
+    object.stored_size = m_stored_size;
+
+    std::string folder = object.hash.substr(0, 2);
+    std::string name = object_file_name(object.hash);
+    int objects = m_store.m_objects.get();
+    bool exists = ::faccessat(objects, name.c_str(), F_OK, AT_SYMLINK_NOFOLLOW) == 0;
+    // The folder is flushed even for an object that was there: the run that wrote it may have been
+    // killed before it did.
+    m_store.m_unflushed.insert(folder);
+    m_store.m_objects_unflushed = true;
+    if (exists) {
+        std::uint64_t stored_size = 0;
+        if (existing_is_whole(name, object.hash, stored_size)) {
+            object.stored_size = stored_size;
+            return object;
+        }
+    }
+    if (::fsync(m_file.get()) != 0)
+        m_store.fail("flush an object", errno);
+    if (int error = m_file.close_checked(); error != 0)
+        m_store.fail("close an object", error);
+    if (::mkdirat(objects, folder.c_str(), 0700) != 0 && errno != EEXIST)
+        m_store.fail("create a folder for objects", errno);
+    if (::renameat(objects, m_temporary.c_str(), objects, name.c_str()) != 0)
+        m_store.fail("put an object in place", errno);
+    m_temporary.clear();
+    object.added = true;
+    // A mended object belongs to older sets: it is not taken back with this run.
+    if (!exists)
+        m_store.m_added.push_back(name);
+    return object;
+}
+
+} // namespace qrtln

@@ -1,0 +1,87 @@
+// Where sets are kept. A store holds objects, each the content of one item under the SHA-256 of its
+// plain bytes, and manifests, each the description of one set under the set's name.
+#pragma once
+
+#include "client/file_io.h"
+
+#include <cstdint>
+#include <functional>
+#include <memory>
+#include <optional>
+#include <string>
+#include <vector>
+
+namespace qrtln {
+
+struct StoredObject {
+    std::string hash;              // SHA-256 of the plain bytes, lower-case hexadecimal
+    std::uint64_t size = 0;        // plain bytes
+    std::uint64_t stored_size = 0; // bytes in the store
+    bool added = false;            // false: the store had it already
+};
+
+// Takes the content of one object. Destroyed without finish(), it leaves nothing behind.
+class ObjectWriter {
+  public:
+    virtual ~ObjectWriter() = default;
+    // Throws ClientError when the store cannot take the bytes.
+    virtual void write(Bytes bytes) = 0;
+    // Makes the object part of the store, durable after the store's next flush().
+    virtual StoredObject finish() = 0;
+};
+
+struct ObjectCheck {
+    std::string problem; // empty: the object is whole
+    std::uint64_t size = 0;
+};
+
+class Store {
+  public:
+    virtual ~Store() = default;
+
+    // The place in words, for messages.
+    virtual std::string description() const = 0;
+    // The folder of the module's run-time data; an absolute path on this machine.
+    virtual std::string runtime_directory() const = 0;
+
+    // --- objects. REQUIRES for everything that writes: the store was opened for writing.
+    virtual std::unique_ptr<ObjectWriter> create_object() = 0;
+    // Decompresses an object into `sink` and compares it with its hash; `sink` has seen the bytes
+    // before the check is complete.
+    virtual ObjectCheck read_object(const std::string& hash,
+                                    const std::function<void(Bytes)>& sink) = 0;
+    // The hashes of all objects, sorted; names that are no object go to `foreign` if given.
+    virtual std::vector<std::string> objects(std::vector<std::string>* foreign = nullptr) = 0;
+
+    // --- manifests
+    // The names of all sets, oldest first.
+    virtual std::vector<std::string> set_names() = 0;
+    // The bytes of a manifest, or nothing with `problem` set.
+    virtual std::optional<std::string> read_manifest(const std::string& set,
+                                                     std::string& problem) = 0;
+    // Stores a manifest so that a crash leaves the old state or the new one, flushed to disk.
+    // Throws ClientError; then the set is not there (or as it was before).
+    virtual void write_manifest(const std::string& set, const std::string& bytes) = 0;
+
+    // --- the run
+    // Flushes every folder that a finished object went to. Throws ClientError.
+    virtual void flush() = 0;
+    // Takes back every object that was added since the opening, and what else this run created:
+    // a store that was new and has no set is removed. Goes on after failures.
+    virtual void discard_added() noexcept = 0;
+    // From here on nothing is taken back: a manifest refers to it.
+    virtual void keep_added() noexcept = 0;
+};
+
+enum class StoreAccess {
+    read,
+    read_damaged, // as read, but a damaged store.json is reported by damage(), not thrown
+    write,        // locked against other writers; created when missing or an empty folder
+};
+
+// Opens the store in the folder `directory`. Throws ClientError: no_store, locked, failed.
+// In `damage`, when given, read_damaged leaves what is wrong with store.json.
+std::unique_ptr<Store> open_directory_store(const std::string& directory, StoreAccess access,
+                                            std::string* damage = nullptr);
+
+} // namespace qrtln

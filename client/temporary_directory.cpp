@@ -1,0 +1,109 @@
+#include "client/temporary_directory.h"
+
+#include "client/error.h"
+#include "client/text.h"
+
+#include <cerrno>
+#include <charconv>
+#include <csignal>
+#include <cstdlib>
+#include <dirent.h>
+#include <fcntl.h>
+#include <memory>
+#include <string_view>
+#include <sys/file.h>
+#include <sys/stat.h>
+#include <vector>
+
+namespace qrtln {
+
+namespace {
+
+constexpr std::string_view name_prefix = "qrtln-";
+constexpr std::size_t random_length = 6; // of mkdtemp
+
+// The process id in a folder's name "qrtln-PID-XXXXXX", or 0 for another name.
+pid_t owner_of(std::string_view name) {
+    if (!name.starts_with(name_prefix))
+        return 0;
+    name.remove_prefix(name_prefix.size());
+    pid_t pid = 0;
+    auto [end, error] = std::from_chars(name.data(), name.data() + name.size(), pid);
+    std::string_view rest = name.substr(static_cast<std::size_t>(end - name.data()));
+    bool ours =
+        error == std::errc() && pid > 0 && rest.size() == random_length + 1 && rest.front() == '-';
+    return ours ? pid : 0;
+}
+
+// A run that was killed leaves its folder. It is dead when neither it nor its child holds the lock
+// and no process has its number (which covers the moment before a run has taken its lock).
+void remove_leftovers(const std::string& base) {
+    FileDescriptor folder(::open(base.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+    std::unique_ptr<DIR, int (*)(DIR*)> listing(::opendir(base.c_str()), ::closedir);
+    if (!folder || !listing)
+        return;
+    std::vector<std::string> dead;
+    while (const dirent* entry = ::readdir(listing.get())) {
+        pid_t owner = owner_of(entry->d_name);
+        if (owner == 0 || ::kill(owner, 0) == 0 || errno != ESRCH)
+            continue;
+        dead.emplace_back(entry->d_name);
+    }
+    for (const std::string& name : dead) {
+        FileDescriptor leftover(
+            ::openat(folder.get(), name.c_str(), O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC));
+        struct stat status {};
+        if (leftover && ::fstat(leftover.get(), &status) == 0 && status.st_uid == ::geteuid() &&
+            ::flock(leftover.get(), LOCK_EX | LOCK_NB) == 0)
+            remove_tree(folder.get(), name); // what cannot be removed does no harm to this run
+    }
+}
+
+} // namespace
+
+TemporaryDirectory::TemporaryDirectory(const std::string& base, const std::string& data_directory) {
+    std::string shown = for_terminal(base);
+    std::optional<std::string> real_base = real_path(base);
+    if (!real_base)
+        throw ClientError(ExitCode::failed,
+                          "cannot use the temporary directory " + shown + ": " +
+                              system_error_text(errno),
+                          "name a folder with room for the largest database with --tmp-dir");
+    std::optional<std::string> real_data = real_path(data_directory);
+    if (real_data && is_below(*real_base, *real_data))
+        throw ClientError(ExitCode::failed,
+                          "the temporary directory " + shown + " is inside the data directory " +
+                              for_terminal(data_directory),
+                          "name a folder elsewhere with --tmp-dir");
+    remove_leftovers(*real_base);
+    std::string path = *real_base == "/" ? "" : *real_base;
+    path += "/" + std::string(name_prefix) + std::to_string(::getpid()) + "-XXXXXX";
+    if (::mkdtemp(path.data()) == nullptr)
+        throw ClientError(ExitCode::failed,
+                          "cannot create a folder in the temporary directory " + shown + ": " +
+                              system_error_text(errno),
+                          "name a folder with room for the largest database with --tmp-dir");
+    m_path = path;
+    m_lock = FileDescriptor(::open(path.c_str(), O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC));
+    if (!m_lock || ::flock(m_lock.get(), LOCK_EX | LOCK_NB) != 0) {
+        int error = errno;
+        remove();
+        throw ClientError(ExitCode::failed, "cannot lock the temporary folder " +
+                                                for_terminal(path) + ": " +
+                                                system_error_text(error));
+    }
+}
+
+int TemporaryDirectory::remove() {
+    if (m_path.empty())
+        return 0;
+    int error = remove_tree(AT_FDCWD, m_path);
+    m_path.clear();
+    return error;
+}
+
+TemporaryDirectory::~TemporaryDirectory() {
+    remove(); // what stays is removed by the next run
+}
+
+} // namespace qrtln

@@ -1,0 +1,32 @@
+// The private folder that the module copies databases into, for one operation.
+#pragma once
+
+#include "client/file_io.h"
+
+#include <string>
+
+namespace qrtln {
+
+class TemporaryDirectory {
+  public:
+    // Makes a folder of mode 0700 below `base`, after removing what killed runs of this user left
+    // there. Throws ClientError(failed); one reason is a base inside the data directory, where the
+    // module's copies would be databases of the server.
+    TemporaryDirectory(const std::string& base, const std::string& data_directory);
+    // Removes it with its content; symbolic links are never followed.
+    ~TemporaryDirectory();
+    TemporaryDirectory(const TemporaryDirectory&) = delete;
+    TemporaryDirectory& operator=(const TemporaryDirectory&) = delete;
+
+    // Absolute, without a trailing "/".
+    const std::string& path() const { return m_path; }
+
+    // Removes it now. Returns 0 or the errno of what could not be removed.
+    int remove();
+
+  private:
+    std::string m_path;
+    FileDescriptor m_lock; // shared with the child: held for as long as one of them lives
+};
+
+} // namespace qrtln
