@@ -1,0 +1,102 @@
+#include "notes_simulator/api_call.h"
+
+#include <fcntl.h>
+#include <sys/file.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <new>
+
+namespace notes_sim {
+
+OpenDatabase::OpenDatabase(const Server& server, const std::filesystem::path& path)
+    : file(path), key(server.keyOf(path)) {
+    // flock, unlike the record locks of SQLite, survives that the same file is closed elsewhere.
+    const std::filesystem::path lock = server.state / "open" / key;
+    useLock = ::open(lock.c_str(), O_RDWR | O_CREAT | O_CLOEXEC, 0666);
+    if (useLock < 0) {
+        throwErrno(errno, lock.string());
+    }
+    if (::flock(useLock, LOCK_SH | LOCK_NB) != 0) {
+        ::close(useLock);
+        throw StatusError(kDatabaseInUse, key);
+    }
+}
+
+OpenDatabase::~OpenDatabase() {
+    ::close(useLock);
+}
+
+Process& process() {
+    // Never destroyed: a host may call from its own exit handlers.
+    static Process* const instance = new Process;
+    return *instance;
+}
+
+const Server& runningServer() {
+    if (!process().server) {
+        throw StatusError(kNotInitialised, "");
+    }
+    return *process().server;
+}
+
+const Server& knownServer() {
+    if (!process().lastServer) {
+        throw StatusError(kNotInitialised, "");
+    }
+    return *process().lastServer;
+}
+
+std::string quoted(const char* text) {
+    if (text == nullptr) {
+        return "NULL";
+    }
+    std::string result = "\"";
+    for (; *text != '\0'; ++text) {
+        const char c = *text;
+        if (c == '\n') {
+            result += "\\n"; // a call is one line
+        } else {
+            result += c;
+        }
+    }
+    return result + "\"";
+}
+
+ApiCall::ApiCall(const char* function, std::string arguments)
+    : m_lock(process().mutex), m_function(function), m_arguments(std::move(arguments)) {
+    static_cast<void>(readFaultEnvironment()); // NotesInitExtended reports a text that is not valid
+    m_fault = faultFor(function);
+}
+
+ApiCall::~ApiCall() {
+    try {
+        journalLine(std::string(m_function) + "(" + m_arguments + ")" +
+                    (m_result.empty() ? "" : " -> " + m_result) + m_outputs +
+                    (m_fault ? " [fault]" : ""));
+    } catch (const std::exception&) {
+        // A line that cannot be written must not change what the call does.
+    }
+}
+
+void ApiCall::output(const char* name, std::uint64_t value) {
+    m_outputs += std::string(" ") + name + "=" + std::to_string(value);
+}
+
+void ApiCall::output(const char* name, const char* text) {
+    m_outputs += std::string(" ") + name + "=" + quoted(text);
+}
+
+Status currentExceptionStatus() noexcept {
+    try {
+        throw;
+    } catch (const StatusError& error) {
+        return error.status();
+    } catch (const std::bad_alloc&) {
+        return kOutOfMemory;
+    } catch (...) {
+        return kIoError;
+    }
+}
+
+} // namespace notes_sim

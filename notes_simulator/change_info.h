@@ -1,0 +1,55 @@
+// The change information of a backup: the byte stream between NSFBackupGetNextChangeInfo and
+// NSFBackupApplyNextChangeInfo. docs/simulator-files.md has the format.
+#pragma once
+
+#include "notes_simulator/byte_codec.h"
+#include "notes_simulator/sql.h"
+#include "notes_simulator/vfs_shim.h"
+
+#include <cstdint>
+#include <filesystem>
+#include <span>
+#include <vector>
+
+namespace notes_sim {
+
+/// Writes the change information for a database as it is now: the changed ranges with their
+/// present content, and its present size. The caller holds an exclusive lock on it. Returns the
+/// size of the file written. Throws StatusError.
+std::uint64_t writeChangeInfo(Connection& database, std::vector<ChangedRange> changes,
+                              const std::filesystem::path& file);
+
+/// Applies change information that arrives in pieces of any size.
+class ChangeInfoReader {
+  public:
+    /// Opens the copy that is to be changed. announced is the size of all change information.
+    /// With checkOnly the information is only verified. Throws StatusError.
+    ChangeInfoReader(const std::filesystem::path& copy, std::uint64_t announced, bool checkOnly);
+    ~ChangeInfoReader();
+    ChangeInfoReader(const ChangeInfoReader&) = delete;
+    ChangeInfoReader& operator=(const ChangeInfoReader&) = delete;
+
+    /// Takes the next piece; an empty one changes nothing. Throws StatusError(kBadChangeInfo).
+    void take(std::span<const std::uint8_t> piece);
+    /// All has been given: sets the copy's size. Throws StatusError(kChangeInfoIncomplete) when
+    /// something is missing, and the copy is not usable then.
+    void finish();
+
+  private:
+    bool takeHeader();
+    bool takeRange();
+
+    int m_fd = -1;
+    bool m_checkOnly = false;
+    bool m_failed = false;
+    std::uint64_t m_announced = 0;
+    std::uint64_t m_arrived = 0;
+    std::uint64_t m_finalSize = 0;
+    std::uint64_t m_rangesLeft = 0;
+    bool m_haveHeader = false;
+    bool m_haveTrailer = false;
+    std::uint32_t m_checksum = 0;
+    Bytes m_pending; ///< the beginning of a header, range or trailer that has not all arrived
+};
+
+} // namespace notes_sim

@@ -1,0 +1,72 @@
+#include "notes_simulator/domino_sim/cli.h"
+
+#include "notes_simulator/domino_sim/content.h"
+#include "notes_simulator/status.h"
+#include "notes_simulator/times.h"
+#include "notes_simulator/transaction.h"
+#include "notes_simulator/vfs_shim.h"
+
+#include <algorithm>
+
+namespace fs = std::filesystem;
+using namespace notes_sim;
+
+namespace domino_sim {
+
+Server useServer(const std::string& folder) {
+    Server server = openServerFolder(folder);
+    setRecordingServer(server);
+    return server;
+}
+
+fs::path requireDatabase(const Server& server, const std::string& name) {
+    fs::path file = server.resolve(name);
+    if (const Status status = probeDatabase(file); status != kOk) {
+        throw StatusError(status, file.string());
+    }
+    return file;
+}
+
+std::vector<fs::path> allDatabases(const Server& server) {
+    std::vector<fs::path> files;
+    for (const auto& entry : fs::recursive_directory_iterator(server.data)) {
+        if (entry.is_regular_file() && probeDatabase(entry.path()) == kOk) {
+            files.push_back(entry.path());
+        }
+    }
+    std::sort(files.begin(), files.end());
+    return files;
+}
+
+void createDatabase(const Server& server, const fs::path& file, bool logged,
+                    const std::string& title, int notes, std::uint64_t seed) {
+    fs::create_directories(file.parent_path());
+    ContentGenerator content(seed);
+    const ServerLock lock(server);
+    const auto log = openLog(server, lock);
+    DatabaseHeader header;
+    header.replica = randomId8();
+    const TimeWords now = toTimeWords(nowInHundredths());
+    ByteWriter dbid; // a DBID is the time of the creation
+    dbid.u32(now.ticks);
+    dbid.u32(now.day);
+    std::copy(dbid.bytes.begin(), dbid.bytes.end(), header.dbid.begin());
+    header.dbiid = randomId16();
+    header.logged = logged;
+    header.commit = 1;
+    header.title = title;
+    if (log && isLogged(server, file, header)) {
+        header.logId = log->logId();
+        header.lastExtent = log->activeExtent();
+    }
+    std::vector<NoteChange> changes;
+    for (int i = 0; i < notes; ++i) {
+        NoteChange change = content.newNote();
+        change.note.unid = randomId16();
+        change.note.modified = nowInHundredths();
+        changes.push_back(std::move(change));
+    }
+    Database::create(file, header, std::move(changes));
+}
+
+} // namespace domino_sim

@@ -1,0 +1,251 @@
+/*
+ * The simulated libnotes.so: the part of the Notes C API that the simulator implements.
+ *
+ * It is no mock. The state of a server lies on disk, several processes share it, and a call left
+ * out or made out of order loses data that a test can see missing.
+ *
+ * 1. A server is a folder, made by `domino-sim init`:
+ *
+ *      SERVER/notes.ini    the server's variables (SERVER/data/notes.ini is the same file)
+ *      SERVER/data/        the data directory: databases (.nsf .ntf .box .ncf ...), IDs, settings
+ *      SERVER/logs/        the transaction log: S0000001.TXN ... and nlogctrl.lfh
+ *      SERVER/state/       what the server's processes share: backup contexts, what was backed up,
+ *                          locks. The administrator's business is everything but this folder.
+ *
+ *    Variables of notes.ini that count here: Directory, NotesProgram, TRANSLOG_Status (1: logging
+ *    is on), TRANSLOG_Style (0 circular, 1 archive, 2 linear), TRANSLOG_Path, TRANSLOG_MaxSize
+ *    (MiB; sizes the ring of a circular log), and of the simulator's own: TRANSLOG_SimExtentSize
+ *    (bytes in an extent, at least 65536, 1 MiB when missing), SimDateOrder (MDY, DMY or YMD),
+ *    SimDateSeparator, SimTimeSeparator.
+ *
+ * 2. A database is one SQLite file without neighbours: rollback journals lie in the state folder.
+ *    Its pages change in place, so that a plain copy of a database in use is torn. While a backup
+ *    context is open, every range of it that any process writes or cuts off is recorded; the
+ *    change information is those ranges as they were at NSFBackupStop.
+ *
+ * 3. The log. A logged database writes each transaction to the active extent, then to itself; what
+ *    a killed writer left between the two is finished by the next process that opens a database
+ *    or writes. Templates, databases outside the data directory and databases created unlogged do
+ *    not use the log. A full extent of an archive-style log waits until NSFDoneArchivingLog, which
+ *    removes it: from then on only a backup has it.
+ *
+ * 4. Environment variables:
+ *
+ *      NOTES_SIM_FAULTS   calls that are to fail: "NSFBackupStart#2=3748,NSFDbOpen=513" makes the
+ *                         second NSFBackupStart and every NSFDbOpen fail with these statuses. A
+ *                         failed call does nothing. One whose result is no STATUS fails in its own
+ *                         way: a length of 0, FALSE, NULL, an unchanged buffer. NotesTerm cannot
+ *                         fail. A text that is not valid fails NotesInitExtended (16142).
+ *                         The text is read at a process's first call.
+ *      NOTES_SIM_JOURNAL  a file to which every call is appended, a line each:
+ *                         NSFDbOpen("mail/a.nsf") -> 0 hDB=258. A call that a fault failed ends in
+ *                         "[fault]". NotesTerm and the end of the process append
+ *                         "-- faults fired: N".
+ *
+ * 5. Statuses. Callers tell these apart: 259 no such file, 272 access denied, 499 invalid
+ *    directory, 513 not a database, 572 no note modified, 3748 backup in progress, 3758 archiving
+ *    in progress, 5086 no log ready to archive, 5098 database in use, 5114 not backed up on this
+ *    instance of the log, 5119 no transaction logging. Others are the simulator's own, from 16129
+ *    (0x3F01) on; OSLoadString has a text for each.
+ *
+ * 6. Paths that come in are LMBCS, but for the path of NSFIsNewBackupNeeded, which is native text.
+ *    Paths that go out (data directory, log paths) are native text. A path may be relative to the
+ *    data directory. Buffers without a length need 1028 bytes.
+ *
+ * 7. Handles are numbers that belong to one process; 0 is none. A pointer that is required and
+ *    NULL, and a handle that is not one, are errors and never crash.
+ *
+ * 8. Threads: calls are serialised by one lock.
+ *
+ * domino-sim plays the server and its users (see domino-sim --help): init, create, put, delete,
+ * show, workload, check, backups, logs, compact, saved, damage, lose.
+ * docs/simulator-files.md describes the files.
+ */
+#ifndef NOTES_SIMULATOR_H
+#define NOTES_SIMULATOR_H
+
+#include <stdint.h>
+
+#include "notes_simulator/notes_sim_inspection.h"
+
+typedef uint8_t BYTE;
+typedef uint16_t WORD;
+typedef uint32_t DWORD;
+typedef int32_t BOOL;
+typedef WORD STATUS;
+typedef DWORD DHANDLE;
+typedef DWORD DBHANDLE;
+typedef DWORD HMODULE;
+typedef DWORD NOTEID;
+
+/* A point in time in GMT: hundredths of a second since midnight, then the Julian day number. */
+typedef struct TIMEDATE {
+    DWORD Innards[2];
+} TIMEDATE;
+typedef TIMEDATE DBID;
+
+typedef struct UNIVERSALNOTEID {
+    TIMEDATE File;
+    TIMEDATE Note;
+} UNIVERSALNOTEID;
+
+/* Which parts of a time are text and how. Both parts are always written and read here. */
+typedef struct TFMT {
+    BYTE Date;
+    BYTE Time;
+    BYTE Zone;
+    BYTE Structure;
+} TFMT;
+
+/* How numbers and dates are written. Of Flags, 0x0020 month-day-year, 0x0040 day-month-year and
+   0x0080 year-month-day count here. */
+typedef struct INTLFORMAT {
+    WORD Flags;
+    BYTE CurrencyDigits;
+    BYTE Length;
+    int TimeZone;
+    char AMString[5];
+    char PMString[5];
+    char CurrencyString[5];
+    char ThousandString[5];
+    char DecimalString[5];
+    char DateString[5];
+    char TimeString[5];
+    char YesterdayString[32];
+    char TodayString[32];
+    char TomorrowString[32];
+} INTLFORMAT;
+
+#ifdef __cplusplus
+extern "C" {
+#endif
+
+/* --- The runtime ------------------------------------------------------------------------------ */
+
+/* Starts the runtime. An argument that begins with "=" names the notes.ini; without one it is
+   looked for in the current directory, then in those of PATH. 272 when it may not be read; 499
+   when there is none, its Directory is missing, or that is not a server's. */
+STATUS NotesInitExtended(int argc, char** argv);
+
+/* Closes every handle of this process and ends its backup contexts unfinished. The functions of
+   the transaction log go on working with the last server. */
+void NotesTerm(void);
+
+/* The data directory, without a trailing "/". Returns its length; 0 on failure. */
+WORD OSGetDataDirectory(char* retPathName);
+
+/* A variable of notes.ini. FALSE when it is missing or does not fit with its terminating NUL. */
+BOOL OSGetEnvironmentString(const char* VariableName, char* retValueBuffer, WORD BufferLength);
+
+/* The text of a status, cut to the buffer and terminated. Returns its length. */
+WORD OSLoadString(HMODULE hModule, STATUS StringCode, char* retBuffer, WORD BufferLength);
+
+/* Converts text: mode 0 native to LMBCS, 1 LMBCS to native, 22 LMBCS to UTF-8. InLength 0xFFFF
+   means up to the NUL, and then the result is terminated too. Writes at most OutLength bytes and
+   cuts no character in two. Returns the length without the NUL; 0 for an unknown mode. */
+WORD OSTranslate(WORD TranslateMode, const char* In, WORD InLength, char* Out, WORD OutLength);
+
+/* Memory objects. Memory is not cleared. Freeing a locked object is allowed. */
+STATUS OSMemAlloc(WORD BlkType, DWORD dwSize, DHANDLE* retHandle);
+void* OSLockObject(DHANDLE Handle);
+BOOL OSUnlockObject(DHANDLE Handle);
+STATUS OSMemFree(DHANDLE Handle);
+
+/* Writes the international settings, at most BufferSize bytes of them. */
+void OSGetIntlSettings(INTLFORMAT* retIntlFormat, WORD BufferSize);
+
+/* Reads a local time "<date> <time>" in the settings' order and separators; NULL settings mean
+   month/day/year. *Text is moved past what was read, also past blanks behind it. */
+STATUS ConvertTextToTIMEDATE(const void* IntlFormat, const void* TextFormat, char** Text,
+                             WORD MaxLength, TIMEDATE* retTIMEDATE);
+
+/* Writes a time as local "<date> <time>". The text is not terminated; one that does not fit is an
+   error and *retTextLength is 0. */
+STATUS ConvertTIMEDATEToText(const void* IntlFormat, const void* TextFormat,
+                             const TIMEDATE* InputTime, char* retTextBuffer, WORD TextBufferLength,
+                             WORD* retTextLength);
+
+/* 0 the earliest time, 1 the latest, 2 the wildcard, which is earlier than every time. */
+void TimeConstant(WORD TimeConstantType, TIMEDATE* td);
+
+/* --- Databases -------------------------------------------------------------------------------- */
+
+/* Opens a database: 259, 272, 513. The handle lasts until NSFDbClose. */
+STATUS NSFDbOpen(const char* PathName, DBHANDLE* rethDB);
+/* Closes the handle. A backup context of the database stays open. */
+STATUS NSFDbClose(DBHANDLE hDB);
+STATUS NSFDbGetBuildVersion(DBHANDLE hDB, WORD* retVersion);
+STATUS NSFDbIDGet(DBHANDLE hDB, DBID* retDbID);
+
+/* Whether changes go through the log, and the identities: of the log, of this instance of the
+   database, and the number of the active extent (0 when not logged). NULL pointers are skipped. */
+STATUS NSFDbGetLogInfo(DBHANDLE hDB, DWORD Flags, BOOL* Logged, UNIVERSALNOTEID* LogID,
+                       UNIVERSALNOTEID* DbIID, DWORD* LogExtent);
+
+/* A new table of the notes of these classes changed at or after Since; ids of deleted ones have
+   0x80000000 set. 572 and no table when there are none. retUntil receives the present time. */
+STATUS NSFDbGetModifiedNoteTable(DBHANDLE hDB, WORD NoteClassMask, TIMEDATE Since,
+                                 TIMEDATE* retUntil, DHANDLE* rethTable);
+
+/* ID tables. IDScan goes through the ids in ascending order. */
+DWORD IDEntries(DHANDLE hTable);
+BOOL IDScan(DHANDLE hTable, BOOL fFirst, NOTEID* retID);
+BOOL IDIsPresent(DHANDLE hTable, NOTEID id);
+STATUS IDInsert(DHANDLE hTable, NOTEID id, BOOL* retfInserted);
+STATUS IDTableCopy(DHANDLE hTable, DHANDLE* rethTable);
+STATUS IDDestroyTable(DHANDLE hTable);
+
+/* --- Backup of a database --------------------------------------------------------------------- */
+
+/* Opens a backup context and gives the size to copy. 3748 when one is open already, be it left by
+   a killed process: *hBackupContext is that one then, and NSFBackupEnd with 1 clears it. */
+STATUS NSFBackupStart(DBHANDLE hDB, DWORD Flags, DHANDLE* hBackupContext, DWORD* FileSizeLow,
+                      DWORD* FileSizeHigh);
+/* Says how far the copy has got. It informs: whatever changes is recorded all the same. */
+STATUS NSFBackupSetHighWaterMark(DBHANDLE hDB, DHANDLE hBackupContext, DWORD Low, DWORD High);
+/* Freezes the changes, with their content, and the size of the database as they are now. */
+STATUS NSFBackupStop(DBHANDLE hDB, DHANDLE hBackupContext);
+/* The bytes of change information that NSFBackupGetNextChangeInfo will give; after the stop. */
+STATUS NSFBackupGetChangeInfoSize(DBHANDLE hDB, DHANDLE hBackupContext, DWORD Flags,
+                                  DWORD* InfoSizeLow, DWORD* InfoSizeHigh);
+/* The next piece, at most BufferSize bytes; *FilledSize 0 at the end. */
+STATUS NSFBackupGetNextChangeInfo(DBHANDLE hDB, DHANDLE hBackupContext, DWORD Flags, BYTE* Buffer,
+                                  DWORD BufferSize, DWORD* FilledSize);
+/* Opens a copy for changes. Naming the database itself while its context is open is allowed: it
+   has the changes already, so that they are only verified. */
+STATUS NSFBackupStartApplyChangeInfo(DHANDLE* ApplyInfoContext, char* CopyFilePath, DWORD Flags,
+                                     DWORD InfoSizeLow, DWORD InfoSizeHigh);
+/* Takes the next piece, whatever its size; 0 is allowed. */
+STATUS NSFBackupApplyNextChangeInfo(DHANDLE ApplyInfoContext, DWORD Flags, BYTE* Buffer,
+                                    DWORD BufferSize);
+/* 0 completes: an error when something is missing. 1 gives up. The context is gone in any case. */
+STATUS NSFBackupEndApplyChangeInfo(DHANDLE ApplyInfoContext, DWORD Flags);
+/* 0 completes: the database counts as backed up. 1 gives up. The context is gone, except that one
+   completed before its stop is an error and stays open. */
+STATUS NSFBackupEnd(DBHANDLE hDB, DHANDLE hBackupContext, DWORD Options);
+
+/* 5114 while no backup has ended under the database's present DBIID. Otherwise *BackupNeeded is
+   the bytes of log written since the last one when ComfortSpan is 0, else whether (1 or 0) they
+   exceed ComfortSpan. */
+STATUS NSFIsNewBackupNeeded(char* DbName, DWORD ComfortSpan, DWORD* BackupNeeded);
+
+/* --- The transaction log ---------------------------------------------------------------------- */
+
+/* 5119 when there is no logging. */
+STATUS NSFGetTransLogStyle(WORD* LogType);
+/* 3758 while a session is open on the server, be it left by a killed process. */
+STATUS NSFBeginArchivingLogs(void);
+/* Ends the session, whoever began it; without one it does nothing. */
+STATUS NSFEndArchivingLogs(void);
+/* The first, or the next, extent that is full and not archived. 5086 when there is none (more):
+   the outputs are those of the active extent then. */
+STATUS NSFGetFirstLogToArchive(UNIVERSALNOTEID* LogID, DWORD* LogNumber, char* LogPath);
+STATUS NSFGetNextLogToArchive(UNIVERSALNOTEID* LogID, DWORD* LogNumber, char* LogPath);
+/* The extent has been archived: the server removes it. */
+STATUS NSFDoneArchivingLog(UNIVERSALNOTEID* LogID, DWORD* LogNumber);
+
+#ifdef __cplusplus
+}
+#endif
+
+#endif

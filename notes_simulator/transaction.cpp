@@ -1,0 +1,162 @@
+#include "notes_simulator/transaction.h"
+
+#include "notes_simulator/status.h"
+#include "notes_simulator/times.h"
+
+#include <algorithm>
+#include <memory>
+
+namespace fs = std::filesystem;
+
+namespace notes_sim {
+
+namespace {
+
+/// Gives the changes their ids and times. Later changes of one transaction see earlier ones.
+void complete(Database& database, std::vector<NoteChange>& changes, DatabaseHeader& header,
+              std::int64_t time) {
+    for (auto change = changes.begin(); change != changes.end(); ++change) {
+        Note& note = change->note;
+        note.modified = time;
+        if (note.id == 0 && !change->deleted) {
+            note.id = header.nextNote;
+        }
+        header.nextNote = std::max(header.nextNote, note.id + kNoteIdStep);
+        std::optional<Note> present = database.note(note.id);
+        const auto earlier =
+            std::find_if(std::make_reverse_iterator(change), changes.rend(),
+                         [&note](const NoteChange& other) { return other.note.id == note.id; });
+        if (earlier != changes.rend()) {
+            present = earlier->deleted ? std::nullopt : std::optional(earlier->note);
+        }
+        if (change->deleted && !present) {
+            throw StatusError(kNoSuchNote,
+                              database.file().string() + ": note " + std::to_string(note.id));
+        }
+        if (present) {
+            note.unid = present->unid;
+            note.noteClass = change->deleted ? present->noteClass : note.noteClass;
+        } else if (note.unid == Id16{}) {
+            note.unid = randomId16();
+        }
+    }
+}
+
+void finishInFlight(const Server& server, TransactionLog& log) {
+    const LogRecord& record = *log.inFlight();
+    const fs::path file = server.resolve(record.database);
+    if (probeDatabase(file) == kOk) {
+        Database database(file, Connection::Mode::kReadWrite);
+        const DatabaseHeader header = database.header();
+        // Only the very next change of this very instance: anything else was replaced meanwhile.
+        if (header.dbiid == record.dbiid && header.lastRecord == record.previous &&
+            header.commit + 1 == record.commit) {
+            applyRecord(database, record);
+        }
+    }
+    log.confirm();
+}
+
+} // namespace
+
+bool isLogged(const Server& server, const fs::path& file, const DatabaseHeader& header) {
+    return header.logged && server.style != LogStyle::kNone && !isTemplate(file) &&
+           server.contains(file);
+}
+
+std::unique_ptr<TransactionLog> openLog(const Server& server, const ServerLock& lock) {
+    if (server.style == LogStyle::kNone) {
+        return nullptr;
+    }
+    auto log = std::make_unique<TransactionLog>(server, lock);
+    if (log->inFlight()) {
+        finishInFlight(server, *log);
+    }
+    return log;
+}
+
+DatabaseHeader adoptIntoLog(const Server& server, Database& database, const TransactionLog& log) {
+    DatabaseHeader header = database.header();
+    if (isLogged(server, database.file(), header) && header.logId != log.logId()) {
+        header.logId = log.logId();
+        header.dbiid = randomId16();
+        header.lastRecord = 0;
+        header.lastExtent = log.activeExtent();
+        database.writeHeader(header);
+    }
+    return header;
+}
+
+void applyRecord(Database& database, const LogRecord& record) {
+    const std::vector<NoteChange> changes = decodeChanges(record.payload);
+    SqlTransaction transaction(database.connection(), "BEGIN IMMEDIATE");
+    DatabaseHeader header = database.header();
+    database.apply(changes);
+    for (const NoteChange& change : changes) {
+        header.nextNote = std::max(header.nextNote, change.note.id + kNoteIdStep);
+    }
+    header.commit = record.commit;
+    header.lastRecord = record.number;
+    header.lastExtent = record.extent;
+    database.writeHeader(header);
+    transaction.commit();
+}
+
+Commit commitChanges(const Server& server, Database& database, std::vector<NoteChange> changes,
+                     const CommitHooks& hooks) {
+    const ServerLock lock(server);
+    const std::unique_ptr<TransactionLog> log = openLog(server, lock);
+    if (log) {
+        adoptIntoLog(server, database, *log);
+    }
+    SqlTransaction transaction(database.connection(), "BEGIN IMMEDIATE");
+    DatabaseHeader header = database.header();
+    Commit commit;
+    commit.number = ++header.commit;
+    commit.time = nowInHundredths();
+    commit.changes = std::move(changes);
+    complete(database, commit.changes, header, commit.time);
+    if (hooks.beforeLog) {
+        hooks.beforeLog(commit);
+    }
+    const bool logged = isLogged(server, database.file(), header);
+    if (logged) {
+        LogRecord record;
+        record.previous = header.lastRecord;
+        record.commit = commit.number;
+        record.time = commit.time;
+        record.dbiid = header.dbiid;
+        record.database = server.nameOf(database.file());
+        record.payload = encodeChanges(commit.changes);
+        log->append(record);
+        commit.record = record.number;
+        header.lastRecord = record.number;
+        header.lastExtent = record.extent;
+    } else {
+        // The log no longer has all changes of this database: should it be logged again, it is a
+        // new instance.
+        header.logId = Id16{};
+    }
+    try {
+        if (hooks.afterLog) {
+            hooks.afterLog();
+        }
+        database.apply(commit.changes);
+        database.writeHeader(header);
+        if (hooks.beforeCommit) {
+            hooks.beforeCommit();
+        }
+        transaction.commit();
+    } catch (...) {
+        if (logged) {
+            log->takeBack();
+        }
+        throw;
+    }
+    if (logged) {
+        log->confirm();
+    }
+    return commit;
+}
+
+} // namespace notes_sim

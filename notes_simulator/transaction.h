@@ -1,0 +1,53 @@
+// Changing a database: log first, then the database.
+#pragma once
+
+#include "notes_simulator/database.h"
+#include "notes_simulator/server.h"
+#include "notes_simulator/transaction_log.h"
+
+#include <functional>
+#include <memory>
+#include <optional>
+#include <vector>
+
+namespace notes_sim {
+
+/// A committed transaction.
+struct Commit {
+    std::uint64_t number = 0; ///< commit number of the database after it
+    std::uint64_t record = 0; ///< number of its log record; 0 when the database is not logged
+    std::int64_t time = 0;    ///< hundredths of a second since 1970, GMT
+    std::vector<NoteChange> changes;
+};
+
+/// Called at points of a commit, in this order. A test kills the process in one of them.
+struct CommitHooks {
+    std::function<void(const Commit&)> beforeLog; ///< all but the record number is known
+    std::function<void()> afterLog;               ///< the record is in the log, nowhere else
+    std::function<void()> beforeCommit;           ///< pages may be written, nothing is committed
+};
+
+/// Whether changes of this database go through the log: it is meant to, the server logs, and it is
+/// no template and lies in the data directory.
+bool isLogged(const Server& server, const std::filesystem::path& file,
+              const DatabaseHeader& header);
+
+/// Opens the log, if the server has one, and finishes what a killed writer left: a record that is
+/// in the log and that its database lacks is applied to it. Throws StatusError.
+std::unique_ptr<TransactionLog> openLog(const Server& server, const ServerLock& lock);
+
+/// Gives a logged database that this log does not know yet a new DBIID: from here on its changes
+/// are in this log. Returns the header after it. Belongs under the lock, outside a transaction.
+DatabaseHeader adoptIntoLog(const Server& server, Database& database, const TransactionLog& log);
+
+/// Makes the changes in one transaction. A change with note id 0 creates a note; a note without a
+/// universal id gets one (an existing note keeps its own); times are set here. Takes the
+/// server's lock. Throws StatusError: kNoSuchNote when a note to delete is missing; nothing is
+/// changed then.
+Commit commitChanges(const Server& server, Database& database, std::vector<NoteChange> changes,
+                     const CommitHooks& hooks = {});
+
+/// Applies a log record to a database, header and all.
+void applyRecord(Database& database, const LogRecord& record);
+
+} // namespace notes_sim
