@@ -25,7 +25,13 @@ class DatabaseGuard {
     DatabaseGuard(const DatabaseGuard&) = delete;
     DatabaseGuard& operator=(const DatabaseGuard&) = delete;
 
-    STATUS open(const char* lmbcsPath) { return notes_api.NSFDbOpen(lmbcsPath, &m_handle); }
+    STATUS open(const char* lmbcsPath) {
+        const STATUS status = notes_api.NSFDbOpen(lmbcsPath, &m_handle);
+        if (status != kNotesNoError) {
+            m_handle = 0; // whatever the failed call left in it is no handle
+        }
+        return status;
+    }
     STATUS close() {
         const DBHANDLE handle = release();
         return handle != 0 ? notes_api.NSFDbClose(handle) : kNotesNoError;
