@@ -4,6 +4,7 @@
 #include "client/text.h"
 
 #include <algorithm>
+#include <ctime>
 
 namespace qrtln {
 
@@ -42,11 +43,13 @@ std::string resolve_set(Store& store, const std::string& given) {
 
 std::string new_set_name(Store& store, std::int64_t started, const std::string& level) {
     std::vector<std::string> names = store.set_names();
-    std::string base = utc_time_compact(started) + "-" + level;
-    std::string name = base;
-    for (int number = 2; std::find(names.begin(), names.end(), name) != names.end(); ++number)
-        name = base + "-" + std::to_string(number);
-    return name;
+    std::int64_t time = started;
+    // The newest set has the last name, also after two sets in a second and when the clock was set
+    // back: the time in the name gives way, the manifest has the true one.
+    std::tm newest{};
+    if (!names.empty() && ::strptime(names.back().c_str(), "%Y%m%dT%H%M%SZ", &newest) != nullptr)
+        time = std::max<std::int64_t>(time, ::timegm(&newest) + 1);
+    return utc_time_compact(time) + "-" + level;
 }
 
 } // namespace qrtln

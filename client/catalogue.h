@@ -24,7 +24,8 @@ CatalogueEntry load_set(Store& store, const std::string& set);
 // ClientError(failed) that says what there is.
 std::string resolve_set(Store& store, const std::string& given);
 
-// A name for a set that starts now, which no set of the store has.
+// A name for a set that started at `started`: its time and level. It sorts after every name in the
+// store, if need be with a later time.
 std::string new_set_name(Store& store, std::int64_t started, const std::string& level);
 
 } // namespace qrtln

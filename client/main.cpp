@@ -33,6 +33,16 @@ std::string default_tmp_dir() {
     return set != nullptr && *set != '\0' ? set : "/var/tmp";
 }
 
+// The parser takes "[a,b]" for a list of two values. As a name it is left alone when it is written
+// "./[a,b]", which is the same path.
+std::vector<std::string> without_lists(int argc, char** argv) {
+    std::vector<std::string> arguments(argv, argv + argc);
+    for (std::size_t i = 2; i < arguments.size(); ++i)
+        if (arguments[i].starts_with('[') && arguments[i].ends_with(']'))
+            arguments[i].insert(0, "./");
+    return arguments;
+}
+
 void add_store_options(CLI::App& command, std::string& store, bool& json) {
     command.add_option("--store", store, "The folder of the store")
         ->envname("QRTLN_STORE")
@@ -94,12 +104,8 @@ int main(int argc, char** argv) {
     backup_command->add_flag("--verbose", backup.verbose, "Show the module's messages");
     backup_command->add_option("--trace", backup.trace_file, "Append the module's trace to FILE")
         ->type_name("FILE");
-    backup_command
-        ->add_option("DATABASE", backup.databases,
-                     "A database or a folder of databases, below the data directory")
-        ->expected(0, 1 << 20)
-        // Else a name in brackets would be taken for a list.
-        ->allow_extra_args(false);
+    backup_command->add_option("DATABASE", backup.databases,
+                               "A database or a folder of databases, below the data directory");
     backup_command->footer(exit_codes);
 
     qrtln::StoreOptions list;
@@ -119,7 +125,11 @@ int main(int argc, char** argv) {
     verify_command->add_option("SET", verify.set, "Only this set");
 
     try {
-        app.parse(argc, argv);
+        std::vector<std::string> texts = without_lists(argc, argv);
+        std::vector<const char*> arguments;
+        for (const std::string& text : texts)
+            arguments.push_back(text.c_str());
+        app.parse(static_cast<int>(arguments.size()), arguments.data());
     } catch (const CLI::ParseError& error) {
         // 0 is --help or --version; everything else is wrong usage.
         return app.exit(error) == 0 ? 0 : static_cast<int>(qrtln::ExitCode::usage);

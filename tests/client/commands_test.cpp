@@ -1,0 +1,419 @@
+// The executable, end to end, with the module of fake_module/ in its child process.
+
+#include "client/catalogue.h"
+#include "client/store/store.h"
+#include "tests/client/run_client.h"
+
+#include <algorithm>
+#include <chrono>
+#include <csignal>
+#include <gmock/gmock.h>
+#include <nlohmann/json.hpp>
+#include <sys/stat.h>
+#include <thread>
+#include <unistd.h>
+
+namespace qrtln {
+namespace {
+
+namespace fs = std::filesystem;
+using namespace std::chrono_literals;
+using nlohmann::json;
+using test::Environment;
+using test::Outcome;
+using test::read_file;
+using test::run_client;
+using test::snapshot;
+using test::write_file;
+using testing::HasSubstr;
+using testing::Not;
+
+class Commands : public testing::Test {
+  protected:
+    Commands() {
+        write_file(m_ini, "Directory=" + m_data + "\nNotesProgram=/none\n");
+        write_file(m_data + "/names.nsf", "names");
+        write_file(m_data + "/mail/a.nsf", std::string(300'000, 'a'));
+        write_file(m_data + "/server.id", "id");
+        fs::create_directories(m_tmp);
+    }
+
+    Outcome backup(Environment environment = {}, std::vector<std::string> more = {}) {
+        return run_client(arguments(std::move(more)), with_base(std::move(environment)));
+    }
+    std::vector<std::string> arguments(std::vector<std::string> more) const {
+        std::vector<std::string> all = {"backup", "--notes-ini", m_ini, "--store",
+                                        m_store,  "--tmp-dir",   m_tmp};
+        all.insert(all.end(), more.begin(), more.end());
+        return all;
+    }
+    Environment with_base(Environment environment) const {
+        environment.try_emplace("FAKE_DATA", m_data);
+        environment.try_emplace("FAKE_JOURNAL", m_journal);
+        return environment;
+    }
+    // Runs a backup that must fail without a trace: in the store, the index and TMP_DIR.
+    Outcome failing_backup(Environment environment, std::vector<std::string> more = {}) {
+        auto before = snapshot(m_store);
+        Outcome outcome = backup(std::move(environment), std::move(more));
+        EXPECT_EQ(snapshot(m_store), before);
+        EXPECT_TRUE(fs::is_empty(m_tmp));
+        EXPECT_THAT(journal(), Not(HasSubstr("STATUS=0")));
+        return outcome;
+    }
+    Outcome command(std::vector<std::string> words) const {
+        words.insert(words.end(), {"--store", m_store});
+        return run_client(words, {});
+    }
+    json shown() const {
+        Outcome outcome = command({"show", "latest", "--json"});
+        EXPECT_EQ(outcome.exit_code, 0) << outcome.errors;
+        return json::parse(outcome.output);
+    }
+    json item(const std::string& path) const {
+        json document = shown();
+        for (const json& item : document["items"])
+            if (item["path"] == path)
+                return item;
+        return {};
+    }
+    std::string journal() const { return read_file(m_journal); }
+    std::string content_of(const json& item) const {
+        auto store = open_directory_store(m_store, StoreAccess::read);
+        std::string content;
+        ObjectCheck check = store->read_object(item.at("object"), [&](Bytes bytes) {
+            content.append(reinterpret_cast<const char*>(bytes.data()), bytes.size());
+        });
+        EXPECT_EQ(check.problem, "");
+        return content;
+    }
+
+    test::ScratchFolder m_scratch;
+    std::string m_data = m_scratch / "data";
+    std::string m_ini = m_scratch / "notes.ini";
+    std::string m_store = m_scratch / "store";
+    std::string m_tmp = m_scratch / "tmp";
+    std::string m_journal = m_scratch / "journal";
+};
+
+TEST_F(Commands, BackupStoresTheWholeSystemAndPassesStatus0Last) {
+    ::chmod((m_data + "/mail/a.nsf").c_str(), 0640);
+    write_file(m_scratch / "logs/S1.TXN", "log one");
+    write_file(m_scratch / "logs/S2.TXN", "log two");
+    write_file(m_scratch / "logs/nlogctrl.lfh", "control");
+    Outcome outcome = backup({{"FAKE_LOGS", m_scratch / "logs"}});
+    ASSERT_EQ(outcome.exit_code, 0) << outcome.errors;
+    EXPECT_THAT(outcome.output, HasSubstr("complete"));
+    EXPECT_THAT(outcome.output, HasSubstr("2 databases, 7 items"));
+    EXPECT_EQ(outcome.errors, "noise on standard output\nnoise on standard output\n"
+                              "noise on standard output\nnoise on standard output\n"
+                              "noise on standard output\nnoise on standard output\n");
+    json database = item(m_data + "/mail/a.nsf");
+    EXPECT_EQ(database["kind"], "database");
+    EXPECT_EQ(database["mode"], 0640);
+    EXPECT_EQ(content_of(database), std::string(300'000, 'a'));
+    EXPECT_EQ(item(m_data + "/mail")["kind"], "directory");
+    EXPECT_EQ(item(m_scratch / "logs/S1.TXN")["log"]["active"], false);
+    EXPECT_EQ(item(m_scratch / "logs/S2.TXN")["log"]["active"], true);
+    EXPECT_EQ(item(m_scratch / "logs/nlogctrl.lfh")["kind"], "log_control");
+    // The data directory has no notes.ini: the one in use is stored.
+    EXPECT_EQ(content_of(item(m_ini)), read_file(m_ini));
+    EXPECT_TRUE(journal().ends_with("close STATUS=0\n"));
+    EXPECT_THAT(journal(), HasSubstr("DATABASE=NOTES\n"));
+    EXPECT_EQ(read_file(m_store + "/runtime/index.ini"), "new\n");
+    EXPECT_TRUE(fs::is_empty(m_tmp));
+    EXPECT_EQ(command({"verify"}).exit_code, 0);
+}
+
+TEST_F(Commands, SecondBackupAddsNothingButAManifest) {
+    ASSERT_EQ(backup().exit_code, 0);
+    auto before = snapshot(m_store);
+    Outcome outcome = backup({}, {"--json", "--level", "copy"});
+    ASSERT_EQ(outcome.exit_code, 0);
+    EXPECT_EQ(json::parse(outcome.output)["new_bytes"], 0);
+    EXPECT_THAT(journal(), HasSubstr("init 1 0\n"));
+    EXPECT_EQ(snapshot(m_store).size(), before.size() + 1);
+    json sets = json::parse(command({"list", "--json"}).output)["sets"];
+    ASSERT_EQ(sets.size(), 2U);
+    EXPECT_EQ(sets[1]["level"], "copy");
+}
+
+TEST_F(Commands, ArgumentsSelectAndOneThatSelectsNothingIsNamed) {
+    write_file(m_data + "/[x].nsf", "odd");
+    write_file(m_data + "/list", "a name like a command");
+    ASSERT_EQ(backup({}, {"[x].nsf", "mail"}).exit_code, 0);
+    EXPECT_THAT(journal(), HasSubstr("DATABASE=QRTLN:" + m_data + "/\\[x].nsf\n"));
+    EXPECT_TRUE(item(m_data + "/names.nsf").is_null());
+    EXPECT_FALSE(item(m_data + "/[x].nsf").is_null());
+
+    write_file(m_data + "/readme.txt", "no database");
+    Outcome nothing = backup({}, {"mail/a.nsf", "readme.txt"});
+    EXPECT_EQ(nothing.exit_code, 3);
+    EXPECT_THAT(nothing.errors, HasSubstr("'readme.txt' selected nothing"));
+
+    fs::remove(m_journal);
+    Outcome missing = failing_backup({}, {"mail/a.nsf", "mail/none.nsf"});
+    EXPECT_EQ(missing.exit_code, 1);
+    EXPECT_THAT(missing.errors, HasSubstr("'mail/none.nsf'"));
+    EXPECT_EQ(journal(), "");
+}
+
+TEST_F(Commands, ItemsThatCannotBeStoredFailAloneAndTheServerHearsOfIt) {
+    ::mkfifo((m_data + "/pipe.nsf").c_str(), 0600);
+    write_file(m_data + "/gone.nsf", "x");
+    Outcome outcome =
+        backup({{"FAKE_FAIL", "names.nsf"}, {"FAKE_VANISH", "gone.nsf"}, {"FAKE_WARN", "a.nsf"}},
+               {"--json"});
+    EXPECT_EQ(outcome.exit_code, 3);
+    json document = json::parse(outcome.output);
+    EXPECT_EQ(document["status"], "incomplete");
+    ASSERT_EQ(document["failed"].size(), 3U);
+    EXPECT_THAT(document["failed"].dump(), HasSubstr("it is in use"));
+    EXPECT_THAT(document["failed"].dump(), HasSubstr("a FIFO"));
+    EXPECT_THAT(document["failed"].dump(), HasSubstr("it is gone"));
+    EXPECT_THAT(item(m_data + "/mail/a.nsf")["warnings"].dump(),
+                HasSubstr("not transaction-logged"));
+    EXPECT_TRUE(journal().ends_with("close STATUS=1\n"));
+    EXPECT_THAT(journal(), HasSubstr("finish 3 " + m_data + "/names.nsf\n"));
+    EXPECT_THAT(journal(), Not(HasSubstr("prepare " + m_data + "/pipe.nsf")));
+    EXPECT_FALSE(fs::exists(m_store + "/runtime/index.ini"));
+    // Two attempts, not more.
+    std::string calls = journal();
+    std::string prepare = "prepare " + m_data + "/names.nsf\n";
+    std::size_t first = calls.find(prepare);
+    std::size_t second = calls.find(prepare, first + 1);
+    EXPECT_NE(second, std::string::npos);
+    EXPECT_EQ(calls.find(prepare, second + 1), std::string::npos);
+}
+
+TEST_F(Commands, WhatAKilledRunLeftOnTheServerCostsOneRetry) {
+    write_file(m_scratch / "busy", "x");
+    Outcome outcome = backup({{"FAKE_FAIL_ONCE", "names.nsf"}, {"FAKE_BUSY", m_scratch / "busy"}});
+    EXPECT_EQ(outcome.exit_code, 0) << outcome.errors;
+    EXPECT_THAT(item(m_data + "/names.nsf")["warnings"].dump(),
+                HasSubstr("a backup is in progress"));
+    EXPECT_THAT(journal(), HasSubstr("close STATUS=1\ninit 1 1\n"));
+}
+
+TEST_F(Commands, FileThatChangesWhileItIsReadHasOneLengthAndANote) {
+    for (const char* how : {"FAKE_GROW", "FAKE_SHRINK"}) {
+        SCOPED_TRACE(how);
+        write_file(m_data + "/big.id", "x");
+        fs::resize_file(m_data + "/big.id", 128U << 20);
+        Outcome outcome = backup({{how, "big.id"}}, {"--json"});
+        ASSERT_EQ(outcome.exit_code, 0) << outcome.errors;
+        json big = item(m_data + "/big.id");
+        EXPECT_THAT(big["warnings"].dump(), HasSubstr("its size changed"));
+        EXPECT_EQ(content_of(big).size(), big["size"]);
+    }
+    // A database's copy that changes is not what was prepared.
+    fs::resize_file(m_data + "/names.nsf", 128U << 20);
+    EXPECT_EQ(backup({{"FAKE_SHRINK", "names.nsf"}}).exit_code, 3);
+}
+
+TEST_F(Commands, NamesOfAnyBytesSurvive) {
+    std::string newline = m_data + "/new\nline.nsf";
+    std::string latin = m_data + "/gr\xFC\xDF.nsf";
+    write_file(newline, "newline");
+    write_file(latin, "latin");
+    ASSERT_EQ(backup({}, {"--json"}).exit_code, 0);
+    auto store = open_directory_store(m_store, StoreAccess::read);
+    CatalogueEntry entry = load_set(*store, store->set_names().at(0));
+    for (const std::string& path : {newline, latin})
+        EXPECT_TRUE(std::any_of(entry.manifest->items.begin(), entry.manifest->items.end(),
+                                [&](const ManifestItem& item) { return item.path == path; }));
+    Outcome shown = command({"show", "latest"});
+    EXPECT_THAT(shown.output, HasSubstr("new\\x0aline.nsf"));
+    EXPECT_THAT(shown.output, HasSubstr("gr\\xfc\\xdf.nsf"));
+}
+
+TEST_F(Commands, FailureOfTheModuleLeavesStoreAndIndexAsTheyWere) {
+    const struct {
+        Environment environment;
+        const char* message;
+        bool closed; // the module hears STATUS=1
+    } cases[] = {
+        {{{"FAKE_INIT_FAIL", "no server here"}}, "no server here", true},
+        {{{"FAKE_GET_FAIL", "4"}}, "the list broke", true},
+        {{{"FAKE_CRASH", "names.nsf"}}, "crashed with signal 6", false},
+        {{{"QRTLN_MODULE", "/none/libqrtln.so"}}, "cannot load the module", false},
+        {{{"QRTLN_MODULE", "/dev/null"}}, "cannot load the module", false},
+    };
+    for (bool with_set : {false, true}) {
+        if (with_set) {
+            ASSERT_EQ(backup().exit_code, 0);
+            write_file(m_data + "/names.nsf", "new content");
+        }
+        for (const auto& test : cases) {
+            SCOPED_TRACE(test.message);
+            fs::remove(m_journal);
+            Outcome outcome = failing_backup(test.environment, {"--json"});
+            EXPECT_EQ(outcome.exit_code, 14);
+            EXPECT_THAT(outcome.errors, HasSubstr(test.message));
+            EXPECT_EQ(json::parse(outcome.output)["exit_code"], 14);
+            EXPECT_EQ(journal().ends_with("close STATUS=1\n"), test.closed);
+        }
+    }
+}
+
+TEST_F(Commands, CloseThatFailsIsReportedAndKeptInTheManifest) {
+    for (Environment environment :
+         {Environment{{"FAKE_CLOSE_FAIL", "logs stay"}}, Environment{{"FAKE_CLOSE_CRASH", "1"}}}) {
+        Outcome outcome = backup(environment);
+        EXPECT_EQ(outcome.exit_code, 14);
+        EXPECT_THAT(outcome.errors, HasSubstr("was stored, but the server did not close"));
+        EXPECT_FALSE(shown()["close_error"].get<std::string>().empty());
+        EXPECT_EQ(command({"verify"}).exit_code, 0);
+        EXPECT_THAT(command({"list"}).output, HasSubstr("complete, close failed"));
+        EXPECT_TRUE(fs::is_empty(m_tmp));
+    }
+}
+
+TEST_F(Commands, SignalDuringAHangingPrepareEndsTheRunCleanly) {
+    for (int signal : {SIGTERM, SIGINT}) {
+        fs::remove(m_journal);
+        std::string mark = m_scratch / "mark";
+        fs::remove(mark);
+        test::RunningClient client(arguments({"--json"}), with_base({{"FAKE_HANG", "names.nsf"},
+                                                                     {"FAKE_HANG_MARK", mark}}));
+        for (int i = 0; i < 2000 && !fs::exists(mark); ++i)
+            std::this_thread::sleep_for(5ms);
+        ASSERT_TRUE(fs::exists(mark));
+        ::kill(client.pid(), signal);
+        Outcome outcome = client.wait();
+        EXPECT_EQ(outcome.exit_code, 128 + signal) << outcome.errors;
+        EXPECT_EQ(json::parse(outcome.output)["exit_code"], 128 + signal);
+        EXPECT_THAT(journal(), HasSubstr("finish 3 " + m_data + "/names.nsf\nclose STATUS=1\n"));
+        EXPECT_FALSE(fs::exists(m_store));
+        EXPECT_TRUE(fs::is_empty(m_tmp));
+    }
+}
+
+TEST_F(Commands, ChildOfAKilledClientClosesTheOperationAndTheNextRunCleansUp) {
+    ASSERT_EQ(backup().exit_code, 0);
+    fs::remove(m_journal);
+    auto before = snapshot(m_store);
+    std::string mark = m_scratch / "mark";
+    {
+        test::RunningClient client(
+            arguments({}), with_base({{"FAKE_HANG", "names.nsf"}, {"FAKE_HANG_MARK", mark}}));
+        for (int i = 0; i < 2000 && !fs::exists(mark); ++i)
+            std::this_thread::sleep_for(5ms);
+        ASSERT_TRUE(fs::exists(mark));
+    } // SIGKILL
+    for (int i = 0; i < 2000 && journal().find("close") == std::string::npos; ++i)
+        std::this_thread::sleep_for(5ms);
+    EXPECT_TRUE(journal().ends_with("close STATUS=1\n")) << journal();
+    EXPECT_FALSE(fs::is_empty(m_tmp));
+    // The child may hold the lock for a moment longer.
+    Outcome next = backup({{"FAKE_FAIL", "names.nsf"}});
+    for (int i = 0; i < 200 && next.exit_code == 11; ++i) {
+        std::this_thread::sleep_for(10ms);
+        next = backup({{"FAKE_FAIL", "names.nsf"}});
+    }
+    EXPECT_EQ(next.exit_code, 3) << next.errors;
+    EXPECT_TRUE(fs::is_empty(m_tmp));
+    EXPECT_EQ(snapshot(m_store).size(), before.size() + 1); // the manifest alone
+}
+
+TEST_F(Commands, FullDisksAreToldApartAndLeaveNothing) {
+    test::SmallFileSystem small(m_scratch / "small", 256 << 10);
+    if (!small.mounted())
+        GTEST_SKIP() << "mounting a small file system needs root";
+    // The room is too small for mail/a.nsf: known before anything starts.
+    std::string tmp = m_tmp;
+    m_tmp = m_scratch / "small";
+    Outcome no_room = failing_backup({});
+    EXPECT_EQ(no_room.exit_code, 1);
+    EXPECT_THAT(no_room.errors, HasSubstr("300000 bytes"));
+    EXPECT_THAT(no_room.errors, HasSubstr("hint: "));
+    EXPECT_EQ(journal(), "");
+
+    m_tmp = tmp;
+    m_store = m_scratch / "small/store";
+    std::string noise;
+    for (unsigned value = 1; noise.size() < 1'000'000; value = value * 1664525 + 1013904223)
+        noise += static_cast<char>(value >> 24);
+    write_file(m_data + "/server.id", noise);
+    Outcome full = failing_backup({});
+    EXPECT_EQ(full.exit_code, 1);
+    EXPECT_THAT(full.errors, HasSubstr("No space left on device"));
+    EXPECT_THAT(full.errors, HasSubstr("hint: make room"));
+    EXPECT_TRUE(journal().ends_with("close STATUS=1\n"));
+    EXPECT_TRUE(fs::is_empty(m_scratch / "small"));
+}
+
+TEST_F(Commands, WrongPlacesAndUsesHaveTheirExitCodes) {
+    write_file(m_scratch / "other/file", "x");
+    fs::create_directories(m_scratch / "bare");
+    write_file(m_scratch / "bare.ini", "Directory=" + m_scratch / "bare" + "\n");
+    std::string none = m_scratch / "none";
+    const struct {
+        std::vector<std::string> arguments;
+        int exit_code;
+    } cases[] = {
+        {{}, 2},
+        {{"backup"}, 2},
+        {{"backup", "--store", m_store}, 2},
+        {arguments({"--level", "weekly"}), 2},
+        {{"mend"}, 2},
+        {{"--version"}, 0},
+        {{"backup", "--help"}, 0},
+        {{"list", "--store", none}, 10},
+        {{"show", "latest", "--store", none}, 10},
+        {{"verify", "--store", m_scratch / "other"}, 10},
+        {{"backup", "--notes-ini", m_ini, "--store", m_scratch / "other"}, 10},
+        {{"backup", "--notes-ini", none, "--store", m_store}, 1},
+        {{"backup", "--notes-ini", m_scratch / "bare.ini", "--store", m_store}, 1},
+        {arguments({"--tmp-dir", m_data}), 2}, // given twice
+        {{"backup", "--notes-ini", m_ini, "--store", m_store, "--tmp-dir", m_data}, 1},
+        {{"backup", "--notes-ini", m_ini, "--store", m_store, "--tmp-dir", none}, 1},
+    };
+    for (const auto& test : cases) {
+        SCOPED_TRACE(testing::PrintToString(test.arguments));
+        Outcome outcome = run_client(test.arguments, with_base({}));
+        EXPECT_EQ(outcome.exit_code, test.exit_code) << outcome.errors;
+        EXPECT_FALSE(fs::exists(m_store));
+    }
+    ASSERT_EQ(backup().exit_code, 0);
+    EXPECT_EQ(command({"show", "2001"}).exit_code, 1);
+    EXPECT_EQ(run_client({"list"}, {{"QRTLN_STORE", m_store}}).exit_code, 0);
+    auto lock = open_directory_store(m_store, StoreAccess::write);
+    EXPECT_EQ(backup().exit_code, 11);
+}
+
+TEST_F(Commands, VerifyNamesWhatIsDamagedAndWhatItConcerns) {
+    ASSERT_EQ(backup().exit_code, 0);
+    std::string object = item(m_data + "/mail/a.nsf")["object"];
+    std::string file = m_store + "/objects/" + object.substr(0, 2) + "/" + object + ".zst";
+    std::string good = read_file(file);
+    write_file(file, good.substr(0, good.size() / 2));
+    Outcome cut = command({"verify"});
+    EXPECT_EQ(cut.exit_code, 4);
+    EXPECT_THAT(cut.output, HasSubstr(object));
+    EXPECT_THAT(cut.output, HasSubstr(": " + m_data + "/mail/a.nsf\n"));
+    fs::remove(file);
+    json missing = json::parse(command({"verify", "latest", "--json"}).output);
+    EXPECT_EQ(missing["damage"][0]["problem"], "is missing");
+    write_file(file, good);
+
+    std::string manifest = fs::directory_iterator(m_store + "/sets")->path();
+    std::string text = read_file(manifest);
+    write_file(manifest, text + " ");
+    EXPECT_EQ(command({"verify"}).exit_code, 4);
+    EXPECT_EQ(command({"show", "latest"}).exit_code, 4);
+    Outcome listed = command({"list"});
+    EXPECT_EQ(listed.exit_code, 0);
+    EXPECT_THAT(listed.output, HasSubstr("damaged"));
+    write_file(manifest, text);
+
+    write_file(m_store + "/objects/00/stray", "x");
+    Outcome whole = command({"verify"});
+    EXPECT_EQ(whole.exit_code, 0) << whole.output;
+    EXPECT_THAT(whole.output, HasSubstr("objects/00/stray is no object"));
+    write_file(m_store + "/store.json", "{}");
+    EXPECT_EQ(command({"verify"}).exit_code, 4);
+}
+
+} // namespace
+} // namespace qrtln

@@ -1,0 +1,273 @@
+// The directory store: what is in it after every kind of run, and that damage is found.
+
+#include "client/catalogue.h"
+#include "client/error.h"
+#include "client/store/digest.h"
+#include "client/store/manifest.h"
+#include "client/store/store.h"
+#include "tests/client/run_client.h"
+
+#include <fcntl.h>
+#include <gmock/gmock.h>
+#include <random>
+#include <sys/file.h>
+
+namespace qrtln {
+namespace {
+
+namespace fs = std::filesystem;
+using test::read_file;
+using test::ScratchFolder;
+using test::snapshot;
+using test::write_file;
+using testing::HasSubstr;
+
+std::string random_bytes(std::size_t size, unsigned seed) {
+    std::mt19937 generator(seed);
+    std::string bytes(size, '\0');
+    for (char& byte : bytes)
+        byte = static_cast<char>(generator());
+    return bytes;
+}
+
+StoredObject put(Store& store, const std::string& content) {
+    auto writer = store.create_object();
+    // Uneven pieces: their bounds must not show.
+    for (std::size_t at = 0; at < content.size(); at += 70001)
+        writer->write(as_bytes(std::string_view(content).substr(at, 70001)));
+    return writer->finish();
+}
+
+std::string get(Store& store, const std::string& hash) {
+    std::string content;
+    ObjectCheck check = store.read_object(hash, [&](Bytes bytes) {
+        content.append(reinterpret_cast<const char*>(bytes.data()), bytes.size());
+    });
+    return check.problem.empty() ? content : "problem: " + check.problem;
+}
+
+std::string object_file(const ScratchFolder& scratch, const std::string& hash) {
+    return scratch / ("store/objects/" + hash.substr(0, 2) + "/" + hash + ".zst");
+}
+
+std::unique_ptr<Store> open_store(const ScratchFolder& scratch) {
+    return open_directory_store(scratch / "store", StoreAccess::write);
+}
+
+int exit_code_of(const std::function<void()>& action) {
+    try {
+        action();
+        return 0;
+    } catch (const ClientError& failure) {
+        return failure.exit_code();
+    }
+}
+
+Manifest sample_manifest(const std::string& set) {
+    Manifest manifest;
+    manifest.set = set;
+    manifest.level = "full";
+    manifest.started = 1'700'000'000;
+    manifest.ended = 1'700'000'060;
+    manifest.complete = true;
+    manifest.arguments = {"/data/gr\xFC.nsf"};
+    manifest.data_directory = "/data";
+    ManifestItem item;
+    item.path = "/data/new\nline \xFC.nsf";
+    item.kind = ItemKind::database;
+    item.status = ItemStatus::stored;
+    item.has_metadata = true;
+    item.mode = 0640;
+    item.mtime_ns = 1'700'000'000'123'456'789;
+    item.object = sha256_hex("content");
+    item.size = 7;
+    item.stored_size = 20;
+    item.log = LogIdentity{7, "0a1b2c3d", true};
+    item.warnings = {"not logged"};
+    manifest.items.push_back(item);
+    return manifest;
+}
+
+TEST(DirectoryStore, GivesBackWhatWasPutAndKeepsTheSameBytesOnce) {
+    ScratchFolder scratch;
+    auto store = open_store(scratch);
+    for (const std::string& content : {std::string(), std::string("a"),
+                                       std::string(10'000'000, 'z'), random_bytes(3'000'000, 1)}) {
+        StoredObject first = put(*store, content);
+        EXPECT_TRUE(first.added);
+        EXPECT_EQ(first.size, content.size());
+        EXPECT_EQ(first.hash, sha256_hex(content));
+        EXPECT_EQ(first.stored_size, fs::file_size(object_file(scratch, first.hash)));
+        StoredObject second = put(*store, content);
+        EXPECT_FALSE(second.added);
+        EXPECT_EQ(second.stored_size, first.stored_size);
+        EXPECT_TRUE(get(*store, first.hash) == content);
+    }
+    EXPECT_EQ(store->objects().size(), 4U);
+    EXPECT_EQ(fs::status(scratch / "store").permissions(), fs::perms::owner_all);
+}
+
+TEST(DirectoryStore, FindsAFlippedBitAnywhereInAnObjectAndMendsItWithTheNextCopy) {
+    ScratchFolder scratch;
+    std::string content = random_bytes(3000, 2);
+    std::string hash = put(*open_store(scratch), content).hash;
+    std::string file = object_file(scratch, hash);
+    std::string good = read_file(file);
+    for (std::size_t at = 0; at < good.size(); at += 97) {
+        std::string bad = good;
+        bad[at] = static_cast<char>(bad[at] ^ 0x10);
+        write_file(file, bad);
+        EXPECT_THAT(get(*open_store(scratch), hash), HasSubstr("problem")) << at;
+    }
+    for (const std::string& bad : {good.substr(0, good.size() - 1), good + "x", std::string()}) {
+        write_file(file, bad);
+        EXPECT_THAT(get(*open_store(scratch), hash), HasSubstr("problem")) << bad.size();
+    }
+    auto store = open_store(scratch);
+    EXPECT_TRUE(put(*store, content).added);
+    // The run fails later: the mended object belongs to older sets and stays.
+    store->discard_added();
+    EXPECT_TRUE(get(*store, hash) == content);
+}
+
+TEST(DirectoryStore, DiscardTakesBackThisRunAloneAndAnUnfinishedObjectLeavesNothing) {
+    ScratchFolder scratch;
+    {
+        auto store = open_store(scratch);
+        put(*store, "kept");
+        store->flush();
+        store->write_manifest("20231114T221320Z-full",
+                              serialize(sample_manifest("20231114T221320Z-full")));
+        store->keep_added();
+    }
+    auto before = snapshot(scratch / "store");
+    auto store = open_store(scratch);
+    put(*store, "kept");
+    put(*store, "new");
+    store->create_object()->write(as_bytes("half"));
+    store->discard_added();
+    EXPECT_EQ(snapshot(scratch / "store"), before);
+}
+
+TEST(DirectoryStore, WithoutASetIsRemovedAgainButAFolderThatWasThereStays) {
+    ScratchFolder scratch;
+    auto store = open_store(scratch);
+    put(*store, "new");
+    store->discard_added();
+    EXPECT_FALSE(fs::exists(scratch / "store"));
+    store.reset();
+    fs::create_directory(scratch / "store");
+    open_store(scratch)->discard_added();
+    EXPECT_TRUE(fs::is_empty(scratch / "store"));
+}
+
+TEST(DirectoryStore, RemovesWhatAKilledRunLeft) {
+    ScratchFolder scratch;
+    open_store(scratch);
+    auto clean = snapshot(scratch / "store");
+    write_file(scratch / "store/objects/incoming-0.tmp", "half");
+    write_file(scratch / "store/sets/20231114T221320Z-full.json.tmp", "half");
+    write_file(scratch / "store/runtime/qrtln_DBIID.ini.4711", "half");
+    open_store(scratch);
+    EXPECT_EQ(snapshot(scratch / "store"), clean);
+    // A run that was killed while it created the store is completed.
+    fs::remove(scratch / "store/store.json");
+    open_store(scratch);
+    EXPECT_EQ(snapshot(scratch / "store"), clean);
+}
+
+TEST(DirectoryStore, RefusesFoldersThatAreNoStore) {
+    ScratchFolder scratch;
+    fs::create_directory(scratch / "empty");
+    write_file(scratch / "other/file", "x");
+    write_file(scratch / "lost/sets/20231114T221320Z-full.json", "x"); // store.json is gone
+    write_file(scratch / "broken/store.json", "{}");
+    for (StoreAccess access : {StoreAccess::read, StoreAccess::write})
+        for (const char* name : {"other", "lost", "broken", "other/file"}) {
+            auto before = snapshot(scratch / name);
+            EXPECT_EQ(exit_code_of([&] { open_directory_store(scratch / name, access); }), 10)
+                << name;
+            EXPECT_EQ(snapshot(scratch / name), before);
+        }
+    for (const char* name : {"empty", "missing"})
+        EXPECT_EQ(exit_code_of([&] { open_directory_store(scratch / name, StoreAccess::read); }),
+                  10);
+    EXPECT_EQ(exit_code_of([&] { open_directory_store(scratch / "a/b", StoreAccess::write); }), 1);
+}
+
+TEST(DirectoryStore, IsLockedForOneWriter) {
+    ScratchFolder scratch;
+    auto store = open_store(scratch);
+    try {
+        open_store(scratch);
+        FAIL() << "two writers";
+    } catch (const ClientError& failure) {
+        EXPECT_EQ(failure.exit_code(), 11);
+        EXPECT_THAT(failure.what(), HasSubstr("process " + std::to_string(::getpid())));
+    }
+    EXPECT_NO_THROW(open_directory_store(scratch / "store", StoreAccess::read));
+    store.reset();
+    EXPECT_NO_THROW(open_store(scratch));
+}
+
+TEST(DirectoryStore, ThatIsFullRefusesTheObjectAndGivesTheRoomBack) {
+    ScratchFolder scratch;
+    test::SmallFileSystem small(scratch / "small", 1 << 20);
+    if (!small.mounted())
+        GTEST_SKIP() << "mounting a small file system needs root";
+    auto store = open_directory_store(scratch / "small/store", StoreAccess::write);
+    put(*store, random_bytes(200'000, 3));
+    EXPECT_EQ(exit_code_of([&] { put(*store, random_bytes(3'000'000, 4)); }), 1);
+    EXPECT_EQ(store->objects().size(), 1U);
+    store->discard_added();
+    EXPECT_TRUE(fs::is_empty(scratch / "small"));
+}
+
+TEST(Manifest, ComesBackAsItWasWithPathsOfAnyBytes) {
+    Manifest manifest = sample_manifest("20231114T221320Z-full");
+    std::string problem;
+    auto read = parse_manifest(serialize(manifest), manifest.set, problem);
+    ASSERT_TRUE(read) << problem;
+    EXPECT_EQ(read->items[0].path, manifest.items[0].path);
+    EXPECT_EQ(read->items[0].mtime_ns, manifest.items[0].mtime_ns);
+    EXPECT_EQ(read->items[0].log->number, 7U);
+    EXPECT_EQ(read->arguments, manifest.arguments);
+    EXPECT_EQ(serialize(*read), serialize(manifest));
+    EXPECT_FALSE(parse_manifest(serialize(manifest), "another", problem));
+}
+
+TEST(Manifest, WithAnyBitFlippedOrByteLostIsRefused) {
+    std::string good = serialize(sample_manifest("s"));
+    std::string problem;
+    ASSERT_TRUE(parse_manifest(good, "s", problem));
+    for (std::size_t at = 0; at < good.size(); ++at) {
+        for (int bit = 0; bit < 8; ++bit) {
+            std::string bad = good;
+            bad[at] = static_cast<char>(bad[at] ^ (1 << bit));
+            ASSERT_FALSE(parse_manifest(bad, "s", problem)) << at << " bit " << bit;
+        }
+        ASSERT_FALSE(parse_manifest(good.substr(0, at), "s", problem)) << at;
+    }
+    EXPECT_FALSE(parse_manifest(good + "\n", "s", problem));
+}
+
+TEST(Catalogue, ResolvesNamesPrefixesAndLatest) {
+    ScratchFolder scratch;
+    auto store = open_store(scratch);
+    EXPECT_EQ(exit_code_of([&] { resolve_set(*store, "latest"); }), 1);
+    for (const char* set :
+         {"20260101T000000Z-full", "20260101T000000Z-full-2", "20260102T000000Z-copy"})
+        store->write_manifest(set, serialize(sample_manifest(set)));
+    EXPECT_EQ(resolve_set(*store, "latest"), "20260102T000000Z-copy");
+    EXPECT_EQ(resolve_set(*store, "20260102"), "20260102T000000Z-copy");
+    EXPECT_EQ(resolve_set(*store, "20260101T000000Z-full"), "20260101T000000Z-full");
+    EXPECT_EQ(exit_code_of([&] { resolve_set(*store, "202601"); }), 1);
+    EXPECT_EQ(exit_code_of([&] { resolve_set(*store, "2027"); }), 1);
+    // Two in a second, and a clock that was set back: the newest still sorts last.
+    EXPECT_EQ(new_set_name(*store, 1'767'312'000, "full"), "20260102T000001Z-full");
+    EXPECT_EQ(new_set_name(*store, 0, "full"), "20260102T000001Z-full");
+    EXPECT_EQ(new_set_name(*store, 1'767'312'060, "full"), "20260102T000100Z-full");
+}
+
+} // namespace
+} // namespace qrtln
