@@ -5,6 +5,8 @@
 #ifndef NOTES_SIM_INSPECTION_H
 #define NOTES_SIM_INSPECTION_H
 
+/* The library is built with hidden symbols; these are the ones it exports. */
+#pragma GCC visibility push(default)
 #ifdef __cplusplus
 extern "C" {
 #endif
@@ -41,5 +43,6 @@ int NotesSimCompanions(void);
 #ifdef __cplusplus
 }
 #endif
+#pragma GCC visibility pop
 
 #endif

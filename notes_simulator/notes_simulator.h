@@ -116,6 +116,8 @@ typedef struct INTLFORMAT {
     char TomorrowString[32];
 } INTLFORMAT;
 
+/* The library is built with hidden symbols; these are the ones it exports. */
+#pragma GCC visibility push(default)
 #ifdef __cplusplus
 extern "C" {
 #endif
@@ -247,5 +249,6 @@ STATUS NSFDoneArchivingLog(UNIVERSALNOTEID* LogID, DWORD* LogNumber);
 #ifdef __cplusplus
 }
 #endif
+#pragma GCC visibility pop
 
 #endif
