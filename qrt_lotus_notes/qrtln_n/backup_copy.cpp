@@ -122,19 +122,13 @@ bool decideLogging(const char* caller, const char* file, BOOL bLogged, const UNI
     return false;
 }
 
-// Reads exactly one chunk. A source that ends before the size that the server gave has no errno:
-// its copy would end in what was in the buffer.
+// Reads one chunk. What the server cuts off the file during the copy is recorded like every other
+// change: zeros stand for it, never what was in the buffer before.
 int readChunk(FILE* source, char* buffer, DWORD count) {
-    errno = 0;
+    std::memset(buffer, 0, count);
+    errno = 0; // the end of the file sets none, and that is what a short read returns
     const int error = SysFileRead(source, buffer, count);
-    if (error != 0) {
-        return error;
-    }
-    if (std::feof(source) || std::ferror(source)) {
-        DB_LogExt("PrepareOpenDbForBackup(): the database file ends before the size to copy");
-        return EIO;
-    }
-    return 0;
+    return error == 0 && std::ferror(source) ? EIO : error;
 }
 
 // One copy in its course: where it reads and writes, and how far it has got.
@@ -298,6 +292,22 @@ bool openStreams(const char* original, char* directory, StreamGuard& source,
     return true;
 }
 
+// Whether the file has all that is to be copied. A file that is shorter from the start is damaged,
+// or not the one that the server has open.
+bool checkLength(const char* original, FILE* source, DWORD sizeLow, DWORD sizeHigh) {
+    const std::uint64_t size = std::uint64_t{sizeHigh} << 32 | sizeLow;
+    struct stat info;
+    if (fstat(fileno(source), &info) != 0) {
+        return reportFileError(errno);
+    }
+    if (static_cast<std::uint64_t>(info.st_size) < size) {
+        DB_ErrHandler(0, kErrorKindNone, "Database file [%s] is shorter than the size to copy",
+                      getUTF8FileName(original));
+        return false;
+    }
+    return true;
+}
+
 // Allocates and locks the working buffer; traces or logs and reports the step that failed.
 bool allocateBuffer(BufferGuard& buffer, void (*say)(const char* step)) {
     if (const STATUS status = buffer.allocate(); status != kNotesNoError) {
@@ -436,6 +446,7 @@ int PrepareOpenDbForBackup(const char* cpOriginalFile, char* cpBackupDirectory,
     TemporaryCopyGuard copy(szBackupFile);
     BufferGuard buffer(BufferGuard::Release::unlockAndFree);
     if (!openStreams(cpOriginalFile, cpBackupDirectory, source, copy) ||
+        !checkLength(cpOriginalFile, source.stream(), dwFileSizeLow, dwFileSizeHigh) ||
         !allocateBuffer(buffer, [](const char* step) {
             DB_TraceExt("PrepareOpenDbForBackup(): %s call failed", step);
         })) {

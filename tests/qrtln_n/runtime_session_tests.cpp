@@ -285,7 +285,7 @@ void loadLibraries() {
 void findLoadedLibrary() {
     g_sQRTLN_Global = {};
     const EnvironmentVariable none("Notes_ExecDirectory", "/no/such/directory");
-    void* library = dlopen(QRTLN_COMPLETE_LIBRARY "/libnotes.so", RTLD_NOW | RTLD_GLOBAL);
+    void* library = dlopen(QRTLN_COMPLETE_LIBRARY "/libhost_notes.so", RTLD_NOW | RTLD_GLOBAL);
     EXPECT_NE(library, nullptr);
     EXPECT_EQ(startNotesOperation(), 3000);
     EXPECT_EQ(notes_api.NotesInitExtended.address(), dlsym(library, "NotesInitExtended"));
