@@ -1,0 +1,51 @@
+// A test case in a process of its own: several states of the module last as long as the process.
+#pragma once
+
+#include <cstdio>
+#include <exception>
+#include <functional>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <gtest/gtest.h>
+
+#if defined(__SANITIZE_ADDRESS__)
+extern "C" int __lsan_do_recoverable_leak_check();
+#endif
+
+// The failures of the running test so far.
+inline int failedParts() {
+    const ::testing::TestResult* result =
+        ::testing::UnitTest::GetInstance()->current_test_info()->result();
+    int failed = 0;
+    for (int i = 0; i < result->total_part_count(); ++i) {
+        failed += result->GetTestPartResult(i).failed() ? 1 : 0;
+    }
+    return failed;
+}
+
+// Runs the body in a forked child, which prints its failed expectations itself. Passes when the
+// child ended by itself, met all of them and, under the address sanitizer, leaked nothing.
+inline void inOwnProcess(const std::function<void()>& body) {
+    std::fflush(nullptr);
+    const pid_t child = fork();
+    ASSERT_GE(child, 0);
+    if (child == 0) {
+        const int inherited = failedParts();
+        try {
+            body();
+        } catch (const std::exception& error) {
+            ADD_FAILURE() << error.what();
+        }
+        bool passed = failedParts() == inherited;
+#if defined(__SANITIZE_ADDRESS__)
+        passed = __lsan_do_recoverable_leak_check() == 0 && passed;
+#endif
+        std::fflush(nullptr);
+        _exit(passed ? 0 : 1);
+    }
+    int status = 0;
+    ASSERT_EQ(waitpid(child, &status, 0), child);
+    EXPECT_TRUE(WIFEXITED(status)) << "the process was ended by signal " << WTERMSIG(status);
+    EXPECT_EQ(WEXITSTATUS(status), 0) << "see the failures above";
+}

@@ -1,0 +1,422 @@
+#include "qrt_lotus_notes/qrtln_f/backup_need.h"
+
+#include <filesystem>
+#include <fstream>
+#include <gmock/gmock.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include "common/iniparser.h"
+#include "qrt_lotus_notes/qrtln_f/dbiid_index.h"
+#include "tests/interface/own_process.h"
+#include "tests/qrtln_f/fake_server.h"
+#include "tests/support/message_capture.h"
+
+namespace {
+
+namespace fs = std::filesystem;
+
+std::string textOf(DWORD number) {
+    char szText[kDbIIdTextSize];
+    formatDbIId(dbIId(number), szText);
+    return szText;
+}
+
+class DbiidIndex : public ::testing::Test {
+  protected:
+    ~DbiidIndex() override { releaseDBIIDIndex(); }
+
+    std::string index() const { return server.folder.file("run/qrtln_DBIID.ini"); }
+    std::string workingName() const { return "run/qrtln_DBIID.ini." + std::to_string(getpid()); }
+    std::string workingCopy() const { return server.folder.read(workingName()); }
+
+    // The bytes that a whole write of the index in memory would give.
+    std::string wholeDump() const {
+        const std::string file = server.folder.file("dump");
+        FILE* stream = std::fopen(file.c_str(), "wb");
+        iniparser_dump_ini(gdcDBIID, stream);
+        std::fclose(stream);
+        return server.folder.read("dump");
+    }
+
+    // Everything under the directory of run-time data.
+    std::vector<std::string> runFiles() const {
+        std::vector<std::string> names;
+        for (const auto& entry : fs::directory_iterator(server.folder.file("run"))) {
+            names.push_back(entry.path().filename());
+        }
+        return names;
+    }
+
+    FakeServer server;
+    MessageCapture messages;
+};
+
+TEST_F(DbiidIndex, TextFormIsFourWordsInOrder) {
+    EXPECT_EQ(textOf(0x0000ABCD), "0000ABCD-A1B2C3D4 00000001FFFFFFFF");
+}
+
+TEST_F(DbiidIndex, WithoutAnIndexTheRunStartsEmptyAndLeavesNoIndexWhenNothingIsWritten) {
+    openDBIIDIndex();
+    EXPECT_EQ(wholeDump(), "\n[DBIID]\n\n");
+    EXPECT_TRUE(runFiles().empty());
+    EXPECT_EQ(QRTLN_EndDBIIDIndexProcessing(TRUE), DB_NUM_E_FAILED);
+    EXPECT_TRUE(messages.hasLog("QRTLN_EndDBIIDIndexProcessing(): Copy of file [" +
+                                server.folder.file(workingName()) + "] to [" + index() +
+                                "] FAILED"));
+    EXPECT_TRUE(runFiles().empty());
+}
+
+TEST_F(DbiidIndex, WorkingCopyReadsLikeAWholeWriteAfterEveryChange) {
+    const std::string old = "\n[DBIID]\n/d/a.nsf=" + textOf(1) + "\n/d/short=x\n\n";
+    server.folder.write("run/qrtln_DBIID.ini", old);
+    server.folder.write(workingName(), "left by another process of this id");
+    openDBIIDIndex();
+    EXPECT_EQ(workingCopy(), old);
+    struct Step {
+        const char* path;
+        DWORD number;
+    };
+    for (const Step& step :
+         {Step{"/d/b.nsf", 2}, Step{"/d/a.nsf", 3}, Step{"/d/c.nsf", 4}, Step{"/d/c.nsf", 5},
+          Step{"/d/short", 6}, Step{"/d/d=e.nsf", 7}, Step{"/d/b.nsf", 2}, Step{"/d/short", 8}}) {
+        storeDbIId(step.path, textOf(step.number).c_str());
+        EXPECT_EQ(storedDbIId(step.path), textOf(step.number));
+        EXPECT_EQ(workingCopy(), wholeDump()) << step.path;
+    }
+    // A second section, or a file that somebody changed: written whole.
+    std::ofstream(server.folder.file(workingName()), std::ios::app) << "garbage";
+    storeDbIId("/d/e.nsf", textOf(9).c_str());
+    EXPECT_EQ(workingCopy(), wholeDump());
+    iniparser_add_entry(gdcDBIID, "other", nullptr, nullptr);
+    for (const char* path : {"/d/f.nsf", "/d/a.nsf"}) {
+        storeDbIId(path, textOf(10).c_str());
+        EXPECT_EQ(workingCopy(), wholeDump()) << path;
+    }
+    EXPECT_EQ(server.folder.read("run/qrtln_DBIID.ini"), old) << "untouched before the end";
+    EXPECT_EQ(QRTLN_EndDBIIDIndexProcessing(TRUE), DB_NUM_I_OK);
+    EXPECT_EQ(server.folder.read("run/qrtln_DBIID.ini"), wholeDump());
+    EXPECT_EQ(runFiles(), std::vector<std::string>{"qrtln_DBIID.ini"});
+}
+
+// What this process has written to files so far, in bytes.
+unsigned long long bytesWritten() {
+    std::ifstream io("/proc/self/io");
+    std::string name;
+    unsigned long long value = 0;
+    while (io >> name >> value) {
+        if (name == "wchar:") {
+            return value;
+        }
+    }
+    ADD_FAILURE() << "the system does not count the bytes that a process writes";
+    return 0;
+}
+
+TEST_F(DbiidIndex, TenThousandDatabasesCostTenThousandEntriesNotTheirSquare) {
+    openDBIIDIndex();
+    constexpr int kDatabases = 10000;
+    const unsigned long long before = bytesWritten();
+    for (int pass = 0; pass < 2; ++pass) { // first added, then changed
+        for (int i = 0; i < kDatabases; ++i) {
+            const std::string path = "/local/notesdata/mail/user" + std::to_string(i) + ".nsf";
+            storeDbIId(path.c_str(), textOf(static_cast<DWORD>(pass * kDatabases + i)).c_str());
+        }
+    }
+    const unsigned long long written = bytesWritten() - before;
+    const std::string file = workingCopy();
+    EXPECT_EQ(file, wholeDump());
+    EXPECT_GT(written, file.size());
+    EXPECT_LT(written, 3 * file.size());
+}
+
+TEST_F(DbiidIndex, WorkingCopyThatCannotBeOpenedOnlyLosesTheUpdate) {
+    const std::string old = "\n[DBIID]\n/d/a.nsf=" + textOf(1) + "\n\n";
+    server.folder.write("run/qrtln_DBIID.ini", old);
+    openDBIIDIndex();
+    // A directory of that name is the one obstacle that stops root, too.
+    fs::remove(server.folder.file(workingName()));
+    server.folder.makeDirectory(workingName() + "/x");
+    storeDbIId("/d/a.nsf", textOf(2).c_str());
+    EXPECT_TRUE(messages.hasLog("QRTLN_IsBackupNeeded: fopen(" + server.folder.file(workingName()) +
+                                ") failed with errno (21): Is a directory"));
+    EXPECT_EQ(storedDbIId("/d/a.nsf"), textOf(1));
+    EXPECT_EQ(QRTLN_EndDBIIDIndexProcessing(TRUE), DB_NUM_E_FAILED);
+    EXPECT_EQ(server.folder.read("run/qrtln_DBIID.ini"), old);
+}
+
+TEST_F(DbiidIndex, WorkingCopyThatCouldNotBeWrittenNeverReplacesTheIndex) {
+    const std::string old = "\n[DBIID]\n/d/a.nsf=" + textOf(1) + "\n\n";
+    server.folder.write("run/qrtln_DBIID.ini", old);
+    openDBIIDIndex();
+    // As on a full disk: what is written goes nowhere.
+    fs::remove(server.folder.file(workingName()));
+    fs::create_symlink("/dev/full", server.folder.file(workingName()));
+    storeDbIId("/d/a.nsf", textOf(2).c_str());
+    EXPECT_TRUE(messages.hasLog("QRTLN_IsBackupNeeded: writing " +
+                                server.folder.file(workingName()) +
+                                " failed with errno (28): No space left on device"));
+    EXPECT_EQ(QRTLN_EndDBIIDIndexProcessing(TRUE), DB_NUM_E_FAILED);
+    EXPECT_EQ(server.folder.read("run/qrtln_DBIID.ini"), old);
+    EXPECT_EQ(runFiles(), std::vector<std::string>{"qrtln_DBIID.ini"});
+}
+
+TEST_F(DbiidIndex, IndexIsReplacedByRenameAndKeepsItsModeAndItsLink) {
+    const std::string old = "\n[DBIID]\n/d/a.nsf=" + textOf(1) + "\n\n";
+    const std::string real = server.folder.write("elsewhere/index", old);
+    chmod(real.c_str(), 0640);
+    fs::create_symlink(real, index());
+    struct stat before;
+    ASSERT_EQ(stat(real.c_str(), &before), 0);
+    // A second name of the old file: were it written over in place, a crash would leave half of it.
+    fs::create_hard_link(real, server.folder.file("elsewhere/old"));
+    openDBIIDIndex();
+    storeDbIId("/d/a.nsf", textOf(2).c_str());
+    EXPECT_EQ(QRTLN_EndDBIIDIndexProcessing(TRUE), DB_NUM_I_OK);
+    struct stat after;
+    ASSERT_EQ(stat(real.c_str(), &after), 0);
+    EXPECT_NE(after.st_ino, before.st_ino);
+    EXPECT_EQ(after.st_mode, before.st_mode);
+    EXPECT_TRUE(fs::is_symlink(index()));
+    EXPECT_EQ(server.folder.read("elsewhere/old"), old);
+    EXPECT_EQ(server.folder.read("elsewhere/index"), wholeDump());
+    EXPECT_FALSE(server.folder.exists(workingName()));
+}
+
+TEST_F(DbiidIndex, FailedRunLeavesTheIndexAsItWas) {
+    const std::string old = "\n[DBIID]\n/d/a.nsf=" + textOf(1) + "\n\n";
+    server.folder.write("run/qrtln_DBIID.ini", old);
+    openDBIIDIndex();
+    storeDbIId("/d/a.nsf", textOf(2).c_str());
+    EXPECT_EQ(QRTLN_EndDBIIDIndexProcessing(FALSE), DB_NUM_I_OK);
+    EXPECT_EQ(server.folder.read("run/qrtln_DBIID.ini"), old);
+    EXPECT_EQ(runFiles(), std::vector<std::string>{"qrtln_DBIID.ini"});
+}
+
+TEST(AddPidToFilename, StaysWithinTheBuffer) {
+    const std::string pid = "." + std::to_string(getpid());
+    char szFits[64] = "index";
+    AddPidToFilename(szFits, sizeof szFits);
+    EXPECT_EQ(szFits, "index" + pid);
+    char szTight[8] = "index";
+    AddPidToFilename(szTight, sizeof szTight);
+    EXPECT_EQ(szTight, ("index" + pid).substr(0, 7));
+}
+
+// --- The decision -------------------------------------------------------------------------------
+
+TEST_F(DbiidIndex, DecisionFollowsLevelLoggingAndEntry) {
+    constexpr time_t kLongAgo = 1000;
+    const time_t kFuture = time(nullptr) + 100000;
+    enum Entry { none, equal, other };
+    struct Case {
+        const char* title;
+        const char* name;
+        DB_OPERATION_LEVEL level;
+        WORD style;
+        FakeDatabase database;
+        Entry entry;
+        time_t since;
+        BOOL expected;
+        bool updated;
+    };
+    const UNIVERSALNOTEID id = dbIId(7);
+    const FakeDatabase logged{TRUE, id, true, 0, false, 0};
+    const FakeDatabase changed{TRUE, id, true, 0, true, 0};
+    const FakeDatabase never{TRUE, id, false, 0, false, 0};
+    const FakeDatabase spanned{TRUE, id, true, 1, false, 0};
+    const FakeDatabase unlogged{FALSE, {}, true, 1, false, 0};
+    const FakeDatabase unloggedChanged{FALSE, {}, false, 1, true, 0};
+    const WORD A = kLogStyleArchive;
+    const WORD C = kLogStyleCircular;
+    const Case cases[] = {
+        {"full adds the entry", "a.nsf", DB_LEVEL_FULL, A, logged, none, 0, TRUE, true},
+        {"full renews an equal entry", "a.nsf", DB_LEVEL_FULL, A, logged, equal, 0, TRUE, true},
+        {"full leaves the entry of a database never backed up", "a.nsf", DB_LEVEL_FULL, A, never,
+         other, 0, TRUE, false},
+        {"incremental skips an equal entry", "a.nsf", DB_LEVEL_INCR, A, logged, equal, kLongAgo,
+         FALSE, false},
+        {"incremental takes and updates another DBIID", "a.nsf", DB_LEVEL_INCR, A, logged, other, 0,
+         TRUE, true},
+        {"incremental skips without an entry", "a.nsf", DB_LEVEL_INCR, A, changed, none, kLongAgo,
+         FALSE, false},
+        {"incremental takes what was never backed up, adds nothing", "a.nsf", DB_LEVEL_INCR, A,
+         never, none, 0, TRUE, false},
+        {"incremental skips a circular log", "a.nsf", DB_LEVEL_INCR, C, spanned, none, kLongAgo,
+         FALSE, false},
+        {"incremental skips an unlogged database", "a.nsf", DB_LEVEL_INCR, A, unloggedChanged, none,
+         kLongAgo, FALSE, false},
+        {"incremental skips other files",
+         "a.id",
+         DB_LEVEL_INCR,
+         A,
+         {},
+         none,
+         kLongAgo,
+         FALSE,
+         false},
+        {"differential takes another DBIID", "a.ns4", DB_LEVEL_DIFF, A, logged, other, kFuture,
+         TRUE, true},
+        {"differential takes newer and modified", "a.nsf", DB_LEVEL_DIFF, A, changed, equal,
+         kLongAgo, TRUE, false},
+        {"differential skips newer but not modified", "a.nsf", DB_LEVEL_DIFF, A, logged, equal,
+         kLongAgo, FALSE, false},
+        {"differential skips modified but not newer", "a.nsf", DB_LEVEL_DIFF, A, changed, equal,
+         kFuture, FALSE, false},
+        {"differential asks the span of a circular log", "a.nsf", DB_LEVEL_DIFF, C, spanned, none,
+         kFuture, TRUE, false},
+        {"differential circular without a span", "a.nsf", DB_LEVEL_DIFF, C, logged, none, kFuture,
+         FALSE, false},
+        {"differential does not ask the span of an unlogged one", "a.nsf", DB_LEVEL_DIFF, A,
+         unlogged, none, kFuture, FALSE, false},
+        {"differential unlogged, modified", "a.nsf", DB_LEVEL_DIFF, A, unloggedChanged, none,
+         kLongAgo, TRUE, false},
+        {"differential takes a newer file",
+         "a.id",
+         DB_LEVEL_DIFF,
+         A,
+         {},
+         none,
+         kLongAgo,
+         TRUE,
+         false},
+        {"differential skips an older file",
+         "a.ncf",
+         DB_LEVEL_DIFF,
+         A,
+         {},
+         none,
+         kFuture,
+         FALSE,
+         false},
+    };
+    for (const Case& c : cases) {
+        SCOPED_TRACE(c.title);
+        messages.clear();
+        fs::remove(index());
+        const std::string path = server.addDatabase(c.name, c.database);
+        if (c.entry != none) {
+            server.folder.write("run/qrtln_DBIID.ini", "\n[DBIID]\n" + path + "=" +
+                                                           textOf(c.entry == equal ? 7 : 6) +
+                                                           "\n\n");
+        }
+        openDBIIDIndex();
+        const std::string before = wholeDump();
+        FakeServer::s_style = c.style;
+        g_sQRTLN_Global.tSinceTime = c.since;
+        BOOL bNeeded = !c.expected;
+        EXPECT_EQ(QRTLN_IsBackupNeeded(path.c_str(), c.level, &bNeeded), DB_NUM_I_OK);
+        EXPECT_EQ(bNeeded, c.expected);
+        EXPECT_EQ(messages.hasLog("QRTLN_IsBackupNeeded: Update index file " +
+                                  server.folder.file(workingName())),
+                  c.updated);
+        if (c.updated) {
+            EXPECT_EQ(workingCopy(), "\n[DBIID]\n" + path + "=" + textOf(7) + "\n\n");
+        } else {
+            EXPECT_EQ(wholeDump(), before);
+        }
+        EXPECT_EQ(FakeServer::s_opens, 0);
+    }
+}
+
+TEST_F(DbiidIndex, DecisionsAreLoggedByName) {
+    const std::string never = server.addDatabase("never.nsf", {TRUE, dbIId(1), false, 0, false, 0});
+    const std::string moved = server.addDatabase("moved.nsf", {TRUE, dbIId(2), true, 0, false, 0});
+    server.folder.write("run/qrtln_DBIID.ini", "[DBIID]\n" + moved + "=" + textOf(1) + "\n");
+    openDBIIDIndex();
+    BOOL bNeeded = FALSE;
+    QRTLN_IsBackupNeeded(never.c_str(), DB_LEVEL_INCR, &bNeeded);
+    QRTLN_IsBackupNeeded(moved.c_str(), DB_LEVEL_INCR, &bNeeded);
+    EXPECT_TRUE(messages.hasLog("QRTLN_IsBackupNeeded: The database never.nsf has not been backed "
+                                "up on this server/instance of the log."));
+    EXPECT_TRUE(messages.hasLog("QRTLN_IsBackupNeeded: DBIID of moved.nsf has changed from [" +
+                                textOf(1) + "] to [" + textOf(2) + "]"));
+}
+
+TEST_F(DbiidIndex, UnreadableLoggingStateFailsTheDecision) {
+    FakeDatabase database;
+    database.openStatus = kNotesNotADatabase;
+    const std::string path = server.addDatabase("a.nsf", database);
+    openDBIIDIndex();
+    BOOL bNeeded = TRUE;
+    EXPECT_EQ(QRTLN_IsBackupNeeded(path.c_str(), DB_LEVEL_FULL, &bNeeded), DB_NUM_E_FAILED);
+    EXPECT_FALSE(bNeeded);
+}
+
+// --- Preparation and finish ----------------------------------------------------------------------
+
+TEST_F(DbiidIndex, DatabaseThatIsNotLoggedIsAWarningButForCopiesAndTheServersOwn) {
+    struct Case {
+        const char* name;
+        DB_OPERATION_LEVEL level;
+        BOOL logged;
+        int expected;
+    };
+    for (const Case& c : {Case{"m/a.nsf", DB_LEVEL_FULL, TRUE, DB_NUM_I_OK},
+                          Case{"m/a.nsf", DB_LEVEL_FULL, FALSE, DB_NUM_W_WARNING},
+                          Case{"m/a.nsf", DB_LEVEL_COPY, FALSE, DB_NUM_I_OK},
+                          Case{"m/events4.nsf", DB_LEVEL_INCR, FALSE, DB_NUM_I_OK},
+                          Case{"m/Events4.nsf", DB_LEVEL_INCR, FALSE, DB_NUM_W_WARNING}}) {
+        SCOPED_TRACE(c.name);
+        messages.clear();
+        FakeDatabase database;
+        database.bLogged = c.logged;
+        std::string path = server.addDatabase(c.name, database);
+        g_sQRTLN_Global.eI_OperationLevel = c.level;
+        char szDirectory[kPathSize] = "";
+        BOOL bOpen = FALSE;
+        EXPECT_EQ(QRTLN_PrepareForBackup(path.data(), szDirectory, &bOpen), c.expected);
+        EXPECT_TRUE(bOpen);
+        EXPECT_EQ(szDirectory, server.folder.file("tmp/m"));
+        EXPECT_TRUE(server.folder.exists("tmp/" + std::string(c.name)));
+        EXPECT_EQ(messages.hasLog("QRTLN_PrepareForBackup: events4.nsf is never logged so return "
+                                  "OK"),
+                  c.level == DB_LEVEL_INCR && c.expected == DB_NUM_I_OK);
+        EXPECT_EQ(finishBackupFile(path.c_str(), bOpen), DB_NUM_I_OK);
+        EXPECT_FALSE(server.folder.exists("tmp/" + std::string(c.name)));
+        EXPECT_TRUE(fs::exists(path));
+    }
+}
+
+TEST_F(DbiidIndex, OtherFilesAreReadWhereTheyLie) {
+    for (const auto& [path, expected] :
+         {std::pair{"/d/e/server.id", "/d/e"}, {"/x.cfg", ""}, {"nodelimiter", "before"}}) {
+        char szFile[kPathSize];
+        char szDirectory[kPathSize] = "before";
+        copyText(szFile, path);
+        BOOL bOpen = FALSE;
+        EXPECT_EQ(QRTLN_PrepareForBackup(szFile, szDirectory, &bOpen), DB_NUM_I_OK);
+        EXPECT_STREQ(szDirectory, expected);
+        EXPECT_FALSE(bOpen);
+    }
+}
+
+TEST_F(DbiidIndex, FinishDeletesNothingOutsideTheTemporaryDirectory) {
+    const std::string live = server.addFile("live.nsf");
+    const std::string victim = server.folder.write("victim.nsf", "v");
+    const std::string data = g_sQRTLN_Global.szNotesDataDirectory;
+    for (const std::string& path :
+         {std::string("nodelimiter.nsf"), std::string("/short"), data, data + "../victim.nsf",
+          data + "a/../../victim.nsf", data + std::string(kPathSize, 'x')}) {
+        SCOPED_TRACE(path.substr(0, 200));
+        g_sQRTLN_Global.ulDBErrorCode = 0;
+        *g_sQRTLN_Global.szDBErrorMsg = '\0';
+        EXPECT_EQ(finishBackupFile(path.c_str(), TRUE), DB_NUM_E_FAILED);
+        EXPECT_THAT(g_sQRTLN_Global.szDBErrorMsg,
+                    ::testing::StartsWith("finishBackupFile(): file full path ["));
+    }
+    // With TMP_DIR at the data directory the copy would be the live database.
+    for (const std::string& directory : {data, data.substr(0, data.size() - 1)}) {
+        copyText(g_sQRTLN_Global.szTmpDir, directory.c_str());
+        EXPECT_EQ(finishBackupFile(live.c_str(), TRUE), DB_NUM_E_FAILED);
+    }
+    EXPECT_TRUE(fs::exists(live));
+    EXPECT_TRUE(fs::exists(victim));
+    // Names that only look like a way up are names.
+    copyText(g_sQRTLN_Global.szTmpDir, (server.folder.file("tmp") + "/").c_str());
+    server.folder.write("tmp/..a/b...nsf", "c");
+    EXPECT_EQ(finishBackupFile((data + "..a/b...nsf").c_str(), TRUE), DB_NUM_I_OK);
+    EXPECT_FALSE(server.folder.exists("tmp/..a/b...nsf"));
+}
+
+} // namespace
