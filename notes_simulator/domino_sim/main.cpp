@@ -23,6 +23,11 @@ int main(int argc, char** argv) {
                  "domino-sim"};
     app.require_subcommand(1);
     domino_sim::addInitCommands(app);
+    domino_sim::addEditCommands(app);
+    domino_sim::addShowCommands(app);
+    domino_sim::addWorkloadCommand(app);
+    domino_sim::addCheckCommand(app);
+    domino_sim::addHarmCommands(app);
     try {
         app.parse(argc, argv);
         return 0;
