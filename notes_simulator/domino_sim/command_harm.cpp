@@ -1,0 +1,103 @@
+// compact, saved, damage and lose: what befalls databases beside users and backups.
+#include "notes_simulator/backup_context.h"
+#include "notes_simulator/domino_sim/cli.h"
+#include "notes_simulator/status.h"
+#include "notes_simulator/transaction.h"
+
+#include <fcntl.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <memory>
+
+namespace fs = std::filesystem;
+using namespace notes_sim;
+
+namespace domino_sim {
+
+namespace {
+
+struct DatabaseOptions {
+    std::string server;
+    std::string database;
+};
+
+void runCompact(const DatabaseOptions& options) {
+    const Server server = useServer(options.server);
+    const fs::path file = requireDatabase(server, options.database);
+    const ServerLock lock(server);
+    const auto log = openLog(server, lock);
+    if (openContext(server, server.keyOf(file))) {
+        throw StatusError(kRefusedDuringBackup, file.string());
+    }
+    Database database(file, Connection::Mode::kReadWrite);
+    database.connection().run("VACUUM");
+    DatabaseHeader header = database.header();
+    header.dbiid = randomId16();
+    header.lastRecord = 0;
+    header.lastExtent = log ? log->activeExtent() : 0;
+    database.writeHeader(header);
+}
+
+void runSaved(const DatabaseOptions& options) {
+    const Server server = useServer(options.server);
+    markBackedUp(server, requireDatabase(server, options.database));
+}
+
+void runLose(const DatabaseOptions& options) {
+    const Server server = useServer(options.server);
+    const fs::path file = requireDatabase(server, options.database);
+    const ServerLock lock(server);
+    // The journal goes with its database: it must not be rolled back into a restored one.
+    fs::remove(server.state / "journals" / (server.keyOf(file) + "-journal"));
+    fs::remove(file);
+}
+
+/// Overwrites the middle half of the file: the tables break, the file is still a database.
+void runDamage(const std::string& name) {
+    constexpr std::size_t kPiece = 512;
+    const std::uint64_t size = fs::file_size(name);
+    const int fd = ::open(name.c_str(), O_WRONLY | O_CLOEXEC);
+    if (fd < 0) {
+        throwErrno(errno, name);
+    }
+    const std::string garbage(kPiece, '\xDB');
+    bool written = true;
+    for (std::uint64_t at = std::max<std::uint64_t>(size / 4, 4096); at + kPiece <= size / 4 * 3;
+         at += 2048) {
+        written = written && ::pwrite(fd, garbage.data(), kPiece, static_cast<off_t>(at)) ==
+                                 static_cast<ssize_t>(kPiece);
+    }
+    const int error = errno;
+    ::close(fd);
+    if (!written) {
+        throwErrno(error, name);
+    }
+}
+
+void addDatabaseCommand(CLI::App& app, const char* name, const char* help,
+                        void (*run)(const DatabaseOptions&)) {
+    auto options = std::make_shared<DatabaseOptions>();
+    CLI::App* command = app.add_subcommand(name, help);
+    command->add_option("SERVER", options->server, "Server folder")->required();
+    command->add_option("DB", options->database, "Database")->required();
+    command->callback([options, run] { run(*options); });
+}
+
+} // namespace
+
+void addHarmCommands(CLI::App& app) {
+    addDatabaseCommand(app, "compact",
+                       "Rewrite a database, which gives it a new DBIID; refused during its backup",
+                       runCompact);
+    addDatabaseCommand(app, "saved", "Tell the server that another tool backed a database up",
+                       runSaved);
+    addDatabaseCommand(app, "lose", "Delete a database behind the server's back", runLose);
+    auto file = std::make_shared<std::string>();
+    CLI::App* damage =
+        app.add_subcommand("damage", "Overwrite parts of a database file with garbage");
+    damage->add_option("FILE", *file, "Database file")->required()->check(CLI::ExistingFile);
+    damage->callback([file] { runDamage(*file); });
+}
+
+} // namespace domino_sim
