@@ -26,10 +26,14 @@ void removeLineEnds(char* text) {
     }
 }
 
+// The formats of trace() carry a level that the compiler does not know, so it cannot check them.
+#pragma GCC diagnostic push
+#pragma GCC diagnostic ignored "-Wformat-nonliteral"
 void formatMessage(char (&message)[kMessageSize], const char* format, va_list arguments) {
     message[0] = '\0';
     std::vsnprintf(message, sizeof message, format, arguments);
 }
+#pragma GCC diagnostic pop
 
 void formatAndCall(TYPE_DB_MessageFunc callback, const char* format, va_list arguments) {
     const ErrnoKeeper keeper;

@@ -86,10 +86,9 @@ TEST(Dictionary, NullArgumentsDoNothing) {
 }
 
 TEST(Dictionary, MemDoubleKeepsTheFirstHalfAndClearsTheSecond) {
-    char* const block = static_cast<char*>(std::malloc(8));
-    std::memcpy(block, "12345678", 8);
+    char* const block = strdup("1234567");
     char* const doubled = static_cast<char*>(mem_double(block, 8));
-    EXPECT_EQ(std::string(doubled, 16), std::string("12345678") + std::string(8, '\0'));
+    EXPECT_EQ(std::string(doubled, 16), std::string("1234567") + std::string(9, '\0'));
     std::free(doubled);
 }
 

@@ -250,7 +250,7 @@ TEST(IniProperties, WrittenIndexIsReadBackAsItWas) {
 TEST(IniProperties, AnyBytesAreReadWithoutHarmAndSettleAfterOneRound) {
     const TemporaryFolder folder;
     Random random(11);
-    const std::string alphabet("ab[]=:'\" \t\r\n;\\%\0\xFF\xA0", 19);
+    const std::string alphabet("ab[]=:'\" \t\r\n;\\%\0\xFF\xA0", 18);
     for (int round = 0; round < 1500; ++round) {
         const unsigned int longest = round % 50 == 0 ? 6000 : 200;
         const Dictionary first = load(folder, random.text(alphabet, longest));
@@ -331,22 +331,40 @@ TEST_F(IniUpdate, FailureIsReportedAndTheNextCallWritesTheWhole) {
     set("DBIID", "b", "2");
 }
 
-TEST_F(IniUpdate, EntryThatDoesNotFitTheDiskIsReportedAndRepaired) {
+// A limit on file sizes stands for the full disk.
+class FileSizeLimit {
+  public:
+    explicit FileSizeLimit(rlim_t bytes) {
+        getrlimit(RLIMIT_FSIZE, &m_before);
+        const struct rlimit limit = {bytes, m_before.rlim_max};
+        std::signal(SIGXFSZ, SIG_IGN);
+        setrlimit(RLIMIT_FSIZE, &limit);
+    }
+    ~FileSizeLimit() {
+        setrlimit(RLIMIT_FSIZE, &m_before);
+        std::signal(SIGXFSZ, SIG_DFL);
+    }
+
+  private:
+    struct rlimit m_before;
+};
+
+TEST_F(IniUpdate, EntryThatDoesNotReachTheDiskIsReportedAndComesWithTheNext) {
     iniparser_add_entry(d.get(), "DBIID", nullptr, nullptr);
     set("DBIID", "a", std::string(1000, 'x'));
-    // A limit on file sizes stands for the full disk.
-    struct rlimit before;
-    ASSERT_EQ(getrlimit(RLIMIT_FSIZE, &before), 0);
-    struct rlimit limit = before;
-    limit.rlim_cur = 1100;
-    signal(SIGXFSZ, SIG_IGN);
-    ASSERT_EQ(setrlimit(RLIMIT_FSIZE, &limit), 0);
-    iniparser_add_entry(d.get(), "DBIID", "b", std::string(500, 'y').c_str());
-    const IniDumpResult result = iniparser_update_dump(d.get(), "DBIID:b", path.c_str(), layout);
-    ASSERT_EQ(setrlimit(RLIMIT_FSIZE, &before), 0);
-    signal(SIGXFSZ, SIG_DFL);
-    EXPECT_EQ(result.error, EFBIG);
-    set("DBIID", "c", "3");
+    for (const rlim_t limit : {1100, 10}) { // within a new entry, before a changed one
+        const char* const key = limit == 10 ? "a" : "b";
+        iniparser_add_entry(d.get(), "DBIID", key, std::string(1000, 'y').c_str());
+        IniDumpResult result;
+        {
+            const FileSizeLimit full(limit);
+            result = iniparser_update_dump(d.get(), (std::string("DBIID:") + key).c_str(),
+                                           path.c_str(), layout);
+        }
+        EXPECT_EQ(result.error, EFBIG) << limit;
+        EXPECT_STREQ(result.call, "fwrite");
+        set("DBIID", "c" + std::to_string(limit), "3");
+    }
 }
 
 // In processor time: writing the whole for each entry would write some 30 gigabytes.

@@ -269,8 +269,8 @@ TEST(CurrentTime, IsDecimalTextOfFixedWidthInLocalTime) {
         {day, {1, 31}}, {month, {1, 12}}, {hour, {0, 23}}, {minute, {0, 59}}};
     for (const auto& [text, range] : ranges) {
         EXPECT_THAT(text, MatchesRegex("[0-9]{2}"));
-        EXPECT_GE(std::atoi(text), range.first);
-        EXPECT_LE(std::atoi(text), range.second);
+        EXPECT_GE(std::stoi(text), range.first);
+        EXPECT_LE(std::stoi(text), range.second);
     }
 }
 
