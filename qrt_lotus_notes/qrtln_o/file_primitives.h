@@ -11,7 +11,8 @@ inline constexpr DWORD QRTLN_BUFFER_SIZE = 32768;
 // Size of the stream buffers, full buffering.
 inline constexpr std::size_t kStreamBufferSize = 2097152;
 
-// Creates every missing level of a directory, mode 0775. 0 at once when the path exists.
+// Creates every missing level of a directory, mode 0775. 0 at once when the path exists. On failure
+// the buffer stays cut behind the directory that could not be created.
 int SysFileCreateDirectory(char* cpDirectory);
 
 // Opens for writing: "rb+" when the file exists (it is NOT truncated: bytes beyond the new length
@@ -42,7 +43,8 @@ int SysFileDelete(const char* cpFileName);
 BOOL SysFileExists(const char* cpFile);
 
 // Copies a file over the target, which is truncated or created. TRUE when every byte reached it,
-// its closing included. With bFailIfExists an existing target is not touched and the answer FALSE.
+// its closing included; on FALSE the target may hold a part. An existing target is not touched with
+// bFailIfExists, nor when it is the source itself (both FALSE).
 BOOL SysFileCopy(const char* cpSource, const char* cpTarget, BOOL bFailIfExists);
 
 // Stand-ins for what only other platforms have.

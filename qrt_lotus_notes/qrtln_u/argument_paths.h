@@ -6,7 +6,8 @@
 #include "qrt_lotus_notes/operation_state.h"
 
 // Turns a DATABASE control variable (or its value) into a path or pattern in out[1028], which is
-// read too: an argument already there that exists is kept. Returns 0.
+// read too: an argument already there that exists is kept. A path that would not fit is logged and
+// leaves out empty. Returns 0.
 int handleRelativeArguments(const char* arg, char* out);
 
 // 1 when the path matches one of the patterns ("*" also matches "/"), or when there are none.
