@@ -231,8 +231,9 @@ STATUS applyChanges(const char* caller, DBHANDLE hDB, DHANDLE hBackupContext, DH
     return kNotesNoError;
 }
 
-// Applies the recorded changes to the file of that LMBCS path. Ending it counts: what it still
-// writes may not reach the disk. Returns the first failure.
+// Applies the recorded changes to the file of that LMBCS path. Returns the first failure. What
+// ending it answers is not a failure of the interface, but may mean that the copy is not whole:
+// hosts find the log line and do not count the item as saved.
 STATUS applyRecordedChanges(const char* caller, DBHANDLE hDB, DHANDLE hBackupContext,
                             ApplyContextGuard& apply, char* lmbcsPath, const ChangeInfoSize& size,
                             BYTE* buffer) {
@@ -245,11 +246,11 @@ STATUS applyRecordedChanges(const char* caller, DBHANDLE hDB, DHANDLE hBackupCon
         failed != kNotesNoError) {
         return failed;
     }
-    const STATUS ended = apply.end(kBackupComplete);
-    if (ended != kNotesNoError) {
-        DB_TraceExt("%s(): NSFBackupEndApplyChangeInfo LN C API call failed", caller);
+    if (const STATUS ended = apply.end(kBackupComplete); ended != kNotesNoError) {
+        DB_LogExt("%s(): NSFBackupEndApplyChangeInfo LN C API call failed: %s", caller,
+                  getLotusNotesApiError(ended, FALSE));
     }
-    return ended;
+    return kNotesNoError;
 }
 
 // Starts the backup; a backup that somebody left on the database is ended, so that the next try
