@@ -18,6 +18,8 @@ namespace qrtln {
 namespace {
 
 constexpr const char* module_name = "libqrtln.so";
+// The name with the version of the interface that this client is written for.
+constexpr const char* module_soname = "libqrtln.so.1";
 
 std::string variables_frame(FrameWriter& frame, const std::vector<std::string>& variables) {
     frame.number(static_cast<std::int32_t>(variables.size()));
@@ -38,11 +40,12 @@ std::string find_module(const std::string& given) {
         return absolute_path(given);
     std::string own = executable_directory();
     if (!own.empty()) {
-        std::string beside = own.substr(0, own.rfind('/')) + "/lib/" + module_name;
-        if (::access(beside.c_str(), R_OK) == 0)
-            return beside;
+        std::string library_directory = own.substr(0, own.rfind('/')) + "/lib/";
+        for (const char* name : {module_name, module_soname})
+            if (::access((library_directory + name).c_str(), R_OK) == 0)
+                return library_directory + name;
     }
-    return module_name;
+    return module_soname;
 }
 
 ModuleHost::ModuleHost(ModuleOptions options) : m_options(std::move(options)) {

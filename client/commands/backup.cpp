@@ -388,9 +388,10 @@ void BackupRun::prepare_and_read(ManifestItem& item) {
         return (prepared.status == DB_NUM_I_OK || prepared.status == DB_NUM_W_WARNING) &&
                !prepared.name.empty();
     };
+    std::string first;
     if (!usable() && interrupt_signal() == 0) {
         // A backup context that a killed run left fails the next start of one and ends with it.
-        std::string first = module_reason();
+        first = module_reason();
         prepared = m_host->prepare(item.path);
         if (usable())
             item.warnings.push_back("prepared at the second attempt; the first failed: " + first);
@@ -401,7 +402,10 @@ void BackupRun::prepare_and_read(ManifestItem& item) {
         return;
     }
     if (!usable()) {
-        item.reason = "the server could not prepare it: " + module_reason();
+        std::string second = module_reason();
+        item.reason = "the server could not prepare it: " + second;
+        if (!first.empty() && first != second)
+            item.reason += " (the first attempt: " + first + ")";
         std::optional<std::uint64_t> room = free_bytes(m_temporary->path());
         struct stat status {};
         if (room && item.kind == ItemKind::database && ::stat(item.path.c_str(), &status) == 0 &&
@@ -480,9 +484,13 @@ void BackupRun::read_content(ManifestItem& item, const std::string& file) {
 // A notes.ini outside the data directory is part of the server too; the module does not know it.
 void BackupRun::store_own_notes_ini() {
     std::string module_path = m_ini.data_directory + "/notes.ini";
-    std::optional<std::string> in_data = real_path(module_path);
-    std::optional<std::string> in_use = real_path(m_ini.file);
-    if (m_seen.contains(m_ini.file) || (in_data && in_use && *in_data == *in_use))
+    struct stat in_data {};
+    struct stat in_use {};
+    // One file under two names, by whatever kind of link, is stored once.
+    bool same = ::stat(module_path.c_str(), &in_data) == 0 &&
+                ::stat(m_ini.file.c_str(), &in_use) == 0 && in_data.st_dev == in_use.st_dev &&
+                in_data.st_ino == in_use.st_ino;
+    if (same || m_seen.contains(m_ini.file))
         return;
     m_seen.insert(m_ini.file);
     struct stat status {};

@@ -1,0 +1,129 @@
+// The executable with the real module over the simulated server.
+#ifdef QRTLN_DOMINO_SIM
+
+#include "client/catalogue.h"
+#include "client/store/store.h"
+#include "tests/client/run_client.h"
+
+#include <gmock/gmock.h>
+#include <nlohmann/json.hpp>
+
+namespace qrtln {
+namespace {
+
+namespace fs = std::filesystem;
+using nlohmann::json;
+using test::Outcome;
+using test::read_file;
+using test::run_client;
+using testing::HasSubstr;
+
+class OverTheSimulator : public testing::Test {
+  protected:
+    OverTheSimulator() {
+        fs::create_directories(m_tmp);
+        domino("init " + m_server + " --databases 6 --extent-size 65536");
+    }
+    // Runs domino-sim with plain words; its exit status.
+    int domino(const std::string& words) const {
+        std::string command = std::string(QRTLN_DOMINO_SIM) + " " + words + " >" +
+                              m_scratch / "domino-sim.out" + " 2>&1";
+        return std::system(command.c_str());
+    }
+    Outcome backup(std::vector<std::string> more = {}, test::Environment environment = {}) const {
+        std::vector<std::string> words = {"backup",  "--notes-ini", m_server + "/notes.ini",
+                                          "--store", m_store,       "--tmp-dir",
+                                          m_tmp,     "--json"};
+        words.insert(words.end(), more.begin(), more.end());
+        environment["QRTLN_MODULE"] = ""; // the one beside the executable
+        environment.try_emplace("Notes_ExecDirectory", QRTLN_SIMULATOR_DIRECTORY);
+        return run_client(words, environment);
+    }
+
+    test::ScratchFolder m_scratch;
+    std::string m_server = m_scratch / "server";
+    std::string m_store = m_scratch / "store";
+    std::string m_tmp = m_scratch / "tmp";
+};
+
+TEST_F(OverTheSimulator, EveryDatabaseSavedUnderLoadIsExactlyWhatTheServerCommitted) {
+    std::string manifest = m_scratch / "commits";
+    std::string workload = std::string(QRTLN_DOMINO_SIM) + " workload " + m_server +
+                           " --writers 2 --manifest " + manifest + " >/dev/null 2>&1 & echo $! >" +
+                           m_scratch / "pid";
+    ASSERT_EQ(std::system(workload.c_str()), 0);
+    Outcome first = backup();
+    Outcome second = backup({"mail"});
+    std::string stop = "kill -TERM $(cat " + m_scratch / "pid" + "); while kill -0 $(cat " +
+                       m_scratch / "pid" + ") 2>/dev/null; do sleep 0.05; done";
+    ASSERT_EQ(std::system(stop.c_str()), 0);
+    ASSERT_EQ(first.exit_code, 0) << first.errors;
+    ASSERT_EQ(second.exit_code, 0) << second.errors;
+
+    auto store = open_directory_store(m_store, StoreAccess::read);
+    std::size_t databases = 0;
+    std::size_t active_logs = 0;
+    for (const std::string& set : store->set_names()) {
+        CatalogueEntry entry = load_set(*store, set);
+        ASSERT_TRUE(entry.manifest) << entry.problem;
+        for (const ManifestItem& item : entry.manifest->items) {
+            active_logs += item.log && item.log->active ? 1 : 0;
+            if (item.kind != ItemKind::database)
+                continue;
+            std::string content;
+            store->read_object(item.object, [&](Bytes bytes) {
+                content.append(reinterpret_cast<const char*>(bytes.data()), bytes.size());
+            });
+            std::string copy = m_scratch / "copy.nsf";
+            test::write_file(copy, content);
+            std::string name = item.path.substr(entry.manifest->data_directory.size() + 1);
+            EXPECT_EQ(domino("check " + copy + " --database " + name + " --manifest " + manifest),
+                      0)
+                << name << read_file(m_scratch / "domino-sim.out");
+            ++databases;
+        }
+    }
+    EXPECT_GT(databases, 6U);
+    EXPECT_EQ(active_logs, 1U);
+    EXPECT_TRUE(fs::is_empty(m_tmp));
+    EXPECT_EQ(run_client({"verify", "--store", m_store}, {}).exit_code, 0);
+}
+
+TEST_F(OverTheSimulator, FailuresOfTheServerLeaveTheIndexAndEndWithTheirCodes) {
+    ASSERT_EQ(backup().exit_code, 0);
+    ASSERT_EQ(backup().exit_code, 0); // the second writes the index
+    std::string index = m_store + "/runtime/qrtln_DBIID.ini";
+    std::string before = read_file(index);
+    EXPECT_THAT(before, HasSubstr("names.nsf="));
+    ASSERT_EQ(domino("compact " + m_server + " names.nsf"), 0); // a new entry, if all goes well
+    const struct {
+        const char* faults;
+        int exit_code;
+        const char* text;
+    } cases[] = {
+        {"NotesInitExtended=272", 14, "Access to data denied"},
+        {"NSFGetFirstLogToArchive=5", 14, "cannot list the next item"},
+        {"NSFBackupStart#1=3748,NSFBackupStart#2=3748", 3, "failed"},
+    };
+    for (const auto& test : cases) {
+        SCOPED_TRACE(test.faults);
+        Outcome outcome = backup({}, {{"NOTES_SIM_FAULTS", test.faults}});
+        EXPECT_EQ(outcome.exit_code, test.exit_code) << outcome.errors;
+        EXPECT_THAT(outcome.errors, HasSubstr(test.text));
+        EXPECT_EQ(json::parse(outcome.output)["exit_code"], test.exit_code);
+        EXPECT_EQ(read_file(index), before);
+        EXPECT_TRUE(fs::is_empty(m_tmp));
+    }
+    Outcome no_library = backup({}, {{"Notes_ExecDirectory", m_scratch / "none"}});
+    EXPECT_EQ(no_library.exit_code, 14);
+    EXPECT_THAT(no_library.errors, HasSubstr("libnotes.so"));
+    // A context that a killed run left costs one more attempt.
+    Outcome retried = backup({}, {{"NOTES_SIM_FAULTS", "NSFBackupStart#2=3748"}});
+    EXPECT_EQ(retried.exit_code, 0) << retried.errors;
+    EXPECT_NE(read_file(index), before);
+}
+
+} // namespace
+} // namespace qrtln
+
+#endif
