@@ -87,8 +87,8 @@ int main(int argc, char** argv) {
     add_store_options(*backup_command, backup.store, backup.json);
     backup_command
         ->add_option("--level", backup.level,
-                     "full: the base of later backups, with the logs; copy: the same files, but "
-                     "nothing on the server or in the index changes")
+                     "full: with the transaction logs, the base of later backups; copy: the same "
+                     "files without the logs, and the index of databases is left alone")
         ->check(CLI::IsMember({"full", "copy"}))
         ->capture_default_str();
     backup_command
