@@ -1,0 +1,359 @@
+// A backup at the module's interface, over the simulator.
+#include <gmock/gmock.h>
+#include <set>
+
+#include "tests/interface/module_host.h"
+#include "tests/interface/own_process.h"
+
+namespace {
+
+using ::testing::Contains;
+using ::testing::HasSubstr;
+using ::testing::IsEmpty;
+using ::testing::Not;
+
+namespace fs = std::filesystem;
+
+std::vector<std::string> endingWith(const std::vector<std::string>& names, const char* end) {
+    std::vector<std::string> chosen;
+    std::copy_if(names.begin(), names.end(), std::back_inserter(chosen),
+                 [&](const std::string& name) { return name.ends_with(end); });
+    return chosen;
+}
+
+TEST(Backup, FullBackupHandsOutEverythingThenTheLogsThenTheLogControlFileOnce) {
+    inOwnProcess([] {
+        SimulatedServer server;
+        server.fillLog();
+        server.markSaved("names.nsf");
+        Module module;
+        ASSERT_EQ(module.open(server, DB_TYPE_BCK, DB_LEVEL_FULL), DB_NUM_I_OK) << module.error();
+        // The flag is set after the backup was initialised: no session is begun, logs come all the
+        // same, and the close ends a session.
+        EXPECT_TRUE(Module::traced("QRTLN_InitBackup(): bWithArchiveLogs 0 >> no archive logs "
+                                   "will be backed up"));
+        EXPECT_TRUE(Module::traced("DB_InitOperation: set bWithArchiveLogs TRUE"));
+        const auto items = module.backUp();
+        EXPECT_EQ(module.code, DB_NUM_I_COMPLETE);
+        EXPECT_THAT(module.failed, IsEmpty());
+        EXPECT_THAT(module.unfinished, IsEmpty());
+        EXPECT_EQ(items[0], server.server() + "/data");
+        EXPECT_EQ(items[1], server.data("notes.ini"));
+        EXPECT_THAT(
+            items, ::testing::IsSupersetOf({server.data("names.nsf"), server.data("mail/user1.nsf"),
+                                            server.data("user.id")}));
+        const auto logs = endingWith(items, ".TXN");
+        ASSERT_GE(logs.size(), 2u);
+        EXPECT_EQ(std::vector(items.end() - static_cast<long>(logs.size()) - 1, items.end() - 1),
+                  logs);
+        EXPECT_EQ(items.back(), server.server() + "/logs/nlogctrl.lfh");
+        EXPECT_EQ(module.get(), "") << "the log control file comes once";
+        EXPECT_EQ(module.code, DB_NUM_I_COMPLETE);
+        EXPECT_EQ(server.calls("NSFBeginArchivingLogs"), 0);
+        EXPECT_EQ(server.calls("NSFDoneArchivingLog"), 0) << "nothing is marked before the close";
+        EXPECT_THAT(server.filesBelow("tmp"), IsEmpty());
+
+        EXPECT_EQ(module.close("STATUS=0"), DB_NUM_I_OK);
+        EXPECT_EQ(server.calls("NSFDoneArchivingLog"), static_cast<long>(logs.size()) - 1)
+            << "every log but the active one";
+        EXPECT_EQ(server.calls("NSFEndArchivingLogs"), 1);
+        const std::string index = server.folder.read("run/qrtln_DBIID.ini");
+        EXPECT_TRUE(index.starts_with("\n[DBIID]\n"));
+        EXPECT_EQ(server.filesBelow("run").size(), 1u);
+    });
+}
+
+TEST(Backup, PreparedCopyIsSoundAndGoesWhenTheItemIsFinished) {
+    inOwnProcess([] {
+        SimulatedServer server;
+        Module module;
+        ASSERT_EQ(module.open(server, DB_TYPE_BCK, DB_LEVEL_COPY,
+                              {"DATABASE=QRTLN:" + server.data("names.nsf")}),
+                  DB_NUM_I_OK);
+        std::string item;
+        do {
+            item = module.get();
+            if (!item.ends_with(".nsf")) {
+                module.ItemFinishStatus(DB_ITEM_SUCCESS);
+            }
+        } while (!item.empty() && !item.ends_with(".nsf"));
+        const std::string copy = module.prepare(item);
+        EXPECT_EQ(copy, server.folder.file("tmp/names.nsf"));
+        server.simulate("show " + copy);
+        EXPECT_EQ(module.ItemFinishStatus(DB_ITEM_SUCCESS), DB_NUM_I_OK);
+        EXPECT_FALSE(fs::exists(copy));
+        EXPECT_EQ(module.close("STATUS=0"), DB_NUM_I_OK);
+        // A copy backup asks no database for its DBIID, so there is no index to put in place.
+        EXPECT_THAT(server.filesBelow("run"), IsEmpty());
+    });
+}
+
+TEST(Backup, OnlyTheStatusZeroMarksLogsAndReplacesTheIndex) {
+    struct Case {
+        const char* status;
+        bool ok;
+    };
+    for (const Case& c :
+         {Case{"STATUS=0", true}, Case{"status:0", true}, Case{"STATUS=1", false},
+          Case{"STATUS=00", false}, Case{"STATUS", false}, Case{"STATE=0", false}}) {
+        SCOPED_TRACE(c.status);
+        inOwnProcess([&] {
+            SimulatedServer server;
+            server.fillLog();
+            server.markSaved("names.nsf");
+            Module module;
+            ASSERT_EQ(module.open(server, DB_TYPE_BCK, DB_LEVEL_FULL), DB_NUM_I_OK);
+            // A log goes on the list of logs to mark whatever its finish status: the status of the
+            // whole run alone holds it back.
+            module.backUp(DB_ITEM_FAIL);
+            EXPECT_EQ(module.close(c.status), DB_NUM_I_OK);
+            EXPECT_EQ(server.calls("NSFDoneArchivingLog") > 0, c.ok);
+            EXPECT_EQ(server.calls("NSFEndArchivingLogs"), 1);
+            EXPECT_EQ(server.filesBelow("run").size(), c.ok ? 1u : 0u);
+        });
+    }
+}
+
+TEST(Backup, IncrementalTakesOnlyDatabasesWhoseInstanceChanged) {
+    inOwnProcess([] {
+        SimulatedServer server;
+        inOwnProcess([&] {
+            Module module;
+            module.open(server, DB_TYPE_BCK, DB_LEVEL_FULL);
+            module.backUp();
+            EXPECT_EQ(module.close("STATUS=0"), DB_NUM_I_OK);
+        });
+        // The first full backup found databases never backed up: their entries come with the next.
+        inOwnProcess([&] {
+            Module module;
+            module.open(server, DB_TYPE_BCK, DB_LEVEL_FULL);
+            module.backUp();
+            EXPECT_EQ(module.close("STATUS=0"), DB_NUM_I_OK);
+        });
+        const std::string before = server.folder.read("run/qrtln_DBIID.ini");
+        EXPECT_THAT(before, HasSubstr(server.data("names.nsf") + "="));
+        for (const bool compacted : {false, true}) {
+            SCOPED_TRACE(compacted);
+            if (compacted) {
+                server.simulate("compact " + server.server() + " names.nsf");
+                // Its content is saved elsewhere, so that the changed DBIID alone selects it.
+                server.markSaved("names.nsf");
+            }
+            inOwnProcess([&] {
+                Module module;
+                ASSERT_EQ(module.open(server, DB_TYPE_BCK, DB_LEVEL_INCR), DB_NUM_I_OK);
+                const auto databases = endingWith(module.backUp(), ".nsf");
+                EXPECT_EQ(databases, compacted ? std::vector{server.data("names.nsf")}
+                                               : std::vector<std::string>{});
+                EXPECT_EQ(module.close("STATUS=0"), DB_NUM_I_OK);
+            });
+            EXPECT_EQ(server.folder.read("run/qrtln_DBIID.ini") != before, compacted);
+        }
+    });
+}
+
+TEST(Backup, IncrementalWithoutArchiveLogsFailsAndItsCloseStillAsksToEndArchiving) {
+    for (const char* style : {"circular", "linear", "none"}) {
+        SCOPED_TRACE(style);
+        inOwnProcess([&] {
+            SimulatedServer server(style);
+            Module module;
+            EXPECT_EQ(module.open(server, DB_TYPE_BCK, DB_LEVEL_INCR), DB_NUM_E_FAILED);
+            Module::s_traces.clear();
+            EXPECT_EQ(module.close("STATUS=1"), DB_NUM_I_OK);
+            EXPECT_TRUE(Module::traced("endArchiveLogs() call"));
+        });
+    }
+}
+
+TEST(Backup, FullBackupWithoutArchiveLogsEndsAfterTheDatabases) {
+    for (const char* style : {"circular", "none"}) {
+        SCOPED_TRACE(style);
+        inOwnProcess([&] {
+            SimulatedServer server(style);
+            Module module;
+            ASSERT_EQ(module.open(server, DB_TYPE_BCK, DB_LEVEL_FULL), DB_NUM_I_OK);
+            const auto items = module.backUp();
+            EXPECT_EQ(module.code, DB_NUM_I_COMPLETE);
+            EXPECT_THAT(endingWith(items, ".TXN"), IsEmpty());
+            EXPECT_THAT(endingWith(items, ".lfh"), IsEmpty());
+            EXPECT_EQ(module.close("STATUS=0"), DB_NUM_I_OK);
+        });
+    }
+}
+
+TEST(Backup, SecondOperationOfAProcessLacksWhatComesOncePerModule) {
+    inOwnProcess([] {
+        SimulatedServer server;
+        server.fillLog();
+        Module module;
+        ASSERT_EQ(module.open(server, DB_TYPE_BCK, DB_LEVEL_FULL), DB_NUM_I_OK);
+        module.backUp();
+        ASSERT_EQ(module.close("STATUS=0"), DB_NUM_I_OK);
+        EXPECT_EQ(server.calls("NSFGetFirstLogToArchive"), 1);
+        ASSERT_EQ(module.open(server, DB_TYPE_BCK, DB_LEVEL_FULL), DB_NUM_I_OK);
+        const auto items = module.backUp();
+        EXPECT_EQ(server.calls("NSFGetFirstLogToArchive"), 1);
+        EXPECT_THAT(items, Contains(server.data("names.nsf")));
+        EXPECT_THAT(items, Not(Contains(server.data("notes.ini"))));
+        EXPECT_THAT(endingWith(items, ".lfh"), IsEmpty());
+        EXPECT_EQ(module.close("STATUS=0"), DB_NUM_I_OK);
+    });
+}
+
+TEST(Backup, OtherDatabaseExtensionsArePreparedLikeDatabasesButTheirCopiesStay) {
+    inOwnProcess([] {
+        SimulatedServer server;
+        fs::copy(server.data("names.nsf"), server.data("old.ns3"));
+        Module module;
+        ASSERT_EQ(module.open(server, DB_TYPE_BCK, DB_LEVEL_FULL), DB_NUM_I_OK);
+        EXPECT_THAT(module.backUp(), Contains(server.data("old.ns3")));
+        EXPECT_THAT(server.filesBelow("tmp"), ::testing::ElementsAre("old.ns3"));
+        module.close("STATUS=0");
+    });
+}
+
+TEST(Backup, EveryItemIsFinishedOnceInWhateverBatchesItemsAreHandedOut) {
+    struct Case {
+        const char* title;
+        std::vector<int> steps; // n > 0: get n items; n < 0: finish -n
+    };
+    for (const Case& c :
+         {Case{"one by one", {1, -1, 1, -1, 1, -1, 1, -1, 1, -1, 1, -1}},
+          Case{"all at once", {6, -6}}, Case{"the last one kept, then two", {1, -1, 2, -2, 3, -3}},
+          Case{"three, a fourth, then two", {3, -3, 1, -1, 2, -2}},
+          Case{"overlapping", {3, -2, 2, -2, 1, -2}}}) {
+        SCOPED_TRACE(c.title);
+        inOwnProcess([&] {
+            SimulatedServer server;
+            Module module;
+            ASSERT_EQ(module.open(server, DB_TYPE_BCK, DB_LEVEL_COPY), DB_NUM_I_OK);
+            std::vector<std::string> expected;
+            for (const int step : c.steps) {
+                for (int i = 0; i < step; ++i) {
+                    expected.push_back("DB_ItemFinishStatus(): Item " + module.get());
+                }
+                for (int i = 0; i < -step; ++i) {
+                    module.ItemFinishStatus(DB_ITEM_EXCLUDED);
+                }
+            }
+            module.error();
+            EXPECT_EQ(module.ItemFinishStatus(DB_ITEM_SUCCESS), DB_NUM_E_FAILED) << "one too many";
+            EXPECT_EQ(module.error(), "The Notes runtime system is not initialized!");
+            std::vector<std::string> finished;
+            for (const std::string& trace : Module::s_traces) {
+                if (trace.starts_with("DB_ItemFinishStatus(): Item /")) {
+                    finished.push_back(trace);
+                }
+            }
+            EXPECT_EQ(finished, expected);
+            module.close("STATUS=1");
+        });
+    }
+}
+
+TEST(Backup, ItemThatCannotBePreparedFailsAloneAndLeavesNothing) {
+    inOwnProcess([] {
+        SimulatedServer server;
+        std::ofstream(server.data("broken.nsf")) << "no database";
+        Module module;
+        ASSERT_EQ(module.open(server, DB_TYPE_BCK, DB_LEVEL_FULL), DB_NUM_I_OK);
+        module.backUp();
+        EXPECT_EQ(module.failed, std::vector{server.data("broken.nsf")});
+        EXPECT_TRUE(Module::logged("Checking if file needs to be backed up failure: " +
+                                   server.data("broken.nsf")));
+        EXPECT_TRUE(Module::logged("Preparing backup file failure: " + server.data("broken.nsf")));
+        EXPECT_TRUE(Module::logged("DB_PrepareItem(): [" + server.data("broken.nsf") +
+                                   "] Err 1000 -> return DB_NUM_E_ITEM_FAILED"));
+        EXPECT_THAT(server.filesBelow("tmp"), IsEmpty());
+        EXPECT_EQ(module.close("STATUS=1"), DB_NUM_I_OK);
+    });
+}
+
+TEST(Backup, ClientWithoutResolvePathIsTold) {
+    inOwnProcess([] {
+        SimulatedServer server;
+        server.markSaved("names.nsf");
+        fs::current_path(server.folder.file("run"));
+        Module module(false);
+        ASSERT_EQ(module.open(server, DB_TYPE_BCK, DB_LEVEL_FULL), DB_NUM_I_OK);
+        EXPECT_TRUE(Module::logged("The backup client has no resolve_path: the index file stays "
+                                   "[gv_rw_times:qrtln_DBIID.ini], in the current directory"));
+        module.backUp();
+        EXPECT_EQ(module.close("STATUS=0"), DB_NUM_I_OK);
+        EXPECT_THAT(server.filesBelow("run"),
+                    ::testing::ElementsAre("gv_rw_times:qrtln_DBIID.ini"));
+    });
+}
+
+class BackupWithAFailingCall : public ::testing::TestWithParam<const char*> {};
+
+TEST_P(BackupWithAFailingCall, LeavesNoHandleNoCopyAndNoClaim) {
+    const std::string name = GetParam();
+    // A call that closes something and fails has not closed it: the server's loss, not ours.
+    const bool closes = name == "NSFDbClose" || name == "NSFBackupEnd" ||
+                        name == "NSFBackupEndApplyChangeInfo" || name == "OSMemFree";
+    unsigned fired = 1;
+    int n = 0;
+    // Fails the first call, the second, ... until a run does not have so many.
+    while (fired > 0 && n < 4) {
+        ++n;
+        SCOPED_TRACE("call " + std::to_string(n));
+        int report[2];
+        ASSERT_EQ(pipe(report), 0);
+        inOwnProcess([&] {
+            SimulatedServer server;
+            server.fillLog();
+            server.markSaved("names.nsf");
+            const std::string fault = name + "#" + std::to_string(n) + "=5098";
+            setenv("NOTES_SIM_FAULTS", fault.c_str(), 1);
+            Module module;
+            const int opened = module.open(server, DB_TYPE_BCK, DB_LEVEL_FULL);
+            if (opened == DB_NUM_I_OK) {
+                module.backUp();
+                EXPECT_TRUE(module.code == DB_NUM_I_COMPLETE || module.code == DB_NUM_E_FAILED);
+            }
+            const bool failed = opened != DB_NUM_I_OK || !module.failed.empty() ||
+                                !module.unfinished.empty() || module.code == DB_NUM_E_FAILED;
+            const auto outstanding = simulatorFunction<unsigned (*)(int)>("NotesSimOutstanding");
+            for (int kind = NOTES_SIM_DATABASES; kind <= NOTES_SIM_LOCKED_OBJECTS && !closes;
+                 ++kind) {
+                EXPECT_EQ(outstanding(kind), 0u) << "of kind " << kind;
+            }
+            EXPECT_THAT(server.filesBelow("tmp"), IsEmpty());
+            const int closed = module.close(failed ? "STATUS=1" : "STATUS=0");
+            if (failed) {
+                EXPECT_EQ(server.calls("NSFDoneArchivingLog"), 0);
+                EXPECT_THAT(server.filesBelow("run"), IsEmpty());
+            } else if (closed == DB_NUM_I_OK) {
+                // A database whose instance could not be asked for gets no entry.
+                const bool asked = !Module::logged("Checking if file needs to be backed up "
+                                                   "failure: " +
+                                                   server.data("names.nsf"));
+                EXPECT_EQ(server.filesBelow("run").size(), asked ? 1u : 0u) << "the index";
+            }
+            const unsigned count = simulatorFunction<unsigned (*)()>("NotesSimFaultsFired")();
+            ASSERT_EQ(write(report[1], &count, sizeof count), static_cast<ssize_t>(sizeof count));
+        });
+        ::close(report[1]);
+        const ssize_t received = read(report[0], &fired, sizeof fired);
+        ::close(report[0]);
+        ASSERT_EQ(received, static_cast<ssize_t>(sizeof fired));
+    }
+    EXPECT_GT(n, 1) << "never called: the case proves nothing";
+}
+
+// Every call of the server's library that a full backup makes.
+INSTANTIATE_TEST_SUITE_P(
+    EveryCall, BackupWithAFailingCall,
+    ::testing::Values("NotesInitExtended", "OSGetDataDirectory", "OSGetEnvironmentString",
+                      "OSMemAlloc", "OSLockObject", "NSFDbOpen", "NSFDbClose",
+                      "NSFDbGetBuildVersion", "NSFDbGetLogInfo", "NSFBackupStart", "NSFBackupStop",
+                      "NSFBackupGetChangeInfoSize", "NSFBackupGetNextChangeInfo",
+                      "NSFBackupStartApplyChangeInfo", "NSFBackupApplyNextChangeInfo",
+                      "NSFBackupEndApplyChangeInfo", "NSFBackupEnd", "NSFIsNewBackupNeeded",
+                      "NSFGetTransLogStyle", "NSFGetFirstLogToArchive", "NSFGetNextLogToArchive",
+                      "NSFDoneArchivingLog", "NSFEndArchivingLogs"),
+    [](const ::testing::TestParamInfo<const char*>& call) { return std::string(call.param); });
+
+} // namespace

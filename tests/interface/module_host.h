@@ -1,0 +1,230 @@
+// A small backup client for tests: it loads the module as any client does and drives it over a
+// server of the simulator. To be used in a process of its own: a loaded module keeps state.
+#pragma once
+
+#include <algorithm>
+#include <cstdlib>
+#include <dlfcn.h>
+#include <filesystem>
+#include <fstream>
+#include <stdexcept>
+#include <string>
+#include <vector>
+
+#include <gtest/gtest.h>
+
+#include "notes_simulator/notes_sim_inspection.h"
+#include "qrt_lotus_notes/db_interface.h"
+#include "tests/support/temporary_folder.h"
+
+// A server folder with six databases, small log extents, and folders for copies and run-time data.
+class SimulatedServer {
+  public:
+    explicit SimulatedServer(const std::string& style = "archive") {
+        simulate("init " + server() + " --databases 6 --extent-size 65536 --style " + style);
+        folder.makeDirectory("tmp");
+        folder.makeDirectory("run");
+        setenv("Notes_ExecDirectory", QRTLN_SIMULATOR_DIRECTORY, 1);
+        setenv("NOTES_SIM_JOURNAL", folder.file("journal").c_str(), 1);
+        setenv("QRTLN_TEST_RUN_DIRECTORY", folder.file("run").c_str(), 1);
+        unsetenv("NOTES_SIM_FAULTS");
+    }
+
+    std::string server() const { return folder.file("server"); }
+    std::string data(const std::string& name) const { return server() + "/data/" + name; }
+
+    // Runs domino-sim, which must succeed.
+    void simulate(const std::string& arguments) const {
+        const std::string command = QRTLN_DOMINO_SIM " " + arguments + " > /dev/null";
+        if (std::system(command.c_str()) != 0) {
+            throw std::runtime_error("failed: " + command);
+        }
+    }
+
+    // Fills log extents, so that some are ready to be archived.
+    void fillLog() const {
+        for (int i = 0; i < 8; ++i) {
+            simulate("put " + server() + " names.nsf --count 5");
+        }
+    }
+
+    // Tells the server that a database was backed up by another tool: only such a database gets an
+    // entry in the index.
+    void markSaved(const std::string& database) const {
+        simulate("saved " + server() + " " + database);
+    }
+
+    // The calls that libnotes.so received, a line each, and how many lines begin with a text.
+    std::vector<std::string> journal() const {
+        std::ifstream stream(folder.file("journal"));
+        std::vector<std::string> lines;
+        for (std::string line; std::getline(stream, line);) {
+            lines.push_back(line);
+        }
+        return lines;
+    }
+    long calls(const std::string& beginning) const {
+        const auto lines = journal();
+        return std::count_if(lines.begin(), lines.end(),
+                             [&](const std::string& line) { return line.starts_with(beginning); });
+    }
+
+    // Regular files below a folder of the test, relative to it.
+    std::vector<std::string> filesBelow(const std::string& name) const {
+        std::vector<std::string> files;
+        for (const auto& entry : std::filesystem::recursive_directory_iterator(folder.file(name))) {
+            if (entry.is_regular_file()) {
+                files.push_back(entry.path().lexically_relative(folder.file(name)));
+            }
+        }
+        return files;
+    }
+
+    TemporaryFolder folder;
+};
+
+// The loaded module.
+class Module {
+  public:
+    // `hostServices`: whether the client has resolve_path.
+    explicit Module(bool hostServices = true) {
+        if (hostServices && dlopen(QRTLN_HOST_SERVICES, RTLD_NOW | RTLD_GLOBAL) == nullptr) {
+            throw std::runtime_error(dlerror());
+        }
+        m_library = dlopen(QRTLN_MODULE, RTLD_NOW | RTLD_LOCAL);
+        if (m_library == nullptr) {
+            throw std::runtime_error(dlerror());
+        }
+        find(SetTrace, "DB_SetTrace");
+        find(SetLog, "DB_SetLog");
+        find(GetInfo, "DB_GetInfo");
+        find(GetError, "DB_GetError");
+        find(InitOperation, "DB_InitOperation");
+        find(GetItem, "DB_GetItem");
+        find(PrepareItem, "DB_PrepareItem");
+        find(SetItem, "DB_SetItem");
+        find(ItemFinishStatus, "DB_ItemFinishStatus");
+        find(CloseOperation, "DB_CloseOperation");
+        find(DirItem, "DB_DirItem");
+        find(Terminate, "DB_Terminate");
+        SetTrace([](const char* text) { s_traces.emplace_back(text); });
+        SetLog([](const char* text) { s_logs.emplace_back(text); });
+    }
+
+    decltype(&DB_SetTrace) SetTrace = nullptr;
+    decltype(&DB_SetLog) SetLog = nullptr;
+    decltype(&DB_GetInfo) GetInfo = nullptr;
+    decltype(&DB_GetError) GetError = nullptr;
+    decltype(&DB_InitOperation) InitOperation = nullptr;
+    decltype(&DB_GetItem) GetItem = nullptr;
+    decltype(&DB_PrepareItem) PrepareItem = nullptr;
+    decltype(&DB_SetItem) SetItem = nullptr;
+    decltype(&DB_ItemFinishStatus) ItemFinishStatus = nullptr;
+    decltype(&DB_CloseOperation) CloseOperation = nullptr;
+    decltype(&DB_DirItem) DirItem = nullptr;
+    decltype(&DB_Terminate) Terminate = nullptr;
+
+    // Opens an operation on a server, with further control variables.
+    int open(const SimulatedServer& server, DB_OPERATION_TYPE type, DB_OPERATION_LEVEL level,
+             std::vector<std::string> variables = {"DATABASE=NOTES"}) {
+        variables.push_back("TMP_DIR=" + server.folder.file("tmp"));
+        variables.push_back("NOTESINI=" + server.server() + "/notes.ini");
+        return withVariables(
+            variables, [&](char** list) { return InitOperation(type, level, list, nullptr); });
+    }
+
+    int close(const std::string& status) {
+        return withVariables({status}, [&](char** list) { return CloseOperation(list); });
+    }
+
+    // Gets the next item; empty when there is none. `code` has the answer.
+    std::string get() {
+        char szItem[1028] = "";
+        code = GetItem(nullptr, nullptr, szItem);
+        return code == DB_NUM_I_OK ? szItem : "";
+    }
+
+    // Prepares an item; empty when it failed. `code` has the answer.
+    std::string prepare(const std::string& item) {
+        char szFile[1028] = "";
+        code = PrepareItem(item.c_str(), szFile);
+        return szFile;
+    }
+
+    // What a client does with each item: get, prepare, read, finish, one after another. Returns the
+    // items; those whose preparation failed are in `failed`, the answer of the last get is in
+    // `code`.
+    std::vector<std::string> backUp(DB_ITEM_RESULT logResult = DB_ITEM_SUCCESS) {
+        std::vector<std::string> items;
+        for (std::string item = get(); !item.empty(); item = get()) {
+            items.push_back(item);
+            DB_ITEM_RESULT result = item.ends_with(".TXN") ? logResult : DB_ITEM_SUCCESS;
+            if (!std::filesystem::is_directory(item)) {
+                const std::string file = prepare(item);
+                if (code != DB_NUM_I_OK && code != DB_NUM_W_WARNING) {
+                    failed.push_back(item);
+                    result = DB_ITEM_FAIL;
+                } else if (!std::ifstream(file).good()) {
+                    ADD_FAILURE() << file << " cannot be read for " << item;
+                }
+            }
+            if (ItemFinishStatus(result) != DB_NUM_I_OK) {
+                unfinished.push_back(item);
+            }
+        }
+        return items;
+    }
+
+    // The pending error's text, which is cleared.
+    std::string error() {
+        TYPE_DB_Error record{};
+        EXPECT_EQ(GetError(&record), DB_NUM_I_OK);
+        return record.szDBErrorMsg;
+    }
+
+    static bool logged(const std::string& text) { return contains(s_logs, text); }
+    static bool traced(const std::string& text) { return contains(s_traces, text); }
+
+    int code = 0;
+    std::vector<std::string> failed;
+    std::vector<std::string> unfinished;
+    inline static std::vector<std::string> s_traces;
+    inline static std::vector<std::string> s_logs;
+
+  private:
+    template <typename Function>
+    void find(Function& function, const char* name) {
+        function = reinterpret_cast<Function>(dlsym(m_library, name));
+        if (function == nullptr) {
+            throw std::runtime_error(dlerror());
+        }
+    }
+
+    template <typename Call>
+    static int withVariables(const std::vector<std::string>& variables, Call call) {
+        std::vector<std::string> texts = variables;
+        std::vector<char*> list;
+        for (std::string& text : texts) {
+            list.push_back(text.data());
+        }
+        list.push_back(nullptr);
+        return call(list.data());
+    }
+
+    static bool contains(const std::vector<std::string>& messages, const std::string& text) {
+        return std::find(messages.begin(), messages.end(), text) != messages.end();
+    }
+
+    void* m_library = nullptr; // never unloaded, as in a client
+};
+
+// A function of the simulator that tests ask, found in the library that the module has loaded.
+template <typename Function>
+Function simulatorFunction(const char* name) {
+    void* library = dlopen(QRTLN_SIMULATOR_DIRECTORY "/libnotes.so", RTLD_NOW | RTLD_NOLOAD);
+    void* address = library != nullptr ? dlsym(library, name) : nullptr;
+    if (address == nullptr) {
+        throw std::runtime_error(std::string("not loaded: ") + name);
+    }
+    return reinterpret_cast<Function>(address);
+}
