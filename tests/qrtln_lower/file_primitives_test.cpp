@@ -226,6 +226,7 @@ int s_translations = 0;
 
 // Without a trace callback a file is handled without a single call of the Notes C API.
 TEST(FilePrimitivesWithoutCallbacks, TranslateNoName) {
+    s_translations = 0;
     const TemporaryFolder folder;
     g_sQRTLN_Global.bNotesInitialized = TRUE;
     notes_api.OSTranslate = [](WORD, const char*, WORD, char*, WORD) -> WORD {
