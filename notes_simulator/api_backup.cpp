@@ -51,19 +51,22 @@ BackupContext stoppedContext(const OpenBackup& backup) {
     return *context;
 }
 
-/// Reads a piece of the change information.
-std::size_t readPiece(const std::filesystem::path& file, std::uint64_t position, BYTE* buffer,
-                      std::size_t size) {
-    const int fd = ::open(file.c_str(), O_RDONLY | O_CLOEXEC);
-    if (fd < 0) {
-        throwErrno(errno, file.string());
+/// Reads the next piece of the change information. It is frozen: from the first piece on it is
+/// read through one descriptor, and what happens to the context no longer matters.
+std::size_t readPiece(OpenBackup& backup, BYTE* buffer, std::size_t size) {
+    if (backup.info < 0) {
+        stoppedContext(backup);
+        const std::filesystem::path file = changeInfoFile(runningServer(), backup.key);
+        backup.info = ::open(file.c_str(), O_RDONLY | O_CLOEXEC);
+        if (backup.info < 0) {
+            throwErrno(errno, file.string());
+        }
     }
-    const ssize_t got = ::pread(fd, buffer, size, static_cast<off_t>(position));
-    const int error = errno;
-    ::close(fd);
+    const ssize_t got = ::pread(backup.info, buffer, size, static_cast<off_t>(backup.infoRead));
     if (got < 0) {
-        throwErrno(error, file.string());
+        throwErrno(errno, "change information of " + backup.key);
     }
+    backup.infoRead += static_cast<std::uint64_t>(got);
     return static_cast<std::size_t>(got);
 }
 
@@ -140,11 +143,7 @@ STATUS NSFBackupGetNextChangeInfo(DBHANDLE hDB, DHANDLE hBackupContext, DWORD Fl
                               throw StatusError(kInvalidArgument, "buffer of 0 bytes");
                           }
                           OpenBackup& backup = backupOf(hDB, hBackupContext);
-                          stoppedContext(backup);
-                          const std::size_t got =
-                              readPiece(changeInfoFile(runningServer(), backup.key),
-                                        backup.infoRead, Buffer, BufferSize);
-                          backup.infoRead += got;
+                          const std::size_t got = readPiece(backup, Buffer, BufferSize);
                           *FilledSize = static_cast<DWORD>(got);
                           call.output("filled", got);
                           return kOk;

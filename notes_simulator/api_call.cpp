@@ -27,6 +27,12 @@ OpenDatabase::~OpenDatabase() {
     ::close(useLock);
 }
 
+OpenBackup::~OpenBackup() {
+    if (info >= 0) {
+        ::close(info);
+    }
+}
+
 Process& process() {
     // Never destroyed: a host may call from its own exit handlers.
     static Process* const instance = new Process;

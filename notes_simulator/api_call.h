@@ -34,10 +34,15 @@ struct OpenDatabase {
 
 /// A backup context behind a handle.
 struct OpenBackup {
+    OpenBackup() = default;
+    ~OpenBackup();
+    OpenBackup(const OpenBackup&) = delete;
+    OpenBackup& operator=(const OpenBackup&) = delete;
     std::string key;
     std::string id;
     std::filesystem::path file;
-    std::uint64_t infoRead = 0; ///< bytes of change information given out
+    int info = -1;              ///< the change information, once it is being read
+    std::uint64_t infoRead = 0; ///< bytes of it given out
     bool own = false;           ///< this process opened it
 };
 

@@ -12,6 +12,8 @@ namespace domino_sim {
 
 namespace {
 
+constexpr std::size_t kShortDigest = 32; // digits; a manifest has one for each note changed
+
 class Sha256 {
   public:
     Sha256() : m_context(EVP_MD_CTX_new()) {
@@ -90,7 +92,7 @@ std::string sha256(std::span<const std::uint8_t> bytes) {
 }
 
 std::string digestOf(const NoteChange& change) {
-    return sha256(encodeChanges({change}));
+    return sha256(encodeChanges({change})).substr(0, kShortDigest);
 }
 
 DatabaseState readState(Database& database, bool check) {

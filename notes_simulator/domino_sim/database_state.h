@@ -20,7 +20,7 @@ struct DatabaseState {
 /// SHA-256 in hexadecimal digits.
 std::string sha256(std::span<const std::uint8_t> bytes);
 
-/// The digest of a note or stub as the change leaves it.
+/// The digest of a note or stub as the change leaves it: 32 hexadecimal digits.
 std::string digestOf(const notes_sim::NoteChange& change);
 
 /// Reads a database in one transaction. With check its integrity is checked, too; damage is then

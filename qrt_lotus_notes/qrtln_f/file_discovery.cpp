@@ -127,7 +127,8 @@ int collectSubDirectories(const char* cpFullPattern, const char* cpITEM_PATH,
         return DB_NUM_E_FAILED;
     }
     while (const dirent* entry = directory.read()) {
-        if (isDotEntry(entry->d_name)) {
+        // Where the file system says what an entry is, a file is not asked for: most entries are.
+        if (isDotEntry(entry->d_name) || entry->d_type == DT_REG) {
             continue;
         }
         char szPath[kUnmeasuredPathSize];
