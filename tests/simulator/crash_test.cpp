@@ -1,0 +1,87 @@
+// Writers that die between the log and the database.
+#include "support.h"
+
+#include <gtest/gtest.h>
+
+#include <csignal>
+
+namespace fs = std::filesystem;
+
+namespace simulator_tests {
+namespace {
+
+struct CrashCase {
+    const char* where;
+    const char* database;
+    bool survives; ///< whether the change is in the database after the next open
+};
+
+class KilledWriter : public ::testing::TestWithParam<CrashCase> {};
+
+// What is in the log has happened; without a log, what was not committed has not.
+TEST_P(KilledWriter, IsFinishedByTheNextOpen) {
+    const TestServer server;
+    const auto& [where, database, survives] = GetParam();
+    dominoSim({"create", server.root(), "plain.nsf", "--unlogged"});
+    const auto before = dominoSimJson({"show", server.root(), database});
+    dominoSim({"put", server.root(), database, "--count", "40", "--crash", where}, 1000 + SIGKILL);
+    { const OpenDb db(database); }
+    const auto after = dominoSimJson({"show", server.root(), database});
+    EXPECT_EQ(after["integrity"], "ok");
+    EXPECT_EQ(after["commit"].get<int>() - before["commit"].get<int>(), survives ? 1 : 0);
+    EXPECT_EQ(after["notes"].get<int>() - before["notes"].get<int>(), survives ? 40 : 0);
+    EXPECT_EQ(after["dbiid"], before["dbiid"]);
+    dominoSim({"put", server.root(), database});
+    EXPECT_EQ(dominoSimJson({"show", server.root(), database})["integrity"], "ok");
+}
+
+INSTANTIATE_TEST_SUITE_P(At, KilledWriter,
+                         ::testing::Values(CrashCase{"after-log", "names.nsf", true},
+                                           CrashCase{"half-written", "names.nsf", true},
+                                           CrashCase{"half-written", "plain.nsf", false}));
+
+TEST(KilledWriterAndReplacedDatabase, RecordIsNotAppliedToAnEarlierCopy) {
+    const TestServer server;
+    const fs::path older = server.folder / "older.nsf";
+    fs::copy_file(server.data("names.nsf"), older);
+    dominoSim({"put", server.root(), "names.nsf"});
+    dominoSim({"put", server.root(), "names.nsf", "--crash", "after-log"}, 1000 + SIGKILL);
+    fs::copy_file(older, server.data("names.nsf"), fs::copy_options::overwrite_existing);
+    { const OpenDb db("names.nsf"); }
+    EXPECT_EQ(dominoSimJson({"show", server.root(), "names.nsf"})["digest"],
+              dominoSimJson({"show", older.string()})["digest"]);
+}
+
+// The journal of a writer that was killed must not be rolled back into a file restored later.
+TEST(KilledWriterAndReplacedDatabase, JournalIsUsedUpWhenTheRuntimeStarts) {
+    const TestServer server({"--style", "none"});
+    dominoSim({"put", server.root(), "names.nsf", "--count", "300", "--crash", "half-written"},
+              1000 + SIGKILL);
+    NotesTerm();
+    ASSERT_EQ(server.start(), 0);
+    const fs::path restored = server.folder / "restored.nsf";
+    fs::copy_file(server.data("mail/user1.nsf"), restored);
+    fs::copy_file(restored, server.data("names.nsf"), fs::copy_options::overwrite_existing);
+    EXPECT_EQ(dominoSimJson({"show", server.root(), "names.nsf"})["digest"],
+              dominoSimJson({"show", restored.string()})["digest"]);
+}
+
+TEST(KilledWorkload, LeavesEveryDatabaseAtACommitOfItsManifest) {
+    const TestServer server;
+    const std::string manifest = (server.folder / "manifest.json").string();
+    for (int round = 0; round < 5; ++round) {
+        {
+            Workload workload(server, "names.nsf", 2);
+            for (int i = 0; i < 20; ++i) {
+                workload.awaitCommit();
+            }
+            workload.kill();
+        }
+        dominoSim({"put", server.root(), "names.nsf", "--manifest", manifest});
+        dominoSim({"check", server.data("names.nsf").string(), "--database", "names.nsf",
+                   "--manifest", manifest});
+    }
+}
+
+} // namespace
+} // namespace simulator_tests

@@ -1,0 +1,199 @@
+// Opening databases and what they say about themselves.
+#include "support.h"
+
+#include <gtest/gtest.h>
+
+#include <sys/stat.h>
+
+#include <cstring>
+#include <fstream>
+
+namespace fs = std::filesystem;
+
+namespace simulator_tests {
+namespace {
+
+struct OpenCase {
+    const char* name;
+    STATUS status;
+};
+
+class NsfDbOpen : public ::testing::TestWithParam<OpenCase> {};
+
+TEST_P(NsfDbOpen, AnswersWithTheStatusOfTheFile) {
+    const TestServer server;
+    std::ofstream(server.data("text.nsf"))
+        << "not a database, but longer than a header is: " << std::string(500, 'x');
+    std::ofstream(server.data("empty.nsf")).close();
+    fs::copy_file(server.data("names.nsf"), server.data("secret.nsf"));
+    ::chmod(server.data("secret.nsf").c_str(), 0);
+    const auto& [name, status] = GetParam();
+    DBHANDLE db = 99;
+    EXPECT_EQ(NSFDbOpen(name, &db), status);
+    EXPECT_EQ(db != 0, status == 0);
+    EXPECT_EQ(NotesSimOutstanding(NOTES_SIM_DATABASES), status == 0 ? 1U : 0U);
+}
+
+INSTANTIATE_TEST_SUITE_P(Of, NsfDbOpen,
+                         ::testing::Values(OpenCase{"names.nsf", 0}, OpenCase{"mail.box", 0},
+                                           OpenCase{"mail/../names.nsf", 0},
+                                           OpenCase{"missing.nsf", 259}, OpenCase{"mail", 513},
+                                           OpenCase{"text.nsf", 513}, OpenCase{"empty.nsf", 513},
+                                           OpenCase{"secret.nsf", 272}));
+
+TEST(NsfDbOpen, TakesAbsoluteAndTranslatedPathsOfAnyLength) {
+    const TestServer server;
+    const std::string folder(200, 'd');
+    const std::string name =
+        folder + "/" + folder + "/" + folder + "/post-\xC3\xA9\xE4\xB8\xAD.nsf";
+    dominoSim({"create", server.root(), name});
+    char lmbcs[1028] = {};
+    ASSERT_GT(OSTranslate(0, server.data(name).c_str(), 0xFFFF, lmbcs, sizeof lmbcs), 600);
+    const OpenDb db(lmbcs);
+    dominoSim({"put", server.root(), name});
+}
+
+TEST(NsfDbOpen, LeavesTheFileAsItWas) {
+    const TestServer server;
+    const auto content = readFile(server.data("names.nsf"));
+    const auto time = fs::last_write_time(server.data("names.nsf"));
+    { const OpenDb db("names.nsf"); }
+    EXPECT_TRUE(readFile(server.data("names.nsf")) == content);
+    EXPECT_EQ(fs::last_write_time(server.data("names.nsf")), time);
+    std::size_t neighbours = 0;
+    for (const auto& entry : fs::directory_iterator(server.data("."))) {
+        neighbours += entry.path().string().find("journal") != std::string::npos ? 1 : 0;
+    }
+    EXPECT_EQ(neighbours, 0U);
+}
+
+TEST(DamagedDatabase, IsAStatusAndNotACrash) {
+    const TestServer server;
+    dominoSim({"damage", server.data("names.nsf").string()});
+    DBHANDLE db = 0;
+    if (NSFDbOpen("names.nsf", &db) == 0) {
+        TIMEDATE since = {};
+        TIMEDATE until = {};
+        DHANDLE table = 0;
+        TimeConstant(2, &since);
+        EXPECT_NE(NSFDbGetModifiedNoteTable(db, 0x7FFF, since, &until, &table), 0);
+    }
+    dominoSim({"show", server.root(), "names.nsf"}, 4);
+}
+
+TEST(LogInfo, TellsLoggedDatabasesFromOthersAndFollowsCompaction) {
+    const TestServer server;
+    dominoSim({"create", server.root(), "plain.nsf", "--unlogged"});
+    const auto ask = [](const char* name, UNIVERSALNOTEID* dbiid) {
+        const OpenDb db(name);
+        BOOL logged = 7;
+        UNIVERSALNOTEID logId = {};
+        DWORD extent = 0;
+        EXPECT_EQ(NSFDbGetLogInfo(db.handle, 0, &logged, &logId, dbiid, &extent), 0);
+        return logged;
+    };
+    UNIVERSALNOTEID first = {};
+    UNIVERSALNOTEID second = {};
+    const UNIVERSALNOTEID none = {};
+    EXPECT_EQ(ask("names.nsf", &first), 1);
+    dominoSim({"put", server.root(), "names.nsf"});
+    EXPECT_EQ(ask("names.nsf", &second), 1);
+    EXPECT_EQ(std::memcmp(&first, &second, sizeof first), 0) << "a change keeps the DBIID";
+    dominoSim({"compact", server.root(), "names.nsf"});
+    EXPECT_EQ(ask("names.nsf", &second), 1);
+    EXPECT_NE(std::memcmp(&first, &second, sizeof first), 0);
+    EXPECT_EQ(ask("pubnames.ntf", &first), 0) << "templates are not logged";
+    EXPECT_EQ(std::memcmp(&first, &none, sizeof first), 0);
+    EXPECT_EQ(ask("plain.nsf", &first), 0);
+}
+
+// Changes that the log does not have end what it can roll forward.
+TEST(LogInfo, GivesANewDbiidAfterChangesPastTheLog) {
+    const TestServer server;
+    const auto before = dominoSimJson({"show", server.root(), "names.nsf"});
+    std::string ini = readFile(server.root() + "/notes.ini");
+    const auto setLogging = [&](const char* value) {
+        const auto at = ini.find("TRANSLOG_Status=") + 16;
+        ini[at] = *value;
+        std::ofstream(server.root() + "/notes.ini") << ini;
+    };
+    setLogging("0");
+    dominoSim({"put", server.root(), "names.nsf"});
+    setLogging("1");
+    dominoSim({"put", server.root(), "names.nsf"});
+    EXPECT_NE(dominoSimJson({"show", server.root(), "names.nsf"})["dbiid"], before["dbiid"]);
+}
+
+TEST(ModifiedNotes, AreThoseSinceATimeWithDeletedOnesMarked) {
+    const TestServer server;
+    const OpenDb db("names.nsf");
+    TIMEDATE wildcard = {};
+    TIMEDATE now = {};
+    DHANDLE table = 0;
+    TimeConstant(2, &wildcard);
+    ASSERT_EQ(NSFDbGetModifiedNoteTable(db.handle, 0x7FFF, wildcard, &now, &table), 0);
+    const DWORD all = IDEntries(table);
+    EXPECT_EQ(all, 60U);
+    EXPECT_EQ(IDDestroyTable(table), 0);
+
+    // Later than every note: the times of the server have hundredths of a second.
+    TIMEDATE later = now;
+    later.Innards[0] += 1;
+    EXPECT_EQ(NSFDbGetModifiedNoteTable(db.handle, 0x7FFF, later, &now, &table), 572);
+    EXPECT_EQ(table, 0U);
+
+    const std::string created = dominoSim({"put", server.root(), "names.nsf"}).output;
+    dominoSim({"delete", server.root(), "names.nsf", "2294"});
+    ASSERT_EQ(NSFDbGetModifiedNoteTable(db.handle, 1, later, &now, &table), 0);
+    std::vector<NOTEID> ids;
+    NOTEID id = 0;
+    for (BOOL first = 1; IDScan(table, first, &id) != 0; first = 0) {
+        ids.push_back(id);
+    }
+    EXPECT_EQ(ids,
+              (std::vector<NOTEID>{static_cast<NOTEID>(std::stoul(created)), 0x80000000U | 2294U}));
+    EXPECT_EQ(NSFDbGetModifiedNoteTable(db.handle, 2, later, &now, &id), 572) << "no such class";
+
+    DHANDLE copy = 0;
+    BOOL inserted = 0;
+    ASSERT_EQ(IDTableCopy(table, &copy), 0);
+    EXPECT_EQ(IDInsert(copy, 4711, &inserted), 0);
+    EXPECT_EQ(inserted, 1);
+    EXPECT_EQ(IDInsert(copy, 4711, nullptr), 0);
+    EXPECT_EQ(IDIsPresent(copy, 4711), 1);
+    EXPECT_EQ(IDIsPresent(table, 4711), 0);
+    EXPECT_EQ(IDEntries(copy), 3U);
+    EXPECT_EQ(IDDestroyTable(copy), 0);
+    EXPECT_EQ(IDDestroyTable(table), 0);
+    EXPECT_NE(IDDestroyTable(table), 0);
+    EXPECT_EQ(NotesSimOutstanding(NOTES_SIM_ID_TABLES), 0U);
+}
+
+TEST(Handles, ThatAreNoneOrClosedAreErrors) {
+    const TestServer server;
+    DWORD word = 0;
+    WORD version = 0;
+    BYTE byte = 0;
+    DBHANDLE db = 0;
+    ASSERT_EQ(NSFDbOpen("names.nsf", &db), 0);
+    ASSERT_EQ(NSFDbGetBuildVersion(db, &version), 0);
+    EXPECT_EQ(version, 400);
+    ASSERT_EQ(NSFDbClose(db), 0);
+    for (const DWORD handle : {DWORD{0}, DWORD{12345}, db}) {
+        EXPECT_NE(NSFDbClose(handle), 0);
+        EXPECT_NE(NSFDbGetBuildVersion(handle, &version), 0);
+        EXPECT_NE(NSFBackupStart(handle, 0, &word, &word, &word), 0);
+        EXPECT_NE(NSFBackupEnd(handle, handle, 0), 0);
+        EXPECT_NE(NSFBackupGetNextChangeInfo(handle, handle, 0, &byte, 1, &word), 0);
+        EXPECT_NE(NSFBackupApplyNextChangeInfo(handle, 0, &byte, 1), 0);
+        EXPECT_NE(NSFBackupEndApplyChangeInfo(handle, 1), 0);
+        EXPECT_EQ(IDEntries(handle), 0U);
+        EXPECT_EQ(IDScan(handle, 1, &word), 0);
+        EXPECT_EQ(OSLockObject(handle), nullptr);
+        EXPECT_EQ(OSUnlockObject(handle), 0);
+        EXPECT_NE(OSMemFree(handle), 0);
+    }
+}
+
+} // namespace
+} // namespace simulator_tests

@@ -1,0 +1,118 @@
+// Faults and the journal.
+#include "support.h"
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include <cstdlib>
+
+namespace simulator_tests {
+namespace {
+
+using ::testing::HasSubstr;
+using ::testing::Not;
+
+TEST(Faults, HitTheNamedCallOnly) {
+    const TestServer server;
+    ASSERT_EQ(NotesSimSetFaults("NSFDbOpen#2=513,NSFDbClose=0x1FF"), 0);
+    DBHANDLE db = 0;
+    EXPECT_EQ(NSFDbOpen("names.nsf", &db), 0);
+    DBHANDLE second = 0;
+    EXPECT_EQ(NSFDbOpen("names.nsf", &second), 513);
+    EXPECT_EQ(NSFDbOpen("names.nsf", &second), 0);
+    EXPECT_EQ(NSFDbClose(db), 0x1FF);
+    EXPECT_EQ(NSFDbClose(second), 0x1FF);
+    EXPECT_EQ(NotesSimFaultsFired(), 3U);
+    EXPECT_EQ(NotesSimOutstanding(NOTES_SIM_DATABASES), 2U) << "a failed call does nothing";
+    EXPECT_EQ(NotesSimSetFaults(""), 0);
+    EXPECT_EQ(NotesSimFaultsFired(), 0U);
+}
+
+TEST(Faults, OfFunctionsWithoutAStatusFailInTheirOwnWay) {
+    const TestServer server;
+    ASSERT_EQ(NotesSimSetFaults("OSGetDataDirectory=1,OSGetEnvironmentString=1,OSLockObject=1,"
+                                "OSLoadString=1,OSTranslate=1,IDEntries=1,TimeConstant=1"),
+              0);
+    char buffer[1028] = "as it was";
+    EXPECT_EQ(OSGetDataDirectory(buffer), 0);
+    EXPECT_EQ(OSGetEnvironmentString("Directory", buffer, sizeof buffer), 0);
+    EXPECT_EQ(OSLoadString(0, 259, buffer, sizeof buffer), 0);
+    EXPECT_EQ(OSTranslate(0, "x", 0xFFFF, buffer, sizeof buffer), 0);
+    EXPECT_STREQ(buffer, "as it was");
+    DHANDLE memory = 0;
+    ASSERT_EQ(OSMemAlloc(0, 10, &memory), 0);
+    EXPECT_EQ(OSLockObject(memory), nullptr);
+    TIMEDATE time = {{5, 5}};
+    TimeConstant(2, &time);
+    EXPECT_EQ(time.Innards[0], 5U);
+    EXPECT_EQ(NotesSimFaultsFired(), 6U);
+}
+
+TEST(Faults, WithWrongSyntaxChangeNothing) {
+    const TestServer server;
+    ASSERT_EQ(NotesSimSetFaults("NSFDbOpen=513"), 0);
+    for (const char* text :
+         {"NSFDbOpen", "NSFDbOpen=", "NSFDbOpen=x", "NSFDbOpen#0=5", "NSFDbOpen#x=5", "=5",
+          "NSFDbOpen=0", "NSFDbOpen=99999", "NSFDbOpen=5,", ",", "NSF DbOpen=5"}) {
+        EXPECT_NE(NotesSimSetFaults(text), 0) << text;
+    }
+    EXPECT_NE(NotesSimSetFaults(nullptr), 0);
+    DBHANDLE db = 0;
+    EXPECT_EQ(NSFDbOpen("names.nsf", &db), 513);
+}
+
+// The environment is read once in a process: a program of its own shows it.
+TEST(Faults, OfTheEnvironmentReachAnotherProgram) {
+    const TemporaryFolder folder;
+    const std::string root = (folder / "server").string();
+    const std::string journal = (folder / "journal").string();
+    dominoSim({"init", root});
+    const std::string self = std::filesystem::read_symlink("/proc/self/exe").string();
+    const auto child = [&](const char* faults) {
+        return run({"/usr/bin/env", std::string("NOTES_SIM_FAULTS=") + faults,
+                    "NOTES_SIM_JOURNAL=" + journal, "SIMULATOR_TEST_SERVER=" + root, self,
+                    "--gtest_filter=FaultsChild.*", "--gtest_also_run_disabled_tests"})
+            .exitCode;
+    };
+    EXPECT_EQ(child("NSFDbOpen=513"), 0);
+    const std::string text = readFile(journal);
+    EXPECT_THAT(text, HasSubstr("NSFDbOpen(\"names.nsf\") -> 513 [fault]\n"));
+    EXPECT_THAT(text, HasSubstr("-- faults fired: 1\n"));
+    EXPECT_NE(child("NSFDbOpen=wrong"), 0);
+    EXPECT_THAT(readFile(journal), HasSubstr("-> 16142"));
+}
+
+TEST(FaultsChild, DISABLED_OpensADatabase) {
+    const char* root = std::getenv("SIMULATOR_TEST_SERVER");
+    ASSERT_NE(root, nullptr) << "only runs as the child of another test";
+    std::string program = "test";
+    std::string ini = std::string("=") + root + "/notes.ini";
+    char* argv[] = {program.data(), ini.data(), nullptr};
+    ASSERT_EQ(NotesInitExtended(2, argv), 0);
+    DBHANDLE db = 0;
+    EXPECT_EQ(NSFDbOpen("names.nsf", &db), 513);
+    NotesTerm();
+}
+
+TEST(Journal, HasEveryCallWithArgumentsAndResultAndEndsWithTheFaults) {
+    const TemporaryFolder folder;
+    const std::string journal = (folder / "journal").string();
+    ::setenv("NOTES_SIM_JOURNAL", journal.c_str(), 1);
+    {
+        const TestServer server;
+        { const OpenDb db("names.nsf"); }
+        DBHANDLE db = 0;
+        NSFDbOpen("missing\nline.nsf", &db);
+        NotesTerm();
+    }
+    ::unsetenv("NOTES_SIM_JOURNAL");
+    const std::string text = readFile(journal);
+    EXPECT_THAT(text, HasSubstr("NSFDbOpen(\"names.nsf\") -> 0 hDB="));
+    EXPECT_THAT(text, HasSubstr("NSFDbClose("));
+    EXPECT_THAT(text, HasSubstr("NSFDbOpen(\"missing\\nline.nsf\") -> 259"));
+    EXPECT_THAT(text, HasSubstr("NotesTerm() -> 0\n-- faults fired: 0\n"));
+    EXPECT_THAT(text, Not(HasSubstr("[fault]")));
+}
+
+} // namespace
+} // namespace simulator_tests
