@@ -103,14 +103,20 @@ void traceBuildVersion(const char* caller, DBHANDLE hDB, BOOL& iFirstRun) {
     iFirstRun = FALSE;
 }
 
-// Says how the database is logged and writes the identity of a logged one to *pDbIID. A template
-// need not be logged and counts as if it were.
-bool decideLogging(const char* caller, const char* file, BOOL bLogged, const UNIVERSALNOTEID& DbIID,
-                   UNIVERSALNOTEID* pDbIID) {
-    if (bLogged) {
+// Asks how the database is logged, says it and writes the identity of a logged one to *pDbIID. A
+// template need not be logged and counts as if it were. Not to know it (`sayUnknown` tells why) is
+// no reason not to save the database: it counts as not logged.
+bool decideLogging(const char* caller, DBHANDLE hDB, const char* file, UNIVERSALNOTEID* pDbIID,
+                   void (*sayUnknown)(const char* reason)) {
+    DatabaseLogInfo info;
+    if (const STATUS status = info.read(hDB); status != kNotesNoError) {
+        sayUnknown(getLotusNotesApiError(status, FALSE));
+        info.bLogged = FALSE;
+    }
+    if (info.bLogged) {
         DB_LogExt("%s: Database [%s] is logged, DBIID [%08lX]", caller, getUTF8FileName(file),
-                  foldedId(DbIID));
-        *pDbIID = DbIID;
+                  foldedId(info.DbIID));
+        *pDbIID = info.DbIID;
         return true;
     }
     if (isFileNotesNTF(file)) {
@@ -188,6 +194,14 @@ int copyDatabase(DatabaseCopy& copy, DWORD dwFileSizeLow, DWORD dwFileSizeHigh) 
     }
     DB_TraceExt("PrepareOpenDbForBackup(): copy in a loop done");
     return status;
+}
+
+// Copies the database and closes the copy: a full disk may show only then. Returns as copyDatabase.
+int copyAndClose(DatabaseCopy& course, TemporaryCopyGuard& copy, DWORD dwFileSizeLow,
+                 DWORD dwFileSizeHigh) {
+    const int status = copyDatabase(course, dwFileSizeLow, dwFileSizeHigh);
+    const int closeError = copy.closeStream();
+    return status != 0 ? status : closeError;
 }
 
 // Ends the recording of changes and asks for their size. A backup whose recording did not end has
@@ -428,19 +442,10 @@ int PrepareOpenDbForBackup(const char* cpOriginalFile, char* cpBackupDirectory,
         return DB_NUM_E_FAILED;
     }
 
-    // 4. How it is logged. Not to know that is no reason not to save it.
-    BOOL bLogged = FALSE;
-    UNIVERSALNOTEID LogID = {};
-    UNIVERSALNOTEID DbIID = {};
-    DWORD dwLogExtent = 0;
-    if (const STATUS status =
-            notes_api.NSFDbGetLogInfo(hDB, 0, &bLogged, &LogID, &DbIID, &dwLogExtent);
-        status != kNotesNoError) {
-        DB_TraceExt("PrepareOpenDbForBackup(): NSFDbGetLogInfo failed: %s ",
-                    getLotusNotesApiError(status, FALSE));
-        bLogged = FALSE;
-    }
-    const bool logged = decideLogging(kName, cpOriginalFile, bLogged, DbIID, pDbIID);
+    // 4. How it is logged.
+    const bool logged = decideLogging(kName, hDB, cpOriginalFile, pDbIID, [](const char* reason) {
+        DB_TraceExt("PrepareOpenDbForBackup(): NSFDbGetLogInfo failed: %s ", reason);
+    });
 
     // 5. The copy.
     StreamGuard source;
@@ -459,12 +464,7 @@ int PrepareOpenDbForBackup(const char* cpOriginalFile, char* cpBackupDirectory,
                            copy.stream(),
                            reinterpret_cast<char*>(buffer.data()),
                            0};
-    int status = copyDatabase(course, dwFileSizeLow, dwFileSizeHigh);
-    const int closeError = copy.closeStream();
-    if (status == 0) {
-        status = closeError; // a full disk may show only now
-    }
-    if (status != 0) {
+    if (const int status = copyAndClose(course, copy, dwFileSizeLow, dwFileSizeHigh); status != 0) {
         DB_TraceExt("PrepareOpenDbForBackup(): Copying file to temporary directory failed");
         // An error number is looked up like a status of the server: readers know the texts.
         reportNotesError(status);
@@ -555,18 +555,9 @@ int PrepareDbForBackup(const char* cpOriginalFile, char* cpBackupDirectory,
     }
 
     // 4. How it is logged.
-    BOOL bLogged = FALSE;
-    UNIVERSALNOTEID LogID = {};
-    UNIVERSALNOTEID DbIID = {};
-    DWORD dwLogExtent = 0;
-    if (const STATUS status =
-            notes_api.NSFDbGetLogInfo(hDB, 0, &bLogged, &LogID, &DbIID, &dwLogExtent);
-        status != kNotesNoError) {
-        DB_LogExt("PrepareDbForBackup(): NSFDbGetLogInfo failed: %s",
-                  getLotusNotesApiError(status, FALSE));
-        bLogged = FALSE;
-    }
-    const bool logged = decideLogging(kName, cpOriginalFile, bLogged, DbIID, pDbIID);
+    const bool logged = decideLogging(kName, hDB, cpOriginalFile, pDbIID, [](const char* reason) {
+        DB_LogExt("PrepareDbForBackup(): NSFDbGetLogInfo failed: %s", reason);
+    });
 
     // 5. The recorded changes, applied to the database itself.
     CurrentBackupRecord record(hDB, context.handle());

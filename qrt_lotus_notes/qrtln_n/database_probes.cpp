@@ -205,29 +205,24 @@ int isDatabaseLogged(const char* cpFile, BOOL* bpLogged, DB_LOGGING_STYLE* ep_Lo
     }
 
     // Whether the database is logged.
-    BOOL bLogged = FALSE;
-    UNIVERSALNOTEID LogID = {};
-    UNIVERSALNOTEID DbIID = {};
-    DWORD dwLogExtent = 0;
-    if (const STATUS status =
-            notes_api.NSFDbGetLogInfo(database.handle(), 0, &bLogged, &LogID, &DbIID, &dwLogExtent);
-        status != kNotesNoError) {
+    DatabaseLogInfo info;
+    if (const STATUS status = info.read(database.handle()); status != kNotesNoError) {
         DB_TraceExt("isDatabaseLogged(): NSFDbGetLogInfo failed: %s ",
                     getLotusNotesApiError(status, FALSE));
         return DB_NUM_E_FAILED;
     }
-    if (!bLogged) {
+    if (!info.bLogged) {
         *bpLogged = FALSE;
         return DB_NUM_I_OK;
     }
     *bpLogged = TRUE;
-    *pDbIID = DbIID;
+    *pDbIID = info.DbIID;
     char szDbIId[35];
     formatText(szDbIId, sizeof szDbIId, "%08lX-%08lX %08lX%08lX",
-               static_cast<unsigned long>(DbIID.File.Innards[0]),
-               static_cast<unsigned long>(DbIID.File.Innards[1]),
-               static_cast<unsigned long>(DbIID.Note.Innards[0]),
-               static_cast<unsigned long>(DbIID.Note.Innards[1]));
+               static_cast<unsigned long>(info.DbIID.File.Innards[0]),
+               static_cast<unsigned long>(info.DbIID.File.Innards[1]),
+               static_cast<unsigned long>(info.DbIID.Note.Innards[0]),
+               static_cast<unsigned long>(info.DbIID.Note.Innards[1]));
     DB_TraceExt("isDatabaseLogged: Database [%s] is logged, DBIID %s", getUTF8FileName(cpFile),
                 szDbIId);
 

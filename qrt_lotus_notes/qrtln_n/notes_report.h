@@ -22,6 +22,18 @@ inline void reportRuntimeNotInitialized() {
     DB_ErrHandler(0, kErrorKindNone, "%s", kRuntimeNotInitialized);
 }
 
+// How a database is logged, as the server tells it.
+struct DatabaseLogInfo {
+    BOOL bLogged = FALSE;
+    UNIVERSALNOTEID LogID = {};
+    UNIVERSALNOTEID DbIID = {};
+    DWORD dwLogExtent = 0;
+
+    STATUS read(DBHANDLE hDB) {
+        return notes_api.NSFDbGetLogInfo(hDB, 0, &bLogged, &LogID, &DbIID, &dwLogExtent);
+    }
+};
+
 // The short form in which log lines show the identity of a database or of a log's archive.
 inline unsigned long foldedId(const UNIVERSALNOTEID& id) {
     return id.File.Innards[0] ^ id.File.Innards[1] ^ id.Note.Innards[0] ^ id.Note.Innards[1];
