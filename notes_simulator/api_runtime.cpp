@@ -29,7 +29,7 @@ static_assert(sizeof(TFMT) == 4);
 int g_companions = 0;
 
 int noteCompanion(dl_phdr_info* info, std::size_t, void*) {
-    const std::string_view name = fs::path(info->dlpi_name).filename().native();
+    const std::string name = fs::path(info->dlpi_name).filename().string();
     g_companions |= name == "libndgts.so" ? 1 : 0;
     g_companions |= name == "libxmlproc.so" ? 2 : 0;
     return 0;

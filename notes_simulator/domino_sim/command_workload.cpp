@@ -24,7 +24,7 @@ namespace {
 constexpr std::uint64_t kOneInLarge = 40; // transactions that spill half-written pages
 constexpr int kLargeTransaction = 30;
 constexpr std::size_t kFewNotes = 20;   // below this, nothing is deleted
-constexpr std::size_t kManyNotes = 400; // above this, nothing is added: databases stay small
+constexpr std::size_t kManyNotes = 160; // above this, nothing is added: databases stay small
 constexpr int kExitWriterFailed = 3;
 
 struct WorkloadOptions {
