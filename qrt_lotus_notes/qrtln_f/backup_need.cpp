@@ -1,13 +1,12 @@
 #include "qrt_lotus_notes/qrtln_f/backup_need.h"
 
-#include <string_view>
-#include <sys/stat.h>
-
 #include "common/bounded_text.h"
 #include "qrt_lotus_notes/qrtln_f/dbiid_index.h"
 #include "qrt_lotus_notes/qrtln_n/backup_copy.h"
+#include "qrt_lotus_notes/qrtln_n/copy_path.h"
 #include "qrt_lotus_notes/qrtln_n/database_probes.h"
 #include "qrt_lotus_notes/qrtln_n/file_name_text.h"
+#include "qrt_lotus_notes/qrtln_n/notes_report.h"
 #include "qrt_lotus_notes/qrtln_o/file_primitives.h"
 #include "qrt_lotus_notes/qrtln_u/argument_paths.h"
 #include "qrt_lotus_notes/qrtln_u/messages.h"
@@ -65,41 +64,6 @@ BOOL isNeededByDbIId(const char* cpFile, DB_OPERATION_LEVEL level, const UNIVERS
     DB_LogExt("QRTLN_IsBackupNeeded: Update index file %s", workingCopyPath());
     storeDbIId(path.szName, szDbIId);
     return TRUE;
-}
-
-// Whether a path has a ".." among its components.
-bool leadsUpwards(std::string_view path) {
-    while (true) {
-        const std::size_t end = path.find(kDelimiter);
-        if (path.substr(0, end) == "..") {
-            return true;
-        }
-        if (end == std::string_view::npos) {
-            return false;
-        }
-        path.remove_prefix(end + 1);
-    }
-}
-
-// Where the copy of a database lies: its path below the data directory, under TMP_DIR. False when
-// there is no such path.
-bool formCopyPath(const char* cpOriginalFile, char (&szCopy)[kPathSize]) {
-    const std::size_t cut = std::strlen(g_sQRTLN_Global.szNotesDataDirectory);
-    if (std::strchr(cpOriginalFile, kDelimiter) == nullptr || std::strlen(cpOriginalFile) <= cut ||
-        leadsUpwards(cpOriginalFile + cut)) {
-        return false;
-    }
-    const std::string_view tmpDir = g_sQRTLN_Global.szTmpDir;
-    const bool bDelimited = !tmpDir.empty() && tmpDir.back() == kDelimiter;
-    return formatText(szCopy, sizeof szCopy, "%s%s%s", g_sQRTLN_Global.szTmpDir,
-                      bDelimited ? "" : "/", cpOriginalFile + cut);
-}
-
-bool isSameFile(const char* cpFirst, const char* cpSecond) {
-    struct stat first;
-    struct stat second;
-    return stat(cpFirst, &first) == 0 && stat(cpSecond, &second) == 0 &&
-           first.st_dev == second.st_dev && first.st_ino == second.st_ino;
 }
 
 } // namespace
@@ -186,7 +150,8 @@ int QRTLN_PrepareForBackup(char* cpFile, char* cpBackupDirectory, BOOL* bpFileOp
 
 int finishBackupFile(const char* cpOriginalFile, BOOL bFileWasOpen) {
     char szCopy[kPathSize];
-    if (!formCopyPath(cpOriginalFile, szCopy)) {
+    const char* cpName = relativeDatabaseName(cpOriginalFile);
+    if (cpName == nullptr || *cpName == '\0' || !buildCopyPath(cpOriginalFile, szCopy)) {
         DB_ErrHandler(0, kErrorKindNone, "finishBackupFile(): file full path [%s] is not valid.",
                       Utf8Name(cpOriginalFile).szName);
         return DB_NUM_E_FAILED;

@@ -137,14 +137,6 @@ bool replaceIndex() {
 
 } // namespace
 
-void formatDbIId(const UNIVERSALNOTEID& DbIID, char (&szDbIId)[kDbIIdTextSize]) {
-    formatText(szDbIId, sizeof szDbIId, "%08lX-%08lX %08lX%08lX",
-               static_cast<unsigned long>(DbIID.File.Innards[0]),
-               static_cast<unsigned long>(DbIID.File.Innards[1]),
-               static_cast<unsigned long>(DbIID.Note.Innards[0]),
-               static_cast<unsigned long>(DbIID.Note.Innards[1]));
-}
-
 void openDBIIDIndex() {
     releaseDBIIDIndex();
     resolveIndexPaths();

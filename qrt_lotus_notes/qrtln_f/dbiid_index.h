@@ -11,15 +11,9 @@
 
 struct _dictionary_;
 
-// Size of the text form of a DBIID with its NUL: "%08lX-%08lX %08lX%08lX".
-inline constexpr std::size_t kDbIIdTextSize = 35;
-
 // The index in memory: opened by openDBIIDIndex, kept past the close of the operation. It holds
 // what the working copy holds. NULL before the first backup.
 extern _dictionary_* gdcDBIID;
-
-// Writes the text form of a DBIID.
-void formatDbIId(const UNIVERSALNOTEID& DbIID, char (&szDbIId)[kDbIIdTextSize]);
 
 // Opens the index for a run: loads it into gdcDBIID and makes the working copy, or starts with an
 // empty section where there is no index. A working copy that cannot be made is only traced.

@@ -10,6 +10,7 @@
 #include "common/bounded_text.h"
 #include "notes_api/notes_api.h"
 #include "qrt_lotus_notes/qrtln_n/copy_passes.h"
+#include "qrt_lotus_notes/qrtln_n/copy_path.h"
 #include "qrt_lotus_notes/qrtln_n/file_name_text.h"
 #include "qrt_lotus_notes/qrtln_n/guards.h"
 #include "qrt_lotus_notes/qrtln_n/notes_report.h"
@@ -48,46 +49,9 @@ bool reportNotesFailure(int status) {
     return false;
 }
 
-// Whether a path has a component "..".
-bool climbs(std::string_view path) {
-    while (!path.empty()) {
-        const std::size_t end = std::min(path.find(kDelimiter), path.size());
-        if (path.substr(0, end) == "..") {
-            return true;
-        }
-        path.remove_prefix(std::min(end + 1, path.size()));
-    }
-    return false;
-}
-
-// Whether both names lead to one existing file.
-bool isSameFile(const char* one, const char* other) {
-    struct stat first;
-    struct stat second;
-    return stat(one, &first) == 0 && stat(other, &second) == 0 && first.st_dev == second.st_dev &&
-           first.st_ino == second.st_ino;
-}
-
 // Cuts a path at its last "/". REQUIRES: it has one.
 void cutFileName(char* path) {
     *std::strrchr(path, kDelimiter) = '\0';
-}
-
-// Builds the path of the copy, which mirrors the data directory's tree under TMP_DIR. Returns false
-// for a path that is no place of a copy: shorter than the data directory (the prefix itself is not
-// compared), too long, leading out of TMP_DIR, or the database itself.
-bool buildCopyPath(const char* original, char (&relative)[kPathSize], char (&copy)[kPathSize]) {
-    const char* directory = g_sQRTLN_Global.szNotesDataDirectory;
-    const std::size_t prefix = std::strlen(directory);
-    if (std::strchr(original, kDelimiter) == nullptr || std::strlen(original) < prefix ||
-        !copyText(relative, original + prefix) || climbs(relative)) {
-        return false;
-    }
-    const std::string_view tmpDir = g_sQRTLN_Global.szTmpDir;
-    const bool joined = !tmpDir.empty() && tmpDir.back() == kDelimiter;
-    return formatText(copy, sizeof copy, "%s%s%s", g_sQRTLN_Global.szTmpDir, joined ? "" : "/",
-                      relative) &&
-           !isSameFile(original, copy);
 }
 
 // Traces the release that wrote the database, for the first database of the process.
@@ -408,15 +372,15 @@ int PrepareOpenDbForBackup(const char* cpOriginalFile, char* cpBackupDirectory,
     }
 
     // 1. The place of the copy, and both paths as the server takes them.
-    char szRelativeFileName[kPathSize];
     char szBackupFile[kPathSize];
     char szTmpFile[kPathSize];
     char szLmbcsCopy[kPathSize];
-    if (!buildCopyPath(cpOriginalFile, szRelativeFileName, szBackupFile) ||
+    if (!buildCopyPath(cpOriginalFile, szBackupFile) || isSameFile(cpOriginalFile, szBackupFile) ||
         !translateToLmbcs(cpOriginalFile, szTmpFile) ||
         !translateToLmbcs(szBackupFile, szLmbcsCopy)) {
         return reportInvalidOpenDbPath(cpOriginalFile);
     }
+    const char* szRelativeFileName = relativeDatabaseName(cpOriginalFile);
     copyText(cpBackupDirectory, kPathSize, szBackupFile);
     cutFileName(cpBackupDirectory);
     DB_TraceExt("PrepareOpenDbForBackup(): relative file [%s], backup file [%s]",

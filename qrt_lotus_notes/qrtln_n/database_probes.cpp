@@ -217,12 +217,8 @@ int isDatabaseLogged(const char* cpFile, BOOL* bpLogged, DB_LOGGING_STYLE* ep_Lo
     }
     *bpLogged = TRUE;
     *pDbIID = info.DbIID;
-    char szDbIId[35];
-    formatText(szDbIId, sizeof szDbIId, "%08lX-%08lX %08lX%08lX",
-               static_cast<unsigned long>(info.DbIID.File.Innards[0]),
-               static_cast<unsigned long>(info.DbIID.File.Innards[1]),
-               static_cast<unsigned long>(info.DbIID.Note.Innards[0]),
-               static_cast<unsigned long>(info.DbIID.Note.Innards[1]));
+    char szDbIId[kDbIIdTextSize];
+    formatDbIId(info.DbIID, szDbIId);
     DB_TraceExt("isDatabaseLogged: Database [%s] is logged, DBIID %s", getUTF8FileName(cpFile),
                 szDbIId);
 

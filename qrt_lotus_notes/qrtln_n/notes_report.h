@@ -2,6 +2,7 @@
 // report of a failed call; and how log lines show an identity.
 #pragma once
 
+#include "common/bounded_text.h"
 #include "notes_api/notes_api.h"
 #include "qrt_lotus_notes/qrtln_n/runtime_session.h"
 #include "qrt_lotus_notes/qrtln_u/messages.h"
@@ -33,6 +34,18 @@ struct DatabaseLogInfo {
         return notes_api.NSFDbGetLogInfo(hDB, 0, &bLogged, &LogID, &DbIID, &dwLogExtent);
     }
 };
+
+// Size of the text form of a DBIID with its NUL: 34 characters.
+inline constexpr std::size_t kDbIIdTextSize = 35;
+
+// Writes the text form of a DBIID, as the index of instances and the traces have it.
+inline void formatDbIId(const UNIVERSALNOTEID& DbIID, char (&szDbIId)[kDbIIdTextSize]) {
+    formatText(szDbIId, sizeof szDbIId, "%08lX-%08lX %08lX%08lX",
+               static_cast<unsigned long>(DbIID.File.Innards[0]),
+               static_cast<unsigned long>(DbIID.File.Innards[1]),
+               static_cast<unsigned long>(DbIID.Note.Innards[0]),
+               static_cast<unsigned long>(DbIID.Note.Innards[1]));
+}
 
 // The short form in which log lines show the identity of a database or of a log's archive.
 inline unsigned long foldedId(const UNIVERSALNOTEID& id) {

@@ -8,6 +8,7 @@
 
 #include "common/iniparser.h"
 #include "qrt_lotus_notes/qrtln_f/dbiid_index.h"
+#include "qrt_lotus_notes/qrtln_n/notes_report.h"
 #include "tests/interface/own_process.h"
 #include "tests/qrtln_f/fake_server.h"
 #include "tests/support/message_capture.h"

@@ -1,0 +1,50 @@
+#include "qrt_lotus_notes/qrtln_n/copy_path.h"
+
+#include <algorithm>
+#include <cstring>
+#include <string_view>
+#include <sys/stat.h>
+
+#include "common/bounded_text.h"
+
+namespace {
+
+bool leadsUpwards(std::string_view path) {
+    while (!path.empty()) {
+        const std::size_t end = std::min(path.find(kDelimiter), path.size());
+        if (path.substr(0, end) == "..") {
+            return true;
+        }
+        path.remove_prefix(std::min(end + 1, path.size()));
+    }
+    return false;
+}
+
+} // namespace
+
+const char* relativeDatabaseName(const char* cpDatabase) {
+    const std::size_t cut = std::strlen(g_sQRTLN_Global.szNotesDataDirectory);
+    if (std::strchr(cpDatabase, kDelimiter) == nullptr || std::strlen(cpDatabase) < cut ||
+        leadsUpwards(cpDatabase + cut)) {
+        return nullptr;
+    }
+    return cpDatabase + cut;
+}
+
+bool buildCopyPath(const char* cpDatabase, char (&szCopy)[kPathSize]) {
+    const char* relative = relativeDatabaseName(cpDatabase);
+    if (relative == nullptr) {
+        return false;
+    }
+    const std::string_view tmpDir = g_sQRTLN_Global.szTmpDir;
+    const bool delimited = !tmpDir.empty() && tmpDir.back() == kDelimiter;
+    return formatText(szCopy, sizeof szCopy, "%s%s%s", g_sQRTLN_Global.szTmpDir,
+                      delimited ? "" : "/", relative);
+}
+
+bool isSameFile(const char* cpFirst, const char* cpSecond) {
+    struct stat first;
+    struct stat second;
+    return stat(cpFirst, &first) == 0 && stat(cpSecond, &second) == 0 &&
+           first.st_dev == second.st_dev && first.st_ino == second.st_ino;
+}
