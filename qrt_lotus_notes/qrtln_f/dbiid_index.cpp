@@ -109,7 +109,7 @@ bool replaceIndex() {
     copyText(szSibling, szTarget);
     AddPidToFilename(szSibling, sizeof szSibling);
     if (!appendText(szSibling, ".new") ||
-        std::strncmp(szSibling, szTarget, std::strlen(szTarget))) {
+        std::strncmp(szSibling, szTarget, std::strlen(szTarget)) != 0) {
         return false;
     }
     if (!SysFileCopy(szDBIIDTmpFile, szSibling, FALSE) || !flushToDisk(szSibling, O_RDONLY)) {
