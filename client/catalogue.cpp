@@ -41,6 +41,19 @@ std::string resolve_set(Store& store, const std::string& given) {
                       "give more of the name");
 }
 
+std::optional<BaseSet> find_base(Store& store, const std::string& data_directory) {
+    std::vector<std::string> names = store.set_names();
+    for (auto name = names.rbegin(); name != names.rend(); ++name) {
+        if (!name->ends_with("-full")) // the name is the level's too: no need to read the others
+            continue;
+        CatalogueEntry entry = load_set(store, *name);
+        if (entry.manifest && entry.manifest->level == "full" && entry.manifest->complete &&
+            entry.manifest->whole_system && entry.manifest->data_directory == data_directory)
+            return BaseSet{*name, entry.manifest->started};
+    }
+    return std::nullopt;
+}
+
 std::string new_set_name(Store& store, std::int64_t started, const std::string& level) {
     std::vector<std::string> names = store.set_names();
     std::int64_t time = started;

@@ -24,6 +24,16 @@ CatalogueEntry load_set(Store& store, const std::string& set);
 // ClientError(failed) that says what there is.
 std::string resolve_set(Store& store, const std::string& given);
 
+// What a differential or incremental backup builds on.
+struct BaseSet {
+    std::string set;
+    std::int64_t started = 0; // seconds since 1970
+};
+
+// The newest complete full set of the whole server with this data directory, or nothing. Sets whose
+// manifests are damaged are passed over.
+std::optional<BaseSet> find_base(Store& store, const std::string& data_directory);
+
 // A name for a set that started at `started`: its time and level. It sorts after every name in the
 // store, if need be with a later time.
 std::string new_set_name(Store& store, std::int64_t started, const std::string& level);

@@ -19,6 +19,7 @@ enum class ExitCode {
     no_store = 10,
     locked = 11,
     server_error = 14, // the module or the server's library failed
+    logs_missing = 16, // a set was stored, but the chain of transaction logs has a gap
     interrupted = 128, // plus the number of the signal
 };
 

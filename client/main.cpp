@@ -18,14 +18,16 @@ constexpr const char* exit_codes = R"(Exit codes:
   1  failed                      11  another process uses the store
   2  wrong usage                 14  the module or the server's library failed
   3  a set was stored, but some of its items failed
-  4  damage found               130, 143  interrupted (SIGINT, SIGTERM)
+  4  damage found               16  stored, but transaction logs are missing: take a full backup
+                                130, 143  interrupted (SIGINT, SIGTERM)
 )";
 
 constexpr const char* backup_help =
     "Back up a server into the store.\n"
     "Without DATABASE the whole system is saved: every database and template below the data\n"
-    "directory, notes.ini, the ID and configuration files, and with archive-style logging (level\n"
-    "full) the transaction logs. The server keeps running. The set counts, and the server lets\n"
+    "directory, notes.ini, the ID and configuration files, and with archive-style logging (levels\n"
+    "full and incr) the transaction logs. The server keeps running. The set counts, and the server "
+    "lets\n"
     "go of its archived logs, only when every item is stored and flushed to disk.";
 
 std::string default_tmp_dir() {
@@ -86,11 +88,16 @@ int main(int argc, char** argv) {
         ->required();
     add_store_options(*backup_command, backup.store, backup.json);
     backup_command
-        ->add_option("--level", backup.level,
-                     "full: with the transaction logs, the base of later backups; copy: the same "
-                     "files without the logs, and the index of databases is left alone")
-        ->check(CLI::IsMember({"full", "copy"}))
+        ->add_option(
+            "--level", backup.level,
+            "full: with the transaction logs, the base of later backups; incr: the logs since "
+            "the last backup, and the databases that they cannot bring up to date; diff: "
+            "what changed since the last full; copy: as full, without the logs and "
+            "without a trace on the server")
+        ->check(CLI::IsMember({"full", "copy", "diff", "incr"}))
         ->capture_default_str();
+    backup_command->add_flag("--auto-full", backup.auto_full,
+                             "Take a full backup where diff or incr has none to build on");
     backup_command
         ->add_option("--tmp-dir", backup.tmp_dir,
                      "Where databases are copied to, one at a time: needs room for the largest")

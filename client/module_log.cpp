@@ -40,4 +40,42 @@ bool says_archiving_in_progress(const std::string& line) {
     return line.find("ERR_TRANSLOG_ARCHIVE_IN_PROGRESS") != std::string::npos;
 }
 
+std::optional<UncheckedItem> parse_unchecked_item(const std::string& line) {
+    constexpr std::string_view unchecked = "Checking if file needs to be backed up failure: ";
+    constexpr std::string_view source = "Src Db: ";
+    std::string_view text = line;
+    if (text.starts_with(unchecked))
+        return UncheckedItem{std::string(text.substr(unchecked.size())),
+                             "the module could not tell whether it needs to be backed up", false};
+    // These name no database: the time itself could not be used.
+    if (text.starts_with("ConvertTextToTIMEDATE() failed, got error ") ||
+        text.starts_with("isNotesDbModified: the time "))
+        return UncheckedItem{{}, line, true};
+    if (!text.starts_with(source))
+        return std::nullopt;
+    text.remove_prefix(source.size());
+    for (std::string_view failure : {" NSFDbGetModifiedNoteTable() returned error ", " got error ",
+                                     " has a name that is too long for the server"})
+        if (std::size_t at = text.rfind(failure); at != std::string_view::npos)
+            return UncheckedItem{std::string(text.substr(0, at)),
+                                 "the module could not tell whether it was modified:" +
+                                     std::string(text.substr(at)),
+                                 true};
+    return std::nullopt;
+}
+
+bool says_changes_incomplete(const std::string& line) {
+    return line.find("(): NSFBackupEndApplyChangeInfo LN C API call failed: ") != std::string::npos;
+}
+
+std::string logging_without_archive(const std::string& line) {
+    if (line == "Lotus Notes has circular logging style enabled")
+        return "circular transaction logging";
+    if (line == "Lotus Notes has linear logging style enabled")
+        return "linear transaction logging";
+    if (line == "beginArchiveLogs(): Transactional logging is not in effect.")
+        return "no transaction logging";
+    return {};
+}
+
 } // namespace qrtln

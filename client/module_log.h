@@ -21,4 +21,23 @@ std::optional<AnnouncedLog> parse_log_announcement(const std::string& line);
 // that session: one more start succeeds.
 bool says_archiving_in_progress(const std::string& line);
 
+// An item that the module could not decide about.
+struct UncheckedItem {
+    std::string path;            // as the module shows it: UTF-8, cut at 256 bytes; may be empty
+    std::string problem;         // for a person
+    bool modified_since = false; // the question was whether it was modified since the base
+};
+
+// The item that a line says could not be checked, or nothing for any other line. At differential
+// and incremental level the module passes over such an item; at full level it hands it out all the
+// same.
+std::optional<UncheckedItem> parse_unchecked_item(const std::string& line);
+
+// Whether a line says that the changes made during a copy could not be completed in it. The module
+// hands the copy out all the same.
+bool says_changes_incomplete(const std::string& line);
+
+// Why a line says that the server has no logs to archive ("circular logging"); empty for any other.
+std::string logging_without_archive(const std::string& line);
+
 } // namespace qrtln

@@ -10,7 +10,8 @@ namespace qrtln {
 struct BackupOptions {
     std::string notes_ini;
     std::string store;
-    std::string level = "full";
+    std::string level = "full"; // "full", "copy", "diff" or "incr"
+    bool auto_full = false;     // a diff or incr without its base becomes a full one
     std::vector<std::string> databases;
     std::string tmp_dir; // below it the private folder is made
     std::string module;  // empty: found beside the executable

@@ -3,6 +3,7 @@
 #include "client/catalogue.h"
 #include "client/commands/commands.h"
 #include "client/error.h"
+#include "client/log_chain.h"
 #include "client/output.h"
 #include "client/store/store.h"
 #include "client/text.h"
@@ -29,6 +30,16 @@ int run_show(const StoreOptions& options) {
         "\nserver " + for_terminal(manifest.data_directory) + " on " + for_terminal(manifest.host) +
         ", notes.ini " + for_terminal(manifest.notes_ini) + "\nmodule " +
         for_terminal(manifest.module_client) + " " + for_terminal(manifest.module_version) + "\n";
+    if (manifest.reason == "owed")
+        text += "saves what an earlier run prepared and did not store\n";
+    if (!manifest.base.empty())
+        text += "builds on " + manifest.base +
+                (manifest.previous.empty() ? "" : ", its logs continue " + manifest.previous) +
+                "\n";
+    if (std::string logs = log_range_text(manifest); logs != "-")
+        text += "transaction logs " + logs + "\n";
+    for (const LogGap& gap : manifest.log_gaps)
+        text += describe(gap) + "\n";
     if (!manifest.close_error.empty())
         text += "the server did not close the backup: " + for_terminal(manifest.close_error) + "\n";
     Table table({"KIND", "BYTES ", "MODIFIED", "OWNER", "PATH"});

@@ -122,7 +122,11 @@ const char* item_kind_name(ItemKind kind) {
 
 std::string status_text(const Manifest& manifest) {
     std::string text = manifest.complete ? "complete" : "incomplete";
-    return manifest.close_error.empty() ? text : text + ", close failed";
+    if (!manifest.close_error.empty())
+        text += ", close failed";
+    if (!manifest.log_gaps.empty())
+        text += ", logs missing";
+    return text;
 }
 
 ManifestTotals totals(const Manifest& manifest) {
@@ -150,6 +154,19 @@ std::string serialize(const Manifest& manifest) {
     out["status"] = manifest.complete ? "complete" : "incomplete";
     if (!manifest.close_error.empty())
         out["close_error"] = printable_utf8(manifest.close_error);
+    for (const auto& [name, value] :
+         {std::pair{"reason", &manifest.reason}, std::pair{"base", &manifest.base},
+          std::pair{"previous", &manifest.previous}})
+        if (!value->empty())
+            out[name] = *value;
+    for (const LogGap& gap : manifest.log_gaps) {
+        json entry = {{"after", gap.after}, {"before", gap.before}};
+        if (gap.reason.empty())
+            entry.update({{"first", gap.first}, {"last", gap.last}});
+        else
+            entry["reason"] = printable_utf8(gap.reason);
+        out["log_gaps"].push_back(std::move(entry));
+    }
     out["selection"]["whole_system"] = manifest.whole_system;
     json& arguments = out["selection"]["databases"] = json::array();
     for (const std::string& argument : manifest.arguments) {
@@ -197,6 +214,14 @@ std::optional<Manifest> parse_manifest(const std::string& bytes, const std::stri
         manifest.ended = in->at("ended").get<std::int64_t>();
         manifest.complete = in->at("status").get<std::string>() == "complete";
         manifest.close_error = in->value("close_error", "");
+        manifest.reason = in->value("reason", "");
+        manifest.base = in->value("base", "");
+        manifest.previous = in->value("previous", "");
+        for (const json& gap : in->value("log_gaps", json::array()))
+            manifest.log_gaps.push_back(
+                {gap.at("after").get<std::string>(), gap.at("before").get<std::string>(),
+                 gap.value("first", std::uint32_t{0}), gap.value("last", std::uint32_t{0}),
+                 gap.value("reason", "")});
         const json& selection = in->at("selection");
         manifest.whole_system = selection.at("whole_system").get<bool>();
         for (const json& argument : selection.at("databases"))

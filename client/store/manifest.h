@@ -21,6 +21,15 @@ struct LogIdentity {
     bool active = false;    // the log that was still being written
 };
 
+// A break in the chain of transaction logs.
+struct LogGap {
+    std::string after;       // the set before it
+    std::string before;      // the set behind it; the same one for a gap within a set
+    std::uint32_t first = 0; // the missing numbers; 0 and 0 with a reason
+    std::uint32_t last = 0;
+    std::string reason; // why the chain breaks where no numbers are missing
+};
+
 struct ManifestItem {
     std::string path; // the bytes of the full path
     ItemKind kind = ItemKind::file;
@@ -48,8 +57,12 @@ struct Manifest {
     std::string level;
     std::int64_t started = 0; // seconds since 1970
     std::int64_t ended = 0;
-    bool complete = false;   // every item was stored
-    std::string close_error; // why the module's operation did not close well, if so
+    bool complete = false;        // every item was stored
+    std::string close_error;      // why the module's operation did not close well, if so
+    std::string reason;           // "owed": it makes up for what an earlier run left; else empty
+    std::string base;             // differential, incremental: the full set that it builds on
+    std::string previous;         // incremental: the newest set before it whose logs it continues
+    std::vector<LogGap> log_gaps; // in the chain up to this set
     bool whole_system = false;
     std::vector<std::string> arguments; // the DATABASE arguments as resolved paths
     std::string host;
@@ -66,7 +79,8 @@ struct Manifest {
 
 const char* item_kind_name(ItemKind kind);
 
-// "complete", "incomplete", with ", close failed" where the module's operation did not close.
+// "complete", "incomplete", with ", close failed" where the module's operation did not close and
+// ", logs missing" where the chain of logs has a gap.
 std::string status_text(const Manifest& manifest);
 
 struct ManifestTotals {

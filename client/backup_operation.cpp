@@ -1,0 +1,649 @@
+#include "client/backup_operation.h"
+
+#include "client/catalogue.h"
+#include "client/commands/commands.h"
+#include "client/error.h"
+#include "client/interrupt.h"
+#include "client/log_chain.h"
+#include "client/module_host.h"
+#include "client/module_log.h"
+#include "client/original.h"
+#include "client/output.h"
+#include "client/since_time.h"
+#include "client/temporary_directory.h"
+#include "client/text.h"
+
+#include <array>
+#include <cstdlib>
+#include <ctime>
+#include <fcntl.h>
+#include <map>
+#include <optional>
+#include <set>
+#include <sys/stat.h>
+#include <unistd.h>
+
+namespace qrtln {
+
+namespace {
+
+constexpr std::size_t read_block = std::size_t{1} << 20;
+// Room for the names that the module gives its run-time data.
+constexpr std::size_t runtime_name_room = 64;
+// What the module writes to its protocol for each error.
+constexpr std::string_view error_line = "DB_ErrHandler: ";
+constexpr const char* status_failed = "STATUS=1";
+constexpr const char* status_ok = "STATUS=0";
+
+// Where $Notes_ExecDirectory should point when the environment does not say.
+std::string exec_directory(const NotesIni& ini) {
+    const char* set = std::getenv("Notes_ExecDirectory");
+    if ((set != nullptr && *set != '\0') || ini.program_directory.empty() ||
+        ::access((ini.program_directory + "/libnotes.so").c_str(), R_OK) != 0)
+        return {};
+    return ini.program_directory;
+}
+
+DB_OPERATION_LEVEL module_level(const std::string& level) {
+    if (level == "copy")
+        return DB_LEVEL_COPY;
+    if (level == "diff")
+        return DB_LEVEL_DIFF;
+    return level == "incr" ? DB_LEVEL_INCR : DB_LEVEL_FULL;
+}
+
+class BackupOperation {
+  public:
+    BackupOperation(const BackupContext& context, BackupRequest request)
+        : m_context(context), m_request(std::move(request)), m_ini(context.ini),
+          m_yielded(m_request.arguments.size(), false) {}
+    Manifest run();
+
+  private:
+    void check_room();
+    void start_operation();
+    int init_operation();
+    [[noreturn]] void report_failed_start();
+    void describe_set();
+    void store_items();
+    void note_unchecked(const std::string& handed_out);
+    void store_item(const std::string& path);
+    void prepare_and_read(ManifestItem& item);
+    bool copy_fits(const std::string& path) const;
+    void read_content(ManifestItem& item, const std::string& file);
+    void store_own_notes_ini();
+    void store_changed_notes_ini();
+    void add_item(ManifestItem item);
+    void add_unreached();
+    void check_log_chain();
+    void commit();
+    void strike_owed();
+    void close_operation();
+    void give_up() noexcept;
+    std::string module_reason();
+    void on_log(const std::string& line);
+    // Whether the module chooses the items that changed, and passes over the others.
+    bool selects_changes() const { return !m_request.base.empty(); }
+
+    const BackupContext& m_context;
+    BackupRequest m_request;
+    const NotesIni& m_ini;
+    std::vector<bool> m_yielded; // by argument
+    // The host goes first: its child has the temporary folder in use.
+    std::optional<TemporaryDirectory> m_temporary;
+    std::optional<ModuleHost> m_host;
+    std::optional<Progress> m_progress;
+    Manifest m_manifest;
+    std::set<std::string> m_seen;
+    std::map<std::string, LogIdentity> m_logs;    // announced and not yet handed out
+    std::vector<UncheckedItem> m_unchecked;       // told since the last item
+    std::vector<std::string> m_warnings_for_next; // about the item that was just handed out
+    // what the module's protocol told
+    std::string m_last_log_line;
+    std::string m_last_error_line; // since the last item
+    std::string m_logging_style;   // where the server has no logs to archive
+    std::string m_incomplete_copy; // since the last preparation
+    bool m_archiving_in_progress = false;
+    bool m_item_pending = false;
+    bool m_operation_open = false;
+    OriginalReader m_originals;
+    std::string m_prepared; // the file that the present item was read from
+    std::vector<std::byte> m_buffer;
+};
+
+Manifest BackupOperation::run() {
+    try {
+        if (m_context.store.runtime_directory().size() + runtime_name_room >= module_path_size)
+            throw ClientError(ExitCode::failed, "the path of " + m_context.store.description() +
+                                                    " is longer than the module takes");
+        m_temporary.emplace(absolute_path(m_context.tmp_dir), m_ini.data_directory);
+        check_room();
+        m_manifest.started = std::time(nullptr);
+        start_operation();
+        describe_set();
+        store_items();
+        add_unreached();
+        throw_if_interrupted();
+        commit();
+    } catch (...) {
+        give_up();
+        throw;
+    }
+    m_progress.reset();
+    m_host.reset();
+    if (int error = m_temporary->remove(); error != 0)
+        print_message("warning: the temporary folder could not be removed: " +
+                      system_error_text(error));
+    return std::move(m_manifest);
+}
+
+// A copy that does not fit would fail after the server has worked for it.
+void BackupOperation::check_room() {
+    std::optional<std::uint64_t> room = free_bytes(m_temporary->path());
+    if (room && *room < m_request.scan.largest)
+        throw ClientError(ExitCode::failed,
+                          "the temporary directory " + for_terminal(m_context.tmp_dir) + " has " +
+                              human_bytes(*room) + " (" + std::to_string(*room) +
+                              " bytes) free, the database " +
+                              for_terminal(m_request.scan.largest_path) + " needs " +
+                              human_bytes(m_request.scan.largest) + " (" +
+                              std::to_string(m_request.scan.largest) + " bytes)",
+                          "make room there, or name a folder with more room with --tmp-dir");
+}
+
+void BackupOperation::on_log(const std::string& line) {
+    m_last_log_line = line;
+    if (m_context.verbose)
+        print_message("module: " + for_terminal(line));
+    // A trace that cannot be written must not fail the backup.
+    if (m_context.trace >= 0)
+        (void)write_all(m_context.trace, as_bytes("log: " + line + "\n"));
+    if (std::optional<AnnouncedLog> log = parse_log_announcement(line))
+        m_logs[log->path] = log->identity;
+    if (line.starts_with(error_line))
+        m_last_error_line = line.substr(error_line.size());
+    if (std::optional<UncheckedItem> item = parse_unchecked_item(line)) {
+        if (!item->modified_since && !m_last_error_line.empty())
+            item->problem += ": " + m_last_error_line;
+        m_last_error_line.clear();
+        m_unchecked.push_back(std::move(*item));
+    }
+    if (says_changes_incomplete(line))
+        m_incomplete_copy = line;
+    if (std::string style = logging_without_archive(line); !style.empty())
+        m_logging_style = style;
+    if (says_archiving_in_progress(line))
+        m_archiving_in_progress = true;
+}
+
+// The module's error, else the last it wrote to its protocol.
+std::string BackupOperation::module_reason() {
+    std::string reason = m_host->error().message;
+    if (reason.empty())
+        reason = m_last_log_line;
+    return reason.empty() ? "the module gave no reason" : printable_utf8(reason);
+}
+
+int BackupOperation::init_operation() {
+    ModuleOptions module;
+    module.module_file = find_module(m_context.module);
+    module.runtime_directory = m_context.store.runtime_directory();
+    module.exec_directory = exec_directory(m_ini);
+    module.on_log = [this](const std::string& line) { on_log(line); };
+    if (m_context.trace >= 0)
+        module.on_trace = [this](const std::string& line) {
+            (void)write_all(m_context.trace, as_bytes("trace: " + line + "\n"));
+        };
+    m_manifest.module_file = module.module_file;
+    m_host.emplace(std::move(module));
+    ModuleInfo info = m_host->info();
+    m_manifest.module_client = info.client;
+    m_manifest.module_version = info.version;
+    m_manifest.module_release = info.release;
+    if (info.item_handling != DB_FILE_PREPARE)
+        throw ClientError(ExitCode::server_error, "the module " +
+                                                      for_terminal(m_manifest.module_file) +
+                                                      " does not hand out files");
+
+    std::vector<std::string> variables = {"NOTESINI=" + m_ini.file,
+                                          "TMP_DIR=" + m_temporary->path()};
+    if (m_request.arguments.empty())
+        variables.emplace_back("DATABASE=NOTES");
+    for (const DatabaseArgument& argument : m_request.arguments)
+        variables.push_back("DATABASE=" + argument.value);
+    if (m_request.level == "diff")
+        variables.push_back("SNC_TIME=" + since_time_text(m_request.base_started));
+    m_operation_open = true;
+    return m_host->init(DB_TYPE_BCK, module_level(m_request.level), variables);
+}
+
+void BackupOperation::start_operation() {
+    int status = init_operation();
+    if (status != DB_NUM_I_OK && m_archiving_in_progress && interrupt_signal() == 0) {
+        // What a killed run left open on the server was ended by this failed start. One operation
+        // a process: the second start gets a new one.
+        print_message("the server had an archiving session open, which was ended: starting again");
+        m_host->close({status_failed});
+        m_host.reset();
+        m_last_log_line.clear();
+        m_archiving_in_progress = false;
+        status = init_operation();
+    }
+    if (status == DB_NUM_I_OK)
+        return;
+    report_failed_start();
+}
+
+void BackupOperation::report_failed_start() {
+    throw_if_interrupted();
+    std::string reason = module_reason();
+    std::string hint = "look at the server's console; --verbose shows what the module did";
+    if (reason.find("libnotes") != std::string::npos ||
+        reason.find("Notes C API") != std::string::npos)
+        hint = "set Notes_ExecDirectory to the folder of the server's libnotes.so, or NotesProgram "
+               "in " +
+               for_terminal(m_ini.file);
+    if (m_request.level == "incr" && !m_logging_style.empty()) {
+        reason = "the server has " + m_logging_style + ": " + reason;
+        hint = "an incremental backup is one of archived logs (TRANSLOG_Style=1); take --level "
+               "diff or full";
+    } else if (m_archiving_in_progress) {
+        hint = "another program archives the server's logs: only one may; wait until it has ended";
+    }
+    throw ClientError(ExitCode::server_error,
+                      "cannot start the backup on the server: " + for_terminal(reason), hint);
+}
+
+void BackupOperation::describe_set() {
+    m_manifest.level = m_request.level;
+    m_manifest.set = new_set_name(m_context.store, m_manifest.started, m_request.level);
+    m_manifest.reason = m_request.reason;
+    m_manifest.base = m_request.base;
+    m_manifest.whole_system = m_request.arguments.empty();
+    for (const DatabaseArgument& argument : m_request.arguments)
+        m_manifest.arguments.push_back(argument.path);
+    std::array<char, 256> host{};
+    if (::gethostname(host.data(), host.size() - 1) == 0)
+        m_manifest.host = host.data();
+    m_manifest.notes_ini = m_ini.file;
+    m_manifest.data_directory = m_ini.data_directory;
+    m_manifest.client_version = client_version();
+}
+
+void BackupOperation::store_items() {
+    m_buffer.resize(read_block);
+    m_progress.emplace(m_request.scan.databases);
+    for (;;) {
+        throw_if_interrupted();
+        (void)m_host->error(); // what the start reported is no error of an item
+        ModuleItem next = m_host->get_item();
+        note_unchecked(next.status == DB_NUM_I_OK ? next.name : std::string());
+        if (next.status == DB_NUM_I_COMPLETE)
+            return;
+        if (next.status != DB_NUM_I_OK) {
+            throw_if_interrupted();
+            throw ClientError(ExitCode::server_error,
+                              "the module cannot list the next item: " +
+                                  for_terminal(module_reason()),
+                              "--verbose shows what the module did");
+        }
+        m_item_pending = true;
+        store_item(next.name);
+    }
+}
+
+// Where the module chooses, an item that it could not decide about never comes: it has failed. At
+// full level it comes all the same, and the line is about the item that was just handed out.
+void BackupOperation::note_unchecked(const std::string& handed_out) {
+    for (UncheckedItem& unchecked : std::exchange(m_unchecked, {})) {
+        if (!selects_changes()) {
+            if (!handed_out.empty())
+                m_warnings_for_next.push_back(
+                    unchecked.problem + "; it is stored, but the index of databases has no entry "
+                                        "for it, and a differential backup will fail on it");
+            continue;
+        }
+        ManifestItem item;
+        item.path = unchecked.path.empty() ? m_ini.data_directory : unchecked.path;
+        item.kind = unchecked.path.empty() ? ItemKind::directory : item_kind_of(item.path);
+        item.reason = unchecked.problem;
+        if (unchecked.path.empty())
+            item.reason = "a database below it: " + item.reason;
+        else if (unchecked.problem.find("needs to be backed up") != std::string::npos)
+            item.reason += " (with linear logging no logged database can be checked: take --level "
+                           "full)";
+        m_seen.insert(item.path);
+        add_item(std::move(item));
+    }
+    m_last_error_line.clear();
+}
+
+void BackupOperation::store_item(const std::string& path) {
+    auto finish = [this](DB_ITEM_RESULT result) {
+        m_item_pending = false;
+        return m_host->finish(result);
+    };
+    // Folders come again for every kind of file in them.
+    if (!m_seen.insert(path).second) {
+        (void)finish(DB_ITEM_EXCLUDED);
+        return;
+    }
+    ManifestItem item = m_originals.look_at(path);
+    if (auto log = m_logs.extract(path)) {
+        item.log = log.mapped();
+        item.kind = ItemKind::log;
+    }
+    item.warnings = std::exchange(m_warnings_for_next, {});
+    bool data_notes_ini = path == m_ini.data_directory + "/notes.ini";
+    if (data_notes_ini && !item.has_metadata && path != m_ini.file) {
+        // The module names this path always; the file in use is elsewhere.
+        (void)finish(DB_ITEM_EXCLUDED);
+        store_own_notes_ini();
+        return;
+    }
+    if (item.kind != ItemKind::directory)
+        for (std::size_t i = 0; i < m_request.arguments.size(); ++i)
+            if (path == m_request.arguments[i].path ||
+                (!data_notes_ini && is_below(path, m_request.arguments[i].path)))
+                m_yielded[i] = true;
+    if (item.kind == ItemKind::database)
+        m_progress->next_database();
+    m_prepared.clear();
+    if (item.reason.empty() && item.kind != ItemKind::directory)
+        prepare_and_read(item);
+    if (item.reason.empty())
+        item.status = ItemStatus::stored;
+    bool stored = item.status == ItemStatus::stored;
+    if (finish(stored ? DB_ITEM_SUCCESS : DB_ITEM_FAIL) != DB_NUM_I_OK && stored)
+        item.warnings.push_back("stored, but the module could not clean up after it: " +
+                                module_reason());
+    // Some copies the module leaves behind: the next database needs their room.
+    if (m_prepared != path && is_below(m_prepared, m_temporary->path()))
+        ::unlink(m_prepared.c_str());
+    add_item(std::move(item));
+    if (data_notes_ini)
+        store_own_notes_ini();
+}
+
+bool BackupOperation::copy_fits(const std::string& path) const {
+    std::size_t relative = path.size() - std::min(path.size(), m_ini.data_directory.size());
+    return m_temporary->path().size() + relative < module_path_size;
+}
+
+void BackupOperation::prepare_and_read(ManifestItem& item) {
+    if (item.kind == ItemKind::database) {
+        if (!copy_fits(item.path)) {
+            item.reason = "the path of its copy below " + m_temporary->path() +
+                          " is longer than the module takes; a shorter --tmp-dir helps";
+            return;
+        }
+        // From here on the server may count it as backed up.
+        m_context.owed.add(m_ini.data_directory, item.path);
+    }
+    m_incomplete_copy.clear();
+    ModuleItem prepared = m_host->prepare(item.path);
+    auto usable = [&] {
+        return (prepared.status == DB_NUM_I_OK || prepared.status == DB_NUM_W_WARNING) &&
+               !prepared.name.empty();
+    };
+    std::string first;
+    if (!usable() && interrupt_signal() == 0) {
+        // A backup context that a killed run left fails the next start of one and ends with it.
+        first = module_reason();
+        prepared = m_host->prepare(item.path);
+        if (usable())
+            item.warnings.push_back("prepared at the second attempt; the first failed: " + first);
+    }
+    item.prepare_status = prepared.status;
+    if (interrupt_signal() != 0) {
+        item.reason = "interrupted";
+        return;
+    }
+    if (!usable()) {
+        std::string second = module_reason();
+        item.reason = "the server could not prepare it: " + second;
+        if (!first.empty() && first != second)
+            item.reason += " (the first attempt: " + first + ")";
+        std::optional<std::uint64_t> room = free_bytes(m_temporary->path());
+        struct stat status {};
+        if (room && item.kind == ItemKind::database && ::stat(item.path.c_str(), &status) == 0 &&
+            *room < static_cast<std::uint64_t>(status.st_size))
+            item.reason += " (the temporary directory has only " + human_bytes(*room) +
+                           " free; make room there or name another with --tmp-dir)";
+        return;
+    }
+    if (!m_incomplete_copy.empty()) {
+        item.reason =
+            "the changes made during its copy are not complete in it: " + m_incomplete_copy;
+        return;
+    }
+    if (prepared.status == DB_NUM_W_WARNING)
+        item.warnings.emplace_back("not transaction-logged: it can be restored as it was at this "
+                                   "backup, but not rolled forward");
+    m_prepared = prepared.name;
+    read_content(item, prepared.name);
+}
+
+void BackupOperation::read_content(ManifestItem& item, const std::string& file) {
+    // O_NONBLOCK: a FIFO that took the file's place must not hang the run.
+    FileDescriptor content(::open(file.c_str(), O_RDONLY | O_NONBLOCK | O_NOCTTY | O_CLOEXEC));
+    struct stat before {};
+    if (!content || ::fstat(content.get(), &before) != 0) {
+        item.reason = errno == ENOENT ? "it is gone: it was there when the module listed it"
+                                      : "cannot open it: " + system_error_text(errno);
+        return;
+    }
+    if (!S_ISREG(before.st_mode)) {
+        item.reason = std::string("it is ") + file_type_name(before.st_mode) + ", no file";
+        return;
+    }
+    ::posix_fadvise(content.get(), 0, 0, POSIX_FADV_SEQUENTIAL);
+    // One consistent length: what is there now, even if the file grows meanwhile.
+    auto expected = static_cast<std::uint64_t>(before.st_size);
+    std::unique_ptr<ObjectWriter> object = m_context.store.create_object();
+    std::uint64_t read = 0;
+    while (read < expected) {
+        m_host->forward_interrupt();
+        if (interrupt_signal() != 0) {
+            item.reason = "interrupted";
+            return;
+        }
+        std::size_t wanted = std::min<std::uint64_t>(m_buffer.size(), expected - read);
+        ssize_t got = read_up_to(content.get(), std::span(m_buffer.data(), wanted));
+        if (got < 0) {
+            item.reason = "cannot read it: " + system_error_text(static_cast<int>(-got));
+            return;
+        }
+        if (got == 0)
+            break;
+        object->write(Bytes(m_buffer.data(), static_cast<std::size_t>(got)));
+        read += static_cast<std::uint64_t>(got);
+        m_progress->add_bytes(static_cast<std::uint64_t>(got));
+    }
+    struct stat after {};
+    if (::fstat(content.get(), &after) != 0) {
+        item.reason = "cannot look at it: " + system_error_text(errno);
+        return;
+    }
+    auto now = static_cast<std::uint64_t>(after.st_size);
+    if (now != expected || read != expected) {
+        std::string change = "its size changed from " + std::to_string(expected) + " to " +
+                             std::to_string(now) + " bytes while it was read";
+        // Nobody but us writes to a database's copy: this one is not what was prepared.
+        if (item.kind == ItemKind::database) {
+            item.reason = change;
+            return;
+        }
+        item.warnings.push_back(change + "; " + std::to_string(read) + " bytes are stored");
+    }
+    StoredObject stored = object->finish();
+    item.object = stored.hash;
+    item.size = stored.size;
+    item.stored_size = stored.stored_size;
+    if (stored.added)
+        m_manifest.new_bytes += stored.stored_size;
+}
+
+// A notes.ini outside the data directory is part of the server too; the module does not know it.
+void BackupOperation::store_own_notes_ini() {
+    std::string module_path = m_ini.data_directory + "/notes.ini";
+    struct stat in_data {};
+    struct stat in_use {};
+    // One file under two names, by whatever kind of link, is stored once.
+    bool same = ::stat(module_path.c_str(), &in_data) == 0 &&
+                ::stat(m_ini.file.c_str(), &in_use) == 0 && in_data.st_dev == in_use.st_dev &&
+                in_data.st_ino == in_use.st_ino;
+    if (same || m_seen.contains(m_ini.file))
+        return;
+    m_seen.insert(m_ini.file);
+    ManifestItem item = m_originals.look_at(m_ini.file);
+    if (item.reason.empty())
+        read_content(item, m_ini.file);
+    if (item.reason.empty())
+        item.status = ItemStatus::stored;
+    add_item(std::move(item));
+}
+
+// The module looks at a notes.ini in the data directory only.
+void BackupOperation::store_changed_notes_ini() {
+    struct stat status {};
+    if (::stat(m_ini.file.c_str(), &status) == 0 && status.st_mtim.tv_sec >= m_request.base_started)
+        store_own_notes_ini();
+}
+
+void BackupOperation::add_item(ManifestItem item) {
+    if (item.status == ItemStatus::failed && interrupt_signal() == 0)
+        print_message("failed: " + for_terminal(item.path) + ": " + for_terminal(item.reason));
+    if (m_context.verbose)
+        for (const std::string& warning : item.warnings)
+            print_message("warning: " + for_terminal(item.path) + ": " + for_terminal(warning));
+    m_manifest.items.push_back(std::move(item));
+}
+
+// What the module passed over without a word must not look saved.
+void BackupOperation::add_unreached() {
+    auto add = [this](const std::string& path, const std::string& reason, ItemKind kind) {
+        if (!m_seen.insert(path).second)
+            return;
+        ManifestItem item;
+        item.path = path;
+        item.kind = kind;
+        item.reason = reason;
+        add_item(std::move(item));
+    };
+    for (const auto& [path, reason] : m_request.scan.unreachable)
+        add(path, reason, item_kind_of(path));
+    // A database that did not change is passed over, and so is notes.ini outside the data
+    // directory.
+    if (m_request.level == "diff" && m_request.arguments.empty())
+        store_changed_notes_ini();
+    if (selects_changes())
+        return;
+    for (std::size_t i = 0; i < m_request.arguments.size(); ++i)
+        if (!m_yielded[i]) {
+            // The folder itself may have been handed out, just nothing in it.
+            m_seen.erase(m_request.arguments[i].path);
+            add(m_request.arguments[i].path,
+                "DATABASE '" + m_request.arguments[i].given +
+                    "' selected nothing: the module saves databases and the files of a server "
+                    "(.nsf, .ntf, .box, .ncf, .id, .dic, .cfg, .njf, .dsk, .nlo)",
+                m_request.arguments[i].directory ? ItemKind::directory
+                                                 : item_kind_of(m_request.arguments[i].path));
+        }
+}
+
+// The logs up to this set must form one chain from the last complete full set on. Incomplete sets
+// count with what they hold; the server keeps its logs after them, so these come again.
+void BackupOperation::check_log_chain() {
+    ChainLink own{m_manifest.set, {}};
+    for (const ManifestItem& item : m_manifest.items)
+        if (item.log) // one that failed has its own message
+            own.logs.push_back(*item.log);
+    if (own.logs.empty())
+        return;
+    std::vector<ChainLink> chain;
+    bool new_base = m_manifest.level == "full" && m_manifest.whole_system && m_manifest.complete;
+    std::string base = m_request.base;
+    if (base.empty() && !new_base)
+        if (std::optional<BaseSet> found = find_base(m_context.store, m_ini.data_directory))
+            base = found->set;
+    if (!base.empty())
+        chain = load_log_chain(m_context.store, base, m_ini.data_directory);
+    if (m_manifest.level == "incr")
+        for (const ChainLink& link : chain)
+            if (!link.logs.empty())
+                m_manifest.previous = link.set;
+    chain.push_back(std::move(own));
+    m_manifest.log_gaps = find_log_gaps(chain);
+}
+
+void BackupOperation::commit() {
+    m_progress.reset();
+    m_manifest.complete = totals(m_manifest).failed_items == 0;
+    m_context.store.flush();
+    check_log_chain();
+    m_manifest.ended = std::time(nullptr);
+    m_context.store.write_manifest(m_manifest.set, serialize(m_manifest));
+    m_context.store.keep_added();
+    strike_owed();
+    close_operation();
+}
+
+void BackupOperation::strike_owed() {
+    std::vector<std::string> stored;
+    for (const ManifestItem& item : m_manifest.items)
+        if (item.kind == ItemKind::database && item.status == ItemStatus::stored)
+            stored.push_back(item.path);
+    if (int error = m_context.owed.strike(m_ini.data_directory, stored); error != 0)
+        print_message("warning: the list of owed databases could not be updated, the next backup "
+                      "saves these databases again: " +
+                      system_error_text(error));
+}
+
+void BackupOperation::close_operation() {
+    std::string close_error;
+    try {
+        m_operation_open = false;
+        int status = m_host->close({m_manifest.complete ? status_ok : status_failed});
+        if (status != DB_NUM_I_OK)
+            close_error = module_reason();
+    } catch (const ClientError& failure) {
+        close_error = failure.what();
+    }
+    if (close_error.empty())
+        return;
+    m_manifest.close_error = close_error;
+    m_context.store.write_manifest(m_manifest.set, serialize(m_manifest));
+    throw ClientError(
+        ExitCode::server_error,
+        "the set " + m_manifest.set +
+            " was stored, but the server did not close the backup: " + for_terminal(close_error),
+        "the server keeps its logs, and the next backup stores them again");
+}
+
+// Leaves the server as after a failed run and the store as before it. The first failure is what
+// gets reported: those of the clean-up are not.
+void BackupOperation::give_up() noexcept {
+    try {
+        m_progress.reset();
+        if (m_host && m_host->running()) {
+            if (m_item_pending)
+                (void)m_host->finish(DB_ITEM_FAIL);
+            if (m_operation_open)
+                (void)m_host->close({status_failed});
+        }
+    } catch (...) {
+        // The child is gone or unusable; its end is waited for below.
+    }
+    m_host.reset();
+    m_context.store.discard_added();
+    m_temporary.reset();
+}
+
+} // namespace
+
+Manifest run_backup_operation(const BackupContext& context, BackupRequest request) {
+    return BackupOperation(context, std::move(request)).run();
+}
+
+} // namespace qrtln

@@ -1,0 +1,48 @@
+// One backup operation of the module, stored as one set.
+//
+// Order, for what a crash leaves at any moment: objects are flushed and renamed one by one, then
+// their folders, then the manifest, then the module hears STATUS=0. Before the manifest is there
+// the set does not exist; a crash after it only makes the server keep logs that are stored already.
+// Each database stands in the list of owed ones from before its preparation until after the
+// manifest.
+#pragma once
+
+#include "client/database_arguments.h"
+#include "client/notes_ini.h"
+#include "client/owed.h"
+#include "client/store/manifest.h"
+#include "client/store/store.h"
+
+#include <string>
+#include <vector>
+
+namespace qrtln {
+
+// What all operations of a run share. Outlives them.
+struct BackupContext {
+    const NotesIni& ini;
+    Store& store;
+    OwedDatabases& owed;
+    std::string tmp_dir;  // below it each operation makes a private folder
+    std::string module;   // as given; empty: found beside the executable
+    int trace = -1;       // a file descriptor for the module's trace, or -1
+    bool verbose = false; // show the module's messages
+};
+
+struct BackupRequest {
+    std::string level;                       // "copy", "full", "diff" or "incr"
+    std::vector<DatabaseArgument> arguments; // empty: the whole system
+    SelectionScan scan;                      // of the arguments
+    std::string reason;                      // goes into the manifest
+    std::string base;                        // of diff and incr: a whole full set
+    std::int64_t base_started = 0;           // seconds since 1970
+};
+
+// Runs the operation and returns the manifest of the set that was stored; a database of it is no
+// longer owed. Throws ClientError when there is none: the module has then heard STATUS=1, the store
+// holds nothing new, and what was prepared stays owed. Throws ClientError(server_error), too, when
+// the set was stored but the server did not close the backup. The temporary folder is gone in every
+// case.
+Manifest run_backup_operation(const BackupContext& context, BackupRequest request);
+
+} // namespace qrtln

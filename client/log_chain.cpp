@@ -1,0 +1,154 @@
+#include "client/log_chain.h"
+
+#include "client/catalogue.h"
+
+#include <algorithm>
+#include <iterator>
+#include <map>
+#include <optional>
+
+namespace qrtln {
+
+namespace {
+
+// What the sets have of one log number.
+struct Coverage {
+    std::string first_set;
+    std::string last_set;
+    bool whole = false; // some copy was taken after the log was full
+};
+
+using Segment = std::map<std::uint32_t, Coverage>; // the numbers under one archive identity
+
+void add_gaps(const Segment& segment, std::vector<LogGap>& gaps) {
+    if (segment.empty())
+        return;
+    for (auto here = segment.begin(), next = std::next(here); next != segment.end();
+         here = next++) {
+        std::uint32_t needed = here->second.whole ? here->first + 1 : here->first;
+        if (needed < next->first)
+            gaps.push_back(
+                {here->second.last_set, next->second.first_set, needed, next->first - 1, {}});
+    }
+}
+
+std::string set_or_sets(const LogGap& gap) {
+    return gap.after == gap.before ? "in the set " + gap.after
+                                   : "between the sets " + gap.after + " and " + gap.before;
+}
+
+struct LogRange {
+    std::uint32_t first;
+    std::uint32_t last;
+    std::optional<std::uint32_t> active;
+};
+
+std::optional<LogRange> log_range(const Manifest& manifest) {
+    std::optional<LogRange> range;
+    for (const LogIdentity& log : stored_logs(manifest)) {
+        if (!range)
+            range = LogRange{log.number, log.number, std::nullopt};
+        range->first = std::min(range->first, log.number);
+        range->last = std::max(range->last, log.number);
+        if (log.active)
+            range->active = log.number;
+    }
+    return range;
+}
+
+} // namespace
+
+std::vector<LogGap> find_log_gaps(const std::vector<ChainLink>& chain) {
+    std::vector<LogGap> gaps;
+    Segment segment;
+    std::string archive_id;
+    std::string previous_set;
+    for (const ChainLink& link : chain) {
+        if (previous_set.empty() && !link.logs.empty() && &link != &chain.front())
+            gaps.push_back({chain.front().set, link.set, 0, 0,
+                            "the set that the chain begins with holds no transaction logs"});
+        for (const LogIdentity& log : link.logs) {
+            if (!previous_set.empty() && log.archive_id != archive_id) {
+                add_gaps(segment, gaps);
+                segment.clear();
+                gaps.push_back({previous_set, link.set, 0, 0,
+                                "the server began a new transaction log (archive identity " +
+                                    archive_id + " became " + log.archive_id + ")"});
+            }
+            archive_id = log.archive_id;
+            previous_set = link.set;
+            Coverage& coverage = segment[log.number];
+            if (coverage.first_set.empty())
+                coverage.first_set = link.set;
+            coverage.last_set = link.set;
+            coverage.whole = coverage.whole || !log.active;
+        }
+    }
+    add_gaps(segment, gaps);
+    // A log that filled up while the newest set was made may be in it as an active one, with the
+    // next behind it: the server still has it, and it comes again with the next set.
+    if (!chain.empty())
+        for (const LogIdentity& active : chain.back().logs)
+            if (active.active)
+                std::erase_if(gaps, [&](const LogGap& gap) {
+                    return gap.reason.empty() && gap.after == chain.back().set &&
+                           gap.first >= active.number;
+                });
+    return gaps;
+}
+
+std::string describe(const LogGap& gap) {
+    if (!gap.reason.empty())
+        return gap.reason + ", " + set_or_sets(gap);
+    std::string numbers = gap.first == gap.last
+                              ? "the transaction log " + std::to_string(gap.first) + " is missing "
+                              : "the transaction logs " + std::to_string(gap.first) + " to " +
+                                    std::to_string(gap.last) + " are missing ";
+    return numbers + set_or_sets(gap);
+}
+
+std::vector<ChainLink> load_log_chain(Store& store, const std::string& base,
+                                      const std::string& data_directory) {
+    std::vector<ChainLink> chain;
+    for (const std::string& set : store.set_names()) {
+        if (set < base)
+            continue;
+        CatalogueEntry entry = load_set(store, set);
+        if (!entry.manifest || entry.manifest->data_directory != data_directory)
+            continue;
+        std::vector<LogIdentity> logs = stored_logs(*entry.manifest);
+        if (set == base || !logs.empty())
+            chain.push_back({set, std::move(logs)});
+    }
+    return chain;
+}
+
+std::vector<LogIdentity> stored_logs(const Manifest& manifest) {
+    std::vector<LogIdentity> logs;
+    for (const ManifestItem& item : manifest.items)
+        if (item.log && item.status == ItemStatus::stored)
+            logs.push_back(*item.log);
+    return logs;
+}
+
+std::string log_range_text(const Manifest& manifest) {
+    std::optional<LogRange> range = log_range(manifest);
+    if (!range)
+        return "-";
+    std::string text = std::to_string(range->first);
+    if (range->last != range->first)
+        text += "-" + std::to_string(range->last);
+    return range->active ? text + ", " + std::to_string(*range->active) + " active" : text;
+}
+
+nlohmann::json log_range_json(const Manifest& manifest) {
+    std::optional<LogRange> range = log_range(manifest);
+    if (!range)
+        return nullptr;
+    nlohmann::json out = {{"first", range->first}, {"last", range->last}, {"active", nullptr}};
+    if (range->active)
+        out["active"] = *range->active;
+    return out;
+}
+
+} // namespace qrtln

@@ -1,0 +1,43 @@
+// The chain of transaction logs that rolls a restored server forward: the logs of all sets from a
+// full one on, checked for gaps.
+#pragma once
+
+#include "client/store/manifest.h"
+#include "client/store/store.h"
+
+#include <nlohmann/json.hpp>
+#include <string>
+#include <vector>
+
+namespace qrtln {
+
+// The logs of one set.
+struct ChainLink {
+    std::string set;
+    std::vector<LogIdentity> logs;
+};
+
+// The gaps in a chain, oldest link first. A number is covered by a log that was full when it was
+// stored. The copy of an active one is partial, so its number must come again in a later link;
+// until there is one, the server has it. Logs that come again do no harm. Another archive identity
+// begins a new log: a break of its own. So is a first link without logs when later ones have some.
+std::vector<LogGap> find_log_gaps(const std::vector<ChainLink>& chain);
+
+// "the logs 5 to 7 are missing between the sets A and B".
+std::string describe(const LogGap& gap);
+
+// The links from the set `base` on: it, and each later set of the same server that holds logs,
+// complete or not. A set whose manifest is damaged is left out, so that its logs are found missing.
+std::vector<ChainLink> load_log_chain(Store& store, const std::string& base,
+                                      const std::string& data_directory);
+
+// The stored logs of a set.
+std::vector<LogIdentity> stored_logs(const Manifest& manifest);
+
+// "3-7, 7 active", or "-" without stored logs.
+std::string log_range_text(const Manifest& manifest);
+
+// {"first": 3, "last": 7, "active": 7}, null where there is none.
+nlohmann::json log_range_json(const Manifest& manifest);
+
+} // namespace qrtln

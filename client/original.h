@@ -1,0 +1,32 @@
+// An item as it is on the server: what kind it is, and the metadata that a restore gives back.
+#pragma once
+
+#include "client/store/manifest.h"
+
+#include <map>
+#include <string>
+#include <sys/types.h>
+
+namespace qrtln {
+
+// The kind that a path's name tells.
+ItemKind item_kind_of(const std::string& path);
+
+// "a FIFO", "a folder", for messages.
+const char* file_type_name(mode_t mode);
+
+// Looks at originals; remembers the names of users and groups.
+class OriginalReader {
+  public:
+    // The item with the original's metadata; with a reason when it is nothing that can be stored.
+    ManifestItem look_at(const std::string& path);
+
+  private:
+    std::string user_name(uid_t uid);
+    std::string group_name(gid_t gid);
+
+    std::map<uid_t, std::string> m_users;
+    std::map<gid_t, std::string> m_groups;
+};
+
+} // namespace qrtln

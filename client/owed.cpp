@@ -1,0 +1,167 @@
+#include "client/owed.h"
+
+#include "client/error.h"
+#include "client/file_io.h"
+#include "client/store/digest.h"
+#include "client/text.h"
+
+#include <fcntl.h>
+#include <nlohmann/json.hpp>
+#include <optional>
+
+namespace qrtln {
+
+namespace {
+
+using nlohmann::json;
+
+// A line has at most two paths, each twice.
+constexpr std::size_t maximal_file = std::size_t{256} << 20;
+constexpr const char* checksum_field = "checksum";
+
+// One line, without its line feed. Paths are bytes: where they are not UTF-8 their hexadecimal form
+// says exactly which.
+std::string line_of(const std::string& data_directory, const std::string& path) {
+    json line;
+    for (const auto& [name, bytes] :
+         {std::pair{"data_directory", &data_directory}, std::pair{"path", &path}}) {
+        line[name] = printable_utf8(*bytes);
+        if (!is_utf8(*bytes))
+            line[std::string(name) + "_hex"] = to_hex(*bytes);
+    }
+    line[checksum_field] = sha256_hex(line.dump());
+    return line.dump();
+}
+
+std::optional<std::string> bytes_of(const json& line, const std::string& name) {
+    auto hex = line.find(name + "_hex");
+    auto text = line.find(name);
+    if (hex != line.end() && hex->is_string())
+        return from_hex(hex->get<std::string>());
+    if (text == line.end() || !text->is_string())
+        return std::nullopt;
+    return text->get<std::string>();
+}
+
+std::string folder_of(const std::string& file) {
+    return file.substr(0, file.rfind('/'));
+}
+
+} // namespace
+
+OwedDatabases::OwedDatabases(std::string file) : m_file(std::move(file)) {
+    std::optional<std::string> content = read_small_file(AT_FDCWD, m_file, maximal_file);
+    if (!content && errno == ENOENT)
+        return;
+    if (!content)
+        fail("read", errno);
+    m_exists = true;
+    std::size_t line_number = 0;
+    std::size_t start = 0;
+    for (std::size_t end; (end = content->find('\n', start)) != std::string::npos;
+         start = end + 1) {
+        ++line_number;
+        std::string text = content->substr(start, end - start);
+        json line = json::parse(text, nullptr, false);
+        std::optional<std::string> data_directory;
+        std::optional<std::string> path;
+        if (line.is_object()) {
+            data_directory = bytes_of(line, "data_directory");
+            path = bytes_of(line, "path");
+        }
+        // Writing it again settles form and checksum at once.
+        if (!data_directory || !path || line_of(*data_directory, *path) != text)
+            throw ClientError(
+                ExitCode::failed,
+                "line " + std::to_string(line_number) + " of " + for_terminal(m_file) +
+                    " is damaged: it names a database that a failed run did not store",
+                "move the file away, then take a whole backup: `qrtln backup --level full`");
+        m_entries.emplace(std::move(*data_directory), std::move(*path));
+    }
+    if (start < content->size())
+        cut_to(start);
+}
+
+std::vector<std::string> OwedDatabases::of(const std::string& data_directory) const {
+    std::vector<std::string> paths;
+    for (const auto& [directory, path] : m_entries)
+        if (directory == data_directory)
+            paths.push_back(path);
+    return paths;
+}
+
+void OwedDatabases::add(const std::string& data_directory, const std::string& path) {
+    if (m_entries.contains({data_directory, path}))
+        return;
+    FileDescriptor file(
+        ::open(m_file.c_str(), O_WRONLY | O_APPEND | O_CREAT | O_NOFOLLOW | O_CLOEXEC, 0600));
+    off_t size = file ? ::lseek(file.get(), 0, SEEK_END) : -1;
+    if (size < 0)
+        fail("open", errno);
+    int error = write_all(file.get(), as_bytes(line_of(data_directory, path) + "\n"));
+    if (error == 0 && ::fdatasync(file.get()) != 0)
+        error = errno;
+    if (error == 0 && !m_exists)
+        error = flush_directory(AT_FDCWD, folder_of(m_file));
+    if (error != 0) {
+        // Half a line must not stay in front of the next one.
+        (void)!::ftruncate(file.get(), size);
+        fail("write", error);
+    }
+    m_exists = true;
+    m_entries.emplace(data_directory, path);
+}
+
+int OwedDatabases::strike(const std::string& data_directory,
+                          const std::vector<std::string>& paths) {
+    std::set<Entry> left = m_entries;
+    for (const std::string& path : paths)
+        left.erase({data_directory, path});
+    if (left.size() == m_entries.size())
+        return 0;
+    std::string temporary = m_file + ".tmp";
+    int error = 0;
+    if (left.empty()) {
+        error = ::unlink(m_file.c_str()) == 0 ? 0 : errno;
+    } else {
+        std::string content;
+        for (const auto& [directory, path] : left)
+            content += line_of(directory, path) + "\n";
+        FileDescriptor file(
+            ::open(temporary.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_NOFOLLOW | O_CLOEXEC, 0600));
+        error = file ? write_all(file.get(), as_bytes(content)) : errno;
+        if (error == 0 && ::fsync(file.get()) != 0)
+            error = errno;
+        if (int close_error = file.close_checked(); error == 0)
+            error = close_error;
+        if (error == 0 && ::rename(temporary.c_str(), m_file.c_str()) != 0)
+            error = errno;
+        if (error != 0)
+            ::unlink(temporary.c_str());
+    }
+    if (error == 0)
+        error = flush_directory(AT_FDCWD, folder_of(m_file));
+    if (error != 0)
+        return error;
+    m_exists = !left.empty();
+    m_entries = std::move(left);
+    return 0;
+}
+
+void OwedDatabases::cut_to(std::size_t size) {
+    FileDescriptor file(::open(m_file.c_str(), O_WRONLY | O_NOFOLLOW | O_CLOEXEC));
+    if (!file || ::ftruncate(file.get(), static_cast<off_t>(size)) != 0 || ::fsync(file.get()) != 0)
+        fail("cut the half-written last line off", errno);
+}
+
+void OwedDatabases::fail(const std::string& doing, int error) const {
+    std::string hint;
+    if (error == ENOSPC || error == EDQUOT)
+        hint = "make room on the file system of the store";
+    throw ClientError(ExitCode::failed,
+                      "cannot " + doing + " the list of owed databases " + for_terminal(m_file) +
+                          ": " + system_error_text(error),
+                      hint);
+}
+
+} // namespace qrtln

@@ -1,0 +1,47 @@
+// The databases that the store owes: prepared on the server, but in no set yet.
+//
+// A database that was prepared counts as backed up for the server whether or not its content
+// reached the store, so a later incremental may not select it. Each is written down before it is
+// prepared and struck out when a set that holds it is committed. What stands here at the start of a
+// run was left by one that failed or was killed.
+#pragma once
+
+#include <set>
+#include <string>
+#include <utility>
+#include <vector>
+
+namespace qrtln {
+
+class OwedDatabases {
+  public:
+    // Reads the file, which need not exist. A last line without its line feed is what a crash
+    // leaves of an entry that was not yet relied on: it is cut off. Throws ClientError(failed) for
+    // a file that cannot be read or holds anything else. REQUIRES: the store is locked for writing;
+    // the folder of `file` exists.
+    explicit OwedDatabases(std::string file);
+
+    // The paths owed for a server's data directory, sorted.
+    std::vector<std::string> of(const std::string& data_directory) const;
+
+    // Writes an entry down, flushed to disk before it returns; one that is there already costs
+    // nothing. Throws ClientError(failed), and then the database must not be prepared.
+    void add(const std::string& data_directory, const std::string& path);
+
+    // Strikes entries out: the file is replaced by one without them, or removed with the last.
+    // Those that are not there are ignored. Returns 0, or the errno after which all entries stay:
+    // they are saved once more, nothing is lost.
+    int strike(const std::string& data_directory, const std::vector<std::string>& paths);
+
+  private:
+    using Entry = std::pair<std::string, std::string>; // data directory, path
+
+    void cut_to(std::size_t size);
+    [[noreturn]] void fail(const std::string& doing, int error) const;
+
+    std::string m_file;
+    std::set<Entry> m_entries;
+    bool m_exists = false; // flushed into its folder
+};
+
+} // namespace qrtln
