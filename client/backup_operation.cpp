@@ -323,8 +323,14 @@ void BackupOperation::store_item(const std::string& path) {
         m_item_pending = false;
         return m_host->finish(result);
     };
-    // Folders come again for every kind of file in them.
-    if (!m_seen.insert(path).second) {
+    // Folders come again for every kind of file in them. A log comes again when it filled up after
+    // it was handed out as the active one: the server will remove it, and only the second copy is
+    // whole.
+    bool again = !m_seen.insert(path).second;
+    if (again && m_logs.contains(path))
+        std::erase_if(m_manifest.items,
+                      [&](const ManifestItem& item) { return item.path == path; });
+    else if (again) {
         (void)finish(DB_ITEM_EXCLUDED);
         return;
     }

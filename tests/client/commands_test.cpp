@@ -129,6 +129,21 @@ TEST_F(Commands, BackupStoresTheWholeSystemAndPassesStatus0Last) {
     EXPECT_EQ(command({"verify"}).exit_code, 0);
 }
 
+// Regression: the second copy of such a log was passed over, and the server then removed the log.
+TEST_F(Commands, LogThatFillsUpAfterItWasTheActiveOneIsStoredWhole) {
+    write_file(m_scratch / "logs/S1.TXN", "part");
+    write_file(m_scratch / "logs/S2.TXN", "next");
+    ASSERT_EQ(
+        backup({{"FAKE_LOGS", m_scratch / "logs"}, {"FAKE_LOG_FILLS", " and rest"}}).exit_code, 0);
+    json log = item(m_scratch / "logs/S1.TXN");
+    EXPECT_EQ(content_of(log), "part and rest");
+    EXPECT_EQ(log["log"]["active"], false);
+    json document = shown();
+    EXPECT_EQ(std::count_if(document["items"].begin(), document["items"].end(),
+                            [](const json& item) { return item["kind"] == "log"; }),
+              2);
+}
+
 TEST_F(Commands, SecondBackupAddsNothingButAManifest) {
     ASSERT_EQ(backup().exit_code, 0);
     auto before = snapshot(m_store);

@@ -84,7 +84,7 @@ TEST_F(OverTheSimulator, EveryDatabaseSavedUnderLoadIsExactlyWhatTheServerCommit
         }
     }
     EXPECT_GT(databases, 6U);
-    EXPECT_EQ(active_logs, 1U);
+    EXPECT_GE(active_logs, 1U); // more when one fills up meanwhile
     EXPECT_TRUE(fs::is_empty(m_tmp));
     EXPECT_EQ(run_client({"verify", "--store", m_store}, {}).exit_code, 0);
 }

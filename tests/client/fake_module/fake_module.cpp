@@ -3,6 +3,7 @@
 // Environment:
 //   FAKE_DATA=DIR          the data directory: all of it is handed out, folders before their files
 //   FAKE_LOGS=DIR          *.TXN there are logs, the last one active; then nlogctrl.lfh
+//   FAKE_LOG_FILLS=TEXT    the active log grows by the text and is handed out again, then the next
 //   FAKE_EXTRA=PATH        one more item, handed out after the data directory
 //   FAKE_JOURNAL=FILE      a line for each call
 //   FAKE_INIT_FAIL=TEXT    the start fails with this error
@@ -31,6 +32,7 @@
 #include <string>
 #include <thread>
 #include <unistd.h>
+#include <utility>
 #include <vector>
 
 extern "C" void resolve_path(char* path) __attribute__((weak));
@@ -52,6 +54,7 @@ struct State {
     std::string working_index;
     std::string index;
     int requests = 0;
+    bool log_filled = false;
     std::atomic<bool> terminate{false};
     std::atomic<bool> stop_worker{false};
     std::thread worker;
@@ -219,10 +222,18 @@ int DB_GetItem(char*, char*, char* name) {
         state.pending = state.logs.front();
         state.logs.pop_front();
         bool active = state.logs.empty();
+        if (std::string text = env("FAKE_LOG_FILLS"); !text.empty() && state.logs.size() == 1) {
+            // First as the active one, which it is no more the second time.
+            active = !std::exchange(state.log_filled, true);
+            if (active)
+                state.logs.push_front(state.pending);
+            else
+                std::ofstream(state.pending, std::ios::app) << text;
+        }
         log(std::string(active ? "Back up active archive" : "Archive") +
             " ID 00c0ffee, Log number " + std::to_string(state.requests) + ", log path [" +
             state.pending + "]");
-        if (active)
+        if (state.logs.empty())
             state.items.push_back(env("FAKE_LOGS") + "/nlogctrl.lfh");
     } else if (state.items.empty()) {
         return DB_NUM_I_COMPLETE;
