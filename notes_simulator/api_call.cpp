@@ -1,31 +1,10 @@
 #include "notes_simulator/api_call.h"
 
-#include <fcntl.h>
-#include <sys/file.h>
 #include <unistd.h>
 
-#include <cerrno>
 #include <new>
 
 namespace notes_sim {
-
-OpenDatabase::OpenDatabase(const Server& server, const std::filesystem::path& path)
-    : file(path), key(server.keyOf(path)) {
-    // flock, unlike the record locks of SQLite, survives that the same file is closed elsewhere.
-    const std::filesystem::path lock = server.state / "open" / key;
-    useLock = ::open(lock.c_str(), O_RDWR | O_CREAT | O_CLOEXEC, 0666);
-    if (useLock < 0) {
-        throwErrno(errno, lock.string());
-    }
-    if (::flock(useLock, LOCK_SH | LOCK_NB) != 0) {
-        ::close(useLock);
-        throw StatusError(kDatabaseInUse, key);
-    }
-}
-
-OpenDatabase::~OpenDatabase() {
-    ::close(useLock);
-}
 
 OpenBackup::~OpenBackup() {
     if (info >= 0) {

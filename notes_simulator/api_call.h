@@ -9,6 +9,7 @@
 #include "notes_simulator/id_table.h"
 #include "notes_simulator/memory_objects.h"
 #include "notes_simulator/server.h"
+#include "notes_simulator/use_mark.h"
 
 #include <filesystem>
 #include <mutex>
@@ -23,13 +24,12 @@ namespace notes_sim {
 /// A database behind a handle. Connections are opened call by call, so that no lock of SQLite
 /// outlives a call and closing another descriptor of the file harms nothing.
 struct OpenDatabase {
+    /// Throws StatusError(kDatabaseOffline).
+    OpenDatabase(const Server& server, const std::filesystem::path& path, const ServerLock& lock)
+        : file(path), key(server.keyOf(path)), mark(server, path, lock) {}
     std::filesystem::path file; ///< absolute
     std::string key;
-    int useLock = -1; ///< holds the mark that the database is in use
-    OpenDatabase(const Server& server, const std::filesystem::path& path);
-    ~OpenDatabase();
-    OpenDatabase(const OpenDatabase&) = delete;
-    OpenDatabase& operator=(const OpenDatabase&) = delete;
+    UseMark mark;
 };
 
 /// A backup context behind a handle.

@@ -1,6 +1,7 @@
 // Opening databases, what they say about themselves, and ID tables.
 #include "notes_simulator/api_call.h"
 #include "notes_simulator/notes_simulator.h"
+#include "notes_simulator/offline.h"
 #include "notes_simulator/text_translation.h"
 #include "notes_simulator/times.h"
 #include "notes_simulator/transaction.h"
@@ -26,6 +27,11 @@ Database connect(DBHANDLE handle) {
     return Database(process().databases.get(handle).file, Connection::Mode::kReadWrite);
 }
 
+/// The file that a path in LMBCS names.
+std::filesystem::path databaseFile(const Server& server, const char* path) {
+    return server.resolve(translateText(Translation::kLmbcsToNative, path, 4096));
+}
+
 std::string numbers(DWORD first) {
     return std::to_string(first);
 }
@@ -38,14 +44,15 @@ STATUS NSFDbOpen(const char* PathName, DBHANDLE* rethDB) {
         require(rethDB);
         *rethDB = 0;
         const Server& server = runningServer();
-        const std::filesystem::path file =
-            server.resolve(translateText(Translation::kLmbcsToNative, PathName, 4096));
-        if (const Status status = probeDatabase(file); status != kOk) {
-            return status;
-        }
-        auto opened = std::make_unique<OpenDatabase>(server, file);
+        const std::filesystem::path file = databaseFile(server, PathName);
+        std::unique_ptr<OpenDatabase> opened;
         {
             const ServerLock lock(server);
+            requireOnline(server, file);
+            if (const Status status = probeDatabase(file); status != kOk) {
+                return status;
+            }
+            opened = std::make_unique<OpenDatabase>(server, file, lock);
             openLog(server, lock); // finishes what a killed writer left, maybe in this database
         }
         Database(file, Connection::Mode::kReadWrite).header(); // is it one inside, too?
@@ -60,6 +67,34 @@ STATUS NSFDbClose(DBHANDLE hDB) {
         process().databases.take(hDB);
         return kOk;
     });
+}
+
+STATUS NSFTakeDatabaseOffline(char* DbName, DWORD WaitTime, DWORD Options) {
+    return statusCall(
+        "NSFTakeDatabaseOffline",
+        quoted(DbName) + ", " + std::to_string(WaitTime) + ", " + std::to_string(Options),
+        [&](ApiCall&) -> Status {
+            require(DbName);
+            if (Options != 0) {
+                throw StatusError(kInvalidArgument, "options");
+            }
+            const Server& server = runningServer();
+            takeOffline(server, databaseFile(server, DbName), std::chrono::seconds(WaitTime));
+            return kOk;
+        });
+}
+
+STATUS NSFBringDatabaseOnline(char* DbName, DWORD Options) {
+    return statusCall("NSFBringDatabaseOnline", quoted(DbName) + ", " + std::to_string(Options),
+                      [&](ApiCall&) -> Status {
+                          require(DbName);
+                          if (Options != 0) {
+                              throw StatusError(kInvalidArgument, "options");
+                          }
+                          const Server& server = runningServer();
+                          bringOnline(server, databaseFile(server, DbName));
+                          return kOk;
+                      });
 }
 
 STATUS NSFDbGetBuildVersion(DBHANDLE hDB, WORD* retVersion) {

@@ -4,6 +4,7 @@
 #include "notes_simulator/status.h"
 #include "notes_simulator/times.h"
 #include "notes_simulator/transaction.h"
+#include "notes_simulator/use_mark.h"
 #include "notes_simulator/vfs_shim.h"
 
 #include <nlohmann/json.hpp>
@@ -233,6 +234,12 @@ void endBackup(const Server& server, const std::string& key, const std::string& 
     fs::remove_all(contextFolder(server, key), ignored);
 }
 
+void dropContext(const Server& server, const std::string& key, const ServerLock&) {
+    std::error_code ignored; // without its file there is no context, whatever else remains
+    fs::remove(contextFile(server, key), ignored);
+    fs::remove_all(contextFolder(server, key), ignored);
+}
+
 BackupRecord readBackupRecord(const Server& server, const std::string& key) {
     BackupRecord record;
     const auto value = readJson(recordFile(server, key));
@@ -271,6 +278,7 @@ void markBackedUp(const Server& server, const fs::path& file) {
 
 std::uint64_t logSpanSinceBackup(const Server& server, const fs::path& file) {
     const ServerLock lock(server);
+    requireOnline(server, file);
     const auto log = openLog(server, lock);
     Database database(file, Connection::Mode::kReadWrite);
     const DatabaseHeader header = database.header();
@@ -281,7 +289,8 @@ std::uint64_t logSpanSinceBackup(const Server& server, const fs::path& file) {
     if (!log) {
         return 0;
     }
-    if (isLogged(server, file, header) && header.logId != log->logId()) {
+    if (isLogged(server, file, header) &&
+        (header.logId != log->logId() || isBehindLog(server, header, *log))) {
         throw StatusError(kNotBackedUp, record.database);
     }
     return log->totalBytes() - std::min(log->totalBytes(), record.logBytes);

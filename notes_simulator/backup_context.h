@@ -66,6 +66,9 @@ std::filesystem::path changeInfoFile(const Server& server, const std::string& ke
 /// position of the stop; throws StatusError(kBackupNotStopped) before the stop.
 void endBackup(const Server& server, const std::string& key, const std::string& id, bool complete);
 
+/// Ends the context that is open on a database, if there is one, as one that was given up.
+void dropContext(const Server& server, const std::string& key, const ServerLock& lock);
+
 /// What the server remembers of a database's backups.
 BackupRecord readBackupRecord(const Server& server, const std::string& key);
 

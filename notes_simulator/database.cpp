@@ -72,7 +72,7 @@ Bytes encodeChanges(const std::vector<NoteChange>& changes) {
     ByteWriter writer;
     writer.u32(static_cast<std::uint32_t>(changes.size()));
     for (const NoteChange& change : changes) {
-        writer.u16(change.deleted ? 1 : 0);
+        writer.u16(static_cast<std::uint16_t>(change.kind));
         writer.u16(change.note.noteClass);
         writer.u32(change.note.id);
         writer.raw(change.note.unid);
@@ -90,7 +90,11 @@ std::vector<NoteChange> decodeChanges(std::span<const std::uint8_t> payload) try
     std::vector<NoteChange> changes;
     for (std::uint32_t left = reader.u32(); left > 0; --left) {
         NoteChange change;
-        change.deleted = reader.u16() == 1;
+        const std::uint16_t kind = reader.u16();
+        if (kind > static_cast<std::uint16_t>(ChangeKind::kMarkRead)) {
+            throw StatusError(kLogDamaged, "kind of a change");
+        }
+        change.kind = static_cast<ChangeKind>(kind);
         change.note.noteClass = reader.u16();
         change.note.id = reader.u32();
         change.note.unid = reader.id16();
@@ -207,16 +211,26 @@ void Database::apply(const std::vector<NoteChange>& changes) {
     Statement revive(m_connection, "DELETE FROM stubs WHERE note_id=?1 OR unid=?2");
     Statement remove(m_connection, "DELETE FROM notes WHERE note_id=?1");
     Statement stub(m_connection, "INSERT OR REPLACE INTO stubs VALUES(?1,?2,?3,?4)");
+    Statement unread(m_connection, "INSERT OR IGNORE INTO unread VALUES(?1,?2)");
+    Statement read(m_connection, "DELETE FROM unread WHERE user=?1 AND note_id=?2");
     for (const NoteChange& change : changes) {
         const auto id = static_cast<std::int64_t>(change.note.id);
-        if (change.deleted) {
+        switch (change.kind) {
+        case ChangeKind::kMarkUnread:
+            unread.bindText(1, change.note.subject).bind(2, id).run();
+            break;
+        case ChangeKind::kMarkRead:
+            read.bindText(1, change.note.subject).bind(2, id).run();
+            break;
+        case ChangeKind::kDelete:
             remove.bind(1, id).run();
             stub.bind(1, id)
                 .bind(2, change.note.unid)
                 .bind(3, change.note.noteClass)
                 .bind(4, change.note.modified)
                 .run();
-        } else {
+            break;
+        case ChangeKind::kWrite:
             revive.bind(1, id).bind(2, change.note.unid).run();
             put.bind(1, id)
                 .bind(2, change.note.unid)
@@ -225,6 +239,7 @@ void Database::apply(const std::vector<NoteChange>& changes) {
                 .bindText(5, change.note.subject)
                 .bind(6, change.note.body)
                 .run();
+            break;
         }
     }
 }
@@ -257,6 +272,22 @@ void Database::eachStub(const std::function<void(const Stub&)>& visit) {
         visit({static_cast<NoteId>(read.integer(0)), read.id16(1),
                static_cast<std::uint16_t>(read.integer(2)), read.integer(3)});
     }
+}
+
+std::vector<NoteId> Database::unreadOf(const std::string& user) {
+    Statement read(m_connection, "SELECT note_id FROM unread WHERE user=?1 ORDER BY note_id");
+    read.bindText(1, user);
+    std::vector<NoteId> ids;
+    while (read.step()) {
+        ids.push_back(static_cast<NoteId>(read.integer(0)));
+    }
+    return ids;
+}
+
+bool Database::hasUnid(const Id16& unid) {
+    Statement read(m_connection, "SELECT 1 FROM notes WHERE unid=?1");
+    read.bind(1, unid);
+    return read.step();
 }
 
 std::vector<NoteId> Database::modifiedSince(std::int64_t since, std::uint16_t classMask) {

@@ -53,10 +53,20 @@ struct Stub {
     std::int64_t deleted = 0;
 };
 
-/// One step of a transaction: a note is written whole (deleted false), or leaves a stub.
+/// What one step of a transaction does. The numbers are those of the log.
+enum class ChangeKind : std::uint16_t {
+    kWrite = 0,      ///< the note is written whole
+    kDelete = 1,     ///< the note leaves a stub; modified is the time of the deletion
+    kMarkUnread = 2, ///< the note becomes unread for the user that subject names
+    kMarkRead = 3,   ///< the note is no longer unread for the user that subject names
+};
+
+/// One step of a transaction. Kinds other than kWrite use of the note what they say, and its id,
+/// unid and noteClass.
 struct NoteChange {
-    bool deleted = false;
-    Note note; ///< for a deletion: id, unid, noteClass, and modified as the time of the deletion
+    ChangeKind kind = ChangeKind::kWrite;
+    Note note;
+    bool mustBeNew = false; ///< a write fails when the note id or the unid is taken; not logged
 };
 
 /// The payload of a log record.
@@ -92,6 +102,11 @@ class Database {
     /// Every note and every stub in the order of their ids.
     void eachNote(const std::function<void(const Note&)>& visit);
     void eachStub(const std::function<void(const Stub&)>& visit);
+
+    /// The notes that are marked unread for a user, in the order of their ids.
+    std::vector<NoteId> unreadOf(const std::string& user);
+    /// Whether a note has this universal id.
+    bool hasUnid(const Id16& unid);
 
     /// Ids of the notes of these classes changed at or after since; ids of deleted ones carry
     /// 0x80000000. In the order of the ids.

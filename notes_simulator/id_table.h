@@ -17,6 +17,12 @@ class IdTable {
     bool contains(NoteId id) const { return m_ids.contains(id); }
     /// Whether the id was not in the table before.
     bool insert(NoteId id) { return m_ids.insert(id).second; }
+    /// Keeps the ids of which keep says so.
+    template <class Keep>
+    void keepIf(Keep keep) {
+        std::erase_if(m_ids, [&keep](NoteId id) { return !keep(id); });
+    }
+    const std::set<NoteId>& ids() const { return m_ids; }
     /// The first id, or the one after that which was returned last. False at the end.
     bool scan(bool first, NoteId* id);
 

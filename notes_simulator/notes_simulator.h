@@ -167,12 +167,16 @@ STATUS ConvertTIMEDATEToText(const void* IntlFormat, const void* TextFormat,
                              const TIMEDATE* InputTime, char* retTextBuffer, WORD TextBufferLength,
                              WORD* retTextLength);
 
+/* The name of the user whose ID file the KeyFilename of notes.ini names: its SimUserName, or
+   "CN=Admin/O=Simulated". At most 257 bytes with the NUL. 259 when the ID file is missing. */
+STATUS SECKFMGetUserName(char* retUserName);
+
 /* 0 the earliest time, 1 the latest, 2 the wildcard, which is earlier than every time. */
 void TimeConstant(WORD TimeConstantType, TIMEDATE* td);
 
 /* --- Databases -------------------------------------------------------------------------------- */
 
-/* Opens a database: 259, 272, 513. The handle lasts until NSFDbClose. */
+/* Opens a database: 259, 272, 513, 16146 when it is offline. The handle lasts until NSFDbClose. */
 STATUS NSFDbOpen(const char* PathName, DBHANDLE* rethDB);
 /* Closes the handle. A backup context of the database stays open. */
 STATUS NSFDbClose(DBHANDLE hDB);
@@ -188,6 +192,33 @@ STATUS NSFDbGetLogInfo(DBHANDLE hDB, DWORD Flags, BOOL* Logged, UNIVERSALNOTEID*
    0x80000000 set. 572 and no table when there are none. retUntil receives the present time. */
 STATUS NSFDbGetModifiedNoteTable(DBHANDLE hDB, WORD NoteClassMask, TIMEDATE Since,
                                  TIMEDATE* retUntil, DHANDLE* rethTable);
+
+/* Copies a note into another database as a change of it like any other: logged, with the present
+   time. Note id and universal id stay; a deletion stub that has one of them is replaced. 16147
+   when a note of the destination has one of them, 16148 when a DBID or replica id that is given
+   is not that of its database, 16143 when the source has no such note. The pointers to ids and
+   outputs may be NULL. */
+STATUS NSFDbCopyNote(DBHANDLE hSrcDB, DBID* SrcDBID, DBID* SrcReplicaID, NOTEID SrcNoteID,
+                     DBHANDLE hDstDB, DBID* DstDBID, DBID* DstReplicaID, NOTEID* retDstNoteID,
+                     WORD* retNoteClass);
+/* Deletes a note, which leaves a stub with the present time. 16143 when there is no such note;
+   UpdateFlags do not count. Unread marks of the note stay until NSFDbUpdateUnread. */
+STATUS NSFNoteDelete(DBHANDLE hDB, NOTEID NoteID, WORD UpdateFlags);
+
+/* Unread marks of a user, whose name is the UserNameLength bytes at UserName, in LMBCS. No note
+   becomes unread by itself: marks are what NSFDbSetUnreadNoteTable has set. */
+
+/* A new table of the notes that are marked unread for the user, notes that are gone included. A
+   user without marks gets an empty table with fCreateIfNotAvailable, else 16149. */
+STATUS NSFDbGetUnreadNoteTable(DBHANDLE hDB, char* UserName, WORD UserNameLength,
+                               BOOL fCreateIfNotAvailable, DHANDLE* rethUnreadList);
+/* Brings a table up to date: ids of notes that are gone leave it. */
+STATUS NSFDbUpdateUnread(DBHANDLE hDB, DHANDLE hUnreadList);
+/* Sets the marks of ids that hUnreadList has and hOriginalUnreadList has not, and takes away those
+   of ids that it no longer has; others stay as they are. A change of the database like any other,
+   written at once whatever fFlushToDisk says. 16143 when an id to be marked is no note's. */
+STATUS NSFDbSetUnreadNoteTable(DBHANDLE hDB, char* UserName, WORD UserNameLength, BOOL fFlushToDisk,
+                               DHANDLE hOriginalUnreadList, DHANDLE hUnreadList);
 
 /* ID tables. IDScan goes through the ids in ascending order. */
 DWORD IDEntries(DHANDLE hTable);
@@ -230,6 +261,20 @@ STATUS NSFBackupEnd(DBHANDLE hDB, DHANDLE hBackupContext, DWORD Options);
    the bytes of log written since the last one when ComfortSpan is 0, else whether (1 or 0) they
    exceed ComfortSpan. */
 STATUS NSFIsNewBackupNeeded(char* DbName, DWORD ComfortSpan, DWORD* BackupNeeded);
+
+/* --- Offline and online ----------------------------------------------------------------------- */
+
+/* Takes a database offline: nobody can open it (16146) until it is brought online, in this process
+   or another, also after all of them have ended. Its file may be replaced meanwhile. A leftover
+   backup context of it is given up. 5098 when a process, this one included, has it open and does
+   not close it within WaitTime seconds; 259; 513. One that is offline already stays so. Options
+   must be 0. */
+STATUS NSFTakeDatabaseOffline(char* DbName, DWORD WaitTime, DWORD Options);
+/* Brings a database online with whatever file lies in its place now; one that is online stays so.
+   259 when there is none, 513 when that is no database: it stays offline. A logged database that
+   lacks changes of its instance that the log has, such as an older copy, gets a new DBIID: it
+   counts as never backed up, and the log cannot roll it forward from earlier. Options must be 0. */
+STATUS NSFBringDatabaseOnline(char* DbName, DWORD Options);
 
 /* --- The transaction log ---------------------------------------------------------------------- */
 

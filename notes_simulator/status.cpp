@@ -44,6 +44,10 @@ constexpr std::array kTexts = {
     StatusEntry{kNoSuchNote, "The note does not exist"},
     StatusEntry{kRefusedDuringBackup, "Refused while a backup of the database is in progress"},
     StatusEntry{kRecordTooLarge, "The change is larger than a transaction log extent"},
+    StatusEntry{kDatabaseOffline, "The database has been taken offline"},
+    StatusEntry{kNoteExists, "A note with this note id or universal id exists already"},
+    StatusEntry{kWrongDatabaseId, "The database id is not that of the database"},
+    StatusEntry{kNoUnreadTable, "The user has no unread marks in this database"},
 };
 
 } // namespace

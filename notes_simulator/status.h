@@ -41,6 +41,10 @@ constexpr Status kBadFaultText = 0x3F0E;
 constexpr Status kNoSuchNote = 0x3F0F;
 constexpr Status kRefusedDuringBackup = 0x3F10;
 constexpr Status kRecordTooLarge = 0x3F11;
+constexpr Status kDatabaseOffline = 0x3F12;
+constexpr Status kNoteExists = 0x3F13;
+constexpr Status kWrongDatabaseId = 0x3F14;
+constexpr Status kNoUnreadTable = 0x3F15;
 
 /// The text of a status; a generic text that names the number when there is none.
 std::string statusText(Status status);

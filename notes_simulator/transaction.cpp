@@ -2,8 +2,13 @@
 
 #include "notes_simulator/status.h"
 #include "notes_simulator/times.h"
+#include "notes_simulator/use_mark.h"
+
+#include <fcntl.h>
+#include <unistd.h>
 
 #include <algorithm>
+#include <cerrno>
 #include <memory>
 
 namespace fs = std::filesystem;
@@ -17,29 +22,80 @@ void complete(Database& database, std::vector<NoteChange>& changes, DatabaseHead
               std::int64_t time) {
     for (auto change = changes.begin(); change != changes.end(); ++change) {
         Note& note = change->note;
+        const bool writes = change->kind == ChangeKind::kWrite;
         note.modified = time;
-        if (note.id == 0 && !change->deleted) {
+        if (note.id == 0 && writes) {
             note.id = header.nextNote;
         }
-        header.nextNote = std::max(header.nextNote, note.id + kNoteIdStep);
+        if (writes) {
+            header.nextNote = std::max(header.nextNote, note.id + kNoteIdStep);
+        }
         std::optional<Note> present = database.note(note.id);
         const auto earlier =
             std::find_if(std::make_reverse_iterator(change), changes.rend(),
                          [&note](const NoteChange& other) { return other.note.id == note.id; });
         if (earlier != changes.rend()) {
-            present = earlier->deleted ? std::nullopt : std::optional(earlier->note);
+            present =
+                earlier->kind == ChangeKind::kDelete ? std::nullopt : std::optional(earlier->note);
         }
-        if (change->deleted && !present) {
+        if (change->mustBeNew && (present || database.hasUnid(note.unid))) {
+            throw StatusError(kNoteExists,
+                              database.file().string() + ": note " + std::to_string(note.id));
+        }
+        // A mark may be taken away from a note that is gone.
+        if (!present &&
+            (change->kind == ChangeKind::kDelete || change->kind == ChangeKind::kMarkUnread)) {
             throw StatusError(kNoSuchNote,
                               database.file().string() + ": note " + std::to_string(note.id));
         }
         if (present) {
             note.unid = present->unid;
-            note.noteClass = change->deleted ? present->noteClass : note.noteClass;
+            note.noteClass = writes ? note.noteClass : present->noteClass;
         } else if (note.unid == Id16{}) {
             note.unid = randomId16();
         }
     }
+}
+
+fs::path instanceFile(const Server& server, const Id16& dbiid) {
+    return server.state / "instances" / hex(dbiid);
+}
+
+/// Remembers how far the log has got with one instance of a database.
+void writeInstance(const Server& server, const Id16& dbiid, const Id16& logId,
+                   std::uint64_t record) {
+    const fs::path file = instanceFile(server, dbiid);
+    ByteWriter writer;
+    writer.raw(logId);
+    writer.u64(record);
+    int fd = ::open(file.c_str(), O_WRONLY | O_CREAT | O_CLOEXEC, 0666);
+    if (fd < 0 && errno == ENOENT) {
+        fs::create_directories(file.parent_path());
+        fd = ::open(file.c_str(), O_WRONLY | O_CREAT | O_CLOEXEC, 0666);
+    }
+    // One write of a few bytes: a killed process leaves the old or the new number.
+    const bool written = fd >= 0 && ::pwrite(fd, writer.bytes.data(), writer.bytes.size(), 0) ==
+                                        static_cast<ssize_t>(writer.bytes.size());
+    const int error = errno;
+    if (fd >= 0) {
+        ::close(fd);
+    }
+    if (!written) {
+        throwErrno(error, file.string());
+    }
+}
+
+/// The number of the last record that this log has of an instance; 0 when it has none.
+std::uint64_t lastRecordOf(const Server& server, const Id16& dbiid, const Id16& logId) {
+    std::uint8_t bytes[24] = {};
+    const int fd = ::open(instanceFile(server, dbiid).c_str(), O_RDONLY | O_CLOEXEC);
+    if (fd < 0) {
+        return 0;
+    }
+    const ssize_t got = ::pread(fd, bytes, sizeof bytes, 0);
+    ::close(fd);
+    ByteReader reader(bytes);
+    return got == static_cast<ssize_t>(sizeof bytes) && reader.id16() == logId ? reader.u64() : 0;
 }
 
 void finishInFlight(const Server& server, TransactionLog& log) {
@@ -54,6 +110,7 @@ void finishInFlight(const Server& server, TransactionLog& log) {
             applyRecord(database, record);
         }
     }
+    writeInstance(server, record.dbiid, log.logId(), record.number);
     log.confirm();
 }
 
@@ -75,9 +132,15 @@ std::unique_ptr<TransactionLog> openLog(const Server& server, const ServerLock& 
     return log;
 }
 
+bool isBehindLog(const Server& server, const DatabaseHeader& header, const TransactionLog& log) {
+    return header.logId == log.logId() &&
+           header.lastRecord < lastRecordOf(server, header.dbiid, header.logId);
+}
+
 DatabaseHeader adoptIntoLog(const Server& server, Database& database, const TransactionLog& log) {
     DatabaseHeader header = database.header();
-    if (isLogged(server, database.file(), header) && header.logId != log.logId()) {
+    if (isLogged(server, database.file(), header) &&
+        (header.logId != log.logId() || isBehindLog(server, header, log))) {
         header.logId = log.logId();
         header.dbiid = randomId16();
         header.lastRecord = 0;
@@ -105,6 +168,7 @@ void applyRecord(Database& database, const LogRecord& record) {
 Commit commitChanges(const Server& server, Database& database, std::vector<NoteChange> changes,
                      const CommitHooks& hooks) {
     const ServerLock lock(server);
+    requireOnline(server, database.file());
     const std::unique_ptr<TransactionLog> log = openLog(server, lock);
     if (log) {
         adoptIntoLog(server, database, *log);
@@ -154,6 +218,7 @@ Commit commitChanges(const Server& server, Database& database, std::vector<NoteC
         throw;
     }
     if (logged) {
+        writeInstance(server, header.dbiid, log->logId(), header.lastRecord);
         log->confirm();
     }
     return commit;

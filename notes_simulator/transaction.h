@@ -36,14 +36,19 @@ bool isLogged(const Server& server, const std::filesystem::path& file,
 /// in the log and that its database lacks is applied to it. Throws StatusError.
 std::unique_ptr<TransactionLog> openLog(const Server& server, const ServerLock& lock);
 
-/// Gives a logged database that this log does not know yet a new DBIID: from here on its changes
-/// are in this log. Returns the header after it. Belongs under the lock, outside a transaction.
+/// Whether the log has records of this instance of the database that the database lacks, as when
+/// an older copy was put in its place and not rolled forward.
+bool isBehindLog(const Server& server, const DatabaseHeader& header, const TransactionLog& log);
+
+/// Gives a logged database that this log does not know yet, or that is behind it, a new DBIID: from
+/// here on its changes are in this log, apart from those of the earlier instance. Returns the
+/// header after it. Belongs under the lock, outside a transaction.
 DatabaseHeader adoptIntoLog(const Server& server, Database& database, const TransactionLog& log);
 
 /// Makes the changes in one transaction. A change with note id 0 creates a note; a note without a
 /// universal id gets one (an existing note keeps its own); times are set here. Takes the
-/// server's lock. Throws StatusError: kNoSuchNote when a note to delete is missing; nothing is
-/// changed then.
+/// server's lock. Throws StatusError, and nothing is changed then: kNoSuchNote when a note
+/// to delete or to mark unread is missing, kNoteExists, kDatabaseOffline.
 Commit commitChanges(const Server& server, Database& database, std::vector<NoteChange> changes,
                      const CommitHooks& hooks = {});
 

@@ -3,6 +3,7 @@
 #include "notes_simulator/byte_codec.h"
 #include "notes_simulator/sql.h"
 #include "notes_simulator/status.h"
+#include "notes_simulator/use_mark.h"
 
 #include <fcntl.h>
 #include <sqlite3.h>
@@ -59,8 +60,7 @@ std::string journalPlace(const char* name) {
         return name;
     }
     const fs::path database(text.substr(0, text.size() - kJournalSuffix.size()));
-    const std::string key = server->keyOf(database) + std::string(kJournalSuffix);
-    return (server->state / "journals" / key).string();
+    return journalFile(*server, database).string();
 }
 
 void stopRecording(RecordingFile& file) {
@@ -302,6 +302,10 @@ fs::path changesFile(const Server& server, const std::string& key) {
     return server.state / "contexts" / key / "changes";
 }
 
+fs::path journalFile(const Server& server, const fs::path& database) {
+    return server.state / "journals" / (server.keyOf(database) + std::string(kJournalSuffix));
+}
+
 void rollBackLeftoverJournals(const Server& server) {
     std::error_code error;
     for (const auto& entry : fs::directory_iterator(server.state / "journals", error)) {
@@ -325,7 +329,7 @@ void rollBackLeftoverJournals(const Server& server) {
             }
         }
         const fs::path database = server.resolve(path);
-        if (!fs::exists(database, error)) {
+        if (!fs::exists(database, error) || isOffline(server, database)) {
             fs::remove(entry.path(), error);
             continue;
         }

@@ -34,6 +34,9 @@ struct ChangedRange {
 /// The list of changes of the database with this key; recording is on while it exists.
 std::filesystem::path changesFile(const Server& server, const std::string& key);
 
+/// Where the rollback journal of a database lies.
+std::filesystem::path journalFile(const Server& server, const std::filesystem::path& database);
+
 /// Rolls back what a killed process left half written in databases of the data directory, so that
 /// no journal outlives the database file it belongs to.
 void rollBackLeftoverJournals(const Server& server);

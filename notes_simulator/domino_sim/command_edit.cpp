@@ -4,6 +4,7 @@
 #include "notes_simulator/domino_sim/manifest.h"
 #include "notes_simulator/status.h"
 #include "notes_simulator/transaction.h"
+#include "notes_simulator/use_mark.h"
 
 #include <unistd.h>
 
@@ -75,6 +76,7 @@ void runPut(const PutOptions& options) {
         throw StatusError(kInvalidArgument, "--id writes one note, --count must be 1");
     }
     const auto manifest = openManifest(options.manifest);
+    const UseMark mark(server, file);
     Database database(file, Connection::Mode::kReadWrite);
     const Commit commit =
         commitChanges(server, database, std::move(changes),
@@ -90,11 +92,12 @@ void runDelete(const DeleteOptions& options) {
     std::vector<NoteChange> changes;
     for (const NoteId id : options.ids) {
         NoteChange change;
-        change.deleted = true;
+        change.kind = ChangeKind::kDelete;
         change.note.id = id;
         changes.push_back(std::move(change));
     }
     const auto manifest = openManifest(options.manifest);
+    const UseMark mark(server, file);
     Database database(file, Connection::Mode::kReadWrite);
     commitChanges(server, database, std::move(changes),
                   hooksFor(server.nameOf(file), manifest.get(), ""));

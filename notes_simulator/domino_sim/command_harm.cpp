@@ -3,6 +3,8 @@
 #include "notes_simulator/domino_sim/cli.h"
 #include "notes_simulator/status.h"
 #include "notes_simulator/transaction.h"
+#include "notes_simulator/use_mark.h"
+#include "notes_simulator/vfs_shim.h"
 
 #include <fcntl.h>
 #include <unistd.h>
@@ -26,6 +28,7 @@ void runCompact(const DatabaseOptions& options) {
     const Server server = useServer(options.server);
     const fs::path file = requireDatabase(server, options.database);
     const ServerLock lock(server);
+    const UseMark mark(server, file, lock);
     const auto log = openLog(server, lock);
     if (openContext(server, server.keyOf(file))) {
         throw StatusError(kRefusedDuringBackup, file.string());
@@ -41,7 +44,9 @@ void runCompact(const DatabaseOptions& options) {
 
 void runSaved(const DatabaseOptions& options) {
     const Server server = useServer(options.server);
-    markBackedUp(server, requireDatabase(server, options.database));
+    const fs::path file = requireDatabase(server, options.database);
+    const UseMark mark(server, file);
+    markBackedUp(server, file);
 }
 
 void runLose(const DatabaseOptions& options) {
@@ -49,7 +54,7 @@ void runLose(const DatabaseOptions& options) {
     const fs::path file = requireDatabase(server, options.database);
     const ServerLock lock(server);
     // The journal goes with its database: it must not be rolled back into a restored one.
-    fs::remove(server.state / "journals" / (server.keyOf(file) + "-journal"));
+    fs::remove(journalFile(server, file));
     fs::remove(file);
 }
 

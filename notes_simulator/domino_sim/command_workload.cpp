@@ -106,7 +106,7 @@ class Writer {
         const std::uint64_t dice = m_content.below(10);
         if (dice < 3 && present.size() > kFewNotes) {
             NoteChange change;
-            change.deleted = true;
+            change.kind = ChangeKind::kDelete;
             change.note.id = present[m_content.below(present.size())];
             return change;
         }

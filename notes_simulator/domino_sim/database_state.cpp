@@ -61,11 +61,11 @@ std::string checkIntegrity(Database& database) {
 void readContent(Database& database, DatabaseState& state) {
     state.header = database.header();
     database.eachNote([&state](const Note& note) {
-        state.notes[note.id] = digestOf({false, note});
+        state.notes[note.id] = digestOf({ChangeKind::kWrite, note});
     });
     database.eachStub([&state](const Stub& stub) {
         NoteChange change;
-        change.deleted = true;
+        change.kind = ChangeKind::kDelete;
         change.note.id = stub.id;
         change.note.unid = stub.unid;
         change.note.noteClass = stub.noteClass;

@@ -81,7 +81,8 @@ void ManifestWriter::base(const std::string& database, const DatabaseState& stat
 void ManifestWriter::commit(const std::string& database, const Commit& commit) {
     json operations = json::array();
     for (const NoteChange& change : commit.changes) {
-        operations.push_back({change.deleted ? "delete" : "put", change.note.id, digestOf(change)});
+        operations.push_back({change.kind == ChangeKind::kDelete ? "delete" : "put", change.note.id,
+                              digestOf(change)});
     }
     line(json{{"db", database},
               {"commit", commit.number},
