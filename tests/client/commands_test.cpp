@@ -133,6 +133,7 @@ TEST_F(Commands, BackupStoresTheWholeSystemAndPassesStatus0Last) {
 TEST_F(Commands, LogThatFillsUpAfterItWasTheActiveOneIsStoredWhole) {
     write_file(m_scratch / "logs/S1.TXN", "part");
     write_file(m_scratch / "logs/S2.TXN", "next");
+    write_file(m_scratch / "logs/nlogctrl.lfh", "control");
     ASSERT_EQ(
         backup({{"FAKE_LOGS", m_scratch / "logs"}, {"FAKE_LOG_FILLS", " and rest"}}).exit_code, 0);
     json log = item(m_scratch / "logs/S1.TXN");
@@ -334,6 +335,63 @@ TEST_F(Commands, ChildOfAKilledClientClosesTheOperationAndTheNextRunCleansUp) {
     EXPECT_TRUE(fs::is_empty(m_tmp));
     EXPECT_EQ(snapshot(m_store).size(), before.size() + 2); // the manifest, and what it owes
     EXPECT_THAT(read_file(m_store + "/runtime/owed.jsonl"), HasSubstr(m_data + "/names.nsf"));
+}
+
+TEST_F(Commands, WhatAKilledRunOwesIsSavedFirstAndOnlyWhatIsStoredIsStruckOut) {
+    ASSERT_EQ(backup().exit_code, 0);
+    std::string owed = m_store + "/runtime/owed.jsonl";
+    std::string names = m_data + "/names.nsf";
+    std::string mark = m_scratch / "mark";
+    write_file(m_data + "/gone.nsf", "x");
+    {
+        test::RunningClient client(
+            arguments({}), with_base({{"FAKE_HANG", "names.nsf"}, {"FAKE_HANG_MARK", mark}}));
+        for (int i = 0; i < 2000 && !fs::exists(mark); ++i)
+            std::this_thread::sleep_for(5ms);
+    } // SIGKILL
+    EXPECT_THAT(read_file(owed), HasSubstr(names));
+    fs::remove(m_data + "/gone.nsf");
+    const struct {
+        Environment environment;
+        std::vector<std::string> arguments;
+        int exit_code;
+        bool saves_first;
+        bool struck_out;
+    } cases[] = {
+        {{{"FAKE_FAIL", "names.nsf"}}, {"--level", "incr"}, 3, true, false},
+        // The failure of the first operation is told, the second goes on.
+        {{{"FAKE_INIT_FAIL", "no server"}}, {"--level", "copy"}, 14, true, false},
+        {{{"FAKE_FAIL", "names.nsf"}}, {}, 3, false, false}, // takes it anyway
+        {{}, {"--level", "diff", "mail"}, 0, true, true},
+        {{}, {"--level", "diff", "mail"}, 0, false, true},
+    };
+    for (const auto& test : cases) {
+        SCOPED_TRACE(testing::PrintToString(test.arguments));
+        Outcome outcome;
+        do { // the child of the killed run may hold the lock for a moment longer
+            fs::remove(m_journal);
+            outcome = backup(test.environment, test.arguments);
+        } while (outcome.exit_code == 11);
+        EXPECT_EQ(outcome.exit_code, test.exit_code) << outcome.errors;
+        std::string first = journal().substr(0, journal().find("close"));
+        EXPECT_EQ(first.find("init 1 1\n") == 0 &&
+                      first.find("DATABASE=QRTLN:" + names + "\n") != std::string::npos,
+                  test.saves_first)
+            << first;
+        EXPECT_EQ(read_file(owed).find(names) == std::string::npos, test.struck_out);
+        EXPECT_THAT(read_file(owed), Not(HasSubstr("gone.nsf")));
+    }
+    json sets = json::parse(command({"list", "--json"}).output)["sets"];
+    EXPECT_EQ(std::count_if(sets.begin(), sets.end(),
+                            [](const json& set) {
+                                return set["reason"] == "owed" && set["level"] == "full" &&
+                                       !set["whole_system"];
+                            }),
+              2);
+    write_file(owed, "[]\n");
+    Outcome damaged = backup();
+    EXPECT_EQ(damaged.exit_code, 1);
+    EXPECT_THAT(damaged.errors, HasSubstr("line 1 of " + owed + " is damaged"));
 }
 
 TEST_F(Commands, FullDisksAreToldApartAndLeaveNothing) {

@@ -1,12 +1,7 @@
 // The executable with the real module over the simulated server.
 #ifdef QRTLN_DOMINO_SIM
 
-#include "client/catalogue.h"
-#include "client/store/store.h"
-#include "tests/client/run_client.h"
-
-#include <gmock/gmock.h>
-#include <nlohmann/json.hpp>
+#include "tests/client/simulated_server.h"
 
 namespace qrtln {
 namespace {
@@ -14,37 +9,10 @@ namespace {
 namespace fs = std::filesystem;
 using nlohmann::json;
 using test::Outcome;
+using test::OverTheSimulator;
 using test::read_file;
 using test::run_client;
 using testing::HasSubstr;
-
-class OverTheSimulator : public testing::Test {
-  protected:
-    OverTheSimulator() {
-        fs::create_directories(m_tmp);
-        domino("init " + m_server + " --databases 6 --extent-size 65536");
-    }
-    // Runs domino-sim with plain words; its exit status.
-    int domino(const std::string& words) const {
-        std::string command = std::string(QRTLN_DOMINO_SIM) + " " + words + " >" +
-                              m_scratch / "domino-sim.out" + " 2>&1";
-        return std::system(command.c_str());
-    }
-    Outcome backup(std::vector<std::string> more = {}, test::Environment environment = {}) const {
-        std::vector<std::string> words = {"backup",  "--notes-ini", m_server + "/notes.ini",
-                                          "--store", m_store,       "--tmp-dir",
-                                          m_tmp,     "--json"};
-        words.insert(words.end(), more.begin(), more.end());
-        environment["QRTLN_MODULE"] = ""; // the one beside the executable
-        environment.try_emplace("Notes_ExecDirectory", QRTLN_SIMULATOR_DIRECTORY);
-        return run_client(words, environment);
-    }
-
-    test::ScratchFolder m_scratch;
-    std::string m_server = m_scratch / "server";
-    std::string m_store = m_scratch / "store";
-    std::string m_tmp = m_scratch / "tmp";
-};
 
 TEST_F(OverTheSimulator, EveryDatabaseSavedUnderLoadIsExactlyWhatTheServerCommitted) {
     std::string manifest = m_scratch / "commits";

@@ -1,0 +1,287 @@
+// Differential and incremental backups with the real module over the simulated server.
+#ifdef QRTLN_DOMINO_SIM
+
+#include "notes_simulator/notes_simulator.h"
+#include "tests/client/simulated_server.h"
+
+#include <csignal>
+#include <dlfcn.h>
+#include <sys/wait.h>
+#include <thread>
+
+namespace qrtln {
+namespace {
+
+namespace fs = std::filesystem;
+using nlohmann::json;
+using test::Outcome;
+using test::OverTheSimulator;
+using test::read_file;
+using test::run_client;
+using testing::ElementsAre;
+using testing::HasSubstr;
+using testing::IsEmpty;
+
+class Incremental : public OverTheSimulator {
+  protected:
+    // Waits for the next second: what was written before is older than a backup that starts now.
+    static void settle() {
+        for (std::time_t now = std::time(nullptr); std::time(nullptr) == now;)
+            std::this_thread::sleep_for(std::chrono::milliseconds(5));
+    }
+    // Runs a backup that must end with this code; its JSON document.
+    json run(const std::string& level, int exit_code, std::vector<std::string> more = {},
+             test::Environment environment = {}) {
+        more.insert(more.begin(), {"--level", level});
+        Outcome outcome = backup(more, std::move(environment));
+        EXPECT_EQ(outcome.exit_code, exit_code) << level << ": " << outcome.errors;
+        m_errors = outcome.errors;
+        return json::parse(outcome.output);
+    }
+    // Users write until so many extents are full.
+    void fill_extents(std::size_t count) const {
+        for (int i = 0; i < 1000 && extents().size() <= count; ++i)
+            ASSERT_EQ(domino("put " + m_server + " mail/user1.nsf --count 5"), 0);
+    }
+    // Another program archives logs: takes one if told so, and is killed in its session.
+    void killed_archiver(bool takes_one) const {
+        pid_t pid = ::fork();
+        if (pid == 0) {
+            void* notes = ::dlopen(QRTLN_SIMULATOR_DIRECTORY "/libnotes.so", RTLD_NOW);
+            auto init =
+                reinterpret_cast<decltype(&NotesInitExtended)>(::dlsym(notes, "NotesInitExtended"));
+            auto begin = reinterpret_cast<decltype(&NSFBeginArchivingLogs)>(
+                ::dlsym(notes, "NSFBeginArchivingLogs"));
+            auto first = reinterpret_cast<decltype(&NSFGetFirstLogToArchive)>(
+                ::dlsym(notes, "NSFGetFirstLogToArchive"));
+            auto done = reinterpret_cast<decltype(&NSFDoneArchivingLog)>(
+                ::dlsym(notes, "NSFDoneArchivingLog"));
+            std::string program = "archiver";
+            std::string ini = "=" + m_server + "/notes.ini";
+            char* arguments[] = {program.data(), ini.data(), nullptr};
+            UNIVERSALNOTEID id{};
+            DWORD number = 0;
+            char path[1028];
+            bool good = init(2, arguments) == 0 && begin() == 0;
+            if (takes_one)
+                good = good && first(&id, &number, path) == 0 && done(&id, &number) == 0;
+            ::raise(good ? SIGKILL : SIGABRT);
+        }
+        int status = 0;
+        ::waitpid(pid, &status, 0);
+        ASSERT_TRUE(WIFSIGNALED(status) && WTERMSIG(status) == SIGKILL);
+    }
+    std::string index() const { return read_file(m_store + "/runtime/qrtln_DBIID.ini"); }
+    std::string owed() const { return read_file(m_store + "/runtime/owed.jsonl"); }
+
+    std::string m_errors;
+};
+
+TEST_F(Incremental, SavesWhatTheRulesSelectAndTheLogsWhichTheServerThenRemoves) {
+    json base = run("full", 0);
+    EXPECT_EQ(index(), ""); // no database had been backed up on this log: none has an entry
+    fill_extents(3);
+    json first = run("incr", 0);
+    EXPECT_THAT(databases(first["set"]), IsEmpty()); // the log brings them up to date
+    EXPECT_EQ(first["logs"], (json{{"first", 1}, {"last", 4}, {"active", 4}}));
+    EXPECT_THAT(extents(), ElementsAre(4)); // the others are in the store alone
+
+    base = run("full", 0);
+    std::string before = index();
+    EXPECT_THAT(before, HasSubstr("names.nsf="));
+    ASSERT_EQ(domino("compact " + m_server + " names.nsf"), 0); // a new DBIID
+    fill_extents(2);
+    json sets[3];
+    sets[0] = run("incr", 0);
+    // Not backed up under this DBIID; its entry in the index stays as it was.
+    EXPECT_THAT(databases(sets[0]["set"]), ElementsAre("names.nsf"));
+    EXPECT_EQ(index(), before);
+    sets[1] = run("incr", 0);
+    // The entry differs, and is updated.
+    EXPECT_THAT(databases(sets[1]["set"]), ElementsAre("names.nsf"));
+    EXPECT_NE(index(), before);
+    sets[2] = run("incr", 0);
+    EXPECT_THAT(databases(sets[2]["set"]), IsEmpty());
+
+    std::string previous = base["set"];
+    for (const json& set : sets) {
+        Manifest stored = manifest(set["set"]);
+        EXPECT_EQ(stored.base, base["set"]);
+        EXPECT_EQ(stored.previous, previous);
+        EXPECT_THAT(stored.log_gaps, IsEmpty());
+        previous = stored.set;
+    }
+    EXPECT_EQ(owed(), "");
+    json listed = list().back();
+    EXPECT_EQ(listed["base"], base["set"]);
+    EXPECT_EQ(listed["logs"]["active"], extents().back());
+    EXPECT_EQ(run_client({"verify", "--store", m_store}, {}).exit_code, 0);
+}
+
+TEST_F(Incremental, DifferentialSavesWhatChangedSinceTheBase) {
+    for (const char* level : {"diff", "incr"}) {
+        run(level, 1);
+        EXPECT_THAT(m_errors, HasSubstr("hint: take one first: `qrtln backup --level full`"));
+        EXPECT_FALSE(fs::exists(m_store));
+    }
+    run("full", 0, {"mail"}); // named databases are no base
+    run("diff", 1);
+    EXPECT_EQ(run("copy", 0)["level"], "copy");
+    run("diff", 1);
+    settle();
+    json base = run("diff", 0, {"--auto-full"});
+    EXPECT_EQ(base["level"], "full");
+    EXPECT_THAT(m_errors, HasSubstr("becomes a full one"));
+    ASSERT_EQ(domino("put " + m_server + " mail/user1.nsf"), 0);
+    for (int i = 0; i < 2; ++i) {
+        json diff = run("diff", 0, {"--auto-full"});
+        EXPECT_EQ(diff["base"], base["set"]);
+        EXPECT_THAT(databases(diff["set"]), ElementsAre("mail/user1.nsf"));
+        EXPECT_TRUE(diff["logs"].is_null());
+    }
+    EXPECT_THAT(extents(), ElementsAre(1));
+    EXPECT_THAT(databases(run("diff", 0, {"names.nsf"})["set"]), IsEmpty());
+}
+
+TEST_F(Incremental, WhatTheModulePassesOverOrDoubtsHasFailed) {
+    const struct {
+        const char* level;
+        const char* faults;
+        int exit_code;
+        const char* text; // of a failed item, or of a warning
+    } cases[] = {
+        {"incr", "NSFDbGetLogInfo#1=513", 3, "could not tell whether it needs to be backed up"},
+        {"diff", "NSFDbGetLogInfo#1=513", 3, "could not tell whether it needs to be backed up"},
+        {"full", "NSFDbGetLogInfo#1=513", 0, "the index of databases has no entry for it"},
+        {"diff", "NSFDbGetModifiedNoteTable=513", 3, "could not tell whether it was modified"},
+        {"diff", "ConvertTextToTIMEDATE=513", 3, "ConvertTextToTIMEDATE() failed"},
+        {"copy", "NSFBackupEndApplyChangeInfo=513", 3, "the changes made during its copy"},
+    };
+    for (const auto& test : cases) {
+        SCOPED_TRACE(test.faults);
+        run("full", 0);
+        ASSERT_EQ(domino("put " + m_server + " mail/user1.nsf"), 0);
+        json set = run(test.level, test.exit_code, {}, {{"NOTES_SIM_FAULTS", test.faults}});
+        EXPECT_THAT(set[test.exit_code == 0 ? "warnings" : "failed"].dump(), HasSubstr(test.text));
+    }
+}
+
+TEST_F(Incremental, FullStoreLosesNothingWhateverStepItStops) {
+    test::SmallFileSystem small(m_scratch / "small", 16 << 20);
+    if (!small.mounted())
+        GTEST_SKIP() << "mounting a small file system needs root";
+    m_store = m_scratch / "small/store";
+    run("full", 0);
+    run("full", 0);
+    ASSERT_EQ(domino("compact " + m_server + " names.nsf"), 0);
+    fill_extents(3);
+    const std::vector<int> server_logs = extents();
+    const std::string index_before = index();
+    const std::size_t sets_before = list().size();
+    const auto all = fs::copy_options::recursive | fs::copy_options::overwrite_existing;
+    for (const auto& [from, to] : {std::pair{m_server, "server-0"}, std::pair{m_store, "store-0"}})
+        fs::copy(from, m_scratch / to, all);
+
+    // The room that the run needs is closed in on, to the page: its last step fails, too.
+    bool owed_once = false;
+    std::string last_failure;
+    constexpr std::uintmax_t page = 4096;
+    for (std::uintmax_t too_small = 0, enough = 1 << 20; enough - too_small > page;) {
+        for (const auto& [to, from] :
+             {std::pair{m_server, "server-0"}, std::pair{m_store, "store-0"}}) {
+            fs::remove_all(to);
+            fs::copy(m_scratch / from, to, all);
+        }
+        std::uintmax_t room = (too_small + enough) / 2 / page * page;
+        std::string filler = m_scratch / "small/filler";
+        test::write_file(filler, std::string(fs::space(m_store).available - room, 'x'));
+        Outcome outcome = backup({"--level", "incr"});
+        fs::remove(filler);
+        if (outcome.exit_code == 0) {
+            enough = room;
+            continue;
+        }
+        too_small = room;
+        SCOPED_TRACE(room);
+        last_failure = outcome.errors;
+        ASSERT_EQ(outcome.exit_code, 1) << outcome.errors;
+        EXPECT_THAT(outcome.errors, HasSubstr("No space left"));
+        EXPECT_EQ(extents(), server_logs);
+        EXPECT_EQ(index(), index_before);
+        EXPECT_EQ(list().size(), sets_before);
+        bool prepared = owed().find("names.nsf") != std::string::npos;
+        owed_once = owed_once || prepared;
+
+        json next = run("incr", 0);
+        // By now it counts as backed up for the server.
+        EXPECT_EQ(next.contains("owed"), prepared);
+        EXPECT_THAT(databases(prepared ? next["owed"]["set"] : next["set"]),
+                    ElementsAre("names.nsf"));
+        EXPECT_EQ(next["logs"], (json{{"first", server_logs.front()},
+                                      {"last", server_logs.back()},
+                                      {"active", server_logs.back()}}));
+        EXPECT_THAT(extents(), ElementsAre(server_logs.back()));
+        EXPECT_EQ(owed(), "");
+    }
+    EXPECT_TRUE(owed_once);
+    EXPECT_THAT(last_failure, HasSubstr("manifest"));
+}
+
+TEST_F(Incremental, LogThatAnotherProgramTookIsReportedAtOnce) {
+    json base = run("full", 0);
+    killed_archiver(false); // its session is in the way once
+    run("incr", 0);
+    EXPECT_THAT(m_errors, HasSubstr("starting again"));
+    fill_extents(3);
+    killed_archiver(true);
+    json set = run("incr", 16);
+    EXPECT_THAT(m_errors, HasSubstr("the transaction log 1 is missing between the sets "));
+    EXPECT_THAT(m_errors, HasSubstr("hint: take a full backup now"));
+    EXPECT_EQ(set["status"], "complete, logs missing");
+    EXPECT_EQ(list().back()["status"], "complete, logs missing");
+    EXPECT_THAT(run_client({"show", "latest", "--store", m_store}, {}).output,
+                HasSubstr("the transaction log 1 is missing"));
+    EXPECT_THAT(extents(), ElementsAre(4)); // the set is whole all the same
+    run("incr", 16);
+    run("full", 0);
+    run("incr", 0);
+}
+
+TEST_F(Incremental, OtherStylesOfLoggingAreToldAtEachLevel) {
+    const struct {
+        const char* style;
+        int full;
+        int diff;
+        const char* text;
+    } cases[] = {
+        {"circular", 0, 0, "circular transaction logging"},
+        {"linear", 0, 3, "linear transaction logging"}, // logged databases fail their check
+        {"none", 0, 0, "no transaction logging"},
+    };
+    for (const auto& test : cases) {
+        SCOPED_TRACE(test.style);
+        m_server = m_scratch / test.style;
+        m_store = m_server + "-store";
+        ASSERT_EQ(domino("init " + m_server + " --databases 6 --style " + test.style), 0);
+        settle();
+        json full = run("full", test.full);
+        EXPECT_EQ(full["warnings"].dump().find("has no entry for it") != std::string::npos,
+                  test.diff == 3);
+        ASSERT_EQ(domino("put " + m_server + " mail/user1.nsf"), 0);
+        json diff = run("diff", test.diff);
+        if (test.diff == 0) {
+            EXPECT_THAT(databases(diff["set"]), ElementsAre("mail/user1.nsf"));
+        } else {
+            EXPECT_THAT(diff["failed"].dump(), HasSubstr("with linear logging"));
+        }
+        run("incr", 14);
+        EXPECT_THAT(m_errors, HasSubstr(test.text));
+        EXPECT_THAT(m_errors, HasSubstr("take --level diff or full"));
+        run("copy", 0);
+    }
+}
+
+} // namespace
+} // namespace qrtln
+
+#endif

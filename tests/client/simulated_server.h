@@ -1,0 +1,69 @@
+// A simulated server, and the client with the real module over it.
+#pragma once
+
+#include "client/catalogue.h"
+#include "client/store/store.h"
+#include "tests/client/run_client.h"
+
+#include <gmock/gmock.h>
+#include <nlohmann/json.hpp>
+
+namespace qrtln::test {
+
+class OverTheSimulator : public testing::Test {
+  protected:
+    OverTheSimulator() {
+        std::filesystem::create_directories(m_tmp);
+        domino("init " + m_server + " --databases 6 --extent-size 65536");
+    }
+    // Runs domino-sim with plain words; its exit status.
+    int domino(const std::string& words) const {
+        std::string command = std::string(QRTLN_DOMINO_SIM) + " " + words + " >" +
+                              m_scratch / "domino-sim.out" + " 2>&1";
+        return std::system(command.c_str());
+    }
+    Outcome backup(std::vector<std::string> more = {}, Environment environment = {}) const {
+        std::vector<std::string> words = {"backup",  "--notes-ini", m_server + "/notes.ini",
+                                          "--store", m_store,       "--tmp-dir",
+                                          m_tmp,     "--json"};
+        words.insert(words.end(), more.begin(), more.end());
+        environment["QRTLN_MODULE"] = ""; // the one beside the executable
+        environment.try_emplace("Notes_ExecDirectory", QRTLN_SIMULATOR_DIRECTORY);
+        return run_client(words, environment);
+    }
+
+    // What `qrtln list` or the last backup tells, as JSON.
+    nlohmann::json list() const {
+        return nlohmann::json::parse(
+            run_client({"list", "--store", m_store, "--json"}, {}).output)["sets"];
+    }
+    // The numbers of the extents that the server still has, oldest first.
+    std::vector<int> extents() const {
+        std::vector<int> numbers;
+        for (const auto& entry : std::filesystem::directory_iterator(m_server + "/logs"))
+            if (entry.path().extension() == ".TXN")
+                numbers.push_back(std::stoi(entry.path().stem().string().substr(1)));
+        std::sort(numbers.begin(), numbers.end());
+        return numbers;
+    }
+    Manifest manifest(const std::string& set) const {
+        return load_set(*open_directory_store(m_store, StoreAccess::read), set).manifest.value();
+    }
+    // The names of the stored databases of a set, below the data directory, sorted.
+    std::vector<std::string> databases(const std::string& set) const {
+        std::vector<std::string> names;
+        Manifest stored = manifest(set);
+        for (const ManifestItem& item : stored.items)
+            if (item.kind == ItemKind::database && item.status == ItemStatus::stored)
+                names.push_back(item.path.substr(stored.data_directory.size() + 1));
+        std::sort(names.begin(), names.end());
+        return names;
+    }
+
+    ScratchFolder m_scratch;
+    std::string m_server = m_scratch / "server";
+    std::string m_store = m_scratch / "store";
+    std::string m_tmp = m_scratch / "tmp";
+};
+
+} // namespace qrtln::test
