@@ -12,7 +12,6 @@ using namespace notes_sim;
 namespace {
 
 constexpr std::size_t kLongestUserName = 256; // without the NUL
-constexpr const char* kDefaultUserName = "CN=Admin/O=Simulated";
 
 Database connect(DBHANDLE handle) {
     return Database(process().databases.get(handle).file, Connection::Mode::kReadWrite);
@@ -181,9 +180,8 @@ STATUS SECKFMGetUserName(char* retUserName) {
         if (!std::filesystem::exists(server.resolve(idFile), error)) {
             throw StatusError(kNoSuchFile, idFile);
         }
-        const std::string name = translateText(
-            Translation::kNativeToLmbcs, server.ini.get("SimUserName").value_or(kDefaultUserName),
-            kLongestUserName);
+        const std::string name =
+            translateText(Translation::kNativeToLmbcs, server.userName(), kLongestUserName);
         std::memcpy(retUserName, name.c_str(), name.size() + 1);
         call.output("name", name.c_str());
         return kOk;

@@ -10,13 +10,14 @@
  *      SERVER/data/        the data directory: databases (.nsf .ntf .box .ncf ...), IDs, settings
  *      SERVER/logs/        the transaction log: S0000001.TXN ... and nlogctrl.lfh
  *      SERVER/state/       what the server's processes share: backup contexts, what was backed up,
- *                          locks. The administrator's business is everything but this folder.
+ *                          what is offline, locks. The administrator's business is everything but
+ * this folder.
  *
  *    Variables of notes.ini that count here: Directory, NotesProgram, TRANSLOG_Status (1: logging
  *    is on), TRANSLOG_Style (0 circular, 1 archive, 2 linear), TRANSLOG_Path, TRANSLOG_MaxSize
  *    (MiB; sizes the ring of a circular log), and of the simulator's own: TRANSLOG_SimExtentSize
- *    (bytes in an extent, at least 65536, 1 MiB when missing), SimDateOrder (MDY, DMY or YMD),
- *    SimDateSeparator, SimTimeSeparator.
+ *    (bytes in an extent, at least 65536, 1 MiB when missing), SimUserName, SimDateOrder (MDY, DMY
+ * or YMD), SimDateSeparator, SimTimeSeparator.
  *
  * 2. A database is one SQLite file without neighbours: rollback journals lie in the state folder.
  *    Its pages change in place, so that a plain copy of a database in use is torn. While a backup
@@ -46,7 +47,8 @@
  *    directory, 513 not a database, 572 no note modified, 3748 backup in progress, 3758 archiving
  *    in progress, 5086 no log ready to archive, 5098 database in use, 5114 not backed up on this
  *    instance of the log, 5119 no transaction logging. Others are the simulator's own, from 16129
- *    (0x3F01) on; OSLoadString has a text for each.
+ *    (0x3F01) on, 16146 for a database that is offline among them; OSLoadString has a text for
+ *    each.
  *
  * 6. Paths that come in are LMBCS, but for the path of NSFIsNewBackupNeeded, which is native text.
  *    Paths that go out (data directory, log paths) are native text. A path may be relative to the
@@ -58,7 +60,8 @@
  * 8. Threads: calls are serialised by one lock.
  *
  * domino-sim plays the server and its users (see domino-sim --help): init, create, put, delete,
- * show, workload, check, backups, logs, compact, saved, damage, lose.
+ * show, unread, workload, check, backups, logs, hold, offline, online, compact, saved, damage,
+ * lose.
  * docs/simulator-files.md describes the files.
  */
 #ifndef NOTES_SIMULATOR_H

@@ -110,6 +110,10 @@ std::uint64_t NotesIni::number(const std::string& name, std::uint64_t fallback) 
     return error == std::errc() && end == text.data() + text.size() ? value : fallback;
 }
 
+std::string Server::userName() const {
+    return ini.get("SimUserName").value_or("CN=Admin/O=Simulated");
+}
+
 fs::path Server::resolve(const fs::path& path) const {
     return (path.is_absolute() ? path : data / path).lexically_normal();
 }

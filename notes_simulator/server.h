@@ -39,6 +39,8 @@ struct Server {
     std::uint64_t extentSize = 0;  ///< bytes in a log extent
     std::uint32_t ringExtents = 0; ///< extents of a circular log
 
+    /// The name of the user that the server's own programs run as, in native text.
+    std::string userName() const;
     /// The absolute form of a path that may be relative to the data directory.
     std::filesystem::path resolve(const std::filesystem::path& path) const;
     /// Whether an absolute path lies in the data directory, by its name or behind symbolic links.

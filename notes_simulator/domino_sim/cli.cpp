@@ -4,6 +4,7 @@
 #include "notes_simulator/status.h"
 #include "notes_simulator/times.h"
 #include "notes_simulator/transaction.h"
+#include "notes_simulator/use_mark.h"
 #include "notes_simulator/vfs_shim.h"
 
 #include <algorithm>
@@ -43,6 +44,7 @@ void createDatabase(const Server& server, const fs::path& file, bool logged,
     fs::create_directories(file.parent_path());
     ContentGenerator content(seed);
     const ServerLock lock(server);
+    requireOnline(server, file);
     const auto log = openLog(server, lock);
     DatabaseHeader header;
     header.replica = randomId8();

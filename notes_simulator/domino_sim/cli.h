@@ -40,6 +40,7 @@ void addEditCommands(CLI::App& app);
 void addShowCommands(CLI::App& app);
 void addWorkloadCommand(CLI::App& app);
 void addCheckCommand(CLI::App& app);
+void addOfflineCommands(CLI::App& app);
 void addHarmCommands(CLI::App& app);
 
 } // namespace domino_sim

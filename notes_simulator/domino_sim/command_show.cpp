@@ -3,8 +3,10 @@
 #include "notes_simulator/domino_sim/cli.h"
 #include "notes_simulator/domino_sim/database_state.h"
 #include "notes_simulator/status.h"
+#include "notes_simulator/text_translation.h"
 #include "notes_simulator/times.h"
 #include "notes_simulator/transaction.h"
+#include "notes_simulator/use_mark.h"
 #include "notes_simulator/vfs_shim.h"
 
 #include <nlohmann/json.hpp>
@@ -20,6 +22,8 @@ namespace domino_sim {
 
 namespace {
 
+constexpr std::size_t kLongestName = 4096; // bytes of a user's name
+
 struct ShowOptions {
     std::vector<std::string> place;
     bool asJson = false;
@@ -31,16 +35,35 @@ struct ServerOptions {
     bool asJson = false;
 };
 
+struct UnreadOptions {
+    std::string server;
+    std::string database;
+    std::string user;
+};
+
+/// A file to show, and the server it is part of.
+struct Place {
+    fs::path file;
+    std::optional<Server> server;
+};
+
 /// The file meant by FILE or by SERVER DB. A file in a server is read as part of that server.
-fs::path placeOf(const std::vector<std::string>& place) {
+Place placeOf(const std::vector<std::string>& place) {
     if (place.size() == 2) {
-        return requireDatabase(useServer(place[0]), place[1]);
+        Server server = useServer(place[0]);
+        return {requireDatabase(server, place[1]), server};
     }
-    const fs::path file = place[0];
+    const fs::path file = fs::absolute(place[0]);
     if (const auto folder = findServerFolder(file)) {
-        useServer(folder->string());
+        return {file, useServer(folder->string())};
     }
-    return fs::absolute(file);
+    return {file, std::nullopt};
+}
+
+/// How to open a database only to read it: one that is online may need the rollback of what a
+/// killed writer left, an offline one is left alone.
+Connection::Mode readingMode(const Server& server, const fs::path& file) {
+    return isOffline(server, file) ? Connection::Mode::kReadOnly : Connection::Mode::kReadWrite;
 }
 
 std::string dumped(const json& value) {
@@ -59,14 +82,12 @@ void print(const json& value, bool asJson) {
 }
 
 void runShow(const ShowOptions& options) {
-    const fs::path file = placeOf(options.place);
-    // A copy is only read; a live database may need the rollback of what a killed writer left.
-    const bool live = options.place.size() == 2 || findServerFolder(file).has_value();
+    const auto [file, server] = placeOf(options.place);
     std::unique_ptr<Database> database;
     DatabaseState state;
     try {
-        database = std::make_unique<Database>(file, live ? Connection::Mode::kReadWrite
-                                                         : Connection::Mode::kReadOnly);
+        database = std::make_unique<Database>(file, server ? readingMode(*server, file)
+                                                           : Connection::Mode::kReadOnly);
         state = readState(*database, true);
     } catch (const StatusError& error) {
         if (error.status() != kDatabaseDamaged) {
@@ -86,6 +107,9 @@ void runShow(const ShowOptions& options) {
                   {"notes", state.notes.size()},
                   {"stubs", state.stubs.size()},
                   {"digest", state.digest}};
+    if (server) {
+        value["offline"] = isOffline(*server, file);
+    }
     if (options.notes) {
         json ids = json::array();
         for (const auto& [id, digest] : state.notes) {
@@ -103,7 +127,8 @@ json backupOf(const Server& server, const fs::path& file) {
     const std::string key = server.keyOf(file);
     const BackupRecord record = readBackupRecord(server, key);
     json value = {{"database", server.nameOf(file)}, {"backedUp", record.backedUp}};
-    value["dbiid"] = hex(Database(file, Connection::Mode::kReadWrite).header().dbiid);
+    value["offline"] = isOffline(server, file);
+    value["dbiid"] = hex(Database(file, readingMode(server, file)).header().dbiid);
     if (record.backedUp) {
         value["backupTime"] = displayTime(record.time);
         value["backupCommit"] = record.commit;
@@ -140,11 +165,31 @@ void runBackups(const ServerOptions& options) {
         } else {
             std::cout << "never backed up";
         }
+        if (entry["offline"].get<bool>()) {
+            std::cout << "; offline";
+        }
         if (entry.contains("context")) {
             std::cout << "; context open since " << entry["context"]["started"].get<std::string>()
                       << " by process " << entry["context"]["process"];
         }
         std::cout << '\n';
+    }
+}
+
+void runUnread(const UnreadOptions& options) {
+    const Server server = useServer(options.server);
+    const fs::path file = requireDatabase(server, options.database);
+    // Databases keep names as the C API brings them.
+    const std::string name = translateText(
+        Translation::kLmbcsToUtf8,
+        translateText(Translation::kNativeToLmbcs,
+                      options.user.empty() ? server.userName() : options.user, kLongestName),
+        kLongestName);
+    Database database(file, readingMode(server, file));
+    for (const NoteId id : database.unreadOf(name)) {
+        if (database.note(id)) {
+            std::cout << id << '\n';
+        }
     }
 }
 
@@ -230,6 +275,14 @@ void addShowCommands(CLI::App& app) {
     command->add_flag("--json", show->asJson, "Print JSON");
     command->add_flag("--ids", show->notes, "List the ids of the notes, too");
     command->callback([show] { runShow(*show); });
+
+    auto unread = std::make_shared<UnreadOptions>();
+    command = app.add_subcommand(
+        "unread", "Print the ids of the notes that are marked unread for a user, one a line");
+    command->add_option("SERVER", unread->server, "Server folder")->required();
+    command->add_option("DB", unread->database, "Database")->required();
+    command->add_option("--user", unread->user, "The user; the server's own when not given");
+    command->callback([unread] { runUnread(*unread); });
 
     auto backups = std::make_shared<ServerOptions>();
     command = app.add_subcommand("backups", "Show what the server remembers of backups");

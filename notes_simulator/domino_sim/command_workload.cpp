@@ -4,6 +4,7 @@
 #include "notes_simulator/domino_sim/manifest.h"
 #include "notes_simulator/status.h"
 #include "notes_simulator/transaction.h"
+#include "notes_simulator/use_mark.h"
 
 #include <sys/prctl.h>
 #include <sys/wait.h>
@@ -165,11 +166,14 @@ void runWorkload(WorkloadOptions options) {
     const Server server = useServer(options.server);
     if (options.databases.empty()) {
         for (const fs::path& file : allDatabases(server)) {
-            options.databases.push_back(server.nameOf(file));
+            if (!isOffline(server, file)) {
+                options.databases.push_back(server.nameOf(file));
+            }
         }
     }
+    std::vector<std::unique_ptr<UseMark>> marks; // inherited by the writers
     for (const std::string& name : options.databases) {
-        requireDatabase(server, name);
+        marks.push_back(std::make_unique<UseMark>(server, requireDatabase(server, name)));
     }
     if (options.databases.empty()) {
         throw StatusError(kInvalidArgument, "the server has no databases");

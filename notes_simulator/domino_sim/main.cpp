@@ -27,6 +27,7 @@ int main(int argc, char** argv) {
     domino_sim::addShowCommands(app);
     domino_sim::addWorkloadCommand(app);
     domino_sim::addCheckCommand(app);
+    domino_sim::addOfflineCommands(app);
     domino_sim::addHarmCommands(app);
     try {
         app.parse(argc, argv);
