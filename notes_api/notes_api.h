@@ -78,19 +78,47 @@ struct NotesApi {
     NotesFunction<STATUS(const void* IntlFormat, const void* TextFormat, const TIMEDATE* InputTime,
                          char* retTextBuffer, WORD TextBufferLength, WORD* retTextLength)>
         ConvertTIMEDATEToText{first, "ConvertTIMEDATEToText"};
+    NotesFunction<void(WORD TimeConstantType, TIMEDATE* td)> TimeConstant{first, "TimeConstant"};
+
+    // Users
+    NotesFunction<STATUS(char* retUserName)> SECKFMGetUserName{first, "SECKFMGetUserName"};
 
     // Databases
     NotesFunction<STATUS(const char* PathName, DBHANDLE* rethDB)> NSFDbOpen{first, "NSFDbOpen"};
     NotesFunction<STATUS(DBHANDLE)> NSFDbClose{first, "NSFDbClose"};
     NotesFunction<STATUS(DBHANDLE, WORD* retVersion)> NSFDbGetBuildVersion{first,
                                                                            "NSFDbGetBuildVersion"};
+    NotesFunction<STATUS(DBHANDLE, DBID* retDbID)> NSFDbIDGet{first, "NSFDbIDGet"};
     NotesFunction<STATUS(DBHANDLE, DWORD Flags, BOOL* Logged, UNIVERSALNOTEID* LogID,
                          UNIVERSALNOTEID* DbIID, DWORD* LogExtent)>
         NSFDbGetLogInfo{first, "NSFDbGetLogInfo"};
     NotesFunction<STATUS(DBHANDLE, WORD NoteClassMask, TIMEDATE Since, TIMEDATE* retUntil,
                          DHANDLE* rethTable)>
         NSFDbGetModifiedNoteTable{first, "NSFDbGetModifiedNoteTable"};
+    NotesFunction<STATUS(char* DbName, DWORD WaitTime, DWORD Options)> NSFTakeDatabaseOffline{
+        first, "NSFTakeDatabaseOffline"};
+    NotesFunction<STATUS(char* DbName, DWORD Options)> NSFBringDatabaseOnline{
+        first, "NSFBringDatabaseOnline"};
+
+    // Notes: copying and deleting them, unread marks, tables of their ids
+    NotesFunction<STATUS(DBHANDLE hSrcDB, DBID* SrcDBID, DBID* SrcReplicaID, NOTEID SrcNoteID,
+                         DBHANDLE hDstDB, DBID* DstDBID, DBID* DstReplicaID, NOTEID* retDstNoteID,
+                         WORD* retNoteClass)>
+        NSFDbCopyNote{first, "NSFDbCopyNote"};
+    NotesFunction<STATUS(DBHANDLE, NOTEID, WORD UpdateFlags)> NSFNoteDelete{first, "NSFNoteDelete"};
+    NotesFunction<STATUS(DBHANDLE, char* UserName, WORD UserNameLength, BOOL fCreateIfNotAvailable,
+                         DHANDLE* rethUnreadList)>
+        NSFDbGetUnreadNoteTable{first, "NSFDbGetUnreadNoteTable"};
+    NotesFunction<STATUS(DBHANDLE, DHANDLE hUnreadList)> NSFDbUpdateUnread{first,
+                                                                           "NSFDbUpdateUnread"};
+    NotesFunction<STATUS(DBHANDLE, char* UserName, WORD UserNameLength, BOOL fFlushToDisk,
+                         DHANDLE hOriginalUnreadList, DHANDLE hUnreadList)>
+        NSFDbSetUnreadNoteTable{first, "NSFDbSetUnreadNoteTable"};
     NotesFunction<DWORD(DHANDLE)> IDEntries{first, "IDEntries"};
+    NotesFunction<BOOL(DHANDLE, BOOL fFirst, NOTEID* retID)> IDScan{first, "IDScan"};
+    NotesFunction<BOOL(DHANDLE, NOTEID)> IDIsPresent{first, "IDIsPresent"};
+    NotesFunction<STATUS(DHANDLE, NOTEID, BOOL* retfInserted)> IDInsert{first, "IDInsert"};
+    NotesFunction<STATUS(DHANDLE, DHANDLE* rethTable)> IDTableCopy{first, "IDTableCopy"};
     NotesFunction<STATUS(DHANDLE)> IDDestroyTable{first, "IDDestroyTable"};
 
     // Online backup

@@ -70,6 +70,7 @@ inline constexpr STATUS kNotesNoNoteModified = 572;
 inline constexpr STATUS kNotesBackupInProgress = 3748;
 inline constexpr STATUS kNotesArchivingInProgress = 3758;
 inline constexpr STATUS kNotesNoLogToArchive = 5086;
+inline constexpr STATUS kNotesDatabaseInUse = 5098;
 inline constexpr STATUS kNotesNotBackedUp = 5114;
 inline constexpr STATUS kNotesLoggingNotInEffect = 5119;
 
@@ -77,6 +78,9 @@ inline constexpr STATUS kNotesLoggingNotInEffect = 5119;
 inline constexpr WORD kTranslateNativeToLmbcs = 0;
 inline constexpr WORD kTranslateLmbcsToUtf8 = 22;
 inline constexpr WORD kTranslateWholeString = 0xFFFF;
+
+// TimeConstant type of the time that is earlier than every other.
+inline constexpr WORD kTimeWildcard = 2;
 
 // Transaction log styles of NSFGetTransLogStyle.
 inline constexpr WORD kLogStyleCircular = 0;

@@ -1,8 +1,131 @@
 #include "qrt_lotus_notes/qrtln_f/activation.h"
 
+#include <cerrno>
+#include <fcntl.h>
+#include <string>
+#include <unistd.h>
+
+#include "common/bounded_text.h"
+#include "qrt_lotus_notes/qrtln_n/copy_path.h"
+#include "qrt_lotus_notes/qrtln_n/database_recovery.h"
+#include "qrt_lotus_notes/qrtln_n/file_name_text.h"
+#include "qrt_lotus_notes/qrtln_o/file_primitives.h"
 #include "qrt_lotus_notes/qrtln_u/messages.h"
 
-int QRTLN_Activate(const char*, const char*) {
-    DB_ErrHandler(0, kErrorKindNone, "Activation is not supported by this release yet");
-    return DB_NUM_E_FAILED;
+namespace {
+
+// Builds the live database's path. False (reported) when there is none to build.
+bool buildTarget(const char* cpFile, const char* cpOriginalDirectory, char (&szTarget)[kPathSize]) {
+    const char* delimiter = std::strrchr(cpFile, kDelimiter);
+    const char* cpFileName = delimiter != nullptr ? delimiter + 1 : cpFile;
+    const std::size_t length = std::strlen(cpOriginalDirectory);
+    if (length == 0) {
+        // Joined with "/" all the same, it would be a file in the root.
+        DB_ErrHandler(0, kErrorKindNone,
+                      "QRTLN_Activate(): no directory was announced for file [%s]",
+                      getUTF8FileName(cpFileName));
+        return false;
+    }
+    if (!formatText(szTarget, sizeof szTarget, "%s%s%s", cpOriginalDirectory,
+                    cpOriginalDirectory[length - 1] == kDelimiter ? "" : "/", cpFileName)) {
+        DB_ErrHandler(0, kErrorKindNone,
+                      "QRTLN_Activate(): the path of the live database is too long: [%s]",
+                      getUTF8FileName(cpFileName));
+        return false;
+    }
+    return true;
+}
+
+// Takes the live database from its users, if there is one.
+bool takeOffline(const char* cpFile, const char* szTargetFile, bool bInPlace) {
+    if (!SysFileExists(szTargetFile)) {
+        return true;
+    }
+    DB_TraceExt("QRTLN_Activate(): Taking Database OFFLINE (delete): [%s] ...",
+                getUTF8FileName(szTargetFile));
+    if (TakeDbsOffline(szTargetFile) == DB_NUM_I_OK) {
+        return true;
+    }
+    if (!bInPlace) {
+        // A command to be typed: the paths as they are. The copy stays for it.
+        DB_LogExt("QRTLN_Activate(): WARNING: Please shutdown notes server and do manually:  "
+                  "dbrecover RESTORE %s %s",
+                  cpFile, szTargetFile);
+    }
+    return false;
+}
+
+// Makes a file, or a directory's entries, durable. Returns 0 or an error number.
+int flushToDisk(const char* path, int flags) {
+    const int fd = open(path, flags | O_RDONLY | O_CLOEXEC);
+    if (fd < 0) {
+        return errno;
+    }
+    const int error = fsync(fd) == 0 ? 0 : errno;
+    close(fd); // nothing was written through it
+    return error;
+}
+
+// Copies the restored file over the live database, down to the disk: the restored file is deleted
+// next, and a power cut must not take both.
+bool replace(const char* cpFile, const char* szTargetFile, const char* cpOriginalDirectory) {
+    const std::string file = getUTF8FileName(cpFile);
+    DB_TraceExt("QRTLN_Activate(): Copying file [%s] to [%s] ...", file.c_str(),
+                getUTF8FileName(szTargetFile));
+    if (!SysFileExists(cpFile)) {
+        DB_TraceExt("QRTLN_Activate(): Error: File [%s] does not exist", file.c_str());
+    }
+    bool bCopied = SysFileCopy(cpFile, szTargetFile, FALSE) != FALSE;
+    if (bCopied) {
+        int error = flushToDisk(szTargetFile, 0);
+        if (error == 0) {
+            error = flushToDisk(cpOriginalDirectory, O_DIRECTORY);
+        }
+        if (error != 0) {
+            DB_TraceExt("QRTLN_Activate(): flushing file [%s] to disk failed with errno (%d): %s",
+                        getUTF8FileName(szTargetFile), error,
+                        getSysMsg(static_cast<unsigned int>(error)));
+            bCopied = false;
+        }
+    }
+    if (!bCopied) {
+        DB_TraceExt("QRTLN_Activate(): Copy of file [%s] to [%s] FAILED", file.c_str(),
+                    getUTF8FileName(szTargetFile));
+    }
+    return bCopied;
+}
+
+} // namespace
+
+int QRTLN_Activate(const char* cpFile, const char* cpOriginalDirectory) {
+    DB_TraceExt("QRTLN_Activate(): Beginning ACTIVATION of file [%s]", getUTF8FileName(cpFile));
+    DB_TraceExt("QRTLN_Activate(): Original directory [%s]", getUTF8FileName(cpOriginalDirectory));
+    char szTargetFile[kPathSize];
+    if (!buildTarget(cpFile, cpOriginalDirectory, szTargetFile)) {
+        return DB_NUM_E_FAILED;
+    }
+
+    // What cannot be created shows when the file is copied there.
+    char szDirectory[kPathSize];
+    copyText(szDirectory, cpOriginalDirectory);
+    SysFileCreateDirectory(szDirectory);
+
+    // A file that was restored to its very place, by whatever spelling of the path, is neither
+    // copied onto itself nor deleted.
+    const bool bInPlace =
+        std::strcmp(cpFile, szTargetFile) == 0 || isSameFile(cpFile, szTargetFile);
+    if (!takeOffline(cpFile, szTargetFile, bInPlace)) {
+        return DB_NUM_E_FAILED;
+    }
+    if (!bInPlace) {
+        // From here to the end of the copy the live database is offline, and stays so when the copy
+        // fails: half a database must not be opened.
+        if (!replace(cpFile, szTargetFile, cpOriginalDirectory)) {
+            return DB_NUM_E_FAILED;
+        }
+        DB_TraceExt("QRTLN_Activate(): Deleting backup copy [%s] ...", getUTF8FileName(cpFile));
+        SysFileDelete(cpFile);
+    }
+    DB_TraceExt("QRTLN_Activate(): Bringing Database ONLINE: [%s]", getUTF8FileName(szTargetFile));
+    return ActivateDb(szTargetFile) == DB_NUM_I_OK ? DB_NUM_I_OK : DB_NUM_E_FAILED;
 }

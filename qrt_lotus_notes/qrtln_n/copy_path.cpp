@@ -2,12 +2,9 @@
 
 #include <algorithm>
 #include <cstring>
-#include <string_view>
 #include <sys/stat.h>
 
 #include "common/bounded_text.h"
-
-namespace {
 
 bool leadsUpwards(std::string_view path) {
     while (!path.empty()) {
@@ -19,8 +16,6 @@ bool leadsUpwards(std::string_view path) {
     }
     return false;
 }
-
-} // namespace
 
 const char* relativeDatabaseName(const char* cpDatabase) {
     const std::size_t cut = std::strlen(g_sQRTLN_Global.szNotesDataDirectory);

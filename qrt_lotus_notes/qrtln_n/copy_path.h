@@ -1,7 +1,12 @@
 // Where the copy of a database lies: under TMP_DIR, at its path below the data directory.
 #pragma once
 
+#include <string_view>
+
 #include "qrt_lotus_notes/operation_state.h"
+
+// Whether a path has a component "..".
+bool leadsUpwards(std::string_view path);
 
 // The name of a database below the data directory: its path less the directory's length (the prefix
 // itself is not compared). nullptr for a path that has no such part: no "/", shorter than the data

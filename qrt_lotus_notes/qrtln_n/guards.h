@@ -1,5 +1,6 @@
-// Guards for what a backup holds: each undoes its step when it leaves scope, so the reverse of the
-// order of construction is the order of undoing. A success is said with a named call.
+// Guards for what a backup or a document restore holds: each undoes its step when it leaves scope,
+// so the reverse of the order of construction is the order of undoing. A success is said with a
+// named call.
 //
 // What a destructor calls can fail too. That is ignored: it runs because something failed before,
 // which is what the client has to hear of.
@@ -46,6 +47,36 @@ class DatabaseGuard {
 
   private:
     DBHANDLE m_handle = 0;
+};
+
+// A table of note ids; destroyed at the end of scope.
+class IdTableGuard {
+  public:
+    IdTableGuard() = default;
+    ~IdTableGuard() { destroy(); }
+    IdTableGuard(const IdTableGuard&) = delete;
+    IdTableGuard& operator=(const IdTableGuard&) = delete;
+
+    // Takes over what the call puts into the handle when it succeeds. Returns its status.
+    template <typename Call>
+    STATUS fill(Call call) {
+        destroy();
+        const STATUS status = call(&m_handle);
+        if (status != kNotesNoError) {
+            m_handle = 0; // whatever the failed call left in it is no table
+        }
+        return status;
+    }
+    void destroy() {
+        if (m_handle != 0) {
+            notes_api.IDDestroyTable(m_handle);
+            m_handle = 0;
+        }
+    }
+    DHANDLE handle() const { return m_handle; }
+
+  private:
+    DHANDLE m_handle = 0;
 };
 
 // A backup context of an open database; aborted at the end of scope. REQUIRES: outlived by the

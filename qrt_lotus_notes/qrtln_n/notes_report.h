@@ -4,6 +4,7 @@
 
 #include "common/bounded_text.h"
 #include "notes_api/notes_api.h"
+#include "qrt_lotus_notes/qrtln_n/file_name_text.h"
 #include "qrt_lotus_notes/qrtln_n/runtime_session.h"
 #include "qrt_lotus_notes/qrtln_u/messages.h"
 
@@ -21,6 +22,21 @@ inline void reportNotesError(int status) {
 // Records that the runtime is not up.
 inline void reportRuntimeNotInitialized() {
     DB_ErrHandler(0, kErrorKindNone, "%s", kRuntimeNotInitialized);
+}
+
+// Writes the LMBCS form of a path. Returns false, reported, when the server cannot be given it: it
+// does not fit, or the runtime is not up.
+inline bool translateOrReport(const char* function, const char* path, char (&szLmbcs)[kPathSize]) {
+    if (!g_sQRTLN_Global.bNotesInitialized) {
+        reportRuntimeNotInitialized();
+        return false;
+    }
+    if (!translateToLmbcs(path, szLmbcs)) {
+        DB_ErrHandler(0, kErrorKindNone, "%s(): File full path [%s] is not valid.", function,
+                      getUTF8FileName(path));
+        return false;
+    }
+    return true;
 }
 
 // How a database is logged, as the server tells it.

@@ -10,9 +10,12 @@
 //
 // Not scripted are the calls that answer without changing anything: OSTranslate puts "L:" before a
 // name and, to UTF-8, "U:" before that, so that an untranslated name is seen; OSLoadString answers
-// "Notes text N"; OSGetIntlSettings hands out `settings`; NSFDbGetBuildVersion is counted.
+// "Notes text N"; OSGetIntlSettings hands out `settings`; NSFDbGetBuildVersion is counted;
+// TimeConstant gives 4294967295 0. Tables of ids are in `tables`, a member per handle: IDScan,
+// IDIsPresent and IDInsert go by it.
 #pragma once
 
+#include <algorithm>
 #include <cstring>
 #include <functional>
 #include <map>
@@ -48,6 +51,7 @@ class ScriptedNotesApi {
         }
         installRuntime();
         installDatabases();
+        installNotes();
         installBackup();
         installLogs();
     }
@@ -72,6 +76,7 @@ class ScriptedNotesApi {
     INTLFORMAT settings = {};
     int buildVersionCalls = 0;
     std::vector<BYTE> memory = std::vector<BYTE>(32768);
+    std::map<DHANDLE, std::vector<NOTEID>> tables;
 
   private:
     inline static ScriptedNotesApi* s_current = nullptr;
@@ -177,12 +182,19 @@ class ScriptedNotesApi {
         notes_api.ConvertTextToTIMEDATE = [](const void* intl, const void* format, char** text,
                                              WORD length, TIMEDATE* time) -> STATUS {
             const auto* f = static_cast<const TFMT*>(format);
-            const Answer a = take(
-                "ConvertTextToTIMEDATE", static_cast<const INTLFORMAT*>(intl)->Flags, int{f->Date},
-                int{f->Time}, int{f->Zone}, int{f->Structure}, std::string(*text, length));
+            const std::string value(*text, length);
+            const Answer a =
+                intl == nullptr && f == nullptr
+                    ? take("ConvertTextToTIMEDATE defaults", value)
+                    : take("ConvertTextToTIMEDATE", static_cast<const INTLFORMAT*>(intl)->Flags,
+                           int{f->Date}, int{f->Time}, int{f->Zone}, int{f->Structure}, value);
             put(a, 0, &time->Innards[0]);
             put(a, 1, &time->Innards[1]);
             return a.status;
+        };
+        notes_api.TimeConstant = [](WORD type, TIMEDATE* time) {
+            EXPECT_EQ(type, 2);
+            *time = {{0xFFFFFFFF, 0}};
         };
         notes_api.ConvertTIMEDATEToText = [](const void*, const void*, const TIMEDATE* time,
                                              char* text, WORD size, WORD* length) -> STATUS {
@@ -233,6 +245,80 @@ class ScriptedNotesApi {
         notes_api.NSFIsNewBackupNeeded = [](char* path, DWORD span, DWORD* needed) -> STATUS {
             const Answer a = take("NSFIsNewBackupNeeded", path, span);
             put(a, 0, needed);
+            return a.status;
+        };
+    }
+
+    void installNotes() {
+        notes_api.NSFDbIDGet = [](DBHANDLE handle, DBID* id) -> STATUS {
+            const Answer a = take("NSFDbIDGet", handle);
+            *id = {{handle, handle}};
+            return a.status;
+        };
+        notes_api.NSFTakeDatabaseOffline = [](char* path, DWORD wait, DWORD options) {
+            return take("NSFTakeDatabaseOffline", path, wait, options).status;
+        };
+        notes_api.NSFBringDatabaseOnline = [](char* path, DWORD options) {
+            return take("NSFBringDatabaseOnline", path, options).status;
+        };
+        notes_api.NSFDbCopyNote =
+            [](DBHANDLE source, DBID* sourceId, DBID* sourceReplica, NOTEID note, DBHANDLE target,
+               DBID* targetId, DBID* targetReplica, NOTEID* newNote, WORD* noteClass) -> STATUS {
+            // The identities are those of the handles; nothing else is given or asked for.
+            EXPECT_EQ(sourceId->Innards[0], source);
+            EXPECT_EQ(targetId->Innards[0], target);
+            EXPECT_TRUE(sourceReplica == nullptr && targetReplica == nullptr);
+            EXPECT_TRUE(newNote == nullptr && noteClass == nullptr);
+            return take("NSFDbCopyNote", source, note, target).status;
+        };
+        notes_api.NSFNoteDelete = [](DBHANDLE handle, NOTEID note, WORD flags) {
+            return take("NSFNoteDelete", handle, note, flags).status;
+        };
+        notes_api.SECKFMGetUserName = [](char* name) -> STATUS {
+            const Answer a = take("SECKFMGetUserName");
+            std::memcpy(name, a.text.data(), a.text.size()); // as long as it is, unterminated
+            return a.status;
+        };
+        notes_api.NSFDbGetUnreadNoteTable = [](DBHANDLE handle, char* user, WORD length,
+                                               BOOL create, DHANDLE* table) -> STATUS {
+            const Answer a =
+                take("NSFDbGetUnreadNoteTable", handle, std::string(user, length), create);
+            put(a, 0, table);
+            return a.status;
+        };
+        notes_api.NSFDbUpdateUnread = [](DBHANDLE handle, DHANDLE table) {
+            return take("NSFDbUpdateUnread", handle, table).status;
+        };
+        notes_api.NSFDbSetUnreadNoteTable = [](DBHANDLE handle, char* user, WORD length, BOOL flush,
+                                               DHANDLE former, DHANDLE table) {
+            return take("NSFDbSetUnreadNoteTable", handle, std::string(user, length), flush, former,
+                        table)
+                .status;
+        };
+        notes_api.IDTableCopy = [](DHANDLE table, DHANDLE* copy) -> STATUS {
+            const Answer a = take("IDTableCopy", table);
+            put(a, 0, copy);
+            return a.status;
+        };
+        notes_api.IDScan = [](DHANDLE table, BOOL first, NOTEID* id) -> BOOL {
+            const auto& ids = s_current->tables[table];
+            s_current->m_scanned = first ? 0 : s_current->m_scanned + 1;
+            if (s_current->m_scanned >= ids.size()) {
+                return 0;
+            }
+            *id = ids[s_current->m_scanned];
+            return 1;
+        };
+        notes_api.IDIsPresent = [](DHANDLE table, NOTEID id) -> BOOL {
+            const auto& ids = s_current->tables[table];
+            return std::find(ids.begin(), ids.end(), id) != ids.end();
+        };
+        notes_api.IDInsert = [](DHANDLE table, NOTEID id, BOOL* inserted) -> STATUS {
+            EXPECT_EQ(inserted, nullptr);
+            const Answer a = take("IDInsert", table, id);
+            if (a.status == 0) {
+                s_current->tables[table].push_back(id);
+            }
             return a.status;
         };
     }
@@ -314,5 +400,6 @@ class ScriptedNotesApi {
     std::map<NotesSlot*, void*> m_former;
     std::vector<Step> m_steps;
     std::size_t m_next = 0;
+    std::size_t m_scanned = 0;
     bool m_failed = false;
 };
