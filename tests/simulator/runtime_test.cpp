@@ -99,8 +99,8 @@ TEST(LoadString, HasATextForEveryStatusAndCutsIt) {
     char generic[200] = {};
     ASSERT_GT(OSLoadString(0, 12345, generic, sizeof generic), 0);
     EXPECT_NE(std::strstr(generic, "12345"), nullptr);
-    for (const STATUS status :
-         {259, 272, 499, 513, 572, 3748, 3758, 5086, 5098, 5114, 5119, 0x3F01, 0x3F06, 0x3F11}) {
+    for (const STATUS status : {259, 272, 499, 513, 572, 3748, 3758, 5086, 5098, 5114, 5119, 0x3F01,
+                                0x3F06, 0x3F11, 0x3F12, 0x3F13, 0x3F14, 0x3F15}) {
         char text[200] = {};
         const WORD length = OSLoadString(0, status, text, sizeof text);
         EXPECT_GT(length, 0);

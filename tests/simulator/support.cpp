@@ -142,6 +142,22 @@ void Workload::stop() {
     }
 }
 
+Holder::Holder(const TestServer& server, const std::string& database, const std::string& seconds) {
+    const fs::path output = server.folder / "holder.out";
+    fs::remove(output);
+    m_pid =
+        spawn({DOMINO_SIM, "hold", server.root(), database, "--seconds", seconds}, output.string());
+    while (readFile(output).find('\n') == std::string::npos) {
+        ::usleep(1000);
+    }
+    EXPECT_EQ(readFile(output), "holds " + database + "\n");
+}
+
+Holder::~Holder() {
+    ::kill(m_pid, SIGTERM);
+    EXPECT_EQ(await(m_pid), 0);
+}
+
 OpenDb::OpenDb(const std::string& path) {
     EXPECT_EQ(NSFDbOpen(path.c_str(), &handle), 0) << path;
 }

@@ -78,6 +78,19 @@ class Workload {
     pid_t m_pid = -1;
 };
 
+/// Another process that has a database open.
+class Holder {
+  public:
+    /// Returns once the database is open. With seconds it ends by itself.
+    Holder(const TestServer& server, const std::string& database, const std::string& seconds = "0");
+    ~Holder();
+    Holder(const Holder&) = delete;
+    Holder& operator=(const Holder&) = delete;
+
+  private:
+    pid_t m_pid = -1;
+};
+
 /// An open database that closes itself.
 class OpenDb {
   public:
