@@ -1,0 +1,320 @@
+// Restores at the module's interface, over the simulator.
+#include <cstring>
+#include <gmock/gmock.h>
+#include <regex>
+
+#include "notes_api/types.h"
+#include "tests/interface/module_host.h"
+#include "tests/interface/own_process.h"
+
+namespace {
+
+using ::testing::HasSubstr;
+using ::testing::IsEmpty;
+
+namespace fs = std::filesystem;
+
+// A server with a store of what its databases were, and a client that restores from it as the
+// module tells it to.
+class RestoringClient {
+  public:
+    RestoringClient() {
+        for (const char* name : {"names.nsf", "mail/user1.nsf"}) {
+            const fs::path stored = server.folder.file(std::string("store/") + name);
+            fs::create_directories(stored.parent_path());
+            fs::copy_file(server.data(name), stored);
+        }
+    }
+
+    // Announces a directory and returns where it is to be.
+    std::string directory(const std::string& path) {
+        char szItem[1028] = "";
+        path.copy(szItem, sizeof szItem - 1);
+        EXPECT_EQ(module.SetItem(DB_ITEM_TYPE_DIRECTORY, szItem), DB_NUM_I_OK) << module.error();
+        return szItem;
+    }
+
+    // Announces a file, writes what the store has under `name` where the module says, and finishes
+    // it; `target` is where. Returns the answer to the finish, or to the announcement.
+    int file(const std::string& path, const std::string& name) {
+        char szItem[1028] = "";
+        path.copy(szItem, sizeof szItem - 1);
+        if (const int result = module.SetItem(DB_ITEM_TYPE_FILE, szItem); result != DB_NUM_I_OK) {
+            return result;
+        }
+        target = szItem;
+        fs::create_directories(fs::path(target).parent_path());
+        fs::copy_file(server.folder.file("store/" + name), target,
+                      fs::copy_options::overwrite_existing);
+        return module.ItemFinishStatus(DB_ITEM_SUCCESS);
+    }
+
+    // Restores one database that the client announces in its directory.
+    int restore(const std::string& name) {
+        const std::string path = server.data(name);
+        directory(path.substr(0, path.rfind('/')));
+        return file(path, name);
+    }
+
+    int open(std::vector<std::string> variables, DB_OPERATION_LEVEL level = DB_LEVEL_FULL) {
+        if (std::none_of(variables.begin(), variables.end(), [](const std::string& variable) {
+                return variable.starts_with("DATABASE=");
+            })) {
+            variables.emplace_back("DATABASE=NOTES");
+        }
+        return module.open(server, DB_TYPE_RST, level, variables);
+    }
+
+    // A sound database's content and its notes' ids, a line each, as domino-sim prints them.
+    std::string shown(const std::string& file) const {
+        const std::string output = server.folder.file("shown");
+        const std::string command = QRTLN_DOMINO_SIM " show --ids " + file +
+                                    " | grep -v -e ^file: " + "-e ^offline: > " + output;
+        EXPECT_EQ(std::system(command.c_str()), 0) << file;
+        const std::string text = server.folder.read("shown");
+        EXPECT_THAT(text, HasSubstr("integrity: ok"));
+        return text;
+    }
+    bool hasNote(const std::string& name, const std::string& id) const {
+        return std::regex_search(shown(server.data(name)), std::regex("\n +" + id + "[,\n]"));
+    }
+    // Writes a note and returns its id.
+    std::string put(const std::string& name, const std::string& options = "") const {
+        const std::string command = QRTLN_DOMINO_SIM " put " + server.server() + " " + name + " " +
+                                    options + " > " + server.folder.file("put");
+        EXPECT_EQ(std::system(command.c_str()), 0);
+        std::string id = server.folder.read("put");
+        id.erase(id.find_last_not_of('\n') + 1);
+        return id;
+    }
+    // Takes the present content of a database into the store.
+    void store(const std::string& name) const {
+        fs::copy_file(server.data(name), server.folder.file("store/" + name),
+                      fs::copy_options::overwrite_existing);
+    }
+
+    SimulatedServer server;
+    Module module;
+    std::string target;
+};
+
+TEST(Restore, LostDatabasesActivatedAreInPlaceAndReadable) {
+    for (const bool directoryLost : {false, true}) {
+        SCOPED_TRACE(directoryLost);
+        inOwnProcess([&] {
+            RestoringClient client;
+            fs::remove(client.server.data("mail/user1.nsf"));
+            if (directoryLost) {
+                fs::remove_all(client.server.data("mail"));
+            }
+            ASSERT_EQ(client.open({"ACTIVATE=YES"}), DB_NUM_I_OK) << client.module.error();
+            EXPECT_EQ(client.restore("mail/user1.nsf"), DB_NUM_I_OK) << client.module.error();
+            EXPECT_EQ(client.target, client.server.folder.file("tmp/mail/user1.nsf"));
+            EXPECT_EQ(client.restore("names.nsf"), DB_NUM_I_OK) << "over a live one";
+            EXPECT_THAT(client.server.filesBelow("tmp"), IsEmpty());
+            EXPECT_EQ(client.server.calls("NSFTakeDatabaseOffline("), 1);
+            EXPECT_EQ(client.server.calls("NSFBringDatabaseOnline("), 2);
+            EXPECT_EQ(client.module.close("STATUS=0"), DB_NUM_I_OK);
+            for (const char* name : {"names.nsf", "mail/user1.nsf"}) {
+                client.shown(client.server.data(name));
+                client.put(name); // its users can write to it
+            }
+        });
+    }
+}
+
+TEST(Restore, ADatabaseInUseIsNotTouchedAndTheCopyStays) {
+    inOwnProcess([] {
+        RestoringClient client;
+        client.put("names.nsf"); // newer than the copy
+        const std::string before = client.shown(client.server.data("names.nsf"));
+        ASSERT_EQ(client.open({"ACTIVATE=YES"}), DB_NUM_I_OK);
+        std::uint32_t handle = 0;
+        const auto openDatabase =
+            simulatorFunction<std::uint16_t (*)(const char*, std::uint32_t*)>("NSFDbOpen");
+        ASSERT_EQ(openDatabase("names.nsf", &handle), 0);
+        EXPECT_EQ(client.restore("names.nsf"), DB_NUM_E_FAILED);
+        EXPECT_EQ(client.shown(client.server.data("names.nsf")), before);
+        EXPECT_THAT(client.server.filesBelow("tmp"), ::testing::ElementsAre("names.nsf"));
+        EXPECT_TRUE(Module::logged("QRTLN_Activate(): WARNING: Please shutdown notes server and do "
+                                   "manually:  dbrecover RESTORE " +
+                                   client.target + " " + client.server.data("names.nsf")));
+        EXPECT_NE(client.module.error(), "");
+        EXPECT_EQ(client.module.close("STATUS=1"), DB_NUM_I_OK);
+    });
+}
+
+TEST(Restore, WithoutActivationDatabasesWaitUnderTmpDirAndOtherFilesGoToTheirPlace) {
+    inOwnProcess([] {
+        RestoringClient client;
+        const std::string live = client.shown(client.server.data("names.nsf"));
+        client.put("names.nsf");
+        const std::string newer = client.shown(client.server.data("names.nsf"));
+        ASSERT_EQ(client.open({}), DB_NUM_I_OK);
+        EXPECT_EQ(client.restore("names.nsf"), DB_NUM_I_OK);
+        EXPECT_EQ(client.shown(client.server.folder.file("tmp/names.nsf")), live);
+        EXPECT_EQ(client.shown(client.server.data("names.nsf")), newer);
+        EXPECT_EQ(client.file(client.server.data("user.id"), "names.nsf"), DB_NUM_I_OK);
+        EXPECT_EQ(client.target, client.server.data("user.id"));
+        // Outside the data directory a database is written where the client asks.
+        const std::string elsewhere = client.server.folder.file("elsewhere/x.nsf");
+        EXPECT_EQ(client.file(elsewhere, "names.nsf"), DB_NUM_I_OK);
+        EXPECT_EQ(client.target, elsewhere);
+        EXPECT_EQ(client.server.calls("NSFTakeDatabaseOffline("), 0);
+        client.module.close("STATUS=0");
+    });
+}
+
+TEST(Restore, RelocationChoosesTheRelocatedPaths) {
+    struct Case {
+        const char* info;
+        bool plain;
+    };
+    for (const Case& c : {Case{"INFO=-R \"@/r\"", false}, Case{"INFO=-R \"@/r\" -o \"p\"", true}}) {
+        SCOPED_TRACE(c.info);
+        inOwnProcess([&] {
+            RestoringClient client;
+            std::string info = c.info;
+            info.replace(info.find('@'), 1, client.server.folder.path());
+            const std::string name = client.server.data("names.nsf");
+            ASSERT_EQ(client.open({"DATABASE=QRTLN:" + name, info}), DB_NUM_I_OK)
+                << client.module.error();
+            const std::string root = client.server.folder.file("r");
+            const std::string relocated = root + (c.plain ? "/names.nsf" : name);
+            const std::string folder = relocated.substr(0, relocated.rfind('/'));
+            EXPECT_EQ(client.directory(folder), folder) << "kept";
+            EXPECT_EQ(client.file(relocated, "names.nsf"), DB_NUM_I_OK) << client.module.error();
+            EXPECT_EQ(client.target, relocated);
+            client.shown(relocated);
+            // What was not chosen is not restored, without a word.
+            Module::s_logs.clear();
+            EXPECT_EQ(client.file(root + "/other.id", "names.nsf"), DB_NUM_E_FAILED);
+            EXPECT_THAT(Module::s_logs, IsEmpty());
+            EXPECT_EQ(client.module.close("STATUS=0"), DB_NUM_I_OK);
+        });
+    }
+}
+
+TEST(Restore, IncrementalLevelRestoresTransactionLogsAlone) {
+    inOwnProcess([] {
+        RestoringClient client;
+        ASSERT_EQ(client.open({"ACTIVATE=YES"}, DB_LEVEL_INCR), DB_NUM_I_OK);
+        const std::string log = client.server.folder.file("logs2/S0000001.TXN");
+        EXPECT_EQ(client.file(log, "names.nsf"), DB_NUM_I_OK);
+        EXPECT_EQ(client.target, log);
+        EXPECT_EQ(client.file(client.server.data("user.id"), "names.nsf"), DB_NUM_E_FAILED);
+        EXPECT_EQ(client.server.calls("NSFBringDatabaseOnline("), 0);
+        client.module.close("STATUS=0");
+    });
+}
+
+// The notes of mail/user1.nsf that are unread for the server's user, asked in this process.
+std::vector<std::string> unread() {
+    DWORD handle = 0;
+    DHANDLE table = 0;
+    char szUser[258] = "";
+    EXPECT_EQ(
+        simulatorFunction<STATUS (*)(const char*, DWORD*)>("NSFDbOpen")("mail/user1.nsf", &handle),
+        0);
+    EXPECT_EQ(simulatorFunction<STATUS (*)(char*)>("SECKFMGetUserName")(szUser), 0);
+    EXPECT_EQ(simulatorFunction<STATUS (*)(DWORD, char*, WORD, BOOL, DHANDLE*)>(
+                  "NSFDbGetUnreadNoteTable")(handle, szUser, static_cast<WORD>(std::strlen(szUser)),
+                                             0, &table),
+              0);
+    std::vector<std::string> ids;
+    NOTEID id = 0;
+    const auto scan = simulatorFunction<BOOL (*)(DHANDLE, BOOL, NOTEID*)>("IDScan");
+    for (BOOL first = 1; scan(table, first, &id) != 0; first = 0) {
+        ids.push_back(std::to_string(id));
+    }
+    return ids;
+}
+
+TEST(Restore, DeletedDocumentsComeBackUnread) {
+    inOwnProcess([] {
+        RestoringClient client;
+        const std::string id = client.put("mail/user1.nsf", "--text important");
+        client.store("mail/user1.nsf");
+        const std::string later = client.put("mail/user1.nsf");
+        client.server.simulate("delete " + client.server.server() + " mail/user1.nsf " + id);
+        ASSERT_FALSE(client.hasNote("mail/user1.nsf", id));
+        ASSERT_EQ(client.open({"INFO=-o \"deld=202001010000\""}), DB_NUM_I_OK);
+        EXPECT_EQ(client.restore("mail/user1.nsf"), DB_NUM_I_OK) << client.module.error();
+        EXPECT_TRUE(Module::traced("setNotesAsUnread(): Setting note (" + id + ") as unread."));
+        EXPECT_EQ(client.server.calls("NSFDbCopyNote("), 1);
+        EXPECT_TRUE(fs::exists(client.target)) << "the copy stays";
+        EXPECT_THAT(unread(), ::testing::ElementsAre(id));
+        EXPECT_EQ(client.module.close("STATUS=0"), DB_NUM_I_OK);
+        EXPECT_TRUE(client.hasNote("mail/user1.nsf", id));
+        EXPECT_TRUE(client.hasNote("mail/user1.nsf", later)) << "what came later stays";
+    });
+}
+
+TEST(Restore, ChangedDocumentsOnTheListComeBackAndTheListIsDeleted) {
+    struct Case {
+        const char* ending;
+        long copied;
+    };
+    // With carriage returns the list selects nothing, and is deleted all the same.
+    for (const Case& c : {Case{"\n", 1}, Case{"\r\n", 0}}) {
+        SCOPED_TRACE(c.copied);
+        inOwnProcess([&] {
+            RestoringClient client;
+            const std::string id = client.put("names.nsf", "--text original");
+            const std::string other = client.put("names.nsf", "--text original");
+            client.store("names.nsf");
+            client.put("names.nsf", "--text changed --id " + id);
+            client.put("names.nsf", "--text changed --id " + other);
+            client.server.folder.write("server/data/noteids_list.txt", id + c.ending);
+            ASSERT_EQ(client.open({"INFO=-o \"chgd=202001010000\""}), DB_NUM_I_OK);
+            EXPECT_EQ(client.restore("names.nsf"), DB_NUM_I_OK) << client.module.error();
+            EXPECT_EQ(client.server.calls("NSFNoteDelete("), c.copied);
+            EXPECT_EQ(client.server.calls("NSFDbCopyNote("), c.copied);
+            EXPECT_FALSE(fs::exists(client.target));
+            EXPECT_FALSE(fs::exists(client.server.data("noteids_list.txt")));
+            EXPECT_EQ(client.module.close("STATUS=0"), DB_NUM_I_OK);
+            EXPECT_TRUE(client.hasNote("names.nsf", id));
+        });
+    }
+}
+
+// Each call of a document restore fails once; after each no handle or table is left.
+TEST(Restore, AFailingCallLeavesNoHandle) {
+    const char* const functions[] = {
+        "ConvertTextToTIMEDATE",   "NSFDbIDGet",        "NSFDbGetModifiedNoteTable",
+        "NSFDbCopyNote",           "SECKFMGetUserName", "NSFDbGetUnreadNoteTable",
+        "NSFDbUpdateUnread",       "IDTableCopy",       "IDInsert",
+        "NSFDbSetUnreadNoteTable", "NSFDbOpen",         "NSFDbClose"};
+    for (const char* function : functions) {
+        for (int nth = 1; nth <= 2; ++nth) {
+            SCOPED_TRACE(std::string(function) + "#" + std::to_string(nth));
+            inOwnProcess([&] {
+                RestoringClient client;
+                const std::string id = client.put("names.nsf");
+                client.store("names.nsf");
+                client.server.simulate("delete " + client.server.server() + " names.nsf " + id);
+                ASSERT_EQ(client.open({"INFO=-o \"deld=202001010000\""}), DB_NUM_I_OK);
+                simulatorFunction<decltype(&NotesSimSetFaults)>("NotesSimSetFaults")(
+                    (std::string(function) + "#" + std::to_string(nth) + "=777").c_str());
+                const int result = client.restore("names.nsf");
+                const bool fired =
+                    simulatorFunction<decltype(&NotesSimFaultsFired)>("NotesSimFaultsFired")() > 0;
+                EXPECT_TRUE(fired || nth == 2);
+                // Unread marks are not worth a failure.
+                const std::string name = function;
+                const bool tolerated = name.find("nread") != std::string::npos ||
+                                       name.starts_with("ID") || name.starts_with("SEC");
+                EXPECT_EQ(result, fired && !tolerated ? DB_NUM_E_FAILED : DB_NUM_I_OK);
+                // A close that failed has left its own handle.
+                const auto outstanding =
+                    simulatorFunction<decltype(&NotesSimOutstanding)>("NotesSimOutstanding");
+                EXPECT_EQ(outstanding(NOTES_SIM_DATABASES),
+                          fired && name == "NSFDbClose" ? 1u : 0u);
+                EXPECT_EQ(outstanding(NOTES_SIM_ID_TABLES), 0u);
+                client.module.close("STATUS=1");
+            });
+        }
+    }
+}
+
+} // namespace
