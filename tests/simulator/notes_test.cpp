@@ -140,6 +140,18 @@ TEST_F(DocumentRestore, CopyOverANewNoteUnderAnOldIdIsRefused) {
     EXPECT_EQ(noteOf(server.data("names.nsf"), kFirstNote), other);
 }
 
+TEST_F(DocumentRestore, CopyOfANoteThatIsThereUnderAnotherIdIsRefused) {
+    sqlite3* database = nullptr;
+    ASSERT_EQ(sqlite3_open(backupFile.c_str(), &database), SQLITE_OK);
+    EXPECT_EQ(sqlite3_exec(database, "UPDATE notes SET note_id=77777 WHERE note_id=2294", nullptr,
+                           nullptr, nullptr),
+              SQLITE_OK);
+    sqlite3_close(database);
+    const auto before = shown();
+    EXPECT_EQ(copy(77777), kNoteExists);
+    EXPECT_EQ(shown(), before);
+}
+
 TEST_F(DocumentRestore, CopyIntoAnotherDatabaseKeepsIdsApart) {
     dominoSim({"create", server.root(), "empty.nsf", "--notes", "0"});
     const OpenDb empty("empty.nsf");
