@@ -288,6 +288,10 @@ int setItem(DB_ITEM_TYPE e_ItemType, char* cpItem) {
     if (e_ItemType != DB_ITEM_TYPE_DIRECTORY && e_ItemType != DB_ITEM_TYPE_FILE) {
         return DB_NUM_I_OK;
     }
+    // In a backup it would become an item whose finish removes copies.
+    if (g_sQRTLN_Global.eI_OperationType != DB_TYPE_RST) {
+        return fail(kOperationNotExpected);
+    }
     char szName[kPathSize];
     if (!copyText(szName, cpItem)) {
         DB_ErrHandler(0, kErrorKindNone, "DB_SetItem(): the item's path is longer than %zu",

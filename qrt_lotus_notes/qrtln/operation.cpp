@@ -114,6 +114,8 @@ int initOperation(DB_OPERATION_TYPE eI_OperationType, DB_OPERATION_LEVEL eI_Oper
     g_sQRTLN_Global.eI_OperationLevel = eI_OperationLevel;
     g_sQRTLN_Global.bNotesInitialized = FALSE;
     g_sQRTLN_Global.bWithArchiveLogs = FALSE;
+    // A directory that another operation announced is no place for what this one restores.
+    szCurrentOriginalDirectory[0] = '\0';
     requestStop(false);
 
     if (pDB_QRT_Params != nullptr) {

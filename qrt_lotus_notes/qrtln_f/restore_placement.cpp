@@ -392,6 +392,8 @@ int QRTLN_SetFile(char* cpFile, const char* cpOriginalDir) {
     if (!copyText(szFile, cpFile)) {
         return refuseTooLong(cpFile, std::strlen(cpFile) + 1);
     }
+    // Placed before it is known whether it is selected: a skipped database leaves its directory
+    // under TMP_DIR, as clients have always found it.
     if (isFileNotesNSF(cpFile) && placeDatabase(cpFile) != DB_NUM_I_OK) {
         return DB_NUM_E_FAILED;
     }

@@ -144,6 +144,23 @@ TEST(Restore, ADatabaseInUseIsNotTouchedAndTheCopyStays) {
     });
 }
 
+TEST(Restore, DirectoryOfAnEarlierOperationIsNoPlaceForAnActivation) {
+    inOwnProcess([] {
+        RestoringClient client;
+        ASSERT_EQ(client.open({"ACTIVATE=YES"}), DB_NUM_I_OK);
+        EXPECT_EQ(client.restore("mail/user1.nsf"), DB_NUM_I_OK);
+        client.module.close("STATUS=0");
+        client.module.error();
+        ASSERT_EQ(client.open({"ACTIVATE=YES"}), DB_NUM_I_OK);
+        EXPECT_EQ(client.file(client.server.data("names.nsf"), "names.nsf"), DB_NUM_E_FAILED);
+        EXPECT_EQ(client.module.error(),
+                  "QRTLN_Activate(): no directory was announced for file [names.nsf]");
+        EXPECT_FALSE(fs::exists(client.server.data("mail/names.nsf")));
+        EXPECT_TRUE(fs::exists(client.target));
+        client.module.close("STATUS=1");
+    });
+}
+
 TEST(Restore, WithoutActivationDatabasesWaitUnderTmpDirAndOtherFilesGoToTheirPlace) {
     inOwnProcess([] {
         RestoringClient client;

@@ -165,6 +165,11 @@ TEST(States, ItemsOfABackupAreNotSetAndTheLongPathPrefixIsDropped) {
         char szItem[1028] = "\\\\?\\/a/b.nsf";
         EXPECT_EQ(module.SetItem(DB_ITEM_TYPE_SITE, szItem), DB_NUM_I_OK);
         EXPECT_STREQ(szItem, "/a/b.nsf");
+        for (const DB_ITEM_TYPE type : {DB_ITEM_TYPE_DIRECTORY, DB_ITEM_TYPE_FILE}) {
+            EXPECT_EQ(module.SetItem(type, szItem), DB_NUM_E_FAILED);
+            EXPECT_EQ(module.error(), kNotExpected);
+            EXPECT_STREQ(szItem, "/a/b.nsf");
+        }
         module.close("STATUS=1");
     });
 }

@@ -329,6 +329,14 @@ TEST_F(RestorePlacement, SixWaysSelectAFile) {
     }
 }
 
+TEST_F(RestorePlacement, ASkippedDatabaseHasItsDirectoryAllTheSame) {
+    restore(DB_LEVEL_FULL, QRTLN_OPERATION_TYPE_PARTICULAR);
+    queue({"@/data/other.nsf"});
+    EXPECT_EQ(setFile("@/data/m/a.nsf"), 12);
+    EXPECT_EQ(target, full("@/tmp/m/a.nsf"));
+    EXPECT_TRUE(server.folder.exists("tmp/m"));
+}
+
 TEST_F(RestorePlacement, ADirectoryTooLongForTheNameSelectsNothing) {
     restore(DB_LEVEL_FULL, QRTLN_OPERATION_TYPE_PARTICULAR);
     queue({"*"});
