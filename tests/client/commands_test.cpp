@@ -349,6 +349,8 @@ TEST_F(Commands, WhatAKilledRunOwesIsSavedFirstAndOnlyWhatIsStoredIsStruckOut) {
         for (int i = 0; i < 2000 && !fs::exists(mark); ++i)
             std::this_thread::sleep_for(5ms);
     } // SIGKILL
+    for (int i = 0; i < 2000 && journal().find("close STATUS=1") == std::string::npos; ++i)
+        std::this_thread::sleep_for(5ms);
     EXPECT_THAT(read_file(owed), HasSubstr(names));
     fs::remove(m_data + "/gone.nsf");
     const struct {
