@@ -222,7 +222,7 @@ TEST_F(DocumentRestoreTest, EachFailureReleasesEverythingAndSaysWhat) {
 
 TEST_F(DocumentRestoreTest, NothingIsReadFromTheBackupWhenNoListedDocumentChanged) {
     list("8");
-    script.tables[10] = {4};
+    script.tables[10] = {4, kDeletedBit | 8}; // a deleted one is no changed one
     script.play(begun + std::vector<Step>{documentsOfOriginal(), destroyed(10)} + closed);
     EXPECT_EQ(restoreChanged(), 3000);
     EXPECT_TRUE(messages.hasTrace("RestoreChangedDocuments(): Selected LN documents has not been "
