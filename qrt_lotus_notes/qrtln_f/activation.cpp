@@ -48,9 +48,12 @@ bool takeOffline(const char* cpFile, const char* szTargetFile, bool bInPlace) {
     }
     if (!bInPlace) {
         // A command to be typed: the paths as they are. The copy stays for it.
-        DB_LogExt("QRTLN_Activate(): WARNING: Please shutdown notes server and do manually:  "
-                  "dbrecover RESTORE %s %s",
-                  cpFile, szTargetFile);
+        char szMsg[kMessageSize];
+        formatText(szMsg, sizeof szMsg,
+                   "QRTLN_Activate(): WARNING: Please shutdown notes server and do manually:  "
+                   "dbrecover RESTORE %s %s",
+                   cpFile, szTargetFile);
+        DB_LogExt("%s", szMsg);
     }
     return false;
 }

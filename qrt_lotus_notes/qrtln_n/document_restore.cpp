@@ -23,6 +23,7 @@ constexpr NOTEID kDeletedNote = 0x80000000;
 constexpr std::size_t kUserNameSize = 257;
 
 using SinceText = char[32];
+using NoteIdText = char[16];
 using NoteIds = std::unordered_set<NOTEID>;
 
 enum class Kind { deleted, changed };
@@ -33,8 +34,8 @@ bool isDeleted(Kind kind) {
 
 // An id as lists of ids have it: decimal, and negative with the high bit set, as the C function
 // that wrote them once took it for an int.
-std::string noteIdText(NOTEID id) {
-    return std::to_string(static_cast<int>(id));
+void formatNoteId(NOTEID id, NoteIdText& szNoteId) {
+    formatText(szNoteId, sizeof szNoteId, "%d", static_cast<int>(id));
 }
 
 // The point in time as the server's default settings read it. The month comes first whatever the
@@ -220,17 +221,17 @@ bool restoreDeletedNote(Databases& databases, NOTEID id) {
 // Replaces one changed document. It is gone from the original between the two calls, and stays so
 // when the copy fails. Changed documents are not marked unread: their readers have read them.
 bool restoreChangedNote(Databases& databases, NOTEID id) {
-    const std::string text = noteIdText(id);
+    NoteIdText szNoteId;
+    formatNoteId(id, szNoteId);
     DB_TraceExt("RestoreChangedDocuments(): Deleting note (%s) from original database ...",
-                text.c_str());
+                szNoteId);
     const STATUS status = notes_api.NSFNoteDelete(databases.original.handle(), id, 0);
     if (status != kNotesNoError) {
         DB_TraceExt("RestoreChangedDocuments(): NSFNoteDelete() call failed.");
         reportNotesError(status);
         return false;
     }
-    DB_TraceExt("RestoreChangedDocuments(): Copying note (%s) to original database ...",
-                text.c_str());
+    DB_TraceExt("RestoreChangedDocuments(): Copying note (%s) to original database ...", szNoteId);
     return copyToOriginal(Kind::changed, databases, id);
 }
 
@@ -410,7 +411,9 @@ int RestoreChangedDocuments(const char* cpOriginalDb, const char* cpBackupDb,
     const std::unordered_set<std::string> listed = textsOf(lhInputNoteIds);
     NoteIds toRestore;
     forEachId(table, [&](NOTEID id) {
-        if (listed.count(noteIdText(id)) != 0) {
+        NoteIdText szNoteId;
+        formatNoteId(id, szNoteId);
+        if (listed.count(szNoteId) != 0) {
             toRestore.insert(id);
         }
         return true;

@@ -301,43 +301,4 @@ TEST(Restore, ChangedDocumentsOnTheListComeBackAndTheListIsDeleted) {
     }
 }
 
-// Each call of a document restore fails once; after each no handle or table is left.
-TEST(Restore, AFailingCallLeavesNoHandle) {
-    const char* const functions[] = {
-        "ConvertTextToTIMEDATE",   "NSFDbIDGet",        "NSFDbGetModifiedNoteTable",
-        "NSFDbCopyNote",           "SECKFMGetUserName", "NSFDbGetUnreadNoteTable",
-        "NSFDbUpdateUnread",       "IDTableCopy",       "IDInsert",
-        "NSFDbSetUnreadNoteTable", "NSFDbOpen",         "NSFDbClose"};
-    for (const char* function : functions) {
-        for (int nth = 1; nth <= 2; ++nth) {
-            SCOPED_TRACE(std::string(function) + "#" + std::to_string(nth));
-            inOwnProcess([&] {
-                RestoringClient client;
-                const std::string id = client.put("names.nsf");
-                client.store("names.nsf");
-                client.server.simulate("delete " + client.server.server() + " names.nsf " + id);
-                ASSERT_EQ(client.open({"INFO=-o \"deld=202001010000\""}), DB_NUM_I_OK);
-                simulatorFunction<decltype(&NotesSimSetFaults)>("NotesSimSetFaults")(
-                    (std::string(function) + "#" + std::to_string(nth) + "=777").c_str());
-                const int result = client.restore("names.nsf");
-                const bool fired =
-                    simulatorFunction<decltype(&NotesSimFaultsFired)>("NotesSimFaultsFired")() > 0;
-                EXPECT_TRUE(fired || nth == 2);
-                // Unread marks are not worth a failure.
-                const std::string name = function;
-                const bool tolerated = name.find("nread") != std::string::npos ||
-                                       name.starts_with("ID") || name.starts_with("SEC");
-                EXPECT_EQ(result, fired && !tolerated ? DB_NUM_E_FAILED : DB_NUM_I_OK);
-                // A close that failed has left its own handle.
-                const auto outstanding =
-                    simulatorFunction<decltype(&NotesSimOutstanding)>("NotesSimOutstanding");
-                EXPECT_EQ(outstanding(NOTES_SIM_DATABASES),
-                          fired && name == "NSFDbClose" ? 1u : 0u);
-                EXPECT_EQ(outstanding(NOTES_SIM_ID_TABLES), 0u);
-                client.module.close("STATUS=1");
-            });
-        }
-    }
-}
-
 } // namespace
