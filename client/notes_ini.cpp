@@ -67,14 +67,15 @@ NotesIni load_notes_ini(const std::string& file) {
     if (resolved)
         content = read_small_file(AT_FDCWD, *resolved, maximal_size);
     if (!content)
-        throw ClientError(ExitCode::failed,
-                          "cannot read the notes.ini " + shown + ": " + system_error_text(errno),
+        throw ClientError(ExitCode::server_error,
+                          "cannot read the notes.ini " + shown + ": " +
+                              (errno == EINVAL ? "it is not a file" : system_error_text(errno)),
                           "name the server's notes.ini with --notes-ini");
     auto variables = parse_notes_ini(*content);
     ini.data_directory = directory_value(variables, "directory");
     ini.program_directory = directory_value(variables, "notesprogram");
     if (!ini.data_directory.starts_with('/'))
-        throw ClientError(ExitCode::failed,
+        throw ClientError(ExitCode::server_error,
                           ini.data_directory.empty()
                               ? "the notes.ini " + shown + " does not set Directory"
                               : "the notes.ini " + shown + " sets Directory to '" +
@@ -86,7 +87,7 @@ NotesIni load_notes_ini(const std::string& file) {
                 : S_ISDIR(status.st_mode)                        ? 0
                                                                  : ENOTDIR;
     if (error != 0)
-        throw ClientError(ExitCode::failed,
+        throw ClientError(ExitCode::server_error,
                           "cannot open the data directory " + for_terminal(ini.data_directory) +
                               " of " + shown + ": " + system_error_text(error),
                           "is the server's disk mounted, and is this its notes.ini?");

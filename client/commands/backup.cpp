@@ -75,6 +75,11 @@ int BackupRun::run() {
         throw;
     }
     report_gaps(m_manifest);
+    if (code_of(m_manifest) == static_cast<int>(ExitCode::items_failed))
+        print_error("the set " + m_manifest.set + " is stored, but it is not complete",
+                    "see what failed above; run as a user who may read every database, have the "
+                    "server repair or remove what is no database, then back up again: until then "
+                    "the server keeps its logs");
     return report();
 }
 
@@ -82,7 +87,7 @@ void BackupRun::check_selection() {
     m_request.arguments = resolve_database_arguments(m_options.databases, m_ini.data_directory);
     m_request.scan = scan_selection(m_ini.data_directory, m_request.arguments);
     if (m_request.arguments.empty() && m_request.scan.databases == 0)
-        throw ClientError(ExitCode::failed,
+        throw ClientError(ExitCode::server_error,
                           "there is no database below the data directory " +
                               for_terminal(m_ini.data_directory) + " of " +
                               for_terminal(m_ini.file),

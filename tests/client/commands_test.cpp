@@ -443,8 +443,8 @@ TEST_F(Commands, WrongPlacesAndUsesHaveTheirExitCodes) {
         {{"show", "latest", "--store", none}, 10},
         {{"verify", "--store", m_scratch / "other"}, 10},
         {{"backup", "--notes-ini", m_ini, "--store", m_scratch / "other"}, 10},
-        {{"backup", "--notes-ini", none, "--store", m_store}, 1},
-        {{"backup", "--notes-ini", m_scratch / "bare.ini", "--store", m_store}, 1},
+        {{"backup", "--notes-ini", none, "--store", m_store}, 14},
+        {{"backup", "--notes-ini", m_scratch / "bare.ini", "--store", m_store}, 14},
         {arguments({"--tmp-dir", m_data}), 2}, // given twice
         {{"backup", "--notes-ini", m_ini, "--store", m_store, "--tmp-dir", m_data}, 1},
         {{"backup", "--notes-ini", m_ini, "--store", m_store, "--tmp-dir", none}, 1},

@@ -156,7 +156,7 @@ TEST(NotesIni, OfNoServerIsRefused) {
         {"none.ini", "does not set Directory"},
         {"relative.ini", "not an absolute path"},
         {"gone.ini", "No such file"},
-        {".", "Invalid argument"},
+        {".", "it is not a file"},
     };
     for (const auto& [file, reason] : cases) {
         SCOPED_TRACE(file);
@@ -164,7 +164,7 @@ TEST(NotesIni, OfNoServerIsRefused) {
             load_notes_ini(scratch / file);
             ADD_FAILURE() << "accepted";
         } catch (const ClientError& failure) {
-            EXPECT_EQ(failure.exit_code(), 1);
+            EXPECT_EQ(failure.exit_code(), 14);
             EXPECT_THAT(failure.what(), HasSubstr(reason));
         }
     }
