@@ -38,10 +38,11 @@ class Incremental : public OverTheSimulator {
         m_errors = outcome.errors;
         return json::parse(outcome.output);
     }
-    // Users write until so many extents are full.
+    // Users write until so many extents are full. Each change fits in one.
     void fill_extents(std::size_t count) const {
+        const std::string text(9000, 'x');
         for (int i = 0; i < 1000 && extents().size() <= count; ++i)
-            ASSERT_EQ(domino("put " + m_server + " mail/user1.nsf --count 5"), 0);
+            ASSERT_EQ(domino("put " + m_server + " mail/user1.nsf --count 5 --text " + text), 0);
     }
     // Another program archives logs: takes one if told so, and is killed in its session.
     void killed_archiver(bool takes_one) const {

@@ -41,10 +41,11 @@ class SimulatedServer {
         }
     }
 
-    // Fills log extents, so that some are ready to be archived.
+    // Fills log extents, so that some are ready to be archived. Each change fits in one.
     void fillLog() const {
+        const std::string text(9000, 'x');
         for (int i = 0; i < 8; ++i) {
-            simulate("put " + server() + " names.nsf --count 5");
+            simulate("put " + server() + " names.nsf --count 5 --text " + text);
         }
     }
 
