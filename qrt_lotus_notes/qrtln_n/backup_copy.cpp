@@ -301,6 +301,32 @@ bool allocateBuffer(BufferGuard& buffer, void (*say)(const char* step)) {
     return true;
 }
 
+// Opens what the copy needs and copies the database as it lies there, with what the server writes
+// meanwhile half in it. Reports the step that failed; the guards undo what was done.
+bool copyToTemporaryDirectory(DBHANDLE hDB, DHANDLE hBackupContext, const char* original,
+                              char* directory, StreamGuard& source, TemporaryCopyGuard& copy,
+                              BufferGuard& buffer, DWORD dwFileSizeLow, DWORD dwFileSizeHigh) {
+    if (!openStreams(original, directory, source, copy) ||
+        !checkLength(original, source.stream(), dwFileSizeLow, dwFileSizeHigh) ||
+        !allocateBuffer(buffer, [](const char* step) {
+            DB_TraceExt("PrepareOpenDbForBackup(): %s call failed", step);
+        })) {
+        return false;
+    }
+    DatabaseCopy course = {
+        hDB, hBackupContext, source.stream(), copy.stream(), reinterpret_cast<char*>(buffer.data()),
+        0};
+    if (const int status = copyAndClose(course, copy, dwFileSizeLow, dwFileSizeHigh); status != 0) {
+        DB_TraceExt("PrepareOpenDbForBackup(): Copying file to temporary directory failed");
+        // An error number is looked up like a status of the server: readers know the texts.
+        reportNotesError(status);
+        return false;
+    }
+    DB_TraceExt("PrepareOpenDbForBackup(): File %s copied to temporary directory",
+                getUTF8FileName(original));
+    return true;
+}
+
 // The record of the item in progress while it is prepared in place: cleared again unless kept.
 class CurrentBackupRecord {
   public:
@@ -415,27 +441,10 @@ int PrepareOpenDbForBackup(const char* cpOriginalFile, char* cpBackupDirectory,
     StreamGuard source;
     TemporaryCopyGuard copy(szBackupFile);
     BufferGuard buffer(BufferGuard::Release::unlockAndFree);
-    if (!openStreams(cpOriginalFile, cpBackupDirectory, source, copy) ||
-        !checkLength(cpOriginalFile, source.stream(), dwFileSizeLow, dwFileSizeHigh) ||
-        !allocateBuffer(buffer, [](const char* step) {
-            DB_TraceExt("PrepareOpenDbForBackup(): %s call failed", step);
-        })) {
+    if (!copyToTemporaryDirectory(hDB, context.handle(), cpOriginalFile, cpBackupDirectory, source,
+                                  copy, buffer, dwFileSizeLow, dwFileSizeHigh)) {
         return DB_NUM_E_FAILED;
     }
-    DatabaseCopy course = {hDB,
-                           context.handle(),
-                           source.stream(),
-                           copy.stream(),
-                           reinterpret_cast<char*>(buffer.data()),
-                           0};
-    if (const int status = copyAndClose(course, copy, dwFileSizeLow, dwFileSizeHigh); status != 0) {
-        DB_TraceExt("PrepareOpenDbForBackup(): Copying file to temporary directory failed");
-        // An error number is looked up like a status of the server: readers know the texts.
-        reportNotesError(status);
-        return DB_NUM_E_FAILED;
-    }
-    DB_TraceExt("PrepareOpenDbForBackup(): File %s copied to temporary directory",
-                getUTF8FileName(cpOriginalFile));
 
     // 6. What the server changed meanwhile, applied to the copy.
     ApplyContextGuard apply;
