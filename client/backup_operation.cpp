@@ -35,15 +35,6 @@ constexpr std::string_view error_line = "DB_ErrHandler: ";
 constexpr const char* status_failed = "STATUS=1";
 constexpr const char* status_ok = "STATUS=0";
 
-// Where $Notes_ExecDirectory should point when the environment does not say.
-std::string exec_directory(const NotesIni& ini) {
-    const char* set = std::getenv("Notes_ExecDirectory");
-    if ((set != nullptr && *set != '\0') || ini.program_directory.empty() ||
-        ::access((ini.program_directory + "/libnotes.so").c_str(), R_OK) != 0)
-        return {};
-    return ini.program_directory;
-}
-
 DB_OPERATION_LEVEL module_level(const std::string& level) {
     if (level == "copy")
         return DB_LEVEL_COPY;

@@ -1,4 +1,4 @@
-// qrtln: backs up a Domino server through its database module into a store.
+// qrtln: backs up a Domino server through its database module into a store, and restores it.
 
 #include "client/commands/commands.h"
 #include "client/error.h"
@@ -17,7 +17,7 @@ constexpr const char* exit_codes = R"(Exit codes:
   0  complete                    10  no store at the given folder
   1  failed                      11  another process uses the store
   2  wrong usage                 14  the module or the server's library failed
-  3  a set was stored, but some of its items failed
+  3  a set was stored, or restored, but some of its items failed
   4  damage found               16  stored, but transaction logs are missing: take a full backup
                                 130, 143  interrupted (SIGINT, SIGTERM)
 )";
@@ -29,6 +29,12 @@ constexpr const char* backup_help =
     "full and incr) the transaction logs. The server keeps running. The set counts, and the server "
     "lets\n"
     "go of its archived logs, only when every item is stored and flushed to disk.";
+
+constexpr const char* restore_help =
+    "Restore databases, or the whole system with --all, from the store.\n"
+    "Each content is checked before anything of the server is touched. Without --activate and\n"
+    "--to the databases are placed in a folder below --tmp-dir and wait there; with --activate\n"
+    "the server puts each in the place of the live one, unless that is in use.";
 
 std::string default_tmp_dir() {
     const char* set = std::getenv("TMPDIR");
@@ -72,10 +78,11 @@ void report_failure(bool json, int code, const std::string& message, const std::
 
 int main(int argc, char** argv) {
     ::umask(077); // the store and the copies hold mail
-    CLI::App app("qrtln backs up a Domino server: databases, templates, configuration and\n"
-                 "transaction logs, through the server's own backup interface, into a store in a\n"
-                 "folder. Contents are kept once, compressed, and checked by their SHA-256.",
-                 "qrtln");
+    CLI::App app(
+        "qrtln backs up and restores a Domino server: databases, templates, configuration and\n"
+        "transaction logs, through the server's own backup interface, into a store in a\n"
+        "folder. Contents are kept once, compressed, and checked by their SHA-256.",
+        "qrtln");
     app.set_version_flag("--version", std::string("qrtln ") + qrtln::client_version());
     app.require_subcommand(1);
     app.footer(exit_codes);
@@ -115,6 +122,55 @@ int main(int argc, char** argv) {
                                "A database or a folder of databases, below the data directory");
     backup_command->footer(exit_codes);
 
+    qrtln::RestoreOptions restore;
+    restore.tmp_dir = default_tmp_dir();
+    CLI::App* restore_command = app.add_subcommand("restore", restore_help);
+    restore_command->add_option("--notes-ini", restore.notes_ini, "The server's notes.ini")
+        ->type_name("FILE")
+        ->required();
+    add_store_options(*restore_command, restore.store, restore.json);
+    CLI::Option* restore_set = restore_command->add_option(
+        "--set", restore.set,
+        "Just what this set holds: its name, the beginning of it, \"latest\"");
+    restore_command
+        ->add_option("--at", restore.at,
+                     "The newest up to this time (default: the newest): \"YYYY-MM-DD hh:mm[:ss]\" "
+                     "in local time, or a set's YYYYMMDDThhmmssZ")
+        ->type_name("TIME")
+        ->excludes(restore_set);
+    CLI::Option* restore_to =
+        restore_command
+            ->add_option("--to", restore.to,
+                         "Write to this folder, each item below it with its whole path")
+            ->type_name("DIR");
+    restore_command
+        ->add_flag("--plain", restore.plain, "Write straight into the folder, without the path")
+        ->needs(restore_to);
+    restore_command
+        ->add_flag("--activate", restore.activate,
+                   "Have the server put each database in the place of the live one")
+        ->excludes(restore_to);
+    restore_command->add_flag("--dry-run", restore.dry_run,
+                              "Show what would be written where, and write nothing");
+    CLI::Option* restore_names = restore_command->add_option(
+        "DATABASE", restore.names,
+        "A database, a file or a folder of databases; relative names are below the data directory");
+    restore_command->add_flag("--all", restore.all, "The whole system")->excludes(restore_names);
+    restore_command
+        ->add_option("--tmp-dir", restore.tmp_dir,
+                     "Where databases are placed first; not in the data directory")
+        ->type_name("DIR")
+        ->capture_default_str();
+    restore_command
+        ->add_option("--module", restore.module,
+                     "The database module, libqrtln.so (default: beside this program)")
+        ->envname("QRTLN_MODULE")
+        ->type_name("FILE");
+    restore_command->add_flag("--verbose", restore.verbose, "Show the module's messages");
+    restore_command->add_option("--trace", restore.trace_file, "Append the module's trace to FILE")
+        ->type_name("FILE");
+    restore_command->footer(exit_codes);
+
     qrtln::StoreOptions list;
     CLI::App* list_command = app.add_subcommand("list", "List the sets of the store.");
     add_store_options(*list_command, list.store, list.json);
@@ -142,10 +198,12 @@ int main(int argc, char** argv) {
         return app.exit(error) == 0 ? 0 : static_cast<int>(qrtln::ExitCode::usage);
     }
 
-    bool json = backup.json || list.json || show.json || verify.json;
+    bool json = backup.json || restore.json || list.json || show.json || verify.json;
     try {
         if (backup_command->parsed())
             return qrtln::run_backup(backup);
+        if (restore_command->parsed())
+            return qrtln::run_restore(restore);
         if (list_command->parsed())
             return qrtln::run_list(list);
         if (show_command->parsed())

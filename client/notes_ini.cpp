@@ -6,8 +6,10 @@
 #include "client/text.h"
 
 #include <cctype>
+#include <cstdlib>
 #include <fcntl.h>
 #include <sys/stat.h>
+#include <unistd.h>
 
 namespace qrtln {
 
@@ -92,6 +94,14 @@ NotesIni load_notes_ini(const std::string& file) {
                               " of " + shown + ": " + system_error_text(error),
                           "is the server's disk mounted, and is this its notes.ini?");
     return ini;
+}
+
+std::string exec_directory(const NotesIni& ini) {
+    const char* set = std::getenv("Notes_ExecDirectory");
+    if ((set != nullptr && *set != '\0') || ini.program_directory.empty() ||
+        ::access((ini.program_directory + "/libnotes.so").c_str(), R_OK) != 0)
+        return {};
+    return ini.program_directory;
 }
 
 } // namespace qrtln

@@ -20,4 +20,8 @@ std::map<std::string, std::string> parse_notes_ini(const std::string& content);
 // ClientError(failed) that says what is wrong.
 NotesIni load_notes_ini(const std::string& file);
 
+// Where $Notes_ExecDirectory should point; empty when the environment says so already, or
+// NotesProgram has no library.
+std::string exec_directory(const NotesIni& ini);
+
 } // namespace qrtln

@@ -6,6 +6,7 @@
 #include <cerrno>
 #include <charconv>
 #include <csignal>
+#include <cstdio>
 #include <cstdlib>
 #include <dirent.h>
 #include <fcntl.h>
@@ -20,7 +21,8 @@ namespace qrtln {
 namespace {
 
 constexpr std::string_view name_prefix = "qrtln-";
-constexpr std::size_t random_length = 6; // of mkdtemp
+constexpr std::string_view kept_prefix = "qrtln-restored-"; // no process id follows "qrtln-"
+constexpr std::size_t random_length = 6;                    // of mkdtemp
 
 // The process id in a folder's name "qrtln-PID-XXXXXX", or 0 for another name.
 pid_t owner_of(std::string_view name) {
@@ -100,6 +102,16 @@ int TemporaryDirectory::remove() {
     int error = remove_tree(AT_FDCWD, m_path);
     m_path.clear();
     return error;
+}
+
+std::string TemporaryDirectory::keep() {
+    std::string kept = std::move(m_path);
+    m_path.clear();
+    std::size_t name = kept.rfind('/') + 1;
+    std::string renamed =
+        kept.substr(0, name) + std::string(kept_prefix) + kept.substr(name + name_prefix.size());
+    // An empty folder of that name would be replaced: nobody loses anything.
+    return ::rename(kept.c_str(), renamed.c_str()) == 0 ? renamed : kept;
 }
 
 TemporaryDirectory::~TemporaryDirectory() {

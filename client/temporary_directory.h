@@ -21,6 +21,10 @@ class TemporaryDirectory {
     // Absolute, without a trailing "/".
     const std::string& path() const { return m_path; }
 
+    // Gives it a name that no later run removes, "qrtln-restored-...", and lets go of it. Returns
+    // the new path; the old one when it could not be renamed.
+    std::string keep();
+
     // Removes it now. Returns 0 or the errno of what could not be removed.
     int remove();
 

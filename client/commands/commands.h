@@ -20,6 +20,24 @@ struct BackupOptions {
     bool verbose = false;
 };
 
+struct RestoreOptions {
+    std::string notes_ini;
+    std::string store;
+    std::vector<std::string> names;
+    bool all = false;   // the whole system; without names nothing less says so
+    std::string set;    // "" for the newest
+    std::string at;     // or a moment
+    std::string to;     // "" for the original place
+    bool plain = false; // with to: without the folders
+    bool activate = false;
+    bool dry_run = false;
+    std::string tmp_dir;
+    std::string module; // empty: found beside the executable
+    std::string trace_file;
+    bool json = false;
+    bool verbose = false;
+};
+
 struct StoreOptions {
     std::string store;
     std::string set; // where the command takes one
@@ -27,6 +45,7 @@ struct StoreOptions {
 };
 
 int run_backup(const BackupOptions& options);
+int run_restore(const RestoreOptions& options);
 int run_list(const StoreOptions& options);
 int run_show(const StoreOptions& options);
 int run_verify(const StoreOptions& options);

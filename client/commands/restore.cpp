@@ -1,0 +1,164 @@
+// `qrtln restore`: a plan first, then the operation that follows it.
+
+#include "client/commands/commands.h"
+#include "client/error.h"
+#include "client/interrupt.h"
+#include "client/output.h"
+#include "client/restore_operation.h"
+#include "client/restore_plan.h"
+#include "client/text.h"
+
+#include <algorithm>
+#include <fcntl.h>
+
+namespace qrtln {
+
+namespace {
+
+FileDescriptor open_trace(const std::string& file) {
+    if (file.empty())
+        return {};
+    FileDescriptor trace(::open(file.c_str(), O_WRONLY | O_CREAT | O_APPEND | O_CLOEXEC, 0600));
+    if (!trace)
+        throw ClientError(ExitCode::failed, "cannot open the trace file " + for_terminal(file) +
+                                                ": " + system_error_text(errno));
+    return trace;
+}
+
+nlohmann::json failures(const std::vector<FailedRestore>& list) {
+    nlohmann::json array = nlohmann::json::array();
+    for (const FailedRestore& failed : list)
+        array.push_back(
+            {{"path", printable_utf8(failed.path)}, {"reason", printable_utf8(failed.reason)}});
+    return array;
+}
+
+bool is_stuck(const WaitingCopy& waiting) {
+    return !waiting.reason.empty();
+}
+
+int code_of(const RestoreResult& result) {
+    if (!result.damaged.empty())
+        return static_cast<int>(ExitCode::damage_found);
+    bool stuck = std::any_of(result.waiting.begin(), result.waiting.end(), is_stuck);
+    return static_cast<int>(stuck || !result.failed.empty() ? ExitCode::items_failed
+                                                            : ExitCode::complete);
+}
+
+// What a dry run can tell about how the real one would end.
+int code_of(const RestorePlan& plan) {
+    for (const RoomNeeded& room : plan.room)
+        if (room.available < room.needed)
+            return static_cast<int>(ExitCode::failed);
+    bool refused = std::any_of(plan.items.begin(), plan.items.end(), [](const PlannedItem& item) {
+        return item.action == RestoreAction::refuse;
+    });
+    return static_cast<int>(refused ? ExitCode::items_failed : ExitCode::complete);
+}
+
+std::string result_text(const RestoreResult& result) {
+    std::string text = "restored " + std::to_string(result.restored.size()) + " items, " +
+                       std::to_string(result.waiting.size()) + " databases wait, " +
+                       human_bytes(result.bytes) + " written\n";
+    for (const WaitingCopy& waiting : result.waiting)
+        text +=
+            "  " + for_terminal(waiting.path) + " waits as " + for_terminal(waiting.copy) + "\n";
+    bool stuck = std::any_of(result.waiting.begin(), result.waiting.end(), is_stuck);
+    if (stuck)
+        text += "what waits was not put in place: shut down the task that uses it, or the server, "
+                "then run the\nsame command again; afterwards remove " +
+                for_terminal(result.kept_folder) + "\n";
+    else if (!result.waiting.empty())
+        text += "nothing of the server was changed: the same command with --activate puts these "
+                "databases in\nplace; when " +
+                for_terminal(result.kept_folder) + " is of no more use, remove it\n";
+    if (!result.damaged.empty())
+        text += std::to_string(result.damaged.size()) +
+                " damaged in the store and not restored: `qrtln verify` tells more, an older set "
+                "(--at) may have a\nwhole copy\n";
+    if (!result.failed.empty())
+        text += std::to_string(result.failed.size()) + " failed, see above\n";
+    return text;
+}
+
+nlohmann::json result_json(const RestoreResult& result) {
+    nlohmann::json waiting = nlohmann::json::array();
+    for (const WaitingCopy& copy : result.waiting)
+        waiting.push_back({{"path", printable_utf8(copy.path)},
+                           {"copy", printable_utf8(copy.copy)},
+                           {"reason", printable_utf8(copy.reason)}});
+    nlohmann::json restored = nlohmann::json::array();
+    for (const std::string& path : result.restored)
+        restored.push_back(printable_utf8(path));
+    nlohmann::json warnings = nlohmann::json::array();
+    for (const std::string& warning : result.warnings)
+        warnings.push_back(printable_utf8(warning));
+    return {{"restored", restored},
+            {"failed", failures(result.failed)},
+            {"damaged", failures(result.damaged)},
+            {"waiting", waiting},
+            {"kept_folder", printable_utf8(result.kept_folder)},
+            {"bytes", result.bytes},
+            {"warnings", warnings}};
+}
+
+} // namespace
+
+int run_restore(const RestoreOptions& options) {
+    install_interrupt_handlers();
+    if (options.names.empty() && !options.all)
+        throw ClientError(ExitCode::usage,
+                          "restore needs to know what: name databases, or say "
+                          "--all for the whole system",
+                          "`qrtln show` lists what a set holds; --dry-run shows what would happen");
+    NotesIni ini = load_notes_ini(options.notes_ini);
+    std::unique_ptr<Store> store = open_directory_store(options.store, StoreAccess::read);
+    RestoreRequest request;
+    request.selection = {options.names, options.all, options.set, options.at, !options.to.empty()};
+    request.to = options.to;
+    request.plain = options.plain;
+    request.activate = options.activate;
+    request.tmp_dir = options.tmp_dir;
+    RestorePlan plan = make_restore_plan(*store, ini, request);
+    for (const std::string& warning : plan.warnings)
+        print_message("warning: " + for_terminal(warning));
+
+    nlohmann::json document = {{"command", "restore"},
+                               {"dry_run", options.dry_run},
+                               {"store", printable_utf8(absolute_path(options.store))},
+                               {"plan", plan_json(plan)}};
+    if (options.dry_run) {
+        int code = code_of(plan);
+        document["exit_code"] = code;
+        options.json ? print_json(document) : print_output(plan_text(plan));
+        return code;
+    }
+    require_room(plan);
+    FileDescriptor trace = open_trace(options.trace_file);
+    RestoreContext context{ini,         *store,         options.tmp_dir, options.module,
+                           trace.get(), options.verbose};
+    RestoreResult result = run_restore_operation(context, plan);
+    for (const std::string& warning : result.warnings)
+        print_message("warning: " + for_terminal(warning));
+    for (const PlannedItem& planned : plan.items)
+        if (planned.action == RestoreAction::leave_out && options.verbose)
+            print_message("left out: " + for_terminal(planned.item.path) + ": " +
+                          for_terminal(planned.reason));
+    auto left_out =
+        std::count_if(plan.items.begin(), plan.items.end(), [](const PlannedItem& planned) {
+            return planned.action == RestoreAction::leave_out;
+        });
+    int code = code_of(result);
+    document["exit_code"] = code;
+    document["result"] = result_json(result);
+    if (options.json)
+        print_json(document);
+    else
+        print_output(result_text(result) +
+                     (left_out > 0 ? std::to_string(left_out) +
+                                         " items left out: --dry-run tells which and why\n"
+                                   : ""));
+    return code;
+}
+
+} // namespace qrtln

@@ -1,0 +1,450 @@
+#include "client/restore_operation.h"
+
+#include "client/error.h"
+#include "client/interrupt.h"
+#include "client/module_host.h"
+#include "client/output.h"
+#include "client/safe_paths.h"
+#include "client/temporary_directory.h"
+#include "client/text.h"
+
+#include <algorithm>
+#include <cerrno>
+#include <optional>
+#include <sys/stat.h>
+
+namespace qrtln {
+
+namespace {
+
+// The module says so when the server does not let go of a database.
+constexpr std::string_view in_use_line = "QRTLN_Activate(): WARNING: Please shutdown";
+
+std::string folder_of(const std::string& path) {
+    std::size_t slash = path.rfind('/');
+    return slash == 0 || slash == std::string::npos ? "/" : path.substr(0, slash);
+}
+
+std::string name_of(const std::string& path) {
+    return path.substr(path.rfind('/') + 1);
+}
+
+std::string below(const std::string& path, const std::string& root) {
+    return root == "/" ? path.substr(1) : path.substr(std::min(path.size(), root.size() + 1));
+}
+
+// The folder part of a relative path.
+std::string relative_folder(const std::string& relative) {
+    std::size_t slash = relative.rfind('/');
+    return slash == std::string::npos ? std::string() : relative.substr(0, slash);
+}
+
+bool does_work(const PlannedItem& planned) {
+    return planned.action != RestoreAction::leave_out && planned.action != RestoreAction::refuse;
+}
+
+// Ends the reading of an object whose bytes have nowhere to go.
+struct WriteFailed {
+    std::string problem;
+};
+
+class RestoreOperation {
+  public:
+    RestoreOperation(const RestoreContext& context, const RestorePlan& plan)
+        : m_context(context), m_plan(plan) {}
+    RestoreResult run();
+
+  private:
+    void start();
+    void create_relocation_folder();
+    void restore_item(const PlannedItem& planned);
+    std::optional<std::string> announce(const PlannedItem& planned);
+    bool write_content(const PlannedItem& planned, SafeFile& file, std::string& problem);
+    void create_folder(const PlannedItem& planned);
+    void write_item(const PlannedItem& planned, const std::string& path);
+    std::string check_live_target(const PlannedItem& planned);
+    void finish_written(const PlannedItem& planned, const std::string& path);
+    void finish_activation(const PlannedItem& planned, const std::string& path);
+    void give_metadata_back(const PlannedItem& planned);
+    void give_folder_metadata_back();
+    FolderCreated folder_created(const std::string& root);
+    void fail(const PlannedItem& planned, const std::string& reason);
+    void finish_failed();
+    void close();
+    void settle_temporary_folder(bool ended_early);
+    std::string module_reason();
+    void on_log(const std::string& line);
+
+    const RestoreContext& m_context;
+    const RestorePlan& m_plan;
+    std::optional<TemporaryDirectory> m_temporary; // the host, whose child uses it, goes first
+    std::optional<ModuleHost> m_host;
+    std::optional<Progress> m_progress;
+    RestoreResult m_result;
+    std::vector<std::pair<std::string, std::string>> m_created; // root and relative name
+    std::string m_last_log_line;
+    bool m_in_use = false; // told since the last finish
+    bool m_item_pending = false;
+    bool m_operation_open = false;
+};
+
+RestoreResult RestoreOperation::run() {
+    for (const PlannedItem& planned : m_plan.items)
+        if (planned.action == RestoreAction::refuse)
+            fail(planned, planned.reason);
+    if (std::none_of(m_plan.items.begin(), m_plan.items.end(), does_work))
+        return std::move(m_result);
+    try {
+        m_temporary.emplace(absolute_path(m_context.tmp_dir), m_plan.data_directory);
+        start();
+        create_relocation_folder();
+        m_progress.emplace(static_cast<std::uint64_t>(
+            std::count_if(m_plan.items.begin(), m_plan.items.end(), [](const PlannedItem& planned) {
+                return does_work(planned) && planned.item.kind == ItemKind::database;
+            })));
+        for (const PlannedItem& planned : m_plan.items) {
+            throw_if_interrupted();
+            if (does_work(planned))
+                restore_item(planned);
+        }
+        throw_if_interrupted();
+        give_folder_metadata_back();
+        close();
+    } catch (...) {
+        m_progress.reset();
+        try {
+            if (m_host && m_host->running()) {
+                finish_failed();
+                if (m_operation_open)
+                    (void)m_host->close({"STATUS=1"});
+            }
+        } catch (...) {
+            // The child is gone: the first failure is what gets reported.
+        }
+        m_host.reset();
+        settle_temporary_folder(true);
+        throw;
+    }
+    m_progress.reset();
+    m_host.reset();
+    settle_temporary_folder(false);
+    return std::move(m_result);
+}
+
+void RestoreOperation::on_log(const std::string& line) {
+    m_last_log_line = line;
+    m_in_use = m_in_use || line.starts_with(in_use_line);
+    if (m_context.verbose)
+        print_message("module: " + for_terminal(line));
+    if (m_context.trace >= 0)
+        (void)write_all(m_context.trace, as_bytes("log: " + line + "\n"));
+}
+
+std::string RestoreOperation::module_reason() {
+    std::string reason = m_host->error().message;
+    if (reason.empty())
+        reason = m_last_log_line;
+    return reason.empty() ? "the module gave no reason" : printable_utf8(reason);
+}
+
+void RestoreOperation::start() {
+    ModuleOptions module;
+    module.module_file = find_module(m_context.module);
+    module.runtime_directory = m_context.store.runtime_directory();
+    module.exec_directory = exec_directory(m_context.ini);
+    module.on_log = [this](const std::string& line) { on_log(line); };
+    if (m_context.trace >= 0)
+        module.on_trace = [this](const std::string& line) {
+            (void)write_all(m_context.trace, as_bytes("trace: " + line + "\n"));
+        };
+    m_host.emplace(std::move(module));
+    std::vector<std::string> variables = {"NOTESINI=" + m_context.ini.file,
+                                          "TMP_DIR=" + m_temporary->path(), "DATABASE=NOTES"};
+    if (m_plan.activate)
+        variables.emplace_back("ACTIVATE=YES");
+    if (!m_plan.to.empty())
+        variables.push_back("INFO=" + relocation_info(m_plan.to, m_plan.plain));
+    m_operation_open = true;
+    if (m_host->init(DB_TYPE_RST, DB_LEVEL_FULL, variables) == DB_NUM_I_OK)
+        return;
+    throw_if_interrupted();
+    std::string reason = module_reason();
+    std::string hint = "look at the server's console; --verbose shows what the module did";
+    if (reason.find("libnotes") != std::string::npos ||
+        reason.find("Notes C API") != std::string::npos)
+        hint = "set Notes_ExecDirectory to the folder of the server's libnotes.so, or NotesProgram "
+               "in " +
+               for_terminal(m_context.ini.file);
+    throw ClientError(ExitCode::server_error,
+                      "cannot start the restore on the server: " + for_terminal(reason), hint);
+}
+
+void RestoreOperation::create_relocation_folder() {
+    if (!m_plan.to.empty() && ::mkdir(m_plan.to.c_str(), 0700) != 0 && errno != EEXIST)
+        throw ClientError(ExitCode::failed, "cannot create the folder " + for_terminal(m_plan.to) +
+                                                ": " + system_error_text(errno));
+}
+
+void RestoreOperation::fail(const PlannedItem& planned, const std::string& reason) {
+    print_message("failed: " + for_terminal(planned.item.path) + ": " + for_terminal(reason));
+    m_result.failed.push_back({planned.item.path, reason});
+}
+
+// Tells the module that the item which is announced did not make it, if there is one.
+void RestoreOperation::finish_failed() {
+    if (!std::exchange(m_item_pending, false))
+        return;
+    (void)m_host->finish(DB_ITEM_FAIL);
+}
+
+// The path to write to, or nothing with the failure noted.
+std::optional<std::string> RestoreOperation::announce(const PlannedItem& planned) {
+    (void)m_host->error(); // what came before is no error of this item
+    m_last_log_line.clear();
+    m_in_use = false;
+    bool folder = planned.item.kind == ItemKind::directory;
+    std::string directory = folder ? planned.announced : folder_of(planned.announced);
+    ModuleItem answer = m_host->set_item(DB_ITEM_TYPE_DIRECTORY, directory);
+    std::string path = answer.name;
+    if (answer.status == DB_NUM_I_OK && !folder) {
+        answer = m_host->set_item(DB_ITEM_TYPE_FILE, planned.announced);
+        path = answer.name;
+        m_item_pending = answer.status == DB_NUM_I_OK;
+    }
+    if (answer.status != DB_NUM_I_OK) {
+        fail(planned, "the module refused it: " + module_reason());
+        return std::nullopt;
+    }
+    bool placed =
+        planned.action == RestoreAction::activate || planned.action == RestoreAction::place;
+    const std::string& temporary = m_temporary->path();
+    bool allowed =
+        placed ? path != temporary && is_below(path, temporary) : path == planned.announced;
+    if (!allowed || !path_problem(path).empty()) {
+        finish_failed();
+        fail(planned, "the module wants it written to " + printable_utf8(path) +
+                          ", which is no place for it");
+        return std::nullopt;
+    }
+    return path;
+}
+
+void RestoreOperation::restore_item(const PlannedItem& planned) {
+    if (planned.item.kind == ItemKind::database)
+        m_progress->next_database();
+    if (std::optional<std::string> path = announce(planned)) {
+        if (planned.action == RestoreAction::create_folder)
+            create_folder(planned);
+        else
+            write_item(planned, *path);
+    }
+    finish_failed();
+}
+
+// A folder that had to be made belongs to whom the one above it belongs to, until its own metadata
+// is given back at the end.
+FolderCreated RestoreOperation::folder_created(const std::string& root) {
+    return [this, root](int fd, const std::string& relative) {
+        struct stat above {};
+        if (::fstatat(fd, "..", &above, 0) == 0) {
+            if (::geteuid() == 0 && ::fchown(fd, above.st_uid, above.st_gid) != 0)
+                m_result.warnings.push_back("cannot set the owner of " + root + "/" + relative +
+                                            ": " + system_error_text(errno));
+            (void)::fchmod(fd, above.st_mode & 0777);
+        }
+        m_created.emplace_back(root, relative);
+    };
+}
+
+void RestoreOperation::create_folder(const PlannedItem& planned) {
+    std::string problem;
+    SafeFolder root(planned.root);
+    if (!root.open_folder(below(planned.target, planned.root), problem,
+                          folder_created(planned.root)))
+        fail(planned, problem);
+    else
+        m_result.restored.push_back(planned.target);
+}
+
+// Whether the content is in the file, whole.
+bool RestoreOperation::write_content(const PlannedItem& planned, SafeFile& file,
+                                     std::string& problem) {
+    ObjectCheck check;
+    try {
+        check = m_context.store.read_object(planned.item.object, [&](Bytes bytes) {
+            m_host->forward_interrupt();
+            throw_if_interrupted();
+            if (std::string failed = file.write(bytes); !failed.empty())
+                throw WriteFailed{failed};
+            m_progress->add_bytes(bytes.size());
+        });
+    } catch (const WriteFailed& failed) {
+        problem = failed.problem;
+        return false;
+    }
+    if (check.problem.empty() && check.size != planned.item.size)
+        check.problem = "has " + std::to_string(check.size) + " bytes, not the " +
+                        std::to_string(planned.item.size) + " of the set";
+    if (!check.problem.empty()) {
+        std::string reason = "its object " + planned.item.object + " " + check.problem;
+        print_message("damaged: " + for_terminal(planned.item.path) + ": " + for_terminal(reason));
+        m_result.damaged.push_back({planned.item.path, reason});
+        return false;
+    }
+    m_result.bytes += check.size;
+    return true;
+}
+
+void RestoreOperation::write_item(const PlannedItem& planned, const std::string& path) {
+    bool placed = planned.action != RestoreAction::write;
+    const std::string& root_path = placed ? m_temporary->path() : planned.root;
+    SafeFolder root(root_path);
+    std::string relative = below(path, root_path);
+    std::string problem;
+    FolderCreated created =
+        placed ? FolderCreated([](int, const std::string&) {}) : folder_created(planned.root);
+    FileDescriptor folder = root.open_folder(relative_folder(relative), problem, created);
+    if (!folder) {
+        fail(planned, problem);
+        return;
+    }
+    SafeFile file(std::move(folder), name_of(relative));
+    problem = file.create();
+    if (problem.empty() && !write_content(planned, file, problem)) {
+        if (!problem.empty())
+            fail(planned, problem);
+        return;
+    }
+    // A copy for the server stays this user's until it is in place: the module reads and removes
+    // it.
+    bool activate = planned.action == RestoreAction::activate;
+    if (problem.empty())
+        problem = file.commit(activate ? nullptr : &planned.item, !placed && planned.replaces);
+    if (problem.empty() && activate)
+        problem = check_live_target(planned);
+    if (!problem.empty()) {
+        fail(planned, problem);
+        return;
+    }
+    activate ? finish_activation(planned, path) : finish_written(planned, path);
+}
+
+// Makes the folder of the live database, and refuses what the module would write through.
+std::string RestoreOperation::check_live_target(const PlannedItem& planned) {
+    SafeFolder root(planned.root);
+    std::string relative = below(planned.target, planned.root);
+    std::string problem;
+    if (!root.open_folder(relative_folder(relative), problem, folder_created(planned.root)))
+        return problem;
+    std::optional<struct stat> live = root.look_at(relative, problem);
+    if (problem.empty() && live && !S_ISREG(live->st_mode))
+        problem = "what is in its place is no file";
+    return problem;
+}
+
+void RestoreOperation::finish_written(const PlannedItem& planned, const std::string& path) {
+    m_item_pending = false;
+    if (m_host->finish(DB_ITEM_SUCCESS) != DB_NUM_I_OK) {
+        fail(planned, "it was written, but the module reports: " + module_reason());
+        return;
+    }
+    if (planned.action == RestoreAction::place)
+        m_result.waiting.push_back({planned.item.path, path, {}});
+    else
+        m_result.restored.push_back(planned.target);
+}
+
+void RestoreOperation::finish_activation(const PlannedItem& planned, const std::string& path) {
+    m_item_pending = false;
+    // Should the child die, this may be the only whole copy on the server.
+    m_result.waiting.push_back({planned.item.path, path, "its activation did not end"});
+    if (m_host->finish(DB_ITEM_SUCCESS) == DB_NUM_I_OK) {
+        m_result.waiting.pop_back();
+        m_result.restored.push_back(planned.target);
+        give_metadata_back(planned);
+        return;
+    }
+    std::string reason = module_reason();
+    struct stat status {};
+    if (::lstat(path.c_str(), &status) != 0) {
+        m_result.waiting.pop_back();
+        fail(planned, "it is in place, but the server does not bring it online: " + reason);
+        return;
+    }
+    std::string users = planned.used_by.empty() ? "" : " (by process " + planned.used_by + ")";
+    WaitingCopy& waiting = m_result.waiting.back();
+    waiting.reason =
+        m_in_use ? "the server does not let go of it" + users + ", so it was not touched: " + reason
+                 : "it could not be put in place, and the live database may be "
+                   "offline: " +
+                       reason;
+    print_message((m_in_use ? "in use: " : "failed: ") + for_terminal(planned.item.path) + ": " +
+                  for_terminal(waiting.reason));
+}
+
+void RestoreOperation::give_metadata_back(const PlannedItem& planned) {
+    std::string problem;
+    FileDescriptor file =
+        SafeFolder(planned.root).open_file(below(planned.target, planned.root), problem);
+    if (file)
+        problem = apply_metadata(file.get(), planned.item);
+    if (!problem.empty())
+        m_result.warnings.push_back(planned.target + ": " + problem);
+}
+
+void RestoreOperation::give_folder_metadata_back() {
+    // The innermost first: what happens in a folder changes its time.
+    for (auto created = m_created.rbegin(); created != m_created.rend(); ++created) {
+        const auto& [root, relative] = *created;
+        std::string path = root + "/" + relative;
+        if (!m_plan.to.empty() && is_below(path, m_plan.to))
+            path = path.substr(m_plan.to.size());
+        auto original = m_plan.folders.find(path);
+        if (original == m_plan.folders.end())
+            continue;
+        std::string problem;
+        FileDescriptor folder = SafeFolder(root).open_folder(relative, problem);
+        if (folder)
+            problem = apply_metadata(folder.get(), original->second);
+        if (!problem.empty())
+            m_result.warnings.push_back(path + ": " + problem);
+    }
+}
+
+void RestoreOperation::close() {
+    m_operation_open = false;
+    bool good = m_result.failed.empty() && m_result.damaged.empty();
+    if (m_host->close({good ? "STATUS=0" : "STATUS=1"}) != DB_NUM_I_OK)
+        m_result.warnings.push_back("the server did not close the restore: " + module_reason());
+}
+
+// Keeps the folder when restored copies wait in it.
+void RestoreOperation::settle_temporary_folder(bool ended_early) {
+    if (!m_temporary)
+        return;
+    if (ended_early) // what was only placed comes again with the next run
+        std::erase_if(m_result.waiting,
+                      [](const WaitingCopy& waiting) { return waiting.reason.empty(); });
+    if (m_result.waiting.empty()) {
+        if (int error = m_temporary->remove(); error != 0)
+            m_result.warnings.push_back("the temporary folder could not be removed: " +
+                                        system_error_text(error));
+        return;
+    }
+    std::string before = m_temporary->path();
+    m_result.kept_folder = m_temporary->keep();
+    for (WaitingCopy& waiting : m_result.waiting)
+        waiting.copy = m_result.kept_folder + waiting.copy.substr(before.size());
+    if (ended_early)
+        for (const WaitingCopy& waiting : m_result.waiting)
+            print_message("the restored copy of " + for_terminal(waiting.path) + " is kept: " +
+                          for_terminal(waiting.copy) + " (" + for_terminal(waiting.reason) + ")");
+}
+
+} // namespace
+
+RestoreResult run_restore_operation(const RestoreContext& context, const RestorePlan& plan) {
+    return RestoreOperation(context, plan).run();
+}
+
+} // namespace qrtln

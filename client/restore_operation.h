@@ -1,0 +1,50 @@
+// One restore operation of the module, along a plan.
+//
+// Every item is announced, written to a temporary name where the module said, checked against its
+// hash, renamed, and only then finished: a damaged content never reaches a live database. One item
+// is unfinished at a time.
+#pragma once
+
+#include "client/restore_plan.h"
+
+#include <string>
+#include <vector>
+
+namespace qrtln {
+
+struct RestoreContext {
+    const NotesIni& ini;
+    Store& store;
+    std::string tmp_dir; // below it the operation makes a private folder
+    std::string module;  // as given; empty: found beside the executable
+    int trace = -1;      // a file descriptor for the module's trace, or -1
+    bool verbose = false;
+};
+
+struct FailedRestore {
+    std::string path;
+    std::string reason;
+};
+
+struct WaitingCopy {
+    std::string path;   // of the original
+    std::string copy;   // the restored, checked file
+    std::string reason; // why it was not put in place; empty: nobody asked for that
+};
+
+struct RestoreResult {
+    std::vector<std::string> restored;  // targets that hold what was to be restored
+    std::vector<FailedRestore> failed;  // with those that the plan refused
+    std::vector<FailedRestore> damaged; // the store's content is not what it should be
+    std::vector<WaitingCopy> waiting;
+    std::vector<std::string> warnings;
+    std::string kept_folder; // where copies wait; empty: nothing is left
+    std::uint64_t bytes = 0; // written
+};
+
+// Carries out the plan. Failures of items are in the result. Throws ClientError when the operation
+// could not be started or went on no longer; copies that a failed activation left are then kept,
+// and a message names them.
+RestoreResult run_restore_operation(const RestoreContext& context, const RestorePlan& plan);
+
+} // namespace qrtln

@@ -1,0 +1,538 @@
+#include "client/restore_plan.h"
+
+#include "client/database_arguments.h"
+#include "client/error.h"
+#include "client/file_users.h"
+#include "client/module_host.h"
+#include "client/original.h"
+#include "client/output.h"
+#include "client/safe_paths.h"
+#include "client/text.h"
+
+#include <algorithm>
+#include <array>
+#include <fcntl.h>
+#include <map>
+
+namespace qrtln {
+
+namespace {
+
+// Found anywhere in INFO, these mean something to the module.
+constexpr std::array info_keywords = {"-R", "-o", "deld", "chgd", "DELD", "CHGD", "\""};
+
+std::string folder_of(const std::string& path) {
+    std::size_t slash = path.rfind('/');
+    return slash == 0 || slash == std::string::npos ? "/" : path.substr(0, slash);
+}
+
+std::string name_of(const std::string& path) {
+    return path.substr(path.rfind('/') + 1);
+}
+
+// The path below `root`, without a leading "/".
+std::string relative_to(const std::string& path, const std::string& root) {
+    return root == "/" ? path.substr(1) : path.substr(std::min(path.size(), root.size() + 1));
+}
+
+bool exists(const std::string& path) {
+    struct stat status {};
+    return ::lstat(path.c_str(), &status) == 0;
+}
+
+// The folder itself or the nearest one above it that is there.
+std::string nearest_existing(std::string path) {
+    struct stat status {};
+    while (path != "/" && ::stat(path.c_str(), &status) != 0)
+        path = folder_of(path);
+    return path;
+}
+
+// The folder of the transaction logs, or an empty text when notes.ini does not tell.
+std::string log_directory(const NotesIni& ini) {
+    constexpr std::size_t maximal_ini = std::size_t{16} << 20;
+    std::optional<std::string> real = real_path(ini.file);
+    std::optional<std::string> content;
+    if (real)
+        content = read_small_file(AT_FDCWD, *real, maximal_ini);
+    if (!content)
+        return {};
+    auto variables = parse_notes_ini(*content);
+    std::string path = variables["translog_path"];
+    if (path.empty())
+        return {};
+    return absolute_path(path.starts_with('/') ? path : ini.data_directory + "/" + path);
+}
+
+class Planner {
+  public:
+    Planner(const NotesIni& ini, const RestoreRequest& request)
+        : m_ini(ini), m_request(request), m_log_directory(log_directory(ini)) {
+        m_plan.data_directory = ini.data_directory;
+        m_plan.plain = request.plain;
+        m_plan.activate = request.activate;
+        if (!request.to.empty())
+            m_plan.to = absolute_path(request.to);
+    }
+    RestorePlan run(RestoreSelection selection);
+    void check_relocation() const;
+
+  private:
+    PlannedItem plan_item(SelectedItem selected);
+    void relocate(PlannedItem& planned);
+    void plan_original(PlannedItem& planned, bool named);
+    void plan_database(PlannedItem& planned, bool named);
+    void plan_log(PlannedItem& planned, bool named);
+    void plan_file(PlannedItem& planned, bool named);
+    void look_at_target(PlannedItem& planned);
+    void refuse_collisions();
+    void count_room();
+
+    const NotesIni& m_ini;
+    const RestoreRequest& m_request;
+    std::string m_log_directory;
+    FileUsers m_users;
+    RestorePlan m_plan;
+};
+
+void leave_out(PlannedItem& planned, const std::string& reason) {
+    planned.action = RestoreAction::leave_out;
+    planned.reason = reason;
+}
+
+void refuse(PlannedItem& planned, const std::string& reason) {
+    planned.action = RestoreAction::refuse;
+    planned.reason = reason;
+}
+
+// The module takes any path that begins with the data directory's text for one in it.
+void Planner::check_relocation() const {
+    if (m_plan.to.empty())
+        return;
+    relocation_info(m_plan.to, m_plan.plain);
+    auto refuse_to = [&](const std::string& reason) {
+        throw ClientError(ExitCode::failed,
+                          "cannot restore to " + for_terminal(m_plan.to) + ": " + reason,
+                          "name another folder with --to");
+    };
+    std::string problem = path_problem(m_plan.to);
+    if (!problem.empty())
+        refuse_to(problem);
+    std::string real_to = nearest_existing(m_plan.to);
+    std::string missing = m_plan.to.substr(real_to == "/" ? 0 : real_to.size());
+    real_to = real_path(real_to).value_or(real_to) + missing;
+    const std::string& data = m_ini.data_directory;
+    std::string real_data = real_path(data).value_or(data);
+    for (const std::string& to : {m_plan.to, real_to})
+        for (const std::string& directory : {data, real_data}) {
+            if (is_below(to, directory))
+                refuse_to("it is in the data directory " + for_terminal(directory));
+            if (to.starts_with(directory))
+                refuse_to("it begins with the text of the data directory " +
+                          for_terminal(directory) + ", and the module would take it for that");
+        }
+    struct stat status {};
+    if (::stat(m_plan.to.c_str(), &status) != 0) {
+        if (!exists(folder_of(m_plan.to)))
+            refuse_to("the folder above it does not exist");
+    } else if (!S_ISDIR(status.st_mode)) {
+        refuse_to("it is no folder");
+    }
+}
+
+RestorePlan Planner::run(RestoreSelection selection) {
+    m_plan.warnings = std::move(selection.warnings);
+    m_plan.users_known = m_users.sees_all();
+    for (SelectedItem& selected : selection.items) {
+        if (selected.item.kind == ItemKind::directory)
+            m_plan.folders.emplace(selected.item.path, selected.item);
+        if (selected.item.kind == ItemKind::directory && !m_request.selection.all)
+            continue; // folders come with what is in them
+        m_plan.items.push_back(plan_item(std::move(selected)));
+    }
+    // Folders first, then logs, databases, and what configures the server last.
+    auto rank = [](const PlannedItem& planned) {
+        switch (planned.item.kind) {
+        case ItemKind::directory:
+            return 0;
+        case ItemKind::log:
+        case ItemKind::log_control:
+            return 1;
+        case ItemKind::database:
+            return 2;
+        case ItemKind::file:
+            break;
+        }
+        return 3;
+    };
+    std::stable_sort(m_plan.items.begin(), m_plan.items.end(),
+                     [&](const auto& a, const auto& b) { return rank(a) < rank(b); });
+    // A folder that is there needs nothing.
+    std::erase_if(m_plan.items, [](const PlannedItem& planned) {
+        return planned.action == RestoreAction::create_folder && planned.existing;
+    });
+    refuse_collisions();
+    count_room();
+    return std::move(m_plan);
+}
+
+PlannedItem Planner::plan_item(SelectedItem selected) {
+    PlannedItem planned;
+    planned.set = std::move(selected.set);
+    planned.item = std::move(selected.item);
+    ManifestItem& item = planned.item;
+    if (item.kind != ItemKind::directory)
+        item.kind = item_kind_of(item.path); // the module goes by the name alone
+    if (std::string problem = path_problem(item.path); !problem.empty()) {
+        refuse(planned, problem);
+        return planned;
+    }
+    if (item.kind != ItemKind::directory && item.object.empty()) {
+        refuse(planned, "the set names no content for it");
+        return planned;
+    }
+    bool log = item.kind == ItemKind::log || item.kind == ItemKind::log_control;
+    if (log)
+        plan_log(planned, selected.named);
+    else if (!m_plan.to.empty())
+        relocate(planned);
+    else
+        plan_original(planned, selected.named);
+    if (planned.action == RestoreAction::leave_out || planned.action == RestoreAction::refuse)
+        return planned;
+    if (std::string problem = path_problem(planned.announced); !problem.empty()) {
+        refuse(planned, "relocated, " + problem);
+        return planned;
+    }
+    look_at_target(planned);
+    if (planned.action == RestoreAction::write && planned.existing && !planned.replaces) {
+        if (item.kind == ItemKind::file && m_plan.to.empty()) {
+            if (selected.named)
+                planned.replaces = true;
+            else
+                leave_out(planned, "it exists, and is overwritten only when it is named, or with "
+                                   "--all");
+        } else if (!m_plan.to.empty()) {
+            planned.replaces = true;
+        }
+    }
+    return planned;
+}
+
+void Planner::relocate(PlannedItem& planned) {
+    const ManifestItem& item = planned.item;
+    planned.root = m_plan.to;
+    planned.announced = m_plan.to + (m_plan.plain ? "/" + name_of(item.path) : item.path);
+    planned.target = planned.announced;
+    planned.action = RestoreAction::write;
+    if (item.kind == ItemKind::directory) {
+        planned.action = RestoreAction::create_folder;
+        if (m_plan.plain)
+            leave_out(planned, "a plain restore makes no folders");
+    }
+}
+
+void Planner::plan_original(PlannedItem& planned, bool named) {
+    const std::string& path = planned.item.path;
+    planned.announced = path;
+    planned.target = path;
+    planned.root = m_ini.data_directory;
+    if (planned.item.kind == ItemKind::directory) {
+        planned.action = RestoreAction::create_folder;
+        if (!is_below(path, m_ini.data_directory))
+            leave_out(planned, "a folder outside the data directory");
+    } else if (planned.item.kind == ItemKind::database) {
+        plan_database(planned, named);
+    } else {
+        plan_file(planned, named);
+    }
+}
+
+void Planner::plan_database(PlannedItem& planned, bool named) {
+    const std::string& path = planned.item.path;
+    bool inside = is_below(path, m_ini.data_directory) && path != m_ini.data_directory;
+    planned.action = m_plan.activate ? RestoreAction::activate : RestoreAction::place;
+    if (inside)
+        return;
+    bool by_name = std::find(m_request.selection.names.begin(), m_request.selection.names.end(),
+                             path) != m_request.selection.names.end();
+    if (!named || !by_name) {
+        refuse(planned, "it lies outside the data directory: name its full path to restore it");
+        return;
+    }
+    // Nothing but its own folder is trusted, and no link on the way there.
+    planned.root = folder_of(path);
+    if (real_path(planned.root).value_or("") != planned.root) {
+        refuse(planned, "its folder is missing, or is reached through a symbolic link");
+        return;
+    }
+    if (m_plan.activate || path.starts_with(m_ini.data_directory))
+        return; // the module places it in the temporary folder
+    planned.action = RestoreAction::write;
+    if (exists(path))
+        refuse(planned, "it exists outside the data directory, where only --activate takes it "
+                        "from its users first");
+}
+
+void Planner::plan_log(PlannedItem& planned, bool named) {
+    const std::string& path = planned.item.path;
+    if (!m_request.selection.all) {
+        const char* reason = "transaction logs come back with --all only";
+        named ? refuse(planned, reason) : leave_out(planned, reason);
+        return;
+    }
+    bool known = !m_log_directory.empty() && folder_of(path) == m_log_directory;
+    if (!known) {
+        leave_out(planned, "it is not in the folder of the transaction logs (TRANSLOG_Path)");
+        return;
+    }
+    if (exists(m_log_directory)) {
+        leave_out(planned, "the folder of the transaction logs is there: the server's own logs "
+                           "are never replaced");
+        return;
+    }
+    if (!m_plan.to.empty()) {
+        relocate(planned);
+        return;
+    }
+    planned.announced = planned.target = path;
+    planned.root = folder_of(m_log_directory);
+    planned.action = RestoreAction::write;
+    if (real_path(planned.root).value_or("") != planned.root)
+        refuse(planned, "the folder above the transaction logs is missing or a symbolic link");
+}
+
+void Planner::plan_file(PlannedItem& planned, bool named) {
+    const std::string& path = planned.item.path;
+    planned.action = RestoreAction::write;
+    if (is_below(path, m_ini.data_directory) && path != m_ini.data_directory)
+        return;
+    bool by_name = std::find(m_request.selection.names.begin(), m_request.selection.names.end(),
+                             path) != m_request.selection.names.end();
+    bool own_ini = path == m_ini.file;
+    if (!named || !(by_name || own_ini)) {
+        refuse(planned, "it lies outside the data directory: name its full path to restore it");
+        return;
+    }
+    planned.root = folder_of(path);
+    if (!own_ini && real_path(planned.root).value_or("") != planned.root)
+        refuse(planned, "its folder is missing, or is reached through a symbolic link");
+}
+
+// Only what lies below the root without a link out of it, and only a regular file gives way.
+void Planner::look_at_target(PlannedItem& planned) {
+    if (!exists(planned.root))
+        return; // --to, or the folder of the logs' folder: checked before
+    std::string problem;
+    SafeFolder root(planned.root);
+    planned.existing = root.look_at(relative_to(planned.target, planned.root), problem);
+    bool folder = planned.action == RestoreAction::create_folder;
+    mode_t mode = planned.existing ? planned.existing->st_mode : 0;
+    bool fits = folder ? S_ISDIR(mode) : S_ISREG(mode);
+    if (problem.empty() && planned.existing && !fits)
+        problem = std::string("in its place is ") + (S_ISLNK(mode)   ? "a symbolic link"
+                                                     : S_ISREG(mode) ? "a file"
+                                                                     : file_type_name(mode));
+    if (!problem.empty()) {
+        refuse(planned, problem);
+        return;
+    }
+    if (planned.existing && !folder)
+        planned.used_by = m_users.describe(*planned.existing);
+    if (planned.action == RestoreAction::activate)
+        planned.replaces = planned.existing.has_value();
+    if (planned.action == RestoreAction::write && planned.item.kind == ItemKind::database &&
+        !planned.used_by.empty())
+        refuse(planned, "it exists and is in use by process " + planned.used_by);
+}
+
+void Planner::refuse_collisions() {
+    std::map<std::string, const PlannedItem*> taken;
+    for (const PlannedItem& planned : m_plan.items) {
+        if (planned.action != RestoreAction::write)
+            continue;
+        auto [other, added] = taken.try_emplace(planned.target, &planned);
+        if (!added)
+            throw ClientError(ExitCode::failed,
+                              "both " + for_terminal(other->second->item.path) + " and " +
+                                  for_terminal(planned.item.path) + " would be restored to " +
+                                  for_terminal(planned.target) + ": nothing was written",
+                              "leave out --plain, which keeps the folders, or restore them to "
+                              "different folders");
+    }
+}
+
+void Planner::count_room() {
+    std::map<dev_t, RoomNeeded> rooms;
+    auto room_of = [&](const std::string& folder) -> RoomNeeded& {
+        std::string place = nearest_existing(folder);
+        struct stat status {};
+        if (::stat(place.c_str(), &status) != 0)
+            status.st_dev = 0;
+        auto [entry, added] = rooms.try_emplace(status.st_dev);
+        if (added)
+            entry->second = {place, status.st_dev, 0, free_bytes(place).value_or(UINT64_MAX)};
+        return entry->second;
+    };
+    std::uint64_t largest_activated = 0;
+    std::map<dev_t, std::uint64_t> largest_replaced;
+    std::string tmp = absolute_path(m_request.tmp_dir);
+    for (const PlannedItem& planned : m_plan.items) {
+        std::uint64_t size = planned.item.size;
+        std::uint64_t old =
+            planned.existing ? static_cast<std::uint64_t>(planned.existing->st_size) : 0;
+        std::uint64_t growth = size > old ? size - old : 0;
+        switch (planned.action) {
+        case RestoreAction::place:
+            room_of(tmp).needed += size;
+            break;
+        case RestoreAction::activate:
+            room_of(folder_of(planned.target)).needed += growth;
+            largest_activated = std::max(largest_activated, size);
+            if (!planned.used_by.empty()) // its copy stays
+                room_of(tmp).needed += size;
+            break;
+        case RestoreAction::write: {
+            // The old file is there until the new one is whole.
+            RoomNeeded& room = room_of(folder_of(planned.target));
+            room.needed += growth;
+            std::uint64_t& largest = largest_replaced[room.device];
+            largest = std::max(largest, std::min(old, size));
+            break;
+        }
+        case RestoreAction::create_folder:
+        case RestoreAction::leave_out:
+        case RestoreAction::refuse:
+            break;
+        }
+    }
+    if (largest_activated > 0)
+        room_of(tmp).needed += largest_activated; // copies come and go one by one
+    for (auto& [device, room] : rooms) {
+        room.needed += largest_replaced[device];
+        m_plan.room.push_back(room);
+    }
+}
+
+std::string time_text(const struct stat& status) {
+    return utc_time(status.st_mtim.tv_sec);
+}
+
+} // namespace
+
+const char* action_name(RestoreAction action) {
+    switch (action) {
+    case RestoreAction::activate:
+        return "activate";
+    case RestoreAction::place:
+        return "place";
+    case RestoreAction::write:
+        return "write";
+    case RestoreAction::create_folder:
+        return "create folder";
+    case RestoreAction::leave_out:
+        return "leave out";
+    case RestoreAction::refuse:
+        break;
+    }
+    return "refuse";
+}
+
+std::string relocation_info(const std::string& to, bool plain) {
+    auto refuse_to = [&](const std::string& reason) {
+        throw ClientError(ExitCode::failed, "cannot restore to " + for_terminal(to) + ": " + reason,
+                          "name another folder with --to");
+    };
+    for (const char* keyword : info_keywords)
+        if (to.find(keyword) != std::string::npos)
+            refuse_to("its path contains " + std::string(keyword) +
+                      ", which the module would take for an option");
+    if (to == "/")
+        refuse_to("the module takes \"/\" for the original place");
+    std::string info = "-R \"" + to + "\"" + (plain ? " -o \"plain\"" : "");
+    if (info.size() >= module_path_size)
+        refuse_to("its path is longer than the module takes");
+    return info;
+}
+
+RestorePlan make_restore_plan(Store& store, const NotesIni& ini, const RestoreRequest& request) {
+    Planner planner(ini, request);
+    planner.check_relocation();
+    return planner.run(select_for_restore(store, ini.data_directory, request.selection));
+}
+
+void require_room(const RestorePlan& plan) {
+    for (const RoomNeeded& room : plan.room)
+        if (room.available < room.needed)
+            throw ClientError(
+                ExitCode::failed,
+                "the file system of " + for_terminal(room.place) + " has " +
+                    human_bytes(room.available) + " (" + std::to_string(room.available) +
+                    " bytes) free, the restore needs " + human_bytes(room.needed) + " (" +
+                    std::to_string(room.needed) + " bytes): nothing was written",
+                "make room there, or name another folder with --tmp-dir or --to");
+}
+
+std::string plan_text(const RestorePlan& plan) {
+    Table table({"ACTION", "SIZE ", "SET", "PATH", "WRITTEN TO", "THERE NOW"});
+    for (const PlannedItem& planned : plan.items) {
+        std::string now = "-";
+        if (planned.existing)
+            now = human_bytes(static_cast<std::uint64_t>(planned.existing->st_size)) + " of " +
+                  time_text(*planned.existing) + (planned.replaces ? ", is replaced" : ", stays");
+        if (!planned.used_by.empty())
+            now += ", in use by " + planned.used_by;
+        bool folder = planned.item.kind == ItemKind::directory;
+        std::string written = planned.action == RestoreAction::place ? "(temporary folder)"
+                              : !planned.reason.empty()              ? planned.reason
+                                                                     : for_terminal(planned.target);
+        table.add({action_name(planned.action), folder ? "-" : human_bytes(planned.item.size),
+                   for_terminal(planned.set), for_terminal(planned.item.path), written, now});
+    }
+    std::string text = table.text();
+    for (const RoomNeeded& room : plan.room)
+        text += "room on the file system of " + for_terminal(room.place) + ": " +
+                human_bytes(room.needed) + " needed, " + human_bytes(room.available) + " free" +
+                (room.available < room.needed ? ": NOT ENOUGH" : "") + "\n";
+    if (!plan.users_known)
+        text += "this user may not look at every process: a database may be in use all the same\n";
+    return text;
+}
+
+nlohmann::json plan_json(const RestorePlan& plan) {
+    nlohmann::json items = nlohmann::json::array();
+    for (const PlannedItem& planned : plan.items) {
+        nlohmann::json item = {{"path", printable_utf8(planned.item.path)},
+                               {"kind", item_kind_name(planned.item.kind)},
+                               {"set", printable_utf8(planned.set)},
+                               {"action", action_name(planned.action)},
+                               {"size", planned.item.size},
+                               {"replaces", planned.replaces},
+                               {"existing", nullptr}};
+        if (!planned.reason.empty())
+            item["reason"] = printable_utf8(planned.reason);
+        else if (planned.action != RestoreAction::place)
+            item["target"] = printable_utf8(planned.target);
+        if (planned.existing)
+            item["existing"] = {{"size", planned.existing->st_size},
+                                {"modified", time_text(*planned.existing)}};
+        if (!planned.used_by.empty())
+            item["used_by"] = printable_utf8(planned.used_by);
+        items.push_back(std::move(item));
+    }
+    nlohmann::json room = nlohmann::json::array();
+    for (const RoomNeeded& entry : plan.room)
+        room.push_back({{"place", printable_utf8(entry.place)},
+                        {"needed", entry.needed},
+                        {"free", entry.available}});
+    return {{"data_directory", printable_utf8(plan.data_directory)},
+            {"to", plan.to.empty() ? nlohmann::json() : nlohmann::json(printable_utf8(plan.to))},
+            {"plain", plan.plain},
+            {"activate", plan.activate},
+            {"users_known", plan.users_known},
+            {"items", items},
+            {"room", room},
+            {"warnings", plan.warnings}};
+}
+
+} // namespace qrtln

@@ -1,0 +1,83 @@
+// What a restore will do, decided and checked before anything is written: a dry run prints it, the
+// real run follows it.
+#pragma once
+
+#include "client/notes_ini.h"
+#include "client/restore_selection.h"
+
+#include <map>
+#include <nlohmann/json.hpp>
+#include <optional>
+#include <string>
+#include <sys/stat.h>
+#include <vector>
+
+namespace qrtln {
+
+enum class RestoreAction {
+    activate,      // placed in the temporary folder, checked, then put in place by the server
+    place,         // placed in the temporary folder, where it stays
+    write,         // written to its target
+    create_folder, // a folder without content
+    leave_out,     // not restored, for a reason that is no failure
+    refuse,        // cannot be restored: counts as failed
+};
+
+const char* action_name(RestoreAction action);
+
+struct PlannedItem {
+    std::string set;
+    ManifestItem item;
+    RestoreAction action = RestoreAction::refuse;
+    std::string reason;    // of leave_out and refuse
+    std::string announced; // the full path that the module hears
+    std::string root;      // an existing folder, or --to, that the target must lie below
+    std::string target;    // where the restored content lies in the end; empty for `place`
+    std::optional<struct stat> existing; // what the target is now
+    std::string used_by;                 // the processes that have the target open, if known
+    bool replaces = false;               // the existing file goes
+};
+
+struct RoomNeeded {
+    std::string place; // an existing folder
+    dev_t device = 0;
+    std::uint64_t needed = 0;
+    std::uint64_t available = 0;
+};
+
+struct RestoreRequest {
+    SelectionRequest selection;
+    std::string to; // empty: the original place
+    bool plain = false;
+    bool activate = false;
+    std::string tmp_dir; // below it the private folder is made
+};
+
+struct RestorePlan {
+    std::string data_directory; // of this server
+    std::string to;             // absolute; empty: the original place
+    bool plain = false;
+    bool activate = false;
+    bool users_known = false; // every process could be looked at for open files
+    std::vector<PlannedItem> items;
+    std::vector<RoomNeeded> room;
+    std::map<std::string, ManifestItem> folders; // those selected, by path: for their metadata
+    std::vector<std::string> warnings;
+};
+
+// Makes the plan; writes nothing. Throws ClientError for a request that cannot be carried out: a
+// relocation folder that the module would take for the data directory or misread, names that
+// collide in a plain restore, names that no set holds.
+RestorePlan make_restore_plan(Store& store, const NotesIni& ini, const RestoreRequest& request);
+
+// Throws ClientError(failed) when a file system has less room than the plan needs.
+void require_room(const RestorePlan& plan);
+
+// The value of the control variable INFO for a relocation to this folder, or a ClientError that
+// says which part of the path the module would misread.
+std::string relocation_info(const std::string& to, bool plain);
+
+std::string plan_text(const RestorePlan& plan);
+nlohmann::json plan_json(const RestorePlan& plan);
+
+} // namespace qrtln

@@ -1,0 +1,51 @@
+// What of which set is to be restored.
+#pragma once
+
+#include "client/store/manifest.h"
+#include "client/store/store.h"
+
+#include <cstdint>
+#include <string>
+#include <vector>
+
+namespace qrtln {
+
+struct SelectionRequest {
+    std::vector<std::string> names; // databases, files or folders; relative: below the data folder
+    bool all = false;               // the whole system
+    std::string set;                // just what this set holds
+    std::string at;                 // or the newest up to a moment; both empty: the newest
+    bool elsewhere = false;         // to another folder: the set may be another server's
+};
+
+struct SelectedItem {
+    std::string set;
+    ManifestItem item;  // stored
+    bool named = false; // by its own name, or with the whole system
+};
+
+struct RestoreSelection {
+    std::string data_directory;      // of the server that was backed up
+    std::vector<SelectedItem> items; // by path, each once
+    std::vector<std::string> warnings;
+};
+
+// A moment up to which sets count.
+struct Moment {
+    std::int64_t time = 0;  // seconds since 1970: sets that started then or before
+    std::string set_prefix; // or the beginning of a set's name: sets up to that one
+};
+
+// "2026-11-21 02:49", "2026-11-21 02:49:23" in local time, or "20261121T024923Z" as in a set's
+// name. Throws ClientError(usage) for anything else, for dates that do not exist, and for hours
+// that the clock skips or repeats.
+Moment parse_moment(const std::string& text);
+
+// Chooses the items: of each name, or of everything, the newest that is stored in a set of this
+// data directory, whatever the set's level. A folder, and the whole system, is what the newest full
+// or copy set that covers it holds, with what later sets have of it. Throws ClientError when a name
+// is in no set, or no complete set covers the whole system.
+RestoreSelection select_for_restore(Store& store, const std::string& data_directory,
+                                    const SelectionRequest& request);
+
+} // namespace qrtln

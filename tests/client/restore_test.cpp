@@ -1,0 +1,397 @@
+// Restores with the real module over the simulated server.
+#ifdef QRTLN_DOMINO_SIM
+
+#include "client/store/object_writer.h"
+#include "tests/client/simulated_server.h"
+
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <sys/wait.h>
+#include <thread>
+#include <unistd.h>
+
+namespace qrtln {
+namespace {
+
+namespace fs = std::filesystem;
+using nlohmann::json;
+using test::Outcome;
+using test::OverTheSimulator;
+using test::read_file;
+using test::run_client;
+using test::snapshot;
+using test::write_file;
+using testing::ElementsAre;
+using testing::HasSubstr;
+using testing::IsEmpty;
+using testing::SizeIs;
+
+class Restore : public OverTheSimulator {
+  protected:
+    // Runs a restore that must end with this code; its JSON document.
+    json restore(int exit_code, std::vector<std::string> more, test::Environment environment = {}) {
+        std::vector<std::string> words = {"restore", "--notes-ini", m_server + "/notes.ini",
+                                          "--store", m_store,       "--tmp-dir",
+                                          m_tmp,     "--json"};
+        words.insert(words.end(), more.begin(), more.end());
+        environment["QRTLN_MODULE"] = "";
+        environment.try_emplace("Notes_ExecDirectory", QRTLN_SIMULATOR_DIRECTORY);
+        Outcome outcome = run_client(words, environment);
+        EXPECT_EQ(outcome.exit_code, exit_code) << outcome.errors << outcome.output;
+        m_errors = outcome.errors;
+        return outcome.output.empty() ? json() : json::parse(outcome.output);
+    }
+    std::string full_backup(std::vector<std::string> more = {}) {
+        Outcome outcome = backup(more);
+        EXPECT_EQ(outcome.exit_code, 0) << outcome.errors;
+        return json::parse(outcome.output)["set"];
+    }
+    // What the server reads in a database; null when it cannot.
+    json shown(const std::string& name) const {
+        if (domino("show " + m_server + " " + name + " --json") != 0)
+            return nullptr;
+        return json::parse(read_file(m_scratch / "domino-sim.out"));
+    }
+    void put(const std::string& name) const {
+        ASSERT_EQ(domino("put " + m_server + " " + name), 0);
+    }
+    ManifestItem item(const std::string& set, const std::string& path) const {
+        for (const ManifestItem& item : manifest(set).items)
+            if (item.path == path)
+                return item;
+        throw std::runtime_error("not in the set: " + path);
+    }
+    std::string object_file(const std::string& set, const std::string& path) const {
+        return m_store + "/objects/" + object_file_name(item(set, path).object);
+    }
+    void flip_a_bit(const std::string& file) const {
+        std::string bytes = read_file(file);
+        bytes[bytes.size() / 2] ^= 4;
+        write_file(file, bytes);
+    }
+    // The action that the plan has for a path.
+    static std::string action(const json& document, const std::string& path) {
+        for (const json& item : document["plan"]["items"])
+            if (item["path"] == path)
+                return item["action"];
+        return "none";
+    }
+
+    std::string m_data = m_server + "/data";
+    std::string m_user1 = m_data + "/mail/user1.nsf";
+    std::string m_errors;
+};
+
+// A task of the server that has a database open.
+class HeldDatabase {
+  public:
+    HeldDatabase(const std::string& server, const std::string& name) {
+        int output[2];
+        EXPECT_EQ(::pipe(output), 0);
+        m_pid = ::fork();
+        if (m_pid == 0) {
+            ::dup2(output[1], 1);
+            ::execl(QRTLN_DOMINO_SIM, QRTLN_DOMINO_SIM, "hold", server.c_str(), name.c_str(),
+                    nullptr);
+            ::_exit(127);
+        }
+        ::close(output[1]);
+        char line = 0; // printed once it is open
+        EXPECT_EQ(::read(output[0], &line, 1), 1);
+        ::close(output[0]);
+    }
+    ~HeldDatabase() {
+        ::kill(m_pid, SIGKILL);
+        ::waitpid(m_pid, nullptr, 0);
+    }
+    HeldDatabase(const HeldDatabase&) = delete;
+    HeldDatabase& operator=(const HeldDatabase&) = delete;
+
+  private:
+    pid_t m_pid = -1;
+};
+
+TEST_F(Restore, ALostDatabaseComesBackWithItsFolderOwnerModeAndTime) {
+    ASSERT_EQ(::chmod(m_user1.c_str(), 0640), 0);
+    ASSERT_EQ(::chmod((m_data + "/mail").c_str(), 0750), 0);
+    json before = shown("mail/user1.nsf");
+    std::string set = full_backup();
+    struct stat status {};
+    ASSERT_EQ(::stat(m_user1.c_str(), &status), 0);
+    ASSERT_EQ(domino("lose " + m_server + " mail/user1.nsf"), 0);
+    fs::remove_all(m_data + "/mail");
+
+    json planned = restore(0, {"mail/user1.nsf", "--activate", "--dry-run"});
+    EXPECT_EQ(action(planned, m_user1), "activate");
+    EXPECT_EQ(planned["plan"]["items"][0]["existing"], nullptr);
+    EXPECT_EQ(planned["plan"]["items"][0]["size"], status.st_size);
+    EXPECT_FALSE(fs::exists(m_data + "/mail"));
+
+    json done = restore(0, {"mail/user1.nsf", "--activate"});
+    EXPECT_EQ(done["plan"]["items"], planned["plan"]["items"]);
+    EXPECT_EQ(done["result"]["restored"], json::array({m_user1}));
+    EXPECT_EQ(shown("mail/user1.nsf")["digest"], before["digest"]);
+    put("mail/user1.nsf"); // the server writes to it
+    struct stat folder {};
+    struct stat data {};
+    ASSERT_EQ(::stat((m_data + "/mail").c_str(), &folder), 0);
+    ASSERT_EQ(::stat(m_data.c_str(), &data), 0);
+    EXPECT_EQ(folder.st_mode, data.st_mode); // a folder that was not selected: as the one above
+    EXPECT_TRUE(fs::is_empty(m_tmp));
+
+    // With the whole system the folder's own mode comes back; and times do.
+    fs::remove_all(m_data + "/mail");
+    restore(0, {"--all", "--activate"});
+    ASSERT_EQ(::stat((m_data + "/mail").c_str(), &folder), 0);
+    EXPECT_EQ(folder.st_mode & 07777, 0750U);
+    struct stat now {};
+    ASSERT_EQ(::stat(m_user1.c_str(), &now), 0);
+    EXPECT_EQ(now.st_mode, status.st_mode);
+    EXPECT_EQ(now.st_mtim.tv_sec, status.st_mtim.tv_sec);
+    EXPECT_EQ(now.st_mtim.tv_nsec, status.st_mtim.tv_nsec);
+}
+
+TEST_F(Restore, WithoutActivationTheCopyWaitsAndTheServerIsUntouched) {
+    full_backup();
+    put("mail/user1.nsf");
+    std::string before = read_file(m_user1);
+    json done = restore(0, {"mail/user1.nsf"});
+    std::string copy = done["result"]["waiting"][0]["copy"];
+    EXPECT_THAT(copy, HasSubstr(m_tmp + "/qrtln-restored-"));
+    EXPECT_EQ(domino("show " + copy), 0);
+    EXPECT_EQ(read_file(m_user1), before);
+    full_backup(); // clears what killed runs left: not this
+    EXPECT_TRUE(fs::exists(copy));
+}
+
+TEST_F(Restore, ADatabaseInUseIsNotTouchedAndASecondCommandFinishes) {
+    full_backup();
+    json saved = shown("mail/user1.nsf");
+    put("mail/user1.nsf");
+    std::string before = read_file(m_user1);
+    {
+        HeldDatabase held(m_server, "mail/user1.nsf");
+        json done = restore(3, {"mail/user1.nsf", "mail/user2.nsf", "--activate"});
+        ASSERT_THAT(done["result"]["waiting"], SizeIs(1));
+        std::string copy = done["result"]["waiting"][0]["copy"];
+        EXPECT_EQ(domino("show " + copy), 0);
+        EXPECT_THAT(m_errors, HasSubstr("in use: " + m_user1));
+        EXPECT_EQ(done["result"]["restored"], json::array({m_data + "/mail/user2.nsf"}));
+        EXPECT_EQ(read_file(m_user1), before);
+    }
+    restore(0, {"mail/user1.nsf", "--activate"});
+    EXPECT_EQ(shown("mail/user1.nsf")["digest"], saved["digest"]);
+}
+
+TEST_F(Restore, AWholeTreeIsRelocatedBelowItsWholePath) {
+    std::string set = full_backup();
+    auto server = snapshot(m_data);
+    std::string to = m_scratch / "elsewhere";
+    restore(0, {"--all", "--to", to, "--dry-run"});
+    EXPECT_FALSE(fs::exists(to));
+    for (int i = 0; i < 2; ++i) { // a second time over the first
+        restore(0, {"--all", "--to", to});
+        EXPECT_EQ(snapshot(to + m_data), server);
+    }
+    EXPECT_FALSE(fs::exists(to + m_server + "/logs"));
+    EXPECT_EQ(snapshot(m_data), server);
+    EXPECT_TRUE(fs::is_empty(m_tmp));
+}
+
+TEST_F(Restore, FoldersThatTheModuleWouldMisreadAreRefused) {
+    full_backup();
+    for (const std::string& to : {m_data, m_data + "/below", m_data + "2", m_scratch / "x-old",
+                                  m_scratch / "deld", m_scratch / "none/deep"}) {
+        SCOPED_TRACE(to);
+        restore(1, {"--all", "--to", to});
+        EXPECT_FALSE(to != m_data && fs::exists(to));
+    }
+    fs::create_directory_symlink(m_data, m_scratch / "alias");
+    restore(1, {"--all", "--to", m_scratch / "alias/x"});
+    EXPECT_FALSE(fs::exists(m_data + "/x"));
+    const std::vector<std::string> usage[] = {
+        {},
+        {"--activate"},
+        {"--all", "--plain"},
+        {"--all", "mail"},
+        {"--all", "--to", m_scratch / "x", "--activate"},
+        {"--all", "--set", "latest", "--at", "2026-01-01 00:00"},
+        {"--all", "--at", "2026-02-30 00:00"}};
+    for (const auto& words : usage)
+        restore(2, words);
+    restore(1, {"mail/nobody.nsf"});
+    EXPECT_THAT(m_errors, HasSubstr("mail/nobody.nsf"));
+    restore(1, {"--all", "--at", "2001-01-01 00:00"});
+}
+
+TEST_F(Restore, APlainRestoreWithACollisionIsRefusedBeforeItStarts) {
+    fs::create_directories(m_data + "/other");
+    ASSERT_EQ(domino("create " + m_server + " other/user1.nsf"), 0)
+        << read_file(m_scratch / "domino-sim.out");
+    full_backup();
+    std::string to = m_scratch / "plain";
+    restore(1, {"mail", "other", "--to", to, "--plain"});
+    EXPECT_THAT(m_errors, HasSubstr("both"));
+    EXPECT_FALSE(fs::exists(to));
+    restore(0, {"mail", "--to", to, "--plain"});
+    std::vector<std::string> names;
+    for (const auto& [name, content] : snapshot(to))
+        names.push_back(name);
+    EXPECT_THAT(names, ElementsAre(".", "/user1.nsf", "/user2.nsf"));
+}
+
+TEST_F(Restore, TheWholeSystemComesBackFromTheFullSetAndWhatFollowedIt) {
+    full_backup();
+    json first = shown("names.nsf");
+    put("names.nsf");
+    put("mail/user1.nsf");
+    std::string second = full_backup({"mail", "--level", "copy"});
+    json saved = shown("mail/user1.nsf");
+    for (const char* name : {"names.nsf", "mail/user1.nsf", "mail/user2.nsf"})
+        put(name);
+    write_file(m_data + "/user.dic", "changed");
+    std::string dic = m_data + "/user.dic";
+    // A folder brings no file that is there; its name and --all do.
+    EXPECT_EQ(action(restore(0, {m_data, "--dry-run"}), dic), "leave out");
+    EXPECT_EQ(action(restore(0, {"user.dic", "--dry-run"}), dic), "write");
+
+    json done = restore(0, {"--all", "--activate"});
+    EXPECT_EQ(action(done, m_server + "/logs/S0000001.TXN"), "leave out");
+    EXPECT_EQ(shown("names.nsf")["digest"], first["digest"]);
+    EXPECT_EQ(shown("mail/user1.nsf")["digest"], saved["digest"]); // from the later set
+    EXPECT_NE(read_file(dic), "changed");
+    EXPECT_THAT(done["result"]["waiting"], IsEmpty());
+    EXPECT_TRUE(fs::is_empty(m_tmp));
+    EXPECT_EQ(extents(), std::vector<int>{1});
+
+    // --at and --set choose the sets.
+    std::string base = list()[0]["set"];
+    json at = restore(0, {"mail/user1.nsf", "--at", base.substr(0, 16), "--dry-run"});
+    EXPECT_EQ(at["plan"]["items"][0]["set"], base);
+    at = restore(0, {"mail/user1.nsf", "--dry-run"});
+    EXPECT_EQ(at["plan"]["items"][0]["set"], second);
+    restore(1, {"names.nsf", "--set", second});
+    restore(1, {"--all", "--set", second});
+    EXPECT_THAT(m_errors, HasSubstr("--at " + second.substr(0, 16)));
+}
+
+TEST_F(Restore, AFlippedBitLeavesTheLiveDatabaseUntouched) {
+    std::string set = full_backup();
+    put("mail/user1.nsf");
+    std::string before = read_file(m_user1);
+    flip_a_bit(object_file(set, m_user1));
+    for (const char* how : {"--activate", "--verbose"}) {
+        json done = restore(4, {"mail", how});
+        EXPECT_EQ(done["result"]["damaged"][0]["path"], m_user1);
+        EXPECT_EQ(read_file(m_user1), before);
+        EXPECT_EQ(shown("mail/user1.nsf")["integrity"], "ok");
+    }
+    std::string to = m_scratch / "to";
+    restore(4, {"mail", "--to", to});
+    EXPECT_FALSE(fs::exists(to + m_user1));
+    EXPECT_TRUE(fs::exists(to + m_data + "/mail/user2.nsf"));
+    EXPECT_THAT(snapshot(to + m_data + "/mail"), SizeIs(2)); // no leftover
+}
+
+TEST_F(Restore, WithoutRoomNothingIsWritten) {
+    full_backup();
+    std::string small = m_scratch / "small";
+    test::SmallFileSystem file_system(small, 300'000);
+    if (!file_system.mounted())
+        GTEST_SKIP() << "this user may not mount";
+    restore(1, {"--all", "--to", small + "/to"});
+    EXPECT_THAT(m_errors, HasSubstr("nothing was written"));
+    EXPECT_FALSE(fs::exists(small + "/to"));
+    m_tmp = small;
+    restore(1, {"mail"});
+    EXPECT_TRUE(fs::is_empty(small));
+    restore(0, {"mail", "--activate"}); // one at a time fits
+    EXPECT_TRUE(fs::is_empty(small));
+}
+
+TEST_F(Restore, AFailureOfTheServerKeepsTheCopyAndSaysSo) {
+    full_backup();
+    std::string before = read_file(m_user1);
+    restore(14, {"mail", "--activate"}, {{"NOTES_SIM_FAULTS", "NotesInitExtended=272"}});
+    EXPECT_TRUE(fs::is_empty(m_tmp));
+    json done = restore(3, {"mail/user1.nsf", "--activate"},
+                        {{"NOTES_SIM_FAULTS", "NSFTakeDatabaseOffline=5098"}});
+    EXPECT_TRUE(fs::exists(done["result"]["waiting"][0]["copy"].get<std::string>()));
+    EXPECT_EQ(read_file(m_user1), before);
+}
+
+TEST_F(Restore, AHostileSetWritesNothingOutsideTheDataDirectory) {
+    std::string set = full_backup();
+    Manifest hostile = manifest(set);
+    ManifestItem model = item(set, m_data + "/user.id");
+    std::string outside = m_scratch / "outside";
+    write_file(outside + "/precious.nsf", "precious");
+    write_file(outside + "/precious.id", "precious");
+    fs::create_directory_symlink(outside, m_data + "/link");
+    fs::create_directory_symlink("link", m_data + "/second");
+    fs::create_symlink(outside + "/precious.nsf", m_data + "/live.nsf");
+    fs::create_symlink(outside + "/precious.id", m_data + "/live.id");
+    ASSERT_EQ(::mkfifo((m_data + "/fifo.nsf").c_str(), 0600), 0);
+    ASSERT_EQ(::mkfifo((m_data + "/fifo.id").c_str(), 0600), 0);
+    fs::create_directories(m_data + "/folder.nsf");
+    const std::string paths[] = {
+        outside + "/new.id",
+        outside + "/new.nsf",
+        outside + "/precious.nsf",
+        m_data + "/../../outside/up.nsf",
+        m_data + "/../../outside/up.id",
+        m_data + "/mail/../../../outside/up.nsf",
+        m_data + "/link/in.nsf",
+        m_data + "/link/in.id",
+        m_data + "/link/new/in.nsf",
+        m_data + "/second/in.nsf",
+        m_data + "/second/new/in.id",
+        m_data + "/live.nsf",
+        m_data + "/live.id",
+        m_data + "/fifo.nsf",
+        m_data + "/fifo.id",
+        m_data + "/folder.nsf",
+        m_data + "/user.id/below.id",
+        m_data + "//double.id",
+        m_data + "/" + std::string(300, 'x') + ".nsf",
+        m_data + "/" + std::string(1100, 'x') + ".nsf",
+        "relative.nsf",
+        "../relative.id",
+        m_data + std::string("/nul\0.nsf", 9),
+        m_data + "2/prefix.nsf",
+    };
+    hostile.items.clear();
+    for (const std::string& path : paths) {
+        ManifestItem item = model;
+        item.path = path;
+        item.mode = 06777;
+        hostile.items.push_back(item);
+    }
+    ManifestItem folder = model;
+    folder.path = outside + "/folder";
+    folder.kind = ItemKind::directory;
+    folder.object.clear();
+    hostile.items.push_back(folder);
+    hostile.set = "20300101T000000Z-full";
+    auto store = open_directory_store(m_store, StoreAccess::write);
+    store->write_manifest(hostile.set, serialize(hostile));
+    store.reset();
+
+    auto before = snapshot(outside);
+    auto data = snapshot(m_data);
+    for (const std::vector<std::string>& words :
+         {std::vector<std::string>{"--all"}, {"--all", "--activate"}}) {
+        json done = restore(3, words);
+        EXPECT_THAT(done["result"]["failed"], SizeIs(std::size(paths)));
+        EXPECT_THAT(done["result"]["restored"], IsEmpty());
+        EXPECT_EQ(snapshot(outside), before);
+        EXPECT_EQ(snapshot(m_data), data);
+    }
+    EXPECT_FALSE(fs::exists(m_data + "2"));
+    EXPECT_FALSE(fs::exists(outside + "/folder"));
+}
+
+} // namespace
+} // namespace qrtln
+
+#endif

@@ -1,0 +1,244 @@
+// Writing below a folder and nowhere else, and the choice of what is restored.
+
+#include "client/error.h"
+#include "client/file_users.h"
+#include "client/restore_plan.h"
+#include "client/safe_paths.h"
+#include "tests/client/run_client.h"
+
+#include <csignal>
+#include <cstdlib>
+#include <ctime>
+#include <fcntl.h>
+#include <gmock/gmock.h>
+#include <sys/stat.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+namespace qrtln {
+namespace {
+
+namespace fs = std::filesystem;
+using test::read_file;
+using test::ScratchFolder;
+using test::snapshot;
+using test::write_file;
+using testing::HasSubstr;
+
+class SafePaths : public testing::TestWithParam<bool> {
+  protected:
+    SafePaths() {
+        write_file(m_outside + "/precious", "precious");
+        fs::create_directories(m_inside + "/mail/deep");
+        write_file(m_inside + "/mail/old.nsf", "old");
+        fs::create_directory_symlink(m_outside, m_inside + "/link");
+        fs::create_directory_symlink("../outside", m_inside + "/relative");
+        fs::create_directory_symlink("link", m_inside + "/second");
+        fs::create_directory_symlink("../link", m_inside + "/mail/back");
+        fs::create_symlink(m_outside + "/precious", m_inside + "/file.id");
+        fs::create_symlink("missing", m_inside + "/dangling.id");
+        fs::create_symlink(m_outside + "/new", m_inside + "/dangling.nsf");
+        fs::create_directories(m_inside + "/folder.id");
+        EXPECT_EQ(::mkfifo((m_inside + "/fifo.id").c_str(), 0600), 0);
+    }
+    // Writes a file below the folder as a restore does; what stopped it.
+    std::string write(const std::string& relative, bool replace) {
+        SafeFolder folder(m_inside, GetParam());
+        std::size_t slash = relative.rfind('/');
+        std::string problem;
+        FileDescriptor parent =
+            folder.open_folder(slash == std::string::npos ? "" : relative.substr(0, slash), problem,
+                               [](int, const std::string&) {});
+        if (!parent)
+            return problem;
+        SafeFile file(std::move(parent), relative.substr(slash + 1));
+        for (const std::string& step : {file.create(), file.write(as_bytes("new"))})
+            if (!step.empty())
+                return step;
+        return file.commit(nullptr, replace);
+    }
+
+    ScratchFolder m_scratch;
+    std::string m_inside = m_scratch / "inside";
+    std::string m_outside = m_scratch / "outside";
+};
+
+INSTANTIATE_TEST_SUITE_P(Resolution, SafePaths, testing::Values(true, false),
+                         [](const auto& test) { return test.param ? "Kernel" : "Components"; });
+
+TEST_P(SafePaths, WhatLeadsOutOrIsNoFileIsRefusedAndNothingChanges) {
+    const std::string cases[] = {
+        "../outside/x",
+        "..",
+        "../x",
+        "mail/../../outside/x",
+        "mail/..",
+        "./x",
+        "mail/./x",
+        "/etc/x",
+        "mail//x",
+        "mail/",
+        "link/x",
+        "link/precious",
+        "link/new/x",
+        "relative/x",
+        "second/x",
+        "mail/back/x",
+        "mail/back/new/deep/x",
+        "file.id",
+        "file.id/x",
+        "dangling.id",
+        "dangling.id/x",
+        "dangling.nsf",
+        "fifo.id",
+        "fifo.id/x",
+        "folder.id",
+        "mail/old.nsf/x",
+        "mail/" + std::string(256, 'x'),
+        std::string(256, 'x') + "/x",
+        std::string("mail/x\0/../../outside/y", 24),
+        std::string("link\0x/y", 8),
+    };
+    auto inside = snapshot(m_inside);
+    auto outside = snapshot(m_outside);
+    for (const std::string& relative : cases) {
+        EXPECT_NE(write(relative, true), "") << relative;
+        EXPECT_EQ(snapshot(m_outside), outside) << relative;
+    }
+    EXPECT_EQ(snapshot(m_inside), inside);
+    EXPECT_THAT(write("link/x", true), HasSubstr("symbolic link"));
+    EXPECT_THAT(write("fifo.id", true), HasSubstr("a FIFO"));
+    EXPECT_THAT(write("mail/old.nsf", false), HasSubstr("there already"));
+    EXPECT_EQ(snapshot(m_inside), inside);
+}
+
+TEST_P(SafePaths, UnusualNamesAndNewFoldersStayInside) {
+    for (const std::string& relative :
+         {std::string("new/deeper/x.nsf"), std::string("a\nb"), std::string("mail/\xff\xfe.nsf"),
+          std::string("..x"), std::string("x.."), std::string("mail/old.nsf"), std::string(" "),
+          std::string(255, 'x')}) {
+        EXPECT_EQ(write(relative, true), "") << relative;
+        EXPECT_EQ(read_file(m_inside + "/" + relative), "new") << relative;
+    }
+    EXPECT_EQ(snapshot(m_outside).size(), 2U);
+}
+
+TEST_P(SafePaths, AFileThatIsNotCommittedLeavesNothing) {
+    auto before = snapshot(m_inside);
+    {
+        std::string problem;
+        SafeFile file(SafeFolder(m_inside, GetParam()).open_folder("mail", problem), "new.nsf");
+        EXPECT_EQ(file.create(), "");
+        EXPECT_EQ(file.write(as_bytes("half")), "");
+        EXPECT_NE(snapshot(m_inside), before);
+    }
+    EXPECT_EQ(snapshot(m_inside), before);
+}
+
+TEST(SafePath, TextsThatNameNoPlaceAreRefused) {
+    const struct {
+        std::string path;
+        const char* problem; // empty: none
+    } cases[] = {
+        {"", "not absolute"},
+        {"mail/a.nsf", "not absolute"},
+        {"/", "empty component"},
+        {"/a/", "empty component"},
+        {"//a", "empty component"},
+        {"/a/../b", "\"..\""},
+        {"/..", "\"..\""},
+        {"/a/.", "\"..\""},
+        {std::string("/a\0b", 4), "NUL"},
+        {"/" + std::string(256, 'x'), "longer than a file system"},
+        {"/" + std::string(1028, 'x'), "longer than the module"},
+        {"/a\nb", ""},
+        {"/...", ""},
+        {"/a b/\xff", ""},
+    };
+    for (const auto& test : cases) {
+        if (*test.problem == '\0')
+            EXPECT_EQ(path_problem(test.path), "") << test.path;
+        else
+            EXPECT_THAT(path_problem(test.path), HasSubstr(test.problem)) << test.path;
+    }
+}
+
+TEST(RelocationInfo, PathsThatTheModuleWouldMisreadAreRefusedWithTheReason) {
+    EXPECT_EQ(relocation_info("/restore/here", false), "-R \"/restore/here\"");
+    EXPECT_EQ(relocation_info("/restore/here", true), "-R \"/restore/here\" -o \"plain\"");
+    for (const char* path : {"/a-R", "/x-old", "/deld", "/chgd", "/DELD", "/CHGD", "/a\"b", "/"}) {
+        SCOPED_TRACE(path);
+        EXPECT_THROW(relocation_info(path, false), ClientError);
+    }
+    EXPECT_THROW(relocation_info("/" + std::string(1020, 'x'), true), ClientError);
+}
+
+TEST(RestoreMoment, ExactlyOneMomentOrAnError) {
+    ::setenv("TZ", "CET-1CEST,M3.5.0,M10.5.0/3", 1);
+    ::tzset();
+    EXPECT_EQ(parse_moment("2026-01-01 01:00").time, 1767225600);
+    EXPECT_EQ(parse_moment("2026-07-01 02:00:05").time, 1782864005);
+    EXPECT_EQ(parse_moment("20260101T000000Z").set_prefix, "20260101T000000Z");
+    const struct {
+        const char* text;
+        const char* reason;
+    } cases[] = {
+        {"", "understood"},
+        {"yesterday", "understood"},
+        {"2026-01-01", "understood"},
+        {"2026-1-1 01:00", "understood"},
+        {"2026-01-01T01:00", "understood"},
+        {"2026-01-01 01:00 ", "understood"},
+        {"20260101T000000", "understood"},
+        {"2026-02-30 01:00", "no such time"},
+        {"2026-13-01 01:00", "no such time"},
+        {"2026-01-01 25:00", "no such time"},
+        {"20260230T000000Z", "no such time"},
+        {"2026-03-29 02:30", "skips"},
+        {"2026-10-25 02:30", "repeats"},
+    };
+    for (const auto& test : cases) {
+        SCOPED_TRACE(test.text);
+        try {
+            parse_moment(test.text);
+            ADD_FAILURE();
+        } catch (const ClientError& error) {
+            EXPECT_EQ(error.exit_code(), 2);
+            EXPECT_THAT(error.what(), HasSubstr(test.reason));
+        }
+    }
+    ::unsetenv("TZ");
+    ::tzset();
+}
+
+TEST(FileUsersTest, AFileThatAnotherProcessHasOpenIsToldWithTheProcess) {
+    ScratchFolder scratch;
+    write_file(scratch / "held", "x");
+    write_file(scratch / "free", "x");
+    int ready[2];
+    ASSERT_EQ(::pipe(ready), 0);
+    pid_t pid = ::fork();
+    if (pid == 0) {
+        int fd = ::open((scratch / "held").c_str(), O_RDONLY);
+        (void)!::write(ready[1], fd >= 0 ? "1" : "0", 1);
+        for (;;)
+            ::pause();
+    }
+    char answer = 0;
+    ASSERT_EQ(::read(ready[0], &answer, 1), 1);
+    ASSERT_EQ(answer, '1');
+    FileUsers users;
+    struct stat held {};
+    struct stat free_file {};
+    ASSERT_EQ(::stat((scratch / "held").c_str(), &held), 0);
+    ASSERT_EQ(::stat((scratch / "free").c_str(), &free_file), 0);
+    EXPECT_THAT(users.describe(held), HasSubstr(std::to_string(pid) + " ("));
+    EXPECT_EQ(users.describe(free_file), "");
+    ::kill(pid, SIGKILL);
+    ::waitpid(pid, nullptr, 0);
+    ::close(ready[0]);
+    ::close(ready[1]);
+}
+
+} // namespace
+} // namespace qrtln
