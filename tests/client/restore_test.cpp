@@ -4,7 +4,11 @@
 #include "client/store/object_writer.h"
 #include "tests/client/simulated_server.h"
 
+#include <algorithm>
+#include <array>
+#include <csignal>
 #include <fcntl.h>
+#include <sys/ioctl.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
 #include <thread>
@@ -318,6 +322,69 @@ TEST_F(Restore, AFailureOfTheServerKeepsTheCopyAndSaysSo) {
                         {{"NOTES_SIM_FAULTS", "NSFTakeDatabaseOffline=5098"}});
     EXPECT_TRUE(fs::exists(done["result"]["waiting"][0]["copy"].get<std::string>()));
     EXPECT_EQ(read_file(m_user1), before);
+}
+
+TEST_F(Restore, LogsComeBackOnlyWithTheWholeSystemAndOnlyWhenTheirFolderIsLost) {
+    full_backup();
+    std::string log = m_server + "/logs/S0000001.TXN";
+    put("names.nsf");
+    std::string active = read_file(log);
+    restore(3, {log, "--dry-run"});
+    EXPECT_THAT(restore(0, {"--all"})["result"]["failed"], IsEmpty());
+    EXPECT_EQ(read_file(log), active);
+    fs::remove_all(m_server + "/logs");
+    json done = restore(0, {"--all", "--activate"});
+    EXPECT_EQ(action(done, log), "write");
+    EXPECT_TRUE(fs::exists(log));
+    EXPECT_TRUE(fs::exists(m_server + "/logs/nlogctrl.lfh"));
+    put("names.nsf");
+}
+
+TEST_F(Restore, AnotherServersSetIsRestoredElsewhereOnly) {
+    std::string set = full_backup();
+    std::string data = m_data;
+    m_server = m_scratch / "other";
+    ASSERT_EQ(domino("init " + m_server + " --databases 5 --extent-size 65536"), 0);
+    auto before = snapshot(m_server + "/data");
+    restore(1, {"names.nsf"});
+    restore(1, {"names.nsf", "--set", set, "--activate"});
+    EXPECT_THAT(m_errors, HasSubstr("of a server with the data directory " + data));
+    restore(0, {"names.nsf", "--set", set, "--to", m_scratch / "to"});
+    EXPECT_EQ(read_file(m_scratch / "to" + data + "/names.nsf"), read_file(data + "/names.nsf"));
+    EXPECT_EQ(snapshot(m_server + "/data"), before);
+}
+
+TEST_F(Restore, AnInterruptedRestoreLeavesNoPartOfACopy) {
+    full_backup();
+    // A stopped writer gives the signal its moment: the trace is a FIFO that nobody reads yet.
+    std::string trace = m_scratch / "trace";
+    ASSERT_EQ(::mkfifo(trace.c_str(), 0600), 0);
+    int reader = ::open(trace.c_str(), O_RDWR | O_CLOEXEC);
+    ASSERT_GE(::fcntl(reader, F_SETPIPE_SZ, 4096), 0);
+    test::RunningClient client(
+        {"restore", "--notes-ini", m_server + "/notes.ini", "--store", m_store, "--tmp-dir", m_tmp,
+         "--trace", trace, "--all"},
+        {{"QRTLN_MODULE", ""}, {"Notes_ExecDirectory", QRTLN_SIMULATOR_DIRECTORY}});
+    int unread = 0;
+    for (int i = 0; i < 2000 && unread < 3000; ++i) {
+        std::this_thread::sleep_for(std::chrono::milliseconds(5));
+        ASSERT_EQ(::ioctl(reader, FIONREAD, &unread), 0);
+    }
+    ASSERT_GE(unread, 3000);
+    ::kill(client.pid(), SIGTERM);
+    constexpr char end_of_trace = '\x04';
+    std::thread drain([&] {
+        std::array<char, 4096> buffer{};
+        for (ssize_t got = 1; got > 0 && std::find(buffer.begin(), buffer.begin() + got,
+                                                   end_of_trace) == buffer.begin() + got;)
+            got = ::read(reader, buffer.data(), buffer.size());
+    });
+    Outcome outcome = client.wait();
+    ASSERT_EQ(::write(reader, &end_of_trace, 1), 1);
+    drain.join();
+    ::close(reader);
+    EXPECT_EQ(outcome.exit_code, 143) << outcome.errors;
+    EXPECT_TRUE(fs::is_empty(m_tmp));
 }
 
 TEST_F(Restore, AHostileSetWritesNothingOutsideTheDataDirectory) {
