@@ -12,6 +12,7 @@
 #include <cerrno>
 #include <optional>
 #include <sys/stat.h>
+#include <unistd.h>
 
 namespace qrtln {
 
@@ -47,6 +48,16 @@ bool does_work(const PlannedItem& planned) {
 struct WriteFailed {
     std::string problem;
 };
+
+// Ends the reading of one that is longer than the plan made room for.
+struct LongerThanPlanned {};
+
+std::string joined(const std::string& root, const std::string& relative) {
+    std::string path = root;
+    path += '/';
+    path += relative;
+    return path;
+}
 
 class RestoreOperation {
   public:
@@ -248,7 +259,7 @@ FolderCreated RestoreOperation::folder_created(const std::string& root) {
         struct stat above {};
         if (::fstatat(fd, "..", &above, 0) == 0) {
             if (::geteuid() == 0 && ::fchown(fd, above.st_uid, above.st_gid) != 0)
-                m_result.warnings.push_back("cannot set the owner of " + root + "/" + relative +
+                m_result.warnings.push_back("cannot set the owner of " + joined(root, relative) +
                                             ": " + system_error_text(errno));
             (void)::fchmod(fd, above.st_mode & 0777);
         }
@@ -270,10 +281,14 @@ void RestoreOperation::create_folder(const PlannedItem& planned) {
 bool RestoreOperation::write_content(const PlannedItem& planned, SafeFile& file,
                                      std::string& problem) {
     ObjectCheck check;
+    std::uint64_t read = 0;
     try {
         check = m_context.store.read_object(planned.item.object, [&](Bytes bytes) {
             m_host->forward_interrupt();
             throw_if_interrupted();
+            read += bytes.size();
+            if (read > planned.item.size)
+                throw LongerThanPlanned{};
             if (std::string failed = file.write(bytes); !failed.empty())
                 throw WriteFailed{failed};
             m_progress->add_bytes(bytes.size());
@@ -281,6 +296,9 @@ bool RestoreOperation::write_content(const PlannedItem& planned, SafeFile& file,
     } catch (const WriteFailed& failed) {
         problem = failed.problem;
         return false;
+    } catch (const LongerThanPlanned&) {
+        check = {"is longer than the " + std::to_string(planned.item.size) + " bytes of the set",
+                 planned.item.size};
     }
     if (check.problem.empty() && check.size != planned.item.size)
         check.problem = "has " + std::to_string(check.size) + " bytes, not the " +
@@ -320,8 +338,11 @@ void RestoreOperation::write_item(const PlannedItem& planned, const std::string&
     bool activate = planned.action == RestoreAction::activate;
     if (problem.empty())
         problem = file.commit(activate ? nullptr : &planned.item, !placed && planned.replaces);
-    if (problem.empty() && activate)
+    if (problem.empty() && activate) {
         problem = check_live_target(planned);
+        if (!problem.empty())
+            ::unlink(path.c_str()); // in this run's own folder; at its end it goes anyway
+    }
     if (!problem.empty()) {
         fail(planned, problem);
         return;
@@ -396,7 +417,7 @@ void RestoreOperation::give_folder_metadata_back() {
     // The innermost first: what happens in a folder changes its time.
     for (auto created = m_created.rbegin(); created != m_created.rend(); ++created) {
         const auto& [root, relative] = *created;
-        std::string path = root + "/" + relative;
+        std::string path = joined(root, relative);
         if (!m_plan.to.empty() && is_below(path, m_plan.to))
             path = path.substr(m_plan.to.size());
         auto original = m_plan.folders.find(path);
@@ -407,7 +428,7 @@ void RestoreOperation::give_folder_metadata_back() {
         if (folder)
             problem = apply_metadata(folder.get(), original->second);
         if (!problem.empty())
-            m_result.warnings.push_back(path + ": " + problem);
+            m_result.warnings.push_back(path.append(": ").append(problem));
     }
 }
 

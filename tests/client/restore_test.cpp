@@ -33,7 +33,8 @@ using testing::SizeIs;
 class Restore : public OverTheSimulator {
   protected:
     // Runs a restore that must end with this code; its JSON document.
-    json restore(int exit_code, std::vector<std::string> more, test::Environment environment = {}) {
+    json restore(int exit_code, const std::vector<std::string>& more,
+                 test::Environment environment = {}) {
         std::vector<std::string> words = {"restore", "--notes-ini", m_server + "/notes.ini",
                                           "--store", m_store,       "--tmp-dir",
                                           m_tmp,     "--json"};
@@ -45,7 +46,7 @@ class Restore : public OverTheSimulator {
         m_errors = outcome.errors;
         return outcome.output.empty() ? json() : json::parse(outcome.output);
     }
-    std::string full_backup(std::vector<std::string> more = {}) {
+    std::string full_backup(const std::vector<std::string>& more = {}) {
         Outcome outcome = backup(more);
         EXPECT_EQ(outcome.exit_code, 0) << outcome.errors;
         return json::parse(outcome.output)["set"];
@@ -295,6 +296,22 @@ TEST_F(Restore, AFlippedBitLeavesTheLiveDatabaseUntouched) {
     EXPECT_FALSE(fs::exists(to + m_user1));
     EXPECT_TRUE(fs::exists(to + m_data + "/mail/user2.nsf"));
     EXPECT_THAT(snapshot(to + m_data + "/mail"), SizeIs(2)); // no leftover
+}
+
+TEST_F(Restore, AnObjectOfAnotherSizeThanTheSetTellsIsDamage) {
+    std::string set = full_backup();
+    std::string before = read_file(m_user1);
+    Manifest lying = manifest(set);
+    auto store = open_directory_store(m_store, StoreAccess::write);
+    for (std::uint64_t size : {std::uint64_t{1000}, std::uint64_t{1} << 20}) {
+        for (ManifestItem& item : lying.items)
+            if (item.path == m_user1)
+                item.size = size;
+        store->write_manifest(set, serialize(lying));
+        restore(4, {"mail/user1.nsf", "--activate"});
+        EXPECT_EQ(read_file(m_user1), before);
+        EXPECT_TRUE(fs::is_empty(m_tmp));
+    }
 }
 
 TEST_F(Restore, WithoutRoomNothingIsWritten) {

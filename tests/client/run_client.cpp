@@ -15,7 +15,8 @@ namespace qrtln::test {
 namespace fs = std::filesystem;
 
 ScratchFolder::ScratchFolder() {
-    std::string path = (fs::temp_directory_path() / "qrtln-test-XXXXXX").string();
+    // No "-" before what is made up: with an "R" or "o" it would be an option to the module.
+    std::string path = (fs::temp_directory_path() / "qrtln-test_XXXXXX").string();
     if (::mkdtemp(path.data()) == nullptr)
         throw std::runtime_error("cannot create " + path);
     m_path = path;
