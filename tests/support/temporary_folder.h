@@ -11,8 +11,9 @@
 class TemporaryFolder {
   public:
     TemporaryFolder() {
+        // No "-" before the random part: "-R" and "-o" are options wherever they stand in INFO.
         std::string pattern =
-            (std::filesystem::temp_directory_path() / "qrtln-test-XXXXXX").string();
+            (std::filesystem::temp_directory_path() / "qrtln-test_XXXXXX").string();
         if (mkdtemp(pattern.data()) == nullptr) {
             throw std::runtime_error("cannot create " + pattern);
         }
