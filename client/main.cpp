@@ -74,6 +74,94 @@ void report_failure(bool json, int code, const std::string& message, const std::
     }
 }
 
+// What both commands that run the module take.
+template <typename Options>
+void add_server_options(CLI::App& command, Options& options) {
+    command.add_option("--notes-ini", options.notes_ini, "The server's notes.ini")
+        ->type_name("FILE")
+        ->required();
+    add_store_options(command, options.store, options.json);
+}
+
+template <typename Options>
+void add_module_options(CLI::App& command, Options& options) {
+    command
+        .add_option("--module", options.module,
+                    "The database module, libqrtln.so (default: beside this program)")
+        ->envname("QRTLN_MODULE")
+        ->type_name("FILE");
+    command.add_flag("--verbose", options.verbose, "Show the module's messages");
+    command.add_option("--trace", options.trace_file, "Append the module's trace to FILE")
+        ->type_name("FILE");
+}
+
+CLI::App* add_backup(CLI::App& app, qrtln::BackupOptions& backup) {
+    backup.tmp_dir = default_tmp_dir();
+    CLI::App& command = *app.add_subcommand("backup", backup_help);
+    add_server_options(command, backup);
+    command
+        .add_option(
+            "--level", backup.level,
+            "full: with the transaction logs, the base of later backups; incr: the logs since "
+            "the last backup, and the databases that they cannot bring up to date; diff: "
+            "what changed since the last full; copy: as full, without the logs and "
+            "without a trace on the server")
+        ->check(CLI::IsMember({"full", "copy", "diff", "incr"}))
+        ->capture_default_str();
+    command.add_flag("--auto-full", backup.auto_full,
+                     "Take a full backup where diff or incr has none to build on");
+    command
+        .add_option("--tmp-dir", backup.tmp_dir,
+                    "Where databases are copied to, one at a time: needs room for the largest")
+        ->type_name("DIR")
+        ->capture_default_str();
+    add_module_options(command, backup);
+    command.add_option("DATABASE", backup.databases,
+                       "A database or a folder of databases, below the data directory");
+    command.footer(exit_codes);
+    return &command;
+}
+
+CLI::App* add_restore(CLI::App& app, qrtln::RestoreOptions& restore) {
+    restore.tmp_dir = default_tmp_dir();
+    CLI::App& command = *app.add_subcommand("restore", restore_help);
+    add_server_options(command, restore);
+    CLI::Option* restore_set =
+        command.add_option("--set", restore.set,
+                           "Just what this set holds: its name, the beginning of it, \"latest\"");
+    command
+        .add_option("--at", restore.at,
+                    "The newest up to this time (default: the newest): \"YYYY-MM-DD hh:mm[:ss]\" "
+                    "in local time, or a set's YYYYMMDDThhmmssZ")
+        ->type_name("TIME")
+        ->excludes(restore_set);
+    CLI::Option* restore_to =
+        command
+            .add_option("--to", restore.to,
+                        "Write to this folder, each item below it with its whole path")
+            ->type_name("DIR");
+    command.add_flag("--plain", restore.plain, "Write straight into the folder, without the path")
+        ->needs(restore_to);
+    command
+        .add_flag("--activate", restore.activate,
+                  "Have the server put each database in the place of the live one")
+        ->excludes(restore_to);
+    command.add_flag("--dry-run", restore.dry_run,
+                     "Show what would be written where, and write nothing");
+    CLI::Option* restore_names = command.add_option(
+        "DATABASE", restore.names,
+        "A database, a file or a folder of databases; relative names are below the data directory");
+    command.add_flag("--all", restore.all, "The whole system")->excludes(restore_names);
+    command
+        .add_option("--tmp-dir", restore.tmp_dir,
+                    "Where databases are placed first; not in the data directory")
+        ->type_name("DIR")
+        ->capture_default_str();
+    add_module_options(command, restore);
+    command.footer(exit_codes);
+    return &command;
+}
+
 } // namespace
 
 int main(int argc, char** argv) {
@@ -88,88 +176,9 @@ int main(int argc, char** argv) {
     app.footer(exit_codes);
 
     qrtln::BackupOptions backup;
-    backup.tmp_dir = default_tmp_dir();
-    CLI::App* backup_command = app.add_subcommand("backup", backup_help);
-    backup_command->add_option("--notes-ini", backup.notes_ini, "The server's notes.ini")
-        ->type_name("FILE")
-        ->required();
-    add_store_options(*backup_command, backup.store, backup.json);
-    backup_command
-        ->add_option(
-            "--level", backup.level,
-            "full: with the transaction logs, the base of later backups; incr: the logs since "
-            "the last backup, and the databases that they cannot bring up to date; diff: "
-            "what changed since the last full; copy: as full, without the logs and "
-            "without a trace on the server")
-        ->check(CLI::IsMember({"full", "copy", "diff", "incr"}))
-        ->capture_default_str();
-    backup_command->add_flag("--auto-full", backup.auto_full,
-                             "Take a full backup where diff or incr has none to build on");
-    backup_command
-        ->add_option("--tmp-dir", backup.tmp_dir,
-                     "Where databases are copied to, one at a time: needs room for the largest")
-        ->type_name("DIR")
-        ->capture_default_str();
-    backup_command
-        ->add_option("--module", backup.module,
-                     "The database module, libqrtln.so (default: beside this program)")
-        ->envname("QRTLN_MODULE")
-        ->type_name("FILE");
-    backup_command->add_flag("--verbose", backup.verbose, "Show the module's messages");
-    backup_command->add_option("--trace", backup.trace_file, "Append the module's trace to FILE")
-        ->type_name("FILE");
-    backup_command->add_option("DATABASE", backup.databases,
-                               "A database or a folder of databases, below the data directory");
-    backup_command->footer(exit_codes);
-
+    CLI::App* backup_command = add_backup(app, backup);
     qrtln::RestoreOptions restore;
-    restore.tmp_dir = default_tmp_dir();
-    CLI::App* restore_command = app.add_subcommand("restore", restore_help);
-    restore_command->add_option("--notes-ini", restore.notes_ini, "The server's notes.ini")
-        ->type_name("FILE")
-        ->required();
-    add_store_options(*restore_command, restore.store, restore.json);
-    CLI::Option* restore_set = restore_command->add_option(
-        "--set", restore.set,
-        "Just what this set holds: its name, the beginning of it, \"latest\"");
-    restore_command
-        ->add_option("--at", restore.at,
-                     "The newest up to this time (default: the newest): \"YYYY-MM-DD hh:mm[:ss]\" "
-                     "in local time, or a set's YYYYMMDDThhmmssZ")
-        ->type_name("TIME")
-        ->excludes(restore_set);
-    CLI::Option* restore_to =
-        restore_command
-            ->add_option("--to", restore.to,
-                         "Write to this folder, each item below it with its whole path")
-            ->type_name("DIR");
-    restore_command
-        ->add_flag("--plain", restore.plain, "Write straight into the folder, without the path")
-        ->needs(restore_to);
-    restore_command
-        ->add_flag("--activate", restore.activate,
-                   "Have the server put each database in the place of the live one")
-        ->excludes(restore_to);
-    restore_command->add_flag("--dry-run", restore.dry_run,
-                              "Show what would be written where, and write nothing");
-    CLI::Option* restore_names = restore_command->add_option(
-        "DATABASE", restore.names,
-        "A database, a file or a folder of databases; relative names are below the data directory");
-    restore_command->add_flag("--all", restore.all, "The whole system")->excludes(restore_names);
-    restore_command
-        ->add_option("--tmp-dir", restore.tmp_dir,
-                     "Where databases are placed first; not in the data directory")
-        ->type_name("DIR")
-        ->capture_default_str();
-    restore_command
-        ->add_option("--module", restore.module,
-                     "The database module, libqrtln.so (default: beside this program)")
-        ->envname("QRTLN_MODULE")
-        ->type_name("FILE");
-    restore_command->add_flag("--verbose", restore.verbose, "Show the module's messages");
-    restore_command->add_option("--trace", restore.trace_file, "Append the module's trace to FILE")
-        ->type_name("FILE");
-    restore_command->footer(exit_codes);
+    CLI::App* restore_command = add_restore(app, restore);
 
     qrtln::StoreOptions list;
     CLI::App* list_command = app.add_subcommand("list", "List the sets of the store.");
