@@ -1,5 +1,6 @@
 #include "client/file_io.h"
 
+#include <algorithm>
 #include <cerrno>
 #include <climits>
 #include <cstdlib>
@@ -77,6 +78,24 @@ std::optional<std::string> read_small_file(int directory, const std::string& nam
     }
     content.resize(static_cast<std::size_t>(got));
     return content;
+}
+
+int replace_file(const std::string& path, std::string_view content) {
+    std::string temporary = path + ".tmp";
+    FileDescriptor file(
+        ::open(temporary.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_NOFOLLOW | O_CLOEXEC, 0600));
+    int error = file ? write_all(file.get(), as_bytes(content)) : errno;
+    if (error == 0 && ::fsync(file.get()) != 0)
+        error = errno;
+    if (int close_error = file.close_checked(); error == 0)
+        error = close_error;
+    if (error == 0 && ::rename(temporary.c_str(), path.c_str()) != 0)
+        error = errno;
+    if (error != 0) {
+        ::unlink(temporary.c_str());
+        return error;
+    }
+    return flush_directory(AT_FDCWD, path.substr(0, std::max<std::size_t>(path.rfind('/'), 1)));
 }
 
 int flush_directory(int directory, const std::string& name) {

@@ -59,6 +59,11 @@ ssize_t read_up_to(int fd, std::span<std::byte> buffer);
 std::optional<std::string> read_small_file(int directory, const std::string& name,
                                            std::size_t limit);
 
+// Gives a file new content so that a crash leaves the old one or the new one, flushed to disk: by
+// way of a file of its name with ".tmp". Mode 0600. Returns 0 or the errno; the old one is then
+// there still, unless flushing its folder failed.
+int replace_file(const std::string& path, std::string_view content);
+
 // Flushes the file or folder `name` below `directory`. Returns 0 or the errno.
 int flush_directory(int directory, const std::string& name);
 

@@ -2,6 +2,7 @@
 
 #include "client/error.h"
 #include "client/file_io.h"
+#include "client/store/canonical_json.h"
 #include "client/store/digest.h"
 #include "client/text.h"
 
@@ -23,24 +24,10 @@ constexpr const char* checksum_field = "checksum";
 // says exactly which.
 std::string line_of(const std::string& data_directory, const std::string& path) {
     json line;
-    for (const auto& [name, bytes] :
-         {std::pair{"data_directory", &data_directory}, std::pair{"path", &path}}) {
-        line[name] = printable_utf8(*bytes);
-        if (!is_utf8(*bytes))
-            line[std::string(name) + "_hex"] = to_hex(*bytes);
-    }
+    put_bytes(line, "data_directory", data_directory);
+    put_bytes(line, "path", path);
     line[checksum_field] = sha256_hex(line.dump());
     return line.dump();
-}
-
-std::optional<std::string> bytes_of(const json& line, const std::string& name) {
-    auto hex = line.find(name + "_hex");
-    auto text = line.find(name);
-    if (hex != line.end() && hex->is_string())
-        return from_hex(hex->get<std::string>());
-    if (text == line.end() || !text->is_string())
-        return std::nullopt;
-    return text->get<std::string>();
 }
 
 std::string folder_of(const std::string& file) {
@@ -63,20 +50,22 @@ OwedDatabases::OwedDatabases(std::string file) : m_file(std::move(file)) {
         ++line_number;
         std::string text = content->substr(start, end - start);
         json line = json::parse(text, nullptr, false);
-        std::optional<std::string> data_directory;
-        std::optional<std::string> path;
-        if (line.is_object()) {
-            data_directory = bytes_of(line, "data_directory");
-            path = bytes_of(line, "path");
+        std::string data_directory;
+        std::string path;
+        try {
+            data_directory = get_bytes(line, "data_directory");
+            path = get_bytes(line, "path");
+        } catch (const std::exception&) {
+            path.clear(); // no entry has an empty one
         }
         // Writing it again settles form and checksum at once.
-        if (!data_directory || !path || line_of(*data_directory, *path) != text)
+        if (path.empty() || line_of(data_directory, path) != text)
             throw ClientError(
                 ExitCode::failed,
                 "line " + std::to_string(line_number) + " of " + for_terminal(m_file) +
                     " is damaged: it names a database that a failed run did not store",
                 "move the file away, then take a whole backup: `qrtln backup --level full`");
-        m_entries.emplace(std::move(*data_directory), std::move(*path));
+        m_entries.emplace(std::move(data_directory), std::move(path));
     }
     if (start < content->size())
         cut_to(start);
@@ -119,28 +108,16 @@ int OwedDatabases::strike(const std::string& data_directory,
         left.erase({data_directory, path});
     if (left.size() == m_entries.size())
         return 0;
-    std::string temporary = m_file + ".tmp";
     int error = 0;
     if (left.empty()) {
-        error = ::unlink(m_file.c_str()) == 0 ? 0 : errno;
+        error =
+            ::unlink(m_file.c_str()) == 0 ? flush_directory(AT_FDCWD, folder_of(m_file)) : errno;
     } else {
         std::string content;
         for (const auto& [directory, path] : left)
             content += line_of(directory, path) + "\n";
-        FileDescriptor file(
-            ::open(temporary.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_NOFOLLOW | O_CLOEXEC, 0600));
-        error = file ? write_all(file.get(), as_bytes(content)) : errno;
-        if (error == 0 && ::fsync(file.get()) != 0)
-            error = errno;
-        if (int close_error = file.close_checked(); error == 0)
-            error = close_error;
-        if (error == 0 && ::rename(temporary.c_str(), m_file.c_str()) != 0)
-            error = errno;
-        if (error != 0)
-            ::unlink(temporary.c_str());
+        error = replace_file(m_file, content);
     }
-    if (error == 0)
-        error = flush_directory(AT_FDCWD, folder_of(m_file));
     if (error != 0)
         return error;
     m_exists = !left.empty();

@@ -48,22 +48,6 @@ std::string nearest_existing(std::string path) {
     return path;
 }
 
-// The folder of the transaction logs, or an empty text when notes.ini does not tell.
-std::string log_directory(const NotesIni& ini) {
-    constexpr std::size_t maximal_ini = std::size_t{16} << 20;
-    std::optional<std::string> real = real_path(ini.file);
-    std::optional<std::string> content;
-    if (real)
-        content = read_small_file(AT_FDCWD, *real, maximal_ini);
-    if (!content)
-        return {};
-    auto variables = parse_notes_ini(*content);
-    std::string path = variables["translog_path"];
-    if (path.empty())
-        return {};
-    return absolute_path(path.starts_with('/') ? path : ini.data_directory + "/" + path);
-}
-
 class Planner {
   public:
     Planner(const NotesIni& ini, const RestoreRequest& request)
@@ -207,7 +191,9 @@ PlannedItem Planner::plan_item(SelectedItem selected) {
     look_at_target(planned);
     if (planned.action == RestoreAction::write && planned.existing && !planned.replaces) {
         if (item.kind == ItemKind::file && m_plan.to.empty()) {
-            if (selected.named)
+            if (m_request.recovery)
+                leave_out(planned, "it is there, and a recovery replaces databases only");
+            else if (selected.named)
                 planned.replaces = true;
             else
                 leave_out(planned, "it exists, and is overwritten only when it is named, or with "
@@ -254,6 +240,10 @@ void Planner::plan_database(PlannedItem& planned, bool named) {
     planned.action = m_plan.activate ? RestoreAction::activate : RestoreAction::place;
     if (inside)
         return;
+    if (m_request.recovery) {
+        refuse(planned, "it lies outside the data directory: recover it to a folder with --into");
+        return;
+    }
     bool by_name = std::find(m_request.selection.names.begin(), m_request.selection.names.end(),
                              path) != m_request.selection.names.end();
     if (!named || !by_name) {
@@ -276,6 +266,10 @@ void Planner::plan_database(PlannedItem& planned, bool named) {
 
 void Planner::plan_log(PlannedItem& planned, bool named) {
     const std::string& path = planned.item.path;
+    if (m_request.recovery) {
+        leave_out(planned, "transaction logs come back as the recovery needs them");
+        return;
+    }
     if (!m_request.selection.all) {
         const char* reason = "transaction logs come back with --all only";
         named ? refuse(planned, reason) : leave_out(planned, reason);
@@ -339,7 +333,8 @@ void Planner::look_at_target(PlannedItem& planned) {
     }
     if (planned.existing && !folder)
         planned.used_by = m_users.describe(*planned.existing);
-    if (planned.action == RestoreAction::activate)
+    if (planned.action == RestoreAction::activate ||
+        (m_request.recovery && planned.action == RestoreAction::place))
         planned.replaces = planned.existing.has_value();
     if (planned.action == RestoreAction::write && planned.item.kind == ItemKind::database &&
         !planned.used_by.empty())
@@ -363,17 +358,7 @@ void Planner::refuse_collisions() {
 }
 
 void Planner::count_room() {
-    std::map<dev_t, RoomNeeded> rooms;
-    auto room_of = [&](const std::string& folder) -> RoomNeeded& {
-        std::string place = nearest_existing(folder);
-        struct stat status {};
-        if (::stat(place.c_str(), &status) != 0)
-            status.st_dev = 0;
-        auto [entry, added] = rooms.try_emplace(status.st_dev);
-        if (added)
-            entry->second = {place, status.st_dev, 0, free_bytes(place).value_or(UINT64_MAX)};
-        return entry->second;
-    };
+    RoomCount rooms;
     std::uint64_t largest_activated = 0;
     std::map<dev_t, std::uint64_t> largest_replaced;
     std::string tmp = absolute_path(m_request.tmp_dir);
@@ -384,17 +369,17 @@ void Planner::count_room() {
         std::uint64_t growth = size > old ? size - old : 0;
         switch (planned.action) {
         case RestoreAction::place:
-            room_of(tmp).needed += size;
+            rooms.at(tmp).needed += size;
             break;
         case RestoreAction::activate:
-            room_of(folder_of(planned.target)).needed += growth;
+            rooms.at(folder_of(planned.target)).needed += growth;
             largest_activated = std::max(largest_activated, size);
             if (!planned.used_by.empty()) // its copy stays
-                room_of(tmp).needed += size;
+                rooms.at(tmp).needed += size;
             break;
         case RestoreAction::write: {
             // The old file is there until the new one is whole.
-            RoomNeeded& room = room_of(folder_of(planned.target));
+            RoomNeeded& room = rooms.at(folder_of(planned.target));
             room.needed += growth;
             std::uint64_t& largest = largest_replaced[room.device];
             largest = std::max(largest, std::min(old, size));
@@ -407,11 +392,10 @@ void Planner::count_room() {
         }
     }
     if (largest_activated > 0)
-        room_of(tmp).needed += largest_activated; // copies come and go one by one
-    for (auto& [device, room] : rooms) {
-        room.needed += largest_replaced[device];
-        m_plan.room.push_back(room);
-    }
+        rooms.at(tmp).needed += largest_activated; // copies come and go one by one
+    m_plan.room = rooms.list();
+    for (RoomNeeded& room : m_plan.room)
+        room.needed += largest_replaced[room.device];
 }
 
 std::string time_text(const struct stat& status) {
@@ -419,6 +403,24 @@ std::string time_text(const struct stat& status) {
 }
 
 } // namespace
+
+RoomNeeded& RoomCount::at(const std::string& folder) {
+    std::string place = nearest_existing(folder);
+    struct stat status {};
+    if (::stat(place.c_str(), &status) != 0)
+        status.st_dev = 0;
+    auto [entry, added] = m_rooms.try_emplace(status.st_dev);
+    if (added)
+        entry->second = {place, status.st_dev, 0, free_bytes(place).value_or(UINT64_MAX)};
+    return entry->second;
+}
+
+std::vector<RoomNeeded> RoomCount::list() const {
+    std::vector<RoomNeeded> rooms;
+    for (const auto& [device, room] : m_rooms)
+        rooms.push_back(room);
+    return rooms;
+}
 
 const char* action_name(RestoreAction action) {
     switch (action) {
@@ -436,6 +438,21 @@ const char* action_name(RestoreAction action) {
         break;
     }
     return "refuse";
+}
+
+std::string log_directory(const NotesIni& ini) {
+    constexpr std::size_t maximal_ini = std::size_t{16} << 20;
+    std::optional<std::string> real = real_path(ini.file);
+    std::optional<std::string> content;
+    if (real)
+        content = read_small_file(AT_FDCWD, *real, maximal_ini);
+    if (!content)
+        return {};
+    auto variables = parse_notes_ini(*content);
+    std::string path = variables["translog_path"];
+    if (path.empty())
+        return {};
+    return absolute_path(path.starts_with('/') ? path : ini.data_directory + "/" + path);
 }
 
 std::string relocation_info(const std::string& to, bool plain) {
@@ -461,8 +478,8 @@ RestorePlan make_restore_plan(Store& store, const NotesIni& ini, const RestoreRe
     return planner.run(select_for_restore(store, ini.data_directory, request.selection));
 }
 
-void require_room(const RestorePlan& plan) {
-    for (const RoomNeeded& room : plan.room)
+void require_room(const std::vector<RoomNeeded>& rooms) {
+    for (const RoomNeeded& room : rooms)
         if (room.available < room.needed)
             throw ClientError(
                 ExitCode::failed,
@@ -473,27 +490,46 @@ void require_room(const RestorePlan& plan) {
                 "make room there, or name another folder with --tmp-dir or --to");
 }
 
+std::string room_text(const std::vector<RoomNeeded>& rooms) {
+    std::string text;
+    for (const RoomNeeded& room : rooms)
+        text += "room on the file system of " + for_terminal(room.place) + ": " +
+                human_bytes(room.needed) + " needed, " + human_bytes(room.available) + " free" +
+                (room.available < room.needed ? ": NOT ENOUGH" : "") + "\n";
+    return text;
+}
+
+nlohmann::json room_json(const std::vector<RoomNeeded>& rooms) {
+    nlohmann::json array = nlohmann::json::array();
+    for (const RoomNeeded& room : rooms)
+        array.push_back({{"place", printable_utf8(room.place)},
+                         {"needed", room.needed},
+                         {"free", room.available}});
+    return array;
+}
+
+std::string existing_text(const PlannedItem& planned) {
+    std::string text = "-";
+    if (planned.existing)
+        text = human_bytes(static_cast<std::uint64_t>(planned.existing->st_size)) + " of " +
+               time_text(*planned.existing) + (planned.replaces ? ", is replaced" : ", stays");
+    if (!planned.used_by.empty())
+        text += ", in use by " + planned.used_by;
+    return text;
+}
+
 std::string plan_text(const RestorePlan& plan) {
     Table table({"ACTION", "SIZE ", "SET", "PATH", "WRITTEN TO", "THERE NOW"});
     for (const PlannedItem& planned : plan.items) {
-        std::string now = "-";
-        if (planned.existing)
-            now = human_bytes(static_cast<std::uint64_t>(planned.existing->st_size)) + " of " +
-                  time_text(*planned.existing) + (planned.replaces ? ", is replaced" : ", stays");
-        if (!planned.used_by.empty())
-            now += ", in use by " + planned.used_by;
         bool folder = planned.item.kind == ItemKind::directory;
         std::string written = planned.action == RestoreAction::place ? "(temporary folder)"
                               : !planned.reason.empty()              ? planned.reason
                                                                      : for_terminal(planned.target);
         table.add({action_name(planned.action), folder ? "-" : human_bytes(planned.item.size),
-                   for_terminal(planned.set), for_terminal(planned.item.path), written, now});
+                   for_terminal(planned.set), for_terminal(planned.item.path), written,
+                   existing_text(planned)});
     }
-    std::string text = table.text();
-    for (const RoomNeeded& room : plan.room)
-        text += "room on the file system of " + for_terminal(room.place) + ": " +
-                human_bytes(room.needed) + " needed, " + human_bytes(room.available) + " free" +
-                (room.available < room.needed ? ": NOT ENOUGH" : "") + "\n";
+    std::string text = table.text() + room_text(plan.room);
     if (!plan.users_known)
         text += "this user may not look at every process: a database may be in use all the same\n";
     return text;
@@ -520,18 +556,13 @@ nlohmann::json plan_json(const RestorePlan& plan) {
             item["used_by"] = printable_utf8(planned.used_by);
         items.push_back(std::move(item));
     }
-    nlohmann::json room = nlohmann::json::array();
-    for (const RoomNeeded& entry : plan.room)
-        room.push_back({{"place", printable_utf8(entry.place)},
-                        {"needed", entry.needed},
-                        {"free", entry.available}});
     return {{"data_directory", printable_utf8(plan.data_directory)},
             {"to", plan.to.empty() ? nlohmann::json() : nlohmann::json(printable_utf8(plan.to))},
             {"plain", plan.plain},
             {"activate", plan.activate},
             {"users_known", plan.users_known},
             {"items", items},
-            {"room", room},
+            {"room", room_json(plan.room)},
             {"warnings", plan.warnings}};
 }
 

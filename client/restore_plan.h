@@ -45,11 +45,25 @@ struct RoomNeeded {
     std::uint64_t available = 0;
 };
 
+// Adds up what is needed on each file system.
+class RoomCount {
+  public:
+    // The folder need not exist: the nearest one above it that does tells the file system.
+    RoomNeeded& at(const std::string& folder);
+    std::vector<RoomNeeded> list() const;
+
+  private:
+    std::map<dev_t, RoomNeeded> m_rooms;
+};
+
 struct RestoreRequest {
     SelectionRequest selection;
     std::string to; // empty: the original place
     bool plain = false;
     bool activate = false;
+    // For a recovery: databases are placed, to be rolled forward, files that are there stay, and
+    // transaction logs are left out: they are planned apart.
+    bool recovery = false;
     std::string tmp_dir; // below it the private folder is made
 };
 
@@ -70,8 +84,19 @@ struct RestorePlan {
 // collide in a plain restore, names that no set holds.
 RestorePlan make_restore_plan(Store& store, const NotesIni& ini, const RestoreRequest& request);
 
-// Throws ClientError(failed) when a file system has less room than the plan needs.
-void require_room(const RestorePlan& plan);
+// Throws ClientError(failed) when a file system has less room than is needed.
+void require_room(const std::vector<RoomNeeded>& room);
+
+// A line for each file system, and its JSON.
+std::string room_text(const std::vector<RoomNeeded>& room);
+nlohmann::json room_json(const std::vector<RoomNeeded>& room);
+
+// What lies at the item's target now, and who uses it: "1.5 MiB of TIME, is replaced, in use by
+// 12".
+std::string existing_text(const PlannedItem& planned);
+
+// The folder of the transaction logs, or an empty text when notes.ini does not tell.
+std::string log_directory(const NotesIni& ini);
 
 // The value of the control variable INFO for a relocation to this folder, or a ClientError that
 // says which part of the path the module would misread.

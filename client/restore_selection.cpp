@@ -129,6 +129,8 @@ void Selector::take_named_set() {
 bool Selector::counts(const Manifest& manifest, const Moment& moment) const {
     if (manifest.data_directory != m_result.data_directory)
         return false;
+    if (m_request.ended_before && manifest.ended >= *m_request.ended_before)
+        return false;
     if (m_request.at.empty())
         return true;
     if (!moment.set_prefix.empty())
@@ -159,7 +161,8 @@ void Selector::take_newest() {
 
 void Selector::take(const Manifest& manifest) {
     for (const ManifestItem& item : manifest.items) {
-        if (item.status != ItemStatus::stored)
+        if (item.status != ItemStatus::stored ||
+            m_request.damaged.contains({item.path, item.object}))
             continue;
         bool wanted = m_request.all;
         bool named = m_request.all;
@@ -247,7 +250,7 @@ Moment parse_moment(const std::string& text) {
         refuse_moment(text, "there is no such time");
     if (utc) {
         std::tm copy = fields;
-        ::timegm(&copy);
+        moment.time = ::timegm(&copy);
         if (!same_fields(copy, fields))
             refuse_moment(text, "there is no such time");
         moment.set_prefix = text;

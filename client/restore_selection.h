@@ -5,7 +5,10 @@
 #include "client/store/store.h"
 
 #include <cstdint>
+#include <optional>
+#include <set>
 #include <string>
+#include <utility>
 #include <vector>
 
 namespace qrtln {
@@ -16,6 +19,11 @@ struct SelectionRequest {
     std::string set;                // just what this set holds
     std::string at;                 // or the newest up to a moment; both empty: the newest
     bool elsewhere = false;         // to another folder: the set may be another server's
+    // Only sets that ended before this time, in seconds since 1970: each of their databases is as
+    // it was before it.
+    std::optional<std::int64_t> ended_before = {};
+    // Items, by path and object, that are passed over for older ones: their content is damaged.
+    std::set<std::pair<std::string, std::string>> damaged = {};
 };
 
 struct SelectedItem {
@@ -33,7 +41,7 @@ struct RestoreSelection {
 // A moment up to which sets count.
 struct Moment {
     std::int64_t time = 0;  // seconds since 1970: sets that started then or before
-    std::string set_prefix; // or the beginning of a set's name: sets up to that one
+    std::string set_prefix; // or the beginning of a set's name, of that time: sets up to that one
 };
 
 // "2026-11-21 02:49", "2026-11-21 02:49:23" in local time, or "20261121T024923Z" as in a set's

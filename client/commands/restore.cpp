@@ -133,7 +133,7 @@ int run_restore(const RestoreOptions& options) {
         options.json ? print_json(document) : print_output(plan_text(plan));
         return code;
     }
-    require_room(plan);
+    require_room(plan.room);
     FileDescriptor trace = open_trace(options.trace_file);
     RestoreContext context{ini,         *store,         options.tmp_dir, options.module,
                            trace.get(), options.verbose};

@@ -1,6 +1,9 @@
 #include "client/store/canonical_json.h"
 
 #include "client/store/digest.h"
+#include "client/text.h"
+
+#include <stdexcept>
 
 namespace qrtln {
 
@@ -36,6 +39,23 @@ std::optional<nlohmann::json> from_canonical(const std::string& bytes, std::stri
         return std::nullopt;
     }
     return document;
+}
+
+void put_bytes(nlohmann::json& object, const std::string& name, const std::string& bytes) {
+    object[name] = printable_utf8(bytes);
+    if (!is_utf8(bytes))
+        object[name + "_hex"] = to_hex(bytes);
+}
+
+std::string get_bytes(const nlohmann::json& object, const std::string& name) {
+    std::string text = object.at(name).get<std::string>();
+    auto hex = object.find(name + "_hex");
+    if (hex == object.end())
+        return text;
+    std::optional<std::string> bytes = from_hex(hex->get<std::string>());
+    if (!bytes || printable_utf8(*bytes) != text)
+        throw std::runtime_error("a path in two forms that differ");
+    return *bytes;
 }
 
 } // namespace qrtln

@@ -16,4 +16,11 @@ std::string to_canonical(nlohmann::json document);
 // changed bit is found.
 std::optional<nlohmann::json> from_canonical(const std::string& bytes, std::string& problem);
 
+// Puts bytes into the field `name` as text; where that is not exact, their hexadecimal form goes
+// beside it, in `name` + "_hex".
+void put_bytes(nlohmann::json& object, const std::string& name, const std::string& bytes);
+
+// Reads them back. Throws std::exception when the field is missing or its two forms differ.
+std::string get_bytes(const nlohmann::json& object, const std::string& name);
+
 } // namespace qrtln

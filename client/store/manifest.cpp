@@ -22,24 +22,6 @@ ItemKind kind_of(const std::string& name) {
     throw std::runtime_error("an unknown kind of item");
 }
 
-// Bytes go into `name` as text; where that is not exact, their hexadecimal form goes beside it.
-void put_bytes(json& object, const std::string& name, const std::string& bytes) {
-    object[name] = printable_utf8(bytes);
-    if (!is_utf8(bytes))
-        object[name + "_hex"] = to_hex(bytes);
-}
-
-std::string get_bytes(const json& object, const std::string& name) {
-    std::string text = object.at(name).get<std::string>();
-    auto hex = object.find(name + "_hex");
-    if (hex == object.end())
-        return text;
-    std::optional<std::string> bytes = from_hex(hex->get<std::string>());
-    if (!bytes || printable_utf8(*bytes) != text)
-        throw std::runtime_error("a path in two forms that differ");
-    return *bytes;
-}
-
 json item_to_json(const ManifestItem& item) {
     json out;
     put_bytes(out, "path", item.path);
