@@ -5,7 +5,6 @@
 #include "client/error.h"
 #include "client/interrupt.h"
 #include "client/log_chain.h"
-#include "client/module_host.h"
 #include "client/module_log.h"
 #include "client/original.h"
 #include "client/output.h"
@@ -32,8 +31,6 @@ constexpr std::size_t read_block = std::size_t{1} << 20;
 constexpr std::size_t runtime_name_room = 64;
 // What the module writes to its protocol for each error.
 constexpr std::string_view error_line = "DB_ErrHandler: ";
-constexpr const char* status_failed = "STATUS=1";
-constexpr const char* status_ok = "STATUS=0";
 
 DB_OPERATION_LEVEL module_level(const std::string& level) {
     if (level == "copy")
@@ -71,7 +68,6 @@ class BackupOperation {
     void strike_owed();
     void close_operation();
     void give_up() noexcept;
-    std::string module_reason();
     void on_log(const std::string& line);
     // Whether the module chooses the items that changed, and passes over the others.
     bool selects_changes() const { return !m_request.base.empty(); }
@@ -80,9 +76,9 @@ class BackupOperation {
     BackupRequest m_request;
     const NotesIni& m_ini;
     std::vector<bool> m_yielded; // by argument
-    // The host goes first: its child has the temporary folder in use.
+    // The session goes first: its child has the temporary folder in use.
     std::optional<TemporaryDirectory> m_temporary;
-    std::optional<ModuleHost> m_host;
+    std::optional<ModuleSession> m_session;
     std::optional<Progress> m_progress;
     Manifest m_manifest;
     std::set<std::string> m_seen;
@@ -90,13 +86,10 @@ class BackupOperation {
     std::vector<UncheckedItem> m_unchecked;       // told since the last item
     std::vector<std::string> m_warnings_for_next; // about the item that was just handed out
     // what the module's protocol told
-    std::string m_last_log_line;
     std::string m_last_error_line; // since the last item
     std::string m_logging_style;   // where the server has no logs to archive
     std::string m_incomplete_copy; // since the last preparation
     bool m_archiving_in_progress = false;
-    bool m_item_pending = false;
-    bool m_operation_open = false;
     OriginalReader m_originals;
     std::string m_prepared; // the file that the present item was read from
     std::vector<std::byte> m_buffer;
@@ -121,7 +114,7 @@ Manifest BackupOperation::run() {
         throw;
     }
     m_progress.reset();
-    m_host.reset();
+    m_session.reset();
     if (int error = m_temporary->remove(); error != 0)
         print_message("warning: the temporary folder could not be removed: " +
                       system_error_text(error));
@@ -143,12 +136,6 @@ void BackupOperation::check_room() {
 }
 
 void BackupOperation::on_log(const std::string& line) {
-    m_last_log_line = line;
-    if (m_context.verbose)
-        print_message("module: " + for_terminal(line));
-    // A trace that cannot be written must not fail the backup.
-    if (m_context.trace >= 0)
-        (void)write_all(m_context.trace, as_bytes("log: " + line + "\n"));
     if (std::optional<AnnouncedLog> log = parse_log_announcement(line))
         m_logs[log->path] = log->identity;
     if (line.starts_with(error_line))
@@ -167,27 +154,10 @@ void BackupOperation::on_log(const std::string& line) {
         m_archiving_in_progress = true;
 }
 
-// The module's error, else the last it wrote to its protocol.
-std::string BackupOperation::module_reason() {
-    std::string reason = m_host->error().message;
-    if (reason.empty())
-        reason = m_last_log_line;
-    return reason.empty() ? "the module gave no reason" : printable_utf8(reason);
-}
-
 int BackupOperation::init_operation() {
-    ModuleOptions module;
-    module.module_file = find_module(m_context.module);
-    module.runtime_directory = m_context.store.runtime_directory();
-    module.exec_directory = exec_directory(m_ini);
-    module.on_log = [this](const std::string& line) { on_log(line); };
-    if (m_context.trace >= 0)
-        module.on_trace = [this](const std::string& line) {
-            (void)write_all(m_context.trace, as_bytes("trace: " + line + "\n"));
-        };
-    m_manifest.module_file = module.module_file;
-    m_host.emplace(std::move(module));
-    ModuleInfo info = m_host->info();
+    m_session.emplace(m_context, [this](const std::string& line) { on_log(line); });
+    m_manifest.module_file = m_session->module_file();
+    ModuleInfo info = m_session->host().info();
     m_manifest.module_client = info.client;
     m_manifest.module_version = info.version;
     m_manifest.module_release = info.release;
@@ -196,16 +166,14 @@ int BackupOperation::init_operation() {
                                                       for_terminal(m_manifest.module_file) +
                                                       " does not hand out files");
 
-    std::vector<std::string> variables = {"NOTESINI=" + m_ini.file,
-                                          "TMP_DIR=" + m_temporary->path()};
+    std::vector<std::string> variables = {"TMP_DIR=" + m_temporary->path()};
     if (m_request.arguments.empty())
         variables.emplace_back("DATABASE=NOTES");
     for (const DatabaseArgument& argument : m_request.arguments)
         variables.push_back("DATABASE=" + argument.value);
     if (m_request.level == "diff")
         variables.push_back("SNC_TIME=" + since_time_text(m_request.base_started));
-    m_operation_open = true;
-    return m_host->init(DB_TYPE_BCK, module_level(m_request.level), variables);
+    return m_session->init(DB_TYPE_BCK, module_level(m_request.level), std::move(variables));
 }
 
 void BackupOperation::start_operation() {
@@ -214,9 +182,7 @@ void BackupOperation::start_operation() {
         // What a killed run left open on the server was ended by this failed start. One operation
         // a process: the second start gets a new one.
         print_message("the server had an archiving session open, which was ended: starting again");
-        m_host->close({status_failed});
-        m_host.reset();
-        m_last_log_line.clear();
+        m_session->abandon();
         m_archiving_in_progress = false;
         status = init_operation();
     }
@@ -226,14 +192,8 @@ void BackupOperation::start_operation() {
 }
 
 void BackupOperation::report_failed_start() {
-    throw_if_interrupted();
-    std::string reason = module_reason();
-    std::string hint = "look at the server's console; --verbose shows what the module did";
-    if (reason.find("libnotes") != std::string::npos ||
-        reason.find("Notes C API") != std::string::npos)
-        hint = "set Notes_ExecDirectory to the folder of the server's libnotes.so, or NotesProgram "
-               "in " +
-               for_terminal(m_ini.file);
+    std::string reason = m_session->reason();
+    std::string hint;
     if (m_request.level == "incr" && !m_logging_style.empty()) {
         reason = "the server has " + m_logging_style + ": " + reason;
         hint = "an incremental backup is one of archived logs (TRANSLOG_Style=1); take --level "
@@ -241,8 +201,7 @@ void BackupOperation::report_failed_start() {
     } else if (m_archiving_in_progress) {
         hint = "another program archives the server's logs: only one may; wait until it has ended";
     }
-    throw ClientError(ExitCode::server_error,
-                      "cannot start the backup on the server: " + for_terminal(reason), hint);
+    m_session->report_failed_start("backup", reason, hint);
 }
 
 void BackupOperation::describe_set() {
@@ -266,8 +225,8 @@ void BackupOperation::store_items() {
     m_progress.emplace(m_request.scan.databases);
     for (;;) {
         throw_if_interrupted();
-        (void)m_host->error(); // what the start reported is no error of an item
-        ModuleItem next = m_host->get_item();
+        m_session->forget_reasons(); // what the start reported is no error of an item
+        ModuleItem next = m_session->host().get_item();
         note_unchecked(next.status == DB_NUM_I_OK ? next.name : std::string());
         if (next.status == DB_NUM_I_COMPLETE)
             return;
@@ -275,10 +234,10 @@ void BackupOperation::store_items() {
             throw_if_interrupted();
             throw ClientError(ExitCode::server_error,
                               "the module cannot list the next item: " +
-                                  for_terminal(module_reason()),
+                                  for_terminal(m_session->reason()),
                               "--verbose shows what the module did");
         }
-        m_item_pending = true;
+        m_session->item_begun();
         store_item(next.name);
     }
 }
@@ -310,10 +269,7 @@ void BackupOperation::note_unchecked(const std::string& handed_out) {
 }
 
 void BackupOperation::store_item(const std::string& path) {
-    auto finish = [this](DB_ITEM_RESULT result) {
-        m_item_pending = false;
-        return m_host->finish(result);
-    };
+    auto finish = [this](DB_ITEM_RESULT result) { return m_session->finish(result); };
     // Folders come again for every kind of file in them. A log comes again when it filled up after
     // it was handed out as the active one: the server will remove it, and only the second copy is
     // whole.
@@ -353,7 +309,7 @@ void BackupOperation::store_item(const std::string& path) {
     bool stored = item.status == ItemStatus::stored;
     if (finish(stored ? DB_ITEM_SUCCESS : DB_ITEM_FAIL) != DB_NUM_I_OK && stored)
         item.warnings.push_back("stored, but the module could not clean up after it: " +
-                                module_reason());
+                                m_session->reason());
     // Some copies the module leaves behind: the next database needs their room.
     if (m_prepared != path && is_below(m_prepared, m_temporary->path()))
         ::unlink(m_prepared.c_str());
@@ -378,7 +334,7 @@ void BackupOperation::prepare_and_read(ManifestItem& item) {
         m_context.owed.add(m_ini.data_directory, item.path);
     }
     m_incomplete_copy.clear();
-    ModuleItem prepared = m_host->prepare(item.path);
+    ModuleItem prepared = m_session->host().prepare(item.path);
     auto usable = [&] {
         return (prepared.status == DB_NUM_I_OK || prepared.status == DB_NUM_W_WARNING) &&
                !prepared.name.empty();
@@ -386,8 +342,8 @@ void BackupOperation::prepare_and_read(ManifestItem& item) {
     std::string first;
     if (!usable() && interrupt_signal() == 0) {
         // A backup context that a killed run left fails the next start of one and ends with it.
-        first = module_reason();
-        prepared = m_host->prepare(item.path);
+        first = m_session->reason();
+        prepared = m_session->host().prepare(item.path);
         if (usable())
             item.warnings.push_back("prepared at the second attempt; the first failed: " + first);
     }
@@ -397,7 +353,7 @@ void BackupOperation::prepare_and_read(ManifestItem& item) {
         return;
     }
     if (!usable()) {
-        std::string second = module_reason();
+        std::string second = m_session->reason();
         item.reason = "the server could not prepare it: " + second;
         if (!first.empty() && first != second)
             item.reason += " (the first attempt: " + first + ")";
@@ -440,7 +396,7 @@ void BackupOperation::read_content(ManifestItem& item, const std::string& file) 
     std::unique_ptr<ObjectWriter> object = m_context.store.create_object();
     std::uint64_t read = 0;
     while (read < expected) {
-        m_host->forward_interrupt();
+        m_session->host().forward_interrupt();
         if (interrupt_signal() != 0) {
             item.reason = "interrupted";
             return;
@@ -600,10 +556,8 @@ void BackupOperation::strike_owed() {
 void BackupOperation::close_operation() {
     std::string close_error;
     try {
-        m_operation_open = false;
-        int status = m_host->close({m_manifest.complete ? status_ok : status_failed});
-        if (status != DB_NUM_I_OK)
-            close_error = module_reason();
+        if (m_session->close(m_manifest.complete) != DB_NUM_I_OK)
+            close_error = m_session->reason();
     } catch (const ClientError& failure) {
         close_error = failure.what();
     }
@@ -621,18 +575,10 @@ void BackupOperation::close_operation() {
 // Leaves the server as after a failed run and the store as before it. The first failure is what
 // gets reported: those of the clean-up are not.
 void BackupOperation::give_up() noexcept {
-    try {
-        m_progress.reset();
-        if (m_host && m_host->running()) {
-            if (m_item_pending)
-                (void)m_host->finish(DB_ITEM_FAIL);
-            if (m_operation_open)
-                (void)m_host->close({status_failed});
-        }
-    } catch (...) {
-        // The child is gone or unusable; its end is waited for below.
-    }
-    m_host.reset();
+    m_progress.reset();
+    if (m_session)
+        m_session->abandon();
+    m_session.reset();
     m_context.store.discard_added();
     m_temporary.reset();
 }

@@ -8,25 +8,17 @@
 #pragma once
 
 #include "client/database_arguments.h"
-#include "client/notes_ini.h"
+#include "client/module_session.h"
 #include "client/owed.h"
 #include "client/store/manifest.h"
-#include "client/store/store.h"
 
 #include <string>
 #include <vector>
 
 namespace qrtln {
 
-// What all operations of a run share. Outlives them.
-struct BackupContext {
-    const NotesIni& ini;
-    Store& store;
-    OwedDatabases& owed;
-    std::string tmp_dir;  // below it each operation makes a private folder
-    std::string module;   // as given; empty: found beside the executable
-    int trace = -1;       // a file descriptor for the module's trace, or -1
-    bool verbose = false; // show the module's messages
+struct BackupContext : OperationContext {
+    OwedDatabases& owed; // outlives it
 };
 
 struct BackupRequest {

@@ -2,7 +2,6 @@
 
 #include "client/error.h"
 #include "client/interrupt.h"
-#include "client/module_host.h"
 #include "client/output.h"
 #include "client/safe_paths.h"
 #include "client/temporary_directory.h"
@@ -61,7 +60,7 @@ std::string joined(const std::string& root, const std::string& relative) {
 
 class RestoreOperation {
   public:
-    RestoreOperation(const RestoreContext& context, const RestorePlan& plan)
+    RestoreOperation(const OperationContext& context, const RestorePlan& plan)
         : m_context(context), m_plan(plan) {}
     RestoreResult run();
 
@@ -80,23 +79,18 @@ class RestoreOperation {
     void give_folder_metadata_back();
     FolderCreated folder_created(const std::string& root);
     void fail(const PlannedItem& planned, const std::string& reason);
-    void finish_failed();
     void close();
     void settle_temporary_folder(bool ended_early);
-    std::string module_reason();
-    void on_log(const std::string& line);
 
-    const RestoreContext& m_context;
+    const OperationContext& m_context;
     const RestorePlan& m_plan;
-    std::optional<TemporaryDirectory> m_temporary; // the host, whose child uses it, goes first
-    std::optional<ModuleHost> m_host;
+    std::optional<TemporaryDirectory> m_temporary; // the session, whose child uses it, goes first
+    std::optional<ModuleSession> m_session;
     std::optional<Progress> m_progress;
     RestoreResult m_result;
     std::vector<std::pair<std::string, std::string>> m_created; // root and relative name
-    std::string m_last_log_line;
-    bool m_in_use = false; // told since the last finish
-    bool m_item_pending = false;
-    bool m_operation_open = false;
+    // Told since the last finish.
+    bool m_in_use = false;
 };
 
 RestoreResult RestoreOperation::run() {
@@ -123,71 +117,29 @@ RestoreResult RestoreOperation::run() {
         close();
     } catch (...) {
         m_progress.reset();
-        try {
-            if (m_host && m_host->running()) {
-                finish_failed();
-                if (m_operation_open)
-                    (void)m_host->close({"STATUS=1"});
-            }
-        } catch (...) {
-            // The child is gone: the first failure is what gets reported.
-        }
-        m_host.reset();
+        if (m_session)
+            m_session->abandon();
+        m_session.reset();
         settle_temporary_folder(true);
         throw;
     }
     m_progress.reset();
-    m_host.reset();
+    m_session.reset();
     settle_temporary_folder(false);
     return std::move(m_result);
 }
 
-void RestoreOperation::on_log(const std::string& line) {
-    m_last_log_line = line;
-    m_in_use = m_in_use || line.starts_with(in_use_line);
-    if (m_context.verbose)
-        print_message("module: " + for_terminal(line));
-    if (m_context.trace >= 0)
-        (void)write_all(m_context.trace, as_bytes("log: " + line + "\n"));
-}
-
-std::string RestoreOperation::module_reason() {
-    std::string reason = m_host->error().message;
-    if (reason.empty())
-        reason = m_last_log_line;
-    return reason.empty() ? "the module gave no reason" : printable_utf8(reason);
-}
-
 void RestoreOperation::start() {
-    ModuleOptions module;
-    module.module_file = find_module(m_context.module);
-    module.runtime_directory = m_context.store.runtime_directory();
-    module.exec_directory = exec_directory(m_context.ini);
-    module.on_log = [this](const std::string& line) { on_log(line); };
-    if (m_context.trace >= 0)
-        module.on_trace = [this](const std::string& line) {
-            (void)write_all(m_context.trace, as_bytes("trace: " + line + "\n"));
-        };
-    m_host.emplace(std::move(module));
-    std::vector<std::string> variables = {"NOTESINI=" + m_context.ini.file,
-                                          "TMP_DIR=" + m_temporary->path(), "DATABASE=NOTES"};
+    m_session.emplace(m_context, [this](const std::string& line) {
+        m_in_use = m_in_use || line.starts_with(in_use_line);
+    });
+    std::vector<std::string> variables = {"TMP_DIR=" + m_temporary->path(), "DATABASE=NOTES"};
     if (m_plan.activate)
         variables.emplace_back("ACTIVATE=YES");
     if (!m_plan.to.empty())
         variables.push_back("INFO=" + relocation_info(m_plan.to, m_plan.plain));
-    m_operation_open = true;
-    if (m_host->init(DB_TYPE_RST, DB_LEVEL_FULL, variables) == DB_NUM_I_OK)
-        return;
-    throw_if_interrupted();
-    std::string reason = module_reason();
-    std::string hint = "look at the server's console; --verbose shows what the module did";
-    if (reason.find("libnotes") != std::string::npos ||
-        reason.find("Notes C API") != std::string::npos)
-        hint = "set Notes_ExecDirectory to the folder of the server's libnotes.so, or NotesProgram "
-               "in " +
-               for_terminal(m_context.ini.file);
-    throw ClientError(ExitCode::server_error,
-                      "cannot start the restore on the server: " + for_terminal(reason), hint);
+    if (m_session->init(DB_TYPE_RST, DB_LEVEL_FULL, std::move(variables)) != DB_NUM_I_OK)
+        m_session->report_failed_start("restore", m_session->reason());
 }
 
 void RestoreOperation::create_relocation_folder() {
@@ -201,29 +153,22 @@ void RestoreOperation::fail(const PlannedItem& planned, const std::string& reaso
     m_result.failed.push_back({planned.item.path, reason});
 }
 
-// Tells the module that the item which is announced did not make it, if there is one.
-void RestoreOperation::finish_failed() {
-    if (!std::exchange(m_item_pending, false))
-        return;
-    (void)m_host->finish(DB_ITEM_FAIL);
-}
-
 // The path to write to, or nothing with the failure noted.
 std::optional<std::string> RestoreOperation::announce(const PlannedItem& planned) {
-    (void)m_host->error(); // what came before is no error of this item
-    m_last_log_line.clear();
+    m_session->forget_reasons();
     m_in_use = false;
     bool folder = planned.item.kind == ItemKind::directory;
     std::string directory = folder ? planned.announced : folder_of(planned.announced);
-    ModuleItem answer = m_host->set_item(DB_ITEM_TYPE_DIRECTORY, directory);
+    ModuleItem answer = m_session->host().set_item(DB_ITEM_TYPE_DIRECTORY, directory);
     std::string path = answer.name;
     if (answer.status == DB_NUM_I_OK && !folder) {
-        answer = m_host->set_item(DB_ITEM_TYPE_FILE, planned.announced);
+        answer = m_session->host().set_item(DB_ITEM_TYPE_FILE, planned.announced);
         path = answer.name;
-        m_item_pending = answer.status == DB_NUM_I_OK;
+        if (answer.status == DB_NUM_I_OK)
+            m_session->item_begun();
     }
     if (answer.status != DB_NUM_I_OK) {
-        fail(planned, "the module refused it: " + module_reason());
+        fail(planned, "the module refused it: " + m_session->reason());
         return std::nullopt;
     }
     bool placed =
@@ -232,7 +177,7 @@ std::optional<std::string> RestoreOperation::announce(const PlannedItem& planned
     bool allowed =
         placed ? path != temporary && is_below(path, temporary) : path == planned.announced;
     if (!allowed || !path_problem(path).empty()) {
-        finish_failed();
+        m_session->finish_failed();
         fail(planned, "the module wants it written to " + printable_utf8(path) +
                           ", which is no place for it");
         return std::nullopt;
@@ -249,7 +194,7 @@ void RestoreOperation::restore_item(const PlannedItem& planned) {
         else
             write_item(planned, *path);
     }
-    finish_failed();
+    m_session->finish_failed();
 }
 
 // A folder that had to be made belongs to whom the one above it belongs to, until its own metadata
@@ -284,7 +229,7 @@ bool RestoreOperation::write_content(const PlannedItem& planned, SafeFile& file,
     std::uint64_t read = 0;
     try {
         check = m_context.store.read_object(planned.item.object, [&](Bytes bytes) {
-            m_host->forward_interrupt();
+            m_session->host().forward_interrupt();
             throw_if_interrupted();
             read += bytes.size();
             if (read > planned.item.size)
@@ -364,9 +309,8 @@ std::string RestoreOperation::check_live_target(const PlannedItem& planned) {
 }
 
 void RestoreOperation::finish_written(const PlannedItem& planned, const std::string& path) {
-    m_item_pending = false;
-    if (m_host->finish(DB_ITEM_SUCCESS) != DB_NUM_I_OK) {
-        fail(planned, "it was written, but the module reports: " + module_reason());
+    if (m_session->finish(DB_ITEM_SUCCESS) != DB_NUM_I_OK) {
+        fail(planned, "it was written, but the module reports: " + m_session->reason());
         return;
     }
     if (planned.action == RestoreAction::place)
@@ -376,16 +320,15 @@ void RestoreOperation::finish_written(const PlannedItem& planned, const std::str
 }
 
 void RestoreOperation::finish_activation(const PlannedItem& planned, const std::string& path) {
-    m_item_pending = false;
     // Should the child die, this may be the only whole copy on the server.
     m_result.waiting.push_back({planned.item.path, path, "its activation did not end"});
-    if (m_host->finish(DB_ITEM_SUCCESS) == DB_NUM_I_OK) {
+    if (m_session->finish(DB_ITEM_SUCCESS) == DB_NUM_I_OK) {
         m_result.waiting.pop_back();
         m_result.restored.push_back(planned.target);
         give_metadata_back(planned);
         return;
     }
-    std::string reason = module_reason();
+    std::string reason = m_session->reason();
     struct stat status {};
     if (::lstat(path.c_str(), &status) != 0) {
         m_result.waiting.pop_back();
@@ -433,10 +376,9 @@ void RestoreOperation::give_folder_metadata_back() {
 }
 
 void RestoreOperation::close() {
-    m_operation_open = false;
     bool good = m_result.failed.empty() && m_result.damaged.empty();
-    if (m_host->close({good ? "STATUS=0" : "STATUS=1"}) != DB_NUM_I_OK)
-        m_result.warnings.push_back("the server did not close the restore: " + module_reason());
+    if (m_session->close(good) != DB_NUM_I_OK)
+        m_result.warnings.push_back("the server did not close the restore: " + m_session->reason());
 }
 
 // Keeps the folder when restored copies wait in it.
@@ -464,7 +406,7 @@ void RestoreOperation::settle_temporary_folder(bool ended_early) {
 
 } // namespace
 
-RestoreResult run_restore_operation(const RestoreContext& context, const RestorePlan& plan) {
+RestoreResult run_restore_operation(const OperationContext& context, const RestorePlan& plan) {
     return RestoreOperation(context, plan).run();
 }
 

@@ -5,21 +5,13 @@
 // is unfinished at a time.
 #pragma once
 
+#include "client/module_session.h"
 #include "client/restore_plan.h"
 
 #include <string>
 #include <vector>
 
 namespace qrtln {
-
-struct RestoreContext {
-    const NotesIni& ini;
-    Store& store;
-    std::string tmp_dir; // below it the operation makes a private folder
-    std::string module;  // as given; empty: found beside the executable
-    int trace = -1;      // a file descriptor for the module's trace, or -1
-    bool verbose = false;
-};
 
 struct FailedRestore {
     std::string path;
@@ -45,6 +37,6 @@ struct RestoreResult {
 // Carries out the plan. Failures of items are in the result. Throws ClientError when the operation
 // could not be started or went on no longer; copies that a failed activation left are then kept,
 // and a message names them.
-RestoreResult run_restore_operation(const RestoreContext& context, const RestorePlan& plan);
+RestoreResult run_restore_operation(const OperationContext& context, const RestorePlan& plan);
 
 } // namespace qrtln

@@ -28,7 +28,6 @@ class BackupRun {
   private:
     void check_selection();
     void choose_base();
-    void open_trace();
     void save_owed(const BackupContext& context);
     std::vector<DatabaseArgument> owed_arguments(const BackupContext& context);
     void strike_gone(const BackupContext& context);
@@ -60,10 +59,10 @@ int BackupRun::run() {
     try {
         m_owed.emplace(m_store->runtime_directory() + owed_file);
         choose_base();
-        open_trace();
-        BackupContext context{
-            m_ini,         *m_store,         *m_owed, m_options.tmp_dir, m_options.module,
-            m_trace.get(), m_options.verbose};
+        m_trace = open_trace_file(m_options.trace_file);
+        BackupContext context{{m_ini, *m_store, m_options.tmp_dir, m_options.module, m_trace.get(),
+                               m_options.verbose},
+                              *m_owed};
         bool takes_all = m_request.level == "full" && m_request.arguments.empty();
         if (!takes_all)
             save_owed(context);
@@ -113,17 +112,6 @@ void BackupRun::choose_base() {
                 std::string(m_request.arguments.empty() ? ", or add --auto-full" : ""));
     print_message(what + ": this backup becomes a full one (--auto-full)");
     m_request.level = "full";
-}
-
-void BackupRun::open_trace() {
-    if (m_options.trace_file.empty())
-        return;
-    m_trace = FileDescriptor(
-        ::open(m_options.trace_file.c_str(), O_WRONLY | O_CREAT | O_APPEND | O_CLOEXEC, 0600));
-    if (!m_trace)
-        throw ClientError(ExitCode::failed, "cannot open the trace file " +
-                                                for_terminal(m_options.trace_file) + ": " +
-                                                system_error_text(errno));
 }
 
 // The databases of the list that can be saved by name. One that is gone is struck out; one that

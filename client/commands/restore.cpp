@@ -9,21 +9,10 @@
 #include "client/text.h"
 
 #include <algorithm>
-#include <fcntl.h>
 
 namespace qrtln {
 
 namespace {
-
-FileDescriptor open_trace(const std::string& file) {
-    if (file.empty())
-        return {};
-    FileDescriptor trace(::open(file.c_str(), O_WRONLY | O_CREAT | O_APPEND | O_CLOEXEC, 0600));
-    if (!trace)
-        throw ClientError(ExitCode::failed, "cannot open the trace file " + for_terminal(file) +
-                                                ": " + system_error_text(errno));
-    return trace;
-}
 
 nlohmann::json failures(const std::vector<FailedRestore>& list) {
     nlohmann::json array = nlohmann::json::array();
@@ -134,9 +123,9 @@ int run_restore(const RestoreOptions& options) {
         return code;
     }
     require_room(plan.room);
-    FileDescriptor trace = open_trace(options.trace_file);
-    RestoreContext context{ini,         *store,         options.tmp_dir, options.module,
-                           trace.get(), options.verbose};
+    FileDescriptor trace = open_trace_file(options.trace_file);
+    OperationContext context{ini,         *store,         options.tmp_dir, options.module,
+                             trace.get(), options.verbose};
     RestoreResult result = run_restore_operation(context, plan);
     for (const std::string& warning : result.warnings)
         print_message("warning: " + for_terminal(warning));

@@ -1,0 +1,119 @@
+#include "client/module_session.h"
+
+#include "client/interrupt.h"
+#include "client/output.h"
+#include "client/text.h"
+
+#include <fcntl.h>
+
+namespace qrtln {
+
+namespace {
+
+constexpr const char* status_ok = "STATUS=0";
+constexpr const char* status_failed = "STATUS=1";
+
+} // namespace
+
+FileDescriptor open_trace_file(const std::string& file) {
+    if (file.empty())
+        return {};
+    FileDescriptor trace(::open(file.c_str(), O_WRONLY | O_CREAT | O_APPEND | O_CLOEXEC, 0600));
+    if (!trace)
+        throw ClientError(ExitCode::failed, "cannot open the trace file " + for_terminal(file) +
+                                                ": " + system_error_text(errno));
+    return trace;
+}
+
+ModuleSession::ModuleSession(const OperationContext& context, Observer on_log, Observer on_trace)
+    : m_context(context), m_on_log(std::move(on_log)), m_module_file(find_module(context.module)) {
+    ModuleOptions module;
+    module.module_file = m_module_file;
+    module.runtime_directory = context.store.runtime_directory();
+    module.exec_directory = exec_directory(context.ini);
+    module.on_log = [this](const std::string& line) { this->on_log(line); };
+    // A trace that cannot be written must not fail the operation.
+    if (context.trace >= 0 || on_trace)
+        module.on_trace = [trace = context.trace,
+                           observe = std::move(on_trace)](const std::string& line) {
+            if (trace >= 0)
+                (void)write_all(trace, as_bytes("trace: " + line + "\n"));
+            if (observe)
+                observe(line);
+        };
+    m_host.emplace(std::move(module));
+}
+
+void ModuleSession::on_log(const std::string& line) {
+    m_last_log_line = line;
+    if (m_context.verbose)
+        print_message("module: " + for_terminal(line));
+    if (m_context.trace >= 0)
+        (void)write_all(m_context.trace, as_bytes("log: " + line + "\n"));
+    if (m_on_log)
+        m_on_log(line);
+}
+
+int ModuleSession::init(DB_OPERATION_TYPE type, DB_OPERATION_LEVEL level,
+                        std::vector<std::string> variables) {
+    variables.insert(variables.begin(), "NOTESINI=" + m_context.ini.file);
+    m_open = true;
+    return m_host->init(type, level, variables);
+}
+
+void ModuleSession::report_failed_start(const std::string& what, const std::string& reason,
+                                        std::string hint) {
+    throw_if_interrupted();
+    if (hint.empty()) {
+        bool no_library = reason.find("libnotes") != std::string::npos ||
+                          reason.find("Notes C API") != std::string::npos;
+        hint = no_library ? "set Notes_ExecDirectory to the folder of the server's libnotes.so, or "
+                            "NotesProgram in " +
+                                for_terminal(m_context.ini.file)
+                          : "look at the server's console; --verbose shows what the module did";
+    }
+    throw ClientError(ExitCode::server_error,
+                      "cannot start the " + what + " on the server: " + for_terminal(reason), hint);
+}
+
+int ModuleSession::finish(DB_ITEM_RESULT result) {
+    m_item_pending = false;
+    return m_host->finish(result);
+}
+
+void ModuleSession::finish_failed() {
+    if (m_item_pending)
+        (void)finish(DB_ITEM_FAIL);
+}
+
+int ModuleSession::close(bool good) {
+    m_open = false;
+    return m_host->close({good ? status_ok : status_failed});
+}
+
+void ModuleSession::abandon() noexcept {
+    try {
+        if (m_host && m_host->running()) {
+            finish_failed();
+            if (m_open)
+                (void)close(false);
+        }
+    } catch (...) {
+        // The child is gone or unusable; its end is waited for below.
+    }
+    m_host.reset();
+}
+
+std::string ModuleSession::reason() {
+    std::string reason = m_host->error().message;
+    if (reason.empty())
+        reason = m_last_log_line;
+    return reason.empty() ? "the module gave no reason" : printable_utf8(reason);
+}
+
+void ModuleSession::forget_reasons() {
+    (void)m_host->error();
+    m_last_log_line.clear();
+}
+
+} // namespace qrtln
