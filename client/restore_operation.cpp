@@ -2,6 +2,7 @@
 
 #include "client/error.h"
 #include "client/interrupt.h"
+#include "client/object_content.h"
 #include "client/output.h"
 #include "client/safe_paths.h"
 #include "client/temporary_directory.h"
@@ -42,14 +43,6 @@ std::string relative_folder(const std::string& relative) {
 bool does_work(const PlannedItem& planned) {
     return planned.action != RestoreAction::leave_out && planned.action != RestoreAction::refuse;
 }
-
-// Ends the reading of an object whose bytes have nowhere to go.
-struct WriteFailed {
-    std::string problem;
-};
-
-// Ends the reading of one that is longer than the plan made room for.
-struct LongerThanPlanned {};
 
 std::string joined(const std::string& root, const std::string& relative) {
     std::string path = root;
@@ -225,37 +218,20 @@ void RestoreOperation::create_folder(const PlannedItem& planned) {
 // Whether the content is in the file, whole.
 bool RestoreOperation::write_content(const PlannedItem& planned, SafeFile& file,
                                      std::string& problem) {
-    ObjectCheck check;
-    std::uint64_t read = 0;
-    try {
-        check = m_context.store.read_object(planned.item.object, [&](Bytes bytes) {
+    WrittenContent written =
+        qrtln::write_content(m_context.store, planned.item, file, [&](std::uint64_t bytes) {
             m_session->host().forward_interrupt();
             throw_if_interrupted();
-            read += bytes.size();
-            if (read > planned.item.size)
-                throw LongerThanPlanned{};
-            if (std::string failed = file.write(bytes); !failed.empty())
-                throw WriteFailed{failed};
-            m_progress->add_bytes(bytes.size());
+            m_progress->add_bytes(bytes);
         });
-    } catch (const WriteFailed& failed) {
-        problem = failed.problem;
-        return false;
-    } catch (const LongerThanPlanned&) {
-        check = {"is longer than the " + std::to_string(planned.item.size) + " bytes of the set",
-                 planned.item.size};
+    problem = written.problem;
+    if (!written.damage.empty()) {
+        print_message("damaged: " + for_terminal(planned.item.path) + ": " +
+                      for_terminal(written.damage));
+        m_result.damaged.push_back({planned.item.path, written.damage});
     }
-    if (check.problem.empty() && check.size != planned.item.size)
-        check.problem = "has " + std::to_string(check.size) + " bytes, not the " +
-                        std::to_string(planned.item.size) + " of the set";
-    if (!check.problem.empty()) {
-        std::string reason = "its object " + planned.item.object + " " + check.problem;
-        print_message("damaged: " + for_terminal(planned.item.path) + ": " + for_terminal(reason));
-        m_result.damaged.push_back({planned.item.path, reason});
-        return false;
-    }
-    m_result.bytes += check.size;
-    return true;
+    m_result.bytes += written.bytes;
+    return written.whole();
 }
 
 void RestoreOperation::write_item(const PlannedItem& planned, const std::string& path) {

@@ -1,0 +1,25 @@
+// Takes an item's content out of the store into a file that is not in place yet.
+#pragma once
+
+#include "client/safe_paths.h"
+#include "client/store/store.h"
+
+#include <cstdint>
+#include <functional>
+#include <string>
+
+namespace qrtln {
+
+struct WrittenContent {
+    std::uint64_t bytes = 0; // written, when nothing is wrong
+    std::string problem;     // of writing; empty: none
+    std::string damage;      // of what the store has: "its object HASH ..."; empty: none
+    bool whole() const { return problem.empty() && damage.empty(); }
+};
+
+// Writes the object of the item, whose size and hash must be what the item tells. `on_block` hears
+// of each block before it is written, and ends all by throwing. Throws as the store does.
+WrittenContent write_content(Store& store, const ManifestItem& item, SafeFile& file,
+                             const std::function<void(std::uint64_t bytes)>& on_block);
+
+} // namespace qrtln
