@@ -1,5 +1,7 @@
 #include "notes_simulator/api_call.h"
 
+#include "notes_simulator/text_translation.h"
+
 #include <unistd.h>
 
 #include <new>
@@ -30,6 +32,10 @@ const Server& knownServer() {
         throw StatusError(kNotInitialised, "");
     }
     return *process().lastServer;
+}
+
+std::filesystem::path databaseFile(const Server& server, const char* path) {
+    return server.resolve(translateText(Translation::kLmbcsToNative, path, 4096));
 }
 
 std::string quoted(const char* text) {

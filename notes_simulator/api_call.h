@@ -66,6 +66,9 @@ const Server& runningServer();
 /// The last server of this process, running or not. Throws StatusError(kNotInitialised).
 const Server& knownServer();
 
+/// The file that a path in LMBCS names.
+std::filesystem::path databaseFile(const Server& server, const char* path);
+
 /// Text in quotes for the journal; "NULL" for none.
 std::string quoted(const char* text);
 

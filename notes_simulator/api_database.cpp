@@ -2,7 +2,6 @@
 #include "notes_simulator/api_call.h"
 #include "notes_simulator/notes_simulator.h"
 #include "notes_simulator/offline.h"
-#include "notes_simulator/text_translation.h"
 #include "notes_simulator/times.h"
 #include "notes_simulator/transaction.h"
 
@@ -25,11 +24,6 @@ void copyId(Target* target, const Id& id) {
 /// A connection that lives for one call.
 Database connect(DBHANDLE handle) {
     return Database(process().databases.get(handle).file, Connection::Mode::kReadWrite);
-}
-
-/// The file that a path in LMBCS names.
-std::filesystem::path databaseFile(const Server& server, const char* path) {
-    return server.resolve(translateText(Translation::kLmbcsToNative, path, 4096));
 }
 
 std::string numbers(DWORD first) {

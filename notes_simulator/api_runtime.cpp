@@ -1,6 +1,7 @@
 // The runtime, its texts, times and memory.
 #include "notes_simulator/api_call.h"
 #include "notes_simulator/notes_simulator.h"
+#include "notes_simulator/recovery_mark.h"
 #include "notes_simulator/text_translation.h"
 #include "notes_simulator/times.h"
 #include "notes_simulator/transaction.h"
@@ -173,6 +174,9 @@ STATUS NotesInitExtended(int argc, char** argv) {
         self.server = server;
         self.lastServer = server;
         setRecordingServer(server);
+        // A recovery that another process is making holds the lock while it has a journal.
+        const ServerLock lock(server);
+        settleInterruptedRecoveries(server, lock);
         rollBackLeftoverJournals(server);
         call.output("companions", static_cast<std::uint64_t>(g_companions));
         call.output("data", server.data.c_str());

@@ -150,7 +150,7 @@ BackupContext startBackup(const Server& server, const fs::path& file, bool* inPr
     *inProgress = false;
     Database database(file, Connection::Mode::kReadWrite);
     if (log) {
-        adoptIntoLog(server, database, *log);
+        noteBackupStart(server, database, *log);
     }
     // No transaction is half in place under this lock, and none begins before recording is on.
     SqlTransaction exclusive(database.connection(), "BEGIN EXCLUSIVE");
@@ -263,7 +263,10 @@ void markBackedUp(const Server& server, const fs::path& file) {
     const ServerLock lock(server);
     const auto log = openLog(server, lock);
     Database database(file, Connection::Mode::kReadWrite);
-    const DatabaseHeader header = log ? adoptIntoLog(server, database, *log) : database.header();
+    if (log) {
+        noteBackupStart(server, database, *log);
+    }
+    const DatabaseHeader header = database.header();
     const std::string key = server.keyOf(file);
     BackupRecord record = readBackupRecord(server, key);
     record.database = server.nameOf(file);

@@ -25,7 +25,8 @@ CREATE TABLE header(
     id INTEGER PRIMARY KEY CHECK(id = 1),
     replica BLOB NOT NULL, dbid BLOB NOT NULL, dbiid BLOB NOT NULL, log_id BLOB NOT NULL,
     logged INTEGER NOT NULL, last_record INTEGER NOT NULL, last_extent INTEGER NOT NULL,
-    commit_number INTEGER NOT NULL, next_note INTEGER NOT NULL, title TEXT NOT NULL);
+    commit_number INTEGER NOT NULL, next_note INTEGER NOT NULL, title TEXT NOT NULL,
+    commit_time INTEGER NOT NULL);
 CREATE TABLE notes(
     note_id INTEGER PRIMARY KEY, unid BLOB NOT NULL UNIQUE, class INTEGER NOT NULL,
     modified INTEGER NOT NULL, subject TEXT NOT NULL, body BLOB NOT NULL);
@@ -57,7 +58,8 @@ void bindHeader(Statement& statement, const DatabaseHeader& header) {
         .bind(7, static_cast<std::int64_t>(header.lastExtent))
         .bind(8, static_cast<std::int64_t>(header.commit))
         .bind(9, static_cast<std::int64_t>(header.nextNote))
-        .bindText(10, header.title);
+        .bindText(10, header.title)
+        .bind(11, header.commitTime);
 }
 
 Id8 id8(const Bytes& bytes) {
@@ -162,7 +164,7 @@ void Database::create(const fs::path& file, const DatabaseHeader& header,
         change.note.id = full.nextNote;
         full.nextNote += kNoteIdStep;
     }
-    Statement insert(connection, "INSERT INTO header VALUES(1,?1,?2,?3,?4,?5,?6,?7,?8,?9,?10)");
+    Statement insert(connection, "INSERT INTO header VALUES(1,?1,?2,?3,?4,?5,?6,?7,?8,?9,?10,?11)");
     bindHeader(insert, full);
     insert.run();
     Statement put(connection, "INSERT INTO notes VALUES(?1,?2,?3,?4,?5,?6)");
@@ -180,7 +182,7 @@ void Database::create(const fs::path& file, const DatabaseHeader& header,
 
 DatabaseHeader Database::header() {
     Statement read(m_connection, "SELECT replica,dbid,dbiid,log_id,logged,last_record,last_extent,"
-                                 "commit_number,next_note,title FROM header");
+                                 "commit_number,next_note,title,commit_time FROM header");
     if (!read.step()) {
         throw StatusError(kDatabaseDamaged, m_file.string());
     }
@@ -195,13 +197,15 @@ DatabaseHeader Database::header() {
     header.commit = static_cast<std::uint64_t>(read.integer(7));
     header.nextNote = static_cast<NoteId>(read.integer(8));
     header.title = read.text(9);
+    header.commitTime = read.integer(10);
     return header;
 }
 
 void Database::writeHeader(const DatabaseHeader& header) {
     Statement write(m_connection,
                     "UPDATE header SET replica=?1,dbid=?2,dbiid=?3,log_id=?4,logged=?5,"
-                    "last_record=?6,last_extent=?7,commit_number=?8,next_note=?9,title=?10");
+                    "last_record=?6,last_extent=?7,commit_number=?8,next_note=?9,title=?10,"
+                    "commit_time=?11");
     bindHeader(write, header);
     write.run();
 }

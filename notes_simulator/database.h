@@ -29,8 +29,9 @@ struct DatabaseHeader {
     Id16 logId{};                 ///< the log that has its changes; zero when none has
     bool logged = false;          ///< whether it is meant to be logged
     std::uint64_t lastRecord = 0; ///< number of the last log record applied
-    std::uint32_t lastExtent = 0; ///< extent that holds that record
+    std::uint32_t lastExtent = 0; ///< what the log has beyond lies in this extent or later ones
     std::uint64_t commit = 0;     ///< grows by one with each committed transaction
+    std::int64_t commitTime = 0;  ///< of that commit, hundredths of a second since 1970, GMT
     NoteId nextNote = kFirstNoteId;
     std::string title;
 };

@@ -279,6 +279,43 @@ STATUS NSFTakeDatabaseOffline(char* DbName, DWORD WaitTime, DWORD Options);
    counts as never backed up, and the log cannot roll it forward from earlier. Options must be 0. */
 STATUS NSFBringDatabaseOnline(char* DbName, DWORD Options);
 
+/* --- Recovery --------------------------------------------------------------------------------- */
+
+/* Asked for each extent that a recovery needs, in order, before it is read and whether or not it
+   lies there: LogPath (native text) is where it must lie when the callback returns 0. The callback
+   may call this library. */
+typedef STATUS (*LOGRESTORECALLBACKFUNCTION)(UNIVERSALNOTEID* LogId, DWORD LogNumber,
+                                             char* LogPath);
+
+/* Rolls databases forward: replays what the log has of each beyond its file's last change. DbNames
+   are paths, each with its NUL, and one more NUL. A database is known by its DBIID, whatever its
+   path: a restored copy outside the data directory, or a database in place, online or offline, that
+   nobody has open. Flags 4 keeps the DBIIDs; 2 gives each database a new one, so that it counts as
+   never backed up.
+
+   recoveryTime NULL recovers to the end of the log as it is when the call begins; a time includes
+   the changes committed at it, to the hundredth of a second. The log is taken to be in the order of
+   its times. An instance of a database ends where it got a new DBIID: changes after that are of
+   another one, which needs a backup of its own.
+
+   The result is 0, or 5114 when all is done but for databases that this log does not know, which
+   are left as they are: databases that are not logged, or by another log. Any other status leaves
+   the databases as they were, but for a disk that fails during the writing: databases written
+   before keep their changes then, and a second call goes on to the same result, also after a
+   process was killed. *errDbIndex is 0, or the place (from 1) of the database that failed; with
+   5114 or for an extent, of the first one concerned:
+     259, 272, 513  the database is missing, may not be read, is none
+     5098           a process has it open
+     16139          an extent is damaged, or the log lacks records before the next extent
+     16150          the callback did not return 0, or the extent is not there
+     16151          the extent is of another log, or has another number
+     16152          the log's records do not continue where the database ends
+     16153          the database is later than recoveryTime
+   5119 without transaction logging; 16130 for other flags, an empty list, a database named twice,
+   or a NULL pointer other than recoveryTime. */
+STATUS NSFRecoverDatabases(char* DbNames, LOGRESTORECALLBACKFUNCTION LogRestore, DWORD Flags,
+                           WORD* errDbIndex, TIMEDATE* recoveryTime);
+
 /* --- The transaction log ---------------------------------------------------------------------- */
 
 /* 5119 when there is no logging. */

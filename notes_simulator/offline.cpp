@@ -2,6 +2,7 @@
 
 #include "notes_simulator/backup_context.h"
 #include "notes_simulator/database.h"
+#include "notes_simulator/recovery_mark.h"
 #include "notes_simulator/status.h"
 #include "notes_simulator/times.h"
 #include "notes_simulator/transaction.h"
@@ -29,16 +30,11 @@ void requireProbed(const fs::path& file) {
     }
 }
 
-/// What belongs to the present file and must not meet another one in its place.
-void removeLeftovers(const Server& server, const fs::path& file, const ServerLock& lock) {
-    dropContext(server, server.keyOf(file), lock);
-    fs::remove(journalFile(server, file));
-}
-
 /// Finishes or rolls back what a killed writer left in the database.
 void settle(const Server& server, const fs::path& file, const ServerLock& lock) {
     openLog(server, lock);
     try {
+        settleInterruptedRecovery(server, file, lock);
         Database(file, Connection::Mode::kReadWrite).header();
     } catch (const StatusError& error) {
         // A damaged database is what somebody wants to replace.
@@ -72,6 +68,12 @@ bool tryTakeOffline(const Server& server, const fs::path& file) {
 }
 
 } // namespace
+
+void removeLeftovers(const Server& server, const fs::path& file, const ServerLock& lock) {
+    settleInterruptedRecovery(server, file, lock);
+    dropContext(server, server.keyOf(file), lock);
+    fs::remove(journalFile(server, file));
+}
 
 void takeOffline(const Server& server, const fs::path& file, std::chrono::seconds wait) {
     const auto deadline = std::chrono::steady_clock::now() + wait;

@@ -21,4 +21,10 @@ void takeOffline(const Server& server, const std::filesystem::path& file,
 /// kDatabaseDamaged when the file is a database outside only.
 void bringOnline(const Server& server, const std::filesystem::path& file);
 
+/// Removes the journal and backup context of an offline database, whose file may have been
+/// replaced: what belongs to the old file must not meet the new one. What a killed recovery left is
+/// rolled back first, when the file is still the one it worked on.
+void removeLeftovers(const Server& server, const std::filesystem::path& file,
+                     const ServerLock& lock);
+
 } // namespace notes_sim

@@ -48,6 +48,12 @@ constexpr std::array kTexts = {
     StatusEntry{kNoteExists, "A note with this note id or universal id exists already"},
     StatusEntry{kWrongDatabaseId, "The database id is not that of the database"},
     StatusEntry{kNoUnreadTable, "The user has no unread marks in this database"},
+    StatusEntry{kLogExtentMissing,
+                "A transaction log extent that the recovery needs is not in the log directory"},
+    StatusEntry{kWrongLogExtent,
+                "A transaction log extent that the recovery needs is of another log or number"},
+    StatusEntry{kLogGap, "The transaction log does not continue where the database ends"},
+    StatusEntry{kLaterThanRecovery, "The database is later than the time to recover it to"},
 };
 
 } // namespace

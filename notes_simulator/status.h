@@ -45,6 +45,10 @@ constexpr Status kDatabaseOffline = 0x3F12;
 constexpr Status kNoteExists = 0x3F13;
 constexpr Status kWrongDatabaseId = 0x3F14;
 constexpr Status kNoUnreadTable = 0x3F15;
+constexpr Status kLogExtentMissing = 0x3F16;
+constexpr Status kWrongLogExtent = 0x3F17;
+constexpr Status kLogGap = 0x3F18;
+constexpr Status kLaterThanRecovery = 0x3F19;
 
 /// The text of a status; a generic text that names the number when there is none.
 std::string statusText(Status status);

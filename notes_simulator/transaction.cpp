@@ -61,7 +61,8 @@ fs::path instanceFile(const Server& server, const Id16& dbiid) {
     return server.state / "instances" / hex(dbiid);
 }
 
-/// Remembers how far the log has got with one instance of a database.
+} // namespace
+
 void writeInstance(const Server& server, const Id16& dbiid, const Id16& logId,
                    std::uint64_t record) {
     const fs::path file = instanceFile(server, dbiid);
@@ -85,7 +86,6 @@ void writeInstance(const Server& server, const Id16& dbiid, const Id16& logId,
     }
 }
 
-/// The number of the last record that this log has of an instance; 0 when it has none.
 std::uint64_t lastRecordOf(const Server& server, const Id16& dbiid, const Id16& logId) {
     std::uint8_t bytes[24] = {};
     const int fd = ::open(instanceFile(server, dbiid).c_str(), O_RDONLY | O_CLOEXEC);
@@ -98,6 +98,8 @@ std::uint64_t lastRecordOf(const Server& server, const Id16& dbiid, const Id16& 
     return got == static_cast<ssize_t>(sizeof bytes) && reader.id16() == logId ? reader.u64() : 0;
 }
 
+namespace {
+
 void finishInFlight(const Server& server, TransactionLog& log) {
     const LogRecord& record = *log.inFlight();
     const fs::path file = server.resolve(record.database);
@@ -107,7 +109,11 @@ void finishInFlight(const Server& server, TransactionLog& log) {
         // Only the very next change of this very instance: anything else was replaced meanwhile.
         if (header.dbiid == record.dbiid && header.lastRecord == record.previous &&
             header.commit + 1 == record.commit) {
-            applyRecord(database, record);
+            SqlTransaction transaction(database.connection(), "BEGIN IMMEDIATE");
+            DatabaseHeader next = header;
+            applyRecord(database, next, record);
+            database.writeHeader(next);
+            transaction.commit();
         }
     }
     writeInstance(server, record.dbiid, log.logId(), record.number);
@@ -150,19 +156,24 @@ DatabaseHeader adoptIntoLog(const Server& server, Database& database, const Tran
     return header;
 }
 
-void applyRecord(Database& database, const LogRecord& record) {
+void noteBackupStart(const Server& server, Database& database, const TransactionLog& log) {
+    DatabaseHeader header = adoptIntoLog(server, database, log);
+    if (isLogged(server, database.file(), header) && header.lastExtent < log.activeExtent()) {
+        header.lastExtent = log.activeExtent();
+        database.writeHeader(header);
+    }
+}
+
+void applyRecord(Database& database, DatabaseHeader& header, const LogRecord& record) {
     const std::vector<NoteChange> changes = decodeChanges(record.payload);
-    SqlTransaction transaction(database.connection(), "BEGIN IMMEDIATE");
-    DatabaseHeader header = database.header();
     database.apply(changes);
     for (const NoteChange& change : changes) {
         header.nextNote = std::max(header.nextNote, change.note.id + kNoteIdStep);
     }
     header.commit = record.commit;
+    header.commitTime = record.time;
     header.lastRecord = record.number;
     header.lastExtent = record.extent;
-    database.writeHeader(header);
-    transaction.commit();
 }
 
 Commit commitChanges(const Server& server, Database& database, std::vector<NoteChange> changes,
@@ -178,6 +189,7 @@ Commit commitChanges(const Server& server, Database& database, std::vector<NoteC
     Commit commit;
     commit.number = ++header.commit;
     commit.time = nowInHundredths();
+    header.commitTime = commit.time;
     commit.changes = std::move(changes);
     complete(database, commit.changes, header, commit.time);
     if (hooks.beforeLog) {

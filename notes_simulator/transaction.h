@@ -52,7 +52,19 @@ DatabaseHeader adoptIntoLog(const Server& server, Database& database, const Tran
 Commit commitChanges(const Server& server, Database& database, std::vector<NoteChange> changes,
                      const CommitHooks& hooks = {});
 
-/// Applies a log record to a database, header and all.
-void applyRecord(Database& database, const LogRecord& record);
+/// Applies a log record to the tables of a database, and to its header, which the caller writes.
+/// Belongs inside a transaction. Throws StatusError.
+void applyRecord(Database& database, DatabaseHeader& header, const LogRecord& record);
+
+/// A backup of the database begins: adopts it into the log, and notes in it that what the log will
+/// have beyond lies in the active extent or later ones. Older extents are in earlier backups then.
+void noteBackupStart(const Server& server, Database& database, const TransactionLog& log);
+
+/// Remembers how far the log has got with one instance of a database.
+void writeInstance(const Server& server, const Id16& dbiid, const Id16& logId,
+                   std::uint64_t record);
+
+/// The number of the last record that this log has of an instance; 0 when none is remembered.
+std::uint64_t lastRecordOf(const Server& server, const Id16& dbiid, const Id16& logId);
 
 } // namespace notes_sim

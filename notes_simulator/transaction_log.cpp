@@ -10,6 +10,7 @@
 #include <algorithm>
 #include <cerrno>
 #include <cstdio>
+#include <fstream>
 #include <stdexcept>
 
 namespace fs = std::filesystem;
@@ -219,6 +220,18 @@ void readExtent(const fs::path& file, const std::function<bool(const LogRecord&)
     }
 }
 
+LogRecord readRecordAt(const fs::path& file, std::uint64_t position) {
+    const File extent(file, O_RDONLY);
+    const ExtentHeader header = readExtentHeader(file);
+    std::uint64_t next = 0;
+    auto record = readRecord(extent.fd(), header.logId, position, &next);
+    if (!record) {
+        throw StatusError(kLogDamaged, file.string());
+    }
+    record->extent = header.number;
+    return *std::move(record);
+}
+
 TransactionLog::TransactionLog(const Server& server, const ServerLock&) : m_server(server) {
     if (server.style == LogStyle::kNone) {
         throw StatusError(kNoTransactionLogging, "");
@@ -245,6 +258,16 @@ TransactionLog::~TransactionLog() {
 
 fs::path TransactionLog::extentPath(std::uint32_t number) const {
     return m_server.logs / extentFileName(number);
+}
+
+fs::path TransactionLog::birthFile() const {
+    return m_server.state / "instances" / "whole-log";
+}
+
+bool TransactionLog::knowsEveryInstance() const {
+    std::ifstream stream(birthFile());
+    std::string id;
+    return std::getline(stream, id) && id == hex(m_control.logId);
 }
 
 std::uint64_t TransactionLog::largestPayload(const Server& server) {
@@ -322,11 +345,14 @@ void TransactionLog::rebuildControl() {
     if (present.empty()) {
         m_control = Control();
         m_control.logId = randomId16();
+        fs::create_directories(birthFile().parent_path());
+        replaceFile(birthFile(), hex(m_control.logId) + "\n");
         createExtent(1, 1);
         m_control.position = kExtentHeaderSize;
         writeControl();
         return;
     }
+    fs::remove(birthFile()); // a record that was never confirmed may be among the extents
     // The newest extent tells which log this is; a gap below it ends what belongs together.
     const ExtentHeader newest = readExtentHeader(extentPath(present.back()));
     m_control = Control();
@@ -420,6 +446,9 @@ void TransactionLog::findRecordsAfterControl() {
     if (found == 1) {
         m_inFlight = std::move(first);
     } else if (found > 1 || rolled) {
+        if (found > 1) {
+            fs::remove(birthFile()); // the last one may be a record that was never confirmed
+        }
         writeControl();
     }
 }

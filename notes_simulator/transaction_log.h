@@ -47,6 +47,10 @@ ExtentHeader readExtentHeader(const std::filesystem::path& file);
 void readExtent(const std::filesystem::path& file,
                 const std::function<bool(const LogRecord&)>& visit);
 
+/// Reads the record at a position of an extent file. Throws StatusError(kLogDamaged) when no whole
+/// one lies there.
+LogRecord readRecordAt(const std::filesystem::path& file, std::uint64_t position);
+
 /// The log of one server. All of it needs the ServerLock, which must outlive the object; nothing
 /// is kept between two locks, since other processes write the same log.
 class TransactionLog {
@@ -77,6 +81,9 @@ class TransactionLog {
     /// Bytes of log written since the log began, whatever happened to the extents.
     std::uint64_t totalBytes() const { return m_control.totalBytes; }
     std::filesystem::path extentPath(std::uint32_t number) const;
+    /// Whether the state folder has seen this log from its first record on: an instance of which it
+    /// knows no record has none then.
+    bool knowsEveryInstance() const;
 
     /// The full extents that wait to be archived, in order; none unless the style is archive.
     std::vector<std::uint32_t> readyExtents() const;
@@ -101,6 +108,7 @@ class TransactionLog {
     bool readControl();
     void writeControl();
     void rebuildControl();
+    std::filesystem::path birthFile() const;
     void findRecordsAfterControl();
     void openActive();
     void createExtent(std::uint32_t number, std::uint64_t firstRecord);

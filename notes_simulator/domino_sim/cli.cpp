@@ -48,7 +48,8 @@ void createDatabase(const Server& server, const fs::path& file, bool logged,
     const auto log = openLog(server, lock);
     DatabaseHeader header;
     header.replica = randomId8();
-    const TimeWords now = toTimeWords(nowInHundredths());
+    header.commitTime = nowInHundredths();
+    const TimeWords now = toTimeWords(header.commitTime);
     ByteWriter dbid; // a DBID is the time of the creation
     dbid.u32(now.ticks);
     dbid.u32(now.day);
@@ -65,7 +66,7 @@ void createDatabase(const Server& server, const fs::path& file, bool logged,
     for (int i = 0; i < notes; ++i) {
         NoteChange change = content.newNote();
         change.note.unid = randomId16();
-        change.note.modified = nowInHundredths();
+        change.note.modified = header.commitTime;
         changes.push_back(std::move(change));
     }
     Database::create(file, header, std::move(changes));

@@ -3,7 +3,9 @@
 #include "notes_simulator/domino_sim/cli.h"
 #include "notes_simulator/domino_sim/manifest.h"
 #include "notes_simulator/status.h"
+#include "notes_simulator/times.h"
 
+#include <charconv>
 #include <iostream>
 #include <memory>
 
@@ -14,12 +16,46 @@ namespace domino_sim {
 
 namespace {
 
+constexpr std::int64_t kLatestSecond = 253402300799; // the end of the year 9999
+
 struct CheckOptions {
     std::string copy;
     std::string database;
     std::string manifest;
     std::string server;
+    std::string time;
 };
+
+/// "@SECONDS[.CC]" since 1970, or "YYYY-MM-DD hh:mm[:ss[.CC]]" in local time, in hundredths of a
+/// second. Without a fraction the whole second begins: commits later within it are later.
+std::int64_t parseMoment(const std::string& text) {
+    const StatusError bad(kBadTimeText, text);
+    std::string whole = text;
+    std::int64_t hundredths = 0;
+    if (const auto point = text.find('.'); point != std::string::npos) {
+        const std::string digits = text.substr(point + 1);
+        if (digits.size() != 2 || digits.find_first_not_of("0123456789") != std::string::npos) {
+            throw bad;
+        }
+        hundredths = std::stoi(digits);
+        whole.resize(point);
+    }
+    if (whole.starts_with("@")) {
+        std::int64_t seconds = 0;
+        const char* last = whole.data() + whole.size();
+        const auto [end, error] = std::from_chars(whole.data() + 1, last, seconds);
+        if (error != std::errc() || end != last || seconds < 0 || seconds > kLatestSecond) {
+            throw bad;
+        }
+        return seconds * 100 + hundredths;
+    }
+    std::size_t used = 0;
+    const auto time = parseTime(whole, {DateFormat::Order::kYearMonthDay, "-", ":"}, &used);
+    if (!time || used != whole.size()) {
+        throw bad;
+    }
+    return *time + hundredths;
+}
 
 void compare(const char* kind, const std::map<NoteId, std::string>& expected,
              const std::map<NoteId, std::string>& found) {
@@ -59,6 +95,15 @@ void runCheck(const CheckOptions& options) {
         throw CheckFailed(copy.string() + ": integrity check failed: " + state.integrity);
     }
     const std::uint64_t commit = state.header.commit;
+    if (!options.time.empty()) {
+        const std::uint64_t last =
+            lastCommitAt(options.manifest, options.database, parseMoment(options.time));
+        if (commit != last) {
+            throw CheckFailed(options.database + ": the copy is at commit " +
+                              std::to_string(commit) + ", at " + options.time +
+                              " the database was at " + std::to_string(last));
+        }
+    }
     const ManifestState expected = stateAfter(options.manifest, options.database, commit);
     compare("note", expected.notes, state.notes);
     compare("stub", expected.stubs, state.stubs);
@@ -91,6 +136,9 @@ void addCheckCommand(CLI::App& app) {
     command->add_option("--manifest", check->manifest, "Manifest of the workload")->required();
     command->add_option("--server", check->server,
                         "Also check that its commit number is that of the last NSFBackupStop");
+    command->add_option("--at", check->time,
+                        "Also check that its commit is the last one at or before this time: "
+                        "\"YYYY-MM-DD hh:mm:ss[.CC]\", local, or @SECONDS[.CC] since 1970");
     command->callback([check] { runCheck(*check); });
 }
 

@@ -49,6 +49,46 @@ void applyOperations(const json& operations, ManifestState& state) {
     }
 }
 
+/// A database in a manifest: its base, and the lines of its commits by their numbers.
+struct ManifestLines {
+    ManifestState base;
+    std::map<std::uint64_t, json> commits;
+};
+
+ManifestLines readManifest(const fs::path& manifest, const std::string& database) {
+    std::ifstream stream(manifest);
+    if (!stream) {
+        throwErrno(errno, "manifest " + manifest.string());
+    }
+    std::optional<ManifestState> base;
+    std::map<std::uint64_t, json> commits;
+    for (std::string text; std::getline(stream, text);) {
+        const json value = json::parse(text, nullptr, false);
+        if (value.is_discarded()) {
+            if (stream.eof()) {
+                break; // a killed writer's last line
+            }
+            throw StatusError(kInvalidArgument, "manifest line \"" + text.substr(0, 60) + "\"");
+        }
+        if (value.at("db") != database) {
+            continue;
+        }
+        if (value.contains("base")) {
+            // A later workload on the same manifest goes on from the earlier one.
+            if (!base) {
+                base = ManifestState{digestMap(value.at("notes")), digestMap(value.at("stubs")),
+                                     value.at("base"), value.at("base")};
+            }
+        } else {
+            commits[value.at("commit").get<std::uint64_t>()] = value;
+        }
+    }
+    if (!base) {
+        throw StatusError(kInvalidArgument, "the manifest does not have " + database);
+    }
+    return {*std::move(base), std::move(commits)};
+}
+
 } // namespace
 
 ManifestWriter::ManifestWriter(const fs::path& file)
@@ -94,50 +134,33 @@ void ManifestWriter::commit(const std::string& database, const Commit& commit) {
 
 ManifestState stateAfter(const fs::path& manifest, const std::string& database,
                          std::uint64_t commit) {
-    std::ifstream stream(manifest);
-    if (!stream) {
-        throwErrno(errno, "manifest " + manifest.string());
-    }
-    std::optional<ManifestState> base;
-    std::map<std::uint64_t, json> commits;
-    for (std::string text; std::getline(stream, text);) {
-        const json value = json::parse(text, nullptr, false);
-        if (value.is_discarded()) {
-            if (stream.eof()) {
-                break; // a killed writer's last line
-            }
-            throw StatusError(kInvalidArgument, "manifest line \"" + text.substr(0, 60) + "\"");
-        }
-        if (value.at("db") != database) {
-            continue;
-        }
-        if (value.contains("base")) {
-            // A later workload on the same manifest goes on from the earlier one.
-            if (!base) {
-                base = ManifestState{digestMap(value.at("notes")), digestMap(value.at("stubs")),
-                                     value.at("base"), value.at("base")};
-            }
-        } else {
-            commits[value.at("commit").get<std::uint64_t>()] = value.at("ops");
-        }
-    }
-    if (!base) {
-        throw StatusError(kInvalidArgument, "the manifest does not have " + database);
-    }
-    ManifestState state = *std::move(base);
+    auto [state, commits] = readManifest(manifest, database);
     state.lastCommit = commits.empty() ? state.firstCommit : commits.rbegin()->first;
     if (commit < state.firstCommit || commit > state.lastCommit) {
         throw CheckFailed(database + ": the copy is at commit " + std::to_string(commit) +
                           ", the manifest has " + std::to_string(state.firstCommit) + " to " +
                           std::to_string(state.lastCommit));
     }
-    for (const auto& [number, operations] : commits) {
+    for (const auto& [number, line] : commits) {
         if (number > commit) {
             break;
         }
-        applyOperations(operations, state);
+        applyOperations(line.at("ops"), state);
     }
     return state;
+}
+
+std::uint64_t lastCommitAt(const fs::path& manifest, const std::string& database,
+                           std::int64_t time) {
+    const auto [base, commits] = readManifest(manifest, database);
+    std::uint64_t last = base.firstCommit;
+    for (const auto& [number, line] : commits) {
+        if (line.at("time").get<std::int64_t>() > time) {
+            break;
+        }
+        last = number;
+    }
+    return last;
 }
 
 } // namespace domino_sim

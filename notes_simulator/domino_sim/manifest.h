@@ -49,4 +49,9 @@ struct ManifestState {
 ManifestState stateAfter(const std::filesystem::path& manifest, const std::string& database,
                          std::uint64_t commit);
 
+/// The number of a database's last commit at or before a time, in hundredths of a second since
+/// 1970; the base when all commits are later. Throws like stateAfter.
+std::uint64_t lastCommitAt(const std::filesystem::path& manifest, const std::string& database,
+                           std::int64_t time);
+
 } // namespace domino_sim
