@@ -100,6 +100,10 @@ struct NotesApi {
     NotesFunction<STATUS(char* DbName, DWORD Options)> NSFBringDatabaseOnline{
         first, "NSFBringDatabaseOnline"};
 
+    NotesFunction<STATUS(char* DbNames, LOGRESTORECALLBACKFUNCTION, DWORD Flags, WORD* errDbIndex,
+                         TIMEDATE* recoveryTime)>
+        NSFRecoverDatabases{first, "NSFRecoverDatabases"};
+
     // Notes: copying and deleting them, unread marks, tables of their ids
     NotesFunction<STATUS(DBHANDLE hSrcDB, DBID* SrcDBID, DBID* SrcReplicaID, NOTEID SrcNoteID,
                          DBHANDLE hDstDB, DBID* DstDBID, DBID* DstReplicaID, NOTEID* retDstNoteID,

@@ -60,6 +60,10 @@ struct INTLFORMAT {
 };
 static_assert(sizeof(INTLFORMAT) == 140);
 
+// What NSFRecoverDatabases asks for each log that it needs: 0 when the log is at the path.
+using LOGRESTORECALLBACKFUNCTION = STATUS (*)(UNIVERSALNOTEID* LogID, DWORD LogNumber,
+                                              char* LogSegmentPathName);
+
 // Statuses that the module tells apart.
 inline constexpr STATUS kNotesNoError = 0;
 inline constexpr STATUS kNotesNoSuchFile = 259;

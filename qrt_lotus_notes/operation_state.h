@@ -50,6 +50,21 @@ enum DB_LOGGING_STYLE {
     DB_LOGGING_STYLE_NOLOG = 3,
 };
 
+// What a recovery does beyond what the other control variables ask for: all FALSE, or chosen by
+// ROLLFORWARD.
+struct RecoveryChoices {
+    BOOL bSearchesForDatabases; // the search of the whole system looks for databases
+    BOOL bSelectsWhatIsMissing; // an argument for which nothing exists is selected as it is given
+    BOOL bFindsPending;         // the search for restored copies lists those that it finds
+    BOOL bExcludesExactly;      // an exclusion removes the excluded entry and no other
+    BOOL bCreatesDirectories;   // the directory of a lost original is created
+    BOOL bKeepsUnplaced;        // a restored copy that could not be put in its place stays
+    BOOL bBringsBackOnline;     // originals are brought online again when the recovery fails
+    BOOL bTellsOutcome;         // a log line for each database: recovered or not
+    BOOL bToMoment;             // not to the end of the logs, but to tMoment
+    time_t tMoment;             // changes committed at it are included; valid with bToMoment
+};
+
 struct QRTLN_Global {
     // Type and level of the running operation: set by DB_InitOperation, fixed for its duration.
     DB_OPERATION_TYPE eI_OperationType;
@@ -110,6 +125,8 @@ struct QRTLN_Global {
     e_LNDocRecoveryType LNDocRecoveryType;
     // Point in time of a document-level restore, digits YYYYMMDDhhmm (more may follow).
     char szPointInTime[32];
+    // Made from the control variables once and reset by every operation. Stays the last field.
+    RecoveryChoices sRecoveryChoices;
 };
 
 // One item handed out or announced; lists hold it by value.

@@ -1,13 +1,11 @@
 #include "qrt_lotus_notes/qrtln_f/activation.h"
 
-#include <cerrno>
-#include <fcntl.h>
 #include <string>
-#include <unistd.h>
 
 #include "common/bounded_text.h"
 #include "qrt_lotus_notes/qrtln_n/copy_path.h"
 #include "qrt_lotus_notes/qrtln_n/database_recovery.h"
+#include "qrt_lotus_notes/qrtln_n/durable_copy.h"
 #include "qrt_lotus_notes/qrtln_n/file_name_text.h"
 #include "qrt_lotus_notes/qrtln_o/file_primitives.h"
 #include "qrt_lotus_notes/qrtln_u/messages.h"
@@ -58,44 +56,19 @@ bool takeOffline(const char* cpFile, const char* szTargetFile, bool bInPlace) {
     return false;
 }
 
-// Makes a file, or a directory's entries, durable. Returns 0 or an error number.
-int flushToDisk(const char* path, int flags) {
-    const int fd = open(path, flags | O_RDONLY | O_CLOEXEC);
-    if (fd < 0) {
-        return errno;
-    }
-    const int error = fsync(fd) == 0 ? 0 : errno;
-    close(fd); // nothing was written through it
-    return error;
-}
-
-// Copies the restored file over the live database, down to the disk: the restored file is deleted
-// next, and a power cut must not take both.
-bool replace(const char* cpFile, const char* szTargetFile, const char* cpOriginalDirectory) {
+bool replace(const char* cpFile, const char* szTargetFile) {
     const std::string file = getUTF8FileName(cpFile);
     DB_TraceExt("QRTLN_Activate(): Copying file [%s] to [%s] ...", file.c_str(),
                 getUTF8FileName(szTargetFile));
     if (!SysFileExists(cpFile)) {
         DB_TraceExt("QRTLN_Activate(): Error: File [%s] does not exist", file.c_str());
     }
-    bool bCopied = SysFileCopy(cpFile, szTargetFile, FALSE) != FALSE;
-    if (bCopied) {
-        int error = flushToDisk(szTargetFile, 0);
-        if (error == 0) {
-            error = flushToDisk(cpOriginalDirectory, O_DIRECTORY);
-        }
-        if (error != 0) {
-            DB_TraceExt("QRTLN_Activate(): flushing file [%s] to disk failed with errno (%d): %s",
-                        getUTF8FileName(szTargetFile), error,
-                        getSysMsg(static_cast<unsigned int>(error)));
-            bCopied = false;
-        }
+    if (copyToDisk("QRTLN_Activate", cpFile, szTargetFile)) {
+        return true;
     }
-    if (!bCopied) {
-        DB_TraceExt("QRTLN_Activate(): Copy of file [%s] to [%s] FAILED", file.c_str(),
-                    getUTF8FileName(szTargetFile));
-    }
-    return bCopied;
+    DB_TraceExt("QRTLN_Activate(): Copy of file [%s] to [%s] FAILED", file.c_str(),
+                getUTF8FileName(szTargetFile));
+    return false;
 }
 
 } // namespace
@@ -123,7 +96,7 @@ int QRTLN_Activate(const char* cpFile, const char* cpOriginalDirectory) {
     if (!bInPlace) {
         // From here to the end of the copy the live database is offline, and stays so when the copy
         // fails: half a database must not be opened.
-        if (!replace(cpFile, szTargetFile, cpOriginalDirectory)) {
+        if (!replace(cpFile, szTargetFile)) {
             return DB_NUM_E_FAILED;
         }
         DB_TraceExt("QRTLN_Activate(): Deleting backup copy [%s] ...", getUTF8FileName(cpFile));

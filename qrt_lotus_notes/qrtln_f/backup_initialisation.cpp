@@ -4,19 +4,12 @@
 #include "qrt_lotus_notes/qrtln_f/dbiid_index.h"
 #include "qrt_lotus_notes/qrtln_f/fifo_list.h"
 #include "qrt_lotus_notes/qrtln_f/file_discovery.h"
+#include "qrt_lotus_notes/qrtln_f/path_text.h"
 #include "qrt_lotus_notes/qrtln_n/log_archiving.h"
 #include "qrt_lotus_notes/qrtln_n/runtime_session.h"
 #include "qrt_lotus_notes/qrtln_u/messages.h"
 
 namespace {
-
-// A client puts this before an argument to say whose it is; it is not part of the path.
-constexpr char kArgumentPrefix[] = "QRTLN:";
-constexpr char kWholeSystem[] = "NOTES";
-
-bool startsWith(const char* text, const char* prefix) {
-    return std::strncmp(text, prefix, std::strlen(prefix)) == 0;
-}
 
 bool isFullOrCopy() {
     return g_sQRTLN_Global.eI_OperationLevel == DB_LEVEL_COPY ||
@@ -69,11 +62,8 @@ Arguments takeArguments(FifoList& lhListIncludePatterns) {
     unsigned int uiSize = 0;
     DB_BACKUP_FILE_TYPE eKind = DB_BACKUP_FILE_TYPE_DB;
     while (PullFIFOItemLN(g_sQRTLN_Global.lhArgumentFileList, szArgument, &uiSize, &eKind)) {
-        const char* cpArgument = szArgument;
-        if (startsWith(cpArgument, kArgumentPrefix)) {
-            cpArgument += sizeof kArgumentPrefix - 1;
-        }
-        if (startsWith(cpArgument, kWholeSystem) || std::strcmp(cpArgument, "/") == 0) {
+        const char* cpArgument = withoutArgumentPrefix(szArgument);
+        if (isWholeSystemArgument(cpArgument) || std::strcmp(cpArgument, "/") == 0) {
             return Arguments::wholeSystem;
         }
         g_sQRTLN_Global.eI_BackupType = QRTLN_OPERATION_TYPE_PARTICULAR;

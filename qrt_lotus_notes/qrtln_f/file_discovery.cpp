@@ -1,5 +1,6 @@
 #include "qrt_lotus_notes/qrtln_f/file_discovery.h"
 
+#include <algorithm>
 #include <cerrno>
 #include <climits>
 #include <dirent.h>
@@ -11,6 +12,7 @@
 
 #include "common/bounded_text.h"
 #include "qrt_lotus_notes/qrtln_f/fifo_list.h"
+#include "qrt_lotus_notes/qrtln_f/path_text.h"
 #include "qrt_lotus_notes/qrtln_u/argument_paths.h"
 #include "qrt_lotus_notes/qrtln_u/messages.h"
 
@@ -34,6 +36,11 @@ constexpr Pattern kDominoPatterns[] = {
     {"*.dsk", DB_BACKUP_FILE_TYPE_SYS}, {"*.dic", DB_BACKUP_FILE_TYPE_SYS},
     {"*.cfg", DB_BACKUP_FILE_TYPE_SYS},
 };
+
+// The databases among them, which come first.
+constexpr std::size_t kDatabasePatterns =
+    std::count_if(std::begin(kDominoPatterns), std::end(kDominoPatterns),
+                  [](const Pattern& pattern) { return pattern.eKind == DB_BACKUP_FILE_TYPE_DB; });
 
 // Attachment store files: scanned for in a pass of their own, so that they come last.
 constexpr Pattern kAttachmentPatterns[] = {{"*.nlo", DB_BACKUP_FILE_TYPE_SYS}};
@@ -66,18 +73,6 @@ class Directory {
 
 bool isDotEntry(const char* name) {
     return std::strcmp(name, ".") == 0 || std::strcmp(name, "..") == 0;
-}
-
-bool isDirectory(const char* path) {
-    struct stat status;
-    return stat(path, &status) == 0 && S_ISDIR(status.st_mode);
-}
-
-void removeTrailingDelimiter(char* path) {
-    const std::size_t length = std::strlen(path);
-    if (length > 0 && path[length - 1] == kDelimiter) {
-        path[length - 1] = '\0';
-    }
 }
 
 FifoList makeList(const Pattern* patterns, std::size_t count) {
@@ -404,8 +399,13 @@ int getNotesFileList(const char* cpDirectoryPattern, DB_OPERATION_LEVEL e_Operat
     const bool bBackup = isBackupLevel(e_OperationLevel) && !g_sQRTLN_Global.bRecovery;
     FifoList directories(CreateFIFOList());
     pushPath(directories.get(), cpDirectoryPattern, DB_BACKUP_FILE_TYPE_DB);
-    // Without patterns the match list is empty, not absent, and matches nothing.
-    FifoList patterns = makeList(kDominoPatterns, bBackup ? std::size(kDominoPatterns) : 0);
+    // Without patterns the match list is empty, not absent, and matches nothing: so it is in every
+    // recovery that does not choose otherwise.
+    std::size_t count = bBackup ? std::size(kDominoPatterns) : 0;
+    if (g_sQRTLN_Global.sRecoveryChoices.bSearchesForDatabases) {
+        count = kDatabasePatterns;
+    }
+    FifoList patterns = makeList(kDominoPatterns, count);
     scanPatterns(directories.get(), patterns.get(), true);
 
     // Attachment store files come after every other file, and never with an incremental backup.
@@ -465,6 +465,36 @@ BOOL IsValidPattern(const char* cpPattern) {
         return TRUE;
     }
     return FALSE;
+}
+
+void queueNamedItem(const char* cpItem) {
+    char szItem[kUnmeasuredPathSize];
+    copyText(szItem, cpItem);
+    relocate(szItem);
+    pushPath(g_sQRTLN_Global.lhNotesFileList, szItem, DB_BACKUP_FILE_TYPE_DB);
+}
+
+void getDatabasesIn(const char* cpDirectory, LIST_INFO* _lhDatabases) {
+    Directory directory(cpDirectory);
+    if (!directory) {
+        DB_LogExt("getDatabasesIn(): directory [%s] cannot be read, its files are left out (%d): "
+                  "%s",
+                  cpDirectory, errno, std::strerror(errno));
+        return;
+    }
+    while (const dirent* entry = directory.read()) {
+        char szPath[kUnmeasuredPathSize];
+        formatText(szPath, sizeof szPath, "%s%c%s", cpDirectory, kDelimiter, entry->d_name);
+        struct stat status;
+        if (isFileNotesNSF(entry->d_name) && stat(szPath, &status) == 0 &&
+            S_ISREG(status.st_mode)) {
+            pushPath(_lhDatabases, szPath, DB_BACKUP_FILE_TYPE_DB);
+        }
+    }
+    if (errno != 0) {
+        DB_LogExt("getDatabasesIn(): directory [%s] could not be read to its end (%d): %s",
+                  cpDirectory, errno, std::strerror(errno));
+    }
 }
 
 int getSubDirectories(const char* cpFullPattern, const char* cpITEM_PATH,

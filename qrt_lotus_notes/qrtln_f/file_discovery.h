@@ -16,6 +16,14 @@ int getParticularFileList(LIST_INFO* _lhListIncludePatterns);
 // line, and so is a directory that cannot be read.
 int fillFileList(LIST_INFO* hFilePatterns, LIST_INFO* hMatchPatterns);
 
+// Queues one item under the name that it is given, which a relocated restore rewrites. A path that
+// does not fit is left out with a log line.
+void queueNamedItem(const char* cpItem);
+
+// Appends the databases that lie in a directory, as restores know databases. What cannot be read is
+// logged.
+void getDatabasesIn(const char* cpDirectory, LIST_INFO* _lhDatabases);
+
 // TRUE if a directory entry matches the pattern or, for a restore, also when none does.
 BOOL IsValidPattern(const char* cpPattern);
 

@@ -6,6 +6,7 @@
 #include "common/bounded_text.h"
 #include "qrt_lotus_notes/qrtln_f/fifo_list.h"
 #include "qrt_lotus_notes/qrtln_f/file_discovery.h"
+#include "qrt_lotus_notes/qrtln_f/path_text.h"
 #include "qrt_lotus_notes/qrtln_n/copy_path.h"
 #include "qrt_lotus_notes/qrtln_n/file_name_text.h"
 #include "qrt_lotus_notes/qrtln_o/file_primitives.h"
@@ -15,19 +16,8 @@
 
 namespace {
 
-constexpr char kArgumentPrefix[] = "QRTLN:";
-constexpr char kWholeSystem[] = "NOTES";
 // Clients with paths of another platform put this before an absolute path.
 constexpr char kLongPathPrefix[] = "\\\\?\\";
-
-bool startsWith(const char* text, const char* prefix) {
-    return std::strncmp(text, prefix, std::strlen(prefix)) == 0;
-}
-
-bool endsWithDelimiter(const char* text) {
-    const std::size_t length = std::strlen(text);
-    return length > 0 && text[length - 1] == kDelimiter;
-}
 
 // The part after the last delimiter, or all of it.
 const char* lastComponent(const char* path) {
@@ -111,9 +101,7 @@ int placeInternalDirectory(char* cpDirectory, std::size_t skipped, const char* c
                     szTmpDir, endsWithDelimiter(szTmpDir) ? "" : "/", cpRelative)) {
         return refuseDirectory(cpDirectory, "directory path is too long below TMP_DIR");
     }
-    if (endsWithDelimiter(szTarget)) {
-        szTarget[std::strlen(szTarget) - 1] = '\0';
-    }
+    removeTrailingDelimiter(szTarget);
     copyText(cpDirectory, kPathSize, szTarget);
     DB_TraceExt("QRTLN_SetDirectory(): Using TEMPORARY directory [%s] as TARGET directory. "
                 "Waiting for ACTIVATION or RECOVERY",
@@ -331,11 +319,8 @@ int QRTLN_InitRestore() {
     unsigned int uiSize = 0;
     DB_BACKUP_FILE_TYPE eKind = DB_BACKUP_FILE_TYPE_DB;
     while (PullFIFOItemLN(g_sQRTLN_Global.lhArgumentFileList, szArgument, &uiSize, &eKind)) {
-        const char* cpArgument = szArgument;
-        if (startsWith(cpArgument, kArgumentPrefix)) {
-            cpArgument += sizeof kArgumentPrefix - 1;
-        }
-        if (startsWith(cpArgument, kWholeSystem)) {
+        const char* cpArgument = withoutArgumentPrefix(szArgument);
+        if (isWholeSystemArgument(cpArgument)) {
             return startWholeSystem(); // the arguments behind it are not looked at
         }
         takeParticular(cpArgument, lhListIncludePatterns);

@@ -10,69 +10,23 @@
 #include "qrt_lotus_notes/qrtln_n/file_name_text.h"
 #include "qrt_lotus_notes/qrtln_n/guards.h"
 #include "qrt_lotus_notes/qrtln_n/notes_report.h"
+#include "qrt_lotus_notes/qrtln_n/notes_time.h"
 #include "qrt_lotus_notes/qrtln_o/file_primitives.h"
 
 namespace {
 
-// Bits of INTLFORMAT::Flags: the order of a date's parts.
-constexpr WORD kMonthDayYear = 0x0020;
-constexpr WORD kDayMonthYear = 0x0040;
-constexpr WORD kYearMonthDay = 0x0080;
-// TFMT: full date, full time, the zone never shown, date and time both.
-constexpr TFMT kDateAndTime = {0, 0, 2, 2};
 // Every class of note.
 constexpr WORD kAllNoteClasses = 0x7FFF;
-// Size of a time's text, with the NUL.
-constexpr std::size_t kTimeTextSize = 81;
-
-using TimeText = char[kTimeTextSize];
-
-// The server's settings with the day before the month before the year.
-INTLFORMAT dayMonthYearSettings() {
-    INTLFORMAT intl = {};
-    notes_api.OSGetIntlSettings(&intl, sizeof intl);
-    intl.Flags |= kDayMonthYear;
-    intl.Flags &= static_cast<WORD>(~(kMonthDayYear | kYearMonthDay));
-    return intl;
-}
-
-// Writes a time as the settings separate its parts. Returns false when there is no local time for
-// it.
-bool formatSince(const INTLFORMAT& intl, time_t cal_time, TimeText& text) {
-    struct tm local;
-    if (localtime_r(&cal_time, &local) == nullptr) {
-        return false;
-    }
-    // The separators fill their fields or end with a NUL.
-    const int width = sizeof intl.DateString;
-    return formatText(text, sizeof text, "%02d%.*s%02d%.*s%4d %02d%.*s%02d%.*s%02d", local.tm_mday,
-                      width, intl.DateString, local.tm_mon + 1, width, intl.DateString,
-                      local.tm_year + 1900, local.tm_hour, width, intl.TimeString, local.tm_min,
-                      width, intl.TimeString, local.tm_sec);
-}
-
 // Converts the time for the server, by way of text as its settings have it; shownText receives how
 // the server writes it. Returns false (logged) when the server does not take it.
 bool convertSince(time_t cal_time, TIMEDATE& since, TimeText& shownText) {
     const INTLFORMAT intl = dayMonthYearSettings();
-    TimeText begin_str = "";
-    if (!formatSince(intl, cal_time, begin_str)) {
-        DB_LogExt("isNotesDbModified: the time %lld has no date", static_cast<long long>(cal_time));
+    if (!convertTime("isNotesDbModified", intl, cal_time, since)) {
         return false;
     }
-    DB_TraceExt("ConvertTextToTIMEDATE(%s)", begin_str);
-    char* ptr = begin_str;
-    STATUS status = notes_api.ConvertTextToTIMEDATE(
-        &intl, &kDateAndTime, &ptr, static_cast<WORD>(std::strlen(begin_str)), &since);
-    if (status != kNotesNoError) {
-        DB_LogExt("ConvertTextToTIMEDATE() failed, got error %0x (%d): %s",
-                  static_cast<unsigned>(status), status, getLotusNotesApiError(status, FALSE));
-        return false;
-    }
-
     WORD length = 0;
-    status = notes_api.ConvertTIMEDATEToText(&intl, &kDateAndTime, &since, shownText,
-                                             sizeof shownText - 1, &length);
+    const STATUS status = notes_api.ConvertTIMEDATEToText(&intl, &kDateAndTime, &since, shownText,
+                                                          sizeof shownText - 1, &length);
     if (status != kNotesNoError) {
         return false;
     }

@@ -1,14 +1,332 @@
 #include "qrt_lotus_notes/qrtln_n/database_recovery.h"
 
+#include <algorithm>
+#include <string>
+#include <vector>
+
+#include "qrt_lotus_notes/qrtln_l/file_list_queue.h"
+#include "qrt_lotus_notes/qrtln_n/copy_path.h"
+#include "qrt_lotus_notes/qrtln_n/durable_copy.h"
 #include "qrt_lotus_notes/qrtln_n/notes_report.h"
+#include "qrt_lotus_notes/qrtln_n/notes_time.h"
+#include "qrt_lotus_notes/qrtln_o/file_primitives.h"
+#include "qrt_lotus_notes/qrtln_u/roll_forward.h"
 
 namespace {
 
 // NSFTakeDatabaseOffline does not wait for users to leave, and does not delete the database.
 constexpr DWORD kNoWait = 0;
 constexpr DWORD kNoOptions = 0;
+// Flags of NSFRecoverDatabases.
+constexpr DWORD kRecoverWithNewDbiid = 2;
+constexpr DWORD kRecover = 4;
+
+const RecoveryChoices& choices() {
+    return g_sQRTLN_Global.sRecoveryChoices;
+}
+
+// An entry of the recovery list.
+struct RecoveryPair {
+    std::string restored;
+    std::string original;
+    bool bInPlace; // one file, by whatever spelling: it must be neither copied nor deleted
+};
+
+bool splitEntry(const char* cpEntry, RecoveryPair& pair) {
+    const char* separator = std::strstr(cpEntry, kRecoverySeparator);
+    if (separator == nullptr) {
+        return false;
+    }
+    pair.restored.assign(cpEntry, separator);
+    pair.original = separator + sizeof kRecoverySeparator - 1;
+    pair.bInPlace =
+        pair.restored == pair.original || isSameFile(pair.restored.c_str(), pair.original.c_str());
+    return true;
+}
+
+std::vector<RecoveryPair> readPairs(LIST_INFO* _lhRecoveryList) {
+    std::vector<RecoveryPair> pairs;
+    char szEntry[kPathSize];
+    unsigned int uiSize = 0;
+    while (ListFIFOItem(_lhRecoveryList, szEntry, &uiSize)) {
+        RecoveryPair pair;
+        if (splitEntry(szEntry, pair)) {
+            pairs.push_back(pair);
+        }
+    }
+    return pairs;
+}
+
+// The originals that were taken offline. Where the choices say so they are brought online again at
+// the end of scope, unless the recovery came to the point where it does so itself.
+class OfflineOriginals {
+  public:
+    OfflineOriginals() = default;
+    ~OfflineOriginals() {
+        if (choices().bBringsBackOnline) {
+            for (const std::string& original : m_originals) {
+                BringDbsOnline(original.c_str());
+            }
+        }
+    }
+    OfflineOriginals(const OfflineOriginals&) = delete;
+    OfflineOriginals& operator=(const OfflineOriginals&) = delete;
+
+    void add(const std::string& original) { m_originals.push_back(original); }
+    void release() { m_originals.clear(); }
+
+  private:
+    std::vector<std::string> m_originals;
+};
+
+// Takes the original of one pair from its users, if there is one. False when it cannot be had.
+bool takeOriginalOffline(const RecoveryPair& pair, OfflineOriginals& offline) {
+    if (pair.bInPlace) {
+        return true;
+    }
+    const char* cpOriginal = pair.original.c_str();
+    if (!SysFileExists(cpOriginal)) {
+        DB_TraceExt("RecoverDb(): Taking db offline: Could not find Database %s ...",
+                    getUTF8FileName(cpOriginal));
+        return true;
+    }
+    const int result = TakeDbsOffline(cpOriginal);
+    if (result == DB_NUM_I_OK) {
+        offline.add(pair.original);
+        return true;
+    }
+    if (result == DB_NUM_E_DB_IN_USE) {
+        DB_TraceExt("RecoverDb(): Please assure that database that is being restored is NOT IN "
+                    "USE !!!");
+    }
+    DB_TraceExt("RecoverDb(): Database %s EXCLUDED from RECOVERY LIST. This database is not going "
+                "to be RECOVERED.",
+                getUTF8FileName(cpOriginal));
+    tellNotRecovered(cpOriginal, result == DB_NUM_E_DB_IN_USE ? "the database is in use"
+                                                              : "it cannot be taken offline");
+    return false;
+}
+
+// Takes the originals offline and the entries of those that cannot be had from the list.
+void excludeUnavailable(LIST_INFO* _lhRecoveryList, OfflineOriginals& offline) {
+    std::vector<int> lhExcludeList; // positions, 1-based, in ascending order
+    int position = 1;
+    for (const RecoveryPair& pair : readPairs(_lhRecoveryList)) {
+        if (!takeOriginalOffline(pair, offline)) {
+            lhExcludeList.push_back(position);
+        }
+        ++position;
+    }
+    // In ascending order the positions are not those of the moment: after the first deletion each
+    // hits an entry further on. That is how a recovery has always excluded. From the end backwards
+    // they are exact.
+    if (choices().bExcludesExactly) {
+        std::reverse(lhExcludeList.begin(), lhExcludeList.end());
+    }
+    for (const int excluded : lhExcludeList) {
+        DeleteFIFOItemAt(_lhRecoveryList, excluded);
+    }
+}
+
+// Converts the moment to recover to. False (reported) when the server reads it as another one.
+bool convertMoment(TIMEDATE& recoveryTime) {
+    if (!g_sQRTLN_Global.bNotesInitialized) {
+        reportRuntimeNotInitialized();
+        return false;
+    }
+    if (!convertTime("RecoverDb()", dayMonthYearSettings(), choices().tMoment, recoveryTime)) {
+        DB_ErrHandler(0, kErrorKindNone,
+                      "RecoverDb(): the server does not take the time to recover to");
+        return false;
+    }
+    if (!isSameMoment(recoveryTime, choices().tMoment)) {
+        DB_ErrHandler(0, kErrorKindNone,
+                      "RecoverDb(): the server reads the time to recover to as another moment: its "
+                      "time zone is not the one of this process (TZ)");
+        return false;
+    }
+    return true;
+}
+
+// The restored paths in LMBCS, each with its NUL, and one more NUL. False (reported) when one
+// cannot be given to the server.
+bool buildNameBlock(const std::vector<RecoveryPair>& pairs, std::string& block) {
+    for (const RecoveryPair& pair : pairs) {
+        char szTmpFile[kPathSize];
+        if (!translateOrReport("RecoverDb", pair.restored.c_str(), szTmpFile)) {
+            return false;
+        }
+        block.append(szTmpFile, std::strlen(szTmpFile) + 1);
+    }
+    block.push_back('\0');
+    return true;
+}
+
+// What the replay came to. usiErrindex is the 1-based position of the database that the server
+// names.
+struct Replay {
+    STATUS status = kNotesNoError;
+    WORD usiErrindex = 0;
+
+    bool succeeded() const { return status == kNotesNoError; }
+    // The log does not know the database: the server went on with the others.
+    bool wentOn() const { return succeeded() || status == kNotesNotBackedUp; }
+};
+
+void reportReplay(const std::vector<RecoveryPair>& pairs, const Replay& replay) {
+    if (replay.succeeded()) {
+        DB_TraceExt("RecoverDb(): Recovery Successfully ended.");
+        for (const RecoveryPair& pair : pairs) {
+            DB_TraceExt("RecoverDb(): File %s recovered.", getUTF8FileName(pair.restored.c_str()));
+        }
+        return;
+    }
+    DB_TraceExt("RecoverDb(): Recovery returns error/warning.");
+    const std::string reason = getLotusNotesApiError(replay.status, TRUE);
+    for (std::size_t i = 0; i < pairs.size(); ++i) {
+        const bool bNamed = i + 1 == replay.usiErrindex;
+        if (bNamed) {
+            DB_TraceExt("RecoverDb(): Error recovering file [%s]. Reason: %s.",
+                        getUTF8FileName(pairs[i].restored.c_str()), reason.c_str());
+            if (replay.status == kNotesNotBackedUp) {
+                DB_TraceExt("RecoverDb(): Database has not been backed up on this server/instance "
+                            "of the log.");
+            }
+        }
+        if (!replay.wentOn()) {
+            tellNotRecovered(pairs[i].original.c_str(),
+                             bNamed ? reason.c_str() : "the recovery failed at another database");
+        }
+    }
+    if (!replay.wentOn() && choices().bTellsOutcome) {
+        DB_ErrHandler(0, kErrorKindNone, "RecoverDb(): the recovery failed: %s", reason.c_str());
+    }
+}
+
+// Copies a recovered database over its original and deletes the copy.
+bool placeCopy(const RecoveryPair& pair) {
+    if (choices().bCreatesDirectories) {
+        char szDirectory[kPathSize];
+        copyText(szDirectory, pair.original.c_str());
+        if (char* delimiter = std::strrchr(szDirectory, kDelimiter); delimiter != nullptr) {
+            *delimiter = '\0';
+            SysFileCreateDirectory(szDirectory); // what cannot be created shows in the copy
+        }
+    }
+    const bool bCopied = copyToDisk("RecoverDb", pair.restored.c_str(), pair.original.c_str());
+    if (!bCopied) {
+        const std::string restored = getUTF8FileName(pair.restored.c_str());
+        DB_TraceExt("RecoverDb(): Copy of file [%s] to [%s] FAILED", restored.c_str(),
+                    getUTF8FileName(pair.original.c_str()));
+    }
+    // Without the choice the copy goes even then: clients know it so, and have it in their store.
+    if (bCopied || !choices().bKeepsUnplaced) {
+        SysFileDelete(pair.restored.c_str());
+    }
+    return bCopied;
+}
+
+void tellOutcome(const RecoveryPair& pair, bool bNamed, const Replay& replay, bool bPlaced,
+                 bool bOnline) {
+    const char* cpOriginal = pair.original.c_str();
+    if (!bPlaced) {
+        tellNotRecovered(cpOriginal, "it could not be put in place; its restored copy, recovered, "
+                                     "is kept");
+    } else if (bNamed) {
+        tellNotRecovered(cpOriginal, "the transaction log does not know it; it is in place as it "
+                                     "was backed up");
+    } else if (!bOnline) {
+        tellNotRecovered(cpOriginal, "it is in place, but could not be brought online");
+    } else if (!replay.succeeded()) {
+        tellUncertain(cpOriginal, "it is in place, but the transaction log does not know every "
+                                  "database, and the server names only one");
+    } else {
+        tellRecovered(cpOriginal);
+    }
+}
+
+// Puts the recovered copies in the place of their originals. Returns whether every copy succeeded.
+bool replaceOriginals(const std::vector<RecoveryPair>& pairs, const Replay& replay) {
+    DB_TraceExt("RecoverDb(): STARTING REPLACING ORIGINAL DATABASES WITH RECOVERED COPIES ...");
+    bool bOverallSuccess = true;
+    for (std::size_t i = 0; i < pairs.size(); ++i) {
+        bool bPlaced = true;
+        if (pairs[i].bInPlace) {
+            DB_TraceExt("RecoverDb(): There is no need to copy Database: %s to original place.",
+                        getUTF8FileName(pairs[i].original.c_str()));
+        } else {
+            bPlaced = placeCopy(pairs[i]);
+            bOverallSuccess = bOverallSuccess && bPlaced;
+        }
+        const bool bOnline = BringDbsOnline(pairs[i].original.c_str()) == DB_NUM_I_OK;
+        tellOutcome(pairs[i], i + 1 == replay.usiErrindex && !replay.succeeded(), replay, bPlaced,
+                    bOnline);
+    }
+    if (pairs.empty()) {
+        DB_TraceExt("RecoverDb(): There is no recovery files to be replaced with.");
+    }
+    DB_TraceExt("RecoverDb(): REPLACING ORIGINAL DATABASES WITH RECOVERED COPIES FINISHED !");
+    return bOverallSuccess;
+}
 
 } // namespace
+
+int RecoverDb(LIST_INFO* _lhRecoveryList) {
+    DWORD dwFlag = kRecover;
+    if (g_sQRTLN_Global.bNewDbiid) {
+        DB_TraceExt("RecoverDb(): Preparing Recover call with NEWDBIID setting");
+        dwFlag = kRecoverWithNewDbiid;
+    }
+    TIMEDATE recoveryTime = {};
+    if (choices().bToMoment && !convertMoment(recoveryTime)) {
+        return DB_NUM_E_FAILED;
+    }
+
+    OfflineOriginals offline;
+    excludeUnavailable(_lhRecoveryList, offline);
+    const std::vector<RecoveryPair> pairs = readPairs(_lhRecoveryList);
+    std::string names;
+    if (!buildNameBlock(pairs, names)) {
+        return DB_NUM_E_FAILED;
+    }
+    if (pairs.empty()) {
+        DB_TraceExt("RecoverDb(): There is NO FILES to be recovered. EXIT.");
+        return DB_NUM_E_FAILED;
+    }
+
+    DB_TraceExt("RecoverDb(): STARTING RECOVERY ...");
+    Replay replay;
+    replay.status =
+        notes_api.NSFRecoverDatabases(names.data(), &LogRestoreCallBack, dwFlag,
+                                      &replay.usiErrindex, // nullptr: to the end of the logs
+                                      choices().bToMoment ? &recoveryTime : nullptr);
+    reportReplay(pairs, replay);
+    if (!replay.wentOn()) {
+        return DB_NUM_E_FAILED;
+    }
+    offline.release();
+    return replaceOriginals(pairs, replay) ? DB_NUM_I_OK : DB_NUM_E_FAILED;
+}
+
+STATUS LogRestoreCallBack(UNIVERSALNOTEID* LogId, DWORD dwLogNumber, char* cpPath) {
+    constexpr STATUS kNoSuchLog = 1;
+    // A name under which logs could be kept elsewhere. Nothing reads it: the server's own path is
+    // the one that counts.
+    char szFilePath[kPathSize];
+    formatText(szFilePath, sizeof szFilePath, "%08lx%sS%07lx.LOG",
+               LogId != nullptr ? foldedId(*LogId) : 0UL, "/",
+               static_cast<unsigned long>(dwLogNumber));
+
+    const char* cpRequested = cpPath != nullptr ? cpPath : "(null)";
+    DB_TraceExt("LogRestoreCallBack(): Transaction Log requested: [%s].", cpRequested);
+    if (SysFileExists(cpPath)) {
+        return kNotesNoError;
+    }
+    DB_TraceExt("LogRestoreCallBack(): Requested Transaction Log [%s] does not exist!",
+                cpRequested);
+    tellMissingLog(cpRequested);
+    return kNoSuchLog;
+}
 
 int TakeDbsOffline(const char* cpDbFile) {
     char szTmpFile[kPathSize];

@@ -12,6 +12,7 @@
 #include "qrt_lotus_notes/qrtln_l/file_list_queue.h"
 #include "qrt_lotus_notes/qrtln_u/argument_paths.h"
 #include "qrt_lotus_notes/qrtln_u/messages.h"
+#include "qrt_lotus_notes/qrtln_u/roll_forward.h"
 
 namespace {
 
@@ -19,6 +20,9 @@ namespace {
 struct ArgumentState {
     char szFileArgument[kPathSize]; // never cleared between two arguments, see argument_paths
     int iArguments;
+    RecoveryChoices sRollForward; // what ROLLFORWARD chooses, should this be a recovery
+    bool bRollForwardGiven;
+    bool bRefused; // a value was reported: the operation must not start
 };
 
 // Copies a value into its field; what does not fit is cut, and said so.
@@ -136,6 +140,20 @@ void addDatabaseArgument(const char* variable, ArgumentState& state) {
     }
 }
 
+// The one variable whose value must be right: a wrong one would recover to a time that nobody
+// meant.
+void setRollForward(const char* value, ArgumentState& state) {
+    if (state.bRollForwardGiven) {
+        DB_ErrHandler(0, kErrorKindNone, "ROLLFORWARD is given more than once");
+        state.bRefused = true;
+        return;
+    }
+    state.bRollForwardGiven = true;
+    if (!readRollForward(value, state.sRollForward)) {
+        state.bRefused = true;
+    }
+}
+
 // One keyword and what its variable does; `value` is the text behind the separator.
 struct ControlVariable {
     const char* keyword;
@@ -168,6 +186,8 @@ constexpr ControlVariable kControlVariables[] = {
      }},
     {"DATABASE", [](const char* variable, const char*,
                     ArgumentState& state) { addDatabaseArgument(variable, state); }},
+    {"ROLLFORWARD",
+     [](const char*, const char* value, ArgumentState& state) { setRollForward(value, state); }},
 };
 
 void applyControlVariable(const char* variable, ArgumentState& state) {
@@ -207,6 +227,7 @@ int ProcessCtrlVars(char** _cppI_CtrlVars) {
     global.szRelocationDir[0] = '\0';
     global.szTmpDir[0] = '\0';
     global.tSinceTime = 0;
+    global.sRecoveryChoices = {};
     copyText(global.szDB_User, "notes");
     global.lhArgumentFileList = CreateFIFOList();
     DB_TraceExt("ProcessCtrlVars(): maximal size %d", static_cast<int>(kPathSize));
@@ -218,9 +239,14 @@ int ProcessCtrlVars(char** _cppI_CtrlVars) {
     }
     if (state.iArguments == 0) {
         DB_ErrHandler(0, kErrorKindNone, "There is no database file arguments");
+    }
+    if (state.iArguments == 0 || state.bRefused) {
         DestroyFIFOList(global.lhArgumentFileList);
         global.lhArgumentFileList = nullptr;
         return DB_NUM_E_FAILED;
+    }
+    if (global.eI_OperationType == DB_TYPE_RST && global.bRecovery) {
+        global.sRecoveryChoices = state.sRollForward;
     }
     return DB_NUM_I_OK;
 }

@@ -35,7 +35,11 @@ void formatMessage(char (&message)[kMessageSize], const char* format, va_list ar
 }
 #pragma GCC diagnostic pop
 
+// Nothing without a callback.
 void formatAndCall(TYPE_DB_MessageFunc callback, const char* format, va_list arguments) {
+    if (callback == nullptr) {
+        return;
+    }
     const ErrnoKeeper keeper;
     char szMessage[kMessageSize];
     formatMessage(szMessage, format, arguments);
@@ -49,9 +53,6 @@ constexpr unsigned long kUnspecificError = 2;
 } // namespace
 
 void DB_TraceExt(const char* format, ...) {
-    if (!isTracing()) {
-        return;
-    }
     va_list arguments;
     va_start(arguments, format);
     formatAndCall(g_sQRTLN_Global.vpTraceFunc, format, arguments);
@@ -59,9 +60,6 @@ void DB_TraceExt(const char* format, ...) {
 }
 
 void DB_LogExt(const char* format, ...) {
-    if (!isLogging()) {
-        return;
-    }
     va_list arguments;
     va_start(arguments, format);
     formatAndCall(g_sQRTLN_Global.vpLogFunc, format, arguments);

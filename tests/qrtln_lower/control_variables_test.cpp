@@ -380,4 +380,93 @@ TEST(IniValue, IsFoundInItsSectionAlone) {
     EXPECT_EQ(ini_get_value(folder.file("missing").c_str(), nullptr, "k", value), DB_NUM_E_FAILED);
 }
 
+// Chile's clocks skip the hour after 23:59:59 on 7 September 2024 and repeat the one before
+// midnight on 6 April; Samoa skipped a whole day.
+TEST_F(ControlVariables, RollForwardIsYesOrATimeThatExistsOnce) {
+    struct Case {
+        const char* zone;
+        const char* value;
+        time_t moment; // 0: to the end of the logs, -1: refused
+    };
+    // The rules of 2024 for Berlin, and for Santiago, where the hours lie at midnight.
+    constexpr char kBerlin[] = "CET-1CEST,M3.5.0,M10.5.0/3";
+    constexpr char kSantiago[] = "CLT4CLST,M9.1.6/24,M4.1.6/24";
+    const Case cases[] = {
+        {kBerlin, "YES", 0},
+        {kBerlin, "20240115123015", 1705318215},
+        {kBerlin, "20240229000000", 1709161200},
+        {kBerlin, "20240331015959", 1711846799},
+        {kBerlin, "20240331020000", -1}, // skipped
+        {kBerlin, "20240331025959", -1},
+        {kBerlin, "20240331030000", 1711846800},
+        {kBerlin, "20241027015959", 1729987199},
+        {kBerlin, "20241027020000", -1}, // repeated
+        {kBerlin, "20241027025959", -1},
+        {kBerlin, "20241027030000", 1729994400},
+        {kSantiago, "20240908003000", -1},
+        {kSantiago, "20240406233000", -1},
+        {kSantiago, "20240407003000", 1712464200},
+        {"UTC", "20241027023000", 1729996200},
+        {"UTC", "20230229000000", -1},
+        {"UTC", "20240231000000", -1},
+        {"UTC", "20241301000000", -1},
+        {"UTC", "20240100000000", -1},
+        {"UTC", "20240115240000", -1},
+        {"UTC", "20240115126000", -1},
+        {"UTC", "20240115123060", -1},
+        {"UTC", "", -1},
+        {"UTC", "NO", -1},
+        {"UTC", "yes", -1},
+        {"UTC", "YES ", -1},
+        {"UTC", "202401151230", -1},
+        {"UTC", "202401151230150", -1},
+        {"UTC", " 20240115123015", -1},
+        {"UTC", "2024 115123015", -1},
+        {"UTC", "2024-01-15 12:", -1},
+        {"UTC", "+2024011512301", -1},
+        {"UTC", "%s%n%s%n%s%n%s", -1},
+    };
+    for (const Case& c : cases) {
+        SCOPED_TRACE(std::string(c.zone) + " " + c.value);
+        setenv("TZ", c.zone, 1);
+        global.eI_OperationType = DB_TYPE_RST;
+        const int result =
+            process({"RECOVERY=YES", std::string("ROLLFORWARD=") + c.value, "DATABASE=a.nsf"});
+        EXPECT_EQ(result, c.moment < 0 ? DB_NUM_E_FAILED : DB_NUM_I_OK);
+        EXPECT_EQ(global.sRecoveryChoices.bFindsPending, c.moment >= 0);
+        EXPECT_EQ(global.sRecoveryChoices.bToMoment, c.moment > 0);
+        EXPECT_EQ(global.sRecoveryChoices.tMoment, c.moment < 0 ? 0 : c.moment);
+        TYPE_DB_Error error = {};
+        takeError(&error);
+        EXPECT_EQ(std::string(error.szDBErrorMsg)
+                      .starts_with(std::string("ROLLFORWARD=") + c.value + ": "),
+                  c.moment < 0)
+            << error.szDBErrorMsg;
+        EXPECT_EQ(global.lhArgumentFileList == nullptr, c.moment < 0);
+    }
+}
+
+TEST_F(ControlVariables, RollForwardIsForOneRecoveryAlone) {
+    struct Case {
+        DB_OPERATION_TYPE type;
+        std::vector<std::string> variables;
+        int result;
+        bool chosen;
+    };
+    const Case cases[] = {
+        {DB_TYPE_RST, {"ROLLFORWARD=YES", "RECOVERY=YES"}, 3000, true},
+        {DB_TYPE_RST, {"RECOVERY=YES"}, 3000, false}, // nothing is left of the operation before
+        {DB_TYPE_RST, {"ROLLFORWARD=YES"}, 3000, false},
+        {DB_TYPE_BCK, {"ROLLFORWARD=YES", "RECOVERY=YES"}, 3000, false},
+        {DB_TYPE_RST, {"ROLLFORWARD=NO"}, 1000, false},
+        {DB_TYPE_RST, {"RECOVERY=YES", "ROLLFORWARD=YES", "ROLLFORWARD=YES"}, 1000, false},
+    };
+    for (Case c : cases) {
+        global.eI_OperationType = c.type;
+        c.variables.emplace_back("DATABASE=a.nsf");
+        EXPECT_EQ(process(c.variables), c.result);
+        EXPECT_EQ(global.sRecoveryChoices.bSearchesForDatabases, c.chosen);
+    }
+}
+
 } // namespace

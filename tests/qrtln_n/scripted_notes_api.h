@@ -261,6 +261,25 @@ class ScriptedNotesApi {
         notes_api.NSFBringDatabaseOnline = [](char* path, DWORD options) {
             return take("NSFBringDatabaseOnline", path, options).status;
         };
+        notes_api.NSFRecoverDatabases = [](char* names, LOGRESTORECALLBACKFUNCTION callback,
+                                           DWORD flags, WORD* index, TIMEDATE* time) -> STATUS {
+            std::string list;
+            for (const char* name = names; *name != '\0'; name += std::strlen(name) + 1) {
+                list += (list.empty() ? "" : ",") + std::string(name);
+            }
+            const Answer a = take("NSFRecoverDatabases", list, flags,
+                                  time == nullptr ? "end"
+                                                  : std::to_string(time->Innards[0]) + ":" +
+                                                        std::to_string(time->Innards[1]));
+            if (!a.numbers.empty()) {
+                *index = static_cast<WORD>(a.numbers[0]);
+            }
+            // Text: the log that the server asks for; it goes on only with one that it gets.
+            char path[1028] = "";
+            a.text.copy(path, sizeof path - 1);
+            UNIVERSALNOTEID id = a.id;
+            return a.text.empty() || callback(&id, 7, path) == 0 ? a.status : STATUS{5000};
+        };
         notes_api.NSFDbCopyNote =
             [](DBHANDLE source, DBID* sourceId, DBID* sourceReplica, NOTEID note, DBHANDLE target,
                DBID* targetId, DBID* targetReplica, NOTEID* newNote, WORD* noteClass) -> STATUS {
