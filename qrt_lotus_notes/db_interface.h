@@ -148,7 +148,8 @@ int DB_GetError(TYPE_DB_Error* spO_DBError);
 /*
  * Opens an operation. Returns 3000; 3001 when the operation is already complete (a recovery runs
  * whole inside this call); 1000 on failure. Control variables: DB_USER, TMP_DIR, RECOVERY,
- * NEWDBIID, ACTIVATE, NOTESINI, SNC_TIME, INFO, DATABASE (at least one). pDB_QRT_Params may be
+ * NEWDBIID, ACTIVATE, NOTESINI, SNC_TIME, INFO, DATABASE (at least one); ROLLFORWARD ("YES", or a
+ * local time of fourteen digits), without which a recovery selects nothing. pDB_QRT_Params may be
  * NULL. Whatever it returned, DB_CloseOperation must follow.
  */
 int DB_InitOperation(DB_OPERATION_TYPE eI_OperationType, DB_OPERATION_LEVEL eI_OperationLevel,

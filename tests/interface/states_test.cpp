@@ -145,18 +145,6 @@ TEST(States, WrongOperationTypesAreRefused) {
     });
 }
 
-TEST(States, RecoverySaysThatItIsNotThereYet) {
-    inOwnProcess([] {
-        SimulatedServer server;
-        Module module;
-        EXPECT_EQ(
-            module.open(server, DB_TYPE_RST, DB_LEVEL_FULL, {"DATABASE=NOTES", "RECOVERY=YES"}),
-            DB_NUM_E_FAILED);
-        EXPECT_EQ(module.error(), "Recovery is not supported by this release yet");
-        module.close("STATUS=0");
-    });
-}
-
 TEST(States, ItemsOfABackupAreNotSetAndTheLongPathPrefixIsDropped) {
     inOwnProcess([] {
         SimulatedServer server;
