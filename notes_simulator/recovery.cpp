@@ -71,6 +71,8 @@ class Recovery {
     static void forDatabase(std::size_t index, Body&& body) {
         try {
             body();
+        } catch (const RecoveryError&) {
+            throw; // has its database already
         } catch (const StatusError& error) {
             throw RecoveryError(error, index);
         } catch (const fs::filesystem_error& error) {

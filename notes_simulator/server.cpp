@@ -23,6 +23,7 @@ constexpr std::uint64_t kMebibyte = 1024 * 1024;
 constexpr std::uint64_t kSmallestExtent = 64 * 1024;
 constexpr std::uint64_t kDefaultLogMebibytes = 4;
 constexpr std::size_t kLongestKey = 180;
+constexpr std::size_t kKeptOfLongKey = 160;
 
 std::string lower(std::string text) {
     std::transform(text.begin(), text.end(), text.begin(),
@@ -140,9 +141,13 @@ std::string Server::keyOf(const fs::path& path) const {
         }
     }
     if (key.size() > kLongestKey) {
-        key = key.substr(0, kLongestKey - 20) + "~" + shortHash(name);
+        key = key.substr(0, kKeptOfLongKey) + "~" + shortHash(name);
     }
     return key;
+}
+
+bool isShortenedKey(const std::string& key) {
+    return key.size() == kKeptOfLongKey + 1 + shortHash("").size() && key[kKeptOfLongKey] == '~';
 }
 
 Server openServerByIni(const fs::path& iniFile) {

@@ -52,6 +52,9 @@ struct Server {
     std::string keyOf(const std::filesystem::path& path) const;
 };
 
+/// Whether a key was cut short, so that it no longer tells the path of its database.
+bool isShortenedKey(const std::string& key);
+
 /// Reads the server that a notes.ini belongs to. Throws StatusError: kAccessDenied, or
 /// kInvalidDirectory when the file, its Directory or the server's state folder is missing.
 Server openServerByIni(const std::filesystem::path& iniFile);

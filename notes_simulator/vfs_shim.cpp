@@ -314,8 +314,9 @@ void rollBackLeftoverJournals(const Server& server) {
             continue;
         }
         name.resize(name.size() - kJournalSuffix.size());
-        // A key that was cut short no longer names its database; that one is rolled back when it
-        // is opened next.
+        if (isShortenedKey(name)) {
+            continue; // names no database any more; that one is rolled back when it is opened next
+        }
         std::string path;
         for (std::size_t i = 0; i < name.size(); ++i) {
             if (name.compare(i, 3, "%2F") == 0) {

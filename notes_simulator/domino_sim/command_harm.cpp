@@ -24,6 +24,14 @@ struct DatabaseOptions {
     std::string database;
 };
 
+struct LoseOptions {
+    std::string server;
+    std::vector<std::string> databases;
+    std::vector<std::uint32_t> extents;
+    bool data = false;
+    bool logs = false;
+};
+
 void runCompact(const DatabaseOptions& options) {
     const Server server = useServer(options.server);
     const fs::path file = requireDatabase(server, options.database);
@@ -49,13 +57,38 @@ void runSaved(const DatabaseOptions& options) {
     markBackedUp(server, file);
 }
 
-void runLose(const DatabaseOptions& options) {
+void removeContent(const fs::path& folder) {
+    for (const auto& entry : fs::directory_iterator(folder)) {
+        fs::remove_all(entry.path());
+    }
+}
+
+void runLose(const LoseOptions& options) {
+    if (options.databases.empty() && options.extents.empty() && !options.data && !options.logs) {
+        throw StatusError(kInvalidArgument, "name databases, --extent, --data or --logs");
+    }
     const Server server = useServer(options.server);
-    const fs::path file = requireDatabase(server, options.database);
+    std::vector<fs::path> files; // looked for first: a wrong name loses nothing
+    for (const std::string& name : options.databases) {
+        files.push_back(requireDatabase(server, name));
+    }
+    for (const std::uint32_t number : options.extents) {
+        files.push_back(server.logs / extentFileName(number));
+        readExtentHeader(files.back());
+    }
     const ServerLock lock(server);
-    // The journal goes with its database: it must not be rolled back into a restored one.
-    fs::remove(journalFile(server, file));
-    fs::remove(file);
+    for (const fs::path& file : files) {
+        // The journal goes with its database: it must not be rolled back into a restored one.
+        fs::remove(journalFile(server, file));
+        fs::remove(file);
+    }
+    if (options.data) {
+        removeContent(server.state / "journals");
+        removeContent(server.data);
+    }
+    if (options.logs) {
+        removeContent(server.logs);
+    }
 }
 
 /// Overwrites the middle half of the file: the tables break, the file is still a database.
@@ -97,7 +130,17 @@ void addHarmCommands(CLI::App& app) {
                        runCompact);
     addDatabaseCommand(app, "saved", "Tell the server that another tool backed a database up",
                        runSaved);
-    addDatabaseCommand(app, "lose", "Delete a database behind the server's back", runLose);
+    auto lose = std::make_shared<LoseOptions>();
+    CLI::App* command = app.add_subcommand(
+        "lose", "Delete files of a server behind its back, as a broken disk does");
+    command->add_option("SERVER", lose->server, "Server folder")->required();
+    command->add_option("DB", lose->databases, "Databases");
+    command->add_option("--extent", lose->extents, "Log extents, by their numbers")
+        ->check(CLI::PositiveNumber);
+    command->add_flag("--data", lose->data,
+                      "Everything in the data directory; SERVER/notes.ini stays");
+    command->add_flag("--logs", lose->logs, "Everything in the folder of the transaction log");
+    command->callback([lose] { runLose(*lose); });
     auto file = std::make_shared<std::string>();
     CLI::App* damage =
         app.add_subcommand("damage", "Overwrite parts of a database file with garbage");

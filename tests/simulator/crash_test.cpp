@@ -66,6 +66,19 @@ TEST(KilledWriterAndReplacedDatabase, JournalIsUsedUpWhenTheRuntimeStarts) {
               dominoSimJson({"show", restored.string()})["digest"]);
 }
 
+// Its journal is named after a path that was cut short.
+TEST(KilledWriter, OfADatabaseWithALongNameIsRolledBackAfterTheRuntimeStarts) {
+    const TestServer server({"--style", "none"});
+    const std::string name = "long/" + std::string(200, 'n') + ".nsf";
+    dominoSim({"create", server.root(), name});
+    const auto before = dominoSimJson({"show", server.root(), name});
+    dominoSim({"put", server.root(), name, "--count", "300", "--crash", "half-written"},
+              1000 + SIGKILL);
+    NotesTerm();
+    ASSERT_EQ(server.start(), 0);
+    EXPECT_EQ(dominoSimJson({"show", server.root(), name}), before);
+}
+
 TEST(KilledWorkload, LeavesEveryDatabaseAtACommitOfItsManifest) {
     const TestServer server;
     const std::string manifest = (server.folder / "manifest.json").string();

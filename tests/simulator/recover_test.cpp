@@ -2,14 +2,17 @@
 #include "support.h"
 
 #include <gtest/gtest.h>
+#include <sqlite3.h>
 
 #include <sys/resource.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <csignal>
 #include <cstdlib>
 #include <fstream>
+#include <functional>
 #include <optional>
 #include <sstream>
 
@@ -29,13 +32,12 @@ constexpr STATUS kLater = 16153;
 constexpr std::int64_t kTicksPerDay = 8640000;
 constexpr std::int64_t kJulianDayOf1970 = 2440588;
 
-std::vector<DWORD> g_asked;                               // extents that the callback was asked for
-STATUS (*g_provide)(DWORD number, const char*) = nullptr; // its answer; 0 when not set
-std::string g_folder;                                     // for what g_provide does
+std::vector<DWORD> g_asked; // extents that the callback was asked for
+std::function<STATUS(DWORD number, const char* path)> g_provide; // its answer; 0 when not set
 
 STATUS noteAndProvide(UNIVERSALNOTEID*, DWORD number, char* path) {
     g_asked.push_back(number);
-    return g_provide == nullptr ? STATUS{0} : g_provide(number, path);
+    return !g_provide ? STATUS{0} : g_provide(number, path);
 }
 
 struct Outcome {
@@ -152,10 +154,382 @@ TEST_F(Recover, CopyBecomesTheLiveDatabaseWithDeletionsAndUnreadMarks) {
             EXPECT_EQ(copy[field], original[field]) << name << " " << field;
         }
     }
-    // The next change of a note must not get the id of one that was replayed.
     EXPECT_EQ(recover({copyOf("names.nsf")}), (Outcome{0, 0})) << "nothing is left to do";
     EXPECT_TRUE(g_asked.empty());
 }
 
+TEST_F(Recover, AsksForArchivedExtentsAndReadsWhatTheCallbackPutBack) {
+    archive();
+    ASSERT_FALSE(fs::exists(extent(1)));
+    g_provide = [this](DWORD, const char* path) -> STATUS {
+        const fs::path saved = server.folder / "archive" / fs::path(path).filename();
+        return fs::exists(path) || fs::copy_file(saved, path) ? 0 : 1;
+    };
+    EXPECT_EQ(recover({copyOf("names.nsf")}), (Outcome{0, 0}));
+    EXPECT_EQ(g_asked, (std::vector<DWORD>{1, 2, 3, 4}));
+    EXPECT_EQ(show(copyOf("names.nsf"))["digest"], live["digest"]);
+    // Extents after the last record of a database are not asked for.
+    EXPECT_EQ(recover({copyOf("mail.box")}), (Outcome{0, 0}));
+    EXPECT_EQ(g_asked, (std::vector<DWORD>{1, 2, 3}));
+}
+
+struct FailureCase {
+    const char* title;
+    STATUS status;
+    WORD index; ///< in the list mail.box, names.nsf
+    std::function<void(const TestServer&, const std::string& names)> harm;
+    std::optional<std::int64_t> until = std::nullopt;
+};
+
+void overwrite(const std::string& file, std::streamoff at, const std::string& bytes) {
+    std::fstream stream(file, std::ios::in | std::ios::out | std::ios::binary);
+    stream.seekp(at);
+    stream << bytes;
+}
+
+void setInHeader(const fs::path& database, const std::string& assignment) {
+    sqlite3* connection = nullptr;
+    ASSERT_EQ(sqlite3_open(database.c_str(), &connection), SQLITE_OK);
+    EXPECT_EQ(sqlite3_exec(connection, ("UPDATE header SET " + assignment).c_str(), nullptr,
+                           nullptr, nullptr),
+              SQLITE_OK);
+    sqlite3_close(connection);
+}
+
+std::string logFile(const TestServer& server, const std::string& number) {
+    return server.root() + "/logs/S000000" + number + ".TXN";
+}
+
+std::vector<FailureCase> failures() {
+    const auto refuse = [](DWORD refused) {
+        return [refused](const TestServer&, const std::string&) {
+            g_provide = [refused](DWORD number, const char*) -> STATUS {
+                return number == refused ? 1 : 0;
+            };
+        };
+    };
+    return {
+        {"ExtentThatBothNeedIsRefused", kExtentMissing, 1, refuse(3)},
+        {"ExtentThatOneNeedsIsRefused", kExtentMissing, 2, refuse(4)},
+        {"ExtentIsNotWhereTheCallbackSaysItIs", kExtentMissing, 1,
+         [](const TestServer& server, const std::string&) {
+             dominoSim({"lose", server.root(), "--extent", "2"});
+         }},
+        {"RecordInTheMiddleIsDamaged", kLogDamaged, 1,
+         [](const TestServer& server, const std::string&) {
+             overwrite(logFile(server, "2"), 3000, "damage");
+         }},
+        {"LastRecordThatOneNeedsIsDamaged", kLogDamaged, 2,
+         [](const TestServer& server, const std::string&) {
+             overwrite(logFile(server, "3"), 40000, "damage");
+         }},
+        {"HeaderOfAnExtentIsDamaged", kLogDamaged, 1,
+         [](const TestServer& server, const std::string&) {
+             overwrite(logFile(server, "2"), 20, "damage");
+         }},
+        {"ExtentIsAnother", kWrongExtent, 1,
+         [](const TestServer& server, const std::string&) {
+             fs::copy_file(logFile(server, "1"), logFile(server, "2"),
+                           fs::copy_options::overwrite_existing);
+         }},
+        {"ExtentIsOfAnotherLog", kWrongExtent, 1,
+         [](const TestServer& server, const std::string&) {
+             const std::string other = (server.folder / "other").string();
+             dominoSim({"init", other});
+             dominoSim({"put", other, "names.nsf"});
+             fs::copy_file(other + "/logs/S0000001.TXN", logFile(server, "1"),
+                           fs::copy_options::overwrite_existing);
+         }},
+        {"LogDoesNotContinueTheDatabase", kLogGap, 2,
+         [](const TestServer&, const std::string& names) {
+             setInHeader(names, "commit_number=commit_number+1");
+         }},
+        {"DatabaseIsMissing", 259, 2,
+         [](const TestServer&, const std::string& names) { fs::remove(names); }},
+        {"FileIsNoDatabase", 513, 2,
+         [](const TestServer&, const std::string& names) {
+             std::ofstream(names, std::ios::trunc) << std::string(500, 'x');
+         }},
+        {"TimeIsBeforeTheBackup", kLater, 1, [](const TestServer&, const std::string&) {}, 0},
+    };
+}
+
+class RecoveryFails : public Recover, public ::testing::WithParamInterface<FailureCase> {};
+
+TEST_P(RecoveryFails, NamesTheDatabaseAndChangesNothing) {
+    const FailureCase& failure = GetParam();
+    failure.harm(server, copyOf("names.nsf"));
+    const std::string mail = readFile(copyOf("mail.box"));
+    const std::string names = readFile(copyOf("names.nsf"));
+    EXPECT_EQ(recover({copyOf("mail.box"), copyOf("names.nsf")}, kNewDbiid, failure.until),
+              (Outcome{failure.status, failure.index}));
+    EXPECT_TRUE(readFile(copyOf("mail.box")) == mail);
+    EXPECT_TRUE(readFile(copyOf("names.nsf")) == names);
+}
+
+INSTANTIATE_TEST_SUITE_P(When, RecoveryFails, ::testing::ValuesIn(failures()),
+                         [](const auto& test) { return std::string(test.param.title); });
+
+TEST_F(Recover, RefusesADatabaseInUseAndBadArguments) {
+    const std::string names = copyOf("names.nsf");
+    const std::string mail = copyOf("mail.box");
+    {
+        const OpenDb db(names);
+        EXPECT_EQ(recover({mail, names}), (Outcome{5098, 2}));
+    }
+    {
+        const Holder holder(server, "names.nsf");
+        EXPECT_EQ(recover({mail, "names.nsf"}), (Outcome{5098, 2}));
+    }
+    constexpr STATUS kInvalidArgument = 16130;
+    EXPECT_EQ(recover({}), (Outcome{kInvalidArgument, 0}));
+    EXPECT_EQ(recover({names}, 0), (Outcome{kInvalidArgument, 0}));
+    EXPECT_EQ(recover({names}, kNewDbiid | kKeepDbiid), (Outcome{kInvalidArgument, 0}));
+    EXPECT_EQ(recover({names, mail, names}), (Outcome{kInvalidArgument, 3}));
+    std::string list = names + '\0';
+    WORD index = 0;
+    EXPECT_EQ(NSFRecoverDatabases(nullptr, noteAndProvide, 4, &index, nullptr), kInvalidArgument);
+    EXPECT_EQ(NSFRecoverDatabases(list.data(), nullptr, 4, &index, nullptr), kInvalidArgument);
+    EXPECT_EQ(NSFRecoverDatabases(list.data(), noteAndProvide, 4, nullptr, nullptr),
+              kInvalidArgument);
+    NotesSimSetFaults("NSFRecoverDatabases=259");
+    EXPECT_EQ(recover({names}).status, 259);
+    EXPECT_EQ(NotesSimFaultsFired(), 1U);
+}
+
+TEST(RecoveryWithoutLogging, Answers5119) {
+    const TestServer server({"--style", "none"});
+    EXPECT_EQ(recover({"names.nsf"}), (Outcome{5119, 0}));
+}
+
+TEST_F(Recover, AnswersForTheFirstUnknownDatabaseAndRecoversTheOthers) {
+    const std::string other = (server.folder / "other").string();
+    dominoSim({"init", other});
+    dominoSim({"create", server.root(), "plain.nsf", "--unlogged"});
+    dominoSim({"put", server.root(), "plain.nsf"});
+    const std::string foreign = other + "/data/names.nsf";
+    const std::string before = readFile(foreign);
+    EXPECT_EQ(recover({copyOf("mail.box"), foreign, copyOf("names.nsf"), "plain.nsf"}),
+              (Outcome{5114, 2}));
+    EXPECT_EQ(show(copyOf("names.nsf"))["digest"], live["digest"]);
+    EXPECT_EQ(show(copyOf("mail.box"))["digest"], show(server.data("mail.box"))["digest"]);
+    EXPECT_TRUE(readFile(foreign) == before);
+}
+
+struct KillCase {
+    const char* title;
+    bool inPlace;  ///< an older copy lies in the place of the original, which is offline
+    bool replaced; ///< and is replaced by the copy again after the kill
+};
+
+class KilledRecovery : public Recover, public ::testing::WithParamInterface<KillCase> {};
+
+/// Recovers in a process that dies when it makes a database longer than it is: with pages written
+/// and not committed.
+void recoverUntilKilled(const fs::path& database) {
+    const pid_t pid = ::fork();
+    if (pid == 0) {
+        const rlim_t size = fs::file_size(database);
+        const struct rlimit limit = {size, size};
+        ::signal(SIGXFSZ, SIG_DFL);
+        ::setrlimit(RLIMIT_FSIZE, &limit);
+        recover({database.string()});
+        std::_Exit(0);
+    }
+    int status = 0;
+    ASSERT_EQ(::waitpid(pid, &status, 0), pid);
+    ASSERT_TRUE(WIFSIGNALED(status)) << "the recovery was not killed";
+}
+
+TEST_P(KilledRecovery, IsRolledBackAndTheSecondOneEndsRight) {
+    const std::string copy = copyOf("names.nsf");
+    const std::string name = GetParam().inPlace ? server.data("names.nsf").string() : copy;
+    std::string online = "names.nsf";
+    if (GetParam().inPlace) {
+        ASSERT_EQ(NSFTakeDatabaseOffline(online.data(), 0, 0), 0);
+        fs::copy_file(copy, name, fs::copy_options::overwrite_existing);
+    }
+    const std::string before = readFile(name);
+    ASSERT_NO_FATAL_FAILURE(recoverUntilKilled(name));
+    EXPECT_FALSE(readFile(name) == before) << "nothing was half written";
+    if (GetParam().replaced) {
+        fs::remove(name);
+        std::ofstream(name, std::ios::binary) << before;
+    }
+    NotesTerm();
+    ASSERT_EQ(server.start(), 0);
+    EXPECT_TRUE(readFile(name) == before);
+    EXPECT_EQ(recover({name}), (Outcome{0, 0}));
+    EXPECT_EQ(show(name)["digest"], live["digest"]);
+    EXPECT_EQ(show(name)["integrity"], "ok");
+    if (GetParam().inPlace) {
+        EXPECT_EQ(NSFBringDatabaseOnline(online.data(), 0), 0);
+        EXPECT_EQ(show(name)["dbiid"], live["dbiid"]);
+    }
+}
+
+INSTANTIATE_TEST_SUITE_P(Of, KilledRecovery,
+                         ::testing::Values(KillCase{"ACopy", false, false},
+                                           KillCase{"ACopyRestoredAgain", false, true},
+                                           KillCase{"AnOfflineDatabase", true, false}),
+                         [](const auto& test) { return std::string(test.param.title); });
+
+// A backup says from which extent on it needs the log: older ones may be in older backups only.
+TEST_F(Recover, NeedsNoExtentFromBeforeTheBackup) {
+    archive();
+    const fs::path copy = server.folder / "backup.nsf";
+    ASSERT_NO_FATAL_FAILURE(backUp("mail.box", server.data("mail.box"), copy, {}));
+    put("mail.box");
+    EXPECT_EQ(recover({copy.string()}), (Outcome{0, 0}));
+    EXPECT_EQ(g_asked.front(), 4U);
+    EXPECT_EQ(show(copy)["digest"], show(server.data("mail.box"))["digest"]);
+}
+
+// A server set up anew beside restored logs remembers nothing of the log's databases.
+TEST_F(Recover, FindsRecordsThatTheServerDoesNotRemember) {
+    fs::remove_all(server.root() + "/state/instances");
+    EXPECT_EQ(recover({copyOf("mail.box")}), (Outcome{0, 0}));
+    EXPECT_EQ(show(copyOf("mail.box"))["digest"], show(server.data("mail.box"))["digest"]);
+}
+
+STATUS backupNeeded(const TestServer& server, const std::string& name) {
+    DWORD needed = 0;
+    std::string path = server.data(name).string();
+    return NSFIsNewBackupNeeded(path.data(), 0, &needed);
+}
+
+/// Puts a recovered copy over the original, as a client does.
+void putInPlace(const TestServer& server, const std::string& copy, std::string name) {
+    ASSERT_EQ(NSFTakeDatabaseOffline(name.data(), 0, 0), 0);
+    fs::copy_file(copy, server.data(name), fs::copy_options::overwrite_existing);
+    ASSERT_EQ(NSFBringDatabaseOnline(name.data(), 0), 0);
+}
+
+TEST_F(Recover, ToTheEndKeepsTheInstanceAndTheLogGoesOn) {
+    const std::string first = copyOf("first");
+    fs::copy_file(copyOf("names.nsf"), first);
+    ASSERT_EQ(recover({copyOf("names.nsf")}), (Outcome{0, 0}));
+    putInPlace(server, copyOf("names.nsf"), "names.nsf");
+    EXPECT_EQ(show(server.data("names.nsf"))["dbiid"], live["dbiid"]);
+    EXPECT_EQ(backupNeeded(server, "names.nsf"), 0);
+    dominoSim({"put", server.root(), "names.nsf"});
+    const auto after = show(server.data("names.nsf"));
+    EXPECT_EQ(after["dbiid"], live["dbiid"]);
+    // The first copy can still be rolled forward, over the records from before and after.
+    EXPECT_EQ(recover({first}), (Outcome{0, 0}));
+    EXPECT_EQ(show(first)["digest"], after["digest"]);
+}
+
+// The log has records of the instance that the database now lacks, whatever the server remembers.
+TEST_F(Recover, ToAnEarlierMomentBeginsANewInstanceWhenBroughtOnline) {
+    dominoSim({"saved", server.root(), "names.nsf"});
+    const fs::path copy = copyOf("middle");
+    fs::copy_file(server.data("names.nsf"), copy);
+    ::usleep(30000); // the next commits are in a later hundredth of a second
+    TIMEDATE now = {};
+    DHANDLE table = 0;
+    {
+        const OpenDb db("names.nsf");
+        TimeConstant(2, &now);
+        TIMEDATE until = {};
+        ASSERT_EQ(NSFDbGetModifiedNoteTable(db.handle, 1, now, &until, &table), 0);
+        EXPECT_EQ(IDDestroyTable(table), 0);
+        now = until;
+    }
+    ::usleep(30000);
+    put("names.nsf");
+    const std::int64_t moment = now.Innards[0] + (now.Innards[1] - kJulianDayOf1970) * kTicksPerDay;
+    for (const bool remembered : {true, false}) {
+        const std::string again = copyOf(remembered ? "remembered" : "forgotten");
+        fs::copy_file(copy, again);
+        if (!remembered) {
+            dominoSim({"lose", server.root(), "names.nsf"});
+            fs::copy_file(copy, server.data("names.nsf"));
+            fs::remove_all(server.root() + "/state/instances");
+        }
+        ASSERT_EQ(recover({again}, kKeepDbiid, moment), (Outcome{0, 0}));
+        EXPECT_EQ(show(again)["digest"], live["digest"]);
+        putInPlace(server, again, "names.nsf");
+        EXPECT_NE(show(server.data("names.nsf"))["dbiid"], live["dbiid"]);
+        EXPECT_EQ(backupNeeded(server, "names.nsf"), 5114);
+    }
+}
+
+TEST_F(Recover, WithANewDbiidCountsAsNeverBackedUp) {
+    ASSERT_EQ(recover({copyOf("names.nsf")}, kNewDbiid), (Outcome{0, 0}));
+    const auto copy = show(copyOf("names.nsf"));
+    EXPECT_EQ(copy["digest"], live["digest"]);
+    EXPECT_NE(copy["dbiid"], live["dbiid"]);
+    putInPlace(server, copyOf("names.nsf"), "names.nsf");
+    EXPECT_EQ(show(server.data("names.nsf"))["dbiid"], copy["dbiid"]);
+    EXPECT_EQ(backupNeeded(server, "names.nsf"), 5114);
+    // Its own changes are those after the recovery.
+    const std::string second = copyOf("second");
+    fs::copy_file(server.data("names.nsf"), second);
+    dominoSim({"put", server.root(), "names.nsf"});
+    EXPECT_EQ(recover({second}), (Outcome{0, 0}));
+    EXPECT_EQ(show(second)["digest"], show(server.data("names.nsf"))["digest"]);
+}
+
+/// The times of a database's commits, from a manifest.
+std::vector<std::int64_t> commitTimes(const std::string& manifest) {
+    std::vector<std::int64_t> times;
+    std::istringstream lines(readFile(manifest));
+    for (std::string line; std::getline(lines, line);) {
+        const auto value = nlohmann::json::parse(line, nullptr, false);
+        if (value.contains("time")) {
+            times.push_back(value["time"].get<std::int64_t>());
+        }
+    }
+    return times;
+}
+
+std::string moment(std::int64_t time) {
+    char text[40] = {};
+    std::snprintf(text, sizeof text, "@%lld.%02d", static_cast<long long>(time / 100),
+                  static_cast<int>(time % 100));
+    return text;
+}
+
+TEST(RecoverToAMoment, IncludesWhatWasCommittedAtItWhileWritersGoOn) {
+    const TestServer server;
+    g_provide = nullptr;
+    const fs::path base = server.folder / "base.nsf";
+    fs::copy_file(server.data("names.nsf"), base);
+    const fs::path copy = server.folder / "copy.nsf";
+    Workload workload(server, "names.nsf", 2);
+    for (int i = 0; i < 30; ++i) {
+        workload.awaitCommit();
+    }
+    const auto check = [&](const std::string& at, int expectedExit) {
+        std::vector<std::string> command = {"check",     copy.string(), "--database",
+                                            "names.nsf", "--manifest",  workload.manifest()};
+        if (!at.empty()) {
+            command.insert(command.end(), {"--at", at});
+        }
+        dominoSim(command, expectedExit);
+    };
+    // Not the last ones: a line is written before its commit is made.
+    const std::vector<std::int64_t> times = commitTimes(workload.manifest());
+    for (const std::int64_t time : {times[0], times[9], times[19], times[19] / 100 * 100}) {
+        for (const std::int64_t until : {time, time - 1}) {
+            fs::copy_file(base, copy, fs::copy_options::overwrite_existing);
+            if (until < times[0]) {
+                continue; // the base may be as young as this
+            }
+            ASSERT_EQ(recover({copy}, kKeepDbiid, until), (Outcome{0, 0})) << until;
+            check(moment(until), 0);
+            if (until != time && std::find(times.begin(), times.end(), time) != times.end()) {
+                check(moment(time), 4);
+            }
+        }
+    }
+    fs::copy_file(base, copy, fs::copy_options::overwrite_existing);
+    ASSERT_EQ(recover({copy}), (Outcome{0, 0}));
+    check("", 0);
+    EXPECT_GE(show(copy)["commit"], static_cast<int>(times.size() - 1));
+    check("yesterday", 1);
+    check("2026-02-30 10:00:00", 1);
+}
 } // namespace
 } // namespace simulator_tests
