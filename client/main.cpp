@@ -36,6 +36,12 @@ constexpr const char* restore_help =
     "--to the databases are placed in a folder below --tmp-dir and wait there; with --activate\n"
     "the server puts each in the place of the live one, unless that is in use.";
 
+constexpr const char* documents_help =
+    "Bring deleted or changed documents back into a live database, from the newest set that has\n"
+    "the database. The set's copy is checked before the server hears of it; what came back is "
+    "told\n"
+    "document by document.";
+
 std::string default_tmp_dir() {
     const char* set = std::getenv("TMPDIR");
     return set != nullptr && *set != '\0' ? set : "/var/tmp";
@@ -162,6 +168,58 @@ CLI::App* add_restore(CLI::App& app, qrtln::RestoreOptions& restore) {
     return &command;
 }
 
+void add_documents_options(CLI::App& command, qrtln::DocumentsOptions& documents) {
+    add_server_options(command, documents);
+    command
+        .add_option("--since", documents.since,
+                    "Deleted or changed then or later, to the minute: \"YYYY-MM-DD hh:mm[:ss]\" in "
+                    "local time, or a set's YYYYMMDDThhmmssZ")
+        ->type_name("TIME")
+        ->required();
+    CLI::Option* set = command.add_option(
+        "--set", documents.set, "From this set: its name, the beginning of it, \"latest\"");
+    command.add_option("--at", documents.at, "From the newest set up to this time, as in --since")
+        ->type_name("TIME")
+        ->excludes(set);
+    command.add_flag("--dry-run", documents.dry_run,
+                     "List the documents that would come back, with the times of their change, and "
+                     "leave the database as it is; takes a copy of it, as a backup does");
+    command
+        .add_option("--tmp-dir", documents.tmp_dir,
+                    "Where the set's copy is placed; not in the data directory")
+        ->type_name("DIR")
+        ->capture_default_str();
+    command
+        .add_option("DATABASE", documents.database,
+                    "The database; a relative name is below the data directory")
+        ->required();
+    add_module_options(command, documents);
+    command.footer(exit_codes);
+}
+
+CLI::App* add_documents(CLI::App& app, qrtln::DocumentsOptions& deleted,
+                        qrtln::DocumentsOptions& changed) {
+    deleted.tmp_dir = changed.tmp_dir = default_tmp_dir();
+    changed.changed = true;
+    CLI::App& command = *app.add_subcommand("documents", documents_help);
+    command.require_subcommand(1);
+    add_documents_options(
+        *command.add_subcommand("deleted",
+                                "Bring back what was deleted since TIME, and mark it unread for "
+                                "the server's user."),
+        deleted);
+    CLI::App& changed_command = *command.add_subcommand(
+        "changed", "Replace the listed documents that changed since TIME by the set's versions.");
+    changed_command
+        .add_option("--ids", changed.ids_file,
+                    "The note ids, one a line, decimal or as 0x8F6 or NT000008F6; - reads standard "
+                    "input")
+        ->type_name("FILE")
+        ->required();
+    add_documents_options(changed_command, changed);
+    return &command;
+}
+
 } // namespace
 
 int main(int argc, char** argv) {
@@ -179,6 +237,10 @@ int main(int argc, char** argv) {
     CLI::App* backup_command = add_backup(app, backup);
     qrtln::RestoreOptions restore;
     CLI::App* restore_command = add_restore(app, restore);
+
+    qrtln::DocumentsOptions deleted;
+    qrtln::DocumentsOptions changed;
+    CLI::App* documents_command = add_documents(app, deleted, changed);
 
     qrtln::StoreOptions list;
     CLI::App* list_command = app.add_subcommand("list", "List the sets of the store.");
@@ -207,12 +269,16 @@ int main(int argc, char** argv) {
         return app.exit(error) == 0 ? 0 : static_cast<int>(qrtln::ExitCode::usage);
     }
 
-    bool json = backup.json || restore.json || list.json || show.json || verify.json;
+    bool json = backup.json || restore.json || deleted.json || changed.json || list.json ||
+                show.json || verify.json;
     try {
         if (backup_command->parsed())
             return qrtln::run_backup(backup);
         if (restore_command->parsed())
             return qrtln::run_restore(restore);
+        if (documents_command->parsed())
+            return qrtln::run_documents(documents_command->got_subcommand("changed") ? changed
+                                                                                     : deleted);
         if (list_command->parsed())
             return qrtln::run_list(list);
         if (show_command->parsed())

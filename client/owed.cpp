@@ -36,6 +36,10 @@ std::string folder_of(const std::string& file) {
 
 } // namespace
 
+std::string owed_file_of(const Store& store) {
+    return store.runtime_directory() + "/owed.jsonl";
+}
+
 OwedDatabases::OwedDatabases(std::string file) : m_file(std::move(file)) {
     std::optional<std::string> content = read_small_file(AT_FDCWD, m_file, maximal_file);
     if (!content && errno == ENOENT)

@@ -6,12 +6,17 @@
 // run was left by one that failed or was killed.
 #pragma once
 
+#include "client/store/store.h"
+
 #include <set>
 #include <string>
 #include <utility>
 #include <vector>
 
 namespace qrtln {
+
+// Where a store keeps the list: in its folder of run-time data.
+std::string owed_file_of(const Store& store);
 
 class OwedDatabases {
   public:

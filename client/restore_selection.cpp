@@ -3,6 +3,7 @@
 #include "client/catalogue.h"
 #include "client/error.h"
 #include "client/interrupt.h"
+#include "client/point_in_time.h"
 #include "client/text.h"
 
 #include <algorithm>
@@ -15,8 +16,9 @@ namespace {
 
 constexpr std::size_t compact_time_length = 16; // "20261121T024923Z"
 
-[[noreturn]] void refuse_moment(const std::string& text, const std::string& reason) {
-    throw ClientError(ExitCode::usage, "--at '" + for_terminal(text) + "': " + reason,
+[[noreturn]] void refuse_moment(const std::string& text, const std::string& option,
+                                const std::string& reason) {
+    throw ClientError(ExitCode::usage, option + " '" + for_terminal(text) + "': " + reason,
                       "give local time as \"YYYY-MM-DD hh:mm\" or \"YYYY-MM-DD hh:mm:ss\", or the "
                       "UTC time of a set as in its name, YYYYMMDDThhmmssZ");
 }
@@ -27,11 +29,6 @@ bool has_shape(const std::string& text, std::string_view shape) {
            std::equal(text.begin(), text.end(), shape.begin(), [](char have, char want) {
                return want == '0' ? have >= '0' && have <= '9' : have == want;
            });
-}
-
-bool same_fields(const std::tm& a, const std::tm& b) {
-    return a.tm_year == b.tm_year && a.tm_mon == b.tm_mon && a.tm_mday == b.tm_mday &&
-           a.tm_hour == b.tm_hour && a.tm_min == b.tm_min && a.tm_sec == b.tm_sec;
 }
 
 struct Name {
@@ -235,42 +232,31 @@ void Selector::check_found() const {
 
 } // namespace
 
-Moment parse_moment(const std::string& text) {
+Moment parse_moment(const std::string& text, const std::string& option) {
     Moment moment;
     std::tm fields{};
     fields.tm_isdst = -1;
     bool utc = has_shape(text, "00000000T000000Z");
     bool seconds = has_shape(text, "0000-00-00 00:00:00");
     if (!utc && !seconds && !has_shape(text, "0000-00-00 00:00"))
-        refuse_moment(text, "is no time that is understood");
+        refuse_moment(text, option, "is no time that is understood");
     const char* end = utc       ? ::strptime(text.c_str(), "%Y%m%dT%H%M%SZ", &fields)
                       : seconds ? ::strptime(text.c_str(), "%Y-%m-%d %H:%M:%S", &fields)
                                 : ::strptime(text.c_str(), "%Y-%m-%d %H:%M", &fields);
     if (end == nullptr || *end != '\0')
-        refuse_moment(text, "there is no such time");
+        refuse_moment(text, option, "there is no such time");
     if (utc) {
-        std::tm copy = fields;
-        moment.time = ::timegm(&copy);
-        if (!same_fields(copy, fields))
-            refuse_moment(text, "there is no such time");
+        moment.time = ::timegm(&fields);
+        if (utc_time_compact(moment.time) != text)
+            refuse_moment(text, option, "there is no such time");
         moment.set_prefix = text;
         return moment;
     }
-    // With and without summer time: an hour that is repeated has two answers, a skipped one none.
-    std::vector<std::time_t> answers;
-    for (int summer : {0, 1}) {
-        std::tm copy = fields;
-        copy.tm_isdst = summer;
-        std::time_t time = ::mktime(&copy);
-        std::tm back{};
-        if (time != -1 && ::localtime_r(&time, &back) != nullptr && same_fields(back, fields) &&
-            std::find(answers.begin(), answers.end(), time) == answers.end())
-            answers.push_back(time);
-    }
+    std::vector<std::time_t> answers = times_shown_as(fields);
     if (answers.empty())
-        refuse_moment(text, "there is no such time, or the clock skips it");
+        refuse_moment(text, option, "there is no such time, or the clock skips it");
     if (answers.size() > 1)
-        refuse_moment(text, "the clock repeats this hour: give the time in UTC");
+        refuse_moment(text, option, "the clock repeats this hour: give the time in UTC");
     moment.time = answers[0];
     return moment;
 }

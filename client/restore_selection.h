@@ -47,7 +47,7 @@ struct Moment {
 // "2026-11-21 02:49", "2026-11-21 02:49:23" in local time, or "20261121T024923Z" as in a set's
 // name. Throws ClientError(usage) for anything else, for dates that do not exist, and for hours
 // that the clock skips or repeats.
-Moment parse_moment(const std::string& text);
+Moment parse_moment(const std::string& text, const std::string& option = "--at");
 
 // Chooses the items: of each name, or of everything, the newest that is stored in a set of this
 // data directory, whatever the set's level. A folder, and the whole system, is what the newest full

@@ -17,7 +17,6 @@ namespace qrtln {
 
 namespace {
 
-constexpr const char* owed_file = "/owed.jsonl"; // in the store's folder of run-time data
 constexpr const char* reason_owed = "owed";
 
 class BackupRun {
@@ -57,7 +56,7 @@ int BackupRun::run() {
     check_selection();
     m_store = open_directory_store(m_options.store, StoreAccess::write);
     try {
-        m_owed.emplace(m_store->runtime_directory() + owed_file);
+        m_owed.emplace(owed_file_of(*m_store));
         choose_base();
         m_trace = open_trace_file(m_options.trace_file);
         BackupContext context{{m_ini, *m_store, m_options.tmp_dir, m_options.module, m_trace.get(),

@@ -38,6 +38,23 @@ struct RestoreOptions {
     bool verbose = false;
 };
 
+struct DocumentsOptions {
+    std::string notes_ini;
+    std::string store;
+    bool changed = false; // else deleted
+    std::string database;
+    std::string since;
+    std::string ids_file; // of changed: the note ids; "-" is standard input
+    std::string set;      // "" for the newest
+    std::string at;       // or a moment
+    bool dry_run = false;
+    std::string tmp_dir;
+    std::string module; // empty: found beside the executable
+    std::string trace_file;
+    bool json = false;
+    bool verbose = false;
+};
+
 struct StoreOptions {
     std::string store;
     std::string set; // where the command takes one
@@ -46,6 +63,7 @@ struct StoreOptions {
 
 int run_backup(const BackupOptions& options);
 int run_restore(const RestoreOptions& options);
+int run_documents(const DocumentsOptions& options);
 int run_list(const StoreOptions& options);
 int run_show(const StoreOptions& options);
 int run_verify(const StoreOptions& options);

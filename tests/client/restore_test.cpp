@@ -1,7 +1,6 @@
 // Restores with the real module over the simulated server.
 #ifdef QRTLN_DOMINO_SIM
 
-#include "client/store/object_writer.h"
 #include "tests/client/simulated_server.h"
 
 #include <algorithm>
@@ -32,47 +31,14 @@ using testing::SizeIs;
 
 class Restore : public OverTheSimulator {
   protected:
-    // Runs a restore that must end with this code; its JSON document.
     json restore(int exit_code, const std::vector<std::string>& more,
                  test::Environment environment = {}) {
-        std::vector<std::string> words = {"restore", "--notes-ini", m_server + "/notes.ini",
-                                          "--store", m_store,       "--tmp-dir",
-                                          m_tmp,     "--json"};
+        std::vector<std::string> words = {"restore"};
         words.insert(words.end(), more.begin(), more.end());
-        environment["QRTLN_MODULE"] = "";
-        environment.try_emplace("Notes_ExecDirectory", QRTLN_SIMULATOR_DIRECTORY);
-        Outcome outcome = run_client(words, environment);
-        EXPECT_EQ(outcome.exit_code, exit_code) << outcome.errors << outcome.output;
-        m_errors = outcome.errors;
-        return outcome.output.empty() ? json() : json::parse(outcome.output);
-    }
-    std::string full_backup(const std::vector<std::string>& more = {}) {
-        Outcome outcome = backup(more);
-        EXPECT_EQ(outcome.exit_code, 0) << outcome.errors;
-        return json::parse(outcome.output)["set"];
-    }
-    // What the server reads in a database; null when it cannot.
-    json shown(const std::string& name) const {
-        if (domino("show " + m_server + " " + name + " --json") != 0)
-            return nullptr;
-        return json::parse(read_file(m_scratch / "domino-sim.out"));
+        return run(exit_code, words, std::move(environment));
     }
     void put(const std::string& name) const {
         ASSERT_EQ(domino("put " + m_server + " " + name), 0);
-    }
-    ManifestItem item(const std::string& set, const std::string& path) const {
-        for (const ManifestItem& item : manifest(set).items)
-            if (item.path == path)
-                return item;
-        throw std::runtime_error("not in the set: " + path);
-    }
-    std::string object_file(const std::string& set, const std::string& path) const {
-        return m_store + "/objects/" + object_file_name(item(set, path).object);
-    }
-    void flip_a_bit(const std::string& file) const {
-        std::string bytes = read_file(file);
-        bytes[bytes.size() / 2] ^= 4;
-        write_file(file, bytes);
     }
     // The action that the plan has for a path.
     static std::string action(const json& document, const std::string& path) {
@@ -84,7 +50,6 @@ class Restore : public OverTheSimulator {
 
     std::string m_data = m_server + "/data";
     std::string m_user1 = m_data + "/mail/user1.nsf";
-    std::string m_errors;
 };
 
 // A task of the server that has a database open.

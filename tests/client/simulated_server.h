@@ -2,6 +2,7 @@
 #pragma once
 
 #include "client/catalogue.h"
+#include "client/store/object_writer.h"
 #include "client/store/store.h"
 #include "tests/client/run_client.h"
 
@@ -60,10 +61,49 @@ class OverTheSimulator : public testing::Test {
         return names;
     }
 
+    // Runs a command on the server that must end with this code; its JSON document.
+    nlohmann::json run(int exit_code, std::vector<std::string> words,
+                       Environment environment = {}) {
+        words.insert(words.end(), {"--notes-ini", m_server + "/notes.ini", "--store", m_store,
+                                   "--tmp-dir", m_tmp, "--json"});
+        environment["QRTLN_MODULE"] = "";
+        environment.try_emplace("Notes_ExecDirectory", QRTLN_SIMULATOR_DIRECTORY);
+        Outcome outcome = run_client(words, environment);
+        EXPECT_EQ(outcome.exit_code, exit_code) << outcome.errors << outcome.output;
+        m_errors = outcome.errors;
+        return outcome.output.empty() ? nlohmann::json() : nlohmann::json::parse(outcome.output);
+    }
+    std::string full_backup(const std::vector<std::string>& more = {}) {
+        Outcome outcome = backup(more);
+        EXPECT_EQ(outcome.exit_code, 0) << outcome.errors;
+        return nlohmann::json::parse(outcome.output)["set"];
+    }
+    // What the server reads in a database; null when it cannot.
+    nlohmann::json shown(const std::string& name) const {
+        if (domino("show " + m_server + " " + name + " --json") != 0)
+            return nullptr;
+        return nlohmann::json::parse(read_file(m_scratch / "domino-sim.out"));
+    }
+    ManifestItem item(const std::string& set, const std::string& path) const {
+        for (const ManifestItem& item : manifest(set).items)
+            if (item.path == path)
+                return item;
+        throw std::runtime_error("not in the set: " + path);
+    }
+    std::string object_file(const std::string& set, const std::string& path) const {
+        return m_store + "/objects/" + object_file_name(item(set, path).object);
+    }
+    void flip_a_bit(const std::string& file) const {
+        std::string bytes = read_file(file);
+        bytes[bytes.size() / 2] ^= 4;
+        write_file(file, bytes);
+    }
+
     ScratchFolder m_scratch;
     std::string m_server = m_scratch / "server";
     std::string m_store = m_scratch / "store";
     std::string m_tmp = m_scratch / "tmp";
+    std::string m_errors; // of the last command
 };
 
 } // namespace qrtln::test

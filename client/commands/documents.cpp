@@ -1,0 +1,258 @@
+// `qrtln documents`: deleted or changed documents come back from the store.
+
+#include "client/commands/commands.h"
+#include "client/document_restore.h"
+#include "client/error.h"
+#include "client/interrupt.h"
+#include "client/output.h"
+#include "client/restore_selection.h"
+#include "client/text.h"
+
+#include <algorithm>
+#include <array>
+#include <sys/stat.h>
+
+namespace qrtln {
+
+namespace {
+
+struct OutcomeText {
+    DocumentOutcome outcome;
+    const char* name; // in JSON
+    const char* text;
+    bool failed; // counts as failed
+};
+
+constexpr std::array outcome_texts = {
+    OutcomeText{DocumentOutcome::candidate, "candidate", "would come back", false},
+    OutcomeText{DocumentOutcome::back_unread, "back_unread", "brought back, marked unread", false},
+    OutcomeText{DocumentOutcome::back, "back", "brought back, but not marked unread", false},
+    OutcomeText{DocumentOutcome::replaced, "replaced", "replaced by the set's version", false},
+    OutcomeText{DocumentOutcome::unchanged, "unchanged",
+                "left alone: not changed since then, or deleted", false},
+    OutcomeText{DocumentOutcome::missing, "not_in_set", "not in the set", true},
+    OutcomeText{DocumentOutcome::unexplained, "unexplained",
+                "left alone: not changed since then, deleted, or not in the set", true},
+    OutcomeText{DocumentOutcome::failed, "failed", "failed, left as it was", true},
+    OutcomeText{DocumentOutcome::lost, "lost",
+                "DELETED, and its copy could not be put back: `qrtln documents deleted` with the "
+                "same --since brings it back",
+                true},
+    OutcomeText{DocumentOutcome::not_reached, "not_reached", "not reached, left as it was", true},
+    OutcomeText{DocumentOutcome::unknown, "unknown", "unknown: the server's library died at it",
+                true},
+};
+
+const OutcomeText& text_of(DocumentOutcome outcome) {
+    const auto* found =
+        std::find_if(outcome_texts.begin(), outcome_texts.end(),
+                     [&](const OutcomeText& entry) { return entry.outcome == outcome; });
+    return found == outcome_texts.end() ? outcome_texts.back() : *found;
+}
+
+bool came_back(const DocumentResult& document) {
+    return document.outcome == DocumentOutcome::back_unread ||
+           document.outcome == DocumentOutcome::back ||
+           document.outcome == DocumentOutcome::replaced ||
+           document.outcome == DocumentOutcome::candidate;
+}
+
+std::string time_range(const DocumentResult& document) {
+    if (document.outcome != DocumentOutcome::candidate)
+        return "";
+    std::string text = local_minute_text(document.earliest);
+    if (document.latest - document.earliest > 60)
+        text += " to " + local_minute_text(document.latest);
+    return text;
+}
+
+class DocumentsCommand {
+  public:
+    explicit DocumentsCommand(const DocumentsOptions& options)
+        : m_options(options),
+          m_kind(options.changed ? DocumentKind::changed : DocumentKind::deleted) {}
+    int run();
+
+  private:
+    void choose_database();
+    void check_live() const;
+    void warn() const;
+    int report(const DocumentsResult& result) const;
+    int code_of(const DocumentsResult& result) const;
+    std::string text(const DocumentsResult& result) const;
+    nlohmann::json json(const DocumentsResult& result, int code) const;
+    const char* kind() const { return m_options.changed ? "changed" : "deleted"; }
+
+    const DocumentsOptions& m_options;
+    DocumentKind m_kind;
+    NotesIni m_ini;
+    std::unique_ptr<Store> m_store;
+    DocumentRequest m_request;
+    std::string m_set;
+    std::int64_t m_set_started = 0;
+};
+
+int DocumentsCommand::run() {
+    m_request.kind = m_kind;
+    m_request.since = parse_since(m_options.since, std::time(nullptr));
+    if (m_options.changed)
+        m_request.ids = read_note_ids(m_options.ids_file);
+    m_ini = load_notes_ini(m_options.notes_ini);
+    // A dry run writes down which database the server takes for backed up.
+    m_store = open_directory_store(m_options.store,
+                                   m_options.dry_run ? StoreAccess::write : StoreAccess::read);
+    choose_database();
+    check_live();
+    warn();
+    FileDescriptor trace = open_trace_file(m_options.trace_file);
+    OperationContext context{m_ini,       *m_store,         m_options.tmp_dir, m_options.module,
+                             trace.get(), m_options.verbose};
+    if (!m_options.dry_run)
+        return report(restore_documents(context, m_request));
+    OwedDatabases owed(owed_file_of(*m_store));
+    return report(find_documents(context, owed, m_request));
+}
+
+void DocumentsCommand::choose_database() {
+    SelectionRequest wanted;
+    wanted.names = {m_options.database};
+    wanted.set = m_options.set;
+    wanted.at = m_options.at;
+    RestoreSelection selection = select_for_restore(*m_store, m_ini.data_directory, wanted);
+    for (const std::string& warning : selection.warnings)
+        print_message("warning: " + for_terminal(warning));
+    auto found = std::find_if(selection.items.begin(), selection.items.end(),
+                              [](const SelectedItem& selected) {
+                                  return selected.named && selected.item.kind == ItemKind::database;
+                              });
+    if (found == selection.items.end())
+        throw ClientError(ExitCode::failed, "'" + for_terminal(m_options.database) +
+                                                "' is no database in the sets: documents come "
+                                                "back into one database");
+    m_request.item = found->item;
+    m_set = found->set;
+    m_set_started = parse_moment(m_set.substr(0, 16)).time;
+    const std::string& path = m_request.item.path;
+    if (!is_below(path, m_ini.data_directory))
+        throw ClientError(ExitCode::failed,
+                          for_terminal(path) + " lies outside the data directory " +
+                              for_terminal(m_ini.data_directory),
+                          "restore it to another folder with `qrtln restore --to`");
+}
+
+void DocumentsCommand::check_live() const {
+    const std::string& path = m_request.item.path;
+    struct stat status {};
+    int error = ::stat(path.c_str(), &status) != 0 ? errno : S_ISREG(status.st_mode) ? 0 : EINVAL;
+    if (error != 0)
+        throw ClientError(ExitCode::failed,
+                          "the live database " + for_terminal(path) + " cannot take documents: " +
+                              (error == EINVAL ? "it is no file" : system_error_text(error)),
+                          "a lost database comes back whole: `qrtln restore --activate`");
+}
+
+void DocumentsCommand::warn() const {
+    if (m_request.since.cut)
+        print_message("the server takes minutes: since " + local_minute_text(m_request.since.time) +
+                      ":00");
+    if (m_set_started > m_request.since.time)
+        print_message("warning: the set " + m_set + " was taken after --since: " +
+                      (m_options.changed ? "what was changed before that, comes back as changed"
+                                         : "what was deleted before that, is not in it") +
+                      "; --at takes an older set");
+}
+
+int DocumentsCommand::code_of(const DocumentsResult& result) const {
+    if (result.failure)
+        return result.failure->exit_code();
+    bool failed = std::any_of(
+        result.documents.begin(), result.documents.end(),
+        [](const DocumentResult& document) { return text_of(document.outcome).failed; });
+    return static_cast<int>(failed ? ExitCode::items_failed : ExitCode::complete);
+}
+
+int DocumentsCommand::report(const DocumentsResult& result) const {
+    for (const std::string& warning : result.warnings)
+        print_message("warning: " + for_terminal(warning));
+    if (std::any_of(result.documents.begin(), result.documents.end(),
+                    [](const DocumentResult& document) { return !document.reason.empty(); }))
+        print_message("the server ended the restore at the document that failed, and nothing is "
+                      "rolled back: run the same command again for those after it");
+    int code = code_of(result);
+    m_options.json ? print_json(json(result, code)) : print_output(text(result));
+    if (result.failure)
+        print_error(result.failure->what(), "run the same command again for the rest");
+    return code;
+}
+
+std::string DocumentsCommand::text(const DocumentsResult& result) const {
+    std::string what = for_terminal(m_request.item.path) + ", " + kind() + " since " +
+                       local_minute_text(m_request.since.time) + ", from the set " + m_set;
+    auto back = std::count_if(result.documents.begin(), result.documents.end(), came_back);
+    std::string text;
+    if (!result.documents.empty()) {
+        std::vector<std::string> headings = {"NOTE ", "HEXADECIMAL", "RESULT"};
+        if (m_options.dry_run)
+            headings.insert(headings.begin() + 2, m_options.changed ? "CHANGED" : "DELETED");
+        Table table(headings);
+        for (const DocumentResult& document : result.documents) {
+            std::string outcome = text_of(document.outcome).text;
+            if (!document.reason.empty())
+                outcome += ": " + for_terminal(document.reason);
+            std::vector<std::string> row = {std::to_string(document.id), note_id_text(document.id),
+                                            outcome};
+            if (m_options.dry_run)
+                row.insert(row.begin() + 2, time_range(document));
+            table.add(std::move(row));
+        }
+        text = table.text();
+    }
+    if (result.documents.empty())
+        return "nothing to do: the set has no document of " + what + "\n";
+    return text + std::to_string(back) + " of " + std::to_string(result.documents.size()) +
+           " documents " + (m_options.dry_run ? "would come back" : "came back") + ": " + what +
+           "\n";
+}
+
+nlohmann::json DocumentsCommand::json(const DocumentsResult& result, int code) const {
+    nlohmann::json documents = nlohmann::json::array();
+    for (const DocumentResult& document : result.documents) {
+        nlohmann::json entry = {{"id", document.id},
+                                {"hexadecimal", note_id_text(document.id)},
+                                {"outcome", text_of(document.outcome).name},
+                                {"text", text_of(document.outcome).text}};
+        if (!document.reason.empty())
+            entry["reason"] = printable_utf8(document.reason);
+        if (document.outcome == DocumentOutcome::candidate) {
+            entry["earliest"] = utc_time(document.earliest);
+            entry["before"] = utc_time(document.latest);
+        }
+        documents.push_back(std::move(entry));
+    }
+    nlohmann::json warnings = nlohmann::json::array();
+    for (const std::string& warning : result.warnings)
+        warnings.push_back(printable_utf8(warning));
+    nlohmann::json document = {{"command", "documents"},
+                               {"kind", kind()},
+                               {"dry_run", m_options.dry_run},
+                               {"store", printable_utf8(absolute_path(m_options.store))},
+                               {"database", printable_utf8(m_request.item.path)},
+                               {"set", m_set},
+                               {"since", utc_time(m_request.since.time)},
+                               {"documents", documents},
+                               {"warnings", warnings},
+                               {"operations", result.operations},
+                               {"exit_code", code}};
+    if (result.failure)
+        document["error"] = printable_utf8(result.failure->what());
+    return document;
+}
+
+} // namespace
+
+int run_documents(const DocumentsOptions& options) {
+    install_interrupt_handlers();
+    return DocumentsCommand(options).run();
+}
+
+} // namespace qrtln

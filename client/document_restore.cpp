@@ -1,0 +1,495 @@
+#include "client/document_restore.h"
+
+#include "client/database_arguments.h"
+#include "client/document_trace.h"
+#include "client/interrupt.h"
+#include "client/module_log.h"
+#include "client/object_content.h"
+#include "client/output.h"
+#include "client/restore_plan.h"
+#include "client/safe_paths.h"
+#include "client/temporary_directory.h"
+#include "client/text.h"
+
+#include <algorithm>
+#include <fcntl.h>
+#include <map>
+#include <set>
+#include <sys/stat.h>
+#include <unistd.h>
+
+namespace qrtln {
+
+namespace {
+
+constexpr std::time_t minute = 60;
+// Runs that narrow down times: enough for two moments within a year to the minute.
+constexpr unsigned maximal_searches = 48;
+constexpr std::size_t copy_step = std::size_t{64} << 20;
+// Before any document was written.
+constexpr const char* earliest_point = "199001010000";
+// Below the private folder.
+constexpr const char* work_folder = "work";         // TMP_DIR of the module
+constexpr const char* set_folder = "set";           // the set's copy
+constexpr const char* live_folder = "live";         // the consistent copy of the live database
+constexpr const char* original_folder = "original"; // what stands in for the live database
+
+std::string name_of(const std::string& path) {
+    return path.substr(path.rfind('/') + 1);
+}
+
+std::string folder_of(const std::string& path) {
+    return path.substr(0, path.rfind('/'));
+}
+
+bool exists(const std::string& path) {
+    struct stat status {};
+    return ::lstat(path.c_str(), &status) == 0;
+}
+
+[[noreturn]] void fail(const std::string& doing, const std::string& path, int error) {
+    throw ClientError(ExitCode::failed, "cannot " + doing + " " + for_terminal(path) + ": " +
+                                            system_error_text(error));
+}
+
+// Both files are this run's own. The kernel shares the blocks where the file system can.
+void copy_file(const std::string& from, const std::string& to) {
+    FileDescriptor source(::open(from.c_str(), O_RDONLY | O_NOFOLLOW | O_CLOEXEC));
+    if (!source)
+        fail("open", from, errno);
+    FileDescriptor target(
+        ::open(to.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, 0600));
+    if (!target)
+        fail("create", to, errno);
+    for (ssize_t copied = 1; copied > 0;) {
+        throw_if_interrupted();
+        copied = ::copy_file_range(source.get(), nullptr, target.get(), nullptr, copy_step, 0);
+        if (copied < 0)
+            fail("copy to", to, errno);
+    }
+    if (int error = target.close_checked(); error != 0)
+        fail("copy to", to, error);
+}
+
+void move_file(const std::string& from, const std::string& to) {
+    if (::rename(from.c_str(), to.c_str()) != 0)
+        fail("move to", to, errno);
+}
+
+void remove_file(const std::string& path) {
+    if (::unlink(path.c_str()) != 0 && errno != ENOENT)
+        fail("remove", path, errno);
+}
+
+// What one run of the module's document restore did.
+struct Run {
+    bool good = false;
+    std::vector<TracedNote> notes;
+    std::string reason;                 // of a run that is not good
+    std::optional<ClientError> failure; // the module's process died
+};
+
+class DocumentRestore {
+  public:
+    DocumentRestore(const OperationContext& context, const DocumentRequest& request)
+        : m_context(context), m_request(request), m_list(context.ini.data_directory) {}
+    DocumentsResult restore();
+    DocumentsResult find(OwedDatabases& owed);
+
+  private:
+    // Times between which a document was deleted or changed, and the documents.
+    using Intervals = std::map<std::pair<std::time_t, std::time_t>, std::vector<NoteId>>;
+
+    void begin(std::uint64_t room);
+    std::string folder(const char* name) const { return m_temporary->path() + "/" + name; }
+    std::string file(const char* name) const {
+        return folder(name) + "/" + name_of(m_request.item.path);
+    }
+    void extract();
+    std::string announce(ModuleSession& session, const std::string& live);
+    Run operate(const std::string& live, DocumentKind kind, const std::string& since,
+                const std::vector<NoteId>& ids, bool keep_copy);
+    void take_live_copy(OwedDatabases& owed);
+    void prepare_live_copy(ModuleSession& session, const std::string& incomplete);
+    std::vector<NoteId> search(const PointInTime& since);
+    void narrow(Intervals& intervals);
+    std::optional<PointInTime> between(std::time_t first, std::time_t last) const;
+    void add_notes(const Run& run);
+    void add_others(bool ended_early);
+    std::optional<std::set<NoteId>> in_the_set();
+
+    const OperationContext& m_context;
+    const DocumentRequest& m_request;
+    std::optional<TemporaryDirectory> m_temporary;
+    NoteIdList m_list;
+    DocumentsResult m_result;
+};
+
+void DocumentRestore::begin(std::uint64_t room) {
+    if (m_request.kind == DocumentKind::changed)
+        m_list.require_none();
+    m_temporary.emplace(absolute_path(m_context.tmp_dir), m_context.ini.data_directory);
+    RoomCount count;
+    count.at(m_temporary->path()).needed += room;
+    require_room(count.list());
+    for (const char* name : {work_folder, set_folder, live_folder, original_folder})
+        if (::mkdir(folder(name).c_str(), 0700) != 0)
+            fail("create", folder(name), errno);
+}
+
+// Takes the set's copy out of the store, whole or not at all.
+void DocumentRestore::extract() {
+    std::string problem;
+    SafeFolder root(folder(set_folder));
+    FileDescriptor at = root.open_folder("", problem);
+    if (!at)
+        throw ClientError(ExitCode::failed, problem);
+    SafeFile copy(std::move(at), name_of(m_request.item.path));
+    WrittenContent written;
+    problem = copy.create();
+    if (problem.empty()) {
+        Progress progress(1);
+        progress.next_database();
+        written = write_content(m_context.store, m_request.item, copy, [&](std::uint64_t bytes) {
+            throw_if_interrupted();
+            progress.add_bytes(bytes);
+        });
+        problem = written.problem;
+    }
+    if (!written.damage.empty())
+        throw ClientError(ExitCode::damage_found,
+                          "the copy of " + for_terminal(m_request.item.path) +
+                              " is damaged in the store: " + for_terminal(written.damage),
+                          "nothing was done; `qrtln verify` tells more, an older set (--at) may "
+                          "have a whole copy");
+    if (problem.empty())
+        problem = copy.commit(nullptr, false);
+    if (!problem.empty())
+        throw ClientError(ExitCode::failed, "cannot write the set's copy of " +
+                                                for_terminal(m_request.item.path) + ": " + problem);
+}
+
+// Where the set's copy goes. The folder that is announced has the live database.
+std::string DocumentRestore::announce(ModuleSession& session, const std::string& live) {
+    session.forget_reasons();
+    ModuleItem answer = session.host().set_item(DB_ITEM_TYPE_DIRECTORY, folder_of(live));
+    if (answer.status == DB_NUM_I_OK)
+        answer = session.host().set_item(DB_ITEM_TYPE_FILE, m_request.item.path);
+    if (answer.status != DB_NUM_I_OK)
+        throw ClientError(ExitCode::server_error, "the module refused " +
+                                                      for_terminal(m_request.item.path) + ": " +
+                                                      for_terminal(session.reason()));
+    session.item_begun();
+    if (!is_below(answer.name, folder(work_folder)) || !path_problem(answer.name).empty() ||
+        name_of(answer.name) != name_of(m_request.item.path))
+        throw ClientError(ExitCode::server_error, "the module wants the copy written to " +
+                                                      for_terminal(answer.name) +
+                                                      ", which is no place for it");
+    return answer.name;
+}
+
+// One document restore from the set's copy into the database `live`. The copy is there afterwards
+// if it is to be kept: the module removes it at the end of some restores.
+Run DocumentRestore::operate(const std::string& live, DocumentKind kind, const std::string& since,
+                             const std::vector<NoteId>& ids, bool keep_copy) {
+    bool changed = kind == DocumentKind::changed;
+    DocumentTrace trace;
+    ++m_result.operations;
+    ModuleSession session(m_context, {}, [&](const std::string& line) { trace.take(line); });
+    if (session.init(DB_TYPE_RST, DB_LEVEL_FULL,
+                     {"TMP_DIR=" + folder(work_folder), "DATABASE=NOTES",
+                      (changed ? "INFO=chgd=" : "INFO=deld=") + since}) != DB_NUM_I_OK)
+        session.report_failed_start("restore of documents", session.reason());
+    std::string place = announce(session, live);
+    if (keep_copy && changed)
+        copy_file(file(set_folder), place);
+    else
+        move_file(file(set_folder), place);
+    Run run;
+    throw_if_interrupted();
+    if (changed)
+        m_list.place(ids);
+    try {
+        run.good = session.finish(DB_ITEM_SUCCESS) == DB_NUM_I_OK;
+        if (!run.good)
+            run.reason = session.reason();
+    } catch (const ClientError& failure) {
+        run.failure = failure;
+        run.reason = failure.what();
+    }
+    run.notes = trace.notes();
+    if (int error = m_list.remove(); error != 0)
+        m_result.warnings.push_back("the list of note ids could not be removed from the data "
+                                    "directory: " +
+                                    system_error_text(error));
+    if (keep_copy && !changed && exists(place))
+        move_file(place, file(set_folder));
+    else
+        ::unlink(place.c_str()); // in the private folder, which goes at the end
+    if (!run.failure && session.close(run.good) != DB_NUM_I_OK)
+        m_result.warnings.push_back("the server did not close the restore: " + session.reason());
+    return run;
+}
+
+DocumentsResult DocumentRestore::restore() {
+    begin(m_request.item.size);
+    extract();
+    Run run =
+        operate(m_request.item.path, m_request.kind, m_request.since.digits, m_request.ids, false);
+    if (!run.good && run.notes.empty()) {
+        if (run.failure)
+            throw *run.failure;
+        throw ClientError(ExitCode::server_error,
+                          "the server cannot restore documents into " +
+                              for_terminal(m_request.item.path) + ": " + for_terminal(run.reason),
+                          "no document was changed; is the database online? --verbose and --trace "
+                          "show what the module did");
+    }
+    m_result.failure = run.failure;
+    add_notes(run);
+    if (m_request.kind == DocumentKind::changed)
+        add_others(!run.good);
+    return std::move(m_result);
+}
+
+DocumentOutcome outcome_of(const TracedNote& note, DocumentKind kind) {
+    switch (note.step) {
+    case NoteStep::unread:
+        return DocumentOutcome::back_unread;
+    case NoteStep::not_unread:
+        return DocumentOutcome::back;
+    case NoteStep::not_deleted:
+        return DocumentOutcome::failed;
+    case NoteStep::not_copied:
+        return note.deleted ? DocumentOutcome::lost : DocumentOutcome::failed;
+    case NoteStep::copying:
+        return kind == DocumentKind::deleted ? DocumentOutcome::back : DocumentOutcome::replaced;
+    case NoteStep::deleting:
+        break;
+    }
+    return DocumentOutcome::unknown;
+}
+
+void DocumentRestore::add_notes(const Run& run) {
+    bool failed_note = false;
+    for (const TracedNote& note : run.notes) {
+        DocumentResult document;
+        document.id = note.id;
+        document.outcome = outcome_of(note, m_request.kind);
+        // A copy of which no end was told.
+        if (run.failure && &note == &run.notes.back() && note.step == NoteStep::copying)
+            document.outcome = DocumentOutcome::unknown;
+        if (document.outcome == DocumentOutcome::failed ||
+            document.outcome == DocumentOutcome::lost) {
+            document.reason = run.reason;
+            failed_note = true;
+        }
+        m_result.documents.push_back(std::move(document));
+    }
+    if (!run.good && !run.failure && !failed_note)
+        m_result.warnings.push_back("the documents are back, but the module reports: " +
+                                    run.reason);
+}
+
+// What became of the ids that the module did not get to: it tells nothing about those.
+void DocumentRestore::add_others(bool ended_early) {
+    std::set<NoteId> done;
+    for (const DocumentResult& document : m_result.documents)
+        done.insert(document.id);
+    if (std::all_of(m_request.ids.begin(), m_request.ids.end(),
+                    [&](NoteId id) { return done.contains(id); }))
+        return;
+    std::optional<std::set<NoteId>> known;
+    if (!ended_early)
+        known = in_the_set();
+    for (NoteId id : m_request.ids)
+        if (!done.contains(id)) {
+            DocumentResult document;
+            document.id = id;
+            document.outcome = ended_early           ? DocumentOutcome::not_reached
+                               : !known              ? DocumentOutcome::unexplained
+                               : known->contains(id) ? DocumentOutcome::unchanged
+                                                     : DocumentOutcome::missing;
+            m_result.documents.push_back(std::move(document));
+        }
+}
+
+// Which of the ids the set has: those that a restore from the set's copy into another of its copies
+// replaces. Nothing when that cannot be found out, which is no failure of what was done.
+std::optional<std::set<NoteId>> DocumentRestore::in_the_set() {
+    try {
+        throw_if_interrupted();
+        if (!exists(file(set_folder)))
+            extract();
+        remove_file(file(original_folder));
+        copy_file(file(set_folder), file(original_folder));
+        Run run = operate(file(original_folder), DocumentKind::changed, earliest_point,
+                          m_request.ids, false);
+        if (!run.good)
+            throw ClientError(ExitCode::server_error, run.reason);
+        std::set<NoteId> ids;
+        for (const TracedNote& note : run.notes)
+            ids.insert(note.id);
+        return ids;
+    } catch (const ClientError& failure) {
+        m_result.warnings.push_back("it was not found out which documents the set has: " +
+                                    std::string(failure.what()));
+    }
+    return std::nullopt;
+}
+
+// A consistent copy of the live database, made as for a backup at copy level.
+void DocumentRestore::take_live_copy(OwedDatabases& owed) {
+    const std::string& path = m_request.item.path;
+    std::vector<DatabaseArgument> arguments =
+        resolve_database_arguments({path}, m_context.ini.data_directory);
+    std::string incomplete;
+    ++m_result.operations;
+    ModuleSession session(m_context, [&](const std::string& line) {
+        if (says_changes_incomplete(line))
+            incomplete = line;
+    });
+    if (session.init(DB_TYPE_BCK, DB_LEVEL_COPY,
+                     {"TMP_DIR=" + folder(work_folder), "DATABASE=" + arguments[0].value}) !=
+        DB_NUM_I_OK)
+        session.report_failed_start("copy of the live database", session.reason());
+    bool taken = false;
+    for (;;) {
+        throw_if_interrupted();
+        session.forget_reasons();
+        ModuleItem next = session.host().get_item();
+        if (next.status != DB_NUM_I_OK)
+            break;
+        session.item_begun();
+        bool wanted = next.name == path && !taken;
+        if (wanted) {
+            owed.add(m_context.ini.data_directory, path); // the server counts it as backed up
+            prepare_live_copy(session, incomplete);
+            taken = true;
+        }
+        (void)session.finish(wanted ? DB_ITEM_SUCCESS : DB_ITEM_EXCLUDED);
+    }
+    (void)session.close(false); // nothing was stored
+    if (!taken)
+        throw ClientError(ExitCode::server_error, "the module does not hand out " +
+                                                      for_terminal(path) + ": " +
+                                                      for_terminal(session.reason()));
+}
+
+void DocumentRestore::prepare_live_copy(ModuleSession& session, const std::string& incomplete) {
+    const std::string& path = m_request.item.path;
+    ModuleItem prepared = session.host().prepare(path);
+    auto usable = [&] {
+        return (prepared.status == DB_NUM_I_OK || prepared.status == DB_NUM_W_WARNING) &&
+               is_below(prepared.name, folder(work_folder));
+    };
+    // A backup context that a killed run left fails the next start of one and ends with it.
+    if (!usable() && interrupt_signal() == 0)
+        prepared = session.host().prepare(path);
+    throw_if_interrupted();
+    if (!usable() || !incomplete.empty())
+        throw ClientError(ExitCode::server_error,
+                          "the server cannot copy the live database " + for_terminal(path) + ": " +
+                              for_terminal(incomplete.empty() ? session.reason() : incomplete));
+    // The module removes its own name of the copy.
+    if (::link(prepared.name.c_str(), file(live_folder).c_str()) != 0)
+        fail("keep the copy of", path, errno);
+}
+
+// What a restore since then would bring back.
+std::vector<NoteId> DocumentRestore::search(const PointInTime& since) {
+    throw_if_interrupted();
+    remove_file(file(original_folder));
+    copy_file(file(live_folder), file(original_folder));
+    Run run = operate(file(original_folder), m_request.kind, since.digits, m_request.ids, true);
+    if (run.failure)
+        throw *run.failure;
+    if (!run.good)
+        throw ClientError(ExitCode::server_error,
+                          "the server cannot restore documents into a copy of " +
+                              for_terminal(m_request.item.path) + ": " + for_terminal(run.reason),
+                          "--verbose and --trace show what the module did");
+    std::vector<NoteId> ids;
+    for (const TracedNote& note : run.notes)
+        ids.push_back(note.id);
+    return ids;
+}
+
+// The minute that is next to the middle of the two, among those that can be told to the server.
+std::optional<PointInTime> DocumentRestore::between(std::time_t first, std::time_t last) const {
+    std::time_t middle = first + (last - first) / (2 * minute) * minute;
+    for (std::time_t away = 0; middle - away > first || middle + away < last; away += minute)
+        for (std::time_t time : {middle - away, middle + away})
+            if (time > first && time < last)
+                if (std::optional<PointInTime> point = point_in_time(time))
+                    return point;
+    return std::nullopt;
+}
+
+// Halves the widest interval, and every other that the same run tells about, as long as that helps.
+void DocumentRestore::narrow(Intervals& intervals) {
+    for (unsigned searches = 0; searches < maximal_searches; ++searches) {
+        std::optional<PointInTime> point;
+        std::time_t widest = 0;
+        for (const auto& [interval, ids] : intervals)
+            if (interval.second - interval.first > std::max(widest, minute))
+                if (std::optional<PointInTime> middle = between(interval.first, interval.second)) {
+                    point = middle;
+                    widest = interval.second - interval.first;
+                }
+        if (!point)
+            return;
+        std::vector<NoteId> found = search(*point);
+        std::set<NoteId> later(found.begin(), found.end());
+        Intervals narrower;
+        for (const auto& [interval, ids] : intervals)
+            for (NoteId id : ids) {
+                auto [first, last] = interval;
+                if (point->time > first && point->time < last)
+                    (later.contains(id) ? first : last) = point->time;
+                narrower[{first, last}].push_back(id);
+            }
+        intervals = std::move(narrower);
+    }
+}
+
+DocumentsResult DocumentRestore::find(OwedDatabases& owed) {
+    struct stat live {};
+    if (::stat(m_request.item.path.c_str(), &live) != 0)
+        fail("look at", m_request.item.path, errno);
+    // Each once as it is, and once to be worked on.
+    begin(2 * (m_request.item.size + static_cast<std::uint64_t>(live.st_size)));
+    extract();
+    take_live_copy(owed);
+    std::time_t now = std::time(nullptr);
+    std::vector<NoteId> candidates = search(m_request.since);
+    Intervals intervals;
+    if (!candidates.empty()) {
+        std::time_t end = m_request.since.time + (now - m_request.since.time) / minute * minute;
+        intervals[{m_request.since.time, end + minute}] = candidates;
+        narrow(intervals);
+    }
+    std::map<NoteId, std::pair<std::time_t, std::time_t>> times;
+    for (const auto& [interval, ids] : intervals)
+        for (NoteId id : ids)
+            times[id] = interval;
+    for (NoteId id : candidates)
+        m_result.documents.push_back(
+            {id, DocumentOutcome::candidate, "", times[id].first, times[id].second});
+    if (m_request.kind == DocumentKind::changed)
+        add_others(false);
+    return std::move(m_result);
+}
+
+} // namespace
+
+DocumentsResult restore_documents(const OperationContext& context, const DocumentRequest& request) {
+    return DocumentRestore(context, request).restore();
+}
+
+DocumentsResult find_documents(const OperationContext& context, OwedDatabases& owed,
+                               const DocumentRequest& request) {
+    return DocumentRestore(context, request).find(owed);
+}
+
+} // namespace qrtln
