@@ -155,7 +155,7 @@ void DocumentsCommand::warn() const {
     if (m_request.since.cut)
         print_message("the server takes minutes: since " + local_minute_text(m_request.since.time) +
                       ":00");
-    if (m_set_started > m_request.since.time)
+    if (m_set_started >= m_request.since.time + 60) // not for the rounding alone
         print_message("warning: the set " + m_set + " was taken after --since: " +
                       (m_options.changed ? "what was changed before that, comes back as changed"
                                          : "what was deleted before that, is not in it") +
