@@ -50,6 +50,7 @@ TEST(Backup, FullBackupHandsOutEverythingThenTheLogsThenTheLogControlFileOnce) {
         EXPECT_EQ(module.get(), "") << "the log control file comes once";
         EXPECT_EQ(module.code, DB_NUM_I_COMPLETE);
         EXPECT_EQ(server.calls("NSFBeginArchivingLogs"), 0);
+        EXPECT_EQ(server.calls("NSFDbGetBuildVersion"), 1) << "of the first database only";
         EXPECT_EQ(server.calls("NSFDoneArchivingLog"), 0) << "nothing is marked before the close";
         EXPECT_THAT(server.filesBelow("tmp"), IsEmpty());
 

@@ -4,12 +4,12 @@
 #include <cstdlib>
 #include <fcntl.h>
 #include <limits>
-#include <sys/wait.h>
 #include <unistd.h>
 
 #include <gmock/gmock.h>
 
 #include "common/bounded_text.h"
+#include "tests/interface/own_process.h"
 #include "tests/qrtln_n/notes_floor_test.h"
 
 namespace {
@@ -17,47 +17,6 @@ namespace {
 using testing::ElementsAre;
 
 constexpr UNIVERSALNOTEID kId = {{0x00000001, 0xAB}, {0x80000000, 0xFFFFFFFF}};
-
-// Another process that holds a write lock on a file for its lifetime.
-class LockingProcess {
-  public:
-    explicit LockingProcess(const std::string& file) {
-        int ready[2];
-        int done[2];
-        EXPECT_EQ(pipe(ready) + pipe(done), 0);
-        m_child = fork();
-        if (m_child == 0) {
-            struct flock lock = {};
-            lock.l_type = F_WRLCK;
-            lock.l_start = 100; // any part of the file counts
-            lock.l_len = 1;
-            const int fd = open(file.c_str(), O_RDWR);
-            char byte = fcntl(fd, F_SETLK, &lock) == 0 ? 'y' : 'n';
-            close(done[1]);
-            if (write(ready[1], &byte, 1) != 1 || read(done[0], &byte, 1) != 0) {
-                _exit(1);
-            }
-            _exit(0);
-        }
-        close(done[0]);
-        close(ready[1]);
-        char byte = 'n';
-        EXPECT_EQ(read(ready[0], &byte, 1), 1);
-        EXPECT_EQ(byte, 'y');
-        close(ready[0]);
-        m_end = done[1];
-    }
-    ~LockingProcess() {
-        close(m_end);
-        waitpid(m_child, nullptr, 0);
-    }
-    LockingProcess(const LockingProcess&) = delete;
-    LockingProcess& operator=(const LockingProcess&) = delete;
-
-  private:
-    pid_t m_child = -1;
-    int m_end = -1;
-};
 
 // The time zone of the process for the lifetime.
 class TimeZone {
@@ -79,15 +38,22 @@ class DatabaseProbesTest : public NotesFloorTest {};
 TEST_F(DatabaseProbesTest, ALockOfAnotherProcessMeansOpen) {
     const std::string file = folder.write("a.nsf", std::string(200, 'x'));
     g_sQRTLN_Global.bNotesInitialized = FALSE; // the probe needs no runtime
-    BOOL open = FALSE;
-    {
-        const LockingProcess other(file);
-        EXPECT_EQ(isNotesDbOpen(file.c_str(), &open), 3000);
-        EXPECT_TRUE(open);
+    struct flock lock = {};
+    lock.l_type = F_WRLCK;
+    lock.l_start = 100; // any part of the file counts
+    lock.l_len = 1;
+    const int fd = open(file.c_str(), O_RDWR);
+    for (const bool locked : {true, false}) {
+        lock.l_type = locked ? F_WRLCK : F_UNLCK;
+        ASSERT_EQ(fcntl(fd, F_SETLK, &lock), 0);
+        inOwnProcess([&] {
+            BOOL open = !locked;
+            EXPECT_EQ(isNotesDbOpen(file.c_str(), &open), 3000);
+            EXPECT_EQ(open, locked);
+            EXPECT_EQ(takeErrorText(), "");
+        });
     }
-    EXPECT_EQ(isNotesDbOpen(file.c_str(), &open), 3000);
-    EXPECT_FALSE(open);
-    EXPECT_EQ(takeErrorText(), "");
+    close(fd);
     EXPECT_EQ(folder.read("a.nsf"), std::string(200, 'x'));
 }
 
@@ -152,47 +118,36 @@ TEST_F(DatabaseProbesTest, EveryOtherAnswerMeansNotModified) {
     const Step open = {"NSFDbOpen L:/data/a.nsf", {.numbers = {7}}};
     const Step table = {"NSFDbGetModifiedNoteTable 7 32767 333 444", {.numbers = {8}}};
     const Step close = {"NSFDbClose 7"};
+    const std::vector<Step> good = {convert, back, open, table, close};
+    const std::string name = "Src Db: U:L:/data/a.nsf ";
     const struct {
-        const char* title;
-        std::vector<Step> steps;
         std::size_t failing;
         STATUS status;
-        std::vector<std::string> logs;
+        std::string log;
     } rows[] = {
-        {"text not taken",
-         {convert},
-         0,
-         1234,
-         {"ConvertTextToTIMEDATE() failed, got error 4d2 (1234): Notes text 1234"}},
-        {"time not shown", {convert, back}, 1, 1234, {}},
-        {"not opened",
-         {convert, back, open},
-         2,
-         1234,
-         {"Src Db: U:L:/data/a.nsf got error 4d2 (1234): Notes text 1234"}},
-        {"nothing changed",
-         {convert, back, open, table, close},
-         3,
-         572,
-         {"Src Db: No Documents in U:L:/data/a.nsf have been modified since " +
-          std::string(80, 't') + "."}},
-        {"not asked",
-         {convert, back, open, table, close},
-         3,
-         0x8000 | 572, // taken with its flags: no "nothing changed"
-         {"Src Db: U:L:/data/a.nsf NSFDbGetModifiedNoteTable() returned error 823c (33340): Notes "
-          "text 572"}},
+        {0, 1234, "ConvertTextToTIMEDATE() failed, got error 4d2 (1234): Notes text 1234"},
+        {1, 1234, ""},
+        {2, 1234, name + "got error 4d2 (1234): Notes text 1234"},
+        {3, 572,
+         "Src Db: No Documents in U:L:/data/a.nsf have been modified since " +
+             std::string(80, 't') + "."},
+        // Taken with its flags: no "nothing changed".
+        {3, 0x8000 | 572,
+         name + "NSFDbGetModifiedNoteTable() returned error 823c (33340): Notes text 572"},
     };
     std::strcpy(script.settings.DateString, ".");
     std::strcpy(script.settings.TimeString, ":");
     for (const auto& row : rows) {
-        SCOPED_TRACE(row.title);
+        SCOPED_TRACE(row.log);
         messages.clear();
-        std::vector<Step> steps = row.steps;
-        steps[row.failing].answer.status = row.status;
+        std::vector<Step> steps(good.begin(), good.begin() + static_cast<long>(row.failing + 1));
+        steps.back().answer.status = row.status;
+        if (row.failing == 3) {
+            steps.push_back(close);
+        }
         script.play(steps);
         EXPECT_FALSE(isNotesDbModified("/data/a.nsf", 0));
-        EXPECT_EQ(messages.logs(), row.logs);
+        EXPECT_EQ(messages.logs(), std::vector<std::string>(row.log.empty() ? 0 : 1, row.log));
         EXPECT_EQ(takeErrorText(), "");
     }
 
@@ -216,6 +171,8 @@ TEST_F(DatabaseProbesTest, LoggedTellsStyleAndIdentity) {
         step.answer.status = status;
         return step;
     };
+    const Step noStyle = fails(style(0), 5119);
+    const Step failed = fails(style(0), 1234);
     constexpr int kUnchanged = DB_LOGGING_STYLE_NOLOG; // never an answer of this function
     const struct {
         const char* title;
@@ -233,21 +190,9 @@ TEST_F(DatabaseProbesTest, LoggedTellsStyleAndIdentity) {
         {"not logged", {open, unlogged, close}, 3000, FALSE, kUnchanged, false, ""},
         {"no log info", {open, fails(logged, 1234), close}, 1000, TRUE, kUnchanged, false, ""},
         {"not opened", {fails(open, 1234)}, 1000, TRUE, kUnchanged, false, "Notes text 1234"},
-        // The database stays open.
-        {"logging not in effect",
-         {open, logged, fails(style(0), 5119)},
-         3000,
-         FALSE,
-         kUnchanged,
-         true,
-         "Notes text 5119"},
-        {"style unknown",
-         {open, logged, fails(style(0), 1234), close},
-         1000,
-         TRUE,
-         kUnchanged,
-         true,
-         "Notes text 1234"},
+        // Logging not in effect: the database stays open.
+        {"5119", {open, logged, noStyle}, 3000, FALSE, kUnchanged, true, "Notes text 5119"},
+        {"1234", {open, logged, failed, close}, 1000, TRUE, kUnchanged, true, "Notes text 1234"},
     };
     for (const auto& row : rows) {
         SCOPED_TRACE(row.title);

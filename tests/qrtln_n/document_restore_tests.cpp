@@ -19,11 +19,6 @@ using testing::Not;
 constexpr STATUS kNothing = 572;
 constexpr NOTEID kDeletedBit = 0x80000000;
 
-std::vector<Step> operator+(std::vector<Step> first, const std::vector<Step>& second) {
-    first.insert(first.end(), second.begin(), second.end());
-    return first;
-}
-
 // The original is handle 1 with its table 10, the backup handle 2 with table 20. The reply of a
 // table is a status or, with 0, its handle.
 Step documents(DBHANDLE handle, const std::string& since, STATUS status = 0) {
@@ -126,95 +121,85 @@ TEST_F(DocumentRestoreTest, ChangedDocumentsOnTheListAreReplacedInTheBackupsOrde
         messages.hasTrace("RestoreChangedDocuments(): Copying note (4) to original database ..."));
 }
 
-// Every step that can fail or end the work, with what is released and said.
+// Each call fails once; what was opened is closed, and the trace and the error say what failed.
 TEST_F(DocumentRestoreTest, EachFailureReleasesEverythingAndSaysWhat) {
-    struct Case {
-        std::vector<Step> steps;
-        int result;
+    struct Row {
+        std::size_t step; // of `good`, counted from 0
+        STATUS status;
+        std::vector<Step> after;
         std::string trace; // "@" stands for the function's name
-        std::string error;
+        int result = 1000;
+        bool error = true; // the status has its text in the error
     };
-    const Step timeFails = {"ConvertTextToTIMEDATE defaults 01/15/2024 10:30", {.status = 9}};
-    const std::vector<Step> untilBackup =
-        begun + std::vector<Step>{documentsOfOriginal(), destroyed(10)};
-    const auto common = [&](const std::string& original) {
-        return std::vector<Case>{
-            {{{"NSFDbOpen L:/live/a.nsf", {.status = 259, .numbers = {9}}}},
-             1000,
-             "Notes API NSFDbOpen() failure on file: U:L:/live/a.nsf",
-             "Notes text 259"},
-            {{opened[0], {"NSFDbOpen L:/copy/a.nsf", {.status = 259}}, closed[0]},
-             1000,
-             "Notes API NSFDbOpen() failure on file: U:L:/copy/a.nsf",
-             "Notes text 259"},
-            {opened + std::vector<Step>{timeFails} + closed, 1000,
-             "@(): Error converting time value 01/15/2024 10:30.", "Notes text 9"},
-            {begun + std::vector<Step>{documentsOfOriginal(kNothing)} + closed, 3000,
-             "@(): There are no documents in the original database which has been changed" +
-                 original + " since 01/15/2024 10:30.",
-             ""},
-            {begun + std::vector<Step>{documentsOfOriginal(9)} + closed, 1000,
-             "@(): NSFDbGetModifiedNoteTable() call for original database failed.", "Notes text 9"},
-            {untilBackup + std::vector<Step>{documentsOfBackup(kNothing)} + closed, 3000,
-             "@(): There are no documents in the backup database.", ""},
-            {untilBackup + std::vector<Step>{documentsOfBackup(9)} + closed, 1000,
-             "@(): NSFDbGetModifiedNoteTable() call for backup database failed.", "Notes text 9"}};
+    const std::vector<Row> common = {
+        {0, 259, {}, "Notes API NSFDbOpen() failure on file: U:L:/live/a.nsf"},
+        {1, 259, {closed[0]}, "Notes API NSFDbOpen() failure on file: U:L:/copy/a.nsf"},
+        {2, 9, closed, "@(): Error converting time value 01/15/2024 10:30."},
+        {5, 9, closed, "@(): NSFDbGetModifiedNoteTable() call for original database failed."},
+        {7, 9, closed, "@(): NSFDbGetModifiedNoteTable() call for backup database failed."},
+        {7, kNothing, closed, "@(): There are no documents in the backup database.", 3000, false},
     };
-    const std::vector<Step> untilScan = untilBackup + std::vector<Step>{documentsOfBackup()};
-    const Step copy = {"NSFDbCopyNote 2 4 1"};
-    const Step copyFails = {"NSFDbCopyNote 2 4 1", {.status = 9}};
-    const Step remove = {"NSFNoteDelete 1 4 0"};
-    const std::vector<Step> originalCloseFails = {
-        destroyed(20), {"NSFDbClose 1", {.status = 11}}, closed[1]};
-    const std::vector<Step> backupCloseFails = {
-        destroyed(20), closed[0], {"NSFDbClose 2", {.status = 12}}};
-
-    auto deletedCases = common(" (deleted)");
-    deletedCases.push_back({untilScan + std::vector<Step>{copyFails, destroyed(20)} + closed, 1000,
-                            "@(): NSFDbCopyNote() call failed.", "Notes text 9"});
-    deletedCases.push_back({untilScan + std::vector<Step>{copy} + marked + originalCloseFails, 1000,
-                            "@(): NSFDbClose() call for original database FAILED: Notes text 11.",
-                            ""});
-    deletedCases.push_back({untilScan + std::vector<Step>{copy} + marked + backupCloseFails, 1000,
-                            "@(): NSFDbClose() call for backup database FAILED: Notes text 12.",
-                            ""});
-    // Unread marks are not worth a failure.
-    deletedCases.push_back(
-        {untilScan + std::vector<Step>{copy, {"SECKFMGetUserName", {.status = 9}}, destroyed(20)} +
-             closed,
-         3000, "@(): Setting note as unread failed.", ""});
-
-    auto changedCases = common("");
-    changedCases.push_back(
-        {untilScan + std::vector<Step>{{remove.call, {.status = 9}}, destroyed(20)} + closed, 1000,
-         "@(): NSFNoteDelete() call failed.", "Notes text 9"});
-    changedCases.push_back(
-        {untilScan + std::vector<Step>{remove, copyFails, destroyed(20)} + closed, 1000,
-         "@(): NSFDbCopyNote() call failed.", "Notes text 9"});
-    changedCases.push_back({untilScan + std::vector<Step>{remove, copy} + originalCloseFails, 1000,
-                            "@(): NSFDbClose() call for original database FAILED: Notes text 11.",
-                            ""});
-    // The text of the other function: readers of traces know it.
-    changedCases.push_back(
-        {untilScan + std::vector<Step>{remove, copy} + backupCloseFails, 1000,
-         "RestoreDeletedDocuments(): NSFDbClose() call for backup database FAILED: Notes text 12.",
-         ""});
-
+    const std::string nothing =
+        "@(): There are no documents in the original database which has been changed";
+    const std::string closing = "NSFDbClose() call for ";
+    const std::vector<Step> released = std::vector<Step>{destroyed(20)} + closed;
+    const std::vector<Row> ofDeleted = {
+        {5, kNothing, closed, nothing + " (deleted) since 01/15/2024 10:30.", 3000, false},
+        {8, 9, released, "@(): NSFDbCopyNote() call failed."},
+        // Unread marks are not worth a failure.
+        {9, 9, released, "@(): Setting note as unread failed.", 3000, false},
+        {19,
+         11,
+         {closed[1]},
+         "@(): " + closing + "original database FAILED: Notes text 11.",
+         1000,
+         false},
+        {20, 12, {}, "@(): " + closing + "backup database FAILED: Notes text 12.", 1000, false},
+    };
+    const std::vector<Row> ofChanged = {
+        {5, kNothing, closed, nothing + " since 01/15/2024 10:30.", 3000, false},
+        {8, 9, released, "@(): NSFNoteDelete() call failed."},
+        {9, 9, released, "@(): NSFDbCopyNote() call failed."},
+        {11,
+         11,
+         {closed[1]},
+         "@(): " + closing + "original database FAILED: Notes text 11.",
+         1000,
+         false},
+        // The text of the other function: readers of traces know it.
+        {12,
+         12,
+         {},
+         "RestoreDeletedDocuments(): " + closing + "backup database FAILED: Notes text 12.",
+         1000,
+         false},
+    };
     list("4");
     for (const bool deleted : {true, false}) {
-        for (const Case& c : deleted ? deletedCases : changedCases) {
-            SCOPED_TRACE(c.trace);
-            messages.clear();
-            script.tables = {{10, {deleted ? kDeletedBit | 4 : 4}}, {20, {4}}};
-            script.play(c.steps);
-            EXPECT_EQ(deleted ? restoreDeleted() : restoreChanged(), c.result);
-            std::string trace = c.trace;
+        const std::vector<Step> restoring =
+            deleted ? std::vector<Step>{{"NSFDbCopyNote 2 4 1"}} + marked
+                    : std::vector<Step>{{"NSFNoteDelete 1 4 0"}, {"NSFDbCopyNote 2 4 1"}};
+        const std::vector<Step> good =
+            begun + std::vector<Step>{documentsOfOriginal(), destroyed(10), documentsOfBackup()} +
+            restoring + released;
+        std::vector<Row> rows = common;
+        rows.insert(rows.end(), deleted ? ofDeleted.begin() : ofChanged.begin(),
+                    deleted ? ofDeleted.end() : ofChanged.end());
+        for (const Row& row : rows) {
+            std::string trace = row.trace;
             if (trace.starts_with('@')) {
                 trace.replace(0, 1,
                               deleted ? "RestoreDeletedDocuments" : "RestoreChangedDocuments");
             }
+            SCOPED_TRACE(trace);
+            messages.clear();
+            script.tables = {{10, {deleted ? kDeletedBit | 4 : 4}}, {20, {4}}};
+            std::vector<Step> steps(good.begin(), good.begin() + static_cast<long>(row.step + 1));
+            steps.back().answer.status = row.status;
+            script.play(steps + row.after);
+            EXPECT_EQ(deleted ? restoreDeleted() : restoreChanged(), row.result);
             EXPECT_TRUE(messages.hasTrace(trace));
-            EXPECT_EQ(takeErrorText(), c.error);
+            EXPECT_EQ(takeErrorText(), row.error ? "Notes text " + std::to_string(row.status) : "");
             ASSERT_TRUE(script.done());
         }
     }
@@ -243,45 +228,41 @@ TEST_F(DocumentRestoreTest, DatabasesGoByTheirFileNamesAlone) {
 }
 
 TEST_F(DocumentRestoreTest, UnreadMarksFailAtEachStepWithItsOwnTrace) {
-    struct Case {
-        std::vector<Step> steps;
-        int result;
-        const char* trace;
-    };
-    const auto failing = [](const Step& step) { return Step{step.call, {.status = 9}}; };
-    const std::vector<Step> until = user + std::vector<Step>{unreadOfUser, updated, copied};
     const std::vector<Step> end = {updated, destroyed(31), destroyed(30)};
-    const Case cases[] = {
-        {{failing(user[0])}, 1000, "setNotesAsUnread(): Could not get user name."},
-        {user + std::vector<Step>{failing(unreadOfUser)}, 1000,
-         "setNotesAsUnread(): Could not get unread notes table."},
-        {user + std::vector<Step>{unreadOfUser, failing(updated), destroyed(30)}, 1000,
-         "setNotesAsUnread(): Could not update unread notes table."},
-        {user + std::vector<Step>{unreadOfUser, updated, failing(copied), destroyed(30)}, 1000,
-         "setNotesAsUnread(): Could not copy unread notes table."},
+    const struct {
+        std::size_t step; // of `marked`
+        std::vector<Step> after;
+        int result;
+        std::string trace;
+    } rows[] = {
+        {0, {}, 1000, "setNotesAsUnread(): Could not get user name."},
+        {1, {}, 1000, "setNotesAsUnread(): Could not get unread notes table."},
+        {2, {destroyed(30)}, 1000, "setNotesAsUnread(): Could not update unread notes table."},
+        {3, {destroyed(30)}, 1000, "setNotesAsUnread(): Could not copy unread notes table."},
         // Not fatal: the table goes back without the note, or not at all.
-        {until + std::vector<Step>{{"IDInsert 30 4", {.status = 9}}, written} + end, 3000,
+        {4, std::vector<Step>{written} + end, 3000,
          "setNotesAsUnread(): Insert note into unread list unsuccessful."},
-        {until + std::vector<Step>{{"IDInsert 30 4"}, failing(written)} + end, 3000,
-         "setNotesAsUnread(): Could not set unread note table."},
-        {until +
-             std::vector<Step>{
-                 {"IDInsert 30 4"}, written, failing(updated), destroyed(31), destroyed(30)},
-         1000, "setNotesAsUnread(): Could not update unread notes table."},
+        {5, end, 3000, "setNotesAsUnread(): Could not set unread note table."},
+        {6,
+         {destroyed(31), destroyed(30)},
+         1000,
+         "setNotesAsUnread(): Could not update unread notes table."},
     };
-    for (const Case& c : cases) {
-        SCOPED_TRACE(c.trace);
+    for (const auto& row : rows) {
+        SCOPED_TRACE(row.trace);
         messages.clear();
         script.tables.clear();
-        script.play(c.steps);
-        EXPECT_EQ(setNotesAsUnread(1, 4), c.result);
-        EXPECT_TRUE(messages.hasTrace(c.trace));
+        std::vector<Step> steps(marked.begin(), marked.begin() + static_cast<long>(row.step + 1));
+        steps.back().answer.status = 9;
+        script.play(steps + row.after);
+        EXPECT_EQ(setNotesAsUnread(1, 4), row.result);
+        EXPECT_TRUE(messages.hasTrace(row.trace));
         EXPECT_TRUE(messages.logs().empty());
         ASSERT_TRUE(script.done());
     }
     // Unread already: nothing is written.
     script.tables[30] = {4};
-    script.play(until + end);
+    script.play(user + std::vector<Step>{unreadOfUser, updated, copied} + end);
     EXPECT_EQ(setNotesAsUnread(1, 4), 3000);
     EXPECT_TRUE(
         messages.hasTrace("setNotesAsUnread(): The note does (4) already belongs to unread list."));
@@ -298,50 +279,41 @@ TEST_F(DocumentRestoreTest, ListLinesLoseOneCharacterAndTheListIsDeletedWhatever
     struct Case {
         std::string list;
         std::vector<NOTEID> restored; // of 4 and 12, which changed
-        STATUS status;
+        STATUS status = 0;            // of the first call
     };
-    const std::string longLine(1027, '1');
     const Case cases[] = {
-        {"4\n12\n", {12, 4}, 0},
-        {"\n\n12", {12}, 0},
-        {"12\r", {12}, 0},
-        {"4\r\n12\r\n", {}, 0}, // keeps its carriage returns
-        {"4\r\n12", {12}, 0},
-        {" 4\n012\n", {}, 0},
-        {longLine + "12\n", {12}, 0}, // a line ends after 1027 characters
-        {std::string("\0"
-                     "4\n",
-                     3),
-         {},
-         0},
-        {"", {}, 0},
-        {"4\n", {}, 9}, // the first call fails
+        {"4\n\n12\n", {12, 4}},
+        {"12\r", {12}},
+        {"4\r\n12", {12}}, // the first keeps its carriage return
+        {" 4\n012\n", {}},
+        {std::string(1027, '1') + "12\n", {12}}, // a line ends after 1027 characters
+        {std::string("\0", 1) + "4\n", {}},
+        {"", {}},
+        {"4\n", {}, 9},
     };
     for (const Case& c : cases) {
         SCOPED_TRACE(c.list);
         const std::string copy = folder.write("copy/a.nsf");
         folder.write("noteids_list.txt", c.list);
         script.tables = {{10, {4, 12}}, {20, {12, 4}}};
-        std::vector<Step> steps = {
-            {"NSFDbOpen L:/live/a.nsf", {.status = c.status, .numbers = {1}}}};
+        script.play({{"NSFDbOpen L:/live/a.nsf", {.status = c.status, .numbers = {1}}}});
         if (c.status == 0) {
-            steps = steps + std::vector<Step>{{"NSFDbOpen L:" + copy, {.numbers = {2}}},
-                                              begun[2],
-                                              begun[3],
-                                              begun[4],
-                                              documentsOfOriginal(),
-                                              destroyed(10)};
+            script.play({{"NSFDbOpen L:" + copy, {.numbers = {2}}},
+                         begun[2],
+                         begun[3],
+                         begun[4],
+                         documentsOfOriginal(),
+                         destroyed(10)});
             if (!c.restored.empty()) {
-                steps.push_back(documentsOfBackup());
+                script.play({documentsOfBackup()});
                 for (const NOTEID id : c.restored) {
-                    steps.push_back({"NSFNoteDelete 1 " + std::to_string(id) + " 0"});
-                    steps.push_back({"NSFDbCopyNote 2 " + std::to_string(id) + " 1"});
+                    script.play({{"NSFNoteDelete 1 " + std::to_string(id) + " 0"},
+                                 {"NSFDbCopyNote 2 " + std::to_string(id) + " 1"}});
                 }
-                steps.push_back(destroyed(20));
+                script.play({destroyed(20)});
             }
-            steps = steps + closed;
+            script.play(closed);
         }
-        script.play(steps);
         EXPECT_EQ(ChangedDocumentsRecovery(copy.c_str(), "/live/a.nsf"),
                   c.status == 0 ? 3000 : 1000);
         ASSERT_TRUE(script.done());
@@ -353,18 +325,12 @@ TEST_F(DocumentRestoreTest, ListLinesLoseOneCharacterAndTheListIsDeletedWhatever
 
 TEST_F(DocumentRestoreTest, WithoutAReadableListNothingIsTouched) {
     const std::string copy = folder.write("copy/a.nsf");
-    for (const bool directory : {false, true}) {
-        SCOPED_TRACE(directory);
-        if (directory) {
-            folder.makeDirectory("noteids_list.txt");
-        }
-        messages.clear();
-        EXPECT_EQ(ChangedDocumentsRecovery(copy.c_str(), "/live/a.nsf"), 1000);
-        EXPECT_TRUE(messages.hasTrace("Could not open NoteID list file: U:L:" +
-                                      folder.file("noteids_list.txt")));
-        EXPECT_TRUE(folder.exists("copy/a.nsf"));
-        EXPECT_EQ(takeErrorText(), "");
-    }
+    folder.makeDirectory("noteids_list.txt");
+    EXPECT_EQ(ChangedDocumentsRecovery(copy.c_str(), "/live/a.nsf"), 1000);
+    EXPECT_TRUE(messages.hasTrace("Could not open NoteID list file: U:L:" +
+                                  folder.file("noteids_list.txt")));
+    EXPECT_TRUE(folder.exists("copy/a.nsf"));
+    EXPECT_EQ(takeErrorText(), "");
 }
 
 TEST_F(DocumentRestoreTest, TheLiveDatabaseIsNeverTakenForItsCopy) {
@@ -405,47 +371,33 @@ TEST_F(DocumentRestoreTest, LargeDatabasesCostNoMoreThanTheirDocuments) {
 class DatabaseRecoveryTest : public NotesFloorTest {};
 
 TEST_F(DatabaseRecoveryTest, OfflineAndOnlineCallsAndTheirResults) {
-    struct Case {
+    const std::string file = "U:L:/data/a.nsf";
+    const std::string notOffline = "TakeDbsOffline(): Error taking database offline " + file;
+    const std::string notOnline = "BringDbsOnline(): Error taking database " + file + " online";
+    const struct {
         int (*function)(const char*);
-        Step step;
+        STATUS status;
         int result;
-        const char* trace;
+        std::string trace;
+    } rows[] = {
+        {&TakeDbsOffline, 0, 3000, "TakeDbsOffline(): Database " + file + " taken offline"},
+        {&TakeDbsOffline, 5098, 13, notOffline + ": Notes text 5098"},
+        {&TakeDbsOffline, 9, 1000, notOffline + ": Notes text 9"},
+        {&BringDbsOnline, 0, 3000, "BringDbsOnline(): Database " + file + " brought online"},
+        {&BringDbsOnline, 9, 1000, notOnline + ": Notes text 9"},
+        {&ActivateDb, 5098, 1000, notOnline + ": Notes text 5098"},
+        {&ActivateDb, 0, 3000, "BringDbsOnline(): Database " + file + " brought online"},
     };
-    const std::string offline = "NSFTakeDatabaseOffline L:/data/a.nsf 0 0";
-    const std::string online = "NSFBringDatabaseOnline L:/data/a.nsf 0";
-    const char* online9 =
-        "BringDbsOnline(): Error taking database U:L:/data/a.nsf online: Notes text 9";
-    const Case cases[] = {
-        {&TakeDbsOffline,
-         {offline},
-         3000,
-         "TakeDbsOffline(): Database U:L:/data/a.nsf taken offline"},
-        {&TakeDbsOffline,
-         {offline, {.status = 5098}},
-         13,
-         "TakeDbsOffline(): Error taking database offline U:L:/data/a.nsf: Notes text 5098"},
-        {&TakeDbsOffline,
-         {offline, {.status = 9}},
-         1000,
-         "TakeDbsOffline(): Error taking database offline U:L:/data/a.nsf: Notes text 9"},
-        {&BringDbsOnline,
-         {online},
-         3000,
-         "BringDbsOnline(): Database U:L:/data/a.nsf brought online"},
-        {&BringDbsOnline, {online, {.status = 9}}, 1000, online9},
-        {&ActivateDb, {online, {.status = 5098}}, 1000, nullptr},
-        {&ActivateDb, {online}, 3000, nullptr},
-    };
-    for (const Case& c : cases) {
-        SCOPED_TRACE(c.step.call + " " + std::to_string(c.step.answer.status));
-        script.play({c.step});
-        EXPECT_EQ(c.function("/data/a.nsf"), c.result);
-        if (c.trace != nullptr) {
-            EXPECT_TRUE(messages.hasTrace(c.trace));
-        }
-        EXPECT_EQ(takeErrorText(), c.step.answer.status == 0
-                                       ? ""
-                                       : "Notes text " + std::to_string(c.step.answer.status));
+    for (const auto& row : rows) {
+        SCOPED_TRACE(row.trace);
+        messages.clear();
+        script.play({{row.function == &TakeDbsOffline ? "NSFTakeDatabaseOffline L:/data/a.nsf 0 0"
+                                                      : "NSFBringDatabaseOnline L:/data/a.nsf 0",
+                      {.status = row.status}}});
+        EXPECT_EQ(row.function("/data/a.nsf"), row.result);
+        EXPECT_TRUE(messages.hasTrace(row.trace));
+        EXPECT_EQ(takeErrorText(),
+                  row.status == 0 ? "" : "Notes text " + std::to_string(row.status));
         ASSERT_TRUE(script.done());
     }
     // No call with a path that was cut, and none without a runtime.

@@ -35,143 +35,154 @@ class LogArchivingTest : public NotesFloorTest {
     BOOL active = FALSE;
 };
 
-TEST_F(LogArchivingTest, TheSystemsStyleIsArchiveCircularOrUnknown) {
-    const struct {
-        Step step;
-        int result;
-        int style;
-        const char* error;
-    } rows[] = {
-        {style(0), 3000, DB_LOGGING_STYLE_CIRC, ""},
-        {style(1), 3000, DB_LOGGING_STYLE_ARCH, ""},
-        {style(2), 3000, DB_LOGGING_STYLE_CIRC, ""}, // linear counts as circular
-        {style(3), 1000, 0,
-         "getSystemLogStyle(): NSFGetTransLogStyle returned neither ARCHIVE nor CIRCULAR style."},
-        {style(1, 1234), 1000, 0, "Notes text 1234"},
-        {style(1, 5119), 1000, DB_LOGGING_STYLE_NOLOG, "Notes text 5119"},
-    };
-    for (const auto& row : rows) {
-        script.play({row.step});
-        auto answer = static_cast<DB_LOGGING_STYLE>(0);
-        EXPECT_EQ(getSystemLogStyle(&answer), row.result);
-        EXPECT_EQ(answer, row.style);
-        EXPECT_EQ(takeErrorText(), row.error);
-    }
-}
+constexpr char kRequiresArchive[] = "Archiving logs requires 'ARCHIVE' style transaction logging";
 
-TEST_F(LogArchivingTest, ASessionBeginsOnlyWhereLogsAreArchived) {
-    const char* const requires_archive =
-        "Archiving logs requires 'ARCHIVE' style transaction logging";
-    const Step begin = {"NSFBeginArchivingLogs"};
-    const struct {
-        const char* title;
-        std::vector<Step> steps;
-        int result;
-        std::string error;
-        std::vector<std::string> logs; // without the reports of errors
-    } rows[] = {
-        {"archive", {style(1), begin}, 3000, "", {"Call NSFBeginArchivingLogs()"}},
-        // An unknown style is left to the server.
-        {"unknown style", {style(7), begin}, 3000, "", {"Call NSFBeginArchivingLogs()"}},
-        {"circular",
-         {style(0)},
-         11,
-         requires_archive,
-         {"Lotus Notes has circular logging style enabled"}},
-        {"linear",
-         {style(2)},
-         11,
-         requires_archive,
-         {"Lotus Notes has linear logging style enabled"}},
-        {"no logging",
-         {style(0, 5119)},
-         14,
-         "Notes text 5119",
-         {"Notes text 5119", "beginArchiveLogs(): Transactional logging is not in effect."}},
-        {"style fails", {style(0, 1234)}, 1000, "Notes text 1234", {"Notes text 1234"}},
-        {"begin fails",
-         {style(1), {begin.call, {.status = 1234}}},
-         1000,
-         "Notes text 1234",
-         {"Call NSFBeginArchivingLogs()",
-          "beginArchiveLogs(): NSFBeginArchivingLogs() failed with 1234", "Notes text 1234"}},
-        // A session that was left open is ended, so that the next try succeeds.
-        {"archiving in progress",
-         {style(1), {begin.call, {.status = 3758}}, style(1), {"NSFEndArchivingLogs"}},
-         1000,
-         "Notes text 3758",
-         {"Call NSFBeginArchivingLogs()",
-          "beginArchiveLogs(): NSFBeginArchivingLogs() failed with 3758", "Notes text 3758",
-          "beginArchiveLogs(): NSFBeginArchivingLogs() failed with "
-          "ERR_TRANSLOG_ARCHIVE_IN_PROGRESS",
-          "Call NSFEndArchivingLogs()"}},
-    };
-    for (const auto& row : rows) {
-        SCOPED_TRACE(row.title);
-        messages.clear();
-        script.play(row.steps);
-        EXPECT_EQ(QRTLN_InitArchiveLogs(), row.result);
-        EXPECT_EQ(takeErrorText(), row.error);
-        std::vector<std::string> logs;
-        for (const std::string& text : messages.logs()) {
-            if (text.rfind("DB_ErrHandler: ", 0) != 0) {
-                logs.push_back(text);
-            }
+// What was logged but for the reports of errors.
+std::vector<std::string> plainLogs(const MessageCapture& messages) {
+    std::vector<std::string> logs;
+    for (const std::string& text : messages.logs()) {
+        if (!text.starts_with("DB_ErrHandler: ")) {
+            logs.push_back(text);
         }
-        EXPECT_EQ(logs, row.logs);
-        // Whatever the cause, the style is named too.
-        EXPECT_EQ(messages.hasLog(std::string("DB_ErrHandler: ") + requires_archive),
-                  row.result != 3000);
     }
+    return logs;
 }
 
-TEST_F(LogArchivingTest, ASessionEndsWhereLogsAreArchived) {
+TEST_F(LogArchivingTest, WithoutAnArchiveStyleNoSessionBeginsOrEndsAndNoLogIsHandedOut) {
+    const std::string none = "endArchiveLogs(): Getting system log style failed";
+    const std::string skipped =
+        "endArchiveLogs(): Log style is CIRCULAR - therefor skip NSFEndArchivingLogs()";
     const struct {
-        const char* title;
-        std::vector<Step> steps;
-        int result;
-        std::string error;
-        std::string log;
+        Step style;
+        int asked, begun, ended, handedOut;
+        int answer; // the style
+        const char* error;
+        std::vector<std::string> logs; // of the begin
+        std::string logOfEnd;
     } rows[] = {
-        {"archive", {style(1), {"NSFEndArchivingLogs"}}, 3000, "", "Call NSFEndArchivingLogs()"},
-        {"circular",
-         {style(0)},
-         11,
-         "",
-         "endArchiveLogs(): Log style is CIRCULAR - therefor skip NSFEndArchivingLogs()"},
-        {"linear",
-         {style(2)},
-         11,
-         "",
-         "endArchiveLogs(): Log style is CIRCULAR - therefor skip NSFEndArchivingLogs()"},
-        {"no logging",
-         {style(0, 5119)},
+        {style(0),
          3000,
+         11,
+         11,
+         11,
+         DB_LOGGING_STYLE_CIRC,
+         "",
+         {"Lotus Notes has circular logging style enabled"},
+         skipped},
+        // Linear counts as circular.
+        {style(2),
+         3000,
+         11,
+         11,
+         11,
+         DB_LOGGING_STYLE_CIRC,
+         "",
+         {"Lotus Notes has linear logging style enabled"},
+         skipped},
+        {style(0, 5119),
+         1000,
+         14,
+         3000,
+         14,
+         DB_LOGGING_STYLE_NOLOG,
          "Notes text 5119",
-         "endArchiveLogs(): Getting system log style failed"},
-        {"style fails",
-         {style(0, 1234)},
-         1000,
-         "Notes text 1234",
-         "endArchiveLogs(): Getting system log style failed"},
-        {"another archiver",
-         {style(1), {"NSFEndArchivingLogs", {.status = 3758}}},
-         1000,
-         "Notes text 3758",
-         "endArchiveLogs(): Another process is currently archiving logs. (3758)"},
-        {"end fails",
-         {style(1), {"NSFEndArchivingLogs", {.status = 1234}}},
-         1000,
-         "Notes text 1234",
-         "endArchiveLogs(): NSFEndArchivingLogs() failed with (1234)"},
+         {"Notes text 5119", "beginArchiveLogs(): Transactional logging is not in effect."},
+         none},
+        {style(0, 1234), 1000, 1000, 1000, 14, 0, "Notes text 1234", {"Notes text 1234"}, none},
+    };
+    g_sQRTLN_Global.eI_OperationType = DB_TYPE_BCK;
+    for (const auto& row : rows) {
+        SCOPED_TRACE(row.logs.front());
+        script.play({row.style, row.style, row.style, row.style});
+        auto answer = static_cast<DB_LOGGING_STYLE>(0);
+        EXPECT_EQ(getSystemLogStyle(&answer), row.asked);
+        EXPECT_EQ(answer, row.answer);
+        EXPECT_EQ(takeErrorText(), row.error);
+
+        messages.clear();
+        EXPECT_EQ(QRTLN_InitArchiveLogs(), row.begun);
+        EXPECT_EQ(takeErrorText(), *row.error == '\0' ? kRequiresArchive : row.error);
+        EXPECT_EQ(plainLogs(messages), row.logs);
+        // Whatever the cause, the style is named too.
+        EXPECT_TRUE(messages.hasLog(std::string("DB_ErrHandler: ") + kRequiresArchive));
+
+        EXPECT_EQ(endArchiveLogs(), row.ended);
+        EXPECT_EQ(takeErrorText(), row.error);
+        EXPECT_TRUE(messages.hasLog(row.logOfEnd));
+
+        g_sQRTLN_Global.eI_OperationLevel = DB_LEVEL_FULL;
+        EXPECT_EQ(next(true), row.handedOut);
+        EXPECT_FALSE(active);
+        EXPECT_STREQ(file, "unchanged");
+        takeErrorText();
+    }
+    // A style that cannot be asked for is no failure of a full or copy backup alone.
+    const struct {
+        DB_OPERATION_TYPE type;
+        DB_OPERATION_LEVEL level;
+        int result;
+    } levels[] = {{DB_TYPE_BCK, DB_LEVEL_COPY, 14},
+                  {DB_TYPE_BCK, DB_LEVEL_DIFF, 1000},
+                  {DB_TYPE_BCK, DB_LEVEL_INCR, 1000},
+                  {DB_TYPE_RST, DB_LEVEL_FULL, 1000}};
+    for (const auto& row : levels) {
+        g_sQRTLN_Global.eI_OperationType = row.type;
+        g_sQRTLN_Global.eI_OperationLevel = row.level;
+        script.play({style(0, 1234)});
+        EXPECT_EQ(next(true), row.result) << row.type << ' ' << row.level;
+    }
+    script.play({style(1), {"NSFGetFirstLogToArchive", {.status = 1234}}});
+    EXPECT_EQ(next(true), 1000);
+}
+
+TEST_F(LogArchivingTest, AStyleThatIsNoneOfThreeIsAnErrorButASessionBegins) {
+    auto answer = static_cast<DB_LOGGING_STYLE>(0);
+    script.play({style(3), style(3), {"NSFBeginArchivingLogs"}});
+    EXPECT_EQ(getSystemLogStyle(&answer), 1000);
+    EXPECT_EQ(takeErrorText(),
+              "getSystemLogStyle(): NSFGetTransLogStyle returned neither ARCHIVE nor CIRCULAR "
+              "style.");
+    EXPECT_EQ(QRTLN_InitArchiveLogs(), 3000);
+    EXPECT_EQ(takeErrorText(), "");
+}
+
+TEST_F(LogArchivingTest, ASessionBeginsAndEndsAsTheServerAnswers) {
+    const std::string failed = "beginArchiveLogs(): NSFBeginArchivingLogs() failed with ";
+    const std::string call = "Call NSFBeginArchivingLogs()";
+    const struct {
+        STATUS status;
+        std::vector<std::string> begun, ended; // what is logged
+    } rows[] = {
+        {0, {call}, {"Call NSFEndArchivingLogs()"}},
+        {1234,
+         {call, failed + "1234", "Notes text 1234"},
+         {"Call NSFEndArchivingLogs()",
+          "endArchiveLogs(): NSFEndArchivingLogs() failed with (1234)", "Notes text 1234"}},
+        // A session that was left open is ended, so that the next try succeeds.
+        {3758,
+         {call, failed + "3758", "Notes text 3758", failed + "ERR_TRANSLOG_ARCHIVE_IN_PROGRESS",
+          "Call NSFEndArchivingLogs()"},
+         {"Call NSFEndArchivingLogs()",
+          "endArchiveLogs(): Another process is currently archiving logs. (3758)",
+          "Notes text 3758"}},
     };
     for (const auto& row : rows) {
-        SCOPED_TRACE(row.title);
+        SCOPED_TRACE(row.status);
+        const std::string error = row.status == 0 ? "" : "Notes text " + std::to_string(row.status);
         messages.clear();
-        script.play(row.steps);
-        EXPECT_EQ(endArchiveLogs(), row.result);
-        EXPECT_EQ(takeErrorText(), row.error);
-        EXPECT_TRUE(messages.hasLog(row.log));
+        script.play({style(1), {"NSFBeginArchivingLogs", {.status = row.status}}});
+        if (row.status == 3758) {
+            script.play({style(1), {"NSFEndArchivingLogs"}});
+        }
+        EXPECT_EQ(QRTLN_InitArchiveLogs(), row.status == 0 ? 3000 : 1000);
+        EXPECT_EQ(takeErrorText(), error);
+        EXPECT_EQ(plainLogs(messages), row.begun);
+
+        messages.clear();
+        script.play({style(1), {"NSFEndArchivingLogs", {.status = row.status}}});
+        EXPECT_EQ(endArchiveLogs(), row.status == 0 ? 3000 : 1000);
+        EXPECT_EQ(takeErrorText(), error);
+        EXPECT_EQ(plainLogs(messages), row.ended);
     }
 }
 
@@ -230,37 +241,6 @@ TEST_F(LogArchivingTest, ALaterOperationHandsTheActiveLogOutOnlyWhenItHasChanged
     EXPECT_EQ(next(true), 3000);
     EXPECT_STREQ(file, "/l/active2.TXN");
     EXPECT_EQ(next(true), 3001) << "an empty path names no log";
-}
-
-TEST_F(LogArchivingTest, WhatTheRequestAnswersWithoutALogDependsOnStyleAndOperation) {
-    const std::vector<Step> failing = {style(1), {"NSFGetFirstLogToArchive", {.status = 1234}}};
-    const struct {
-        const char* title;
-        DB_OPERATION_TYPE type;
-        DB_OPERATION_LEVEL level;
-        std::vector<Step> steps;
-        int result;
-    } rows[] = {
-        {"circular", DB_TYPE_BCK, DB_LEVEL_INCR, {style(0)}, 11},
-        {"linear", DB_TYPE_BCK, DB_LEVEL_FULL, {style(2)}, 11},
-        {"no logging", DB_TYPE_BCK, DB_LEVEL_INCR, {style(0, 5119)}, 14},
-        {"style fails, full", DB_TYPE_BCK, DB_LEVEL_FULL, {style(0, 1234)}, 14},
-        {"style fails, copy", DB_TYPE_BCK, DB_LEVEL_COPY, {style(0, 1234)}, 14},
-        {"style fails, differential", DB_TYPE_BCK, DB_LEVEL_DIFF, {style(0, 1234)}, 1000},
-        {"style unknown, incremental", DB_TYPE_BCK, DB_LEVEL_INCR, {style(3)}, 1000},
-        {"style fails, restore", DB_TYPE_RST, DB_LEVEL_FULL, {style(0, 1234)}, 1000},
-        {"the log fails", DB_TYPE_BCK, DB_LEVEL_FULL, failing, 1000},
-    };
-    for (const auto& row : rows) {
-        SCOPED_TRACE(row.title);
-        g_sQRTLN_Global.eI_OperationType = row.type;
-        g_sQRTLN_Global.eI_OperationLevel = row.level;
-        script.play(row.steps);
-        EXPECT_EQ(next(true), row.result);
-        EXPECT_FALSE(active);
-        EXPECT_STREQ(file, "unchanged");
-        takeErrorText();
-    }
 }
 
 TEST_F(LogArchivingTest, OnlyALogThatIsNoLongerWrittenIsMarkedArchived) {

@@ -21,6 +21,7 @@
 #include <map>
 #include <sstream>
 #include <string>
+#include <type_traits>
 #include <vector>
 
 #include <gtest/gtest.h>
@@ -41,6 +42,11 @@ struct Step {
     Answer answer = {};
 };
 
+inline std::vector<Step> operator+(std::vector<Step> first, const std::vector<Step>& second) {
+    first.insert(first.end(), second.begin(), second.end());
+    return first;
+}
+
 class ScriptedNotesApi {
   public:
     ScriptedNotesApi() {
@@ -49,11 +55,10 @@ class ScriptedNotesApi {
             m_former[slot] = slot->address();
             slot->setAddress(reinterpret_cast<void*>(&callWithoutScript));
         }
+        installPlain();
         installRuntime();
         installDatabases();
-        installNotes();
         installBackup();
-        installLogs();
     }
     ~ScriptedNotesApi() {
         for (const auto& [slot, address] : m_former) {
@@ -111,18 +116,68 @@ class ScriptedNotesApi {
         return {.status = 1};
     }
 
-    static void put(const Answer& answer, std::size_t index, DWORD* target) {
-        if (index < answer.numbers.size()) {
-            *target = answer.numbers[index];
+    // Functions whose signature says all: numbers, times and texts that go in make the call, what
+    // goes out is filled from the answer. An identity of a log or database always goes out.
+    template <auto Slot, typename Result, typename... Arguments>
+    static void install(NotesFunction<Result(Arguments...)>& slot) {
+        slot = [](Arguments... arguments) -> Result {
+            std::ostringstream call;
+            call << (notes_api.*Slot).name();
+            (describe(call, arguments), ...);
+            const Answer a = s_current->answer(call.str());
+            [[maybe_unused]] std::size_t next = 0;
+            (fill(a, next, arguments), ...);
+            if constexpr (!std::is_void_v<Result>) {
+                return a.status;
+            }
+        };
+    }
+    template <auto... Slots>
+    static void installAll() {
+        (install<Slots>(notes_api.*Slots), ...);
+    }
+    template <typename Argument>
+    static void describe(std::ostream& call, const Argument& argument) {
+        using Pointed = std::remove_const_t<std::remove_pointer_t<Argument>>;
+        if constexpr (std::is_same_v<Argument, TIMEDATE>) {
+            call << ' ' << argument.Innards[0] << ' ' << argument.Innards[1];
+        } else if constexpr (!std::is_pointer_v<Argument> || std::is_same_v<Pointed, char>) {
+            call << ' ' << argument;
+        }
+    }
+    template <typename Argument>
+    static void fill(const Answer& answer, std::size_t& next, Argument argument) {
+        if constexpr (std::is_same_v<Argument, UNIVERSALNOTEID*>) {
+            *argument = answer.id;
+        } else if constexpr (std::is_same_v<Argument, DWORD*> || std::is_same_v<Argument, BOOL*> ||
+                             std::is_same_v<Argument, WORD*>) {
+            if (next < answer.numbers.size()) {
+                *argument = static_cast<std::remove_pointer_t<Argument>>(answer.numbers[next++]);
+            }
         }
     }
 
     static STATUS logToArchive(const char* name, UNIVERSALNOTEID* id, DWORD* number, char* path) {
         const Answer a = take(name);
-        *id = a.id;
-        put(a, 0, number);
+        std::size_t next = 0;
+        fill(a, next, id);
+        fill(a, next, number);
         std::strcpy(path, a.text.c_str());
         return a.status;
+    }
+
+    void installPlain() {
+        installAll<&NotesApi::NotesTerm, &NotesApi::OSMemAlloc, &NotesApi::OSMemFree,
+                   &NotesApi::NSFDbOpen, &NotesApi::NSFDbClose, &NotesApi::NSFDbGetLogInfo,
+                   &NotesApi::NSFDbGetModifiedNoteTable, &NotesApi::IDDestroyTable,
+                   &NotesApi::IDTableCopy, &NotesApi::NSFIsNewBackupNeeded,
+                   &NotesApi::NSFTakeDatabaseOffline, &NotesApi::NSFBringDatabaseOnline,
+                   &NotesApi::NSFNoteDelete, &NotesApi::NSFDbUpdateUnread,
+                   &NotesApi::NSFBackupStart, &NotesApi::NSFBackupSetHighWaterMark,
+                   &NotesApi::NSFBackupStop, &NotesApi::NSFBackupGetChangeInfoSize,
+                   &NotesApi::NSFBackupStartApplyChangeInfo, &NotesApi::NSFBackupEndApplyChangeInfo,
+                   &NotesApi::NSFBackupEnd, &NotesApi::NSFGetTransLogStyle,
+                   &NotesApi::NSFBeginArchivingLogs, &NotesApi::NSFEndArchivingLogs>();
     }
 
     void installRuntime() {
@@ -133,7 +188,6 @@ class ScriptedNotesApi {
             }
             return take("NotesInitExtended", argc, list).status;
         };
-        notes_api.NotesTerm = [] { take("NotesTerm"); };
         notes_api.OSGetDataDirectory = [](char* path) -> WORD {
             const Answer a = take("OSGetDataDirectory");
             std::strcpy(path, a.text.c_str());
@@ -163,18 +217,12 @@ class ScriptedNotesApi {
             }
             return static_cast<WORD>(kept);
         };
-        notes_api.OSMemAlloc = [](WORD type, DWORD size, DHANDLE* handle) -> STATUS {
-            const Answer a = take("OSMemAlloc", type, size);
-            put(a, 0, handle);
-            return a.status;
-        };
         notes_api.OSLockObject = [](DHANDLE handle) -> void* {
             return take("OSLockObject", handle).status == 0 ? s_current->memory.data() : nullptr;
         };
         notes_api.OSUnlockObject = [](DHANDLE handle) -> BOOL {
             return take("OSUnlockObject", handle).status == 0;
         };
-        notes_api.OSMemFree = [](DHANDLE handle) { return take("OSMemFree", handle).status; };
         notes_api.OSGetIntlSettings = [](INTLFORMAT* intl, WORD size) {
             EXPECT_EQ(size, sizeof(INTLFORMAT));
             *intl = s_current->settings;
@@ -188,8 +236,9 @@ class ScriptedNotesApi {
                     ? take("ConvertTextToTIMEDATE defaults", value)
                     : take("ConvertTextToTIMEDATE", static_cast<const INTLFORMAT*>(intl)->Flags,
                            int{f->Date}, int{f->Time}, int{f->Zone}, int{f->Structure}, value);
-            put(a, 0, &time->Innards[0]);
-            put(a, 1, &time->Innards[1]);
+            std::size_t next = 0;
+            fill(a, next, &time->Innards[0]);
+            fill(a, next, &time->Innards[1]);
             return a.status;
         };
         notes_api.TimeConstant = [](WORD type, TIMEDATE* time) {
@@ -207,59 +256,31 @@ class ScriptedNotesApi {
     }
 
     void installDatabases() {
-        notes_api.NSFDbOpen = [](const char* path, DBHANDLE* handle) -> STATUS {
-            const Answer a = take("NSFDbOpen", path);
-            put(a, 0, handle);
-            return a.status;
-        };
-        notes_api.NSFDbClose = [](DBHANDLE handle) { return take("NSFDbClose", handle).status; };
         notes_api.NSFDbGetBuildVersion = [](DBHANDLE, WORD* version) -> STATUS {
             ++s_current->buildVersionCalls;
             *version = 405;
             return 0;
         };
-        notes_api.NSFDbGetLogInfo = [](DBHANDLE handle, DWORD flags, BOOL* logged, UNIVERSALNOTEID*,
-                                       UNIVERSALNOTEID* dbIID, DWORD*) -> STATUS {
-            const Answer a = take("NSFDbGetLogInfo", handle, flags);
-            if (!a.numbers.empty()) {
-                *logged = static_cast<BOOL>(a.numbers[0]);
-            }
-            *dbIID = a.id;
-            return a.status;
-        };
-        notes_api.NSFDbGetModifiedNoteTable = [](DBHANDLE handle, WORD mask, TIMEDATE since,
-                                                 TIMEDATE*, DHANDLE* table) -> STATUS {
-            const Answer a =
-                take("NSFDbGetModifiedNoteTable", handle, mask, since.Innards[0], since.Innards[1]);
-            put(a, 0, table);
-            return a.status;
-        };
         notes_api.IDEntries = [](DHANDLE table) -> DWORD {
             DWORD entries = 0;
-            put(take("IDEntries", table), 0, &entries);
+            std::size_t next = 0;
+            fill(take("IDEntries", table), next, &entries);
             return entries;
         };
-        notes_api.IDDestroyTable = [](DHANDLE table) {
-            return take("IDDestroyTable", table).status;
-        };
-        notes_api.NSFIsNewBackupNeeded = [](char* path, DWORD span, DWORD* needed) -> STATUS {
-            const Answer a = take("NSFIsNewBackupNeeded", path, span);
-            put(a, 0, needed);
-            return a.status;
-        };
-    }
-
-    void installNotes() {
         notes_api.NSFDbIDGet = [](DBHANDLE handle, DBID* id) -> STATUS {
             const Answer a = take("NSFDbIDGet", handle);
             *id = {{handle, handle}};
             return a.status;
         };
-        notes_api.NSFTakeDatabaseOffline = [](char* path, DWORD wait, DWORD options) {
-            return take("NSFTakeDatabaseOffline", path, wait, options).status;
-        };
-        notes_api.NSFBringDatabaseOnline = [](char* path, DWORD options) {
-            return take("NSFBringDatabaseOnline", path, options).status;
+        notes_api.NSFDbCopyNote =
+            [](DBHANDLE source, DBID* sourceId, DBID* sourceReplica, NOTEID note, DBHANDLE target,
+               DBID* targetId, DBID* targetReplica, NOTEID* newNote, WORD* noteClass) -> STATUS {
+            // The identities are those of the handles; nothing else is given or asked for.
+            EXPECT_EQ(sourceId->Innards[0], source);
+            EXPECT_EQ(targetId->Innards[0], target);
+            EXPECT_TRUE(sourceReplica == nullptr && targetReplica == nullptr);
+            EXPECT_TRUE(newNote == nullptr && noteClass == nullptr);
+            return take("NSFDbCopyNote", source, note, target).status;
         };
         notes_api.NSFRecoverDatabases = [](char* names, LOGRESTORECALLBACKFUNCTION callback,
                                            DWORD flags, WORD* index, TIMEDATE* time) -> STATUS {
@@ -280,19 +301,6 @@ class ScriptedNotesApi {
             UNIVERSALNOTEID id = a.id;
             return a.text.empty() || callback(&id, 7, path) == 0 ? a.status : STATUS{5000};
         };
-        notes_api.NSFDbCopyNote =
-            [](DBHANDLE source, DBID* sourceId, DBID* sourceReplica, NOTEID note, DBHANDLE target,
-               DBID* targetId, DBID* targetReplica, NOTEID* newNote, WORD* noteClass) -> STATUS {
-            // The identities are those of the handles; nothing else is given or asked for.
-            EXPECT_EQ(sourceId->Innards[0], source);
-            EXPECT_EQ(targetId->Innards[0], target);
-            EXPECT_TRUE(sourceReplica == nullptr && targetReplica == nullptr);
-            EXPECT_TRUE(newNote == nullptr && noteClass == nullptr);
-            return take("NSFDbCopyNote", source, note, target).status;
-        };
-        notes_api.NSFNoteDelete = [](DBHANDLE handle, NOTEID note, WORD flags) {
-            return take("NSFNoteDelete", handle, note, flags).status;
-        };
         notes_api.SECKFMGetUserName = [](char* name) -> STATUS {
             const Answer a = take("SECKFMGetUserName");
             std::memcpy(name, a.text.data(), a.text.size()); // as long as it is, unterminated
@@ -302,22 +310,15 @@ class ScriptedNotesApi {
                                                BOOL create, DHANDLE* table) -> STATUS {
             const Answer a =
                 take("NSFDbGetUnreadNoteTable", handle, std::string(user, length), create);
-            put(a, 0, table);
+            std::size_t next = 0;
+            fill(a, next, table);
             return a.status;
-        };
-        notes_api.NSFDbUpdateUnread = [](DBHANDLE handle, DHANDLE table) {
-            return take("NSFDbUpdateUnread", handle, table).status;
         };
         notes_api.NSFDbSetUnreadNoteTable = [](DBHANDLE handle, char* user, WORD length, BOOL flush,
                                                DHANDLE former, DHANDLE table) {
             return take("NSFDbSetUnreadNoteTable", handle, std::string(user, length), flush, former,
                         table)
                 .status;
-        };
-        notes_api.IDTableCopy = [](DHANDLE table, DHANDLE* copy) -> STATUS {
-            const Answer a = take("IDTableCopy", table);
-            put(a, 0, copy);
-            return a.status;
         };
         notes_api.IDScan = [](DHANDLE table, BOOL first, NOTEID* id) -> BOOL {
             const auto& ids = s_current->tables[table];
@@ -343,28 +344,6 @@ class ScriptedNotesApi {
     }
 
     void installBackup() {
-        notes_api.NSFBackupStart = [](DBHANDLE handle, DWORD flags, DHANDLE* context, DWORD* low,
-                                      DWORD* high) -> STATUS {
-            const Answer a = take("NSFBackupStart", handle, flags);
-            put(a, 0, context);
-            put(a, 1, low);
-            put(a, 2, high);
-            return a.status;
-        };
-        notes_api.NSFBackupSetHighWaterMark = [](DBHANDLE handle, DHANDLE context, DWORD low,
-                                                 DWORD high) {
-            return take("NSFBackupSetHighWaterMark", handle, context, low, high).status;
-        };
-        notes_api.NSFBackupStop = [](DBHANDLE handle, DHANDLE context) {
-            return take("NSFBackupStop", handle, context).status;
-        };
-        notes_api.NSFBackupGetChangeInfoSize = [](DBHANDLE handle, DHANDLE context, DWORD flags,
-                                                  DWORD* low, DWORD* high) -> STATUS {
-            const Answer a = take("NSFBackupGetChangeInfoSize", handle, context, flags);
-            put(a, 0, low);
-            put(a, 1, high);
-            return a.status;
-        };
         notes_api.NSFBackupGetNextChangeInfo = [](DBHANDLE handle, DHANDLE context, DWORD flags,
                                                   BYTE* buffer, DWORD size,
                                                   DWORD* filled) -> STATUS {
@@ -374,36 +353,12 @@ class ScriptedNotesApi {
             *filled = static_cast<DWORD>(a.text.size());
             return a.status;
         };
-        notes_api.NSFBackupStartApplyChangeInfo = [](DHANDLE* context, char* path, DWORD flags,
-                                                     DWORD low, DWORD high) -> STATUS {
-            const Answer a = take("NSFBackupStartApplyChangeInfo", path, flags, low, high);
-            put(a, 0, context);
-            return a.status;
-        };
         notes_api.NSFBackupApplyNextChangeInfo = [](DHANDLE context, DWORD flags, BYTE* buffer,
                                                     DWORD size) -> STATUS {
             return take("NSFBackupApplyNextChangeInfo", context, flags, size,
                         "[" + std::string(buffer, buffer + size) + "]")
                 .status;
         };
-        notes_api.NSFBackupEndApplyChangeInfo = [](DHANDLE context, DWORD flags) {
-            return take("NSFBackupEndApplyChangeInfo", context, flags).status;
-        };
-        notes_api.NSFBackupEnd = [](DBHANDLE handle, DHANDLE context, DWORD options) {
-            return take("NSFBackupEnd", handle, context, options).status;
-        };
-    }
-
-    void installLogs() {
-        notes_api.NSFGetTransLogStyle = [](WORD* style) -> STATUS {
-            const Answer a = take("NSFGetTransLogStyle");
-            if (!a.numbers.empty()) {
-                *style = static_cast<WORD>(a.numbers[0]);
-            }
-            return a.status;
-        };
-        notes_api.NSFBeginArchivingLogs = [] { return take("NSFBeginArchivingLogs").status; };
-        notes_api.NSFEndArchivingLogs = [] { return take("NSFEndArchivingLogs").status; };
         notes_api.NSFGetFirstLogToArchive = [](UNIVERSALNOTEID* id, DWORD* number, char* path) {
             return logToArchive("NSFGetFirstLogToArchive", id, number, path);
         };
