@@ -28,6 +28,8 @@ TEST(Backup, FullBackupHandsOutEverythingThenTheLogsThenTheLogControlFileOnce) {
         server.markSaved("names.nsf");
         Module module;
         ASSERT_EQ(module.open(server, DB_TYPE_BCK, DB_LEVEL_FULL), DB_NUM_I_OK) << module.error();
+        EXPECT_EQ(simulatorFunction<int (*)()>("NotesSimCompanions")(), 3)
+            << "libnotes.so comes after both of its companions";
         // The flag is set after the backup was initialised: no session is begun, logs come all the
         // same, and the close ends a session.
         EXPECT_TRUE(Module::traced("QRTLN_InitBackup(): bWithArchiveLogs 0 >> no archive logs "

@@ -2,7 +2,6 @@
 
 #include <gmock/gmock.h>
 
-#include "qrt_lotus_notes/qrtln_u/messages.h"
 #include "tests/qrtln_f/fake_server.h"
 #include "tests/support/message_capture.h"
 
@@ -11,7 +10,7 @@ namespace {
 // The server's answers, and its calls in their order with the content that it found at the path.
 STATUS s_offline;
 STATUS s_online;
-std::vector<std::string> s_calls;
+std::string s_calls;
 
 std::string contentOf(const char* path) {
     std::ifstream stream(path, std::ios::binary);
@@ -23,88 +22,47 @@ std::string contentOf(const char* path) {
 class Activation : public testing::Test {
   protected:
     Activation() {
-        g_sQRTLN_Global.vpTraceFunc = traceFunction;
-        g_sQRTLN_Global.vpLogFunc = logFunction;
         s_offline = s_online = 0;
         s_calls.clear();
         notes_api.NSFTakeDatabaseOffline = [](char* path, DWORD, DWORD) {
-            s_calls.push_back("offline " + contentOf(path));
+            s_calls += "offline " + contentOf(path);
             return s_offline;
         };
         notes_api.NSFBringDatabaseOnline = [](char* path, DWORD) {
-            s_calls.push_back("online " + contentOf(path));
+            s_calls += std::string(s_calls.empty() ? "" : ", ") + "online " + contentOf(path);
             return s_online;
         };
     }
 
     MessageCapture messages;
-    const TYPE_DB_MessageFunc traceFunction = g_sQRTLN_Global.vpTraceFunc;
-    const TYPE_DB_MessageFunc logFunction = g_sQRTLN_Global.vpLogFunc;
-    FakeServer server; // resets the record
+    FakeServer server; // resets the record but the callbacks
 };
 
 TEST_F(Activation, TakesOfflineCopiesDeletesAndBringsOnline) {
     struct Case {
         const char* what;
         const char* directory; // below the data directory
-        const char* live;      // content of the live database, nullptr: there is none
+        const char* live;      // content of the live database, nullptr: neither it nor a directory
         bool restored;         // the restored file is there
         STATUS offline;
         STATUS online;
         int result;
-        std::vector<std::string> calls;
+        const char* calls;
         const char* after; // content of the live database
         bool kept;         // the restored file
         bool warned;
     };
     const Case cases[] = {
-        {"over a live one",
-         "m",
-         "old",
-         true,
-         0,
-         0,
-         3000,
-         {"offline old", "online new"},
-         "new",
-         false,
+        {"over a live one", "m", "old", true, 0, 0, 3000, "offline old, online new", "new", false,
          false},
-        {"trailing delimiter",
-         "m/",
-         "old",
-         true,
-         0,
-         0,
-         3000,
-         {"offline old", "online new"},
-         "new",
-         false,
+        {"trailing delimiter", "m/", "old", true, 0, 0, 3000, "offline old, online new", "new",
+         false, false},
+        {"lost", "m", nullptr, true, 0, 0, 3000, "online new", "new", false, false},
+        {"in use", "m", "old", true, 5098, 0, 1000, "offline old", "old", true, true},
+        {"offline fails", "m", "old", true, 9, 0, 1000, "offline old", "old", true, true},
+        {"online fails", "m", "old", true, 0, 9, 1000, "offline old, online new", "new", false,
          false},
-        {"lost with its directory",
-         "m",
-         nullptr,
-         true,
-         0,
-         0,
-         3000,
-         {"online new"},
-         "new",
-         false,
-         false},
-        {"in use", "m", "old", true, 5098, 0, 1000, {"offline old"}, "old", true, true},
-        {"offline fails", "m", "old", true, 9, 0, 1000, {"offline old"}, "old", true, true},
-        {"online fails",
-         "m",
-         "old",
-         true,
-         0,
-         9,
-         1000,
-         {"offline old", "online new"},
-         "new",
-         false,
-         false},
-        {"nothing to copy", "m", "old", false, 0, 0, 1000, {"offline old"}, "old", false, false},
+        {"nothing to copy", "m", "old", false, 0, 0, 1000, "offline old", "old", false, false},
     };
     for (const Case& c : cases) {
         SCOPED_TRACE(c.what);
@@ -128,8 +86,7 @@ TEST_F(Activation, TakesOfflineCopiesDeletesAndBringsOnline) {
                                   "manually:  dbrecover RESTORE " +
                                   copy + " " + server.data("m/x.nsf")),
                   c.warned);
-        TYPE_DB_Error error = {};
-        takeError(&error);
+        takeErrorText();
     }
 }
 
@@ -137,7 +94,7 @@ TEST_F(Activation, AFailedCopyLeavesTheDatabaseOfflineAndTheCopyInPlace) {
     const std::string copy = server.folder.write("tmp/x.nsf", "new");
     server.folder.makeDirectory("data/m/x.nsf"); // cannot be opened for writing
     EXPECT_EQ(QRTLN_Activate(copy.c_str(), server.data("m").c_str()), 1000);
-    EXPECT_THAT(s_calls, testing::ElementsAre(testing::StartsWith("offline")));
+    EXPECT_EQ(s_calls, "offline (none)");
     EXPECT_TRUE(messages.hasTrace("QRTLN_Activate(): Copy of file [" + copy + "] to [" +
                                   server.data("m/x.nsf") + "] FAILED"));
     EXPECT_EQ(server.folder.read("tmp/x.nsf"), "new");
@@ -153,7 +110,7 @@ TEST_F(Activation, AFileRestoredToItsPlaceIsOnlyTakenOfflineAndBroughtOnline) {
             s_offline = offline;
             EXPECT_EQ(QRTLN_Activate(file.c_str(), server.data("m").c_str()),
                       offline == 0 ? 3000 : 1000);
-            EXPECT_EQ(s_calls.size(), offline == 0 ? 2u : 1u);
+            EXPECT_EQ(s_calls, offline == 0 ? "offline new, online new" : "offline new");
             EXPECT_EQ(server.folder.read("data/m/x.nsf"), "new");
             for (const std::string& line : messages.logs()) {
                 EXPECT_THAT(line, testing::Not(testing::HasSubstr("WARNING")));
@@ -166,9 +123,7 @@ TEST_F(Activation, WithoutAPlaceForItNothingIsTouched) {
     const std::string copy = server.folder.write("tmp/x.nsf", "new");
     for (const std::string& directory : {std::string(), "/" + std::string(1025, 'd')}) {
         EXPECT_EQ(QRTLN_Activate(copy.c_str(), directory.c_str()), 1000);
-        TYPE_DB_Error error = {};
-        takeError(&error);
-        EXPECT_THAT(error.szDBErrorMsg, testing::StartsWith("QRTLN_Activate(): "));
+        EXPECT_THAT(takeErrorText(), testing::StartsWith("QRTLN_Activate(): "));
     }
     EXPECT_TRUE(s_calls.empty());
     EXPECT_EQ(server.folder.read("tmp/x.nsf"), "new");

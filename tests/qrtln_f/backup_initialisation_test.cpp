@@ -117,21 +117,20 @@ TEST(BackupInitialisation, ArchivingSessionIsBegunAsLevelAndFlagSay) {
         int expected;
         int begins;
     };
+    constexpr auto kArchive = kLogStyleArchive;
+    constexpr STATUS kNone = kNotesLoggingNotInEffect;
     const Case cases[] = {
-        {"a full backup begins none: the flag is set later", DB_LEVEL_FULL, FALSE, kLogStyleArchive,
-         0, 0, DB_NUM_I_OK, 0},
-        {"full with the flag", DB_LEVEL_FULL, TRUE, kLogStyleArchive, 0, 0, DB_NUM_I_OK, 1},
+        // The flag is set later.
+        {"full", DB_LEVEL_FULL, FALSE, kArchive, 0, 0, DB_NUM_I_OK, 0},
+        {"full with the flag", DB_LEVEL_FULL, TRUE, kArchive, 0, 0, DB_NUM_I_OK, 1},
         {"full, circular", DB_LEVEL_FULL, TRUE, kLogStyleCircular, 0, 0, DB_NUM_I_OK, 0},
-        {"copy, no logging", DB_LEVEL_COPY, TRUE, 0, kNotesLoggingNotInEffect, 0, DB_NUM_I_OK, 0},
-        {"full, begin fails", DB_LEVEL_FULL, TRUE, kLogStyleArchive, 0, 1, DB_NUM_E_FAILED, 1},
-        {"differential", DB_LEVEL_DIFF, TRUE, kLogStyleArchive, 0, 0, DB_NUM_I_OK, 0},
-        {"incremental", DB_LEVEL_INCR, FALSE, kLogStyleArchive, 0, 0, DB_NUM_I_OK, 1},
-        {"incremental, circular", DB_LEVEL_INCR, FALSE, kLogStyleCircular, 0, 0,
-         DB_NUM_I_CIRCULAR_LOG, 0},
-        {"incremental, linear", DB_LEVEL_INCR, FALSE, kLogStyleLinear, 0, 0, DB_NUM_I_CIRCULAR_LOG,
-         0},
-        {"incremental, no logging", DB_LEVEL_INCR, FALSE, 0, kNotesLoggingNotInEffect, 0,
-         DB_NUM_E_FAILED, 0},
+        {"copy, no logging", DB_LEVEL_COPY, TRUE, 0, kNone, 0, DB_NUM_I_OK, 0},
+        {"full, begin fails", DB_LEVEL_FULL, TRUE, kArchive, 0, 1, DB_NUM_E_FAILED, 1},
+        {"differential", DB_LEVEL_DIFF, TRUE, kArchive, 0, 0, DB_NUM_I_OK, 0},
+        {"incremental", DB_LEVEL_INCR, FALSE, kArchive, 0, 0, DB_NUM_I_OK, 1},
+        {"circular", DB_LEVEL_INCR, FALSE, kLogStyleCircular, 0, 0, DB_NUM_I_CIRCULAR_LOG, 0},
+        {"linear", DB_LEVEL_INCR, FALSE, kLogStyleLinear, 0, 0, DB_NUM_I_CIRCULAR_LOG, 0},
+        {"no logging", DB_LEVEL_INCR, FALSE, 0, kNone, 0, DB_NUM_E_FAILED, 0},
     };
     for (const Case& c : cases) {
         SCOPED_TRACE(c.title);

@@ -53,10 +53,6 @@ class DbiidIndex : public ::testing::Test {
     MessageCapture messages;
 };
 
-TEST_F(DbiidIndex, TextFormIsFourWordsInOrder) {
-    EXPECT_EQ(textOf(0x0000ABCD), "0000ABCD-A1B2C3D4 00000001FFFFFFFF");
-}
-
 TEST_F(DbiidIndex, WithoutAnIndexTheRunStartsEmptyAndLeavesNoIndexWhenNothingIsWritten) {
     openDBIIDIndex();
     EXPECT_EQ(wholeDump(), "\n[DBIID]\n\n");
@@ -74,26 +70,18 @@ TEST_F(DbiidIndex, WorkingCopyReadsLikeAWholeWriteAfterEveryChange) {
     server.folder.write(workingName(), "left by another process of this id");
     openDBIIDIndex();
     EXPECT_EQ(workingCopy(), old);
-    struct Step {
-        const char* path;
-        DWORD number;
-    };
-    for (const Step& step :
-         {Step{"/d/b.nsf", 2}, Step{"/d/a.nsf", 3}, Step{"/d/c.nsf", 4}, Step{"/d/c.nsf", 5},
-          Step{"/d/short", 6}, Step{"/d/d=e.nsf", 7}, Step{"/d/b.nsf", 2}, Step{"/d/short", 8}}) {
-        storeDbIId(step.path, textOf(step.number).c_str());
-        EXPECT_EQ(storedDbIId(step.path), textOf(step.number));
-        EXPECT_EQ(workingCopy(), wholeDump()) << step.path;
-    }
-    // A second section, or a file that somebody changed: written whole.
-    std::ofstream(server.folder.file(workingName()), std::ios::app) << "garbage";
-    storeDbIId("/d/e.nsf", textOf(9).c_str());
-    EXPECT_EQ(workingCopy(), wholeDump());
-    iniparser_add_entry(gdcDBIID, "other", nullptr, nullptr);
-    for (const char* path : {"/d/f.nsf", "/d/a.nsf"}) {
-        storeDbIId(path, textOf(10).c_str());
+    for (const auto& [path, number] : {std::pair{"/d/b.nsf", 2}, std::pair{"/d/a.nsf", 3},
+                                       std::pair{"/d/short", 6}, std::pair{"/d/d=e.nsf", 7}}) {
+        const std::string text = textOf(static_cast<DWORD>(number));
+        storeDbIId(path, text.c_str());
+        EXPECT_EQ(storedDbIId(path), text);
         EXPECT_EQ(workingCopy(), wholeDump()) << path;
     }
+    // A file that somebody changed is written whole.
+    std::ofstream(server.folder.file(workingName()), std::ios::app) << "garbage";
+    storeDbIId("/d/e.nsf", textOf(0x0000ABCD).c_str());
+    EXPECT_EQ(workingCopy(), wholeDump());
+    EXPECT_STREQ(storedDbIId("/d/e.nsf"), "0000ABCD-A1B2C3D4 00000001FFFFFFFF");
     EXPECT_EQ(server.folder.read("run/qrtln_DBIID.ini"), old) << "untouched before the end";
     EXPECT_EQ(QRTLN_EndDBIIDIndexProcessing(TRUE), DB_NUM_I_OK);
     EXPECT_EQ(server.folder.read("run/qrtln_DBIID.ini"), wholeDump());
@@ -131,35 +119,30 @@ TEST_F(DbiidIndex, TenThousandDatabasesCostTenThousandEntriesNotTheirSquare) {
     EXPECT_LT(written, 3 * file.size());
 }
 
-TEST_F(DbiidIndex, WorkingCopyThatCannotBeOpenedOnlyLosesTheUpdate) {
+TEST_F(DbiidIndex, WorkingCopyThatCannotBeWrittenNeverReplacesTheIndex) {
     const std::string old = "\n[DBIID]\n/d/a.nsf=" + textOf(1) + "\n\n";
-    server.folder.write("run/qrtln_DBIID.ini", old);
-    openDBIIDIndex();
-    // A directory of that name is the one obstacle that stops root, too.
-    fs::remove(server.folder.file(workingName()));
-    server.folder.makeDirectory(workingName() + "/x");
-    storeDbIId("/d/a.nsf", textOf(2).c_str());
-    EXPECT_TRUE(messages.hasLog("QRTLN_IsBackupNeeded: fopen(" + server.folder.file(workingName()) +
-                                ") failed with errno (21): Is a directory"));
-    EXPECT_EQ(storedDbIId("/d/a.nsf"), textOf(1));
-    EXPECT_EQ(QRTLN_EndDBIIDIndexProcessing(TRUE), DB_NUM_E_FAILED);
-    EXPECT_EQ(server.folder.read("run/qrtln_DBIID.ini"), old);
-}
-
-TEST_F(DbiidIndex, WorkingCopyThatCouldNotBeWrittenNeverReplacesTheIndex) {
-    const std::string old = "\n[DBIID]\n/d/a.nsf=" + textOf(1) + "\n\n";
-    server.folder.write("run/qrtln_DBIID.ini", old);
-    openDBIIDIndex();
-    // As on a full disk: what is written goes nowhere.
-    fs::remove(server.folder.file(workingName()));
-    fs::create_symlink("/dev/full", server.folder.file(workingName()));
-    storeDbIId("/d/a.nsf", textOf(2).c_str());
-    EXPECT_TRUE(messages.hasLog("QRTLN_IsBackupNeeded: writing " +
-                                server.folder.file(workingName()) +
-                                " failed with errno (28): No space left on device"));
-    EXPECT_EQ(QRTLN_EndDBIIDIndexProcessing(TRUE), DB_NUM_E_FAILED);
-    EXPECT_EQ(server.folder.read("run/qrtln_DBIID.ini"), old);
-    EXPECT_EQ(runFiles(), std::vector<std::string>{"qrtln_DBIID.ini"});
+    const std::string copy = server.folder.file(workingName());
+    for (const bool opens : {false, true}) {
+        server.folder.write("run/qrtln_DBIID.ini", old);
+        openDBIIDIndex();
+        fs::remove(copy);
+        if (opens) {
+            fs::create_symlink("/dev/full", copy); // a full disk
+        } else {
+            // A directory of that name is the one obstacle that stops root, too.
+            server.folder.makeDirectory(workingName() + "/x");
+        }
+        storeDbIId("/d/a.nsf", textOf(2).c_str());
+        EXPECT_TRUE(messages.hasLog(
+            "QRTLN_IsBackupNeeded: " +
+            (opens ? "writing " + copy + " failed with errno (28): No space left on device"
+                   : "fopen(" + copy + ") failed with errno (21): Is a directory")));
+        EXPECT_EQ(storedDbIId("/d/a.nsf"), textOf(opens ? 2 : 1));
+        EXPECT_EQ(QRTLN_EndDBIIDIndexProcessing(TRUE), DB_NUM_E_FAILED);
+        EXPECT_EQ(server.folder.read("run/qrtln_DBIID.ini"), old);
+        fs::remove_all(copy);
+        releaseDBIIDIndex();
+    }
 }
 
 TEST_F(DbiidIndex, IndexIsReplacedByRenameAndKeepsItsModeAndItsLink) {
@@ -182,16 +165,6 @@ TEST_F(DbiidIndex, IndexIsReplacedByRenameAndKeepsItsModeAndItsLink) {
     EXPECT_EQ(server.folder.read("elsewhere/old"), old);
     EXPECT_EQ(server.folder.read("elsewhere/index"), wholeDump());
     EXPECT_FALSE(server.folder.exists(workingName()));
-}
-
-TEST_F(DbiidIndex, FailedRunLeavesTheIndexAsItWas) {
-    const std::string old = "\n[DBIID]\n/d/a.nsf=" + textOf(1) + "\n\n";
-    server.folder.write("run/qrtln_DBIID.ini", old);
-    openDBIIDIndex();
-    storeDbIId("/d/a.nsf", textOf(2).c_str());
-    EXPECT_EQ(QRTLN_EndDBIIDIndexProcessing(FALSE), DB_NUM_I_OK);
-    EXPECT_EQ(server.folder.read("run/qrtln_DBIID.ini"), old);
-    EXPECT_EQ(runFiles(), std::vector<std::string>{"qrtln_DBIID.ini"});
 }
 
 TEST(AddPidToFilename, StaysWithinTheBuffer) {
@@ -228,71 +201,36 @@ TEST_F(DbiidIndex, DecisionFollowsLevelLoggingAndEntry) {
     const FakeDatabase spanned{TRUE, id, true, 1, false, 0};
     const FakeDatabase unlogged{FALSE, {}, true, 1, false, 0};
     const FakeDatabase unloggedChanged{FALSE, {}, false, 1, true, 0};
+    const FakeDatabase no; // not a database
     const WORD A = kLogStyleArchive;
     const WORD C = kLogStyleCircular;
+    constexpr auto kFull = DB_LEVEL_FULL;
+    constexpr auto kIncr = DB_LEVEL_INCR;
+    constexpr auto kDiff = DB_LEVEL_DIFF;
     const Case cases[] = {
-        {"full adds the entry", "a.nsf", DB_LEVEL_FULL, A, logged, none, 0, TRUE, true},
-        {"full renews an equal entry", "a.nsf", DB_LEVEL_FULL, A, logged, equal, 0, TRUE, true},
-        {"full leaves the entry of a database never backed up", "a.nsf", DB_LEVEL_FULL, A, never,
-         other, 0, TRUE, false},
-        {"incremental skips an equal entry", "a.nsf", DB_LEVEL_INCR, A, logged, equal, kLongAgo,
-         FALSE, false},
-        {"incremental takes and updates another DBIID", "a.nsf", DB_LEVEL_INCR, A, logged, other, 0,
-         TRUE, true},
-        {"incremental skips without an entry", "a.nsf", DB_LEVEL_INCR, A, changed, none, kLongAgo,
-         FALSE, false},
-        {"incremental takes what was never backed up, adds nothing", "a.nsf", DB_LEVEL_INCR, A,
-         never, none, 0, TRUE, false},
-        {"incremental skips a circular log", "a.nsf", DB_LEVEL_INCR, C, spanned, none, kLongAgo,
-         FALSE, false},
-        {"incremental skips an unlogged database", "a.nsf", DB_LEVEL_INCR, A, unloggedChanged, none,
-         kLongAgo, FALSE, false},
-        {"incremental skips other files",
-         "a.id",
-         DB_LEVEL_INCR,
-         A,
-         {},
-         none,
-         kLongAgo,
-         FALSE,
-         false},
-        {"differential takes another DBIID", "a.ns4", DB_LEVEL_DIFF, A, logged, other, kFuture,
-         TRUE, true},
-        {"differential takes newer and modified", "a.nsf", DB_LEVEL_DIFF, A, changed, equal,
-         kLongAgo, TRUE, false},
-        {"differential skips newer but not modified", "a.nsf", DB_LEVEL_DIFF, A, logged, equal,
-         kLongAgo, FALSE, false},
-        {"differential skips modified but not newer", "a.nsf", DB_LEVEL_DIFF, A, changed, equal,
-         kFuture, FALSE, false},
-        {"differential asks the span of a circular log", "a.nsf", DB_LEVEL_DIFF, C, spanned, none,
-         kFuture, TRUE, false},
-        {"differential circular without a span", "a.nsf", DB_LEVEL_DIFF, C, logged, none, kFuture,
-         FALSE, false},
-        {"differential does not ask the span of an unlogged one", "a.nsf", DB_LEVEL_DIFF, A,
-         unlogged, none, kFuture, FALSE, false},
-        {"differential unlogged, modified", "a.nsf", DB_LEVEL_DIFF, A, unloggedChanged, none,
-         kLongAgo, TRUE, false},
-        {"differential takes a newer file",
-         "a.id",
-         DB_LEVEL_DIFF,
-         A,
-         {},
-         none,
-         kLongAgo,
-         TRUE,
-         false},
-        {"differential skips an older file",
-         "a.ncf",
-         DB_LEVEL_DIFF,
-         A,
-         {},
-         none,
-         kFuture,
-         FALSE,
-         false},
+        {"adds the entry", "a.nsf", kFull, A, logged, none, 0, TRUE, true},
+        {"renews an equal entry", "a.nsf", kFull, A, logged, equal, 0, TRUE, true},
+        {"leaves the entry if never backed up", "a.nsf", kFull, A, never, other, 0, TRUE, false},
+        {"skips an equal entry", "a.nsf", kIncr, A, logged, equal, kLongAgo, FALSE, false},
+        {"updates another DBIID", "a.nsf", kIncr, A, logged, other, 0, TRUE, true},
+        {"skips without an entry", "a.nsf", kIncr, A, changed, none, kLongAgo, FALSE, false},
+        {"adds nothing if never backed up", "a.nsf", kIncr, A, never, none, 0, TRUE, false},
+        {"skips a circular log", "a.nsf", kIncr, C, spanned, none, kLongAgo, FALSE, false},
+        {"skips unlogged", "a.nsf", kIncr, A, unloggedChanged, none, kLongAgo, FALSE, false},
+        {"skips other files", "a.id", kIncr, A, no, none, kLongAgo, FALSE, false},
+        {"takes another DBIID", "a.ns4", kDiff, A, logged, other, kFuture, TRUE, true},
+        {"newer and modified", "a.nsf", kDiff, A, changed, equal, kLongAgo, TRUE, false},
+        {"newer, not modified", "a.nsf", kDiff, A, logged, equal, kLongAgo, FALSE, false},
+        {"modified, not newer", "a.nsf", kDiff, A, changed, equal, kFuture, FALSE, false},
+        {"asks a circular span", "a.nsf", kDiff, C, spanned, none, kFuture, TRUE, false},
+        {"circular without a span", "a.nsf", kDiff, C, logged, none, kFuture, FALSE, false},
+        {"no span if unlogged", "a.nsf", kDiff, A, unlogged, none, kFuture, FALSE, false},
+        {"unlogged, modified", "a.nsf", kDiff, A, unloggedChanged, none, kLongAgo, TRUE, false},
+        {"a newer file", "a.id", kDiff, A, no, none, kLongAgo, TRUE, false},
+        {"an older file", "a.ncf", kDiff, A, no, none, kFuture, FALSE, false},
     };
     for (const Case& c : cases) {
-        SCOPED_TRACE(c.title);
+        SCOPED_TRACE(std::string(c.title) + ", level " + std::to_string(c.level));
         messages.clear();
         fs::remove(index());
         const std::string path = server.addDatabase(c.name, c.database);
@@ -400,11 +338,8 @@ TEST_F(DbiidIndex, FinishDeletesNothingOutsideTheTemporaryDirectory) {
          {std::string("nodelimiter.nsf"), std::string("/short"), data, data + "../victim.nsf",
           data + "a/../../victim.nsf", data + std::string(kPathSize, 'x')}) {
         SCOPED_TRACE(path.substr(0, 200));
-        g_sQRTLN_Global.ulDBErrorCode = 0;
-        *g_sQRTLN_Global.szDBErrorMsg = '\0';
         EXPECT_EQ(finishBackupFile(path.c_str(), TRUE), DB_NUM_E_FAILED);
-        EXPECT_THAT(g_sQRTLN_Global.szDBErrorMsg,
-                    ::testing::StartsWith("finishBackupFile(): file full path ["));
+        EXPECT_THAT(takeErrorText(), ::testing::StartsWith("finishBackupFile(): file full path ["));
     }
     // With TMP_DIR at the data directory the copy would be the live database.
     for (const std::string& directory : {data, data.substr(0, data.size() - 1)}) {

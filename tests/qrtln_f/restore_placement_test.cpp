@@ -5,7 +5,6 @@
 #include <gmock/gmock.h>
 #include <sys/stat.h>
 
-#include "qrt_lotus_notes/qrtln_u/messages.h"
 #include "tests/qrtln_f/fake_server.h"
 #include "tests/support/message_capture.h"
 
@@ -19,11 +18,7 @@ using testing::StartsWith;
 // A restore with a data directory and TMP_DIR. "@" in a text stands for the test's folder.
 class RestorePlacement : public testing::Test {
   protected:
-    RestorePlacement() {
-        g_sQRTLN_Global.vpTraceFunc = traceFunction;
-        g_sQRTLN_Global.vpLogFunc = logFunction;
-        restore(DB_LEVEL_FULL, QRTLN_OPERATION_TYPE_NOTES);
-    }
+    RestorePlacement() { restore(DB_LEVEL_FULL, QRTLN_OPERATION_TYPE_NOTES); }
 
     void restore(DB_OPERATION_LEVEL level, QRTLN_OPERATION_TYPE type) const {
         g_sQRTLN_Global.eI_OperationType = DB_TYPE_RST;
@@ -63,20 +58,13 @@ class RestorePlacement : public testing::Test {
         target = szDirectory;
         return result;
     }
-    static std::string takeErrorText() {
-        TYPE_DB_Error error = {};
-        takeError(&error);
-        return error.szDBErrorMsg;
-    }
     bool went(int number, const std::string& file) const {
         return messages.hasTrace("QRTLN_SetFile(): Go for RESTORE(" + std::to_string(number) +
                                  ") [" + full(file) + "]...");
     }
 
     MessageCapture messages;
-    const TYPE_DB_MessageFunc traceFunction = g_sQRTLN_Global.vpTraceFunc;
-    const TYPE_DB_MessageFunc logFunction = g_sQRTLN_Global.vpLogFunc;
-    FakeServer server; // resets the record
+    FakeServer server; // resets the record but the callbacks
     std::string target;
 };
 
@@ -107,7 +95,6 @@ TEST_F(RestorePlacement, ArgumentsChooseTheWholeSystemOrNames) {
          {"@/data", "@/data/lost.nsf"},
          ""},
         // A directory that cannot be read drops its argument.
-        {DB_LEVEL_FULL, {"@/gone/a.nsf"}, 1000, particular, {}, none},
         {DB_LEVEL_FULL,
          {"@/gone/a.nsf", "@/data/a.nsf"},
          3000,
@@ -215,6 +202,7 @@ TEST_F(RestorePlacement, DatabasesArePlacedUnderTmpDir) {
         {"@/data/m/../../x.nsf", ""},
         {"@/abc/../x.nsf", "", true},
         {"@/data/x.nsf", "", false, ""},
+        {"@/data/m/x.nsf", "@/tmp/m/x.nsf", true},
     };
     for (const Case& c : cases) {
         SCOPED_TRACE(std::string(c.file) + " " + c.tmpDir);
@@ -236,13 +224,13 @@ TEST_F(RestorePlacement, DatabasesArePlacedUnderTmpDir) {
                                      "directory [@/data/]")));
     EXPECT_TRUE(messages.hasLog(full("Activation is requested so first restore file under temp "
                                      "diretory [@/tmp]")));
-}
-
-TEST_F(RestorePlacement, RecoveryPlacesDatabasesLikeAnActivation) {
-    g_sQRTLN_Global.bRecovery = g_sQRTLN_Global.bActivate = TRUE;
+    g_sQRTLN_Global.bRecovery = TRUE;
     EXPECT_EQ(setFile("@/tmp/m/x.nsf"), 3000);
     EXPECT_TRUE(messages.hasLog(full("Recovery is requested so first restore file under temp "
                                      "diretory [@/tmp]")));
+    server.folder.write("tmp/file");
+    EXPECT_EQ(setFile("@/data/file/s/x.nsf"), 1000);
+    EXPECT_EQ(takeErrorText(), "File exists");
 }
 
 // What is weighed is TMP_DIR with the last component and its delimiter, not the path that comes of
@@ -277,12 +265,6 @@ TEST_F(RestorePlacement, LengthTestWeighsTheLastComponentAlone) {
                                 : full("QRTLN_SetFile(): File full path [@/data/" + c.below +
                                        "] is too long: " + std::to_string(c.length) + " > 1028"));
     }
-}
-
-TEST_F(RestorePlacement, ADirectoryThatCannotBeCreatedIsReported) {
-    server.folder.write("tmp/m");
-    EXPECT_EQ(setFile("@/data/m/s/x.nsf"), 1000);
-    EXPECT_EQ(takeErrorText(), "File exists");
 }
 
 TEST_F(RestorePlacement, SixWaysSelectAFile) {

@@ -34,52 +34,36 @@ std::vector<DWORD> readyLogs(std::vector<std::string>* paths = nullptr) {
     return numbers;
 }
 
-struct StyleCase {
-    const char* name;
-    STATUS styleStatus;
-    WORD style;
-    std::size_t readyExtents; ///< after three extents were filled
-    std::size_t filesKept;    ///< extents in the folder then; 4 fit in a ring
-    BOOL logged;
-};
-
-class LogStyles : public ::testing::TestWithParam<StyleCase> {};
-
-TEST_P(LogStyles, DecideWhatIsLoggedKeptAndReady) {
-    const StyleCase& expected = GetParam();
-    const TestServer server({"--style", expected.name, "--extent-size", kExtentSize});
-    WORD style = 99;
-    EXPECT_EQ(NSFGetTransLogStyle(&style), expected.styleStatus);
-    if (expected.styleStatus == 0) {
+TEST(LogStyles, DecideWhatIsLoggedKeptAndReady) {
+    struct Case {
+        const char* name;
+        STATUS styleStatus;
+        WORD style;               // 99: left alone
+        std::size_t readyExtents; // after three extents were filled
+        std::size_t filesKept;    // extents in the folder then; 4 fit in a ring
+        BOOL logged;
+    };
+    for (const Case& expected : {Case{"archive", 0, 1, 3, 4, 1}, Case{"circular", 0, 0, 0, 4, 1},
+                                 Case{"linear", 0, 2, 0, 4, 1}, Case{"none", 5119, 99, 0, 0, 0}}) {
+        SCOPED_TRACE(expected.name);
+        const TestServer server({"--style", expected.name, "--extent-size", kExtentSize});
+        WORD style = 99;
+        EXPECT_EQ(NSFGetTransLogStyle(&style), expected.styleStatus);
         EXPECT_EQ(style, expected.style);
-    }
-    {
-        const OpenDb db("names.nsf");
-        BOOL logged = 7;
-        UNIVERSALNOTEID logId = {};
-        UNIVERSALNOTEID dbiid = {};
-        DWORD extent = 0;
-        EXPECT_EQ(NSFDbGetLogInfo(db.handle, 0, &logged, &logId, &dbiid, &extent), 0);
+        const auto [logged, dbiid] = logInfo("names.nsf");
         EXPECT_EQ(logged, expected.logged);
         const UNIVERSALNOTEID none = {};
         EXPECT_EQ(std::memcmp(&dbiid, &none, sizeof none) != 0, expected.logged == 1);
+        fillLog(server, 7);
+        EXPECT_EQ(readyLogs().size(), expected.readyExtents);
+        std::size_t files = 0;
+        for (const auto& entry : fs::directory_iterator(server.root() + "/logs")) {
+            files += entry.path().extension() == ".TXN" ? 1 : 0;
+        }
+        EXPECT_EQ(files, expected.filesKept);
+        EXPECT_EQ(dominoSimJson({"show", server.root(), "names.nsf"})["integrity"], "ok");
     }
-    fillLog(server, 7);
-    EXPECT_EQ(readyLogs().size(), expected.readyExtents);
-    std::size_t files = 0;
-    for (const auto& entry : fs::directory_iterator(server.root() + "/logs")) {
-        files += entry.path().extension() == ".TXN" ? 1 : 0;
-    }
-    EXPECT_EQ(files, expected.filesKept);
-    EXPECT_EQ(dominoSimJson({"show", server.root(), "names.nsf"})["integrity"], "ok");
 }
-
-INSTANTIATE_TEST_SUITE_P(Server, LogStyles,
-                         ::testing::Values(StyleCase{"archive", 0, 1, 3, 4, 1},
-                                           StyleCase{"circular", 0, 0, 0, 4, 1},
-                                           StyleCase{"linear", 0, 2, 0, 4, 1},
-                                           StyleCase{"none", 5119, 0, 0, 0, 0}),
-                         [](const auto& one) { return std::string(one.param.name); });
 
 TEST(CircularLog, TurnsInARingOfFiles) {
     // The smallest ring is one MiB: 16 of these extents.

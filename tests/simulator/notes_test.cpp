@@ -38,15 +38,6 @@ std::string noteOf(const fs::path& file, NOTEID id) {
     return text;
 }
 
-std::vector<NOTEID> idsOf(DHANDLE table) {
-    std::vector<NOTEID> ids;
-    NOTEID id = 0;
-    for (BOOL first = 1; IDScan(table, first, &id) != 0; first = 0) {
-        ids.push_back(id);
-    }
-    return ids;
-}
-
 /// All documents by the wildcard time; none for status 572.
 std::vector<NOTEID> allDocuments(DBHANDLE db) {
     TIMEDATE wildcard = {};
@@ -131,23 +122,19 @@ TEST_F(DocumentRestore, CopyOverALiveNoteOrOfAMissingOneChangesNothing) {
     EXPECT_EQ(shown(), before);
 }
 
-// A deleted note whose id another note has got meanwhile must not overwrite that one.
-TEST_F(DocumentRestore, CopyOverANewNoteUnderAnOldIdIsRefused) {
-    ASSERT_EQ(NSFNoteDelete(original->handle, kFirstNote, 0), 0);
-    dominoSim({"put", server.root(), "names.nsf", "--id", std::to_string(kFirstNote)});
-    const std::string other = noteOf(server.data("names.nsf"), kFirstNote);
-    EXPECT_EQ(copy(kFirstNote), kNoteExists);
-    EXPECT_EQ(noteOf(server.data("names.nsf"), kFirstNote), other);
-}
-
-TEST_F(DocumentRestore, CopyOfANoteThatIsThereUnderAnotherIdIsRefused) {
+// A deleted note's id that another note has got meanwhile, or a note that is there under another
+// id.
+TEST_F(DocumentRestore, CopyThatWouldOverwriteOrDoubleANoteIsRefused) {
     sqlite3* database = nullptr;
     ASSERT_EQ(sqlite3_open(backupFile.c_str(), &database), SQLITE_OK);
-    EXPECT_EQ(sqlite3_exec(database, "UPDATE notes SET note_id=77777 WHERE note_id=2294", nullptr,
+    EXPECT_EQ(sqlite3_exec(database, "UPDATE notes SET note_id=77777 WHERE note_id=2298", nullptr,
                            nullptr, nullptr),
               SQLITE_OK);
     sqlite3_close(database);
+    ASSERT_EQ(NSFNoteDelete(original->handle, kFirstNote, 0), 0);
+    dominoSim({"put", server.root(), "names.nsf", "--id", std::to_string(kFirstNote)});
     const auto before = shown();
+    EXPECT_EQ(copy(kFirstNote), kNoteExists);
     EXPECT_EQ(copy(77777), kNoteExists);
     EXPECT_EQ(shown(), before);
 }
@@ -276,41 +263,6 @@ TEST(UserName, IsTheOneOfTheIdFile) {
     fs::remove(server.data("user.id"));
     EXPECT_EQ(SECKFMGetUserName(name), 259);
     EXPECT_NE(SECKFMGetUserName(nullptr), 0);
-}
-
-TEST(Faults, InTheFunctionsOfARestoreChangeNothing) {
-    const TestServer server;
-    const OpenDb db("names.nsf");
-    const DHANDLE table = unreadTable(db.handle, "CN=Ann");
-    DHANDLE more = 0;
-    ASSERT_EQ(IDTableCopy(table, &more), 0);
-    ASSERT_EQ(IDInsert(more, kFirstNote, nullptr), 0);
-    const auto before = dominoSimJson({"backups", server.root()});
-    const auto content = dominoSimJson({"show", server.root(), "names.nsf"});
-    std::string path = "mail/user1.nsf";
-    std::string user = "CN=Ann";
-    char name[257] = "as it was";
-    DHANDLE unread = 77;
-    ASSERT_EQ(
-        NotesSimSetFaults("NSFTakeDatabaseOffline=42,NSFBringDatabaseOnline=42,NSFDbCopyNote=42,"
-                          "NSFNoteDelete=42,NSFDbGetUnreadNoteTable=42,NSFDbUpdateUnread=42,"
-                          "NSFDbSetUnreadNoteTable=42,SECKFMGetUserName=42"),
-        0);
-    EXPECT_EQ(NSFTakeDatabaseOffline(path.data(), 0, 0), 42);
-    EXPECT_EQ(NSFBringDatabaseOnline(path.data(), 0), 42);
-    EXPECT_EQ(NSFDbCopyNote(db.handle, nullptr, nullptr, kFirstNote, db.handle, nullptr, nullptr,
-                            nullptr, nullptr),
-              42);
-    EXPECT_EQ(NSFNoteDelete(db.handle, kFirstNote, 0), 42);
-    EXPECT_EQ(NSFDbGetUnreadNoteTable(db.handle, user.data(), 6, 1, &unread), 42);
-    EXPECT_EQ(NSFDbUpdateUnread(db.handle, table), 42);
-    EXPECT_EQ(NSFDbSetUnreadNoteTable(db.handle, user.data(), 6, 0, table, more), 42);
-    EXPECT_EQ(SECKFMGetUserName(name), 42);
-    EXPECT_STREQ(name, "as it was");
-    EXPECT_EQ(NotesSimFaultsFired(), 8U);
-    EXPECT_EQ(NotesSimOutstanding(NOTES_SIM_ID_TABLES), 2U);
-    EXPECT_EQ(dominoSimJson({"backups", server.root()}), before);
-    EXPECT_EQ(dominoSimJson({"show", server.root(), "names.nsf"}), content);
 }
 
 } // namespace

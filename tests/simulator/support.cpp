@@ -68,20 +68,6 @@ nlohmann::json dominoSimJson(const std::vector<std::string>& arguments) {
     return nlohmann::json::parse(dominoSim(all).output, nullptr, false);
 }
 
-TemporaryFolder::TemporaryFolder() {
-    std::string name = (fs::temp_directory_path() / "notes-simulator-XXXXXX").string();
-    if (::mkdtemp(name.data()) == nullptr) {
-        ADD_FAILURE() << "no temporary folder";
-        std::abort();
-    }
-    m_path = name;
-}
-
-TemporaryFolder::~TemporaryFolder() {
-    std::error_code ignored;
-    fs::remove_all(m_path, ignored);
-}
-
 TestServer::TestServer(std::vector<std::string> initArguments) {
     initArguments.insert(initArguments.begin(), {"init", root(), "--databases", "5"});
     dominoSim(initArguments);
@@ -168,13 +154,32 @@ OpenDb::~OpenDb() {
     }
 }
 
+std::pair<BOOL, UNIVERSALNOTEID> logInfo(const std::string& database) {
+    const OpenDb db(database);
+    BOOL logged = 7;
+    UNIVERSALNOTEID logId = {};
+    UNIVERSALNOTEID dbiid = {};
+    DWORD extent = 0;
+    EXPECT_EQ(NSFDbGetLogInfo(db.handle, 0, &logged, &logId, &dbiid, &extent), 0);
+    return {logged, dbiid};
+}
+
+std::vector<NOTEID> idsOf(DHANDLE table) {
+    std::vector<NOTEID> ids;
+    NOTEID id = 0;
+    for (BOOL first = 1; IDScan(table, first, &id) != 0; first = 0) {
+        ids.push_back(id);
+    }
+    return ids;
+}
+
 void backUp(const std::string& database, const fs::path& source, const fs::path& copy,
             const CopySteps& steps) {
-    const OpenDb db(database);
-    DHANDLE context = 0;
-    DWORD low = 0;
-    DWORD high = 0;
-    ASSERT_EQ(NSFBackupStart(db.handle, 0, &context, &low, &high), 0);
+    OpenBackup backup(database);
+    const DBHANDLE db = backup.database.handle;
+    const DHANDLE context = backup.context;
+    auto& [low, high] = backup.size;
+    ASSERT_EQ(backup.status, 0);
     {
         std::ifstream in(source, std::ios::binary);
         std::ofstream out(copy, std::ios::binary | std::ios::trunc);
@@ -191,23 +196,23 @@ void backUp(const std::string& database, const fs::path& source, const fs::path&
             }
         }
     }
-    EXPECT_EQ(NSFBackupSetHighWaterMark(db.handle, context, low, high), 0);
-    ASSERT_EQ(NSFBackupStop(db.handle, context), 0);
+    EXPECT_EQ(NSFBackupSetHighWaterMark(db, context, low, high), 0);
+    ASSERT_EQ(NSFBackupStop(db, context), 0);
     if (steps.applyChanges) {
         DHANDLE apply = 0;
         std::string path = copy.string();
-        ASSERT_EQ(NSFBackupGetChangeInfoSize(db.handle, context, 0, &low, &high), 0);
+        ASSERT_EQ(NSFBackupGetChangeInfoSize(db, context, 0, &low, &high), 0);
         ASSERT_EQ(NSFBackupStartApplyChangeInfo(&apply, path.data(), 0, low, high), 0);
         std::vector<BYTE> buffer(steps.infoBuffer);
         for (DWORD filled = 1; filled != 0;) {
-            ASSERT_EQ(NSFBackupGetNextChangeInfo(db.handle, context, 0, buffer.data(),
-                                                 steps.infoBuffer, &filled),
+            ASSERT_EQ(NSFBackupGetNextChangeInfo(db, context, 0, buffer.data(), steps.infoBuffer,
+                                                 &filled),
                       0);
             ASSERT_EQ(NSFBackupApplyNextChangeInfo(apply, 0, buffer.data(), filled), 0);
         }
         ASSERT_EQ(NSFBackupEndApplyChangeInfo(apply, 0), 0);
     }
-    ASSERT_EQ(NSFBackupEnd(db.handle, context, 0), 0);
+    ASSERT_EQ(backup.end(0), 0);
 }
 
 bool inKilledProcess(const std::function<bool()>& body) {

@@ -2,6 +2,7 @@
 #pragma once
 
 #include "notes_simulator/notes_simulator.h"
+#include "tests/support/temporary_folder.h"
 
 #include <nlohmann/json.hpp>
 
@@ -10,6 +11,7 @@
 #include <filesystem>
 #include <functional>
 #include <string>
+#include <utility>
 #include <vector>
 
 namespace simulator_tests {
@@ -27,17 +29,9 @@ RunResult dominoSim(std::vector<std::string> arguments, int expectedExit = 0);
 nlohmann::json dominoSimJson(const std::vector<std::string>& arguments);
 
 /// A folder that goes away with the object.
-class TemporaryFolder {
+class TemporaryFolder : public ::TemporaryFolder {
   public:
-    TemporaryFolder();
-    ~TemporaryFolder();
-    TemporaryFolder(const TemporaryFolder&) = delete;
-    TemporaryFolder& operator=(const TemporaryFolder&) = delete;
-    std::filesystem::path operator/(const std::string& name) const { return m_path / name; }
-    const std::filesystem::path& path() const { return m_path; }
-
-  private:
-    std::filesystem::path m_path;
+    std::filesystem::path operator/(const std::string& name) const { return file(name); }
 };
 
 /// A server made by domino-sim, and the runtime of this process started on it.
@@ -100,6 +94,29 @@ class OpenDb {
     OpenDb& operator=(const OpenDb&) = delete;
     DBHANDLE handle = 0;
 };
+
+/// A database and a backup of it that was begun; `status` is the answer to the begin.
+class OpenBackup {
+  public:
+    explicit OpenBackup(const std::string& path) : database(path) { start(); }
+    /// Begins once more, as after a failed begin.
+    STATUS start() {
+        return status = NSFBackupStart(database.handle, 0, &context, &size[0], &size[1]);
+    }
+    /// Ends it with an option of NSFBackupEnd: 0 done, 1 given up.
+    STATUS end(DWORD option) const { return NSFBackupEnd(database.handle, context, option); }
+
+    OpenDb database;
+    DHANDLE context = 0;
+    DWORD size[2] = {};
+    STATUS status = 0;
+};
+
+/// Whether a database is logged, and its DBIID.
+std::pair<BOOL, UNIVERSALNOTEID> logInfo(const std::string& database);
+
+/// The ids of a table in its order.
+std::vector<NOTEID> idsOf(DHANDLE table);
 
 /// How a test copies a database.
 struct CopySteps {
