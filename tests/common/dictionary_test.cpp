@@ -85,13 +85,6 @@ TEST(Dictionary, NullArgumentsDoNothing) {
     EXPECT_EQ(d->n, 0);
 }
 
-TEST(Dictionary, MemDoubleKeepsTheFirstHalfAndClearsTheSecond) {
-    char* const block = strdup("1234567");
-    char* const doubled = static_cast<char*>(mem_double(block, 8));
-    EXPECT_EQ(std::string(doubled, 16), std::string("1234567") + std::string(9, '\0'));
-    std::free(doubled);
-}
-
 // Against the obvious model: a map, and the order of first appearance.
 TEST(Dictionary, BehavesLikeAMapOverRandomSetsWithStableSlots) {
     unsigned int seed = 20240229;

@@ -24,15 +24,23 @@ mode_t modeOf(const std::string& path) {
     return status.st_mode & 07777;
 }
 
-TEST(DirectoryBranch, MissingLevelsAreMadeAndThePathIsWholeAgain) {
+TEST(DirectoryBranch, MissingLevelsAreMadeWithTheirModeAndThePathIsWholeAgain) {
     const TemporaryFolder folder;
-    for (const char* name : {"a//b/", "c", "d/e/f", "a/b"}) {
+    folder.makeDirectory("real/kept");
+    ASSERT_EQ(chmod(folder.file("real/kept").c_str(), 0700), 0);
+    fs::create_directory_symlink(folder.file("real"), folder.file("link"));
+    const mode_t mask = umask(0077);
+    for (const char* name : {"a//b/", "c", "d/e/f", "a/b", "link/kept/below"}) {
         std::string path = folder.file(name);
         const std::string before = path;
         EXPECT_EQ(makeBranch(path), 0) << name;
         EXPECT_EQ(path, before);
         EXPECT_TRUE(fs::is_directory(before)) << name;
     }
+    umask(mask);
+    EXPECT_EQ(modeOf(folder.file("a")), 0775U) << "whatever the creation mask";
+    EXPECT_EQ(modeOf(folder.file("a/b")), 0775U);
+    EXPECT_EQ(modeOf(folder.file("real/kept")), 0700U) << "was there before";
 }
 
 TEST(DirectoryBranch, BackslashesDelimitWhereThereIsOne) {
@@ -49,40 +57,12 @@ TEST(DirectoryBranch, BackslashesDelimitWhereThereIsOne) {
     EXPECT_TRUE(folder.exists("plain"));
 }
 
-TEST(DirectoryBranch, NewDirectoriesHaveTheirModeWhateverTheCreationMask) {
-    const TemporaryFolder folder;
-    const mode_t before = umask(0077);
-    std::string path = folder.file("a/b");
-    EXPECT_EQ(makeBranch(path), 0);
-    umask(before);
-    EXPECT_EQ(modeOf(folder.file("a")), 0775U);
-    EXPECT_EQ(modeOf(folder.file("a/b")), 0775U);
-}
-
-TEST(DirectoryBranch, ExistingDirectoriesKeepTheirMode) {
-    const TemporaryFolder folder;
-    folder.makeDirectory("a/b");
-    ASSERT_EQ(chmod(folder.file("a").c_str(), 0700), 0);
-    std::string path = folder.file("a/b");
-    EXPECT_EQ(makeBranch(path), 0);
-    EXPECT_EQ(modeOf(folder.file("a")), 0700U);
-}
-
 TEST(DirectoryBranch, AFileOnTheWayFailsAndLeavesThePathCutThere) {
     const TemporaryFolder folder;
     folder.write("file");
     std::string path = folder.file("file/below/more");
     EXPECT_EQ(makeBranch(path), -1);
     EXPECT_EQ(std::string(path.c_str()), folder.file("file"));
-}
-
-TEST(DirectoryBranch, LinkOnTheWayIsTakenAsADirectory) {
-    const TemporaryFolder folder;
-    folder.makeDirectory("real");
-    fs::create_directory_symlink(folder.file("real"), folder.file("link"));
-    std::string path = folder.file("link/below");
-    EXPECT_EQ(makeBranch(path), 0);
-    EXPECT_TRUE(folder.exists("real/below"));
 }
 
 TEST(PathKind, LinksCountAsDirectoriesWhateverTheyPointTo) {

@@ -5,7 +5,6 @@
 #include <cerrno>
 #include <csignal>
 #include <cstring>
-#include <ctime>
 #include <memory>
 #include <string>
 #include <vector>
@@ -365,21 +364,6 @@ TEST_F(IniUpdate, EntryThatDoesNotReachTheDiskIsReportedAndComesWithTheNext) {
         EXPECT_STREQ(result.call, "fwrite");
         set("DBIID", "c" + std::to_string(limit), "3");
     }
-}
-
-// In processor time: writing the whole for each entry would write some 30 gigabytes.
-TEST_F(IniUpdate, RunOverManyDatabasesCostsNoMoreThanTheirNumber) {
-    iniparser_add_entry(d.get(), "DBIID", nullptr, nullptr);
-    const std::clock_t start = std::clock();
-    for (int i = 0; i < 30000; ++i) {
-        const std::string key = "/local/notesdata/mail/" + std::to_string(i) + ".nsf";
-        iniparser_add_entry(d.get(), "DBIID", key.c_str(), "00000000-00000000 0000000000000000");
-        ASSERT_EQ(
-            iniparser_update_dump(d.get(), ("DBIID:" + key).c_str(), path.c_str(), layout).error,
-            0);
-    }
-    EXPECT_LT(std::clock() - start, 10 * CLOCKS_PER_SEC);
-    EXPECT_EQ(folder.read("copy.ini"), dump(d.get()));
 }
 
 } // namespace

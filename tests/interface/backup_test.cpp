@@ -70,17 +70,13 @@ TEST(Backup, PreparedCopyIsSoundAndGoesWhenTheItemIsFinished) {
     inOwnProcess([] {
         SimulatedServer server;
         Module module;
-        ASSERT_EQ(module.open(server, DB_TYPE_BCK, DB_LEVEL_COPY,
-                              {"DATABASE=QRTLN:" + server.data("names.nsf")}),
+        const std::string database = server.data("names.nsf");
+        ASSERT_EQ(module.open(server, DB_TYPE_BCK, DB_LEVEL_COPY, {"DATABASE=QRTLN:" + database}),
                   DB_NUM_I_OK);
-        std::string item;
-        do {
-            item = module.get();
-            if (!item.ends_with(".nsf")) {
-                module.ItemFinishStatus(DB_ITEM_SUCCESS);
-            }
-        } while (!item.empty() && !item.ends_with(".nsf"));
-        const std::string copy = module.prepare(item);
+        while (module.get() != database) {
+            ASSERT_EQ(module.ItemFinishStatus(DB_ITEM_SUCCESS), DB_NUM_I_OK);
+        }
+        const std::string copy = module.prepare(database);
         EXPECT_EQ(copy, server.folder.file("tmp/names.nsf"));
         server.simulate("show " + copy);
         EXPECT_EQ(module.ItemFinishStatus(DB_ITEM_SUCCESS), DB_NUM_I_OK);
@@ -155,22 +151,8 @@ TEST(Backup, IncrementalTakesOnlyDatabasesWhoseInstanceChanged) {
     });
 }
 
-TEST(Backup, IncrementalWithoutArchiveLogsFailsAndItsCloseStillAsksToEndArchiving) {
+TEST(Backup, WithoutArchiveLogsAFullBackupEndsAfterTheDatabasesAndAnIncrementalOneFails) {
     for (const char* style : {"circular", "linear", "none"}) {
-        SCOPED_TRACE(style);
-        inOwnProcess([&] {
-            SimulatedServer server(style);
-            Module module;
-            EXPECT_EQ(module.open(server, DB_TYPE_BCK, DB_LEVEL_INCR), DB_NUM_E_FAILED);
-            Module::s_traces.clear();
-            EXPECT_EQ(module.close("STATUS=1"), DB_NUM_I_OK);
-            EXPECT_TRUE(Module::traced("endArchiveLogs() call"));
-        });
-    }
-}
-
-TEST(Backup, FullBackupWithoutArchiveLogsEndsAfterTheDatabases) {
-    for (const char* style : {"circular", "none"}) {
         SCOPED_TRACE(style);
         inOwnProcess([&] {
             SimulatedServer server(style);
@@ -181,6 +163,11 @@ TEST(Backup, FullBackupWithoutArchiveLogsEndsAfterTheDatabases) {
             EXPECT_THAT(endingWith(items, ".TXN"), IsEmpty());
             EXPECT_THAT(endingWith(items, ".lfh"), IsEmpty());
             EXPECT_EQ(module.close("STATUS=0"), DB_NUM_I_OK);
+
+            EXPECT_EQ(module.open(server, DB_TYPE_BCK, DB_LEVEL_INCR), DB_NUM_E_FAILED);
+            Module::s_traces.clear();
+            EXPECT_EQ(module.close("STATUS=1"), DB_NUM_I_OK);
+            EXPECT_TRUE(Module::traced("endArchiveLogs() call")) << "still asks to end archiving";
         });
     }
 }

@@ -134,7 +134,7 @@ TEST(States, SecondStartWithoutACloseUndoesTheFirst) {
     });
 }
 
-TEST(States, WrongOperationTypesAreRefused) {
+TEST(States, WrongOperationsAreRefusedAndTheLongPathPrefixIsDropped) {
     inOwnProcess([] {
         SimulatedServer server;
         Module module;
@@ -142,13 +142,7 @@ TEST(States, WrongOperationTypesAreRefused) {
         EXPECT_EQ(module.error(), kNotExpected);
         EXPECT_EQ(server.calls("NotesTerm"), 1);
         module.close("STATUS=0");
-    });
-}
-
-TEST(States, ItemsOfABackupAreNotSetAndTheLongPathPrefixIsDropped) {
-    inOwnProcess([] {
-        SimulatedServer server;
-        Module module;
+        module.error();
         ASSERT_EQ(module.open(server, DB_TYPE_BCK, DB_LEVEL_FULL), DB_NUM_I_OK);
         char szItem[1028] = "\\\\?\\/a/b.nsf";
         EXPECT_EQ(module.SetItem(DB_ITEM_TYPE_SITE, szItem), DB_NUM_I_OK);

@@ -54,6 +54,7 @@ class DbiidIndex : public ::testing::Test {
 };
 
 TEST_F(DbiidIndex, WithoutAnIndexTheRunStartsEmptyAndLeavesNoIndexWhenNothingIsWritten) {
+    server.folder.write(workingName(), "left by another process of this id");
     openDBIIDIndex();
     EXPECT_EQ(wholeDump(), "\n[DBIID]\n\n");
     EXPECT_TRUE(runFiles().empty());
@@ -67,7 +68,6 @@ TEST_F(DbiidIndex, WithoutAnIndexTheRunStartsEmptyAndLeavesNoIndexWhenNothingIsW
 TEST_F(DbiidIndex, WorkingCopyReadsLikeAWholeWriteAfterEveryChange) {
     const std::string old = "\n[DBIID]\n/d/a.nsf=" + textOf(1) + "\n/d/short=x\n\n";
     server.folder.write("run/qrtln_DBIID.ini", old);
-    server.folder.write(workingName(), "left by another process of this id");
     openDBIIDIndex();
     EXPECT_EQ(workingCopy(), old);
     for (const auto& [path, number] : {std::pair{"/d/b.nsf", 2}, std::pair{"/d/a.nsf", 3},
@@ -138,6 +138,7 @@ TEST_F(DbiidIndex, WorkingCopyThatCannotBeWrittenNeverReplacesTheIndex) {
             (opens ? "writing " + copy + " failed with errno (28): No space left on device"
                    : "fopen(" + copy + ") failed with errno (21): Is a directory")));
         EXPECT_EQ(storedDbIId("/d/a.nsf"), textOf(opens ? 2 : 1));
+        EXPECT_FALSE(fs::is_symlink(copy)) << "half an index is no index";
         EXPECT_EQ(QRTLN_EndDBIIDIndexProcessing(TRUE), DB_NUM_E_FAILED);
         EXPECT_EQ(server.folder.read("run/qrtln_DBIID.ini"), old);
         fs::remove_all(copy);

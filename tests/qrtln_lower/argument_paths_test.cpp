@@ -198,29 +198,6 @@ TEST(DatabaseForRecovery, TakesTheLastOfItsNameFromTheQueueOnce) {
     EXPECT_EQ(isDatabaseForRecovery("/b"), 0);
 }
 
-TEST(IncrementalRestore, DependsOnTypeLevelAndSelection) {
-    struct Case {
-        DB_OPERATION_TYPE type;
-        DB_OPERATION_LEVEL level;
-        QRTLN_OPERATION_TYPE selection;
-        bool incremental, full;
-    };
-    const Case cases[] = {
-        {DB_TYPE_RST, DB_LEVEL_INCR, QRTLN_OPERATION_TYPE_NOTES, true, true},
-        {DB_TYPE_RST, DB_LEVEL_INCR, QRTLN_OPERATION_TYPE_PARTICULAR, true, false},
-        {DB_TYPE_RST, DB_LEVEL_DIFF, QRTLN_OPERATION_TYPE_NOTES, false, false},
-        {DB_TYPE_BCK, DB_LEVEL_INCR, QRTLN_OPERATION_TYPE_NOTES, false, false},
-    };
-    for (const Case& expected : cases) {
-        g_sQRTLN_Global.eI_OperationType = expected.type;
-        g_sQRTLN_Global.eI_OperationLevel = expected.level;
-        g_sQRTLN_Global.eI_BackupType = expected.selection;
-        EXPECT_EQ(isIncrementalRestore() != 0, expected.incremental);
-        EXPECT_EQ(isFullIncrementalRestore() != 0, expected.full);
-    }
-    g_sQRTLN_Global = {};
-}
-
 // Two lists that differ on purpose: a change to one must not pass for a repair.
 TEST(FileKind, GoesByTheExtensionInAnyCase) {
     struct Case {
@@ -277,45 +254,36 @@ TEST(CurrentTime, IsDecimalTextOfFixedWidthInLocalTime) {
 TEST(NewerFile, CountsBothTimesAndEqualOnesAndDoubt) {
     const TemporaryFolder folder;
     const std::string path = folder.write("f");
-    const struct utimbuf longAgo = {1000000000, 1000000000};
-    ASSERT_EQ(utime(path.c_str(), &longAgo), 0);
-    struct stat status;
-    ASSERT_EQ(stat(path.c_str(), &status), 0);
-    const time_t changed = status.st_ctime;
-    MessageCapture messages;
+    const auto setTime = [&](time_t time) {
+        const struct utimbuf times = {time, time};
+        EXPECT_EQ(utime(path.c_str(), &times), 0);
+        struct stat status = {};
+        EXPECT_EQ(stat(path.c_str(), &status), 0);
+        return status.st_ctime;
+    };
+    const time_t changed = setTime(86400);
     EXPECT_EQ(isFileNewer(path.c_str(), changed + 1), 0);
     EXPECT_EQ(isFileNewer(path.c_str(), changed), 1);
-    EXPECT_EQ(isFileNewer(path.c_str(), changed - 1), 1);
-    EXPECT_TRUE(messages.logs().empty());
     // Modified later than it was changed, as a restored time can be.
-    const struct utimbuf future = {changed + 5000, changed + 5000};
-    ASSERT_EQ(utime(path.c_str(), &future), 0);
+    setTime(changed + 5000);
     EXPECT_EQ(isFileNewer(path.c_str(), changed + 5000), 1);
     EXPECT_EQ(isFileNewer(path.c_str(), changed + 5001), 0);
-    messages.clear();
+
     const std::string missing = folder.file("missing");
+    EXPECT_EQ(isFileNewer(missing.c_str(), changed), 1) << "without callbacks";
+    const MessageCapture messages;
     EXPECT_EQ(isFileNewer(missing.c_str(), changed), 1);
     EXPECT_THAT(messages.logs(),
                 ElementsAre("isFileNewer(): stat [" + missing + "] failed with errno [2]"));
-}
-
-TEST(NewerFile, TraceShowsTheTimeAndNoCallbackIsNeeded) {
-    const TemporaryFolder folder;
-    const std::string path = folder.write("f");
     setenv("TZ", "UTC", 1);
     tzset();
-    {
-        MessageCapture messages;
-        EXPECT_EQ(isFileNewer(path.c_str(), 86400), 1);
-        EXPECT_THAT(messages.traces(),
-                    ElementsAre("isFileNewer(): [" + path +
-                                "] file is newer than Fri Jan  2 00:00:00 1970"));
-        // A time beyond the calendar.
-        EXPECT_EQ(isFileNewer(path.c_str(), std::numeric_limits<time_t>::min()), 1);
-    }
+    EXPECT_EQ(isFileNewer(path.c_str(), 86400), 1);
+    EXPECT_TRUE(messages.hasTrace("isFileNewer(): [" + path +
+                                  "] file is newer than Fri Jan  2 00:00:00 1970"));
+    // A time beyond the calendar.
+    EXPECT_EQ(isFileNewer(path.c_str(), std::numeric_limits<time_t>::min()), 1);
     unsetenv("TZ");
     tzset();
-    EXPECT_EQ(isFileNewer(folder.file("missing").c_str(), 0), 1);
 }
 
 TEST(DriveLetter, TakesTheCaseOfTheSource) {

@@ -10,7 +10,6 @@
 #include <sys/resource.h>
 #include <unistd.h>
 
-#include "notes_api/notes_api.h"
 #include "tests/support/message_capture.h"
 #include "tests/support/temporary_folder.h"
 
@@ -220,38 +219,6 @@ TEST_F(FilePrimitives, CopyKeepsTheSourceOpenOnlyWhenTheTargetCannotBeOpened) {
     EXPECT_EQ(openFiles(), before + 1);
     EXPECT_TRUE(messages.hasTrace("Error opening [" + unreachable +
                                   "]: error (2): No such file or directory"));
-}
-
-int s_translations = 0;
-
-// Without a trace callback a file is handled without a single call of the Notes C API.
-TEST(FilePrimitivesWithoutCallbacks, TranslateNoName) {
-    s_translations = 0;
-    const TemporaryFolder folder;
-    g_sQRTLN_Global.bNotesInitialized = TRUE;
-    notes_api.OSTranslate = [](WORD, const char*, WORD, char*, WORD) -> WORD {
-        return static_cast<WORD>(++s_translations);
-    };
-    FILE* stream = nullptr;
-    const std::string missing = folder.file("no/such");
-    std::string directory = folder.file("d/e");
-    SysFileCreateDirectory(directory.data());
-    SysFileCreate(missing.c_str(), &stream);
-    SysFileOpen(missing.c_str(), &stream);
-    SysFileOpenRead(missing.c_str(), &stream);
-    SysFileDelete(folder.path().c_str());
-    SysFileCopy(missing.c_str(), missing.c_str(), FALSE);
-    SysFileCopy(folder.path().c_str(), folder.file("f").c_str(), FALSE);
-    SysFileCopy(folder.file("f").c_str(), folder.file("f").c_str(), TRUE);
-    SysFileCopy(folder.file("f").c_str(), "/dev/full", FALSE);
-    EXPECT_EQ(s_translations, 0);
-    {
-        MessageCapture messages;
-        SysFileOpen(missing.c_str(), &stream);
-        EXPECT_GT(s_translations, 0);
-    }
-    notes_api.OSTranslate.setAddress(nullptr);
-    g_sQRTLN_Global.bNotesInitialized = FALSE;
 }
 
 TEST(PlatformStandIns, AnswerAsWithoutThePlatformsFeatures) {

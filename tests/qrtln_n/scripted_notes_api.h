@@ -117,7 +117,8 @@ class ScriptedNotesApi {
     }
 
     // Functions whose signature says all: numbers, times and texts that go in make the call, what
-    // goes out is filled from the answer. An identity of a log or database always goes out.
+    // goes out is filled from the answer. An identity of a log or database always goes out; DBIDs
+    // are left alone.
     template <auto Slot, typename Result, typename... Arguments>
     static void install(NotesFunction<Result(Arguments...)>& slot) {
         slot = [](Arguments... arguments) -> Result {
@@ -127,7 +128,9 @@ class ScriptedNotesApi {
             const Answer a = s_current->answer(call.str());
             [[maybe_unused]] std::size_t next = 0;
             (fill(a, next, arguments), ...);
-            if constexpr (!std::is_void_v<Result>) {
+            if constexpr (std::is_same_v<Result, BOOL>) {
+                return a.status == 0;
+            } else if constexpr (!std::is_void_v<Result>) {
                 return a.status;
             }
         };
@@ -168,6 +171,7 @@ class ScriptedNotesApi {
 
     void installPlain() {
         installAll<&NotesApi::NotesTerm, &NotesApi::OSMemAlloc, &NotesApi::OSMemFree,
+                   &NotesApi::OSUnlockObject, &NotesApi::NSFDbIDGet, &NotesApi::NSFDbCopyNote,
                    &NotesApi::NSFDbOpen, &NotesApi::NSFDbClose, &NotesApi::NSFDbGetLogInfo,
                    &NotesApi::NSFDbGetModifiedNoteTable, &NotesApi::IDDestroyTable,
                    &NotesApi::IDTableCopy, &NotesApi::NSFIsNewBackupNeeded,
@@ -220,9 +224,6 @@ class ScriptedNotesApi {
         notes_api.OSLockObject = [](DHANDLE handle) -> void* {
             return take("OSLockObject", handle).status == 0 ? s_current->memory.data() : nullptr;
         };
-        notes_api.OSUnlockObject = [](DHANDLE handle) -> BOOL {
-            return take("OSUnlockObject", handle).status == 0;
-        };
         notes_api.OSGetIntlSettings = [](INTLFORMAT* intl, WORD size) {
             EXPECT_EQ(size, sizeof(INTLFORMAT));
             *intl = s_current->settings;
@@ -266,21 +267,6 @@ class ScriptedNotesApi {
             std::size_t next = 0;
             fill(take("IDEntries", table), next, &entries);
             return entries;
-        };
-        notes_api.NSFDbIDGet = [](DBHANDLE handle, DBID* id) -> STATUS {
-            const Answer a = take("NSFDbIDGet", handle);
-            *id = {{handle, handle}};
-            return a.status;
-        };
-        notes_api.NSFDbCopyNote =
-            [](DBHANDLE source, DBID* sourceId, DBID* sourceReplica, NOTEID note, DBHANDLE target,
-               DBID* targetId, DBID* targetReplica, NOTEID* newNote, WORD* noteClass) -> STATUS {
-            // The identities are those of the handles; nothing else is given or asked for.
-            EXPECT_EQ(sourceId->Innards[0], source);
-            EXPECT_EQ(targetId->Innards[0], target);
-            EXPECT_TRUE(sourceReplica == nullptr && targetReplica == nullptr);
-            EXPECT_TRUE(newNote == nullptr && noteClass == nullptr);
-            return take("NSFDbCopyNote", source, note, target).status;
         };
         notes_api.NSFRecoverDatabases = [](char* names, LOGRESTORECALLBACKFUNCTION callback,
                                            DWORD flags, WORD* index, TIMEDATE* time) -> STATUS {

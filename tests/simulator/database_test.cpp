@@ -57,20 +57,6 @@ TEST(NsfDbOpen, LeavesTheFileAsItWas) {
     EXPECT_EQ(neighbours, 0U);
 }
 
-TEST(DamagedDatabase, IsAStatusAndNotACrash) {
-    const TestServer server;
-    dominoSim({"damage", server.data("names.nsf").string()});
-    DBHANDLE db = 0;
-    if (NSFDbOpen("names.nsf", &db) == 0) {
-        TIMEDATE since = {};
-        TIMEDATE until = {};
-        DHANDLE table = 0;
-        TimeConstant(2, &since);
-        EXPECT_NE(NSFDbGetModifiedNoteTable(db, 0x7FFF, since, &until, &table), 0);
-    }
-    dominoSim({"show", server.root(), "names.nsf"}, 4);
-}
-
 TEST(LogInfo, TellsLoggedDatabasesFromOthersAndFollowsCompaction) {
     const TestServer server;
     dominoSim({"create", server.root(), "plain.nsf", "--unlogged"});

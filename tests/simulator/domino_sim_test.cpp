@@ -39,17 +39,6 @@ TEST(DominoSim, TellsUsageErrorsFromFailures) {
     }
 }
 
-TEST(DominoSim, MakesAsManyDatabasesAsAskedFor) {
-    const TemporaryFolder folder;
-    const std::string root = (folder / "server").string();
-    dominoSim({"init", root, "--databases", "12"});
-    EXPECT_EQ(dominoSimJson({"backups", root}).size(), 12U);
-    for (const char* file : {"names.nsf", "log.nsf", "mail.box", "pubnames.ntf", "user.id",
-                             "desktop.dsk", "notes.ini", "mail/user8.nsf"}) {
-        EXPECT_TRUE(fs::exists(root + "/data/" + file)) << file;
-    }
-}
-
 TEST(DominoSim, RefusedChangesChangeNothing) {
     const TestServer server({"--extent-size", "65536"});
     const auto before = dominoSimJson({"show", server.root(), "names.nsf"});

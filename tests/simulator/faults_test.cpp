@@ -27,26 +27,6 @@ TEST(Faults, HitTheNamedCallOnly) {
     EXPECT_EQ(NotesSimFaultsFired(), 0U);
 }
 
-TEST(Faults, OfFunctionsWithoutAStatusFailInTheirOwnWay) {
-    const TestServer server;
-    ASSERT_EQ(NotesSimSetFaults("OSGetDataDirectory=1,OSGetEnvironmentString=1,OSLockObject=1,"
-                                "OSLoadString=1,OSTranslate=1,IDEntries=1,TimeConstant=1"),
-              0);
-    char buffer[1028] = "as it was";
-    EXPECT_EQ(OSGetDataDirectory(buffer), 0);
-    EXPECT_EQ(OSGetEnvironmentString("Directory", buffer, sizeof buffer), 0);
-    EXPECT_EQ(OSLoadString(0, 259, buffer, sizeof buffer), 0);
-    EXPECT_EQ(OSTranslate(0, "x", 0xFFFF, buffer, sizeof buffer), 0);
-    EXPECT_STREQ(buffer, "as it was");
-    DHANDLE memory = 0;
-    ASSERT_EQ(OSMemAlloc(0, 10, &memory), 0);
-    EXPECT_EQ(OSLockObject(memory), nullptr);
-    TIMEDATE time = {{5, 5}};
-    TimeConstant(2, &time);
-    EXPECT_EQ(time.Innards[0], 5U);
-    EXPECT_EQ(NotesSimFaultsFired(), 6U);
-}
-
 TEST(Faults, WithWrongSyntaxChangeNothing) {
     const TestServer server;
     ASSERT_EQ(NotesSimSetFaults("NSFDbOpen=513"), 0);

@@ -236,17 +236,15 @@ TEST(UnreadMarks, AreSetByTheDifferenceOfTwoTables) {
 TEST(UserName, IsTheOneOfTheIdFile) {
     const TestServer server;
     char name[257] = {};
+    const auto named = [&](const std::string& user) {
+        std::ofstream(server.root() + "/notes.ini", std::ios::app)
+            << "SimUserName=" << user << '\n';
+        EXPECT_EQ(server.start(), 0);
+        return SECKFMGetUserName(name);
+    };
     ASSERT_EQ(SECKFMGetUserName(name), 0);
     EXPECT_STREQ(name, "CN=Admin/O=Simulated");
-    {
-        const OpenDb db("names.nsf");
-        ASSERT_EQ(markUnread(db.handle, name, kFirstNote), 0);
-    }
-    EXPECT_EQ(dominoSim({"unread", server.root(), "names.nsf"}).output, "2294\n");
-    std::ofstream(server.root() + "/notes.ini", std::ios::app)
-        << "SimUserName=CN=J\xC3\xBCrgen/O=Acme\n";
-    ASSERT_EQ(server.start(), 0);
-    ASSERT_EQ(SECKFMGetUserName(name), 0);
+    ASSERT_EQ(named("CN=J\xC3\xBCrgen/O=Acme"), 0);
     char native[257] = {};
     OSTranslate(1, name, 0xFFFF, native, sizeof native);
     EXPECT_STREQ(native, "CN=J\xC3\xBCrgen/O=Acme");
@@ -255,10 +253,7 @@ TEST(UserName, IsTheOneOfTheIdFile) {
         ASSERT_EQ(markUnread(db.handle, name, kSecondNote), 0);
     }
     EXPECT_EQ(dominoSim({"unread", server.root(), "names.nsf"}).output, "2298\n");
-    std::ofstream(server.root() + "/notes.ini", std::ios::app)
-        << "SimUserName=" << std::string(300, 'n') << '\n';
-    ASSERT_EQ(server.start(), 0);
-    ASSERT_EQ(SECKFMGetUserName(name), 0);
+    ASSERT_EQ(named(std::string(300, 'n')), 0);
     EXPECT_EQ(std::strlen(name), 256U);
     fs::remove(server.data("user.id"));
     EXPECT_EQ(SECKFMGetUserName(name), 259);

@@ -232,22 +232,5 @@ TEST_F(Times, TextThatDoesNotFitIsAnError) {
     EXPECT_EQ(length, 19);
 }
 
-TEST(MemoryObjects, AreCountedAndMayBeFreedWhileLocked) {
-    DHANDLE handle = 0;
-    ASSERT_EQ(OSMemAlloc(32768, 32768, &handle), 0);
-    auto* memory = static_cast<char*>(OSLockObject(handle));
-    ASSERT_NE(memory, nullptr);
-    std::memset(memory, 1, 32768);
-    EXPECT_EQ(OSLockObject(handle), memory);
-    EXPECT_EQ(NotesSimOutstanding(NOTES_SIM_MEMORY_OBJECTS), 1U);
-    EXPECT_EQ(NotesSimOutstanding(NOTES_SIM_LOCKED_OBJECTS), 1U);
-    EXPECT_EQ(OSUnlockObject(handle), 1);
-    EXPECT_EQ(NotesSimOutstanding(NOTES_SIM_LOCKED_OBJECTS), 1U);
-    EXPECT_EQ(OSMemFree(handle), 0);
-    EXPECT_EQ(NotesSimOutstanding(NOTES_SIM_MEMORY_OBJECTS), 0U);
-    EXPECT_EQ(NotesSimOutstanding(NOTES_SIM_LOCKED_OBJECTS), 0U);
-    EXPECT_NE(OSMemFree(handle), 0);
-}
-
 } // namespace
 } // namespace simulator_tests
