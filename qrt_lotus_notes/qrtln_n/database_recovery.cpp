@@ -162,18 +162,23 @@ bool buildNameBlock(const std::vector<RecoveryPair>& pairs, std::string& block) 
     return true;
 }
 
-// What the replay came to. usiErrindex is the 1-based position of the database that the server
+// What one replay came to. usiErrindex is the 1-based position of the database that the server
 // names.
 struct Replay {
     STATUS status = kNotesNoError;
     WORD usiErrindex = 0;
+    std::string reason; // the server's text for the status
+    std::string named;  // the original of the database that it names
 
     bool succeeded() const { return status == kNotesNoError; }
     // The log does not know the database: the server went on with the others.
     bool wentOn() const { return succeeded() || status == kNotesNotBackedUp; }
 };
 
-void reportReplay(const std::vector<RecoveryPair>& pairs, const Replay& replay) {
+// What the log did for a database.
+enum class Reach { rolledForward, unknownToLog, uncertain };
+
+void traceReplay(const std::vector<RecoveryPair>& pairs, Replay& replay) {
     if (replay.succeeded()) {
         DB_TraceExt("RecoverDb(): Recovery Successfully ended.");
         for (const RecoveryPair& pair : pairs) {
@@ -182,25 +187,91 @@ void reportReplay(const std::vector<RecoveryPair>& pairs, const Replay& replay) 
         return;
     }
     DB_TraceExt("RecoverDb(): Recovery returns error/warning.");
-    const std::string reason = getLotusNotesApiError(replay.status, TRUE);
-    for (std::size_t i = 0; i < pairs.size(); ++i) {
-        const bool bNamed = i + 1 == replay.usiErrindex;
-        if (bNamed) {
-            DB_TraceExt("RecoverDb(): Error recovering file [%s]. Reason: %s.",
-                        getUTF8FileName(pairs[i].restored.c_str()), reason.c_str());
-            if (replay.status == kNotesNotBackedUp) {
-                DB_TraceExt("RecoverDb(): Database has not been backed up on this server/instance "
-                            "of the log.");
-            }
-        }
-        if (!replay.wentOn()) {
-            tellNotRecovered(pairs[i].original.c_str(),
-                             bNamed ? reason.c_str() : "the recovery failed at another database");
+    if (replay.usiErrindex < 1 || replay.usiErrindex > pairs.size()) {
+        return;
+    }
+    const RecoveryPair& pair = pairs[replay.usiErrindex - 1U];
+    replay.named = pair.original;
+    DB_TraceExt("RecoverDb(): Error recovering file [%s]. Reason: %s.",
+                getUTF8FileName(pair.restored.c_str()), replay.reason.c_str());
+    if (replay.status == kNotesNotBackedUp) {
+        DB_TraceExt("RecoverDb(): Database has not been backed up on this server/instance of the "
+                    "log.");
+    }
+}
+
+// One call of the server's, told to the trace. False when it failed, or a name cannot be given to
+// the server (reported).
+bool replayOnce(const std::vector<RecoveryPair>& pairs, DWORD dwFlag, TIMEDATE* recoveryTime,
+                Replay& replay) {
+    replay = {};
+    std::string names;
+    if (!buildNameBlock(pairs, names)) {
+        return false;
+    }
+    replay.status = notes_api.NSFRecoverDatabases(names.data(), &LogRestoreCallBack, dwFlag,
+                                                  &replay.usiErrindex, recoveryTime);
+    if (!replay.succeeded()) {
+        replay.reason = getLotusNotesApiError(replay.status, TRUE);
+    }
+    traceReplay(pairs, replay);
+    return replay.wentOn();
+}
+
+void tellFailed(const std::vector<RecoveryPair>& pairs, const Replay& replay) {
+    if (replay.wentOn()) {
+        return; // the server was not even asked, which is reported
+    }
+    for (const RecoveryPair& pair : pairs) {
+        tellNotRecovered(pair.original.c_str(), pair.original == replay.named
+                                                    ? replay.reason.c_str()
+                                                    : "the recovery failed at another database");
+    }
+    if (choices().bTellsOutcome) {
+        DB_ErrHandler(0, kErrorKindNone, "RecoverDb(): the recovery failed: %s",
+                      replay.reason.c_str());
+    }
+}
+
+// The pairs from position `first` on, without those that the log is known not to know.
+std::vector<RecoveryPair> knownPairs(const std::vector<RecoveryPair>& pairs,
+                                     const std::vector<Reach>& reach, std::size_t first) {
+    std::vector<RecoveryPair> found;
+    for (std::size_t i = first; i < pairs.size(); ++i) {
+        if (reach[i] != Reach::unknownToLog) {
+            found.push_back(pairs[i]);
         }
     }
-    if (!replay.wentOn() && choices().bTellsOutcome) {
-        DB_ErrHandler(0, kErrorKindNone, "RecoverDb(): the recovery failed: %s", reason.c_str());
+    return found;
+}
+
+// Rolls the databases forward and learns for each whether the log knows it. With 5114 the server
+// names one that it does not know: asked again for those behind it, it names the next. That costs
+// little, as what is rolled forward needs no log any more; with new DBIIDs it would be unknown
+// then, and so they come last.
+bool replayForEach(const std::vector<RecoveryPair>& pairs, DWORD dwFlag, TIMEDATE* recoveryTime,
+                   Replay& replay, std::vector<Reach>& reach) {
+    for (std::size_t first = 0; first < pairs.size();) {
+        const std::vector<RecoveryPair> asked = knownPairs(pairs, reach, first);
+        if (!replayOnce(asked, kRecover, recoveryTime, replay)) {
+            return false;
+        }
+        if (replay.succeeded()) {
+            break;
+        }
+        if (replay.usiErrindex < 1 || replay.usiErrindex > asked.size()) {
+            std::fill(reach.begin() + static_cast<std::ptrdiff_t>(first), reach.end(),
+                      Reach::uncertain);
+            break;
+        }
+        first += replay.usiErrindex;
+        reach[first - 1] = Reach::unknownToLog;
     }
+    if (dwFlag == kRecover) {
+        return true;
+    }
+    const std::vector<RecoveryPair> known = knownPairs(pairs, reach, 0);
+    return known.empty() || replayOnce(known, dwFlag, recoveryTime, replay);
 }
 
 // Copies a recovered database over its original and deletes the copy.
@@ -226,27 +297,26 @@ bool placeCopy(const RecoveryPair& pair) {
     return bCopied;
 }
 
-void tellOutcome(const RecoveryPair& pair, bool bNamed, const Replay& replay, bool bPlaced,
-                 bool bOnline) {
+void tellOutcome(const RecoveryPair& pair, Reach reach, bool bPlaced, bool bOnline) {
     const char* cpOriginal = pair.original.c_str();
     if (!bPlaced) {
         tellNotRecovered(cpOriginal, "it could not be put in place; its restored copy, recovered, "
                                      "is kept");
-    } else if (bNamed) {
+    } else if (reach == Reach::unknownToLog) {
         tellNotRecovered(cpOriginal, "the transaction log does not know it; it is in place as it "
                                      "was backed up");
     } else if (!bOnline) {
         tellNotRecovered(cpOriginal, "it is in place, but could not be brought online");
-    } else if (!replay.succeeded()) {
+    } else if (reach == Reach::uncertain) {
         tellUncertain(cpOriginal, "it is in place, but the transaction log does not know every "
-                                  "database, and the server names only one");
+                                  "database, and the server does not name which");
     } else {
         tellRecovered(cpOriginal);
     }
 }
 
 // Puts the recovered copies in the place of their originals. Returns whether every copy succeeded.
-bool replaceOriginals(const std::vector<RecoveryPair>& pairs, const Replay& replay) {
+bool replaceOriginals(const std::vector<RecoveryPair>& pairs, const std::vector<Reach>& reach) {
     DB_TraceExt("RecoverDb(): STARTING REPLACING ORIGINAL DATABASES WITH RECOVERED COPIES ...");
     bool bOverallSuccess = true;
     for (std::size_t i = 0; i < pairs.size(); ++i) {
@@ -259,8 +329,7 @@ bool replaceOriginals(const std::vector<RecoveryPair>& pairs, const Replay& repl
             bOverallSuccess = bOverallSuccess && bPlaced;
         }
         const bool bOnline = BringDbsOnline(pairs[i].original.c_str()) == DB_NUM_I_OK;
-        tellOutcome(pairs[i], i + 1 == replay.usiErrindex && !replay.succeeded(), replay, bPlaced,
-                    bOnline);
+        tellOutcome(pairs[i], reach[i], bPlaced, bOnline);
     }
     if (pairs.empty()) {
         DB_TraceExt("RecoverDb(): There is no recovery files to be replaced with.");
@@ -285,27 +354,22 @@ int RecoverDb(LIST_INFO* _lhRecoveryList) {
     OfflineOriginals offline;
     excludeUnavailable(_lhRecoveryList, offline);
     const std::vector<RecoveryPair> pairs = readPairs(_lhRecoveryList);
-    std::string names;
-    if (!buildNameBlock(pairs, names)) {
-        return DB_NUM_E_FAILED;
-    }
     if (pairs.empty()) {
         DB_TraceExt("RecoverDb(): There is NO FILES to be recovered. EXIT.");
         return DB_NUM_E_FAILED;
     }
 
     DB_TraceExt("RecoverDb(): STARTING RECOVERY ...");
+    TIMEDATE* const until = choices().bToMoment ? &recoveryTime : nullptr; // nullptr: to the end
+    std::vector<Reach> reach(pairs.size(), Reach::rolledForward);
     Replay replay;
-    replay.status =
-        notes_api.NSFRecoverDatabases(names.data(), &LogRestoreCallBack, dwFlag,
-                                      &replay.usiErrindex, // nullptr: to the end of the logs
-                                      choices().bToMoment ? &recoveryTime : nullptr);
-    reportReplay(pairs, replay);
-    if (!replay.wentOn()) {
+    if (choices().bTellsOutcome ? !replayForEach(pairs, dwFlag, until, replay, reach)
+                                : !replayOnce(pairs, dwFlag, until, replay)) {
+        tellFailed(pairs, replay);
         return DB_NUM_E_FAILED;
     }
     offline.release();
-    return replaceOriginals(pairs, replay) ? DB_NUM_I_OK : DB_NUM_E_FAILED;
+    return replaceOriginals(pairs, reach) ? DB_NUM_I_OK : DB_NUM_E_FAILED;
 }
 
 STATUS LogRestoreCallBack(UNIVERSALNOTEID* LogId, DWORD dwLogNumber, char* cpPath) {

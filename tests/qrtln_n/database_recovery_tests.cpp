@@ -184,14 +184,31 @@ TEST_F(DatabaseRecovery, TakesOfflineReplaysReplacesAndBringsOnline) {
          1000,
          "a:old+ b:old+ C:-+",
          {"NOT recovered [b.nsf]", "NOT recovered [a.nsf]", "NOT recovered [C.nsf]"}},
-        {"rolled forward: the log does not know one",
+        {"rolled forward: the log does not know two, and names one at a time",
          true,
-         "ab",
-         {offline('a'), offline('b'), recover("ab", {.status = 5114, .numbers = {2}}), online('a'),
-          online('b')},
+         "ABCD",
+         {recover("ABCD", {.status = 5114, .numbers = {1}}),
+          recover("BCD", {.status = 5114, .numbers = {2}}), recover("D"), online('A'), online('B'),
+          online('C'), online('D')},
          3000,
-         "a:new b:new",
-         {"perhaps recovered [a.nsf]", "NOT recovered [b.nsf]"}},
+         "A:new B:new C:new D:new",
+         {"NOT recovered [A.nsf]", "recovered [B.nsf]", "NOT recovered [C.nsf]",
+          "recovered [D.nsf]"}},
+        {"rolled forward: one that is not known, and nobody says which",
+         true,
+         "AB",
+         {recover("AB", {.status = 5114, .numbers = {3}}), online('A'), online('B')},
+         3000,
+         "A:new B:new",
+         {"perhaps recovered [A.nsf]", "perhaps recovered [B.nsf]"}},
+        {"rolled forward: fails after one that is not known",
+         true,
+         "AB",
+         {recover("AB", {.status = 5114, .numbers = {1}}),
+          recover("B", {.status = 513, .numbers = {1}})},
+         1000,
+         "A:-+ B:-+",
+         {"NOT recovered [A.nsf]", "NOT recovered [B.nsf]"}},
         {"rolled forward: online fails",
          true,
          "a",
@@ -261,6 +278,17 @@ TEST_F(DatabaseRecovery, InPlaceNothingIsTakenOfflineCopiedOrDeleted) {
     g_sQRTLN_Global.bNewDbiid = TRUE;
     EXPECT_EQ(RecoverDb(list), 3000);
     EXPECT_EQ(outcome("ab"), "a:old+ b:old+");
+}
+
+// With one of its own the log would not know a database when it is asked again.
+TEST_F(DatabaseRecovery, RolledForwardNewIdentitiesAreGivenLast) {
+    startWith("AB");
+    ASSERT_TRUE(readRollForward("YES", g_sQRTLN_Global.sRecoveryChoices));
+    g_sQRTLN_Global.bNewDbiid = TRUE;
+    script.play({recover("AB", {.status = 5114, .numbers = {1}}), recover("B"),
+                 recover("B", {}, "2 end"), online('A'), online('B')});
+    EXPECT_EQ(RecoverDb(list), 3000);
+    EXPECT_TRUE(script.done());
 }
 
 TEST_F(DatabaseRecovery, TheMomentIsGivenToTheServerOnlyAsItself) {
