@@ -95,7 +95,7 @@ int replace_file(const std::string& path, std::string_view content) {
         ::unlink(temporary.c_str());
         return error;
     }
-    return flush_directory(AT_FDCWD, path.substr(0, std::max<std::size_t>(path.rfind('/'), 1)));
+    return flush_directory(AT_FDCWD, folder_of(path));
 }
 
 int flush_directory(int directory, const std::string& name) {
@@ -165,6 +165,19 @@ std::string absolute_path(const std::string& path) {
         clean += "/" + component.string();
     }
     return clean.empty() ? "/" : clean;
+}
+
+std::string folder_of(const std::string& path) {
+    std::size_t slash = path.rfind('/');
+    return slash == 0 || slash == std::string::npos ? "/" : path.substr(0, slash);
+}
+
+std::string name_of(const std::string& path) {
+    return path.substr(path.rfind('/') + 1);
+}
+
+std::string path_below(const std::string& path, const std::string& root) {
+    return root == "/" ? path.substr(1) : path.substr(std::min(path.size(), root.size() + 1));
 }
 
 bool is_below(std::string_view path, std::string_view directory) {

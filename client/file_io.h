@@ -80,6 +80,12 @@ std::optional<std::string> real_path(const std::string& path);
 // The path made absolute against the working directory, "." and double slashes removed.
 std::string absolute_path(const std::string& path);
 
+// The folder of a full path, "/" for one right below it; the last component; and the part below the
+// folder `root`, without a leading "/". All by their texts.
+std::string folder_of(const std::string& path);
+std::string name_of(const std::string& path);
+std::string path_below(const std::string& path, const std::string& root);
+
 // Whether `path` is `directory` or lies below it, by their texts.
 bool is_below(std::string_view path, std::string_view directory);
 

@@ -17,8 +17,8 @@ constexpr const char* exit_codes = R"(Exit codes:
   0  complete                    10  no store at the given folder
   1  failed                      11  another process uses the store
   2  wrong usage                 14  the module or the server's library failed
-  3  a set was stored, or restored, but some of its items failed
-  4  damage found               16  stored, but transaction logs are missing: take a full backup
+  3  some items failed           16  transaction logs are missing: take a full backup (stored all
+  4  damage found                    the same), or recover to an earlier time
                                 130, 143  interrupted (SIGINT, SIGTERM)
 )";
 
@@ -41,6 +41,18 @@ constexpr const char* documents_help =
     "the database. The set's copy is checked before the server hears of it; what came back is "
     "told\n"
     "document by document.";
+
+constexpr const char* recover_help =
+    "Recover databases, or the whole system with --all: from their newest set, rolled forward "
+    "with\n"
+    "the transaction logs to the last committed change, or to a moment. The logs that the server\n"
+    "no longer has come from the store. Databases in use are left alone; a second\n"
+    "`qrtln recover`, without databases, goes on with what a first one left.";
+
+constexpr const char* prove_help =
+    "Prove that a set can be recovered from: its databases are restored and rolled forward into a\n"
+    "scratch folder, and the server's library reads each of them. The proof is recorded, and\n"
+    "`qrtln list` shows its date. No live database is touched.";
 
 std::string default_tmp_dir() {
     const char* set = std::getenv("TMPDIR");
@@ -220,6 +232,63 @@ CLI::App* add_documents(CLI::App& app, qrtln::DocumentsOptions& deleted,
     return &command;
 }
 
+CLI::App* add_recover(CLI::App& app, qrtln::RecoverOptions& recover) {
+    recover.tmp_dir = default_tmp_dir();
+    CLI::App& command = *app.add_subcommand("recover", recover_help);
+    add_server_options(command, recover);
+    command
+        .add_option("--to", recover.to,
+                    "Up to this time, changes committed at it included (default: to the last "
+                    "one): \"YYYY-MM-DD hh:mm[:ss]\" in local time, or YYYYMMDDThhmmssZ")
+        ->type_name("TIME");
+    command
+        .add_option("--into", recover.into,
+                    "Write to this folder, each database below it with its whole path, and leave "
+                    "the live databases alone")
+        ->type_name("DIR");
+    command.add_flag("--new-dbiid", recover.new_dbiid,
+                     "Give the databases new instance identities: as new ones for the log and the "
+                     "next backup");
+    command.add_flag("--dry-run", recover.dry_run,
+                     "Show what would be recovered from what, and write nothing");
+    CLI::Option* names = command.add_option(
+        "DATABASE", recover.names,
+        "A database or a folder of databases; relative names are below the data directory");
+    CLI::Option* all =
+        command.add_flag("--all", recover.all,
+                         "The whole system, and the files beside its databases that are missing");
+    all->excludes(names);
+    command
+        .add_flag("--abandon", recover.abandon,
+                  "Give up a recovery that is not finished: remove its restored copies")
+        ->excludes(names)
+        ->excludes(all);
+    command
+        .add_option("--tmp-dir", recover.tmp_dir,
+                    "Where restored copies wait until they are in place; not in the data directory")
+        ->type_name("DIR")
+        ->capture_default_str();
+    add_module_options(command, recover);
+    command.footer(exit_codes);
+    return &command;
+}
+
+CLI::App* add_prove(CLI::App& app, qrtln::ProveOptions& prove) {
+    prove.tmp_dir = default_tmp_dir();
+    CLI::App& command = *app.add_subcommand("prove", prove_help);
+    add_server_options(command, prove);
+    command.add_option("SET", prove.set,
+                       "The set's name, the beginning of it, or \"latest\" (default)");
+    command
+        .add_option("--tmp-dir", prove.tmp_dir,
+                    "Where the scratch folder is made: needs room for all its databases")
+        ->type_name("DIR")
+        ->capture_default_str();
+    add_module_options(command, prove);
+    command.footer(exit_codes);
+    return &command;
+}
+
 } // namespace
 
 int main(int argc, char** argv) {
@@ -241,6 +310,12 @@ int main(int argc, char** argv) {
     qrtln::DocumentsOptions deleted;
     qrtln::DocumentsOptions changed;
     CLI::App* documents_command = add_documents(app, deleted, changed);
+
+    qrtln::RecoverOptions recover;
+    CLI::App* recover_command = add_recover(app, recover);
+
+    qrtln::ProveOptions prove;
+    CLI::App* prove_command = add_prove(app, prove);
 
     qrtln::StoreOptions list;
     CLI::App* list_command = app.add_subcommand("list", "List the sets of the store.");
@@ -269,8 +344,8 @@ int main(int argc, char** argv) {
         return app.exit(error) == 0 ? 0 : static_cast<int>(qrtln::ExitCode::usage);
     }
 
-    bool json = backup.json || restore.json || deleted.json || changed.json || list.json ||
-                show.json || verify.json;
+    bool json = backup.json || restore.json || deleted.json || changed.json || recover.json ||
+                prove.json || list.json || show.json || verify.json;
     try {
         if (backup_command->parsed())
             return qrtln::run_backup(backup);
@@ -279,6 +354,10 @@ int main(int argc, char** argv) {
         if (documents_command->parsed())
             return qrtln::run_documents(documents_command->got_subcommand("changed") ? changed
                                                                                      : deleted);
+        if (recover_command->parsed())
+            return qrtln::run_recover(recover);
+        if (prove_command->parsed())
+            return qrtln::run_prove(prove);
         if (list_command->parsed())
             return qrtln::run_list(list);
         if (show_command->parsed())

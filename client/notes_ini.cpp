@@ -57,7 +57,7 @@ std::map<std::string, std::string> parse_notes_ini(const std::string& content) {
     return variables;
 }
 
-NotesIni load_notes_ini(const std::string& file) {
+NotesIni load_notes_ini(const std::string& file, bool data_directory_may_be_missing) {
     NotesIni ini;
     ini.file = absolute_path(file);
     std::string shown = for_terminal(ini.file);
@@ -88,7 +88,7 @@ NotesIni load_notes_ini(const std::string& file) {
     int error = ::stat(ini.data_directory.c_str(), &status) != 0 ? errno
                 : S_ISDIR(status.st_mode)                        ? 0
                                                                  : ENOTDIR;
-    if (error != 0)
+    if (error != 0 && !(data_directory_may_be_missing && error == ENOENT))
         throw ClientError(ExitCode::server_error,
                           "cannot open the data directory " + for_terminal(ini.data_directory) +
                               " of " + shown + ": " + system_error_text(error),

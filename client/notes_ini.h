@@ -16,9 +16,9 @@ struct NotesIni {
 // for the server. Lines without "=" are skipped.
 std::map<std::string, std::string> parse_notes_ini(const std::string& content);
 
-// Reads the file and checks that it belongs to a server on this machine. Throws
-// ClientError(failed) that says what is wrong.
-NotesIni load_notes_ini(const std::string& file);
+// Reads the file and checks that it belongs to a server on this machine; its data directory may be
+// missing only where it is to be brought back. Throws ClientError(failed) that says what is wrong.
+NotesIni load_notes_ini(const std::string& file, bool data_directory_may_be_missing = false);
 
 // Where $Notes_ExecDirectory should point; empty when the environment says so already, or
 // NotesProgram has no library.

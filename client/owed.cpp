@@ -30,10 +30,6 @@ std::string line_of(const std::string& data_directory, const std::string& path) 
     return line.dump();
 }
 
-std::string folder_of(const std::string& file) {
-    return file.substr(0, file.rfind('/'));
-}
-
 } // namespace
 
 std::string owed_file_of(const Store& store) {

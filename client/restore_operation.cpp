@@ -21,19 +21,6 @@ namespace {
 // The module says so when the server does not let go of a database.
 constexpr std::string_view in_use_line = "QRTLN_Activate(): WARNING: Please shutdown";
 
-std::string folder_of(const std::string& path) {
-    std::size_t slash = path.rfind('/');
-    return slash == 0 || slash == std::string::npos ? "/" : path.substr(0, slash);
-}
-
-std::string name_of(const std::string& path) {
-    return path.substr(path.rfind('/') + 1);
-}
-
-std::string below(const std::string& path, const std::string& root) {
-    return root == "/" ? path.substr(1) : path.substr(std::min(path.size(), root.size() + 1));
-}
-
 // The folder part of a relative path.
 std::string relative_folder(const std::string& relative) {
     std::size_t slash = relative.rfind('/');
@@ -59,6 +46,10 @@ class RestoreOperation {
 
   private:
     void start();
+    // Where databases are placed: absolute, without a trailing "/".
+    const std::string& temporary_folder() const {
+        return m_temporary ? m_temporary->path() : m_plan.pending_folder;
+    }
     void create_relocation_folder();
     void restore_item(const PlannedItem& planned);
     std::optional<std::string> announce(const PlannedItem& planned);
@@ -93,7 +84,8 @@ RestoreResult RestoreOperation::run() {
     if (std::none_of(m_plan.items.begin(), m_plan.items.end(), does_work))
         return std::move(m_result);
     try {
-        m_temporary.emplace(absolute_path(m_context.tmp_dir), m_plan.data_directory);
+        if (m_plan.pending_folder.empty())
+            m_temporary.emplace(absolute_path(m_context.tmp_dir), m_plan.data_directory);
         start();
         create_relocation_folder();
         m_progress.emplace(static_cast<std::uint64_t>(
@@ -126,12 +118,13 @@ void RestoreOperation::start() {
     m_session.emplace(m_context, [this](const std::string& line) {
         m_in_use = m_in_use || line.starts_with(in_use_line);
     });
-    std::vector<std::string> variables = {"TMP_DIR=" + m_temporary->path(), "DATABASE=NOTES"};
+    std::vector<std::string> variables = {"TMP_DIR=" + temporary_folder(), "DATABASE=NOTES"};
     if (m_plan.activate)
         variables.emplace_back("ACTIVATE=YES");
     if (!m_plan.to.empty())
         variables.push_back("INFO=" + relocation_info(m_plan.to, m_plan.plain));
-    if (m_session->init(DB_TYPE_RST, DB_LEVEL_FULL, std::move(variables)) != DB_NUM_I_OK)
+    if (m_session->init(DB_TYPE_RST, m_plan.extents_only ? DB_LEVEL_INCR : DB_LEVEL_FULL,
+                        std::move(variables)) != DB_NUM_I_OK)
         m_session->report_failed_start("restore", m_session->reason());
 }
 
@@ -166,7 +159,7 @@ std::optional<std::string> RestoreOperation::announce(const PlannedItem& planned
     }
     bool placed =
         planned.action == RestoreAction::activate || planned.action == RestoreAction::place;
-    const std::string& temporary = m_temporary->path();
+    const std::string& temporary = temporary_folder();
     bool allowed =
         placed ? path != temporary && is_below(path, temporary) : path == planned.announced;
     if (!allowed || !path_problem(path).empty()) {
@@ -208,7 +201,7 @@ FolderCreated RestoreOperation::folder_created(const std::string& root) {
 void RestoreOperation::create_folder(const PlannedItem& planned) {
     std::string problem;
     SafeFolder root(planned.root);
-    if (!root.open_folder(below(planned.target, planned.root), problem,
+    if (!root.open_folder(path_below(planned.target, planned.root), problem,
                           folder_created(planned.root)))
         fail(planned, problem);
     else
@@ -236,9 +229,9 @@ bool RestoreOperation::write_content(const PlannedItem& planned, SafeFile& file,
 
 void RestoreOperation::write_item(const PlannedItem& planned, const std::string& path) {
     bool placed = planned.action != RestoreAction::write;
-    const std::string& root_path = placed ? m_temporary->path() : planned.root;
+    const std::string& root_path = placed ? temporary_folder() : planned.root;
     SafeFolder root(root_path);
-    std::string relative = below(path, root_path);
+    std::string relative = path_below(path, root_path);
     std::string problem;
     FolderCreated created =
         placed ? FolderCreated([](int, const std::string&) {}) : folder_created(planned.root);
@@ -257,8 +250,11 @@ void RestoreOperation::write_item(const PlannedItem& planned, const std::string&
     // A copy for the server stays this user's until it is in place: the module reads and removes
     // it.
     bool activate = planned.action == RestoreAction::activate;
+    bool stays_ours =
+        activate || (m_plan.databases_wait && planned.item.kind == ItemKind::database);
+    bool replaces = placed ? !m_plan.pending_folder.empty() : planned.replaces;
     if (problem.empty())
-        problem = file.commit(activate ? nullptr : &planned.item, !placed && planned.replaces);
+        problem = file.commit(stays_ours ? nullptr : &planned.item, replaces);
     if (problem.empty() && activate) {
         problem = check_live_target(planned);
         if (!problem.empty())
@@ -274,7 +270,7 @@ void RestoreOperation::write_item(const PlannedItem& planned, const std::string&
 // Makes the folder of the live database, and refuses what the module would write through.
 std::string RestoreOperation::check_live_target(const PlannedItem& planned) {
     SafeFolder root(planned.root);
-    std::string relative = below(planned.target, planned.root);
+    std::string relative = path_below(planned.target, planned.root);
     std::string problem;
     if (!root.open_folder(relative_folder(relative), problem, folder_created(planned.root)))
         return problem;
@@ -325,7 +321,7 @@ void RestoreOperation::finish_activation(const PlannedItem& planned, const std::
 void RestoreOperation::give_metadata_back(const PlannedItem& planned) {
     std::string problem;
     FileDescriptor file =
-        SafeFolder(planned.root).open_file(below(planned.target, planned.root), problem);
+        SafeFolder(planned.root).open_file(path_below(planned.target, planned.root), problem);
     if (file)
         problem = apply_metadata(file.get(), planned.item);
     if (!problem.empty())

@@ -21,20 +21,6 @@ namespace {
 // Found anywhere in INFO, these mean something to the module.
 constexpr std::array info_keywords = {"-R", "-o", "deld", "chgd", "DELD", "CHGD", "\""};
 
-std::string folder_of(const std::string& path) {
-    std::size_t slash = path.rfind('/');
-    return slash == 0 || slash == std::string::npos ? "/" : path.substr(0, slash);
-}
-
-std::string name_of(const std::string& path) {
-    return path.substr(path.rfind('/') + 1);
-}
-
-// The path below `root`, without a leading "/".
-std::string relative_to(const std::string& path, const std::string& root) {
-    return root == "/" ? path.substr(1) : path.substr(std::min(path.size(), root.size() + 1));
-}
-
 bool exists(const std::string& path) {
     struct stat status {};
     return ::lstat(path.c_str(), &status) == 0;
@@ -319,7 +305,7 @@ void Planner::look_at_target(PlannedItem& planned) {
         return; // --to, or the folder of the logs' folder: checked before
     std::string problem;
     SafeFolder root(planned.root);
-    planned.existing = root.look_at(relative_to(planned.target, planned.root), problem);
+    planned.existing = root.look_at(path_below(planned.target, planned.root), problem);
     bool folder = planned.action == RestoreAction::create_folder;
     mode_t mode = planned.existing ? planned.existing->st_mode : 0;
     bool fits = folder ? S_ISDIR(mode) : S_ISREG(mode);

@@ -75,6 +75,10 @@ struct RestorePlan {
     bool users_known = false; // every process could be looked at for open files
     std::vector<PlannedItem> items;
     std::vector<RoomNeeded> room;
+    // Of a recovery:
+    std::string pending_folder;  // where databases are placed; empty: a private folder
+    bool databases_wait = false; // for the server to change them: they stay this user's until then
+    bool extents_only = false;   // transaction logs come back, and nothing else
     std::map<std::string, ManifestItem> folders; // those selected, by path: for their metadata
     std::vector<std::string> warnings;
 };

@@ -63,6 +63,7 @@ class Selector {
     RestoreSelection m_result;
     std::vector<Name> m_names;
     bool m_base_found = false;
+    std::set<std::string> m_looked_for; // paths of which only damaged copies were found so far
     std::map<std::string, SelectedItem> m_items;
 };
 
@@ -119,8 +120,8 @@ void Selector::take_named_set() {
         m_result.warnings.push_back("the set " + manifest.set + " is incomplete: " +
                                     std::to_string(totals(manifest).failed_items) +
                                     " items failed in it");
-    m_base_found = covers_all;
     take(manifest);
+    m_base_found = covers_all;
 }
 
 bool Selector::counts(const Manifest& manifest, const Moment& moment) const {
@@ -158,11 +159,11 @@ void Selector::take_newest() {
 
 void Selector::take(const Manifest& manifest) {
     for (const ManifestItem& item : manifest.items) {
-        if (item.status != ItemStatus::stored ||
-            m_request.damaged.contains({item.path, item.object}))
+        if (item.status != ItemStatus::stored)
             continue;
-        bool wanted = m_request.all;
-        bool named = m_request.all;
+        bool looked_for = m_looked_for.contains(item.path);
+        bool wanted = (m_request.all && !m_base_found) || looked_for;
+        bool named = m_request.all || looked_for;
         for (Name& name : m_names) {
             bool exact = item.path == name.path && item.kind != ItemKind::directory;
             if (name.closed || !(exact || is_below(item.path, name.path)))
@@ -171,7 +172,12 @@ void Selector::take(const Manifest& manifest) {
             named = named || exact;
             name.exact = name.exact || exact;
         }
-        if (wanted)
+        bool damaged = wanted && m_request.damaged.contains({item.path, item.object});
+        if (damaged) // an older one will do, however old
+            m_looked_for.insert(item.path);
+        else if (wanted)
+            m_looked_for.erase(item.path);
+        if (wanted && !damaged)
             add(manifest, item, named);
     }
     for (Name& name : m_names)
@@ -204,6 +210,8 @@ void Selector::close_covered(const Manifest& manifest) {
 }
 
 bool Selector::finished() const {
+    if (!m_looked_for.empty())
+        return false;
     if (m_request.all)
         return m_base_found;
     return std::all_of(m_names.begin(), m_names.end(),

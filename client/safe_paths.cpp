@@ -25,10 +25,6 @@ std::string parent_of(const std::string& relative) {
     return slash == std::string::npos ? std::string() : relative.substr(0, slash);
 }
 
-std::string name_of(const std::string& relative) {
-    return relative.substr(relative.rfind('/') + 1);
-}
-
 // Names that a careful caller never passes; a second line of defence.
 bool steps_out(std::string_view relative) {
     if (relative.empty())

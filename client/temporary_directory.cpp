@@ -61,9 +61,8 @@ void remove_leftovers(const std::string& base) {
     }
 }
 
-} // namespace
-
-TemporaryDirectory::TemporaryDirectory(const std::string& base, const std::string& data_directory) {
+// The folder without symbolic links, or a ClientError when nothing may be placed there.
+std::string usable_base(const std::string& base, const std::string& data_directory) {
     std::string shown = for_terminal(base);
     std::optional<std::string> real_base = real_path(base);
     if (!real_base)
@@ -77,14 +76,27 @@ TemporaryDirectory::TemporaryDirectory(const std::string& base, const std::strin
                           "the temporary directory " + shown + " is inside the data directory " +
                               for_terminal(data_directory),
                           "name a folder elsewhere with --tmp-dir");
-    remove_leftovers(*real_base);
-    std::string path = *real_base == "/" ? "" : *real_base;
-    path += "/" + std::string(name_prefix) + std::to_string(::getpid()) + "-XXXXXX";
+    return *real_base;
+}
+
+} // namespace
+
+std::string make_folder_for_copies(const std::string& base, const std::string& data_directory,
+                                   const std::string& prefix) {
+    std::string real_base = usable_base(base, data_directory);
+    std::string path = (real_base == "/" ? "" : real_base) + "/" + prefix + "XXXXXX";
     if (::mkdtemp(path.data()) == nullptr)
         throw ClientError(ExitCode::failed,
-                          "cannot create a folder in the temporary directory " + shown + ": " +
-                              system_error_text(errno),
+                          "cannot create a folder in the temporary directory " +
+                              for_terminal(base) + ": " + system_error_text(errno),
                           "name a folder with room for the largest database with --tmp-dir");
+    return path;
+}
+
+TemporaryDirectory::TemporaryDirectory(const std::string& base, const std::string& data_directory) {
+    remove_leftovers(usable_base(base, data_directory));
+    std::string path = make_folder_for_copies(
+        base, data_directory, std::string(name_prefix) + std::to_string(::getpid()) + "-");
     m_path = path;
     m_lock = FileDescriptor(::open(path.c_str(), O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC));
     if (!m_lock || ::flock(m_lock.get(), LOCK_EX | LOCK_NB) != 0) {

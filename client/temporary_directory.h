@@ -7,11 +7,16 @@
 
 namespace qrtln {
 
+// Makes a folder of mode 0700 below `base`, named `prefix` and six random characters. Returns its
+// absolute path. Throws ClientError(failed); one reason is a base inside the data directory, where
+// copies would be databases of the server.
+std::string make_folder_for_copies(const std::string& base, const std::string& data_directory,
+                                   const std::string& prefix);
+
 class TemporaryDirectory {
   public:
     // Makes a folder of mode 0700 below `base`, after removing what killed runs of this user left
-    // there. Throws ClientError(failed); one reason is a base inside the data directory, where the
-    // module's copies would be databases of the server.
+    // there. Throws as make_folder_for_copies does.
     TemporaryDirectory(const std::string& base, const std::string& data_directory);
     // Removes it with its content; symbolic links are never followed.
     ~TemporaryDirectory();

@@ -55,6 +55,34 @@ struct DocumentsOptions {
     bool verbose = false;
 };
 
+struct RecoverOptions {
+    std::string notes_ini;
+    std::string store;
+    std::vector<std::string> names;
+    bool all = false;
+    std::string to;   // a moment; "" for the end of the logs
+    std::string into; // "" for the original place
+    bool new_dbiid = false;
+    bool dry_run = false;
+    bool abandon = false; // give an unfinished recovery up
+    std::string tmp_dir;  // below it the restored copies wait
+    std::string module;   // empty: found beside the executable
+    std::string trace_file;
+    bool json = false;
+    bool verbose = false;
+};
+
+struct ProveOptions {
+    std::string notes_ini;
+    std::string store;
+    std::string set;     // "" for the newest
+    std::string tmp_dir; // below it the scratch folder is made
+    std::string module;  // empty: found beside the executable
+    std::string trace_file;
+    bool json = false;
+    bool verbose = false;
+};
+
 struct StoreOptions {
     std::string store;
     std::string set; // where the command takes one
@@ -64,6 +92,8 @@ struct StoreOptions {
 int run_backup(const BackupOptions& options);
 int run_restore(const RestoreOptions& options);
 int run_documents(const DocumentsOptions& options);
+int run_recover(const RecoverOptions& options);
+int run_prove(const ProveOptions& options);
 int run_list(const StoreOptions& options);
 int run_show(const StoreOptions& options);
 int run_verify(const StoreOptions& options);

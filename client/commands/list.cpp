@@ -4,6 +4,7 @@
 #include "client/commands/commands.h"
 #include "client/log_chain.h"
 #include "client/output.h"
+#include "client/proof.h"
 #include "client/store/store.h"
 #include "client/text.h"
 
@@ -12,12 +13,12 @@ namespace qrtln {
 int run_list(const StoreOptions& options) {
     std::unique_ptr<Store> store = open_directory_store(options.store, StoreAccess::read);
     Table table({"SET", "LEVEL", "BASE", "STARTED", "DURATION ", "DATABASES ", "ITEMS ", "FAILED ",
-                 "BYTES ", "NEW ", "LOGS", "STATUS"});
+                 "BYTES ", "NEW ", "LOGS", "PROVEN", "STATUS"});
     nlohmann::json sets = nlohmann::json::array();
     for (const std::string& name : store->set_names()) {
         CatalogueEntry entry = load_set(*store, name);
         if (!entry.manifest) {
-            table.add({for_terminal(name), "-", "-", "-", "-", "-", "-", "-", "-", "-", "-",
+            table.add({for_terminal(name), "-", "-", "-", "-", "-", "-", "-", "-", "-", "-", "-",
                        "damaged: the manifest " + for_terminal(entry.problem)});
             sets.push_back({{"set", printable_utf8(name)},
                             {"status", "damaged"},
@@ -33,7 +34,7 @@ int run_list(const StoreOptions& options) {
                    human_duration(manifest.ended - manifest.started), std::to_string(sum.databases),
                    std::to_string(sum.stored_items), std::to_string(sum.failed_items),
                    human_bytes(sum.bytes), human_bytes(manifest.new_bytes),
-                   log_range_text(manifest), status_text(manifest)});
+                   log_range_text(manifest), proof_text(*store, name), status_text(manifest)});
         nlohmann::json gaps = nlohmann::json::array();
         for (const LogGap& gap : manifest.log_gaps)
             gaps.push_back(describe(gap));
@@ -54,6 +55,7 @@ int run_list(const StoreOptions& options) {
                         {"bytes", sum.bytes},
                         {"new_bytes", manifest.new_bytes},
                         {"host", manifest.host},
+                        {"proven", proof_text(*store, name)},
                         {"status", status_text(manifest)}});
     }
     if (options.json)

@@ -27,6 +27,7 @@ constexpr const char* format_temporary = "store.json.tmp";
 constexpr const char* lock_file = "lock";
 constexpr std::array skeleton_folders = {"objects", "sets", "runtime"};
 constexpr std::string_view manifest_suffix = ".json";
+constexpr std::string_view proof_suffix = ".proof";
 constexpr std::string_view object_suffix = ".zst";
 constexpr std::string_view temporary_suffix = ".tmp";
 // A manifest of a million items stays below this.
@@ -106,7 +107,8 @@ DirectoryStore::DirectoryStore(const std::string& directory, StoreAccess access,
     : m_directory(absolute_path(directory)) {
     try {
         open_folder(access);
-        if (access == StoreAccess::write) {
+        bool locks = access == StoreAccess::write || access == StoreAccess::change;
+        if (locks) {
             lock();
             if (!exists(m_folder.get(), format_file))
                 create_skeleton();
@@ -123,7 +125,7 @@ DirectoryStore::DirectoryStore(const std::string& directory, StoreAccess access,
         };
         m_objects = open_part("objects");
         m_sets = open_part("sets");
-        if (access == StoreAccess::write) {
+        if (locks) {
             if (::mkdirat(m_folder.get(), "runtime", 0700) != 0 && errno != EEXIST)
                 fail("create the folder runtime", errno);
             remove_leftovers();
@@ -372,15 +374,32 @@ std::optional<std::string> DirectoryStore::read_manifest(const std::string& set,
 }
 
 void DirectoryStore::write_manifest(const std::string& set, const std::string& bytes) {
-    std::string name = set + std::string(manifest_suffix);
+    write_document(set + std::string(manifest_suffix), "the manifest " + set, bytes);
+}
+
+std::optional<std::string> DirectoryStore::read_proof(const std::string& set,
+                                                      std::string& problem) {
+    std::optional<std::string> bytes =
+        read_small_file(m_sets.get(), set + std::string(proof_suffix), maximal_manifest);
+    problem = bytes || errno == ENOENT ? "" : "cannot be read: " + system_error_text(errno);
+    return bytes;
+}
+
+void DirectoryStore::write_proof(const std::string& set, const std::string& bytes) {
+    write_document(set + std::string(proof_suffix), "the proof of " + set, bytes);
+}
+
+// A document about a set, so that a crash leaves the old state or the new one.
+void DirectoryStore::write_document(const std::string& name, const std::string& what,
+                                    const std::string& bytes) {
     std::string temporary = name + std::string(temporary_suffix);
     bool replaces = exists(m_sets.get(), name.c_str());
     if (int error = write_flushed(m_sets.get(), temporary, bytes); error != 0)
-        fail("write the manifest " + set, error);
+        fail("write " + what, error);
     if (::renameat(m_sets.get(), temporary.c_str(), m_sets.get(), name.c_str()) != 0) {
         int error = errno;
         ::unlinkat(m_sets.get(), temporary.c_str(), 0);
-        fail("put the manifest " + set + " in place", error);
+        fail("put " + what + " in place", error);
     }
     if (::fsync(m_sets.get()) != 0) {
         int error = errno;

@@ -21,6 +21,8 @@ class DirectoryStore final : public Store {
     std::vector<std::string> set_names() override;
     std::optional<std::string> read_manifest(const std::string& set, std::string& problem) override;
     void write_manifest(const std::string& set, const std::string& bytes) override;
+    std::optional<std::string> read_proof(const std::string& set, std::string& problem) override;
+    void write_proof(const std::string& set, const std::string& bytes) override;
     void flush() override;
     void discard_added() noexcept override;
     void keep_added() noexcept override;
@@ -33,6 +35,7 @@ class DirectoryStore final : public Store {
     void create_skeleton();
     void check_format(std::string* damage);
     void remove_leftovers() noexcept;
+    void write_document(const std::string& name, const std::string& what, const std::string& bytes);
     [[noreturn]] void fail(const std::string& doing, int error) const;
 
     std::string m_directory; // absolute

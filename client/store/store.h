@@ -63,6 +63,10 @@ class Store {
     // Throws ClientError; then the set is not there (or as it was before).
     virtual void write_manifest(const std::string& set, const std::string& bytes) = 0;
 
+    // The proof of a set likewise: what became of a try to recover from it.
+    virtual std::optional<std::string> read_proof(const std::string& set, std::string& problem) = 0;
+    virtual void write_proof(const std::string& set, const std::string& bytes) = 0;
+
     // --- the run
     // Flushes every folder that a finished object went to. Throws ClientError.
     virtual void flush() = 0;
@@ -77,6 +81,7 @@ enum class StoreAccess {
     read,
     read_damaged, // as read, but a damaged store.json is reported by damage(), not thrown
     write,        // locked against other writers; created when missing or an empty folder
+    change,       // locked likewise, but never created
 };
 
 // Opens the store in the folder `directory`. Throws ClientError: no_store, locked, failed.

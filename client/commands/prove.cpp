@@ -1,0 +1,199 @@
+// `qrtln prove`: a set is restored and recovered into a scratch folder, and every database of it
+// read by the server's library. No live database is touched.
+
+#include "client/catalogue.h"
+#include "client/commands/commands.h"
+#include "client/database_arguments.h"
+#include "client/error.h"
+#include "client/interrupt.h"
+#include "client/output.h"
+#include "client/proof.h"
+#include "client/recovery_operation.h"
+#include "client/temporary_directory.h"
+#include "client/text.h"
+
+#include <ctime>
+#include <set>
+
+namespace qrtln {
+
+namespace {
+
+constexpr const char* journal_name = "/proof.json";
+constexpr std::size_t compact_time_length = 16; // "20261121T024923Z"
+constexpr std::int64_t quarter_hour = 900;
+
+// A moment behind everything that the set holds, which local time names unmistakably.
+std::int64_t moment_behind(const Manifest& manifest) {
+    std::int64_t moment = manifest.ended + 1;
+    for (;;) {
+        try {
+            (void)rollforward_value(moment);
+            return moment;
+        } catch (const ClientError&) {
+            moment += quarter_hour; // an hour that the clock repeats
+        }
+    }
+}
+
+RecoveryRequest make_request(const ProveOptions& options, const Manifest& manifest,
+                             const std::string& scratch) {
+    RecoveryRequest request;
+    request.selection.all = manifest.whole_system || manifest.arguments.empty();
+    if (!request.selection.all)
+        request.selection.names = manifest.arguments;
+    request.selection.at = manifest.set.substr(0, compact_time_length);
+    request.to = moment_behind(manifest);
+    request.into = scratch;
+    request.databases_only = true;
+    request.leaves_journal = true;
+    request.tmp_dir = options.tmp_dir;
+    return request;
+}
+
+// Has the server's library read each database whole: it makes a copy as for a backup, which is
+// dropped at once.
+std::vector<ProofFailure> read_databases(const OperationContext& context,
+                                         const std::vector<DatabaseRecovery>& databases) {
+    std::vector<ProofFailure> failures;
+    std::map<std::string, const DatabaseRecovery*> unread; // by target
+    TemporaryDirectory temporary(absolute_path(context.tmp_dir), context.ini.data_directory);
+    std::vector<std::string> variables = {"TMP_DIR=" + temporary.path()};
+    for (const DatabaseRecovery& database : databases) {
+        unread[database.target] = &database;
+        variables.push_back("DATABASE=QRTLN:" + escape_last_component(database.target));
+    }
+    if (unread.empty())
+        return failures;
+    ModuleSession session(context, {});
+    if (session.init(DB_TYPE_BCK, DB_LEVEL_COPY, std::move(variables)) != DB_NUM_I_OK)
+        session.report_failed_start("check", session.reason());
+    for (;;) {
+        throw_if_interrupted();
+        session.forget_reasons();
+        ModuleItem next = session.host().get_item();
+        if (next.status != DB_NUM_I_OK)
+            break;
+        session.item_begun();
+        auto database = unread.find(next.name);
+        if (database == unread.end()) {
+            (void)session.finish(DB_ITEM_EXCLUDED);
+            continue;
+        }
+        int status = session.host().prepare(next.name).status;
+        bool read = status == DB_NUM_I_OK || status == DB_NUM_W_WARNING;
+        if (!read)
+            failures.push_back({database->second->path,
+                                "the server's library cannot read it: " + session.reason()});
+        (void)session.finish(read ? DB_ITEM_SUCCESS : DB_ITEM_FAIL);
+        unread.erase(database);
+    }
+    (void)session.close(false); // nothing of this is a backup
+    for (const auto& [target, database] : unread)
+        failures.push_back({database->path, "the module did not hand it out to be read"});
+    return failures;
+}
+
+// What keeps a database from counting as proven.
+std::string shortfall(const DatabaseRecovery& database) {
+    if (!database.falls_short())
+        return {};
+    return database.reason.empty() ? outcome_name(database.outcome) : database.reason;
+}
+
+Proof prove(const OperationContext& context, const ProveOptions& options, const Manifest& manifest,
+            const RecoveryJournalFile& file, bool& damaged) {
+    RecoveryJournal journal;
+    journal.pending_folder = make_folder_for_proof(options.tmp_dir, context.ini.data_directory);
+    file.write(journal);
+    RecoveryRequest request = make_request(options, manifest, journal.pending_folder);
+    Proof proof;
+    proof.set = manifest.set;
+    proof.recovered_to = *request.to;
+    proof.client_version = client_version();
+    RecoveryResult result = run_recovery(context, request, file, journal);
+    std::vector<DatabaseRecovery> readable;
+    for (const DatabaseRecovery& database : result.databases) {
+        std::string problem = shortfall(database);
+        if (problem.empty())
+            readable.push_back(database);
+        else
+            proof.failures.push_back({database.path, problem});
+    }
+    damaged = !result.damaged.empty();
+    for (const auto* list : {&result.damaged, &result.failed})
+        for (const FailedRestore& failed : *list)
+            proof.failures.push_back({failed.path, failed.reason});
+    std::vector<ProofFailure> unread = read_databases(context, readable);
+    proof.databases = readable.size() - unread.size();
+    proof.failures.insert(proof.failures.end(), unread.begin(), unread.end());
+    proof.time = std::time(nullptr);
+    return proof;
+}
+
+void clean_up(const RecoveryJournalFile& file) {
+    if (std::optional<RecoveryJournal> left = file.read()) {
+        for (const std::string& warning : abandon_recovery(*left))
+            print_message("warning: " + for_terminal(warning));
+        file.remove();
+    }
+}
+
+} // namespace
+
+int run_prove(const ProveOptions& options) {
+    install_interrupt_handlers();
+    NotesIni ini = load_notes_ini(options.notes_ini);
+    std::unique_ptr<Store> store = open_directory_store(options.store, StoreAccess::change);
+    CatalogueEntry entry =
+        load_set(*store, resolve_set(*store, options.set.empty() ? "latest" : options.set));
+    if (!entry.manifest)
+        throw ClientError(ExitCode::damage_found, "the manifest of the set " +
+                                                      for_terminal(entry.set) + " " +
+                                                      entry.problem);
+    if (entry.manifest->data_directory != ini.data_directory)
+        throw ClientError(ExitCode::failed, "the set " + entry.set +
+                                                " is of a server with the data directory " +
+                                                for_terminal(entry.manifest->data_directory) +
+                                                ", not " + for_terminal(ini.data_directory));
+    RecoveryJournalFile file(store->runtime_directory() + journal_name);
+    clean_up(file); // what a killed run left
+    FileDescriptor trace = open_trace_file(options.trace_file);
+    OperationContext context{ini,         *store,         options.tmp_dir, options.module,
+                             trace.get(), options.verbose};
+    bool damaged = false;
+    Proof proof;
+    try {
+        proof = prove(context, options, *entry.manifest, file, damaged);
+    } catch (...) {
+        clean_up(file);
+        throw;
+    }
+    clean_up(file);
+    record_proof(*store, proof);
+    int code = static_cast<int>(damaged                  ? ExitCode::damage_found
+                                : proof.failures.empty() ? ExitCode::complete
+                                                         : ExitCode::items_failed);
+    nlohmann::json failures = nlohmann::json::array();
+    std::string text = std::to_string(proof.databases) + " databases of the set " + proof.set +
+                       " were recovered, and read by the server's library\n";
+    for (const ProofFailure& failure : proof.failures) {
+        text +=
+            "failed: " + for_terminal(failure.path) + ": " + for_terminal(failure.reason) + "\n";
+        failures.push_back(
+            {{"path", printable_utf8(failure.path)}, {"reason", printable_utf8(failure.reason)}});
+    }
+    if (options.json)
+        print_json({{"command", "prove"},
+                    {"set", proof.set},
+                    {"time", utc_time(proof.time)},
+                    {"recovered_to", utc_time(proof.recovered_to)},
+                    {"databases", proof.databases},
+                    {"failures", failures},
+                    {"exit_code", code}});
+    else
+        print_output(text);
+    return code;
+}
+
+} // namespace qrtln

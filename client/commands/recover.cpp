@@ -1,0 +1,229 @@
+// `qrtln recover`: databases from the store, rolled forward with the transaction logs.
+
+#include "client/commands/commands.h"
+#include "client/error.h"
+#include "client/interrupt.h"
+#include "client/output.h"
+#include "client/recovery_operation.h"
+#include "client/text.h"
+
+#include <algorithm>
+
+namespace qrtln {
+
+namespace {
+
+constexpr const char* journal_name = "/recovery.json";
+
+// The request of this call, or that of the recovery that it goes on with.
+RecoveryRequest make_request(const RecoverOptions& options, const NotesIni& ini,
+                             const std::optional<RecoveryJournal>& journal) {
+    RecoveryRequest request;
+    request.selection.names = options.names;
+    request.selection.all = options.all;
+    request.new_dbiid = options.new_dbiid;
+    request.tmp_dir = options.tmp_dir;
+    if (!options.to.empty())
+        request.to = parse_moment(options.to).time;
+    if (!options.into.empty())
+        request.into = absolute_path(options.into);
+    bool says_nothing = options.names.empty() && !options.all && options.to.empty() &&
+                        options.into.empty() && !options.new_dbiid;
+    if (!journal) {
+        if (options.names.empty() && !options.all)
+            throw ClientError(ExitCode::usage,
+                              "recover needs to know what: name databases, or say --all for the "
+                              "whole system",
+                              "`qrtln show` lists what a set holds; --dry-run shows what would "
+                              "happen");
+        return request;
+    }
+    if (journal->data_directory != ini.data_directory)
+        throw ClientError(ExitCode::failed,
+                          "a recovery of another server, with the data directory " +
+                              for_terminal(journal->data_directory) + ", is not finished",
+                          "finish it, or give it up, with that server's notes.ini: `qrtln recover` "
+                          "or `qrtln recover --abandon`");
+    bool same = request.selection.names == journal->names &&
+                request.selection.all == journal->all && request.to == journal->to &&
+                request.into == journal->into && request.new_dbiid == journal->new_dbiid;
+    if (!says_nothing && !same)
+        throw ClientError(ExitCode::failed, "another recovery is not finished",
+                          "`qrtln recover` without databases goes on with it, `qrtln recover "
+                          "--abandon` gives it up and removes its restored copies");
+    request.selection.names = journal->names;
+    request.selection.all = journal->all;
+    request.to = journal->to;
+    request.into = journal->into;
+    request.new_dbiid = journal->new_dbiid;
+    return request;
+}
+
+void check_time(const RecoveryRequest& request) {
+    (void)rollforward_value(request.to);
+    if (request.to && *request.to > std::time(nullptr))
+        throw ClientError(ExitCode::usage, "--to: the time is still to come",
+                          "without --to databases are recovered to the last committed change");
+}
+
+int code_of(const RecoveryResult& result) {
+    if (!result.damaged.empty())
+        return static_cast<int>(ExitCode::damage_found);
+    bool short_of =
+        !result.failed.empty() ||
+        std::any_of(result.databases.begin(), result.databases.end(),
+                    [](const DatabaseRecovery& database) { return database.falls_short(); });
+    return static_cast<int>(short_of ? ExitCode::items_failed : ExitCode::complete);
+}
+
+int code_of(const RecoveryPlan& plan) {
+    if (plan.logs.missing)
+        return static_cast<int>(ExitCode::logs_missing);
+    for (const RoomNeeded& room : plan.room)
+        if (room.available < room.needed)
+            return static_cast<int>(ExitCode::failed);
+    return static_cast<int>(plan.refused.empty() ? ExitCode::complete : ExitCode::items_failed);
+}
+
+// Up to which moment a database is recovered, for a person.
+std::string reach_text(const DatabaseRecovery& database, const std::optional<std::int64_t>& to) {
+    switch (database.outcome) {
+    case RecoveryOutcome::recovered:
+        return to ? utc_time(*to) : "the last committed change";
+    case RecoveryOutcome::only_its_set:
+        return "its set, ended " + utc_time(database.set_ended);
+    case RecoveryOutcome::uncertain:
+        return "its set at least, ended " + utc_time(database.set_ended);
+    case RecoveryOutcome::in_place:
+        return "by an earlier run";
+    case RecoveryOutcome::waiting:
+    case RecoveryOutcome::failed:
+        break;
+    }
+    return "-";
+}
+
+std::string result_text(const RecoveryResult& result, const std::optional<std::int64_t>& to) {
+    Table table({"DATABASE", "OUTCOME", "RECOVERED TO", "SET", "REASON"});
+    for (const DatabaseRecovery& database : result.databases)
+        table.add({for_terminal(database.target), outcome_name(database.outcome),
+                   reach_text(database, to), for_terminal(database.set),
+                   database.reason.empty() ? "-" : for_terminal(database.reason)});
+    std::string text = table.text();
+    if (!result.restored.empty())
+        text += std::to_string(result.restored.size()) +
+                " files, folders and transaction logs that were missing came back\n";
+    if (!result.pending_folder.empty())
+        text += "what waits is in " + for_terminal(result.pending_folder) +
+                ": when what kept it back is mended (a database in use:\nshut down its task, or "
+                "the server), `qrtln recover` goes on with it\n";
+    for (const FailedRestore& damaged : result.damaged)
+        text += "damaged in every set that has it: " + for_terminal(damaged.path) + ": " +
+                for_terminal(damaged.reason) + "\n";
+    for (const FailedRestore& failed : result.failed)
+        text += "failed: " + for_terminal(failed.path) + ": " + for_terminal(failed.reason) + "\n";
+    return text;
+}
+
+nlohmann::json failures_json(const std::vector<FailedRestore>& list) {
+    nlohmann::json array = nlohmann::json::array();
+    for (const FailedRestore& failed : list)
+        array.push_back(
+            {{"path", printable_utf8(failed.path)}, {"reason", printable_utf8(failed.reason)}});
+    return array;
+}
+
+nlohmann::json result_json(const RecoveryResult& result) {
+    nlohmann::json databases = nlohmann::json::array();
+    for (const DatabaseRecovery& database : result.databases)
+        databases.push_back({{"path", printable_utf8(database.path)},
+                             {"target", printable_utf8(database.target)},
+                             {"set", database.set},
+                             {"set_ended", utc_time(database.set_ended)},
+                             {"outcome", outcome_name(database.outcome)},
+                             {"reason", printable_utf8(database.reason)}});
+    nlohmann::json restored = nlohmann::json::array();
+    for (const std::string& path : result.restored)
+        restored.push_back(printable_utf8(path));
+    nlohmann::json warnings = nlohmann::json::array();
+    for (const std::string& warning : result.warnings)
+        warnings.push_back(printable_utf8(warning));
+    return {{"databases", databases},
+            {"restored", restored},
+            {"failed", failures_json(result.failed)},
+            {"damaged", failures_json(result.damaged)},
+            {"pending_folder", printable_utf8(result.pending_folder)},
+            {"bytes", result.bytes},
+            {"warnings", warnings}};
+}
+
+int abandon(const RecoverOptions& options, const RecoveryJournalFile& file,
+            const std::optional<RecoveryJournal>& journal) {
+    std::vector<std::string> warnings;
+    if (journal) {
+        warnings = abandon_recovery(*journal);
+        file.remove();
+    }
+    for (const std::string& warning : warnings)
+        print_message("warning: " + for_terminal(warning));
+    if (options.json)
+        print_json({{"command", "recover"}, {"abandoned", journal.has_value()}, {"exit_code", 0}});
+    else
+        print_output(journal ? "the recovery was given up; databases that it took offline, and did "
+                               "not put in place, may still be\n"
+                             : "no recovery is under way\n");
+    return static_cast<int>(ExitCode::complete);
+}
+
+int dry_run(const RecoverOptions& options, Store& store, const NotesIni& ini,
+            const RecoveryRequest& request) {
+    RecoveryPlan plan = make_recovery_plan(store, ini, request);
+    for (const std::string& warning : plan.warnings)
+        print_message("warning: " + for_terminal(warning));
+    int code = code_of(plan);
+    if (options.json)
+        print_json({{"command", "recover"},
+                    {"dry_run", true},
+                    {"store", printable_utf8(absolute_path(options.store))},
+                    {"plan", plan_json(plan)},
+                    {"exit_code", code}});
+    else
+        print_output(plan_text(plan));
+    return code;
+}
+
+} // namespace
+
+int run_recover(const RecoverOptions& options) {
+    install_interrupt_handlers();
+    NotesIni ini = load_notes_ini(options.notes_ini, options.all || options.names.empty());
+    std::unique_ptr<Store> store = open_directory_store(
+        options.store, options.dry_run ? StoreAccess::read : StoreAccess::change);
+    RecoveryJournalFile file(store->runtime_directory() + journal_name);
+    std::optional<RecoveryJournal> journal = file.read();
+    if (options.abandon)
+        return abandon(options, file, journal);
+    RecoveryRequest request = make_request(options, ini, journal);
+    check_time(request);
+    if (options.dry_run)
+        return dry_run(options, *store, ini, request);
+    FileDescriptor trace = open_trace_file(options.trace_file);
+    OperationContext context{ini,         *store,         options.tmp_dir, options.module,
+                             trace.get(), options.verbose};
+    RecoveryResult result = run_recovery(context, request, file, journal);
+    for (const std::string& warning : result.warnings)
+        print_message("warning: " + for_terminal(warning));
+    int code = code_of(result);
+    if (options.json)
+        print_json({{"command", "recover"},
+                    {"dry_run", false},
+                    {"store", printable_utf8(absolute_path(options.store))},
+                    {"to", request.to ? nlohmann::json(utc_time(*request.to)) : nlohmann::json()},
+                    {"result", result_json(result)},
+                    {"exit_code", code}});
+    else
+        print_output(result_text(result, request.to));
+    return code;
+}
+
+} // namespace qrtln

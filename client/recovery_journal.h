@@ -1,0 +1,48 @@
+// What a recovery has under way on the server, written down so that a second run goes on with it.
+#pragma once
+
+#include <cstdint>
+#include <optional>
+#include <string>
+#include <vector>
+
+namespace qrtln {
+
+// A restored copy that waits to be rolled forward and put in place.
+struct PendingDatabase {
+    std::string path; // of the original
+    std::string copy; // the restored file, below the pending folder
+};
+
+struct RecoveryJournal {
+    // The request, as the command had it.
+    std::string data_directory;
+    std::vector<std::string> names;
+    bool all = false;
+    std::optional<std::int64_t> to; // seconds since 1970
+    std::string into;
+    bool new_dbiid = false;
+    // What it has done.
+    std::string pending_folder;             // where copies wait; empty with `into`
+    bool recovering = false;                // the server was told to recover, at least once
+    std::vector<PendingDatabase> databases; // of which a copy waits, or is in place already
+    std::vector<std::string> extents;       // transaction logs that it put back on the server
+};
+
+// The journal of one store, a file in its folder of run-time data. REQUIRES: the store is locked.
+class RecoveryJournalFile {
+  public:
+    explicit RecoveryJournalFile(std::string file) : m_file(std::move(file)) {}
+
+    // Nothing when there is none. Throws ClientError(failed) for one that is damaged.
+    std::optional<RecoveryJournal> read() const;
+    // Replaces it so that a crash leaves the old or the new one, flushed. Throws ClientError.
+    void write(const RecoveryJournal& journal) const;
+    // Throws ClientError(failed).
+    void remove() const;
+
+  private:
+    std::string m_file;
+};
+
+} // namespace qrtln

@@ -1,0 +1,85 @@
+// The transaction logs that a recovery replays: which numbers it needs, and where each of them is.
+#pragma once
+
+#include "client/store/manifest.h"
+#include "client/store/store.h"
+
+#include <cstdint>
+#include <map>
+#include <optional>
+#include <set>
+#include <string>
+#include <utility>
+#include <vector>
+
+namespace qrtln {
+
+// An item of a set: a transaction log, or the log control file.
+struct StoredLog {
+    std::string set;
+    ManifestItem item;
+};
+
+// What the sets of one server hold, oldest set first.
+struct StoredLogs {
+    std::vector<StoredLog> logs;
+    std::optional<StoredLog> control; // of the newest set that has one
+};
+
+// The stored logs of all sets with this data directory. Items that are known to be damaged, by path
+// and object, are left out, as are sets whose manifests cannot be read.
+StoredLogs load_stored_logs(Store& store, const std::string& data_directory,
+                            const std::set<std::pair<std::string, std::string>>& damaged);
+
+// The folder of the server's own logs as it is now.
+struct ServerLogs {
+    std::string directory;                           // absolute; empty: unknown
+    bool missing = false;                            // there is no such folder
+    std::map<std::uint32_t, std::int64_t> last_used; // by number: modification time, nanoseconds
+};
+
+// Looks at the folder; a file counts as a log when its name has the form of one.
+ServerLogs look_at_server_logs(const std::string& directory);
+
+// The number in a log's file name, "S0000012.TXN", or nothing.
+std::optional<std::uint32_t> log_number_of(const std::string& file_name);
+
+struct RecoveryLogNeeds {
+    // The oldest set that a database comes from which is to be rolled forward.
+    std::string oldest_set;
+    std::optional<std::int64_t> to; // seconds since 1970; nothing: to the end of the logs
+};
+
+struct MissingLogs {
+    std::uint32_t first = 0;
+    std::uint32_t last = 0;
+    std::string reason; // instead of numbers: why the server's logs do not continue the stored ones
+    // The latest time that the logs before them reach for sure, in seconds since 1970.
+    std::optional<std::int64_t> reachable;
+};
+
+struct RecoveryLogs {
+    std::string archive_id; // of the logs that count; empty: no set holds any
+    std::uint32_t first = 0;
+    std::uint32_t last = 0;
+    std::vector<StoredLog> restore;   // those that the server has no longer, by number
+    std::optional<StoredLog> control; // to be restored with them when the folder is lost
+    std::optional<MissingLogs> missing;
+    // The end that is known when the server's own logs are lost: the last change of the newest
+    // stored log, in seconds since 1970.
+    std::optional<std::int64_t> ends;
+};
+
+// Of the sets' logs those with the newest archive identity count: the server began a new log with
+// each, which knows nothing of what was before it.
+RecoveryLogs find_recovery_logs(const StoredLogs& stored, const ServerLogs& server,
+                                const RecoveryLogNeeds& needs);
+
+// The archive identity of the logs that a set holds, or of the nearest set before it that holds
+// some, else behind it; empty when no set does.
+std::string archive_id_at(const StoredLogs& stored, const std::string& set);
+
+// "the transaction logs 5 to 7 are missing; with those before them ... is reachable".
+std::string describe(const MissingLogs& missing);
+
+} // namespace qrtln

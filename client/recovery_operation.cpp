@@ -1,0 +1,671 @@
+#include "client/recovery_operation.h"
+
+#include "client/database_arguments.h"
+#include "client/error.h"
+#include "client/interrupt.h"
+#include "client/output.h"
+#include "client/safe_paths.h"
+#include "client/store/digest.h"
+#include "client/temporary_directory.h"
+#include "client/text.h"
+
+#include <algorithm>
+#include <array>
+#include <cerrno>
+#include <fcntl.h>
+#include <map>
+#include <set>
+#include <strings.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+namespace qrtln {
+
+namespace {
+
+// Reasons that the module gives, and what begins another.
+constexpr std::string_view failed_elsewhere = "the recovery failed at another database";
+constexpr std::string_view unknown_to_log = "the transaction log does not know it";
+
+constexpr std::string_view folder_prefix = "qrtln-recovery_"; // "-R" would be an option of INFO
+
+constexpr std::size_t read_size = std::size_t{1} << 20;
+
+bool exists(const std::string& path) {
+    struct stat status {};
+    return ::lstat(path.c_str(), &status) == 0;
+}
+
+bool is_template(const std::string& path) {
+    constexpr std::string_view extension = ".ntf";
+    return path.size() > extension.size() &&
+           ::strcasecmp(path.c_str() + path.size() - extension.size(), extension.data()) == 0;
+}
+
+// Whether a file has this content.
+bool has_content(const std::string& path, const std::string& object) {
+    FileDescriptor file(::open(path.c_str(), O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC));
+    struct stat status {};
+    if (!file || ::fstat(file.get(), &status) != 0 || !S_ISREG(status.st_mode))
+        return false;
+    Sha256 digest;
+    std::vector<std::byte> buffer(read_size);
+    for (;;) {
+        throw_if_interrupted();
+        ssize_t got = read_up_to(file.get(), buffer);
+        if (got < 0)
+            return false;
+        if (got == 0)
+            return digest.finish() == object;
+        digest.update({buffer.data(), static_cast<std::size_t>(got)});
+    }
+}
+
+// What the module tells of the databases, in lines of its protocol: "ROLLFORWARD: recovered
+// [PATH]", "ROLLFORWARD: NOT recovered [PATH]: REASON", "ROLLFORWARD: perhaps recovered [PATH]:
+// REASON".
+class ToldOutcomes {
+  public:
+    struct Told {
+        RecoveryOutcome outcome = RecoveryOutcome::failed;
+        std::string reason;
+    };
+
+    explicit ToldOutcomes(const std::vector<std::string>& targets) {
+        for (const std::string& target : targets)
+            m_told.try_emplace(target);
+    }
+    void read(std::string_view line);
+    // Nothing when the module told nothing of it.
+    std::optional<Told> of(const std::string& target) const { return m_told.at(target); }
+    const std::string& missing_log() const { return m_missing_log; }
+
+  private:
+    std::map<std::string, std::optional<Told>> m_told;
+    std::string m_missing_log;
+};
+
+void ToldOutcomes::read(std::string_view line) {
+    constexpr std::string_view missing = "ROLLFORWARD: missing transaction log [";
+    if (line.starts_with(missing)) {
+        m_missing_log = line.substr(missing.size(), line.rfind(']') - missing.size());
+        return;
+    }
+    constexpr std::array<std::pair<std::string_view, RecoveryOutcome>, 3> forms = {
+        {{"ROLLFORWARD: recovered [", RecoveryOutcome::recovered},
+         {"ROLLFORWARD: NOT recovered [", RecoveryOutcome::failed},
+         {"ROLLFORWARD: perhaps recovered [", RecoveryOutcome::uncertain}}};
+    for (const auto& [beginning, outcome] : forms) {
+        if (!line.starts_with(beginning))
+            continue;
+        std::string_view rest = line.substr(beginning.size());
+        // A path may hold brackets: the one that is known decides.
+        for (std::size_t end = rest.find(']'); end != std::string_view::npos;
+             end = rest.find(']', end + 1)) {
+            auto told = m_told.find(std::string(rest.substr(0, end)));
+            if (told == m_told.end())
+                continue;
+            std::string_view reason = rest.substr(end + 1);
+            reason.remove_prefix(reason.starts_with(": ") ? 2 : 0);
+            told->second = Told{outcome, std::string(reason)};
+            return;
+        }
+    }
+}
+
+class Recovery {
+  public:
+    Recovery(const OperationContext& context, RecoveryRequest request,
+             const RecoveryJournalFile& file, const std::optional<RecoveryJournal>& journal)
+        : m_context(context), m_request(std::move(request)), m_file(file) {
+        if (journal) {
+            m_journal = *journal;
+            m_resumed = true;
+        }
+    }
+    RecoveryResult run();
+
+  private:
+    bool in_place() const { return m_plan.into.empty(); }
+    std::string copy_of(const RecoveringDatabase& database) const;
+    DatabaseRecovery& report(const RecoveringDatabase& database, RecoveryOutcome outcome,
+                             const std::string& reason = {});
+    void settle_what_is_done();
+    bool was_put_in_place(const RecoveringDatabase& database) const;
+    void find_whole_copies();
+    void create_pending_folder();
+    void create_data_directory();
+    void write_journal();
+    bool restore_from_store();
+    RestorePlan plan_copies();
+    RestorePlan plan_extents();
+    void add_parent_folders(RestorePlan& plan) const;
+    PlannedItem planned_log(const StoredLog& log) const;
+    bool take_result(RestoreResult result, const RestorePlan& plan);
+    bool check_only_its_set();
+    void note_damage(const PlannedItem& planned, const std::string& reason);
+    void roll_forward();
+    std::vector<const RecoveringDatabase*>
+    roll_forward_once(const std::vector<const RecoveringDatabase*>& databases);
+    std::vector<std::string> variables(const std::vector<const RecoveringDatabase*>& databases,
+                                       const std::string& temporary) const;
+    void put_only_its_set_in_place();
+    void give_owner_and_mode(const RecoveringDatabase& database);
+    void strike(const std::string& path);
+    void settle();
+
+    const OperationContext& m_context;
+    RecoveryRequest m_request;
+    const RecoveryJournalFile& m_file;
+    RecoveryJournal m_journal;
+    bool m_resumed = false;
+    RecoveryPlan m_plan;
+    std::map<std::string, std::string> m_whole;   // by path: the object whose copy waits, whole
+    std::map<std::string, std::string> m_damaged; // by path: why no set gives it
+    std::set<std::string> m_reported;             // paths
+    RecoveryResult m_result;
+};
+
+std::string Recovery::copy_of(const RecoveringDatabase& database) const {
+    const std::string& path = database.planned.item.path;
+    return in_place() ? m_journal.pending_folder + path.substr(m_plan.data_directory.size())
+                      : database.planned.target;
+}
+
+DatabaseRecovery& Recovery::report(const RecoveringDatabase& database, RecoveryOutcome outcome,
+                                   const std::string& reason) {
+    bool shown = outcome == RecoveryOutcome::waiting || outcome == RecoveryOutcome::failed;
+    if (shown)
+        print_message("not recovered: " + for_terminal(database.planned.item.path) + ": " +
+                      for_terminal(reason));
+    m_reported.insert(database.planned.item.path);
+    return m_result.databases.emplace_back(
+        DatabaseRecovery{database.planned.item.path, database.planned.target, database.planned.set,
+                         database.set_ended, outcome, reason});
+}
+
+RecoveryResult Recovery::run() {
+    for (;;) {
+        m_plan = make_recovery_plan(m_context.store, m_context.ini, m_request);
+        require_logs(m_plan);
+        if (m_resumed)
+            settle_what_is_done();
+        create_data_directory();
+        find_whole_copies();
+        require_room(recovery_room(m_plan, m_request.tmp_dir, m_whole));
+        create_pending_folder();
+        write_journal();
+        if (restore_from_store())
+            break;
+        m_result.restored.clear(); // told again by the next round
+        m_result.failed.clear();
+    }
+    for (const std::string& warning : m_plan.warnings)
+        m_result.warnings.push_back(warning);
+    for (const PlannedItem& planned : m_plan.refused)
+        m_result.failed.push_back({planned.item.path, planned.reason});
+    roll_forward();
+    put_only_its_set_in_place();
+    settle();
+    return std::move(m_result);
+}
+
+// What an earlier run of the same recovery put in place is left alone: its users may have gone on
+// with it.
+void Recovery::settle_what_is_done() {
+    std::erase_if(m_plan.databases, [this](const RecoveringDatabase& database) {
+        if (!was_put_in_place(database))
+            return false;
+        if (!m_reported.contains(database.planned.item.path))
+            report(database, RecoveryOutcome::in_place);
+        return true;
+    });
+}
+
+bool Recovery::was_put_in_place(const RecoveringDatabase& database) const {
+    if (!in_place() || !m_journal.recovering)
+        return false;
+    const std::string& path = database.planned.item.path;
+    auto pending = std::find_if(m_journal.databases.begin(), m_journal.databases.end(),
+                                [&](const PendingDatabase& entry) { return entry.path == path; });
+    if (pending == m_journal.databases.end())
+        return true; // struck out
+    return !pending->copy.empty() && !exists(pending->copy);
+}
+
+// Copies that an earlier run left, or the round before, need not be read from the store again.
+void Recovery::find_whole_copies() {
+    if (m_journal.pending_folder.empty())
+        return;
+    for (const RecoveringDatabase& database : m_plan.databases) {
+        const ManifestItem& item = database.planned.item;
+        auto known = m_whole.find(item.path);
+        if (known != m_whole.end() && known->second == item.object)
+            continue;
+        m_whole.erase(item.path);
+        if (database.only_its_set.empty() && has_content(copy_of(database), item.object))
+            m_whole[item.path] = item.object;
+    }
+}
+
+void Recovery::create_pending_folder() {
+    if (!in_place() || (!m_journal.pending_folder.empty() && exists(m_journal.pending_folder)))
+        return;
+    m_journal.pending_folder = make_folder_for_copies(m_request.tmp_dir, m_plan.data_directory,
+                                                      std::string(folder_prefix));
+}
+
+// A new disk in the place of the lost one is empty, or not even that.
+void Recovery::create_data_directory() {
+    if (!m_plan.data_directory_missing || !in_place())
+        return;
+    const std::string& directory = m_plan.data_directory;
+    std::string above = folder_of(directory);
+    if (real_path(above).value_or("") != above)
+        throw ClientError(ExitCode::failed,
+                          "the folder above the data directory " + for_terminal(directory) +
+                              " is missing, or is reached through a symbolic link",
+                          "create it, or mount its disk");
+    if (::mkdir(directory.c_str(), 0700) != 0 && errno != EEXIST)
+        throw ClientError(ExitCode::failed, "cannot create the data directory " +
+                                                for_terminal(directory) + ": " +
+                                                system_error_text(errno));
+    auto original = m_plan.others.folders.find(directory);
+    std::string problem;
+    if (original != m_plan.others.folders.end())
+        if (FileDescriptor folder = SafeFolder(above).open_folder(name_of(directory), problem))
+            problem = apply_metadata(folder.get(), original->second);
+    if (!problem.empty())
+        m_result.warnings.push_back(directory + ": " + problem);
+    m_plan.data_directory_missing = false;
+}
+
+void Recovery::write_journal() {
+    m_journal.data_directory = m_plan.data_directory;
+    m_journal.names = m_request.selection.names;
+    m_journal.all = m_request.selection.all;
+    m_journal.to = m_request.to;
+    m_journal.into = m_request.into;
+    m_journal.new_dbiid = m_request.new_dbiid;
+    if (in_place() && !m_journal.recovering) {
+        m_journal.databases.clear();
+        for (const RecoveringDatabase& database : m_plan.databases)
+            m_journal.databases.push_back({database.planned.item.path, database.only_its_set.empty()
+                                                                           ? copy_of(database)
+                                                                           : std::string()});
+    }
+    // Before they are there: what is not there does no harm when it is to be removed.
+    if (!m_plan.server_logs.missing)
+        for (const StoredLog& log : m_plan.logs.restore)
+            if (std::string target = log_target(m_plan, log);
+                std::find(m_journal.extents.begin(), m_journal.extents.end(), target) ==
+                m_journal.extents.end())
+                m_journal.extents.push_back(target);
+    m_file.write(m_journal);
+}
+
+// Returns false when damage was found that calls for another plan.
+bool Recovery::restore_from_store() {
+    if (!check_only_its_set())
+        return false;
+    RestorePlan copies = plan_copies();
+    if (!take_result(run_restore_operation(m_context, copies), copies))
+        return false;
+    RestorePlan extents = plan_extents();
+    return take_result(run_restore_operation(m_context, extents), extents);
+}
+
+// What is put in place last, from the store, is read once before anything is touched.
+bool Recovery::check_only_its_set() {
+    bool whole = true;
+    if (!in_place())
+        return whole;
+    for (const RecoveringDatabase& database : m_plan.databases) {
+        if (database.only_its_set.empty())
+            continue;
+        const PlannedItem& planned = database.planned;
+        ObjectCheck check =
+            m_context.store.read_object(planned.item.object, [](Bytes) { throw_if_interrupted(); });
+        if (check.problem.empty())
+            continue;
+        note_damage(planned, "its object " + planned.item.object + " " + check.problem);
+        whole = false;
+    }
+    return whole;
+}
+
+PlannedItem Recovery::planned_log(const StoredLog& log) const {
+    PlannedItem planned;
+    planned.set = log.set;
+    planned.item = log.item;
+    planned.action = RestoreAction::write;
+    planned.target = planned.announced = log_target(m_plan, log);
+    planned.root = m_plan.server_logs.missing ? folder_of(m_plan.server_logs.directory)
+                                              : m_plan.server_logs.directory;
+    return planned;
+}
+
+// The copies of databases, with what is missing beside them; and all logs where their folder is
+// lost.
+RestorePlan Recovery::plan_copies() {
+    RestorePlan plan = m_plan.others;
+    plan.pending_folder = m_journal.pending_folder;
+    plan.databases_wait = true;
+    if (in_place())
+        add_parent_folders(plan);
+    if (m_plan.server_logs.missing) {
+        for (const StoredLog& log : m_plan.logs.restore)
+            plan.items.push_back(planned_log(log));
+        if (m_plan.logs.control)
+            plan.items.push_back(planned_log(*m_plan.logs.control));
+    }
+    for (const RecoveringDatabase& database : m_plan.databases) {
+        bool activated_later = in_place() && !database.only_its_set.empty();
+        if (!activated_later && !m_whole.contains(database.planned.item.path))
+            plan.items.push_back(database.planned);
+    }
+    return plan;
+}
+
+// The module would make them too, without a look at links and without an owner.
+void Recovery::add_parent_folders(RestorePlan& plan) const {
+    std::set<std::string> planned_folders;
+    for (const PlannedItem& planned : plan.items)
+        if (planned.action == RestoreAction::create_folder)
+            planned_folders.insert(planned.target);
+    for (const RecoveringDatabase& database : m_plan.databases) {
+        std::string folder = folder_of(database.planned.target);
+        if (exists(folder) || !planned_folders.insert(folder).second)
+            continue;
+        PlannedItem parent;
+        parent.item.path = parent.announced = parent.target = folder;
+        parent.item.kind = ItemKind::directory;
+        parent.action = RestoreAction::create_folder;
+        parent.root = database.planned.root;
+        plan.items.push_back(std::move(parent));
+    }
+}
+
+RestorePlan Recovery::plan_extents() {
+    RestorePlan plan;
+    plan.data_directory = m_plan.data_directory;
+    plan.extents_only = true;
+    if (!m_plan.server_logs.missing)
+        for (const StoredLog& log : m_plan.logs.restore)
+            plan.items.push_back(planned_log(log));
+    return plan;
+}
+
+void Recovery::note_damage(const PlannedItem& planned, const std::string& reason) {
+    m_request.selection.damaged.insert({planned.item.path, planned.item.object});
+    m_damaged[planned.item.path] = reason;
+}
+
+bool Recovery::take_result(RestoreResult result, const RestorePlan& plan) {
+    m_result.bytes += result.bytes;
+    std::move(result.warnings.begin(), result.warnings.end(),
+              std::back_inserter(m_result.warnings));
+    std::map<std::string, const PlannedItem*> planned;
+    for (const PlannedItem& item : plan.items)
+        planned[item.item.path] = &item;
+    for (const WaitingCopy& waiting : result.waiting)
+        m_whole[waiting.path] = planned.at(waiting.path)->item.object;
+    for (const FailedRestore& damaged : result.damaged)
+        note_damage(*planned.at(damaged.path), damaged.reason);
+    std::map<std::string, std::string> failed_databases;
+    for (const auto& [path, reason] : result.failed) {
+        const PlannedItem& item = *planned.at(path);
+        if (item.item.log)
+            throw ClientError(ExitCode::failed,
+                              "cannot put the transaction log " + for_terminal(item.target) +
+                                  " back: " + for_terminal(reason),
+                              "run the same command again when that is mended: what is restored "
+                              "so far is kept");
+        if (item.item.kind == ItemKind::database)
+            failed_databases[path] = reason;
+        else
+            m_result.failed.push_back({path, reason});
+    }
+    std::erase_if(m_plan.databases, [&](const RecoveringDatabase& database) {
+        auto failed = failed_databases.find(database.planned.item.path);
+        if (failed == failed_databases.end())
+            return false;
+        report(database, RecoveryOutcome::failed, failed->second);
+        return true;
+    });
+    std::set<std::string> databases; // these have an outcome of their own
+    for (const RecoveringDatabase& database : m_plan.databases)
+        databases.insert(database.planned.target);
+    for (const std::string& restored : result.restored)
+        if (!databases.contains(restored))
+            m_result.restored.push_back(restored);
+    return result.damaged.empty();
+}
+
+// One database that the server cannot recover must not keep the others from it.
+void Recovery::roll_forward() {
+    std::vector<const RecoveringDatabase*> databases;
+    for (const RecoveringDatabase& database : m_plan.databases)
+        if (database.only_its_set.empty())
+            databases.push_back(&database);
+        else if (!in_place())
+            report(database, RecoveryOutcome::only_its_set, database.only_its_set);
+    if (!m_journal.recovering) {
+        m_journal.recovering = true;
+        m_file.write(m_journal);
+    }
+    while (!databases.empty()) {
+        throw_if_interrupted();
+        databases = roll_forward_once(databases);
+    }
+}
+
+std::vector<std::string>
+Recovery::variables(const std::vector<const RecoveringDatabase*>& databases,
+                    const std::string& temporary) const {
+    std::vector<std::string> variables = {"TMP_DIR=" + temporary, "RECOVERY=YES",
+                                          "ROLLFORWARD=" + rollforward_value(m_plan.to)};
+    if (m_plan.new_dbiid)
+        variables.emplace_back("NEWDBIID=YES");
+    if (!in_place())
+        variables.push_back("INFO=" + relocation_info(m_plan.into, false));
+    for (const RecoveringDatabase* database : databases)
+        variables.push_back("DATABASE=QRTLN:" + escape_last_component(database->planned.item.path));
+    return variables;
+}
+
+// Returns those that are to be tried again, without one that made the whole recovery fail.
+std::vector<const RecoveringDatabase*>
+Recovery::roll_forward_once(const std::vector<const RecoveringDatabase*>& databases) {
+    std::vector<std::string> targets;
+    for (const RecoveringDatabase* database : databases)
+        targets.push_back(database->planned.target);
+    ToldOutcomes told(targets);
+    std::optional<TemporaryDirectory> temporary;
+    if (!in_place())
+        temporary.emplace(absolute_path(m_request.tmp_dir), m_plan.data_directory);
+    ModuleSession session(m_context, [&](const std::string& line) { told.read(line); });
+    int status = session.init(
+        DB_TYPE_RST, DB_LEVEL_FULL,
+        variables(databases, temporary ? temporary->path() : m_journal.pending_folder));
+    std::string reason = status == DB_NUM_I_COMPLETE ? "" : session.reason();
+
+    std::vector<const RecoveringDatabase*> again;
+    bool one_failed = false;
+    for (const RecoveringDatabase* database : databases) {
+        std::optional<ToldOutcomes::Told> outcome = told.of(database->planned.target);
+        bool waits = in_place() ? exists(copy_of(*database)) : outcome.has_value();
+        if (!outcome) {
+            report(*database,
+                   waits || !in_place() ? RecoveryOutcome::waiting : RecoveryOutcome::uncertain,
+                   reason.empty() ? "the module did not tell what became of it" : reason);
+        } else if (outcome->outcome != RecoveryOutcome::failed) {
+            report(*database, outcome->outcome, outcome->reason);
+            give_owner_and_mode(*database);
+        } else if (outcome->reason == failed_elsewhere) {
+            again.push_back(database);
+        } else if (outcome->reason.starts_with(unknown_to_log)) {
+            report(*database, RecoveryOutcome::only_its_set,
+                   is_template(database->planned.item.path) ? template_reason : outcome->reason);
+            give_owner_and_mode(*database);
+        } else {
+            std::string why = outcome->reason;
+            if (!told.missing_log().empty() && !one_failed)
+                why += " (the transaction log " + told.missing_log() + " is missing)";
+            report(*database,
+                   waits && in_place() ? RecoveryOutcome::waiting : RecoveryOutcome::failed, why);
+            one_failed = true;
+        }
+    }
+    if (!again.empty() && !one_failed) { // no progress: nothing names the one that fails
+        for (const RecoveringDatabase* database : again)
+            report(*database, in_place() ? RecoveryOutcome::waiting : RecoveryOutcome::failed,
+                   reason);
+        again.clear();
+    }
+    return again;
+}
+
+// A database that was lost came into being as this user's.
+void Recovery::give_owner_and_mode(const RecoveringDatabase& database) {
+    const PlannedItem& planned = database.planned;
+    if (in_place() && planned.existing)
+        return;
+    std::string problem;
+    FileDescriptor file =
+        SafeFolder(planned.root).open_file(path_below(planned.target, planned.root), problem);
+    struct stat status {};
+    if (file && ::fstat(file.get(), &status) == 0) {
+        ManifestItem item = planned.item;
+        item.mtime_ns =
+            status.st_mtim.tv_sec * std::int64_t{1'000'000'000} + status.st_mtim.tv_nsec;
+        problem = apply_metadata(file.get(), item);
+    }
+    if (!problem.empty())
+        m_result.warnings.push_back(planned.target + ": " + problem);
+}
+
+void Recovery::strike(const std::string& path) {
+    std::erase_if(m_journal.databases,
+                  [&](const PendingDatabase& pending) { return pending.path == path; });
+    m_file.write(m_journal);
+}
+
+// One at a time, and struck out at once: a second run must not put it back over later changes.
+void Recovery::put_only_its_set_in_place() {
+    if (!in_place())
+        return;
+    for (const RecoveringDatabase& database : m_plan.databases) {
+        if (database.only_its_set.empty())
+            continue;
+        RestorePlan plan;
+        plan.data_directory = m_plan.data_directory;
+        plan.activate = true;
+        plan.pending_folder = m_journal.pending_folder;
+        plan.items.push_back(database.planned);
+        plan.items.back().action = RestoreAction::activate;
+        RestoreResult result = run_restore_operation(m_context, plan);
+        m_result.bytes += result.bytes;
+        for (const std::string& warning : result.warnings)
+            m_result.warnings.push_back(warning);
+        if (!result.restored.empty()) {
+            report(database, RecoveryOutcome::only_its_set, database.only_its_set);
+            strike(database.planned.item.path);
+            continue;
+        }
+        std::string reason = !result.waiting.empty()   ? result.waiting.front().reason
+                             : !result.failed.empty()  ? result.failed.front().reason
+                             : !result.damaged.empty() ? result.damaged.front().reason
+                                                       : "it was not put in place";
+        report(database,
+               result.waiting.empty() ? RecoveryOutcome::failed : RecoveryOutcome::waiting, reason);
+    }
+}
+
+// Removes what is of no more use, or keeps it for a second run.
+void Recovery::settle() {
+    std::set<std::string> waits;
+    for (const DatabaseRecovery& database : m_result.databases)
+        if (database.outcome == RecoveryOutcome::waiting)
+            waits.insert(database.path);
+    std::vector<PendingDatabase> left;
+    for (const PendingDatabase& pending : m_journal.databases)
+        if (waits.contains(pending.path))
+            left.push_back(pending);
+    for (const auto& [path, reason] : m_damaged)
+        if (!m_reported.contains(path) && !log_number_of(name_of(path)))
+            m_result.damaged.push_back({path, reason});
+    if (m_request.leaves_journal)
+        return;
+    if (!left.empty()) {
+        m_journal.databases = std::move(left);
+        m_file.write(m_journal);
+        m_result.pending_folder = m_journal.pending_folder;
+        return;
+    }
+    for (const std::string& warning : abandon_recovery(m_journal))
+        m_result.warnings.push_back(warning);
+    m_file.remove();
+}
+
+} // namespace
+
+const char* outcome_name(RecoveryOutcome outcome) {
+    switch (outcome) {
+    case RecoveryOutcome::recovered:
+        return "recovered";
+    case RecoveryOutcome::only_its_set:
+        return "as in its set";
+    case RecoveryOutcome::uncertain:
+        return "perhaps recovered";
+    case RecoveryOutcome::in_place:
+        return "in place before";
+    case RecoveryOutcome::waiting:
+        return "waiting";
+    case RecoveryOutcome::failed:
+        break;
+    }
+    return "failed";
+}
+
+bool DatabaseRecovery::falls_short() const {
+    switch (outcome) {
+    case RecoveryOutcome::recovered:
+    case RecoveryOutcome::in_place:
+        return false;
+    case RecoveryOutcome::only_its_set:
+        return reason != not_logged_reason && reason != template_reason;
+    case RecoveryOutcome::uncertain:
+    case RecoveryOutcome::waiting:
+    case RecoveryOutcome::failed:
+        break;
+    }
+    return true;
+}
+
+RecoveryResult run_recovery(const OperationContext& context, RecoveryRequest request,
+                            const RecoveryJournalFile& file,
+                            const std::optional<RecoveryJournal>& journal) {
+    return Recovery(context, std::move(request), file, journal).run();
+}
+
+std::string make_folder_for_proof(const std::string& tmp_dir, const std::string& data_directory) {
+    return make_folder_for_copies(tmp_dir, data_directory, std::string(folder_prefix) + "proof_");
+}
+
+std::vector<std::string> abandon_recovery(const RecoveryJournal& journal) {
+    std::vector<std::string> warnings;
+    // Whatever the journal says, only what a recovery makes is removed.
+    for (const std::string& extent : journal.extents)
+        if (log_number_of(name_of(extent)) && ::unlink(extent.c_str()) != 0 && errno != ENOENT)
+            warnings.push_back("cannot remove the restored transaction log " + extent + ": " +
+                               system_error_text(errno));
+    const std::string& folder = journal.pending_folder;
+    if (name_of(folder).starts_with(folder_prefix) && exists(folder))
+        if (int error = remove_tree(AT_FDCWD, folder); error != 0)
+            warnings.push_back("cannot remove the folder of restored copies " + folder + ": " +
+                               system_error_text(error));
+    return warnings;
+}
+
+} // namespace qrtln

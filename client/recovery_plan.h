@@ -1,0 +1,77 @@
+// What a recovery will do, decided and checked before anything is written.
+#pragma once
+
+#include "client/recovery_logs.h"
+#include "client/restore_plan.h"
+
+#include <cstdint>
+#include <map>
+#include <nlohmann/json.hpp>
+#include <optional>
+#include <string>
+#include <vector>
+
+namespace qrtln {
+
+struct RecoveryRequest {
+    SelectionRequest selection;     // its moment and its `elsewhere` are set by the plan
+    std::optional<std::int64_t> to; // seconds since 1970; nothing: to the end of the logs
+    std::string into;               // empty: in place of the live databases
+    bool new_dbiid = false;
+    bool databases_only = false; // no folders or files beside them
+    bool leaves_journal = false; // for the caller to clean up after a look at the result
+    std::string tmp_dir;         // below it the restored copies wait
+};
+
+// Why a database without transaction logging is brought back as it is in its set.
+inline constexpr const char* not_logged_reason = "it is not transaction-logged";
+inline constexpr const char* template_reason = "it is a template that the log does not cover";
+
+// A database that is to be recovered.
+struct RecoveringDatabase {
+    PlannedItem planned;
+    std::int64_t set_started = 0; // of the set that it comes from, seconds since 1970
+    std::int64_t set_ended = 0;
+    // Why it is brought back as it is in its set, and no log rolls it forward; else empty.
+    std::string only_its_set;
+};
+
+struct RecoveryPlan {
+    std::string data_directory;
+    bool data_directory_missing = false;
+    std::optional<std::int64_t> to;
+    std::string into; // absolute; empty: in place
+    bool new_dbiid = false;
+    std::vector<RecoveringDatabase> databases;
+    std::vector<PlannedItem> refused;
+    RestorePlan others; // folders and files that are missing
+    RecoveryLogs logs;
+    ServerLogs server_logs;
+    std::vector<RoomNeeded> room;
+    std::vector<std::string> warnings;
+};
+
+// Makes the plan; writes nothing. Throws ClientError for a request that cannot be carried out.
+// Missing logs are in the plan.
+RecoveryPlan make_recovery_plan(Store& store, const NotesIni& ini, const RecoveryRequest& request);
+
+// What the plan needs on each file system; databases in `whole`, by path, have their copies
+// already.
+std::vector<RoomNeeded> recovery_room(const RecoveryPlan& plan, const std::string& tmp_dir,
+                                      const std::map<std::string, std::string>& whole);
+
+// Throws ClientError(logs_missing) when logs are missing that the plan needs, with the latest time
+// that can be reached without them.
+void require_logs(const RecoveryPlan& plan);
+
+// The log's full path in the folder of the server's logs.
+std::string log_target(const RecoveryPlan& plan, const StoredLog& log);
+
+// The value of ROLLFORWARD: "YES", or the time as YYYYMMDDhhmmss in local time. Throws
+// ClientError(usage) for a time that the clock shows twice: the module would refuse it.
+std::string rollforward_value(const std::optional<std::int64_t>& to);
+
+std::string plan_text(const RecoveryPlan& plan);
+nlohmann::json plan_json(const RecoveryPlan& plan);
+
+} // namespace qrtln
