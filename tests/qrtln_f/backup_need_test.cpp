@@ -78,7 +78,7 @@ TEST_F(DbiidIndex, WorkingCopyReadsLikeAWholeWriteAfterEveryChange) {
         EXPECT_EQ(workingCopy(), wholeDump()) << path;
     }
     // A file that somebody changed is written whole.
-    std::ofstream(server.folder.file(workingName()), std::ios::app) << "garbage";
+    std::ofstream(server.folder.file(workingName()), std::ios::app) << std::string(500, 'g');
     storeDbIId("/d/e.nsf", textOf(0x0000ABCD).c_str());
     EXPECT_EQ(workingCopy(), wholeDump());
     EXPECT_STREQ(storedDbIId("/d/e.nsf"), "0000ABCD-A1B2C3D4 00000001FFFFFFFF");

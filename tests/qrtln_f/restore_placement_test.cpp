@@ -299,6 +299,10 @@ TEST_F(RestorePlacement, SixWaysSelectAFile) {
         for (int number = 1; number <= 6; ++number) {
             EXPECT_EQ(went(number, c.file), number == c.number) << number;
         }
+        if (c.level == DB_LEVEL_FULL) {
+            EXPECT_EQ(setFile(c.file, c.directory), c.number == 0 ? 12 : 3000)
+                << "the next search starts at the first entry again";
+        }
         EXPECT_EQ(takeErrorText(), "");
     }
 }

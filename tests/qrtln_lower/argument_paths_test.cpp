@@ -198,6 +198,20 @@ TEST(DatabaseForRecovery, TakesTheLastOfItsNameFromTheQueueOnce) {
     EXPECT_EQ(isDatabaseForRecovery("/b"), 0);
 }
 
+TEST(IncrementalRestore, IsARestoreAtIncrementalLevel) {
+    g_sQRTLN_Global.eI_BackupType = QRTLN_OPERATION_TYPE_NOTES;
+    for (const DB_OPERATION_TYPE type : {DB_TYPE_RST, DB_TYPE_BCK}) {
+        for (const DB_OPERATION_LEVEL level : {DB_LEVEL_INCR, DB_LEVEL_DIFF}) {
+            g_sQRTLN_Global.eI_OperationType = type;
+            g_sQRTLN_Global.eI_OperationLevel = level;
+            const bool expected = type == DB_TYPE_RST && level == DB_LEVEL_INCR;
+            EXPECT_EQ(isIncrementalRestore() != 0, expected);
+            EXPECT_EQ(isFullIncrementalRestore() != 0, expected);
+        }
+    }
+    g_sQRTLN_Global = {};
+}
+
 // Two lists that differ on purpose: a change to one must not pass for a repair.
 TEST(FileKind, GoesByTheExtensionInAnyCase) {
     struct Case {

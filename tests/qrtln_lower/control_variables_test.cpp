@@ -216,6 +216,7 @@ TEST_F(ControlVariables, RestoreOptionsAreFoundInTheCommandLine) {
         {"-R \"NOTES\"", "", false},
         {"-R \"notes\"", "notes", false},
         {"-R \"/\"", "", false},
+        {"-R \"\\\"", "", false},
         {"-R \"\\\\\"", "\\\\", false},
         {"-R \"", "", false},
         {"-R /no-closing quote", "/no-closing quote", false},
