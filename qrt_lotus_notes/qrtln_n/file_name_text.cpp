@@ -31,6 +31,11 @@ char* getUTF8FileName(const char* cpFile) {
                           kMaxNameText);
     notes_api.OSTranslate(kTranslateLmbcsToUtf8, szLmbcs, kTranslateWholeString, szFileUTF8,
                           kMaxNameText);
+    // A name that the server did not translate is shown as it is: messages and the index of
+    // instances must not name nothing.
+    if (szFileUTF8[0] == '\0') {
+        copyText(szFileUTF8, kMaxNameText + 1, cpFile);
+    }
     return szFileUTF8;
 }
 
@@ -39,6 +44,10 @@ bool translateToLmbcs(const char* path, char* target, std::size_t size) {
     notes_api.OSTranslate(kTranslateNativeToLmbcs, path, kTranslateWholeString, target,
                           static_cast<WORD>(size));
     target[size - 1] = '\0';
+    // A path that was not translated is none: in a list of paths it would even hide those after it.
+    if (target[0] == '\0' && path[0] != '\0') {
+        return false;
+    }
 
     // A conversion that was cut ends within one character of the buffer's end. There, only a path
     // whose length the conversion does not change is known to be whole.

@@ -7,13 +7,13 @@
 
 // Returns the name converted to UTF-8, for messages and index keys, in a static buffer that the
 // next call overwrites. Each conversion yields at most 256 bytes: longer names are cut, readers of
-// traces know that limit. While the Notes runtime is not up: the native bytes, cut at the same
-// limit.
+// traces know that limit. While the Notes runtime is not up, and when the server does not translate
+// the name: the native bytes, cut at the same limit.
 char* getUTF8FileName(const char* cpFile);
 
 // Writes the LMBCS form of a native path into target[size], as every path for the Notes C API
-// needs. Returns false when it did not fit: the text in target then names some other file and must
-// not be used. REQUIRES: the Notes runtime is up.
+// needs. Returns false when it did not fit or was not translated: the text in target then names
+// some other file, or none, and must not be used. REQUIRES: the Notes runtime is up.
 bool translateToLmbcs(const char* path, char* target, std::size_t size);
 
 template <std::size_t size>
