@@ -224,6 +224,15 @@ BOOL isBackupNeeded(const char* cpFile, DWORD dwComfortSpan) {
         return TRUE;
     }
     if (status != kNotesNoError) {
+        // The answer is the same as "not needed", and what is not selected is not saved: hosts find
+        // this line. A full backup saves the database all the same.
+        if (g_sQRTLN_Global.eI_OperationLevel == DB_LEVEL_DIFF ||
+            g_sQRTLN_Global.eI_OperationLevel == DB_LEVEL_INCR) {
+            DB_LogExt("isBackupNeeded(): NSFIsNewBackupNeeded failed: %s",
+                      getLotusNotesApiError(status, FALSE));
+            DB_LogExt("Checking if file needs to be backed up failure: %s",
+                      getUTF8FileName(cpFile));
+        }
         return FALSE;
     }
     if (dwComfortSpan == 0) {
