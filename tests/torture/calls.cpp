@@ -1,0 +1,69 @@
+#include "tests/torture/calls.h"
+
+#include <algorithm>
+
+namespace {
+
+const NotesCall kCalls[] = {
+    {"NotesInitExtended",
+     {kNotesAccessDenied, kNotesInvalidDirectory},
+     kNothing,
+     "Notes API NotesInitExtended() failed: (STATUS 0X"},
+    {"OSGetDataDirectory", {}, kNothing, "Notes API OSGetDataDirectory() failure"},
+    // One message for either directory: hosts know it.
+    {"OSGetEnvironmentString", {}, kNothing, "Notes API OSGetDataDirectory() failure"},
+    {"OSTranslate", {}, kNothing, "is not valid"},
+    {"OSLockObject", {}, kNothing, "cannot lock the working buffer"},
+    {"OSMemFree", {}, NOTES_SIM_MEMORY_OBJECTS},
+    {"OSGetIntlSettings", {}, kNothing, "the server does not take the time to recover to"},
+    // Its result is not looked at, by contract: the copy of a note fails then.
+    {"NSFDbIDGet", {}, kNothing, "NSFDbCopyNote() call failed"},
+    {"NSFDbOpen", {kNotesNoSuchFile, kNotesNotADatabase}},
+    {"NSFDbClose", {}, NOTES_SIM_DATABASES},
+    {"NSFBackupStart", {kNotesBackupInProgress, kNotesNotADatabase}},
+    {"NSFBackupEnd", {}, NOTES_SIM_BACKUP_CONTEXTS},
+    {"NSFBackupEndApplyChangeInfo", {}, NOTES_SIM_APPLY_CONTEXTS},
+    {"NSFIsNewBackupNeeded", {kNotesNotBackedUp}},
+    {"NSFGetTransLogStyle", {kNotesLoggingNotInEffect}},
+    {"NSFBeginArchivingLogs", {kNotesArchivingInProgress}},
+    {"NSFEndArchivingLogs", {kNotesArchivingInProgress}},
+    {"NSFGetFirstLogToArchive", {kNotesNoLogToArchive}},
+    {"NSFGetNextLogToArchive", {kNotesNoLogToArchive}},
+    {"NSFTakeDatabaseOffline", {kNotesDatabaseInUse}},
+    {"NSFRecoverDatabases", {kNotesNotBackedUp}},
+    {"NSFDbGetModifiedNoteTable", {kNotesNoNoteModified}},
+    {"IDDestroyTable", {}, NOTES_SIM_ID_TABLES},
+    // A table's end, an empty table, an absent id; a constant that is not written.
+    {"IDScan", {}, kNothing, nullptr, true},
+    {"IDEntries", {}, kNothing, nullptr, true},
+    {"IDIsPresent", {}, kNothing, nullptr, true},
+    {"TimeConstant", {}, kNothing, nullptr, true},
+};
+
+// "None", or "not so": 3748 and the like mean that it could not be done.
+constexpr struct {
+    const char* call;
+    STATUS status;
+} kAnswers[] = {
+    {"NSFIsNewBackupNeeded", kNotesNotBackedUp},
+    {"NSFGetTransLogStyle", kNotesLoggingNotInEffect},
+    {"NSFGetFirstLogToArchive", kNotesNoLogToArchive},
+    {"NSFGetNextLogToArchive", kNotesNoLogToArchive},
+    {"NSFDbGetModifiedNoteTable", kNotesNoNoteModified},
+};
+
+} // namespace
+
+const NotesCall& notesCall(const std::string& name) {
+    static const NotesCall kOther = {"", {}};
+    const auto* const end = std::end(kCalls);
+    const auto* const found =
+        std::find_if(kCalls, end, [&](const NotesCall& call) { return name == call.name; });
+    return found != end ? *found : kOther;
+}
+
+bool isAnswer(const std::string& call, STATUS status) {
+    return std::any_of(std::begin(kAnswers), std::end(kAnswers), [&](const auto& answer) {
+        return call == answer.call && status == answer.status;
+    });
+}

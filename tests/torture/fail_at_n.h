@@ -1,0 +1,17 @@
+// Every call of the server's library fails, one in each run.
+#pragma once
+
+#include <string>
+
+// What is run. An empty name stands for all.
+struct Choice {
+    std::string part;
+    std::string scenario;
+    std::string call;
+    // Every occurrence of a call with every status; otherwise the first and the last.
+    bool longForm = false;
+};
+
+// Prints a line for each scenario and each complaint. Returns the number of runs that something was
+// wrong with.
+int failAtN(const Choice& choice);

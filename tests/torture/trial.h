@@ -1,0 +1,103 @@
+// One run of an operation in a process of its own, as a host drives it, and what must hold after it
+// whatever failed.
+#pragma once
+
+#include <functional>
+#include <string>
+#include <vector>
+
+#include "notes_api/types.h"
+#include "tests/interface/module_host.h"
+
+// A server with two small databases, and what was prepared for a scenario. The folder is put back
+// as it was kept before each run: paths in it stay the same.
+class Workspace : public SimulatedServer {
+  public:
+    Workspace();
+
+    // Keeps server, TMP_DIR and run-time data as they are now, and puts them back.
+    void keep() const;
+    void restore() const;
+
+    // The index of database instances, "" when there is none.
+    std::string index() const;
+    // Takes the present content of a database into the host's store; where it is there.
+    void store(const std::string& name) const;
+    std::string stored(const std::string& name) const;
+    void copy(const std::string& from, const std::string& to) const;
+    bool isOffline(const std::string& name) const;
+};
+
+// The fault of a run. Without a call there is none.
+struct Fault {
+    std::string call;
+    unsigned number = 0;
+    STATUS status = 0;
+
+    std::string text() const;
+};
+
+// What a host saw and heard, and the complaints of whoever judges it.
+class Trial {
+  public:
+    Trial(const Workspace& workspace, const Fault& injected) : server(workspace), fault(injected) {}
+
+    const Workspace& server;
+    const Fault& fault;
+    Module module;
+    // Every text of DB_GetError, in order.
+    std::vector<std::string> errors;
+    std::vector<std::string> complaints;
+    // The fault fired before the close; it fired at all.
+    bool firedBeforeClose = false;
+    bool fired = false;
+    // The host's own count of what was open just before the close, by NotesSimKind.
+    std::vector<unsigned> outstanding;
+
+    void expect(bool holds, const std::string& complaint) {
+        if (!holds) {
+            complaints.push_back(complaint);
+        }
+    }
+    // Takes a module's answer: a failure's text is fetched. Returns whether it succeeded.
+    bool succeeded(int answer);
+    // Closes the operation after counting what is open. Returns whether the close succeeded.
+    bool close(bool done);
+    // Whether the module said a text anywhere, as part of a message; in its log, from a line on.
+    bool said(const std::string& text) const;
+    static bool logged(const std::string& text, std::size_t from = 0);
+    // Whether nothing may be missing from an operation that counts as done.
+    bool mustBeComplete() const;
+};
+
+// An operation that a host runs on a server.
+class Scenario {
+  public:
+    virtual ~Scenario() = default;
+    virtual const char* name() const = 0;
+    // Makes the server and the host's store what the operation needs.
+    virtual void prepare(const Workspace& workspace) = 0;
+    // What a host does each time before the operation, on the server as the last run left it.
+    virtual void begin(const Workspace&) {}
+    // Runs the operation, the close included. Returns whether the host counts it as done.
+    virtual bool operate(Trial& trial) = 0;
+    // Complains of what is lost, left over or claimed wrongly.
+    virtual void judge(Trial& trial, bool done) = 0;
+    // Learns from a run without a fault what a complete one comes to.
+    virtual void learn(const Workspace&) {}
+    // What a host must do, each in a process of its own, until all is well after a fault.
+    virtual std::vector<Scenario*> repair(const Fault&) { return {this}; }
+    // Whether the server answers the next operation once with an error, and then is itself again.
+    virtual bool mayNeedRetry(const Fault&) const { return false; }
+};
+
+// The result of a run, as its parent process knows it.
+struct RunResult {
+    bool fired = false;
+    bool done = false;
+    std::vector<std::string> complaints;
+};
+
+// Runs an operation in a child process with a fault, judges it, and, after a fault, runs a small
+// further operation in that process. A crash is a complaint.
+RunResult runOnce(const Workspace& workspace, Scenario& scenario, const Fault& fault);
