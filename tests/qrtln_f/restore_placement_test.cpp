@@ -277,7 +277,7 @@ TEST_F(RestorePlacement, SixWaysSelectAFile) {
         {DB_LEVEL_FULL, whole, {}, "@/data/x.id", 3},
         {DB_LEVEL_FULL, whole, {"*/a.id"}, "@/data/a.id", 3},
         {DB_LEVEL_FULL, whole, {"*/a.id"}, "@/data/b.id", 0},
-        {DB_LEVEL_FULL, particular, {"/b", "@/data/a.nsf"}, "@/data/a.nsf", 4},
+        {DB_LEVEL_FULL, particular, {"/b", "@/data/a.nsf", "/c"}, "@/data/a.nsf", 4},
         {DB_LEVEL_FULL, particular, {"@/data/A.nsf"}, "@/data/a.nsf", 0},
         {DB_LEVEL_FULL, particular, {"/b", "@/data/m/a.nsf"}, "@/tmp/m/a.nsf", 5},
         {DB_LEVEL_FULL, particular, {"@/data/m/a.nsf"}, "/r/m/a.nsf", 5, "/", "/r"},
