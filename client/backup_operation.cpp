@@ -66,6 +66,7 @@ class BackupOperation {
     void check_log_chain();
     void commit();
     void strike_owed();
+    void note_index();
     void close_operation();
     void give_up() noexcept;
     void on_log(const std::string& line);
@@ -539,7 +540,17 @@ void BackupOperation::commit() {
     m_context.store.write_manifest(m_manifest.set, serialize(m_manifest));
     m_context.store.keep_added();
     strike_owed();
+    note_index();
     close_operation();
+}
+
+// The close is what changes the index, and only with success.
+void BackupOperation::note_index() {
+    if (!m_manifest.complete || m_manifest.level == "copy")
+        return;
+    bool whole_full = m_manifest.level == "full" && m_manifest.whole_system;
+    m_context.index.expect_close(m_manifest.set, m_session->host().process_id(),
+                                 m_ini.data_directory, whole_full);
 }
 
 void BackupOperation::strike_owed() {
@@ -561,8 +572,14 @@ void BackupOperation::close_operation() {
     } catch (const ClientError& failure) {
         close_error = failure.what();
     }
-    if (close_error.empty())
+    if (close_error.empty()) {
+        try {
+            m_context.index.note_closed(m_manifest.set);
+        } catch (const ClientError& failure) {
+            print_message("warning: " + std::string(failure.what())); // the note stays as it is
+        }
         return;
+    }
     m_manifest.close_error = close_error;
     m_context.store.write_manifest(m_manifest.set, serialize(m_manifest));
     throw ClientError(

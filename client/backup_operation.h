@@ -8,6 +8,7 @@
 #pragma once
 
 #include "client/database_arguments.h"
+#include "client/index_guard.h"
 #include "client/module_session.h"
 #include "client/owed.h"
 #include "client/store/manifest.h"
@@ -18,7 +19,8 @@
 namespace qrtln {
 
 struct BackupContext : OperationContext {
-    OwedDatabases& owed; // outlives it
+    OwedDatabases& owed; // these outlive it
+    IndexGuard& index;
 };
 
 struct BackupRequest {

@@ -39,11 +39,11 @@ void record_proof(Store& store, const Proof& proof) {
         put_bytes(entry, "path", failure.path);
         entry["reason"] = printable_utf8(failure.reason);
     }
-    store.write_proof(proof.set, to_canonical(document));
+    store.write_note(proof.set, SetNote::proof, to_canonical(document));
 }
 
 std::optional<Proof> load_proof(Store& store, const std::string& set, std::string& problem) {
-    std::optional<std::string> bytes = store.read_proof(set, problem);
+    std::optional<std::string> bytes = store.read_note(set, SetNote::proof, problem);
     if (!bytes)
         return std::nullopt;
     std::optional<json> document = from_canonical(*bytes, problem);

@@ -26,6 +26,7 @@ class BackupRun {
 
   private:
     void check_selection();
+    void check_index();
     void choose_base();
     void save_owed(const BackupContext& context);
     std::vector<DatabaseArgument> owed_arguments(const BackupContext& context);
@@ -40,6 +41,7 @@ class BackupRun {
     FileDescriptor m_trace;
     std::unique_ptr<Store> m_store;
     std::optional<OwedDatabases> m_owed;
+    std::optional<IndexGuard> m_index;
     std::optional<Manifest> m_owed_set;
     int m_owed_code = 0; // of saving what was owed
     Manifest m_manifest; // of the set that was asked for
@@ -57,11 +59,15 @@ int BackupRun::run() {
     m_store = open_directory_store(m_options.store, StoreAccess::write);
     try {
         m_owed.emplace(owed_file_of(*m_store));
+        m_index.emplace(*m_store);
+        m_request.level = m_options.level;
+        check_index();
         choose_base();
         m_trace = open_trace_file(m_options.trace_file);
         BackupContext context{{m_ini, *m_store, m_options.tmp_dir, m_options.module, m_trace.get(),
                                m_options.verbose},
-                              *m_owed};
+                              *m_owed,
+                              *m_index};
         bool takes_all = m_request.level == "full" && m_request.arguments.empty();
         if (!takes_all)
             save_owed(context);
@@ -92,9 +98,34 @@ void BackupRun::check_selection() {
                           "is this the notes.ini of the server, and is its disk mounted?");
 }
 
+// With an entry that is lost from the index a database would silently not be saved.
+void BackupRun::check_index() {
+    std::string problem = m_index->problem_for(m_ini.data_directory);
+    if (problem.empty() || m_request.level == "copy")
+        return;
+    if (m_index->problem().empty() && !find_base(*m_store, m_ini.data_directory))
+        return; // its first backup, of which there is more to say
+    bool selects = m_request.level == "diff" || m_request.level == "incr";
+    bool whole = m_request.arguments.empty();
+    if (selects && !(m_options.auto_full && whole))
+        throw ClientError(ExitCode::damage_found,
+                          problem + ": a backup of level " + m_request.level +
+                              " might miss databases",
+                          "take a full backup now: `qrtln backup --level full` without DATABASE" +
+                              std::string(whole ? ", or add --auto-full" : ""));
+    if (!whole) {
+        print_message("warning: " + problem +
+                      ": take a full backup of the whole server before the next diff or incr");
+        return;
+    }
+    print_message(problem + ": this full backup begins a new one");
+    m_request.level = "full";
+    if (!m_index->problem().empty())
+        m_index->set_aside();
+}
+
 // A differential or incremental backup is worth something only with what it builds on.
 void BackupRun::choose_base() {
-    m_request.level = m_options.level;
     if (m_request.level != "diff" && m_request.level != "incr")
         return;
     if (std::optional<BaseSet> base = find_base(*m_store, m_ini.data_directory)) {

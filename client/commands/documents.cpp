@@ -100,7 +100,7 @@ int DocumentsCommand::run() {
     m_ini = load_notes_ini(m_options.notes_ini);
     // A dry run writes down which database the server takes for backed up.
     m_store = open_directory_store(m_options.store,
-                                   m_options.dry_run ? StoreAccess::write : StoreAccess::read);
+                                   m_options.dry_run ? StoreAccess::change : StoreAccess::read);
     choose_database();
     check_live();
     warn();

@@ -3,8 +3,10 @@
 #include "client/catalogue.h"
 #include "client/commands/commands.h"
 #include "client/error.h"
+#include "client/index_guard.h"
 #include "client/interrupt.h"
 #include "client/output.h"
+#include "client/proof.h"
 #include "client/store/store.h"
 #include "client/text.h"
 
@@ -86,6 +88,20 @@ void name_items(Store& store, const std::vector<std::string>& sets, Verification
     }
 }
 
+// What stands beside the manifests, and the index that the newest note is about.
+void check_notes(Store& store, const std::vector<std::string>& sets, Verification& result) {
+    for (const std::string& set : sets) {
+        std::string problem;
+        if (!load_proof(store, set, problem) && !problem.empty())
+            result.damage.push_back({"the proof of the set " + set, problem, {}});
+    }
+    std::string problem = IndexGuard(store).problem();
+    if (!problem.empty()) // a backup that ended meanwhile changes index and note, one by one
+        problem = IndexGuard(store).problem();
+    if (!problem.empty())
+        result.damage.push_back({problem, "(take a full backup)", {}});
+}
+
 int report(const Verification& result, bool json) {
     int code =
         static_cast<int>(result.damage.empty() ? ExitCode::complete : ExitCode::damage_found);
@@ -145,6 +161,7 @@ int run_verify(const StoreOptions& options) {
     std::map<std::string, std::size_t> damaged;
     check_objects(*store, references, result, damaged);
     name_items(*store, sets, result, damaged);
+    check_notes(*store, sets, result);
     if (options.set.empty()) {
         std::size_t unreferenced = static_cast<std::size_t>(
             std::count_if(objects.begin(), objects.end(),

@@ -27,7 +27,7 @@ constexpr const char* format_temporary = "store.json.tmp";
 constexpr const char* lock_file = "lock";
 constexpr std::array skeleton_folders = {"objects", "sets", "runtime"};
 constexpr std::string_view manifest_suffix = ".json";
-constexpr std::string_view proof_suffix = ".proof";
+constexpr std::array<std::string_view, 2> note_suffixes = {".proof", ".index"}; // by SetNote
 constexpr std::string_view object_suffix = ".zst";
 constexpr std::string_view temporary_suffix = ".tmp";
 // A manifest of a million items stays below this.
@@ -87,6 +87,10 @@ int write_flushed(int folder, const std::string& name, const std::string& bytes)
     if (error != 0)
         ::unlinkat(folder, name.c_str(), 0);
     return error;
+}
+
+std::string note_name(const std::string& set, SetNote note) {
+    return set + std::string(note_suffixes[static_cast<std::size_t>(note)]);
 }
 
 bool ends_in_number(std::string_view name) {
@@ -377,16 +381,16 @@ void DirectoryStore::write_manifest(const std::string& set, const std::string& b
     write_document(set + std::string(manifest_suffix), "the manifest " + set, bytes);
 }
 
-std::optional<std::string> DirectoryStore::read_proof(const std::string& set,
-                                                      std::string& problem) {
+std::optional<std::string> DirectoryStore::read_note(const std::string& set, SetNote note,
+                                                     std::string& problem) {
     std::optional<std::string> bytes =
-        read_small_file(m_sets.get(), set + std::string(proof_suffix), maximal_manifest);
+        read_small_file(m_sets.get(), note_name(set, note), maximal_manifest);
     problem = bytes || errno == ENOENT ? "" : "cannot be read: " + system_error_text(errno);
     return bytes;
 }
 
-void DirectoryStore::write_proof(const std::string& set, const std::string& bytes) {
-    write_document(set + std::string(proof_suffix), "the proof of " + set, bytes);
+void DirectoryStore::write_note(const std::string& set, SetNote note, const std::string& bytes) {
+    write_document(note_name(set, note), note_name(set, note), bytes);
 }
 
 // A document about a set, so that a crash leaves the old state or the new one.

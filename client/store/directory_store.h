@@ -21,8 +21,9 @@ class DirectoryStore final : public Store {
     std::vector<std::string> set_names() override;
     std::optional<std::string> read_manifest(const std::string& set, std::string& problem) override;
     void write_manifest(const std::string& set, const std::string& bytes) override;
-    std::optional<std::string> read_proof(const std::string& set, std::string& problem) override;
-    void write_proof(const std::string& set, const std::string& bytes) override;
+    std::optional<std::string> read_note(const std::string& set, SetNote note,
+                                         std::string& problem) override;
+    void write_note(const std::string& set, SetNote note, const std::string& bytes) override;
     void flush() override;
     void discard_added() noexcept override;
     void keep_added() noexcept override;

@@ -35,6 +35,12 @@ struct ObjectCheck {
     std::uint64_t size = 0;
 };
 
+// What can stand beside a set's manifest.
+enum class SetNote {
+    proof, // what became of a try to recover from it
+    index, // the index of database instances as it left it
+};
+
 class Store {
   public:
     virtual ~Store() = default;
@@ -63,9 +69,11 @@ class Store {
     // Throws ClientError; then the set is not there (or as it was before).
     virtual void write_manifest(const std::string& set, const std::string& bytes) = 0;
 
-    // The proof of a set likewise: what became of a try to recover from it.
-    virtual std::optional<std::string> read_proof(const std::string& set, std::string& problem) = 0;
-    virtual void write_proof(const std::string& set, const std::string& bytes) = 0;
+    // The bytes of a note beside a set; nothing, without a problem, when there is none. Written as
+    // manifests are.
+    virtual std::optional<std::string> read_note(const std::string& set, SetNote note,
+                                                 std::string& problem) = 0;
+    virtual void write_note(const std::string& set, SetNote note, const std::string& bytes) = 0;
 
     // --- the run
     // Flushes every folder that a finished object went to. Throws ClientError.

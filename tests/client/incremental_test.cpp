@@ -1,11 +1,13 @@
 // Differential and incremental backups with the real module over the simulated server.
 #ifdef QRTLN_DOMINO_SIM
 
+#include "client/index_guard.h"
 #include "notes_simulator/notes_simulator.h"
 #include "tests/client/simulated_server.h"
 
 #include <csignal>
 #include <dlfcn.h>
+#include <functional>
 #include <sys/wait.h>
 #include <thread>
 
@@ -38,6 +40,7 @@ class Incremental : public OverTheSimulator {
         m_errors = outcome.errors;
         return json::parse(outcome.output);
     }
+    std::string newest_set() const { return list().back()["set"]; }
     // Users write until so many extents are full. Each change fits in one.
     void fill_extents(std::size_t count) const {
         const std::string text(9000, 'x');
@@ -280,6 +283,74 @@ TEST_F(Incremental, OtherStylesOfLoggingAreToldAtEachLevel) {
         EXPECT_THAT(m_errors, HasSubstr("take --level diff or full"));
         run("copy", 0);
     }
+}
+
+// A lost entry would mean a database that is silently not saved.
+TEST_F(Incremental, AnIndexThatIsNotTheOneTheNewestSetLeftCallsForAFullBackup) {
+    const std::string index = m_store + "/runtime/qrtln_DBIID.ini";
+    run("full", 0);
+    run("full", 0); // the server knows the databases as backed up: they get entries
+    const std::string older = read_file(index);
+    struct Case {
+        const char* what;
+        std::function<void()> damage;
+    };
+    const Case cases[] = {
+        {"a flipped bit",
+         [&] {
+             std::string bytes = read_file(index);
+             bytes[bytes.size() / 2] ^= 1;
+             test::write_file(index, bytes);
+         }},
+        {"missing", [&] { fs::remove(index); }},
+        {"an older one", [&] { test::write_file(index, older); }},
+        {"a damaged note about it",
+         [&] {
+             std::string note = m_store + "/sets/" + newest_set() + ".index";
+             test::write_file(note, read_file(note) + " ");
+         }},
+    };
+    for (const Case& c : cases) {
+        SCOPED_TRACE(c.what);
+        ASSERT_EQ(domino("compact " + m_server + " names.nsf"), 0); // another identity
+        run("full", 0);
+        run("full", 0);
+        run("incr", 0);
+        c.damage();
+        auto before = test::snapshot(m_store);
+        for (const char* level : {"incr", "diff"}) {
+            run(level, 4);
+            EXPECT_THAT(m_errors, HasSubstr("--level full"));
+        }
+        EXPECT_EQ(test::snapshot(m_store), before);
+        EXPECT_EQ(run_client({"verify", "--store", m_store}, {}).exit_code, 4);
+        EXPECT_EQ(run("incr", 0, {"--auto-full"})["level"], "full");
+        run("incr", 0);
+    }
+}
+
+// The note is written before the close and made final after it: a run that is killed in between
+// leaves the old index or the new one, and the next needs no hand.
+TEST_F(Incremental, TheNoteOfTheIndexHoldsForBothSidesOfAClose) {
+    run("full", 0);
+    auto store = open_directory_store(m_store, StoreAccess::change);
+    const std::string index = store->runtime_directory() + "/qrtln_DBIID.ini";
+    IndexGuard before(*store);
+    test::write_file(index, "old");
+    test::write_file(index + ".4711", "new");
+    before.expect_close(newest_set(), 4711, m_server + "/data", true);
+    for (const auto& [content, good] :
+         {std::pair{"old", true}, std::pair{"new", true}, std::pair{"other", false}}) {
+        test::write_file(index, content);
+        EXPECT_EQ(IndexGuard(*store).problem().empty(), good) << content;
+    }
+    test::write_file(index, "new");
+    IndexGuard guard(*store);
+    guard.note_closed(newest_set());
+    test::write_file(index, "old");
+    EXPECT_FALSE(IndexGuard(*store).problem().empty());
+    EXPECT_FALSE(guard.problem_for("/another/server").empty());
+    EXPECT_TRUE(guard.problem_for(m_server + "/data").empty());
 }
 
 } // namespace

@@ -1,0 +1,150 @@
+#include "client/index_guard.h"
+
+#include "client/error.h"
+#include "client/file_io.h"
+#include "client/store/canonical_json.h"
+#include "client/store/digest.h"
+#include "client/text.h"
+
+#include <algorithm>
+#include <cerrno>
+#include <cstdio>
+#include <fcntl.h>
+
+namespace qrtln {
+
+namespace {
+
+using nlohmann::json;
+
+constexpr int note_format = 1;
+constexpr const char* index_name = "/qrtln_DBIID.ini";
+constexpr const char* aside_suffix = ".damaged";
+constexpr std::size_t maximal_index = std::size_t{1} << 30;
+
+// The hash of a file, empty when there is none. Throws ClientError(failed) when it cannot be read.
+std::string hash_of_file(const std::string& file) {
+    std::optional<std::string> content = read_small_file(AT_FDCWD, file, maximal_index);
+    if (content)
+        return sha256_hex(*content);
+    if (errno == ENOENT)
+        return {};
+    throw ClientError(ExitCode::failed, "cannot read the index of databases " + for_terminal(file) +
+                                            ": " + system_error_text(errno));
+}
+
+std::string serialize(const IndexNote& note) {
+    json document = {{"format", note_format},
+                     {"set", note.set},
+                     {"hashes", note.hashes},
+                     {"servers", json::array()}};
+    for (const std::string& server : note.servers)
+        put_bytes(document["servers"].emplace_back(json::object()), "data_directory", server);
+    return to_canonical(document);
+}
+
+std::optional<IndexNote> parse(const std::string& bytes, const std::string& set,
+                               std::string& problem) {
+    std::optional<json> document = from_canonical(bytes, problem);
+    if (!document)
+        return std::nullopt;
+    try {
+        IndexNote note;
+        if (document->at("format").get<int>() != note_format)
+            throw std::runtime_error("has a format that this version of qrtln does not know");
+        note.set = document->at("set").get<std::string>();
+        note.hashes = document->at("hashes").get<std::vector<std::string>>();
+        for (const json& server : document->at("servers"))
+            note.servers.push_back(get_bytes(server, "data_directory"));
+        if (note.set == set)
+            return note;
+        problem = "is that of another set";
+    } catch (const std::exception& failure) {
+        problem = printable_utf8(failure.what());
+    }
+    return std::nullopt;
+}
+
+// The newest note of all sets, or nothing; `problem` is set for one that is damaged.
+std::optional<IndexNote> newest_note(Store& store, std::string& problem) {
+    std::vector<std::string> sets = store.set_names();
+    for (auto set = sets.rbegin(); set != sets.rend(); ++set) {
+        std::string reason;
+        std::optional<std::string> bytes = store.read_note(*set, SetNote::index, reason);
+        if (!bytes && reason.empty())
+            continue;
+        std::optional<IndexNote> note;
+        if (bytes)
+            note = parse(*bytes, *set, reason);
+        if (!note)
+            problem = "the note about the index beside the set " + *set + " " + reason;
+        return note;
+    }
+    return std::nullopt;
+}
+
+} // namespace
+
+IndexGuard::IndexGuard(Store& store)
+    : m_store(store), m_file(store.runtime_directory() + index_name) {
+    m_note = newest_note(store, m_problem);
+    if (!m_note)
+        return;
+    std::string hash = hash_of_index();
+    const std::vector<std::string>& expected = m_note->hashes;
+    if (std::find(expected.begin(), expected.end(), hash) != expected.end())
+        return;
+    m_problem = "the index of databases " + for_terminal(m_file) +
+                (hash.empty() ? " is missing, although the set " + m_note->set + " left one"
+                              : " is not the one that the set " + m_note->set + " left");
+}
+
+std::string IndexGuard::hash_of_index() const {
+    return hash_of_file(m_file);
+}
+
+std::string IndexGuard::problem_for(const std::string& data_directory) const {
+    if (!m_problem.empty() || !m_note)
+        return m_problem;
+    const std::vector<std::string>& servers = m_note->servers;
+    if (std::find(servers.begin(), servers.end(), data_directory) != servers.end())
+        return {};
+    return "the index of databases " + for_terminal(m_file) +
+           " was begun anew without a full backup of this server";
+}
+
+void IndexGuard::set_aside() {
+    std::string aside = m_file + aside_suffix;
+    if (::rename(m_file.c_str(), aside.c_str()) != 0 && errno != ENOENT)
+        throw ClientError(ExitCode::failed, "cannot put the damaged index " + for_terminal(m_file) +
+                                                " aside: " + system_error_text(errno));
+    m_problem.clear();
+    m_note = IndexNote{}; // nothing of the old one is relied on
+}
+
+void IndexGuard::expect_close(const std::string& set, pid_t child,
+                              const std::string& data_directory, bool whole_full) {
+    IndexNote note = m_note.value_or(IndexNote{});
+    note.set = set;
+    std::string before = hash_of_index();
+    std::string after = hash_of_file(m_file + "." + std::to_string(child));
+    note.hashes = {before};
+    if (!after.empty() && after != before) // without a working copy the index stays as it is
+        note.hashes.push_back(after);
+    if (!m_problem.empty())
+        note.servers.clear();
+    if (whole_full && m_problem.empty() &&
+        std::find(note.servers.begin(), note.servers.end(), data_directory) == note.servers.end())
+        note.servers.push_back(data_directory);
+    m_store.write_note(set, SetNote::index, serialize(note));
+    m_note = std::move(note);
+}
+
+void IndexGuard::note_closed(const std::string& set) {
+    if (!m_note || m_note->set != set || m_note->hashes.size() == 1)
+        return;
+    m_note->hashes = {hash_of_index()};
+    m_store.write_note(set, SetNote::index, serialize(*m_note));
+}
+
+} // namespace qrtln
