@@ -58,7 +58,7 @@ std::vector<RecoveryPair> readPairs(LIST_INFO* _lhRecoveryList) {
 }
 
 // The originals that were taken offline. Where the choices say so they are brought online again at
-// the end of scope, unless the recovery came to the point where it does so itself.
+// the end of scope, but for those that the recovery itself has brought online.
 class OfflineOriginals {
   public:
     OfflineOriginals() = default;
@@ -73,7 +73,10 @@ class OfflineOriginals {
     OfflineOriginals& operator=(const OfflineOriginals&) = delete;
 
     void add(const std::string& original) { m_originals.push_back(original); }
-    void release() { m_originals.clear(); }
+    void release(const std::string& original) {
+        m_originals.erase(std::remove(m_originals.begin(), m_originals.end(), original),
+                          m_originals.end());
+    }
 
   private:
     std::vector<std::string> m_originals;
@@ -90,11 +93,12 @@ bool takeOriginalOffline(const RecoveryPair& pair, OfflineOriginals& offline) {
                     getUTF8FileName(cpOriginal));
         return true;
     }
+    offline.add(pair.original); // first: should memory run out, it must not stay offline
     const int result = TakeDbsOffline(cpOriginal);
     if (result == DB_NUM_I_OK) {
-        offline.add(pair.original);
         return true;
     }
+    offline.release(pair.original);
     if (result == DB_NUM_E_DB_IN_USE) {
         DB_TraceExt("RecoverDb(): Please assure that database that is being restored is NOT IN "
                     "USE !!!");
@@ -316,7 +320,8 @@ void tellOutcome(const RecoveryPair& pair, Reach reach, bool bPlaced, bool bOnli
 }
 
 // Puts the recovered copies in the place of their originals. Returns whether every copy succeeded.
-bool replaceOriginals(const std::vector<RecoveryPair>& pairs, const std::vector<Reach>& reach) {
+bool replaceOriginals(const std::vector<RecoveryPair>& pairs, const std::vector<Reach>& reach,
+                      OfflineOriginals& offline) {
     DB_TraceExt("RecoverDb(): STARTING REPLACING ORIGINAL DATABASES WITH RECOVERED COPIES ...");
     bool bOverallSuccess = true;
     for (std::size_t i = 0; i < pairs.size(); ++i) {
@@ -329,6 +334,7 @@ bool replaceOriginals(const std::vector<RecoveryPair>& pairs, const std::vector<
             bOverallSuccess = bOverallSuccess && bPlaced;
         }
         const bool bOnline = BringDbsOnline(pairs[i].original.c_str()) == DB_NUM_I_OK;
+        offline.release(pairs[i].original); // one by one: the rest must not stay offline either
         tellOutcome(pairs[i], reach[i], bPlaced, bOnline);
     }
     if (pairs.empty()) {
@@ -368,8 +374,7 @@ int RecoverDb(LIST_INFO* _lhRecoveryList) {
         tellFailed(pairs, replay);
         return DB_NUM_E_FAILED;
     }
-    offline.release();
-    return replaceOriginals(pairs, reach) ? DB_NUM_I_OK : DB_NUM_E_FAILED;
+    return replaceOriginals(pairs, reach, offline) ? DB_NUM_I_OK : DB_NUM_E_FAILED;
 }
 
 STATUS LogRestoreCallBack(UNIVERSALNOTEID* LogId, DWORD dwLogNumber, char* cpPath) {
