@@ -82,22 +82,36 @@ void appendDelimiter(char (&szDirectory)[kPathSize]) {
     }
 }
 
+// After the initialisation of a backup and whatever its result. A full backup therefore asks for
+// logs without having begun an archiving session, and ends one at its close; an incremental one
+// whose start failed asks to end archiving at its close, too: the server is then rid of a session
+// that a failed start may have left.
+void decideArchiveLogs() {
+    if ((g_sQRTLN_Global.eI_BackupType == QRTLN_OPERATION_TYPE_NOTES &&
+         g_sQRTLN_Global.eI_OperationLevel == DB_LEVEL_FULL) ||
+        g_sQRTLN_Global.eI_OperationLevel == DB_LEVEL_INCR) {
+        g_sQRTLN_Global.bWithArchiveLogs = TRUE;
+        DB_TraceExt("DB_InitOperation: set bWithArchiveLogs %s", "TRUE");
+    }
+}
+
+int startBackup() {
+    int result = DB_NUM_E_FAILED;
+    try {
+        result = QRTLN_InitBackup();
+    } catch (...) {
+        decideArchiveLogs();
+        throw;
+    }
+    decideArchiveLogs();
+    return result;
+}
+
 // Starts the work of the operation; its item queue is there.
 int startOperation() {
     g_sQRTLN_Global.lhNotesFileList = CreateFIFOList();
     if (g_sQRTLN_Global.eI_OperationType == DB_TYPE_BCK) {
-        const int result = QRTLN_InitBackup();
-        // After the initialisation and whatever its result. A full backup therefore asks for logs
-        // without having begun an archiving session, and ends one at its close; an incremental one
-        // whose start failed asks to end archiving at its close, too: the server is then rid of a
-        // session that a failed start may have left.
-        if ((g_sQRTLN_Global.eI_BackupType == QRTLN_OPERATION_TYPE_NOTES &&
-             g_sQRTLN_Global.eI_OperationLevel == DB_LEVEL_FULL) ||
-            g_sQRTLN_Global.eI_OperationLevel == DB_LEVEL_INCR) {
-            g_sQRTLN_Global.bWithArchiveLogs = TRUE;
-            DB_TraceExt("DB_InitOperation: set bWithArchiveLogs %s", "TRUE");
-        }
-        return result;
+        return startBackup();
     }
     if (g_sQRTLN_Global.bRecovery) {
         const int result = QRTLN_InitRecovery();
