@@ -5,9 +5,13 @@
 #include <set>
 
 #include "tests/torture/calls.h"
+#include "tests/torture/module_calls.h"
 #include "tests/torture/scenarios.h"
 
 namespace {
+
+// Allocations of one kind that fail in the short form.
+constexpr unsigned kSpread = 4;
 
 using Clock = std::chrono::steady_clock;
 
@@ -17,6 +21,7 @@ struct Figures {
     unsigned injections = 0;
     std::set<STATUS> statuses;
     unsigned claimed = 0; // runs that counted as done in spite of the fault
+    unsigned ended = 0;   // runs that ended their process, as the lists do without memory
     int failures = 0;
 };
 
@@ -32,10 +37,30 @@ std::map<std::string, unsigned> countCalls(const Workspace& workspace) {
     return counts;
 }
 
+// How often the module allocated in the run before.
+std::map<std::string, unsigned> countAllocations(const Workspace& workspace) {
+    std::map<std::string, unsigned> counts;
+    std::ifstream stream(workspace.folder.file("allocations"));
+    unsigned count = 0;
+    for (std::string name; stream >> name >> count;) {
+        counts[name] = count;
+    }
+    return counts;
+}
+
 // What is injected into a call that is made so often: in the short form the first with a status
 // that its caller tells apart, if there is one, and the last with one that it does not.
 std::vector<Fault> faultsFor(const std::string& call, unsigned count, bool longForm) {
     const std::vector<STATUS>& toldApart = notesCall(call).toldApart;
+    if (isModuleCall(call)) {
+        // Evenly spread over the operation in the short form.
+        std::vector<Fault> faults;
+        const unsigned step = longForm ? 1 : std::max(1U, count / kSpread);
+        for (unsigned number = 1; number <= count + (longForm ? 1 : 0); number += step) {
+            faults.push_back({call, number, 0});
+        }
+        return faults;
+    }
     if (!longForm) {
         std::vector<Fault> faults = {{call, count, kUntoldStatus}};
         if (!toldApart.empty() || count > 1) {
@@ -70,7 +95,8 @@ class Loop {
             return m_figures;
         }
         m_scenario.learn(m_workspace);
-        const auto counts = countCalls(m_workspace);
+        const auto counts =
+            m_choice.part == kAllocations ? countAllocations(m_workspace) : countCalls(m_workspace);
         m_figures.calls = counts.size();
         for (const auto& [call, count] : counts) {
             m_figures.occurrences += count;
@@ -96,6 +122,7 @@ class Loop {
         ++m_figures.injections;
         m_figures.statuses.insert(fault.status);
         m_figures.claimed += result.done ? 1 : 0;
+        m_figures.ended += result.ended ? 1 : 0;
         check(fault, result.complaints.empty(), result, "");
         for (Scenario* next : m_scenario.repair(fault)) {
             RunResult repaired = runOnce(m_workspace, *next, {});
@@ -142,10 +169,11 @@ int failAtN(const Choice& choice) {
         const auto start = Clock::now();
         const Figures figures = Loop(workspace, *chosen, choice).run();
         const std::chrono::duration<double> seconds = Clock::now() - start;
-        std::printf("fail_at_n %-12s %2zu functions, %4u calls, %4u injections of %zu statuses, "
-                    "%3u done all the same, %d failures, %.1f s\n",
-                    chosen->name(), figures.calls, figures.occurrences, figures.injections,
-                    figures.statuses.size(), figures.claimed, figures.failures, seconds.count());
+        std::printf("%s %-12s %2zu functions, %4u calls, %4u injections of %zu statuses, "
+                    "%3u done all the same, %u ended the process, %d failures, %.1f s\n",
+                    choice.part.c_str(), chosen->name(), figures.calls, figures.occurrences,
+                    figures.injections, figures.statuses.size(), figures.claimed, figures.ended,
+                    figures.failures, seconds.count());
         std::fflush(stdout);
         failures += figures.failures + (figures.injections == 0 ? 1 : 0);
     }

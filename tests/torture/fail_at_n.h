@@ -3,6 +3,9 @@
 
 #include <string>
 
+inline constexpr char kNotesCalls[] = "fail_at_n";
+inline constexpr char kAllocations[] = "allocations";
+
 // What is run. An empty name stands for all.
 struct Choice {
     std::string part;
@@ -12,6 +15,6 @@ struct Choice {
     bool longForm = false;
 };
 
-// Prints a line for each scenario and each complaint. Returns the number of runs that something was
-// wrong with.
+// Runs one part. Prints a line for each scenario and each complaint. Returns the number of runs
+// that something was wrong with.
 int failAtN(const Choice& choice);

@@ -12,7 +12,8 @@
 namespace {
 
 int usage() {
-    std::fputs("usage: torture [--long] [--part fail_at_n] [--scenario full|incremental|activation|"
+    std::fputs("usage: torture [--long] [--part fail_at_n|allocations] [--scenario "
+               "full|incremental|activation|"
                "deleted|changed|recovery] [--call NAME]\n",
                stderr);
     return 2;
@@ -35,10 +36,20 @@ int main(int argc, char** argv) try {
             return usage();
         }
     }
-    if (!choice.part.empty() && choice.part != "fail_at_n") {
+    int failures = 0;
+    bool found = false;
+    const std::string wanted = choice.part;
+    for (const char* part : {kNotesCalls, kAllocations}) {
+        if (wanted.empty() || wanted == part) {
+            found = true;
+            choice.part = part;
+            failures += failAtN(choice);
+        }
+    }
+    if (!found) {
         return usage();
     }
-    return failAtN(choice) == 0 ? 0 : 1;
+    return failures == 0 ? 0 : 1;
 } catch (const std::exception& error) {
     std::fprintf(stderr, "torture: %s\n", error.what());
     return 1;

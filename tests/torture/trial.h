@@ -28,7 +28,8 @@ class Workspace : public SimulatedServer {
     bool isOffline(const std::string& name) const;
 };
 
-// The fault of a run. Without a call there is none.
+// The fault of a run: a call of the server's library, or one of the module's allocations, which has
+// no status. Without a call there is none.
 struct Fault {
     std::string call;
     unsigned number = 0;
@@ -95,6 +96,8 @@ class Scenario {
 struct RunResult {
     bool fired = false;
     bool done = false;
+    // The process ended by itself, as the lists do without memory.
+    bool ended = false;
     std::vector<std::string> complaints;
 };
 
