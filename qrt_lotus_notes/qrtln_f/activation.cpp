@@ -1,7 +1,5 @@
 #include "qrt_lotus_notes/qrtln_f/activation.h"
 
-#include <string>
-
 #include "common/bounded_text.h"
 #include "qrt_lotus_notes/qrtln_n/copy_path.h"
 #include "qrt_lotus_notes/qrtln_n/database_recovery.h"
@@ -57,16 +55,18 @@ bool takeOffline(const char* cpFile, const char* szTargetFile, bool bInPlace) {
 }
 
 bool replace(const char* cpFile, const char* szTargetFile) {
-    const std::string file = getUTF8FileName(cpFile);
-    DB_TraceExt("QRTLN_Activate(): Copying file [%s] to [%s] ...", file.c_str(),
+    // No allocation between offline and copied: one that fails would leave the database offline.
+    char szFile[kPathSize];
+    copyText(szFile, getUTF8FileName(cpFile));
+    DB_TraceExt("QRTLN_Activate(): Copying file [%s] to [%s] ...", szFile,
                 getUTF8FileName(szTargetFile));
     if (!SysFileExists(cpFile)) {
-        DB_TraceExt("QRTLN_Activate(): Error: File [%s] does not exist", file.c_str());
+        DB_TraceExt("QRTLN_Activate(): Error: File [%s] does not exist", szFile);
     }
     if (copyToDisk("QRTLN_Activate", cpFile, szTargetFile)) {
         return true;
     }
-    DB_TraceExt("QRTLN_Activate(): Copy of file [%s] to [%s] FAILED", file.c_str(),
+    DB_TraceExt("QRTLN_Activate(): Copy of file [%s] to [%s] FAILED", szFile,
                 getUTF8FileName(szTargetFile));
     return false;
 }
