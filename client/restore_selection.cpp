@@ -221,14 +221,20 @@ bool Selector::finished() const {
 void Selector::check_found() const {
     std::string where = !m_request.set.empty()  ? "the set " + for_terminal(m_request.set)
                         : !m_request.at.empty() ? "no set up to " + for_terminal(m_request.at)
-                                                : "no set";
+                        : m_request.ended_before
+                            ? "no set that ended before " + utc_time(*m_request.ended_before)
+                            : "no set";
+    std::string hint = m_request.ended_before
+                           ? "databases can be recovered to moments after the end of a set that "
+                             "has them; `qrtln list` shows the sets"
+                           : "name what is to be restored, or a set with --set; `qrtln list` shows "
+                             "them";
     if (m_request.all && !m_base_found)
         throw ClientError(ExitCode::failed,
                           where + " in " + m_store.description() +
                               " is a complete full or copy set of the whole server " +
                               for_terminal(m_result.data_directory),
-                          "name what is to be restored, or a set with --set; `qrtln list` shows "
-                          "them");
+                          hint);
     for (const Name& name : m_names)
         if (!name.found)
             throw ClientError(ExitCode::failed,
