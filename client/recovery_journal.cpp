@@ -91,7 +91,7 @@ std::optional<RecoveryJournal> RecoveryJournalFile::read() const {
                       "the journal of an unfinished recovery, " + for_terminal(m_file) + ", " +
                           problem,
                       "move it away and run the recovery again; restored copies that waited are in "
-                      "the folder for temporary files, in qrtln-recovery-*");
+                      "the folder for temporary files, in qrtln-recovery_*");
 }
 
 void RecoveryJournalFile::write(const RecoveryJournal& journal) const {
