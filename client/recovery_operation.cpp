@@ -4,6 +4,7 @@
 #include "client/error.h"
 #include "client/interrupt.h"
 #include "client/output.h"
+#include "client/recovery_probe.h"
 #include "client/safe_paths.h"
 #include "client/store/digest.h"
 #include "client/temporary_directory.h"
@@ -131,6 +132,7 @@ class Recovery {
     DatabaseRecovery& report(const RecoveringDatabase& database, RecoveryOutcome outcome,
                              const std::string& reason = {});
     void settle_what_is_done();
+    void find_left_offline();
     bool was_put_in_place(const RecoveringDatabase& database) const;
     void find_whole_copies();
     void create_pending_folder();
@@ -163,6 +165,8 @@ class Recovery {
     std::map<std::string, std::string> m_whole;   // by path: the object whose copy waits, whole
     std::map<std::string, std::string> m_damaged; // by path: why no set gives it
     std::set<std::string> m_reported;             // paths
+    std::map<std::string, std::string> m_left_offline; // by path: why the server cannot open it
+    bool m_asked_for_offline = false;
     RecoveryResult m_result;
 };
 
@@ -211,15 +215,34 @@ RecoveryResult Recovery::run() {
 }
 
 // What an earlier run of the same recovery put in place is left alone: its users may have gone on
-// with it.
+// with it. Not so one that it could not bring online any more, as nobody could.
 void Recovery::settle_what_is_done() {
+    find_left_offline();
     std::erase_if(m_plan.databases, [this](const RecoveringDatabase& database) {
-        if (!was_put_in_place(database))
+        if (!was_put_in_place(database) || m_left_offline.contains(database.planned.item.path))
             return false;
         if (!m_reported.contains(database.planned.item.path))
             report(database, RecoveryOutcome::in_place);
         return true;
     });
+}
+
+// The module deletes a copy and then brings its database online: a run that was killed in between
+// leaves one that looks done.
+void Recovery::find_left_offline() {
+    if (m_asked_for_offline)
+        return;
+    m_asked_for_offline = true;
+    std::vector<std::string> paths;
+    for (const RecoveringDatabase& database : m_plan.databases)
+        if (was_put_in_place(database) && database.planned.existing)
+            paths.push_back(database.planned.item.path);
+    m_left_offline = find_unopenable(m_context, paths);
+    for (const auto& [path, reason] : m_left_offline)
+        m_result.warnings.push_back(path +
+                                    ": was put in place by the earlier run, but the server cannot "
+                                    "open it (" +
+                                    reason + "): it is recovered again");
 }
 
 bool Recovery::was_put_in_place(const RecoveringDatabase& database) const {
