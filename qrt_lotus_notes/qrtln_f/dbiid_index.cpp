@@ -160,6 +160,13 @@ void openDBIIDIndex() {
         iniparser_add_entry(gdcDBIID, kSection, nullptr, nullptr);
         return;
     }
+    // A damaged index may have lost its section: without it no entry would be written under it, and
+    // this run's would be lost to every later one.
+    if (dictionary_slot(gdcDBIID, kSection) < 0) {
+        DB_LogExt("QRTLN_InitBackup(): index file [%s] has no section [%s], it is begun anew",
+                  szDBIIDFile, kSection);
+        iniparser_add_entry(gdcDBIID, kSection, nullptr, nullptr);
+    }
     if (!SysFileCopy(szDBIIDFile, szDBIIDTmpFile, FALSE)) {
         DB_TraceExt("QRTLN_InitBackup(): Copy of file [%s] to [%s] FAILED", szDBIIDFile,
                     szDBIIDTmpFile);
@@ -174,6 +181,14 @@ const char* storedDbIId(const char* cpUtf8Path) {
 }
 
 void storeDbIId(const char* cpUtf8Path, const char* cpDbIId) {
+    // The file has a line an entry: the rest of such a path could begin another section, and hide
+    // the entries behind it.
+    if (std::strpbrk(cpUtf8Path, "\r\n") != nullptr) {
+        DB_LogExt("QRTLN_IsBackupNeeded: [%s] has a line end in its path and gets no entry in the "
+                  "index",
+                  cpUtf8Path);
+        return;
+    }
     // Opened before the entry is set: without a working copy the entry is not set either.
     FILE* hFile = std::fopen(szDBIIDTmpFile, "ab");
     IniDumpResult result{hFile == nullptr ? errno : 0, "fopen"};

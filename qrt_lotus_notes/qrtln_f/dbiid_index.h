@@ -24,7 +24,8 @@ void openDBIIDIndex();
 const char* storedDbIId(const char* cpUtf8Path);
 
 // Sets the entry of a database, in memory and in the working copy, which then reads as if the whole
-// index had been written anew; the cost is that of the one entry. A working copy that cannot be
+// index had been written anew; the cost is that of the one entry. A path with a line end in it gets
+// no entry (logged): the file has no form for it. A working copy that cannot be
 // written is logged: the index then keeps what it had unless a later entry can be written. The
 // entry is not set when the working copy cannot be opened.
 void storeDbIId(const char* cpUtf8Path, const char* cpDbIId);
