@@ -19,8 +19,13 @@
 #ifndef QRT_LOTUS_NOTES_DB_INTERFACE_H
 #define QRT_LOTUS_NOTES_DB_INTERFACE_H
 
+/* A client may pass any number where an enumeration stands: the module answers those that it does
+ * not know. C++ has to be told so; C takes this type anyhow. */
 #ifdef __cplusplus
+#define DB_ANY_NUMBER : unsigned int
 extern "C" {
+#else
+#define DB_ANY_NUMBER
 #endif
 
 typedef int BOOL;
@@ -39,9 +44,9 @@ enum {
     DB_NUM_I_COMPLETE = 3001      /* nothing more, or nothing to do */
 };
 
-typedef enum { DB_TYPE_BCK = 1, DB_TYPE_RST = 2, DB_TYPE_DIR = 3 } DB_OPERATION_TYPE;
+typedef enum DB_ANY_NUMBER { DB_TYPE_BCK = 1, DB_TYPE_RST = 2, DB_TYPE_DIR = 3 } DB_OPERATION_TYPE;
 
-typedef enum {
+typedef enum DB_ANY_NUMBER {
     DB_LEVEL_COPY = 0,
     DB_LEVEL_FULL = 1,
     DB_LEVEL_DIFF = 2,
@@ -49,13 +54,13 @@ typedef enum {
     DB_LEVEL_SLCT = 4
 } DB_OPERATION_LEVEL;
 
-typedef enum {
+typedef enum DB_ANY_NUMBER {
     DB_ITEM_TYPE_DIRECTORY = 1,
     DB_ITEM_TYPE_FILE = 2,
     DB_ITEM_TYPE_SITE = 3
 } DB_ITEM_TYPE;
 
-typedef enum {
+typedef enum DB_ANY_NUMBER {
     DB_ITEM_SUCCESS = 1,
     DB_ITEM_WARNING = 2,
     DB_ITEM_FAIL = 3,
@@ -63,7 +68,7 @@ typedef enum {
 } DB_ITEM_RESULT;
 
 /* How the client is to handle items. */
-typedef enum {
+typedef enum DB_ANY_NUMBER {
     DB_FILE_PREPARE =
         0, /* it reads or writes the files itself, after DB_PrepareItem or DB_SetItem */
     DB_STREAM = 1,
