@@ -4,6 +4,7 @@
 #include "client/text.h"
 
 #include <stdexcept>
+#include <string_view>
 
 namespace qrtln {
 
@@ -11,6 +12,28 @@ namespace {
 
 std::string form(const nlohmann::json& document) {
     return document.dump(1) + "\n";
+}
+
+// Far more than any document of ours has.
+constexpr int maximal_depth = 32;
+
+// Whether lists and objects lie deeper in each other than that: copying and writing a document goes
+// as deep as it does. For bytes that are no JSON either answer may come.
+bool is_too_deep(std::string_view bytes) {
+    int depth = 0;
+    bool in_string = false;
+    for (std::size_t i = 0; i < bytes.size() && depth <= maximal_depth; ++i) {
+        char c = bytes[i];
+        if (in_string && c == '\\')
+            ++i;
+        else if (c == '"')
+            in_string = !in_string;
+        else if (!in_string && (c == '{' || c == '['))
+            ++depth;
+        else if (!in_string && (c == '}' || c == ']'))
+            --depth;
+    }
+    return depth > maximal_depth;
 }
 
 } // namespace
@@ -23,6 +46,10 @@ std::string to_canonical(nlohmann::json document) {
 }
 
 std::optional<nlohmann::json> from_canonical(const std::string& bytes, std::string& problem) {
+    if (is_too_deep(bytes)) {
+        problem = "is not a document of the store: its parts lie too deep in each other";
+        return std::nullopt;
+    }
     nlohmann::json document = nlohmann::json::parse(bytes, nullptr, false);
     if (document.is_discarded() || !document.is_object()) {
         problem = "is not a JSON object";

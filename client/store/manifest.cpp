@@ -6,6 +6,7 @@
 
 #include <array>
 #include <stdexcept>
+#include <utility>
 
 namespace qrtln {
 
@@ -20,6 +21,26 @@ ItemKind kind_of(const std::string& name) {
         if (name == kind_names[i])
             return static_cast<ItemKind>(i);
     throw std::runtime_error("an unknown kind of item");
+}
+
+// The number of a field. get() would cut a fraction off, and wrap what is too large for its type.
+template <typename Number>
+Number number_of(const json& object, const char* name) {
+    const json& field = object.at(name);
+    bool fits = field.is_number_unsigned()
+                    ? std::in_range<Number>(field.get<std::uint64_t>())
+                    : field.is_number_integer() && std::in_range<Number>(field.get<std::int64_t>());
+    if (!fits)
+        throw std::runtime_error("the field " + std::string(name) + " is no number of its range");
+    return field.get<Number>();
+}
+
+// A list of a field: going over an object would take its values for one.
+const json& list_of(const json& object, const char* name) {
+    const json& field = object.at(name);
+    if (!field.is_array())
+        throw std::runtime_error("the field " + std::string(name) + " is no list");
+    return field;
 }
 
 json item_to_json(const ManifestItem& item) {
@@ -56,6 +77,16 @@ json item_to_json(const ManifestItem& item) {
     return out;
 }
 
+LogGap gap_from_json(const json& in) {
+    LogGap gap{in.at("after").get<std::string>(), in.at("before").get<std::string>(), 0, 0,
+               in.value("reason", "")};
+    if (gap.reason.empty()) {
+        gap.first = number_of<std::uint32_t>(in, "first");
+        gap.last = number_of<std::uint32_t>(in, "last");
+    }
+    return gap;
+}
+
 ManifestItem item_from_json(const json& in) {
     ManifestItem item;
     item.path = get_bytes(in, "path");
@@ -67,28 +98,29 @@ ManifestItem item_from_json(const json& in) {
     item.reason = in.value("reason", "");
     if (in.contains("mode")) {
         item.has_metadata = true;
-        item.mode = in.at("mode").get<std::uint32_t>();
-        item.uid = in.at("uid").get<std::uint32_t>();
-        item.gid = in.at("gid").get<std::uint32_t>();
+        item.mode = number_of<std::uint32_t>(in, "mode");
+        item.uid = number_of<std::uint32_t>(in, "uid");
+        item.gid = number_of<std::uint32_t>(in, "gid");
         item.owner = in.at("owner").get<std::string>();
         item.group = in.at("group").get<std::string>();
-        item.mtime_ns = in.at("mtime_ns").get<std::int64_t>();
+        item.mtime_ns = number_of<std::int64_t>(in, "mtime_ns");
     }
     if (in.contains("object")) {
         item.object = in.at("object").get<std::string>();
         if (!is_sha256_hex(item.object))
             throw std::runtime_error("an object name that is no digest");
-        item.size = in.at("size").get<std::uint64_t>();
-        item.stored_size = in.at("stored_size").get<std::uint64_t>();
+        item.size = number_of<std::uint64_t>(in, "size");
+        item.stored_size = number_of<std::uint64_t>(in, "stored_size");
     }
     if (item.status == ItemStatus::stored && item.kind != ItemKind::directory &&
         item.object.empty())
         throw std::runtime_error("a stored item without content");
-    item.prepare_status = in.value("prepare_status", 0);
+    if (in.contains("prepare_status"))
+        item.prepare_status = number_of<int>(in, "prepare_status");
     if (in.contains("log")) {
         const json& log = in.at("log");
         item.log =
-            LogIdentity{log.at("number").get<std::uint32_t>(),
+            LogIdentity{number_of<std::uint32_t>(log, "number"),
                         log.at("archive_id").get<std::string>(), log.at("active").get<bool>()};
     }
     if (in.contains("warnings"))
@@ -179,7 +211,7 @@ std::optional<Manifest> parse_manifest(const std::string& bytes, const std::stri
     if (!in)
         return std::nullopt;
     try {
-        if (int format = in->at("format").get<int>(); format != manifest_format) {
+        if (int format = number_of<int>(*in, "format"); format != manifest_format) {
             problem = "has the format " + std::to_string(format) +
                       ", which this version of qrtln "
                       "does not know";
@@ -192,21 +224,22 @@ std::optional<Manifest> parse_manifest(const std::string& bytes, const std::stri
             return std::nullopt;
         }
         manifest.level = in->at("level").get<std::string>();
-        manifest.started = in->at("started").get<std::int64_t>();
-        manifest.ended = in->at("ended").get<std::int64_t>();
-        manifest.complete = in->at("status").get<std::string>() == "complete";
+        manifest.started = number_of<std::int64_t>(*in, "started");
+        manifest.ended = number_of<std::int64_t>(*in, "ended");
+        std::string status = in->at("status").get<std::string>();
+        if (status != "complete" && status != "incomplete")
+            throw std::runtime_error("an unknown status of the set");
+        manifest.complete = status == "complete";
         manifest.close_error = in->value("close_error", "");
         manifest.reason = in->value("reason", "");
         manifest.base = in->value("base", "");
         manifest.previous = in->value("previous", "");
-        for (const json& gap : in->value("log_gaps", json::array()))
-            manifest.log_gaps.push_back(
-                {gap.at("after").get<std::string>(), gap.at("before").get<std::string>(),
-                 gap.value("first", std::uint32_t{0}), gap.value("last", std::uint32_t{0}),
-                 gap.value("reason", "")});
+        if (in->contains("log_gaps"))
+            for (const json& gap : list_of(*in, "log_gaps"))
+                manifest.log_gaps.push_back(gap_from_json(gap));
         const json& selection = in->at("selection");
         manifest.whole_system = selection.at("whole_system").get<bool>();
-        for (const json& argument : selection.at("databases"))
+        for (const json& argument : list_of(selection, "databases"))
             manifest.arguments.push_back(get_bytes(argument, "path"));
         const json& server = in->at("server");
         manifest.host = server.at("host").get<std::string>();
@@ -218,8 +251,8 @@ std::optional<Manifest> parse_manifest(const std::string& bytes, const std::stri
         manifest.module_client = module.at("client").get<std::string>();
         manifest.module_version = module.at("version").get<std::string>();
         manifest.module_release = module.at("release").get<std::string>();
-        manifest.new_bytes = in->at("new_bytes").get<std::uint64_t>();
-        for (const json& item : in->at("items"))
+        manifest.new_bytes = number_of<std::uint64_t>(*in, "new_bytes");
+        for (const json& item : list_of(*in, "items"))
             manifest.items.push_back(item_from_json(item));
         return manifest;
     } catch (const std::exception& failure) {

@@ -2,6 +2,7 @@
 
 #include "client/catalogue.h"
 #include "client/error.h"
+#include "client/store/canonical_json.h"
 #include "client/store/digest.h"
 #include "client/store/manifest.h"
 #include "client/store/store.h"
@@ -249,6 +250,36 @@ TEST(Manifest, WithAnyBitFlippedOrByteLostIsRefused) {
         ASSERT_FALSE(parse_manifest(good.substr(0, at), "s", problem)) << at;
     }
     EXPECT_FALSE(parse_manifest(good + "\n", "s", problem));
+}
+
+TEST(Manifest, WithAValidChecksumButValuesOfNoManifestIsRefused) {
+    const nlohmann::json good = nlohmann::json::parse(serialize(sample_manifest("s")));
+    std::string problem;
+    ASSERT_TRUE(parse_manifest(to_canonical(good), "s", problem)) << problem;
+    const std::vector<std::pair<const char*, nlohmann::json>> changes = {
+        {"/format", 4294967297U}, // 1 in 32 bits
+        {"/started", 1.5},
+        {"/ended", 1e300},
+        {"/new_bytes", -1},
+        {"/items/0/mode", 4294967296U},
+        {"/items/0/mtime_ns", 18446744073709551615U},
+        {"/status", "perhaps"},
+        {"/items", nlohmann::json::object()},
+    };
+    for (const auto& [field, value] : changes) {
+        nlohmann::json bad = good;
+        bad[nlohmann::json::json_pointer(field)] = value;
+        EXPECT_FALSE(parse_manifest(to_canonical(bad), "s", problem)) << field;
+    }
+}
+
+TEST(Manifest, OfListsInListsIsRefusedWithoutEndingTheProcess) {
+    constexpr std::size_t levels = 200000;
+    std::string problem;
+    EXPECT_FALSE(parse_manifest("{\"checksum\":\"\",\"x\":" + std::string(levels, '[') +
+                                    std::string(levels, ']') + "}",
+                                "s", problem));
+    EXPECT_THAT(problem, HasSubstr("too deep"));
 }
 
 TEST(Catalogue, ResolvesNamesPrefixesAndLatest) {
