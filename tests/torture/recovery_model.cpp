@@ -105,8 +105,9 @@ class Trial {
     void ask_for_too_much();
     void recover(std::optional<std::int64_t> moment, Loss loss);
     void kill_once(std::optional<std::int64_t> moment, Loss loss,
-                   const std::vector<std::string>& calls);
+                   const std::vector<std::string>& calls, bool before_online);
     Kill random_kill(const std::vector<std::string>& calls);
+    std::optional<Kill> kill_before_online(const std::vector<std::string>& calls);
     void harm(Loss loss);
     std::vector<std::string> words(std::optional<std::int64_t> moment, Loss loss) const;
     void compare(std::optional<std::int64_t> moment, Loss loss);
@@ -271,8 +272,20 @@ void Trial::kill_recoveries(int count) {
         fs::remove_all(m_history.scratch() + "/into");
         m_history.bring_back();
         for (int same = 0; same < 3 && i < count; ++same, ++i)
-            kill_once(moment, loss, whole.calls);
+            kill_once(moment, loss, whole.calls, same == 0);
     }
+}
+
+// A database is in its place then, without a copy that waits, and still offline.
+std::optional<Kill> Trial::kill_before_online(const std::vector<std::string>& calls) {
+    std::vector<std::size_t> removals;
+    for (std::size_t i = 0; i < calls.size(); ++i)
+        if (calls[i] == removal_of_copy)
+            removals.push_back(i + 1);
+    if (removals.empty())
+        return std::nullopt;
+    return Kill{m_history.below(2) == 0 ? Victim::everything : Victim::module_process,
+                removals[m_history.below(removals.size())] + 1};
 }
 
 // Anywhere, or at one of the few calls that put something in its place or take it away.
@@ -281,7 +294,8 @@ Kill Trial::random_kill(const std::vector<std::string>& calls) {
     kill.victim = static_cast<Victim>(m_history.below(3));
     std::vector<std::size_t> turning_points;
     for (std::size_t i = 0; i < calls.size(); ++i)
-        if (calls[i] == "remove" || calls[i] == "rename" || calls[i] == "link")
+        if (calls[i] == "remove" || calls[i] == removal_of_copy || calls[i] == "rename" ||
+            calls[i] == "link")
             turning_points.push_back(i);
     if (m_history.below(2) == 0 && !turning_points.empty())
         kill.call = turning_points[m_history.below(turning_points.size())] + 1 + m_history.below(2);
@@ -291,8 +305,9 @@ Kill Trial::random_kill(const std::vector<std::string>& calls) {
 }
 
 void Trial::kill_once(std::optional<std::int64_t> moment, Loss loss,
-                      const std::vector<std::string>& calls) {
-    Kill kill = random_kill(calls);
+                      const std::vector<std::string>& calls, bool before_online) {
+    Kill kill =
+        (before_online ? kill_before_online(calls) : std::nullopt).value_or(random_kill(calls));
     m_doing = moment_text(moment) + " " + loss_names[static_cast<std::size_t>(loss)] + ", " +
               victim_name(kill.victim) + " killed at call " + std::to_string(kill.call) + " of " +
               std::to_string(calls.size());

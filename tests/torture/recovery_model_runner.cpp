@@ -8,8 +8,10 @@
 #include <set>
 #include <sstream>
 #include <stdexcept>
+#include <string_view>
 #include <sys/ptrace.h>
 #include <sys/syscall.h>
+#include <sys/uio.h>
 #include <sys/wait.h>
 #include <system_error>
 #include <unistd.h>
@@ -64,6 +66,23 @@ const char* changing_call(std::uint64_t number, const std::uint64_t* arguments) 
     default:
         return nullptr;
     }
+}
+
+// Text that a call of a stopped thread was given.
+std::string text_at(pid_t thread, std::uint64_t address) {
+    constexpr std::size_t longest = 1024;
+    std::string text(longest, '\0');
+    iovec here = {text.data(), text.size()};
+    iovec there = {reinterpret_cast<void*>(address), text.size()};
+    if (::process_vm_readv(thread, &here, 1, &there, 1, 0) <= 0)
+        return {};
+    return text.c_str();
+}
+
+// Whether a call that removes something removes a copy which waited to be put in place.
+bool removes_copy(pid_t thread, std::uint64_t number, const std::uint64_t* arguments) {
+    std::string path = text_at(thread, arguments[number == SYS_unlinkat ? 1 : 0]);
+    return path.find("/qrtln-recovery_") != std::string::npos && path.ends_with(".nsf");
 }
 
 std::string read_file(const std::string& path) {
@@ -150,6 +169,10 @@ void Tracer::meet(pid_t thread, int status, Run& run) {
         const char* name = changing_call(info.entry.nr, arguments);
         if (name != nullptr)
             run.calls.emplace_back(name);
+        // The client removes what is left, below its folder; the module by the whole path.
+        if (name != nullptr && name == std::string_view("remove") &&
+            removes_copy(thread, info.entry.nr, arguments))
+            run.calls.back() = removal_of_copy;
         // With the module as the victim, there must be one.
         bool victim_lives = m_kill.victim != Victim::module_process || m_processes.size() > 1;
         if (name != nullptr && !run.killed && m_kill.call != 0 && run.calls.size() >= m_kill.call &&

@@ -22,6 +22,9 @@ struct Kill {
     std::size_t call = 0; // just before this one, from 1; 0: never
 };
 
+// The name of the call by which the module removes a copy that is in its place now.
+inline constexpr const char* removal_of_copy = "remove copy";
+
 struct Run {
     int exit_code = -1; // minus the signal for a process that a signal ended
     std::string output;
