@@ -36,6 +36,7 @@ json to_json(const RecoveryJournal& journal) {
                      {"all", journal.all},
                      {"new_dbiid", journal.new_dbiid},
                      {"recovering", journal.recovering},
+                     {"log_folder_lost", journal.log_folder_lost},
                      {"names", paths_to_json(journal.names)},
                      {"extents", paths_to_json(journal.extents)},
                      {"databases", json::array()}};
@@ -44,10 +45,13 @@ json to_json(const RecoveryJournal& journal) {
     put_bytes(document, "pending_folder", journal.pending_folder);
     if (journal.to)
         document["to"] = *journal.to;
+    if (journal.logs_end)
+        document["logs_end"] = *journal.logs_end;
     for (const PendingDatabase& database : journal.databases) {
         json& entry = document["databases"].emplace_back(json::object());
         put_bytes(entry, "path", database.path);
         put_bytes(entry, "copy", database.copy);
+        entry["lost"] = database.lost;
     }
     return document;
 }
@@ -65,8 +69,12 @@ RecoveryJournal from_json(const json& document) {
     journal.new_dbiid = document.at("new_dbiid").get<bool>();
     journal.pending_folder = get_bytes(document, "pending_folder");
     journal.recovering = document.at("recovering").get<bool>();
+    journal.log_folder_lost = document.at("log_folder_lost").get<bool>();
+    if (auto end = document.find("logs_end"); end != document.end())
+        journal.logs_end = end->get<std::int64_t>();
     for (const json& entry : document.at("databases"))
-        journal.databases.push_back({get_bytes(entry, "path"), get_bytes(entry, "copy")});
+        journal.databases.push_back(
+            {get_bytes(entry, "path"), get_bytes(entry, "copy"), entry.at("lost").get<bool>()});
     journal.extents = paths_from_json(document.at("extents"));
     return journal;
 }

@@ -10,8 +10,9 @@ namespace qrtln {
 
 // A restored copy that waits to be rolled forward and put in place.
 struct PendingDatabase {
-    std::string path; // of the original
-    std::string copy; // the restored file, below the pending folder
+    std::string path;  // of the original
+    std::string copy;  // the restored file, below the pending folder; empty while it is not there
+    bool lost = false; // there was no original: what takes its place needs owner and mode
 };
 
 struct RecoveryJournal {
@@ -25,7 +26,9 @@ struct RecoveryJournal {
     // What it has done.
     std::string pending_folder;             // where copies wait; empty with `into`
     bool recovering = false;                // the server was told to recover, at least once
-    std::vector<PendingDatabase> databases; // of which a copy waits, or is in place already
+    bool log_folder_lost = false;           // the logs come from the store alone
+    std::optional<std::int64_t> logs_end;   // and reach up to here, seconds since 1970
+    std::vector<PendingDatabase> databases; // that are not known to be in place
     std::vector<std::string> extents;       // transaction logs that it put back on the server
 };
 

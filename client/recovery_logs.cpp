@@ -1,6 +1,7 @@
 #include "client/recovery_logs.h"
 
 #include "client/catalogue.h"
+#include "client/error.h"
 #include "client/file_io.h"
 #include "client/text.h"
 
@@ -17,6 +18,7 @@ namespace qrtln {
 
 namespace {
 
+constexpr std::string_view control_file = "nlogctrl.lfh";
 constexpr std::int64_t nanoseconds = 1'000'000'000;
 // A log is stamped when its last change is written, a little after the change was given its time.
 constexpr std::int64_t stamp_tolerance = 1; // seconds
@@ -50,7 +52,9 @@ Holdings collect(const StoredLogs& stored, const ServerLogs& server, const std::
     for (const StoredLog& log : stored.logs) {
         if (log.item.log->archive_id != id)
             continue;
-        Holding& holding = holdings[log.item.log->number];
+        Holding& holding = holdings[log.item.log->number]; // of a damaged one, too: it was there
+        if (log.damaged)
+            continue;
         (log.item.log->active ? holding.partial : holding.whole) = &log;
     }
     for (const auto& [number, time] : server.last_used)
@@ -89,7 +93,8 @@ std::optional<std::int64_t> reachable_with(const Holdings& holdings, std::uint32
     std::optional<std::int64_t> change = holding->second.last_change();
     if (!change)
         return std::nullopt;
-    return whole_seconds(*change) - stamp_tolerance;
+    // So that the search for logs up to this time ends with this log.
+    return whole_seconds(*change) - stamp_tolerance - 1;
 }
 
 } // namespace
@@ -102,11 +107,12 @@ StoredLogs load_stored_logs(Store& store, const std::string& data_directory,
         if (!entry.manifest || entry.manifest->data_directory != data_directory)
             continue;
         for (ManifestItem& item : entry.manifest->items) {
-            if (item.status != ItemStatus::stored || damaged.contains({item.path, item.object}))
+            if (item.status != ItemStatus::stored)
                 continue;
+            bool is_damaged = damaged.contains({item.path, item.object});
             if (item.log)
-                stored.logs.push_back({set, std::move(item)});
-            else if (item.kind == ItemKind::log_control)
+                stored.logs.push_back({set, std::move(item), is_damaged});
+            else if (item.kind == ItemKind::log_control && !is_damaged)
                 stored.control = StoredLog{set, std::move(item)};
         }
     }
@@ -132,10 +138,19 @@ ServerLogs look_at_server_logs(const std::string& directory) {
     logs.directory = directory;
     std::unique_ptr<DIR, int (*)(DIR*)> listing(
         directory.empty() ? nullptr : ::opendir(directory.c_str()), ::closedir);
-    logs.missing = !directory.empty() && !listing && errno == ENOENT;
-    if (!listing)
+    if (directory.empty())
         return logs;
+    if (!listing && errno != ENOENT)
+        throw ClientError(ExitCode::failed,
+                          "cannot read the folder of the transaction logs, " +
+                              for_terminal(directory) + ": " + system_error_text(errno),
+                          "TRANSLOG_Path in notes.ini names it");
+    if (!listing) {
+        logs.missing = true;
+        return logs;
+    }
     while (const dirent* entry = ::readdir(listing.get())) {
+        logs.has_control = logs.has_control || entry->d_name == control_file;
         struct stat status {};
         std::optional<std::uint32_t> number = log_number_of(entry->d_name);
         if (number &&
@@ -143,6 +158,7 @@ ServerLogs look_at_server_logs(const std::string& directory) {
             S_ISREG(status.st_mode))
             logs.last_used[*number] = status.st_mtim.tv_sec * nanoseconds + status.st_mtim.tv_nsec;
     }
+    logs.missing = logs.last_used.empty() && !logs.has_control; // a new disk in its place
     return logs;
 }
 
@@ -167,9 +183,9 @@ RecoveryLogs find_recovery_logs(const StoredLogs& stored, const ServerLogs& serv
         return result;
     Holdings holdings = collect(stored, server, result.archive_id);
     std::uint32_t newest_stored = 0;
-    for (const auto& [number, holding] : holdings)
-        if (holding.stored() != nullptr)
-            newest_stored = std::max(newest_stored, number);
+    for (const StoredLog& log : stored.logs)
+        if (log.item.log->archive_id == result.archive_id)
+            newest_stored = std::max(newest_stored, log.item.log->number);
     result.first = *first;
     result.last = holdings.rbegin()->first;
     if (server.missing) {
@@ -193,11 +209,7 @@ RecoveryLogs find_recovery_logs(const StoredLogs& stored, const ServerLogs& serv
             while (last < result.last && !holdings[last + 1].on_server &&
                    holdings[last + 1].stored() == nullptr)
                 ++last;
-            result.missing = MissingLogs{
-                number,
-                last,
-                {},
-                number == result.first ? std::nullopt : reachable_with(holdings, number - 1)};
+            result.missing = MissingLogs{number, last, {}, reachable_with(holdings, number - 1)};
             return result;
         }
         if (!holding.on_server)

@@ -18,27 +18,31 @@ namespace qrtln {
 struct StoredLog {
     std::string set;
     ManifestItem item;
+    bool damaged =
+        false; // its object is known to be: the number is known, the content is not there
 };
 
 // What the sets of one server hold, oldest set first.
 struct StoredLogs {
     std::vector<StoredLog> logs;
-    std::optional<StoredLog> control; // of the newest set that has one
+    std::optional<StoredLog> control; // of the newest set that has one undamaged
 };
 
-// The stored logs of all sets with this data directory. Items that are known to be damaged, by path
-// and object, are left out, as are sets whose manifests cannot be read.
+// The stored logs of all sets with this data directory. Items that are known to be damaged are
+// named by path and object. Sets whose manifests cannot be read are left out.
 StoredLogs load_stored_logs(Store& store, const std::string& data_directory,
                             const std::set<std::pair<std::string, std::string>>& damaged);
 
 // The folder of the server's own logs as it is now.
 struct ServerLogs {
     std::string directory;                           // absolute; empty: unknown
-    bool missing = false;                            // there is no such folder
+    bool missing = false;                            // lost: no such folder, or an empty one
+    bool has_control = false;                        // the log control file is there
     std::map<std::uint32_t, std::int64_t> last_used; // by number: modification time, nanoseconds
 };
 
-// Looks at the folder; a file counts as a log when its name has the form of one.
+// Looks at the folder; a file counts as a log when its name has the form of one. Throws
+// ClientError(failed) for a folder that is there and cannot be read.
 ServerLogs look_at_server_logs(const std::string& directory);
 
 // The number in a log's file name, "S0000012.TXN", or nothing.
@@ -54,7 +58,8 @@ struct MissingLogs {
     std::uint32_t first = 0;
     std::uint32_t last = 0;
     std::string reason; // instead of numbers: why the server's logs do not continue the stored ones
-    // The latest time that the logs before them reach for sure, in seconds since 1970.
+    // The latest time that the logs before them reach for sure, in seconds since 1970. Whether a
+    // copy from before that time is there is another question.
     std::optional<std::int64_t> reachable;
 };
 

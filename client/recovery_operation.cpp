@@ -62,6 +62,12 @@ bool has_content(const std::string& path, const std::string& object) {
     }
 }
 
+const PendingDatabase* entry_of(const RecoveryJournal& journal, const std::string& path) {
+    auto found = std::find_if(journal.databases.begin(), journal.databases.end(),
+                              [&](const PendingDatabase& entry) { return entry.path == path; });
+    return found == journal.databases.end() ? nullptr : &*found;
+}
+
 // What the module tells of the databases, in lines of its protocol: "ROLLFORWARD: recovered
 // [PATH]", "ROLLFORWARD: NOT recovered [PATH]: REASON", "ROLLFORWARD: perhaps recovered [PATH]:
 // REASON".
@@ -100,14 +106,14 @@ void ToldOutcomes::read(std::string_view line) {
         if (!line.starts_with(beginning))
             continue;
         std::string_view rest = line.substr(beginning.size());
-        // A path may hold brackets: the one that is known decides.
-        for (std::size_t end = rest.find(']'); end != std::string_view::npos;
-             end = rest.find(']', end + 1)) {
+        // A path may hold brackets, even those of another one: the longest that is known counts.
+        for (std::size_t end = rest.rfind(']'); end != std::string_view::npos && end > 0;
+             end = rest.rfind(']', end - 1)) {
             auto told = m_told.find(std::string(rest.substr(0, end)));
-            if (told == m_told.end())
-                continue;
             std::string_view reason = rest.substr(end + 1);
-            reason.remove_prefix(reason.starts_with(": ") ? 2 : 0);
+            if (told == m_told.end() || !(reason.empty() || reason.starts_with(": ")))
+                continue;
+            reason.remove_prefix(reason.empty() ? 0 : 2);
             told->second = Told{outcome, std::string(reason)};
             return;
         }
@@ -123,6 +129,9 @@ class Recovery {
             m_journal = *journal;
             m_resumed = true;
         }
+        m_request.log_folder_was_lost = m_journal.log_folder_lost;
+        if (!m_journal.pending_folder.empty() && exists(m_journal.pending_folder))
+            m_request.tmp_dir = folder_of(m_journal.pending_folder); // whatever it is by now
     }
     RecoveryResult run();
 
@@ -131,13 +140,17 @@ class Recovery {
     std::string copy_of(const RecoveringDatabase& database) const;
     DatabaseRecovery& report(const RecoveringDatabase& database, RecoveryOutcome outcome,
                              const std::string& reason = {});
+    void forget_round();
     void settle_what_is_done();
     void find_left_offline();
-    bool was_put_in_place(const RecoveringDatabase& database) const;
+    bool was_lost(const std::string& path) const;
+    bool logs_are_whole();
+    void require_what_is_needed();
     void find_whole_copies();
     void create_pending_folder();
     void create_data_directory();
     void write_journal();
+    void list_databases();
     bool restore_from_store();
     RestorePlan plan_copies();
     RestorePlan plan_extents();
@@ -153,7 +166,8 @@ class Recovery {
                                        const std::string& temporary) const;
     void put_only_its_set_in_place();
     void give_owner_and_mode(const RecoveringDatabase& database);
-    void strike(const std::string& path);
+    void strike_what_is_in_place();
+    void settle_damage();
     void settle();
 
     const OperationContext& m_context;
@@ -161,7 +175,9 @@ class Recovery {
     const RecoveryJournalFile& m_file;
     RecoveryJournal m_journal;
     bool m_resumed = false;
+    bool m_began = false; // this run wrote the journal
     RecoveryPlan m_plan;
+    std::set<std::string> m_checked_logs;         // objects
     std::map<std::string, std::string> m_whole;   // by path: the object whose copy waits, whole
     std::map<std::string, std::string> m_damaged; // by path: why no set gives it
     std::set<std::string> m_reported;             // paths
@@ -191,18 +207,19 @@ DatabaseRecovery& Recovery::report(const RecoveringDatabase& database, RecoveryO
 RecoveryResult Recovery::run() {
     for (;;) {
         m_plan = make_recovery_plan(m_context.store, m_context.ini, m_request);
-        require_logs(m_plan);
         if (m_resumed)
             settle_what_is_done();
+        if (!logs_are_whole()) {
+            forget_round();
+            continue;
+        }
+        require_what_is_needed();
         create_data_directory();
-        find_whole_copies();
-        require_room(recovery_room(m_plan, m_request.tmp_dir, m_whole));
         create_pending_folder();
         write_journal();
         if (restore_from_store())
             break;
-        m_result.restored.clear(); // told again by the next round
-        m_result.failed.clear();
+        forget_round();
     }
     for (const std::string& warning : m_plan.warnings)
         m_result.warnings.push_back(warning);
@@ -214,15 +231,31 @@ RecoveryResult Recovery::run() {
     return std::move(m_result);
 }
 
+// What failed, and what came back beside the databases, is told again by the next round.
+void Recovery::forget_round() {
+    m_result.restored.clear();
+    m_result.failed.clear();
+    std::erase_if(m_result.databases, [this](const DatabaseRecovery& database) {
+        bool again = database.outcome == RecoveryOutcome::failed;
+        if (again)
+            m_reported.erase(database.path);
+        return again;
+    });
+}
+
 // What an earlier run of the same recovery put in place is left alone: its users may have gone on
 // with it. Not so one that it could not bring online any more, as nobody could.
 void Recovery::settle_what_is_done() {
     find_left_offline();
     std::erase_if(m_plan.databases, [this](const RecoveringDatabase& database) {
-        if (!was_put_in_place(database) || m_left_offline.contains(database.planned.item.path))
+        const std::string& path = database.planned.item.path;
+        if (!qrtln::was_put_in_place(m_journal, path) || m_left_offline.contains(path))
             return false;
-        if (!m_reported.contains(database.planned.item.path))
-            report(database, RecoveryOutcome::in_place);
+        if (m_reported.contains(path))
+            return true;
+        report(database, RecoveryOutcome::in_place);
+        if (was_lost(path)) // a run that was killed had no time for that
+            give_owner_and_mode(database);
         return true;
     });
 }
@@ -235,7 +268,8 @@ void Recovery::find_left_offline() {
     m_asked_for_offline = true;
     std::vector<std::string> paths;
     for (const RecoveringDatabase& database : m_plan.databases)
-        if (was_put_in_place(database) && database.planned.existing)
+        if (qrtln::was_put_in_place(m_journal, database.planned.item.path) &&
+            database.planned.existing)
             paths.push_back(database.planned.item.path);
     m_left_offline = find_unopenable(m_context, paths);
     for (const auto& [path, reason] : m_left_offline)
@@ -245,15 +279,54 @@ void Recovery::find_left_offline() {
                                     reason + "): it is recovered again");
 }
 
-bool Recovery::was_put_in_place(const RecoveringDatabase& database) const {
-    if (!in_place() || !m_journal.recovering)
-        return false;
-    const std::string& path = database.planned.item.path;
-    auto pending = std::find_if(m_journal.databases.begin(), m_journal.databases.end(),
-                                [&](const PendingDatabase& entry) { return entry.path == path; });
-    if (pending == m_journal.databases.end())
-        return true; // struck out
-    return !pending->copy.empty() && !exists(pending->copy);
+// The original was lost, so that a place without its owner and mode was made, now or by an earlier
+// run.
+bool Recovery::was_lost(const std::string& path) const {
+    const PendingDatabase* pending = entry_of(m_journal, path);
+    return pending != nullptr && pending->lost;
+}
+
+// The logs from the store are read once before anything is written: a gap is found before anything
+// is touched. Returns false when damage was found that calls for another plan.
+bool Recovery::logs_are_whole() {
+    if (m_plan.logs.missing)
+        return true;
+    std::vector<StoredLog> logs = m_plan.logs.restore;
+    if (m_plan.logs.control)
+        logs.push_back(*m_plan.logs.control);
+    bool whole = true;
+    for (const StoredLog& log : logs) {
+        if (m_checked_logs.contains(log.item.object))
+            continue;
+        ObjectCheck check =
+            m_context.store.read_object(log.item.object, [](Bytes) { throw_if_interrupted(); });
+        if (check.problem.empty() && check.size == log.item.size) {
+            m_checked_logs.insert(log.item.object);
+            continue;
+        }
+        std::string problem = check.problem.empty() ? "has another size" : check.problem;
+        print_message("damaged: " + for_terminal(log.item.path) + " in the set " +
+                      for_terminal(log.set) + ": its object " + log.item.object + " " + problem);
+        m_request.selection.damaged.insert({log.item.path, log.item.object});
+        whole = false;
+    }
+    return whole;
+}
+
+void Recovery::require_what_is_needed() {
+    bool rolls_forward = std::any_of(
+        m_plan.databases.begin(), m_plan.databases.end(),
+        [](const RecoveringDatabase& database) { return database.only_its_set.empty(); });
+    // What this run began is of no use then, and would stand in the way of another time.
+    if (rolls_forward && m_plan.logs.missing && !m_resumed && m_began) {
+        for (const std::string& warning : abandon_recovery(m_journal))
+            print_message("warning: " + for_terminal(warning));
+        m_file.remove();
+    }
+    if (rolls_forward)
+        require_logs(m_plan);
+    find_whole_copies();
+    require_room(recovery_room(m_plan, m_request.tmp_dir, m_whole));
 }
 
 // Copies that an earlier run left, or the round before, need not be read from the store again.
@@ -310,13 +383,12 @@ void Recovery::write_journal() {
     m_journal.to = m_request.to;
     m_journal.into = m_request.into;
     m_journal.new_dbiid = m_request.new_dbiid;
-    if (in_place() && !m_journal.recovering) {
-        m_journal.databases.clear();
-        for (const RecoveringDatabase& database : m_plan.databases)
-            m_journal.databases.push_back({database.planned.item.path, database.only_its_set.empty()
-                                                                           ? copy_of(database)
-                                                                           : std::string()});
+    if (m_plan.server_logs.missing && !m_plan.logs.restore.empty()) {
+        m_journal.log_folder_lost = m_request.log_folder_was_lost = true;
+        if (m_plan.logs.ends)
+            m_journal.logs_end = m_plan.logs.ends;
     }
+    list_databases();
     // Before they are there: what is not there does no harm when it is to be removed.
     if (!m_plan.server_logs.missing)
         for (const StoredLog& log : m_plan.logs.restore)
@@ -325,6 +397,27 @@ void Recovery::write_journal() {
                 m_journal.extents.end())
                 m_journal.extents.push_back(target);
     m_file.write(m_journal);
+    m_began = true;
+}
+
+// Those that are still to be put in their places. A copy is named when it is there: when it is gone
+// later, it is in its place.
+void Recovery::list_databases() {
+    if (!in_place())
+        return;
+    std::vector<PendingDatabase> databases;
+    for (const RecoveringDatabase& database : m_plan.databases) {
+        const PlannedItem& planned = database.planned;
+        std::string copy = copy_of(database);
+        if (!database.only_its_set.empty() || !exists(copy))
+            copy.clear();
+        databases.push_back({planned.item.path, copy,
+                             was_lost(planned.item.path) || !planned.existing.has_value()});
+    }
+    for (const DatabaseRecovery& done : m_result.databases)
+        if (done.outcome == RecoveryOutcome::failed)
+            databases.push_back({done.path, {}, was_lost(done.path)});
+    m_journal.databases = std::move(databases);
 }
 
 // Returns false when damage was found that calls for another plan.
@@ -363,8 +456,10 @@ PlannedItem Recovery::planned_log(const StoredLog& log) const {
     planned.item = log.item;
     planned.action = RestoreAction::write;
     planned.target = planned.announced = log_target(m_plan, log);
-    planned.root = m_plan.server_logs.missing ? folder_of(m_plan.server_logs.directory)
-                                              : m_plan.server_logs.directory;
+    const std::string& folder = m_plan.server_logs.directory;
+    planned.root = !m_plan.server_logs.missing               ? folder
+                   : is_below(folder, m_plan.data_directory) ? m_plan.data_directory
+                                                             : folder_of(folder);
     return planned;
 }
 
@@ -473,13 +568,13 @@ void Recovery::roll_forward() {
             databases.push_back(&database);
         else if (!in_place())
             report(database, RecoveryOutcome::only_its_set, database.only_its_set);
-    if (!m_journal.recovering) {
-        m_journal.recovering = true;
-        m_file.write(m_journal);
-    }
+    m_journal.recovering = true;
+    list_databases();
+    m_file.write(m_journal);
     while (!databases.empty()) {
         throw_if_interrupted();
         databases = roll_forward_once(databases);
+        strike_what_is_in_place();
     }
 }
 
@@ -517,10 +612,12 @@ Recovery::roll_forward_once(const std::vector<const RecoveringDatabase*>& databa
     bool one_failed = false;
     for (const RecoveringDatabase* database : databases) {
         std::optional<ToldOutcomes::Told> outcome = told.of(database->planned.target);
-        bool waits = in_place() ? exists(copy_of(*database)) : outcome.has_value();
+        bool waits = in_place() && exists(copy_of(*database));
         if (!outcome) {
             report(*database,
-                   waits || !in_place() ? RecoveryOutcome::waiting : RecoveryOutcome::uncertain,
+                   !in_place() ? RecoveryOutcome::failed
+                   : waits     ? RecoveryOutcome::waiting
+                               : RecoveryOutcome::uncertain,
                    reason.empty() ? "the module did not tell what became of it" : reason);
         } else if (outcome->outcome != RecoveryOutcome::failed) {
             report(*database, outcome->outcome, outcome->reason);
@@ -535,8 +632,7 @@ Recovery::roll_forward_once(const std::vector<const RecoveringDatabase*>& databa
             std::string why = outcome->reason;
             if (!told.missing_log().empty() && !one_failed)
                 why += " (the transaction log " + told.missing_log() + " is missing)";
-            report(*database,
-                   waits && in_place() ? RecoveryOutcome::waiting : RecoveryOutcome::failed, why);
+            report(*database, waits ? RecoveryOutcome::waiting : RecoveryOutcome::failed, why);
             one_failed = true;
         }
     }
@@ -552,7 +648,7 @@ Recovery::roll_forward_once(const std::vector<const RecoveringDatabase*>& databa
 // A database that was lost came into being as this user's.
 void Recovery::give_owner_and_mode(const RecoveringDatabase& database) {
     const PlannedItem& planned = database.planned;
-    if (in_place() && planned.existing)
+    if (in_place() && planned.existing && !was_lost(planned.item.path))
         return;
     std::string problem;
     FileDescriptor file =
@@ -568,9 +664,19 @@ void Recovery::give_owner_and_mode(const RecoveringDatabase& database) {
         m_result.warnings.push_back(planned.target + ": " + problem);
 }
 
-void Recovery::strike(const std::string& path) {
-    std::erase_if(m_journal.databases,
-                  [&](const PendingDatabase& pending) { return pending.path == path; });
+void Recovery::strike_what_is_in_place() {
+    std::map<std::string, RecoveryOutcome> outcomes;
+    for (const DatabaseRecovery& database : m_result.databases)
+        outcomes[database.path] = database.outcome;
+    for (PendingDatabase& pending : m_journal.databases)
+        if (auto outcome = outcomes.find(pending.path);
+            outcome != outcomes.end() && outcome->second == RecoveryOutcome::failed)
+            pending.copy.clear();
+    std::erase_if(m_journal.databases, [&](const PendingDatabase& pending) {
+        auto outcome = outcomes.find(pending.path);
+        return outcome != outcomes.end() && outcome->second != RecoveryOutcome::waiting &&
+               outcome->second != RecoveryOutcome::failed;
+    });
     m_file.write(m_journal);
 }
 
@@ -593,7 +699,7 @@ void Recovery::put_only_its_set_in_place() {
             m_result.warnings.push_back(warning);
         if (!result.restored.empty()) {
             report(database, RecoveryOutcome::only_its_set, database.only_its_set);
-            strike(database.planned.item.path);
+            strike_what_is_in_place();
             continue;
         }
         std::string reason = !result.waiting.empty()   ? result.waiting.front().reason
@@ -605,30 +711,44 @@ void Recovery::put_only_its_set_in_place() {
     }
 }
 
+// Damage that an older copy made up for is told apart from damage that nothing makes up for.
+void Recovery::settle_damage() {
+    std::map<std::string, std::string> sets; // by path: where what came back is from
+    for (const RecoveringDatabase& database : m_plan.databases)
+        sets[database.planned.item.path] = database.planned.set;
+    for (const PlannedItem& planned : m_plan.others.items)
+        sets[planned.item.path] = planned.set;
+    for (const auto& [path, reason] : m_damaged)
+        if (auto set = sets.find(path); set != sets.end())
+            m_result.replaced.push_back(
+                {path, reason + "; the copy of the set " + set->second + " was taken"});
+        else if (!m_reported.contains(path))
+            m_result.damaged.push_back({path, reason});
+}
+
 // Removes what is of no more use, or keeps it for a second run.
 void Recovery::settle() {
-    std::set<std::string> waits;
-    for (const DatabaseRecovery& database : m_result.databases)
-        if (database.outcome == RecoveryOutcome::waiting)
-            waits.insert(database.path);
-    std::vector<PendingDatabase> left;
-    for (const PendingDatabase& pending : m_journal.databases)
-        if (waits.contains(pending.path))
-            left.push_back(pending);
-    for (const auto& [path, reason] : m_damaged)
-        if (!m_reported.contains(path) && !log_number_of(name_of(path)))
-            m_result.damaged.push_back({path, reason});
+    settle_damage();
+    m_result.logs_end_early = m_journal.log_folder_lost;
+    m_result.logs_end = m_journal.logs_end;
     if (m_request.leaves_journal)
         return;
-    if (!left.empty()) {
-        m_journal.databases = std::move(left);
-        m_file.write(m_journal);
+    strike_what_is_in_place();
+    bool waits = std::any_of(m_result.databases.begin(), m_result.databases.end(),
+                             [](const DatabaseRecovery& database) {
+                                 return database.outcome == RecoveryOutcome::waiting;
+                             });
+    if (waits) {
         m_result.pending_folder = m_journal.pending_folder;
         return;
     }
     for (const std::string& warning : abandon_recovery(m_journal))
         m_result.warnings.push_back(warning);
     m_file.remove();
+    const std::vector<std::string>& gone = m_journal.extents; // came back for the recovery alone
+    std::erase_if(m_result.restored, [&](const std::string& path) {
+        return std::find(gone.begin(), gone.end(), path) != gone.end();
+    });
 }
 
 } // namespace
@@ -664,6 +784,16 @@ bool DatabaseRecovery::falls_short() const {
         break;
     }
     return true;
+}
+
+bool was_put_in_place(const RecoveryJournal& journal, const std::string& path) {
+    if (!journal.into.empty() || !journal.recovering)
+        return false;
+    const PendingDatabase* pending = entry_of(journal, path);
+    if (pending == nullptr)
+        return true; // struck out
+    // A copy that went with its whole folder was taken away by somebody.
+    return !pending->copy.empty() && !exists(pending->copy) && exists(journal.pending_folder);
 }
 
 RecoveryResult run_recovery(const OperationContext& context, RecoveryRequest request,

@@ -2,6 +2,7 @@
 
 #include "client/catalogue.h"
 #include "client/error.h"
+#include "client/interrupt.h"
 #include "client/output.h"
 #include "client/text.h"
 
@@ -17,6 +18,15 @@ namespace {
 
 // What the module answers when it prepares a database that no transaction log covers.
 constexpr int prepared_not_logged = 2000;
+constexpr std::int64_t quarter_hour = 900; // seconds
+
+// Where notes.ini says, else where the newest stored log was.
+ServerLogs look_at_logs(const NotesIni& ini, const StoredLogs& stored) {
+    std::string directory = log_directory(ini);
+    if (directory.empty() && !stored.logs.empty())
+        directory = folder_of(stored.logs.back().item.path);
+    return look_at_server_logs(directory);
+}
 
 class RecoveryPlanner {
   public:
@@ -29,6 +39,8 @@ class RecoveryPlanner {
     void take_database(PlannedItem planned);
     const CatalogueEntry& set(const std::string& name);
     void plan_logs();
+    void check_log_folder() const;
+    std::optional<std::int64_t> find_reachable(std::optional<std::int64_t> moment) const;
 
     Store& m_store;
     const NotesIni& m_ini;
@@ -63,8 +75,42 @@ RecoveryPlan RecoveryPlanner::run() {
             m_plan.others.items.push_back(std::move(planned));
     }
     plan_logs();
+    if (m_plan.logs.missing)
+        m_plan.logs.missing->reachable = find_reachable(m_plan.logs.missing->reachable);
     m_plan.room = recovery_room(m_plan, m_request.tmp_dir, {});
     return std::move(m_plan);
+}
+
+// The latest moment, up to the given one, that this very request can be recovered to: older sets
+// may have to be taken for it, whose logs have gaps of their own.
+std::optional<std::int64_t>
+RecoveryPlanner::find_reachable(std::optional<std::int64_t> moment) const {
+    if (m_request.searches_reachable)
+        return moment;
+    constexpr int attempts = 100; // each goes further back
+    for (int attempt = 0; moment && attempt < attempts; ++attempt) {
+        RecoveryRequest trial = m_request;
+        trial.searches_reachable = true;
+        trial.to = moment;
+        try {
+            (void)rollforward_value(moment);
+        } catch (const ClientError&) {
+            moment = *moment - quarter_hour; // in an hour that the clock repeats
+            continue;
+        }
+        RecoveryPlan plan;
+        try {
+            plan = RecoveryPlanner(m_store, m_ini, trial).run();
+        } catch (const ClientError&) {
+            throw_if_interrupted();
+            return std::nullopt; // no set is that old
+        }
+        if (!plan.logs.missing)
+            return moment;
+        std::optional<std::int64_t> earlier = plan.logs.missing->reachable;
+        moment = earlier && *earlier < *moment ? earlier : std::nullopt;
+    }
+    return std::nullopt;
 }
 
 // A database must have been saved before the time that it is to be recovered to.
@@ -86,6 +132,12 @@ const CatalogueEntry& RecoveryPlanner::set(const std::string& name) {
 }
 
 void RecoveryPlanner::take_database(PlannedItem planned) {
+    if (planned.item.path.find('*') != std::string::npos) {
+        planned.reason = "a name with \"*\" cannot be passed to the module: restore it with "
+                         "`qrtln restore`";
+        m_plan.refused.push_back(std::move(planned));
+        return;
+    }
     RecoveringDatabase database;
     if (const std::optional<Manifest>& manifest = set(planned.set).manifest) {
         database.set_started = manifest->started;
@@ -101,7 +153,7 @@ void RecoveryPlanner::take_database(PlannedItem planned) {
 }
 
 void RecoveryPlanner::plan_logs() {
-    m_plan.server_logs = look_at_server_logs(log_directory(m_ini));
+    m_plan.server_logs = look_at_logs(m_ini, m_stored);
     RecoveryLogNeeds needs;
     needs.to = m_request.to;
     for (const RecoveringDatabase& database : m_plan.databases)
@@ -110,14 +162,36 @@ void RecoveryPlanner::plan_logs() {
             needs.oldest_set = database.planned.set;
     if (needs.oldest_set.empty())
         return;
-    if (m_plan.server_logs.directory.empty() && !m_stored.logs.empty())
-        m_plan.server_logs = look_at_server_logs(folder_of(m_stored.logs.back().item.path));
+    bool unfinished = m_request.log_folder_was_lost && !m_plan.server_logs.has_control;
+    m_plan.server_logs.missing = m_plan.server_logs.missing || unfinished;
     m_plan.logs = find_recovery_logs(m_stored, m_plan.server_logs, needs);
+    if (m_plan.server_logs.missing && !m_plan.logs.restore.empty()) {
+        check_log_folder();
+        if (!m_plan.logs.control)
+            m_plan.warnings.emplace_back("no set has the log control file whole: the server may "
+                                         "not take the transaction logs");
+    }
     if (m_plan.server_logs.missing && !m_plan.logs.missing && !m_plan.logs.restore.empty())
         m_plan.warnings.push_back(
             "the folder of the transaction logs, " + for_terminal(m_plan.server_logs.directory) +
             ", is lost: what was committed after the newest set is not in any log" +
             (m_plan.logs.ends ? " (that is after " + utc_time(*m_plan.logs.ends) + ")" : ""));
+}
+
+// Whether what is lost may come back where it was.
+void RecoveryPlanner::check_log_folder() const {
+    const std::string& folder = m_plan.server_logs.directory;
+    struct stat status {};
+    if (m_request.keeps_log_folder)
+        throw ClientError(ExitCode::logs_missing,
+                          "the folder of the transaction logs, " + for_terminal(folder) +
+                              ", is lost",
+                          "`qrtln recover` brings it back from the store");
+    if (!is_below(folder, m_ini.data_directory) && ::stat(folder_of(folder).c_str(), &status) != 0)
+        throw ClientError(ExitCode::failed,
+                          "the folder of the transaction logs, " + for_terminal(folder) +
+                              ", is lost, and so is the one above it: nothing was touched",
+                          "create it, or mount its disk");
 }
 
 std::string local_time_text(std::int64_t time) {
@@ -136,18 +210,51 @@ std::string reach_text(const RecoveryPlan& plan, const RecoveringDatabase& datab
     return plan.to ? utc_time(*plan.to) : "the end of the logs";
 }
 
-std::string logs_text(const RecoveryPlan& plan) {
-    const RecoveryLogs& logs = plan.logs;
-    if (logs.missing)
-        return describe(*logs.missing) + "\n";
+std::string log_target(const ServerLogs& server, const StoredLog& log) {
+    return server.directory + "/" + name_of(log.item.path);
+}
+
+std::string logs_text(const RecoveryLogs& logs, const ServerLogs& server, bool to_a_moment) {
+    if (logs.missing) {
+        const std::optional<std::int64_t>& reachable = logs.missing->reachable;
+        return describe(*logs.missing) +
+               (reachable
+                    ? "; the latest time that can be reached is " + local_time_text(*reachable)
+                    : "") +
+               "\n";
+    }
     if (logs.archive_id.empty())
         return "no set holds transaction logs: those that the server has are replayed\n";
     std::string text = "transaction logs " + std::to_string(logs.first) + " to " +
-                       std::to_string(logs.last) + (plan.to ? "" : " and what follows") + ", " +
-                       std::to_string(logs.restore.size()) + " of them from the store";
+                       std::to_string(logs.last) + (to_a_moment ? "" : " and what follows") + ", " +
+                       std::to_string(logs.restore.size()) +
+                       " of them from the store, the others are on the server";
     for (const StoredLog& log : logs.restore)
-        text += "\n  " + for_terminal(log_target(plan, log)) + " from " + for_terminal(log.set);
+        text += "\n  " + for_terminal(log_target(server, log)) + " from " + for_terminal(log.set);
     return text + "\n";
+}
+
+nlohmann::json logs_json(const RecoveryLogs& logs, const ServerLogs& server) {
+    nlohmann::json restored = nlohmann::json::array();
+    for (const StoredLog& log : logs.restore)
+        restored.push_back({{"path", printable_utf8(log_target(server, log))},
+                            {"number", log.item.log->number},
+                            {"set", log.set}});
+    nlohmann::json on_server = nlohmann::json::array();
+    for (const auto& [number, time] : server.last_used)
+        if (number >= logs.first && number <= logs.last)
+            on_server.push_back(number);
+    nlohmann::json missing;
+    if (logs.missing) {
+        missing = {{"text", describe(*logs.missing)}, {"reachable", nullptr}};
+        if (logs.missing->reachable)
+            missing["reachable"] = utc_time(*logs.missing->reachable);
+    }
+    return {{"first", logs.first},
+            {"last", logs.last},
+            {"restored", restored},
+            {"on_server", on_server},
+            {"missing", missing}};
 }
 
 } // namespace
@@ -163,7 +270,10 @@ std::vector<RoomNeeded> recovery_room(const RecoveryPlan& plan, const std::strin
         bool waits = whole.contains(planned.item.path);
         if (plan.into.empty())
             rooms.at(absolute_path(tmp_dir)).needed += waits ? 0 : planned.item.size;
-        rooms.at(folder_of(planned.target)).needed += growth;
+        if (plan.into.empty())
+            rooms.at(folder_of(planned.target)).needed += growth;
+        else if (!waits) // an old one is there until the new one is whole
+            rooms.at(folder_of(planned.target)).needed += planned.item.size;
     }
     for (const PlannedItem& planned : plan.others.items)
         if (planned.action == RestoreAction::write)
@@ -174,7 +284,7 @@ std::vector<RoomNeeded> recovery_room(const RecoveryPlan& plan, const std::strin
 }
 
 std::string log_target(const RecoveryPlan& plan, const StoredLog& log) {
-    return plan.server_logs.directory + "/" + name_of(log.item.path);
+    return log_target(plan.server_logs, log);
 }
 
 void require_logs(const RecoveryPlan& plan) {
@@ -196,9 +306,9 @@ void require_logs(const RecoveryPlan& plan) {
         hint = "the databases can be restored as they are in their sets: `qrtln restore "
                "--activate`; `qrtln verify` tells about damaged logs";
     }
-    throw ClientError(ExitCode::logs_missing,
-                      "cannot recover: " + describe(missing) + reachable + ": nothing was touched",
-                      hint);
+    throw ClientError(
+        ExitCode::logs_missing,
+        "cannot recover: " + describe(missing) + reachable + ": no database was touched", hint);
 }
 
 std::string rollforward_value(const std::optional<std::int64_t>& to) {
@@ -239,7 +349,12 @@ std::string plan_text(const RecoveryPlan& plan) {
         if (planned.action == RestoreAction::write)
             text += "missing, comes back from " + for_terminal(planned.set) + ": " +
                     for_terminal(planned.target) + "\n";
-    return text + logs_text(plan) + room_text(plan.room);
+    bool rolls_forward = std::any_of(
+        plan.databases.begin(), plan.databases.end(),
+        [](const RecoveringDatabase& database) { return database.only_its_set.empty(); });
+    if (rolls_forward)
+        text += logs_text(plan.logs, plan.server_logs, plan.to.has_value());
+    return text + room_text(plan.room);
 }
 
 nlohmann::json plan_json(const RecoveryPlan& plan) {
@@ -265,17 +380,6 @@ nlohmann::json plan_json(const RecoveryPlan& plan) {
     for (const PlannedItem& planned : plan.refused)
         refused.push_back({{"path", printable_utf8(planned.item.path)},
                            {"reason", printable_utf8(planned.reason)}});
-    nlohmann::json logs = nlohmann::json::array();
-    for (const StoredLog& log : plan.logs.restore)
-        logs.push_back({{"path", printable_utf8(log_target(plan, log))},
-                        {"number", log.item.log->number},
-                        {"set", log.set}});
-    nlohmann::json missing;
-    if (plan.logs.missing) {
-        missing = {{"text", describe(*plan.logs.missing)}, {"reachable", nullptr}};
-        if (plan.logs.missing->reachable)
-            missing["reachable"] = utc_time(*plan.logs.missing->reachable);
-    }
     return {
         {"data_directory", printable_utf8(plan.data_directory)},
         {"to", plan.to ? nlohmann::json(utc_time(*plan.to)) : nlohmann::json()},
@@ -284,13 +388,38 @@ nlohmann::json plan_json(const RecoveryPlan& plan) {
         {"databases", databases},
         {"files", files},
         {"refused", refused},
-        {"logs",
-         {{"first", plan.logs.first},
-          {"last", plan.logs.last},
-          {"restored", logs},
-          {"missing", missing}}},
+        {"logs", logs_json(plan.logs, plan.server_logs)},
         {"room", room_json(plan.room)},
         {"warnings", plan.warnings}};
+}
+
+std::optional<LaterRecovery> plan_later_recovery(Store& store, const NotesIni& ini,
+                                                 const std::vector<PlannedItem>& items) {
+    RecoveryLogNeeds needs;
+    for (const PlannedItem& planned : items) {
+        bool placed =
+            planned.action == RestoreAction::activate || planned.action == RestoreAction::place;
+        if (placed && planned.item.kind == ItemKind::database &&
+            planned.item.prepare_status != prepared_not_logged &&
+            (needs.oldest_set.empty() || planned.set < needs.oldest_set))
+            needs.oldest_set = planned.set;
+    }
+    if (needs.oldest_set.empty())
+        return std::nullopt;
+    StoredLogs stored = load_stored_logs(store, ini.data_directory, {});
+    LaterRecovery later;
+    later.server_logs = look_at_logs(ini, stored);
+    later.logs = find_recovery_logs(stored, later.server_logs, needs);
+    return later;
+}
+
+std::string later_recovery_text(const LaterRecovery& later) {
+    return "a recovery of these databases needs: " +
+           logs_text(later.logs, later.server_logs, false);
+}
+
+nlohmann::json later_recovery_json(const LaterRecovery& later) {
+    return logs_json(later.logs, later.server_logs);
 }
 
 RecoveryPlan make_recovery_plan(Store& store, const NotesIni& ini, const RecoveryRequest& request) {

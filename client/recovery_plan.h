@@ -18,9 +18,12 @@ struct RecoveryRequest {
     std::optional<std::int64_t> to; // seconds since 1970; nothing: to the end of the logs
     std::string into;               // empty: in place of the live databases
     bool new_dbiid = false;
-    bool databases_only = false; // no folders or files beside them
-    bool leaves_journal = false; // for the caller to clean up after a look at the result
-    std::string tmp_dir;         // below it the restored copies wait
+    bool databases_only = false;      // no folders or files beside them
+    bool keeps_log_folder = false;    // a lost folder of transaction logs is not made again
+    bool log_folder_was_lost = false; // an earlier run of the same recovery found it lost
+    bool leaves_journal = false;      // for the caller to clean up after a look at the result
+    bool searches_reachable = false;  // a trial plan, for the latest moment that can be reached
+    std::string tmp_dir;              // below it the restored copies wait
 };
 
 // Why a database without transaction logging is brought back as it is in its set.
@@ -62,6 +65,7 @@ std::vector<RoomNeeded> recovery_room(const RecoveryPlan& plan, const std::strin
 
 // Throws ClientError(logs_missing) when logs are missing that the plan needs, with the latest time
 // that can be reached without them.
+// REQUIRES: the plan's `reachable` is one for which there is a plan.
 void require_logs(const RecoveryPlan& plan);
 
 // The log's full path in the folder of the server's logs.
@@ -70,6 +74,17 @@ std::string log_target(const RecoveryPlan& plan, const StoredLog& log);
 // The value of ROLLFORWARD: "YES", or the time as YYYYMMDDhhmmss in local time. Throws
 // ClientError(usage) for a time that the clock shows twice: the module would refuse it.
 std::string rollforward_value(const std::optional<std::int64_t>& to);
+
+// The logs with which the databases among these items could be rolled forward later, to the end of
+// the logs. Nothing when none of them is logged.
+struct LaterRecovery {
+    RecoveryLogs logs;
+    ServerLogs server_logs;
+};
+std::optional<LaterRecovery> plan_later_recovery(Store& store, const NotesIni& ini,
+                                                 const std::vector<PlannedItem>& items);
+std::string later_recovery_text(const LaterRecovery& later);
+nlohmann::json later_recovery_json(const LaterRecovery& later);
 
 std::string plan_text(const RecoveryPlan& plan);
 nlohmann::json plan_json(const RecoveryPlan& plan);

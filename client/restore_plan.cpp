@@ -444,7 +444,7 @@ std::string log_directory(const NotesIni& ini) {
 std::string relocation_info(const std::string& to, bool plain) {
     auto refuse_to = [&](const std::string& reason) {
         throw ClientError(ExitCode::failed, "cannot restore to " + for_terminal(to) + ": " + reason,
-                          "name another folder with --to");
+                          "name another folder");
     };
     for (const char* keyword : info_keywords)
         if (to.find(keyword) != std::string::npos)

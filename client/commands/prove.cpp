@@ -46,6 +46,7 @@ RecoveryRequest make_request(const ProveOptions& options, const Manifest& manife
     request.to = moment_behind(manifest);
     request.into = scratch;
     request.databases_only = true;
+    request.keeps_log_folder = true;
     request.leaves_journal = true;
     request.tmp_dir = options.tmp_dir;
     return request;
@@ -120,8 +121,8 @@ Proof prove(const OperationContext& context, const ProveOptions& options, const 
         else
             proof.failures.push_back({database.path, problem});
     }
-    damaged = !result.damaged.empty();
-    for (const auto* list : {&result.damaged, &result.failed})
+    damaged = !result.damaged.empty() || !result.replaced.empty();
+    for (const auto* list : {&result.damaged, &result.replaced, &result.failed})
         for (const FailedRestore& failed : *list)
             proof.failures.push_back({failed.path, failed.reason});
     std::vector<ProofFailure> unread = read_databases(context, readable);
@@ -129,6 +130,17 @@ Proof prove(const OperationContext& context, const ProveOptions& options, const 
     proof.failures.insert(proof.failures.end(), unread.begin(), unread.end());
     proof.time = std::time(nullptr);
     return proof;
+}
+
+// An earlier proof must not stand where a recovery is no longer possible.
+void record_missing_logs(Store& store, const Manifest& manifest, const NotesIni& ini,
+                         const std::string& reason) {
+    Proof proof;
+    proof.set = manifest.set;
+    proof.time = std::time(nullptr);
+    proof.client_version = client_version();
+    proof.failures.push_back({log_directory(ini), reason});
+    record_proof(store, proof);
 }
 
 void clean_up(const RecoveryJournalFile& file) {
@@ -165,6 +177,11 @@ int run_prove(const ProveOptions& options) {
     Proof proof;
     try {
         proof = prove(context, options, *entry.manifest, file, damaged);
+    } catch (const ClientError& failure) {
+        clean_up(file);
+        if (failure.exit_code() == static_cast<int>(ExitCode::logs_missing))
+            record_missing_logs(*store, *entry.manifest, ini, failure.what());
+        throw;
     } catch (...) {
         clean_up(file);
         throw;

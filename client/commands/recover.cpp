@@ -86,9 +86,14 @@ int code_of(const RecoveryPlan& plan) {
 }
 
 // Up to which moment a database is recovered, for a person.
-std::string reach_text(const DatabaseRecovery& database, const std::optional<std::int64_t>& to) {
+std::string reach_text(const DatabaseRecovery& database, const RecoveryResult& result,
+                       const std::optional<std::int64_t>& to) {
+    bool ends_early = result.logs_end_early && !(to && result.logs_end && *to <= *result.logs_end);
     switch (database.outcome) {
     case RecoveryOutcome::recovered:
+        if (ends_early)
+            return "the end of the stored logs" +
+                   (result.logs_end ? ", " + utc_time(*result.logs_end) : "");
         return to ? utc_time(*to) : "the last committed change";
     case RecoveryOutcome::only_its_set:
         return "its set, ended " + utc_time(database.set_ended);
@@ -107,7 +112,7 @@ std::string result_text(const RecoveryResult& result, const std::optional<std::i
     Table table({"DATABASE", "OUTCOME", "RECOVERED TO", "SET", "REASON"});
     for (const DatabaseRecovery& database : result.databases)
         table.add({for_terminal(database.target), outcome_name(database.outcome),
-                   reach_text(database, to), for_terminal(database.set),
+                   reach_text(database, result, to), for_terminal(database.set),
                    database.reason.empty() ? "-" : for_terminal(database.reason)});
     std::string text = table.text();
     if (!result.restored.empty())
@@ -117,6 +122,9 @@ std::string result_text(const RecoveryResult& result, const std::optional<std::i
         text += "what waits is in " + for_terminal(result.pending_folder) +
                 ": when what kept it back is mended (a database in use:\nshut down its task, or "
                 "the server), `qrtln recover` goes on with it\n";
+    for (const FailedRestore& replaced : result.replaced)
+        text +=
+            "damaged: " + for_terminal(replaced.path) + ": " + for_terminal(replaced.reason) + "\n";
     for (const FailedRestore& damaged : result.damaged)
         text += "damaged in every set that has it: " + for_terminal(damaged.path) + ": " +
                 for_terminal(damaged.reason) + "\n";
@@ -133,7 +141,7 @@ nlohmann::json failures_json(const std::vector<FailedRestore>& list) {
     return array;
 }
 
-nlohmann::json result_json(const RecoveryResult& result) {
+nlohmann::json result_json(const RecoveryResult& result, const std::optional<std::int64_t>& to) {
     nlohmann::json databases = nlohmann::json::array();
     for (const DatabaseRecovery& database : result.databases)
         databases.push_back({{"path", printable_utf8(database.path)},
@@ -141,6 +149,7 @@ nlohmann::json result_json(const RecoveryResult& result) {
                              {"set", database.set},
                              {"set_ended", utc_time(database.set_ended)},
                              {"outcome", outcome_name(database.outcome)},
+                             {"recovered_to", reach_text(database, result, to)},
                              {"reason", printable_utf8(database.reason)}});
     nlohmann::json restored = nlohmann::json::array();
     for (const std::string& path : result.restored)
@@ -152,6 +161,7 @@ nlohmann::json result_json(const RecoveryResult& result) {
             {"restored", restored},
             {"failed", failures_json(result.failed)},
             {"damaged", failures_json(result.damaged)},
+            {"replaced", failures_json(result.replaced)},
             {"pending_folder", printable_utf8(result.pending_folder)},
             {"bytes", result.bytes},
             {"warnings", warnings}};
@@ -176,8 +186,13 @@ int abandon(const RecoverOptions& options, const RecoveryJournalFile& file,
 }
 
 int dry_run(const RecoverOptions& options, Store& store, const NotesIni& ini,
-            const RecoveryRequest& request) {
+            RecoveryRequest request, const std::optional<RecoveryJournal>& journal) {
+    request.log_folder_was_lost = journal && journal->log_folder_lost;
     RecoveryPlan plan = make_recovery_plan(store, ini, request);
+    if (journal)
+        std::erase_if(plan.databases, [&](const RecoveringDatabase& database) {
+            return was_put_in_place(*journal, database.planned.item.path);
+        });
     for (const std::string& warning : plan.warnings)
         print_message("warning: " + for_terminal(warning));
     int code = code_of(plan);
@@ -206,7 +221,7 @@ int run_recover(const RecoverOptions& options) {
     RecoveryRequest request = make_request(options, ini, journal);
     check_time(request);
     if (options.dry_run)
-        return dry_run(options, *store, ini, request);
+        return dry_run(options, *store, ini, request, journal);
     FileDescriptor trace = open_trace_file(options.trace_file);
     OperationContext context{ini,         *store,         options.tmp_dir, options.module,
                              trace.get(), options.verbose};
@@ -219,7 +234,7 @@ int run_recover(const RecoverOptions& options) {
                     {"dry_run", false},
                     {"store", printable_utf8(absolute_path(options.store))},
                     {"to", request.to ? nlohmann::json(utc_time(*request.to)) : nlohmann::json()},
-                    {"result", result_json(result)},
+                    {"result", result_json(result, request.to)},
                     {"exit_code", code}});
     else
         print_output(result_text(result, request.to));

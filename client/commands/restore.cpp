@@ -4,6 +4,7 @@
 #include "client/error.h"
 #include "client/interrupt.h"
 #include "client/output.h"
+#include "client/recovery_plan.h"
 #include "client/restore_operation.h"
 #include "client/restore_plan.h"
 #include "client/text.h"
@@ -118,8 +119,11 @@ int run_restore(const RestoreOptions& options) {
                                {"plan", plan_json(plan)}};
     if (options.dry_run) {
         int code = code_of(plan);
+        std::optional<LaterRecovery> later = plan_later_recovery(*store, ini, plan.items);
         document["exit_code"] = code;
-        options.json ? print_json(document) : print_output(plan_text(plan));
+        document["recovery_logs"] = later ? later_recovery_json(*later) : nlohmann::json();
+        options.json ? print_json(document)
+                     : print_output(plan_text(plan) + (later ? later_recovery_text(*later) : ""));
         return code;
     }
     require_room(plan.room);
