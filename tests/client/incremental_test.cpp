@@ -26,11 +26,6 @@ using testing::IsEmpty;
 
 class Incremental : public OverTheSimulator {
   protected:
-    // Waits for the next second: what was written before is older than a backup that starts now.
-    static void settle() {
-        for (std::time_t now = std::time(nullptr); std::time(nullptr) == now;)
-            std::this_thread::sleep_for(std::chrono::milliseconds(5));
-    }
     // Runs a backup that must end with this code; its JSON document.
     json run(const std::string& level, int exit_code, std::vector<std::string> more = {},
              test::Environment environment = {}) {
@@ -41,12 +36,6 @@ class Incremental : public OverTheSimulator {
         return json::parse(outcome.output);
     }
     std::string newest_set() const { return list().back()["set"]; }
-    // Users write until so many extents are full. Each change fits in one.
-    void fill_extents(std::size_t count) const {
-        const std::string text(9000, 'x');
-        for (int i = 0; i < 1000 && extents().size() <= count; ++i)
-            ASSERT_EQ(domino("put " + m_server + " mail/user1.nsf --count 5 --text " + text), 0);
-    }
     // Another program archives logs: takes one if told so, and is killed in its session.
     void killed_archiver(bool takes_one) const {
         pid_t pid = ::fork();

@@ -18,6 +18,7 @@ namespace {
 
 namespace fs = std::filesystem;
 using nlohmann::json;
+using test::HeldDatabase;
 using test::Outcome;
 using test::OverTheSimulator;
 using test::read_file;
@@ -52,35 +53,6 @@ class Restore : public OverTheSimulator {
     std::string m_user1 = m_data + "/mail/user1.nsf";
 };
 
-// A task of the server that has a database open.
-class HeldDatabase {
-  public:
-    HeldDatabase(const std::string& server, const std::string& name) {
-        int output[2];
-        EXPECT_EQ(::pipe(output), 0);
-        m_pid = ::fork();
-        if (m_pid == 0) {
-            ::dup2(output[1], 1);
-            ::execl(QRTLN_DOMINO_SIM, QRTLN_DOMINO_SIM, "hold", server.c_str(), name.c_str(),
-                    nullptr);
-            ::_exit(127);
-        }
-        ::close(output[1]);
-        char line = 0; // printed once it is open
-        EXPECT_EQ(::read(output[0], &line, 1), 1);
-        ::close(output[0]);
-    }
-    ~HeldDatabase() {
-        ::kill(m_pid, SIGKILL);
-        ::waitpid(m_pid, nullptr, 0);
-    }
-    HeldDatabase(const HeldDatabase&) = delete;
-    HeldDatabase& operator=(const HeldDatabase&) = delete;
-
-  private:
-    pid_t m_pid = -1;
-};
-
 TEST_F(Restore, ALostDatabaseComesBackWithItsFolderOwnerModeAndTime) {
     ASSERT_EQ(::chmod(m_user1.c_str(), 0640), 0);
     ASSERT_EQ(::chmod((m_data + "/mail").c_str(), 0750), 0);
@@ -92,6 +64,8 @@ TEST_F(Restore, ALostDatabaseComesBackWithItsFolderOwnerModeAndTime) {
     fs::remove_all(m_data + "/mail");
 
     json planned = restore(0, {"mail/user1.nsf", "--activate", "--dry-run"});
+    EXPECT_EQ(planned["recovery_logs"]["first"], 1); // what a recovery would need
+    EXPECT_EQ(planned["recovery_logs"]["on_server"], json::array({1}));
     EXPECT_EQ(action(planned, m_user1), "activate");
     EXPECT_EQ(planned["plan"]["items"][0]["existing"], nullptr);
     EXPECT_EQ(planned["plan"]["items"][0]["size"], status.st_size);

@@ -6,10 +6,45 @@
 #include "client/store/store.h"
 #include "tests/client/run_client.h"
 
+#include <algorithm>
+#include <csignal>
+#include <ctime>
 #include <gmock/gmock.h>
 #include <nlohmann/json.hpp>
+#include <sys/wait.h>
+#include <thread>
+#include <unistd.h>
 
 namespace qrtln::test {
+
+// A task of the server that has a database open.
+class HeldDatabase {
+  public:
+    HeldDatabase(const std::string& server, const std::string& name) {
+        int output[2];
+        EXPECT_EQ(::pipe(output), 0);
+        m_pid = ::fork();
+        if (m_pid == 0) {
+            ::dup2(output[1], 1);
+            ::execl(QRTLN_DOMINO_SIM, QRTLN_DOMINO_SIM, "hold", server.c_str(), name.c_str(),
+                    nullptr);
+            ::_exit(127);
+        }
+        ::close(output[1]);
+        char line = 0; // printed once it is open
+        EXPECT_EQ(::read(output[0], &line, 1), 1);
+        ::close(output[0]);
+    }
+    ~HeldDatabase() {
+        ::kill(m_pid, SIGKILL);
+        ::waitpid(m_pid, nullptr, 0);
+    }
+    HeldDatabase(const HeldDatabase&) = delete;
+    HeldDatabase& operator=(const HeldDatabase&) = delete;
+
+  private:
+    pid_t m_pid = -1;
+};
 
 class OverTheSimulator : public testing::Test {
   protected:
@@ -83,6 +118,17 @@ class OverTheSimulator : public testing::Test {
         if (domino("show " + m_server + " " + name + " --json") != 0)
             return nullptr;
         return nlohmann::json::parse(read_file(m_scratch / "domino-sim.out"));
+    }
+    // Waits for the next second: what was written before is older than a backup that starts now.
+    static void settle() {
+        for (std::time_t now = std::time(nullptr); std::time(nullptr) == now;)
+            std::this_thread::sleep_for(std::chrono::milliseconds(5));
+    }
+    // Users write until so many extents are full. Each change fits in one.
+    void fill_extents(std::size_t count) const {
+        const std::string text(9000, 'x');
+        for (int i = 0; i < 1000 && extents().size() <= count; ++i)
+            ASSERT_EQ(domino("put " + m_server + " mail/user1.nsf --count 5 --text " + text), 0);
     }
     ManifestItem item(const std::string& set, const std::string& path) const {
         for (const ManifestItem& item : manifest(set).items)

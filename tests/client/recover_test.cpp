@@ -1,0 +1,422 @@
+// Recoveries and proofs with the real module over the simulated server.
+#ifdef QRTLN_DOMINO_SIM
+
+#include "tests/client/simulated_server.h"
+
+#include <array>
+#include <fcntl.h>
+#include <sys/stat.h>
+
+namespace qrtln {
+namespace {
+
+namespace fs = std::filesystem;
+using nlohmann::json;
+using test::HeldDatabase;
+using test::OverTheSimulator;
+using test::read_file;
+using test::snapshot;
+using test::write_file;
+using testing::ElementsAre;
+using testing::HasSubstr;
+using testing::IsEmpty;
+using testing::Not;
+using testing::SizeIs;
+
+class Recover : public OverTheSimulator {
+  protected:
+    json recover(int exit_code, const std::vector<std::string>& more,
+                 test::Environment environment = {}) {
+        std::vector<std::string> words = {"recover"};
+        words.insert(words.end(), more.begin(), more.end());
+        return run(exit_code, words, std::move(environment));
+    }
+    json prove(int exit_code, const std::vector<std::string>& more = {}) {
+        std::vector<std::string> words = {"prove"};
+        words.insert(words.end(), more.begin(), more.end());
+        return run(exit_code, words);
+    }
+    void put(const std::string& name, const std::string& more = "--text new") const {
+        ASSERT_EQ(domino("put " + m_server + " " + name + " " + more), 0);
+    }
+    std::string backup_set(const std::string& level) { return full_backup({"--level", level}); }
+    // Extents are filled, archived into a set, and removed by the server.
+    std::string archive_extents() {
+        fill_extents(2);
+        return backup_set("incr");
+    }
+    std::string digest(const std::string& name) const { return shown(name)["digest"]; }
+    static json of(const json& document, const std::string& path) {
+        for (const json& database : document["result"]["databases"])
+            if (database["path"] == path)
+                return database;
+        return {{"outcome", "not told"}};
+    }
+    static std::string outcome(const json& document, const std::string& path) {
+        return of(document, path)["outcome"];
+    }
+    // What a recovery must not change: the server without what its library writes at every start.
+    std::map<std::string, std::string> live() const {
+        auto state = snapshot(m_data);
+        for (const auto& [name, content] : snapshot(m_server + "/logs"))
+            state["logs" + name] = content;
+        return state;
+    }
+    static std::string local(std::time_t time) {
+        std::tm fields{};
+        ::localtime_r(&time, &fields);
+        std::array<char, 32> text{};
+        std::strftime(text.data(), text.size(), "%Y-%m-%d %H:%M:%S", &fields);
+        return text.data();
+    }
+
+    std::string m_data = m_server + "/data";
+    std::string m_user1 = m_data + "/mail/user1.nsf";
+    std::string m_user2 = m_data + "/mail/user2.nsf";
+};
+
+TEST_F(Recover, ALostDatabaseComesBackToItsLastCommitAndTheServerHasNoMoreLogsThanBefore) {
+    full_backup();
+    put("mail/user1.nsf");
+    archive_extents();
+    put("mail/user1.nsf", "--text last");
+    std::string last = digest("mail/user1.nsf");
+    std::vector<int> logs = extents();
+    ASSERT_GT(logs.front(), 1);
+    ASSERT_EQ(domino("lose " + m_server + " mail/user1.nsf"), 0);
+
+    auto everything = snapshot(m_scratch.path());
+    json planned = recover(0, {"mail/user1.nsf", "--dry-run"})["plan"];
+    EXPECT_EQ(snapshot(m_scratch.path()), everything);
+    EXPECT_THAT(planned["logs"]["restored"], Not(IsEmpty()));
+    json done = recover(0, {"mail/user1.nsf"});
+    EXPECT_EQ(of(done, m_user1)["outcome"], "recovered");
+    EXPECT_EQ(of(done, m_user1)["recovered_to"], "the last committed change");
+    EXPECT_EQ(of(done, m_user1)["set"], planned["databases"][0]["set"]);
+    EXPECT_EQ(done["result"]["restored"], json::array()); // the logs went again
+    EXPECT_EQ(digest("mail/user1.nsf"), last);
+    EXPECT_EQ(extents(), logs);
+    EXPECT_TRUE(fs::is_empty(m_tmp));
+    recover(2, {}); // nothing is left to go on with
+    put("mail/user1.nsf");
+}
+
+TEST_F(Recover, ToAMomentBringsWhatWasCommittedUpToItAndNothingElse) {
+    full_backup();
+    settle();
+    put("mail/user1.nsf", "--text before");
+    std::string then = digest("mail/user1.nsf");
+    std::string untouched = read_file(m_user2);
+    settle();
+    std::time_t moment = std::time(nullptr);
+    settle();
+    put("mail/user1.nsf", "--text after");
+    auto before = live();
+    const std::tuple<std::string, int, std::string> refused[] = {
+        {"2001-01-01 00:00", 1, "no set that ended before 2001-01-01"},
+        {local(std::time(nullptr) + 3600), 2, "still to come"},
+        {"2025-10-26 02:30", 2, "repeats"},
+        {"20251026T003000Z", 2, "twice"},
+        {"2026-02-30 00:00", 2, "no such time"},
+    };
+    for (const auto& [time, code, text] : refused) {
+        recover(code, {"mail/user1.nsf", "--to", time},
+                {{"TZ", code == 2 && text != "still to come" ? "Europe/Berlin" : "UTC0"}});
+        EXPECT_THAT(m_errors, HasSubstr(text)) << time;
+        EXPECT_EQ(live(), before);
+        EXPECT_FALSE(fs::exists(m_store + "/runtime/recovery.json"));
+    }
+    recover(0, {"mail/user1.nsf", "--to", local(moment)});
+    EXPECT_EQ(digest("mail/user1.nsf"), then);
+    EXPECT_EQ(read_file(m_user2), untouched);
+}
+
+TEST_F(Recover, AWholeDataFolderComesBackWithFilesFoldersAndModes) {
+    std::string odd = "odd [x] name\n]: 1.nsf";
+    for (const auto& [name, mode] : {std::pair{"", 0711}, {"/mail", 0750}, {"/user.id", 0640}})
+        ASSERT_EQ(::chmod((m_data + name).c_str(), mode), 0);
+    ASSERT_EQ(domino("create " + m_server + " '" + odd + "'"), 0);
+    full_backup();
+    put("mail/user1.nsf");
+    archive_extents();
+    put("names.nsf");
+    put("'" + odd + "'");
+    std::map<std::string, std::string> digests;
+    for (const char* name : {"names.nsf", "mail/user1.nsf", "mail/user2.nsf", "log.nsf"})
+        digests[name] = digest(name);
+    digests["'" + odd + "'"] = digest("'" + odd + "'");
+    std::string id = read_file(m_data + "/user.id");
+    fs::remove_all(m_data);
+
+    json done = recover(0, {"--all"});
+    for (const auto& [name, content] : digests)
+        EXPECT_EQ(digest(name), content) << name;
+    EXPECT_EQ(read_file(m_data + "/user.id"), id);
+    for (const auto& [name, mode] : {std::pair{"", 0711}, {"/mail", 0750}, {"/user.id", 0640}}) {
+        struct stat status {};
+        ASSERT_EQ(::stat((m_data + name).c_str(), &status), 0);
+        EXPECT_EQ(status.st_mode & 07777, static_cast<mode_t>(mode)) << name;
+    }
+    EXPECT_EQ(of(done, m_data + "/pubnames.ntf")["outcome"], "as in its set");
+}
+
+TEST_F(Recover, ADatabaseInUseWaitsWhileTheOthersAreRecoveredAndASecondRunFinishesIt) {
+    full_backup();
+    put("mail/user1.nsf");
+    put("mail/user2.nsf");
+    std::string first = digest("mail/user1.nsf");
+    std::string second = digest("mail/user2.nsf");
+    fs::remove(m_user2);
+    {
+        HeldDatabase held(m_server, "mail/user1.nsf");
+        std::string before = read_file(m_user1);
+        json done = recover(3, {"mail"});
+        EXPECT_EQ(outcome(done, m_user1), "waiting");
+        EXPECT_THAT(m_errors, HasSubstr("in use"));
+        EXPECT_EQ(outcome(done, m_user2), "recovered");
+        EXPECT_EQ(read_file(m_user1), before);
+        EXPECT_EQ(digest("mail/user2.nsf"), second);
+    }
+    put("mail/user1.nsf", "--text later");
+    put("mail/user2.nsf", "--text later"); // must not be taken back
+    first = digest("mail/user1.nsf");
+    second = digest("mail/user2.nsf");
+    recover(1, {"names.nsf"});
+    EXPECT_THAT(m_errors, HasSubstr("--abandon"));
+    EXPECT_THAT(recover(0, {"--dry-run"})["plan"]["databases"], SizeIs(1));
+    json done = recover(0, {});
+    EXPECT_EQ(outcome(done, m_user1), "recovered");
+    EXPECT_EQ(outcome(done, m_user2), "in place before");
+    EXPECT_EQ(digest("mail/user1.nsf"), first);
+    EXPECT_EQ(digest("mail/user2.nsf"), second);
+    EXPECT_TRUE(fs::is_empty(m_tmp));
+}
+
+// Whoever clears the folder for temporary files must not be told that all is well.
+TEST_F(Recover, CopiesThatVanishedAreRestoredAgainAndAnAbandonedRecoveryLeavesNothing) {
+    full_backup();
+    std::string last = digest("mail/user1.nsf");
+    HeldDatabase held(m_server, "mail/user1.nsf");
+    recover(3, {"mail/user1.nsf"});
+    for (const auto& entry : fs::directory_iterator(m_tmp))
+        fs::remove_all(entry);
+    EXPECT_EQ(outcome(recover(3, {}), m_user1), "waiting");
+    EXPECT_FALSE(fs::is_empty(m_tmp));
+    std::string before = read_file(m_user1);
+    recover(0, {"--abandon"});
+    EXPECT_TRUE(fs::is_empty(m_tmp));
+    EXPECT_EQ(read_file(m_user1), before);
+    recover(2, {});
+}
+
+TEST_F(Recover, AGapIsFoundBeforeAnythingIsTouchedAndTheMomentItNamesIsReached) {
+    full_backup();
+    put("mail/user2.nsf", "--text early");
+    std::string early = digest("mail/user2.nsf");
+    for (int i = 0; i < 4; ++i)
+        settle(); // the moment that is named keeps a distance from the gap
+    fill_extents(1);
+    std::string incr = archive_extents();
+    std::string log;
+    for (const ManifestItem& item : manifest(incr).items)
+        if (item.log && item.log->number == 2)
+            log = item.path;
+    ASSERT_FALSE(log.empty());
+    put("mail/user2.nsf", "--text late");
+    std::string object = object_file(incr, log);
+    std::string whole = read_file(object);
+    for (bool missing : {false, true}) {
+        SCOPED_TRACE(missing);
+        missing ? (void)fs::remove(object) : flip_a_bit(object);
+        auto before = live();
+        recover(16, {"mail"});
+        EXPECT_THAT(m_errors, HasSubstr("the transaction log 2 is missing"));
+        EXPECT_EQ(live(), before);
+        EXPECT_TRUE(fs::is_empty(m_tmp));
+        EXPECT_FALSE(fs::exists(m_store + "/runtime/recovery.json"));
+    }
+    std::size_t hint = m_errors.find("--to \"");
+    ASSERT_NE(hint, std::string::npos) << m_errors;
+    recover(0, {"mail", "--to", m_errors.substr(hint + 6, 19)});
+    EXPECT_EQ(digest("mail/user2.nsf"), early);
+    write_file(object, whole);
+    recover(0, {"mail"});
+    EXPECT_NE(digest("mail/user2.nsf"), early);
+}
+
+TEST_F(Recover, AnOlderCopyMakesUpForADamagedOneWithALongerRollForward) {
+    std::string old = full_backup();
+    put("mail/user1.nsf", "--text first");
+    std::string newest = backup_set("copy");
+    put("mail/user1.nsf", "--text second");
+    std::string last = digest("mail/user1.nsf");
+    flip_a_bit(object_file(newest, m_user1));
+    json done = recover(0, {"mail"});
+    EXPECT_EQ(of(done, m_user1)["set"], old);
+    EXPECT_EQ(done["result"]["replaced"][0]["path"], m_user1);
+    EXPECT_EQ(digest("mail/user1.nsf"), last);
+    flip_a_bit(object_file(old, m_user1));
+    std::string before = read_file(m_user1);
+    std::string second = digest("mail/user2.nsf");
+    done = recover(4, {"mail"});
+    EXPECT_EQ(done["result"]["damaged"][0]["path"], m_user1);
+    EXPECT_EQ(outcome(done, m_user2), "recovered");
+    EXPECT_EQ(read_file(m_user1), before);
+    EXPECT_EQ(digest("mail/user2.nsf"), second);
+}
+
+TEST_F(Recover, WhatNoLogCoversComesBackAsInItsSet) {
+    ASSERT_EQ(domino("create " + m_server + " mail/unlogged.nsf --unlogged"), 0);
+    full_backup();
+    std::string saved = digest("mail/unlogged.nsf");
+    put("mail/unlogged.nsf");
+    put("mail/user1.nsf");
+    std::string last = digest("mail/user1.nsf");
+    std::string path = m_data + "/mail/unlogged.nsf";
+    json done = recover(0, {"mail", "pubnames.ntf"});
+    EXPECT_EQ(of(done, path)["outcome"], "as in its set");
+    EXPECT_THAT(of(done, path)["recovered_to"], HasSubstr("its set, ended 20"));
+    EXPECT_EQ(of(done, m_data + "/pubnames.ntf")["outcome"], "as in its set");
+    EXPECT_EQ(digest("mail/unlogged.nsf"), saved);
+    EXPECT_EQ(digest("mail/user1.nsf"), last);
+}
+
+TEST_F(Recover, IntoAFolderLeavesTheLiveDatabasesAlone) {
+    full_backup();
+    put("mail/user1.nsf");
+    archive_extents();
+    std::string last = digest("mail/user1.nsf");
+    auto before = live();
+    std::string into = m_scratch / "into";
+    json done = recover(0, {"mail", "--into", into});
+    EXPECT_EQ(live(), before);
+    EXPECT_EQ(outcome(done, m_user1), "recovered");
+    ASSERT_EQ(domino("show " + into + m_user1 + " --json"), 0);
+    EXPECT_EQ(json::parse(read_file(m_scratch / "domino-sim.out"))["digest"], last);
+    EXPECT_TRUE(fs::is_empty(m_tmp));
+    recover(1, {"mail", "--into", m_data + "/below"});
+
+    std::string dbiid = shown("mail/user1.nsf")["dbiid"];
+    recover(0, {"mail/user1.nsf", "--new-dbiid"});
+    EXPECT_NE(shown("mail/user1.nsf")["dbiid"], dbiid);
+    EXPECT_EQ(digest("mail/user1.nsf"), last);
+}
+
+TEST_F(Recover, LostLogsComeBackFromTheStoreAndTheEndIsToldAsTheirs) {
+    full_backup();
+    put("mail/user1.nsf");
+    archive_extents();
+    backup_set("incr");
+    std::string stored = digest("mail/user1.nsf");
+    put("mail/user1.nsf", "--text lost");
+    ASSERT_EQ(domino("lose " + m_server + " --logs"), 0);
+    fs::remove(m_user1);
+    auto before = live();
+    prove(16);
+    EXPECT_EQ(live(), before); // a proof brings no log to the server
+    EXPECT_THAT(list().back()["proven"], HasSubstr("failed"));
+    json done = recover(0, {"mail/user1.nsf"});
+    EXPECT_THAT(of(done, m_user1)["recovered_to"], HasSubstr("the end of the stored logs, 20"));
+    EXPECT_THAT(m_errors, HasSubstr("is lost"));
+    EXPECT_EQ(digest("mail/user1.nsf"), stored);
+    EXPECT_TRUE(fs::exists(m_server + "/logs/nlogctrl.lfh"));
+    put("mail/user1.nsf");
+}
+
+// Wherever a recovery is killed, the next one ends what it began.
+TEST_F(Recover, AKilledRecoveryIsFinishedByTheNext) {
+    full_backup();
+    put("mail/user1.nsf");
+    put("mail/user2.nsf");
+    std::map<std::string, std::string> last = {{"mail/user1.nsf", digest("mail/user1.nsf")},
+                                               {"mail/user2.nsf", digest("mail/user2.nsf")}};
+    std::string trace = m_scratch / "trace";
+    ASSERT_EQ(::mkfifo(trace.c_str(), 0600), 0);
+    std::vector<std::string> words = {"recover", "--notes-ini", m_server + "/notes.ini",
+                                      "--store", m_store,       "--tmp-dir",
+                                      m_tmp,     "--trace",     trace,
+                                      "mail"};
+    test::Environment environment = {{"QRTLN_MODULE", ""},
+                                     {"Notes_ExecDirectory", QRTLN_SIMULATOR_DIRECTORY}};
+    bool killed = true;
+    int kills = 0;
+    for (std::size_t bytes = 1; killed; bytes += 3000, kills += killed) {
+        fs::remove(m_user2);
+        int reader = ::open(trace.c_str(), O_RDWR | O_CLOEXEC | O_NONBLOCK);
+        test::RunningClient client(words, environment);
+        std::array<char, 512> buffer{};
+        std::size_t read = 0;
+        int idle = 0;
+        // Ends when enough was read, or, after a while without a byte, with the client itself.
+        while (read < bytes && idle < 1000) {
+            ssize_t got = ::read(reader, buffer.data(), std::min(buffer.size(), bytes - read));
+            read += got > 0 ? static_cast<std::size_t>(got) : 0;
+            idle = got > 0 ? 0 : idle + 1;
+            if (got <= 0)
+                std::this_thread::sleep_for(std::chrono::milliseconds(3));
+        }
+        killed = read == bytes;
+        if (killed)
+            ::kill(client.pid(), SIGKILL);
+        test::Outcome ended = client.wait();
+        ::close(reader);
+        EXPECT_EQ(ended.exit_code, killed ? -SIGKILL : 0) << ended.errors;
+        if (killed) {
+            test::Outcome next;
+            std::vector<std::string> second = {"recover", "--notes-ini", m_server + "/notes.ini",
+                                               "--store", m_store,       "--tmp-dir",
+                                               m_tmp,     "mail"};
+            do // its child may hold the lock for a moment
+                next = test::run_client(second, environment);
+            while (next.exit_code == 11);
+            bool honest =
+                next.exit_code == 0 ||
+                (next.exit_code == 3 && next.output.find("perhaps recovered") != std::string::npos);
+            EXPECT_TRUE(honest) << bytes << ": " << next.exit_code << next.errors << next.output;
+        }
+        for (const auto& [name, content] : last)
+            EXPECT_EQ(digest(name), content) << bytes;
+        EXPECT_FALSE(fs::exists(m_store + "/runtime/recovery.json"));
+        for (const auto& entry : fs::directory_iterator(m_tmp))
+            EXPECT_THAT(entry.path().filename().string(), Not(HasSubstr("recovery"))) << bytes;
+    }
+    EXPECT_GT(kills, 3);
+}
+
+TEST_F(Recover, AProofTouchesNoLiveDatabaseAndIsReplacedByTheNext) {
+    full_backup();
+    put("mail/user1.nsf");
+    std::string set = archive_extents();
+    std::string full = list()[0]["set"];
+    put("mail/user1.nsf");
+    auto before = live();
+    EXPECT_EQ(list()[0]["proven"], "-");
+    json done = prove(0, {full});
+    EXPECT_EQ(done["databases"], 6);
+    EXPECT_EQ(live(), before);
+    EXPECT_TRUE(fs::is_empty(m_tmp));
+    EXPECT_THAT(list()[0]["proven"], HasSubstr("20"));
+    EXPECT_THAT(list()[0]["proven"], Not(HasSubstr("failed")));
+    EXPECT_EQ(list()[1]["proven"], "-");
+
+    flip_a_bit(object_file(full, m_user2));
+    done = prove(4, {full});
+    EXPECT_EQ(done["failures"][0]["path"], m_user2);
+    EXPECT_THAT(list()[0]["proven"], HasSubstr("failed"));
+    EXPECT_EQ(live(), before);
+    flip_a_bit(object_file(full, m_user2)); // back
+    prove(0, {full});
+    EXPECT_THAT(list()[0]["proven"], Not(HasSubstr("failed")));
+
+    for (const ManifestItem& item : manifest(set).items)
+        if (item.log && item.log->number == 1)
+            fs::remove(object_file(set, item.path));
+    prove(16, {full});
+    EXPECT_THAT(list()[0]["proven"], HasSubstr("failed"));
+    EXPECT_EQ(live(), before);
+}
+
+} // namespace
+} // namespace qrtln
+
+#endif
