@@ -17,8 +17,8 @@ constexpr const char* exit_codes = R"(Exit codes:
   0  complete                    10  no store at the given folder
   1  failed                      11  another process uses the store
   2  wrong usage                 14  the module or the server's library failed
-  3  some items failed           16  transaction logs are missing: take a full backup (stored all
-  4  damage found                    the same), or recover to an earlier time
+  3  some items failed           16  transaction logs are missing: after a backup, which is stored
+  4  damage found                    all the same, take a full one; recover: to an earlier time
                                 130, 143  interrupted (SIGINT, SIGTERM)
 )";
 
