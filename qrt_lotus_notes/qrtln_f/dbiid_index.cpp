@@ -74,6 +74,18 @@ void resolveIndexPaths() {
     }
 }
 
+// Whether entries that are set come back in the next run. Not in an index that lost its section,
+// nor behind a name that reads like the beginning of another section.
+bool keepsEntries(const dictionary* index) {
+    const std::string prefix = std::string(kSection) + ":[";
+    for (int slot = 0; slot < index->n; ++slot) {
+        if (std::strncmp(index->key[slot], prefix.c_str(), prefix.size()) == 0) {
+            return false;
+        }
+    }
+    return dictionary_slot(index, kSection) >= 0;
+}
+
 void formFullKey(char (&szKey)[kFullKeySize], const char* cpUtf8Path) {
     formatText(szKey, sizeof szKey, "%s:%s", kSection, cpUtf8Path);
 }
@@ -153,19 +165,16 @@ void openDBIIDIndex() {
             DB_LogExt("QRTLN_InitBackup(): index file [%s] is empty or cannot be read, a new one "
                       "is begun",
                       szDBIIDFile);
+        } else if (!keepsEntries(gdcDBIID)) {
+            DB_LogExt("QRTLN_InitBackup(): index file [%s] is damaged, a new one is begun",
+                      szDBIIDFile);
+            releaseDBIIDIndex();
         }
     }
     if (gdcDBIID == nullptr) {
         gdcDBIID = dictionary_new(0);
         iniparser_add_entry(gdcDBIID, kSection, nullptr, nullptr);
         return;
-    }
-    // A damaged index may have lost its section: without it no entry would be written under it, and
-    // this run's would be lost to every later one.
-    if (dictionary_slot(gdcDBIID, kSection) < 0) {
-        DB_LogExt("QRTLN_InitBackup(): index file [%s] has no section [%s], it is begun anew",
-                  szDBIIDFile, kSection);
-        iniparser_add_entry(gdcDBIID, kSection, nullptr, nullptr);
     }
     if (!SysFileCopy(szDBIIDFile, szDBIIDTmpFile, FALSE)) {
         DB_TraceExt("QRTLN_InitBackup(): Copy of file [%s] to [%s] FAILED", szDBIIDFile,

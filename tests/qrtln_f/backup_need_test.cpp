@@ -119,19 +119,20 @@ TEST_F(DbiidIndex, TenThousandDatabasesCostTenThousandEntriesNotTheirSquare) {
     EXPECT_LT(written, 3 * file.size());
 }
 
-TEST_F(DbiidIndex, KeepsItsEntriesWhateverAnIndexLostAndWhateverAPathHolds) {
-    const std::string before = "\n/d/old.nsf=" + textOf(9) + "\n";
-    server.folder.write("run/qrtln_DBIID.ini", before); // its section is gone
-    openDBIIDIndex();
-    storeDbIId("/d/a.nsf", textOf(1).c_str());
-    storeDbIId("/d/\n[x].nsf", textOf(2).c_str()); // would begin another section
-    storeDbIId("/d/b.nsf", textOf(3).c_str());
-    EXPECT_EQ(QRTLN_EndDBIIDIndexProcessing(TRUE), DB_NUM_I_OK);
-    openDBIIDIndex();
-    for (const auto& [path, number] : {std::pair{"/d/a.nsf", 1U}, {"/d/b.nsf", 3U}}) {
-        const char* stored = storedDbIId(path);
-        ASSERT_NE(stored, nullptr) << path;
-        EXPECT_EQ(stored, textOf(number));
+TEST_F(DbiidIndex, KeepsItsEntriesWhateverADamagedIndexOrAPathHolds) {
+    for (const std::string damaged : {"\n/d/old.nsf=1\n", "\n[DBIID]\n[DBIID:[\n"}) {
+        server.folder.write("run/qrtln_DBIID.ini", damaged);
+        openDBIIDIndex();
+        storeDbIId("/d/a.nsf", textOf(1).c_str());
+        storeDbIId("/d/\n[x].nsf", textOf(2).c_str()); // would begin another section
+        storeDbIId("/d/b.nsf", textOf(3).c_str());
+        EXPECT_EQ(QRTLN_EndDBIIDIndexProcessing(TRUE), DB_NUM_I_OK);
+        openDBIIDIndex();
+        for (const auto& [path, number] : {std::pair{"/d/a.nsf", 1U}, {"/d/b.nsf", 3U}}) {
+            const char* stored = storedDbIId(path);
+            ASSERT_NE(stored, nullptr) << path << " behind " << damaged;
+            EXPECT_EQ(stored, textOf(number));
+        }
     }
 }
 
