@@ -11,6 +11,7 @@
 
 #include "common/bounded_text.h"
 #include "common/iniparser.h"
+#include "common/strlib.h"
 #include "qrt_lotus_notes/qrtln_o/file_primitives.h"
 #include "qrt_lotus_notes/qrtln_u/messages.h"
 
@@ -77,9 +78,12 @@ void resolveIndexPaths() {
 // Whether entries that are set come back in the next run. Not in an index that lost its section,
 // nor behind a name that reads like the beginning of another section.
 bool keepsEntries(const dictionary* index) {
-    const std::string prefix = std::string(kSection) + ":[";
+    const std::string prefix = std::string(kSection) + ":";
     for (int slot = 0; slot < index->n; ++slot) {
-        if (std::strncmp(index->key[slot], prefix.c_str(), prefix.size()) == 0) {
+        char* const key = index->key[slot];
+        if (std::strncmp(key, prefix.c_str(), prefix.size()) == 0 &&
+            *strskp(key + prefix.size()) ==
+                '[') { // as a line is read: without the blanks before it
             return false;
         }
     }
