@@ -65,25 +65,34 @@ std::optional<IndexNote> parse(const std::string& bytes, const std::string& set,
     return std::nullopt;
 }
 
-// The newest note of all sets, or nothing; `problem` is set for one that is damaged.
+// The note beside a set, or nothing; `problem` is set for one that is damaged.
+std::optional<IndexNote> note_of(Store& store, const std::string& set, std::string& problem) {
+    std::optional<IndexNote> note;
+    if (std::optional<std::string> bytes = store.read_note(set, SetNote::index, problem))
+        note = parse(*bytes, set, problem);
+    if (!note && !problem.empty())
+        problem = "the note about the index beside the set " + set + " " + problem;
+    return note;
+}
+
+// The newest note of all sets, likewise.
 std::optional<IndexNote> newest_note(Store& store, std::string& problem) {
     std::vector<std::string> sets = store.set_names();
     for (auto set = sets.rbegin(); set != sets.rend(); ++set) {
-        std::string reason;
-        std::optional<std::string> bytes = store.read_note(*set, SetNote::index, reason);
-        if (!bytes && reason.empty())
-            continue;
-        std::optional<IndexNote> note;
-        if (bytes)
-            note = parse(*bytes, *set, reason);
-        if (!note)
-            problem = "the note about the index beside the set " + *set + " " + reason;
-        return note;
+        std::optional<IndexNote> note = note_of(store, *set, problem);
+        if (note || !problem.empty())
+            return note;
     }
     return std::nullopt;
 }
 
 } // namespace
+
+std::string index_note_problem(Store& store, const std::string& set) {
+    std::string problem;
+    (void)note_of(store, set, problem);
+    return problem;
+}
 
 IndexGuard::IndexGuard(Store& store)
     : m_store(store), m_file(store.runtime_directory() + index_name) {

@@ -22,6 +22,9 @@ struct IndexNote {
     std::vector<std::string> servers; // data directories whose entries are complete in it
 };
 
+// What is wrong with the note beside a set; empty when nothing is, or there is none.
+std::string index_note_problem(Store& store, const std::string& set);
+
 class IndexGuard {
   public:
     // Reads the newest note and the index. REQUIRES: nobody changes the index meanwhile.

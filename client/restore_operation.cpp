@@ -378,6 +378,14 @@ void RestoreOperation::settle_temporary_folder(bool ended_early) {
 
 } // namespace
 
+nlohmann::json failures_json(const std::vector<FailedRestore>& list) {
+    nlohmann::json array = nlohmann::json::array();
+    for (const FailedRestore& failed : list)
+        array.push_back(
+            {{"path", printable_utf8(failed.path)}, {"reason", printable_utf8(failed.reason)}});
+    return array;
+}
+
 RestoreResult run_restore_operation(const OperationContext& context, const RestorePlan& plan) {
     return RestoreOperation(context, plan).run();
 }

@@ -8,6 +8,7 @@
 #include "client/module_session.h"
 #include "client/restore_plan.h"
 
+#include <nlohmann/json.hpp>
 #include <string>
 #include <vector>
 
@@ -17,6 +18,9 @@ struct FailedRestore {
     std::string path;
     std::string reason;
 };
+
+// [{"path", "reason"}], as commands print it.
+nlohmann::json failures_json(const std::vector<FailedRestore>& list);
 
 struct WaitingCopy {
     std::string path;   // of the original

@@ -7,22 +7,24 @@
 
 namespace qrtln {
 
-struct BackupOptions {
+// What every command takes that runs the module.
+struct ServerOptions {
     std::string notes_ini;
     std::string store;
-    std::string level = "full"; // "full", "copy", "diff" or "incr"
-    bool auto_full = false;     // a diff or incr without its base becomes a full one
-    std::vector<std::string> databases;
-    std::string tmp_dir; // below it the private folder is made
+    std::string tmp_dir; // below it private folders are made
     std::string module;  // empty: found beside the executable
     std::string trace_file;
     bool json = false;
     bool verbose = false;
 };
 
-struct RestoreOptions {
-    std::string notes_ini;
-    std::string store;
+struct BackupOptions : ServerOptions {
+    std::string level = "full"; // "full", "copy", "diff" or "incr"
+    bool auto_full = false;     // a diff or incr without its base becomes a full one
+    std::vector<std::string> databases;
+};
+
+struct RestoreOptions : ServerOptions {
     std::vector<std::string> names;
     bool all = false;   // the whole system; without names nothing less says so
     std::string set;    // "" for the newest
@@ -31,16 +33,9 @@ struct RestoreOptions {
     bool plain = false; // with to: without the folders
     bool activate = false;
     bool dry_run = false;
-    std::string tmp_dir;
-    std::string module; // empty: found beside the executable
-    std::string trace_file;
-    bool json = false;
-    bool verbose = false;
 };
 
-struct DocumentsOptions {
-    std::string notes_ini;
-    std::string store;
+struct DocumentsOptions : ServerOptions {
     bool changed = false; // else deleted
     std::string database;
     std::string since;
@@ -48,16 +43,9 @@ struct DocumentsOptions {
     std::string set;      // "" for the newest
     std::string at;       // or a moment
     bool dry_run = false;
-    std::string tmp_dir;
-    std::string module; // empty: found beside the executable
-    std::string trace_file;
-    bool json = false;
-    bool verbose = false;
 };
 
-struct RecoverOptions {
-    std::string notes_ini;
-    std::string store;
+struct RecoverOptions : ServerOptions {
     std::vector<std::string> names;
     bool all = false;
     std::string to;   // a moment; "" for the end of the logs
@@ -65,22 +53,10 @@ struct RecoverOptions {
     bool new_dbiid = false;
     bool dry_run = false;
     bool abandon = false; // give an unfinished recovery up
-    std::string tmp_dir;  // below it the restored copies wait
-    std::string module;   // empty: found beside the executable
-    std::string trace_file;
-    bool json = false;
-    bool verbose = false;
 };
 
-struct ProveOptions {
-    std::string notes_ini;
-    std::string store;
-    std::string set;     // "" for the newest
-    std::string tmp_dir; // below it the scratch folder is made
-    std::string module;  // empty: found beside the executable
-    std::string trace_file;
-    bool json = false;
-    bool verbose = false;
+struct ProveOptions : ServerOptions {
+    std::string set; // "" for the newest
 };
 
 struct StoreOptions {

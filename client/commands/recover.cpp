@@ -133,14 +133,6 @@ std::string result_text(const RecoveryResult& result, const std::optional<std::i
     return text;
 }
 
-nlohmann::json failures_json(const std::vector<FailedRestore>& list) {
-    nlohmann::json array = nlohmann::json::array();
-    for (const FailedRestore& failed : list)
-        array.push_back(
-            {{"path", printable_utf8(failed.path)}, {"reason", printable_utf8(failed.reason)}});
-    return array;
-}
-
 nlohmann::json result_json(const RecoveryResult& result, const std::optional<std::int64_t>& to) {
     nlohmann::json databases = nlohmann::json::array();
     for (const DatabaseRecovery& database : result.databases)

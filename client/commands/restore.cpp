@@ -15,14 +15,6 @@ namespace qrtln {
 
 namespace {
 
-nlohmann::json failures(const std::vector<FailedRestore>& list) {
-    nlohmann::json array = nlohmann::json::array();
-    for (const FailedRestore& failed : list)
-        array.push_back(
-            {{"path", printable_utf8(failed.path)}, {"reason", printable_utf8(failed.reason)}});
-    return array;
-}
-
 bool is_stuck(const WaitingCopy& waiting) {
     return !waiting.reason.empty();
 }
@@ -84,8 +76,8 @@ nlohmann::json result_json(const RestoreResult& result) {
     for (const std::string& warning : result.warnings)
         warnings.push_back(printable_utf8(warning));
     return {{"restored", restored},
-            {"failed", failures(result.failed)},
-            {"damaged", failures(result.damaged)},
+            {"failed", failures_json(result.failed)},
+            {"damaged", failures_json(result.damaged)},
             {"waiting", waiting},
             {"kept_folder", printable_utf8(result.kept_folder)},
             {"bytes", result.bytes},

@@ -94,11 +94,15 @@ void check_notes(Store& store, const std::vector<std::string>& sets, Verificatio
         std::string problem;
         if (!load_proof(store, set, problem) && !problem.empty())
             result.damage.push_back({"the proof of the set " + set, problem, {}});
+        if (problem = index_note_problem(store, set); !problem.empty())
+            result.damage.push_back({problem, "(a full backup leaves a new one)", {}});
     }
     std::string problem = IndexGuard(store).problem();
     if (!problem.empty()) // a backup that ended meanwhile changes index and note, one by one
         problem = IndexGuard(store).problem();
-    if (!problem.empty())
+    bool told = std::any_of(result.damage.begin(), result.damage.end(),
+                            [&](const Damage& damage) { return damage.what == problem; });
+    if (!problem.empty() && !told)
         result.damage.push_back({problem, "(take a full backup)", {}});
 }
 

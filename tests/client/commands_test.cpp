@@ -477,7 +477,8 @@ TEST_F(Commands, VerifyNamesWhatIsDamagedAndWhatItConcerns) {
     EXPECT_EQ(missing["damage"][0]["problem"], "is missing");
     write_file(file, good);
 
-    std::string manifest = fs::directory_iterator(m_store + "/sets")->path();
+    std::string set = json::parse(command({"list", "--json"}).output)["sets"][0]["set"];
+    std::string manifest = m_store + "/sets/" + set + ".json";
     std::string text = read_file(manifest);
     write_file(manifest, text + " ");
     EXPECT_EQ(command({"verify"}).exit_code, 4);
