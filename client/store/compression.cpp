@@ -2,6 +2,8 @@
 
 #include "client/error.h"
 
+#include <array>
+#include <cstring>
 #include <zstd.h>
 
 namespace qrtln {
@@ -9,11 +11,22 @@ namespace qrtln {
 namespace {
 
 constexpr std::size_t input_block = 256 * 1024;
+constexpr int window_log = 21; // 2 MiB, what level 3 has by itself
+
+// How every frame begins: magic number, a checksum and no size in the header, the window. Bits of
+// it can change without a change of the content; compared, none goes unnoticed.
+constexpr std::array<unsigned char, 6> frame_header = {0x28, 0xB5, 0x2F, 0xFD, 0x04, 0x58};
 
 void check(std::size_t result, const char* doing) {
     if (ZSTD_isError(result))
         throw ClientError(ExitCode::failed,
                           std::string("cannot ") + doing + ": " + ZSTD_getErrorName(result));
+}
+
+// A shorter one is left to the decompressor.
+bool begins_as_written(Bytes bytes) {
+    return bytes.size() < frame_header.size() ||
+           std::memcmp(bytes.data(), frame_header.data(), frame_header.size()) == 0;
 }
 
 } // namespace
@@ -24,11 +37,13 @@ Compressor::Compressor(Sink sink)
     if (!m_context)
         throw ClientError(ExitCode::failed, "cannot compress: out of memory");
     check(ZSTD_CCtx_setParameter(m_context.get(), ZSTD_c_compressionLevel, 3), "compress");
+    check(ZSTD_CCtx_setParameter(m_context.get(), ZSTD_c_windowLog, window_log), "compress");
     check(ZSTD_CCtx_setParameter(m_context.get(), ZSTD_c_checksumFlag, 1), "compress");
     // One worker compresses while this thread reads and hashes. Small jobs keep its memory small.
     // A library without threads refuses these two and compresses in this thread.
     if (!ZSTD_isError(ZSTD_CCtx_setParameter(m_context.get(), ZSTD_c_nbWorkers, 1)))
         ZSTD_CCtx_setParameter(m_context.get(), ZSTD_c_jobSize, 2 << 20);
+    run({}, false); // begins a frame of unknown size: an empty one has the header of all others
 }
 
 Compressor::~Compressor() = default;
@@ -64,12 +79,14 @@ std::string decompress(int fd, const std::function<void(Bytes)>& sink) {
     std::vector<std::byte> input_bytes(input_block);
     std::vector<std::byte> output_bytes(ZSTD_DStreamOutSize());
     bool frame_complete = false;
-    for (;;) {
+    for (bool first = true;; first = false) {
         ssize_t got = read_up_to(fd, input_bytes);
         if (got < 0)
             return "cannot be read: " + system_error_text(static_cast<int>(-got));
         if (got == 0)
             return frame_complete ? std::string() : "ends too early";
+        if (first && !begins_as_written({input_bytes.data(), static_cast<std::size_t>(got)}))
+            return "does not begin as every object does";
         ZSTD_inBuffer input{input_bytes.data(), static_cast<std::size_t>(got), 0};
         while (input.pos < input.size) {
             if (frame_complete)
