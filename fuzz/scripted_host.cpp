@@ -123,13 +123,15 @@ struct Course {
     bool hasSucceeded = false; // it closed with STATUS=0
     bool isBackup = false;
     bool hasOwnTemporary = false; // TMP_DIR is the target's, outside the data directory
-    bool hasWrittenData = false;  // by itself, or by a restore
+    bool isHostWriting = false;
+    bool hasWrittenData = false; // by itself, or by a restore
 };
 Course s_course;
 
 // During a backup the live databases are read alone.
 void watchChange(const std::string& path) {
-    if (!s_course.isBackup || !s_course.isTame || !s_course.hasOwnTemporary) {
+    if (!s_course.isBackup || !s_course.isTame || !s_course.hasOwnTemporary ||
+        s_course.isHostWriting) {
         return;
     }
     static const std::string data = fuzz::folder() + "/data/";
@@ -346,7 +348,9 @@ class Host {
                             !std::filesystem::is_directory(path, error) && !error;
         if (isFree && path.filename().native().size() < 255 &&
             std::filesystem::is_directory(path.parent_path(), error)) {
+            s_course.isHostWriting = true; // its own changes are none of the module's
             fuzz::writeFile(path, kContent);
+            s_course.isHostWriting = false;
         }
     }
 
