@@ -57,6 +57,7 @@ class BackupOperation {
     void note_unchecked(const std::string& handed_out);
     void store_item(const std::string& path);
     void prepare_and_read(ManifestItem& item);
+    void report_unprepared(ManifestItem& item, const std::string& first_problem);
     bool copy_fits(const std::string& path) const;
     void read_content(ManifestItem& item, const std::string& file);
     void store_own_notes_ini();
@@ -335,37 +336,18 @@ void BackupOperation::prepare_and_read(ManifestItem& item) {
         m_context.owed.add(m_ini.data_directory, item.path);
     }
     m_incomplete_copy.clear();
-    ModuleItem prepared = m_session->host().prepare(item.path);
-    auto usable = [&] {
-        return (prepared.status == DB_NUM_I_OK || prepared.status == DB_NUM_W_WARNING) &&
-               !prepared.name.empty();
-    };
-    std::string first;
-    if (!usable() && interrupt_signal() == 0) {
-        // A backup context that a killed run left fails the next start of one and ends with it.
-        first = m_session->reason();
-        prepared = m_session->host().prepare(item.path);
-        if (usable())
-            item.warnings.push_back("prepared at the second attempt; the first failed: " + first);
-    }
+    auto [prepared, usable, first] = m_session->prepare(item.path);
     item.prepare_status = prepared.status;
     if (interrupt_signal() != 0) {
         item.reason = "interrupted";
         return;
     }
-    if (!usable()) {
-        std::string second = m_session->reason();
-        item.reason = "the server could not prepare it: " + second;
-        if (!first.empty() && first != second)
-            item.reason += " (the first attempt: " + first + ")";
-        std::optional<std::uint64_t> room = free_bytes(m_temporary->path());
-        struct stat status {};
-        if (room && item.kind == ItemKind::database && ::stat(item.path.c_str(), &status) == 0 &&
-            *room < static_cast<std::uint64_t>(status.st_size))
-            item.reason += " (the temporary directory has only " + human_bytes(*room) +
-                           " free; make room there or name another with --tmp-dir)";
+    if (!usable) {
+        report_unprepared(item, first);
         return;
     }
+    if (!first.empty())
+        item.warnings.push_back("prepared at the second attempt; the first failed: " + first);
     if (!m_incomplete_copy.empty()) {
         item.reason =
             "the changes made during its copy are not complete in it: " + m_incomplete_copy;
@@ -376,6 +358,19 @@ void BackupOperation::prepare_and_read(ManifestItem& item) {
                                    "backup, but not rolled forward");
     m_prepared = prepared.name;
     read_content(item, prepared.name);
+}
+
+void BackupOperation::report_unprepared(ManifestItem& item, const std::string& first_problem) {
+    std::string last_problem = m_session->reason();
+    item.reason = "the server could not prepare it: " + last_problem;
+    if (!first_problem.empty() && first_problem != last_problem)
+        item.reason += " (the first attempt: " + first_problem + ")";
+    std::optional<std::uint64_t> room = free_bytes(m_temporary->path());
+    struct stat status {};
+    if (room && item.kind == ItemKind::database && ::stat(item.path.c_str(), &status) == 0 &&
+        *room < static_cast<std::uint64_t>(status.st_size))
+        item.reason += " (the temporary directory has only " + human_bytes(*room) +
+                       " free; make room there or name another with --tmp-dir)";
 }
 
 void BackupOperation::read_content(ManifestItem& item, const std::string& file) {

@@ -34,19 +34,6 @@ constexpr const char* set_folder = "set";           // the set's copy
 constexpr const char* live_folder = "live";         // the consistent copy of the live database
 constexpr const char* original_folder = "original"; // what stands in for the live database
 
-std::string name_of(const std::string& path) {
-    return path.substr(path.rfind('/') + 1);
-}
-
-std::string folder_of(const std::string& path) {
-    return path.substr(0, path.rfind('/'));
-}
-
-bool exists(const std::string& path) {
-    struct stat status {};
-    return ::lstat(path.c_str(), &status) == 0;
-}
-
 [[noreturn]] void fail(const std::string& doing, const std::string& path, int error) {
     throw ClientError(ExitCode::failed, "cannot " + doing + " " + for_terminal(path) + ": " +
                                             system_error_text(error));
@@ -349,28 +336,15 @@ void DocumentRestore::take_live_copy(OwedDatabases& owed) {
         if (says_changes_incomplete(line))
             incomplete = line;
     });
-    if (session.init(DB_TYPE_BCK, DB_LEVEL_COPY,
-                     {"TMP_DIR=" + folder(work_folder), "DATABASE=" + arguments[0].value}) !=
-        DB_NUM_I_OK)
-        session.report_failed_start("copy of the live database", session.reason());
-    bool taken = false;
-    for (;;) {
-        throw_if_interrupted();
-        session.forget_reasons();
-        ModuleItem next = session.host().get_item();
-        if (next.status != DB_NUM_I_OK)
-            break;
-        session.item_begun();
-        bool wanted = next.name == path && !taken;
-        if (wanted) {
-            owed.add(m_context.ini.data_directory, path); // the server counts it as backed up
-            prepare_live_copy(session, incomplete);
-            taken = true;
-        }
-        (void)session.finish(wanted ? DB_ITEM_SUCCESS : DB_ITEM_EXCLUDED);
-    }
-    (void)session.close(false); // nothing was stored
-    if (!taken)
+    auto take = [&](const std::string&) {
+        owed.add(m_context.ini.data_directory, path); // the server counts it as backed up
+        prepare_live_copy(session, incomplete);
+        return true;
+    };
+    if (!session
+             .take_copies("copy of the live database", folder(work_folder),
+                          {{path, arguments[0].value}}, take)
+             .empty())
         throw ClientError(ExitCode::server_error, "the module does not hand out " +
                                                       for_terminal(path) + ": " +
                                                       for_terminal(session.reason()));
@@ -378,21 +352,15 @@ void DocumentRestore::take_live_copy(OwedDatabases& owed) {
 
 void DocumentRestore::prepare_live_copy(ModuleSession& session, const std::string& incomplete) {
     const std::string& path = m_request.item.path;
-    ModuleItem prepared = session.host().prepare(path);
-    auto usable = [&] {
-        return (prepared.status == DB_NUM_I_OK || prepared.status == DB_NUM_W_WARNING) &&
-               is_below(prepared.name, folder(work_folder));
-    };
-    // A backup context that a killed run left fails the next start of one and ends with it.
-    if (!usable() && interrupt_signal() == 0)
-        prepared = session.host().prepare(path);
+    Preparation prepared = session.prepare(path);
     throw_if_interrupted();
-    if (!usable() || !incomplete.empty())
+    if (!prepared.usable || !is_below(prepared.item.name, folder(work_folder)) ||
+        !incomplete.empty())
         throw ClientError(ExitCode::server_error,
                           "the server cannot copy the live database " + for_terminal(path) + ": " +
                               for_terminal(incomplete.empty() ? session.reason() : incomplete));
     // The module removes its own name of the copy.
-    if (::link(prepared.name.c_str(), file(live_folder).c_str()) != 0)
+    if (::link(prepared.item.name.c_str(), file(live_folder).c_str()) != 0)
         fail("keep the copy of", path, errno);
 }
 

@@ -139,6 +139,11 @@ int remove_tree(int directory, const std::string& name) {
     return first_error;
 }
 
+bool exists(const std::string& path) {
+    struct stat status {};
+    return ::lstat(path.c_str(), &status) == 0;
+}
+
 std::optional<std::uint64_t> free_bytes(const std::string& path) {
     struct statvfs status {};
     if (::statvfs(path.c_str(), &status) != 0)

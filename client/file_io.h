@@ -71,6 +71,9 @@ int flush_directory(int directory, const std::string& name);
 // first errno; goes on with the rest after a failure.
 int remove_tree(int directory, const std::string& name);
 
+// Whether something has this name, a symbolic link to nowhere too.
+bool exists(const std::string& path);
+
 // The bytes free to this process on the file system of `path`, or nothing with errno set.
 std::optional<std::uint64_t> free_bytes(const std::string& path);
 

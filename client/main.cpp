@@ -54,11 +54,6 @@ constexpr const char* prove_help =
     "scratch folder, and the server's library reads each of them. The proof is recorded, and\n"
     "`qrtln list` shows its date. No live database is touched.";
 
-std::string default_tmp_dir() {
-    const char* set = std::getenv("TMPDIR");
-    return set != nullptr && *set != '\0' ? set : "/var/tmp";
-}
-
 // The parser takes "[a,b]" for a list of two values. As a name it is left alone when it is written
 // "./[a,b]", which is the same path.
 std::vector<std::string> without_lists(int argc, char** argv) {
@@ -75,6 +70,12 @@ void add_store_options(CLI::App& command, std::string& store, bool& json) {
         ->type_name("DIR")
         ->required();
     command.add_flag("--json", json, "One JSON document on standard output");
+}
+
+void add_tmp_dir(CLI::App& command, std::string& tmp_dir, const std::string& help) {
+    const char* set = std::getenv("TMPDIR");
+    tmp_dir = set != nullptr && *set != '\0' ? set : "/var/tmp";
+    command.add_option("--tmp-dir", tmp_dir, help)->type_name("DIR")->capture_default_str();
 }
 
 void report_failure(bool json, int code, const std::string& message, const std::string& hint) {
@@ -114,7 +115,6 @@ void add_module_options(CLI::App& command, Options& options) {
 }
 
 CLI::App* add_backup(CLI::App& app, qrtln::BackupOptions& backup) {
-    backup.tmp_dir = default_tmp_dir();
     CLI::App& command = *app.add_subcommand("backup", backup_help);
     add_server_options(command, backup);
     command
@@ -128,11 +128,8 @@ CLI::App* add_backup(CLI::App& app, qrtln::BackupOptions& backup) {
         ->capture_default_str();
     command.add_flag("--auto-full", backup.auto_full,
                      "Take a full backup where diff or incr has none to build on");
-    command
-        .add_option("--tmp-dir", backup.tmp_dir,
-                    "Where databases are copied to, one at a time: needs room for the largest")
-        ->type_name("DIR")
-        ->capture_default_str();
+    add_tmp_dir(command, backup.tmp_dir,
+                "Where databases are copied to, one at a time: needs room for the largest");
     add_module_options(command, backup);
     command.add_option("DATABASE", backup.databases,
                        "A database or a folder of databases, below the data directory");
@@ -141,7 +138,6 @@ CLI::App* add_backup(CLI::App& app, qrtln::BackupOptions& backup) {
 }
 
 CLI::App* add_restore(CLI::App& app, qrtln::RestoreOptions& restore) {
-    restore.tmp_dir = default_tmp_dir();
     CLI::App& command = *app.add_subcommand("restore", restore_help);
     add_server_options(command, restore);
     CLI::Option* restore_set =
@@ -170,11 +166,8 @@ CLI::App* add_restore(CLI::App& app, qrtln::RestoreOptions& restore) {
         "DATABASE", restore.names,
         "A database, a file or a folder of databases; relative names are below the data directory");
     command.add_flag("--all", restore.all, "The whole system")->excludes(restore_names);
-    command
-        .add_option("--tmp-dir", restore.tmp_dir,
-                    "Where databases are placed first; not in the data directory")
-        ->type_name("DIR")
-        ->capture_default_str();
+    add_tmp_dir(command, restore.tmp_dir,
+                "Where databases are placed first; not in the data directory");
     add_module_options(command, restore);
     command.footer(exit_codes);
     return &command;
@@ -196,11 +189,8 @@ void add_documents_options(CLI::App& command, qrtln::DocumentsOptions& documents
     command.add_flag("--dry-run", documents.dry_run,
                      "List the documents that would come back, with the times of their change, and "
                      "leave the database as it is; takes a copy of it, as a backup does");
-    command
-        .add_option("--tmp-dir", documents.tmp_dir,
-                    "Where the set's copy is placed; not in the data directory")
-        ->type_name("DIR")
-        ->capture_default_str();
+    add_tmp_dir(command, documents.tmp_dir,
+                "Where the set's copy is placed; not in the data directory");
     command
         .add_option("DATABASE", documents.database,
                     "The database; a relative name is below the data directory")
@@ -211,7 +201,6 @@ void add_documents_options(CLI::App& command, qrtln::DocumentsOptions& documents
 
 CLI::App* add_documents(CLI::App& app, qrtln::DocumentsOptions& deleted,
                         qrtln::DocumentsOptions& changed) {
-    deleted.tmp_dir = changed.tmp_dir = default_tmp_dir();
     changed.changed = true;
     CLI::App& command = *app.add_subcommand("documents", documents_help);
     command.require_subcommand(1);
@@ -233,7 +222,6 @@ CLI::App* add_documents(CLI::App& app, qrtln::DocumentsOptions& deleted,
 }
 
 CLI::App* add_recover(CLI::App& app, qrtln::RecoverOptions& recover) {
-    recover.tmp_dir = default_tmp_dir();
     CLI::App& command = *app.add_subcommand("recover", recover_help);
     add_server_options(command, recover);
     command
@@ -263,27 +251,20 @@ CLI::App* add_recover(CLI::App& app, qrtln::RecoverOptions& recover) {
                   "Give up a recovery that is not finished: remove its restored copies")
         ->excludes(names)
         ->excludes(all);
-    command
-        .add_option("--tmp-dir", recover.tmp_dir,
-                    "Where restored copies wait until they are in place; not in the data directory")
-        ->type_name("DIR")
-        ->capture_default_str();
+    add_tmp_dir(command, recover.tmp_dir,
+                "Where restored copies wait until they are in place; not in the data directory");
     add_module_options(command, recover);
     command.footer(exit_codes);
     return &command;
 }
 
 CLI::App* add_prove(CLI::App& app, qrtln::ProveOptions& prove) {
-    prove.tmp_dir = default_tmp_dir();
     CLI::App& command = *app.add_subcommand("prove", prove_help);
     add_server_options(command, prove);
     command.add_option("SET", prove.set,
                        "The set's name, the beginning of it, or \"latest\" (default)");
-    command
-        .add_option("--tmp-dir", prove.tmp_dir,
-                    "Where the scratch folder is made: needs room for all its databases")
-        ->type_name("DIR")
-        ->capture_default_str();
+    add_tmp_dir(command, prove.tmp_dir,
+                "Where the scratch folder is made: needs room for all its databases");
     add_module_options(command, prove);
     command.footer(exit_codes);
     return &command;

@@ -81,6 +81,49 @@ int ModuleSession::finish(DB_ITEM_RESULT result) {
     return m_host->finish(result);
 }
 
+Preparation ModuleSession::prepare(const std::string& path) {
+    Preparation prepared;
+    auto attempt = [&] {
+        prepared.item = m_host->prepare(path);
+        prepared.usable =
+            (prepared.item.status == DB_NUM_I_OK || prepared.item.status == DB_NUM_W_WARNING) &&
+            !prepared.item.name.empty();
+    };
+    attempt();
+    if (!prepared.usable && interrupt_signal() == 0) {
+        prepared.first_problem = reason();
+        attempt();
+    }
+    return prepared;
+}
+
+std::set<std::string>
+ModuleSession::take_copies(const std::string& what, const std::string& tmp_dir,
+                           const std::map<std::string, std::string>& databases,
+                           const std::function<bool(const std::string& path)>& take) {
+    std::set<std::string> missing;
+    std::vector<std::string> variables = {"TMP_DIR=" + tmp_dir};
+    for (const auto& [path, value] : databases) {
+        missing.insert(path);
+        variables.push_back("DATABASE=" + value);
+    }
+    if (init(DB_TYPE_BCK, DB_LEVEL_COPY, std::move(variables)) != DB_NUM_I_OK)
+        report_failed_start(what, reason());
+    for (;;) {
+        throw_if_interrupted();
+        forget_reasons();
+        ModuleItem next = m_host->get_item();
+        if (next.status != DB_NUM_I_OK)
+            break;
+        item_begun();
+        bool wanted = missing.erase(next.name) > 0;
+        bool good = wanted && take(next.name);
+        (void)finish(!wanted ? DB_ITEM_EXCLUDED : good ? DB_ITEM_SUCCESS : DB_ITEM_FAIL);
+    }
+    (void)close(false);
+    return missing;
+}
+
 void ModuleSession::finish_failed() {
     if (m_item_pending)
         (void)finish(DB_ITEM_FAIL);

@@ -8,7 +8,9 @@
 #include "client/store/store.h"
 
 #include <functional>
+#include <map>
 #include <optional>
+#include <set>
 #include <string>
 #include <string_view>
 #include <vector>
@@ -28,6 +30,14 @@ struct OperationContext {
 // The file that the module's trace is appended to; none for an empty name. Throws
 // ClientError(failed).
 FileDescriptor open_trace_file(const std::string& file);
+
+// What became of the preparation of an item.
+struct Preparation {
+    ModuleItem item; // of the last attempt
+    bool usable = false;
+    // Of the first attempt, if there was a second.
+    std::string first_problem;
+};
 
 // One operation a session: what the module keeps lasts as long as its process.
 class ModuleSession {
@@ -57,6 +67,16 @@ class ModuleSession {
     // An item was handed out or announced: it is unfinished.
     void item_begun() { m_item_pending = true; }
     int finish(DB_ITEM_RESULT result);
+    // Has the module prepare an item, a second time when the first fails: a backup context that a
+    // killed run left on the server fails the next start of one and ends with it.
+    Preparation prepare(const std::string& path);
+    // A backup at copy level that is dropped: nothing counts as stored. `databases` has for each
+    // path the DATABASE value that names it; `take` is called when the module hands one out, and
+    // returns whether it went well. Returns the paths that were not handed out. `what` is for the
+    // message when the server does not start it.
+    std::set<std::string> take_copies(const std::string& what, const std::string& tmp_dir,
+                                      const std::map<std::string, std::string>& databases,
+                                      const std::function<bool(const std::string& path)>& take);
     // Tells the module that the item which is unfinished did not make it, if there is one.
     void finish_failed();
 

@@ -33,6 +33,11 @@ void print_message(const std::string& line) {
     write_error_stream(line + "\n");
 }
 
+void print_warnings(const std::vector<std::string>& warnings) {
+    for (const std::string& warning : warnings)
+        print_message("warning: " + for_terminal(warning));
+}
+
 void print_error(const std::string& message, const std::string& hint) {
     print_message("qrtln: " + message + (hint.empty() ? "" : "\n  hint: " + hint));
 }

@@ -12,6 +12,9 @@ namespace qrtln {
 // A line on standard error, above the progress line.
 void print_message(const std::string& line);
 
+// Each as a message "warning: TEXT"; the texts need not be printable.
+void print_warnings(const std::vector<std::string>& warnings);
+
 // "qrtln: MESSAGE", and the hint on a line of its own.
 void print_error(const std::string& message, const std::string& hint);
 

@@ -32,11 +32,6 @@ constexpr std::string_view folder_prefix = "qrtln-recovery_"; // "-R" would be a
 
 constexpr std::size_t read_size = std::size_t{1} << 20;
 
-bool exists(const std::string& path) {
-    struct stat status {};
-    return ::lstat(path.c_str(), &status) == 0;
-}
-
 bool is_template(const std::string& path) {
     constexpr std::string_view extension = ".ntf";
     return path.size() > extension.size() &&
@@ -319,8 +314,7 @@ void Recovery::require_what_is_needed() {
         [](const RecoveringDatabase& database) { return database.only_its_set.empty(); });
     // What this run began is of no use then, and would stand in the way of another time.
     if (rolls_forward && m_plan.logs.missing && !m_resumed && m_began) {
-        for (const std::string& warning : abandon_recovery(m_journal))
-            print_message("warning: " + for_terminal(warning));
+        print_warnings(abandon_recovery(m_journal));
         m_file.remove();
     }
     if (rolls_forward)

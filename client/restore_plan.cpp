@@ -21,11 +21,6 @@ namespace {
 // Found anywhere in INFO, these mean something to the module.
 constexpr std::array info_keywords = {"-R", "-o", "deld", "chgd", "DELD", "CHGD", "\""};
 
-bool exists(const std::string& path) {
-    struct stat status {};
-    return ::lstat(path.c_str(), &status) == 0;
-}
-
 // The folder itself or the nearest one above it that is there.
 std::string nearest_existing(std::string path) {
     struct stat status {};

@@ -6,6 +6,7 @@
 #include "client/interrupt.h"
 #include "client/output.h"
 #include "client/restore_selection.h"
+#include "client/store/canonical_json.h"
 #include "client/text.h"
 
 #include <algorithm>
@@ -119,8 +120,7 @@ void DocumentsCommand::choose_database() {
     wanted.set = m_options.set;
     wanted.at = m_options.at;
     RestoreSelection selection = select_for_restore(*m_store, m_ini.data_directory, wanted);
-    for (const std::string& warning : selection.warnings)
-        print_message("warning: " + for_terminal(warning));
+    print_warnings(selection.warnings);
     auto found = std::find_if(selection.items.begin(), selection.items.end(),
                               [](const SelectedItem& selected) {
                                   return selected.named && selected.item.kind == ItemKind::database;
@@ -172,8 +172,7 @@ int DocumentsCommand::code_of(const DocumentsResult& result) const {
 }
 
 int DocumentsCommand::report(const DocumentsResult& result) const {
-    for (const std::string& warning : result.warnings)
-        print_message("warning: " + for_terminal(warning));
+    print_warnings(result.warnings);
     if (std::any_of(result.documents.begin(), result.documents.end(),
                     [](const DocumentResult& document) { return !document.reason.empty(); }))
         print_message("the server ended the restore at the document that failed, and nothing is "
@@ -229,9 +228,6 @@ nlohmann::json DocumentsCommand::json(const DocumentsResult& result, int code) c
         }
         documents.push_back(std::move(entry));
     }
-    nlohmann::json warnings = nlohmann::json::array();
-    for (const std::string& warning : result.warnings)
-        warnings.push_back(printable_utf8(warning));
     nlohmann::json document = {{"command", "documents"},
                                {"kind", kind()},
                                {"dry_run", m_options.dry_run},
@@ -240,7 +236,7 @@ nlohmann::json DocumentsCommand::json(const DocumentsResult& result, int code) c
                                {"set", m_set},
                                {"since", utc_time(m_request.since.time)},
                                {"documents", documents},
-                               {"warnings", warnings},
+                               {"warnings", printable_list(result.warnings)},
                                {"operations", result.operations},
                                {"exit_code", code}};
     if (result.failure)

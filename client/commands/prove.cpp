@@ -13,7 +13,7 @@
 #include "client/text.h"
 
 #include <ctime>
-#include <set>
+#include <map>
 
 namespace qrtln {
 
@@ -57,41 +57,25 @@ RecoveryRequest make_request(const ProveOptions& options, const Manifest& manife
 std::vector<ProofFailure> read_databases(const OperationContext& context,
                                          const std::vector<DatabaseRecovery>& databases) {
     std::vector<ProofFailure> failures;
-    std::map<std::string, const DatabaseRecovery*> unread; // by target
-    TemporaryDirectory temporary(absolute_path(context.tmp_dir), context.ini.data_directory);
-    std::vector<std::string> variables = {"TMP_DIR=" + temporary.path()};
+    std::map<std::string, std::string> paths;  // by target
+    std::map<std::string, std::string> values; // likewise
     for (const DatabaseRecovery& database : databases) {
-        unread[database.target] = &database;
-        variables.push_back("DATABASE=QRTLN:" + escape_last_component(database.target));
+        paths[database.target] = database.path;
+        values[database.target] = "QRTLN:" + escape_last_component(database.target);
     }
-    if (unread.empty())
+    if (values.empty())
         return failures;
+    TemporaryDirectory temporary(absolute_path(context.tmp_dir), context.ini.data_directory);
     ModuleSession session(context, {});
-    if (session.init(DB_TYPE_BCK, DB_LEVEL_COPY, std::move(variables)) != DB_NUM_I_OK)
-        session.report_failed_start("check", session.reason());
-    for (;;) {
-        throw_if_interrupted();
-        session.forget_reasons();
-        ModuleItem next = session.host().get_item();
-        if (next.status != DB_NUM_I_OK)
-            break;
-        session.item_begun();
-        auto database = unread.find(next.name);
-        if (database == unread.end()) {
-            (void)session.finish(DB_ITEM_EXCLUDED);
-            continue;
-        }
-        int status = session.host().prepare(next.name).status;
-        bool read = status == DB_NUM_I_OK || status == DB_NUM_W_WARNING;
-        if (!read)
-            failures.push_back({database->second->path,
-                                "the server's library cannot read it: " + session.reason()});
-        (void)session.finish(read ? DB_ITEM_SUCCESS : DB_ITEM_FAIL);
-        unread.erase(database);
-    }
-    (void)session.close(false); // nothing of this is a backup
-    for (const auto& [target, database] : unread)
-        failures.push_back({database->path, "the module did not hand it out to be read"});
+    auto read = [&](const std::string& target) {
+        bool good = session.prepare(target).usable;
+        if (!good)
+            failures.push_back(
+                {paths[target], "the server's library cannot read it: " + session.reason()});
+        return good;
+    };
+    for (const std::string& target : session.take_copies("check", temporary.path(), values, read))
+        failures.push_back({paths[target], "the module did not hand it out to be read"});
     return failures;
 }
 
@@ -145,8 +129,7 @@ void record_missing_logs(Store& store, const Manifest& manifest, const NotesIni&
 
 void clean_up(const RecoveryJournalFile& file) {
     if (std::optional<RecoveryJournal> left = file.read()) {
-        for (const std::string& warning : abandon_recovery(*left))
-            print_message("warning: " + for_terminal(warning));
+        print_warnings(abandon_recovery(*left));
         file.remove();
     }
 }

@@ -5,6 +5,7 @@
 #include "client/interrupt.h"
 #include "client/output.h"
 #include "client/recovery_operation.h"
+#include "client/store/canonical_json.h"
 #include "client/text.h"
 
 #include <algorithm>
@@ -143,20 +144,14 @@ nlohmann::json result_json(const RecoveryResult& result, const std::optional<std
                              {"outcome", outcome_name(database.outcome)},
                              {"recovered_to", reach_text(database, result, to)},
                              {"reason", printable_utf8(database.reason)}});
-    nlohmann::json restored = nlohmann::json::array();
-    for (const std::string& path : result.restored)
-        restored.push_back(printable_utf8(path));
-    nlohmann::json warnings = nlohmann::json::array();
-    for (const std::string& warning : result.warnings)
-        warnings.push_back(printable_utf8(warning));
     return {{"databases", databases},
-            {"restored", restored},
+            {"restored", printable_list(result.restored)},
             {"failed", failures_json(result.failed)},
             {"damaged", failures_json(result.damaged)},
             {"replaced", failures_json(result.replaced)},
             {"pending_folder", printable_utf8(result.pending_folder)},
             {"bytes", result.bytes},
-            {"warnings", warnings}};
+            {"warnings", printable_list(result.warnings)}};
 }
 
 int abandon(const RecoverOptions& options, const RecoveryJournalFile& file,
@@ -166,8 +161,7 @@ int abandon(const RecoverOptions& options, const RecoveryJournalFile& file,
         warnings = abandon_recovery(*journal);
         file.remove();
     }
-    for (const std::string& warning : warnings)
-        print_message("warning: " + for_terminal(warning));
+    print_warnings(warnings);
     if (options.json)
         print_json({{"command", "recover"}, {"abandoned", journal.has_value()}, {"exit_code", 0}});
     else
@@ -185,8 +179,7 @@ int dry_run(const RecoverOptions& options, Store& store, const NotesIni& ini,
         std::erase_if(plan.databases, [&](const RecoveringDatabase& database) {
             return was_put_in_place(*journal, database.planned.item.path);
         });
-    for (const std::string& warning : plan.warnings)
-        print_message("warning: " + for_terminal(warning));
+    print_warnings(plan.warnings);
     int code = code_of(plan);
     if (options.json)
         print_json({{"command", "recover"},
@@ -218,8 +211,7 @@ int run_recover(const RecoverOptions& options) {
     OperationContext context{ini,         *store,         options.tmp_dir, options.module,
                              trace.get(), options.verbose};
     RecoveryResult result = run_recovery(context, request, file, journal);
-    for (const std::string& warning : result.warnings)
-        print_message("warning: " + for_terminal(warning));
+    print_warnings(result.warnings);
     int code = code_of(result);
     if (options.json)
         print_json({{"command", "recover"},

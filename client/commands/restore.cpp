@@ -7,6 +7,7 @@
 #include "client/recovery_plan.h"
 #include "client/restore_operation.h"
 #include "client/restore_plan.h"
+#include "client/store/canonical_json.h"
 #include "client/text.h"
 
 #include <algorithm>
@@ -69,19 +70,13 @@ nlohmann::json result_json(const RestoreResult& result) {
         waiting.push_back({{"path", printable_utf8(copy.path)},
                            {"copy", printable_utf8(copy.copy)},
                            {"reason", printable_utf8(copy.reason)}});
-    nlohmann::json restored = nlohmann::json::array();
-    for (const std::string& path : result.restored)
-        restored.push_back(printable_utf8(path));
-    nlohmann::json warnings = nlohmann::json::array();
-    for (const std::string& warning : result.warnings)
-        warnings.push_back(printable_utf8(warning));
-    return {{"restored", restored},
+    return {{"restored", printable_list(result.restored)},
             {"failed", failures_json(result.failed)},
             {"damaged", failures_json(result.damaged)},
             {"waiting", waiting},
             {"kept_folder", printable_utf8(result.kept_folder)},
             {"bytes", result.bytes},
-            {"warnings", warnings}};
+            {"warnings", printable_list(result.warnings)}};
 }
 
 } // namespace
@@ -102,8 +97,7 @@ int run_restore(const RestoreOptions& options) {
     request.activate = options.activate;
     request.tmp_dir = options.tmp_dir;
     RestorePlan plan = make_restore_plan(*store, ini, request);
-    for (const std::string& warning : plan.warnings)
-        print_message("warning: " + for_terminal(warning));
+    print_warnings(plan.warnings);
 
     nlohmann::json document = {{"command", "restore"},
                                {"dry_run", options.dry_run},
@@ -123,8 +117,7 @@ int run_restore(const RestoreOptions& options) {
     OperationContext context{ini,         *store,         options.tmp_dir, options.module,
                              trace.get(), options.verbose};
     RestoreResult result = run_restore_operation(context, plan);
-    for (const std::string& warning : result.warnings)
-        print_message("warning: " + for_terminal(warning));
+    print_warnings(result.warnings);
     for (const PlannedItem& planned : plan.items)
         if (planned.action == RestoreAction::leave_out && options.verbose)
             print_message("left out: " + for_terminal(planned.item.path) + ": " +

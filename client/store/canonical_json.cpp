@@ -85,4 +85,11 @@ std::string get_bytes(const nlohmann::json& object, const std::string& name) {
     return *bytes;
 }
 
+nlohmann::json printable_list(const std::vector<std::string>& texts) {
+    nlohmann::json list = nlohmann::json::array();
+    for (const std::string& text : texts)
+        list.push_back(printable_utf8(text));
+    return list;
+}
+
 } // namespace qrtln

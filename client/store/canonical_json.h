@@ -5,6 +5,7 @@
 
 #include <optional>
 #include <string>
+#include <vector>
 
 namespace qrtln {
 
@@ -22,5 +23,8 @@ void put_bytes(nlohmann::json& object, const std::string& name, const std::strin
 
 // Reads them back. Throws std::exception when the field is missing or its two forms differ.
 std::string get_bytes(const nlohmann::json& object, const std::string& name);
+
+// Texts for people as an array: what is not UTF-8 is shown, not kept.
+nlohmann::json printable_list(const std::vector<std::string>& texts);
 
 } // namespace qrtln

@@ -10,6 +10,7 @@
 #include <algorithm>
 #include <array>
 #include <cerrno>
+#include <charconv>
 #include <csignal>
 #include <cstdio>
 #include <dirent.h>
@@ -215,11 +216,12 @@ void DirectoryStore::lock() {
             std::string holder(32, '\0');
             ssize_t got = ::pread(m_lock.get(), holder.data(), holder.size(), 0);
             holder.resize(got > 0 ? static_cast<std::size_t>(got) : 0);
-            holder.resize(std::min(holder.find_first_not_of("0123456789"), holder.size()));
             m_folder_created = false;
-            std::string who = holder.empty() ? "another process" : "process " + holder;
-            bool gone = !holder.empty() && ::kill(static_cast<pid_t>(std::stol(holder)), 0) != 0 &&
-                        errno == ESRCH;
+            pid_t process = 0; // what the file says need not be one
+            (void)std::from_chars(holder.data(), holder.data() + holder.size(), process);
+            std::string who =
+                process > 0 ? "process " + std::to_string(process) : "another process";
+            bool gone = process > 0 && ::kill(process, 0) != 0 && errno == ESRCH;
             throw ClientError(ExitCode::locked,
                               description() + " is locked by " + who +
                                   (gone ? ", which ended: its child still closes the operation on "

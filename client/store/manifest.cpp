@@ -69,11 +69,8 @@ json item_to_json(const ManifestItem& item) {
         out["log"] = {{"number", item.log->number},
                       {"archive_id", item.log->archive_id},
                       {"active", item.log->active}};
-    if (!item.warnings.empty()) {
-        json& warnings = out["warnings"] = json::array();
-        for (const std::string& warning : item.warnings)
-            warnings.push_back(printable_utf8(warning));
-    }
+    if (!item.warnings.empty())
+        out["warnings"] = printable_list(item.warnings);
     return out;
 }
 
