@@ -2,9 +2,12 @@
 
 #include "client/error.h"
 #include "client/file_io.h"
+#include "client/recovery_logs.h"
 #include "client/store/canonical_json.h"
+#include "client/temporary_directory.h"
 #include "client/text.h"
 
+#include <algorithm>
 #include <cerrno>
 #include <fcntl.h>
 
@@ -16,6 +19,7 @@ using nlohmann::json;
 
 constexpr int journal_format = 1;
 constexpr std::size_t maximal_journal = std::size_t{1} << 30;
+constexpr std::string_view folder_prefix = "qrtln-recovery_"; // "-R" would be an option of INFO
 
 json paths_to_json(const std::vector<std::string>& paths) {
     json array = json::array();
@@ -81,6 +85,22 @@ RecoveryJournal from_json(const json& document) {
 
 } // namespace
 
+const PendingDatabase* RecoveryJournal::entry_of(const std::string& path) const {
+    auto found = std::find_if(databases.begin(), databases.end(),
+                              [&](const PendingDatabase& entry) { return entry.path == path; });
+    return found == databases.end() ? nullptr : &*found;
+}
+
+bool RecoveryJournal::was_put_in_place(const std::string& path) const {
+    if (!into.empty() || !recovering)
+        return false;
+    const PendingDatabase* pending = entry_of(path);
+    if (pending == nullptr)
+        return true; // struck out
+    // A copy that went with its whole folder was taken away by somebody.
+    return !pending->copy.empty() && !exists(pending->copy) && exists(pending_folder);
+}
+
 std::optional<RecoveryJournal> RecoveryJournalFile::read() const {
     std::optional<std::string> content = read_small_file(AT_FDCWD, m_file, maximal_journal);
     if (!content && errno == ENOENT)
@@ -120,6 +140,29 @@ void RecoveryJournalFile::remove() const {
         throw ClientError(ExitCode::failed, "cannot remove the journal of the recovery, " +
                                                 for_terminal(m_file) + ": " +
                                                 system_error_text(error));
+}
+
+std::string make_pending_folder(const std::string& tmp_dir, const std::string& data_directory) {
+    return make_folder_for_copies(tmp_dir, data_directory, std::string(folder_prefix));
+}
+
+std::string make_folder_for_proof(const std::string& tmp_dir, const std::string& data_directory) {
+    return make_folder_for_copies(tmp_dir, data_directory, std::string(folder_prefix) + "proof_");
+}
+
+std::vector<std::string> abandon_recovery(const RecoveryJournal& journal) {
+    std::vector<std::string> warnings;
+    // Whatever the journal says, only what a recovery makes is removed.
+    for (const std::string& extent : journal.extents)
+        if (log_number_of(name_of(extent)) && ::unlink(extent.c_str()) != 0 && errno != ENOENT)
+            warnings.push_back("cannot remove the restored transaction log " + extent + ": " +
+                               system_error_text(errno));
+    const std::string& folder = journal.pending_folder;
+    if (name_of(folder).starts_with(folder_prefix) && exists(folder))
+        if (int error = remove_tree(AT_FDCWD, folder); error != 0)
+            warnings.push_back("cannot remove the folder of restored copies " + folder + ": " +
+                               system_error_text(error));
+    return warnings;
 }
 
 } // namespace qrtln

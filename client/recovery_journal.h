@@ -30,6 +30,12 @@ struct RecoveryJournal {
     std::optional<std::int64_t> logs_end;   // and reach up to here, seconds since 1970
     std::vector<PendingDatabase> databases; // that are not known to be in place
     std::vector<std::string> extents;       // transaction logs that it put back on the server
+
+    // Nullptr for one that is not listed.
+    const PendingDatabase* entry_of(const std::string& path) const;
+    // Whether an earlier run of this recovery put the database in its place, as far as this and the
+    // files beside it tell.
+    bool was_put_in_place(const std::string& path) const;
 };
 
 // The journal of one store, a file in its folder of run-time data. REQUIRES: the store is locked.
@@ -47,5 +53,13 @@ class RecoveryJournalFile {
   private:
     std::string m_file;
 };
+
+// Makes a folder for restored copies, or a scratch folder for a proof. Throws ClientError(failed).
+std::string make_pending_folder(const std::string& tmp_dir, const std::string& data_directory);
+std::string make_folder_for_proof(const std::string& tmp_dir, const std::string& data_directory);
+
+// Takes back what an unfinished recovery has on the server: copies that wait, and logs. Returns
+// warnings about what could not be removed.
+std::vector<std::string> abandon_recovery(const RecoveryJournal& journal);
 
 } // namespace qrtln

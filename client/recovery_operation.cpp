@@ -5,13 +5,13 @@
 #include "client/interrupt.h"
 #include "client/output.h"
 #include "client/recovery_probe.h"
+#include "client/recovery_restores.h"
 #include "client/safe_paths.h"
 #include "client/store/digest.h"
 #include "client/temporary_directory.h"
 #include "client/text.h"
 
 #include <algorithm>
-#include <array>
 #include <cerrno>
 #include <fcntl.h>
 #include <map>
@@ -27,8 +27,6 @@ namespace {
 // Reasons that the module gives, and what begins another.
 constexpr std::string_view failed_elsewhere = "the recovery failed at another database";
 constexpr std::string_view unknown_to_log = "the transaction log does not know it";
-
-constexpr std::string_view folder_prefix = "qrtln-recovery_"; // "-R" would be an option of INFO
 
 constexpr std::size_t read_size = std::size_t{1} << 20;
 
@@ -54,64 +52,6 @@ bool has_content(const std::string& path, const std::string& object) {
         if (got == 0)
             return digest.finish() == object;
         digest.update({buffer.data(), static_cast<std::size_t>(got)});
-    }
-}
-
-const PendingDatabase* entry_of(const RecoveryJournal& journal, const std::string& path) {
-    auto found = std::find_if(journal.databases.begin(), journal.databases.end(),
-                              [&](const PendingDatabase& entry) { return entry.path == path; });
-    return found == journal.databases.end() ? nullptr : &*found;
-}
-
-// What the module tells of the databases, in lines of its protocol: "ROLLFORWARD: recovered
-// [PATH]", "ROLLFORWARD: NOT recovered [PATH]: REASON", "ROLLFORWARD: perhaps recovered [PATH]:
-// REASON".
-class ToldOutcomes {
-  public:
-    struct Told {
-        RecoveryOutcome outcome = RecoveryOutcome::failed;
-        std::string reason;
-    };
-
-    explicit ToldOutcomes(const std::vector<std::string>& targets) {
-        for (const std::string& target : targets)
-            m_told.try_emplace(target);
-    }
-    void read(std::string_view line);
-    // Nothing when the module told nothing of it.
-    std::optional<Told> of(const std::string& target) const { return m_told.at(target); }
-    const std::string& missing_log() const { return m_missing_log; }
-
-  private:
-    std::map<std::string, std::optional<Told>> m_told;
-    std::string m_missing_log;
-};
-
-void ToldOutcomes::read(std::string_view line) {
-    constexpr std::string_view missing = "ROLLFORWARD: missing transaction log [";
-    if (line.starts_with(missing)) {
-        m_missing_log = line.substr(missing.size(), line.rfind(']') - missing.size());
-        return;
-    }
-    constexpr std::array<std::pair<std::string_view, RecoveryOutcome>, 3> forms = {
-        {{"ROLLFORWARD: recovered [", RecoveryOutcome::recovered},
-         {"ROLLFORWARD: NOT recovered [", RecoveryOutcome::failed},
-         {"ROLLFORWARD: perhaps recovered [", RecoveryOutcome::uncertain}}};
-    for (const auto& [beginning, outcome] : forms) {
-        if (!line.starts_with(beginning))
-            continue;
-        std::string_view rest = line.substr(beginning.size());
-        // A path may hold brackets, even those of another one: the longest that is known counts.
-        for (std::size_t end = rest.rfind(']'); end != std::string_view::npos && end > 0;
-             end = rest.rfind(']', end - 1)) {
-            auto told = m_told.find(std::string(rest.substr(0, end)));
-            std::string_view reason = rest.substr(end + 1);
-            if (told == m_told.end() || !(reason.empty() || reason.starts_with(": ")))
-                continue;
-            reason.remove_prefix(reason.empty() ? 0 : 2);
-            told->second = Told{outcome, std::string(reason)};
-            return;
-        }
     }
 }
 
@@ -147,10 +87,6 @@ class Recovery {
     void write_journal();
     void list_databases();
     bool restore_from_store();
-    RestorePlan plan_copies();
-    RestorePlan plan_extents();
-    void add_parent_folders(RestorePlan& plan) const;
-    PlannedItem planned_log(const StoredLog& log) const;
     bool take_result(RestoreResult result, const RestorePlan& plan);
     bool check_only_its_set();
     void note_damage(const PlannedItem& planned, const std::string& reason);
@@ -244,7 +180,7 @@ void Recovery::settle_what_is_done() {
     find_left_offline();
     std::erase_if(m_plan.databases, [this](const RecoveringDatabase& database) {
         const std::string& path = database.planned.item.path;
-        if (!qrtln::was_put_in_place(m_journal, path) || m_left_offline.contains(path))
+        if (!m_journal.was_put_in_place(path) || m_left_offline.contains(path))
             return false;
         if (m_reported.contains(path))
             return true;
@@ -263,8 +199,7 @@ void Recovery::find_left_offline() {
     m_asked_for_offline = true;
     std::vector<std::string> paths;
     for (const RecoveringDatabase& database : m_plan.databases)
-        if (qrtln::was_put_in_place(m_journal, database.planned.item.path) &&
-            database.planned.existing)
+        if (m_journal.was_put_in_place(database.planned.item.path) && database.planned.existing)
             paths.push_back(database.planned.item.path);
     m_left_offline = find_unopenable(m_context, paths);
     for (const auto& [path, reason] : m_left_offline)
@@ -277,7 +212,7 @@ void Recovery::find_left_offline() {
 // The original was lost, so that a place without its owner and mode was made, now or by an earlier
 // run.
 bool Recovery::was_lost(const std::string& path) const {
-    const PendingDatabase* pending = entry_of(m_journal, path);
+    const PendingDatabase* pending = m_journal.entry_of(path);
     return pending != nullptr && pending->lost;
 }
 
@@ -341,8 +276,7 @@ void Recovery::find_whole_copies() {
 void Recovery::create_pending_folder() {
     if (!in_place() || (!m_journal.pending_folder.empty() && exists(m_journal.pending_folder)))
         return;
-    m_journal.pending_folder = make_folder_for_copies(m_request.tmp_dir, m_plan.data_directory,
-                                                      std::string(folder_prefix));
+    m_journal.pending_folder = make_pending_folder(m_request.tmp_dir, m_plan.data_directory);
 }
 
 // A new disk in the place of the lost one is empty, or not even that.
@@ -418,10 +352,10 @@ void Recovery::list_databases() {
 bool Recovery::restore_from_store() {
     if (!check_only_its_set())
         return false;
-    RestorePlan copies = plan_copies();
+    RestorePlan copies = plan_copies(m_plan, m_journal.pending_folder, m_whole);
     if (!take_result(run_restore_operation(m_context, copies), copies))
         return false;
-    RestorePlan extents = plan_extents();
+    RestorePlan extents = plan_extents(m_plan);
     return take_result(run_restore_operation(m_context, extents), extents);
 }
 
@@ -442,70 +376,6 @@ bool Recovery::check_only_its_set() {
         whole = false;
     }
     return whole;
-}
-
-PlannedItem Recovery::planned_log(const StoredLog& log) const {
-    PlannedItem planned;
-    planned.set = log.set;
-    planned.item = log.item;
-    planned.action = RestoreAction::write;
-    planned.target = planned.announced = log_target(m_plan, log);
-    const std::string& folder = m_plan.server_logs.directory;
-    planned.root = !m_plan.server_logs.missing               ? folder
-                   : is_below(folder, m_plan.data_directory) ? m_plan.data_directory
-                                                             : folder_of(folder);
-    return planned;
-}
-
-// The copies of databases, with what is missing beside them; and all logs where their folder is
-// lost.
-RestorePlan Recovery::plan_copies() {
-    RestorePlan plan = m_plan.others;
-    plan.pending_folder = m_journal.pending_folder;
-    plan.databases_wait = true;
-    if (in_place())
-        add_parent_folders(plan);
-    if (m_plan.server_logs.missing) {
-        for (const StoredLog& log : m_plan.logs.restore)
-            plan.items.push_back(planned_log(log));
-        if (m_plan.logs.control)
-            plan.items.push_back(planned_log(*m_plan.logs.control));
-    }
-    for (const RecoveringDatabase& database : m_plan.databases) {
-        bool activated_later = in_place() && !database.only_its_set.empty();
-        if (!activated_later && !m_whole.contains(database.planned.item.path))
-            plan.items.push_back(database.planned);
-    }
-    return plan;
-}
-
-// The module would make them too, without a look at links and without an owner.
-void Recovery::add_parent_folders(RestorePlan& plan) const {
-    std::set<std::string> planned_folders;
-    for (const PlannedItem& planned : plan.items)
-        if (planned.action == RestoreAction::create_folder)
-            planned_folders.insert(planned.target);
-    for (const RecoveringDatabase& database : m_plan.databases) {
-        std::string folder = folder_of(database.planned.target);
-        if (exists(folder) || !planned_folders.insert(folder).second)
-            continue;
-        PlannedItem parent;
-        parent.item.path = parent.announced = parent.target = folder;
-        parent.item.kind = ItemKind::directory;
-        parent.action = RestoreAction::create_folder;
-        parent.root = database.planned.root;
-        plan.items.push_back(std::move(parent));
-    }
-}
-
-RestorePlan Recovery::plan_extents() {
-    RestorePlan plan;
-    plan.data_directory = m_plan.data_directory;
-    plan.extents_only = true;
-    if (!m_plan.server_logs.missing)
-        for (const StoredLog& log : m_plan.logs.restore)
-            plan.items.push_back(planned_log(log));
-    return plan;
 }
 
 void Recovery::note_damage(const PlannedItem& planned, const std::string& reason) {
@@ -681,12 +551,7 @@ void Recovery::put_only_its_set_in_place() {
     for (const RecoveringDatabase& database : m_plan.databases) {
         if (database.only_its_set.empty())
             continue;
-        RestorePlan plan;
-        plan.data_directory = m_plan.data_directory;
-        plan.activate = true;
-        plan.pending_folder = m_journal.pending_folder;
-        plan.items.push_back(database.planned);
-        plan.items.back().action = RestoreAction::activate;
+        RestorePlan plan = plan_activation(m_plan, m_journal.pending_folder, database);
         RestoreResult result = run_restore_operation(m_context, plan);
         m_result.bytes += result.bytes;
         for (const std::string& warning : result.warnings)
@@ -747,72 +612,10 @@ void Recovery::settle() {
 
 } // namespace
 
-const char* outcome_name(RecoveryOutcome outcome) {
-    switch (outcome) {
-    case RecoveryOutcome::recovered:
-        return "recovered";
-    case RecoveryOutcome::only_its_set:
-        return "as in its set";
-    case RecoveryOutcome::uncertain:
-        return "perhaps recovered";
-    case RecoveryOutcome::in_place:
-        return "in place before";
-    case RecoveryOutcome::waiting:
-        return "waiting";
-    case RecoveryOutcome::failed:
-        break;
-    }
-    return "failed";
-}
-
-bool DatabaseRecovery::falls_short() const {
-    switch (outcome) {
-    case RecoveryOutcome::recovered:
-    case RecoveryOutcome::in_place:
-        return false;
-    case RecoveryOutcome::only_its_set:
-        return reason != not_logged_reason && reason != template_reason;
-    case RecoveryOutcome::uncertain:
-    case RecoveryOutcome::waiting:
-    case RecoveryOutcome::failed:
-        break;
-    }
-    return true;
-}
-
-bool was_put_in_place(const RecoveryJournal& journal, const std::string& path) {
-    if (!journal.into.empty() || !journal.recovering)
-        return false;
-    const PendingDatabase* pending = entry_of(journal, path);
-    if (pending == nullptr)
-        return true; // struck out
-    // A copy that went with its whole folder was taken away by somebody.
-    return !pending->copy.empty() && !exists(pending->copy) && exists(journal.pending_folder);
-}
-
 RecoveryResult run_recovery(const OperationContext& context, RecoveryRequest request,
                             const RecoveryJournalFile& file,
                             const std::optional<RecoveryJournal>& journal) {
     return Recovery(context, std::move(request), file, journal).run();
-}
-
-std::string make_folder_for_proof(const std::string& tmp_dir, const std::string& data_directory) {
-    return make_folder_for_copies(tmp_dir, data_directory, std::string(folder_prefix) + "proof_");
-}
-
-std::vector<std::string> abandon_recovery(const RecoveryJournal& journal) {
-    std::vector<std::string> warnings;
-    // Whatever the journal says, only what a recovery makes is removed.
-    for (const std::string& extent : journal.extents)
-        if (log_number_of(name_of(extent)) && ::unlink(extent.c_str()) != 0 && errno != ENOENT)
-            warnings.push_back("cannot remove the restored transaction log " + extent + ": " +
-                               system_error_text(errno));
-    const std::string& folder = journal.pending_folder;
-    if (name_of(folder).starts_with(folder_prefix) && exists(folder))
-        if (int error = remove_tree(AT_FDCWD, folder); error != 0)
-            warnings.push_back("cannot remove the folder of restored copies " + folder + ": " +
-                               system_error_text(error));
-    return warnings;
 }
 
 } // namespace qrtln

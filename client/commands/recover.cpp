@@ -177,7 +177,7 @@ int dry_run(const RecoverOptions& options, Store& store, const NotesIni& ini,
     RecoveryPlan plan = make_recovery_plan(store, ini, request);
     if (journal)
         std::erase_if(plan.databases, [&](const RecoveringDatabase& database) {
-            return was_put_in_place(*journal, database.planned.item.path);
+            return journal->was_put_in_place(database.planned.item.path);
         });
     print_warnings(plan.warnings);
     int code = code_of(plan);
