@@ -7,6 +7,7 @@
 #include <array>
 #include <csignal>
 #include <fcntl.h>
+#include <fstream>
 #include <sys/ioctl.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
@@ -289,6 +290,9 @@ TEST_F(Restore, LogsComeBackOnlyWithTheWholeSystemAndOnlyWhenTheirFolderIsLost) 
     EXPECT_THAT(restore(0, {"--all"})["result"]["failed"], IsEmpty());
     EXPECT_EQ(read_file(log), active);
     fs::remove_all(m_server + "/logs");
+    std::ofstream(m_server + "/logs") << "no folder";
+    EXPECT_EQ(restore(0, {"mail/user1.nsf", "--dry-run"})["recovery_logs"], nullptr);
+    fs::remove(m_server + "/logs");
     json done = restore(0, {"--all", "--activate"});
     EXPECT_EQ(action(done, log), "write");
     EXPECT_TRUE(fs::exists(log));
