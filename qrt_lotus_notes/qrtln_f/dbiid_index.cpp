@@ -163,7 +163,8 @@ void openDBIIDIndex() {
     }
     // Whatever has this name is not from this run: a process id comes back.
     SysFileDelete(szDBIIDTmpFile);
-    if (SysFileExists(szDBIIDFile)) {
+    // An index that cannot be examined is not none: that it is begun anew is said then, too.
+    if (SysFileExists(szDBIIDFile) || !isMissing(szDBIIDFile)) {
         gdcDBIID = iniparser_load(szDBIIDFile);
         if (gdcDBIID == nullptr) {
             DB_LogExt("QRTLN_InitBackup(): index file [%s] is empty or cannot be read, a new one "

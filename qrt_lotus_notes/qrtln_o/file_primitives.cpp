@@ -231,7 +231,10 @@ int SysFileRead(FILE* hFile, char* pData, DWORD dwCount) {
 }
 
 int SysFileDelete(const char* cpFileName) {
-    if (!SysFileExists(cpFileName) || std::remove(cpFileName) == 0) {
+    if (!SysFileExists(cpFileName) && isMissing(cpFileName)) {
+        return 0;
+    }
+    if (std::remove(cpFileName) == 0 || errno == ENOENT) {
         return 0;
     }
     const int error = errno;
@@ -256,6 +259,12 @@ BOOL SysFileExists(const char* cpFile) {
         DB_TraceExt("SysFileExists [%s] return FALSE", getUTF8FileName(cpFile));
     }
     return FALSE;
+}
+
+bool isMissing(const char* cpFile) {
+    struct stat status;
+    return cpFile == nullptr ||
+           (stat(cpFile, &status) != 0 && (errno == ENOENT || errno == ENOTDIR));
 }
 
 BOOL SysFileCopy(const char* cpSource, const char* cpTarget, BOOL bFailIfExists) {

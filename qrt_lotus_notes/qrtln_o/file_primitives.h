@@ -36,11 +36,15 @@ int SysFileSeek(FILE* hFile, DWORD dwPos, DWORD dwLoc);
 int SysFileWrite(FILE* hFile, const char* pData, DWORD dwCount);
 int SysFileRead(FILE* hFile, char* pData, DWORD dwCount);
 
-// Deletes; a missing file counts as deleted.
+// Deletes; a missing file counts as deleted, one that cannot be examined does not.
 int SysFileDelete(const char* cpFileName);
 
 // Whether a path exists, of any kind; FALSE for NULL.
 BOOL SysFileExists(const char* cpFile);
+
+// Whether nothing is there for certain. What cannot be examined exists for nobody and may be there
+// all the same: for decisions that would cost something then.
+bool isMissing(const char* cpFile);
 
 // Copies a file over the target, which is truncated or created. TRUE when every byte reached it,
 // its closing included; on FALSE the target may hold a part. An existing target is not touched with
