@@ -32,9 +32,10 @@ bool buildTarget(const char* cpFile, const char* cpOriginalDirectory, char (&szT
     return true;
 }
 
-// Takes the live database from its users, if there is one.
+// Takes the live database from its users, if there is one. One that cannot be examined must not be
+// written over while they have it.
 bool takeOffline(const char* cpFile, const char* szTargetFile, bool bInPlace) {
-    if (!SysFileExists(szTargetFile)) {
+    if (!SysFileExists(szTargetFile) && isMissing(szTargetFile)) {
         return true;
     }
     DB_TraceExt("QRTLN_Activate(): Taking Database OFFLINE (delete): [%s] ...",
@@ -90,6 +91,7 @@ int QRTLN_Activate(const char* cpFile, const char* cpOriginalDirectory) {
     // copied onto itself nor deleted.
     const bool bInPlace =
         std::strcmp(cpFile, szTargetFile) == 0 || isSameFile(cpFile, szTargetFile);
+    const bool bWasVacant = isVacant(szTargetFile);
     if (!takeOffline(cpFile, szTargetFile, bInPlace)) {
         return DB_NUM_E_FAILED;
     }
@@ -97,6 +99,11 @@ int QRTLN_Activate(const char* cpFile, const char* cpOriginalDirectory) {
         // From here to the end of the copy the live database is offline, and stays so when the copy
         // fails: half a database must not be opened.
         if (!replace(cpFile, szTargetFile)) {
+            if (bWasVacant) {
+                // None that could be offline: half of it would be opened, and keep the next
+                // activation from taking its place.
+                SysFileDelete(szTargetFile);
+            }
             return DB_NUM_E_FAILED;
         }
         DB_TraceExt("QRTLN_Activate(): Deleting backup copy [%s] ...", getUTF8FileName(cpFile));

@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <string>
+#include <sys/stat.h>
 #include <vector>
 
 #include "qrt_lotus_notes/qrtln_l/file_list_queue.h"
@@ -88,7 +89,7 @@ bool takeOriginalOffline(const RecoveryPair& pair, OfflineOriginals& offline) {
         return true;
     }
     const char* cpOriginal = pair.original.c_str();
-    if (!SysFileExists(cpOriginal)) {
+    if (!SysFileExists(cpOriginal) && isMissing(cpOriginal)) {
         DB_TraceExt("RecoverDb(): Taking db offline: Could not find Database %s ...",
                     getUTF8FileName(cpOriginal));
         return true;
@@ -278,8 +279,47 @@ bool replayForEach(const std::vector<RecoveryPair>& pairs, DWORD dwFlag, TIMEDAT
     return known.empty() || replayOnce(known, dwFlag, recoveryTime, replay);
 }
 
+// What became of the place of an original.
+enum class Placing {
+    done,
+    untouched, // the copy failed before it reached it
+    empty,     // there was no original, and the part of a copy is removed
+    broken,    // it holds what the copy got to
+};
+
+// A file as it is at a moment, to be compared with what it is later.
+class FileState {
+  public:
+    explicit FileState(const char* cpFile) : m_known(stat(cpFile, &m_status) == 0) {}
+    // Whether nobody has written in between.
+    bool operator==(const FileState& other) const {
+        return m_known && other.m_known && m_status.st_size == other.m_status.st_size &&
+               isSame(m_status.st_mtim, other.m_status.st_mtim) &&
+               isSame(m_status.st_ctim, other.m_status.st_ctim);
+    }
+
+  private:
+    static bool isSame(const timespec& first, const timespec& second) {
+        return first.tv_sec == second.tv_sec && first.tv_nsec == second.tv_nsec;
+    }
+
+    struct stat m_status = {};
+    bool m_known;
+};
+
+// What a copy that failed has left. Half a database in a lost one's place is nobody's, and would
+// keep the next recovery from it.
+Placing answerFailedCopy(const char* cpOriginal, bool bWasVacant, const FileState& before) {
+    if (bWasVacant) {
+        return SysFileDelete(cpOriginal) == 0 ? Placing::empty : Placing::broken;
+    }
+    return FileState(cpOriginal) == before ? Placing::untouched : Placing::broken;
+}
+
 // Copies a recovered database over its original and deletes the copy.
-bool placeCopy(const RecoveryPair& pair) {
+Placing placeCopy(const RecoveryPair& pair) {
+    const bool bWasVacant = isVacant(pair.original.c_str());
+    const FileState before(pair.original.c_str());
     if (choices().bCreatesDirectories) {
         char szDirectory[kPathSize];
         copyText(szDirectory, pair.original.c_str());
@@ -298,12 +338,19 @@ bool placeCopy(const RecoveryPair& pair) {
     if (bCopied || !choices().bKeepsUnplaced) {
         SysFileDelete(pair.restored.c_str());
     }
-    return bCopied;
+    if (bCopied) {
+        return Placing::done;
+    }
+    return choices().bKeepsUnplaced ? answerFailedCopy(pair.original.c_str(), bWasVacant, before)
+                                    : Placing::untouched;
 }
 
-void tellOutcome(const RecoveryPair& pair, Reach reach, bool bPlaced, bool bOnline) {
+void tellOutcome(const RecoveryPair& pair, Reach reach, Placing placing, bool bOnline) {
     const char* cpOriginal = pair.original.c_str();
-    if (!bPlaced) {
+    if (placing == Placing::broken) {
+        tellNotRecovered(cpOriginal, "it could not be put in place; its place holds a part and "
+                                     "stays offline; its restored copy, recovered, is kept");
+    } else if (placing != Placing::done) {
         tellNotRecovered(cpOriginal, "it could not be put in place; its restored copy, recovered, "
                                      "is kept");
     } else if (reach == Reach::unknownToLog) {
@@ -325,17 +372,19 @@ bool replaceOriginals(const std::vector<RecoveryPair>& pairs, const std::vector<
     DB_TraceExt("RecoverDb(): STARTING REPLACING ORIGINAL DATABASES WITH RECOVERED COPIES ...");
     bool bOverallSuccess = true;
     for (std::size_t i = 0; i < pairs.size(); ++i) {
-        bool bPlaced = true;
+        Placing placing = Placing::done;
         if (pairs[i].bInPlace) {
             DB_TraceExt("RecoverDb(): There is no need to copy Database: %s to original place.",
                         getUTF8FileName(pairs[i].original.c_str()));
         } else {
-            bPlaced = placeCopy(pairs[i]);
-            bOverallSuccess = bOverallSuccess && bPlaced;
+            placing = placeCopy(pairs[i]);
+            bOverallSuccess = bOverallSuccess && placing == Placing::done;
         }
-        const bool bOnline = BringDbsOnline(pairs[i].original.c_str()) == DB_NUM_I_OK;
+        // Half a database is not for its users, and offline the next recovery can have it.
+        const bool bUsable = placing == Placing::done || placing == Placing::untouched;
+        const bool bOnline = bUsable && BringDbsOnline(pairs[i].original.c_str()) == DB_NUM_I_OK;
         offline.release(pairs[i].original); // one by one: the rest must not stay offline either
-        tellOutcome(pairs[i], reach[i], bPlaced, bOnline);
+        tellOutcome(pairs[i], reach[i], placing, bOnline);
     }
     if (pairs.empty()) {
         DB_TraceExt("RecoverDb(): There is no recovery files to be replaced with.");

@@ -4,6 +4,7 @@
 #include <cstring>
 #include <fcntl.h>
 #include <string>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include "qrt_lotus_notes/qrtln_n/file_name_text.h"
@@ -46,4 +47,9 @@ bool copyToDisk(const char* function, const char* cpSource, const char* cpTarget
                     getUTF8FileName(cpTarget), error, getSysMsg(static_cast<unsigned int>(error)));
     }
     return error == 0;
+}
+
+bool isVacant(const char* cpTarget) {
+    struct stat status;
+    return lstat(cpTarget, &status) != 0 && (errno == ENOENT || errno == ENOTDIR);
 }
