@@ -88,6 +88,22 @@ BOOL isBackupLevel(DB_OPERATION_LEVEL level) {
            level == DB_LEVEL_INCR;
 }
 
+// Tells the client of what is left out because its directory could not be read, in whichever pass.
+// What has vanished holds nothing.
+void tellLeftOut(const char* cpFunction, const char* cpPath, int error) {
+    if (error != ENOENT && error != ENOTDIR) {
+        DB_LogExt("%s(): directory [%s] cannot be read, its files are left out (%d): %s",
+                  cpFunction, cpPath, error, std::strerror(error));
+    }
+}
+
+void tellNotReadToEnd(const char* cpFunction, const char* cpPath, int error) {
+    if (error != 0) {
+        DB_LogExt("%s(): directory [%s] could not be read to its end (%d): %s", cpFunction, cpPath,
+                  error, std::strerror(error));
+    }
+}
+
 // Whether the link at `directory`/name leads back to a directory on its own path: entering it would
 // never end.
 bool isOwnAncestor(const char* directory, const struct stat& target) {
@@ -119,9 +135,11 @@ int collectSubDirectories(const char* cpFullPattern, const char* cpITEM_PATH,
     }
     Directory directory(szDirectory);
     if (!directory) {
+        tellLeftOut("getSubDirectories", szDirectory, errno);
         return DB_NUM_E_FAILED;
     }
-    while (const dirent* entry = directory.read()) {
+    const dirent* entry = nullptr;
+    while ((entry = directory.read()) != nullptr) {
         // Where the file system says what an entry is, a file is not asked for: most entries are.
         if (isDotEntry(entry->d_name) || entry->d_type == DT_REG) {
             continue;
@@ -130,8 +148,13 @@ int collectSubDirectories(const char* cpFullPattern, const char* cpITEM_PATH,
         formatText(szPath, sizeof szPath, "%s%s", szDirectory, entry->d_name);
         struct stat status;
         if (stat(szPath, &status) != 0) {
-            DB_LogExt("getSubDirectories(): stat() for [%s] returned error (%d): %s", szPath, errno,
-                      std::strerror(errno));
+            const int error = errno;
+            DB_LogExt("getSubDirectories(): stat() for [%s] returned error (%d): %s", szPath, error,
+                      std::strerror(error));
+            // A link that leads nowhere is none of these.
+            if (error != ELOOP) {
+                tellLeftOut("getSubDirectories", szPath, error);
+            }
             continue;
         }
         if (!S_ISDIR(status.st_mode)) {
@@ -151,6 +174,7 @@ int collectSubDirectories(const char* cpFullPattern, const char* cpITEM_PATH,
             pushPath(_lhSubDirList, szPath, DB_BACKUP_FILE_TYPE_DB);
         }
     }
+    tellNotReadToEnd("getSubDirectories", szDirectory, errno);
     return DB_NUM_I_OK;
 }
 
@@ -195,7 +219,15 @@ void queueNotesIni(FileScan& scan) {
 // names with a dot). False when the result does not fit.
 bool addPatternToDirectory(FileScan& scan) {
     removeTrailingDelimiter(scan.szFullPattern);
-    if (!isDirectory(scan.szFullPattern)) {
+    struct stat status;
+    if (stat(scan.szFullPattern, &status) != 0) {
+        // A pattern, in most cases; a directory that cannot be examined would be taken for one.
+        if (scan.bReadsDirectories && (errno == EACCES || errno == EIO || errno == ENOMEM)) {
+            tellLeftOut("fillFileList", scan.szFullPattern, errno);
+        }
+        return true;
+    }
+    if (!S_ISDIR(status.st_mode)) {
         return true;
     }
     const bool bInherits = std::strchr(scan.szPatternItem, '*') != nullptr;
@@ -233,11 +265,7 @@ bool splitPattern(FileScan& scan) {
 
 // What a directory that cannot be opened means for the scan.
 Walk classifyOpenError(const FileScan& scan, int error) {
-    // A vanished directory holds nothing; any other one that is left out, the client must hear of.
-    if (scan.bReport && error != ENOENT && error != ENOTDIR) {
-        DB_LogExt("fillFileList(): directory [%s] cannot be read, its files are left out (%d): %s",
-                  scan.szITEM_PATH, error, std::strerror(error));
-    }
+    tellLeftOut("fillFileList", scan.szITEM_PATH, error);
     switch (error) {
     case EMFILE:
     case ENFILE:
@@ -266,10 +294,7 @@ bool readMatchingName(const FileScan& scan, Directory& directory, int iFlags,
             return copyText(szName, entry->d_name);
         }
     }
-    if (errno != 0 && scan.bReport) {
-        DB_LogExt("fillFileList(): directory [%s] could not be read to its end (%d): %s",
-                  scan.szITEM_PATH, errno, std::strerror(errno));
-    }
+    tellNotReadToEnd("fillFileList", scan.szITEM_PATH, errno);
     return false;
 }
 
@@ -338,6 +363,7 @@ Walk scanDirectory(FileScan& scan) {
     }
     Directory directory(scan.szITEM_PATH);
     const int iOpenError = errno;
+    const bool bOpen = static_cast<bool>(directory);
     char szITEM_NAME[kPathSize] = "";
     if (!scan.bReadsDirectories) {
         copyText(szITEM_NAME, scan.szPattern);
@@ -356,7 +382,13 @@ Walk scanDirectory(FileScan& scan) {
         } while (readMatchingName(scan, directory, FNM_PERIOD, szITEM_NAME));
     }
     // In a restore the directory may not exist: that, too, ends the scan.
-    return directory.close() ? Walk::nextDirectory : Walk::end;
+    if (directory && !directory.close()) {
+        DB_LogExt("fillFileList(): closing directory [%s] failed, what follows it cannot be read "
+                  "(%d): %s",
+                  scan.szITEM_PATH, errno, std::strerror(errno));
+        return Walk::end;
+    }
+    return bOpen ? Walk::nextDirectory : Walk::end;
 }
 
 bool pullPath(LIST_INFO* list, char (&szPath)[kPathSize]) {
@@ -477,24 +509,27 @@ void queueNamedItem(const char* cpItem) {
 void getDatabasesIn(const char* cpDirectory, LIST_INFO* _lhDatabases) {
     Directory directory(cpDirectory);
     if (!directory) {
-        DB_LogExt("getDatabasesIn(): directory [%s] cannot be read, its files are left out (%d): "
-                  "%s",
-                  cpDirectory, errno, std::strerror(errno));
+        tellLeftOut("getDatabasesIn", cpDirectory, errno);
         return;
     }
-    while (const dirent* entry = directory.read()) {
+    const dirent* entry = nullptr;
+    while ((entry = directory.read()) != nullptr) {
         char szPath[kUnmeasuredPathSize];
         formatText(szPath, sizeof szPath, "%s%c%s", cpDirectory, kDelimiter, entry->d_name);
         struct stat status;
-        if (isFileNotesNSF(entry->d_name) && stat(szPath, &status) == 0 &&
-            S_ISREG(status.st_mode)) {
+        if (!isFileNotesNSF(entry->d_name)) {
+            continue;
+        }
+        if (stat(szPath, &status) != 0) {
+            if (errno != ENOENT) {
+                DB_LogExt("getDatabasesIn(): [%s] cannot be read and is left out (%d): %s", szPath,
+                          errno, std::strerror(errno));
+            }
+        } else if (S_ISREG(status.st_mode)) {
             pushPath(_lhDatabases, szPath, DB_BACKUP_FILE_TYPE_DB);
         }
     }
-    if (errno != 0) {
-        DB_LogExt("getDatabasesIn(): directory [%s] could not be read to its end (%d): %s",
-                  cpDirectory, errno, std::strerror(errno));
-    }
+    tellNotReadToEnd("getDatabasesIn", cpDirectory, errno);
 }
 
 int getSubDirectories(const char* cpFullPattern, const char* cpITEM_PATH,
