@@ -1,5 +1,6 @@
 #include "qrt_lotus_notes/qrtln_n/document_restore.h"
 
+#include <cerrno>
 #include <cstdio>
 #include <string>
 #include <string_view>
@@ -294,7 +295,12 @@ bool readNoteIds(const char* path, LIST_INFO* lhNoteIds) {
                            DB_BACKUP_FILE_TYPE_DB);
         }
         // Half a list would restore half of what was asked for, silently.
+        const int error = errno;
         bRead = std::ferror(file.stream()) == 0;
+        if (!bRead) {
+            DB_TraceExt("ChangedDocumentsRecovery(): reading [%s] failed with errno (%d): %s",
+                        getUTF8FileName(path), error, getSysMsg(static_cast<unsigned>(error)));
+        }
     }
     if (!bRead) {
         DB_TraceExt("Could not open NoteID list file: %s", getUTF8FileName(path));
