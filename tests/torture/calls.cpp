@@ -52,7 +52,39 @@ constexpr struct {
     {"NSFDbGetModifiedNoteTable", kNotesNoNoteModified},
 };
 
+// What a failing call on a file costs, where that is meant. Everything else costs nothing but the
+// operation.
+constexpr struct {
+    const char* call;
+    const char* below; // the path's beginning
+    unsigned allowed;
+} kFileAllowances[] = {
+    // A copy that cannot be removed is there. The index's has the id of a process: none reads it.
+    {"remove", "tmp/", kLeavesCopy},
+    {"remove", "run/", kLeavesCopy},
+    // A copy whose target cannot be opened leaves its source open.
+    {"fopen", "server/data/", kLeavesStream},
+    {"mkdir", "server/data/", kLeavesStream},
+    {"fopen", "run/qrtln_DBIID.ini.", kLeavesStream},
+    // These just look whether there is a file, and say that there is none; or take it for there,
+    // and the server says why it cannot have it.
+    {"access", "/", kOtherReason},
+    {"stat", "server/notes.ini", kOtherReason},
+    {"stat", "server/logs/", kOtherReason},
+    {"stat", "server/data/", kOtherReason},
+};
+
 } // namespace
+
+unsigned allowedAfter(const std::string& call, const std::string& path) {
+    unsigned allowed = 0;
+    for (const auto& entry : kFileAllowances) {
+        if (call == entry.call && path.starts_with(entry.below)) {
+            allowed |= entry.allowed;
+        }
+    }
+    return allowed;
+}
 
 const NotesCall& notesCall(const std::string& name) {
     static const NotesCall kOther = {"", {}};

@@ -30,5 +30,17 @@ struct NotesCall {
 // A call's entry; one without an entry of its own has just kUntoldStatus.
 const NotesCall& notesCall(const std::string& name);
 
+// What a failing call on a file leaves, or leaves out, by contract.
+enum FileAllowance : unsigned {
+    kLeavesCopy = 1,   // a copy under TMP_DIR
+    kLeavesStream = 2, // a stream that stays open
+    kDoesLess = 4,     // the operation goes on without what the call was for
+    kOtherReason = 8,  // the operation fails with a reason that is not the call's error
+};
+
+// What is allowed after the failure of a call on a path: below the folder of the test, as "tmp/..",
+// "run/.." and "server/..", or absolute.
+unsigned allowedAfter(const std::string& call, const std::string& path);
+
 // Whether a status is an answer rather than a failure: there is nothing to do.
 bool isAnswer(const std::string& call, STATUS status);

@@ -10,8 +10,9 @@
 
 namespace {
 
-// Allocations of one kind that fail in the short form.
-constexpr unsigned kSpread = 4;
+// Calls into libc of one name that fail in the short form, about.
+constexpr unsigned kSpreadAllocations = 4;
+constexpr unsigned kSpreadFileCalls = 2;
 
 using Clock = std::chrono::steady_clock;
 
@@ -37,15 +38,46 @@ std::map<std::string, unsigned> countCalls(const Workspace& workspace) {
     return counts;
 }
 
-// How often the module allocated in the run before.
-std::map<std::string, unsigned> countAllocations(const Workspace& workspace) {
+// How often the module made each call of a kind in the run before. Those that cannot fail are left
+// out.
+std::map<std::string, unsigned> countModuleCalls(const Workspace& workspace, ModuleCalls kind) {
     std::map<std::string, unsigned> counts;
-    std::ifstream stream(workspace.folder.file("allocations"));
+    std::ifstream stream(workspace.folder.file("calls"));
     unsigned count = 0;
     for (std::string name; stream >> name >> count;) {
-        counts[name] = count;
+        if (isModuleCall(name, kind) && !moduleCallErrors(name).empty()) {
+            counts[name] = count;
+        }
     }
     return counts;
+}
+
+std::map<std::string, unsigned> countsOf(const std::string& part, const Workspace& workspace) {
+    if (part == kNotesCalls) {
+        return countCalls(workspace);
+    }
+    return countModuleCalls(workspace,
+                            part == kAllocations ? ModuleCalls::allocations : ModuleCalls::files);
+}
+
+// The short form spreads the calls evenly over the operation, and takes the errors in turn.
+std::vector<Fault> moduleFaultsFor(const std::string& call, unsigned count, bool longForm) {
+    const std::vector<int>& errors = moduleCallErrors(call);
+    std::vector<Fault> faults;
+    const unsigned spread =
+        isModuleCall(call, ModuleCalls::files) ? kSpreadFileCalls : kSpreadAllocations;
+    const unsigned step = longForm ? 1 : std::max(1U, count / spread);
+    std::size_t turn = 0;
+    for (unsigned number = 1; number <= count + (longForm ? 1 : 0); number += step) {
+        if (longForm) {
+            for (const int error : errors) {
+                faults.push_back({call, number, static_cast<STATUS>(error)});
+            }
+        } else {
+            faults.push_back({call, number, static_cast<STATUS>(errors[turn++ % errors.size()])});
+        }
+    }
+    return faults;
 }
 
 // What is injected into a call that is made so often: in the short form the first with a status
@@ -53,13 +85,7 @@ std::map<std::string, unsigned> countAllocations(const Workspace& workspace) {
 std::vector<Fault> faultsFor(const std::string& call, unsigned count, bool longForm) {
     const std::vector<STATUS>& toldApart = notesCall(call).toldApart;
     if (isModuleCall(call)) {
-        // Evenly spread over the operation in the short form.
-        std::vector<Fault> faults;
-        const unsigned step = longForm ? 1 : std::max(1U, count / kSpread);
-        for (unsigned number = 1; number <= count + (longForm ? 1 : 0); number += step) {
-            faults.push_back({call, number, 0});
-        }
-        return faults;
+        return moduleFaultsFor(call, count, longForm);
     }
     if (!longForm) {
         std::vector<Fault> faults = {{call, count, kUntoldStatus}};
@@ -95,8 +121,7 @@ class Loop {
             return m_figures;
         }
         m_scenario.learn(m_workspace);
-        const auto counts =
-            m_choice.part == kAllocations ? countAllocations(m_workspace) : countCalls(m_workspace);
+        const auto counts = countsOf(m_choice.part, m_workspace);
         m_figures.calls = counts.size();
         for (const auto& [call, count] : counts) {
             m_figures.occurrences += count;

@@ -12,7 +12,7 @@
 namespace {
 
 int usage() {
-    std::fputs("usage: torture [--long] [--part fail_at_n|allocations] [--scenario "
+    std::fputs("usage: torture [--long] [--part fail_at_n|allocations|system_calls] [--scenario "
                "full|incremental|activation|"
                "deleted|changed|recovery] [--call NAME]\n",
                stderr);
@@ -39,7 +39,7 @@ int main(int argc, char** argv) try {
     int failures = 0;
     bool found = false;
     const std::string wanted = choice.part;
-    for (const char* part : {kNotesCalls, kAllocations}) {
+    for (const char* part : {kNotesCalls, kAllocations, kSystemCalls}) {
         if (wanted.empty() || wanted == part) {
             found = true;
             choice.part = part;

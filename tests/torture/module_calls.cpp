@@ -11,49 +11,30 @@
 #include <sys/mman.h>
 #include <unistd.h>
 
+#include "tests/torture/file_calls.h"
+
 namespace {
 
-enum Name { kMalloc, kCalloc, kStrdup, kNew, kNames };
-
-struct Redirected {
-    const char* name;   // as it is told
-    const char* symbol; // as the module names it
-    void* wrapper;
-    void* original;
-    unsigned calls;
-};
-
 unsigned s_failing = 0; // the number of the call that is to fail; 0: none
-int s_failingName = kNames;
+const ModuleCall* s_failingCall = nullptr;
+int s_error = 0;
 unsigned s_fired = 0;
 
-// Counts a call; whether it is the one that fails.
-bool fails(Name name);
+enum Allocation { kMalloc, kCalloc, kStrdup, kNew };
 
-void* failingMalloc(std::size_t size);
-void* failingCalloc(std::size_t count, std::size_t size);
-char* failingStrdup(const char* text);
-void* failingNew(std::size_t size);
+std::vector<ModuleCall>& allocations();
 
-Redirected s_redirected[kNames] = {
-    {"malloc", "malloc", reinterpret_cast<void*>(&failingMalloc), nullptr, 0},
-    {"calloc", "calloc", reinterpret_cast<void*>(&failingCalloc), nullptr, 0},
-    {"strdup", "strdup", reinterpret_cast<void*>(&failingStrdup), nullptr, 0},
-    {"new", "_Znwm", reinterpret_cast<void*>(&failingNew), nullptr, 0},
-};
-
-bool fails(Name name) {
-    const bool failing = ++s_redirected[name].calls == s_failing && s_failingName == name;
-    s_fired += failing ? 1 : 0;
-    if (failing) {
-        errno = ENOMEM;
+bool fails(Allocation name) {
+    const int error = dueError(allocations()[name]);
+    if (error != 0) {
+        errno = error;
     }
-    return failing;
+    return error != 0;
 }
 
 template <typename Function>
-Function original(Name name) {
-    return reinterpret_cast<Function>(s_redirected[name].original);
+Function original(Allocation name) {
+    return reinterpret_cast<Function>(allocations()[name].original);
 }
 
 void* failingMalloc(std::size_t size) {
@@ -74,6 +55,33 @@ void* failingNew(std::size_t size) {
         throw std::bad_alloc();
     }
     return original<void* (*)(std::size_t)>(kNew)(size);
+}
+
+// In the order of Allocation.
+std::vector<ModuleCall>& allocations() {
+    static std::vector<ModuleCall> calls = {
+        {"malloc", "malloc", reinterpret_cast<void*>(&failingMalloc), {ENOMEM}},
+        {"calloc", "calloc", reinterpret_cast<void*>(&failingCalloc), {ENOMEM}},
+        {"strdup", "strdup", reinterpret_cast<void*>(&failingStrdup), {ENOMEM}},
+        {"new", "_Znwm", reinterpret_cast<void*>(&failingNew), {ENOMEM}},
+    };
+    return calls;
+}
+
+std::vector<ModuleCall>& callsOf(ModuleCalls kind) {
+    return kind == ModuleCalls::allocations ? allocations() : fileCalls();
+}
+
+// The call of a name; nullptr when there is none.
+ModuleCall* findCall(const std::string& name) {
+    for (const ModuleCalls kind : {ModuleCalls::allocations, ModuleCalls::files}) {
+        for (ModuleCall& call : callsOf(kind)) {
+            if (name == call.name) {
+                return &call;
+            }
+        }
+    }
+    return nullptr;
 }
 
 #if defined(__x86_64__)
@@ -122,7 +130,7 @@ Tables tablesOf(const link_map& library) {
 }
 
 // Puts the wrapper into one slot, which the loader has made read-only.
-void redirect(void** slot, Redirected& call) {
+void redirect(void** slot, ModuleCall& call) {
     const auto page = static_cast<std::uintptr_t>(sysconf(_SC_PAGESIZE));
     void* const start =
         reinterpret_cast<void*>(reinterpret_cast<std::uintptr_t>(slot) & ~(page - 1));
@@ -145,9 +153,16 @@ void redirectAll(const link_map& library) {
             }
             const char* symbol =
                 tables.strings + tables.symbols[ELF64_R_SYM(relocation.r_info)].st_name;
-            for (Redirected& call : s_redirected) {
-                if (std::strcmp(symbol, call.symbol) == 0) {
-                    redirect(reinterpret_cast<void**>(library.l_addr + relocation.r_offset), call);
+            if (isUnwrappedFileCall(symbol)) {
+                throw std::runtime_error(std::string("the module calls ") + symbol +
+                                         ", which has no wrapper in file_calls.cpp");
+            }
+            for (const ModuleCalls kind : {ModuleCalls::allocations, ModuleCalls::files}) {
+                for (ModuleCall& call : callsOf(kind)) {
+                    if (std::strcmp(symbol, call.symbol) == 0) {
+                        redirect(reinterpret_cast<void**>(library.l_addr + relocation.r_offset),
+                                 call);
+                    }
                 }
             }
         }
@@ -156,7 +171,7 @@ void redirectAll(const link_map& library) {
 
 } // namespace
 
-void armModuleCalls(const std::string& name, unsigned number) {
+void armModuleCalls(const std::string& name, unsigned number, int error) {
     void* const module = dlopen(QRTLN_MODULE, RTLD_NOW | RTLD_NOLOAD);
     link_map* library = nullptr;
     if (module == nullptr || dlinfo(module, RTLD_DI_LINKMAP, &library) != 0) {
@@ -164,17 +179,28 @@ void armModuleCalls(const std::string& name, unsigned number) {
     }
     redirectAll(*library);
     s_failing = number;
-    s_failingName = kNames;
-    for (int i = 0; i < kNames; ++i) {
-        if (name == s_redirected[i].name) {
-            s_failingName = i;
-        }
-    }
+    s_failingCall = findCall(name);
+    s_error = error;
 }
 
 bool isModuleCall(const std::string& name) {
-    return std::any_of(std::begin(s_redirected), std::end(s_redirected),
-                       [&](const Redirected& call) { return name == call.name; });
+    return findCall(name) != nullptr;
+}
+
+bool isModuleCall(const std::string& name, ModuleCalls kind) {
+    const std::vector<ModuleCall>& calls = callsOf(kind);
+    return std::any_of(calls.begin(), calls.end(),
+                       [&](const ModuleCall& call) { return name == call.name; });
+}
+
+const std::vector<int>& moduleCallErrors(const std::string& name) {
+    return findCall(name)->errors;
+}
+
+int dueError(ModuleCall& call) {
+    const bool due = ++call.calls == s_failing && &call == s_failingCall;
+    s_fired += due ? 1 : 0;
+    return due ? s_error : 0;
 }
 
 unsigned moduleFaultsFired() {
@@ -183,9 +209,11 @@ unsigned moduleFaultsFired() {
 
 std::map<std::string, unsigned> moduleCallCounts() {
     std::map<std::string, unsigned> counts;
-    for (const Redirected& call : s_redirected) {
-        if (call.calls > 0) {
-            counts[call.name] = call.calls;
+    for (const ModuleCalls kind : {ModuleCalls::allocations, ModuleCalls::files}) {
+        for (const ModuleCall& call : callsOf(kind)) {
+            if (call.calls > 0) {
+                counts[call.name] = call.calls;
+            }
         }
     }
     return counts;

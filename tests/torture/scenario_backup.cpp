@@ -1,4 +1,5 @@
 // Full and incremental backup.
+#include "tests/torture/calls.h"
 #include "tests/torture/content.h"
 #include "tests/torture/scenarios.h"
 
@@ -54,6 +55,9 @@ class Backup : public Scenario {
             workspace.markSaved(name);
         }
         workspace.simulate("create " + workspace.server() + " never.nsf --notes 2");
+        // Found by a search of its own, after everything else.
+        fs::create_directory(workspace.data("attachments"));
+        std::ofstream(workspace.data("attachments/one.nlo")) << "attachment";
         // Each change nearly fills an extent: some are ready to be archived.
         const std::string text(9000, 'x');
         for (int i = 0; i < 3; ++i) {
@@ -78,11 +82,13 @@ class Backup : public Scenario {
             done = save(trial, item) && done;
         }
         // Items that the module skips never reach its host.
+        for (const char* skipped : {"cannot be read", "could not be read to its end"}) {
+            done = done && !Trial::logged(skipped);
+        }
         if (m_level != DB_LEVEL_FULL) {
             done = !Trial::logged("Checking if file needs to be backed up failure") && done;
         }
         std::ofstream(trial.server.folder.file("items")) << joined();
-        trial.expect(trial.server.filesBelow("tmp").empty(), "a copy is left under TMP_DIR");
         m_stored = done;
         return trial.close(done) && done;
     }
@@ -99,19 +105,22 @@ class Backup : public Scenario {
 
     void judge(Trial& trial, bool done) override {
         const Workspace& server = trial.server;
-        trial.expect(server.filesBelow("tmp").empty(), "a copy is left under TMP_DIR");
+        trial.expect(server.filesBelow("tmp").empty() || trial.allows(kLeavesCopy),
+                     "a copy is left under TMP_DIR");
         // A close that fails at the end of archiving leaves the working copy of the index, by
         // contract.
         const auto files = server.filesBelow("run");
         const bool mayHaveMore = trial.fault.call.empty() || (m_stored && !done);
-        trial.expect(files.size() == 1 || (mayHaveMore && files.size() == 2),
+        trial.expect(files.size() == 1 ||
+                         ((mayHaveMore || trial.allows(kLeavesCopy)) && files.size() == 2),
                      std::to_string(files.size()) + " files instead of the index alone");
         if (trial.fault.call.empty()) {
             judgeWithoutFault(trial);
             return;
         }
         if (m_stored && trial.mustBeComplete()) {
-            trial.expect(joined() == m_all, "counts as done with other items than without a fault");
+            trial.expect(joined() == m_all || (lacksLogs(trial.fault) && joined() == withoutLogs()),
+                         "counts as done with other items than without a fault");
         }
         judgeIndex(trial, done);
         // A log that was marked is gone from the server.
@@ -173,9 +182,28 @@ class Backup : public Scenario {
         const std::set<std::string> former = linesOf(m_former);
         const std::set<std::string> later = linesOf(m_later);
         for (const std::string& line : linesOf(index)) {
-            trial.expect(former.count(line) + later.count(line) > 0,
+            // Where the server does not tell whether a database was ever backed up, it gets one.
+            const bool untold = trial.fault.call == "NSFIsNewBackupNeeded" &&
+                                line.starts_with(trial.server.data("never.nsf="));
+            trial.expect(untold || former.count(line) + later.count(line) > 0,
                          "the index has a line of its own: " + line);
         }
+    }
+
+    // A backup of everything can do without logs, where the server does not tell how it logs: it
+    // keeps them.
+    bool lacksLogs(const Fault& fault) const {
+        return m_level == DB_LEVEL_FULL && fault.call == "NSFGetTransLogStyle";
+    }
+
+    // The items of a backup without a fault, without those logs that the host did not get.
+    std::string withoutLogs() const {
+        std::string text;
+        for (const std::string& item : linesOf(m_all)) {
+            const bool log = item.ends_with(".TXN") || item.ends_with("nlogctrl.lfh");
+            text += log && m_saved.count(item) == 0 ? "" : item + "\n";
+        }
+        return text;
     }
 
     std::string joined() const {

@@ -28,8 +28,8 @@ class Workspace : public SimulatedServer {
     bool isOffline(const std::string& name) const;
 };
 
-// The fault of a run: a call of the server's library, or one of the module's allocations, which has
-// no status. Without a call there is none.
+// The fault of a run: a call of the server's library with its status, or a call of the module into
+// libc with its errno. Without a call there is none.
 struct Fault {
     std::string call;
     unsigned number = 0;
@@ -67,6 +67,8 @@ class Trial {
     // Whether the module said a text anywhere, as part of a message; in its log, from a line on.
     bool said(const std::string& text) const;
     static bool logged(const std::string& text, std::size_t from = 0);
+    // Whether the fault, a failed call on a file, may leave something: of FileAllowance.
+    bool allows(unsigned allowance) const;
     // Whether nothing may be missing from an operation that counts as done.
     bool mustBeComplete() const;
 };
