@@ -178,7 +178,9 @@ char* getLotusNotesApiError(int apiError, BOOL bLog) {
     if (isNotesApiLoaded()) {
         notes_api.OSLoadString(0, number, errorApiText, sizeof errorApiText);
         errorApiText[sizeof errorApiText - 1] = '\0';
-    } else {
+    }
+    // A failure is told even where the server has no text for it.
+    if (*errorApiText == '\0' && number != kNotesNoError) {
         formatText(errorApiText, sizeof errorApiText, "Notes status %d", number);
     }
     DB_TraceExt("Got Notes error: %s (%d)", errorApiText, number);
