@@ -15,7 +15,7 @@ const NotesCall kCalls[] = {
     {"OSTranslate", {}, kNothing, "is not valid"},
     {"OSLockObject", {}, kNothing, "cannot lock the working buffer"},
     {"OSMemFree", {}, NOTES_SIM_MEMORY_OBJECTS},
-    {"OSGetIntlSettings", {}, kNothing, "the server does not take the time to recover to"},
+    {"OSGetIntlSettings", {}, kNothing, "ConvertTextToTIMEDATE() failed, got error "},
     // Its result is not looked at, by contract: the copy of a note fails then.
     {"NSFDbIDGet", {}, kNothing, "NSFDbCopyNote() call failed"},
     {"NSFDbOpen", {kNotesNoSuchFile, kNotesNotADatabase}},
@@ -33,6 +33,9 @@ const NotesCall kCalls[] = {
     {"NSFRecoverDatabases", {kNotesNotBackedUp}},
     {"NSFDbGetModifiedNoteTable", {kNotesNoNoteModified}},
     {"IDDestroyTable", {}, NOTES_SIM_ID_TABLES},
+    // Not to be able to write the time down again answers "not modified", without a word, by
+    // contract; the mark that the server hears only saves it work.
+    {"ConvertTIMEDATEToText", {}, kNothing, nullptr, true},
     // A table's end, an empty table, an absent id; a constant that is not written.
     {"IDScan", {}, kNothing, nullptr, true},
     {"IDEntries", {}, kNothing, nullptr, true},

@@ -88,7 +88,7 @@ std::vector<Fault> faultsFor(const std::string& call, unsigned count, bool longF
         return moduleFaultsFor(call, count, longForm);
     }
     if (!longForm) {
-        std::vector<Fault> faults = {{call, count, kUntoldStatus}};
+        std::vector<Fault> faults = {{call, count, kUntoldStatus, call == "NSFDbOpen"}};
         if (!toldApart.empty() || count > 1) {
             faults.push_back({call, 1, toldApart.empty() ? kUntoldStatus : toldApart.front()});
         }
@@ -96,7 +96,7 @@ std::vector<Fault> faultsFor(const std::string& call, unsigned count, bool longF
     }
     std::vector<STATUS> statuses = toldApart;
     statuses.push_back(kUntoldStatus);
-    std::vector<Fault> faults;
+    std::vector<Fault> faults = {{call, count, kUntoldStatus, true}};
     for (const STATUS status : statuses) {
         // One more than there are calls: a run that injects nothing ends the loop.
         for (unsigned number = 1; number <= count + 1; ++number) {
@@ -183,8 +183,9 @@ class Loop {
 int failAtN(const Choice& choice) {
     int failures = 0;
     bool found = false;
-    for (const auto& make : {fullBackup, incrementalBackup, restoreWithActivation,
-                             restoreOfDeletedDocuments, restoreOfChangedDocuments, recovery}) {
+    for (const auto& make :
+         {fullBackup, incrementalBackup, differentialBackup, restoreWithActivation,
+          restoreOfDeletedDocuments, restoreOfChangedDocuments, recovery}) {
         const auto chosen = make();
         if (!choice.scenario.empty() && choice.scenario != chosen->name()) {
             continue;

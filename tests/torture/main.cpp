@@ -13,7 +13,7 @@ namespace {
 
 int usage() {
     std::fputs("usage: torture [--long] [--part fail_at_n|allocations|system_calls] [--scenario "
-               "full|incremental|activation|"
+               "full|incremental|differential|activation|"
                "deleted|changed|recovery] [--call NAME]\n",
                stderr);
     return 2;

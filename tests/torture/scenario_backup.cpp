@@ -1,4 +1,4 @@
-// Full and incremental backup.
+// Full, incremental and differential backup.
 #include "tests/torture/calls.h"
 #include "tests/torture/content.h"
 #include "tests/torture/scenarios.h"
@@ -37,7 +37,11 @@ void traceAndWrite(const char* text) {
 class Backup : public Scenario {
   public:
     explicit Backup(DB_OPERATION_LEVEL level) : m_level(level) {}
-    const char* name() const override { return m_level == DB_LEVEL_FULL ? "full" : "incremental"; }
+    const char* name() const override {
+        return m_level == DB_LEVEL_FULL   ? "full"
+               : m_level == DB_LEVEL_INCR ? "incremental"
+                                          : "differential";
+    }
 
     void prepare(const Workspace& workspace) override {
         // A full backup has been made, so that there is an index; then two databases became other
@@ -63,6 +67,15 @@ class Backup : public Scenario {
         for (int i = 0; i < 3; ++i) {
             workspace.simulate("put " + workspace.server() + " names.nsf --count 5 --text " + text);
         }
+        if (m_level == DB_LEVEL_DIFF) {
+            // Large enough for the server to hear how far its copy has got.
+            workspace.simulate("create " + workspace.server() + " large.nsf --unlogged --notes 2");
+            workspace.simulate("put " + workspace.server() + " large.nsf --count 35 --text " +
+                               std::string(100000, 'x'));
+            if (fs::file_size(workspace.data("large.nsf")) < 101 * 32768) {
+                throw std::runtime_error("large.nsf is not large");
+            }
+        }
         m_former = workspace.index();
     }
 
@@ -72,7 +85,9 @@ class Backup : public Scenario {
         s_writeDuringCopy = QRTLN_DOMINO_SIM " put " + trial.server.server() +
                             " names.nsf --count 3 --text changed > /dev/null";
         module.SetTrace(traceAndWrite);
-        bool done = trial.succeeded(module.open(trial.server, DB_TYPE_BCK, m_level));
+        bool done = trial.succeeded(
+            module.open(trial.server, DB_TYPE_BCK, m_level,
+                        {"DATABASE=NOTES", "SNC_TIME=20200101000000"})); // for a differential one
         while (done || !m_saved.empty()) {
             const std::string item = module.get();
             if (item.empty()) {
@@ -82,7 +97,8 @@ class Backup : public Scenario {
             done = save(trial, item) && done;
         }
         // Items that the module skips never reach its host.
-        for (const char* skipped : {"cannot be read", "could not be read to its end"}) {
+        for (const char* skipped : {"cannot be read", "could not be read to its end", "got error ",
+                                    "NSFDbGetModifiedNoteTable() returned error "}) {
             done = done && !Trial::logged(skipped);
         }
         if (m_level != DB_LEVEL_FULL) {
@@ -97,7 +113,8 @@ class Backup : public Scenario {
         m_all = workspace.folder.read("items");
         m_later = workspace.index();
         m_logs = workspace.calls("NSFDoneArchivingLog(");
-        if (m_later == m_former || m_logs == 0 ||
+        // A differential backup has no logs.
+        if (m_later == m_former || (m_logs == 0) != (m_level == DB_LEVEL_DIFF) ||
             linesOf(m_all).count(workspace.data("names.nsf")) == 0) {
             throw std::runtime_error("a backup without a fault changes no index or marks no log");
         }
@@ -231,4 +248,8 @@ std::unique_ptr<Scenario> fullBackup() {
 
 std::unique_ptr<Scenario> incrementalBackup() {
     return std::make_unique<Backup>(DB_LEVEL_INCR);
+}
+
+std::unique_ptr<Scenario> differentialBackup() {
+    return std::make_unique<Backup>(DB_LEVEL_DIFF);
 }

@@ -8,6 +8,7 @@
 
 std::unique_ptr<Scenario> fullBackup();
 std::unique_ptr<Scenario> incrementalBackup();
+std::unique_ptr<Scenario> differentialBackup();
 std::unique_ptr<Scenario> restoreWithActivation();
 std::unique_ptr<Scenario> restoreOfDeletedDocuments();
 std::unique_ptr<Scenario> restoreOfChangedDocuments();

@@ -81,7 +81,10 @@ void judgeMessage(Trial& trial) {
     const auto load = simulatorFunction<WORD (*)(DWORD, STATUS, char*, WORD)>("OSLoadString");
     load(0, trial.fault.status, szText, sizeof szText);
     const char* fixed = notesCall(trial.fault.call).says;
-    const std::string expected = fixed != nullptr ? fixed : szText;
+    std::string expected = fixed != nullptr ? fixed : szText;
+    if (fixed == nullptr && trial.fault.untold) {
+        expected = "Notes status " + std::to_string(trial.fault.status);
+    }
     trial.expect(trial.said(expected), "no message has \"" + expected + "\"");
 }
 
@@ -245,7 +248,7 @@ std::string Fault::text() const {
         return "";
     }
     const std::string what = isModuleCall(call) ? fileErrorText(status) : std::to_string(status);
-    return call + "#" + std::to_string(number) + "=" + what;
+    return call + "#" + std::to_string(number) + "=" + what + (untold ? ",OSLoadString=1" : "");
 }
 
 bool Trial::succeeded(int answer) {

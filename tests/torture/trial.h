@@ -34,6 +34,8 @@ struct Fault {
     std::string call;
     unsigned number = 0;
     STATUS status = 0;
+    // The server has no text for any status, either.
+    bool untold = false;
 
     std::string text() const;
 };
