@@ -44,7 +44,10 @@ class BackupOperation {
   public:
     BackupOperation(const BackupContext& context, BackupRequest request)
         : m_context(context), m_request(std::move(request)), m_ini(context.ini),
-          m_yielded(m_request.arguments.size(), false) {}
+          m_yielded(m_request.arguments.size(), false) {
+        for (std::size_t i = 0; i < m_request.arguments.size(); ++i)
+            m_argument_numbers.emplace(m_request.arguments[i].path, i);
+    }
     Manifest run();
 
   private:
@@ -55,6 +58,8 @@ class BackupOperation {
     void describe_set();
     void store_items();
     void note_unchecked(const std::string& handed_out);
+    std::string whole_path(const std::string& shown) const;
+    void note_yield(const ManifestItem& item);
     void store_item(const std::string& path);
     void prepare_and_read(ManifestItem& item);
     void report_unprepared(ManifestItem& item, const std::string& first_problem);
@@ -77,7 +82,8 @@ class BackupOperation {
     const BackupContext& m_context;
     BackupRequest m_request;
     const NotesIni& m_ini;
-    std::vector<bool> m_yielded; // by argument
+    std::map<std::string, std::size_t> m_argument_numbers; // by path
+    std::vector<bool> m_yielded;                           // by argument
     // The session goes first: its child has the temporary folder in use.
     std::optional<TemporaryDirectory> m_temporary;
     std::optional<ModuleSession> m_session;
@@ -86,6 +92,7 @@ class BackupOperation {
     std::set<std::string> m_seen;
     std::map<std::string, LogIdentity> m_logs;    // announced and not yet handed out
     std::vector<UncheckedItem> m_unchecked;       // told since the last item
+    std::vector<LeftOut> m_left_out;              // told at any time
     std::vector<std::string> m_warnings_for_next; // about the item that was just handed out
     // what the module's protocol told
     std::string m_last_error_line; // since the last item
@@ -148,6 +155,8 @@ void BackupOperation::on_log(const std::string& line) {
         m_last_error_line.clear();
         m_unchecked.push_back(std::move(*item));
     }
+    if (std::optional<LeftOut> left_out = parse_left_out(line))
+        m_left_out.push_back(std::move(*left_out));
     if (says_changes_incomplete(line))
         m_incomplete_copy = line;
     if (std::string style = logging_without_archive(line); !style.empty())
@@ -224,7 +233,7 @@ void BackupOperation::describe_set() {
 
 void BackupOperation::store_items() {
     m_buffer.resize(read_block);
-    m_progress.emplace(m_request.scan.databases);
+    m_progress.emplace(m_request.scan.databases.size());
     for (;;) {
         throw_if_interrupted();
         m_session->forget_reasons(); // what the start reported is no error of an item
@@ -256,7 +265,7 @@ void BackupOperation::note_unchecked(const std::string& handed_out) {
             continue;
         }
         ManifestItem item;
-        item.path = unchecked.path.empty() ? m_ini.data_directory : unchecked.path;
+        item.path = unchecked.path.empty() ? m_ini.data_directory : whole_path(unchecked.path);
         item.kind = unchecked.path.empty() ? ItemKind::directory : item_kind_of(item.path);
         item.reason = unchecked.problem;
         if (unchecked.path.empty())
@@ -268,6 +277,35 @@ void BackupOperation::note_unchecked(const std::string& handed_out) {
         add_item(std::move(item));
     }
     m_last_error_line.clear();
+}
+
+// The path that the module showed, which it cuts and translates for its messages: where just one
+// database can be meant, its own.
+std::string BackupOperation::whole_path(const std::string& shown) const {
+    struct stat status {};
+    if (::lstat(shown.c_str(), &status) == 0)
+        return shown;
+    const std::string* meant = nullptr;
+    for (const std::string& database : m_request.scan.databases)
+        if (database.starts_with(shown)) {
+            if (meant != nullptr)
+                return shown;
+            meant = &database;
+        }
+    return meant != nullptr ? *meant : shown;
+}
+
+// Marks the arguments that an item comes from: itself, or a folder above it.
+void BackupOperation::note_yield(const ManifestItem& item) {
+    if (item.kind == ItemKind::directory)
+        return;
+    bool data_notes_ini = item.path == m_ini.data_directory + "/notes.ini";
+    for (std::string path = item.path;; path = folder_of(path)) {
+        if (auto found = m_argument_numbers.find(path); found != m_argument_numbers.end())
+            m_yielded[found->second] = true;
+        if (path == "/" || data_notes_ini) // that one comes with every selection
+            return;
+    }
 }
 
 void BackupOperation::store_item(const std::string& path) {
@@ -288,7 +326,7 @@ void BackupOperation::store_item(const std::string& path) {
         item.log = log.mapped();
         item.kind = ItemKind::log;
     }
-    item.warnings = std::exchange(m_warnings_for_next, {});
+    std::vector<std::string> warnings = std::exchange(m_warnings_for_next, {});
     bool data_notes_ini = path == m_ini.data_directory + "/notes.ini";
     if (data_notes_ini && !item.has_metadata && path != m_ini.file) {
         // The module names this path always; the file in use is elsewhere.
@@ -296,19 +334,17 @@ void BackupOperation::store_item(const std::string& path) {
         store_own_notes_ini();
         return;
     }
-    if (item.kind != ItemKind::directory)
-        for (std::size_t i = 0; i < m_request.arguments.size(); ++i)
-            if (path == m_request.arguments[i].path ||
-                (!data_notes_ini && is_below(path, m_request.arguments[i].path)))
-                m_yielded[i] = true;
+    note_yield(item);
     if (item.kind == ItemKind::database)
         m_progress->next_database();
     m_prepared.clear();
     if (item.reason.empty() && item.kind != ItemKind::directory)
         prepare_and_read(item);
-    if (item.reason.empty())
+    bool stored = item.reason.empty();
+    if (stored) {
         item.status = ItemStatus::stored;
-    bool stored = item.status == ItemStatus::stored;
+        item.warnings.insert(item.warnings.begin(), warnings.begin(), warnings.end());
+    }
     if (finish(stored ? DB_ITEM_SUCCESS : DB_ITEM_FAIL) != DB_NUM_I_OK && stored)
         item.warnings.push_back("stored, but the module could not clean up after it: " +
                                 m_session->reason());
@@ -365,6 +401,8 @@ void BackupOperation::report_unprepared(ManifestItem& item, const std::string& f
     item.reason = "the server could not prepare it: " + last_problem;
     if (!first_problem.empty() && first_problem != last_problem)
         item.reason += " (the first attempt: " + first_problem + ")";
+    if (!is_utf8(item.path))
+        item.reason += " (its name is not UTF-8: run qrtln with the locale of the server)";
     std::optional<std::uint64_t> room = free_bytes(m_temporary->path());
     struct stat status {};
     if (room && item.kind == ItemKind::database && ::stat(item.path.c_str(), &status) == 0 &&
@@ -482,12 +520,19 @@ void BackupOperation::add_unreached() {
     };
     for (const auto& [path, reason] : m_request.scan.unreachable)
         add(path, reason, item_kind_of(path));
+    for (const LeftOut& left_out : m_left_out)
+        add(left_out.path, left_out.reason, ItemKind::directory);
     // A database that did not change is passed over, and so is notes.ini outside the data
     // directory.
     if (m_request.level == "diff" && m_request.arguments.empty())
         store_changed_notes_ini();
     if (selects_changes())
         return;
+    struct stat status {};
+    for (const std::string& path : m_request.scan.databases)
+        if (!m_seen.contains(path) && ::stat(path.c_str(), &status) == 0)
+            add(path, "the module did not hand it out: --trace shows what it did",
+                ItemKind::database);
     for (std::size_t i = 0; i < m_request.arguments.size(); ++i)
         if (!m_yielded[i]) {
             // The folder itself may have been handed out, just nothing in it.

@@ -11,6 +11,7 @@
 #include <cerrno>
 #include <dirent.h>
 #include <fnmatch.h>
+#include <map>
 #include <memory>
 #include <optional>
 #include <string_view>
@@ -32,7 +33,7 @@ constexpr std::array database_extensions = {".nsf", ".ns2", ".ns3", ".ns4", ".nt
 template <typename Extensions>
 bool has_extension(std::string_view name, const Extensions& extensions) {
     return std::any_of(extensions.begin(), extensions.end(), [&](std::string_view extension) {
-        return name.size() > extension.size() &&
+        return name.size() >= extension.size() &&
                ::strncasecmp(name.data() + name.size() - extension.size(), extension.data(),
                              extension.size()) == 0;
     });
@@ -113,22 +114,102 @@ class Scanner {
   public:
     SelectionScan scan;
 
+    // Begins at a file or folder; one that does not exist holds nothing.
+    void start(const std::string& path) {
+        struct stat status {};
+        if (::stat(path.c_str(), &status) != 0)
+            return;
+        if (!S_ISDIR(status.st_mode)) {
+            file(path, status);
+            return;
+        }
+        // As in the module a link to any folder above is one that never ends.
+        m_ancestors.clear();
+        struct stat above {};
+        for (std::string folder_above = path; folder_above != "/";) {
+            folder_above = folder_of(folder_above);
+            if (::stat(folder_above.c_str(), &above) == 0)
+                m_ancestors.emplace_back(above.st_dev, above.st_ino);
+        }
+        folder(path, status);
+    }
+
+  private:
+    struct Entry {
+        std::string name;
+        bool may_be_folder;
+    };
+
+    void leave_out(const std::string& path, const std::string& reason) {
+        scan.unreachable.emplace_back(path, reason);
+    }
+
     void file(const std::string& path, const struct stat& status) {
         std::string_view name = last_component(path);
-        if (name.starts_with('.') || !has_extension(name, selected_extensions))
-            return;
         if (path.size() >= module_path_size) {
-            scan.unreachable.emplace_back(path, "the path is longer than the module takes");
+            leave_out(path, "the path is longer than the module takes");
             return;
         }
         if (!S_ISREG(status.st_mode) || !has_extension(name, database_extensions))
             return;
-        ++scan.databases;
+        scan.databases.push_back(path);
         auto size = static_cast<std::uint64_t>(status.st_size);
         if (size > scan.largest) {
             scan.largest = size;
             scan.largest_path = path;
         }
+    }
+
+    std::vector<Entry> entries_of(const std::string& path) {
+        std::vector<Entry> entries;
+        std::unique_ptr<DIR, int (*)(DIR*)> listing(::opendir(path.c_str()), ::closedir);
+        if (!listing) {
+            // Of a file system's own folder nobody expects databases.
+            if (errno != ENOENT && last_component(path) != "lost+found")
+                leave_out(path, "the folder cannot be read, nothing below it was saved: " +
+                                    system_error_text(errno));
+            return entries;
+        }
+        for (;;) {
+            errno = 0;
+            const dirent* entry = ::readdir(listing.get());
+            if (entry == nullptr)
+                break;
+            std::string_view name = entry->d_name;
+            bool may_be_folder =
+                entry->d_type == DT_DIR || entry->d_type == DT_LNK || entry->d_type == DT_UNKNOWN;
+            // Most files are nobody's business here: those are not even looked at.
+            if (name != "." && name != ".." &&
+                (may_be_folder || has_extension(name, selected_extensions)))
+                entries.push_back({std::string(name), may_be_folder});
+        }
+        if (errno != 0)
+            leave_out(path, "the folder could not be read to its end: " + system_error_text(errno));
+        return entries;
+    }
+
+    void entry(const std::string& path, const Entry& entry) {
+        struct stat status {};
+        if (::stat(path.c_str(), &status) != 0) {
+            // Broken and endless links lead nowhere, and a file that cannot be looked at fails when
+            // the module hands it out. Of a folder nobody else would tell.
+            if (errno != ENOENT && errno != ENOTDIR && errno != ELOOP &&
+                (entry.may_be_folder || errno == ENAMETOOLONG))
+                leave_out(path, "cannot look at it, nothing below it was saved: " +
+                                    system_error_text(errno));
+            return;
+        }
+        if (S_ISDIR(status.st_mode)) {
+            folder(path, status);
+            return;
+        }
+        if (!has_extension(entry.name, selected_extensions))
+            return;
+        if (!entry.name.starts_with('.'))
+            file(path, status);
+        else if (S_ISREG(status.st_mode) && has_extension(entry.name, database_extensions))
+            leave_out(path, "its name begins with a dot: the module takes such a database only "
+                            "when it is named as DATABASE");
     }
 
     void folder(const std::string& path, const struct stat& status) {
@@ -137,37 +218,13 @@ class Scanner {
         std::pair<dev_t, ino_t> identity(status.st_dev, status.st_ino);
         if (std::find(m_ancestors.begin(), m_ancestors.end(), identity) != m_ancestors.end())
             return;
-        std::unique_ptr<DIR, int (*)(DIR*)> listing(::opendir(path.c_str()), ::closedir);
-        if (!listing) {
-            // Of a file system's own folder nobody expects databases.
-            if (errno != ENOENT && last_component(path) != "lost+found")
-                scan.unreachable.emplace_back(path, "the folder cannot be read, nothing below it "
-                                                    "was saved: " +
-                                                        system_error_text(errno));
-            return;
-        }
         m_ancestors.push_back(identity);
-        std::vector<std::string> names;
-        while (const dirent* entry = ::readdir(listing.get())) {
-            std::string_view name = entry->d_name;
-            if (name != "." && name != "..")
-                names.emplace_back(name);
-        }
-        listing.reset(); // one open folder at a time, however deep the tree
-        for (const std::string& name : names) {
-            std::string child = path + "/" + name;
-            struct stat child_status {};
-            if (::stat(child.c_str(), &child_status) != 0)
-                continue; // a broken link or a file that went: the run itself tells
-            if (S_ISDIR(child_status.st_mode))
-                folder(child, child_status);
-            else
-                file(child, child_status);
-        }
+        // Read whole first: one open folder at a time, however deep the tree.
+        for (const Entry& found : entries_of(path))
+            entry(path + "/" + found.name, found);
         m_ancestors.pop_back();
     }
 
-  private:
     std::vector<std::pair<dev_t, ino_t>> m_ancestors;
 };
 
@@ -193,19 +250,19 @@ std::vector<DatabaseArgument> resolve_database_arguments(const std::vector<std::
     std::vector<DatabaseArgument> resolved;
     for (const std::string& text : given)
         resolved.push_back(resolve(text, data_directory));
+    std::map<std::string, const DatabaseArgument*> first; // of each path
+    for (const DatabaseArgument& argument : resolved)
+        first.try_emplace(argument.path, &argument);
     std::vector<DatabaseArgument> kept;
-    for (std::size_t i = 0; i < resolved.size(); ++i) {
-        bool covered = false;
-        for (std::size_t j = 0; j < resolved.size() && !covered; ++j) {
-            if (i == j)
-                continue;
-            if (resolved[j].path == resolved[i].path)
-                covered = j < i;
-            else
-                covered = resolved[j].directory && is_below(resolved[i].path, resolved[j].path);
+    for (const DatabaseArgument& argument : resolved) {
+        bool covered = first.at(argument.path) != &argument;
+        for (std::string above = argument.path; !covered && above != "/";) {
+            above = folder_of(above);
+            auto found = first.find(above);
+            covered = found != first.end() && found->second->directory;
         }
         if (!covered)
-            kept.push_back(resolved[i]);
+            kept.push_back(argument);
     }
     return kept;
 }
@@ -213,20 +270,10 @@ std::vector<DatabaseArgument> resolve_database_arguments(const std::vector<std::
 SelectionScan scan_selection(const std::string& data_directory,
                              const std::vector<DatabaseArgument>& arguments) {
     Scanner scanner;
-    std::vector<std::string> starts;
     if (arguments.empty())
-        starts.push_back(data_directory);
+        scanner.start(data_directory);
     for (const DatabaseArgument& argument : arguments)
-        starts.push_back(argument.path);
-    for (const std::string& start : starts) {
-        struct stat status {};
-        if (::stat(start.c_str(), &status) != 0)
-            continue;
-        if (S_ISDIR(status.st_mode))
-            scanner.folder(start, status);
-        else
-            scanner.file(start, status);
-    }
+        scanner.start(argument.path);
     return std::move(scanner.scan);
 }
 

@@ -30,15 +30,15 @@ bool is_database_name(const std::string& name);
 
 // What a look over the selected files tells before the run starts.
 struct SelectionScan {
-    std::uint64_t databases = 0;
-    std::uint64_t largest = 0; // bytes of the largest database
+    std::vector<std::string> databases; // regular files that the module takes for databases
+    std::uint64_t largest = 0;          // bytes of the largest database
     std::string largest_path;
     // Files and folders that the module passes over silently, with the reason.
     std::vector<std::pair<std::string, std::string>> unreachable;
 };
 
 // Walks the data directory, or the arguments if there are any, as the module does: linked folders
-// are entered, names that begin with "." are no databases. Stops when interrupted.
+// are entered, unless they hold the link. Stops when interrupted.
 SelectionScan scan_selection(const std::string& data_directory,
                              const std::vector<DatabaseArgument>& arguments);
 

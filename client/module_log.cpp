@@ -64,6 +64,40 @@ std::optional<UncheckedItem> parse_unchecked_item(const std::string& line) {
     return std::nullopt;
 }
 
+std::optional<LeftOut> parse_left_out(const std::string& line) {
+    struct Form {
+        std::string_view before; // the path, and after the name of a function
+        std::string_view after;
+        const char* reason;
+    };
+    static constexpr Form forms[] = {
+        {"(): directory [", "] cannot be read, its files are left out (",
+         "the module cannot read the folder, nothing below it was saved"},
+        {"(): directory [", "] could not be read to its end (",
+         "the module could not read the folder to its end"},
+        {"(): closing directory [", "] failed, what follows it cannot be read (",
+         "the module could not read on after it"},
+    };
+    for (const Form& form : forms) {
+        std::size_t start = line.find(form.before);
+        std::size_t end = line.rfind(form.after);
+        if (start == std::string::npos || end == std::string::npos || line.find(' ') < start ||
+            end < start + form.before.size())
+            continue;
+        start += form.before.size();
+        LeftOut left_out{line.substr(start, end - start), form.reason};
+        if (left_out.path.size() > 1 && left_out.path.ends_with('/'))
+            left_out.path.pop_back();
+        if (left_out.path.ends_with("/lost+found"))
+            return std::nullopt;
+        // "NUMBER): TEXT"
+        if (std::size_t text = line.find("): ", end); text != std::string::npos)
+            left_out.reason += line.substr(text + 1);
+        return left_out;
+    }
+    return std::nullopt;
+}
+
 bool says_changes_incomplete(const std::string& line) {
     return line.find("(): NSFBackupEndApplyChangeInfo LN C API call failed: ") != std::string::npos;
 }

@@ -33,6 +33,16 @@ struct UncheckedItem {
 // same.
 std::optional<UncheckedItem> parse_unchecked_item(const std::string& line);
 
+// A folder that the module could not look into.
+struct LeftOut {
+    std::string path;
+    std::string reason;
+};
+
+// What a line says was left out, or nothing for any other line. A file system's own lost+found is
+// not told of.
+std::optional<LeftOut> parse_left_out(const std::string& line);
+
 // Whether a line says that the changes made during a copy could not be completed in it. The module
 // hands the copy out all the same.
 bool says_changes_incomplete(const std::string& line);

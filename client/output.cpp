@@ -50,7 +50,9 @@ void print_output(const std::string& text) {
 }
 
 void print_json(const nlohmann::json& document) {
-    print_output(document.dump(2, ' ', false, nlohmann::json::error_handler_t::replace) + "\n");
+    print_output(
+        json_for_terminal(document.dump(2, ' ', false, nlohmann::json::error_handler_t::replace)) +
+        "\n");
 }
 
 Progress::Progress(std::uint64_t databases)

@@ -1,5 +1,6 @@
 #include "client/text.h"
 
+#include <algorithm>
 #include <array>
 #include <cstdio>
 
@@ -35,16 +36,29 @@ std::size_t utf8_length(std::string_view text) {
     return 0;
 }
 
+// The well-formed character of this length at the start of the text.
+char32_t character(std::string_view text, std::size_t length) {
+    auto byte = [&](std::size_t i) { return static_cast<unsigned char>(text[i]); };
+    if (length == 1)
+        return byte(0);
+    char32_t value = byte(0) & (0xFFU >> (length + 1));
+    for (std::size_t i = 1; i < length; ++i)
+        value = value << 6 | (byte(i) & 0x3FU);
+    return value;
+}
+
+// What a terminal may obey, or what makes a line read as another one.
+bool is_control(char32_t value) {
+    return value < 0x20 || (value >= 0x7F && value < 0xA0) || value == 0x061C || value == 0x200E ||
+           value == 0x200F || (value >= 0x2028 && value <= 0x202E) ||
+           (value >= 0x2066 && value <= 0x2069);
+}
+
 std::string escape(std::string_view bytes, bool controls) {
     std::string text;
     while (!bytes.empty()) {
         std::size_t length = utf8_length(bytes);
-        unsigned char first = static_cast<unsigned char>(bytes[0]);
-        bool control =
-            first < 0x20 || first == 0x7F ||
-            // C1 controls, which some terminals obey
-            (length == 2 && first == 0xC2 && static_cast<unsigned char>(bytes[1]) < 0xA0);
-        if (length == 0 || (controls && control)) {
+        if (length == 0 || (controls && is_control(character(bytes, length)))) {
             for (std::size_t i = 0; i < (length == 0 ? 1 : length); ++i) {
                 std::array<char, 5> code{};
                 std::snprintf(code.data(), code.size(), "\\x%02x",
@@ -89,6 +103,22 @@ std::string printable_utf8(std::string_view bytes) {
 
 std::string for_terminal(std::string_view bytes) {
     return escape(bytes, true);
+}
+
+std::string json_for_terminal(std::string_view json) {
+    std::string text;
+    for (std::size_t length = 0; !json.empty(); json.remove_prefix(length)) {
+        length = std::max<std::size_t>(1, utf8_length(json));
+        char32_t value = character(json, length);
+        if (value >= 0x7F && is_control(value)) {
+            std::array<char, 11> code{};
+            std::snprintf(code.data(), code.size(), "\\u%04x", static_cast<unsigned>(value));
+            text += code.data();
+        } else {
+            text += json.substr(0, length);
+        }
+    }
+    return text;
 }
 
 std::string to_hex(std::string_view bytes) {

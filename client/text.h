@@ -15,8 +15,12 @@ bool is_utf8(std::string_view bytes);
 // The bytes as UTF-8: each byte that is not part of a well-formed character becomes "\xNN".
 std::string printable_utf8(std::string_view bytes);
 
-// The bytes as one line for a terminal: as above, and control characters become "\xNN" too.
+// The bytes as one line for a terminal: as above, and control characters, those that change the
+// direction of text among them, become "\xNN" too.
 std::string for_terminal(std::string_view bytes);
+
+// A JSON document, in UTF-8, with the control characters that JSON leaves as they are as "\uNNNN".
+std::string json_for_terminal(std::string_view json);
 
 std::string to_hex(std::string_view bytes);
 // Lower-case hexadecimal digits back to bytes; nothing for anything else.

@@ -90,7 +90,7 @@ int BackupRun::run() {
 void BackupRun::check_selection() {
     m_request.arguments = resolve_database_arguments(m_options.databases, m_ini.data_directory);
     m_request.scan = scan_selection(m_ini.data_directory, m_request.arguments);
-    if (m_request.arguments.empty() && m_request.scan.databases == 0)
+    if (m_request.arguments.empty() && m_request.scan.databases.empty())
         throw ClientError(ExitCode::server_error,
                           "there is no database below the data directory " +
                               for_terminal(m_ini.data_directory) + " of " +

@@ -20,7 +20,7 @@ int run_show(const StoreOptions& options) {
                           "`qrtln verify` tells what else is damaged");
     if (options.json) {
         // The manifest is the document: one form for scripts.
-        print_output(serialize(*entry.manifest));
+        print_output(json_for_terminal(serialize(*entry.manifest)));
         return 0;
     }
     const Manifest& manifest = *entry.manifest;

@@ -191,5 +191,27 @@ TEST(ModuleLog, ItemsThatCouldNotBeCheckedAreNamed) {
         EXPECT_FALSE(parse_unchecked_item(line)) << line;
 }
 
+TEST(ModuleLog, FoldersThatTheModuleLeavesOutAreHeard) {
+    const struct {
+        const char* line;
+        const char* left_out; // path and reason
+    } cases[] = {
+        {"fillFileList(): directory [/d/] x] cannot be read, its files are left out (5): I/O error",
+         "/d/] x: the module cannot read the folder, nothing below it was saved: I/O error"},
+        {"getSubDirectories(): directory [/d/] could not be read to its end (5): I/O error",
+         "/d: the module could not read the folder to its end: I/O error"},
+        {"fillFileList(): closing directory [/d] failed, what follows it cannot be read (5): I/O",
+         "/d: the module could not read on after it: I/O"},
+        {"fillFileList(): directory [/d/lost+found] cannot be read, its files are left out (13): x",
+         ""},
+        {"Src Db: (): directory [/d] cannot be read, its files are left out (13): x", ""},
+        {"] cannot be read, its files are left out (13): x", ""},
+    };
+    for (const auto& test : cases) {
+        auto left_out = parse_left_out(test.line);
+        EXPECT_EQ(left_out ? left_out->path + ": " + left_out->reason : "", test.left_out);
+    }
+}
+
 } // namespace
 } // namespace qrtln

@@ -18,6 +18,7 @@ namespace fs = std::filesystem;
 using test::ScratchFolder;
 using test::write_file;
 using testing::HasSubstr;
+using testing::Pair;
 
 TEST(EscapeLastComponent, MatchesTheNameItselfAndNothingElseInThePattern) {
     const struct {
@@ -123,17 +124,19 @@ TEST_F(DatabaseArguments, ScanFindsTheLargestAndWhatTheModuleCannotReach) {
     write_file(m_data + "/mail/bigger.txt", std::string(9000, 'x'));
     write_file(m_data + "/mail/.hidden.nsf", std::string(9000, 'x'));
     fs::create_directory_symlink(m_data, m_data + "/mail/loop");
+    fs::create_directory_symlink("/", m_data + "/mail/root");
     std::string deep = m_data;
     while (deep.size() < 1100)
         deep += "/" + std::string(100, 'd');
     fs::create_directories(deep);
     write_file(deep + "/far.nsf", "x");
     SelectionScan scan = scan_selection(m_data, {});
-    EXPECT_EQ(scan.databases, 4U);
+    EXPECT_EQ(scan.databases.size(), 4U);
     EXPECT_EQ(scan.largest, 5000U);
     EXPECT_EQ(scan.largest_path, m_data + "/mail/big.NTF");
-    ASSERT_EQ(scan.unreachable.size(), 1U);
-    EXPECT_EQ(scan.unreachable[0].first, deep + "/far.nsf");
+    EXPECT_THAT(scan.unreachable, testing::UnorderedElementsAre(
+                                      Pair(deep + "/far.nsf", HasSubstr("longer")),
+                                      Pair(m_data + "/mail/.hidden.nsf", HasSubstr("dot"))));
 }
 
 TEST(NotesIni, NamesIgnoreCaseAndTheFirstValueCounts) {
@@ -201,6 +204,7 @@ TEST(Text, BytesOfAnyEncodingBecomePrintable) {
         {"\x1b[2J", "\x1b[2J", "\\x1b[2J"},
         {"\xC2\x9B", "\xC2\x9B", "\\xc2\\x9b"},
         {"gr\xFC", "gr\\xfc", "gr\\xfc"},
+        {"\x7F\xE2\x80\xAE", "\x7F\xE2\x80\xAE", "\\x7f\\xe2\\x80\\xae"},
         {"\xC0\x80", "\\xc0\\x80", "\\xc0\\x80"},
         {"\xED\xA0\x80", "\\xed\\xa0\\x80", "\\xed\\xa0\\x80"},
     };
@@ -208,6 +212,8 @@ TEST(Text, BytesOfAnyEncodingBecomePrintable) {
         EXPECT_EQ(printable_utf8(test.bytes), test.printable);
         EXPECT_EQ(for_terminal(test.bytes), test.terminal);
     }
+    EXPECT_EQ(json_for_terminal("{\n\"\xC2\x9B\x7F\xE2\x80\xAE\": \"\xF0\x9F\x93\xA7 \xC3\xBC\"}"),
+              "{\n\"\\u009b\\u007f\\u202e\": \"\xF0\x9F\x93\xA7 \xC3\xBC\"}");
 }
 
 TEST(TemporaryDirectory, RemovesItselfWithoutFollowingLinksAndLeavesNoLeftoverOfTheDead) {
