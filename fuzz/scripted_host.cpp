@@ -104,7 +104,8 @@ class Tree {
             if (first != m_content.end() && first->first == name) {
                 continue;
             }
-            const bool isAbove = first != m_content.end() && first->first.starts_with(name + "/");
+            const auto below = m_content.lower_bound(name + "/");
+            const bool isAbove = below != m_content.end() && below->first.starts_with(name + "/");
             if (isAbove && entry.is_directory()) {
                 removeOthers(name);
             } else if (name != path("tmp") || !std::filesystem::is_empty(name)) {

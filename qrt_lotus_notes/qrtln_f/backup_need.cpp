@@ -151,6 +151,9 @@ int QRTLN_PrepareForBackup(char* cpFile, char* cpBackupDirectory, BOOL* bpFileOp
 int finishBackupFile(const char* cpOriginalFile, BOOL bFileWasOpen) {
     char szCopy[kPathSize];
     const char* cpName = relativeDatabaseName(cpOriginalFile);
+    if (bFileWasOpen && *g_sQRTLN_Global.szTmpDir == '\0') {
+        return DB_NUM_I_OK; // no copy was made
+    }
     if (cpName == nullptr || *cpName == '\0' || !buildCopyPath(cpOriginalFile, szCopy)) {
         DB_ErrHandler(0, kErrorKindNone, "finishBackupFile(): file full path [%s] is not valid.",
                       Utf8Name(cpOriginalFile).szName);

@@ -401,6 +401,12 @@ int PrepareOpenDbForBackup(const char* cpOriginalFile, char* cpBackupDirectory,
     char szBackupFile[kPathSize];
     char szTmpFile[kPathSize];
     char szLmbcsCopy[kPathSize];
+    if (*g_sQRTLN_Global.szTmpDir == '\0') {
+        DB_ErrHandler(0, kErrorKindNone,
+                      "PrepareOpenDbForBackup(): there is no TMP_DIR to put a copy of [%s] in",
+                      getUTF8FileName(cpOriginalFile));
+        return DB_NUM_E_FAILED;
+    }
     if (!buildCopyPath(cpOriginalFile, szBackupFile) || isSameFile(cpOriginalFile, szBackupFile) ||
         !translateToLmbcs(cpOriginalFile, szTmpFile) ||
         !translateToLmbcs(szBackupFile, szLmbcsCopy)) {

@@ -32,7 +32,10 @@ bool buildCopyPath(const char* cpDatabase, char (&szCopy)[kPathSize]) {
         return false;
     }
     const std::string_view tmpDir = g_sQRTLN_Global.szTmpDir;
-    const bool delimited = !tmpDir.empty() && tmpDir.back() == kDelimiter;
+    if (tmpDir.empty()) {
+        return false;
+    }
+    const bool delimited = tmpDir.back() == kDelimiter;
     return formatText(szCopy, sizeof szCopy, "%s%s%s", g_sQRTLN_Global.szTmpDir,
                       delimited ? "" : "/", relative);
 }

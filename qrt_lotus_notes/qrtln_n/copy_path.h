@@ -13,7 +13,8 @@ bool leadsUpwards(std::string_view path);
 // directory, or leading upwards.
 const char* relativeDatabaseName(const char* cpDatabase);
 
-// Builds the path of the copy. Returns false where there is none: see above, or too long.
+// Builds the path of the copy. Returns false where there is none: see above, too long, or no
+// TMP_DIR: below "/" it would take the place of what is not ours.
 bool buildCopyPath(const char* cpDatabase, char (&szCopy)[kPathSize]);
 
 // Whether both names lead to one existing file. With TMP_DIR equal to the data directory the "copy"

@@ -359,6 +359,11 @@ TEST_F(DbiidIndex, FinishDeletesNothingOutsideTheTemporaryDirectory) {
         EXPECT_EQ(finishBackupFile(path.c_str(), TRUE), DB_NUM_E_FAILED);
         EXPECT_THAT(takeErrorText(), ::testing::StartsWith("finishBackupFile(): file full path ["));
     }
+    // Without TMP_DIR there is no copy: what its path below "/" would be is not ours.
+    copyText(g_sQRTLN_Global.szNotesDataDirectory, "/notes");
+    g_sQRTLN_Global.szTmpDir[0] = '\0';
+    EXPECT_EQ(finishBackupFile(("/notes" + victim).c_str(), TRUE), DB_NUM_I_OK);
+    copyText(g_sQRTLN_Global.szNotesDataDirectory, data.c_str());
     // With TMP_DIR at the data directory the copy would be the live database.
     for (const std::string& directory : {data, data.substr(0, data.size() - 1)}) {
         copyText(g_sQRTLN_Global.szTmpDir, directory.c_str());

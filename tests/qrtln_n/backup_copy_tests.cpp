@@ -409,6 +409,11 @@ TEST_F(BackupCopyTest, APathThatIsNoPlaceOfACopyIsRefusedBeforeAnyCall) {
         EXPECT_EQ(text.substr(0, std::min<std::size_t>(expected.size(), 150)),
                   expected.substr(0, 150));
     }
+    g_sQRTLN_Global.szTmpDir[0] = '\0'; // what is below "/" is not ours
+    EXPECT_EQ(PrepareOpenDbForBackup(database.c_str(), directory, &id), 1000);
+    EXPECT_EQ(takeErrorText(), "PrepareOpenDbForBackup(): there is no TMP_DIR to put a copy of "
+                               "[U:L:" +
+                                   database + "] in");
     EXPECT_EQ(PrepareDbForBackup("name.nsf", directory, &id), 1000);
     EXPECT_EQ(takeErrorText(), "PrepareDbForBackup(): file full path U:L:name.nsf is not valid.");
     EXPECT_EQ(PrepareDbForBackup(("/" + std::string(1100, 'x')).c_str(), directory, &id), 1000);
