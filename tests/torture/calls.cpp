@@ -69,6 +69,10 @@ constexpr struct {
     {"fopen", "server/data/", kLeavesStream},
     {"mkdir", "server/data/", kLeavesStream},
     {"fopen", "run/qrtln_DBIID.ini.", kLeavesStream},
+    // An index that could not be flushed does not replace the old one, which is logged; one that
+    // did
+    // and whose folder could not be flushed is whole, old or new, after a power cut.
+    {"fsync", "run", kUnflushed},
     // These just look whether there is a file, and say that there is none; or take it for there,
     // and the server says why it cannot have it.
     {"access", "/", kOtherReason},

@@ -35,7 +35,8 @@ enum FileAllowance : unsigned {
     kLeavesCopy = 1,   // a copy under TMP_DIR
     kLeavesStream = 2, // a stream that stays open
     kDoesLess = 4,     // the operation goes on without what the call was for
-    kOtherReason = 8,  // the operation fails with a reason that is not the call's error
+    kUnflushed = 8,    // bytes that may not have reached the disk, in an operation that is done
+    kOtherReason = 16, // the operation fails with a reason that is not the call's error
 };
 
 // What is allowed after the failure of a call on a path: below the folder of the test, as "tmp/..",

@@ -73,7 +73,7 @@ int due(Name name, Subject subject) {
     const int error = dueError(fileCalls()[name]);
     if (error != 0) {
         s_failedPath = pathOf(subject);
-        errno = error;
+        errno = error == kDiskFull || error == kShortWrite ? ENOSPC : error;
     }
     return error;
 }
@@ -214,6 +214,7 @@ void* address(Function* function) {
 
 std::vector<ModuleCall>& fileCalls() {
     static const std::vector<int> kWriteErrors = {ENOSPC, EIO, EINTR};
+    static const std::vector<int> kTextErrors = {kDiskFull, EIO, EINTR};
     static const std::vector<int> kReadErrors = {EIO, EINTR};
     static const std::vector<int> kNameErrors = {EACCES, EIO};
     static const std::vector<int> kEntryErrors = {EACCES, ENOSPC, EIO};
@@ -226,9 +227,9 @@ std::vector<ModuleCall>& fileCalls() {
         {"fclose", "fclose", address(&failingClose<kFclose, FILE*>), kWriteErrors},
         {"fread", "fread", address(&failingFread), kReadErrors},
         {"fgets", "fgets", address(&failingFgets), kReadErrors},
-        {"fwrite", "fwrite", address(&failingFwrite), {kShortWrite, ENOSPC, EIO, EINTR}},
-        {"fputc", "fputc", address(&failingFputc), kWriteErrors},
-        {"fprintf", "fprintf", address(&failingFprintf), kWriteErrors},
+        {"fwrite", "fwrite", address(&failingFwrite), {kShortWrite, kDiskFull, ENOSPC, EIO, EINTR}},
+        {"fputc", "fputc", address(&failingFputc), kTextErrors},
+        {"fprintf", "fprintf", address(&failingFprintf), kTextErrors},
         {"fseek", "fseek", wrap<kFseek>(&std::fseek), kWriteErrors},
         {"ftell", "ftell", wrap<kFtell>(&std::ftell), {EIO}},
         // Says what became of the others, and fails at nothing itself.
@@ -273,5 +274,7 @@ const std::string& failedPath() {
 }
 
 std::string fileErrorText(int error) {
-    return error == kShortWrite ? "short write" : std::strerror(error);
+    return error == kShortWrite ? "short write"
+           : error == kDiskFull ? "disk full from here on"
+                                : std::strerror(error);
 }

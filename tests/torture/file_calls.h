@@ -8,8 +8,10 @@
 
 #include "tests/torture/module_calls.h"
 
-// Stands among the errors of a write for one that writes a half.
+// Stand among the errors of a write: for one that writes a half, and for a disk that is full from
+// then on. Both are ENOSPC to the caller.
 inline constexpr int kShortWrite = 1000;
+inline constexpr int kDiskFull = 1001;
 
 std::vector<ModuleCall>& fileCalls();
 

@@ -197,10 +197,21 @@ const std::vector<int>& moduleCallErrors(const std::string& name) {
     return findCall(name)->errors;
 }
 
+void disarmModuleCalls() {
+    s_failingCall = nullptr;
+    s_error = 0;
+}
+
 int dueError(ModuleCall& call) {
-    const bool due = ++call.calls == s_failing && &call == s_failingCall;
-    s_fired += due ? 1 : 0;
-    return due ? s_error : 0;
+    ++call.calls;
+    if (call.calls == s_failing && &call == s_failingCall) {
+        s_fired = 1;
+        return s_error;
+    }
+    const bool lasts =
+        s_fired > 0 && s_error == kDiskFull &&
+        std::find(call.errors.begin(), call.errors.end(), kDiskFull) != call.errors.end();
+    return lasts ? s_error : 0;
 }
 
 unsigned moduleFaultsFired() {

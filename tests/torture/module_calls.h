@@ -25,6 +25,9 @@ enum class ModuleCalls { allocations, files };
 // error. With an empty name the calls are counted and none fails. REQUIRES: the module is loaded.
 void armModuleCalls(const std::string& name, unsigned number, int error);
 
+// Lets every call succeed from now on.
+void disarmModuleCalls();
+
 // Whether a name is one of those that can fail here, of any kind or of one; what it can fail with.
 bool isModuleCall(const std::string& name);
 bool isModuleCall(const std::string& name, ModuleCalls kind);

@@ -164,7 +164,10 @@ class Backup : public Scenario {
             const std::size_t logs = Module::s_logs.size();
             const std::string file = module.prepare(item);
             saved = trial.succeeded(module.code) && fs::exists(file);
-            if (saved) {
+            if (!saved) {
+                trial.expect(trial.server.filesBelow("tmp").empty() || trial.allows(kLeavesCopy),
+                             "a failed preparation leaves its copy");
+            } else {
                 // Hosts do not count such a copy as saved.
                 saved = !Trial::logged("NSFBackupEndApplyChangeInfo LN C API call failed", logs);
                 trial.expect(!saved || !item.ends_with(".nsf") || sameContent(file, item),
@@ -204,6 +207,11 @@ class Backup : public Scenario {
                                 line.starts_with(trial.server.data("never.nsf="));
             trial.expect(untold || former.count(line) + later.count(line) > 0,
                          "the index has a line of its own: " + line);
+        }
+        for (const std::string& line : former) {
+            const std::string name = line.substr(0, line.find('=') + 1);
+            trial.expect(index.find("\n" + name) != std::string::npos,
+                         "the index lost the entry " + line);
         }
     }
 

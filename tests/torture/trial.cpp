@@ -58,7 +58,7 @@ void judgeOutstanding(Trial& trial) {
 
 // A failed operation tells why somewhere: with the text of the error, or its number.
 void judgeReason(Trial& trial, int error) {
-    const int shown = error == kShortWrite ? ENOSPC : error;
+    const int shown = error == kShortWrite || error == kDiskFull ? ENOSPC : error;
     const std::string number = std::to_string(shown);
     bool told = trial.said(std::strerror(shown));
     for (const char* before : {"(", "[", "error ", "error: "}) {
@@ -149,8 +149,11 @@ void runTrial(Trial& trial, Scenario& scenario, bool& done) {
     if (trial.fired && !done && trial.mustBeComplete()) {
         judgeMessage(trial);
     }
+    trial.expect(!done || trial.fault.call != "fsync" || !trial.fired || trial.allows(kUnflushed),
+                 "counts as done, and may not survive a power cut");
     scenario.judge(trial, done);
     if (trial.fired) {
+        disarmModuleCalls();
         if (isSimulatorLoaded()) {
             simulatorFunction<int (*)(const char*)>("NotesSimSetFaults")("");
         }
