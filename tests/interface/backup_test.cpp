@@ -1,6 +1,8 @@
 // A backup at the module's interface, over the simulator.
+#include <chrono>
 #include <gmock/gmock.h>
 #include <set>
+#include <sys/resource.h>
 
 #include "tests/interface/module_host.h"
 #include "tests/interface/own_process.h"
@@ -257,6 +259,83 @@ TEST(Backup, ItemThatCannotBePreparedFailsAloneAndLeavesNothing) {
                                    "] Err 1000 -> return DB_NUM_E_ITEM_FAILED"));
         EXPECT_THAT(server.filesBelow("tmp"), IsEmpty());
         EXPECT_EQ(module.close("STATUS=1"), DB_NUM_I_OK);
+    });
+}
+
+TEST(Backup, DatabaseThatVanishesAfterItWasListedFailsAlone) {
+    inOwnProcess([] {
+        SimulatedServer server;
+        Module module;
+        ASSERT_EQ(module.open(server, DB_TYPE_BCK, DB_LEVEL_FULL), DB_NUM_I_OK);
+        fs::remove(server.data("mail/user2.nsf"));
+        const auto items = module.backUp();
+        EXPECT_THAT(items, Contains(server.data("mail/user2.nsf")));
+        EXPECT_THAT(items, Contains(server.server() + "/logs/nlogctrl.lfh"));
+        EXPECT_EQ(module.failed, std::vector{server.data("mail/user2.nsf")});
+        EXPECT_TRUE(
+            Module::logged("Preparing backup file failure: " + server.data("mail/user2.nsf")));
+        EXPECT_EQ(module.close("STATUS=1"), DB_NUM_I_OK);
+    });
+}
+
+TEST(Backup, NamedDatabasesAreBackedUpAtEveryLevel) {
+    const std::pair<DB_OPERATION_LEVEL, const char*> levels[] = {
+        {DB_LEVEL_FULL, "full"}, {DB_LEVEL_DIFF, "differential"}, {DB_LEVEL_INCR, "incremental"}};
+    for (const auto& [level, name] : levels) {
+        SCOPED_TRACE(name);
+        inOwnProcess([&, level = level, name = name] {
+            SimulatedServer server;
+            Module module;
+            ASSERT_EQ(
+                module.open(server, DB_TYPE_BCK, level, {"DATABASE=QRTLN:" + server.data("mail")}),
+                DB_NUM_I_OK);
+            EXPECT_TRUE(Module::traced(std::string("QRTLN_InitBackup(): Particular Lotus Notes ") +
+                                       name + " backup."));
+            const auto items = module.backUp();
+            EXPECT_THAT(items, Contains(server.data("mail/user1.nsf")));
+            EXPECT_THAT(items, Not(Contains(server.data("names.nsf"))));
+            EXPECT_EQ(endingWith(items, ".TXN").empty(), level != DB_LEVEL_INCR);
+            // Names without a directory are nobody's, whatever they are.
+            module.prepare("S0000001.TXN");
+            EXPECT_EQ(module.code, DB_NUM_E_FAILED);
+            EXPECT_TRUE(Module::logged("Preparing backup file failure: S0000001.TXN"));
+            EXPECT_EQ(module.prepare("user.id"), "");
+            EXPECT_EQ(module.close("STATUS=0"), DB_NUM_I_OK);
+        });
+    }
+}
+
+// QRTLN_LONG_TESTS=1 in the environment: a hundred thousand files instead of five thousand.
+TEST(Backup, FolderOfManyFilesIsListedWhole) {
+    inOwnProcess([] {
+        SimulatedServer server;
+        const int count = std::getenv("QRTLN_LONG_TESTS") != nullptr ? 100'000 : 5'000;
+        fs::create_directories(server.data("many"));
+        for (int i = 0; i < count; ++i) {
+            for (const char* extension : {".id", ".txt"}) {
+                std::ofstream(server.data("many/") + std::to_string(i) + extension);
+            }
+        }
+        Module module;
+        module.SetTrace(nullptr);
+        const auto start = std::chrono::steady_clock::now();
+        ASSERT_EQ(module.open(server, DB_TYPE_BCK, DB_LEVEL_COPY), DB_NUM_I_OK);
+        int handedOut = 0;
+        for (std::string item = module.get(); !item.empty(); item = module.get()) {
+            const bool many = item.find("/many/") != std::string::npos;
+            handedOut += many && item.ends_with(".id") ? 1 : 0;
+            EXPECT_FALSE(item.ends_with(".txt"));
+            EXPECT_EQ(module.ItemFinishStatus(many ? DB_ITEM_SUCCESS : DB_ITEM_EXCLUDED),
+                      DB_NUM_I_OK);
+        }
+        EXPECT_EQ(module.code, DB_NUM_I_COMPLETE);
+        EXPECT_EQ(handedOut, count);
+        EXPECT_EQ(module.close("STATUS=0"), DB_NUM_I_OK);
+        rusage usage{};
+        getrusage(RUSAGE_SELF, &usage);
+        std::printf("%d items of %d files in %.2f s, at most %ld KiB\n", handedOut, 2 * count,
+                    std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count(),
+                    usage.ru_maxrss);
     });
 }
 

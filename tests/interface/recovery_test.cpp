@@ -58,6 +58,9 @@ class RecoveringClient {
         variables.emplace_back("RECOVERY=YES");
         const int result = module.open(server, DB_TYPE_RST, DB_LEVEL_FULL, variables);
         error = module.error();
+        char szItem[1028] = "/x.nsf";
+        EXPECT_EQ(module.SetItem(DB_ITEM_TYPE_FILE, szItem), DB_NUM_E_FAILED)
+            << "nothing is restored through a recovery";
         EXPECT_EQ(module.close("STATUS=0"), DB_NUM_I_OK);
         return result;
     }

@@ -117,6 +117,8 @@ TEST(Restore, LostDatabasesActivatedAreInPlaceAndReadable) {
             EXPECT_EQ(client.restore("mail/user1.nsf"), DB_NUM_I_OK) << client.module.error();
             EXPECT_EQ(client.target, client.server.folder.file("tmp/mail/user1.nsf"));
             EXPECT_EQ(client.restore("names.nsf"), DB_NUM_I_OK) << "over a live one";
+            EXPECT_EQ(client.file(client.server.data("user.id"), "names.nsf"), DB_NUM_I_OK)
+                << "no database, nothing to activate";
             EXPECT_THAT(client.server.filesBelow("tmp"), IsEmpty());
             EXPECT_EQ(client.server.calls("NSFTakeDatabaseOffline("), 1);
             EXPECT_EQ(client.server.calls("NSFBringDatabaseOnline("), 2);
@@ -179,6 +181,9 @@ TEST(Restore, WithoutActivationDatabasesWaitUnderTmpDirAndOtherFilesGoToTheirPla
         EXPECT_EQ(client.shown(client.server.data("names.nsf")), newer);
         EXPECT_EQ(client.file(client.server.data("user.id"), "names.nsf"), DB_NUM_I_OK);
         EXPECT_EQ(client.target, client.server.data("user.id"));
+        std::string tooLong = client.server.data(std::string(1100, 'x') + ".nsf");
+        EXPECT_EQ(client.module.SetItem(DB_ITEM_TYPE_FILE, tooLong.data()), DB_NUM_E_FAILED);
+        EXPECT_EQ(client.module.error(), "DB_SetItem(): the item's path is longer than 1027");
         // Outside the data directory a database is written where the client asks.
         const std::string elsewhere = client.server.folder.file("elsewhere/x.nsf");
         EXPECT_EQ(client.file(elsewhere, "names.nsf"), DB_NUM_I_OK);

@@ -3,6 +3,8 @@
 #include <dirent.h>
 #include <filesystem>
 #include <gmock/gmock.h>
+#include <sys/resource.h>
+#include <sys/stat.h>
 
 #include "qrt_lotus_notes/qrtln_f/fifo_list.h"
 #include "tests/interface/own_process.h"
@@ -210,8 +212,14 @@ TEST(FileDiscovery, LinkToAnAncestorIsNotEnteredAndOtherLinksAre) {
         fs::create_directory_symlink(server.folder.file("elsewhere"), server.data("a/other"));
         // Two directories that link to each other: only the way back is not taken.
         fs::create_directory_symlink(server.data("a"), server.folder.file("elsewhere/back"));
+        // What is neither a file nor leads anywhere.
+        fs::create_symlink("nowhere", server.data("a/dangling"));
+        ASSERT_EQ(mkfifo(server.data("a/fifo").c_str(), 0600), 0);
         const std::string data = server.folder.file("data");
         getNotesFileList(data.c_str(), DB_LEVEL_FULL);
+        EXPECT_EQ(countLogs(messages, "stat() for [" + data + "/a/dangling] returned error (2)"),
+                  2u);
+        EXPECT_EQ(countLogs(messages, "left out"), 0u);
         EXPECT_THAT(server.drainNames(),
                     UnorderedElementsAre(data, data + "/notes.ini", data + "/a/b",
                                          data + "/a/b/one.nsf", data + "/a/other",
@@ -242,13 +250,52 @@ TEST(FileDiscovery, PathThatDoesNotFitIsSkippedAndNamedInTheLog) {
         ASSERT_EQ(fits.size(), kPathSize - 1);
         const std::string deep =
             server.addFile(directory + "/" + segment + "/" + segment + "/x.nsf");
+        // A directory that fits, but without a file in it.
+        const std::string full = server.data(directory) + "/" + std::string(room - 1, 'g');
+        fs::create_directories(full);
         const std::string other = server.addFile("other.nsf");
         getNotesFileList(server.folder.file("data").c_str(), DB_LEVEL_FULL);
         const auto names = server.drainNames();
         EXPECT_THAT(names, ::testing::IsSupersetOf({fits, other}));
         EXPECT_THAT(names, ::testing::Not(::testing::Contains(tooLong)));
         EXPECT_EQ(countLogs(messages, tooLong), 1u);
+        EXPECT_EQ(countLogs(messages, "[" + full + "] is too long for its files"), 1u);
         EXPECT_EQ(countLogs(messages, deep.substr(0, server.data(directory).size() + 201)), 1u);
+    });
+}
+
+TEST(FileDiscovery, PatternWithoutADirectoryMeansTheCurrentOne) {
+    inOwnProcess([] {
+        FakeServer server;
+        g_sQRTLN_Global.eI_OperationLevel = DB_LEVEL_SLCT;
+        const std::string database = server.addFile("here/x.nsf");
+        const std::string below = server.addFile("here/sub/y.nsf");
+        fs::current_path(server.data("here"));
+        fillFileList(listOf({"*.nsf"}).get(), nullptr);
+        EXPECT_THAT(server.drainNames(),
+                    ElementsAre(server.data("here"), database, server.data("here/sub"), below));
+    });
+}
+
+TEST(FileDiscovery, WithoutDescriptorsEveryPatternIsGivenUpAndTold) {
+    inOwnProcess([] {
+        FakeServer server;
+        MessageCapture messages;
+        g_sQRTLN_Global.eI_OperationLevel = DB_LEVEL_SLCT;
+        server.addFile("a/x.nsf");
+        server.addFile("b/y.nsf");
+        rlimit usual{};
+        ASSERT_EQ(getrlimit(RLIMIT_NOFILE, &usual), 0);
+        const rlimit none{0, usual.rlim_max};
+        ASSERT_EQ(setrlimit(RLIMIT_NOFILE, &none), 0);
+        fillFileList(listOf({server.data("a/x.nsf"), server.data("b/y.nsf")}).get(), nullptr);
+        ASSERT_EQ(setrlimit(RLIMIT_NOFILE, &usual), 0);
+        EXPECT_THAT(server.drainNames(), IsEmpty());
+        for (const char* directory : {"a", "b"}) {
+            EXPECT_EQ(countLogs(messages, "directory [" + server.data(directory) +
+                                              "] cannot be read, its files are left out (24)"),
+                      1u);
+        }
     });
 }
 
@@ -299,9 +346,13 @@ TEST(FileDiscovery, PatternIsValidWhenSomethingMatchesOrARestoreMayCreateIt) {
         BOOL forRecovery;
     };
     const Case cases[] = {
-        {data + "/Mail.nsf", TRUE, TRUE, TRUE}, {data + "/mail.nsf", FALSE, TRUE, FALSE},
-        {data + "/*.nsf", TRUE, TRUE, TRUE},    {data + "/no/such.nsf", FALSE, FALSE, FALSE},
-        {"Mail.nsf", TRUE, TRUE, TRUE},         {"/tmp", TRUE, TRUE, TRUE},
+        {data + "/Mail.nsf", TRUE, TRUE, TRUE},
+        {data + "/mail.nsf", FALSE, TRUE, FALSE},
+        {data + "/*.nsf", TRUE, TRUE, TRUE},
+        {data + "/no/such.nsf", FALSE, FALSE, FALSE},
+        {"Mail.nsf", TRUE, TRUE, TRUE},
+        {"/tmp", TRUE, TRUE, TRUE},
+        {data + "/" + std::string(kPathSize, 'x') + "/y.nsf", FALSE, FALSE, FALSE},
     };
     for (const Case& c : cases) {
         SCOPED_TRACE(c.pattern);

@@ -209,15 +209,23 @@ TEST_F(Recovery, RelocatedCopiesAreRecoveredWhereTheyLie) {
 
 TEST_F(Recovery, RolledForwardTheWholeSystemIsRecoveredInPlace) {
     rollForward();
-    for (const char* name : {"a.nsf", "b.ns4", "m/C.NTF", "m/d.box", "e.ncf", "f.ns5", "g.id"}) {
+    for (const char* name :
+         {"a.nsf", "b.ns4", "m/C.NTF", "m/d.box", "e.ncf", "f.ns5", "g.id", "no[?]pair.nsf"}) {
         server.addFile(name);
     }
+    // A pair of these paths does not fit an entry.
+    const std::string tooLong =
+        server.addFile(std::string(250, 'x') + "/" + std::string(250, 'y') + "/z.nsf");
     pend("tmp/a.nsf");
     EXPECT_EQ(recover({"QRTLN:NOTES"}), DB_NUM_I_COMPLETE);
     EXPECT_THAT(s_recovered, UnorderedElementsAre(server.data("a.nsf"), server.data("b.ns4"),
                                                   server.data("m/C.NTF"), server.data("m/d.box")));
     EXPECT_EQ(server.folder.read("data/a.nsf"), "content of a.nsf");
     EXPECT_EQ(server.folder.read("tmp/a.nsf"), "new");
+    for (const std::string& name : {server.data("no[?]pair.nsf"), tooLong}) {
+        EXPECT_TRUE(messages.hasLog("ROLLFORWARD: NOT recovered [" + name +
+                                    "]: its path cannot be recovered"));
+    }
 }
 
 TEST_F(Recovery, OfTheWholeSystemWhatIsMissingIsSkipped) {
