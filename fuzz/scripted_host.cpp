@@ -21,6 +21,7 @@
 #include <filesystem>
 #include <map>
 #include <memory>
+#include <strings.h>
 #include <sys/stat.h>
 
 #include "common/bounded_text.h"
@@ -149,7 +150,8 @@ class Variables {
     explicit Variables(std::string_view text) : m_isNull(text == "~") {
         for (const std::string_view variable : fuzz::split(text, '|')) {
             m_texts.push_back(fuzz::expanded(variable));
-            s_course.isTame = s_course.isTame && fuzz::isTame(m_texts.back());
+            s_course.isTame = s_course.isTame && fuzz::isTame(m_texts.back()) &&
+                              fuzz::isTame(valueOf(m_texts.back()));
         }
         for (std::string& variable : m_texts) {
             m_array.push_back(variable.data());
@@ -173,6 +175,14 @@ class Variables {
     }
 
   private:
+    // The directory that it names: in any case, behind any one character.
+    static std::string_view valueOf(std::string_view variable) {
+        constexpr std::string_view name = "TMP_DIR";
+        const bool isNamed = variable.size() > name.size() &&
+                             strncasecmp(variable.data(), name.data(), name.size()) == 0;
+        return isNamed ? variable.substr(name.size() + 1) : std::string_view();
+    }
+
     bool m_isNull;
     std::vector<std::string> m_texts;
     std::vector<char*> m_array;
