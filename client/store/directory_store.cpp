@@ -94,7 +94,15 @@ std::string note_name(const std::string& set, SetNote note) {
     return set + std::string(note_suffixes[static_cast<std::size_t>(note)]);
 }
 
-bool ends_in_number(std::string_view name) {
+// Whether a file of the run-time data was being made when its run was killed: a sibling that was to
+// replace a document, or the module's working copy of its index, which ends in the number of its
+// process, or the copy of it that was to replace the index.
+bool is_unfinished(std::string_view name) {
+    constexpr std::string_view replacement = ".new";
+    if (name.ends_with(temporary_suffix))
+        return true;
+    if (name.ends_with(replacement))
+        name.remove_suffix(replacement.size());
     std::size_t dot = name.rfind('.');
     return dot != std::string_view::npos && dot + 1 < name.size() &&
            name.find_first_not_of("0123456789", dot + 1) == std::string_view::npos;
@@ -289,8 +297,7 @@ void DirectoryStore::check_format(std::string* damage) {
     *damage = "store.json " + problem;
 }
 
-// Only this process uses the store: what has a temporary name was left by a run that was killed,
-// and so was a working copy of the module's index, which ends in the number of its process.
+// Only this process uses the store: what has a temporary name was left by a run that was killed.
 void DirectoryStore::remove_leftovers() noexcept {
     try {
         for (int folder : {m_objects.get(), m_sets.get()})
@@ -302,7 +309,7 @@ void DirectoryStore::remove_leftovers() noexcept {
             ::openat(m_folder.get(), "runtime", O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC));
         if (runtime)
             for (const std::string& name : list_folder(runtime.get(), "."))
-                if (ends_in_number(name))
+                if (is_unfinished(name))
                     ::unlinkat(runtime.get(), name.c_str(), 0);
     } catch (...) {
         // Out of memory: they stay until the next run.

@@ -168,7 +168,8 @@ TEST(DirectoryStore, RemovesWhatAKilledRunLeft) {
     auto clean = snapshot(scratch / "store");
     write_file(scratch / "store/objects/incoming-0.tmp", "half");
     write_file(scratch / "store/sets/20231114T221320Z-full.json.tmp", "half");
-    write_file(scratch / "store/runtime/qrtln_DBIID.ini.4711", "half");
+    for (const char* name : {"qrtln_DBIID.ini.4711", "qrtln_DBIID.ini.4711.new", "owed.jsonl.tmp"})
+        write_file(scratch / "store/runtime/" + name, "half");
     open_store(scratch);
     EXPECT_EQ(snapshot(scratch / "store"), clean);
     // A run that was killed while it created the store is completed.
