@@ -135,6 +135,12 @@ void IndexGuard::expect_close(const std::string& set, pid_t child,
                               const std::string& data_directory, bool whole_full) {
     IndexNote note = m_note.value_or(IndexNote{});
     note.set = set;
+    // A killed run may have put it in place without flushing the folder: it must not become the
+    // older one again after it was noted.
+    if (int error = flush_directory(AT_FDCWD, folder_of(m_file)); error != 0)
+        throw ClientError(ExitCode::failed, "cannot flush the folder of the index of databases " +
+                                                for_terminal(m_file) + ": " +
+                                                system_error_text(error));
     std::string before = hash_of_index();
     std::string after = hash_of_file(m_file + "." + std::to_string(child));
     note.hashes = {before};

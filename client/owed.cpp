@@ -67,8 +67,7 @@ OwedDatabases::OwedDatabases(std::string file) : m_file(std::move(file)) {
                 "move the file away, then take a whole backup: `qrtln backup --level full`");
         m_entries.emplace(std::move(data_directory), std::move(path));
     }
-    if (start < content->size())
-        cut_to(start);
+    make_durable(start, start < content->size());
 }
 
 std::vector<std::string> OwedDatabases::of(const std::string& data_directory) const {
@@ -125,10 +124,19 @@ int OwedDatabases::strike(const std::string& data_directory,
     return 0;
 }
 
-void OwedDatabases::cut_to(std::size_t size) {
+// A killed run may have left lines, and the file's name, that it had not flushed yet. A
+// half-written last line is cut off.
+void OwedDatabases::make_durable(std::size_t size, bool cut) {
     FileDescriptor file(::open(m_file.c_str(), O_WRONLY | O_NOFOLLOW | O_CLOEXEC));
-    if (!file || ::ftruncate(file.get(), static_cast<off_t>(size)) != 0 || ::fsync(file.get()) != 0)
-        fail("cut the half-written last line off", errno);
+    int error = file ? 0 : errno;
+    if (error == 0 && cut && ::ftruncate(file.get(), static_cast<off_t>(size)) != 0)
+        error = errno;
+    if (error == 0 && ::fsync(file.get()) != 0)
+        error = errno;
+    if (error == 0)
+        error = flush_directory(AT_FDCWD, folder_of(m_file));
+    if (error != 0)
+        fail(cut ? "cut the half-written last line off" : "flush", error);
 }
 
 void OwedDatabases::fail(const std::string& doing, int error) const {

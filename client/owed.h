@@ -21,9 +21,9 @@ std::string owed_file_of(const Store& store);
 class OwedDatabases {
   public:
     // Reads the file, which need not exist. A last line without its line feed is what a crash
-    // leaves of an entry that was not yet relied on: it is cut off. Throws ClientError(failed) for
-    // a file that cannot be read or holds anything else. REQUIRES: the store is locked for writing;
-    // the folder of `file` exists.
+    // leaves of an entry that was not yet relied on: it is cut off. What stays is flushed. Throws
+    // ClientError(failed) for a file that cannot be read or holds anything else. REQUIRES: the
+    // store is locked for writing; the folder of `file` exists.
     explicit OwedDatabases(std::string file);
 
     // The paths owed for a server's data directory, sorted.
@@ -41,7 +41,7 @@ class OwedDatabases {
   private:
     using Entry = std::pair<std::string, std::string>; // data directory, path
 
-    void cut_to(std::size_t size);
+    void make_durable(std::size_t size, bool cut);
     [[noreturn]] void fail(const std::string& doing, int error) const;
 
     std::string m_file;

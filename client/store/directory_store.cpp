@@ -141,6 +141,7 @@ DirectoryStore::DirectoryStore(const std::string& directory, StoreAccess access,
         if (locks) {
             if (::mkdirat(m_folder.get(), "runtime", 0700) != 0 && errno != EEXIST)
                 fail("create the folder runtime", errno);
+            flush_skeleton();
             remove_leftovers();
         }
     } catch (...) {
@@ -262,12 +263,16 @@ void DirectoryStore::create_skeleton() {
         fail("write store.json", error);
     if (::renameat(m_folder.get(), format_temporary, m_folder.get(), format_file) != 0)
         fail("put store.json in place", errno);
+}
+
+// Also of a store that was there: the run that created it may have been killed before it did this.
+void DirectoryStore::flush_skeleton() {
     if (::fsync(m_folder.get()) != 0)
         fail("flush the folder", errno);
     std::string parent = m_directory.substr(0, m_directory.rfind('/'));
-    if (m_folder_created)
-        if (int error = flush_directory(AT_FDCWD, parent.empty() ? "/" : parent); error != 0)
-            fail("flush the folder above", error);
+    int error = flush_directory(AT_FDCWD, parent.empty() ? "/" : parent);
+    if (error != 0 && m_folder_created) // one that may not be opened was flushed by who created it
+        fail("flush the folder above", error);
 }
 
 void DirectoryStore::check_format(std::string* damage) {

@@ -34,6 +34,7 @@ class DirectoryStore final : public Store {
     void open_folder(StoreAccess access);
     void lock();
     void create_skeleton();
+    void flush_skeleton();
     void check_format(std::string* damage);
     void remove_leftovers() noexcept;
     void write_document(const std::string& name, const std::string& what, const std::string& bytes);
