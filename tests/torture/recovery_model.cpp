@@ -7,7 +7,7 @@
 // Prints a line for each history, with its seed, and the sums; ends with 1 when anything differs.
 #include "notes_simulator/offline.h"
 #include "notes_simulator/use_mark.h"
-#include "tests/torture/recovery_model_history.h"
+#include "tests/torture/server_history.h"
 
 #include <CLI/CLI.hpp>
 #include <nlohmann/json.hpp>
@@ -28,6 +28,7 @@ namespace {
 
 constexpr int exit_usage = 2;
 constexpr int exit_locked = 11;
+constexpr const char* as_played = "played"; // the state that a history left
 
 struct Options {
     int histories = 2;
@@ -112,8 +113,6 @@ class Trial {
     std::vector<std::string> words(std::optional<std::int64_t> moment, Loss loss) const;
     void compare(std::optional<std::int64_t> moment, Loss loss);
     void compare_database(const std::string& name, std::optional<std::int64_t> moment, Loss loss);
-    std::string wrong_with(const ModelDatabase& database, const std::string& file,
-                           std::optional<std::int64_t> moment) const;
     void mismatch(const std::string& text);
 
     History& m_history;
@@ -209,7 +208,7 @@ void Trial::recover(std::optional<std::int64_t> moment, Loss loss) {
     }
     fs::remove_all(m_history.scratch() + "/into");
     if (loss != Loss::nothing_beside)
-        m_history.bring_back();
+        m_history.bring_back(as_played);
 }
 
 void Trial::compare(std::optional<std::int64_t> moment, Loss loss) {
@@ -232,7 +231,7 @@ void Trial::compare_database(const std::string& name, std::optional<std::int64_t
     }
     ++m_sums.databases;
     try {
-        std::string wrong = wrong_with(database, file, moment);
+        std::string wrong = database.wrong_with(file, moment);
         if (wrong.empty() && !beside)
             m_history.use(name);
         if (!wrong.empty())
@@ -240,20 +239,6 @@ void Trial::compare_database(const std::string& name, std::optional<std::int64_t
     } catch (const std::exception& failure) {
         mismatch(name + ": " + failure.what());
     }
-}
-
-// Empty when the file is as the model has it.
-std::string Trial::wrong_with(const ModelDatabase& database, const std::string& file,
-                              std::optional<std::int64_t> moment) const {
-    Content found = read_content(file);
-    if (database.logged)
-        return difference(database.commits[database.commit_at(moment)].content, found);
-    const Saved& saved = *database.newest_before(moment);
-    for (std::size_t commit = saved.at_least; commit <= saved.at_most; ++commit)
-        if (database.commits[commit].content == found)
-            return {};
-    return "not as it was in " + saved.set + ": " +
-           difference(database.commits[saved.at_most].content, found);
 }
 
 void Trial::kill_recoveries(int count) {
@@ -270,7 +255,7 @@ void Trial::kill_recoveries(int count) {
             mismatch("the recovery ended with " + std::to_string(whole.exit_code) + ": " +
                      whole.errors);
         fs::remove_all(m_history.scratch() + "/into");
-        m_history.bring_back();
+        m_history.bring_back(as_played);
         for (int same = 0; same < 3 && i < count; ++same, ++i)
             kill_once(moment, loss, whole.calls, same == 0);
     }
@@ -335,7 +320,7 @@ void Trial::kill_once(std::optional<std::int64_t> moment, Loss loss,
     else
         compare(moment, loss);
     fs::remove_all(m_history.scratch() + "/into");
-    m_history.bring_back();
+    m_history.bring_back(as_played);
 }
 
 void run_history(const Programs& programs, const Options& options, std::uint64_t seed, Sums& sums) {
@@ -344,7 +329,7 @@ void run_history(const Programs& programs, const Options& options, std::uint64_t
     FolderOfHistory folder(options.keep);
     History history(programs, folder.path(), seed);
     history.play(options.rounds);
-    history.keep();
+    history.keep(as_played);
     Trial trial(history, sums);
     trial.recover_to_moments(options.moments);
     trial.kill_recoveries(options.kills);

@@ -1,0 +1,143 @@
+// A simulated server whose whole history is remembered: what each database held after every commit.
+#pragma once
+
+#include "notes_simulator/database.h"
+#include "notes_simulator/domino_sim/content.h"
+#include "notes_simulator/server.h"
+#include "tests/torture/traced_run.h"
+
+#include <cstdint>
+#include <map>
+#include <optional>
+#include <random>
+#include <set>
+#include <string>
+#include <utility>
+#include <vector>
+
+namespace qrtln::torture {
+
+// What a database holds: digests of its notes and stubs, and its unread marks.
+struct Content {
+    std::map<notes_sim::NoteId, std::string> notes;
+    std::map<notes_sim::NoteId, std::string> stubs;
+    std::set<std::pair<std::string, notes_sim::NoteId>> unread;
+
+    bool operator==(const Content&) const = default;
+};
+
+// Reads it from a file. Throws std::runtime_error when its integrity check fails.
+Content read_content(const std::string& file);
+
+// In which respect two contents differ; empty when they are equal.
+std::string difference(const Content& expected, const Content& found);
+
+struct Commit {
+    std::int64_t time = 0; // hundredths of a second since 1970
+    Content content;       // after it
+};
+
+// A database in a set of the store: commits of its history that its copy may be at.
+struct Saved {
+    std::string set;
+    std::int64_t ended = 0; // of the set, seconds since 1970
+    std::size_t at_least = 0;
+    std::size_t at_most = 0;
+};
+
+struct ModelDatabase {
+    bool logged = true;
+    std::vector<Commit> commits; // the first is the creation
+    std::vector<Saved> saved;
+
+    // The last commit at or before a moment in seconds since 1970; the last of all without one.
+    std::size_t commit_at(std::optional<std::int64_t> moment) const;
+    // The newest set that ended before the moment.
+    const Saved* newest_before(std::optional<std::int64_t> moment) const;
+    // What is wrong with a file that was recovered to the moment; empty when it is as it must be:
+    // at the last commit, or, not logged, as it was in that set. Throws like read_content().
+    std::string wrong_with(const std::string& file, std::optional<std::int64_t> moment) const;
+};
+
+// Where the programs are.
+struct Programs {
+    std::string qrtln;
+    std::string domino_sim;
+    std::string simulator; // the folder of libnotes.so
+};
+
+// A random history: commits, and full and incremental backups while commits go on.
+class History {
+  public:
+    // `folder` is an empty one; everything lies in it.
+    History(const Programs& programs, const std::string& folder, std::uint64_t seed);
+
+    // Makes a random history. Throws std::runtime_error when a backup fails.
+    void play(int rounds);
+
+    // A single step each; the backup while users go on, if they are busy.
+    void create(const std::string& name, std::uint64_t seed);
+    void commit(const std::string& name);
+    void compact(const std::string& name) const; // which gives it a new DBIID
+    void back_up(bool full, bool busy);
+    void forget_sets(); // the store is lost
+
+    const std::map<std::string, ModelDatabase>& databases() const { return m_databases; }
+    const notes_sim::Server& server() const { return *m_server; }
+    std::string server_folder() const { return m_folder + "/server"; }
+    std::string path_of(const std::string& name) const { return server_folder() + "/data/" + name; }
+    std::string store() const { return disk() + "/store"; }
+    // The folder that has the store and nothing else.
+    std::string disk() const { return m_folder + "/disk"; }
+    std::string temporary() const { return m_folder + "/tmp"; }
+    std::string scratch() const { return m_folder; }
+    const Environment& environment() const { return m_environment; }
+    // Of the first full backup, and of the newest of all; seconds since 1970.
+    std::int64_t first_set_ended() const { return m_first_set_ended; }
+    std::int64_t newest_set_started() const { return m_newest_set_started; }
+    std::int64_t ended() const { return m_ended; }
+    std::size_t commits() const;
+    std::size_t sets() const { return m_sets; }
+
+    std::uint64_t below(std::uint64_t limit) { return m_content.below(limit); }
+
+    // Words of qrtln, with the program and those that name server and store.
+    std::vector<std::string> command(const std::vector<std::string>& words) const;
+    // Runs it.
+    Run qrtln(const std::vector<std::string>& words, bool traced = false, Kill kill = {},
+              CallObserver* observer = nullptr) const;
+    void simulate(const std::vector<std::string>& words) const; // runs domino-sim
+
+    // The server, the store and the model as they are now, under a name; brought back however often
+    // they are changed.
+    void keep(const std::string& name);
+    void bring_back(const std::string& name);
+    std::string kept(const std::string& name) const { return m_folder + "/kept-" + name; }
+
+    // A change as a user of the server makes it; the model does not have it. Throws when the server
+    // does not let him.
+    void use(const std::string& name) const;
+
+  private:
+    void make_server(std::uint64_t seed);
+    void adopt(const std::string& name, bool logged);
+    void commit_some(std::uint64_t most);
+    void commit_at_full_second();
+    std::vector<notes_sim::NoteChange> changes_for(const Content& content);
+    void remember_set(const std::string& output,
+                      const std::map<std::string, std::size_t>& commits_before);
+
+    Programs m_programs;
+    std::string m_folder;
+    Environment m_environment;
+    ::domino_sim::ContentGenerator m_content;
+    std::optional<notes_sim::Server> m_server;
+    std::map<std::string, ModelDatabase> m_databases;
+    std::map<std::string, std::map<std::string, ModelDatabase>> m_kept; // by name
+    std::size_t m_sets = 0;
+    std::int64_t m_first_set_ended = 0;
+    std::int64_t m_newest_set_started = 0;
+    std::int64_t m_ended = 0;
+};
+
+} // namespace qrtln::torture
