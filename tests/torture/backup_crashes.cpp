@@ -147,6 +147,7 @@ class Crashes {
     std::mt19937_64 m_random;
     Sums m_sums;
     std::size_t m_next_kind = 0;
+    std::size_t m_next_victim = 0;
 };
 
 // Databases that are logged and not, a template, a folder; since the last set one is new, one was
@@ -307,7 +308,7 @@ int Crashes::find_violations() {
         int before = m_sums.at_calls + m_sums.at_moments;
         kill_at_calls(scenario);
         for (std::size_t i = 0; i < m_options.moments; ++i)
-            kill_at_moment(scenario, kinds[i % 3 * 2]); // those without a power cut
+            kill_at_moment(scenario, kinds[m_next_victim++ % 3 * 2]); // those without a power cut
         std::chrono::duration<double> took = std::chrono::steady_clock::now() - begin;
         std::cout << name << ": " << scenario.calls << " calls, "
                   << m_sums.at_calls + m_sums.at_moments - before << " kills, "
