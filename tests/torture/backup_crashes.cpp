@@ -28,6 +28,7 @@ namespace {
 
 struct Options {
     std::size_t calls = 3; // of each scenario, at which a run is killed
+    std::size_t from = 1;  // call, in the long form
     std::size_t moments = 1;
     std::string scenario;
     std::string kind;
@@ -191,6 +192,10 @@ Scenario Crashes::look_at(const std::string& kept, bool full) {
     Run whole = m_history.qrtln(words(scenario), true, {}, &observer);
     scenario.calls = whole.calls.size();
     scenario.indexes.insert(index_of(m_history.store()));
+    // When the module dies over what is owed, the run goes on with what was asked for.
+    m_history.bring_back(kept);
+    (void)m_history.qrtln(words(scenario), true, {Victim::module_process, 1});
+    scenario.indexes.insert(index_of(m_history.store()));
     m_history.bring_back(kept);
     auto begin = std::chrono::steady_clock::now();
     Run untraced = m_history.qrtln(words(scenario));
@@ -267,7 +272,7 @@ void Crashes::kill_at_call(const Scenario& scenario, const Kind& kind, std::size
 void Crashes::kill_at_calls(const Scenario& scenario) {
     std::size_t last = scenario.calls + 1;
     if (m_options.all) {
-        for (std::size_t call = 1; call <= last; ++call)
+        for (std::size_t call = m_options.from; call <= last; ++call)
             for (const Kind& kind : kinds)
                 if (std::string_view(kind.name).find(m_options.kind) != std::string_view::npos)
                     kill_at_call(scenario, kind, call);
@@ -388,6 +393,7 @@ int main(int argc, char** argv) {
     app.add_option("--scenario", options.scenario, "Only this one")
         ->check(CLI::IsMember({"changed-full", "changed-incr", "owing-incr", "first-full"}));
     app.add_option("--kind", options.kind, "With --long only those with this in their names");
+    app.add_option("--from", options.from, "With --long go on at this call")->capture_default_str();
     app.add_option("--plant", options.plant, "Look for this defect instead")
         ->check(CLI::IsMember({"marking", "flush", "index"}));
     app.add_flag("--long", options.all, "In every way at every call, and at 250 moments of each");
