@@ -120,8 +120,9 @@ class Assembly {
   private:
     bool hasLinkAbove(std::filesystem::path path) const {
         while ((path = path.parent_path()) != m_root) {
-            if (std::filesystem::exists(std::filesystem::symlink_status(path)) &&
-                !std::filesystem::is_directory(std::filesystem::symlink_status(path))) {
+            std::error_code error; // behind a link whatever it leads to; the link itself has none
+            const auto status = std::filesystem::symlink_status(path, error);
+            if (std::filesystem::exists(status) && !std::filesystem::is_directory(status)) {
                 return true;
             }
         }
