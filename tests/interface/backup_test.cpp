@@ -1,5 +1,6 @@
 // A backup at the module's interface, over the simulator.
 #include <chrono>
+#include <cstring>
 #include <gmock/gmock.h>
 #include <set>
 #include <sys/resource.h>
@@ -73,8 +74,12 @@ TEST(Backup, PreparedCopyIsSoundAndGoesWhenTheItemIsFinished) {
         SimulatedServer server;
         Module module;
         const std::string database = server.data("names.nsf");
-        ASSERT_EQ(module.open(server, DB_TYPE_BCK, DB_LEVEL_COPY, {"DATABASE=QRTLN:" + database}),
+        const auto parameters = std::make_unique<sQRT_DB>();
+        std::strcpy(parameters->szSaveset, "nightly %s");
+        ASSERT_EQ(module.open(server, DB_TYPE_BCK, DB_LEVEL_COPY, {"DATABASE=QRTLN:" + database},
+                              parameters.get()),
                   DB_NUM_I_OK);
+        EXPECT_TRUE(Module::traced("Saveset nightly %s"));
         while (module.get() != database) {
             ASSERT_EQ(module.ItemFinishStatus(DB_ITEM_SUCCESS), DB_NUM_I_OK);
         }
@@ -190,6 +195,20 @@ TEST(Backup, SecondOperationOfAProcessLacksWhatComesOncePerModule) {
         EXPECT_THAT(items, Not(Contains(server.data("notes.ini"))));
         EXPECT_THAT(endingWith(items, ".lfh"), IsEmpty());
         EXPECT_EQ(module.close("STATUS=0"), DB_NUM_I_OK);
+        // Without it, a selection may come to nothing.
+        fs::remove_all(server.data("mail"));
+        fs::create_directories(server.data("empty"));
+        for (const std::string selected : {"empty", "NOTES"}) {
+            module.error();
+            EXPECT_EQ(module.open(server, DB_TYPE_BCK, DB_LEVEL_FULL, {"DATABASE=" + selected}),
+                      DB_NUM_E_FAILED);
+            EXPECT_EQ(module.error(),
+                      "getNotesFileList(): There are no files matching requested patterns");
+            module.close("STATUS=1");
+            for (const auto& entry : fs::directory_iterator(server.data(""))) {
+                fs::remove_all(entry);
+            }
+        }
     });
 }
 

@@ -218,6 +218,11 @@ TEST(Restore, RelocationChoosesTheRelocatedPaths) {
             Module::s_logs.clear();
             EXPECT_EQ(client.file(root + "/other.id", "names.nsf"), DB_NUM_E_FAILED);
             EXPECT_THAT(Module::s_logs, IsEmpty());
+            char szUpwards[1028] = "";
+            client.server.data("mail/../../x").copy(szUpwards, sizeof szUpwards - 1);
+            EXPECT_EQ(client.module.SetItem(DB_ITEM_TYPE_DIRECTORY, szUpwards), DB_NUM_E_FAILED);
+            EXPECT_TRUE(Module::logged("DB_SetItem(); Setting restore directory [" +
+                                       std::string(szUpwards) + "] failed"));
             EXPECT_EQ(client.module.close("STATUS=0"), DB_NUM_I_OK);
         });
     }
@@ -272,6 +277,14 @@ TEST(Restore, DeletedDocumentsComeBackUnread) {
         EXPECT_EQ(client.server.calls("NSFDbCopyNote("), 1);
         EXPECT_TRUE(fs::exists(client.target)) << "the copy stays";
         EXPECT_THAT(unread(), ::testing::ElementsAre(id));
+        // The live database is the one of this name in the directory that was announced last.
+        const std::size_t used = client.server.data("").size();
+        client.directory(client.server.data(std::string(1020 - used, 'd')));
+        client.module.error();
+        EXPECT_EQ(client.file(client.server.data("mail/user1.nsf"), "mail/user1.nsf"),
+                  DB_NUM_E_FAILED);
+        EXPECT_EQ(client.module.error(),
+                  "DB_ItemFinishStatus(): the path of the live database is too long");
         EXPECT_EQ(client.module.close("STATUS=0"), DB_NUM_I_OK);
         EXPECT_TRUE(client.hasNote("mail/user1.nsf", id));
         EXPECT_TRUE(client.hasNote("mail/user1.nsf", later)) << "what came later stays";

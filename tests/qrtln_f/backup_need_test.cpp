@@ -120,7 +120,8 @@ TEST_F(DbiidIndex, TenThousandDatabasesCostTenThousandEntriesNotTheirSquare) {
 }
 
 TEST_F(DbiidIndex, KeepsItsEntriesWhateverADamagedIndexOrAPathHolds) {
-    for (const std::string damaged : {"\n/d/old.nsf=1\n", "\n[DBIID]\n[DBIID: [\n"}) {
+    for (const std::string damaged :
+         {"\n/d/old.nsf=1\n", "\n[DBIID]\n[DBIID: [\n", "/d/old.nsf=1\n[DBIID]\n/d/c.nsf=x\n"}) {
         server.folder.write("run/qrtln_DBIID.ini", damaged);
         openDBIIDIndex();
         storeDbIId("/d/a.nsf", textOf(1).c_str());

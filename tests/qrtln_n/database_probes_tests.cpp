@@ -209,10 +209,13 @@ TEST_F(DatabaseProbesTest, LoggedTellsStyleAndIdentity) {
     EXPECT_TRUE(messages.hasTrace("isDatabaseLogged: Database [U:L:/data/a.nsf] is logged, DBIID "
                                   "00000001-000000AB 80000000FFFFFFFF"));
 
-    g_sQRTLN_Global.bNotesInitialized = FALSE;
     BOOL answer = TRUE;
     DB_LOGGING_STYLE loggingStyle = DB_LOGGING_STYLE_ARCH;
     UNIVERSALNOTEID id;
+    const std::string untranslatable = "/" + std::string(1024, 'x') + "\xC3";
+    EXPECT_EQ(isDatabaseLogged(untranslatable.c_str(), &answer, &loggingStyle, &id), 1000);
+    EXPECT_TRUE(takeErrorText().starts_with("isDatabaseLogged(): File full path ["));
+    g_sQRTLN_Global.bNotesInitialized = FALSE;
     EXPECT_EQ(isDatabaseLogged("/data/a.nsf", &answer, &loggingStyle, &id), 1000);
     EXPECT_EQ(takeErrorText(), kRuntimeNotInitialized);
 }
