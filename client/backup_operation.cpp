@@ -76,6 +76,7 @@ class BackupOperation {
     void close_operation();
     void give_up() noexcept;
     void on_log(const std::string& line);
+    void on_trace(const std::string& line);
     // Whether the module chooses the items that changed, and passes over the others.
     bool selects_changes() const { return !m_request.base.empty(); }
 
@@ -98,6 +99,7 @@ class BackupOperation {
     std::string m_last_error_line; // since the last item
     std::string m_logging_style;   // where the server has no logs to archive
     std::string m_incomplete_copy; // since the last preparation
+    std::string m_dbiid;           // likewise
     bool m_archiving_in_progress = false;
     OriginalReader m_originals;
     std::string m_prepared; // the file that the present item was read from
@@ -165,8 +167,15 @@ void BackupOperation::on_log(const std::string& line) {
         m_archiving_in_progress = true;
 }
 
+void BackupOperation::on_trace(const std::string& line) {
+    if (std::string dbiid = parse_prepared_dbiid(line); !dbiid.empty())
+        m_dbiid = dbiid;
+}
+
 int BackupOperation::init_operation() {
-    m_session.emplace(m_context, [this](const std::string& line) { on_log(line); });
+    m_session.emplace(
+        m_context, [this](const std::string& line) { on_log(line); },
+        [this](const std::string& line) { on_trace(line); });
     m_manifest.module_file = m_session->module_file();
     ModuleInfo info = m_session->host().info();
     m_manifest.module_client = info.client;
@@ -372,6 +381,7 @@ void BackupOperation::prepare_and_read(ManifestItem& item) {
         m_context.owed.add(m_ini.data_directory, item.path);
     }
     m_incomplete_copy.clear();
+    m_dbiid.clear();
     auto [prepared, usable, first] = m_session->prepare(item.path);
     item.prepare_status = prepared.status;
     if (interrupt_signal() != 0) {
@@ -392,8 +402,13 @@ void BackupOperation::prepare_and_read(ManifestItem& item) {
     if (prepared.status == DB_NUM_W_WARNING)
         item.warnings.emplace_back("not transaction-logged: it can be restored as it was at this "
                                    "backup, but not rolled forward");
+    item.dbiid = m_dbiid;
+    if (item.kind == ItemKind::database)
+        item.copied = std::time(nullptr) + 1; // the server went on while it was copied
     m_prepared = prepared.name;
     read_content(item, prepared.name);
+    if (item.reason.empty() && item.copied == 0)
+        item.copied = std::time(nullptr) + 1;
 }
 
 void BackupOperation::report_unprepared(ManifestItem& item, const std::string& first_problem) {

@@ -1,4 +1,4 @@
-// What the module tells in its protocol alone.
+// What the module tells in its protocol and its trace alone.
 #pragma once
 
 #include "client/store/manifest.h"
@@ -16,6 +16,10 @@ struct AnnouncedLog {
 // The transaction log that a line of the protocol announces before the module hands it out, or
 // nothing for any other line.
 std::optional<AnnouncedLog> parse_log_announcement(const std::string& line);
+
+// The instance (DBIID) that a line of the trace tells for the database that was just prepared, 34
+// characters; empty for any other line and for a database that is not transaction-logged.
+std::string parse_prepared_dbiid(const std::string& line);
 
 // Whether a line says that another archiving session was open on the server. The module has ended
 // that session: one more start succeeds.

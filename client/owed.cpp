@@ -22,10 +22,12 @@ constexpr const char* checksum_field = "checksum";
 
 // One line, without its line feed. Paths are bytes: where they are not UTF-8 their hexadecimal form
 // says exactly which.
-std::string line_of(const std::string& data_directory, const std::string& path) {
+std::string line_of(const std::string& data_directory, const std::string& path, bool restored) {
     json line;
     put_bytes(line, "data_directory", data_directory);
     put_bytes(line, "path", path);
+    if (restored)
+        line["restored"] = true;
     line[checksum_field] = sha256_hex(line.dump());
     return line.dump();
 }
@@ -52,41 +54,49 @@ OwedDatabases::OwedDatabases(std::string file) : m_file(std::move(file)) {
         json line = json::parse(text, nullptr, false);
         std::string data_directory;
         std::string path;
+        bool restored = false;
         try {
             data_directory = get_bytes(line, "data_directory");
             path = get_bytes(line, "path");
+            restored = line.contains("restored");
         } catch (const std::exception&) {
             path.clear(); // no entry has an empty one
         }
         // Writing it again settles form and checksum at once.
-        if (path.empty() || line_of(data_directory, path) != text)
+        if (path.empty() || line_of(data_directory, path, restored) != text)
             throw ClientError(
                 ExitCode::failed,
                 "line " + std::to_string(line_number) + " of " + for_terminal(m_file) +
                     " is damaged: it names a database that a failed run did not store",
                 "move the file away, then take a whole backup: `qrtln backup --level full`");
-        m_entries.emplace(std::move(data_directory), std::move(path));
+        m_entries[{std::move(data_directory), std::move(path)}] |= restored;
     }
     make_durable(start, start < content->size());
 }
 
 std::vector<std::string> OwedDatabases::of(const std::string& data_directory) const {
     std::vector<std::string> paths;
-    for (const auto& [directory, path] : m_entries)
-        if (directory == data_directory)
-            paths.push_back(path);
+    for (const auto& [entry, restored] : m_entries)
+        if (entry.first == data_directory)
+            paths.push_back(entry.second);
     return paths;
 }
 
-void OwedDatabases::add(const std::string& data_directory, const std::string& path) {
-    if (m_entries.contains({data_directory, path}))
+bool OwedDatabases::is_restored(const std::string& data_directory, const std::string& path) const {
+    auto found = m_entries.find({data_directory, path});
+    return found != m_entries.end() && found->second;
+}
+
+void OwedDatabases::add(const std::string& data_directory, const std::string& path, bool restored) {
+    auto known = m_entries.find({data_directory, path});
+    if (known != m_entries.end() && (known->second || !restored))
         return;
     FileDescriptor file(
         ::open(m_file.c_str(), O_WRONLY | O_APPEND | O_CREAT | O_NOFOLLOW | O_CLOEXEC, 0600));
     off_t size = file ? ::lseek(file.get(), 0, SEEK_END) : -1;
     if (size < 0)
         fail("open", errno);
-    int error = write_all(file.get(), as_bytes(line_of(data_directory, path) + "\n"));
+    int error = write_all(file.get(), as_bytes(line_of(data_directory, path, restored) + "\n"));
     if (error == 0 && ::fdatasync(file.get()) != 0)
         error = errno;
     if (error == 0 && !m_exists)
@@ -97,12 +107,12 @@ void OwedDatabases::add(const std::string& data_directory, const std::string& pa
         fail("write", error);
     }
     m_exists = true;
-    m_entries.emplace(data_directory, path);
+    m_entries[{data_directory, path}] |= restored;
 }
 
 int OwedDatabases::strike(const std::string& data_directory,
                           const std::vector<std::string>& paths) {
-    std::set<Entry> left = m_entries;
+    std::map<Entry, bool> left = m_entries;
     for (const std::string& path : paths)
         left.erase({data_directory, path});
     if (left.size() == m_entries.size())
@@ -113,8 +123,8 @@ int OwedDatabases::strike(const std::string& data_directory,
             ::unlink(m_file.c_str()) == 0 ? flush_directory(AT_FDCWD, folder_of(m_file)) : errno;
     } else {
         std::string content;
-        for (const auto& [directory, path] : left)
-            content += line_of(directory, path) + "\n";
+        for (const auto& [entry, restored] : left)
+            content += line_of(entry.first, entry.second, restored) + "\n";
         error = replace_file(m_file, content);
     }
     if (error != 0)

@@ -1,14 +1,16 @@
-// The databases that the store owes: prepared on the server, but in no set yet.
+// The databases that the store owes: prepared on the server, or put in place by a restore, but in
+// no set yet as they are.
 //
 // A database that was prepared counts as backed up for the server whether or not its content
 // reached the store, so a later incremental may not select it. Each is written down before it is
 // prepared and struck out when a set that holds it is committed. What stands here at the start of a
-// run was left by one that failed or was killed.
+// run was left by one that failed or was killed, or by a restore: what a live database holds since
+// then, no log may bring back over an older copy.
 #pragma once
 
 #include "client/store/store.h"
 
-#include <set>
+#include <map>
 #include <string>
 #include <utility>
 #include <vector>
@@ -30,8 +32,13 @@ class OwedDatabases {
     std::vector<std::string> of(const std::string& data_directory) const;
 
     // Writes an entry down, flushed to disk before it returns; one that is there already costs
-    // nothing. Throws ClientError(failed), and then the database must not be prepared.
-    void add(const std::string& data_directory, const std::string& path);
+    // nothing. `restored`: a restore or recovery is about to put it in place; such an entry stays
+    // one when it is written down again. Throws ClientError(failed), and then the database must not
+    // be prepared, or put in place.
+    void add(const std::string& data_directory, const std::string& path, bool restored = false);
+
+    // Whether it was put in place by a restore, and is in no set as it is since then.
+    bool is_restored(const std::string& data_directory, const std::string& path) const;
 
     // Strikes entries out: the file is replaced by one without them, or removed with the last.
     // Those that are not there are ignored. Returns 0, or the errno after which all entries stay:
@@ -45,8 +52,8 @@ class OwedDatabases {
     [[noreturn]] void fail(const std::string& doing, int error) const;
 
     std::string m_file;
-    std::set<Entry> m_entries;
-    bool m_exists = false; // flushed into its folder
+    std::map<Entry, bool> m_entries; // whether it was restored
+    bool m_exists = false;           // flushed into its folder
 };
 
 } // namespace qrtln

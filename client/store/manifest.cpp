@@ -65,6 +65,10 @@ json item_to_json(const ManifestItem& item) {
     }
     if (item.prepare_status != 0)
         out["prepare_status"] = item.prepare_status;
+    if (!item.dbiid.empty())
+        out["dbiid"] = item.dbiid;
+    if (item.copied != 0)
+        out["copied"] = item.copied;
     if (item.log)
         out["log"] = {{"number", item.log->number},
                       {"archive_id", item.log->archive_id},
@@ -114,6 +118,9 @@ ManifestItem item_from_json(const json& in) {
         throw std::runtime_error("a stored item without content");
     if (in.contains("prepare_status"))
         item.prepare_status = number_of<int>(in, "prepare_status");
+    item.dbiid = in.value("dbiid", "");
+    if (in.contains("copied"))
+        item.copied = number_of<std::int64_t>(in, "copied");
     if (in.contains("log")) {
         const json& log = in.at("log");
         item.log =

@@ -48,6 +48,12 @@ struct ManifestItem {
     std::uint64_t size = 0;
     std::uint64_t stored_size = 0;
     int prepare_status = 0; // what the module answered, 0 when it was not asked
+    // of a database that is transaction-logged: its instance, 34 characters as the module writes
+    // it; empty: not logged, or not known
+    std::string dbiid;
+    // when its content was complete, in seconds since 1970, rounded up: no later change is in it;
+    // 0: not known
+    std::int64_t copied = 0;
     std::optional<LogIdentity> log;
     std::vector<std::string> warnings;
 };
