@@ -160,7 +160,7 @@ void Crashes::make_server() {
     };
     change_all();
     for (bool full : {true, true, false}) { // the second one gives the databases their entries
-        m_history.back_up(full, false);
+        m_history.back_up(full);
         change_all();
     }
     m_history.create("mail/new.nsf", m_options.seed);

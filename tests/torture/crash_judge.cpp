@@ -119,7 +119,7 @@ void CrashJudge::judge_next_runs() {
         for (const char* name : {"mail/user1.nsf", "unlogged.nsf"})
             m_history.commit(name);
         try {
-            m_history.back_up(full, false);
+            m_history.back_up(full);
         } catch (const std::exception& failure) {
             violated(rule::next_run, failure.what());
             return;

@@ -123,11 +123,13 @@ std::string ModelDatabase::wrong_with(const std::string& file,
     return "not as it was in " + set.set + ": " + difference(commits[set.at_most].content, found);
 }
 
-History::History(const Programs& programs, const std::string& folder, std::uint64_t seed)
-    : m_programs(programs), m_folder(folder), m_content(seed) {
+History::History(const Programs& programs, const std::string& folder, std::uint64_t seed,
+                 const std::string& store)
+    : m_programs(programs), m_folder(folder), m_store(store.empty() ? disk() + "/store" : store),
+      m_content(seed) {
     m_environment = {{"Notes_ExecDirectory", programs.simulator}, {"QRTLN_MODULE", ""}};
-    fs::create_directory(temporary());
-    fs::create_directory(disk());
+    fs::create_directories(temporary());
+    fs::create_directories(disk());
     make_server(seed);
 }
 
@@ -143,65 +145,40 @@ void History::make_server(std::uint64_t seed) {
 }
 
 void History::adopt(const std::string& name, bool logged) {
-    ModelDatabase& database = m_databases[name];
-    database.logged = logged;
-    database.commits.push_back({nowInHundredths(), read_content(path_of(name))});
+    m_databases[name].logged = logged;
+    observe(name);
 }
 
-void History::create(const std::string& name, std::uint64_t seed) {
-    simulate({"create", server_folder(), name, "--notes", "5", "--seed", std::to_string(seed)});
-    adopt(name, true);
+bool History::observe(const std::string& name) {
+    ModelDatabase& database = m_databases.at(name);
+    Content content = read_content(path_of(name));
+    Id16 dbiid = Database(path_of(name), Connection::Mode::kReadOnly).header().dbiid;
+    std::string text = hex(dbiid);
+    if (!database.commits.empty() && database.commits.back().content == content &&
+        database.commits.back().dbiid == text)
+        return true;
+    database.commits.push_back({nowInHundredths(), std::move(content), text, true});
+    return false;
+}
+
+void History::create(const std::string& name, std::uint64_t seed, bool logged) {
+    ::domino_sim::createDatabase(*m_server, path_of(name), logged, name, 5, seed);
+    adopt(name, logged && !isTemplate(path_of(name)));
 }
 
 void History::compact(const std::string& name) const {
     simulate({"compact", server_folder(), name});
 }
 
-void History::play(int rounds) {
-    for (int round = 0; round < rounds; ++round) {
-        commit_some(30);
-        if (below(3) == 0)
-            commit_at_full_second();
-        if (round > 0 && below(4) == 0)
-            create("mail/later" + std::to_string(round) + ".nsf",
-                   static_cast<std::uint64_t>(round));
-        bool full = round == 0 || below(4) == 0;
-        back_up(full, below(2) == 0);
-        commit_at_full_second();
-    }
-    commit_some(30);
-    m_ended = std::time(nullptr);
-}
-
-void History::commit_some(std::uint64_t most) {
-    for (std::uint64_t left = 1 + below(most); left > 0; --left) {
-        auto database = m_databases.begin();
-        std::advance(database, static_cast<std::ptrdiff_t>(below(m_databases.size())));
-        commit(database->first);
-        std::this_thread::sleep_for(std::chrono::milliseconds(below(30)));
-    }
-}
-
-// A moment has whole seconds: what is committed at one, and just after it, tells a fault of one
-// off.
-void History::commit_at_full_second() {
-    auto now = std::chrono::system_clock::now();
-    auto next = std::chrono::ceil<std::chrono::seconds>(now);
-    std::this_thread::sleep_until(next - std::chrono::milliseconds(4));
-    for (int i = 0; i < 8; ++i)
-        for (const char* name : {"names.nsf", "mail/user1.nsf"})
-            commit(name);
-}
-
 std::vector<NoteChange> History::changes_for(const Content& content) {
     std::vector<NoteChange> changes;
     std::set<NoteId> used;
-    for (std::uint64_t left = 1 + below(3); left > 0; --left) {
+    for (std::uint64_t left = 1 + m_content.below(3); left > 0; --left) {
         NoteChange change = m_content.newNote();
         change.note.body.resize(std::min(change.note.body.size(), largest_body));
-        if (std::uint64_t dice = below(10); dice >= 4 && !content.notes.empty()) {
+        if (std::uint64_t dice = m_content.below(10); dice >= 4 && !content.notes.empty()) {
             auto note = content.notes.begin();
-            std::advance(note, static_cast<std::ptrdiff_t>(below(content.notes.size())));
+            std::advance(note, static_cast<std::ptrdiff_t>(m_content.below(content.notes.size())));
             if (!used.insert(note->first).second)
                 continue;
             if (dice >= 7) {
@@ -224,35 +201,24 @@ void History::commit(const std::string& name) {
     Content content = database.commits.back().content;
     std::vector<NoteChange> changes = changes_for(content);
     notes_sim::Commit made;
+    std::string dbiid;
     {
         UseMark mark(*m_server, path_of(name));
         Database file(path_of(name), Connection::Mode::kReadWrite);
         made = commitChanges(*m_server, file, std::move(changes));
+        dbiid = hex(file.header().dbiid);
     }
     for (const NoteChange& change : made.changes)
         apply(change, content);
-    database.commits.push_back({made.time, std::move(content)});
+    bool jump = dbiid != database.commits.back().dbiid;
+    database.commits.push_back({made.time, std::move(content), dbiid, jump});
 }
 
-void History::use(const std::string& name) const {
-    UseMark mark(*m_server, path_of(name));
-    Database file(path_of(name), Connection::Mode::kReadWrite);
-    NoteChange change;
-    change.note.subject = "after the recovery";
-    commitChanges(*m_server, file, {change});
-}
-
-void History::back_up(bool full, bool busy) {
+void History::back_up(bool full) {
     std::map<std::string, std::size_t> commits_before;
     for (const auto& [name, database] : m_databases)
         commits_before[name] = database.commits.size() - 1;
-    m_newest_set_started = std::time(nullptr);
-    Started backup(command({"backup", "--json", "--level", full ? "full" : "incr"}), m_environment,
-                   m_folder);
-    while (busy && !backup.ended()) {
-        commit_some(2);
-    }
-    Run run = backup.finish();
+    Run run = qrtln({"backup", "--json", "--level", full ? "full" : "incr"});
     if (run.exit_code != 0)
         throw std::runtime_error("the backup ended with " + std::to_string(run.exit_code) + ": " +
                                  run.errors);
@@ -262,12 +228,9 @@ void History::back_up(bool full, bool busy) {
 void History::remember_set(const std::string& output,
                            const std::map<std::string, std::size_t>& commits_before) {
     json summary = json::parse(output);
-    ++m_sets;
     Saved saved;
     saved.set = summary.at("set");
     saved.ended = seconds_of(summary.at("ended"));
-    if (m_first_set_ended == 0)
-        m_first_set_ended = saved.ended;
     Run show = run(command({"show", "--json", saved.set}), m_environment, m_folder);
     if (show.exit_code != 0)
         throw std::runtime_error("show: " + show.errors);
@@ -283,13 +246,6 @@ void History::remember_set(const std::string& output,
         saved.at_most = database.commits.size() - 1;
         database.saved.push_back(saved);
     }
-}
-
-std::size_t History::commits() const {
-    std::size_t sum = 0;
-    for (const auto& [name, database] : m_databases)
-        sum += database.commits.size() - 1;
-    return sum;
 }
 
 std::vector<std::string> History::command(const std::vector<std::string>& words) const {

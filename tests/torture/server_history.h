@@ -35,6 +35,9 @@ std::string difference(const Content& expected, const Content& found);
 struct Commit {
     std::int64_t time = 0; // hundredths of a second since 1970
     Content content;       // after it
+    std::string dbiid;     // the instance that the database is after it, in hexadecimal
+    // No log leads here from the state before: another instance, or a restored copy.
+    bool jump = true;
 };
 
 // A database in a set of the store: commits of its history that its copy may be at.
@@ -43,10 +46,12 @@ struct Saved {
     std::int64_t ended = 0; // of the set, seconds since 1970
     std::size_t at_least = 0;
     std::size_t at_most = 0;
+    std::string object = {};
 };
 
 struct ModelDatabase {
     bool logged = true;
+    bool live = true;            // on the server, and whole
     std::vector<Commit> commits; // the first is the creation
     std::vector<Saved> saved;
 
@@ -66,40 +71,35 @@ struct Programs {
     std::string simulator; // the folder of libnotes.so
 };
 
-// A random history: commits, and full and incremental backups while commits go on.
+// The history of one server: what users did, and what each set has of it.
 class History {
   public:
-    // `folder` is an empty one; everything lies in it.
-    History(const Programs& programs, const std::string& folder, std::uint64_t seed);
+    // `folder` is an empty one; everything lies in it, but for the store when it has a place.
+    History(const Programs& programs, const std::string& folder, std::uint64_t seed,
+            const std::string& store = {});
 
-    // Makes a random history. Throws std::runtime_error when a backup fails.
-    void play(int rounds);
-
-    // A single step each; the backup while users go on, if they are busy.
-    void create(const std::string& name, std::uint64_t seed);
+    // A single step each. Throws std::runtime_error when the backup fails.
+    void create(const std::string& name, std::uint64_t seed, bool logged = true);
     void commit(const std::string& name);
+    // Looks at what lies in a database's place: what no commit of this history left is a jump.
+    // Returns whether that is what was there.
+    bool observe(const std::string& name);
     void compact(const std::string& name) const; // which gives it a new DBIID
-    void back_up(bool full, bool busy);
+    void back_up(bool full);
     void forget_sets(); // the store is lost
 
     const std::map<std::string, ModelDatabase>& databases() const { return m_databases; }
+    ModelDatabase& database(const std::string& name) { return m_databases.at(name); }
     const notes_sim::Server& server() const { return *m_server; }
     std::string server_folder() const { return m_folder + "/server"; }
     std::string path_of(const std::string& name) const { return server_folder() + "/data/" + name; }
-    std::string store() const { return disk() + "/store"; }
+    std::string store() const { return m_store; }
     // The folder that has the store and nothing else.
     std::string disk() const { return m_folder + "/disk"; }
     std::string temporary() const { return m_folder + "/tmp"; }
     std::string scratch() const { return m_folder; }
     const Environment& environment() const { return m_environment; }
-    // Of the first full backup, and of the newest of all; seconds since 1970.
-    std::int64_t first_set_ended() const { return m_first_set_ended; }
-    std::int64_t newest_set_started() const { return m_newest_set_started; }
-    std::int64_t ended() const { return m_ended; }
-    std::size_t commits() const;
-    std::size_t sets() const { return m_sets; }
-
-    std::uint64_t below(std::uint64_t limit) { return m_content.below(limit); }
+    Environment& environment() { return m_environment; }
 
     // Words of qrtln, with the program and those that name server and store.
     std::vector<std::string> command(const std::vector<std::string>& words) const;
@@ -114,30 +114,21 @@ class History {
     void bring_back(const std::string& name);
     std::string kept(const std::string& name) const { return m_folder + "/kept-" + name; }
 
-    // A change as a user of the server makes it; the model does not have it. Throws when the server
-    // does not let him.
-    void use(const std::string& name) const;
-
   private:
     void make_server(std::uint64_t seed);
     void adopt(const std::string& name, bool logged);
-    void commit_some(std::uint64_t most);
-    void commit_at_full_second();
     std::vector<notes_sim::NoteChange> changes_for(const Content& content);
     void remember_set(const std::string& output,
                       const std::map<std::string, std::size_t>& commits_before);
 
     Programs m_programs;
     std::string m_folder;
+    std::string m_store;
     Environment m_environment;
     ::domino_sim::ContentGenerator m_content;
     std::optional<notes_sim::Server> m_server;
     std::map<std::string, ModelDatabase> m_databases;
     std::map<std::string, std::map<std::string, ModelDatabase>> m_kept; // by name
-    std::size_t m_sets = 0;
-    std::int64_t m_first_set_ended = 0;
-    std::int64_t m_newest_set_started = 0;
-    std::int64_t m_ended = 0;
 };
 
 } // namespace qrtln::torture
