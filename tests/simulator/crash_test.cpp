@@ -62,22 +62,5 @@ TEST(KilledWriter, OfADatabaseWithALongNameIsRolledBackAfterTheRuntimeStarts) {
     EXPECT_EQ(dominoSimJson({"show", server.root(), name}), before);
 }
 
-TEST(KilledWorkload, LeavesEveryDatabaseAtACommitOfItsManifest) {
-    const TestServer server;
-    const std::string manifest = (server.folder / "manifest.json").string();
-    for (int round = 0; round < 5; ++round) {
-        {
-            Workload workload(server, "names.nsf", 2);
-            for (int i = 0; i < 20; ++i) {
-                workload.awaitCommit();
-            }
-            workload.kill();
-        }
-        dominoSim({"put", server.root(), "names.nsf", "--manifest", manifest});
-        dominoSim({"check", server.data("names.nsf").string(), "--database", "names.nsf",
-                   "--manifest", manifest});
-    }
-}
-
 } // namespace
 } // namespace simulator_tests

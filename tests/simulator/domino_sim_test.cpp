@@ -51,22 +51,6 @@ TEST(DominoSim, RefusedChangesChangeNothing) {
     dominoSim({"put", server.root(), "names.nsf"});
 }
 
-TEST(DominoSim, LosesWhatItIsToldToAndTheServerStillStarts) {
-    const TestServer server;
-    dominoSim({"put", server.root(), "names.nsf"});
-    dominoSim({"lose", server.root()}, 1);
-    dominoSim({"lose", server.root(), "names.nsf", "missing.nsf"}, 1);
-    dominoSim({"lose", server.root(), "names.nsf", "--extent", "7"}, 1);
-    EXPECT_TRUE(fs::exists(server.data("names.nsf"))) << "a wrong name loses nothing";
-    dominoSim({"lose", server.root(), "--data", "--extent", "1"});
-    EXPECT_TRUE(fs::is_empty(server.data("")));
-    EXPECT_FALSE(fs::exists(server.root() + "/logs/S0000001.TXN"));
-    EXPECT_TRUE(fs::exists(server.root() + "/logs/nlogctrl.lfh"));
-    EXPECT_EQ(server.start(), 0);
-    dominoSim({"lose", server.root(), "--logs"});
-    EXPECT_TRUE(fs::is_empty(server.root() + "/logs"));
-}
-
 class Check : public ::testing::Test {
   protected:
     Check() {

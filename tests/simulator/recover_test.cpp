@@ -8,13 +8,11 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
-#include <algorithm>
 #include <csignal>
 #include <cstdlib>
 #include <fstream>
 #include <functional>
 #include <optional>
-#include <sstream>
 
 namespace fs = std::filesystem;
 
@@ -91,7 +89,6 @@ class Recover : public ::testing::Test {
         }
         dominoSim({"delete", server.root(), "names.nsf", "2294", "2302"});
         put("names.nsf");
-        markUnread("names.nsf");
         live = show(server.data("names.nsf"));
     }
 
@@ -107,71 +104,9 @@ class Recover : public ::testing::Test {
     void put(const std::string& name) const {
         dominoSim({"put", server.root(), name, "--text", std::string(30000, 'x')});
     }
-    static void markUnread(const std::string& name) {
-        const OpenDb db(name);
-        std::string user = "CN=Somebody";
-        const auto length = static_cast<WORD>(user.size());
-        DHANDLE before = 0;
-        DHANDLE after = 0;
-        ASSERT_EQ(NSFDbGetUnreadNoteTable(db.handle, user.data(), length, 1, &before), 0);
-        ASSERT_EQ(IDTableCopy(before, &after), 0);
-        BOOL inserted = 0;
-        ASSERT_EQ(IDInsert(after, 2298, &inserted), 0);
-        ASSERT_EQ(IDInsert(after, 2306, &inserted), 0);
-        ASSERT_EQ(NSFDbSetUnreadNoteTable(db.handle, user.data(), length, 1, before, after), 0);
-        DHANDLE less = 0; // and one of them read again
-        ASSERT_EQ(IDTableCopy(before, &less), 0);
-        ASSERT_EQ(IDInsert(less, 2306, &inserted), 0);
-        ASSERT_EQ(NSFDbSetUnreadNoteTable(db.handle, user.data(), length, 1, after, less), 0);
-        for (const DHANDLE table : {before, after, less}) {
-            EXPECT_EQ(IDDestroyTable(table), 0);
-        }
-    }
-    /// Archives every full extent into a folder.
-    void archive() const {
-        fs::create_directories(server.folder / "archive");
-        UNIVERSALNOTEID id = {};
-        DWORD number = 0;
-        char path[1028] = {};
-        while (NSFGetFirstLogToArchive(&id, &number, path) == 0) {
-            fs::copy_file(path, server.folder / "archive" / fs::path(path).filename());
-            ASSERT_EQ(NSFDoneArchivingLog(&id, &number), 0);
-        }
-    }
-
     TestServer server;
     nlohmann::json live;
 };
-
-TEST_F(Recover, CopyBecomesTheLiveDatabaseWithDeletionsAndUnreadMarks) {
-    EXPECT_EQ(recover({copyOf("names.nsf"), copyOf("mail.box")}), (Outcome{0, 0}));
-    EXPECT_EQ(g_asked, (std::vector<DWORD>{1, 2, 3, 4}));
-    for (const char* name : {"names.nsf", "mail.box"}) {
-        const auto copy = show(copyOf(name));
-        const auto original = show(server.data(name));
-        for (const char* field :
-             {"digest", "commit", "dbiid", "lastRecord", "lastExtent", "integrity"}) {
-            EXPECT_EQ(copy[field], original[field]) << name << " " << field;
-        }
-    }
-    EXPECT_EQ(recover({copyOf("names.nsf")}), (Outcome{0, 0})) << "nothing is left to do";
-    EXPECT_TRUE(g_asked.empty());
-}
-
-TEST_F(Recover, AsksForArchivedExtentsAndReadsWhatTheCallbackPutBack) {
-    archive();
-    ASSERT_FALSE(fs::exists(extent(1)));
-    g_provide = [this](DWORD, const char* path) -> STATUS {
-        const fs::path saved = server.folder / "archive" / fs::path(path).filename();
-        return fs::exists(path) || fs::copy_file(saved, path) ? 0 : 1;
-    };
-    EXPECT_EQ(recover({copyOf("names.nsf")}), (Outcome{0, 0}));
-    EXPECT_EQ(g_asked, (std::vector<DWORD>{1, 2, 3, 4}));
-    EXPECT_EQ(show(copyOf("names.nsf"))["digest"], live["digest"]);
-    // Extents after the last record of a database are not asked for.
-    EXPECT_EQ(recover({copyOf("mail.box")}), (Outcome{0, 0}));
-    EXPECT_EQ(g_asked, (std::vector<DWORD>{1, 2, 3}));
-}
 
 struct FailureCase {
     const char* title;
@@ -374,17 +309,6 @@ INSTANTIATE_TEST_SUITE_P(Of, KilledRecovery,
                                            KillCase{"AnOfflineDatabase", true, false}),
                          [](const auto& test) { return std::string(test.param.title); });
 
-// A backup says from which extent on it needs the log: older ones may be in older backups only.
-TEST_F(Recover, NeedsNoExtentFromBeforeTheBackup) {
-    archive();
-    const fs::path copy = server.folder / "backup.nsf";
-    ASSERT_NO_FATAL_FAILURE(backUp("mail.box", server.data("mail.box"), copy, {}));
-    put("mail.box");
-    EXPECT_EQ(recover({copy.string()}), (Outcome{0, 0}));
-    EXPECT_EQ(g_asked.front(), 4U);
-    EXPECT_EQ(show(copy)["digest"], show(server.data("mail.box"))["digest"]);
-}
-
 // A server set up anew beside restored logs remembers nothing of the log's databases.
 TEST_F(Recover, FindsRecordsThatTheServerDoesNotRemember) {
     fs::remove_all(server.root() + "/state/instances");
@@ -403,21 +327,6 @@ void putInPlace(const TestServer& server, const std::string& copy, std::string n
     ASSERT_EQ(NSFTakeDatabaseOffline(name.data(), 0, 0), 0);
     fs::copy_file(copy, server.data(name), fs::copy_options::overwrite_existing);
     ASSERT_EQ(NSFBringDatabaseOnline(name.data(), 0), 0);
-}
-
-TEST_F(Recover, ToTheEndKeepsTheInstanceAndTheLogGoesOn) {
-    const std::string first = copyOf("first");
-    fs::copy_file(copyOf("names.nsf"), first);
-    ASSERT_EQ(recover({copyOf("names.nsf")}), (Outcome{0, 0}));
-    putInPlace(server, copyOf("names.nsf"), "names.nsf");
-    EXPECT_EQ(show(server.data("names.nsf"))["dbiid"], live["dbiid"]);
-    EXPECT_EQ(backupNeeded(server, "names.nsf"), 0);
-    dominoSim({"put", server.root(), "names.nsf"});
-    const auto after = show(server.data("names.nsf"));
-    EXPECT_EQ(after["dbiid"], live["dbiid"]);
-    // The first copy can still be rolled forward, over the records from before and after.
-    EXPECT_EQ(recover({first}), (Outcome{0, 0}));
-    EXPECT_EQ(show(first)["digest"], after["digest"]);
 }
 
 // The log has records of the instance that the database now lacks, whatever the server remembers.
@@ -455,81 +364,5 @@ TEST_F(Recover, ToAnEarlierMomentBeginsANewInstanceWhenBroughtOnline) {
     }
 }
 
-TEST_F(Recover, WithANewDbiidCountsAsNeverBackedUp) {
-    ASSERT_EQ(recover({copyOf("names.nsf")}, kNewDbiid), (Outcome{0, 0}));
-    const auto copy = show(copyOf("names.nsf"));
-    EXPECT_EQ(copy["digest"], live["digest"]);
-    EXPECT_NE(copy["dbiid"], live["dbiid"]);
-    putInPlace(server, copyOf("names.nsf"), "names.nsf");
-    EXPECT_EQ(show(server.data("names.nsf"))["dbiid"], copy["dbiid"]);
-    EXPECT_EQ(backupNeeded(server, "names.nsf"), 5114);
-    // Its own changes are those after the recovery.
-    const std::string second = copyOf("second");
-    fs::copy_file(server.data("names.nsf"), second);
-    dominoSim({"put", server.root(), "names.nsf"});
-    EXPECT_EQ(recover({second}), (Outcome{0, 0}));
-    EXPECT_EQ(show(second)["digest"], show(server.data("names.nsf"))["digest"]);
-}
-
-/// The times of a database's commits, from a manifest.
-std::vector<std::int64_t> commitTimes(const std::string& manifest) {
-    std::vector<std::int64_t> times;
-    std::istringstream lines(readFile(manifest));
-    for (std::string line; std::getline(lines, line);) {
-        const auto value = nlohmann::json::parse(line, nullptr, false);
-        if (value.contains("time")) {
-            times.push_back(value["time"].get<std::int64_t>());
-        }
-    }
-    return times;
-}
-
-std::string moment(std::int64_t time) {
-    char text[40] = {};
-    std::snprintf(text, sizeof text, "@%lld.%02d", static_cast<long long>(time / 100),
-                  static_cast<int>(time % 100));
-    return text;
-}
-
-TEST(RecoverToAMoment, IncludesWhatWasCommittedAtItWhileWritersGoOn) {
-    const TestServer server;
-    g_provide = nullptr;
-    const fs::path base = server.folder / "base.nsf";
-    fs::copy_file(server.data("names.nsf"), base);
-    const fs::path copy = server.folder / "copy.nsf";
-    Workload workload(server, "names.nsf", 2);
-    for (int i = 0; i < 30; ++i) {
-        workload.awaitCommit();
-    }
-    const auto check = [&](const std::string& at, int expectedExit) {
-        std::vector<std::string> command = {"check",     copy.string(), "--database",
-                                            "names.nsf", "--manifest",  workload.manifest()};
-        if (!at.empty()) {
-            command.insert(command.end(), {"--at", at});
-        }
-        dominoSim(command, expectedExit);
-    };
-    // Not the last ones: a line is written before its commit is made.
-    const std::vector<std::int64_t> times = commitTimes(workload.manifest());
-    for (const std::int64_t time : {times[0], times[9], times[19], times[19] / 100 * 100}) {
-        for (const std::int64_t until : {time, time - 1}) {
-            fs::copy_file(base, copy, fs::copy_options::overwrite_existing);
-            if (until < times[0]) {
-                continue; // the base may be as young as this
-            }
-            ASSERT_EQ(recover({copy}, kKeepDbiid, until), (Outcome{0, 0})) << until;
-            check(moment(until), 0);
-            if (until != time && std::find(times.begin(), times.end(), time) != times.end()) {
-                check(moment(time), 4);
-            }
-        }
-    }
-    fs::copy_file(base, copy, fs::copy_options::overwrite_existing);
-    ASSERT_EQ(recover({copy}), (Outcome{0, 0}));
-    check("", 0);
-    EXPECT_GE(show(copy)["commit"], static_cast<int>(times.size() - 1));
-    check("yesterday", 1);
-    check("2026-02-30 10:00:00", 1);
-}
 } // namespace
 } // namespace simulator_tests
