@@ -40,8 +40,8 @@ std::string joined(const std::string& root, const std::string& relative) {
 
 class RestoreOperation {
   public:
-    RestoreOperation(const OperationContext& context, const RestorePlan& plan)
-        : m_context(context), m_plan(plan) {}
+    RestoreOperation(const OperationContext& context, const RestorePlan& plan, OwedDatabases* owed)
+        : m_context(context), m_plan(plan), m_owed(owed) {}
     RestoreResult run();
 
   private:
@@ -57,6 +57,7 @@ class RestoreOperation {
     void create_folder(const PlannedItem& planned);
     void write_item(const PlannedItem& planned, const std::string& path);
     std::string check_live_target(const PlannedItem& planned);
+    void owe(const PlannedItem& planned);
     void finish_written(const PlannedItem& planned, const std::string& path);
     void finish_activation(const PlannedItem& planned, const std::string& path);
     void give_metadata_back(const PlannedItem& planned);
@@ -68,6 +69,7 @@ class RestoreOperation {
 
     const OperationContext& m_context;
     const RestorePlan& m_plan;
+    OwedDatabases* m_owed;
     std::optional<TemporaryDirectory> m_temporary; // the session, whose child uses it, goes first
     std::optional<ModuleSession> m_session;
     std::optional<Progress> m_progress;
@@ -253,6 +255,8 @@ void RestoreOperation::write_item(const PlannedItem& planned, const std::string&
     bool stays_ours =
         activate || (m_plan.databases_wait && planned.item.kind == ItemKind::database);
     bool replaces = placed ? !m_plan.pending_folder.empty() : planned.replaces;
+    if (problem.empty() && planned.action == RestoreAction::write && m_plan.to.empty())
+        owe(planned);
     if (problem.empty())
         problem = file.commit(stays_ours ? nullptr : &planned.item, replaces);
     if (problem.empty() && activate) {
@@ -264,7 +268,22 @@ void RestoreOperation::write_item(const PlannedItem& planned, const std::string&
         fail(planned, problem);
         return;
     }
+    if (activate)
+        owe(planned);
     activate ? finish_activation(planned, path) : finish_written(planned, path);
+}
+
+// No backup that selects what changed would find what is put in place now: its time and identity
+// are those of long ago.
+void RestoreOperation::owe(const PlannedItem& planned) {
+    if (m_owed == nullptr || planned.item.kind != ItemKind::database)
+        return;
+    try {
+        m_owed->add(m_plan.data_directory, planned.item.path, true);
+    } catch (const ClientError& failure) {
+        m_owed = nullptr;
+        m_result.warnings.push_back(not_owed_text(failure.what()));
+    }
 }
 
 // Makes the folder of the live database, and refuses what the module would write through.
@@ -386,8 +405,25 @@ nlohmann::json failures_json(const std::vector<FailedRestore>& list) {
     return array;
 }
 
-RestoreResult run_restore_operation(const OperationContext& context, const RestorePlan& plan) {
-    return RestoreOperation(context, plan).run();
+RestoreResult run_restore_operation(const OperationContext& context, const RestorePlan& plan,
+                                    OwedDatabases* owed) {
+    return RestoreOperation(context, plan, owed).run();
+}
+
+std::string not_owed_text(const std::string& reason) {
+    return "what is put in place cannot be written down for the next backup (" + reason +
+           "): take a full backup afterwards (`qrtln backup --level full`), others may not save it";
+}
+
+std::unique_ptr<Store> open_store_for_notes(const std::string& directory, std::string& problem) {
+    try {
+        return open_directory_store(directory, StoreAccess::change);
+    } catch (const ClientError& failure) {
+        if (failure.exit_code() == static_cast<int>(ExitCode::locked))
+            throw;
+        problem = failure.what();
+    }
+    return open_directory_store(directory, StoreAccess::read);
 }
 
 } // namespace qrtln

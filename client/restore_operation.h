@@ -6,8 +6,10 @@
 #pragma once
 
 #include "client/module_session.h"
+#include "client/owed.h"
 #include "client/restore_plan.h"
 
+#include <memory>
 #include <nlohmann/json.hpp>
 #include <string>
 #include <vector>
@@ -40,7 +42,17 @@ struct RestoreResult {
 
 // Carries out the plan. Failures of items are in the result. Throws ClientError when the operation
 // could not be started or went on no longer; copies that a failed activation left are then kept,
-// and a message names them.
-RestoreResult run_restore_operation(const OperationContext& context, const RestorePlan& plan);
+// and a message names them. A database that is put in place is written down in `owed` before that,
+// as restored; where the list takes no more, a warning of the result says so.
+RestoreResult run_restore_operation(const OperationContext& context, const RestorePlan& plan,
+                                    OwedDatabases* owed = nullptr);
+
+// The warning that databases are put in place and not owed.
+std::string not_owed_text(const std::string& reason);
+
+// Opens the store to write notes about the live databases in it. Getting data out must not need the
+// right to write: a store that can only be read is opened so, and `problem` says why. Throws
+// ClientError: no_store, locked, failed.
+std::unique_ptr<Store> open_store_for_notes(const std::string& directory, std::string& problem);
 
 } // namespace qrtln

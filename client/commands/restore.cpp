@@ -79,6 +79,24 @@ nlohmann::json result_json(const RestoreResult& result) {
             {"warnings", printable_list(result.warnings)}};
 }
 
+bool puts_databases_in_place(const RestorePlan& plan) {
+    return std::any_of(plan.items.begin(), plan.items.end(), [](const PlannedItem& planned) {
+        return planned.item.kind == ItemKind::database &&
+               (planned.action == RestoreAction::activate ||
+                planned.action == RestoreAction::write);
+    });
+}
+
+// A list that is damaged is the next backup's to report: it keeps nobody from the databases.
+std::optional<OwedDatabases> read_owed(const Store& store, std::string& problem) {
+    try {
+        return OwedDatabases(owed_file_of(store));
+    } catch (const ClientError& failure) {
+        problem = failure.what();
+    }
+    return std::nullopt;
+}
+
 } // namespace
 
 int run_restore(const RestoreOptions& options) {
@@ -89,7 +107,11 @@ int run_restore(const RestoreOptions& options) {
                           "--all for the whole system",
                           "`qrtln show` lists what a set holds; --dry-run shows what would happen");
     NotesIni ini = load_notes_ini(options.notes_ini);
-    std::unique_ptr<Store> store = open_directory_store(options.store, StoreAccess::read);
+    bool in_place = !options.dry_run && options.to.empty();
+    std::string not_owed;
+    std::unique_ptr<Store> store = in_place
+                                       ? open_store_for_notes(options.store, not_owed)
+                                       : open_directory_store(options.store, StoreAccess::read);
     RestoreRequest request;
     request.selection = {options.names, options.all, options.set, options.at, !options.to.empty()};
     request.to = options.to;
@@ -122,7 +144,12 @@ int run_restore(const RestoreOptions& options) {
     FileDescriptor trace = open_trace_file(options.trace_file);
     OperationContext context{ini,         *store,         options.tmp_dir, options.module,
                              trace.get(), options.verbose};
-    RestoreResult result = run_restore_operation(context, plan);
+    std::optional<OwedDatabases> owed;
+    if (in_place && not_owed.empty())
+        owed = read_owed(*store, not_owed);
+    if (!not_owed.empty() && puts_databases_in_place(plan))
+        print_warnings({not_owed_text(not_owed)});
+    RestoreResult result = run_restore_operation(context, plan, owed ? &*owed : nullptr);
     print_warnings(result.warnings);
     for (const PlannedItem& planned : plan.items)
         if (planned.action == RestoreAction::leave_out && options.verbose)

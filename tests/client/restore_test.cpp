@@ -63,6 +63,7 @@ TEST_F(Restore, ALostDatabaseComesBackWithItsFolderOwnerModeAndTime) {
     ASSERT_EQ(::stat(m_user1.c_str(), &status), 0);
     ASSERT_EQ(domino("lose " + m_server + " mail/user1.nsf"), 0);
     fs::remove_all(m_data + "/mail");
+    fs::create_directories(m_store + "/runtime/owed.jsonl"); // no list can be written
 
     json planned = restore(0, {"mail/user1.nsf", "--activate", "--dry-run"});
     EXPECT_EQ(planned["recovery_logs"]["first"], 1); // what a recovery would need
@@ -75,6 +76,8 @@ TEST_F(Restore, ALostDatabaseComesBackWithItsFolderOwnerModeAndTime) {
     json done = restore(0, {"mail/user1.nsf", "--activate"});
     EXPECT_EQ(done["plan"]["items"], planned["plan"]["items"]);
     EXPECT_EQ(done["result"]["restored"], json::array({m_user1}));
+    EXPECT_THAT(m_errors, HasSubstr("take a full backup"));
+    fs::remove(m_store + "/runtime/owed.jsonl");
     EXPECT_EQ(shown("mail/user1.nsf")["digest"], before["digest"]);
     put("mail/user1.nsf"); // the server writes to it
     struct stat folder {};
@@ -126,6 +129,7 @@ TEST_F(Restore, ADatabaseInUseIsNotTouchedAndASecondCommandFinishes) {
     }
     restore(0, {"mail/user1.nsf", "--activate"});
     EXPECT_EQ(shown("mail/user1.nsf")["digest"], saved["digest"]);
+    EXPECT_THAT(backup({"--level", "diff"}).output, HasSubstr("\"owed\""));
 }
 
 TEST_F(Restore, AWholeTreeIsRelocatedBelowItsWholePath) {
@@ -242,12 +246,16 @@ TEST_F(Restore, AnObjectOfAnotherSizeThanTheSetTellsIsDamage) {
     std::string set = full_backup();
     std::string before = read_file(m_user1);
     Manifest lying = manifest(set);
-    auto store = open_directory_store(m_store, StoreAccess::write);
     for (std::uint64_t size : {std::uint64_t{1000}, std::uint64_t{1} << 20}) {
         for (ManifestItem& item : lying.items)
             if (item.path == m_user1)
                 item.size = size;
+        auto store = open_directory_store(m_store, StoreAccess::write);
         store->write_manifest(set, serialize(lying));
+        // What is put in place is written down in the store: not while another run has it.
+        restore(11, {"mail/user1.nsf", "--activate"});
+        restore(4, {"mail/user1.nsf", "--to", m_scratch / "to"});
+        store.reset();
         restore(4, {"mail/user1.nsf", "--activate"});
         EXPECT_EQ(read_file(m_user1), before);
         EXPECT_TRUE(fs::is_empty(m_tmp));
