@@ -102,6 +102,7 @@ std::optional<std::int64_t> reachable_with(const Holdings& holdings, std::uint32
 StoredLogs load_stored_logs(Store& store, const std::string& data_directory,
                             const std::set<std::pair<std::string, std::string>>& damaged) {
     StoredLogs stored;
+    std::vector<StoredLog> controls;
     for (const std::string& set : store.set_names()) {
         CatalogueEntry entry = load_set(store, set);
         if (!entry.manifest || entry.manifest->data_directory != data_directory)
@@ -113,9 +114,15 @@ StoredLogs load_stored_logs(Store& store, const std::string& data_directory,
             if (item.log)
                 stored.logs.push_back({set, std::move(item), is_damaged});
             else if (item.kind == ItemKind::log_control && !is_damaged)
-                stored.control = StoredLog{set, std::move(item)};
+                controls.push_back({set, std::move(item)});
         }
     }
+    // It describes the log of its own set.
+    for (const StoredLog& control : controls)
+        for (const StoredLog& log : stored.logs)
+            if (log.set == control.set &&
+                log.item.log->archive_id == stored.logs.back().item.log->archive_id)
+                stored.control = control;
     return stored;
 }
 

@@ -25,7 +25,8 @@ struct StoredLog {
 // What the sets of one server hold, oldest set first.
 struct StoredLogs {
     std::vector<StoredLog> logs;
-    std::optional<StoredLog> control; // of the newest set that has one undamaged
+    // Of the newest set that has one undamaged and logs of the newest identity beside it.
+    std::optional<StoredLog> control;
 };
 
 // The stored logs of all sets with this data directory. Items that are known to be damaged are

@@ -47,7 +47,7 @@ class Planner {
     void relocate(PlannedItem& planned);
     void plan_original(PlannedItem& planned, bool named);
     void plan_database(PlannedItem& planned, bool named);
-    void plan_log(PlannedItem& planned, bool named);
+    void plan_log(PlannedItem& planned, const SelectedItem& selected);
     void plan_file(PlannedItem& planned, bool named);
     void look_at_target(PlannedItem& planned);
     void refuse_collisions();
@@ -158,7 +158,7 @@ PlannedItem Planner::plan_item(SelectedItem selected) {
     }
     bool log = item.kind == ItemKind::log || item.kind == ItemKind::log_control;
     if (log)
-        plan_log(planned, selected.named);
+        plan_log(planned, selected);
     else if (!m_plan.to.empty())
         relocate(planned);
     else
@@ -245,7 +245,7 @@ void Planner::plan_database(PlannedItem& planned, bool named) {
                         "from its users first");
 }
 
-void Planner::plan_log(PlannedItem& planned, bool named) {
+void Planner::plan_log(PlannedItem& planned, const SelectedItem& selected) {
     const std::string& path = planned.item.path;
     if (m_request.recovery) {
         leave_out(planned, "transaction logs come back as the recovery needs them");
@@ -253,7 +253,11 @@ void Planner::plan_log(PlannedItem& planned, bool named) {
     }
     if (!m_request.selection.all) {
         const char* reason = "transaction logs come back with --all only";
-        named ? refuse(planned, reason) : leave_out(planned, reason);
+        selected.named ? refuse(planned, reason) : leave_out(planned, reason);
+        return;
+    }
+    if (selected.other_log) {
+        leave_out(planned, "it is of a log that the server has replaced by a new one since then");
         return;
     }
     bool known = !m_log_directory.empty() && folder_of(path) == m_log_directory;

@@ -3,6 +3,7 @@
 #include "client/catalogue.h"
 #include "client/error.h"
 #include "client/interrupt.h"
+#include "client/original.h"
 #include "client/point_in_time.h"
 #include "client/text.h"
 
@@ -35,8 +36,15 @@ struct Name {
     std::string given;
     std::string path;
     bool closed = false; // no older set has a say
+    bool seen = false;   // in a set that counts, perhaps copied too late
     bool found = false;
     bool exact = false; // an item of this very path was found
+};
+
+// A path of which no copy so far will do.
+struct LookedFor {
+    bool named = false;
+    bool late = false; // it was copied after the moment; else the copies are damaged
 };
 
 class Selector {
@@ -51,9 +59,12 @@ class Selector {
     void resolve_names();
     void take_named_set();
     void take_newest();
-    bool counts(const Manifest& manifest, const Moment& moment) const;
+    bool counts(const Manifest& manifest) const;
+    bool is_late(const Manifest& manifest, const ManifestItem& item) const;
+    void warn_about_late();
     void take(const Manifest& manifest);
     void add(const Manifest& manifest, const ManifestItem& item, bool named);
+    bool has_newest_log(const Manifest& manifest);
     void close_covered(const Manifest& manifest);
     bool finished() const;
     void check_found() const;
@@ -62,8 +73,11 @@ class Selector {
     const SelectionRequest& m_request;
     RestoreSelection m_result;
     std::vector<Name> m_names;
-    bool m_base_found = false;
-    std::set<std::string> m_looked_for; // paths of which only damaged copies were found so far
+    Moment m_moment;
+    std::string m_log_id;      // the newest archive identity
+    bool m_covered = false;    // a set of the whole system tells what there was
+    bool m_base_found = false; // and it was complete at the moment, or one before it
+    std::map<std::string, LookedFor> m_looked_for; // by path
     std::map<std::string, SelectedItem> m_items;
 };
 
@@ -72,7 +86,17 @@ RestoreSelection Selector::run() {
         take_named_set();
     else
         take_newest();
+    m_base_found = m_base_found || (m_covered && m_looked_for.empty());
     check_found();
+    warn_about_late();
+    auto is = [this](ItemKind kind) {
+        return std::any_of(m_items.begin(), m_items.end(),
+                           [kind](const auto& entry) { return entry.second.item.kind == kind; });
+    };
+    if (m_request.all && is(ItemKind::log) && !is(ItemKind::log_control))
+        m_result.warnings.emplace_back("no set has the log control file of its transaction logs: "
+                                       "should they have to come back, the server may not take "
+                                       "them");
     for (auto& [path, selected] : m_items)
         m_result.items.push_back(std::move(selected));
     return std::move(m_result);
@@ -124,23 +148,29 @@ void Selector::take_named_set() {
     m_base_found = covers_all;
 }
 
-bool Selector::counts(const Manifest& manifest, const Moment& moment) const {
+bool Selector::counts(const Manifest& manifest) const {
     if (manifest.data_directory != m_result.data_directory)
         return false;
     if (m_request.ended_before && manifest.ended >= *m_request.ended_before)
         return false;
     if (m_request.at.empty())
         return true;
-    if (!moment.set_prefix.empty())
-        return manifest.set.substr(0, compact_time_length) <= moment.set_prefix;
-    return manifest.started <= moment.time;
+    if (!m_moment.set_prefix.empty())
+        return manifest.set.substr(0, compact_time_length) <= m_moment.set_prefix;
+    return manifest.started <= m_moment.time;
+}
+
+// Sets of earlier versions do not tell when a copy was complete: before their end.
+bool Selector::is_late(const Manifest& manifest, const ManifestItem& item) const {
+    if (m_request.at.empty() || !m_moment.set_prefix.empty() || item.kind == ItemKind::directory)
+        return false;
+    return item.copied != 0 ? item.copied > m_moment.time : manifest.ended >= m_moment.time;
 }
 
 void Selector::take_newest() {
     resolve_names();
-    Moment moment;
     if (!m_request.at.empty())
-        moment = parse_moment(m_request.at);
+        m_moment = parse_moment(m_request.at);
     std::vector<std::string> sets = m_store.set_names();
     for (auto set = sets.rbegin(); set != sets.rend() && !finished(); ++set) {
         throw_if_interrupted();
@@ -150,58 +180,92 @@ void Selector::take_newest() {
                                         " is passed over: its manifest " + entry.problem);
             continue;
         }
-        if (!counts(*entry.manifest, moment))
+        if (!counts(*entry.manifest))
             continue;
         take(*entry.manifest);
         close_covered(*entry.manifest);
     }
 }
 
+// Whether the set holds logs of the identity that counts: that of the first set with any.
+bool Selector::has_newest_log(const Manifest& manifest) {
+    std::set<std::string> ids;
+    std::string last;
+    for (const ManifestItem& item : manifest.items)
+        if (item.log && item.status == ItemStatus::stored && !is_late(manifest, item))
+            ids.insert(last = item.log->archive_id);
+    if (m_log_id.empty())
+        m_log_id = last;
+    return ids.contains(m_log_id);
+}
+
 void Selector::take(const Manifest& manifest) {
+    bool newest_log = has_newest_log(manifest);
     for (const ManifestItem& item : manifest.items) {
         if (item.status != ItemStatus::stored)
             continue;
-        bool looked_for = m_looked_for.contains(item.path);
-        bool wanted = (m_request.all && !m_base_found) || looked_for;
-        bool named = m_request.all || looked_for;
+        if (item.kind == ItemKind::log_control && !newest_log)
+            continue; // it describes another log
+        auto looked_for = m_looked_for.find(item.path);
+        bool is_looked_for = looked_for != m_looked_for.end();
+        bool log = item.kind == ItemKind::log || item.kind == ItemKind::log_control;
+        bool wanted = (m_request.all && !(log ? m_base_found : m_covered)) || is_looked_for;
+        bool named = m_request.all || (is_looked_for && looked_for->second.named);
+        bool late = is_late(manifest, item);
         for (Name& name : m_names) {
             bool exact = item.path == name.path && item.kind != ItemKind::directory;
-            if (name.closed || !(exact || is_below(item.path, name.path)))
+            bool open = !name.closed || is_looked_for;
+            if (!open || !(exact || is_below(item.path, name.path)))
                 continue;
-            wanted = name.found = true;
+            wanted = name.seen = true;
+            name.found = name.found || !late;
             named = named || exact;
             name.exact = name.exact || exact;
         }
-        bool damaged = wanted && m_request.damaged.contains({item.path, item.object});
-        if (damaged) // an older one will do, however old
-            m_looked_for.insert(item.path);
-        else if (wanted)
-            m_looked_for.erase(item.path);
-        if (wanted && !damaged)
-            add(manifest, item, named);
+        if (!wanted || (m_items.contains(item.path) && !item.log))
+            continue;
+        if (late && log)
+            continue; // the others of its log are wanted, whatever is in this set
+        if (late || m_request.damaged.contains({item.path, item.object})) {
+            // An older one will do, however old.
+            m_looked_for[item.path] = {named, late};
+            continue;
+        }
+        if (is_looked_for)
+            m_looked_for.erase(looked_for);
+        add(manifest, item, named);
     }
     for (Name& name : m_names)
         name.closed = name.closed || name.exact;
 }
 
 void Selector::add(const Manifest& manifest, const ManifestItem& item, bool named) {
-    auto [entry, added] = m_items.try_emplace(item.path, SelectedItem{manifest.set, item, named});
+    bool other_log = item.log && item.log->archive_id != m_log_id;
+    SelectedItem selected{manifest.set, item, named, other_log};
+    auto [entry, added] = m_items.try_emplace(item.path, selected);
     if (added)
         return;
     // The newest counts. Of a log the copy that was taken when it was full: the other is partial.
     const std::optional<LogIdentity>& newer = entry->second.item.log;
-    if (newer && item.log && newer->active && !item.log->active &&
-        newer->number == item.log->number)
-        entry->second = SelectedItem{manifest.set, item, named};
+    bool completes = newer && item.log && newer->active && !item.log->active &&
+                     newer->number == item.log->number;
+    if (!other_log && (entry->second.other_log || completes))
+        entry->second = selected;
 }
 
 // Behind a complete set that covers a folder, older ones know only what is gone.
 void Selector::close_covered(const Manifest& manifest) {
     if (!manifest.complete || (manifest.level != "full" && manifest.level != "copy"))
         return;
-    m_base_found = m_base_found || manifest.whole_system;
+    if (manifest.whole_system) {
+        bool any_late =
+            std::any_of(manifest.items.begin(), manifest.items.end(),
+                        [&](const ManifestItem& item) { return is_late(manifest, item); });
+        m_covered = true;
+        m_base_found = m_base_found || !any_late;
+    }
     for (Name& name : m_names)
-        if (name.found)
+        if (name.seen)
             name.closed = name.closed || manifest.whole_system ||
                           std::any_of(manifest.arguments.begin(), manifest.arguments.end(),
                                       [&](const std::string& argument) {
@@ -216,6 +280,16 @@ bool Selector::finished() const {
         return m_base_found;
     return std::all_of(m_names.begin(), m_names.end(),
                        [](const Name& name) { return name.closed; });
+}
+
+// Perhaps it did not exist at that moment, perhaps an older copy is damaged or was never made.
+void Selector::warn_about_late() {
+    for (const auto& [path, looked_for] : m_looked_for) {
+        ItemKind kind = item_kind_of(path);
+        if (looked_for.late && (kind == ItemKind::database || kind == ItemKind::file))
+            m_result.warnings.push_back(path + " is left out: every copy of it was made after " +
+                                        m_request.at);
+    }
 }
 
 void Selector::check_found() const {

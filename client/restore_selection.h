@@ -30,6 +30,9 @@ struct SelectedItem {
     std::string set;
     ManifestItem item;  // stored
     bool named = false; // by its own name, or with the whole system
+    // A transaction log of another identity than the newest that counts: the server began a new log
+    // since, and takes no other beside its control file.
+    bool other_log = false;
 };
 
 struct RestoreSelection {
@@ -38,9 +41,9 @@ struct RestoreSelection {
     std::vector<std::string> warnings;
 };
 
-// A moment up to which sets count.
+// A moment up to which copies count.
 struct Moment {
-    std::int64_t time = 0;  // seconds since 1970: sets that started then or before
+    std::int64_t time = 0;  // seconds since 1970: copies that were complete then
     std::string set_prefix; // or the beginning of a set's name, of that time: sets up to that one
 };
 
@@ -51,8 +54,9 @@ Moment parse_moment(const std::string& text, const std::string& option = "--at")
 
 // Chooses the items: of each name, or of everything, the newest that is stored in a set of this
 // data directory, whatever the set's level. A folder, and the whole system, is what the newest full
-// or copy set that covers it holds, with what later sets have of it. Throws ClientError when a name
-// is in no set, or no complete set covers the whole system.
+// or copy set that covers it holds, with what later sets have of it. Up to a moment a copy counts
+// that was complete then: of a set that was being made, the others come from older sets. Throws
+// ClientError when a name is in no set, or no complete set covers the whole system.
 RestoreSelection select_for_restore(Store& store, const std::string& data_directory,
                                     const SelectionRequest& request);
 

@@ -2,6 +2,8 @@
 
 #include "client/error.h"
 #include "client/file_users.h"
+#include "client/original.h"
+#include "client/point_in_time.h"
 #include "client/restore_plan.h"
 #include "client/safe_paths.h"
 #include "tests/client/run_client.h"
@@ -171,6 +173,102 @@ TEST(RelocationInfo, PathsThatTheModuleWouldMisreadAreRefusedWithTheReason) {
         EXPECT_THROW(relocation_info(path, false), ClientError);
     }
     EXPECT_THROW(relocation_info("/" + std::string(1020, 'x'), true), ClientError);
+}
+
+// The newest copy of each, up to a minute; of one log, with its own control file.
+TEST(RestoreSelection, TakesWhatWasCopiedByThenAndTheLogsOfOneIdentity) {
+    constexpr std::int64_t start = 1'000'000'020; // a whole minute
+    struct Item {
+        const char* path;
+        int copied; // minute
+        const char* log = nullptr;
+    };
+    const struct {
+        const char* set;
+        int started, ended;
+        std::vector<Item> items;
+    } sets[] = {
+        {"20010909T014700Z-full",
+         0,
+         3,
+         {{"/d/a.nsf", 1},
+          {"/d/b.nsf", 2},
+          {"/d/gone.nsf", 3},
+          {"/l/S1.TXN", 3, "aaaaaaaa"},
+          {"/l/S2.TXN", 3, "aaaaaaaa"},
+          {"/l/nlogctrl.lfh", 3}}},
+        {"20010909T015700Z-full",
+         10,
+         20,
+         {{"/d/a.nsf", 11},
+          {"/d/b.nsf", 15},
+          {"/d/new.nsf", 16},
+          {"/l/S1.TXN", 17, "bbbbbbbb"},
+          {"/l/nlogctrl.lfh", 18}}},
+        {"20010909T021700Z-copy", 30, 31, {{"/d/a.nsf", 0}, {"/l/nlogctrl.lfh", 31}}},
+    };
+    ScratchFolder scratch;
+    auto store = open_directory_store(scratch / "store", StoreAccess::write);
+    for (const auto& set : sets) {
+        Manifest manifest;
+        manifest.set = set.set;
+        manifest.level = std::string(set.set).substr(17);
+        manifest.started = start + 60 * set.started;
+        manifest.ended = start + 60 * set.ended;
+        manifest.complete = true;
+        manifest.whole_system = manifest.level == "full";
+        manifest.data_directory = "/d";
+        for (const Item& from : set.items) {
+            ManifestItem& item = manifest.items.emplace_back();
+            item.path = from.path;
+            item.kind = item_kind_of(item.path);
+            item.status = ItemStatus::stored;
+            item.object = std::string(64, 'a');
+            item.copied = from.copied == 0 ? 0 : start + 60 * from.copied;
+            if (from.log != nullptr)
+                item.log = LogIdentity{1, from.log, false};
+        }
+        store->write_manifest(set.set, serialize(manifest));
+    }
+    // Each selected item as its name and the last digit of its set's minute; "!" is left out.
+    const struct {
+        int at; // minute, 0: the newest
+        std::vector<std::string> names;
+        const char* expected; // empty: refused
+    } cases[] = {
+        {2, {}, ""},
+        {3, {}, "a0 b0 gone0 S10 S20 nlogctrl0"},
+        {12, {}, "a1 b0 S10 S20 nlogctrl0"},
+        {17, {}, "a1 b1 new1 S11 S20!"},
+        {20, {}, "a1 b1 new1 S11 nlogctrl1"},
+        {31, {}, "a1 b1 new1 S11 nlogctrl1"}, // the time of the copy is not told: before its end
+        {32, {}, "a3 b1 new1 S11 nlogctrl1"},
+        {0, {}, "a3 b1 new1 S11 nlogctrl1"},
+        {12, {"/d"}, "a1 b0"},
+        {12, {"b.nsf"}, "b0"},
+        {12, {"new.nsf"}, ""},
+        {12, {"gone.nsf"}, "gone0"},
+    };
+    for (const auto& test : cases) {
+        SCOPED_TRACE(std::to_string(test.at) + " " + test.expected);
+        SelectionRequest request;
+        request.names = test.names;
+        request.all = test.names.empty();
+        if (test.at != 0)
+            request.at = local_minute_text(start + 60 * test.at);
+        std::string got;
+        try {
+            for (const SelectedItem& item : select_for_restore(*store, "/d", request).items)
+                got += (got.empty() ? "" : " ") + fs::path(item.item.path).stem().string() +
+                       (item.set < sets[1].set   ? "0"
+                        : item.set < sets[2].set ? "1"
+                                                 : "3") +
+                       (item.other_log ? "!" : "");
+        } catch (const ClientError& error) {
+            EXPECT_EQ(error.exit_code(), 1) << error.what();
+        }
+        EXPECT_EQ(got, test.expected);
+    }
 }
 
 TEST(RestoreMoment, ExactlyOneMomentOrAnError) {
