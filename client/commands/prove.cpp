@@ -36,13 +36,23 @@ std::int64_t moment_behind(const Manifest& manifest) {
     }
 }
 
+// A full or copy set stands for itself; the others together with those that they build on.
 RecoveryRequest make_request(const ProveOptions& options, const Manifest& manifest,
                              const std::string& scratch) {
     RecoveryRequest request;
+    bool by_itself = manifest.level == "full" || manifest.level == "copy";
     request.selection.all = manifest.whole_system || manifest.arguments.empty();
-    if (!request.selection.all)
+    if (by_itself)
+        request.selection.set = manifest.set;
+    else
+        request.selection.at = manifest.set.substr(0, compact_time_length);
+    if (!request.selection.all && by_itself) {
+        for (const ManifestItem& item : manifest.items)
+            if (item.kind == ItemKind::database && item.status == ItemStatus::stored)
+                request.selection.names.push_back(item.path);
+    } else if (!request.selection.all) {
         request.selection.names = manifest.arguments;
-    request.selection.at = manifest.set.substr(0, compact_time_length);
+    }
     request.to = moment_behind(manifest);
     request.into = scratch;
     request.databases_only = true;
@@ -96,7 +106,12 @@ Proof prove(const OperationContext& context, const ProveOptions& options, const 
     proof.set = manifest.set;
     proof.recovered_to = *request.to;
     proof.client_version = client_version();
-    RecoveryResult result = run_recovery(context, request, file, journal);
+    for (const ManifestItem& item : manifest.items)
+        if (item.status == ItemStatus::failed)
+            proof.failures.push_back({item.path, "it is not in the set: " + item.reason});
+    RecoveryResult result;
+    if (request.selection.all || !request.selection.names.empty())
+        result = run_recovery(context, request, file, journal);
     std::vector<DatabaseRecovery> readable;
     for (const DatabaseRecovery& database : result.databases) {
         std::string problem = shortfall(database);

@@ -414,6 +414,15 @@ TEST_F(Recover, AProofTouchesNoLiveDatabaseAndIsReplacedByTheNext) {
     prove(16, {full});
     EXPECT_THAT(list()[0]["proven"], HasSubstr("failed"));
     EXPECT_EQ(live(), before);
+
+    // A set that is incomplete is no proof, whatever older sets have.
+    m_store = m_scratch / "second";
+    write_file(m_data + "/broken.nsf", "no database");
+    ASSERT_EQ(backup().exit_code, 3);
+    done = prove(3);
+    EXPECT_EQ(done["databases"], 6);
+    ASSERT_THAT(done["failures"], testing::SizeIs(1));
+    EXPECT_EQ(done["failures"][0]["path"], m_data + "/broken.nsf");
 }
 
 } // namespace
