@@ -265,7 +265,7 @@ std::vector<RoomNeeded> recovery_room(const RecoveryPlan& plan, const std::strin
     RoomCount rooms;
     for (const RecoveringDatabase& database : plan.databases) {
         const PlannedItem& planned = database.planned;
-        auto old = planned.existing ? static_cast<std::uint64_t>(planned.existing->st_size) : 0;
+        std::uint64_t old = occupied_bytes(planned.existing);
         std::uint64_t growth = planned.item.size > old ? planned.item.size - old : 0;
         bool waits = whole.contains(planned.item.path);
         if (plan.into.empty())

@@ -296,6 +296,12 @@ std::string RestoreOperation::check_live_target(const PlannedItem& planned) {
     std::optional<struct stat> live = root.look_at(relative, problem);
     if (problem.empty() && live && !S_ISREG(live->st_mode))
         problem = "what is in its place is no file";
+    // The plan's reckoning may be hours old, and a copy that fails leaves half a database.
+    std::optional<std::uint64_t> room = free_bytes(folder_of(planned.target));
+    std::uint64_t size = planned.item.size;
+    if (problem.empty() && room && size > *room && size - *room > occupied_bytes(live))
+        problem = "there is no room for its " + human_bytes(size) + ": " + human_bytes(*room) +
+                  " are free on its file system; the live database is as it was";
     return problem;
 }
 
@@ -328,9 +334,10 @@ void RestoreOperation::finish_activation(const PlannedItem& planned, const std::
     }
     std::string users = planned.used_by.empty() ? "" : " (by process " + planned.used_by + ")";
     WaitingCopy& waiting = m_result.waiting.back();
+    waiting.in_use = m_in_use;
     waiting.reason =
         m_in_use ? "the server does not let go of it" + users + ", so it was not touched: " + reason
-                 : "it could not be put in place, and the live database may be "
+                 : "it could not be put in place, and the live database may be half of it, and "
                    "offline: " +
                        reason;
     print_message((m_in_use ? "in use: " : "failed: ") + for_terminal(planned.item.path) + ": " +

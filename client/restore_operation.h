@@ -25,9 +25,10 @@ struct FailedRestore {
 nlohmann::json failures_json(const std::vector<FailedRestore>& list);
 
 struct WaitingCopy {
-    std::string path;   // of the original
-    std::string copy;   // the restored, checked file
-    std::string reason; // why it was not put in place; empty: nobody asked for that
+    std::string path;    // of the original
+    std::string copy;    // the restored, checked file
+    std::string reason;  // why it was not put in place; empty: nobody asked for that
+    bool in_use = false; // the live database is untouched; else it may be gone
 };
 
 struct RestoreResult {

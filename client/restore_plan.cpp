@@ -349,8 +349,9 @@ void Planner::count_room() {
     std::string tmp = absolute_path(m_request.tmp_dir);
     for (const PlannedItem& planned : m_plan.items) {
         std::uint64_t size = planned.item.size;
-        std::uint64_t old =
-            planned.existing ? static_cast<std::uint64_t>(planned.existing->st_size) : 0;
+        std::uint64_t old = occupied_bytes(planned.existing);
+        if (planned.action == RestoreAction::write && old > 0 && planned.existing->st_nlink > 1)
+            old = 0; // its other names keep it
         std::uint64_t growth = size > old ? size - old : 0;
         switch (planned.action) {
         case RestoreAction::place:
@@ -461,6 +462,13 @@ RestorePlan make_restore_plan(Store& store, const NotesIni& ini, const RestoreRe
     Planner planner(ini, request);
     planner.check_relocation();
     return planner.run(select_for_restore(store, ini.data_directory, request.selection));
+}
+
+std::uint64_t occupied_bytes(const std::optional<struct stat>& file) {
+    if (!file)
+        return 0;
+    constexpr blkcnt_t block = 512; // the unit of st_blocks, whatever the file system's blocks are
+    return static_cast<std::uint64_t>(std::min<off_t>(file->st_blocks * block, file->st_size));
 }
 
 void require_room(const std::vector<RoomNeeded>& rooms) {

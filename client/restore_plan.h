@@ -88,6 +88,10 @@ struct RestorePlan {
 // collide in a plain restore, names that no set holds.
 RestorePlan make_restore_plan(Store& store, const NotesIni& ini, const RestoreRequest& request);
 
+// The bytes that give way when this file is written anew: what its blocks hold, of a sparse or
+// compressed file less than its size. 0 for none.
+std::uint64_t occupied_bytes(const std::optional<struct stat>& file);
+
 // Throws ClientError(failed) when a file system has less room than is needed.
 void require_room(const std::vector<RoomNeeded>& room);
 

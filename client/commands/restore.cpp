@@ -47,7 +47,16 @@ std::string result_text(const RestoreResult& result) {
         text +=
             "  " + for_terminal(waiting.path) + " waits as " + for_terminal(waiting.copy) + "\n";
     bool stuck = std::any_of(result.waiting.begin(), result.waiting.end(), is_stuck);
-    if (stuck)
+    bool half =
+        std::any_of(result.waiting.begin(), result.waiting.end(), [](const WaitingCopy& waiting) {
+            return is_stuck(waiting) && !waiting.in_use;
+        });
+    if (half)
+        text += "until they are in place, the copies above may be the only whole ones: mend what "
+                "is told (a full disk: make\nroom), then run the same command again; afterwards "
+                "remove " +
+                for_terminal(result.kept_folder) + "\n";
+    else if (stuck)
         text += "what waits was not put in place: shut down the task that uses it, or the server, "
                 "then run the\nsame command again; afterwards remove " +
                 for_terminal(result.kept_folder) + "\n";
@@ -69,7 +78,8 @@ nlohmann::json result_json(const RestoreResult& result) {
     for (const WaitingCopy& copy : result.waiting)
         waiting.push_back({{"path", printable_utf8(copy.path)},
                            {"copy", printable_utf8(copy.copy)},
-                           {"reason", printable_utf8(copy.reason)}});
+                           {"reason", printable_utf8(copy.reason)},
+                           {"in_use", copy.in_use}});
     return {{"restored", printable_list(result.restored)},
             {"failed", failures_json(result.failed)},
             {"damaged", failures_json(result.damaged)},

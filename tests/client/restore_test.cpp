@@ -274,6 +274,20 @@ TEST_F(Restore, WithoutRoomNothingIsWritten) {
     m_tmp = small;
     restore(1, {"mail"});
     EXPECT_TRUE(fs::is_empty(small));
+    // A live file without blocks gives none back.
+    auto needed = [&] {
+        std::uint64_t sum = 0;
+        json plan = restore(0, {"mail/user1.nsf", "--activate", "--dry-run"})["plan"];
+        for (const json& room : plan["room"])
+            sum += room["needed"].get<std::uint64_t>();
+        return sum;
+    };
+    std::uint64_t before = needed();
+    std::string live = read_file(m_user1);
+    write_file(m_user1, "");
+    fs::resize_file(m_user1, live.size());
+    EXPECT_EQ(needed(), before + live.size());
+    write_file(m_user1, live);
     restore(0, {"mail", "--activate"}); // one at a time fits
     EXPECT_TRUE(fs::is_empty(small));
 }
