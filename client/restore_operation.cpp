@@ -259,6 +259,8 @@ void RestoreOperation::write_item(const PlannedItem& planned, const std::string&
         owe(planned);
     if (problem.empty())
         problem = file.commit(stays_ours ? nullptr : &planned.item, replaces);
+    for (const std::string& warning : file.warnings())
+        m_result.warnings.push_back(std::string(planned.target).append(": ").append(warning));
     if (problem.empty() && activate) {
         problem = check_live_target(planned);
         if (!problem.empty())

@@ -12,6 +12,7 @@
 #include <linux/openat2.h>
 #include <pwd.h>
 #include <sys/syscall.h>
+#include <sys/xattr.h>
 
 namespace qrtln {
 
@@ -19,6 +20,7 @@ namespace {
 
 constexpr std::size_t maximal_component = 255;
 constexpr mode_t restored_bits = 0777;
+constexpr std::size_t maximal_attribute = 65536; // of a value, and of the list of names
 
 std::string parent_of(const std::string& relative) {
     std::size_t slash = relative.rfind('/');
@@ -241,14 +243,39 @@ std::string SafeFile::write(Bytes bytes) {
     return error == 0 ? std::string() : "cannot write it: " + system_error_text(error);
 }
 
+// The owner is set already: a change of it would take some away again.
+void SafeFile::take_attributes(const ManifestItem& metadata) {
+    // By this name no right to read the old file is needed, and no link is followed.
+    std::string old = "/proc/self/fd/" + std::to_string(m_folder.get()) + "/" + m_name;
+    std::vector<char> names(maximal_attribute);
+    ssize_t size = ::llistxattr(old.c_str(), names.data(), names.size());
+    if (size < 0 && errno != ENOTSUP)
+        m_warnings.push_back("its extended attributes and access list are not kept: " +
+                             system_error_text(errno));
+    std::vector<char> value(maximal_attribute);
+    std::vector<char> own(maximal_attribute);
+    std::string_view rest(names.data(), static_cast<std::size_t>(std::max<ssize_t>(size, 0)));
+    for (; !rest.empty(); rest.remove_prefix(std::min(rest.find('\0') + 1, rest.size()))) {
+        std::string name(rest.substr(0, rest.find('\0')));
+        ssize_t length = ::lgetxattr(old.c_str(), name.c_str(), value.data(), value.size());
+        int error = length < 0 ? errno : 0;
+        ssize_t has = ::fgetxattr(m_file.get(), name.c_str(), own.data(), own.size());
+        bool same = length >= 0 && has == length &&
+                    std::equal(own.begin(), own.begin() + has, value.begin());
+        if (error == 0 && !same &&
+            ::fsetxattr(m_file.get(), name.c_str(), value.data(), static_cast<std::size_t>(length),
+                        0) != 0)
+            error = errno;
+        if (error != 0)
+            m_warnings.push_back("its extended attribute " + name +
+                                 " is not kept: " + system_error_text(error));
+    }
+    // An access list brings the old file's mode with it.
+    if (metadata.has_metadata && ::fchmod(m_file.get(), metadata.mode & restored_bits) != 0)
+        m_warnings.push_back("cannot set its mode: " + system_error_text(errno));
+}
+
 std::string SafeFile::commit(const ManifestItem* metadata, bool replace) {
-    if (metadata != nullptr)
-        if (std::string problem = apply_metadata(m_file.get(), *metadata); !problem.empty())
-            return problem;
-    if (::fsync(m_file.get()) != 0)
-        return "cannot flush it: " + system_error_text(errno);
-    if (int error = m_file.close_checked(); error != 0)
-        return "cannot close it: " + system_error_text(error);
     struct stat status {};
     bool exists = ::fstatat(m_folder.get(), m_name.c_str(), &status, AT_SYMLINK_NOFOLLOW) == 0;
     if (!exists && errno != ENOENT)
@@ -258,6 +285,18 @@ std::string SafeFile::commit(const ManifestItem* metadata, bool replace) {
                (S_ISLNK(status.st_mode) ? "a symbolic link" : file_type_name(status.st_mode));
     if (exists && !replace)
         return "a file of its name is there already";
+    if (metadata != nullptr)
+        if (std::string problem = apply_metadata(m_file.get(), *metadata); !problem.empty())
+            return problem;
+    if (exists && metadata != nullptr)
+        take_attributes(*metadata);
+    if (exists && status.st_nlink > 1)
+        m_warnings.push_back("its " + std::to_string(status.st_nlink - 1) +
+                             " other names (hard links) keep the old content");
+    if (::fsync(m_file.get()) != 0)
+        return "cannot flush it: " + system_error_text(errno);
+    if (int error = m_file.close_checked(); error != 0)
+        return "cannot close it: " + system_error_text(error);
     int result = ::renameat2(m_folder.get(), m_temporary.c_str(), m_folder.get(), m_name.c_str(),
                              exists ? 0 : RENAME_NOREPLACE);
     // Not every file system knows the flag: then the look above has to do.

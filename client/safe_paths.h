@@ -10,6 +10,7 @@
 #include <string>
 #include <string_view>
 #include <sys/stat.h>
+#include <vector>
 
 namespace qrtln {
 
@@ -70,14 +71,20 @@ class SafeFile {
     std::string create();
     std::string write(Bytes bytes);
     // Flushes, gives the metadata back when there is an item, and takes the name. What has it
-    // already is replaced only when it is a regular file and `replace`.
+    // already is replaced only when it is a regular file and `replace`; where there is an item its
+    // extended attributes and access list are given to the new one.
     std::string commit(const ManifestItem* metadata, bool replace);
+    // What the file that was replaced had and the new one has not.
+    const std::vector<std::string>& warnings() const { return m_warnings; }
 
   private:
+    void take_attributes(const ManifestItem& metadata);
+
     FileDescriptor m_folder;
     std::string m_name;
     std::string m_temporary; // empty once it is gone
     FileDescriptor m_file;
+    std::vector<std::string> m_warnings;
 };
 
 } // namespace qrtln

@@ -15,6 +15,7 @@
 #include <gmock/gmock.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
+#include <sys/xattr.h>
 #include <unistd.h>
 
 namespace qrtln {
@@ -112,6 +113,38 @@ TEST_P(SafePaths, WhatLeadsOutOrIsNoFileIsRefusedAndNothingChanges) {
     EXPECT_THAT(write("fifo.id", true), HasSubstr("a FIFO"));
     EXPECT_THAT(write("mail/old.nsf", false), HasSubstr("there already"));
     EXPECT_EQ(snapshot(m_inside), inside);
+}
+
+TEST_P(SafePaths, WhatIsReplacedLeavesItsAttributesAndSaysWhatItsOtherNamesKeep) {
+    std::string old = m_inside + "/mail/old.nsf";
+    // The owner's rights, the group's 7, the mask's 5: as the kernel stores an access list.
+    const std::string list("\2\0\0\0\1\0\6\0\xff\xff\xff\xff\4\0\7\0\xff\xff\xff\xff"
+                           "\x10\0\5\0\xff\xff\xff\xff\x20\0\0\0\xff\xff\xff\xff",
+                           36);
+    if (::setxattr(old.c_str(), "user.note", "x", 1, 0) != 0)
+        GTEST_SKIP() << "no extended attributes here";
+    bool listed =
+        ::setxattr(old.c_str(), "system.posix_acl_access", list.data(), list.size(), 0) == 0;
+    fs::create_hard_link(old, m_inside + "/other.nsf");
+    SafeFile file(FileDescriptor(::open((m_inside + "/mail").c_str(), O_RDONLY | O_DIRECTORY)),
+                  "old.nsf");
+    ManifestItem item;
+    item.has_metadata = true;
+    item.mode = 0640;
+    item.uid = ::geteuid();
+    item.gid = ::getegid();
+    ASSERT_EQ(file.create(), "");
+    ASSERT_EQ(file.write(as_bytes("new")), "");
+    ASSERT_EQ(file.commit(&item, true), "");
+    EXPECT_THAT(file.warnings(), testing::ElementsAre(HasSubstr("1 other names")));
+    EXPECT_EQ(read_file(old) + read_file(m_inside + "/other.nsf"), "newold");
+    char value[64] = "";
+    EXPECT_EQ(::getxattr(old.c_str(), "user.note", value, sizeof value), 1);
+    if (listed) {
+        ASSERT_EQ(::getxattr(old.c_str(), "system.posix_acl_access", value, sizeof value), 36);
+        EXPECT_EQ(value[14], 7); // the group's
+        EXPECT_EQ(value[22], 4); // the mask is the mode of the set
+    }
 }
 
 TEST_P(SafePaths, UnusualNamesAndNewFoldersStayInside) {
