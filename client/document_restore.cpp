@@ -25,6 +25,9 @@ namespace {
 constexpr std::time_t minute = 60;
 // Runs that narrow down times: enough for two moments within a year to the minute.
 constexpr unsigned maximal_searches = 48;
+// Documents that the server cannot read in the set's copy, until the restore gives up.
+constexpr std::size_t maximal_unreadable = 100;
+constexpr std::time_t quarter_hour = 900;
 constexpr std::size_t copy_step = std::size_t{64} << 20;
 // Before any document was written.
 constexpr const char* earliest_point = "199001010000";
@@ -72,6 +75,12 @@ void remove_file(const std::string& path) {
 struct Run {
     bool good = false;
     std::vector<TracedNote> notes;
+    // The document that it ended at.
+    const TracedNote* failed_note() const {
+        return !good && !failure && !notes.empty() && notes.back().step == NoteStep::not_copied
+                   ? &notes.back()
+                   : nullptr;
+    }
     std::string reason;                 // of a run that is not good
     std::optional<ClientError> failure; // the module's process died
 };
@@ -98,17 +107,26 @@ class DocumentRestore {
                 const std::vector<NoteId>& ids, bool keep_copy);
     void take_live_copy(OwedDatabases& owed);
     void prepare_live_copy(ModuleSession& session, const std::string& incomplete);
-    std::vector<NoteId> search(const PointInTime& since);
-    void narrow(Intervals& intervals);
+    std::vector<NoteId> search(const PointInTime& since, const std::vector<NoteId>& ids);
+    void narrow(Intervals& intervals, const std::vector<NoteId>& ids);
     std::optional<PointInTime> between(std::time_t first, std::time_t last) const;
     void add_notes(const Run& run);
     void add_others(bool ended_early);
-    std::optional<std::set<NoteId>> in_the_set();
+    void restore_deleted();
+    void restore_changed();
+    void check_start(const Run& run) const;
+    Run replace(const std::vector<NoteId>& ids, const PointInTime& before);
+    void note_lost_afterwards(const std::vector<NoteId>& ids, const PointInTime& before);
+    bool drop_unreadable(NoteId id);
+    Run operate_on_copy(const std::vector<NoteId>& ids);
+    std::vector<NoteId> readable_in_the_set();
 
     const OperationContext& m_context;
     const DocumentRequest& m_request;
     std::optional<TemporaryDirectory> m_temporary;
     NoteIdList m_list;
+    bool m_finishing = false; // the server was told to restore
+    std::set<NoteId> m_known; // of the listed ids: those that the set has
     DocumentsResult m_result;
 };
 
@@ -193,9 +211,11 @@ Run DocumentRestore::operate(const std::string& live, DocumentKind kind, const s
     else
         move_file(file(set_folder), place);
     Run run;
+    m_finishing = false;
     throw_if_interrupted();
     if (changed)
         m_list.place(ids);
+    m_finishing = true;
     try {
         run.good = session.finish(DB_ITEM_SUCCESS) == DB_NUM_I_OK;
         if (!run.good)
@@ -219,24 +239,137 @@ Run DocumentRestore::operate(const std::string& live, DocumentKind kind, const s
 }
 
 DocumentsResult DocumentRestore::restore() {
-    begin(m_request.item.size);
+    // For those that change, the copy of the set's copy that they are tried in.
+    begin(m_request.kind == DocumentKind::changed ? 2 * m_request.item.size : m_request.item.size);
     extract();
-    Run run =
-        operate(m_request.item.path, m_request.kind, m_request.since.digits, m_request.ids, false);
-    if (!run.good && run.notes.empty()) {
+    m_request.kind == DocumentKind::changed ? restore_changed() : restore_deleted();
+    return std::move(m_result);
+}
+
+void DocumentRestore::check_start(const Run& run) const {
+    if (run.good || !run.notes.empty())
+        return;
+    if (run.failure)
+        throw *run.failure;
+    throw ClientError(ExitCode::server_error,
+                      "the server cannot restore documents into " +
+                          for_terminal(m_request.item.path) + ": " + for_terminal(run.reason),
+                      "no document was changed; is the database online? --verbose and --trace "
+                      "show what the module did");
+}
+
+void DocumentRestore::restore_deleted() {
+    for (std::size_t unreadable = 0;; ++unreadable) {
+        Run run = operate(m_request.item.path, m_request.kind, m_request.since.digits, {}, true);
+        if (m_result.documents.empty())
+            check_start(run);
+        add_notes(run);
+        m_result.failure = run.failure;
+        const TracedNote* failed = run.failed_note();
+        m_result.ended_at_failure = failed != nullptr;
+        if (failed == nullptr || unreadable == maximal_unreadable || !drop_unreadable(failed->id))
+            return;
+    }
+}
+
+// Takes a document out of the set's copy that cannot be read there: to be replaced by itself it is
+// deleted first, and then the copy fails. Returns whether it is out.
+bool DocumentRestore::drop_unreadable(NoteId id) {
+    try {
+        Run run = operate_on_copy({id});
+        const TracedNote* failed = run.failed_note();
+        if (failed == nullptr || failed->id != id || !failed->deleted)
+            return false; // it is the live database that does not take it
+        move_file(file(original_folder), file(set_folder));
+        return true;
+    } catch (const ClientError& failure) {
+        throw_if_interrupted();
+        m_result.warnings.push_back("the document " + note_id_text(id) +
+                                    " was not taken out of the set's copy: " + failure.what());
+    }
+    return false;
+}
+
+// Replaces documents in a copy of the set's copy by themselves.
+Run DocumentRestore::operate_on_copy(const std::vector<NoteId>& ids) {
+    throw_if_interrupted();
+    remove_file(file(original_folder));
+    copy_file(file(set_folder), file(original_folder));
+    return operate(file(original_folder), DocumentKind::changed, earliest_point, ids, true);
+}
+
+// The listed documents that the set has and that the server can copy from there, found out before
+// any is deleted from the live database.
+std::vector<NoteId> DocumentRestore::readable_in_the_set() {
+    std::vector<NoteId> ids = m_request.ids;
+    while (!ids.empty()) {
+        Run run = operate_on_copy(ids);
+        check_start(run);
         if (run.failure)
             throw *run.failure;
-        throw ClientError(ExitCode::server_error,
-                          "the server cannot restore documents into " +
-                              for_terminal(m_request.item.path) + ": " + for_terminal(run.reason),
-                          "no document was changed; is the database online? --verbose and --trace "
-                          "show what the module did");
+        for (const TracedNote& note : run.notes)
+            m_known.insert(note.id);
+        if (run.good)
+            break;
+        if (run.notes.back().step == NoteStep::copying)
+            break; // all are copied, and what failed was the copy's own end
+        NoteId failed = run.notes.back().id;
+        m_result.documents.push_back(
+            {failed, DocumentOutcome::failed, "it cannot be copied from the set: " + run.reason});
+        std::erase(ids, failed);
+        if (m_result.documents.size() > maximal_unreadable) {
+            m_result.ended_at_failure = true;
+            return {};
+        }
     }
-    m_result.failure = run.failure;
-    add_notes(run);
-    if (m_request.kind == DocumentKind::changed)
-        add_others(!run.good);
-    return std::move(m_result);
+    std::erase_if(ids, [this](NoteId id) { return !m_known.contains(id); });
+    return ids;
+}
+
+void DocumentRestore::restore_changed() {
+    std::vector<NoteId> ids = readable_in_the_set();
+    if (!ids.empty()) {
+        // The server takes the time of the deletion for local, like all others.
+        std::optional<PointInTime> before;
+        for (std::time_t time = std::time(nullptr); !before; time -= quarter_hour)
+            before = point_in_time(time);
+        m_request.note_lost(ids, *before);
+        Run run = replace(ids, *before);
+        m_result.failure = run.failure;
+        add_notes(run);
+        m_result.ended_at_failure = m_result.ended_at_failure || !run.good;
+        std::vector<NoteId> lost;
+        for (const DocumentResult& document : m_result.documents)
+            if (document.outcome == DocumentOutcome::lost ||
+                document.outcome == DocumentOutcome::unknown)
+                lost.push_back(document.id);
+        note_lost_afterwards(lost, *before);
+    }
+    add_others(m_result.ended_at_failure);
+}
+
+Run DocumentRestore::replace(const std::vector<NoteId>& ids, const PointInTime& before) {
+    try {
+        Run run = operate(m_request.item.path, m_request.kind, m_request.since.digits, ids, false);
+        if (!run.failure && run.notes.empty())
+            note_lost_afterwards({}, before);
+        check_start(run);
+        return run;
+    } catch (...) {
+        if (!m_finishing)
+            note_lost_afterwards({}, before);
+        throw;
+    }
+}
+
+// Where that fails, the note still has them all.
+void DocumentRestore::note_lost_afterwards(const std::vector<NoteId>& ids,
+                                           const PointInTime& before) {
+    try {
+        m_request.note_lost(ids, before);
+    } catch (const ClientError& failure) {
+        m_result.warnings.emplace_back(failure.what());
+    }
 }
 
 DocumentOutcome outcome_of(const TracedNote& note, DocumentKind kind) {
@@ -274,8 +407,10 @@ void DocumentRestore::add_notes(const Run& run) {
         m_result.documents.push_back(std::move(document));
     }
     if (!run.good && !run.failure && !failed_note)
-        m_result.warnings.push_back("the documents are back, but the module reports: " +
-                                    run.reason);
+        m_result.warnings.push_back(
+            (run.notes.empty() ? "the restore did not go on behind the document that failed: "
+                               : "the documents are back, but the module reports: ") +
+            run.reason);
 }
 
 // What became of the ids that the module did not get to: it tells nothing about those.
@@ -283,46 +418,15 @@ void DocumentRestore::add_others(bool ended_early) {
     std::set<NoteId> done;
     for (const DocumentResult& document : m_result.documents)
         done.insert(document.id);
-    if (std::all_of(m_request.ids.begin(), m_request.ids.end(),
-                    [&](NoteId id) { return done.contains(id); }))
-        return;
-    std::optional<std::set<NoteId>> known;
-    if (!ended_early)
-        known = in_the_set();
     for (NoteId id : m_request.ids)
         if (!done.contains(id)) {
             DocumentResult document;
             document.id = id;
-            document.outcome = ended_early           ? DocumentOutcome::not_reached
-                               : !known              ? DocumentOutcome::unexplained
-                               : known->contains(id) ? DocumentOutcome::unchanged
-                                                     : DocumentOutcome::missing;
+            document.outcome = ended_early            ? DocumentOutcome::not_reached
+                               : m_known.contains(id) ? DocumentOutcome::unchanged
+                                                      : DocumentOutcome::missing;
             m_result.documents.push_back(std::move(document));
         }
-}
-
-// Which of the ids the set has: those that a restore from the set's copy into another of its copies
-// replaces. Nothing when that cannot be found out, which is no failure of what was done.
-std::optional<std::set<NoteId>> DocumentRestore::in_the_set() {
-    try {
-        throw_if_interrupted();
-        if (!exists(file(set_folder)))
-            extract();
-        remove_file(file(original_folder));
-        copy_file(file(set_folder), file(original_folder));
-        Run run = operate(file(original_folder), DocumentKind::changed, earliest_point,
-                          m_request.ids, false);
-        if (!run.good)
-            throw ClientError(ExitCode::server_error, run.reason);
-        std::set<NoteId> ids;
-        for (const TracedNote& note : run.notes)
-            ids.insert(note.id);
-        return ids;
-    } catch (const ClientError& failure) {
-        m_result.warnings.push_back("it was not found out which documents the set has: " +
-                                    std::string(failure.what()));
-    }
-    return std::nullopt;
 }
 
 // A consistent copy of the live database, made as for a backup at copy level.
@@ -365,22 +469,31 @@ void DocumentRestore::prepare_live_copy(ModuleSession& session, const std::strin
 }
 
 // What a restore since then would bring back.
-std::vector<NoteId> DocumentRestore::search(const PointInTime& since) {
+std::vector<NoteId> DocumentRestore::search(const PointInTime& since,
+                                            const std::vector<NoteId>& ids) {
     throw_if_interrupted();
     remove_file(file(original_folder));
     copy_file(file(live_folder), file(original_folder));
-    Run run = operate(file(original_folder), m_request.kind, since.digits, m_request.ids, true);
+    Run run = operate(file(original_folder), m_request.kind, since.digits, ids, true);
     if (run.failure)
         throw *run.failure;
+    const TracedNote* failed = run.failed_note();
+    if (m_request.kind == DocumentKind::deleted && failed != nullptr &&
+        m_result.documents.size() < maximal_unreadable && drop_unreadable(failed->id)) {
+        m_result.documents.push_back({failed->id, DocumentOutcome::failed, run.reason});
+        return search(since, ids);
+    }
     if (!run.good)
         throw ClientError(ExitCode::server_error,
                           "the server cannot restore documents into a copy of " +
-                              for_terminal(m_request.item.path) + ": " + for_terminal(run.reason),
+                              for_terminal(m_request.item.path) + ": " +
+                              (failed != nullptr ? note_id_text(failed->id) + ": " : "") +
+                              for_terminal(run.reason),
                           "--verbose and --trace show what the module did");
-    std::vector<NoteId> ids;
+    std::vector<NoteId> found;
     for (const TracedNote& note : run.notes)
-        ids.push_back(note.id);
-    return ids;
+        found.push_back(note.id);
+    return found;
 }
 
 // The minute that is next to the middle of the two, among those that can be told to the server.
@@ -395,7 +508,7 @@ std::optional<PointInTime> DocumentRestore::between(std::time_t first, std::time
 }
 
 // Halves the widest interval, and every other that the same run tells about, as long as that helps.
-void DocumentRestore::narrow(Intervals& intervals) {
+void DocumentRestore::narrow(Intervals& intervals, const std::vector<NoteId>& listed) {
     for (unsigned searches = 0; searches < maximal_searches; ++searches) {
         std::optional<PointInTime> point;
         std::time_t widest = 0;
@@ -407,7 +520,7 @@ void DocumentRestore::narrow(Intervals& intervals) {
                 }
         if (!point)
             return;
-        std::vector<NoteId> found = search(*point);
+        std::vector<NoteId> found = search(*point, listed);
         std::set<NoteId> later(found.begin(), found.end());
         Intervals narrower;
         for (const auto& [interval, ids] : intervals)
@@ -430,12 +543,18 @@ DocumentsResult DocumentRestore::find(OwedDatabases& owed) {
     extract();
     take_live_copy(owed);
     std::time_t now = std::time(nullptr);
-    std::vector<NoteId> candidates = search(m_request.since);
+    bool changed = m_request.kind == DocumentKind::changed;
+    std::vector<NoteId> ids;
+    if (changed)
+        ids = readable_in_the_set();
+    std::vector<NoteId> candidates;
+    if (!changed || !ids.empty())
+        candidates = search(m_request.since, ids);
     Intervals intervals;
     if (!candidates.empty()) {
         std::time_t end = m_request.since.time + (now - m_request.since.time) / minute * minute;
         intervals[{m_request.since.time, end + minute}] = candidates;
-        narrow(intervals);
+        narrow(intervals, ids);
     }
     std::map<NoteId, std::pair<std::time_t, std::time_t>> times;
     for (const auto& [interval, ids] : intervals)
@@ -444,8 +563,8 @@ DocumentsResult DocumentRestore::find(OwedDatabases& owed) {
     for (NoteId id : candidates)
         m_result.documents.push_back(
             {id, DocumentOutcome::candidate, "", times[id].first, times[id].second});
-    if (m_request.kind == DocumentKind::changed)
-        add_others(false);
+    if (changed)
+        add_others(m_result.ended_at_failure);
     return std::move(m_result);
 }
 

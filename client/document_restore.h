@@ -10,6 +10,7 @@
 #include "client/store/manifest.h"
 
 #include <ctime>
+#include <functional>
 #include <optional>
 #include <string>
 #include <vector>
@@ -23,6 +24,10 @@ struct DocumentRequest {
     ManifestItem item; // the database, stored, below the data directory
     PointInTime since;
     std::vector<NoteId> ids; // of changed ones: which
+    // Hears which documents may be deleted from the live database and not replaced, and a minute
+    // before that: first those that are about to be, and what it throws then keeps them from it;
+    // afterwards those that are.
+    std::function<void(const std::vector<NoteId>& ids, const PointInTime& before)> note_lost;
 };
 
 enum class DocumentOutcome {
@@ -32,7 +37,6 @@ enum class DocumentOutcome {
     replaced,    // a changed one is as it was in the set
     unchanged,   // in the set, but not changed since the time, or deleted
     missing,     // not in the set
-    unexplained, // not brought back: not changed, or not in the set
     failed,      // as it was before
     lost,        // deleted from the live database, and its copy could not be put there
     not_reached, // the restore ended before it
@@ -52,10 +56,14 @@ struct DocumentsResult {
     std::vector<DocumentResult> documents; // those that came back first, in the server's order
     std::vector<std::string> warnings;
     std::optional<ClientError> failure; // what ended the restore, after some documents
+    bool ended_at_failure = false;      // of a document: those behind it are as they were
     unsigned operations = 0;            // of the module
 };
 
-// Restores into the live database. The set's copy is checked before the server hears of it. Throws
+// Restores into the live database. The set's copy is checked before the server hears of it. The
+// module ends at the first document that it cannot copy. One of the deleted that cannot be read in
+// the set's copy is taken out of that, and the restore goes on behind it. Changed ones are tried in
+// copies first: what cannot be read in the set is not deleted from the live database. Throws
 // ClientError when nothing was done to the live database. The copy and the list of ids are gone
 // afterwards in every case.
 DocumentsResult restore_documents(const OperationContext& context, const DocumentRequest& request);

@@ -4,7 +4,9 @@
 #include "client/document_restore.h"
 #include "client/error.h"
 #include "client/interrupt.h"
+#include "client/lost_documents.h"
 #include "client/output.h"
+#include "client/restore_operation.h"
 #include "client/restore_selection.h"
 #include "client/store/canonical_json.h"
 #include "client/text.h"
@@ -32,13 +34,9 @@ constexpr std::array outcome_texts = {
     OutcomeText{DocumentOutcome::unchanged, "unchanged",
                 "left alone: not changed since then, or deleted", false},
     OutcomeText{DocumentOutcome::missing, "not_in_set", "not in the set", true},
-    OutcomeText{DocumentOutcome::unexplained, "unexplained",
-                "left alone: not changed since then, deleted, or not in the set", true},
     OutcomeText{DocumentOutcome::failed, "failed", "failed, left as it was", true},
     OutcomeText{DocumentOutcome::lost, "lost",
-                "DELETED, and its copy could not be put back: `qrtln documents deleted` with the "
-                "same --since brings it back",
-                true},
+                "DELETED, and its copy could not be put in its place", true},
     OutcomeText{DocumentOutcome::not_reached, "not_reached", "not reached, left as it was", true},
     OutcomeText{DocumentOutcome::unknown, "unknown", "unknown: the server's library died at it",
                 true},
@@ -76,6 +74,12 @@ class DocumentsCommand {
 
   private:
     void choose_database();
+    void open_store();
+    void look_at_lost();
+    void note_lost(const std::vector<NoteId>& ids, const PointInTime& before);
+    void strike_returned(const DocumentsResult& result);
+    std::string bring_back_command(const LostDocuments& lost) const;
+    std::string advice(const DocumentsResult& result) const;
     void check_live() const;
     void warn() const;
     int report(const DocumentsResult& result) const;
@@ -91,6 +95,9 @@ class DocumentsCommand {
     DocumentRequest m_request;
     std::string m_set;
     std::int64_t m_set_started = 0;
+    std::string m_not_noted; // why nothing can be written to the store
+    std::optional<LostDocumentsFile> m_lost_file;
+    std::optional<LostDocuments> m_lost; // of this database
 };
 
 int DocumentsCommand::run() {
@@ -99,19 +106,94 @@ int DocumentsCommand::run() {
     if (m_options.changed)
         m_request.ids = read_note_ids(m_options.ids_file);
     m_ini = load_notes_ini(m_options.notes_ini);
-    // A dry run writes down which database the server takes for backed up.
-    m_store = open_directory_store(m_options.store,
-                                   m_options.dry_run ? StoreAccess::change : StoreAccess::read);
+    open_store();
     choose_database();
     check_live();
+    if (!m_options.dry_run)
+        look_at_lost();
     warn();
     FileDescriptor trace = open_trace_file(m_options.trace_file);
     OperationContext context{m_ini,       *m_store,         m_options.tmp_dir, m_options.module,
                              trace.get(), m_options.verbose};
-    if (!m_options.dry_run)
-        return report(restore_documents(context, m_request));
+    if (!m_options.dry_run) {
+        DocumentsResult result = restore_documents(context, m_request);
+        strike_returned(result);
+        return report(result);
+    }
     OwedDatabases owed(owed_file_of(*m_store));
     return report(find_documents(context, owed, m_request));
+}
+
+// A dry run writes down which database the server takes for backed up, a restore of changed ones
+// which documents it deletes.
+void DocumentsCommand::open_store() {
+    if (m_options.dry_run)
+        m_store = open_directory_store(m_options.store, StoreAccess::change);
+    else if (m_options.changed)
+        m_store = open_store_for_notes(m_options.store, m_not_noted);
+    else
+        m_store = open_directory_store(m_options.store, StoreAccess::read);
+}
+
+// What an earlier restore deleted and did not replace comes back first: each further one may delete
+// another document.
+void DocumentsCommand::look_at_lost() {
+    m_lost_file.emplace(*m_store);
+    m_lost = m_lost_file->of(m_ini.data_directory, m_request.item.path);
+    if (m_options.changed && m_lost) {
+        std::string ids;
+        for (std::size_t i = 0; i < m_lost->ids.size(); ++i)
+            ids += (i == 0 ? "" : ", ") + note_id_text(m_lost->ids[i]);
+        throw ClientError(ExitCode::failed,
+                          "an earlier restore deleted documents of " +
+                              for_terminal(m_request.item.path) +
+                              ", or ended before it told so, and they are not back: " + ids +
+                              ": nothing was done",
+                          "bring them back first: " + bring_back_command(*m_lost));
+    }
+    if (m_lost) // it may be struck out
+        m_store = open_store_for_notes(m_options.store, m_not_noted);
+    if (m_options.changed && !m_not_noted.empty())
+        print_warnings(
+            {"which documents are about to be deleted cannot be written down: " + m_not_noted});
+    m_request.note_lost = [this](const std::vector<NoteId>& ids, const PointInTime& before) {
+        note_lost(ids, before);
+    };
+}
+
+void DocumentsCommand::note_lost(const std::vector<NoteId>& ids, const PointInTime& before) {
+    m_lost = LostDocuments{m_ini.data_directory, m_request.item.path, m_set, before.time, ids};
+    if (m_not_noted.empty())
+        m_lost_file->put(*m_lost);
+}
+
+// What came back need not be noted any longer. When this very set was searched to its end, what was
+// not found is not deleted.
+void DocumentsCommand::strike_returned(const DocumentsResult& result) {
+    if (m_options.changed || !m_lost)
+        return;
+    bool searched =
+        code_of(result) == 0 && m_set == m_lost->set && m_request.since.time <= m_lost->since;
+    std::erase_if(m_lost->ids, [&](NoteId id) {
+        return searched || std::any_of(result.documents.begin(), result.documents.end(),
+                                       [&](const DocumentResult& document) {
+                                           return document.id == id && came_back(document);
+                                       });
+    });
+    try {
+        if (!m_not_noted.empty())
+            throw ClientError(ExitCode::failed, m_not_noted);
+        m_lost_file->put(*m_lost);
+    } catch (const ClientError& failure) {
+        print_warnings(
+            {"that documents are back cannot be written down: " + std::string(failure.what())});
+    }
+}
+
+std::string DocumentsCommand::bring_back_command(const LostDocuments& lost) const {
+    return "qrtln documents deleted --since " + utc_time_compact(lost.since) + " --set " +
+           lost.set + " --notes-ini " + for_terminal(m_options.notes_ini) + " --store " +
+           for_terminal(m_options.store) + " " + for_terminal(m_request.item.path);
 }
 
 void DocumentsCommand::choose_database() {
@@ -131,7 +213,8 @@ void DocumentsCommand::choose_database() {
                                                 "back into one database");
     m_request.item = found->item;
     m_set = found->set;
-    m_set_started = parse_moment(m_set.substr(0, 16)).time;
+    m_set_started =
+        m_request.item.copied != 0 ? m_request.item.copied : parse_moment(m_set.substr(0, 16)).time;
     const std::string& path = m_request.item.path;
     if (!is_below(path, m_ini.data_directory))
         throw ClientError(ExitCode::failed,
@@ -173,15 +256,34 @@ int DocumentsCommand::code_of(const DocumentsResult& result) const {
 
 int DocumentsCommand::report(const DocumentsResult& result) const {
     print_warnings(result.warnings);
-    if (std::any_of(result.documents.begin(), result.documents.end(),
-                    [](const DocumentResult& document) { return !document.reason.empty(); }))
-        print_message("the server ended the restore at the document that failed, and nothing is "
-                      "rolled back: run the same command again for those after it");
+    if (std::string text = advice(result); !text.empty())
+        print_message(text);
     int code = code_of(result);
     m_options.json ? print_json(json(result, code)) : print_output(text(result));
     if (result.failure)
-        print_error(result.failure->what(), "run the same command again for the rest");
+        print_error(result.failure->what(),
+                    m_options.changed && m_lost && !m_lost->ids.empty()
+                        ? "bring back what may be deleted: " + bring_back_command(*m_lost)
+                        : "run the same command again for the rest");
     return code;
+}
+
+// What the server's end at a document means for the others, which it tells nothing about.
+std::string DocumentsCommand::advice(const DocumentsResult& result) const {
+    if (m_options.changed && m_lost && !m_lost->ids.empty())
+        return "do not run the same command again: it would delete another document. Mend what is "
+               "told above, then bring back what is deleted: " +
+               bring_back_command(*m_lost);
+    if (!result.ended_at_failure)
+        return {};
+    if (m_options.changed)
+        return "the server ended the restore at the document that failed: when that is mended, or "
+               "without it in the list, the same command reaches those after it";
+    return "the server ended the restore at the document that failed, which the live database does "
+           "not take: those of the set with higher note ids are not reached. When that is mended "
+           "the same command reaches them; until then a later --since reaches those that were "
+           "deleted after it, and `qrtln restore --to` gives the set's whole database in another "
+           "folder";
 }
 
 std::string DocumentsCommand::text(const DocumentsResult& result) const {
@@ -241,6 +343,8 @@ nlohmann::json DocumentsCommand::json(const DocumentsResult& result, int code) c
                                {"exit_code", code}};
     if (result.failure)
         document["error"] = printable_utf8(result.failure->what());
+    if (m_options.changed && m_lost && !m_lost->ids.empty())
+        document["bring_back"] = printable_utf8(bring_back_command(*m_lost));
     return document;
 }
 

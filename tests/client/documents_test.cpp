@@ -145,6 +145,19 @@ class Documents : public OverTheSimulator {
     void change(const std::string& id) const {
         ASSERT_EQ(domino("put " + m_server + " mail/user1.nsf --text changed --id " + id), 0);
     }
+    // What the statement gives first, with the file alone: no server knows of it.
+    std::string in_user1(const std::string& statement) const {
+        std::string value;
+        sqlite3* database = nullptr;
+        EXPECT_EQ(::sqlite3_open(m_user1.c_str(), &database), SQLITE_OK);
+        auto take = [](void* target, int, char** row, char**) {
+            *static_cast<std::string*>(target) = row[0];
+            return 0;
+        };
+        EXPECT_EQ(::sqlite3_exec(database, statement.c_str(), take, &value, nullptr), SQLITE_OK);
+        ::sqlite3_close(database);
+        return value;
+    }
     // What the documents say, by id.
     std::map<NoteId, std::string> contents() const {
         std::map<NoteId, std::string> documents;
@@ -168,6 +181,7 @@ class Documents : public OverTheSimulator {
 
     std::string m_data = m_server + "/data";
     std::string m_list = m_data + "/noteids_list.txt";
+    std::string m_lost = m_store + "/runtime/lost_documents.json";
     std::string m_user1 = m_data + "/mail/user1.nsf";
     std::map<NoteId, std::string> m_before = contents();
     std::vector<NoteId> m_ids;
@@ -243,31 +257,79 @@ TEST_F(Documents, AListThatIsThereIsNotTouched) {
 }
 
 TEST_F(Documents, FailuresAreToldDocumentByDocument) {
-    delete_notes(id(0) + " " + id(1));
-    // The second copy fails: the first stays.
-    json done = documents(3, {"deleted"}, {{"NOTES_SIM_FAULTS", "NSFDbCopyNote#2=513"}});
-    EXPECT_THAT(outcomes(done), ElementsAre(id(0) + " back_unread", id(1) + " failed"));
-    EXPECT_NE(done["documents"][1]["reason"], "");
-    done = documents(0, {"deleted"}, {{"NOTES_SIM_FAULTS", "NSFDbSetUnreadNoteTable=513"}});
-    EXPECT_THAT(outcomes(done), ElementsAre(id(1) + " back"));
-    expect_nothing_left();
-
+    delete_notes(id(0));
+    json done = documents(0, {"deleted"}, {{"NOTES_SIM_FAULTS", "NSFDbSetUnreadNoteTable=513"}});
+    EXPECT_THAT(outcomes(done), ElementsAre(id(0) + " back"));
     change(id(3));
-    change(id(4));
-    change(id(5));
-    std::string list = id(3) + "\n" + id(4) + "\n" + id(5);
-    done = changed(3, list, {}, {{"NOTES_SIM_FAULTS", "NSFDbCopyNote#2=513"}});
-    EXPECT_THAT(outcomes(done),
-                ElementsAre(id(3) + " replaced", id(4) + " lost", id(5) + " not_reached"));
-    expect_nothing_left();
-    EXPECT_THAT(outcomes(documents(0, {"deleted"})), ElementsAre(id(4) + " back_unread"));
-
     auto server = snapshot(m_data);
     for (const char* fault : {"NSFDbOpen=513", "NotesInitExtended=272"}) {
-        changed(14, list, {}, {{"NOTES_SIM_FAULTS", fault}});
+        changed(14, id(3), {}, {{"NOTES_SIM_FAULTS", fault}});
         EXPECT_EQ(snapshot(m_data), server);
         expect_nothing_left();
     }
+    EXPECT_FALSE(std::filesystem::exists(m_lost));
+}
+
+TEST_F(Documents, OneThatTheSetCannotGiveKeepsNoOtherFromComingBackAndIsNotDeleted) {
+    std::string unid = in_user1("SELECT hex(unid) FROM notes WHERE note_id=" + id(1));
+    auto set_unid = [&](const std::string& value) {
+        in_user1("UPDATE notes SET unid=x'" + value + "' WHERE note_id=" + id(1));
+    };
+    // Cut off, it is read as another's, and no copy of it is possible.
+    in_user1("UPDATE notes SET unid=zeroblob(16) WHERE note_id=" + id(5));
+    set_unid("00");
+    full_backup();
+    set_unid(unid);
+    std::string list;
+    for (std::size_t i = 0; i < 3; ++i) {
+        change(id(i));
+        list += id(i) + "\n";
+    }
+    for (const char* how : {"--dry-run", "--verbose"})
+        EXPECT_THAT(outcomes(changed(3, list, {how})),
+                    ElementsAre(id(1) + " failed", HasSubstr(id(0)), HasSubstr(id(2))));
+    std::map<NoteId, std::string> replaced = m_before;
+    replaced[m_ids[1]] = contents()[m_ids[1]];
+    EXPECT_THAT(replaced[m_ids[1]], HasSubstr("changed"));
+    EXPECT_EQ(contents(), replaced);
+
+    delete_notes(id(0) + " " + id(1) + " " + id(2));
+    EXPECT_THAT(outcomes(documents(3, {"deleted", "--dry-run"})),
+                ElementsAre(id(1) + " failed", id(0) + " candidate", id(2) + " candidate"));
+    EXPECT_THAT(outcomes(documents(3, {"deleted"})),
+                ElementsAre(id(0) + " back_unread", id(1) + " failed", id(2) + " back_unread"));
+    expect_nothing_left();
+}
+
+TEST_F(Documents, WhatWasDeletedAndNotReplacedComesBackBeforeAnythingElseIsDeleted) {
+    std::string unid = in_user1("SELECT hex(unid) FROM notes WHERE note_id=" + id(4));
+    for (std::size_t i = 3; i < 6; ++i)
+        change(id(i));
+    // Another document has its universal id: the live database does not take the copy.
+    in_user1("UPDATE notes SET unid=randomblob(16) WHERE note_id=" + id(4));
+    in_user1("UPDATE notes SET unid=x'" + unid + "' WHERE note_id=" + id(0));
+    std::string list = id(3) + "\n" + id(4) + "\n" + id(5);
+    json done = changed(3, list);
+    EXPECT_THAT(outcomes(done),
+                ElementsAre(id(3) + " replaced", id(4) + " lost", id(5) + " not_reached"));
+    std::string command = done["bring_back"];
+    EXPECT_THAT(m_errors, HasSubstr("do not run the same command again"));
+    EXPECT_THAT(command, HasSubstr(" deleted --since 20"));
+    EXPECT_THAT(command, HasSubstr(" --set " + m_set));
+    auto server = contents();
+    changed(1, list);
+    EXPECT_THAT(m_errors, HasSubstr(command));
+    EXPECT_EQ(contents(), server);
+
+    EXPECT_THAT(outcomes(documents(3, {"deleted"})), ElementsAre(id(4) + " failed"));
+    EXPECT_THAT(m_errors, HasSubstr("higher note ids are not reached"));
+    changed(1, list);
+    in_user1("UPDATE notes SET unid=randomblob(16) WHERE note_id=" + id(0));
+    EXPECT_THAT(outcomes(documents(0, {"deleted"})), ElementsAre(id(4) + " back_unread"));
+    EXPECT_THAT(outcomes(changed(0, list)),
+                ElementsAre(id(3) + " replaced", id(4) + " replaced", id(5) + " replaced"));
+    EXPECT_FALSE(std::filesystem::exists(m_lost));
+    expect_nothing_left();
 }
 
 TEST_F(Documents, ADamagedContentEndsBeforeTheServerHearsOfIt) {
