@@ -199,6 +199,7 @@ Run DocumentRestore::operate(const std::string& live, DocumentKind kind, const s
                              const std::vector<NoteId>& ids, bool keep_copy) {
     bool changed = kind == DocumentKind::changed;
     DocumentTrace trace;
+    m_finishing = false;
     ++m_result.operations;
     ModuleSession session(m_context, {}, [&](const std::string& line) { trace.take(line); });
     if (session.init(DB_TYPE_RST, DB_LEVEL_FULL,
@@ -206,12 +207,13 @@ Run DocumentRestore::operate(const std::string& live, DocumentKind kind, const s
                       (changed ? "INFO=chgd=" : "INFO=deld=") + since}) != DB_NUM_I_OK)
         session.report_failed_start("restore of documents", session.reason());
     std::string place = announce(session, live);
-    if (keep_copy && changed)
+    // The module removes its own name of the copy.
+    bool linked = keep_copy && changed && ::link(file(set_folder).c_str(), place.c_str()) == 0;
+    if (keep_copy && changed && !linked)
         copy_file(file(set_folder), place);
-    else
+    else if (!linked)
         move_file(file(set_folder), place);
     Run run;
-    m_finishing = false;
     throw_if_interrupted();
     if (changed)
         m_list.place(ids);
@@ -283,9 +285,11 @@ bool DocumentRestore::drop_unreadable(NoteId id) {
         move_file(file(original_folder), file(set_folder));
         return true;
     } catch (const ClientError& failure) {
-        throw_if_interrupted();
-        m_result.warnings.push_back("the document " + note_id_text(id) +
-                                    " was not taken out of the set's copy: " + failure.what());
+        if (interrupt_signal() != 0) // what came back is told all the same
+            m_result.failure = failure;
+        else
+            m_result.warnings.push_back("the document " + note_id_text(id) +
+                                        " was not taken out of the set's copy: " + failure.what());
     }
     return false;
 }
@@ -544,17 +548,17 @@ DocumentsResult DocumentRestore::find(OwedDatabases& owed) {
     take_live_copy(owed);
     std::time_t now = std::time(nullptr);
     bool changed = m_request.kind == DocumentKind::changed;
-    std::vector<NoteId> ids;
+    std::vector<NoteId> listed;
     if (changed)
-        ids = readable_in_the_set();
+        listed = readable_in_the_set();
     std::vector<NoteId> candidates;
-    if (!changed || !ids.empty())
-        candidates = search(m_request.since, ids);
+    if (!changed || !listed.empty())
+        candidates = search(m_request.since, listed);
     Intervals intervals;
     if (!candidates.empty()) {
         std::time_t end = m_request.since.time + (now - m_request.since.time) / minute * minute;
         intervals[{m_request.since.time, end + minute}] = candidates;
-        narrow(intervals, ids);
+        narrow(intervals, listed);
     }
     std::map<NoteId, std::pair<std::time_t, std::time_t>> times;
     for (const auto& [interval, ids] : intervals)

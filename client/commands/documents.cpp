@@ -138,7 +138,14 @@ void DocumentsCommand::open_store() {
 // What an earlier restore deleted and did not replace comes back first: each further one may delete
 // another document.
 void DocumentsCommand::look_at_lost() {
-    m_lost_file.emplace(*m_store);
+    try {
+        m_lost_file.emplace(*m_store);
+    } catch (const ClientError& failure) {
+        if (m_options.changed)
+            throw;
+        print_warnings({failure.what()}); // the way back stays open
+        return;
+    }
     m_lost = m_lost_file->of(m_ini.data_directory, m_request.item.path);
     if (m_options.changed && m_lost) {
         std::string ids;
@@ -149,7 +156,9 @@ void DocumentsCommand::look_at_lost() {
                               for_terminal(m_request.item.path) +
                               ", or ended before it told so, and they are not back: " + ids +
                               ": nothing was done",
-                          "bring them back first: " + bring_back_command(*m_lost));
+                          "bring them back first: " + bring_back_command(*m_lost) +
+                              "; to give them up, move lost_documents.json in the store's folder "
+                              "runtime away");
     }
     if (m_lost) // it may be struck out
         m_store = open_store_for_notes(m_options.store, m_not_noted);
