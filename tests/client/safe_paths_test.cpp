@@ -4,6 +4,7 @@
 #include "client/file_users.h"
 #include "client/original.h"
 #include "client/point_in_time.h"
+#include "client/recovery_logs.h"
 #include "client/restore_plan.h"
 #include "client/safe_paths.h"
 #include "tests/client/run_client.h"
@@ -13,6 +14,7 @@
 #include <ctime>
 #include <fcntl.h>
 #include <gmock/gmock.h>
+#include <sstream>
 #include <sys/stat.h>
 #include <sys/wait.h>
 #include <sys/xattr.h>
@@ -211,34 +213,17 @@ TEST(RelocationInfo, PathsThatTheModuleWouldMisreadAreRefusedWithTheReason) {
 // The newest copy of each, up to a minute; of one log, with its own control file.
 TEST(RestoreSelection, TakesWhatWasCopiedByThenAndTheLogsOfOneIdentity) {
     constexpr std::int64_t start = 1'000'000'020; // a whole minute
-    struct Item {
-        const char* path;
-        int copied; // minute
-        const char* log = nullptr;
-    };
     const struct {
         const char* set;
         int started, ended;
-        std::vector<Item> items;
+        const char* log;   // the archive identity
+        const char* items; // each with the minute of its copy
     } sets[] = {
-        {"20010909T014700Z-full",
-         0,
-         3,
-         {{"/d/a.nsf", 1},
-          {"/d/b.nsf", 2},
-          {"/d/gone.nsf", 3},
-          {"/l/S1.TXN", 3, "aaaaaaaa"},
-          {"/l/S2.TXN", 3, "aaaaaaaa"},
-          {"/l/nlogctrl.lfh", 3}}},
-        {"20010909T015700Z-full",
-         10,
-         20,
-         {{"/d/a.nsf", 11},
-          {"/d/b.nsf", 15},
-          {"/d/new.nsf", 16},
-          {"/l/S1.TXN", 17, "bbbbbbbb"},
-          {"/l/nlogctrl.lfh", 18}}},
-        {"20010909T021700Z-copy", 30, 31, {{"/d/a.nsf", 0}, {"/l/nlogctrl.lfh", 31}}},
+        {"20010909T014700Z-full", 0, 3, "aaaaaaaa",
+         "/d/a.nsf 1 /d/b.nsf 2 /d/gone.nsf 3 /l/S1.TXN 3 /l/S2.TXN 3 /l/nlogctrl.lfh 3"},
+        {"20010909T015700Z-full", 10, 20, "bbbbbbbb",
+         "/d/a.nsf 11 /d/b.nsf 15 /d/new.nsf 16 /l/S1.TXN 17 /l/nlogctrl.lfh 18"},
+        {"20010909T021700Z-copy", 30, 31, "", "/d/a.nsf 0 /l/nlogctrl.lfh 31"},
     };
     ScratchFolder scratch;
     auto store = open_directory_store(scratch / "store", StoreAccess::write);
@@ -251,18 +236,21 @@ TEST(RestoreSelection, TakesWhatWasCopiedByThenAndTheLogsOfOneIdentity) {
         manifest.complete = true;
         manifest.whole_system = manifest.level == "full";
         manifest.data_directory = "/d";
-        for (const Item& from : set.items) {
+        std::istringstream items(set.items);
+        std::string path;
+        for (int copied = 0; items >> path >> copied;) {
             ManifestItem& item = manifest.items.emplace_back();
-            item.path = from.path;
-            item.kind = item_kind_of(item.path);
+            item.path = path;
+            item.kind = item_kind_of(path);
             item.status = ItemStatus::stored;
             item.object = std::string(64, 'a');
-            item.copied = from.copied == 0 ? 0 : start + 60 * from.copied;
-            if (from.log != nullptr)
-                item.log = LogIdentity{1, from.log, false};
+            item.copied = copied == 0 ? 0 : start + 60 * copied;
+            if (item.kind == ItemKind::log)
+                item.log = LogIdentity{1, set.log, false};
         }
         store->write_manifest(set.set, serialize(manifest));
     }
+    EXPECT_EQ(load_stored_logs(*store, "/d", {}).control->set, sets[1].set);
     // Each selected item as its name and the last digit of its set's minute; "!" is left out.
     const struct {
         int at; // minute, 0: the newest
