@@ -44,7 +44,7 @@ struct Name {
 // A path of which no copy so far will do.
 struct LookedFor {
     bool named = false;
-    bool late = false; // it was copied after the moment; else the copies are damaged
+    std::int64_t late = 0; // when its oldest copy was complete, after the moment; 0: damaged
 };
 
 class Selector {
@@ -60,7 +60,8 @@ class Selector {
     void take_named_set();
     void take_newest();
     bool counts(const Manifest& manifest) const;
-    bool is_late(const Manifest& manifest, const ManifestItem& item) const;
+    std::int64_t late_copy(const Manifest& manifest, const ManifestItem& item) const;
+    std::string oldest_copy(const Name& name) const;
     void warn_about_late();
     void take(const Manifest& manifest);
     void add(const Manifest& manifest, const ManifestItem& item, bool named);
@@ -160,11 +161,13 @@ bool Selector::counts(const Manifest& manifest) const {
     return manifest.started <= m_moment.time;
 }
 
-// Sets of earlier versions do not tell when a copy was complete: before their end.
-bool Selector::is_late(const Manifest& manifest, const ManifestItem& item) const {
+// When the copy was complete, if that was after the moment, else 0. Sets of earlier versions do not
+// tell: before their end.
+std::int64_t Selector::late_copy(const Manifest& manifest, const ManifestItem& item) const {
     if (m_request.at.empty() || !m_moment.set_prefix.empty() || item.kind == ItemKind::directory)
-        return false;
-    return item.copied != 0 ? item.copied > m_moment.time : manifest.ended >= m_moment.time;
+        return 0;
+    std::int64_t copied = item.copied != 0 ? item.copied : manifest.ended + 1;
+    return copied > m_moment.time ? copied : 0;
 }
 
 void Selector::take_newest() {
@@ -192,7 +195,7 @@ bool Selector::has_newest_log(const Manifest& manifest) {
     std::set<std::string> ids;
     std::string last;
     for (const ManifestItem& item : manifest.items)
-        if (item.log && item.status == ItemStatus::stored && !is_late(manifest, item))
+        if (item.log && item.status == ItemStatus::stored && late_copy(manifest, item) == 0)
             ids.insert(last = item.log->archive_id);
     if (m_log_id.empty())
         m_log_id = last;
@@ -211,22 +214,22 @@ void Selector::take(const Manifest& manifest) {
         bool log = item.kind == ItemKind::log || item.kind == ItemKind::log_control;
         bool wanted = (m_request.all && !(log ? m_base_found : m_covered)) || is_looked_for;
         bool named = m_request.all || (is_looked_for && looked_for->second.named);
-        bool late = is_late(manifest, item);
+        std::int64_t late = late_copy(manifest, item);
         for (Name& name : m_names) {
             bool exact = item.path == name.path && item.kind != ItemKind::directory;
             bool open = !name.closed || is_looked_for;
             if (!open || !(exact || is_below(item.path, name.path)))
                 continue;
             wanted = name.seen = true;
-            name.found = name.found || !late;
+            name.found = name.found || late == 0;
             named = named || exact;
             name.exact = name.exact || exact;
         }
         if (!wanted || (m_items.contains(item.path) && !item.log))
             continue;
-        if (late && log)
+        if (late != 0 && log)
             continue; // the others of its log are wanted, whatever is in this set
-        if (late || m_request.damaged.contains({item.path, item.object})) {
+        if (late != 0 || m_request.damaged.contains({item.path, item.object})) {
             // An older one will do, however old.
             m_looked_for[item.path] = {named, late};
             continue;
@@ -260,7 +263,7 @@ void Selector::close_covered(const Manifest& manifest) {
     if (manifest.whole_system) {
         bool any_late =
             std::any_of(manifest.items.begin(), manifest.items.end(),
-                        [&](const ManifestItem& item) { return is_late(manifest, item); });
+                        [&](const ManifestItem& item) { return late_copy(manifest, item) != 0; });
         m_covered = true;
         m_base_found = m_base_found || !any_late;
     }
@@ -286,10 +289,19 @@ bool Selector::finished() const {
 void Selector::warn_about_late() {
     for (const auto& [path, looked_for] : m_looked_for) {
         ItemKind kind = item_kind_of(path);
-        if (looked_for.late && (kind == ItemKind::database || kind == ItemKind::file))
-            m_result.warnings.push_back(path + " is left out: every copy of it was made after " +
-                                        m_request.at);
+        if (looked_for.late != 0 && (kind == ItemKind::database || kind == ItemKind::file))
+            m_result.warnings.push_back(path + " is left out: its oldest copy was complete at " +
+                                        utc_time(looked_for.late));
     }
+}
+
+std::string Selector::oldest_copy(const Name& name) const {
+    std::int64_t oldest = 0;
+    for (const auto& [path, looked_for] : m_looked_for)
+        if (looked_for.late != 0 && is_below(path, name.path) &&
+            (oldest == 0 || looked_for.late < oldest))
+            oldest = looked_for.late;
+    return oldest == 0 ? "" : ": its oldest copy was complete at " + utc_time(oldest);
 }
 
 void Selector::check_found() const {
@@ -313,7 +325,8 @@ void Selector::check_found() const {
         if (!name.found)
             throw ClientError(ExitCode::failed,
                               where + (m_request.set.empty() ? " holds '" : " does not hold '") +
-                                  for_terminal(name.given) + "' (" + for_terminal(name.path) + ")",
+                                  for_terminal(name.given) + "' (" + for_terminal(name.path) + ")" +
+                                  oldest_copy(name),
                               "relative names are below the data directory; `qrtln show` lists "
                               "what a set holds");
 }
