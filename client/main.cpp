@@ -237,6 +237,12 @@ CLI::App* add_recover(CLI::App& app, qrtln::RecoverOptions& recover) {
     command.add_flag("--new-dbiid", recover.new_dbiid,
                      "Give the databases new instance identities: as new ones for the log and the "
                      "next backup");
+    command.add_flag("--replace-live", recover.replace_live,
+                     "Also databases that hold what no set leads to: another instance than their "
+                     "newest copy, or restored and not saved since");
+    command.add_flag("--logs-lost", recover.logs_lost,
+                     "The server's own transaction logs are really lost, not only not mounted: "
+                     "live databases go back to the end of the stored ones");
     command.add_flag("--dry-run", recover.dry_run,
                      "Show what would be recovered from what, and write nothing");
     CLI::Option* names = command.add_option(

@@ -36,18 +36,28 @@ std::optional<AnnouncedLog> parse_log_announcement(const std::string& line) {
     return log;
 }
 
-std::string parse_prepared_dbiid(const std::string& line) {
-    constexpr std::string_view beginning = "QRTLN_PrepareForBackup: got database [";
-    constexpr std::string_view before = "], DBIID [";
-    constexpr std::string_view end = "])";
+namespace {
+
+// The identity that stands between these texts. A path before it may hold brackets.
+std::string dbiid_between(std::string_view text, std::string_view beginning,
+                          std::string_view before, std::string_view end) {
     constexpr std::string_view none = "00000000-00000000 0000000000000000";
-    std::string_view text = line;
-    std::size_t start = text.rfind(before); // a path may hold brackets
+    std::size_t start = text.rfind(before);
     if (!text.starts_with(beginning) || start == std::string_view::npos || !text.ends_with(end))
         return {};
     text.remove_prefix(start + before.size());
     text.remove_suffix(end.size());
     return text.size() != none.size() || text == none ? std::string() : std::string(text);
+}
+
+} // namespace
+
+std::string parse_prepared_dbiid(const std::string& line) {
+    return dbiid_between(line, "QRTLN_PrepareForBackup: got database [", "], DBIID [", "])");
+}
+
+std::string parse_asked_dbiid(const std::string& line) {
+    return dbiid_between(line, "isDatabaseLogged: Database [", "] is logged, DBIID ", "");
 }
 
 bool says_archiving_in_progress(const std::string& line) {

@@ -21,6 +21,9 @@ std::optional<AnnouncedLog> parse_log_announcement(const std::string& line);
 // characters; empty for any other line and for a database that is not transaction-logged.
 std::string parse_prepared_dbiid(const std::string& line);
 
+// The same of a line about a database that was asked whether it must be backed up.
+std::string parse_asked_dbiid(const std::string& line);
+
 // Whether a line says that another archiving session was open on the server. The module has ended
 // that session: one more start succeeds.
 bool says_archiving_in_progress(const std::string& line);

@@ -29,7 +29,8 @@ ModuleSession::ModuleSession(const OperationContext& context, Observer on_log, O
     : m_context(context), m_on_log(std::move(on_log)), m_module_file(find_module(context.module)) {
     ModuleOptions module;
     module.module_file = m_module_file;
-    module.runtime_directory = context.store.runtime_directory();
+    module.runtime_directory = context.runtime_directory.empty() ? context.store.runtime_directory()
+                                                                 : context.runtime_directory;
     module.exec_directory = exec_directory(context.ini);
     module.on_log = [this](const std::string& line) { this->on_log(line); };
     // A trace that cannot be written must not fail the operation.

@@ -21,10 +21,11 @@ namespace qrtln {
 struct OperationContext {
     const NotesIni& ini;
     Store& store;
-    std::string tmp_dir;  // below it each operation makes a private folder
-    std::string module;   // as given; empty: found beside the executable
-    int trace = -1;       // a file descriptor for the module's trace, or -1
-    bool verbose = false; // show the module's messages
+    std::string tmp_dir;                // below it each operation makes a private folder
+    std::string module;                 // as given; empty: found beside the executable
+    int trace = -1;                     // a file descriptor for the module's trace, or -1
+    bool verbose = false;               // show the module's messages
+    std::string runtime_directory = {}; // of the module's run-time data; empty: the store's
 };
 
 // The file that the module's trace is appended to; none for an empty name. Throws

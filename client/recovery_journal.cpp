@@ -4,12 +4,14 @@
 #include "client/file_io.h"
 #include "client/recovery_logs.h"
 #include "client/store/canonical_json.h"
+#include "client/store/digest.h"
 #include "client/temporary_directory.h"
 #include "client/text.h"
 
 #include <algorithm>
 #include <cerrno>
 #include <fcntl.h>
+#include <sys/stat.h>
 
 namespace qrtln {
 
@@ -20,6 +22,8 @@ using nlohmann::json;
 constexpr int journal_format = 1;
 constexpr std::size_t maximal_journal = std::size_t{1} << 30;
 constexpr std::string_view folder_prefix = "qrtln-recovery_"; // "-R" would be an option of INFO
+constexpr std::size_t read_size = std::size_t{1} << 20;
+constexpr std::int64_t nanoseconds = 1'000'000'000;
 
 json paths_to_json(const std::vector<std::string>& paths) {
     json array = json::array();
@@ -35,14 +39,29 @@ std::vector<std::string> paths_from_json(const json& array) {
     return paths;
 }
 
+json state_to_json(const FileState& state) {
+    return {{"there", state.there},
+            {"inode", state.inode},
+            {"size", state.size},
+            {"mtime_ns", state.mtime_ns}};
+}
+
+FileState state_from_json(const json& entry) {
+    return {entry.at("there").get<bool>(), entry.at("inode").get<std::uint64_t>(),
+            entry.at("size").get<std::int64_t>(), entry.at("mtime_ns").get<std::int64_t>()};
+}
+
 json to_json(const RecoveryJournal& journal) {
     json document = {{"format", journal_format},
                      {"all", journal.all},
                      {"new_dbiid", journal.new_dbiid},
+                     {"replace_live", journal.replace_live},
+                     {"logs_lost", journal.logs_lost},
                      {"recovering", journal.recovering},
                      {"log_folder_lost", journal.log_folder_lost},
                      {"names", paths_to_json(journal.names)},
-                     {"extents", paths_to_json(journal.extents)},
+                     {"extents", json::array()},
+                     {"done", json::array()},
                      {"databases", json::array()}};
     put_bytes(document, "data_directory", journal.data_directory);
     put_bytes(document, "into", journal.into);
@@ -51,15 +70,30 @@ json to_json(const RecoveryJournal& journal) {
         document["to"] = *journal.to;
     if (journal.logs_end)
         document["logs_end"] = *journal.logs_end;
+    for (const PutBackLog& log : journal.extents) {
+        json& entry = document["extents"].emplace_back(json::object());
+        put_bytes(entry, "path", log.path);
+        entry["object"] = log.object;
+    }
+    for (const DoneDatabase& database : journal.done) {
+        json& entry = document["done"].emplace_back(json::object());
+        put_bytes(entry, "path", database.path);
+        put_bytes(entry, "shortfall", database.shortfall);
+    }
     for (const PendingDatabase& database : journal.databases) {
         json& entry = document["databases"].emplace_back(json::object());
         put_bytes(entry, "path", database.path);
         put_bytes(entry, "copy", database.copy);
+        put_bytes(entry, "link", database.link);
+        if (database.before)
+            entry["before"] = state_to_json(*database.before);
         entry["lost"] = database.lost;
+        entry["owed"] = database.owed;
     }
     return document;
 }
 
+// Fields that came later may be absent: an earlier release began the recovery.
 RecoveryJournal from_json(const json& document) {
     RecoveryJournal journal;
     if (document.at("format").get<int>() != journal_format)
@@ -71,34 +105,92 @@ RecoveryJournal from_json(const json& document) {
         journal.to = to->get<std::int64_t>();
     journal.into = get_bytes(document, "into");
     journal.new_dbiid = document.at("new_dbiid").get<bool>();
+    journal.replace_live = document.value("replace_live", false);
+    journal.logs_lost = document.value("logs_lost", false);
     journal.pending_folder = get_bytes(document, "pending_folder");
     journal.recovering = document.at("recovering").get<bool>();
     journal.log_folder_lost = document.at("log_folder_lost").get<bool>();
     if (auto end = document.find("logs_end"); end != document.end())
         journal.logs_end = end->get<std::int64_t>();
-    for (const json& entry : document.at("databases"))
-        journal.databases.push_back(
-            {get_bytes(entry, "path"), get_bytes(entry, "copy"), entry.at("lost").get<bool>()});
-    journal.extents = paths_from_json(document.at("extents"));
+    for (const json& entry : document.at("extents"))
+        journal.extents.push_back({get_bytes(entry, "path"), entry.value("object", "")});
+    for (const json& entry : document.value("done", json::array()))
+        journal.done.push_back({get_bytes(entry, "path"), get_bytes(entry, "shortfall")});
+    for (const json& entry : document.at("databases")) {
+        PendingDatabase& database = journal.databases.emplace_back();
+        database.path = get_bytes(entry, "path");
+        database.copy = get_bytes(entry, "copy");
+        if (entry.contains("link"))
+            database.link = get_bytes(entry, "link");
+        if (auto before = entry.find("before"); before != entry.end())
+            database.before = state_from_json(*before);
+        database.lost = entry.at("lost").get<bool>();
+        database.owed = entry.value("owed", false);
+    }
     return journal;
+}
+
+template <typename Entry>
+const Entry* find_entry(const std::vector<Entry>& entries, const std::string& path) {
+    auto found = std::find_if(entries.begin(), entries.end(),
+                              [&](const Entry& entry) { return entry.path == path; });
+    return found == entries.end() ? nullptr : &*found;
+}
+
+bool is_pending_folder(const std::string& folder) {
+    return name_of(folder).starts_with(folder_prefix) && exists(folder);
 }
 
 } // namespace
 
+FileState file_state(const std::string& path) {
+    struct stat status {};
+    if (::lstat(path.c_str(), &status) != 0)
+        return {};
+    return {true, status.st_ino, status.st_size,
+            status.st_mtim.tv_sec * nanoseconds + status.st_mtim.tv_nsec};
+}
+
+bool file_has_content(const std::string& path, const std::string& object,
+                      const std::function<void()>& between) {
+    FileDescriptor file(::open(path.c_str(), O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC));
+    struct stat status {};
+    if (!file || ::fstat(file.get(), &status) != 0 || !S_ISREG(status.st_mode))
+        return false;
+    Sha256 digest;
+    std::vector<std::byte> buffer(read_size);
+    for (;;) {
+        if (between)
+            between();
+        ssize_t got = read_up_to(file.get(), buffer);
+        if (got < 0)
+            return false;
+        if (got == 0)
+            return digest.finish() == object;
+        digest.update({buffer.data(), static_cast<std::size_t>(got)});
+    }
+}
+
 const PendingDatabase* RecoveryJournal::entry_of(const std::string& path) const {
-    auto found = std::find_if(databases.begin(), databases.end(),
-                              [&](const PendingDatabase& entry) { return entry.path == path; });
-    return found == databases.end() ? nullptr : &*found;
+    return find_entry(databases, path);
+}
+
+const DoneDatabase* RecoveryJournal::done_of(const std::string& path) const {
+    return find_entry(done, path);
 }
 
 bool RecoveryJournal::was_put_in_place(const std::string& path) const {
     if (!into.empty() || !recovering)
         return false;
+    if (done_of(path) != nullptr)
+        return true;
     const PendingDatabase* pending = entry_of(path);
-    if (pending == nullptr)
-        return true; // struck out
-    // A copy that went with its whole folder was taken away by somebody.
-    return !pending->copy.empty() && !exists(pending->copy) && exists(pending_folder);
+    if (pending == nullptr || pending->copy.empty() || exists(pending->copy))
+        return false;
+    // Somebody who clears the folder takes the link, too; and what is as it was before was not
+    // written by the server.
+    bool cleaned_away = !pending->link.empty() && !exists(pending->link);
+    return !cleaned_away && pending->before && file_state(path) != *pending->before;
 }
 
 std::optional<RecoveryJournal> RecoveryJournalFile::read() const {
@@ -150,15 +242,32 @@ std::string make_folder_for_proof(const std::string& tmp_dir, const std::string&
     return make_folder_for_copies(tmp_dir, data_directory, std::string(folder_prefix) + "proof_");
 }
 
+std::vector<std::string> leftovers_of(const RecoveryJournal& journal) {
+    std::vector<std::string> leftovers;
+    for (const PutBackLog& log : journal.extents)
+        if (log_number_of(name_of(log.path)) && file_has_content(log.path, log.object))
+            leftovers.push_back(log.path);
+    if (is_pending_folder(journal.pending_folder))
+        leftovers.push_back(journal.pending_folder);
+    return leftovers;
+}
+
 std::vector<std::string> abandon_recovery(const RecoveryJournal& journal) {
     std::vector<std::string> warnings;
     // Whatever the journal says, only what a recovery makes is removed.
-    for (const std::string& extent : journal.extents)
-        if (log_number_of(name_of(extent)) && ::unlink(extent.c_str()) != 0 && errno != ENOENT)
-            warnings.push_back("cannot remove the restored transaction log " + extent + ": " +
+    for (const PutBackLog& log : journal.extents) {
+        if (!log_number_of(name_of(log.path)) || !exists(log.path))
+            continue;
+        if (!file_has_content(log.path, log.object))
+            warnings.push_back("the transaction log " + log.path +
+                               " is not the one that was put back there (the server may have begun "
+                               "a new log): it is left alone");
+        else if (::unlink(log.path.c_str()) != 0 && errno != ENOENT)
+            warnings.push_back("cannot remove the restored transaction log " + log.path + ": " +
                                system_error_text(errno));
+    }
     const std::string& folder = journal.pending_folder;
-    if (name_of(folder).starts_with(folder_prefix) && exists(folder))
+    if (is_pending_folder(folder))
         if (int error = remove_tree(AT_FDCWD, folder); error != 0)
             warnings.push_back("cannot remove the folder of restored copies " + folder + ": " +
                                system_error_text(error));

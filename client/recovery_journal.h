@@ -2,17 +2,45 @@
 #pragma once
 
 #include <cstdint>
+#include <functional>
 #include <optional>
 #include <string>
 #include <vector>
 
 namespace qrtln {
 
+// What lies at a path, to see whether it changed.
+struct FileState {
+    bool there = false;
+    std::uint64_t inode = 0;
+    std::int64_t size = 0;
+    std::int64_t mtime_ns = 0; // nanoseconds since 1970
+    bool operator==(const FileState&) const = default;
+};
+FileState file_state(const std::string& path);
+
 // A restored copy that waits to be rolled forward and put in place.
 struct PendingDatabase {
-    std::string path;  // of the original
-    std::string copy;  // the restored file, below the pending folder; empty while it is not there
+    std::string path; // of the original
+    std::string copy; // the restored file, below the pending folder; empty while it is not there
+    // A second name of the copy, which the server does not know: a copy that went without it was
+    // put in place, one that went with it was cleaned away. Empty where there are no hard links.
+    std::string link = {};
+    std::optional<FileState> before = {}; // of the original, when the server was told to recover
     bool lost = false; // there was no original: what takes its place needs owner and mode
+    bool owed = false; // this recovery noted that the store is to be owed the database
+};
+
+struct DoneDatabase {
+    std::string path;
+    std::string shortfall; // why it fell short; else empty
+};
+
+// A transaction log that was put back on the server.
+struct PutBackLog {
+    std::string path;
+    std::string object; // its content; empty: not known
+    bool operator==(const PutBackLog&) const = default;
 };
 
 struct RecoveryJournal {
@@ -23,18 +51,22 @@ struct RecoveryJournal {
     std::optional<std::int64_t> to; // seconds since 1970
     std::string into;
     bool new_dbiid = false;
+    bool replace_live = false;
+    bool logs_lost = false;
     // What it has done.
     std::string pending_folder;             // where copies wait; empty with `into`
     bool recovering = false;                // the server was told to recover, at least once
     bool log_folder_lost = false;           // the logs come from the store alone
     std::optional<std::int64_t> logs_end;   // and reach up to here, seconds since 1970
     std::vector<PendingDatabase> databases; // that are not known to be in place
-    std::vector<std::string> extents;       // transaction logs that it put back on the server
+    std::vector<DoneDatabase> done;         // that are
+    std::vector<PutBackLog> extents;        // or about to be
 
     // Nullptr for one that is not listed.
     const PendingDatabase* entry_of(const std::string& path) const;
-    // Whether an earlier run of this recovery put the database in its place, as far as this and the
-    // files beside it tell.
+    const DoneDatabase* done_of(const std::string& path) const;
+    // Whether an earlier run of this recovery put the database in its place: it noted so, or was
+    // killed after the server had taken the copy.
     bool was_put_in_place(const std::string& path) const;
 };
 
@@ -58,8 +90,16 @@ class RecoveryJournalFile {
 std::string make_pending_folder(const std::string& tmp_dir, const std::string& data_directory);
 std::string make_folder_for_proof(const std::string& tmp_dir, const std::string& data_directory);
 
-// Takes back what an unfinished recovery has on the server: copies that wait, and logs. Returns
-// warnings about what could not be removed.
+// Whether a regular file has this content. `between` is called now and then and ends it by
+// throwing.
+bool file_has_content(const std::string& path, const std::string& object,
+                      const std::function<void()>& between = {});
+
+// What an unfinished recovery has on the server: the folder of its copies, and logs that still have
+// the content that was put back.
+std::vector<std::string> leftovers_of(const RecoveryJournal& journal);
+// Removes that. Returns warnings about what could not be removed, and logs that were left because
+// they are others by now.
 std::vector<std::string> abandon_recovery(const RecoveryJournal& journal);
 
 } // namespace qrtln

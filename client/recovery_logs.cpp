@@ -112,9 +112,9 @@ StoredLogs load_stored_logs(Store& store, const std::string& data_directory,
                 continue;
             bool is_damaged = damaged.contains({item.path, item.object});
             if (item.log)
-                stored.logs.push_back({set, std::move(item), is_damaged});
+                stored.logs.push_back({set, std::move(item), is_damaged, entry.manifest->started});
             else if (item.kind == ItemKind::log_control && !is_damaged)
-                controls.push_back({set, std::move(item)});
+                controls.push_back({set, std::move(item), false, entry.manifest->started});
         }
     }
     // It describes the log of its own set.
@@ -198,6 +198,8 @@ RecoveryLogs find_recovery_logs(const StoredLogs& stored, const ServerLogs& serv
     if (server.missing) {
         result.control = stored.control;
         result.ends = reachable_with(holdings, result.last);
+        if (const StoredLog* newest = holdings.rbegin()->second.stored())
+            result.ends = std::max(result.ends.value_or(newest->set_started), newest->set_started);
     } else if (server.last_used.empty() || server.last_used.rbegin()->first < newest_stored) {
         // The newest stored log was still on the server when it was stored.
         result.missing =
@@ -205,6 +207,9 @@ RecoveryLogs find_recovery_logs(const StoredLogs& stored, const ServerLogs& serv
                         "the folder " + for_terminal(server.directory) +
                             " holds another transaction log than the sets: not number " +
                             std::to_string(newest_stored) + ", nor any after it",
+                        "if the folder of the logs was lost and the server began a new log: shut "
+                        "the server down, move that folder away, and run the same command; it then "
+                        "comes back from the store",
                         std::nullopt};
         return result;
     }
@@ -216,7 +221,8 @@ RecoveryLogs find_recovery_logs(const StoredLogs& stored, const ServerLogs& serv
             while (last < result.last && !holdings[last + 1].on_server &&
                    holdings[last + 1].stored() == nullptr)
                 ++last;
-            result.missing = MissingLogs{number, last, {}, reachable_with(holdings, number - 1)};
+            result.missing =
+                MissingLogs{number, last, {}, {}, reachable_with(holdings, number - 1)};
             return result;
         }
         if (!holding.on_server)

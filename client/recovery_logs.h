@@ -18,8 +18,9 @@ namespace qrtln {
 struct StoredLog {
     std::string set;
     ManifestItem item;
-    bool damaged =
-        false; // its object is known to be: the number is known, the content is not there
+    // Its object is known to be: the number is known, the content is not there.
+    bool damaged = false;
+    std::int64_t set_started = 0; // seconds since 1970: what was committed before is in the log
 };
 
 // What the sets of one server hold, oldest set first.
@@ -59,6 +60,7 @@ struct MissingLogs {
     std::uint32_t first = 0;
     std::uint32_t last = 0;
     std::string reason; // instead of numbers: why the server's logs do not continue the stored ones
+    std::string hint;   // to the reason: what to do
     // The latest time that the logs before them reach for sure, in seconds since 1970. Whether a
     // copy from before that time is there is another question.
     std::optional<std::int64_t> reachable;
@@ -71,8 +73,8 @@ struct RecoveryLogs {
     std::vector<StoredLog> restore;   // those that the server has no longer, by number
     std::optional<StoredLog> control; // to be restored with them when the folder is lost
     std::optional<MissingLogs> missing;
-    // The end that is known when the server's own logs are lost: the last change of the newest
-    // stored log, in seconds since 1970.
+    // The end that is known when the server's own logs are lost, in seconds since 1970: the last
+    // change of the newest stored log, or the start of the set that has it, if that is later.
     std::optional<std::int64_t> ends;
 };
 

@@ -4,10 +4,8 @@
 #include "client/error.h"
 #include "client/interrupt.h"
 #include "client/output.h"
-#include "client/recovery_probe.h"
 #include "client/recovery_restores.h"
 #include "client/safe_paths.h"
-#include "client/store/digest.h"
 #include "client/temporary_directory.h"
 #include "client/text.h"
 
@@ -28,7 +26,8 @@ namespace {
 constexpr std::string_view failed_elsewhere = "the recovery failed at another database";
 constexpr std::string_view unknown_to_log = "the transaction log does not know it";
 
-constexpr std::size_t read_size = std::size_t{1} << 20;
+// Below the pending folder; copies have no names like those of the links in it.
+constexpr const char* links_folder = "/qrtln-links";
 
 bool is_template(const std::string& path) {
     constexpr std::string_view extension = ".ntf";
@@ -36,30 +35,11 @@ bool is_template(const std::string& path) {
            ::strcasecmp(path.c_str() + path.size() - extension.size(), extension.data()) == 0;
 }
 
-// Whether a file has this content.
-bool has_content(const std::string& path, const std::string& object) {
-    FileDescriptor file(::open(path.c_str(), O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC));
-    struct stat status {};
-    if (!file || ::fstat(file.get(), &status) != 0 || !S_ISREG(status.st_mode))
-        return false;
-    Sha256 digest;
-    std::vector<std::byte> buffer(read_size);
-    for (;;) {
-        throw_if_interrupted();
-        ssize_t got = read_up_to(file.get(), buffer);
-        if (got < 0)
-            return false;
-        if (got == 0)
-            return digest.finish() == object;
-        digest.update({buffer.data(), static_cast<std::size_t>(got)});
-    }
-}
-
 class Recovery {
   public:
     Recovery(const OperationContext& context, RecoveryRequest request,
              const RecoveryJournalFile& file, const std::optional<RecoveryJournal>& journal)
-        : m_context(context), m_request(std::move(request)), m_file(file) {
+        : m_context(context), m_request(std::move(request)), m_file(file), m_live(context) {
         if (journal) {
             m_journal = *journal;
             m_resumed = true;
@@ -67,17 +47,19 @@ class Recovery {
         m_request.log_folder_was_lost = m_journal.log_folder_lost;
         if (!m_journal.pending_folder.empty() && exists(m_journal.pending_folder))
             m_request.tmp_dir = folder_of(m_journal.pending_folder); // whatever it is by now
+        if (!m_request.databases_only)
+            m_owed.emplace(owed_file_of(context.store));
     }
     RecoveryResult run();
 
   private:
     bool in_place() const { return m_plan.into.empty(); }
+    RecoverySituation situation();
     std::string copy_of(const RecoveringDatabase& database) const;
     DatabaseRecovery& report(const RecoveringDatabase& database, RecoveryOutcome outcome,
                              const std::string& reason = {});
     void forget_round();
-    void settle_what_is_done();
-    void find_left_offline();
+    void report_in_place();
     bool was_lost(const std::string& path) const;
     bool logs_are_whole();
     void require_what_is_needed();
@@ -86,6 +68,10 @@ class Recovery {
     void create_data_directory();
     void write_journal();
     void list_databases();
+    void name_copies_twice();
+    void set_destroyed_aside();
+    void note_as_owed();
+    bool ends_early() const;
     bool restore_from_store();
     bool take_result(RestoreResult result, const RestorePlan& plan);
     bool check_only_its_set();
@@ -95,6 +81,7 @@ class Recovery {
     roll_forward_once(const std::vector<const RecoveringDatabase*>& databases);
     std::vector<std::string> variables(const std::vector<const RecoveringDatabase*>& databases,
                                        const std::string& temporary) const;
+    void report_recovered(const RecoveringDatabase& database);
     void put_only_its_set_in_place();
     void give_owner_and_mode(const RecoveringDatabase& database);
     void strike_what_is_in_place();
@@ -112,10 +99,18 @@ class Recovery {
     std::map<std::string, std::string> m_whole;   // by path: the object whose copy waits, whole
     std::map<std::string, std::string> m_damaged; // by path: why no set gives it
     std::set<std::string> m_reported;             // paths
-    std::map<std::string, std::string> m_left_offline; // by path: why the server cannot open it
-    bool m_asked_for_offline = false;
+    LiveDatabases m_live;
+    std::optional<OwedDatabases> m_owed; // none for a proof, which puts nothing in place
     RecoveryResult m_result;
 };
+
+RecoverySituation Recovery::situation() {
+    RecoverySituation situation;
+    situation.live = m_request.databases_only ? nullptr : &m_live;
+    situation.owed = m_owed ? &*m_owed : nullptr;
+    situation.journal = m_resumed ? &m_journal : nullptr;
+    return situation;
+}
 
 std::string Recovery::copy_of(const RecoveringDatabase& database) const {
     const std::string& path = database.planned.item.path;
@@ -132,14 +127,14 @@ DatabaseRecovery& Recovery::report(const RecoveringDatabase& database, RecoveryO
     m_reported.insert(database.planned.item.path);
     return m_result.databases.emplace_back(
         DatabaseRecovery{database.planned.item.path, database.planned.target, database.planned.set,
-                         database.set_ended, outcome, reason});
+                         database.set_ended, outcome, reason, database.only_its_set.empty(),
+                         database.same_instance});
 }
 
 RecoveryResult Recovery::run() {
     for (;;) {
-        m_plan = make_recovery_plan(m_context.store, m_context.ini, m_request);
-        if (m_resumed)
-            settle_what_is_done();
+        m_plan = make_recovery_plan(m_context.store, m_context.ini, m_request, situation());
+        report_in_place();
         if (!logs_are_whole()) {
             forget_round();
             continue;
@@ -174,39 +169,18 @@ void Recovery::forget_round() {
     });
 }
 
-// What an earlier run of the same recovery put in place is left alone: its users may have gone on
-// with it. Not so one that it could not bring online any more, as nobody could.
-void Recovery::settle_what_is_done() {
-    find_left_offline();
-    std::erase_if(m_plan.databases, [this](const RecoveringDatabase& database) {
+void Recovery::report_in_place() {
+    for (const RecoveringDatabase& database : m_plan.in_place) {
         const std::string& path = database.planned.item.path;
-        if (!m_journal.was_put_in_place(path) || m_left_offline.contains(path))
-            return false;
         if (m_reported.contains(path))
-            return true;
-        report(database, RecoveryOutcome::in_place);
+            continue;
+        const DoneDatabase* done = m_journal.done_of(path);
+        report(database, RecoveryOutcome::in_place, done == nullptr ? "" : done->shortfall);
         if (was_lost(path)) // a run that was killed had no time for that
             give_owner_and_mode(database);
-        return true;
-    });
-}
-
-// The module deletes a copy and then brings its database online: a run that was killed in between
-// leaves one that looks done.
-void Recovery::find_left_offline() {
-    if (m_asked_for_offline)
-        return;
-    m_asked_for_offline = true;
-    std::vector<std::string> paths;
-    for (const RecoveringDatabase& database : m_plan.databases)
-        if (m_journal.was_put_in_place(database.planned.item.path) && database.planned.existing)
-            paths.push_back(database.planned.item.path);
-    m_left_offline = find_unopenable(m_context, paths);
-    for (const auto& [path, reason] : m_left_offline)
-        m_result.warnings.push_back(path +
-                                    ": was put in place by the earlier run, but the server cannot "
-                                    "open it (" +
-                                    reason + "): it is recovered again");
+        if (done == nullptr)
+            m_journal.done.push_back({path, {}});
+    }
 }
 
 // The original was lost, so that a place without its owner and mode was made, now or by an earlier
@@ -268,7 +242,8 @@ void Recovery::find_whole_copies() {
         if (known != m_whole.end() && known->second == item.object)
             continue;
         m_whole.erase(item.path);
-        if (database.only_its_set.empty() && has_content(copy_of(database), item.object))
+        if (database.only_its_set.empty() &&
+            file_has_content(copy_of(database), item.object, throw_if_interrupted))
             m_whole[item.path] = item.object;
     }
 }
@@ -311,6 +286,8 @@ void Recovery::write_journal() {
     m_journal.to = m_request.to;
     m_journal.into = m_request.into;
     m_journal.new_dbiid = m_request.new_dbiid;
+    m_journal.replace_live = m_request.replace_live;
+    m_journal.logs_lost = m_request.logs_lost;
     if (m_plan.server_logs.missing && !m_plan.logs.restore.empty()) {
         m_journal.log_folder_lost = m_request.log_folder_was_lost = true;
         if (m_plan.logs.ends)
@@ -319,33 +296,102 @@ void Recovery::write_journal() {
     list_databases();
     // Before they are there: what is not there does no harm when it is to be removed.
     if (!m_plan.server_logs.missing)
-        for (const StoredLog& log : m_plan.logs.restore)
-            if (std::string target = log_target(m_plan, log);
-                std::find(m_journal.extents.begin(), m_journal.extents.end(), target) ==
-                m_journal.extents.end())
-                m_journal.extents.push_back(target);
+        for (const StoredLog& log : m_plan.logs.restore) {
+            PutBackLog extent{log_target(m_plan, log), log.item.object};
+            std::erase_if(m_journal.extents,
+                          [&](const PutBackLog& known) { return known.path == extent.path; });
+            m_journal.extents.push_back(std::move(extent));
+        }
     m_file.write(m_journal);
     m_began = true;
 }
 
 // Those that are still to be put in their places. A copy is named when it is there: when it is gone
-// later, it is in its place.
+// later, it was put in its place or cleaned away.
 void Recovery::list_databases() {
     if (!in_place())
         return;
     std::vector<PendingDatabase> databases;
     for (const RecoveringDatabase& database : m_plan.databases) {
         const PlannedItem& planned = database.planned;
-        std::string copy = copy_of(database);
-        if (!database.only_its_set.empty() || !exists(copy))
-            copy.clear();
-        databases.push_back({planned.item.path, copy,
-                             was_lost(planned.item.path) || !planned.existing.has_value()});
+        const PendingDatabase* known = m_journal.entry_of(planned.item.path);
+        PendingDatabase pending = known != nullptr ? *known : PendingDatabase{};
+        pending.path = planned.item.path;
+        pending.copy = copy_of(database);
+        pending.lost = pending.lost || !planned.existing.has_value();
+        if (!database.only_its_set.empty() || !exists(pending.copy))
+            pending.copy.clear();
+        // One that was there before this recovery tells of something else.
+        pending.owed = pending.owed || (database.owed_then &&
+                                        !m_owed->is_restored(m_plan.data_directory, pending.path));
+        databases.push_back(std::move(pending));
     }
     for (const DatabaseRecovery& done : m_result.databases)
         if (done.outcome == RecoveryOutcome::failed)
-            databases.push_back({done.path, {}, was_lost(done.path)});
+            databases.push_back({.path = done.path, .copy = {}, .lost = was_lost(done.path)});
     m_journal.databases = std::move(databases);
+    std::erase_if(m_journal.done, [this](const DoneDatabase& done) {
+        return m_journal.entry_of(done.path) != nullptr; // it is recovered again
+    });
+}
+
+// The server removes a copy when it has put it in place, by the only name that it knows.
+void Recovery::name_copies_twice() {
+    std::string folder = m_journal.pending_folder + links_folder;
+    if (::mkdir(folder.c_str(), 0700) != 0 && errno != EEXIST)
+        throw ClientError(ExitCode::failed, "cannot create the folder " + for_terminal(folder) +
+                                                ": " + system_error_text(errno));
+    std::size_t number = 0;
+    for (PendingDatabase& pending : m_journal.databases) {
+        if (pending.copy.empty())
+            continue;
+        pending.before = file_state(pending.path);
+        pending.link = folder + "/" + std::to_string(number++);
+        ::unlink(pending.link.c_str()); // of an earlier run
+        if (::link(pending.copy.c_str(), pending.link.c_str()) != 0)
+            pending.link.clear(); // not every file system has them: the original is asked then
+    }
+    int error = flush_directory(AT_FDCWD, folder);
+    if (error == 0)
+        error = flush_directory(AT_FDCWD, m_journal.pending_folder);
+    if (error != 0)
+        throw ClientError(ExitCode::failed, "cannot flush the folder of restored copies " +
+                                                for_terminal(m_journal.pending_folder) + ": " +
+                                                system_error_text(error));
+}
+
+// The server cannot take offline what is no database any more, so that nothing could replace it.
+void Recovery::set_destroyed_aside() {
+    for (RecoveringDatabase& database : m_plan.databases) {
+        PlannedItem& planned = database.planned;
+        if (!database.set_aside)
+            continue;
+        std::string problem;
+        std::string name = set_aside(planned, problem);
+        if (!problem.empty()) {
+            m_result.warnings.push_back(planned.target +
+                                        ": is no database any more, and cannot be "
+                                        "set aside: " +
+                                        problem);
+            continue;
+        }
+        m_result.warnings.push_back(planned.target +
+                                    ": was no database any more, and is set aside as " + name);
+        planned.existing.reset();
+    }
+}
+
+// Before they are in place: the next backup saves what no log leads to from the copies in the sets.
+void Recovery::note_as_owed() {
+    for (const RecoveringDatabase& database : m_plan.databases)
+        if (database.owed_then)
+            m_owed->add(m_plan.data_directory, database.planned.item.path, true);
+}
+
+// The server's own logs are lost, and the wanted end is not known to be in the stored ones.
+bool Recovery::ends_early() const {
+    const std::optional<std::int64_t>& to = m_request.to;
+    return m_journal.log_folder_lost && !(to && m_journal.logs_end && *to <= *m_journal.logs_end);
 }
 
 // Returns false when damage was found that calls for another plan.
@@ -432,9 +478,15 @@ void Recovery::roll_forward() {
             databases.push_back(&database);
         else if (!in_place())
             report(database, RecoveryOutcome::only_its_set, database.only_its_set);
-    m_journal.recovering = true;
+    if (in_place())
+        set_destroyed_aside();
     list_databases();
+    if (in_place())
+        name_copies_twice();
+    m_journal.recovering = true;
     m_file.write(m_journal);
+    if (in_place())
+        note_as_owed();
     while (!databases.empty()) {
         throw_if_interrupted();
         databases = roll_forward_once(databases);
@@ -454,6 +506,17 @@ Recovery::variables(const std::vector<const RecoveringDatabase*>& databases,
     for (const RecoveringDatabase* database : databases)
         variables.push_back("DATABASE=QRTLN:" + escape_last_component(database->planned.item.path));
     return variables;
+}
+
+void Recovery::report_recovered(const RecoveringDatabase& database) {
+    if (!database.doubt.empty())
+        report(database, RecoveryOutcome::uncertain, database.doubt);
+    else if (ends_early())
+        report(database, RecoveryOutcome::uncertain,
+               "the server's own transaction logs are lost: what was committed after the stored "
+               "ones is in no log");
+    else
+        report(database, RecoveryOutcome::recovered);
 }
 
 // Returns those that are to be tried again, without one that made the whole recovery fail.
@@ -483,14 +546,19 @@ Recovery::roll_forward_once(const std::vector<const RecoveringDatabase*>& databa
                    : waits     ? RecoveryOutcome::waiting
                                : RecoveryOutcome::uncertain,
                    reason.empty() ? "the module did not tell what became of it" : reason);
+        } else if (outcome->outcome == RecoveryOutcome::recovered) {
+            report_recovered(*database);
+            give_owner_and_mode(*database);
         } else if (outcome->outcome != RecoveryOutcome::failed) {
-            report(*database, outcome->outcome, outcome->reason);
+            report(*database, outcome->outcome, outcome->reason).rolled_forward = false;
             give_owner_and_mode(*database);
         } else if (outcome->reason == failed_elsewhere) {
             again.push_back(database);
         } else if (outcome->reason.starts_with(unknown_to_log)) {
             report(*database, RecoveryOutcome::only_its_set,
                    is_template(database->planned.item.path) ? template_reason : outcome->reason);
+            if (in_place())
+                m_owed->add(m_plan.data_directory, database->planned.item.path, true);
             give_owner_and_mode(*database);
         } else {
             std::string why = outcome->reason;
@@ -529,19 +597,27 @@ void Recovery::give_owner_and_mode(const RecoveringDatabase& database) {
 }
 
 void Recovery::strike_what_is_in_place() {
-    std::map<std::string, RecoveryOutcome> outcomes;
+    std::map<std::string, const DatabaseRecovery*> results;
     for (const DatabaseRecovery& database : m_result.databases)
-        outcomes[database.path] = database.outcome;
-    for (PendingDatabase& pending : m_journal.databases)
-        if (auto outcome = outcomes.find(pending.path);
-            outcome != outcomes.end() && outcome->second == RecoveryOutcome::failed)
+        results[database.path] = &database;
+    std::vector<std::string> links;
+    std::erase_if(m_journal.databases, [&](PendingDatabase& pending) {
+        auto result = results.find(pending.path);
+        if (result == results.end() || result->second->outcome == RecoveryOutcome::waiting)
+            return false;
+        if (result->second->outcome == RecoveryOutcome::failed) {
             pending.copy.clear();
-    std::erase_if(m_journal.databases, [&](const PendingDatabase& pending) {
-        auto outcome = outcomes.find(pending.path);
-        return outcome != outcomes.end() && outcome->second != RecoveryOutcome::waiting &&
-               outcome->second != RecoveryOutcome::failed;
+            return false;
+        }
+        const DatabaseRecovery& database = *result->second;
+        m_journal.done.push_back({pending.path, database.falls_short() ? database.reason : ""});
+        links.push_back(pending.link);
+        return true;
     });
     m_file.write(m_journal);
+    for (const std::string& link : links) // room for those that follow
+        if (!link.empty())
+            ::unlink(link.c_str());
 }
 
 // One at a time, and struck out at once: a second run must not put it back over later changes.
@@ -578,11 +654,13 @@ void Recovery::settle_damage() {
     for (const PlannedItem& planned : m_plan.others.items)
         sets[planned.item.path] = planned.set;
     for (const auto& [path, reason] : m_damaged)
-        if (auto set = sets.find(path); set != sets.end())
+        if (auto no_older = m_plan.no_whole_copy.find(path); sets.contains(path))
             m_result.replaced.push_back(
-                {path, reason + "; the copy of the set " + set->second + " was taken"});
+                {path, reason + "; the copy of the set " + sets[path] + " was taken"});
         else if (!m_reported.contains(path))
-            m_result.damaged.push_back({path, reason});
+            m_result.damaged.push_back({path, no_older == m_plan.no_whole_copy.end()
+                                                  ? reason + "; no other set has it whole"
+                                                  : reason + "; " + no_older->second});
 }
 
 // Removes what is of no more use, or keeps it for a second run.
@@ -604,10 +682,10 @@ void Recovery::settle() {
     for (const std::string& warning : abandon_recovery(m_journal))
         m_result.warnings.push_back(warning);
     m_file.remove();
-    const std::vector<std::string>& gone = m_journal.extents; // came back for the recovery alone
-    std::erase_if(m_result.restored, [&](const std::string& path) {
-        return std::find(gone.begin(), gone.end(), path) != gone.end();
-    });
+    std::erase_if(m_result.restored, [this](const std::string& path) {
+        return std::any_of(m_journal.extents.begin(), m_journal.extents.end(),
+                           [&](const PutBackLog& log) { return log.path == path; });
+    }); // came back for the recovery alone
 }
 
 } // namespace

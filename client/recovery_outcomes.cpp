@@ -28,8 +28,9 @@ const char* outcome_name(RecoveryOutcome outcome) {
 bool DatabaseRecovery::falls_short() const {
     switch (outcome) {
     case RecoveryOutcome::recovered:
-    case RecoveryOutcome::in_place:
         return false;
+    case RecoveryOutcome::in_place:
+        return !reason.empty();
     case RecoveryOutcome::only_its_set:
         return reason != not_logged_reason && reason != template_reason;
     case RecoveryOutcome::uncertain:

@@ -27,7 +27,9 @@ struct DatabaseRecovery {
     std::string set;
     std::int64_t set_ended = 0; // seconds since 1970
     RecoveryOutcome outcome = RecoveryOutcome::failed;
-    std::string reason; // why not recovered
+    std::string reason;          // why not recovered, or not for sure
+    bool rolled_forward = false; // with the logs, in whichever outcome
+    bool same_instance = false;  // as the live database that was there
 
     // Whether a log could have done more, or the database is not in its place.
     bool falls_short() const;

@@ -4,6 +4,7 @@
 #include "client/error.h"
 #include "client/interrupt.h"
 #include "client/output.h"
+#include "client/safe_paths.h"
 #include "client/text.h"
 
 #include <algorithm>
@@ -16,8 +17,6 @@ namespace qrtln {
 
 namespace {
 
-// What the module answers when it prepares a database that no transaction log covers.
-constexpr int prepared_not_logged = 2000;
 constexpr std::int64_t quarter_hour = 900; // seconds
 
 // Where notes.ini says, else where the newest stored log was.
@@ -30,21 +29,31 @@ ServerLogs look_at_logs(const NotesIni& ini, const StoredLogs& stored) {
 
 class RecoveryPlanner {
   public:
-    RecoveryPlanner(Store& store, const NotesIni& ini, const RecoveryRequest& request)
-        : m_store(store), m_ini(ini), m_request(request) {}
+    RecoveryPlanner(Store& store, const NotesIni& ini, const RecoveryRequest& request,
+                    const RecoverySituation& situation)
+        : m_store(store), m_ini(ini), m_request(request), m_situation(situation) {}
     RecoveryPlan run();
 
   private:
     RestorePlan plan_items();
     void take_database(PlannedItem planned);
+    void compare_instances();
+    bool keep_in_place(RecoveringDatabase& database);
+    bool reaches_no_end(const RecoveringDatabase& database);
+    std::string reason_against(RecoveringDatabase& database);
+    bool is_destroyed(const PlannedItem& planned) const;
+    bool is_restored(const std::string& path) const;
     const CatalogueEntry& set(const std::string& name);
     void plan_logs();
+    void require_that_logs_are_lost();
     void check_log_folder() const;
     std::optional<std::int64_t> find_reachable(std::optional<std::int64_t> moment) const;
 
     Store& m_store;
     const NotesIni& m_ini;
     const RecoveryRequest& m_request;
+    const RecoverySituation& m_situation;
+    SavedCopies m_copies;
     StoredLogs m_stored;
     std::map<std::string, CatalogueEntry> m_sets;
     RecoveryPlan m_plan;
@@ -74,6 +83,10 @@ RecoveryPlan RecoveryPlanner::run() {
         else
             m_plan.others.items.push_back(std::move(planned));
     }
+    m_plan.server_logs = look_at_logs(m_ini, m_stored);
+    bool unfinished = m_request.log_folder_was_lost && !m_plan.server_logs.has_control;
+    m_plan.server_logs.missing = m_plan.server_logs.missing || unfinished;
+    compare_instances();
     plan_logs();
     if (m_plan.logs.missing)
         m_plan.logs.missing->reachable = find_reachable(m_plan.logs.missing->reachable);
@@ -100,7 +113,7 @@ RecoveryPlanner::find_reachable(std::optional<std::int64_t> moment) const {
         }
         RecoveryPlan plan;
         try {
-            plan = RecoveryPlanner(m_store, m_ini, trial).run();
+            plan = RecoveryPlanner(m_store, m_ini, trial, m_situation).run();
         } catch (const ClientError&) {
             throw_if_interrupted();
             return std::nullopt; // no set is that old
@@ -144,7 +157,7 @@ void RecoveryPlanner::take_database(PlannedItem planned) {
         database.set_ended = manifest->ended;
     }
     std::string newest_id = m_stored.logs.empty() ? "" : m_stored.logs.back().item.log->archive_id;
-    if (planned.item.prepare_status == prepared_not_logged)
+    if (is_not_logged(planned.item))
         database.only_its_set = not_logged_reason;
     else if (archive_id_at(m_stored, planned.set) != newest_id)
         database.only_its_set = "the server began a new transaction log after its backup";
@@ -152,8 +165,140 @@ void RecoveryPlanner::take_database(PlannedItem planned) {
     m_plan.databases.push_back(std::move(database));
 }
 
+// What the live databases are, and what older copies lead to, decides which may be replaced.
+void RecoveryPlanner::compare_instances() {
+    std::set<std::string> paths;
+    std::vector<std::string> live;
+    for (const RecoveringDatabase& database : m_plan.databases) {
+        paths.insert(database.planned.item.path);
+        if (m_plan.into.empty() ? database.planned.existing.has_value()
+                                : exists(database.planned.item.path))
+            live.push_back(database.planned.item.path);
+    }
+    m_copies = load_saved_copies(m_store, m_ini.data_directory, paths);
+    // The server's library would begin a new log where its own is lost.
+    if (m_situation.live != nullptr && !m_plan.server_logs.missing)
+        m_situation.live->ask(live);
+    std::vector<RecoveringDatabase> databases;
+    std::swap(databases, m_plan.databases);
+    for (RecoveringDatabase& database : databases) {
+        if (keep_in_place(database) || reaches_no_end(database))
+            continue;
+        database.planned.reason = reason_against(database);
+        if (database.planned.reason.empty())
+            m_plan.databases.push_back(std::move(database));
+        else
+            m_plan.refused.push_back(std::move(database.planned));
+    }
+}
+
+// What an earlier run of the same recovery put in place is left alone: its users may have gone on
+// with it. Not so one that it could not bring online any more, as nobody could.
+bool RecoveryPlanner::keep_in_place(RecoveringDatabase& database) {
+    const PlannedItem& planned = database.planned;
+    if (m_situation.journal == nullptr || !planned.existing ||
+        !m_situation.journal->was_put_in_place(planned.item.path))
+        return false;
+    const LiveDatabase* live =
+        m_situation.live == nullptr ? nullptr : m_situation.live->find(planned.item.path);
+    if (live != nullptr && live->state == LiveDatabase::State::unopenable) {
+        m_plan.warnings.push_back(planned.item.path +
+                                  ": was put in place by the earlier run, but the server cannot "
+                                  "open it (" +
+                                  live->reason + "): it is recovered again");
+        return false;
+    }
+    m_plan.in_place.push_back(std::move(database));
+    return true;
+}
+
+// An older copy takes the place of a damaged one only where it leads to the same end.
+bool RecoveryPlanner::reaches_no_end(const RecoveringDatabase& database) {
+    const std::string& path = database.planned.item.path;
+    std::set<std::string> damaged;
+    for (const auto& [damaged_path, object] : m_request.selection.damaged)
+        if (damaged_path == path)
+            damaged.insert(object);
+    if (damaged.empty())
+        return false;
+    std::string reason = reason_against_older(m_copies[path], database.planned.set, damaged);
+    if (!reason.empty())
+        m_plan.no_whole_copy[path] = reason;
+    return !reason.empty();
+}
+
+bool RecoveryPlanner::is_restored(const std::string& path) const {
+    if (m_situation.owed == nullptr || !m_situation.owed->is_restored(m_ini.data_directory, path))
+        return false;
+    // An earlier run of this recovery said so itself, and did not come to it.
+    const PendingDatabase* pending =
+        m_situation.journal == nullptr ? nullptr : m_situation.journal->entry_of(path);
+    return pending == nullptr || !pending->owed;
+}
+
+// Settles how far the database can be recovered. Returns why its live one must not be replaced;
+// empty when it may.
+std::string RecoveryPlanner::reason_against(RecoveringDatabase& database) {
+    if (m_request.databases_only)
+        return {};
+    const PlannedItem& planned = database.planned;
+    const std::string& path = planned.item.path;
+    const std::vector<SavedCopy>& copies = m_copies[path];
+    const LiveDatabase* live = m_situation.live == nullptr ? nullptr : m_situation.live->find(path);
+    bool restored = is_restored(path);
+    bool in_place = m_plan.into.empty();
+    std::string keep;
+    if (live != nullptr || (in_place && planned.existing))
+        keep = reason_to_keep(live, restored, copies);
+    if (in_place && !keep.empty() && !m_request.replace_live)
+        return keep;
+    bool open = live != nullptr && live->state != LiveDatabase::State::unopenable;
+    database.same_instance = open && keep.empty();
+    bool rolled_forward = database.only_its_set.empty();
+    if (rolled_forward && m_request.to)
+        database.doubt = reason_for_doubt(copies, planned.set, *m_request.to, live, restored);
+    else if (rolled_forward && !open && restored)
+        database.doubt =
+            "a restore or recovery put it in place, or began to, since its newest copy, "
+            "and it was not saved after that";
+    else if (rolled_forward && !in_place && !keep.empty())
+        database.doubt = "the live database is another instance than its newest saved copy, or was "
+                         "restored: what it holds since then is in no set";
+    bool unasked = planned.existing && m_situation.live != nullptr && live == nullptr;
+    database.owed_then = in_place && (m_request.to || m_request.new_dbiid || !keep.empty() ||
+                                      !rolled_forward || unasked);
+    database.set_aside = in_place && live != nullptr && !open && is_destroyed(planned);
+    return {};
+}
+
+// The server takes a database offline to replace it, and cannot do that with what is none.
+bool RecoveryPlanner::is_destroyed(const PlannedItem& planned) const {
+    constexpr std::size_t mark = 4; // bytes that every database of this server begins with
+    struct Enough {};
+    if (!planned.existing || !planned.used_by.empty())
+        return false;
+    if (planned.existing->st_size == 0)
+        return true;
+    std::string problem;
+    FileDescriptor file =
+        SafeFolder(planned.root).open_file(path_below(planned.target, planned.root), problem);
+    std::array<std::byte, mark> there{};
+    if (!file || read_up_to(file.get(), there) < 0)
+        return false;
+    std::vector<std::byte> saved;
+    try {
+        (void)m_store.read_object(planned.item.object, [&](Bytes bytes) {
+            saved.insert(saved.end(), bytes.begin(), bytes.end());
+            if (saved.size() >= mark)
+                throw Enough{};
+        });
+    } catch (const Enough&) {
+        return !std::equal(there.begin(), there.end(), saved.begin());
+    }
+    return false; // damaged, or no database
+}
+
 void RecoveryPlanner::plan_logs() {
-    m_plan.server_logs = look_at_logs(m_ini, m_stored);
     RecoveryLogNeeds needs;
     needs.to = m_request.to;
     for (const RecoveringDatabase& database : m_plan.databases)
@@ -162,8 +307,6 @@ void RecoveryPlanner::plan_logs() {
             needs.oldest_set = database.planned.set;
     if (needs.oldest_set.empty())
         return;
-    bool unfinished = m_request.log_folder_was_lost && !m_plan.server_logs.has_control;
-    m_plan.server_logs.missing = m_plan.server_logs.missing || unfinished;
     m_plan.logs = find_recovery_logs(m_stored, m_plan.server_logs, needs);
     if (m_plan.server_logs.missing && !m_plan.logs.restore.empty()) {
         check_log_folder();
@@ -176,6 +319,33 @@ void RecoveryPlanner::plan_logs() {
             "the folder of the transaction logs, " + for_terminal(m_plan.server_logs.directory) +
             ", is lost: what was committed after the newest set is not in any log" +
             (m_plan.logs.ends ? " (that is after " + utc_time(*m_plan.logs.ends) + ")" : ""));
+    require_that_logs_are_lost();
+}
+
+// A disk that is not mounted looks like a lost one, and live databases would lose what only the
+// logs on it have.
+void RecoveryPlanner::require_that_logs_are_lost() {
+    if (!m_plan.server_logs.missing || m_plan.logs.missing || m_request.logs_lost ||
+        m_request.databases_only || !m_plan.into.empty())
+        return;
+    auto replaced =
+        std::find_if(m_plan.databases.begin(), m_plan.databases.end(), [&](const auto& database) {
+            const std::string& path = database.planned.item.path;
+            const PendingDatabase* pending =
+                m_situation.journal == nullptr ? nullptr : m_situation.journal->entry_of(path);
+            return database.only_its_set.empty() && database.planned.existing &&
+                   !(pending != nullptr && pending->lost);
+        });
+    if (replaced == m_plan.databases.end())
+        return;
+    m_plan.logs.missing = MissingLogs{
+        0, 0,
+        "the folder of the transaction logs, " + for_terminal(m_plan.server_logs.directory) +
+            ", is missing or empty, and live databases such as " +
+            for_terminal(replaced->planned.target) + " would lose what is in no stored log",
+        "mount the disk of the logs; if they are really lost, --logs-lost recovers to the end of "
+        "the stored ones",
+        std::nullopt};
 }
 
 // Whether what is lost may come back where it was.
@@ -207,7 +377,8 @@ std::string local_time_text(std::int64_t time) {
 std::string reach_text(const RecoveryPlan& plan, const RecoveringDatabase& database) {
     if (!database.only_its_set.empty())
         return "its set only: " + database.only_its_set;
-    return plan.to ? utc_time(*plan.to) : "the end of the logs";
+    return (plan.to ? utc_time(*plan.to) : std::string("the end of the logs")) +
+           (database.doubt.empty() ? "" : ", perhaps: " + database.doubt);
 }
 
 std::string log_target(const ServerLogs& server, const StoredLog& log) {
@@ -265,7 +436,7 @@ std::vector<RoomNeeded> recovery_room(const RecoveryPlan& plan, const std::strin
     RoomCount rooms;
     for (const RecoveringDatabase& database : plan.databases) {
         const PlannedItem& planned = database.planned;
-        std::uint64_t old = occupied_bytes(planned.existing);
+        std::uint64_t old = database.set_aside ? 0 : occupied_bytes(planned.existing);
         std::uint64_t growth = planned.item.size > old ? planned.item.size - old : 0;
         bool waits = whole.contains(planned.item.path);
         if (plan.into.empty())
@@ -294,9 +465,7 @@ void require_logs(const RecoveryPlan& plan) {
     std::string reachable;
     std::string hint;
     if (!missing.reason.empty())
-        hint = "if the folder of the logs was lost and the server began a new log: shut the server "
-               "down, move that folder away, and run the same command; it then comes back from the "
-               "store";
+        hint = missing.hint;
     else if (missing.reachable) {
         std::string time = local_time_text(*missing.reachable);
         reachable = "; the latest time that can be reached is " + time;
@@ -341,10 +510,13 @@ std::string plan_text(const RecoveryPlan& plan) {
     for (const RecoveringDatabase& database : plan.databases)
         table.add({human_bytes(database.planned.item.size), for_terminal(database.planned.set),
                    for_terminal(database.planned.item.path), reach_text(plan, database),
-                   for_terminal(database.planned.target), existing_text(database.planned)});
+                   for_terminal(database.planned.target),
+                   existing_text(database.planned) +
+                       (database.set_aside ? ", no database any more: is set aside" : "")});
     std::string text = table.text();
     for (const PlannedItem& planned : plan.refused)
-        text += "not recovered: " + for_terminal(planned.item.path) + ": " + planned.reason + "\n";
+        text += "not recovered: " + for_terminal(planned.item.path) + ": " +
+                for_terminal(planned.reason) + "\n";
     for (const PlannedItem& planned : plan.others.items)
         if (planned.action == RestoreAction::write)
             text += "missing, comes back from " + for_terminal(planned.set) + ": " +
@@ -369,6 +541,10 @@ nlohmann::json plan_json(const RecoveryPlan& plan) {
                                 {"used_by", printable_utf8(database.planned.used_by)}};
         if (!database.only_its_set.empty())
             entry["reason"] = database.only_its_set;
+        if (!database.doubt.empty())
+            entry["doubt"] = database.doubt;
+        if (database.set_aside)
+            entry["set_aside"] = true;
         databases.push_back(std::move(entry));
     }
     nlohmann::json files = nlohmann::json::array();
@@ -399,8 +575,7 @@ std::optional<LaterRecovery> plan_later_recovery(Store& store, const NotesIni& i
     for (const PlannedItem& planned : items) {
         bool placed =
             planned.action == RestoreAction::activate || planned.action == RestoreAction::place;
-        if (placed && planned.item.kind == ItemKind::database &&
-            planned.item.prepare_status != prepared_not_logged &&
+        if (placed && planned.item.kind == ItemKind::database && !is_not_logged(planned.item) &&
             (needs.oldest_set.empty() || planned.set < needs.oldest_set))
             needs.oldest_set = planned.set;
     }
@@ -422,8 +597,9 @@ nlohmann::json later_recovery_json(const LaterRecovery& later) {
     return logs_json(later.logs, later.server_logs);
 }
 
-RecoveryPlan make_recovery_plan(Store& store, const NotesIni& ini, const RecoveryRequest& request) {
-    return RecoveryPlanner(store, ini, request).run();
+RecoveryPlan make_recovery_plan(Store& store, const NotesIni& ini, const RecoveryRequest& request,
+                                const RecoverySituation& situation) {
+    return RecoveryPlanner(store, ini, request, situation).run();
 }
 
 } // namespace qrtln

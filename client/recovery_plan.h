@@ -1,6 +1,9 @@
 // What a recovery will do, decided and checked before anything is written.
 #pragma once
 
+#include "client/owed.h"
+#include "client/recovery_instances.h"
+#include "client/recovery_journal.h"
 #include "client/recovery_logs.h"
 #include "client/restore_plan.h"
 
@@ -18,12 +21,22 @@ struct RecoveryRequest {
     std::optional<std::int64_t> to; // seconds since 1970; nothing: to the end of the logs
     std::string into;               // empty: in place of the live databases
     bool new_dbiid = false;
+    bool replace_live = false;        // also databases that hold what no set leads to
+    bool logs_lost = false;           // the server's own logs are not only not mounted
     bool databases_only = false;      // no folders or files beside them
     bool keeps_log_folder = false;    // a lost folder of transaction logs is not made again
     bool log_folder_was_lost = false; // an earlier run of the same recovery found it lost
     bool leaves_journal = false;      // for the caller to clean up after a look at the result
     bool searches_reachable = false;  // a trial plan, for the latest moment that can be reached
     std::string tmp_dir;              // below it the restored copies wait
+};
+
+// What is known beside the store when a recovery is planned; each may be nullptr. All outlive it.
+struct RecoverySituation {
+    LiveDatabases* live =
+        nullptr; // not asked: whatever lies in the places of databases is replaced
+    const OwedDatabases* owed = nullptr;
+    const RecoveryJournal* journal = nullptr; // of the same request, from an earlier run
 };
 
 // Why a database without transaction logging is brought back as it is in its set.
@@ -37,6 +50,12 @@ struct RecoveringDatabase {
     std::int64_t set_ended = 0;
     // Why it is brought back as it is in its set, and no log rolls it forward; else empty.
     std::string only_its_set;
+    // Why it may fall short of what is wanted although it is rolled forward; else empty.
+    std::string doubt;
+    bool same_instance = false; // as the live database, which the server could open
+    // It is owed to the store from the moment on at which it is in its place.
+    bool owed_then = false;
+    bool set_aside = false; // the live file is no database any more, and gives way under a new name
 };
 
 struct RecoveryPlan {
@@ -47,16 +66,20 @@ struct RecoveryPlan {
     bool new_dbiid = false;
     std::vector<RecoveringDatabase> databases;
     std::vector<PlannedItem> refused;
-    RestorePlan others; // folders and files that are missing
+    std::vector<RecoveringDatabase> in_place; // since an earlier run of the same recovery
+    // Of databases of which only older copies are whole: why those do not reach the same end.
+    std::map<std::string, std::string> no_whole_copy; // by path
+    RestorePlan others;                               // folders and files that are missing
     RecoveryLogs logs;
     ServerLogs server_logs;
     std::vector<RoomNeeded> room;
     std::vector<std::string> warnings;
 };
 
-// Makes the plan; writes nothing. Throws ClientError for a request that cannot be carried out.
-// Missing logs are in the plan.
-RecoveryPlan make_recovery_plan(Store& store, const NotesIni& ini, const RecoveryRequest& request);
+// Makes the plan; writes nothing. Throws ClientError for a request that cannot be carried out, and
+// when the server cannot be asked about its databases. Missing logs are in the plan.
+RecoveryPlan make_recovery_plan(Store& store, const NotesIni& ini, const RecoveryRequest& request,
+                                const RecoverySituation& situation = {});
 
 // What the plan needs on each file system; databases in `whole`, by path, have their copies
 // already.

@@ -2,65 +2,109 @@
 
 #include "client/database_arguments.h"
 #include "client/interrupt.h"
-#include "client/since_time.h"
+#include "client/module_log.h"
 #include "client/temporary_directory.h"
-#include "client/text.h"
 
-#include <ctime>
+#include <optional>
+#include <set>
 
 namespace qrtln {
 
 namespace {
 
-// A differential backup opens each database to learn whether it needs one, before anything is
-// copied. Returns why one of them could not be opened; empty when all could.
-std::string ask(const OperationContext& context, const std::vector<std::string>& paths) {
-    constexpr std::string_view not_opened = "Notes API NSFDbOpen() failure on file: ";
-    TemporaryDirectory temporary(absolute_path(context.tmp_dir), context.ini.data_directory);
-    std::vector<std::string> variables = {"TMP_DIR=" + temporary.path(),
-                                          "SNC_TIME=" + since_time_text(std::time(nullptr))};
-    for (const std::string& path : paths)
-        variables.push_back("DATABASE=QRTLN:" + escape_last_component(path));
-    bool failed = false;
-    ModuleSession session(context, {}, [&](const std::string& line) {
-        failed = failed || line.starts_with(not_opened);
-    });
-    if (session.init(DB_TYPE_BCK, DB_LEVEL_DIFF, std::move(variables)) != DB_NUM_I_OK)
-        session.report_failed_start("check of recovered databases", session.reason());
-    while (!failed && session.host().get_item().status == DB_NUM_I_OK) {
-        throw_if_interrupted();
-        session.item_begun();
-        (void)session.finish(DB_ITEM_EXCLUDED); // modified meanwhile, so that it was opened
+// What the trace told since the last item: the module asks about a database right before it hands
+// it out.
+class Answer {
+  public:
+    void read(const std::string& line) {
+        if (std::string dbiid = parse_asked_dbiid(line); !dbiid.empty())
+            m_told = LiveDatabase{LiveDatabase::State::logged, dbiid, {}};
+        else if (line == "The database is not being logged")
+            m_told = LiveDatabase{LiveDatabase::State::not_logged, {}, {}};
+        else if (line.starts_with("Notes API NSFDbOpen() failure on file: "))
+            m_told = LiveDatabase{LiveDatabase::State::unopenable, {}, {}};
     }
-    std::string reason = failed ? session.reason() : "";
-    (void)session.close(false); // nothing of this is a backup
-    return reason;
-}
+    LiveDatabase take(ModuleSession& session) {
+        LiveDatabase told = m_told.value_or(LiveDatabase{});
+        m_told.reset();
+        if (told.state == LiveDatabase::State::unopenable ||
+            told.state == LiveDatabase::State::untold)
+            told.reason = session.reason();
+        session.forget_reasons();
+        return told;
+    }
 
-// The protocol shows paths cut: what is found there is found among fewer and fewer.
-void narrow_down(const OperationContext& context, const std::vector<std::string>& paths,
-                 std::map<std::string, std::string>& found) {
-    if (paths.empty())
-        return;
-    std::string reason = ask(context, paths);
-    if (reason.empty())
-        return;
-    if (paths.size() == 1) {
-        found[paths.front()] = reason;
-        return;
-    }
-    auto middle = paths.begin() + static_cast<std::ptrdiff_t>(paths.size() / 2);
-    narrow_down(context, {paths.begin(), middle}, found);
-    narrow_down(context, {middle, paths.end()}, found);
-}
+  private:
+    std::optional<LiveDatabase> m_told;
+};
 
 } // namespace
 
-std::map<std::string, std::string> find_unopenable(const OperationContext& context,
-                                                   const std::vector<std::string>& paths) {
-    std::map<std::string, std::string> found;
-    narrow_down(context, paths, found);
-    return found;
+const LiveDatabase* LiveDatabases::find(const std::string& path) const {
+    auto found = m_known.find(path);
+    return found == m_known.end() ? nullptr : &found->second;
+}
+
+void LiveDatabases::ask(const std::vector<std::string>& paths) {
+    std::vector<std::string> unknown;
+    for (const std::string& path : paths)
+        if (!m_known.contains(path))
+            unknown.push_back(path);
+    ask_together(unknown);
+    for (const std::string& path : unknown)
+        m_known.try_emplace(path, LiveDatabase{LiveDatabase::State::untold,
+                                               {},
+                                               "the module did not hand it out to be looked at"});
+}
+
+// A database that ends the server's library must not keep the others from being asked.
+void LiveDatabases::ask_together(const std::vector<std::string>& paths) {
+    if (paths.empty())
+        return;
+    bool started = false;
+    try {
+        ask_server(paths, started);
+    } catch (const ClientError& failure) {
+        throw_if_interrupted();
+        if (!started || failure.exit_code() != static_cast<int>(ExitCode::server_error))
+            throw;
+        if (paths.size() == 1) {
+            m_known[paths.front()] = {LiveDatabase::State::unopenable, {}, failure.what()};
+            return;
+        }
+        auto middle = paths.begin() + static_cast<std::ptrdiff_t>(paths.size() / 2);
+        ask_together({paths.begin(), middle});
+        ask_together({middle, paths.end()});
+    }
+}
+
+// A full backup asks each database, whatever it answers, before it is copied. This one ends there.
+void LiveDatabases::ask_server(const std::vector<std::string>& paths, bool& started) {
+    TemporaryDirectory temporary(absolute_path(m_context.tmp_dir), m_context.ini.data_directory);
+    OperationContext context = m_context;
+    context.runtime_directory = temporary.path(); // the index of instances is not asked
+    std::vector<std::string> variables = {"TMP_DIR=" + temporary.path()};
+    for (const std::string& path : paths)
+        variables.push_back("DATABASE=QRTLN:" + escape_last_component(path));
+    const std::set<std::string> wanted(paths.begin(), paths.end());
+    Answer answer;
+    ModuleSession session(context, {}, [&](const std::string& line) { answer.read(line); });
+    if (session.init(DB_TYPE_BCK, DB_LEVEL_FULL, std::move(variables)) != DB_NUM_I_OK)
+        session.report_failed_start("look at live databases", session.reason());
+    started = true;
+    for (;;) {
+        throw_if_interrupted();
+        session.forget_reasons();
+        ModuleItem next = session.host().get_item();
+        if (next.status != DB_NUM_I_OK)
+            break;
+        session.item_begun();
+        LiveDatabase told = answer.take(session);
+        if (wanted.contains(next.name))
+            m_known[next.name] = std::move(told);
+        (void)session.finish(DB_ITEM_EXCLUDED);
+    }
+    (void)session.close(false); // nothing of this is a backup
 }
 
 } // namespace qrtln

@@ -1,4 +1,5 @@
-// Whether the server can open databases: one that a killed recovery left offline it cannot.
+// What the server says of live databases before a recovery touches them: whether it can open each,
+// and which instance each is.
 #pragma once
 
 #include "client/module_session.h"
@@ -9,10 +10,38 @@
 
 namespace qrtln {
 
-// Asks the server to open each database and returns those that it cannot, by path with the reason.
-// Nothing is copied, and nothing counts as backed up by it. Full paths of databases that exist.
-// Throws ClientError(server_error) when the server cannot be asked.
-std::map<std::string, std::string> find_unopenable(const OperationContext& context,
-                                                   const std::vector<std::string>& paths);
+struct LiveDatabase {
+    enum class State {
+        not_asked,
+        logged,     // open to the server, and transaction-logged: `dbiid`
+        not_logged, // open to the server
+        untold,     // the server told nothing of its instance: `reason`
+        unopenable, // the server cannot open it: `reason`
+    };
+    State state = State::untold;
+    std::string dbiid; // as in a set's manifest
+    std::string reason;
+};
+
+// The answers for one command, each database asked once.
+class LiveDatabases {
+  public:
+    // Both must outlive it.
+    explicit LiveDatabases(const OperationContext& context) : m_context(context) {}
+
+    // Asks about those that were not asked before: full paths of databases that exist. Nothing is
+    // copied, nothing counts as backed up by it, and nothing of the store is written. Throws
+    // ClientError(server_error) when the server cannot be asked.
+    void ask(const std::vector<std::string>& paths);
+    // Nullptr for one that was not asked.
+    const LiveDatabase* find(const std::string& path) const;
+
+  private:
+    void ask_together(const std::vector<std::string>& paths);
+    void ask_server(const std::vector<std::string>& paths, bool& started);
+
+    const OperationContext& m_context;
+    std::map<std::string, LiveDatabase> m_known;
+};
 
 } // namespace qrtln

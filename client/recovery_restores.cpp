@@ -1,8 +1,16 @@
 #include "client/recovery_restores.h"
 
+#include "client/error.h"
 #include "client/file_io.h"
+#include "client/safe_paths.h"
+#include "client/text.h"
 
+#include <cerrno>
+#include <cstdio>
+#include <ctime>
+#include <fcntl.h>
 #include <set>
+#include <sys/stat.h>
 #include <utility>
 
 namespace qrtln {
@@ -83,6 +91,27 @@ RestorePlan plan_activation(const RecoveryPlan& recovery, const std::string& pen
     plan.items.push_back(database.planned);
     plan.items.back().action = RestoreAction::activate;
     return plan;
+}
+
+std::string set_aside(const PlannedItem& planned, std::string& problem) {
+    std::string path = folder_of(planned.target);
+    FileDescriptor folder =
+        SafeFolder(planned.root)
+            .open_folder(path == planned.root ? "" : path_below(path, planned.root), problem);
+    if (!folder)
+        return {};
+    std::string name = name_of(planned.target);
+    std::string other = name + ".damaged-" + utc_time_compact(std::time(nullptr));
+    int result =
+        ::renameat2(folder.get(), name.c_str(), folder.get(), other.c_str(), RENAME_NOREPLACE);
+    struct stat status {};
+    // Not every file system knows the flag.
+    if (result != 0 && errno == EINVAL &&
+        ::fstatat(folder.get(), other.c_str(), &status, AT_SYMLINK_NOFOLLOW) != 0)
+        result = ::renameat(folder.get(), name.c_str(), folder.get(), other.c_str());
+    if (result != 0 || ::fsync(folder.get()) != 0)
+        problem = system_error_text(errno);
+    return problem.empty() ? path + "/" + other : std::string();
 }
 
 } // namespace qrtln

@@ -51,6 +51,8 @@ struct RecoverOptions : ServerOptions {
     std::string to;   // a moment; "" for the end of the logs
     std::string into; // "" for the original place
     bool new_dbiid = false;
+    bool replace_live = false; // also databases that hold what no set leads to
+    bool logs_lost = false;    // the server's own logs are really lost
     bool dry_run = false;
     bool abandon = false; // give an unfinished recovery up
 };

@@ -1,20 +1,32 @@
 // `qrtln recover`: databases from the store, rolled forward with the transaction logs.
 
 #include "client/commands/commands.h"
+#include "client/database_arguments.h"
 #include "client/error.h"
 #include "client/interrupt.h"
 #include "client/output.h"
 #include "client/recovery_operation.h"
 #include "client/store/canonical_json.h"
+#include "client/temporary_directory.h"
 #include "client/text.h"
 
 #include <algorithm>
+#include <fcntl.h>
 
 namespace qrtln {
 
 namespace {
 
 constexpr const char* journal_name = "/recovery.json";
+
+void require_same_server(const RecoveryJournal& journal, const NotesIni& ini) {
+    if (journal.data_directory != ini.data_directory)
+        throw ClientError(ExitCode::failed,
+                          "a recovery of another server, with the data directory " +
+                              for_terminal(journal.data_directory) + ", is not finished",
+                          "finish it, or give it up, with that server's notes.ini: `qrtln recover` "
+                          "or `qrtln recover --abandon`");
+}
 
 // The request of this call, or that of the recovery that it goes on with.
 RecoveryRequest make_request(const RecoverOptions& options, const NotesIni& ini,
@@ -23,13 +35,16 @@ RecoveryRequest make_request(const RecoverOptions& options, const NotesIni& ini,
     request.selection.names = options.names;
     request.selection.all = options.all;
     request.new_dbiid = options.new_dbiid;
+    request.replace_live = options.replace_live;
+    request.logs_lost = options.logs_lost;
     request.tmp_dir = options.tmp_dir;
     if (!options.to.empty())
         request.to = parse_moment(options.to).time;
     if (!options.into.empty())
         request.into = absolute_path(options.into);
     bool says_nothing = options.names.empty() && !options.all && options.to.empty() &&
-                        options.into.empty() && !options.new_dbiid;
+                        options.into.empty() && !options.new_dbiid && !options.replace_live &&
+                        !options.logs_lost;
     if (!journal) {
         if (options.names.empty() && !options.all)
             throw ClientError(ExitCode::usage,
@@ -39,15 +54,12 @@ RecoveryRequest make_request(const RecoverOptions& options, const NotesIni& ini,
                               "happen");
         return request;
     }
-    if (journal->data_directory != ini.data_directory)
-        throw ClientError(ExitCode::failed,
-                          "a recovery of another server, with the data directory " +
-                              for_terminal(journal->data_directory) + ", is not finished",
-                          "finish it, or give it up, with that server's notes.ini: `qrtln recover` "
-                          "or `qrtln recover --abandon`");
+    require_same_server(*journal, ini);
     bool same = request.selection.names == journal->names &&
                 request.selection.all == journal->all && request.to == journal->to &&
-                request.into == journal->into && request.new_dbiid == journal->new_dbiid;
+                request.into == journal->into && request.new_dbiid == journal->new_dbiid &&
+                request.replace_live == journal->replace_live &&
+                request.logs_lost == journal->logs_lost;
     if (!says_nothing && !same)
         throw ClientError(ExitCode::failed, "another recovery is not finished",
                           "`qrtln recover` without databases goes on with it, `qrtln recover "
@@ -57,6 +69,8 @@ RecoveryRequest make_request(const RecoverOptions& options, const NotesIni& ini,
     request.to = journal->to;
     request.into = journal->into;
     request.new_dbiid = journal->new_dbiid;
+    request.replace_live = journal->replace_live;
+    request.logs_lost = journal->logs_lost;
     return request;
 }
 
@@ -73,7 +87,10 @@ int code_of(const RecoveryResult& result) {
     bool short_of =
         !result.failed.empty() ||
         std::any_of(result.databases.begin(), result.databases.end(),
-                    [](const DatabaseRecovery& database) { return database.falls_short(); });
+                    [](const DatabaseRecovery& database) { return database.falls_short(); }) ||
+        // A file is only as it was in the older set; of a database both reach the same end.
+        std::any_of(result.replaced.begin(), result.replaced.end(),
+                    [](const FailedRestore& replaced) { return !is_database_name(replaced.path); });
     return static_cast<int>(short_of ? ExitCode::items_failed : ExitCode::complete);
 }
 
@@ -83,7 +100,14 @@ int code_of(const RecoveryPlan& plan) {
     for (const RoomNeeded& room : plan.room)
         if (room.available < room.needed)
             return static_cast<int>(ExitCode::failed);
-    return static_cast<int>(plan.refused.empty() ? ExitCode::complete : ExitCode::items_failed);
+    bool logs_end_early = plan.server_logs.missing && !plan.logs.restore.empty() &&
+                          !(plan.to && plan.logs.ends && *plan.to <= *plan.logs.ends);
+    bool doubtful = std::any_of(
+        plan.databases.begin(), plan.databases.end(), [&](const RecoveringDatabase& database) {
+            return !database.doubt.empty() || (database.only_its_set.empty() && logs_end_early);
+        });
+    return static_cast<int>(plan.refused.empty() && !doubtful ? ExitCode::complete
+                                                              : ExitCode::items_failed);
 }
 
 // Up to which moment a database is recovered, for a person.
@@ -91,15 +115,19 @@ std::string reach_text(const DatabaseRecovery& database, const RecoveryResult& r
                        const std::optional<std::int64_t>& to) {
     bool ends_early = result.logs_end_early && !(to && result.logs_end && *to <= *result.logs_end);
     switch (database.outcome) {
+    case RecoveryOutcome::uncertain:
+        if (!database.rolled_forward)
+            return "its set at least, ended " + utc_time(database.set_ended);
+        [[fallthrough]];
     case RecoveryOutcome::recovered:
         if (ends_early)
             return "the end of the stored logs" +
                    (result.logs_end ? ", " + utc_time(*result.logs_end) : "");
-        return to ? utc_time(*to) : "the last committed change";
+        return to                       ? utc_time(*to)
+               : database.same_instance ? "the last committed change"
+                                        : "the last change logged for the saved instance";
     case RecoveryOutcome::only_its_set:
         return "its set, ended " + utc_time(database.set_ended);
-    case RecoveryOutcome::uncertain:
-        return "its set at least, ended " + utc_time(database.set_ended);
     case RecoveryOutcome::in_place:
         return "by an earlier run";
     case RecoveryOutcome::waiting:
@@ -127,7 +155,7 @@ std::string result_text(const RecoveryResult& result, const std::optional<std::i
         text +=
             "damaged: " + for_terminal(replaced.path) + ": " + for_terminal(replaced.reason) + "\n";
     for (const FailedRestore& damaged : result.damaged)
-        text += "damaged in every set that has it: " + for_terminal(damaged.path) + ": " +
+        text += "damaged, not recovered: " + for_terminal(damaged.path) + ": " +
                 for_terminal(damaged.reason) + "\n";
     for (const FailedRestore& failed : result.failed)
         text += "failed: " + for_terminal(failed.path) + ": " + for_terminal(failed.reason) + "\n";
@@ -154,31 +182,59 @@ nlohmann::json result_json(const RecoveryResult& result, const std::optional<std
             {"warnings", printable_list(result.warnings)}};
 }
 
-int abandon(const RecoverOptions& options, const RecoveryJournalFile& file,
+int abandon(const RecoverOptions& options, const NotesIni& ini, const RecoveryJournalFile& file,
             const std::optional<RecoveryJournal>& journal) {
-    std::vector<std::string> warnings;
-    if (journal) {
-        warnings = abandon_recovery(*journal);
+    std::vector<std::string> leftovers; // that would be removed
+    if (journal)
+        require_same_server(*journal, ini);
+    if (journal && options.dry_run) {
+        leftovers = leftovers_of(*journal);
+    } else if (journal) {
+        print_warnings(abandon_recovery(*journal));
         file.remove();
     }
-    print_warnings(warnings);
-    if (options.json)
-        print_json({{"command", "recover"}, {"abandoned", journal.has_value()}, {"exit_code", 0}});
-    else
-        print_output(journal ? "the recovery was given up; databases that it took offline, and did "
-                               "not put in place, may still be\n"
-                             : "no recovery is under way\n");
+    if (options.json) {
+        nlohmann::json document = {{"command", "recover"},
+                                   {"dry_run", options.dry_run},
+                                   {"abandoned", journal.has_value() && !options.dry_run},
+                                   {"exit_code", 0}};
+        if (options.dry_run)
+            document["would_remove"] = printable_list(leftovers);
+        print_json(document);
+        return static_cast<int>(ExitCode::complete);
+    }
+    std::string text = !journal          ? "no recovery is under way\n"
+                       : options.dry_run ? "the recovery would be given up\n"
+                                         : "the recovery was given up; databases that it took "
+                                           "offline, and did not put in place, may still be\n";
+    for (const std::string& path : leftovers)
+        text += "would be removed: " + for_terminal(path) + "\n";
+    print_output(text);
     return static_cast<int>(ExitCode::complete);
 }
 
-int dry_run(const RecoverOptions& options, Store& store, const NotesIni& ini,
-            RecoveryRequest request, const std::optional<RecoveryJournal>& journal) {
+// A dry run has no lock: it looks at a copy, which reading may cut.
+OwedDatabases copy_of_owed(const Store& store, const std::string& folder) {
+    constexpr std::size_t maximal_file = std::size_t{256} << 20;
+    std::string original = owed_file_of(store);
+    std::string copy = folder + "/owed.jsonl";
+    std::optional<std::string> content = read_small_file(AT_FDCWD, original, maximal_file);
+    int error = content ? replace_file(copy, *content) : errno == ENOENT ? 0 : errno;
+    if (error != 0)
+        throw ClientError(ExitCode::failed, "cannot look at the list of owed databases " +
+                                                for_terminal(original) + ": " +
+                                                system_error_text(error));
+    return OwedDatabases(copy);
+}
+
+int dry_run(const RecoverOptions& options, const OperationContext& context, RecoveryRequest request,
+            const std::optional<RecoveryJournal>& journal) {
     request.log_folder_was_lost = journal && journal->log_folder_lost;
-    RecoveryPlan plan = make_recovery_plan(store, ini, request);
-    if (journal)
-        std::erase_if(plan.databases, [&](const RecoveringDatabase& database) {
-            return journal->was_put_in_place(database.planned.item.path);
-        });
+    TemporaryDirectory temporary(absolute_path(options.tmp_dir), context.ini.data_directory);
+    OwedDatabases owed = copy_of_owed(context.store, temporary.path());
+    LiveDatabases live(context);
+    RecoveryPlan plan = make_recovery_plan(context.store, context.ini, request,
+                                           {&live, &owed, journal ? &*journal : nullptr});
     print_warnings(plan.warnings);
     int code = code_of(plan);
     if (options.json)
@@ -202,14 +258,14 @@ int run_recover(const RecoverOptions& options) {
     RecoveryJournalFile file(store->runtime_directory() + journal_name);
     std::optional<RecoveryJournal> journal = file.read();
     if (options.abandon)
-        return abandon(options, file, journal);
+        return abandon(options, ini, file, journal);
     RecoveryRequest request = make_request(options, ini, journal);
     check_time(request);
-    if (options.dry_run)
-        return dry_run(options, *store, ini, request, journal);
     FileDescriptor trace = open_trace_file(options.trace_file);
     OperationContext context{ini,         *store,         options.tmp_dir, options.module,
                              trace.get(), options.verbose};
+    if (options.dry_run)
+        return dry_run(options, context, request, journal);
     RecoveryResult result = run_recovery(context, request, file, journal);
     print_warnings(result.warnings);
     int code = code_of(result);

@@ -91,7 +91,7 @@ TEST_F(Recover, ALostDatabaseComesBackToItsLastCommitAndTheServerHasNoMoreLogsTh
     EXPECT_THAT(planned["logs"]["restored"], Not(IsEmpty()));
     json done = recover(0, {"mail/user1.nsf"});
     EXPECT_EQ(of(done, m_user1)["outcome"], "recovered");
-    EXPECT_EQ(of(done, m_user1)["recovered_to"], "the last committed change");
+    EXPECT_EQ(of(done, m_user1)["recovered_to"], "the last change logged for the saved instance");
     EXPECT_EQ(of(done, m_user1)["set"], planned["databases"][0]["set"]);
     EXPECT_EQ(done["result"]["restored"], json::array()); // the logs went again
     EXPECT_EQ(digest("mail/user1.nsf"), last);
@@ -240,7 +240,7 @@ TEST_F(Recover, AGapIsFoundBeforeAnythingIsTouchedAndTheMomentItNamesIsReached) 
     recover(0, {"mail", "--to", m_errors.substr(hint + 6, 19)});
     EXPECT_EQ(digest("mail/user2.nsf"), early);
     write_file(object, whole);
-    recover(0, {"mail"});
+    recover(0, {"mail", "--replace-live"});
     EXPECT_NE(digest("mail/user2.nsf"), early);
 }
 
@@ -315,7 +315,7 @@ TEST_F(Recover, LostLogsComeBackFromTheStoreAndTheEndIsToldAsTheirs) {
     prove(16);
     EXPECT_EQ(live(), before); // a proof brings no log to the server
     EXPECT_THAT(list().back()["proven"], HasSubstr("failed"));
-    json done = recover(0, {"mail/user1.nsf"});
+    json done = recover(3, {"mail/user1.nsf"});
     EXPECT_THAT(of(done, m_user1)["recovered_to"], HasSubstr("the end of the stored logs, 20"));
     EXPECT_THAT(m_errors, HasSubstr("is lost"));
     EXPECT_EQ(digest("mail/user1.nsf"), stored);
@@ -377,8 +377,10 @@ TEST_F(Recover, AKilledRecoveryIsFinishedByTheNext) {
         for (const auto& [name, content] : last)
             EXPECT_EQ(digest(name), content) << bytes;
         EXPECT_FALSE(fs::exists(m_store + "/runtime/recovery.json"));
-        for (const auto& entry : fs::directory_iterator(m_tmp))
-            EXPECT_THAT(entry.path().filename().string(), Not(HasSubstr("recovery"))) << bytes;
+        for (const auto& entry : fs::directory_iterator(m_tmp)) { // an empty one says nothing
+            bool pending = entry.path().filename().string().find("recovery") != std::string::npos;
+            EXPECT_TRUE(!pending || fs::is_empty(entry)) << bytes;
+        }
     }
     EXPECT_GT(kills, 3);
 }

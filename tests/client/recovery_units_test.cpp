@@ -187,8 +187,11 @@ TEST(RecoveryJournal, KeepsEveryNameAndFindsEachChangedByte) {
     journal.pending_folder = "/tmp/qrtln-recovery_x\xFE";
     journal.recovering = journal.log_folder_lost = true;
     journal.logs_end = 5;
-    journal.databases = {{"/data\xFF/a]\xE4.nsf", "/tmp/\xE4", true}, {"/b.nsf", "", false}};
-    journal.extents = {"/logs/S0000001.TXN"};
+    journal.databases = {
+        {"/data\xFF/a]\xE4.nsf", "/tmp/\xE4", "/tmp/1", FileState{true, 1, 2, -3}, true, false},
+        {.path = "/b.nsf", .copy = "", .owed = true}};
+    journal.done = {{"/c\xE4.nsf", "short"}};
+    journal.extents = {{"/logs/S0000001.TXN", "abc"}};
     file.write(journal);
     RecoveryJournal back = file.read().value();
     EXPECT_EQ(back.data_directory, journal.data_directory);
@@ -202,6 +205,10 @@ TEST(RecoveryJournal, KeepsEveryNameAndFindsEachChangedByte) {
     EXPECT_EQ(back.databases[0].path, journal.databases[0].path);
     EXPECT_EQ(back.databases[0].copy, journal.databases[0].copy);
     EXPECT_TRUE(back.databases[0].lost && !back.databases[1].lost);
+    EXPECT_TRUE(back.databases[1].owed && !back.databases[0].owed);
+    EXPECT_EQ(back.databases[0].before, journal.databases[0].before);
+    EXPECT_EQ(back.databases[0].link, journal.databases[0].link);
+    EXPECT_EQ(back.done_of("/c\xE4.nsf")->shortfall, "short");
 
     std::string bytes = test::read_file(scratch / "recovery.json");
     for (std::size_t i = 0; i < bytes.size(); i += 7) {
