@@ -5,6 +5,7 @@
 
 #include <array>
 #include <fcntl.h>
+#include <functional>
 #include <sys/stat.h>
 
 namespace qrtln {
@@ -195,18 +196,126 @@ TEST_F(Recover, ADatabaseInUseWaitsWhileTheOthersAreRecoveredAndASecondRunFinish
 // Whoever clears the folder for temporary files must not be told that all is well.
 TEST_F(Recover, CopiesThatVanishedAreRestoredAgainAndAnAbandonedRecoveryLeavesNothing) {
     full_backup();
-    std::string last = digest("mail/user1.nsf");
     HeldDatabase held(m_server, "mail/user1.nsf");
     recover(3, {"mail/user1.nsf"});
-    for (const auto& entry : fs::directory_iterator(m_tmp))
-        fs::remove_all(entry);
-    EXPECT_EQ(outcome(recover(3, {}), m_user1), "waiting");
-    EXPECT_FALSE(fs::is_empty(m_tmp));
+    for (const char* what : {"folder", "files", "copies"}) {
+        std::vector<fs::path> cleaned;
+        for (const auto& entry : fs::recursive_directory_iterator(m_tmp))
+            if (*what == 'f' ? entry.is_directory() == (what[1] == 'o')
+                             : entry.path().extension() == ".nsf")
+                cleaned.push_back(entry.path());
+        for (const fs::path& path : cleaned)
+            fs::remove_all(path);
+        ASSERT_FALSE(cleaned.empty());
+        EXPECT_EQ(outcome(recover(3, {}), m_user1), "waiting") << what;
+    }
     std::string before = read_file(m_user1);
     recover(0, {"--abandon"});
     EXPECT_TRUE(fs::is_empty(m_tmp));
     EXPECT_EQ(read_file(m_user1), before);
     recover(2, {});
+}
+
+// The server may have begun a new log meanwhile, whose extents have the same names.
+TEST_F(Recover, AnAbandonedRecoveryRemovesNoLogButItsOwn) {
+    full_backup();
+    archive_extents();
+    std::vector<int> logs = extents();
+    {
+        HeldDatabase held(m_server, "mail/user1.nsf");
+        recover(3, {"mail/user1.nsf"});
+    }
+    ASSERT_GT(extents().size(), logs.size() + 1);
+    std::string other = m_server + "/logs/S0000001.TXN";
+    write_file(other, "of another log");
+    auto before = snapshot(m_scratch.path());
+    json shown = recover(0, {"--abandon", "--dry-run"});
+    EXPECT_THAT(shown["would_remove"], SizeIs(extents().size() - logs.size()));
+    EXPECT_EQ(snapshot(m_scratch.path()), before);
+    std::string ini = read_file(m_server + "/notes.ini");
+    write_file(m_server + "/notes.ini", "[Notes]\nDirectory=" + m_scratch.path() + "\n");
+    recover(1, {"--abandon"});
+    EXPECT_THAT(m_errors, HasSubstr("another server"));
+    write_file(m_server + "/notes.ini", ini);
+    recover(0, {"--abandon"});
+    EXPECT_THAT(m_errors, HasSubstr("left alone"));
+    EXPECT_EQ(read_file(other), "of another log");
+    logs.insert(logs.begin(), 1);
+    EXPECT_EQ(extents(), logs);
+}
+
+TEST_F(Recover, WhatNoSetLeadsToIsReplacedOnlyWhenThatIsSaid) {
+    std::string full = full_backup();
+    settle();
+    std::string moment = local(std::time(nullptr));
+    settle();
+    const std::pair<const char*, std::function<void()>> histories[] = {
+        {"recovered",
+         [&] {
+             recover(0, {"mail/user1.nsf", "--to", moment});
+         }},
+        {"compacted", [&] { ASSERT_EQ(domino("compact " + m_server + " mail/user1.nsf"), 0); }},
+        {"restored",
+         [&] {
+             run(0, {"restore", "mail/user1.nsf", "--activate"});
+         }},
+    };
+    for (const auto& [title, happens] : histories) {
+        SCOPED_TRACE(title);
+        put("mail/user1.nsf", "--text before");
+        happens();
+        std::string then = read_file(m_user1);
+        put("mail/user2.nsf");
+        json done = recover(3, {"mail"});
+        EXPECT_EQ(read_file(m_user1), then);
+        EXPECT_THAT(done["result"]["failed"].dump(), HasSubstr("--replace-live"));
+        EXPECT_EQ(of(done, m_user2)["recovered_to"], "the last committed change");
+        EXPECT_THAT(recover(3, {"mail", "--dry-run"})["plan"]["refused"], SizeIs(1));
+        put("mail/user1.nsf", "--text after");
+        then = digest("mail/user1.nsf");
+        backup_set("incr"); // what is owed comes first, in a set of its own
+        done = recover(0, {"mail/user1.nsf"});
+        EXPECT_EQ(of(done, m_user1)["recovered_to"], "the last committed change");
+        EXPECT_EQ(digest("mail/user1.nsf"), then);
+    }
+}
+
+TEST_F(Recover, AnOlderCopyThatLeadsElsewhereIsNotTakenUnasked) {
+    ASSERT_EQ(domino("create " + m_server + " mail/unlogged.nsf --unlogged"), 0);
+    std::string old = full_backup();
+    ASSERT_EQ(domino("compact " + m_server + " mail/user1.nsf"), 0);
+    put("mail/unlogged.nsf");
+    std::string newest = backup_set("copy");
+    for (const char* name : {"/mail/user1.nsf", "/mail/unlogged.nsf"}) {
+        std::string path = m_data + name;
+        std::string before = read_file(path);
+        flip_a_bit(object_file(newest, path));
+        json done = recover(4, {path});
+        EXPECT_EQ(read_file(path), before);
+        EXPECT_THAT(done["result"]["damaged"][0]["reason"], HasSubstr("restore --set " + old));
+    }
+}
+
+// The server takes no file offline that is no database, so that nothing could take its place.
+TEST_F(Recover, AFileThatIsNoDatabaseAnyMoreIsSetAside) {
+    full_backup();
+    put("mail/user1.nsf");
+    std::string last = digest("mail/user1.nsf");
+    for (const std::string& left : {std::string(), std::string(5000, 'x')}) {
+        write_file(m_user1, left);
+        EXPECT_EQ(recover(0, {"mail/user1.nsf", "--dry-run"})["plan"]["databases"][0]["set_aside"],
+                  true);
+        EXPECT_EQ(read_file(m_user1), left);
+        json done = recover(0, {"mail/user1.nsf"});
+        EXPECT_EQ(outcome(done, m_user1), "recovered");
+        EXPECT_THAT(m_errors, HasSubstr("set aside as " + m_user1 + ".damaged-20"));
+        EXPECT_EQ(digest("mail/user1.nsf"), last);
+        settle(); // the next name
+    }
+    std::size_t aside = 0;
+    for (const auto& entry : fs::directory_iterator(m_data + "/mail"))
+        aside += entry.path().string().find(".damaged-") != std::string::npos ? 1 : 0;
+    EXPECT_EQ(aside, 2U);
 }
 
 TEST_F(Recover, AGapIsFoundBeforeAnythingIsTouchedAndTheMomentItNamesIsReached) {
@@ -315,12 +424,18 @@ TEST_F(Recover, LostLogsComeBackFromTheStoreAndTheEndIsToldAsTheirs) {
     prove(16);
     EXPECT_EQ(live(), before); // a proof brings no log to the server
     EXPECT_THAT(list().back()["proven"], HasSubstr("failed"));
+    for (const char* dry : {"--json", "--dry-run"}) { // its disk may not be mounted
+        recover(16, {"mail", dry});
+        EXPECT_EQ(live(), before);
+    }
     json done = recover(3, {"mail/user1.nsf"});
     EXPECT_THAT(of(done, m_user1)["recovered_to"], HasSubstr("the end of the stored logs, 20"));
     EXPECT_THAT(m_errors, HasSubstr("is lost"));
     EXPECT_EQ(digest("mail/user1.nsf"), stored);
     EXPECT_TRUE(fs::exists(m_server + "/logs/nlogctrl.lfh"));
     put("mail/user1.nsf");
+    ASSERT_EQ(domino("lose " + m_server + " --logs"), 0);
+    recover(3, {"mail/user2.nsf", "--logs-lost"});
 }
 
 // Wherever a recovery is killed, the next one ends what it began.

@@ -1,5 +1,6 @@
 // Which logs a recovery needs, and the journal of one, without a server.
 #include "client/error.h"
+#include "client/recovery_instances.h"
 #include "client/recovery_journal.h"
 #include "client/recovery_logs.h"
 #include "tests/client/run_client.h"
@@ -174,6 +175,33 @@ TEST(RecoveryLogs, AFolderThatIsEmptyIsLostAndOneThatCannotBeReadIsAnError) {
     test::write_file(scratch / "S00000x2.TXN", "");
     EXPECT_EQ(look_at_server_logs(scratch.path()).last_used.size(), 1U);
     EXPECT_THROW(look_at_server_logs(scratch / "S0000012.TXN"), ClientError);
+}
+
+TEST(RecoveryInstances, AMomentIsDoubtfulFromTheLastProofOfTheInstanceOn) {
+    using State = LiveDatabase::State;
+    const std::vector<SavedCopy> same = {{"A", "", "x", 100}, {"B", "", "x", 200}};
+    const std::vector<SavedCopy> other = {
+        {"A", "", "x", 100}, {"B", "", "x", 200}, {"C", "", "y", 300}, {"D", "", "x", 400}};
+    const std::vector<SavedCopy> untold = {{"A", "", "", 0}, {"B", "", "x", 200}};
+    const LiveDatabase live_x{State::logged, "x", ""};
+    const LiveDatabase live_y{State::logged, "y", ""};
+    const LiveDatabase broken{State::unopenable, "", "no"};
+    const std::tuple<const std::vector<SavedCopy>&, std::int64_t, const LiveDatabase*, bool,
+                     const char*>
+        cases[] = {{same, 500, &live_x, false, ""},
+                   {same, 199, &live_y, true, ""},
+                   {same, 200, &live_y, false, "live database"},
+                   {same, 500, &broken, false, ""},
+                   {same, 500, nullptr, true, "since the set B"},
+                   {other, 199, nullptr, false, ""},
+                   {other, 250, &live_x, false, "between the sets B and C"},
+                   {other, 350, &live_x, false, "between the sets B and C"},
+                   {untold, 150, &live_x, false, "does not tell"}};
+    for (const auto& [copies, moment, live, restored, text] : cases) {
+        std::string doubt = reason_for_doubt(copies, "A", moment, live, restored);
+        EXPECT_EQ(doubt.empty(), *text == '\0') << moment << text;
+        EXPECT_THAT(doubt, HasSubstr(text));
+    }
 }
 
 TEST(RecoveryJournal, KeepsEveryNameAndFindsEachChangedByte) {
