@@ -12,6 +12,7 @@
 #include "client/temporary_directory.h"
 #include "client/text.h"
 
+#include <algorithm>
 #include <array>
 #include <cstdlib>
 #include <ctime>
@@ -69,16 +70,22 @@ class BackupOperation {
     void store_changed_notes_ini();
     void add_item(ManifestItem item);
     void add_unreached();
+    void check_log_sizes();
+    void fail_stored(ManifestItem& item, const std::string& reason);
+    void report_item(const ManifestItem& item) const;
     void check_log_chain();
     void commit();
     void strike_owed();
     void note_index();
+    std::string check_closed_index();
     void close_operation();
     void give_up() noexcept;
     void on_log(const std::string& line);
+    void on_index_event(IndexEvent event, const std::string& line);
     void on_trace(const std::string& line);
     // Whether the module chooses the items that changed, and passes over the others.
     bool selects_changes() const { return !m_request.base.empty(); }
+    bool is_whole_full() const { return m_request.level == "full" && m_request.arguments.empty(); }
 
     const BackupContext& m_context;
     BackupRequest m_request;
@@ -100,8 +107,13 @@ class BackupOperation {
     std::string m_logging_style;   // where the server has no logs to archive
     std::string m_incomplete_copy; // since the last preparation
     std::string m_dbiid;           // likewise
+    std::string m_index_begun_anew;
+    std::string m_index_entry_lost;
+    int m_index_entries = 0;
     bool m_archiving_in_progress = false;
     OriginalReader m_originals;
+    std::vector<ChainLink> m_chain; // before this set: from the base on, or of all sets without one
+    bool m_has_base = false;
     std::string m_prepared; // the file that the present item was read from
     std::vector<std::byte> m_buffer;
 };
@@ -118,6 +130,7 @@ Manifest BackupOperation::run() {
         describe_set();
         store_items();
         add_unreached();
+        check_log_sizes();
         throw_if_interrupted();
         commit();
     } catch (...) {
@@ -165,6 +178,26 @@ void BackupOperation::on_log(const std::string& line) {
         m_logging_style = style;
     if (says_archiving_in_progress(line))
         m_archiving_in_progress = true;
+    on_index_event(parse_index_event(line), line);
+}
+
+void BackupOperation::on_index_event(IndexEvent event, const std::string& line) {
+    switch (event) {
+    case IndexEvent::none:
+        break;
+    case IndexEvent::begun_anew:
+        m_index_begun_anew = line;
+        break;
+    case IndexEvent::entry:
+        ++m_index_entries;
+        break;
+    case IndexEvent::no_entry:
+        --m_index_entries;
+        break;
+    case IndexEvent::entry_lost:
+        m_index_entry_lost = line;
+        break;
+    }
 }
 
 void BackupOperation::on_trace(const std::string& line) {
@@ -206,9 +239,16 @@ void BackupOperation::start_operation() {
         m_archiving_in_progress = false;
         status = init_operation();
     }
-    if (status == DB_NUM_I_OK)
-        return;
-    report_failed_start();
+    if (status != DB_NUM_I_OK)
+        report_failed_start();
+    // With an index that lost its entries it passes databases over, and would forget the others'.
+    if (!m_index_begun_anew.empty() && !is_whole_full())
+        throw ClientError(ExitCode::server_error,
+                          "the module does not read its index of databases, which a backup of "
+                          "level " +
+                              m_request.level + " builds on: " + for_terminal(m_index_begun_anew),
+                          "look at the disk of the store, then take a full backup: `qrtln backup "
+                          "--level full` without DATABASE");
 }
 
 void BackupOperation::report_failed_start() {
@@ -468,11 +508,17 @@ void BackupOperation::read_content(ManifestItem& item, const std::string& file) 
         return;
     }
     auto now = static_cast<std::uint64_t>(after.st_size);
-    if (now != expected || read != expected) {
-        std::string change = "its size changed from " + std::to_string(expected) + " to " +
-                             std::to_string(now) + " bytes while it was read";
-        // Nobody but us writes to a database's copy: this one is not what was prepared.
-        if (item.kind == ItemKind::database) {
+    std::string change = "its size changed from " + std::to_string(expected) + " to " +
+                         std::to_string(now) + " bytes while it was read";
+    if (read < expected || now < expected) {
+        item.reason = now != expected ? change
+                                      : "only " + std::to_string(read) + " of its " +
+                                            std::to_string(expected) + " bytes could be read";
+        return;
+    }
+    if (now > expected) {
+        // Nobody but us writes to a database's copy, and nobody at all to a log that is full.
+        if (item.kind == ItemKind::database || (item.log && !item.log->active)) {
             item.reason = change;
             return;
         }
@@ -513,12 +559,16 @@ void BackupOperation::store_changed_notes_ini() {
         store_own_notes_ini();
 }
 
-void BackupOperation::add_item(ManifestItem item) {
+void BackupOperation::report_item(const ManifestItem& item) const {
     if (item.status == ItemStatus::failed && interrupt_signal() == 0)
         print_message("failed: " + for_terminal(item.path) + ": " + for_terminal(item.reason));
     if (m_context.verbose)
         for (const std::string& warning : item.warnings)
             print_message("warning: " + for_terminal(item.path) + ": " + for_terminal(warning));
+}
+
+void BackupOperation::add_item(ManifestItem item) {
+    report_item(item);
     m_manifest.items.push_back(std::move(item));
 }
 
@@ -561,6 +611,39 @@ void BackupOperation::add_unreached() {
         }
 }
 
+// The full extents of one log have one size. The server removes what is stored of one: a short one
+// must not count.
+void BackupOperation::check_log_sizes() {
+    const std::vector<ManifestItem>& items = m_manifest.items;
+    if (std::none_of(items.begin(), items.end(), [](const auto& item) { return item.log; }))
+        return;
+    std::optional<BaseSet> base = find_base(m_context.store, m_ini.data_directory);
+    m_has_base = base.has_value();
+    m_chain = load_log_chain(m_context.store, base ? base->set : "", m_ini.data_directory);
+    std::map<std::string, std::uint64_t> sizes;
+    add_extent_sizes(items, sizes);
+    for (const ChainLink& link : m_chain)
+        for (const auto& [archive_id, size] : link.extent_sizes)
+            sizes[archive_id] = std::max(sizes[archive_id], size);
+    for (ManifestItem& item : m_manifest.items) {
+        if (!item.log || item.log->active || item.status != ItemStatus::stored)
+            continue;
+        if (std::uint64_t whole = sizes.at(item.log->archive_id); item.size != whole)
+            fail_stored(item, "it has " + std::to_string(item.size) +
+                                  " bytes, but the full extents of this log have " +
+                                  std::to_string(whole));
+    }
+}
+
+// Takes back what was stored of an item.
+void BackupOperation::fail_stored(ManifestItem& item, const std::string& reason) {
+    item.status = ItemStatus::failed;
+    item.reason = reason;
+    item.object.clear();
+    item.size = item.stored_size = 0;
+    report_item(item);
+}
+
 // The logs up to this set must form one chain from the last complete full set on. Incomplete sets
 // count with what they hold; the server keeps its logs after them, so these come again.
 void BackupOperation::check_log_chain() {
@@ -570,14 +653,10 @@ void BackupOperation::check_log_chain() {
             own.logs.push_back(*item.log);
     if (own.logs.empty())
         return;
+    bool new_base = is_whole_full() && m_manifest.complete;
     std::vector<ChainLink> chain;
-    bool new_base = m_manifest.level == "full" && m_manifest.whole_system && m_manifest.complete;
-    std::string base = m_request.base;
-    if (base.empty() && !new_base)
-        if (std::optional<BaseSet> found = find_base(m_context.store, m_ini.data_directory))
-            base = found->set;
-    if (!base.empty())
-        chain = load_log_chain(m_context.store, base, m_ini.data_directory);
+    if (m_has_base && !new_base)
+        chain = std::move(m_chain);
     if (m_manifest.level == "incr")
         for (const ChainLink& link : chain)
             if (!link.logs.empty())
@@ -595,7 +674,6 @@ void BackupOperation::commit() {
     m_context.store.write_manifest(m_manifest.set, serialize(m_manifest));
     m_context.store.keep_added();
     strike_owed();
-    note_index();
     close_operation();
 }
 
@@ -603,9 +681,15 @@ void BackupOperation::commit() {
 void BackupOperation::note_index() {
     if (!m_manifest.complete || m_manifest.level == "copy")
         return;
-    bool whole_full = m_manifest.level == "full" && m_manifest.whole_system;
-    m_context.index.expect_close(m_manifest.set, m_session->host().process_id(),
-                                 m_ini.data_directory, whole_full);
+    if (!m_index_entry_lost.empty())
+        throw ClientError(ExitCode::server_error,
+                          "the module could not write its index of databases: " +
+                              m_index_entry_lost);
+    m_context.index.expect_close(m_manifest.set, {.data_directory = m_ini.data_directory,
+                                                  .child = m_session->host().process_id(),
+                                                  .whole_full = is_whole_full(),
+                                                  .has_entries = m_index_entries > 0,
+                                                  .begun_anew = !m_index_begun_anew.empty()});
 }
 
 void BackupOperation::strike_owed() {
@@ -620,28 +704,55 @@ void BackupOperation::strike_owed() {
 }
 
 void BackupOperation::close_operation() {
-    std::string close_error;
+    std::string& error = m_manifest.close_error;
     try {
-        if (m_session->close(m_manifest.complete) != DB_NUM_I_OK)
-            close_error = m_session->reason();
+        note_index();
     } catch (const ClientError& failure) {
-        close_error = failure.what();
+        error = failure.what();
     }
-    if (close_error.empty()) {
-        try {
-            m_context.index.note_closed(m_manifest.set);
-        } catch (const ClientError& failure) {
-            print_message("warning: " + std::string(failure.what())); // the note stays as it is
-        }
+    try {
+        if (m_session->close(m_manifest.complete && error.empty()) != DB_NUM_I_OK && error.empty())
+            error = m_session->reason();
+    } catch (const ClientError& failure) {
+        if (error.empty())
+            error = failure.what();
+    }
+    std::string hint = "the server keeps its logs, and the next backup stores them again";
+    if (std::string problem = check_closed_index(); error.empty() && !problem.empty()) {
+        error = problem;
+        hint = "make room and look at the rights in " +
+               for_terminal(m_context.store.runtime_directory()) +
+               ", then take a full backup: `qrtln backup --level full` without DATABASE";
+    }
+    if (error.empty())
         return;
+    try {
+        m_context.store.write_manifest(m_manifest.set, serialize(m_manifest));
+    } catch (const ClientError& failure) {
+        print_message("warning: the manifest does not say so: " + std::string(failure.what()));
     }
-    m_manifest.close_error = close_error;
-    m_context.store.write_manifest(m_manifest.set, serialize(m_manifest));
     throw ClientError(
         ExitCode::server_error,
         "the set " + m_manifest.set +
-            " was stored, but the server did not close the backup: " + for_terminal(close_error),
-        "the server keeps its logs, and the next backup stores them again");
+            " was stored, but the server did not close the backup: " + for_terminal(error),
+        hint);
+}
+
+// What is wrong with the index after the close, if something is.
+std::string BackupOperation::check_closed_index() {
+    std::string problem;
+    try {
+        problem = m_context.index.check_closed(m_manifest.set, m_ini.data_directory,
+                                               m_manifest.close_error.empty());
+    } catch (const ClientError& failure) {
+        return failure.what();
+    }
+    try {
+        m_context.index.note_closed(m_manifest.set);
+    } catch (const ClientError& failure) {
+        print_message("warning: " + std::string(failure.what())); // the note stays as it is
+    }
+    return problem;
 }
 
 // Leaves the server as after a failed run and the store as before it. The first failure is what

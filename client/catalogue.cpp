@@ -49,7 +49,7 @@ std::optional<BaseSet> find_base(Store& store, const std::string& data_directory
         CatalogueEntry entry = load_set(store, *name);
         if (entry.manifest && entry.manifest->level == "full" && entry.manifest->complete &&
             entry.manifest->whole_system && entry.manifest->data_directory == data_directory)
-            return BaseSet{*name, entry.manifest->started};
+            return BaseSet{*name, entry.manifest->started, entry.manifest->close_error.empty()};
     }
     return std::nullopt;
 }

@@ -28,6 +28,7 @@ std::string resolve_set(Store& store, const std::string& given);
 struct BaseSet {
     std::string set;
     std::int64_t started = 0; // seconds since 1970
+    bool closed = true;       // the server closed its backup
 };
 
 // The newest complete full set of the whole server with this data directory, or nothing. Sets whose

@@ -10,6 +10,7 @@
 #include <cerrno>
 #include <cstdio>
 #include <fcntl.h>
+#include <utility>
 
 namespace qrtln {
 
@@ -33,13 +34,27 @@ std::string hash_of_file(const std::string& file) {
                                             ": " + system_error_text(errno));
 }
 
+json servers_to_json(const std::vector<std::string>& servers) {
+    json list = json::array();
+    for (const std::string& server : servers)
+        put_bytes(list.emplace_back(json::object()), "data_directory", server);
+    return list;
+}
+
+std::vector<std::string> servers_of(const json& document, const char* name) {
+    std::vector<std::string> servers;
+    for (const json& server : document.at(name))
+        servers.push_back(get_bytes(server, "data_directory"));
+    return servers;
+}
+
 std::string serialize(const IndexNote& note) {
     json document = {{"format", note_format},
                      {"set", note.set},
                      {"hashes", note.hashes},
-                     {"servers", json::array()}};
-    for (const std::string& server : note.servers)
-        put_bytes(document["servers"].emplace_back(json::object()), "data_directory", server);
+                     {"servers", servers_to_json(note.servers)}};
+    if (note.hashes.size() > 1)
+        document["servers_after"] = servers_to_json(note.servers_after);
     return to_canonical(document);
 }
 
@@ -54,8 +69,10 @@ std::optional<IndexNote> parse(const std::string& bytes, const std::string& set,
             throw std::runtime_error("has a format that this version of qrtln does not know");
         note.set = document->at("set").get<std::string>();
         note.hashes = document->at("hashes").get<std::vector<std::string>>();
-        for (const json& server : document->at("servers"))
-            note.servers.push_back(get_bytes(server, "data_directory"));
+        note.servers = servers_of(*document, "servers");
+        note.servers_after = document->contains("servers_after")
+                                 ? servers_of(*document, "servers_after")
+                                 : note.servers;
         if (note.set == set)
             return note;
         problem = "is that of another set";
@@ -101,8 +118,12 @@ IndexGuard::IndexGuard(Store& store)
         return;
     std::string hash = hash_of_index();
     const std::vector<std::string>& expected = m_note->hashes;
-    if (std::find(expected.begin(), expected.end(), hash) != expected.end())
+    if (auto found = std::find(expected.begin(), expected.end(), hash); found != expected.end()) {
+        if (found != expected.begin())
+            m_note->servers = m_note->servers_after;
+        m_note->hashes = {hash};
         return;
+    }
     m_problem = "the index of databases " + for_terminal(m_file) +
                 (hash.empty() ? " is missing, although the set " + m_note->set + " left one"
                               : " is not the one that the set " + m_note->set + " left");
@@ -131,34 +152,74 @@ void IndexGuard::set_aside() {
     m_note = IndexNote{}; // nothing of the old one is relied on
 }
 
-void IndexGuard::expect_close(const std::string& set, pid_t child,
-                              const std::string& data_directory, bool whole_full) {
-    IndexNote note = m_note.value_or(IndexNote{});
-    note.set = set;
-    // A killed run may have put it in place without flushing the folder: it must not become the
-    // older one again after it was noted.
+void IndexGuard::flush_folder() const {
     if (int error = flush_directory(AT_FDCWD, folder_of(m_file)); error != 0)
         throw ClientError(ExitCode::failed, "cannot flush the folder of the index of databases " +
                                                 for_terminal(m_file) + ": " +
                                                 system_error_text(error));
+}
+
+void IndexGuard::expect_close(const std::string& set, const IndexChange& change) {
+    IndexNote note = m_note.value_or(IndexNote{});
+    note.set = set;
+    // A killed run may have put it in place without flushing the folder: it must not become the
+    // older one again after it was noted.
+    flush_folder();
     std::string before = hash_of_index();
-    std::string after = hash_of_file(m_file + "." + std::to_string(child));
-    note.hashes = {before};
-    if (!after.empty() && after != before) // without a working copy the index stays as it is
-        note.hashes.push_back(after);
-    if (!m_problem.empty())
+    std::string working_copy = m_file + "." + std::to_string(change.child);
+    std::string after = hash_of_file(working_copy);
+    if (after.empty() && change.has_entries)
+        throw ClientError(ExitCode::server_error,
+                          "the module's working copy of the index of databases " +
+                              for_terminal(working_copy) + " is gone");
+    if (!m_problem.empty() || change.begun_anew)
         note.servers.clear();
-    if (whole_full && m_problem.empty() &&
-        std::find(note.servers.begin(), note.servers.end(), data_directory) == note.servers.end())
-        note.servers.push_back(data_directory);
+    note.hashes = {before};
+    note.servers_after = note.servers;
+    bool changes = !after.empty() && after != before; // without a working copy it stays as it is
+    if (changes)
+        note.hashes.push_back(after);
+    // Its entries are complete in the index as the close leaves it, and in no other.
+    std::vector<std::string>& servers = changes ? note.servers_after : note.servers;
+    if (change.whole_full && m_problem.empty() &&
+        std::find(servers.begin(), servers.end(), change.data_directory) == servers.end())
+        servers.push_back(change.data_directory);
     m_store.write_note(set, SetNote::index, serialize(note));
     m_note = std::move(note);
 }
 
+std::string IndexGuard::check_closed(const std::string& set, const std::string& data_directory,
+                                     bool closed) {
+    if (!m_note || m_note->set != set)
+        return {};
+    IndexNote note = *m_note;
+    std::string hash = hash_of_index();
+    std::string problem;
+    if (hash == note.hashes.back()) {
+        if (note.hashes.size() == 1)
+            return {};
+        note.servers = note.servers_after;
+    } else if (hash == note.hashes.front()) {
+        if (closed) {
+            problem = "the module did not put the new index of databases in the place of " +
+                      for_terminal(m_file);
+            std::erase(note.servers, data_directory);
+        }
+    } else {
+        m_problem = "the index of databases " + for_terminal(m_file) +
+                    " is not the one that this set should have left";
+        return m_problem;
+    }
+    note.hashes = {hash};
+    m_note = std::move(note);
+    m_unwritten = true;
+    return problem;
+}
+
 void IndexGuard::note_closed(const std::string& set) {
-    if (!m_note || m_note->set != set || m_note->hashes.size() == 1)
+    if (!std::exchange(m_unwritten, false))
         return;
-    m_note->hashes = {hash_of_index()};
+    flush_folder();
     m_store.write_note(set, SetNote::index, serialize(*m_note));
 }
 

@@ -19,7 +19,19 @@ struct IndexNote {
     std::string set;
     std::vector<std::string>
         hashes; // one; two while the close of its backup is not known to be over
-    std::vector<std::string> servers; // data directories whose entries are complete in it
+    // Data directories whose entries are complete in the index of the first hash, and of the
+    // second.
+    std::vector<std::string> servers;
+    std::vector<std::string> servers_after;
+};
+
+// What a backup does to the index.
+struct IndexChange {
+    std::string data_directory = {};
+    pid_t child = 0;          // the process of the module
+    bool whole_full = false;  // the set is a complete full one of the whole server
+    bool has_entries = false; // the module said that it wrote some
+    bool begun_anew = false;  // it could not read the index, and wrote a new one
 };
 
 // What is wrong with the note beside a set; empty when nothing is, or there is none.
@@ -40,20 +52,30 @@ class IndexGuard {
     // a new one. Throws ClientError(failed).
     void set_aside();
 
+    // Whether a set left a note.
+    bool has_note() const { return m_note.has_value(); }
+
     // To be called when a set is committed, right before the module's operation is closed with
-    // success: notes the index as it is, and as the working copy of the process `child` will make
-    // it. `whole_full`: the set is a complete full one of the whole server. Throws ClientError.
-    void expect_close(const std::string& set, pid_t child, const std::string& data_directory,
-                      bool whole_full);
-    // To be called after the close: from now on only the index as it is counts. Throws ClientError.
+    // success: notes the index as it is, and as the module's working copy will make it. Throws
+    // ClientError; then the operation must not be closed with success.
+    void expect_close(const std::string& set, const IndexChange& change);
+    // To be called after the close; `closed`: the module said that all went well. Returns what is
+    // wrong when it did not leave the index that was expected: then the server's entries are not
+    // complete. Throws ClientError when the index cannot be read.
+    std::string check_closed(const std::string& set, const std::string& data_directory,
+                             bool closed);
+    // To be called after that: writes down that only the index as it is counts from now on. Throws
+    // ClientError: then the note of before the close stays, which holds for both sides of it.
     void note_closed(const std::string& set);
 
   private:
     std::string hash_of_index() const;
+    void flush_folder() const;
 
     Store& m_store;
     std::string m_file;
     std::optional<IndexNote> m_note; // the newest
+    bool m_unwritten = false;        // what the last check found is not in it
     std::string m_problem;
 };
 

@@ -58,6 +58,15 @@ std::optional<LogRange> log_range(const Manifest& manifest) {
 
 } // namespace
 
+void add_extent_sizes(const std::vector<ManifestItem>& items,
+                      std::map<std::string, std::uint64_t>& sizes) {
+    for (const ManifestItem& item : items)
+        if (item.log && !item.log->active && item.status == ItemStatus::stored) {
+            std::uint64_t& size = sizes[item.log->archive_id];
+            size = std::max(size, item.size);
+        }
+}
+
 std::vector<LogGap> find_log_gaps(const std::vector<ChainLink>& chain) {
     std::vector<LogGap> gaps;
     Segment segment;
@@ -117,8 +126,10 @@ std::vector<ChainLink> load_log_chain(Store& store, const std::string& base,
         if (!entry.manifest || entry.manifest->data_directory != data_directory)
             continue;
         std::vector<LogIdentity> logs = stored_logs(*entry.manifest);
-        if (set == base || !logs.empty())
-            chain.push_back({set, std::move(logs)});
+        if (set != base && logs.empty())
+            continue;
+        chain.push_back({set, std::move(logs)});
+        add_extent_sizes(entry.manifest->items, chain.back().extent_sizes);
     }
     return chain;
 }

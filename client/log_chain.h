@@ -5,6 +5,7 @@
 #include "client/store/manifest.h"
 #include "client/store/store.h"
 
+#include <map>
 #include <nlohmann/json.hpp>
 #include <string>
 #include <vector>
@@ -15,7 +16,13 @@ namespace qrtln {
 struct ChainLink {
     std::string set;
     std::vector<LogIdentity> logs;
+    std::map<std::string, std::uint64_t> extent_sizes = {}; // see add_extent_sizes()
 };
+
+// Adds what the stored logs tell about the size of an extent, by archive identity: in bytes, that
+// of the largest log that was full. All full extents of one log have the same.
+void add_extent_sizes(const std::vector<ManifestItem>& items,
+                      std::map<std::string, std::uint64_t>& sizes);
 
 // The gaps in a chain, oldest link first. A number is covered by a log that was full when it was
 // stored. The copy of an active one is partial, so its number must come again in a later link;

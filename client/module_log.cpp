@@ -126,6 +126,23 @@ bool says_changes_incomplete(const std::string& line) {
     return line.find("(): NSFBackupEndApplyChangeInfo LN C API call failed: ") != std::string::npos;
 }
 
+IndexEvent parse_index_event(const std::string& line) {
+    if (line.starts_with("QRTLN_InitBackup(): index file ["))
+        return line.ends_with("a new one is begun") ? IndexEvent::begun_anew : IndexEvent::none;
+    constexpr std::string_view beginning = "QRTLN_IsBackupNeeded: ";
+    if (!line.starts_with(beginning))
+        return IndexEvent::none;
+    std::string_view text = std::string_view(line).substr(beginning.size());
+    if (text.starts_with("Update index file "))
+        return IndexEvent::entry;
+    if (text.starts_with('[') && text.ends_with("gets no entry in the index"))
+        return IndexEvent::no_entry;
+    if ((text.starts_with("fopen(") || text.starts_with("writing ")) &&
+        text.find(" failed with errno (") != std::string_view::npos)
+        return IndexEvent::entry_lost;
+    return IndexEvent::none;
+}
+
 std::string logging_without_archive(const std::string& line) {
     if (line == "Lotus Notes has circular logging style enabled")
         return "circular transaction logging";

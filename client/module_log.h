@@ -54,6 +54,16 @@ std::optional<LeftOut> parse_left_out(const std::string& line);
 // hands the copy out all the same.
 bool says_changes_incomplete(const std::string& line);
 
+// What a line tells about the module's index of databases.
+enum class IndexEvent {
+    none,
+    begun_anew, // it could not be read: entries of earlier runs are not in the new one
+    entry,      // a database gets an entry
+    no_entry,   // but not this one, for its name
+    entry_lost, // it could not be written
+};
+IndexEvent parse_index_event(const std::string& line);
+
 // Why a line says that the server has no logs to archive ("circular logging"); empty for any other.
 std::string logging_without_archive(const std::string& line);
 

@@ -26,6 +26,7 @@ class BackupRun {
 
   private:
     void check_selection();
+    void choose_level();
     void check_index();
     void choose_base();
     void save_owed(const BackupContext& context);
@@ -60,9 +61,7 @@ int BackupRun::run() {
     try {
         m_owed.emplace(owed_file_of(*m_store));
         m_index.emplace(*m_store);
-        m_request.level = m_options.level;
-        check_index();
-        choose_base();
+        choose_level();
         m_trace = open_trace_file(m_options.trace_file);
         BackupContext context{{m_ini, *m_store, m_options.tmp_dir, m_options.module, m_trace.get(),
                                m_options.verbose},
@@ -98,12 +97,23 @@ void BackupRun::check_selection() {
                           "is this the notes.ini of the server, and is its disk mounted?");
 }
 
+// The level that is asked for, or a full one where that has nothing to build on, and the base.
+void BackupRun::choose_level() {
+    m_request.level = m_options.level;
+    m_request.base.clear();
+    check_index();
+    choose_base();
+}
+
 // With an entry that is lost from the index a database would silently not be saved.
 void BackupRun::check_index() {
     std::string problem = m_index->problem_for(m_ini.data_directory);
+    std::optional<BaseSet> base = find_base(*m_store, m_ini.data_directory);
+    if (problem.empty() && !m_index->has_note() && base && !base->closed)
+        problem = "the backup of the set " + base->set + " was not closed and left no index";
     if (problem.empty() || m_request.level == "copy")
         return;
-    if (m_index->problem().empty() && !find_base(*m_store, m_ini.data_directory))
+    if (m_index->problem().empty() && !base)
         return; // its first backup, of which there is more to say
     bool selects = m_request.level == "diff" || m_request.level == "incr";
     bool whole = m_request.arguments.empty();
@@ -185,6 +195,7 @@ void BackupRun::save_owed(const BackupContext& context) {
         print_error("the databases of the earlier run could not be saved and stay owed: " +
                         std::string(failure.what()),
                     failure.hint());
+        choose_level(); // its close may have lost the index
     }
 }
 

@@ -215,20 +215,47 @@ TEST_F(Commands, WhatAKilledRunLeftOnTheServerCostsOneRetry) {
     EXPECT_THAT(journal(), HasSubstr("close STATUS=1\ninit 1 1\n"));
 }
 
-TEST_F(Commands, FileThatChangesWhileItIsReadHasOneLengthAndANote) {
-    for (const char* how : {"FAKE_GROW", "FAKE_SHRINK"}) {
-        SCOPED_TRACE(how);
-        write_file(m_data + "/big.id", "x");
-        fs::resize_file(m_data + "/big.id", 128U << 20);
-        Outcome outcome = backup({{how, "big.id"}}, {"--json"});
-        ASSERT_EQ(outcome.exit_code, 0) << outcome.errors;
-        json big = item(m_data + "/big.id");
-        EXPECT_THAT(big["warnings"].dump(), HasSubstr("its size changed"));
-        EXPECT_EQ(content_of(big).size(), big["size"]);
+// The server removes a log that is stored: half of one must not count.
+TEST_F(Commands, FileThatChangesWhileItIsReadHasFailedUnlessItMayGrow) {
+    const std::string log = m_scratch / "logs/S1.TXN";
+    write_file(m_scratch / "logs/S2.TXN", "active");
+    write_file(m_scratch / "logs/nlogctrl.lfh", "control");
+    const struct {
+        const char* how;
+        std::string file;
+        int exit_code;
+    } cases[] = {{"FAKE_GROW", m_data + "/big.id", 0},
+                 {"FAKE_SHRINK", m_data + "/big.id", 3},
+                 {"FAKE_SHRINK", m_data + "/names.nsf", 3}, // its copy
+                 {"FAKE_GROW", log, 3}};
+    for (const auto& test : cases) {
+        SCOPED_TRACE(test.how + test.file);
+        write_file(log, "full");
+        write_file(test.file, "x");
+        fs::resize_file(test.file, 128U << 20);
+        Outcome outcome =
+            backup({{test.how, fs::path(test.file).filename()}, {"FAKE_LOGS", m_scratch / "logs"}});
+        ASSERT_EQ(outcome.exit_code, test.exit_code) << outcome.errors;
+        json stored = item(test.file);
+        EXPECT_THAT(stored[test.exit_code == 0 ? "warnings" : "reason"].dump(),
+                    HasSubstr("its size changed"));
+        if (test.exit_code == 0) {
+            EXPECT_EQ(content_of(stored).size(), stored["size"]);
+        }
+        write_file(test.file, "x");
     }
-    // A database's copy that changes is not what was prepared.
-    fs::resize_file(m_data + "/names.nsf", 128U << 20);
-    EXPECT_EQ(backup({{"FAKE_SHRINK", "names.nsf"}}).exit_code, 3);
+    for (int run = 0; run < 2; ++run) { // S0 comes first, and is known from the set before then
+        write_file(log, run == 0 ? "full size" : "short");
+        if (run == 0)
+            write_file(m_scratch / "logs/S0.TXN", "cut off");
+        else
+            fs::remove(m_scratch / "logs/S0.TXN");
+        EXPECT_EQ(backup({{"FAKE_LOGS", m_scratch / "logs"}}).exit_code, 3);
+        EXPECT_EQ(item(run == 0 ? m_scratch / "logs/S0.TXN" : log)["reason"],
+                  "it has " + std::string(run == 0 ? "7" : "5") +
+                      " bytes, but the full extents of this log have 9");
+        EXPECT_TRUE(journal().ends_with("close STATUS=1\n"));
+    }
 }
 
 TEST_F(Commands, NamesOfAnyBytesSurvive) {

@@ -1,7 +1,10 @@
 // Differential and incremental backups with the real module over the simulated server.
 #ifdef QRTLN_DOMINO_SIM
 
+#include "client/error.h"
 #include "client/index_guard.h"
+#include "client/store/canonical_json.h"
+#include "client/store/digest.h"
 #include "notes_simulator/notes_simulator.h"
 #include "tests/client/simulated_server.h"
 
@@ -319,27 +322,56 @@ TEST_F(Incremental, AnIndexThatIsNotTheOneTheNewestSetLeftCallsForAFullBackup) {
 }
 
 // The note is written before the close and made final after it: a run that is killed in between
-// leaves the old index or the new one, and the next needs no hand.
+// leaves the old index or the new one, and the next needs no hand. Only with the new one are the
+// entries of a first full backup complete.
 TEST_F(Incremental, TheNoteOfTheIndexHoldsForBothSidesOfAClose) {
     run("full", 0);
     auto store = open_directory_store(m_store, StoreAccess::change);
     const std::string index = store->runtime_directory() + "/qrtln_DBIID.ini";
-    IndexGuard before(*store);
-    test::write_file(index, "old");
-    test::write_file(index + ".4711", "new");
-    before.expect_close(newest_set(), 4711, m_server + "/data", true);
-    for (const auto& [content, good] :
-         {std::pair{"old", true}, std::pair{"new", true}, std::pair{"other", false}}) {
-        test::write_file(index, content);
-        EXPECT_EQ(IndexGuard(*store).problem().empty(), good) << content;
+    const std::string set = newest_set();
+    const std::string other = "/another/server";
+    const struct {
+        const char* content;
+        bool closed;
+        bool whole;    // the index is one of the two
+        bool complete; // for the other server
+        bool told;     // after the close
+    } cases[] = {
+        {"old", true, true, false, true},
+        {"old", false, true, false, false}, // why it did not close is told already
+        {"new", true, true, true, false},
+        {"new", false, true, true, false},
+        {"neither", true, false, false, true},
+    };
+    for (const auto& c : cases) {
+        SCOPED_TRACE(c.content);
+        test::write_file(index, "old");
+        test::write_file(index + ".4711", "new");
+        store->write_note(set, SetNote::index,
+                          to_canonical({{"format", 1},
+                                        {"set", set},
+                                        {"hashes", {sha256_hex("old")}},
+                                        {"servers", {{{"data_directory", "/d"}}}}}));
+        IndexGuard guard(*store);
+        guard.expect_close(set, {.data_directory = other, .child = 4711, .whole_full = true});
+        test::write_file(index, c.content);
+        for (bool noted : {false, true}) {
+            if (noted) {
+                EXPECT_EQ(guard.check_closed(set, other, c.closed).empty(), !c.told);
+                guard.note_closed(set);
+            }
+            IndexGuard next(*store);
+            EXPECT_EQ(next.problem().empty(), c.whole);
+            EXPECT_EQ(next.problem_for(other).empty(), c.complete);
+            EXPECT_EQ(next.problem_for("/d").empty(), c.whole);
+        }
+        EXPECT_EQ(guard.problem_for(other).empty(), c.complete);
+        test::write_file(index, std::string(c.content) == "old" ? "new" : "old");
+        EXPECT_EQ(IndexGuard(*store).problem().empty(), !c.whole);
     }
-    test::write_file(index, "new");
-    IndexGuard guard(*store);
-    guard.note_closed(newest_set());
-    test::write_file(index, "old");
-    EXPECT_FALSE(IndexGuard(*store).problem().empty());
-    EXPECT_FALSE(guard.problem_for("/another/server").empty());
-    EXPECT_TRUE(guard.problem_for(m_server + "/data").empty());
+    fs::remove(index + ".4711");
+    EXPECT_THROW(IndexGuard(*store).expect_close(set, {.child = 4711, .has_entries = true}),
+                 ClientError);
 }
 
 } // namespace
