@@ -87,7 +87,20 @@ bool OwedDatabases::is_restored(const std::string& data_directory, const std::st
     return found != m_entries.end() && found->second;
 }
 
+std::string OwedDatabases::lines() const {
+    std::string content;
+    for (const auto& [entry, restored] : m_entries)
+        content += line_of(entry.first, entry.second, restored) + "\n";
+    return content;
+}
+
 void OwedDatabases::add(const std::string& data_directory, const std::string& path, bool restored) {
+    if (m_unsettled) {
+        if (int error = replace_file(m_file, lines()); error != 0)
+            fail("write", error);
+        m_exists = true;
+        m_unsettled = false;
+    }
     auto known = m_entries.find({data_directory, path});
     if (known != m_entries.end() && (known->second || !restored))
         return;
@@ -103,7 +116,8 @@ void OwedDatabases::add(const std::string& data_directory, const std::string& pa
         error = flush_directory(AT_FDCWD, folder_of(m_file));
     if (error != 0) {
         // Half a line must not stay in front of the next one.
-        (void)!::ftruncate(file.get(), size);
+        if (::ftruncate(file.get(), size) != 0)
+            m_unsettled = true;
         fail("write", error);
     }
     m_exists = true;
@@ -112,26 +126,23 @@ void OwedDatabases::add(const std::string& data_directory, const std::string& pa
 
 int OwedDatabases::strike(const std::string& data_directory,
                           const std::vector<std::string>& paths) {
-    std::map<Entry, bool> left = m_entries;
+    std::map<Entry, bool> before = m_entries;
     for (const std::string& path : paths)
-        left.erase({data_directory, path});
-    if (left.size() == m_entries.size())
+        m_entries.erase({data_directory, path});
+    if (m_entries.size() == before.size())
         return 0;
     int error = 0;
-    if (left.empty()) {
+    if (!m_entries.empty())
+        error = replace_file(m_file, lines());
+    else
         error =
             ::unlink(m_file.c_str()) == 0 ? flush_directory(AT_FDCWD, folder_of(m_file)) : errno;
-    } else {
-        std::string content;
-        for (const auto& [entry, restored] : left)
-            content += line_of(entry.first, entry.second, restored) + "\n";
-        error = replace_file(m_file, content);
-    }
-    if (error != 0)
-        return error;
-    m_exists = !left.empty();
-    m_entries = std::move(left);
-    return 0;
+    m_unsettled = error != 0;
+    if (m_unsettled)
+        m_entries = std::move(before);
+    else
+        m_exists = !m_entries.empty();
+    return error;
 }
 
 // A killed run may have left lines, and the file's name, that it had not flushed yet. A

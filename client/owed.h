@@ -42,18 +42,21 @@ class OwedDatabases {
 
     // Strikes entries out: the file is replaced by one without them, or removed with the last.
     // Those that are not there are ignored. Returns 0, or the errno after which all entries stay:
-    // they are saved once more, nothing is lost.
+    // they are saved once more, nothing is lost. What the file holds is then not known: the next
+    // add() writes it anew.
     int strike(const std::string& data_directory, const std::vector<std::string>& paths);
 
   private:
     using Entry = std::pair<std::string, std::string>; // data directory, path
 
     void make_durable(std::size_t size, bool cut);
+    std::string lines() const;
     [[noreturn]] void fail(const std::string& doing, int error) const;
 
     std::string m_file;
     std::map<Entry, bool> m_entries; // whether it was restored
     bool m_exists = false;           // flushed into its folder
+    bool m_unsettled = false;        // the file may hold less than the entries
 };
 
 } // namespace qrtln
