@@ -40,6 +40,12 @@ void mask_interrupts(int how) {
 
 } // namespace
 
+bool is_ignored_hangup(int signal) {
+    struct sigaction action {};
+    return signal == SIGHUP && ::sigaction(signal, nullptr, &action) == 0 &&
+           action.sa_handler == SIG_IGN;
+}
+
 void install_interrupt_handlers() {
     if (wake_pipe[0] < 0 && ::pipe2(wake_pipe, O_CLOEXEC | O_NONBLOCK) != 0)
         throw ClientError(ExitCode::failed, "cannot create a pipe: " + system_error_text(errno));
@@ -47,7 +53,8 @@ void install_interrupt_handlers() {
     action.sa_handler = on_interrupt;
     ::sigemptyset(&action.sa_mask);
     for (int signal : interrupting_signals)
-        ::sigaction(signal, &action, nullptr);
+        if (!is_ignored_hangup(signal))
+            ::sigaction(signal, &action, nullptr);
     // A reader that went away is an error of write(), not the end of a backup.
     action.sa_handler = SIG_IGN;
     ::sigaction(SIGPIPE, &action, nullptr);

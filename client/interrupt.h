@@ -3,7 +3,11 @@
 
 namespace qrtln {
 
-// Installs the handlers; once, from main, before any thread or child exists.
+// Whether the signal is SIGHUP and whoever started this process has it ignored, as nohup does.
+bool is_ignored_hangup(int signal);
+
+// Installs the handlers, but not for a SIGHUP that is ignored; once, from main, before any thread
+// or child exists.
 void install_interrupt_handlers();
 
 // The first signal that came, or 0.

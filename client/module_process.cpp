@@ -1,5 +1,6 @@
 #include "client/module_process.h"
 
+#include "client/interrupt.h"
 #include "client/module_protocol.h"
 
 #include <array>
@@ -132,7 +133,8 @@ void serve_signals() {
     sigset_t signals;
     ::sigemptyset(&signals);
     for (int signal : {SIGINT, SIGTERM, SIGHUP})
-        ::sigaddset(&signals, signal);
+        if (!is_ignored_hangup(signal)) // waiting for it would bring it all the same
+            ::sigaddset(&signals, signal);
     for (;;) {
         int signal = 0;
         if (::sigwait(&signals, &signal) != 0)
