@@ -59,9 +59,12 @@ class BackupOperation {
     void describe_set();
     void store_items();
     void note_unchecked(const std::string& handed_out);
+    void note_unput_question();
     std::string whole_path(const std::string& shown) const;
     void note_yield(const ManifestItem& item);
     void store_item(const std::string& path);
+    void forget_item(const std::string& path);
+    void drop_content(ManifestItem& item);
     void prepare_and_read(ManifestItem& item);
     void report_unprepared(ManifestItem& item, const std::string& first_problem);
     bool copy_fits(const std::string& path) const;
@@ -111,7 +114,10 @@ class BackupOperation {
     std::string m_index_entry_lost;
     int m_index_entries = 0;
     bool m_archiving_in_progress = false;
+    std::string m_looked_at;       // the database, as the module shows it
+    bool m_question_begun = false; // whether it was modified; not put yet
     OriginalReader m_originals;
+    std::map<std::string, std::uint64_t> m_added; // objects of this run, with their stored sizes
     std::vector<ChainLink> m_chain; // before this set: from the base on, or of all sets without one
     bool m_has_base = false;
     std::string m_prepared; // the file that the present item was read from
@@ -168,6 +174,9 @@ void BackupOperation::on_log(const std::string& line) {
         if (!item->modified_since && !m_last_error_line.empty())
             item->problem += ": " + m_last_error_line;
         m_last_error_line.clear();
+        m_question_begun = false; // this line has the reason
+        if (item->path.empty())
+            item->path = m_looked_at;
         m_unchecked.push_back(std::move(*item));
     }
     if (std::optional<LeftOut> left_out = parse_left_out(line))
@@ -203,6 +212,30 @@ void BackupOperation::on_index_event(IndexEvent event, const std::string& line) 
 void BackupOperation::on_trace(const std::string& line) {
     if (std::string dbiid = parse_prepared_dbiid(line); !dbiid.empty())
         m_dbiid = dbiid;
+    ModifiedTest test = parse_modified_test(line);
+    switch (test.step) {
+    case ModifiedTest::Step::none:
+        break;
+    case ModifiedTest::Step::database:
+        note_unput_question();
+        m_looked_at = test.path;
+        break;
+    case ModifiedTest::Step::begun:
+        m_question_begun = true;
+        break;
+    case ModifiedTest::Step::put:
+        m_question_begun = false;
+        break;
+    }
+}
+
+// The module was about to ask whether a database was modified, and went on without having done so.
+void BackupOperation::note_unput_question() {
+    if (std::exchange(m_question_begun, false))
+        m_unchecked.push_back({m_looked_at,
+                               "the module could not tell whether it was modified: the server did "
+                               "not write the time of the base",
+                               true});
 }
 
 int BackupOperation::init_operation() {
@@ -305,6 +338,7 @@ void BackupOperation::store_items() {
 // Where the module chooses, an item that it could not decide about never comes: it has failed. At
 // full level it comes all the same, and the line is about the item that was just handed out.
 void BackupOperation::note_unchecked(const std::string& handed_out) {
+    note_unput_question();
     for (UncheckedItem& unchecked : std::exchange(m_unchecked, {})) {
         if (!selects_changes()) {
             if (!handed_out.empty())
@@ -364,8 +398,7 @@ void BackupOperation::store_item(const std::string& path) {
     // whole.
     bool again = !m_seen.insert(path).second;
     if (again && m_logs.contains(path))
-        std::erase_if(m_manifest.items,
-                      [&](const ManifestItem& item) { return item.path == path; });
+        forget_item(path);
     else if (again) {
         (void)finish(DB_ITEM_EXCLUDED);
         return;
@@ -377,7 +410,9 @@ void BackupOperation::store_item(const std::string& path) {
     }
     std::vector<std::string> warnings = std::exchange(m_warnings_for_next, {});
     bool data_notes_ini = path == m_ini.data_directory + "/notes.ini";
-    if (data_notes_ini && !item.has_metadata && path != m_ini.file) {
+    struct stat original {};
+    if (data_notes_ini && path != m_ini.file && ::stat(path.c_str(), &original) != 0 &&
+        errno == ENOENT) {
         // The module names this path always; the file in use is elsewhere.
         (void)finish(DB_ITEM_EXCLUDED);
         store_own_notes_ini();
@@ -403,6 +438,27 @@ void BackupOperation::store_item(const std::string& path) {
     add_item(std::move(item));
     if (data_notes_ini)
         store_own_notes_ini();
+}
+
+void BackupOperation::forget_item(const std::string& path) {
+    auto& items = m_manifest.items;
+    auto found = std::find_if(items.begin(), items.end(),
+                              [&](const ManifestItem& item) { return item.path == path; });
+    if (found == items.end())
+        return;
+    drop_content(*found);
+    items.erase(found);
+}
+
+// Takes back what was stored of an item.
+void BackupOperation::drop_content(ManifestItem& item) {
+    std::string object = std::exchange(item.object, {});
+    const auto& items = m_manifest.items;
+    if (!object.empty() && std::none_of(items.begin(), items.end(),
+                                        [&](const auto& other) { return other.object == object; }))
+        if (m_added.erase(object) > 0)
+            m_context.store.discard_object(object);
+    item.size = item.stored_size = 0;
 }
 
 bool BackupOperation::copy_fits(const std::string& path) const {
@@ -529,7 +585,7 @@ void BackupOperation::read_content(ManifestItem& item, const std::string& file) 
     item.size = stored.size;
     item.stored_size = stored.stored_size;
     if (stored.added)
-        m_manifest.new_bytes += stored.stored_size;
+        m_added[stored.hash] = stored.stored_size;
 }
 
 // A notes.ini outside the data directory is part of the server too; the module does not know it.
@@ -555,7 +611,7 @@ void BackupOperation::store_own_notes_ini() {
 // The module looks at a notes.ini in the data directory only.
 void BackupOperation::store_changed_notes_ini() {
     struct stat status {};
-    if (::stat(m_ini.file.c_str(), &status) == 0 && status.st_mtim.tv_sec >= m_request.base_started)
+    if (::stat(m_ini.file.c_str(), &status) != 0 || status.st_mtim.tv_sec >= m_request.base_started)
         store_own_notes_ini();
 }
 
@@ -585,6 +641,11 @@ void BackupOperation::add_unreached() {
     };
     for (const auto& [path, reason] : m_request.scan.unreachable)
         add(path, reason, item_kind_of(path));
+    for (const auto& [path, reason] : m_request.missing_folders) {
+        if (m_seen.erase(path) > 0) // one that is empty was handed out
+            forget_item(path);
+        add(path, reason, ItemKind::directory);
+    }
     for (const LeftOut& left_out : m_left_out)
         add(left_out.path, left_out.reason, ItemKind::directory);
     // A database that did not change is passed over, and so is notes.ini outside the data
@@ -595,7 +656,7 @@ void BackupOperation::add_unreached() {
         return;
     struct stat status {};
     for (const std::string& path : m_request.scan.databases)
-        if (!m_seen.contains(path) && ::stat(path.c_str(), &status) == 0)
+        if (!m_seen.contains(path) && (::stat(path.c_str(), &status) == 0 || errno != ENOENT))
             add(path, "the module did not hand it out: --trace shows what it did",
                 ItemKind::database);
     for (std::size_t i = 0; i < m_request.arguments.size(); ++i)
@@ -635,12 +696,10 @@ void BackupOperation::check_log_sizes() {
     }
 }
 
-// Takes back what was stored of an item.
 void BackupOperation::fail_stored(ManifestItem& item, const std::string& reason) {
     item.status = ItemStatus::failed;
     item.reason = reason;
-    item.object.clear();
-    item.size = item.stored_size = 0;
+    drop_content(item);
     report_item(item);
 }
 
@@ -670,6 +729,8 @@ void BackupOperation::commit() {
     m_manifest.complete = totals(m_manifest).failed_items == 0;
     m_context.store.flush();
     check_log_chain();
+    for (const auto& [object, size] : m_added)
+        m_manifest.new_bytes += size;
     m_manifest.ended = std::time(nullptr);
     m_context.store.write_manifest(m_manifest.set, serialize(m_manifest));
     m_context.store.keep_added();
@@ -727,7 +788,7 @@ void BackupOperation::close_operation() {
     if (error.empty())
         return;
     try {
-        m_context.store.write_manifest(m_manifest.set, serialize(m_manifest));
+        m_context.store.rewrite_manifest(m_manifest.set, serialize(m_manifest));
     } catch (const ClientError& failure) {
         print_message("warning: the manifest does not say so: " + std::string(failure.what()));
     }

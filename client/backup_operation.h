@@ -14,6 +14,7 @@
 #include "client/store/manifest.h"
 
 #include <string>
+#include <utility>
 #include <vector>
 
 namespace qrtln {
@@ -30,6 +31,7 @@ struct BackupRequest {
     std::string reason;                      // goes into the manifest
     std::string base;                        // of diff and incr: a whole full set
     std::int64_t base_started = 0;           // seconds since 1970
+    std::vector<std::pair<std::string, std::string>> missing_folders; // with the reason; they fail
 };
 
 // Runs the operation and returns the manifest of the set that was stored; a database of it is no

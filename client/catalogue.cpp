@@ -54,6 +54,23 @@ std::optional<BaseSet> find_base(Store& store, const std::string& data_directory
     return std::nullopt;
 }
 
+SetsSince look_at_sets_since(Store& store, const BaseSet& base, const std::string& data_directory) {
+    SetsSince since;
+    for (const std::string& name : store.set_names()) {
+        if (name < base.set)
+            continue;
+        CatalogueEntry entry = load_set(store, name);
+        if (!entry.manifest || entry.manifest->data_directory != data_directory)
+            continue;
+        if (entry.manifest->started < base.started)
+            since.begun_before = name;
+        for (const ManifestItem& item : entry.manifest->items)
+            if (item.kind == ItemKind::database && item.status == ItemStatus::stored)
+                since.databases.insert(item.path);
+    }
+    return since;
+}
+
 std::string new_set_name(Store& store, std::int64_t started, const std::string& level) {
     std::vector<std::string> names = store.set_names();
     std::int64_t time = started;
@@ -62,7 +79,12 @@ std::string new_set_name(Store& store, std::int64_t started, const std::string& 
     std::tm newest{};
     if (!names.empty() && ::strptime(names.back().c_str(), "%Y%m%dT%H%M%SZ", &newest) != nullptr)
         time = std::max<std::int64_t>(time, ::timegm(&newest) + 1);
-    return utc_time_compact(time) + "-" + level;
+    std::string name = utc_time_compact(time) + "-" + level;
+    if (!is_set_name(name))
+        throw ClientError(
+            ExitCode::failed, "no set can be newer than " + (names.empty() ? name : names.back()),
+            "set the clock right; a set of a wrong time keeps its place in the order");
+    return name;
 }
 
 } // namespace qrtln

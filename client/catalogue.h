@@ -5,6 +5,7 @@
 #include "client/store/store.h"
 
 #include <optional>
+#include <set>
 #include <string>
 #include <vector>
 
@@ -34,6 +35,14 @@ struct BaseSet {
 // The newest complete full set of the whole server with this data directory, or nothing. Sets whose
 // manifests are damaged are passed over.
 std::optional<BaseSet> find_base(Store& store, const std::string& data_directory);
+
+// What the sets of a server since a base tell, the base included.
+struct SetsSince {
+    std::set<std::string> databases; // that some set holds
+    std::string begun_before;        // a later set whose clock was before the start of the base
+};
+
+SetsSince look_at_sets_since(Store& store, const BaseSet& base, const std::string& data_directory);
 
 // A name for a set that started at `started`: its time and level. It sorts after every name in the
 // store, if need be with a later time.

@@ -117,8 +117,11 @@ class Scanner {
     // Begins at a file or folder; one that does not exist holds nothing.
     void start(const std::string& path) {
         struct stat status {};
-        if (::stat(path.c_str(), &status) != 0)
+        if (::stat(path.c_str(), &status) != 0) {
+            if (errno != ENOENT)
+                leave_out(path, "cannot look at it: " + system_error_text(errno));
             return;
+        }
         if (!S_ISDIR(status.st_mode)) {
             file(path, status);
             return;

@@ -60,6 +60,18 @@ std::string parse_asked_dbiid(const std::string& line) {
     return dbiid_between(line, "isDatabaseLogged: Database [", "] is logged, DBIID ", "");
 }
 
+ModifiedTest parse_modified_test(const std::string& line) {
+    using Step = ModifiedTest::Step;
+    constexpr std::string_view before = "isDatabaseLogged(): call NSFDbOpen( ";
+    constexpr std::string_view after = ", ..)";
+    if (line.starts_with(before) && line.ends_with(after))
+        return {Step::database,
+                line.substr(before.size(), line.size() - before.size() - after.size())};
+    if (line.starts_with("ConvertTextToTIMEDATE("))
+        return {Step::begun, {}};
+    return {line.starts_with("date: ") ? Step::put : Step::none, {}};
+}
+
 bool says_archiving_in_progress(const std::string& line) {
     return line.find("ERR_TRANSLOG_ARCHIVE_IN_PROGRESS") != std::string::npos;
 }

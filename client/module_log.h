@@ -24,6 +24,15 @@ std::string parse_prepared_dbiid(const std::string& line);
 // The same of a line about a database that was asked whether it must be backed up.
 std::string parse_asked_dbiid(const std::string& line);
 
+// What a line of the trace tells about the test whether a database was modified. The module says
+// nothing in its protocol when the server cannot write the time of the question: the question is
+// then never put, and the database passed over.
+struct ModifiedTest {
+    enum class Step { none, database, begun, put } step = Step::none;
+    std::string path; // of the database that is looked at next, as UncheckedItem has it
+};
+ModifiedTest parse_modified_test(const std::string& line);
+
 // Whether a line says that another archiving session was open on the server. The module has ended
 // that session: one more start succeeds.
 bool says_archiving_in_progress(const std::string& line);

@@ -154,13 +154,18 @@ int run_verify(const StoreOptions& options) {
     Verification result;
     if (!format_damage.empty())
         result.damage.push_back({"the format file", format_damage, {}});
+    std::vector<std::string> foreign;
     std::vector<std::string> sets =
-        options.set.empty() ? store->set_names()
+        options.set.empty() ? store->set_names(&foreign)
                             : std::vector<std::string>{resolve_set(*store, options.set)};
     // The objects are listed first: one that a running backup adds meanwhile is then not called
     // unreferenced only because its manifest came after the look at the manifests.
-    std::vector<std::string> foreign;
-    std::vector<std::string> objects = store->objects(&foreign);
+    std::vector<std::string> objects;
+    try {
+        objects = store->objects(&foreign);
+    } catch (const ClientError& failure) { // what the sets refer to is looked at all the same
+        result.damage.push_back({"objects", failure.what(), {}});
+    }
     References references = collect_references(*store, sets, result);
     std::map<std::string, std::size_t> damaged;
     check_objects(*store, references, result, damaged);
@@ -175,7 +180,9 @@ int run_verify(const StoreOptions& options) {
                 std::to_string(unreferenced) +
                 " objects belong to no readable set: a running or killed backup left them");
         for (const std::string& name : foreign)
-            result.information.push_back(printable_utf8(name) + " is no object of the store");
+            result.information.push_back(
+                printable_utf8(name) +
+                (name.starts_with("sets/") ? " is of no set" : " is no object of the store"));
     }
     return report(result, options.json);
 }

@@ -13,6 +13,7 @@
 #include <charconv>
 #include <csignal>
 #include <cstdio>
+#include <ctime>
 #include <dirent.h>
 #include <fcntl.h>
 #include <sys/file.h>
@@ -29,49 +30,11 @@ constexpr const char* lock_file = "lock";
 constexpr std::array skeleton_folders = {"objects", "sets", "runtime"};
 constexpr std::string_view manifest_suffix = ".json";
 constexpr std::array<std::string_view, 2> note_suffixes = {".proof", ".index"}; // by SetNote
+constexpr std::array<std::string_view, 4> levels = {"full", "diff", "incr", "copy"};
 constexpr std::string_view object_suffix = ".zst";
 constexpr std::string_view temporary_suffix = ".tmp";
 // A manifest of a million items stays below this.
 constexpr std::size_t maximal_manifest = std::size_t{1} << 30;
-
-std::vector<std::string> list_folder(int folder, const char* name) {
-    std::vector<std::string> names;
-    int fd = ::openat(folder, name, O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC);
-    if (fd < 0)
-        return names;
-    std::unique_ptr<DIR, int (*)(DIR*)> listing(::fdopendir(fd), ::closedir);
-    if (!listing) {
-        ::close(fd);
-        return names;
-    }
-    while (const dirent* entry = ::readdir(listing.get())) {
-        std::string_view entry_name = entry->d_name;
-        if (entry_name != "." && entry_name != "..")
-            names.emplace_back(entry_name);
-    }
-    std::sort(names.begin(), names.end());
-    return names;
-}
-
-bool exists(int folder, const char* name) {
-    struct stat status {};
-    return ::fstatat(folder, name, &status, AT_SYMLINK_NOFOLLOW) == 0;
-}
-
-// What a run that was killed while it created the store leaves: no file but known ones.
-bool is_unfinished_skeleton(int folder) {
-    for (const std::string& name : list_folder(folder, ".")) {
-        bool known = name == lock_file || name == format_temporary ||
-                     std::find(skeleton_folders.begin(), skeleton_folders.end(), name) !=
-                         skeleton_folders.end();
-        if (!known)
-            return false;
-    }
-    for (const char* name : skeleton_folders)
-        if (!list_folder(folder, name).empty())
-            return false;
-    return true;
-}
 
 // Writes, flushes and closes a new file. Returns 0 or the errno, and then leaves nothing.
 int write_flushed(int folder, const std::string& name, const std::string& bytes) {
@@ -90,8 +53,33 @@ int write_flushed(int folder, const std::string& name, const std::string& bytes)
     return error;
 }
 
+// Renames within a folder, but never over something that is there. Returns 0 or the errno.
+int rename_to_new(int folder, const std::string& from, const std::string& to) {
+    if (::renameat2(folder, from.c_str(), folder, to.c_str(), RENAME_NOREPLACE) == 0)
+        return 0;
+    if (errno != EINVAL && errno != ENOSYS)
+        return errno;
+    // A file system that cannot do both at once: the lock keeps other writers out.
+    struct stat status {};
+    if (::fstatat(folder, to.c_str(), &status, AT_SYMLINK_NOFOLLOW) == 0)
+        return EEXIST;
+    if (errno != ENOENT)
+        return errno;
+    return ::renameat(folder, from.c_str(), folder, to.c_str()) == 0 ? 0 : errno;
+}
+
 std::string note_name(const std::string& set, SetNote note) {
     return set + std::string(note_suffixes[static_cast<std::size_t>(note)]);
+}
+
+// Whether a file in sets/ belongs to a set, or is being written.
+bool is_of_a_set(const std::string& name) {
+    if (name.ends_with(temporary_suffix))
+        return true;
+    for (std::string_view suffix : {manifest_suffix, note_suffixes[0], note_suffixes[1]})
+        if (name.ends_with(suffix) && is_set_name(name.substr(0, name.size() - suffix.size())))
+            return true;
+    return false;
 }
 
 // Whether a file of the run-time data was being made when its run was killed: a sibling that was to
@@ -109,6 +97,17 @@ bool is_unfinished(std::string_view name) {
 }
 
 } // namespace
+
+bool is_set_name(const std::string& name) {
+    constexpr std::size_t time_size = std::string_view("YYYYMMDDThhmmssZ").size();
+    std::tm time{};
+    if (name.size() <= time_size || name[time_size] != '-' ||
+        ::strptime(name.c_str(), "%Y%m%dT%H%M%SZ", &time) != name.c_str() + time_size)
+        return false;
+    std::string level = name.substr(time_size + 1);
+    return std::find(levels.begin(), levels.end(), level) != levels.end() &&
+           utc_time_compact(::timegm(&time)) == name.substr(0, time_size);
+}
 
 std::unique_ptr<Store> open_directory_store(const std::string& directory, StoreAccess access,
                                             std::string* damage) {
@@ -160,6 +159,57 @@ std::string DirectoryStore::runtime_directory() const {
     return m_directory + "/runtime";
 }
 
+// A folder that cannot be read is not one without files.
+std::vector<std::string> DirectoryStore::list_folder(int folder, const std::string& name) const {
+    std::vector<std::string> names;
+    auto fail_to_list = [&] { fail("list the folder " + name, errno); };
+    int fd = ::openat(folder, name.c_str(), O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC);
+    if (fd < 0)
+        fail_to_list();
+    std::unique_ptr<DIR, int (*)(DIR*)> listing(::fdopendir(fd), ::closedir);
+    if (!listing) {
+        int error = errno;
+        ::close(fd);
+        errno = error;
+        fail_to_list();
+    }
+    for (errno = 0; const dirent* entry = ::readdir(listing.get()); errno = 0) {
+        std::string_view entry_name = entry->d_name;
+        if (entry_name != "." && entry_name != "..")
+            names.emplace_back(entry_name);
+    }
+    if (errno != 0)
+        fail_to_list();
+    std::sort(names.begin(), names.end());
+    return names;
+}
+
+// Only ENOENT says that something is not there.
+bool DirectoryStore::exists(int folder, const std::string& name) const {
+    struct stat status {};
+    if (::fstatat(folder, name.c_str(), &status, AT_SYMLINK_NOFOLLOW) == 0)
+        return true;
+    if (errno != ENOENT)
+        fail("look at " + name, errno);
+    return false;
+}
+
+// What a run that was killed while it created the store leaves: no file but known ones.
+bool DirectoryStore::is_unfinished_skeleton() const {
+    int folder = m_folder.get();
+    for (const std::string& name : list_folder(folder, ".")) {
+        bool known = name == lock_file || name == format_temporary ||
+                     std::find(skeleton_folders.begin(), skeleton_folders.end(), name) !=
+                         skeleton_folders.end();
+        if (!known)
+            return false;
+    }
+    for (const char* name : skeleton_folders)
+        if (exists(folder, name) && !list_folder(folder, name).empty())
+            return false;
+    return true;
+}
+
 void DirectoryStore::fail(const std::string& doing, int error) const {
     std::string hint;
     if (error == ENOSPC || error == EDQUOT)
@@ -205,7 +255,7 @@ void DirectoryStore::open_folder(StoreAccess access) {
                           "there is no store at " + for_terminal(m_directory) +
                               ": store.json is missing",
                           "`qrtln backup` creates a store in a new or empty folder");
-    if (!is_unfinished_skeleton(m_folder.get()))
+    if (!is_unfinished_skeleton())
         throw ClientError(ExitCode::no_store,
                           "the folder " + for_terminal(m_directory) +
                               " is not empty and is no store: store.json is missing",
@@ -241,10 +291,14 @@ void DirectoryStore::lock() {
         // A run that created a store and failed removes the lock file: then this is the wrong one.
         struct stat locked {};
         struct stat named {};
-        if (::fstat(m_lock.get(), &locked) == 0 &&
-            ::fstatat(m_folder.get(), lock_file, &named, AT_SYMLINK_NOFOLLOW) == 0 &&
-            locked.st_ino == named.st_ino && locked.st_dev == named.st_dev)
+        if (::fstat(m_lock.get(), &locked) != 0)
+            fail("look at the lock file", errno);
+        if (::fstatat(m_folder.get(), lock_file, &named, AT_SYMLINK_NOFOLLOW) != 0) {
+            if (errno != ENOENT)
+                fail("look at the lock file", errno);
+        } else if (locked.st_ino == named.st_ino && locked.st_dev == named.st_dev) {
             break;
+        }
     }
     // The number only helps the message above; a store that is full still locks.
     std::string pid = std::to_string(::getpid()) + "\n";
@@ -360,7 +414,7 @@ std::vector<std::string> DirectoryStore::objects(std::vector<std::string>* forei
                 foreign->push_back("objects/" + folder);
             continue;
         }
-        for (const std::string& name : list_folder(m_objects.get(), folder.c_str())) {
+        for (const std::string& name : list_folder(m_objects.get(), folder)) {
             std::string hash = name.substr(0, name.rfind('.'));
             if (name == hash + std::string(object_suffix) && is_sha256_hex(hash) &&
                 hash.starts_with(folder))
@@ -372,11 +426,16 @@ std::vector<std::string> DirectoryStore::objects(std::vector<std::string>* forei
     return hashes;
 }
 
-std::vector<std::string> DirectoryStore::set_names() {
+std::vector<std::string> DirectoryStore::set_names(std::vector<std::string>* foreign) {
     std::vector<std::string> names;
-    for (const std::string& name : list_folder(m_sets.get(), "."))
-        if (name.ends_with(manifest_suffix))
+    for (const std::string& name : list_folder(m_sets.get(), ".")) {
+        if (!is_of_a_set(name)) {
+            if (foreign != nullptr)
+                foreign->push_back("sets/" + name);
+        } else if (name.ends_with(manifest_suffix)) {
             names.push_back(name.substr(0, name.size() - manifest_suffix.size()));
+        }
+    }
     // By the set's name, not the file's: "-" sorts before ".".
     std::sort(names.begin(), names.end());
     return names;
@@ -392,7 +451,11 @@ std::optional<std::string> DirectoryStore::read_manifest(const std::string& set,
 }
 
 void DirectoryStore::write_manifest(const std::string& set, const std::string& bytes) {
-    write_document(set + std::string(manifest_suffix), "the manifest " + set, bytes);
+    write_document(set + std::string(manifest_suffix), "the manifest " + set, bytes, false);
+}
+
+void DirectoryStore::rewrite_manifest(const std::string& set, const std::string& bytes) {
+    write_document(set + std::string(manifest_suffix), "the manifest " + set, bytes, true);
 }
 
 std::optional<std::string> DirectoryStore::read_note(const std::string& set, SetNote note,
@@ -404,25 +467,32 @@ std::optional<std::string> DirectoryStore::read_note(const std::string& set, Set
 }
 
 void DirectoryStore::write_note(const std::string& set, SetNote note, const std::string& bytes) {
-    write_document(note_name(set, note), note_name(set, note), bytes);
+    write_document(note_name(set, note), note_name(set, note), bytes, true);
 }
 
 // A document about a set, so that a crash leaves the old state or the new one.
 void DirectoryStore::write_document(const std::string& name, const std::string& what,
-                                    const std::string& bytes) {
+                                    const std::string& bytes, bool may_replace) {
     std::string temporary = name + std::string(temporary_suffix);
-    bool replaces = exists(m_sets.get(), name.c_str());
-    if (int error = write_flushed(m_sets.get(), temporary, bytes); error != 0)
+    int sets = m_sets.get();
+    bool replaces = may_replace && exists(sets, name);
+    if (int error = write_flushed(sets, temporary, bytes); error != 0)
         fail("write " + what, error);
-    if (::renameat(m_sets.get(), temporary.c_str(), m_sets.get(), name.c_str()) != 0) {
-        int error = errno;
-        ::unlinkat(m_sets.get(), temporary.c_str(), 0);
+    int error = 0;
+    if (!may_replace)
+        error = rename_to_new(sets, temporary, name);
+    else if (::renameat(sets, temporary.c_str(), sets, name.c_str()) != 0)
+        error = errno;
+    if (error != 0) {
+        ::unlinkat(sets, temporary.c_str(), 0);
         fail("put " + what + " in place", error);
     }
-    if (::fsync(m_sets.get()) != 0) {
-        int error = errno;
-        if (!replaces)
-            ::unlinkat(m_sets.get(), name.c_str(), 0);
+    if (::fsync(sets) != 0) {
+        error = errno;
+        if (!replaces) {
+            ::unlinkat(sets, name.c_str(), 0);
+            (void)::fsync(sets); // what was not there must not come back with a power cut
+        }
         fail("flush the folder sets", error);
     }
 }
@@ -439,6 +509,13 @@ void DirectoryStore::flush() {
 
 void DirectoryStore::keep_added() noexcept {
     m_added.clear();
+}
+
+void DirectoryStore::discard_object(const std::string& hash) noexcept {
+    // Its folder stays: it is flushed with the others.
+    if (auto added = std::find(m_added.begin(), m_added.end(), object_file_name(hash));
+        added != m_added.end() && ::unlinkat(m_objects.get(), added->c_str(), 0) == 0)
+        m_added.erase(added);
 }
 
 // Best effort: this runs because something failed already, and that is what gets reported.
@@ -463,7 +540,10 @@ void DirectoryStore::discard_added() noexcept {
         return; // out of memory while listing: the empty store stays
     }
     // Succeeds only for a folder that is empty.
-    if (m_folder_created && !exists(m_folder.get(), format_file)) {
+    struct stat status {};
+    if (m_folder_created &&
+        ::fstatat(m_folder.get(), format_file, &status, AT_SYMLINK_NOFOLLOW) != 0 &&
+        errno == ENOENT) {
         ::unlinkat(m_folder.get(), lock_file, 0);
         ::rmdir(m_directory.c_str());
     }

@@ -17,10 +17,12 @@ class DirectoryStore final : public Store {
     std::unique_ptr<ObjectWriter> create_object() override;
     ObjectCheck read_object(const std::string& hash,
                             const std::function<void(Bytes)>& sink) override;
+    void discard_object(const std::string& hash) noexcept override;
     std::vector<std::string> objects(std::vector<std::string>* foreign) override;
-    std::vector<std::string> set_names() override;
+    std::vector<std::string> set_names(std::vector<std::string>* foreign = nullptr) override;
     std::optional<std::string> read_manifest(const std::string& set, std::string& problem) override;
     void write_manifest(const std::string& set, const std::string& bytes) override;
+    void rewrite_manifest(const std::string& set, const std::string& bytes) override;
     std::optional<std::string> read_note(const std::string& set, SetNote note,
                                          std::string& problem) override;
     void write_note(const std::string& set, SetNote note, const std::string& bytes) override;
@@ -37,7 +39,11 @@ class DirectoryStore final : public Store {
     void flush_skeleton();
     void check_format(std::string* damage);
     void remove_leftovers() noexcept;
-    void write_document(const std::string& name, const std::string& what, const std::string& bytes);
+    std::vector<std::string> list_folder(int folder, const std::string& name) const;
+    bool exists(int folder, const std::string& name) const;
+    bool is_unfinished_skeleton() const;
+    void write_document(const std::string& name, const std::string& what, const std::string& bytes,
+                        bool may_replace);
     [[noreturn]] void fail(const std::string& doing, int error) const;
 
     std::string m_directory; // absolute

@@ -88,7 +88,8 @@ StoredObject DirectoryObjectWriter::finish() {
     std::string folder = object.hash.substr(0, 2);
     std::string name = object_file_name(object.hash);
     int objects = m_store.m_objects.get();
-    bool exists = ::faccessat(objects, name.c_str(), F_OK, AT_SYMLINK_NOFOLLOW) == 0;
+    // One that is taken for new is taken back with a run that fails.
+    bool exists = m_store.exists(objects, name);
     // The folder is flushed even for an object that was there: the run that wrote it may have been
     // killed before it did.
     m_store.m_unflushed.insert(folder);

@@ -56,18 +56,24 @@ class Store {
     // before the check is complete.
     virtual ObjectCheck read_object(const std::string& hash,
                                     const std::function<void(Bytes)>& sink) = 0;
-    // The hashes of all objects, sorted; names that are no object go to `foreign` if given.
+    // Removes an object that this run added and that nothing is to refer to; any other stays.
+    virtual void discard_object(const std::string& hash) noexcept = 0;
+    // The hashes of all objects, sorted; names that are no object go to `foreign` if given. Throws
+    // ClientError when they cannot be listed.
     virtual std::vector<std::string> objects(std::vector<std::string>* foreign = nullptr) = 0;
 
     // --- manifests
-    // The names of all sets, oldest first.
-    virtual std::vector<std::string> set_names() = 0;
+    // The names of all sets, oldest first; files that are of no set go to `foreign` if given.
+    // Throws ClientError when they cannot be listed.
+    virtual std::vector<std::string> set_names(std::vector<std::string>* foreign = nullptr) = 0;
     // The bytes of a manifest, or nothing with `problem` set.
     virtual std::optional<std::string> read_manifest(const std::string& set,
                                                      std::string& problem) = 0;
-    // Stores a manifest so that a crash leaves the old state or the new one, flushed to disk.
-    // Throws ClientError; then the set is not there (or as it was before).
+    // Stores the manifest of a new set so that a crash leaves nothing or the whole, flushed to
+    // disk. Throws ClientError; then the set is not there. One that is there is never replaced.
     virtual void write_manifest(const std::string& set, const std::string& bytes) = 0;
+    // Gives a set that this run wrote another manifest, likewise: a crash leaves one of both.
+    virtual void rewrite_manifest(const std::string& set, const std::string& bytes) = 0;
 
     // The bytes of a note beside a set; nothing, without a problem, when there is none. Written as
     // manifests are.
@@ -84,6 +90,9 @@ class Store {
     // From here on nothing is taken back: a manifest refers to it.
     virtual void keep_added() noexcept = 0;
 };
+
+// Whether a set can have this name: "YYYYMMDDThhmmssZ-", a time that is one, and a level.
+bool is_set_name(const std::string& name);
 
 enum class StoreAccess {
     read,

@@ -139,6 +139,7 @@ TEST_F(Commands, LogThatFillsUpAfterItWasTheActiveOneIsStoredWhole) {
     json log = item(m_scratch / "logs/S1.TXN");
     EXPECT_EQ(content_of(log), "part and rest");
     EXPECT_EQ(log["log"]["active"], false);
+    EXPECT_THAT(command({"verify"}).output, Not(HasSubstr("note: "))); // the part is gone
     json document = shown();
     EXPECT_EQ(std::count_if(document["items"].begin(), document["items"].end(),
                             [](const json& item) { return item["kind"] == "log"; }),
@@ -317,6 +318,7 @@ TEST_F(Commands, CloseThatFailsIsReportedAndKeptInTheManifest) {
 }
 
 TEST_F(Commands, SignalDuringAHangingPrepareEndsTheRunCleanly) {
+    ::signal(SIGHUP, SIG_IGN); // as nohup does
     for (int signal : {SIGTERM, SIGINT}) {
         fs::remove(m_journal);
         std::string mark = m_scratch / "mark";
@@ -326,6 +328,7 @@ TEST_F(Commands, SignalDuringAHangingPrepareEndsTheRunCleanly) {
         for (int i = 0; i < 2000 && !fs::exists(mark); ++i)
             std::this_thread::sleep_for(5ms);
         ASSERT_TRUE(fs::exists(mark));
+        ::kill(client.pid(), SIGHUP);
         ::kill(client.pid(), signal);
         Outcome outcome = client.wait();
         EXPECT_EQ(outcome.exit_code, 128 + signal) << outcome.errors;
@@ -516,9 +519,11 @@ TEST_F(Commands, VerifyNamesWhatIsDamagedAndWhatItConcerns) {
     write_file(manifest, text);
 
     write_file(m_store + "/objects/00/stray", "x");
+    write_file(m_store + "/sets/notes.json", "x");
     Outcome whole = command({"verify"});
     EXPECT_EQ(whole.exit_code, 0) << whole.output;
     EXPECT_THAT(whole.output, HasSubstr("objects/00/stray is no object"));
+    EXPECT_THAT(whole.output, HasSubstr("sets/notes.json is of no set"));
     write_file(m_store + "/store.json", "{}");
     EXPECT_EQ(command({"verify"}).exit_code, 4);
 }

@@ -251,7 +251,7 @@ TEST_F(Restore, AnObjectOfAnotherSizeThanTheSetTellsIsDamage) {
             if (item.path == m_user1)
                 item.size = size;
         auto store = open_directory_store(m_store, StoreAccess::write);
-        store->write_manifest(set, serialize(lying));
+        store->rewrite_manifest(set, serialize(lying));
         // What is put in place is written down in the store: not while another run has it.
         restore(11, {"mail/user1.nsf", "--activate"});
         restore(4, {"mail/user1.nsf", "--to", m_scratch / "to"});

@@ -2,6 +2,7 @@
 
 #include "client/catalogue.h"
 #include "client/error.h"
+#include "client/owed.h"
 #include "client/store/canonical_json.h"
 #include "client/store/digest.h"
 #include "client/store/manifest.h"
@@ -197,6 +198,22 @@ TEST(DirectoryStore, RefusesFoldersThatAreNoStore) {
     EXPECT_EQ(exit_code_of([&] { open_directory_store(scratch / "a/b", StoreAccess::write); }), 1);
 }
 
+// A strike that fails half way leaves nobody knows what: the next entry brings all others back.
+TEST(OwedDatabases, AreWrittenAnewAfterAStrikeThatFailed) {
+    ScratchFolder scratch;
+    const std::string file = scratch / "owed.jsonl";
+    OwedDatabases owed(file);
+    owed.add("/d", "/d/a.nsf");
+    owed.add("/d", "/d/b.nsf");
+    fs::create_directory(file + ".tmp"); // in the way of the new list
+    EXPECT_NE(owed.strike("/d", {"/d/b.nsf"}), 0);
+    EXPECT_THROW(owed.add("/d", "/d/a.nsf"), ClientError);
+    fs::remove(file + ".tmp");
+    fs::remove(file);
+    owed.add("/d", "/d/a.nsf");
+    EXPECT_THAT(OwedDatabases(file).of("/d"), testing::ElementsAre("/d/a.nsf", "/d/b.nsf"));
+}
+
 TEST(DirectoryStore, IsLockedForOneWriter) {
     ScratchFolder scratch;
     auto store = open_store(scratch);
@@ -288,7 +305,7 @@ TEST(Catalogue, ResolvesNamesPrefixesAndLatest) {
     auto store = open_store(scratch);
     EXPECT_EQ(exit_code_of([&] { resolve_set(*store, "latest"); }), 1);
     for (const char* set :
-         {"20260101T000000Z-full", "20260101T000000Z-full-2", "20260102T000000Z-copy"})
+         {"20260101T000000Z-full", "20260101T000001Z-full", "20260102T000000Z-copy"})
         store->write_manifest(set, serialize(sample_manifest(set)));
     EXPECT_EQ(resolve_set(*store, "latest"), "20260102T000000Z-copy");
     EXPECT_EQ(resolve_set(*store, "20260102"), "20260102T000000Z-copy");
@@ -299,6 +316,15 @@ TEST(Catalogue, ResolvesNamesPrefixesAndLatest) {
     EXPECT_EQ(new_set_name(*store, 1'767'312'000, "full"), "20260102T000001Z-full");
     EXPECT_EQ(new_set_name(*store, 0, "full"), "20260102T000001Z-full");
     EXPECT_EQ(new_set_name(*store, 1'767'312'060, "full"), "20260102T000100Z-full");
+    // Names of no set are passed over, and no set is replaced.
+    for (const char* name : {"zzz", "20261301T000000Z-full", "20260103T000000Z-full-2"})
+        write_file(scratch / "store/sets/" + name + ".json", "x");
+    std::vector<std::string> foreign;
+    EXPECT_EQ(store->set_names(&foreign).size(), 3U);
+    EXPECT_EQ(foreign.size(), 3U);
+    EXPECT_EQ(new_set_name(*store, 0, "full"), "20260102T000001Z-full");
+    EXPECT_EQ(exit_code_of([&] { store->write_manifest("20260102T000000Z-copy", "x"); }), 1);
+    EXPECT_TRUE(load_set(*store, "20260102T000000Z-copy").manifest);
 }
 
 } // namespace
