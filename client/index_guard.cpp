@@ -21,6 +21,7 @@ using nlohmann::json;
 constexpr int note_format = 1;
 constexpr const char* index_name = "/qrtln_DBIID.ini";
 constexpr const char* aside_suffix = ".damaged";
+constexpr std::size_t maximal_key = 256; // bytes
 constexpr std::size_t maximal_index = std::size_t{1} << 30;
 
 // The hash of a file, empty when there is none. Throws ClientError(failed) when it cannot be read.
@@ -109,6 +110,23 @@ std::string index_note_problem(Store& store, const std::string& set) {
     std::string problem;
     (void)note_of(store, set, problem);
     return problem;
+}
+
+bool fits_index(const std::string& path) {
+    if (path.find_first_of("=\r\n") != std::string::npos)
+        return false;
+    // On its way it is translated to the server's characters, which are longer for most: at most
+    // two bytes for a control character, three for others, six for one of four bytes.
+    bool utf8 = is_utf8(path);
+    std::size_t longest = 0;
+    for (char character : path) {
+        auto byte = static_cast<unsigned char>(character);
+        if (byte < 0x80)
+            longest += byte < 0x20 || byte == 0x7F ? 2 : 1;
+        else if (!utf8 || byte >= 0xC0)
+            longest += byte >= 0xF0 ? 6 : 3;
+    }
+    return longest < maximal_key;
 }
 
 IndexGuard::IndexGuard(Store& store)

@@ -37,6 +37,10 @@ struct IndexChange {
 // What is wrong with the note beside a set; empty when nothing is, or there is none.
 std::string index_note_problem(Store& store, const std::string& set);
 
+// Whether the module's index can have an entry for a database: each is a line "PATH=…", and of the
+// path no more than 256 bytes, as the server translates it.
+bool fits_index(const std::string& path);
+
 class IndexGuard {
   public:
     // Reads the newest note and the index. REQUIRES: nobody changes the index meanwhile.

@@ -128,6 +128,14 @@ CLI::App* add_backup(CLI::App& app, qrtln::BackupOptions& backup) {
         ->capture_default_str();
     command.add_flag("--auto-full", backup.auto_full,
                      "Take a full backup where diff or incr has none to build on");
+    command
+        .add_option("--removed", backup.removed,
+                    "This folder was removed on purpose: that its databases are gone is no "
+                    "failure (repeatable)")
+        ->type_name("FOLDER")
+        ->expected(1)
+        ->allow_extra_args(false)
+        ->multi_option_policy(CLI::MultiOptionPolicy::TakeAll);
     add_tmp_dir(command, backup.tmp_dir,
                 "Where databases are copied to, one at a time: needs room for the largest");
     add_module_options(command, backup);

@@ -1,16 +1,22 @@
 // `qrtln backup`: first what earlier runs owe, then what was asked for.
 
+#include "client/away_folder.h"
 #include "client/backup_operation.h"
 #include "client/catalogue.h"
 #include "client/commands/commands.h"
+#include "client/distrusted_bases.h"
 #include "client/error.h"
 #include "client/interrupt.h"
 #include "client/log_chain.h"
 #include "client/output.h"
 #include "client/text.h"
 
+#include <algorithm>
+#include <ctime>
 #include <fcntl.h>
+#include <map>
 #include <optional>
+#include <set>
 #include <sys/stat.h>
 
 namespace qrtln {
@@ -29,12 +35,20 @@ class BackupRun {
     void choose_level();
     void check_index();
     void choose_base();
-    void save_owed(const BackupContext& context);
-    std::vector<DatabaseArgument> owed_arguments(const BackupContext& context);
-    void strike_gone(const BackupContext& context);
+    std::string distrust_of(const BaseSet& base);
+    bool takes_all() const { return m_request.level == "full" && m_request.arguments.empty(); }
+    void resolve_removed();
+    bool is_removed(const std::string& path) const;
+    void find_missing_folders();
+    void save_first(const BackupContext& context);
+    std::set<std::string> what_comes_first();
+    std::vector<DatabaseArgument> arguments_of(const std::set<std::string>& paths);
+    std::set<std::string> owed_and_there();
+    void report_unnamed();
     void report_gaps(const Manifest& manifest) const;
     int exit_code() const;
     int report() const;
+    void print_report(int code) const;
 
     const BackupOptions& m_options;
     NotesIni m_ini;
@@ -43,8 +57,12 @@ class BackupRun {
     std::unique_ptr<Store> m_store;
     std::optional<OwedDatabases> m_owed;
     std::optional<IndexGuard> m_index;
+    std::optional<DistrustedBases> m_distrusted;
+    std::vector<std::string> m_removed;           // full paths
+    SetsSince m_since;                            // the base, of diff and incr
+    std::map<std::string, std::string> m_unnamed; // what cannot be saved by name, and why
     std::optional<Manifest> m_owed_set;
-    int m_owed_code = 0; // of saving what was owed
+    int m_owed_code = 0; // of saving what comes first
     Manifest m_manifest; // of the set that was asked for
 };
 
@@ -61,18 +79,20 @@ int BackupRun::run() {
     try {
         m_owed.emplace(owed_file_of(*m_store));
         m_index.emplace(*m_store);
+        m_distrusted.emplace(*m_store);
         choose_level();
         m_trace = open_trace_file(m_options.trace_file);
         BackupContext context{{m_ini, *m_store, m_options.tmp_dir, m_options.module, m_trace.get(),
                                m_options.verbose},
                               *m_owed,
                               *m_index};
-        bool takes_all = m_request.level == "full" && m_request.arguments.empty();
-        if (!takes_all)
-            save_owed(context);
-        m_manifest = run_backup_operation(context, std::move(m_request));
-        if (takes_all)
-            strike_gone(context);
+        if (!takes_all())
+            save_first(context);
+        find_missing_folders();
+        m_manifest = run_backup_operation(context, m_request);
+        if (takes_all())
+            (void)owed_and_there();
+        report_unnamed();
     } catch (...) {
         m_store->discard_added();
         throw;
@@ -89,6 +109,7 @@ int BackupRun::run() {
 void BackupRun::check_selection() {
     m_request.arguments = resolve_database_arguments(m_options.databases, m_ini.data_directory);
     m_request.scan = scan_selection(m_ini.data_directory, m_request.arguments);
+    resolve_removed();
     if (m_request.arguments.empty() && m_request.scan.databases.empty())
         throw ClientError(ExitCode::server_error,
                           "there is no database below the data directory " +
@@ -136,82 +157,233 @@ void BackupRun::check_index() {
 
 // A differential or incremental backup is worth something only with what it builds on.
 void BackupRun::choose_base() {
+    std::optional<BaseSet> base = find_base(*m_store, m_ini.data_directory);
+    // Noted by every run: later ones may see a clock that is right again.
+    if (base && std::time(nullptr) < base->started)
+        m_distrusted->add(base->set);
     if (m_request.level != "diff" && m_request.level != "incr")
         return;
-    if (std::optional<BaseSet> base = find_base(*m_store, m_ini.data_directory)) {
+    std::string problem;
+    if (!base)
+        problem = m_store->description() + " has no complete full set of the whole server " +
+                  for_terminal(m_ini.data_directory) + ", which a backup of level " +
+                  m_request.level + " builds on";
+    else
+        problem = distrust_of(*base);
+    if (problem.empty()) {
         m_request.base = base->set;
         m_request.base_started = base->started;
         return;
     }
-    std::string what = m_store->description() + " has no complete full set of the whole server " +
-                       for_terminal(m_ini.data_directory);
     if (!m_options.auto_full || !m_request.arguments.empty())
         throw ClientError(
-            ExitCode::failed, what + ", which a backup of level " + m_request.level + " builds on",
+            ExitCode::failed, problem,
             "take one first: `qrtln backup --level full` without DATABASE" +
                 std::string(m_request.arguments.empty() ? ", or add --auto-full" : ""));
-    print_message(what + ": this backup becomes a full one (--auto-full)");
+    print_message(problem + ": this backup becomes a full one (--auto-full)");
     m_request.level = "full";
 }
 
-// The databases of the list that can be saved by name. One that is gone is struck out; one that
-// cannot be named waits for a whole full backup.
-std::vector<DatabaseArgument> BackupRun::owed_arguments(const BackupContext& context) {
-    strike_gone(context);
-    std::vector<DatabaseArgument> arguments;
+// Why a base tells nothing about what was changed since then; empty: it does.
+std::string BackupRun::distrust_of(const BaseSet& base) {
+    m_since = look_at_sets_since(*m_store, base, m_ini.data_directory);
+    std::string when;
+    if (std::time_t now = std::time(nullptr); now < base.started)
+        when = "shows " + utc_time(now);
+    else if (!m_since.begun_before.empty())
+        when = "was set back when the set " + m_since.begun_before + " was made";
+    else if (m_distrusted->contains(base.set))
+        when = "was set back once";
+    if (when.empty())
+        return {};
+    return "a backup of level " + m_request.level + " would miss changes: the clock " + when +
+           ", before the start of the set " + base.set + " at " + utc_time(base.started);
+}
+
+// The folders of --removed, as full paths.
+void BackupRun::resolve_removed() {
+    for (const std::string& given : m_options.removed) {
+        std::string path =
+            absolute_path(given.starts_with('/') ? given : m_ini.data_directory + "/" + given);
+        auto refuse = [&](const std::string& reason) {
+            throw ClientError(ExitCode::failed,
+                              "--removed '" + for_terminal(given) + "': " + reason,
+                              "name a folder below the data directory " +
+                                  for_terminal(m_ini.data_directory) + " that is gone");
+        };
+        if (path == m_ini.data_directory || !is_below(path, m_ini.data_directory) ||
+            (path + "/").find("/../") != std::string::npos)
+            refuse("it is not below the data directory");
+        struct stat status {};
+        if (::stat(path.c_str(), &status) == 0 && !S_ISDIR(status.st_mode))
+            refuse("it is no folder");
+        std::optional<AwayFolder> away = away_folder(path + "/", m_ini.data_directory);
+        if (!away)
+            refuse("the folder is there, and not empty");
+        if (!away->readable)
+            refuse(for_terminal(away->path) + ": " + away->reason);
+        m_removed.push_back(path);
+    }
+}
+
+bool BackupRun::is_removed(const std::string& path) const {
+    return std::any_of(m_removed.begin(), m_removed.end(),
+                       [&](const std::string& folder) { return is_below(path, folder); });
+}
+
+// A set of everything does not count as one while a folder is away, on a disk that is not mounted:
+// the databases in it would be missing in all that builds on the set.
+void BackupRun::find_missing_folders() {
+    if (!m_request.arguments.empty() || !m_request.base.empty())
+        return;
+    std::optional<BaseSet> base = find_base(*m_store, m_ini.data_directory);
+    CatalogueEntry entry = base ? load_set(*m_store, base->set) : CatalogueEntry{};
+    if (!entry.manifest)
+        return;
+    const std::vector<std::string>& there = m_request.scan.databases;
+    std::set<std::string> databases(there.begin(), there.end());
+    std::map<std::string, std::optional<AwayFolder>> looked_at;         // by folder
+    std::map<std::string, std::pair<std::string, std::size_t>> missing; // reason and databases
+    for (const ManifestItem& item : entry.manifest->items) {
+        if (item.kind != ItemKind::database || item.status != ItemStatus::stored ||
+            databases.contains(item.path) || is_removed(item.path) ||
+            !is_below(item.path, m_ini.data_directory))
+            continue;
+        auto [away, added] = looked_at.try_emplace(folder_of(item.path));
+        if (added)
+            away->second = away_folder(item.path, m_ini.data_directory);
+        if (!away->second || !away->second->readable) // the scan tells of one that is not readable
+            continue;
+        auto& [reason, count] = missing[away->second->path];
+        reason = away->second->reason;
+        ++count;
+    }
+    for (const auto& [path, what] : missing)
+        m_request.missing_folders.emplace_back(
+            path, what.first + ", but the set " + base->set + " has " +
+                      std::to_string(what.second) +
+                      " databases below it: mount its disk; if it was removed for good, say "
+                      "--removed " +
+                      path);
+}
+
+// The owed databases that are there. One that is gone is struck out, but not when its folder is
+// away.
+std::set<std::string> BackupRun::owed_and_there() {
+    std::vector<std::string> gone;
+    std::map<std::string, std::pair<std::string, std::size_t>> away; // reason and databases
+    std::set<std::string> there;
     for (const std::string& path : m_owed->of(m_ini.data_directory)) {
+        struct stat status {};
+        if (::stat(path.c_str(), &status) == 0 &&
+            !(S_ISDIR(status.st_mode) && is_database_name(path))) {
+            there.insert(path);
+            continue;
+        }
+        int error = errno;
+        bool missing = S_ISDIR(status.st_mode) || error == ENOENT || error == ENOTDIR;
+        std::optional<AwayFolder> folder;
+        if (!is_removed(path) && is_below(path, m_ini.data_directory))
+            folder = away_folder(path, m_ini.data_directory);
+        if (!folder && !missing)
+            folder = AwayFolder{path, "it cannot be looked at: " + system_error_text(error)};
+        if (folder) {
+            auto& [reason, count] = away[folder->path];
+            reason = folder->reason;
+            ++count;
+            continue;
+        }
+        gone.push_back(path);
+        print_message("the database " + for_terminal(path) +
+                      ", which an earlier run did not store, is gone from the server");
+    }
+    for (const auto& [folder, what] : away) {
+        m_owed_code = static_cast<int>(ExitCode::items_failed);
+        print_error(std::to_string(what.second) + " databases of " + for_terminal(folder) +
+                        ", which an earlier run did not store, are away: " + what.first,
+                    "mount its disk and back up again; if it was removed for good, say --removed " +
+                        for_terminal(folder));
+    }
+    // Where the list cannot be written they are found gone once more.
+    (void)m_owed->strike(m_ini.data_directory, gone);
+    return there;
+}
+
+// What must be saved by name before the backup that was asked for, which may pass it over: each
+// kind with a message of its own.
+std::set<std::string> BackupRun::what_comes_first() {
+    std::set<std::string> paths = owed_and_there();
+    auto tell = [](std::size_t count, const std::string& what) {
+        if (count > 0)
+            print_message(std::to_string(count) + " databases " + what +
+                          ": they are saved first, in a set of their own");
+    };
+    tell(paths.size(), "were prepared or restored and are in no set yet as they are");
+    if (m_request.base.empty())
+        return paths;
+    std::size_t before = paths.size();
+    if (m_request.level == "incr") // one that is not logged would wait for the next full backup
+        for (const std::string& path : m_request.scan.databases)
+            if (!m_since.databases.contains(path))
+                paths.insert(path);
+    tell(paths.size() - before, "are in no set since " + m_request.base);
+    before = paths.size();
+    for (const std::string& path : m_request.scan.databases)
+        if (!fits_index(path))
+            paths.insert(path);
+    tell(paths.size() - before, "have names that the index of databases cannot hold (with \"=\", a "
+                                "line end, or too long)");
+    return paths;
+}
+
+// Those that can be named.
+std::vector<DatabaseArgument> BackupRun::arguments_of(const std::set<std::string>& paths) {
+    std::vector<DatabaseArgument> arguments;
+    for (const std::string& path : paths) {
         try {
             for (DatabaseArgument& argument :
                  resolve_database_arguments({path}, m_ini.data_directory))
                 arguments.push_back(std::move(argument));
         } catch (const ClientError& failure) {
-            m_owed_code = static_cast<int>(ExitCode::items_failed);
-            print_error("a database that an earlier run did not store cannot be saved by name: " +
-                            std::string(failure.what()),
-                        "a backup of the whole server with --level full saves it");
+            m_unnamed[path] = failure.what();
         }
     }
     return arguments;
 }
 
-// What a failed or killed run prepared counts as backed up for the server: it comes first, in a set
-// of its own. Whatever becomes of that, the backup that was asked for is still worth making.
-void BackupRun::save_owed(const BackupContext& context) {
+// Whatever becomes of it, the backup that was asked for is still worth making.
+void BackupRun::save_first(const BackupContext& context) {
     BackupRequest request;
-    request.arguments = owed_arguments(context);
+    request.arguments = arguments_of(what_comes_first());
     if (request.arguments.empty())
         return;
     request.level = "full"; // of named databases: without logs
     request.reason = reason_owed;
     request.scan = scan_selection(m_ini.data_directory, request.arguments);
-    print_message("an earlier run ended before it had stored " +
-                  std::to_string(request.arguments.size()) + " databases: they are saved first");
     try {
         m_owed_set = run_backup_operation(context, std::move(request));
         m_owed_code = std::max(m_owed_code, code_of(*m_owed_set));
     } catch (const ClientError& failure) {
         throw_if_interrupted();
         m_owed_code = failure.exit_code();
-        print_error("the databases of the earlier run could not be saved and stay owed: " +
+        print_error("the databases that come first could not be saved; what is owed stays so: " +
                         std::string(failure.what()),
                     failure.hint());
         choose_level(); // its close may have lost the index
     }
 }
 
-void BackupRun::strike_gone(const BackupContext& context) {
-    std::vector<std::string> gone;
-    for (const std::string& path : context.owed.of(m_ini.data_directory)) {
-        struct stat status {};
-        bool missing = ::stat(path.c_str(), &status) != 0 && (errno == ENOENT || errno == ENOTDIR);
-        if (!missing && !(S_ISDIR(status.st_mode) && is_database_name(path)))
-            continue;
-        gone.push_back(path);
-        print_message("the database " + for_terminal(path) +
-                      ", which an earlier run did not store, is gone from the server");
+// What had to come first and cannot be named is a failure, unless this backup took it.
+void BackupRun::report_unnamed() {
+    for (const ManifestItem& item : m_manifest.items)
+        if (item.status == ItemStatus::stored)
+            m_unnamed.erase(item.path);
+    for (const auto& [path, reason] : m_unnamed) {
+        m_owed_code = std::max(m_owed_code, static_cast<int>(ExitCode::items_failed));
+        print_error("the database " + for_terminal(path) +
+                        " is not saved, as it cannot be named: " + reason,
+                    "a backup of the whole server with --level full saves it");
     }
-    // Where the list cannot be written they are found gone once more.
-    (void)context.owed.strike(m_ini.data_directory, gone);
 }
 
 void BackupRun::report_gaps(const Manifest& manifest) const {
@@ -279,11 +451,23 @@ std::string set_lines(const Manifest& manifest) {
     return text;
 }
 
+// The sets are there, whether or not anybody can be told.
 int BackupRun::report() const {
     int code = exit_code();
+    try {
+        print_report(code);
+    } catch (const ClientError& failure) {
+        print_error(failure.what() + std::string("; the backup ended with exit code ") +
+                        std::to_string(code),
+                    "`qrtln list` shows its sets");
+    }
+    return code;
+}
+
+void BackupRun::print_report(int code) const {
     if (!m_options.json) {
         print_output((m_owed_set ? set_lines(*m_owed_set) : "") + set_lines(m_manifest));
-        return code;
+        return;
     }
     nlohmann::json document = set_summary(m_manifest);
     document.update({{"command", "backup"},
@@ -292,7 +476,6 @@ int BackupRun::report() const {
     if (m_owed_set)
         document["owed"] = set_summary(*m_owed_set);
     print_json(document);
-    return code;
 }
 
 } // namespace

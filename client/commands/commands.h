@@ -19,8 +19,9 @@ struct ServerOptions {
 };
 
 struct BackupOptions : ServerOptions {
-    std::string level = "full"; // "full", "copy", "diff" or "incr"
-    bool auto_full = false;     // a diff or incr without its base becomes a full one
+    std::string level = "full";       // "full", "copy", "diff" or "incr"
+    bool auto_full = false;           // a diff or incr without its base becomes a full one
+    std::vector<std::string> removed; // folders that were removed on purpose
     std::vector<std::string> databases;
 };
 

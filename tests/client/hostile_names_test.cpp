@@ -197,6 +197,10 @@ TEST_F(HostileNames, AllAtOnceAreSavedAndRestoredOrNamed) {
     expect_printable(changed);
     const std::string increment = json::parse(changed.output)["set"];
     std::vector<std::string> saved = databases(increment);
+    // Those that the index cannot hold come first.
+    const std::vector<std::string> first_saved =
+        databases(json::parse(changed.output)["owed"]["set"]);
+    saved.insert(saved.end(), first_saved.begin(), first_saved.end());
     for (const std::string& name : good_names)
         EXPECT_THAT(saved, testing::Contains(name));
 }

@@ -3,6 +3,7 @@
 
 #include "client/error.h"
 #include "client/index_guard.h"
+#include "client/owed.h"
 #include "client/store/canonical_json.h"
 #include "client/store/digest.h"
 #include "notes_simulator/notes_simulator.h"
@@ -151,6 +152,7 @@ TEST_F(Incremental, WhatTheModulePassesOverOrDoubtsHasFailed) {
         {"full", "NSFDbGetLogInfo#1=513", 0, "the index of databases has no entry for it"},
         {"diff", "NSFDbGetModifiedNoteTable=513", 3, "could not tell whether it was modified"},
         {"diff", "ConvertTextToTIMEDATE=513", 3, "ConvertTextToTIMEDATE() failed"},
+        {"diff", "ConvertTIMEDATEToText=513", 3, "mail/user1.nsf"}, // the module says nothing
         {"copy", "NSFBackupEndApplyChangeInfo=513", 3, "the changes made during its copy"},
     };
     for (const auto& test : cases) {
@@ -275,6 +277,77 @@ TEST_F(Incremental, OtherStylesOfLoggingAreToldAtEachLevel) {
         EXPECT_THAT(m_errors, HasSubstr("take --level diff or full"));
         run("copy", 0);
     }
+}
+
+// No later set would have them: an incremental one takes what is logged, the index has no entry.
+TEST_F(Incremental, DatabasesThatItWouldNotSelectComeFirstInASetOfTheirOwn) {
+    const std::string odd = std::string(240, 'n') + ".nsf";
+    for (const std::string& name : {std::string("a=b.nsf"), odd})
+        ASSERT_EQ(domino("create " + m_server + " " + name + " --notes 3"), 0);
+    run("full", 0);
+    EXPECT_THAT(databases(run("incr", 0)["owed"]["set"]), ElementsAre("a=b.nsf", odd));
+    for (const char* name : {"new.nsf", "unlogged.nsf --unlogged"})
+        ASSERT_EQ(domino("create " + m_server + " " + std::string(name) + " --notes 3"), 0);
+    EXPECT_THAT(databases(run("incr", 0)["owed"]["set"]),
+                ElementsAre("a=b.nsf", "new.nsf", odd, "unlogged.nsf"));
+    EXPECT_THAT(m_errors, HasSubstr("2 databases are in no set since "));
+    for (const char* level : {"incr", "diff"})
+        EXPECT_THAT(databases(run(level, 0)["owed"]["set"]), ElementsAre("a=b.nsf", odd));
+    EXPECT_EQ(owed(), "");
+}
+
+TEST_F(Incremental, AFolderThatIsAwayIsNotRemoved) {
+    const std::string mail = m_server + "/data/mail";
+    json base = run("full", 0);
+    OwedDatabases(m_store + "/runtime/owed.jsonl").add(m_server + "/data", mail + "/user1.nsf");
+    const std::string list = owed();
+    fs::rename(mail, m_scratch / "mail");
+    for (bool empty : {false, true}) { // as where a disk is not mounted
+        if (empty)
+            fs::create_directory(mail);
+        run("incr", 3);
+        EXPECT_THAT(m_errors, HasSubstr("1 databases of " + mail));
+        json full = run("full", 3);
+        EXPECT_EQ(full["failed"][0]["path"], mail);
+        EXPECT_THAT(full["failed"].dump(), HasSubstr(base["set"].get<std::string>()));
+        EXPECT_EQ(owed(), list);
+    }
+    run("full", 1, {"--removed", "names.nsf"});
+    run("full", 0, {"--removed", "mail", "--removed", mail + "/below"});
+    EXPECT_EQ(owed(), "");
+    run("full", 0);
+}
+
+// What was changed while the clock was behind looks older than the base.
+TEST_F(Incremental, ABaseFromTheFutureIsNotBuiltOnAnyMore) {
+    Manifest base = manifest(run("full", 0)["set"]);
+    const std::int64_t started = base.started;
+    auto start_base_at = [&](std::int64_t time) {
+        base.started = time;
+        open_directory_store(m_store, StoreAccess::change)
+            ->rewrite_manifest(base.set, serialize(base));
+    };
+    run("incr", 0);
+    start_base_at(started + 172800);
+    const auto refused = [&](const char* text) {
+        for (const char* level : {"diff", "incr"}) {
+            run(level, 1);
+            EXPECT_THAT(m_errors, HasSubstr(text));
+            EXPECT_THAT(m_errors, HasSubstr("hint: take one first"));
+        }
+    };
+    refused("the clock shows ");
+    start_base_at(started); // the clock is right again
+    refused("was set back once");
+    const std::string list = m_store + "/runtime/distrusted.json";
+    test::write_file(list, test::read_file(list) + " "); // then no base is trusted
+    refused("was set back once");
+    EXPECT_EQ(run("diff", 0, {"--auto-full"})["level"], "full");
+    run("diff", 0);
+    base = manifest(run("full", 0)["set"]);
+    start_base_at(manifest(run("incr", 0)["set"]).started + 1);
+    settle();
+    refused("was set back when the set ");
 }
 
 // A lost entry would mean a database that is silently not saved.
