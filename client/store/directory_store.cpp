@@ -414,13 +414,14 @@ std::vector<std::string> DirectoryStore::objects(std::vector<std::string>* forei
                 foreign->push_back("objects/" + folder);
             continue;
         }
+        const std::string shown = "objects/" + folder + "/";
         for (const std::string& name : list_folder(m_objects.get(), folder)) {
             std::string hash = name.substr(0, name.rfind('.'));
             if (name == hash + std::string(object_suffix) && is_sha256_hex(hash) &&
                 hash.starts_with(folder))
                 hashes.push_back(hash);
             else if (foreign != nullptr)
-                foreign->push_back("objects/" + folder + "/" + name);
+                foreign->push_back(shown + name);
         }
     }
     return hashes;
