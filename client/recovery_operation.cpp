@@ -377,6 +377,13 @@ void Recovery::set_destroyed_aside() {
         }
         m_result.warnings.push_back(planned.target +
                                     ": was no database any more, and is set aside as " + name);
+        if (!planned.item.has_metadata) {
+            planned.item.has_metadata = true;
+            planned.item.mode = planned.existing->st_mode & 07777;
+            planned.item.uid = planned.existing->st_uid;
+            planned.item.gid = planned.existing->st_gid;
+            planned.item.mtime_ns = planned.existing->st_mtim.tv_sec * std::int64_t{1'000'000'000};
+        }
         planned.existing.reset();
     }
 }
