@@ -247,6 +247,8 @@ std::string RecoveryPlanner::reason_against(RecoveringDatabase& database) {
     const LiveDatabase* live = m_situation.live == nullptr ? nullptr : m_situation.live->find(path);
     bool restored = is_restored(path);
     bool in_place = m_plan.into.empty();
+    if (restored && live != nullptr && live->state == LiveDatabase::State::not_logged)
+        restored = !file_has_content(path, copies.back().object, throw_if_interrupted);
     std::string keep;
     if (live != nullptr || (in_place && planned.existing))
         keep = reason_to_keep(live, restored, copies);
@@ -254,6 +256,7 @@ std::string RecoveryPlanner::reason_against(RecoveringDatabase& database) {
         return keep;
     bool open = live != nullptr && live->state != LiveDatabase::State::unopenable;
     database.same_instance = open && keep.empty();
+    database.holds_more = in_place && !keep.empty();
     bool rolled_forward = database.only_its_set.empty();
     if (rolled_forward && m_request.to)
         database.doubt = reason_for_doubt(copies, planned.set, *m_request.to, live, restored);
@@ -512,7 +515,8 @@ std::string plan_text(const RecoveryPlan& plan) {
                    for_terminal(database.planned.item.path), reach_text(plan, database),
                    for_terminal(database.planned.target),
                    existing_text(database.planned) +
-                       (database.set_aside ? ", no database any more: is set aside" : "")});
+                       (database.set_aside ? ", no database any more: is set aside" : "") +
+                       (database.holds_more ? ", although it holds what no set leads to" : "")});
     std::string text = table.text();
     for (const PlannedItem& planned : plan.refused)
         text += "not recovered: " + for_terminal(planned.item.path) + ": " +
@@ -543,6 +547,8 @@ nlohmann::json plan_json(const RecoveryPlan& plan) {
             entry["reason"] = database.only_its_set;
         if (!database.doubt.empty())
             entry["doubt"] = database.doubt;
+        if (database.holds_more)
+            entry["holds_more"] = true;
         if (database.set_aside)
             entry["set_aside"] = true;
         databases.push_back(std::move(entry));

@@ -143,7 +143,7 @@ std::string result_text(const RecoveryResult& result, const std::optional<std::i
         table.add({for_terminal(database.target), outcome_name(database.outcome),
                    reach_text(database, result, to), for_terminal(database.set),
                    database.reason.empty() ? "-" : for_terminal(database.reason)});
-    std::string text = table.text();
+    std::string text = result.databases.empty() ? std::string() : table.text();
     if (!result.restored.empty())
         text += std::to_string(result.restored.size()) +
                 " files, folders and transaction logs that were missing came back\n";
