@@ -60,8 +60,9 @@ class Model {
     struct Server {
         std::unique_ptr<History> history;
         bool logs_lost = false; // and no new log begun
-        std::string away;       // a folder of databases that is not mounted
-        unsigned away_for = 0;  // steps
+        bool log_was_lost = false;
+        std::string away;      // a folder of databases that is not mounted
+        unsigned away_for = 0; // steps
     };
     // What is known of a set from its manifest.
     struct Set {
@@ -121,6 +122,7 @@ class Model {
     void commit(const std::string& name);
     void stamp();
     void begin_log_anew();
+    void remove_logs();
     std::optional<std::int64_t> random_moment();
     std::int64_t seconds() const { return m_clock.now() / nanoseconds; }
     std::vector<std::string> faults_of_backup(Environment& environment, Kill& kill);

@@ -183,15 +183,16 @@ void Model::require_saved(const std::string& level, bool busy) {
             violate("every database is in a set, or owed", name + " is in none");
         const Saved& newest = database.saved.back();
         bool all_changes = !busy && (level == "full" || level == "diff");
-        if (all_changes &&
-            database.commits[newest.at_most].content != database.commits.back().content)
+        const Content& copied = database.commits[newest.at_most].content;
+        const Content& present = database.commits.back().content;
+        // No unread mark makes a document one that was modified.
+        if (all_changes && (copied.notes != present.notes || copied.stubs != present.stubs))
             violate("a full or differential backup saves what changed",
+                    name + ", newest in " + newest.set + ", changed at " +
+                        std::to_string(database.commits.back().time));
+        if (database.logged && database.left_behind(newest.at_most))
+            violate("every new instance, and every restored copy, is in a set, or owed",
                     name + ", newest in " + newest.set);
-        for (std::size_t i = newest.at_most + 1; database.logged && i < database.commits.size();
-             ++i)
-            if (database.commits[i].jump)
-                violate("every new instance, and every restored copy, is in a set, or owed",
-                        name + ", newest in " + newest.set);
     }
 }
 
@@ -268,9 +269,7 @@ void Model::require_restored(const std::string& name, const std::vector<std::str
         violate("the newest copy is restored", name);
     }
     database.live = true;
-    bool same = server().observe(name);
-    database.commits.back().jump = true;
-    (void)same;
+    server().note_restored(name);
 }
 
 // The state that a recovery claims; nullptr when it claims none that is known.
@@ -290,6 +289,8 @@ const Commit* Model::expected(const Recovery& recovery, const Json& told, const 
         return &database.commits[database.commit_at(recovery.to)];
     if (!reached.starts_with("the last change logged"))
         return &database.commits.back();
+    if (m_servers[recovery.server].log_was_lost)
+        return nullptr;           // and came back as far as a set had it
     const Commit* last = nullptr; // of the instance that was saved
     for (const Saved& saved : database.saved)
         if (saved.set == set)
@@ -320,10 +321,7 @@ bool Model::is_plain(const Recovery& recovery, const std::string& name) const {
     const Saved* newest = database.newest_before(recovery.to);
     if (newest == nullptr || damaged(*newest) || m_servers[m_server].logs_lost)
         return false;
-    for (std::size_t i = newest->at_most + 1; i < database.commits.size(); ++i)
-        if (database.commits[i].jump)
-            return false;
-    return true;
+    return !database.left_behind(newest->at_most);
 }
 
 void Model::require_told_recovery(const Recovery& recovery, const Run& run) {
@@ -373,10 +371,11 @@ void Model::require_told_recovery(const Recovery& recovery, const Run& run) {
             continue;
         }
         server().database(name).live = true;
-        (void)server().observe(name);
-        // Beyond this, no log leads from the copies of before to what is there now.
+        // Beyond a moment no log leads from the copies of before to what is there now.
         if (recovery.to || recovery.new_dbiid || !database.logged)
-            server().database(name).commits.back().jump = true;
+            server().note_restored(name);
+        else if (!server().observe(name))
+            server().database(name).commits.back().replayed = true;
     }
 }
 

@@ -59,7 +59,7 @@ Model::Model(const Programs& programs, const std::string& clock, const std::stri
     m_clock.set(first_moment * nanoseconds);
     for (const char* name : {"/a", "/b"}) {
         auto history = std::make_unique<History>(programs, folder + name, seed, folder + "/store");
-        m_servers.push_back({std::move(history), false, {}, 0});
+        m_servers.push_back({std::move(history), false, false, {}, 0});
         turn_to(m_servers.size() - 1);
         stamp();
     }
@@ -235,10 +235,16 @@ void Model::begin_log_anew() {
         commit(names.front());
 }
 
+// What was committed after the newest set is in no log any more.
+void Model::remove_logs() {
+    server().simulate({"lose", server().server_folder(), "--logs"});
+    m_servers[m_server].logs_lost = m_servers[m_server].log_was_lost = true;
+    m_barrier = std::max(m_barrier, seconds());
+}
+
 void Model::lose_logs() {
     bool new_log = one_in(2);
-    server().simulate({"lose", server().server_folder(), "--logs"});
-    m_servers[m_server].logs_lost = true;
+    remove_logs();
     if (one_in(2)) { // with the disk, and the data with it
         fs::remove(server().server_folder() + "/logs");
         server().simulate({"lose", server().server_folder(), "--data"});
@@ -464,7 +470,9 @@ void Model::back_up_at(std::string level) {
     take_new_sets(commits_before);
     require_archived_logs(before);
     if (m_options.calm && run.exit_code != 0 && run.exit_code != 16 && level != "incr" &&
-        level != "diff" && !live().empty())
+        level != "diff" && !live().empty() &&
+        run.errors.find("mount its disk") == run.errors.npos &&
+        run.errors.find(" are away: ") == run.errors.npos)
         violate("a backup of a calm server succeeds", run.errors);
     if (run.exit_code == 0 && !run.killed) {
         Json summary = Json::parse(run.output);
@@ -668,7 +676,7 @@ void Model::go_on_with_recovery() {
     }
     if (!m_options.calm && one_in(5)) {
         m_doing += ", new log";
-        server().simulate({"lose", server().server_folder(), "--logs"});
+        remove_logs();
         begin_log_anew();
     }
     Files before = files_of_servers();

@@ -96,6 +96,13 @@ std::string difference(const Content& expected, const Content& found) {
     return expected.unread == found.unread ? text : text + "other unread marks; ";
 }
 
+bool ModelDatabase::left_behind(std::size_t copy) const {
+    for (std::size_t i = commits.size() - 1; i > copy; --i)
+        if (commits[i].jump || commits[i].replayed)
+            return !commits[i].replayed;
+    return false;
+}
+
 std::size_t ModelDatabase::commit_at(std::optional<std::int64_t> moment) const {
     std::size_t last = commits.size() - 1;
     while (moment && last > 0 && commits[last].time > *moment * hundredths)
@@ -159,6 +166,17 @@ bool History::observe(const std::string& name) {
         return true;
     database.commits.push_back({nowInHundredths(), std::move(content), text, true});
     return false;
+}
+
+void History::note_restored(const std::string& name) {
+    if (!observe(name))
+        return;
+    std::vector<Commit>& commits = m_databases.at(name).commits;
+    Commit again = commits.back();
+    again.time = nowInHundredths();
+    again.jump = true;
+    again.replayed = false;
+    commits.push_back(std::move(again));
 }
 
 void History::create(const std::string& name, std::uint64_t seed, bool logged) {

@@ -38,6 +38,8 @@ struct Commit {
     std::string dbiid;     // the instance that the database is after it, in hexadecimal
     // No log leads here from the state before: another instance, or a restored copy.
     bool jump = true;
+    // But the newest copy and the logs do: a recovery to their end put it in place.
+    bool replayed = false;
 };
 
 // A database in a set of the store: commits of its history that its copy may be at.
@@ -55,6 +57,8 @@ struct ModelDatabase {
     std::vector<Commit> commits; // the first is the creation
     std::vector<Saved> saved;
 
+    // Whether a newest copy at this commit and the logs do not lead to what is there now.
+    bool left_behind(std::size_t copy) const;
     // The last commit at or before a moment in seconds since 1970; the last of all without one.
     std::size_t commit_at(std::optional<std::int64_t> moment) const;
     // The newest set that ended before the moment.
@@ -84,6 +88,8 @@ class History {
     // Looks at what lies in a database's place: what no commit of this history left is a jump.
     // Returns whether that is what was there.
     bool observe(const std::string& name);
+    // What lies there was put there by a restore: a jump, although it may be what was there before.
+    void note_restored(const std::string& name);
     void compact(const std::string& name) const; // which gives it a new DBIID
     void back_up(bool full);
     void forget_sets(); // the store is lost
