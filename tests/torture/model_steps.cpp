@@ -308,11 +308,16 @@ void Model::destroy_database() {
         file << std::string(4096, '\xDB');
     }
     server().database(name).live = false;
-    if (server().databases().at(name).saved.empty())
-        fs::remove(server().path_of(name));
-    else if (!m_unfinished)
-        run_recovery({m_server, {name}, {}, {}, false, {}, {}}, {}, {});
-    if (!server().databases().at(name).live) // the administrator gives it up
+    Recovery recovery{m_server, {name}, {}, {}, false, {}, {}};
+    if (server().databases().at(name).saved.empty() || m_unfinished) {
+        fs::remove(server().path_of(name)); // the administrator gives it up
+        return;
+    }
+    bool plain = is_plain(recovery, name);
+    run_recovery(recovery, {}, {});
+    if (plain && !server().databases().at(name).live)
+        violate("a database that is none any more is recovered", name);
+    if (!server().databases().at(name).live)
         fs::remove(server().path_of(name));
 }
 
