@@ -530,6 +530,7 @@ void Recovery::report_recovered(const RecoveringDatabase& database) {
 std::vector<const RecoveringDatabase*>
 Recovery::roll_forward_once(const std::vector<const RecoveringDatabase*>& databases) {
     std::vector<std::string> targets;
+    targets.reserve(databases.size());
     for (const RecoveringDatabase* database : databases)
         targets.push_back(database->planned.target);
     ToldOutcomes told(targets);
