@@ -475,6 +475,7 @@ void BackupOperation::prepare_and_read(ManifestItem& item) {
         }
         // From here on the server may count it as backed up.
         m_context.owed.add(m_ini.data_directory, item.path);
+        item.restored = m_context.owed.is_restored(m_ini.data_directory, item.path);
     }
     m_incomplete_copy.clear();
     m_dbiid.clear();

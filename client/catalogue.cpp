@@ -5,6 +5,7 @@
 
 #include <algorithm>
 #include <ctime>
+#include <set>
 
 namespace qrtln {
 
@@ -69,6 +70,19 @@ SetsSince look_at_sets_since(Store& store, const BaseSet& base, const std::strin
                 since.databases.insert(item.path);
     }
     return since;
+}
+
+std::vector<std::string> saved_databases(Store& store, const std::string& data_directory) {
+    std::set<std::string> paths;
+    for (const std::string& set : store.set_names()) {
+        CatalogueEntry entry = load_set(store, set);
+        if (!entry.manifest || entry.manifest->data_directory != data_directory)
+            continue;
+        for (const ManifestItem& item : entry.manifest->items)
+            if (item.kind == ItemKind::database && item.status == ItemStatus::stored)
+                paths.insert(item.path);
+    }
+    return {paths.begin(), paths.end()};
 }
 
 std::string new_set_name(Store& store, std::int64_t started, const std::string& level) {

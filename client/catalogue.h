@@ -44,6 +44,9 @@ struct SetsSince {
 
 SetsSince look_at_sets_since(Store& store, const BaseSet& base, const std::string& data_directory);
 
+// The paths of all databases that any set of this server holds, sorted.
+std::vector<std::string> saved_databases(Store& store, const std::string& data_directory);
+
 // A name for a set that started at `started`: its time and level. It sorts after every name in the
 // store, if need be with a later time.
 std::string new_set_name(Store& store, std::int64_t started, const std::string& level);

@@ -124,6 +124,22 @@ void OwedDatabases::add(const std::string& data_directory, const std::string& pa
     m_entries[{data_directory, path}] |= restored;
 }
 
+void OwedDatabases::add_restored(const std::string& data_directory,
+                                 const std::vector<std::string>& paths) {
+    std::map<Entry, bool> before = m_entries;
+    for (const std::string& path : paths)
+        m_entries[{data_directory, path}] = true;
+    if (m_entries == before)
+        return;
+    if (int error = replace_file(m_file, lines()); error != 0) {
+        m_entries = std::move(before);
+        m_unsettled = true;
+        fail("write", error);
+    }
+    m_exists = true;
+    m_unsettled = false;
+}
+
 int OwedDatabases::strike(const std::string& data_directory,
                           const std::vector<std::string>& paths) {
     std::map<Entry, bool> before = m_entries;

@@ -37,6 +37,9 @@ class OwedDatabases {
     // be prepared, or put in place.
     void add(const std::string& data_directory, const std::string& path, bool restored = false);
 
+    // Writes all of them down as restored, at once: the logs that led to what they are were lost.
+    void add_restored(const std::string& data_directory, const std::vector<std::string>& paths);
+
     // Whether it was put in place by a restore, and is in no set as it is since then.
     bool is_restored(const std::string& data_directory, const std::string& path) const;
 

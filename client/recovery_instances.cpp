@@ -31,7 +31,8 @@ SavedCopies load_saved_copies(Store& store, const std::string& data_directory,
             continue;
         for (const ManifestItem& item : entry.manifest->items)
             if (item.status == ItemStatus::stored && paths.contains(item.path))
-                copies[item.path].push_back({set, item.object, item.dbiid, item.copied});
+                copies[item.path].push_back(
+                    {set, item.object, item.dbiid, item.copied, item.restored});
     }
     return copies;
 }
@@ -84,16 +85,18 @@ std::string reason_against_older(const std::vector<SavedCopy>& copies, const std
                                  const std::set<std::string>& damaged) {
     std::string newest; // what would have been taken
     bool found = false;
+    bool restored = false; // since the older
     std::string older;
     for (const SavedCopy& copy : copies) {
         if (copy.set == set)
             older = copy.dbiid;
+        restored = restored || (copy.set > set && copy.restored);
         if (copy.set <= set || !damaged.contains(copy.object))
             continue;
         newest = copy.dbiid;
         found = true;
     }
-    if (!found || (!newest.empty() && newest == older))
+    if (!found || (!newest.empty() && newest == older && !restored))
         return {};
     return "the older copy in the set " + set +
            (newest.empty() || older.empty() ? " cannot be rolled forward to the same end"
@@ -111,7 +114,7 @@ std::string reason_for_doubt(const std::vector<SavedCopy>& copies, const std::st
         return {};
     auto last = chosen; // known to be the same instance
     auto next = chosen + 1;
-    for (; next != copies.end() && next->dbiid == chosen->dbiid; ++next)
+    for (; next != copies.end() && next->dbiid == chosen->dbiid && !next->restored; ++next)
         last = next;
     if (moment < last->copied)
         return {};

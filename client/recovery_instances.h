@@ -22,6 +22,8 @@ struct SavedCopy {
     std::string object;
     std::string dbiid;       // empty: not logged, or not known
     std::int64_t copied = 0; // seconds since 1970, rounded up: it was this instance until then
+    // No log leads from the copies before to this one, whatever their instances.
+    bool restored = false;
 };
 
 // By path, oldest set first.

@@ -1,5 +1,6 @@
 #include "client/recovery_operation.h"
 
+#include "client/catalogue.h"
 #include "client/database_arguments.h"
 #include "client/error.h"
 #include "client/interrupt.h"
@@ -304,6 +305,10 @@ void Recovery::write_journal() {
         }
     m_file.write(m_journal);
     m_began = true;
+    // What was committed between the newest set and the loss is in no log: none leads over it.
+    if (m_owed && m_journal.log_folder_lost)
+        m_owed->add_restored(m_plan.data_directory,
+                             saved_databases(m_context.store, m_plan.data_directory));
 }
 
 // Those that are still to be put in their places. A copy is named when it is there: when it is gone
@@ -322,7 +327,7 @@ void Recovery::list_databases() {
         if (!database.only_its_set.empty() || !exists(pending.copy))
             pending.copy.clear();
         // One that was there before this recovery tells of something else.
-        pending.owed = pending.owed || (database.owed_then &&
+        pending.owed = pending.owed || ((database.owed_then || m_journal.log_folder_lost) &&
                                         !m_owed->is_restored(m_plan.data_directory, pending.path));
         databases.push_back(std::move(pending));
     }

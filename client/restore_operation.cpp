@@ -1,5 +1,6 @@
 #include "client/restore_operation.h"
 
+#include "client/catalogue.h"
 #include "client/error.h"
 #include "client/interrupt.h"
 #include "client/object_content.h"
@@ -58,6 +59,7 @@ class RestoreOperation {
     void write_item(const PlannedItem& planned, const std::string& path);
     std::string check_live_target(const PlannedItem& planned);
     void owe(const PlannedItem& planned);
+    void owe_all_when_logs_come_back();
     void finish_written(const PlannedItem& planned, const std::string& path);
     void finish_activation(const PlannedItem& planned, const std::string& path);
     void give_metadata_back(const PlannedItem& planned);
@@ -90,6 +92,7 @@ RestoreResult RestoreOperation::run() {
             m_temporary.emplace(absolute_path(m_context.tmp_dir), m_plan.data_directory);
         start();
         create_relocation_folder();
+        owe_all_when_logs_come_back();
         m_progress.emplace(static_cast<std::uint64_t>(
             std::count_if(m_plan.items.begin(), m_plan.items.end(), [](const PlannedItem& planned) {
                 return does_work(planned) && planned.item.kind == ItemKind::database;
@@ -282,6 +285,22 @@ void RestoreOperation::owe(const PlannedItem& planned) {
         return;
     try {
         m_owed->add(m_plan.data_directory, planned.item.path, true);
+    } catch (const ClientError& failure) {
+        m_owed = nullptr;
+        m_result.warnings.push_back(not_owed_text(failure.what()));
+    }
+}
+
+// What was committed between the set and the loss of the logs is in none: no log leads over it.
+void RestoreOperation::owe_all_when_logs_come_back() {
+    bool logs = std::any_of(m_plan.items.begin(), m_plan.items.end(), [](const auto& planned) {
+        return planned.item.log && planned.action == RestoreAction::write;
+    });
+    if (!logs || m_owed == nullptr)
+        return;
+    try {
+        m_owed->add_restored(m_plan.data_directory,
+                             saved_databases(m_context.store, m_plan.data_directory));
     } catch (const ClientError& failure) {
         m_owed = nullptr;
         m_result.warnings.push_back(not_owed_text(failure.what()));

@@ -293,6 +293,9 @@ std::set<std::string> BackupRun::owed_and_there() {
             ++count;
             continue;
         }
+        // One that was restored and lost again stays: no log leads over that when it comes back.
+        if (m_owed->is_restored(m_ini.data_directory, path))
+            continue;
         gone.push_back(path);
         print_message("the database " + for_terminal(path) +
                       ", which an earlier run did not store, is gone from the server");

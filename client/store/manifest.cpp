@@ -67,6 +67,8 @@ json item_to_json(const ManifestItem& item) {
         out["prepare_status"] = item.prepare_status;
     if (!item.dbiid.empty())
         out["dbiid"] = item.dbiid;
+    if (item.restored)
+        out["restored"] = true;
     if (item.copied != 0)
         out["copied"] = item.copied;
     if (item.log)
@@ -119,6 +121,7 @@ ManifestItem item_from_json(const json& in) {
     if (in.contains("prepare_status"))
         item.prepare_status = number_of<int>(in, "prepare_status");
     item.dbiid = in.value("dbiid", "");
+    item.restored = in.value("restored", false);
     if (in.contains("copied"))
         item.copied = number_of<std::int64_t>(in, "copied");
     if (in.contains("log")) {

@@ -51,6 +51,9 @@ struct ManifestItem {
     // of a database that is transaction-logged: its instance, 34 characters as the module writes
     // it; empty: not logged, or not known
     std::string dbiid;
+    // of a database: a restore put it in place since its copy before, so that no log leads from
+    // that one to this, whatever their instances
+    bool restored = false;
     // when its content was complete, in seconds since 1970, rounded up: no later change is in it;
     // 0: not known
     std::int64_t copied = 0;

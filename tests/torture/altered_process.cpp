@@ -72,6 +72,16 @@ bool fails(const char* kind, const char* path) {
     return number != 0;
 }
 
+// The kernel stamps what was just written with its own time, until the model puts that right.
+int timed(int result, struct stat* status) {
+    const SharedClock* clock = altered().clock;
+    if (result == 0 && clock != nullptr && qrtln::torture::is_real(status->st_mtim)) {
+        std::int64_t now = qrtln::torture::now_of(*clock);
+        status->st_mtim = {now / qrtln::torture::nanoseconds, now % qrtln::torture::nanoseconds};
+    }
+    return result;
+}
+
 } // namespace
 
 #pragma GCC visibility push(default)
@@ -139,7 +149,16 @@ int faccessat(int folder, const char* path, int mode, int flags) noexcept {
 int fstatat(int folder, const char* __restrict path, struct stat* __restrict status,
             int flags) noexcept {
     static const auto next = original(&::fstatat, "fstatat");
-    return fails("lookup", path) ? -1 : next(folder, path, status, flags);
+    return fails("lookup", path) ? -1 : timed(next(folder, path, status, flags), status);
+}
+int fstat(int fd, struct stat* status) noexcept {
+    static const auto next = original(&::fstat, "fstat");
+    return timed(next(fd, status), status);
+}
+int stat(const char* __restrict path, struct stat* __restrict status) noexcept {
+    static const auto next =
+        original(static_cast<int (*)(const char*, struct stat*)>(&::stat), "stat");
+    return timed(next(path, status), status);
 }
 
 } // extern "C"

@@ -17,6 +17,16 @@ namespace qrtln::torture {
 inline constexpr const char* clock_variable = "QRTLN_MODEL_CLOCK";
 constexpr std::int64_t nanoseconds = 1'000'000'000;
 
+// When histories begin, in seconds since 1970: 2026-03-01 12:00:00 UTC. None gets as far as the
+// real clock is.
+constexpr std::int64_t first_moment = 1'772'366'400;
+
+// Whether a file has the time of the kernel.
+inline bool is_real(const timespec& time) {
+    constexpr std::int64_t longest_history = 150 * 24 * 3600;
+    return time.tv_sec > first_moment + longest_history;
+}
+
 // What the file holds. The time is that of `since` on the monotonic clock, and goes on `rate` times
 // as fast as that.
 struct SharedClock {

@@ -287,7 +287,9 @@ const Commit* Model::expected(const Recovery& recovery, const Json& told, const 
         return nullptr;
     if (recovery.to)
         return &database.commits[database.commit_at(recovery.to)];
-    if (!reached.starts_with("the last change logged"))
+    bool by_earlier_run = !reached.starts_with("the last");
+    if (reached.starts_with("the last committed") ||
+        (by_earlier_run && recovery.was_live.contains(name)))
         return &database.commits.back();
     if (m_servers[recovery.server].log_was_lost)
         return nullptr;           // and came back as far as a set had it
@@ -319,6 +321,10 @@ void Model::require_recovered(const Recovery& recovery, const Json& told, const 
 bool Model::is_plain(const Recovery& recovery, const std::string& name) const {
     const ModelDatabase& database = m_servers[m_server].history->databases().at(name);
     const Saved* newest = database.newest_before(recovery.to);
+    std::string owed = content_of(m_folder + "/store/runtime/owed.jsonl");
+    std::string path = m_servers[m_server].history->path_of(name);
+    if (owed.find(Json(path).dump()) != std::string::npos)
+        return false; // a restore put it in place, or began to
     if (newest == nullptr || damaged(*newest) || m_servers[m_server].logs_lost)
         return false;
     return !database.left_behind(newest->at_most);

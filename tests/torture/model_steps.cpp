@@ -21,7 +21,6 @@ namespace {
 
 constexpr std::int64_t hundredth = nanoseconds / 100;
 constexpr std::int64_t day = 24 * 3600 * nanoseconds;
-constexpr std::int64_t first_moment = 1'772'366'400; // 2026-03-01 12:00:00 UTC
 constexpr const char* junk = "broken.nsf";
 
 std::string compact_time(std::int64_t seconds) {
@@ -159,9 +158,8 @@ void Model::stamp() {
             continue;
         for (const auto& entry : fs::recursive_directory_iterator(folder)) {
             struct stat status {};
-            // No clock of the model gets as far as the real one.
-            if (::lstat(entry.path().c_str(), &status) == 0 &&
-                status.st_mtim.tv_sec > first_moment + 150 * 24 * 3600)
+            // Of this call nothing is altered.
+            if (::lstat(entry.path().c_str(), &status) == 0 && is_real(status.st_mtim))
                 ::utimensat(AT_FDCWD, entry.path().c_str(), times, AT_SYMLINK_NOFOLLOW);
         }
     }
@@ -457,7 +455,7 @@ void Model::back_up_at(std::string level) {
         Started backup(server().command(words), server().environment(), server().scratch());
         std::vector<std::string> names = live();
         for (std::size_t i = 0; !backup.ended(); ++i) // how often depends on the machine
-            server().commit(names[i % names.size()]);
+            commit(names[i % names.size()]);
         run = backup.finish();
         m_clock.stand_still();
         stamp();
@@ -703,8 +701,6 @@ void Model::go_on_with_recovery() {
     }
     m_doing += ", recover";
     Recovery recovery = *m_unfinished;
-    std::vector<std::string> names = live();
-    recovery.was_live = {names.begin(), names.end()};
     Run run = qrtln({"recover", "--json"});
     if (!fs::exists(server().store() + "/runtime/recovery.json"))
         m_unfinished.reset();
