@@ -63,6 +63,7 @@ class Model {
         bool log_was_lost = false;
         std::string away;      // a folder of databases that is not mounted
         unsigned away_for = 0; // steps
+        std::set<std::string> away_databases;
     };
     // What is known of a set from its manifest.
     struct Set {

@@ -58,7 +58,7 @@ Model::Model(const Programs& programs, const std::string& clock, const std::stri
     m_clock.set(first_moment * nanoseconds);
     for (const char* name : {"/a", "/b"}) {
         auto history = std::make_unique<History>(programs, folder + name, seed, folder + "/store");
-        m_servers.push_back({std::move(history), false, false, {}, 0});
+        m_servers.emplace_back().history = std::move(history);
         turn_to(m_servers.size() - 1);
         stamp();
     }
@@ -329,10 +329,10 @@ void Model::unmount() {
     if (one_in(2))
         fs::create_directory(folder);
     for (const auto& [name, database] : this->server().databases())
-        if (name.starts_with("mail/") && database.live)
+        if (name.starts_with("mail/") && database.live) {
             this->server().database(name).live = false;
-        else if (name.starts_with("mail/"))
-            this->server().database(name).saved.clear(); // so that it stays away
+            server.away_databases.insert(name);
+        }
     server.away_for = 1 + static_cast<unsigned>(m_dice.below(2));
     back_up();
 }
@@ -342,9 +342,8 @@ void Model::bring_back_unmounted() {
     fs::remove_all(this->server().server_folder() + "/data/mail");
     fs::rename(server.away, this->server().server_folder() + "/data/mail");
     server.away.clear();
-    for (const auto& [name, database] : this->server().databases())
-        if (name.starts_with("mail/") && fs::exists(this->server().path_of(name)))
-            this->server().database(name).live = true;
+    for (const std::string& name : std::exchange(server.away_databases, {}))
+        this->server().database(name).live = true;
 }
 
 void Model::put_foreign_file() {
