@@ -26,7 +26,9 @@ struct PendingDatabase {
     // A second name of the copy, which the server does not know: a copy that went without it was
     // put in place, one that went with it was cleaned away. Empty where there are no hard links.
     std::string link = {};
-    std::optional<FileState> before = {}; // of the original, when the server was told to recover
+    // Of the original, when the server was told to recover; nothing before that, and when it has
+    // told that the copy is not in its place.
+    std::optional<FileState> before = {};
     bool lost = false; // there was no original: what takes its place needs owner and mode
     bool owed = false; // this recovery noted that the store is to be owed the database
 };

@@ -616,8 +616,12 @@ void Recovery::strike_what_is_in_place() {
     std::vector<std::string> links;
     std::erase_if(m_journal.databases, [&](PendingDatabase& pending) {
         auto result = results.find(pending.path);
-        if (result == results.end() || result->second->outcome == RecoveryOutcome::waiting)
+        if (result == results.end())
             return false;
+        if (result->second->outcome == RecoveryOutcome::waiting) {
+            pending.before.reset(); // not in its place, whatever becomes of the copy
+            return false;
+        }
         if (result->second->outcome == RecoveryOutcome::failed) {
             pending.copy.clear();
             return false;

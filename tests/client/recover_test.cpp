@@ -4,7 +4,6 @@
 #include "tests/client/simulated_server.h"
 
 #include <array>
-#include <fcntl.h>
 #include <functional>
 #include <sys/stat.h>
 
@@ -18,7 +17,6 @@ using test::OverTheSimulator;
 using test::read_file;
 using test::snapshot;
 using test::write_file;
-using testing::ElementsAre;
 using testing::HasSubstr;
 using testing::IsEmpty;
 using testing::Not;
@@ -99,6 +97,7 @@ TEST_F(Recover, ALostDatabaseComesBackToItsLastCommitAndTheServerHasNoMoreLogsTh
     EXPECT_EQ(extents(), logs);
     EXPECT_TRUE(fs::is_empty(m_tmp));
     recover(2, {}); // nothing is left to go on with
+    recover(1, {"mail", "--into", m_data + "/below"});
     put("mail/user1.nsf");
 }
 
@@ -390,27 +389,6 @@ TEST_F(Recover, WhatNoLogCoversComesBackAsInItsSet) {
     EXPECT_EQ(digest("mail/user1.nsf"), last);
 }
 
-TEST_F(Recover, IntoAFolderLeavesTheLiveDatabasesAlone) {
-    full_backup();
-    put("mail/user1.nsf");
-    archive_extents();
-    std::string last = digest("mail/user1.nsf");
-    auto before = live();
-    std::string into = m_scratch / "into";
-    json done = recover(0, {"mail", "--into", into});
-    EXPECT_EQ(live(), before);
-    EXPECT_EQ(outcome(done, m_user1), "recovered");
-    ASSERT_EQ(domino("show " + into + m_user1 + " --json"), 0);
-    EXPECT_EQ(json::parse(read_file(m_scratch / "domino-sim.out"))["digest"], last);
-    EXPECT_TRUE(fs::is_empty(m_tmp));
-    recover(1, {"mail", "--into", m_data + "/below"});
-
-    std::string dbiid = shown("mail/user1.nsf")["dbiid"];
-    recover(0, {"mail/user1.nsf", "--new-dbiid"});
-    EXPECT_NE(shown("mail/user1.nsf")["dbiid"], dbiid);
-    EXPECT_EQ(digest("mail/user1.nsf"), last);
-}
-
 TEST_F(Recover, LostLogsComeBackFromTheStoreAndTheEndIsToldAsTheirs) {
     full_backup();
     put("mail/user1.nsf");
@@ -436,68 +414,6 @@ TEST_F(Recover, LostLogsComeBackFromTheStoreAndTheEndIsToldAsTheirs) {
     put("mail/user1.nsf");
     ASSERT_EQ(domino("lose " + m_server + " --logs"), 0);
     recover(3, {"mail/user2.nsf", "--logs-lost"});
-}
-
-// Wherever a recovery is killed, the next one ends what it began.
-TEST_F(Recover, AKilledRecoveryIsFinishedByTheNext) {
-    full_backup();
-    put("mail/user1.nsf");
-    put("mail/user2.nsf");
-    std::map<std::string, std::string> last = {{"mail/user1.nsf", digest("mail/user1.nsf")},
-                                               {"mail/user2.nsf", digest("mail/user2.nsf")}};
-    std::string trace = m_scratch / "trace";
-    ASSERT_EQ(::mkfifo(trace.c_str(), 0600), 0);
-    std::vector<std::string> words = {"recover", "--notes-ini", m_server + "/notes.ini",
-                                      "--store", m_store,       "--tmp-dir",
-                                      m_tmp,     "--trace",     trace,
-                                      "mail"};
-    test::Environment environment = {{"QRTLN_MODULE", ""},
-                                     {"Notes_ExecDirectory", QRTLN_SIMULATOR_DIRECTORY}};
-    bool killed = true;
-    int kills = 0;
-    for (std::size_t bytes = 1; killed; bytes += 3000, kills += killed) {
-        fs::remove(m_user2);
-        int reader = ::open(trace.c_str(), O_RDWR | O_CLOEXEC | O_NONBLOCK);
-        test::RunningClient client(words, environment);
-        std::array<char, 512> buffer{};
-        std::size_t read = 0;
-        int idle = 0;
-        // Ends when enough was read, or, after a while without a byte, with the client itself.
-        while (read < bytes && idle < 1000) {
-            ssize_t got = ::read(reader, buffer.data(), std::min(buffer.size(), bytes - read));
-            read += got > 0 ? static_cast<std::size_t>(got) : 0;
-            idle = got > 0 ? 0 : idle + 1;
-            if (got <= 0)
-                std::this_thread::sleep_for(std::chrono::milliseconds(3));
-        }
-        killed = read == bytes;
-        if (killed)
-            ::kill(client.pid(), SIGKILL);
-        test::Outcome ended = client.wait();
-        ::close(reader);
-        EXPECT_EQ(ended.exit_code, killed ? -SIGKILL : 0) << ended.errors;
-        if (killed) {
-            test::Outcome next;
-            std::vector<std::string> second = {"recover", "--notes-ini", m_server + "/notes.ini",
-                                               "--store", m_store,       "--tmp-dir",
-                                               m_tmp,     "mail"};
-            do // its child may hold the lock for a moment
-                next = test::run_client(second, environment);
-            while (next.exit_code == 11);
-            bool honest =
-                next.exit_code == 0 ||
-                (next.exit_code == 3 && next.output.find("perhaps recovered") != std::string::npos);
-            EXPECT_TRUE(honest) << bytes << ": " << next.exit_code << next.errors << next.output;
-        }
-        for (const auto& [name, content] : last)
-            EXPECT_EQ(digest(name), content) << bytes;
-        EXPECT_FALSE(fs::exists(m_store + "/runtime/recovery.json"));
-        for (const auto& entry : fs::directory_iterator(m_tmp)) { // an empty one says nothing
-            bool pending = entry.path().filename().string().find("recovery") != std::string::npos;
-            EXPECT_TRUE(!pending || fs::is_empty(entry)) << bytes;
-        }
-    }
-    EXPECT_GT(kills, 3);
 }
 
 TEST_F(Recover, AProofTouchesNoLiveDatabaseAndIsReplacedByTheNext) {

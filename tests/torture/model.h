@@ -31,7 +31,7 @@ class Violation : public std::runtime_error {
 
 struct ModelOptions {
     int steps = 30;
-    bool calm = false; // nothing is damaged, no clock is changed, no run is killed
+    bool calm = false; // nothing is damaged, no clock is changed, no backup is killed
     bool verbose = false;
 };
 
@@ -83,6 +83,7 @@ class Model {
         std::optional<std::int64_t> to; // seconds since 1970
         std::string into;
         bool new_dbiid = false;
+        bool resumed = false;
         std::set<std::string> was_live;
         std::set<std::string> put_in_place; // by a run that did not end well, as they should be
     };
@@ -122,6 +123,7 @@ class Model {
     std::vector<std::string> saved() const;
     void commit(const std::string& name);
     void stamp();
+    void stand_still_after(std::int64_t begun);
     void begin_log_anew();
     void remove_logs();
     std::optional<std::int64_t> random_moment();

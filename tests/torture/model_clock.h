@@ -66,7 +66,6 @@ class ModelClock {
     void set(std::int64_t time, std::int64_t rate = 0) { *m_clock = {time, monotonic_now(), rate}; }
     void advance(std::int64_t by) { set(now() + by); }
     void go(std::int64_t rate) { set(now(), rate); }
-    void stand_still() { set(now()); }
 
   private:
     SharedClock* m_clock;

@@ -325,7 +325,7 @@ bool Model::is_plain(const Recovery& recovery, const std::string& name) const {
     std::string path = m_servers[m_server].history->path_of(name);
     if (owed.find(Json(path).dump()) != std::string::npos)
         return false; // a restore put it in place, or began to
-    if (newest == nullptr || damaged(*newest) || m_servers[m_server].logs_lost)
+    if (newest == nullptr || damaged(*newest) || m_servers[m_server].log_was_lost)
         return false;
     return !database.left_behind(newest->at_most);
 }
@@ -344,6 +344,8 @@ void Model::require_told_recovery(const Recovery& recovery, const Run& run) {
             if (run.exit_code == 0 &&
                 (short_of || unsure || (outcome == "as in its set" && database.logged)))
                 violate("exit 0 stands over no less", told.dump());
+            if (short_of && m_options.calm && recovery.resumed)
+                violate("a recovery that was killed is gone on with", told.dump());
             if (short_of)
                 continue;
             done.insert(name);

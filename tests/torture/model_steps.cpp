@@ -306,7 +306,9 @@ void Model::destroy_database() {
         file << std::string(4096, '\xDB');
     }
     server().database(name).live = false;
-    Recovery recovery{m_server, {name}, {}, {}, false, {}, {}};
+    Recovery recovery;
+    recovery.server = m_server;
+    recovery.names = {name};
     if (server().databases().at(name).saved.empty() || m_unfinished) {
         fs::remove(server().path_of(name)); // the administrator gives it up
         return;
@@ -357,6 +359,12 @@ void Model::put_foreign_file() {
 
 // --- commands
 
+// However long it took, if that was not very long: a seed plays one history.
+void Model::stand_still_after(std::int64_t begun) {
+    constexpr std::int64_t minute = 60 * nanoseconds;
+    m_clock.set(std::max(m_clock.now(), begun + minute));
+}
+
 Run Model::qrtln(const std::vector<std::string>& words, const Environment& more, Kill kill) {
     Environment& environment = server().environment();
     for (const char* name : {"QRTLN_MODEL_FAULTS", "NOTES_SIM_FAULTS"})
@@ -371,9 +379,10 @@ Run Model::qrtln(const std::vector<std::string>& words, const Environment& more,
             std::cout << " killed at " << kill.call << ": " << victim_name(kill.victim);
         std::cout << std::endl;
     }
+    std::int64_t begun = m_clock.now();
     m_clock.go(1);
     Run run = server().qrtln(words, kill.call != 0, kill);
-    m_clock.stand_still();
+    stand_still_after(begun);
     if (kill.call != 0) { // a module that lost its client still ends its operation
         int lock = ::open((server().store() + "/lock").c_str(), O_RDONLY | O_CLOEXEC);
         if (lock >= 0) {
@@ -450,13 +459,14 @@ void Model::back_up_at(std::string level) {
     Run run;
     if (busy) { // the clock runs, so that commits and copies are seconds apart
         m_doing += ", busy";
+        std::int64_t begun = m_clock.now();
         m_clock.go(20);
         Started backup(server().command(words), server().environment(), server().scratch());
         std::vector<std::string> names = live();
         for (std::size_t i = 0; !backup.ended(); ++i) // how often depends on the machine
             commit(names[i % names.size()]);
         run = backup.finish();
-        m_clock.stand_still();
+        stand_still_after(begun);
         stamp();
     } else {
         run = qrtln(words, environment, kill);
@@ -471,8 +481,8 @@ void Model::back_up_at(std::string level) {
         }
     take_new_sets(commits_before);
     require_archived_logs(before);
-    if (m_options.calm && run.exit_code != 0 && run.exit_code != 16 && level != "incr" &&
-        level != "diff" && !live().empty() &&
+    if (m_options.calm && !m_unfinished && run.exit_code != 0 && run.exit_code != 16 &&
+        level != "incr" && level != "diff" && !live().empty() &&
         run.errors.find("mount its disk") == run.errors.npos &&
         run.errors.find(" are away: ") == run.errors.npos)
         violate("a backup of a calm server succeeds", run.errors);
@@ -599,7 +609,7 @@ void Model::recover() {
         recovery.into = server().scratch() + "/into";
     recovery.new_dbiid = one_in(12);
     Kill kill;
-    if (!m_options.calm && one_in(5))
+    if (one_in(5))
         kill = {static_cast<Victim>(m_dice.below(3)), 1 + m_dice.below(250)};
     run_recovery(recovery, {}, kill);
 }
@@ -700,6 +710,7 @@ void Model::go_on_with_recovery() {
     }
     m_doing += ", recover";
     Recovery recovery = *m_unfinished;
+    recovery.resumed = true;
     Run run = qrtln({"recover", "--json"});
     if (!fs::exists(server().store() + "/runtime/recovery.json"))
         m_unfinished.reset();

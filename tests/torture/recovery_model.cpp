@@ -98,7 +98,8 @@ int main(int argc, char** argv) {
     app.add_option("--steps", options.model.steps, "Of each")->capture_default_str();
     app.add_option("--seed", options.seed, "Of the first history")->capture_default_str();
     app.add_option("--qrtln", options.qrtln, "Another client, with the module beside it");
-    app.add_flag("--calm", options.model.calm, "No damage, no clock that changes, no kills");
+    app.add_flag("--calm", options.model.calm,
+                 "No damage, no clock that changes, no killed backups");
     app.add_flag("--keep", options.keep, "Keep the folders of the histories");
     app.add_flag("--verbose", options.model.verbose, "Show every command");
     CLI11_PARSE(app, argc, argv);
