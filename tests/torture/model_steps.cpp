@@ -23,21 +23,16 @@ constexpr std::int64_t hundredth = nanoseconds / 100;
 constexpr std::int64_t day = 24 * 3600 * nanoseconds;
 constexpr const char* junk = "broken.nsf";
 
-std::string compact_time(std::int64_t seconds) {
+// As in a set's name, or as people write it.
+std::string utc_text(std::int64_t seconds, bool compact) {
     std::array<char, 32> text{};
     std::time_t time = seconds;
     std::tm utc{};
     ::gmtime_r(&time, &utc);
-    std::strftime(text.data(), text.size(), "%Y%m%dT%H%M%SZ", &utc);
-    return text.data();
-}
-
-std::string shown_time(std::int64_t seconds) {
-    std::array<char, 32> text{};
-    std::time_t time = seconds;
-    std::tm utc{};
-    ::gmtime_r(&time, &utc);
-    std::strftime(text.data(), text.size(), "%Y-%m-%d %H:%M:%S", &utc);
+    if (compact)
+        std::strftime(text.data(), text.size(), "%Y%m%dT%H%M%SZ", &utc);
+    else
+        std::strftime(text.data(), text.size(), "%Y-%m-%d %H:%M:%S", &utc);
     return text.data();
 }
 
@@ -526,7 +521,7 @@ void Model::restore() {
     std::vector<std::string> options;
     std::optional<std::int64_t> moment = random_moment();
     if (one_in(2) && moment)
-        options = {"--at", shown_time(*moment)};
+        options = {"--at", utc_text(*moment, false)};
     else if (one_in(3))
         options = {"--set", one_of(server().databases().at(name).saved).set};
     m_doing += " " + name + (options.empty() ? "" : " " + options[0] + " " + options[1]);
@@ -621,7 +616,7 @@ void Model::run_recovery(Recovery recovery, const std::vector<std::string>& opti
     if (recovery.names.empty())
         words.emplace_back("--all");
     if (recovery.to)
-        words.insert(words.end(), {"--to", compact_time(*recovery.to)});
+        words.insert(words.end(), {"--to", utc_text(*recovery.to, true)});
     if (!recovery.into.empty())
         words.insert(words.end(), {"--into", recovery.into});
     if (recovery.new_dbiid)
