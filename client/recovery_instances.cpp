@@ -14,6 +14,22 @@ constexpr int prepared_not_logged = 2000;
 
 using State = LiveDatabase::State;
 
+// The newest of the copies from this one on that are the same instance, without a restore between.
+std::vector<SavedCopy>::const_iterator last_of_run(const std::vector<SavedCopy>& copies,
+                                                   std::vector<SavedCopy>::const_iterator first) {
+    auto last = first;
+    for (auto next = first + 1;
+         next != copies.end() && next->dbiid == first->dbiid && !next->restored; ++next)
+        last = next;
+    return last;
+}
+
+std::vector<SavedCopy>::const_iterator find_copy(const std::vector<SavedCopy>& copies,
+                                                 const std::string& set) {
+    return std::find_if(copies.begin(), copies.end(),
+                        [&](const SavedCopy& copy) { return copy.set == set; });
+}
+
 bool is_instance(const LiveDatabase& live, const SavedCopy& copy) {
     return live.state == State::logged && live.dbiid == copy.dbiid;
 }
@@ -104,18 +120,20 @@ std::string reason_against_older(const std::vector<SavedCopy>& copies, const std
            ": `qrtln restore --set " + set + "` gives it by name";
 }
 
+std::int64_t same_instance_until(const std::vector<SavedCopy>& copies, const std::string& set) {
+    auto chosen = find_copy(copies, set);
+    return chosen == copies.end() ? 0 : last_of_run(copies, chosen)->copied;
+}
+
 std::string reason_for_doubt(const std::vector<SavedCopy>& copies, const std::string& set,
                              std::int64_t moment, const LiveDatabase* live, bool restored) {
     constexpr const char* consequence = ": if that was before this moment, what the database held "
                                         "at it is in another instance";
-    auto chosen = std::find_if(copies.begin(), copies.end(),
-                               [&](const SavedCopy& copy) { return copy.set == set; });
+    auto chosen = find_copy(copies, set);
     if (chosen == copies.end())
         return {};
-    auto last = chosen; // known to be the same instance
-    auto next = chosen + 1;
-    for (; next != copies.end() && next->dbiid == chosen->dbiid && !next->restored; ++next)
-        last = next;
+    auto last = last_of_run(copies, chosen);
+    auto next = last + 1;
     if (moment < last->copied)
         return {};
     bool other =

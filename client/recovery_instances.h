@@ -48,6 +48,10 @@ std::string reason_to_keep(const LiveDatabase* live, bool restored,
 std::string reason_against_older(const std::vector<SavedCopy>& copies, const std::string& set,
                                  const std::set<std::string>& damaged);
 
+// Until when the instance of the copy in `set` is known to have been the live one, in seconds since
+// 1970: later sets hold the same. 0 when the set has no copy.
+std::int64_t same_instance_until(const std::vector<SavedCopy>& copies, const std::string& set);
+
 // Why a recovery of the copy in `set` to that moment may not be what was there then: the database
 // may have become another instance before; else empty. `live` may be nullptr: not known. `restored`
 // as above.

@@ -129,7 +129,7 @@ DatabaseRecovery& Recovery::report(const RecoveringDatabase& database, RecoveryO
     return m_result.databases.emplace_back(
         DatabaseRecovery{database.planned.item.path, database.planned.target, database.planned.set,
                          database.set_ended, outcome, reason, database.only_its_set.empty(),
-                         database.same_instance});
+                         database.same_instance, database.same_until});
 }
 
 RecoveryResult Recovery::run() {

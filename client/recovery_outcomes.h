@@ -30,6 +30,7 @@ struct DatabaseRecovery {
     std::string reason;          // why not recovered, or not for sure
     bool rolled_forward = false; // with the logs, in whichever outcome
     bool same_instance = false;  // as the live database that was there
+    std::int64_t same_until = 0; // known to have been the live one until then, seconds since 1970
 
     // Whether a log could have done more, or the database is not in its place.
     bool falls_short() const;

@@ -256,6 +256,7 @@ std::string RecoveryPlanner::reason_against(RecoveringDatabase& database) {
         return keep;
     bool open = live != nullptr && live->state != LiveDatabase::State::unopenable;
     database.same_instance = open && keep.empty();
+    database.same_until = same_instance_until(copies, planned.set);
     database.holds_more = in_place && !keep.empty();
     bool rolled_forward = database.only_its_set.empty();
     if (rolled_forward && m_request.to)

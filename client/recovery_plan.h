@@ -53,7 +53,9 @@ struct RecoveringDatabase {
     // Why it may fall short of what is wanted although it is rolled forward; else empty.
     std::string doubt;
     bool same_instance = false; // as the live database, which the server could open
-    bool holds_more = false;    // the live database holds what no set leads to, and is replaced
+    // Until when it is known to have been the live instance, in seconds since 1970.
+    std::int64_t same_until = 0;
+    bool holds_more = false; // the live database holds what no set leads to, and is replaced
     // It is owed to the store from the moment on at which it is in its place.
     bool owed_then = false;
     bool set_aside = false; // the live file is no database any more, and gives way under a new name

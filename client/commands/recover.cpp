@@ -123,9 +123,13 @@ std::string reach_text(const DatabaseRecovery& database, const RecoveryResult& r
         if (ends_early)
             return "the end of the stored logs" +
                    (result.logs_end ? ", " + utc_time(*result.logs_end) : "");
-        return to                       ? utc_time(*to)
-               : database.same_instance ? "the last committed change"
-                                        : "the last change logged for the saved instance";
+        if (to && (database.same_instance || *to < database.same_until))
+            return utc_time(*to);
+        // One that is lost may have become another instance since its newest copy.
+        if (to)
+            return utc_time(*to) + ", as far as logged for the saved instance";
+        return database.same_instance ? "the last committed change"
+                                      : "the last change logged for the saved instance";
     case RecoveryOutcome::only_its_set:
         return "its set, ended " + utc_time(database.set_ended);
     case RecoveryOutcome::in_place:

@@ -132,9 +132,11 @@ class Model {
     Run qrtln(const std::vector<std::string>& words, const Environment& more = {}, Kill kill = {});
     void run_recovery(Recovery recovery, const std::vector<std::string>& options, Kill kill);
     void bring_back_unmounted();
+    void recover_everything_beside();
 
     // --- rules (model_rules.cpp)
     Files files_of_servers() const;
+    Files files_below(const std::vector<std::string>& folders) const;
     void take_new_sets(const std::map<std::string, std::size_t>& commits_before);
     void take_set(const std::string& name, const Json& manifest,
                   const std::map<std::string, std::size_t>& commits_before);
@@ -143,6 +145,7 @@ class Model {
     void require_archived_logs(const Files& before) const;
     void require_unchanged(const Files& before, const std::set<std::string>& except) const;
     void require_whole_store();
+    void require_dry(std::vector<std::string> words);
     void require_told_recovery(const Recovery& recovery, const Run& run);
     void require_recovered(const Recovery& recovery, const Json& told, const std::string& name,
                            const std::string& file);

@@ -37,17 +37,35 @@ void Model::violate(const std::string& rule, const std::string& text) const {
 // --- what is on the servers
 
 Model::Files Model::files_of_servers() const {
-    Files files;
+    std::vector<std::string> folders;
     for (const Server& server : m_servers)
-        for (const char* part : {"/data", "/logs"}) {
-            std::string folder = server.history->server_folder() + part;
-            if (!fs::exists(folder))
-                continue;
+        for (const char* part : {"/data", "/logs"})
+            folders.push_back(server.history->server_folder() + part);
+    return files_below(folders);
+}
+
+Model::Files Model::files_below(const std::vector<std::string>& folders) const {
+    Files files;
+    for (const std::string& folder : folders)
+        if (fs::exists(folder))
             for (const auto& entry : fs::recursive_directory_iterator(folder))
                 if (entry.is_regular_file())
                     files[entry.path()] = sha256_hex(content_of(entry.path()));
-        }
     return files;
+}
+
+void Model::require_dry(std::vector<std::string> words) {
+    words.emplace_back("--dry-run");
+    std::vector<std::string> folders = {m_folder + "/store"};
+    Files before = files_below(folders);
+    Files servers = files_of_servers();
+    (void)qrtln(words);
+    require_unchanged(servers, {});
+    Files after = files_below(folders);
+    for (const Files* files : {&before, &after})
+        for (const auto& [path, digest] : *files)
+            if (!before.contains(path) || !after.contains(path) || before[path] != after[path])
+                violate("a dry run changes nothing", words.front() + " " + path);
 }
 
 // The newest extent and the control file are written by whatever opens the log.
@@ -285,11 +303,12 @@ const Commit* Model::expected(const Recovery& recovery, const Json& told, const 
     }
     if (reached.starts_with("the end of the stored logs"))
         return nullptr;
-    if (recovery.to)
+    bool by_earlier_run = reached.empty() || reached == "by an earlier run";
+    bool of_instance = reached.find("for the saved instance") != std::string::npos ||
+                       (by_earlier_run && !recovery.was_live.contains(name));
+    if (recovery.to && !of_instance)
         return &database.commits[database.commit_at(recovery.to)];
-    bool by_earlier_run = !reached.starts_with("the last");
-    if (reached.starts_with("the last committed") ||
-        (by_earlier_run && recovery.was_live.contains(name)))
+    if (!of_instance)
         return &database.commits.back();
     if (m_servers[recovery.server].log_was_lost)
         return nullptr;           // and came back as far as a set had it
@@ -297,7 +316,8 @@ const Commit* Model::expected(const Recovery& recovery, const Json& told, const 
     for (const Saved& saved : database.saved)
         if (saved.set == set)
             for (const Commit& commit : database.commits)
-                if (commit.dbiid == database.commits[saved.at_most].dbiid)
+                if (commit.dbiid == database.commits[saved.at_most].dbiid &&
+                    (!recovery.to || commit.time <= *recovery.to * hundredths))
                     last = &commit;
     return last;
 }

@@ -110,6 +110,20 @@ void Model::run() {
         require_kept_sets();
     }
     require_whole_store();
+    for (std::size_t number = 0; number < m_servers.size() && !m_unfinished; ++number) {
+        turn_to(number);
+        m_doing = "the end";
+        if (!saved().empty())
+            recover_everything_beside();
+    }
+}
+
+// What the sets and logs of a server come to in the end.
+void Model::recover_everything_beside() {
+    Recovery recovery;
+    recovery.server = m_server;
+    recovery.into = server().scratch() + "/into";
+    run_recovery(recovery, {}, {});
 }
 
 // --- users, and what befalls a server
@@ -527,6 +541,8 @@ void Model::restore() {
     m_doing += " " + name + (options.empty() ? "" : " " + options[0] + " " + options[1]);
     std::vector<std::string> words = {"restore", "--json", "--activate", name};
     words.insert(words.end(), options.begin(), options.end());
+    if (one_in(5))
+        require_dry(words);
     Files before = files_of_servers();
     Run run = qrtln(words);
     require_unchanged(before, {server().path_of(name)});
@@ -635,6 +651,8 @@ void Model::run_recovery(Recovery recovery, const std::vector<std::string>& opti
         used.emplace(server().server(), server().path_of(name));
     }
     Files before = files_of_servers();
+    if (one_in(5))
+        require_dry(words);
     Run run = qrtln(words, {}, kill);
     m_doing += run.killed ? ", killed" : "";
     used.reset();
@@ -659,7 +677,7 @@ void Model::run_recovery(Recovery recovery, const std::vector<std::string>& opti
     fs::remove_all(server().scratch() + "/into");
     bool again = options.empty() && !m_unfinished && run.exit_code != 0;
     for (const char* option : {"--replace-live", "--logs-lost"})
-        if (again && run.errors.find(option) != std::string::npos && one_in(2)) {
+        if (again && (run.errors + run.output).find(option) != std::string::npos && one_in(2)) {
             run_recovery(recovery, {option}, {});
             break;
         }
