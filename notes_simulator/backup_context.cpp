@@ -293,7 +293,7 @@ std::uint64_t logSpanSinceBackup(const Server& server, const fs::path& file) {
         return 0;
     }
     if (isLogged(server, file, header) &&
-        (header.logId != log->logId() || isBehindLog(server, header, *log))) {
+        (header.logId != log->logId() || isOutOfStep(server, header, *log))) {
         throw StatusError(kNotBackedUp, record.database);
     }
     return log->totalBytes() - std::min(log->totalBytes(), record.logBytes);

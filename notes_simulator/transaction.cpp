@@ -138,15 +138,16 @@ std::unique_ptr<TransactionLog> openLog(const Server& server, const ServerLock& 
     return log;
 }
 
-bool isBehindLog(const Server& server, const DatabaseHeader& header, const TransactionLog& log) {
+bool isOutOfStep(const Server& server, const DatabaseHeader& header, const TransactionLog& log) {
     return header.logId == log.logId() &&
-           header.lastRecord < lastRecordOf(server, header.dbiid, header.logId);
+           (header.lastRecord < lastRecordOf(server, header.dbiid, header.logId) ||
+            header.lastRecord >= log.nextRecord());
 }
 
 DatabaseHeader adoptIntoLog(const Server& server, Database& database, const TransactionLog& log) {
     DatabaseHeader header = database.header();
     if (isLogged(server, database.file(), header) &&
-        (header.logId != log.logId() || isBehindLog(server, header, log))) {
+        (header.logId != log.logId() || isOutOfStep(server, header, log))) {
         header.logId = log.logId();
         header.dbiid = randomId16();
         header.lastRecord = 0;

@@ -37,12 +37,13 @@ bool isLogged(const Server& server, const std::filesystem::path& file,
 std::unique_ptr<TransactionLog> openLog(const Server& server, const ServerLock& lock);
 
 /// Whether the log has records of this instance of the database that the database lacks, as when
-/// an older copy was put in its place and not rolled forward.
-bool isBehindLog(const Server& server, const DatabaseHeader& header, const TransactionLog& log);
+/// an older copy was put in its place and not rolled forward; or the database has records that the
+/// log lacks, as when an older log was put back.
+bool isOutOfStep(const Server& server, const DatabaseHeader& header, const TransactionLog& log);
 
-/// Gives a logged database that this log does not know yet, or that is behind it, a new DBIID: from
-/// here on its changes are in this log, apart from those of the earlier instance. Returns the
-/// header after it. Belongs under the lock, outside a transaction.
+/// Gives a logged database that this log does not know yet, or that is out of step with it, a new
+/// DBIID: from here on its changes are in this log, apart from those of the earlier instance.
+/// Returns the header after it. Belongs under the lock, outside a transaction.
 DatabaseHeader adoptIntoLog(const Server& server, Database& database, const TransactionLog& log);
 
 /// Makes the changes in one transaction. A change with note id 0 creates a note; a note without a

@@ -694,10 +694,19 @@ void Model::go_on_with_recovery() {
             if (one_in(3))
                 commit(name);
     if (!m_options.calm && one_in(4)) {
-        for (const auto& entry : fs::recursive_directory_iterator(server().temporary()))
-            if (entry.is_regular_file() && one_in(2))
-                fs::remove(entry.path());
         m_doing += ", copies vanish";
+        std::map<ino_t, bool>
+            goes; // what clears a folder goes by age: both names of a file, or none
+        for (const auto& entry : fs::recursive_directory_iterator(server().temporary())) {
+            struct stat status {};
+            if (!entry.is_regular_file() || ::lstat(entry.path().c_str(), &status) != 0)
+                continue;
+            auto [known, added] = goes.try_emplace(status.st_ino);
+            if (added)
+                known->second = one_in(2);
+            if (known->second)
+                fs::remove(entry.path());
+        }
     }
     if (!m_options.calm && one_in(5)) {
         m_doing += ", new log";

@@ -40,13 +40,50 @@ std::optional<int>& early_close() {
     return status;
 }
 
-void edit_index_in_place() {
+std::string index_file() {
     char index[1028] = "gv_rw_times:qrtln_DBIID.ini";
     resolve_path(index);
+    return index;
+}
+
+std::string working_copy() {
+    return index_file() + "." + std::to_string(::getpid());
+}
+
+std::string read_file(const std::string& path) {
     std::ostringstream text;
-    text << std::ifstream(index + ("." + std::to_string(::getpid())), std::ios::binary).rdbuf();
-    std::string bytes = text.str();
-    int file = ::open(index, O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0600);
+    text << std::ifstream(path, std::ios::binary).rdbuf();
+    return text.str();
+}
+
+void write_file(const std::string& path, const std::string& bytes) {
+    ::unlink(path.c_str());
+    if (!bytes.empty())
+        std::ofstream(path, std::ios::binary) << bytes;
+}
+
+// The logs are marked, and the index is as before: the client looks at that.
+void close_early() {
+    std::string index = read_file(index_file());
+    std::string changed = read_file(working_copy());
+    char success[] = "STATUS=0";
+    char* variables[] = {success, nullptr};
+    early_close() = close_operation(variables);
+    write_file(index_file(), index);
+    write_file(working_copy(), changed);
+}
+
+int close_again(bool good) {
+    if (good && ::access(working_copy().c_str(), F_OK) == 0)
+        ::rename(working_copy().c_str(), index_file().c_str());
+    ::unlink(working_copy().c_str());
+    return *early_close();
+}
+
+void edit_index_in_place() {
+    std::string index = index_file();
+    std::string bytes = read_file(working_copy());
+    int file = ::open(index.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0600);
     for (std::size_t begin : {std::size_t{0}, bytes.size() / 2}) {
         std::string half = bytes.substr(begin, begin == 0 ? bytes.size() / 2 : std::string::npos);
         (void)!::write(file, half.data(), half.size());
@@ -60,17 +97,14 @@ extern "C" {
 
 [[gnu::visibility("default")]] int DB_GetItem(char* backup, char* original, char* name) {
     int status = real(&DB_GetItem, "DB_GetItem")(backup, original, name);
-    if (status == DB_NUM_I_COMPLETE && plants("marking")) {
-        char success[] = "STATUS=0";
-        char* variables[] = {success, nullptr};
-        early_close() = close_operation(variables);
-    }
+    if (status == DB_NUM_I_COMPLETE && plants("marking"))
+        close_early();
     return status;
 }
 
 [[gnu::visibility("default")]] int DB_CloseOperation(char** variables) {
     if (early_close())
-        return *early_close();
+        return close_again(std::strcmp(variables[0], "STATUS=0") == 0);
     if (plants("index") && std::strcmp(variables[0], "STATUS=0") == 0)
         edit_index_in_place();
     return close_operation(variables);
