@@ -363,6 +363,7 @@ void Model::put_foreign_file() {
     for (int twice = 0; twice < 2; ++twice) { // in one second
         m_clock.set(now);
         back_up_at("copy");
+        m_barrier = std::max(m_barrier, seconds()); // the second one sets the clock back
     }
 }
 
