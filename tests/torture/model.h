@@ -159,7 +159,6 @@ class Model {
     bool damaged(const Saved& saved) const { return m_damaged.contains(saved.object); }
     [[noreturn]] void violate(const std::string& rule, const std::string& text) const;
 
-    Programs m_programs;
     ModelOptions m_options;
     ModelClock m_clock;
     std::string m_folder;

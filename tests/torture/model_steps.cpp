@@ -49,7 +49,7 @@ void flip_a_bit(const std::string& file) {
 
 Model::Model(const Programs& programs, const std::string& clock, const std::string& folder,
              std::uint64_t seed, const ModelOptions& options)
-    : m_programs(programs), m_options(options), m_clock(clock), m_folder(folder), m_dice(seed) {
+    : m_options(options), m_clock(clock), m_folder(folder), m_dice(seed) {
     m_clock.set(first_moment * nanoseconds);
     for (const char* name : {"/a", "/b"}) {
         auto history = std::make_unique<History>(programs, folder + name, seed, folder + "/store");
@@ -60,7 +60,7 @@ Model::Model(const Programs& programs, const std::string& clock, const std::stri
 }
 
 void Model::run() {
-    static constexpr std::array<Step, 19> steps = {{
+    static constexpr std::array<Step, 18> steps = {{
         {"write", 22, true, &Model::write},
         {"back up", 26, true, &Model::back_up},
         {"compact", 8, true, &Model::compact},
@@ -79,7 +79,6 @@ void Model::run() {
         {"destroy database", 2, false, &Model::destroy_database},
         {"unmount", 2, false, &Model::unmount},
         {"foreign file", 1, false, &Model::put_foreign_file},
-        {"again", 0, false, &Model::go_on_with_recovery},
     }};
     for (int i = 0; i < m_options.steps; ++i) {
         unsigned sum = 0;
