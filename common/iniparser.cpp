@@ -94,34 +94,44 @@ const char* valueText(const dictionary* d, int slot) {
     return d->val[slot] == nullptr ? "" : d->val[slot];
 }
 
+// The slots of each section's entries. A section's name holds no ":", so an entry belongs to the
+// text before its first one.
+std::unordered_map<std::string_view, std::vector<int>> entriesOfSections(const dictionary* d) {
+    std::unordered_map<std::string_view, std::vector<int>> entries;
+    for (int slot = 0; slot < d->n; ++slot) {
+        const std::string_view key = d->key[slot];
+        if (const std::size_t colon = key.find(':'); colon != std::string_view::npos) {
+            entries[key.substr(0, colon)].push_back(slot);
+        }
+    }
+    return entries;
+}
+
 // Works out where iniparser_dump_ini puts each value. Leaves the layout unknown for a dictionary
-// that is not one section and its entries.
+// without a section, which is written in another form.
 void measureDump(const dictionary* d, IniDumpLayout& layout) {
-    if (iniparser_getnsec(d) != 1) {
+    if (iniparser_getnsec(d) < 1) {
         return;
     }
-    const std::string section = iniparser_getsecname(d, 0);
-    const std::string prefix = section + ":";
+    auto entries = entriesOfSections(d);
     const auto slots = static_cast<std::size_t>(d->n);
-    std::vector<long> valueAt(slots, -1);
-    std::vector<std::size_t> valueSize(slots, 0);
-    std::size_t offset = std::strlen("\n[]\n") + section.size();
-    for (std::size_t slot = 0; slot < slots; ++slot) {
-        const std::string_view key = d->key[slot];
-        if (isSection(d->key[slot])) {
+    layout.valueAt.assign(slots, -1);
+    layout.valueSize.assign(slots, 0);
+    std::size_t offset = 0;
+    for (int section = 0; section < d->n; ++section) {
+        if (!isSection(d->key[section])) {
             continue;
         }
-        if (!key.starts_with(prefix)) {
-            return;
+        layout.section = d->key[section];
+        offset += std::strlen("\n[]\n") + layout.section.size();
+        for (const int entry : entries[d->key[section]]) {
+            const auto slot = static_cast<std::size_t>(entry);
+            offset += std::strlen(d->key[slot]) - layout.section.size(); // "=" stands for ":"
+            layout.valueAt[slot] = static_cast<long>(offset);
+            layout.valueSize[slot] = std::strlen(valueText(d, entry));
+            offset += layout.valueSize[slot] + std::strlen("\n");
         }
-        offset += key.size() - prefix.size() + std::strlen("=");
-        valueAt[slot] = static_cast<long>(offset);
-        valueSize[slot] = std::strlen(valueText(d, static_cast<int>(slot)));
-        offset += valueSize[slot] + std::strlen("\n");
     }
-    layout.section = section;
-    layout.valueAt = std::move(valueAt);
-    layout.valueSize = std::move(valueSize);
     layout.end = static_cast<long>(offset);
 }
 
@@ -143,39 +153,58 @@ bool hasLayout(FILE* stream, const IniDumpLayout& layout) {
     return std::fseek(stream, 0, SEEK_END) == 0 && std::ftell(stream) == layout.end + 1;
 }
 
+// Whether the whole may be written once more: a small file at every change, and a large one only a
+// few times its size in all.
+bool affordsWhole(const IniDumpLayout& layout) {
+    constexpr long kFree = 1 << 20;
+    constexpr long kTimes = 8;
+    return layout.wholes + layout.end <= kFree + kTimes * layout.end;
+}
+
 // Writes just the entry of `slot`. Returns false, nothing written, when the whole is needed.
 bool updateEntry(const dictionary* d, int slot, const char* path, IniDumpLayout& layout,
                  int& error) {
     const auto known = static_cast<int>(layout.valueAt.size());
-    if (layout.path != path || known == 0 || slot < 0 || isSection(d->key[slot])) {
+    if (layout.path != path || known == 0 || slot < 0 || slot > known || d->n > known + 1 ||
+        isSection(d->key[slot])) {
         return false;
     }
     const std::string_view key = d->key[slot];
     const std::string_view value = valueText(d, slot);
-    const std::size_t prefix = layout.section.size() + 1;
-    const bool isChange = d->n == known && layout.valueAt[static_cast<std::size_t>(slot)] >= 0 &&
-                          layout.valueSize[static_cast<std::size_t>(slot)] == value.size();
-    const bool isAddition =
-        d->n == known + 1 && slot == known && key.starts_with(layout.section + ":");
-    if (!isChange && !isAddition) {
+    const std::string_view section = key.substr(0, key.find(':'));
+    const auto at = static_cast<std::size_t>(slot);
+    const bool isNew = slot == known;
+    const bool isInPlace =
+        !isNew && layout.valueAt[at] >= 0 && layout.valueSize[at] == value.size();
+    const bool isAtTheEnd = isNew && section == layout.section;
+    if (dictionary_slot(d, std::string(section).c_str()) < 0) {
+        return false; // the whole is without it
+    }
+    if (!isInPlace && !isAtTheEnd && affordsWhole(layout)) {
         return false;
     }
     Stream stream(std::fopen(path, "rb+"));
     if (stream == nullptr || !hasLayout(stream.get(), layout)) {
         return false;
     }
-    if (isChange) {
-        error = writeAt(std::move(stream), layout.valueAt[static_cast<std::size_t>(slot)],
-                        std::string(value));
+    if (isInPlace) {
+        error = writeAt(std::move(stream), layout.valueAt[at], std::string(value));
         return true;
     }
-    std::string line(key.substr(prefix));
-    line.append("=").append(value).append("\n\n");
-    error = writeAt(std::move(stream), layout.end, line);
-    const std::size_t nameSize = key.size() - prefix;
-    layout.valueAt.push_back(layout.end + static_cast<long>(nameSize + 1));
-    layout.valueSize.push_back(value.size());
-    layout.end += static_cast<long>(line.size() - 1);
+    // A section may come again and an entry too: readers go by the last.
+    std::string text;
+    if (section != layout.section) {
+        layout.section = section;
+        text.append("\n[").append(section).append("]\n");
+    }
+    text.append(key.substr(section.size() + 1)).append("=");
+    layout.valueAt.resize(static_cast<std::size_t>(d->n), -1);
+    layout.valueSize.resize(static_cast<std::size_t>(d->n), 0);
+    layout.valueAt[at] = layout.end + static_cast<long>(text.size());
+    layout.valueSize[at] = value.size();
+    text.append(value).append("\n");
+    error = writeAt(std::move(stream), layout.end, text + "\n");
+    layout.end += static_cast<long>(text.size());
     return true;
 }
 
@@ -228,14 +257,7 @@ void iniparser_dump_ini(const dictionary* d, FILE* f) {
         }
         return;
     }
-    // A section's name holds no ":", so an entry belongs to the text before its first one.
-    std::unordered_map<std::string_view, std::vector<int>> entries;
-    for (int slot = 0; slot < d->n; ++slot) {
-        const std::string_view key = d->key[slot];
-        if (const std::size_t colon = key.find(':'); colon != std::string_view::npos) {
-            entries[key.substr(0, colon)].push_back(slot);
-        }
-    }
+    auto entries = entriesOfSections(d);
     for (int section = 0; section < d->n; ++section) {
         if (!isSection(d->key[section])) {
             continue;
@@ -300,6 +322,7 @@ IniDumpResult iniparser_update_dump(const dictionary* d, const char* key, const 
         }
         return {error, error == 0 ? "" : "fwrite"};
     }
+    const long wholes = layout.path == path ? layout.wholes : 0;
     layout = {};
     Stream stream(std::fopen(path, "wb"));
     if (stream == nullptr) {
@@ -318,5 +341,6 @@ IniDumpResult iniparser_update_dump(const dictionary* d, const char* key, const 
     }
     measureDump(d, layout);
     layout.path = path;
+    layout.wholes = wholes + layout.end;
     return {0, ""};
 }

@@ -41,10 +41,11 @@ char* iniparser_getsecname(const dictionary* d, int n);
 // Where the entries lie in a file that iniparser_update_dump keeps. Empty: not known.
 struct IniDumpLayout {
     std::string path;
-    std::string section;       // the one section of the file
-    std::vector<long> valueAt; // by slot: offset in bytes of the value, -1 for the section itself
+    std::string section;                // the last section of the file
+    std::vector<long> valueAt;          // by slot: offset in bytes of the value, -1 for a section
     std::vector<std::size_t> valueSize; // by slot: length of the value as written
     long end = 0;                       // offset of the empty line that closes the file
+    long wholes = 0;                    // bytes that were written as a whole so far
 };
 
 // The outcome of iniparser_update_dump: 0, or the errno of the call that failed.
@@ -53,10 +54,12 @@ struct IniDumpResult {
     const char* call; // "fopen", "fwrite"; "" on success
 };
 
-// Brings the file at `path` to the bytes that iniparser_dump_ini writes for d, after the entry
-// `key` ("section:key") was set: what N calls write is N entries, not N files. The whole is written
-// where the layout is not known, where it cannot be kept (other sections, a value of another
-// length), and after a failure. REQUIRES: every set since the last call was followed by a call with
-// its key; nobody else writes the file.
+// Brings the file at `path` to what iniparser_dump_ini writes for d, after the entry `key`
+// ("section:key") was set: what N calls write is N entries, not N files. An entry that fits neither
+// in its place nor at the end (its section is not the last, its value has another length) is
+// written with the whole while that has cost little; in a large file it follows at the end, under
+// its section's name again, where it counts for a reader as if it stood in its place. The whole is
+// also written where the layout is not known, and after a failure. REQUIRES: every set since the
+// last call was followed by a call with its key; nobody else writes the file.
 IniDumpResult iniparser_update_dump(const dictionary* d, const char* key, const char* path,
                                     IniDumpLayout& layout);

@@ -13,6 +13,12 @@ using BOOL = int;
 using STATUS = WORD;
 inline constexpr STATUS kStatusNumberMask = 0x3FFF;
 
+// Whether a status has this error number. Its two flags (the error was displayed, or comes from
+// another server) make no other error of it.
+constexpr bool isStatus(STATUS status, STATUS number) {
+    return (status & kStatusNumberMask) == number;
+}
+
 // Handles: 0 is no handle.
 using DHANDLE = DWORD;
 using DBHANDLE = DWORD;

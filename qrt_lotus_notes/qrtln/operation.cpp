@@ -42,16 +42,51 @@ void releaseLists() {
     }
 }
 
+// An archiving session that an abandoned operation may have left on the server is still to be
+// ended.
+bool s_archivingToEnd = false;
+
+// Keeps the error record as it is while another operation is undone: what that reports is logged,
+// but is no error of the operation that starts.
+class ErrorRecordKeeper {
+  public:
+    ErrorRecordKeeper() : m_code(g_sQRTLN_Global.ulDBErrorCode) {
+        copyText(m_type, g_sQRTLN_Global.szDBErrorType);
+        copyText(m_message, g_sQRTLN_Global.szDBErrorMsg);
+    }
+    ~ErrorRecordKeeper() {
+        g_sQRTLN_Global.ulDBErrorCode = m_code;
+        copyText(g_sQRTLN_Global.szDBErrorType, m_type);
+        copyText(g_sQRTLN_Global.szDBErrorMsg, m_message);
+    }
+    ErrorRecordKeeper(const ErrorRecordKeeper&) = delete;
+    ErrorRecordKeeper& operator=(const ErrorRecordKeeper&) = delete;
+
+  private:
+    unsigned long m_code;
+    char m_type[sizeof g_sQRTLN_Global.szDBErrorType];
+    char m_message[sizeof g_sQRTLN_Global.szDBErrorMsg];
+};
+
+// Ends that session, once the server may be asked.
+void endAbandonedArchiving() {
+    if (s_archivingToEnd && g_sQRTLN_Global.bNotesInitialized) {
+        const ErrorRecordKeeper keeper;
+        s_archivingToEnd = false;
+        endArchiveLogs();
+    }
+}
+
 // Undoes an operation that the client never closed, as a close that reports failure would: no log
 // is marked, the index stays.
 void abandonOperation() {
+    const ErrorRecordKeeper keeper;
     if (g_sQRTLN_Global.eI_OperationType != kNoOperation) {
         DB_LogExt("DB_InitOperation(): The operation before was not closed: it counts as failed");
     }
     if (g_sQRTLN_Global.eI_OperationType == DB_TYPE_BCK) {
-        if (g_sQRTLN_Global.bWithArchiveLogs) {
-            endArchiveLogs();
-        }
+        s_archivingToEnd = s_archivingToEnd || g_sQRTLN_Global.bWithArchiveLogs;
+        endAbandonedArchiving();
         QRTLN_EndDBIIDIndexProcessing(FALSE);
     }
     closePendingBackup();
@@ -75,11 +110,15 @@ const char* levelName(DB_OPERATION_LEVEL level) {
     }
 }
 
-void appendDelimiter(char (&szDirectory)[kPathSize]) {
+// Makes a directory end in "/". False (reported) when it leaves no room for it.
+bool appendDelimiter(char (&szDirectory)[kPathSize]) {
     const std::size_t length = std::strlen(szDirectory);
-    if (length == 0 || szDirectory[length - 1] != kDelimiter) {
-        appendText(szDirectory, "/");
+    if ((length > 0 && szDirectory[length - 1] == kDelimiter) || appendText(szDirectory, "/")) {
+        return true;
     }
+    DB_ErrHandler(0, kErrorKindNone, "The path of a directory of the server is longer than %zu: %s",
+                  kPathSize - 2, szDirectory);
+    return false;
 }
 
 // After the initialisation of a backup and whatever its result. A full backup therefore asks for
@@ -152,14 +191,17 @@ int initOperation(DB_OPERATION_TYPE eI_OperationType, DB_OPERATION_LEVEL eI_Oper
         DB_TraceExt("DB_InitOperation(): LN C API call NotesInitExtended() failed");
         return DB_NUM_E_FAILED;
     }
+    endAbandonedArchiving();
     if (getNotesDirectories(g_sQRTLN_Global.szNotesDataDirectory,
                             g_sQRTLN_Global.szNotesBinDirectory,
                             static_cast<int>(kPathSize)) == DB_NUM_E_FAILED) {
         DB_LogExt("DB_InitOperation(): Could not get Lotus Notes Data Directory");
         return DB_NUM_E_FAILED;
     }
-    appendDelimiter(g_sQRTLN_Global.szNotesDataDirectory);
-    appendDelimiter(g_sQRTLN_Global.szNotesBinDirectory);
+    if (!appendDelimiter(g_sQRTLN_Global.szNotesDataDirectory) ||
+        !appendDelimiter(g_sQRTLN_Global.szNotesBinDirectory)) {
+        return DB_NUM_E_FAILED;
+    }
 
     const bool bExpected = eI_OperationType == DB_TYPE_BCK || eI_OperationType == DB_TYPE_RST;
     const int result = bExpected ? startOperation() : entry_point::fail(kOperationNotExpected);
@@ -245,6 +287,7 @@ int closeOperation(char** cppI_CtrlVars) {
     const int result =
         g_sQRTLN_Global.eI_OperationType == DB_TYPE_BCK ? closeBackup(bOk) : DB_NUM_I_OK;
 
+    forgetDBIIDIndexRun(); // also of one whose end failed before: the next must not take its copy
     DB_TraceExt("DB_CloseOperation(): Releasing global structures.");
     closePendingBackup();
     releaseLists();

@@ -56,18 +56,15 @@ bool takeOffline(const char* cpFile, const char* szTargetFile, bool bInPlace) {
 }
 
 bool replace(const char* cpFile, const char* szTargetFile) {
-    // No allocation between offline and copied: one that fails would leave the database offline.
-    char szFile[kPathSize];
-    copyText(szFile, getUTF8FileName(cpFile));
-    DB_TraceExt("QRTLN_Activate(): Copying file [%s] to [%s] ...", szFile,
+    DB_TraceExt("QRTLN_Activate(): Copying file [%s] to [%s] ...", getUTF8FileName(cpFile),
                 getUTF8FileName(szTargetFile));
     if (!SysFileExists(cpFile)) {
-        DB_TraceExt("QRTLN_Activate(): Error: File [%s] does not exist", szFile);
+        DB_TraceExt("QRTLN_Activate(): Error: File [%s] does not exist", getUTF8FileName(cpFile));
     }
     if (copyToDisk("QRTLN_Activate", cpFile, szTargetFile)) {
         return true;
     }
-    DB_TraceExt("QRTLN_Activate(): Copy of file [%s] to [%s] FAILED", szFile,
+    DB_TraceExt("QRTLN_Activate(): Copy of file [%s] to [%s] FAILED", getUTF8FileName(cpFile),
                 getUTF8FileName(szTargetFile));
     return false;
 }

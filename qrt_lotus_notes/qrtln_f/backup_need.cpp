@@ -21,38 +21,35 @@ constexpr DWORD kSpanOfLog = 0x10000;
 // Databases that the server never logs.
 constexpr const char* kNeverLogged[] = {"dbdirman.nsf", "events.nsf", "events4.nsf"};
 
-// getUTF8FileName in a buffer of its own: the callers pass it to functions that name files too.
-struct Utf8Name {
-    explicit Utf8Name(const char* cpFile) { copyText(szName, getUTF8FileName(cpFile)); }
-    char szName[kPathSize];
-};
-
-Utf8Name utf8BaseName(const char* cpFile) {
+const char* utf8BaseName(const char* cpFile) {
     char szBase[kPathSize];
     getFileName(cpFile, szBase);
-    return Utf8Name(szBase);
+    return getUTF8FileName(szBase);
 }
 
 // The decision for a database that is logged archive-style.
-BOOL isNeededByDbIId(const char* cpFile, DB_OPERATION_LEVEL level, const UNIVERSALNOTEID& DbIID) {
-    if (isBackupNeeded(cpFile, kSpanNeverBackedUp)) {
+BOOL isNeededByDbIId(const char* cpFile, DB_OPERATION_LEVEL level, const UNIVERSALNOTEID& DbIID,
+                     BOOL* bpUnanswered) {
+    if (isBackupNeeded(cpFile, kSpanNeverBackedUp, bpUnanswered)) {
         DB_LogExt("QRTLN_IsBackupNeeded: The database %s has not been backed up on this "
                   "server/instance of the log.",
-                  utf8BaseName(cpFile).szName);
+                  utf8BaseName(cpFile));
         return TRUE; // and the index stays as it is
     }
     char szDbIId[kDbIIdTextSize];
     formatDbIId(DbIID, szDbIId);
-    const Utf8Name path(cpFile);
+    // A copy: the result is used over calls that name files too.
+    char szUtf8Path[kPathSize];
+    copyText(szUtf8Path, getUTF8FileName(cpFile));
     BOOL bNeeded = FALSE;
     if (level == DB_LEVEL_FULL) {
         bNeeded = TRUE;
     } else {
         // No entry selects nothing: such a database is left to the question above.
-        const char* cpStored = storedDbIId(path.szName);
+        const char* cpStored = storedDbIId(szUtf8Path);
         if (cpStored != nullptr && std::strcmp(cpStored, szDbIId) != 0) {
             DB_LogExt("QRTLN_IsBackupNeeded: DBIID of %s has changed from [%s] to [%s]",
-                      utf8BaseName(cpFile).szName, cpStored, szDbIId);
+                      utf8BaseName(cpFile), cpStored, szDbIId);
             bNeeded = TRUE;
         }
     }
@@ -62,8 +59,14 @@ BOOL isNeededByDbIId(const char* cpFile, DB_OPERATION_LEVEL level, const UNIVERS
         return FALSE;
     }
     DB_LogExt("QRTLN_IsBackupNeeded: Update index file %s", workingCopyPath());
-    storeDbIId(path.szName, szDbIId);
+    storeDbIId(szUtf8Path, szDbIId);
     return TRUE;
+}
+
+int reportInvalidName(const char* cpFile) {
+    DB_ErrHandler(0, kErrorKindNone, "finishBackupFile(): file full path [%s] is not valid.",
+                  getUTF8FileName(cpFile));
+    return DB_NUM_E_FAILED;
 }
 
 } // namespace
@@ -71,6 +74,7 @@ BOOL isNeededByDbIId(const char* cpFile, DB_OPERATION_LEVEL level, const UNIVERS
 int QRTLN_IsBackupNeeded(const char* cpFile, DB_OPERATION_LEVEL eI_OperationLevel, BOOL* bpBackup) {
     *bpBackup = FALSE;
     const bool bDatabase = isFileNotesNSF(cpFile) != 0;
+    BOOL bUnanswered = FALSE;
     if (bDatabase) {
         const BOOL bAttribute = OSIsArchiveAttributeSet(cpFile);
         BOOL bLogged = FALSE;
@@ -78,7 +82,7 @@ int QRTLN_IsBackupNeeded(const char* cpFile, DB_OPERATION_LEVEL eI_OperationLeve
         UNIVERSALNOTEID DbIID{};
         if (isDatabaseLogged(cpFile, &bLogged, &e_LoggingStyle, &DbIID) != DB_NUM_I_OK) {
             DB_TraceExt("Checking database %s logging failed. Skip backup of this file ...",
-                        Utf8Name(cpFile).szName);
+                        getUTF8FileName(cpFile));
             return DB_NUM_E_FAILED;
         }
         // The probe must leave no mark on the file.
@@ -88,19 +92,23 @@ int QRTLN_IsBackupNeeded(const char* cpFile, DB_OPERATION_LEVEL eI_OperationLeve
         if (!bLogged) {
             DB_TraceExt("The database is not being logged");
         } else if (e_LoggingStyle == DB_LOGGING_STYLE_ARCH) {
-            *bpBackup = isNeededByDbIId(cpFile, eI_OperationLevel, DbIID);
+            *bpBackup = isNeededByDbIId(cpFile, eI_OperationLevel, DbIID, &bUnanswered);
         } else if (e_LoggingStyle == DB_LOGGING_STYLE_CIRC && eI_OperationLevel == DB_LEVEL_DIFF) {
             DB_TraceExt("QRTLN_IsBackupNeeded(): Differential: Check CIRCULAR logged database");
-            *bpBackup = isBackupNeeded(cpFile, kSpanOfLog);
+            *bpBackup = isBackupNeeded(cpFile, kSpanOfLog, &bUnanswered);
         }
     }
-    if (*bpBackup || eI_OperationLevel != DB_LEVEL_DIFF) {
-        return DB_NUM_I_OK;
+    if (!*bpBackup && eI_OperationLevel == DB_LEVEL_DIFF) {
+        // Not selected yet: by the file's times and, for a database, by its notes.
+        *bpBackup = isFileNewer(cpFile, g_sQRTLN_Global.tSinceTime) ? TRUE : FALSE;
+        if (*bpBackup && bDatabase) {
+            *bpBackup = isNotesDbModified(cpFile, g_sQRTLN_Global.tSinceTime);
+        }
     }
-    // Differential, not selected yet: by the file's times and, for a database, by its notes.
-    *bpBackup = isFileNewer(cpFile, g_sQRTLN_Global.tSinceTime) ? TRUE : FALSE;
-    if (*bpBackup && bDatabase) {
-        *bpBackup = isNotesDbModified(cpFile, g_sQRTLN_Global.tSinceTime);
+    // What is not selected is not saved, and here nobody knows whether it should be: hosts find
+    // this line. A full backup saves the database all the same.
+    if (bUnanswered && !*bpBackup && eI_OperationLevel != DB_LEVEL_FULL) {
+        DB_LogExt("Checking if file needs to be backed up failure: %s", getUTF8FileName(cpFile));
     }
     return DB_NUM_I_OK;
 }
@@ -129,7 +137,7 @@ int QRTLN_PrepareForBackup(char* cpFile, char* cpBackupDirectory, BOOL* bpFileOp
         char szDbIId[kDbIIdTextSize];
         formatDbIId(DbIID, szDbIId);
         DB_TraceExt("QRTLN_PrepareForBackup: got database [%s], DBIID [%s])",
-                    Utf8Name(cpFile).szName, szDbIId);
+                    getUTF8FileName(cpFile), szDbIId);
     } else if (result == DB_NUM_W_WARNING) {
         if (g_sQRTLN_Global.eI_OperationLevel == DB_LEVEL_COPY) {
             result = DB_NUM_I_OK;
@@ -149,33 +157,35 @@ int QRTLN_PrepareForBackup(char* cpFile, char* cpBackupDirectory, BOOL* bpFileOp
 }
 
 int finishBackupFile(const char* cpOriginalFile, BOOL bFileWasOpen) {
-    char szCopy[kPathSize];
-    const char* cpName = relativeDatabaseName(cpOriginalFile);
-    if (bFileWasOpen && *g_sQRTLN_Global.szTmpDir == '\0') {
-        return DB_NUM_I_OK; // no copy was made
+    if (std::strchr(cpOriginalFile, kDelimiter) == nullptr) {
+        return reportInvalidName(cpOriginalFile);
     }
-    if (cpName == nullptr || *cpName == '\0' || !buildCopyPath(cpOriginalFile, szCopy)) {
-        DB_ErrHandler(0, kErrorKindNone, "finishBackupFile(): file full path [%s] is not valid.",
-                      Utf8Name(cpOriginalFile).szName);
-        return DB_NUM_E_FAILED;
-    }
-    if (!bFileWasOpen) {
+    // bFileWasOpen tells of the database prepared last; what is no database was never prepared.
+    if (!bFileWasOpen || !isFileNotesNSF(cpOriginalFile)) {
         const int result = CloseDbBackup(cpOriginalFile);
         // Closed for good: whoever releases the operation must not close the handle again.
         g_sQRTLN_Global.hCurrDB = 0;
         g_sQRTLN_Global.hCurrBackupContext = 0;
         return result == DB_NUM_I_OK ? DB_NUM_I_OK : DB_NUM_E_FAILED;
     }
+    if (*g_sQRTLN_Global.szTmpDir == '\0') {
+        return DB_NUM_I_OK; // no copy was made
+    }
+    char szCopy[kPathSize];
+    const char* cpName = relativeDatabaseName(cpOriginalFile);
+    if (cpName == nullptr || *cpName == '\0' || !buildCopyPath(cpOriginalFile, szCopy)) {
+        return reportInvalidName(cpOriginalFile);
+    }
     // With TMP_DIR equal to the data directory this would delete the live database.
     if (isSameFile(szCopy, cpOriginalFile)) {
         DB_ErrHandler(0, kErrorKindNone,
                       "finishBackupFile(): [%s] is the database itself, not a copy: it is not "
                       "deleted. Choose a TMP_DIR outside the data directory.",
-                      Utf8Name(szCopy).szName);
+                      getUTF8FileName(szCopy));
         return DB_NUM_E_FAILED;
     }
     if (SysFileDelete(szCopy) != 0) {
-        DB_TraceExt("finishBackupFile(): Deleting of file [%s] failed", Utf8Name(szCopy).szName);
+        DB_TraceExt("finishBackupFile(): Deleting of file [%s] failed", getUTF8FileName(szCopy));
         return DB_NUM_E_FAILED;
     }
     return DB_NUM_I_OK;

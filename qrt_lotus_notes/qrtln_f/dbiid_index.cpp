@@ -1,6 +1,5 @@
 #include "qrt_lotus_notes/qrtln_f/dbiid_index.h"
 
-#include <algorithm>
 #include <cerrno>
 #include <climits>
 #include <cstdlib>
@@ -12,6 +11,7 @@
 #include "common/bounded_text.h"
 #include "common/iniparser.h"
 #include "common/strlib.h"
+#include "qrt_lotus_notes/qrtln_o/disk_flush.h"
 #include "qrt_lotus_notes/qrtln_o/file_primitives.h"
 #include "qrt_lotus_notes/qrtln_u/messages.h"
 
@@ -37,23 +37,28 @@ char szDBIIDTmpFile[kPathSize];
 // Where the working copy has its entries, so that a change writes one entry and not all of them.
 IniDumpLayout s_layout;
 
+// What the run of this operation may do to the index when it ends.
+enum class IndexRun {
+    none,    // it has not opened the index: whatever has the name of a working copy is not its own
+    open,    // the working copy may take the index's place
+    blocked, // the index is there and cannot be read: it stays as it is
+};
+IndexRun s_run = IndexRun::none;
+
 // A file descriptor that is closed at the end of its scope.
 class FileDescriptor {
   public:
     explicit FileDescriptor(int descriptor) : m_descriptor(descriptor) {}
     FileDescriptor(const FileDescriptor&) = delete;
     FileDescriptor& operator=(const FileDescriptor&) = delete;
-    ~FileDescriptor() { close(); }
+    ~FileDescriptor() {
+        if (m_descriptor >= 0) {
+            close(m_descriptor);
+        }
+    }
 
     explicit operator bool() const { return m_descriptor >= 0; }
     int get() const { return m_descriptor; }
-
-    // Whether there was a descriptor, and its last bytes were accepted.
-    bool close() {
-        const int descriptor = m_descriptor;
-        m_descriptor = -1;
-        return descriptor >= 0 && ::close(descriptor) == 0;
-    }
 
   private:
     int m_descriptor;
@@ -94,23 +99,21 @@ void formFullKey(char (&szKey)[kFullKeySize], const char* cpUtf8Path) {
     formatText(szKey, sizeof szKey, "%s:%s", kSection, cpUtf8Path);
 }
 
-// Makes the bytes of a file, or of a directory's entries, durable.
-bool flushToDisk(const char* path, int flags) {
-    FileDescriptor file(open(path, flags | O_CLOEXEC));
-    return file && fsync(file.get()) == 0 && file.close();
-}
-
-// Gives the new index the owner and mode of the one that it replaces.
+// Gives the new index the owner, group and mode of the one that it replaces, as far as each goes: a
+// user who may write the index of another cannot give the file away, but must not shut him out.
 void keepOwnership(const char* cpOld, const char* cpNew) {
     struct stat status;
     if (stat(cpOld, &status) != 0) {
         return;
     }
     const FileDescriptor file(open(cpNew, O_RDONLY | O_CLOEXEC | O_NOFOLLOW));
-    if (!file || fchown(file.get(), status.st_uid, status.st_gid) != 0 ||
-        fchmod(file.get(), status.st_mode & 07777) != 0) {
-        DB_TraceExt("QRTLN_EndDBIIDIndexProcessing(): owner or mode of [%s] not kept (%d): %s",
-                    cpOld, errno, std::strerror(errno));
+    // The owner last: after it only root may change the rest.
+    const bool bMode = file && fchmod(file.get(), status.st_mode & 07777) == 0;
+    const bool bGroup = file && fchown(file.get(), static_cast<uid_t>(-1), status.st_gid) == 0;
+    const bool bOwner = file && fchown(file.get(), status.st_uid, static_cast<gid_t>(-1)) == 0;
+    if (!bOwner || !bGroup || !bMode) {
+        DB_TraceExt("QRTLN_EndDBIIDIndexProcessing(): of [%s] not kept:%s%s%s", cpOld,
+                    bOwner ? "" : " owner", bGroup ? "" : " group", bMode ? "" : " mode");
     }
 }
 
@@ -128,7 +131,7 @@ bool replaceIndex() {
         std::strncmp(szSibling, szTarget, std::strlen(szTarget)) != 0) {
         return false;
     }
-    if (!SysFileCopy(szDBIIDTmpFile, szSibling, FALSE) || !flushToDisk(szSibling, O_RDONLY)) {
+    if (!SysFileCopy(szDBIIDTmpFile, szSibling, FALSE) || flushFile(szSibling) != 0) {
         SysFileDelete(szSibling);
         return false;
     }
@@ -138,15 +141,9 @@ bool replaceIndex() {
         return false;
     }
     // The rename has happened; without this a power cut could bring the old index back, whole.
-    const char* delimiter = std::strrchr(szTarget, kDelimiter);
-    const std::string folder =
-        delimiter == nullptr
-            ? "."
-            : std::string(szTarget,
-                          std::max<std::size_t>(1, static_cast<std::size_t>(delimiter - szTarget)));
-    if (!flushToDisk(folder.c_str(), O_RDONLY | O_DIRECTORY)) {
-        DB_TraceExt("QRTLN_EndDBIIDIndexProcessing(): folder [%s] not flushed (%d): %s",
-                    folder.c_str(), errno, std::strerror(errno));
+    if (const int error = flushDirectoryOf(szTarget); error != 0) {
+        DB_TraceExt("QRTLN_EndDBIIDIndexProcessing(): folder of [%s] not flushed (%d): %s",
+                    szTarget, error, std::strerror(error));
     }
     return true;
 }
@@ -163,12 +160,20 @@ void openDBIIDIndex() {
     }
     // Whatever has this name is not from this run: a process id comes back.
     SysFileDelete(szDBIIDTmpFile);
-    // An index that cannot be examined is not none: that it is begun anew is said then, too.
+    IndexRun run = IndexRun::open;
+    // An index that cannot be examined is not none.
     if (SysFileExists(szDBIIDFile) || !isMissing(szDBIIDFile)) {
         gdcDBIID = iniparser_load(szDBIIDFile);
-        if (gdcDBIID == nullptr) {
-            DB_LogExt("QRTLN_InitBackup(): index file [%s] is empty or cannot be read, a new one "
-                      "is begun",
+        const int error = errno;
+        if (gdcDBIID == nullptr && error != 0) {
+            // Its entries may be worth a lot to whoever can read it, or once the disk is well
+            // again.
+            run = IndexRun::blocked;
+            DB_LogExt("QRTLN_InitBackup(): index file [%s] cannot be read (%d): %s; it stays as it "
+                      "is, and this backup has no entries and sets none",
+                      szDBIIDFile, error, std::strerror(error));
+        } else if (gdcDBIID == nullptr) {
+            DB_LogExt("QRTLN_InitBackup(): index file [%s] is empty, a new one is begun",
                       szDBIIDFile);
         } else if (!keepsEntries(gdcDBIID)) {
             DB_LogExt("QRTLN_InitBackup(): index file [%s] is damaged, a new one is begun",
@@ -176,6 +181,7 @@ void openDBIIDIndex() {
             releaseDBIIDIndex();
         }
     }
+    s_run = run;
     if (gdcDBIID == nullptr) {
         gdcDBIID = dictionary_new(0);
         iniparser_add_entry(gdcDBIID, kSection, nullptr, nullptr);
@@ -195,6 +201,9 @@ const char* storedDbIId(const char* cpUtf8Path) {
 }
 
 void storeDbIId(const char* cpUtf8Path, const char* cpDbIId) {
+    if (s_run == IndexRun::blocked) {
+        return; // said at the start
+    }
     // The file has a line an entry: the rest of such a path could begin another section, and hide
     // the entries behind it.
     if (std::strpbrk(cpUtf8Path, "\r\n") != nullptr) {
@@ -234,20 +243,25 @@ const char* workingCopyPath() {
 int QRTLN_EndDBIIDIndexProcessing(BOOL bOk) {
     int result = DB_NUM_I_OK;
     resolveIndexPaths();
-    if (bOk && !replaceIndex()) {
+    if (bOk && s_run != IndexRun::none && (s_run == IndexRun::blocked || !replaceIndex())) {
         DB_LogExt("QRTLN_EndDBIIDIndexProcessing(): Copy of file [%s] to [%s] FAILED",
                   szDBIIDTmpFile, szDBIIDFile);
         result = DB_NUM_E_FAILED;
     }
     SysFileDelete(szDBIIDTmpFile);
-    s_layout = IniDumpLayout{};
+    forgetDBIIDIndexRun();
     return result;
+}
+
+void forgetDBIIDIndexRun() {
+    s_run = IndexRun::none;
+    s_layout = IniDumpLayout{};
 }
 
 void releaseDBIIDIndex() {
     dictionary_del(gdcDBIID);
     gdcDBIID = nullptr;
-    s_layout = IniDumpLayout{};
+    forgetDBIIDIndexRun();
 }
 
 void AddPidToFilename(char* str, std::size_t size) {

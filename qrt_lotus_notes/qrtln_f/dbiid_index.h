@@ -16,7 +16,9 @@ struct _dictionary_;
 extern _dictionary_* gdcDBIID;
 
 // Opens the index for a run: loads it into gdcDBIID and makes the working copy, or starts with an
-// empty section where there is no index. A working copy that cannot be made is only traced.
+// empty section where there is no index. A working copy that cannot be made is only traced. An
+// index that is there and cannot be read is logged and left alone: the run has no entries then,
+// sets none, and its end replaces nothing.
 void openDBIIDIndex();
 
 // Returns the DBIID text that the index has for a database, nullptr without one. The text belongs
@@ -34,10 +36,15 @@ void storeDbIId(const char* cpUtf8Path, const char* cpDbIId);
 const char* workingCopyPath();
 
 // Ends the run: with bOk the working copy replaces the index, so that a crash leaves the old or the
-// new one whole; in every case the working copy is deleted. 3000 or 1000 (logged).
+// new one whole; in every case the working copy is deleted. 3000 or 1000 (logged). Without a run,
+// what has the name of its working copy is somebody else's leftover: it is deleted, never taken.
 int QRTLN_EndDBIIDIndexProcessing(BOOL bOk);
 
-// Releases gdcDBIID. REQUIRES: no run is open.
+// Forgets the run without ending it, as a close does that failed before: its working copy stays
+// where it is and is nobody's from now on.
+void forgetDBIIDIndexRun();
+
+// Releases gdcDBIID, and forgets the run.
 void releaseDBIIDIndex();
 
 // Appends "." and the process id to str, never beyond size bytes in all.

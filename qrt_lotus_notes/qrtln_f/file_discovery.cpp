@@ -499,11 +499,11 @@ BOOL IsValidPattern(const char* cpPattern) {
     return FALSE;
 }
 
-void queueNamedItem(const char* cpItem) {
+std::string relocatedName(const char* cpItem) {
     char szItem[kUnmeasuredPathSize];
     copyText(szItem, cpItem);
     relocate(szItem);
-    pushPath(g_sQRTLN_Global.lhNotesFileList, szItem, DB_BACKUP_FILE_TYPE_DB);
+    return szItem;
 }
 
 void getDatabasesIn(const char* cpDirectory, LIST_INFO* _lhDatabases) {

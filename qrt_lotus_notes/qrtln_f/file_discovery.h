@@ -1,6 +1,8 @@
 // From directories and patterns to the item queue.
 #pragma once
 
+#include <string>
+
 #include "qrt_lotus_notes/operation_state.h"
 
 // Queues every Domino file under a directory (or matching a pattern). 3000 when the queue holds at
@@ -16,9 +18,8 @@ int getParticularFileList(LIST_INFO* _lhListIncludePatterns);
 // line, and so is a directory that cannot be read.
 int fillFileList(LIST_INFO* hFilePatterns, LIST_INFO* hMatchPatterns);
 
-// Queues one item under the name that it is given, which a relocated restore rewrites. A path that
-// does not fit is left out with a log line.
-void queueNamedItem(const char* cpItem);
+// The name of an item that is not searched for but given, as a relocated restore rewrites it.
+std::string relocatedName(const char* cpItem);
 
 // Appends the databases that lie in a directory, as restores know databases. What cannot be read is
 // logged.

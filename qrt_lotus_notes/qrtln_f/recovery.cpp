@@ -20,6 +20,11 @@ namespace {
 
 constexpr char kPendingPattern[] = "*.nsf";
 
+// The arguments of a selective recovery that cover more than what the search found for them: those
+// with wildcards, and those for which nothing exists. What was found is in lhNotesFileList by its
+// name, and covers that name alone, whatever characters it has.
+std::vector<std::string> s_patterns;
+
 const RecoveryChoices& choices() {
     return g_sQRTLN_Global.sRecoveryChoices;
 }
@@ -44,6 +49,18 @@ std::vector<std::string> selectedDatabases() {
     return names;
 }
 
+// Whether an argument is a pattern of several names: a wildcard that no backslash escapes.
+bool hasWildcard(const char* cpArgument) {
+    for (; *cpArgument != '\0'; ++cpArgument) {
+        if (*cpArgument == '\\' && cpArgument[1] != '\0') {
+            ++cpArgument;
+        } else if (std::strchr("*?[", *cpArgument) != nullptr) {
+            return true;
+        }
+    }
+    return false;
+}
+
 // Notes one argument of a selective recovery.
 void takeParticular(const char* cpArgument, FifoList& lhListIncludePatterns) {
     DB_TraceExt("QRTLN_InitRecovery(): Selective Lotus Notes recovery operation.");
@@ -51,14 +68,20 @@ void takeParticular(const char* cpArgument, FifoList& lhListIncludePatterns) {
     if (!lhListIncludePatterns) {
         lhListIncludePatterns.reset(CreateFIFOList());
     }
-    if (IsValidPattern(cpArgument)) {
+    const bool bExists = IsValidPattern(cpArgument) != FALSE;
+    if (choices().bSelectsWhatIsMissing && (!bExists || hasWildcard(cpArgument))) {
+        s_patterns.push_back(relocatedName(cpArgument));
+    }
+    if (bExists) {
         pushPath(lhListIncludePatterns.get(), cpArgument, DB_BACKUP_FILE_TYPE_DB);
         return;
     }
     DB_TraceExt("QRTLN_InitRecovery(): Pattern does not assign any existing file: [%s]",
                 cpArgument);
     if (choices().bSelectsWhatIsMissing) {
-        queueNamedItem(cpArgument); // it may be just what was lost
+        // It may be just what was lost.
+        pushPath(g_sQRTLN_Global.lhNotesFileList, relocatedName(cpArgument).c_str(),
+                 DB_BACKUP_FILE_TYPE_DB);
     }
 }
 
@@ -101,12 +124,25 @@ bool buildOriginal(const char* szRecoveryPendingFile, char (&szOriginalDatabaseF
                       g_sQRTLN_Global.szNotesDataDirectory, cpRelative);
 }
 
-// Whether a database is selected. What was selected by its name is used up then, and a selection
-// that has been used up covers nothing more, although an empty list of patterns matches everything.
+// Whether a pattern covers a database. As in every search only its last component is one: what else
+// has wildcards in it is the name of a directory.
+bool matches(const std::string& pattern, const std::string& database) {
+    const std::size_t name = pattern.rfind(kDelimiter) + 1; // 0 without one
+    std::string text;
+    for (std::size_t i = 0; i < pattern.size(); ++i) {
+        if (i < name && std::strchr("*?[\\", pattern[i]) != nullptr) {
+            text.push_back('\\');
+        }
+        text.push_back(pattern[i]);
+    }
+    return fnmatch(text.c_str(), database.c_str(), 0) == 0;
+}
+
+// Whether a database is selected: by its name, which is used up then, or by a pattern.
 bool isCovered(const char* cpDatabase) {
-    LIST_INFO* selection = g_sQRTLN_Global.lhNotesFileList;
     return isDatabaseForRecovery(cpDatabase) ||
-           (getFIFOItemNumber(selection) > 0 && ifMatchPattern(cpDatabase, selection));
+           std::any_of(s_patterns.begin(), s_patterns.end(),
+                       [&](const std::string& pattern) { return matches(pattern, cpDatabase); });
 }
 
 // Adds a pair to the recovery list. One that it cannot hold is left out.
@@ -154,9 +190,11 @@ void addPending(LIST_INFO* lhRecoveryList, const char* szRecoveryPendingFile,
 // Tells of each selected database, or pattern, for which there was nothing to recover.
 void tellLeftOver(const std::vector<std::string>& covered) {
     for (const std::string& selected : selectedDatabases()) {
+        const bool bPattern =
+            std::find(s_patterns.begin(), s_patterns.end(), selected) != s_patterns.end();
         const bool bUsed =
             std::any_of(covered.begin(), covered.end(), [&](const std::string& name) {
-                return name == selected || fnmatch(selected.c_str(), name.c_str(), 0) == 0;
+                return name == selected || (bPattern && matches(selected, name));
             });
         if (!bUsed) {
             tellNotRecovered(selected.c_str(), "no restored copy of it waits for recovery");
@@ -216,6 +254,7 @@ void listInPlace(LIST_INFO* lhRecoveryList) {
 int QRTLN_InitRecovery() {
     const ArgumentListRelease release;
     g_sQRTLN_Global.eI_BackupType = QRTLN_OPERATION_TYPE_PARTICULAR;
+    s_patterns.clear();
     FifoList lhListIncludePatterns;
     int result = DB_NUM_I_OK;
     char szArgumentFile[kPathSize];

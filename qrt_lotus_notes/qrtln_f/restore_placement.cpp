@@ -1,7 +1,6 @@
 #include "qrt_lotus_notes/qrtln_f/restore_placement.h"
 
 #include <algorithm>
-#include <string>
 
 #include "common/bounded_text.h"
 #include "qrt_lotus_notes/qrtln_f/fifo_list.h"
@@ -163,11 +162,9 @@ int relocate(char* cpFile, std::size_t cut) {
         return refuseTooLong(cpFile, std::strlen(szTmpDir) + std::strlen(joint) +
                                          std::strlen(cpFile + cut) + 1);
     }
-    if (createBranchOf(szTarget) != DB_NUM_I_OK) {
-        return DB_NUM_E_FAILED;
-    }
+    // Rewritten first: whatever fails from here on is told of the place under TMP_DIR.
     copyText(cpFile, kPathSize, szTarget);
-    return DB_NUM_I_OK;
+    return createBranchOf(szTarget);
 }
 
 int placeDatabase(char* cpFile) {
@@ -178,9 +175,8 @@ int placeDatabase(char* cpFile) {
                   getUTF8FileName(cpFile));
         return relocate(cpFile, dataLength);
     }
-    const std::string file = getUTF8FileName(cpFile);
-    DB_LogExt("Target path of NSF file [%s] is not under Notes Data directory [%s]", file.c_str(),
-              getUTF8FileName(szDataDirectory));
+    DB_LogExt("Target path of NSF file [%s] is not under Notes Data directory [%s]",
+              getUTF8FileName(cpFile), getUTF8FileName(szDataDirectory));
     if (g_sQRTLN_Global.bRecovery) {
         DB_LogExt("Recovery is requested so first restore file under temp diretory [%s]",
                   getUTF8FileName(g_sQRTLN_Global.szTmpDir));

@@ -85,10 +85,7 @@ BOOL PushFIFOItemLN(LIST_INFO* hListHandle, const void* vpItemData, unsigned int
     if (hListHandle == nullptr || uiItemDataSize >= INT_MAX) {
         return FALSE;
     }
-    if (isTracing()) {
-        DB_TraceExt("PushFIFOItemLN: %s.",
-                    getUTF8FileName(textOf(vpItemData, uiItemDataSize).c_str()));
-    }
+    DB_TraceExt("PushFIFOItemLN: %s.", getUTF8FileName(textOf(vpItemData, uiItemDataSize).c_str()));
     auto* const item = static_cast<LIST_ITEM*>(allocate("PushFIFOItemLN", sizeof(LIST_ITEM)));
     auto* const data = static_cast<char*>(allocate("PushFIFOItemLN", uiItemDataSize + 1U));
     if (uiItemDataSize > 0) {

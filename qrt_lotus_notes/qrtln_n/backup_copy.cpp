@@ -108,7 +108,7 @@ struct DatabaseCopy {
     FILE* srcfd;
     FILE* dstfd;
     char* buffer;
-    std::uint64_t position;
+    CopyPosition position;
 
     // Returns 0 or an error number; also 0 when it was stopped.
     int copyPass(DWORD dwBytesLeft) {
@@ -118,7 +118,7 @@ struct DatabaseCopy {
             if (const int error = readChunk(srcfd, buffer, chunk); error != 0) {
                 return error;
             }
-            position += chunk;
+            position.advance(chunk);
             if (++dwReadCount % kChunksPerHighWaterMark == 0) {
                 setHighWaterMark();
             }
@@ -134,9 +134,8 @@ struct DatabaseCopy {
     // count.
     void setHighWaterMark() const {
         DB_TraceExt("PrepareOpenDbForBackup(): Call NSFBackupSetHighWaterMark [%ld]",
-                    static_cast<long>(position));
-        notes_api.NSFBackupSetHighWaterMark(hDB, hBackupContext, static_cast<DWORD>(position),
-                                            static_cast<DWORD>(position >> 32));
+                    static_cast<long>(position.low()));
+        notes_api.NSFBackupSetHighWaterMark(hDB, hBackupContext, position.low(), position.high());
     }
 };
 
@@ -236,7 +235,7 @@ STATUS applyRecordedChanges(const char* caller, DBHANDLE hDB, DHANDLE hBackupCon
 STATUS startBackup(const char* caller, BackupContextGuard& context, DWORD* sizeLow,
                    DWORD* sizeHigh) {
     const STATUS status = context.start(sizeLow, sizeHigh);
-    if (status == kNotesBackupInProgress) {
+    if (isStatus(status, kNotesBackupInProgress)) {
         context.end(kBackupAbort);
     }
     if (status != kNotesNoError) {
@@ -271,20 +270,14 @@ bool openStreams(const char* original, char* directory, StreamGuard& source,
     return true;
 }
 
-// Whether the file has all that is to be copied. A file that is shorter from the start is damaged,
-// or not the one that the server has open.
-bool checkLength(const char* original, FILE* source, DWORD sizeLow, DWORD sizeHigh) {
+// Says of a file that it has less than is to be copied. It may be damaged, or the server rounds
+// sizes up: what is there is copied, zeros stand for the rest, and hosts find this line.
+void tellShortFile(const char* original, FILE* source, DWORD sizeLow, DWORD sizeHigh) {
     const std::uint64_t size = std::uint64_t{sizeHigh} << 32 | sizeLow;
     struct stat info;
-    if (fstat(fileno(source), &info) != 0) {
-        return reportFileError(errno);
+    if (fstat(fileno(source), &info) == 0 && static_cast<std::uint64_t>(info.st_size) < size) {
+        DB_LogExt("Database file [%s] is shorter than the size to copy", getUTF8FileName(original));
     }
-    if (static_cast<std::uint64_t>(info.st_size) < size) {
-        DB_ErrHandler(0, kErrorKindNone, "Database file [%s] is shorter than the size to copy",
-                      getUTF8FileName(original));
-        return false;
-    }
-    return true;
 }
 
 // Allocates and locks the working buffer; traces or logs and reports the step that failed.
@@ -307,15 +300,15 @@ bool copyToTemporaryDirectory(DBHANDLE hDB, DHANDLE hBackupContext, const char* 
                               char* directory, StreamGuard& source, TemporaryCopyGuard& copy,
                               BufferGuard& buffer, DWORD dwFileSizeLow, DWORD dwFileSizeHigh) {
     if (!openStreams(original, directory, source, copy) ||
-        !checkLength(original, source.stream(), dwFileSizeLow, dwFileSizeHigh) ||
         !allocateBuffer(buffer, [](const char* step) {
             DB_TraceExt("PrepareOpenDbForBackup(): %s call failed", step);
         })) {
         return false;
     }
+    tellShortFile(original, source.stream(), dwFileSizeLow, dwFileSizeHigh);
     DatabaseCopy course = {
         hDB, hBackupContext, source.stream(), copy.stream(), reinterpret_cast<char*>(buffer.data()),
-        0};
+        {}};
     if (const int status = copyAndClose(course, copy, dwFileSizeLow, dwFileSizeHigh); status != 0) {
         DB_TraceExt("PrepareOpenDbForBackup(): Copying file to temporary directory failed");
         // An error number is looked up like a status of the server: readers know the texts.
@@ -368,11 +361,11 @@ int answerFailedOpen(const char* file, STATUS status) {
     DB_TraceExt("Notes API NSFDbOpen() failure on file: %s", getUTF8FileName(file));
     DB_TraceExt("PrepareDbForBackup(): NSFDbOpen( %s, .. ) returned %d", getUTF8FileName(file),
                 status);
-    if (status == kNotesNotADatabase) {
+    if (isStatus(status, kNotesNotADatabase)) {
         DB_LogExt("File %s is not a database.", getUTF8FileName(file));
         return DB_NUM_I_OK;
     }
-    if (status == kNotesNoSuchFile && SysFileExists(file)) {
+    if (isStatus(status, kNotesNoSuchFile) && SysFileExists(file)) {
         DB_TraceExt("PrepareDbForBackup(): NSFDbOpen( %s, .. ) returned %d ERR_NOEXIST but file "
                     "exists -> set ERR_NOT_NSF",
                     getUTF8FileName(file), status);
@@ -517,7 +510,7 @@ int PrepareDbForBackup(const char* cpOriginalFile, char* cpBackupDirectory,
     if (const STATUS status = startBackup(kName, context, &dwFileSizeLow, &dwFileSizeHigh);
         status != kNotesNoError) {
         database.close();
-        if (status == kNotesNotADatabase) {
+        if (isStatus(status, kNotesNotADatabase)) {
             DB_LogExt("NSFBackupStart: File %s is not a database.",
                       getUTF8FileName(cpOriginalFile));
             return DB_NUM_I_OK;

@@ -1,4 +1,4 @@
-// How a 64-bit size is copied with 32-bit counts.
+// How a 64-bit size is copied, and a 64-bit position told, with 32-bit counts.
 #pragma once
 
 #include "notes_api/types.h"
@@ -34,4 +34,19 @@ class CopyPasses {
 
     DWORD m_low;
     DWORD m_high;
+};
+
+// How far a copy has got.
+class CopyPosition {
+  public:
+    constexpr void advance(DWORD count) {
+        m_low += count;
+        m_high += m_low < count ? 1 : 0; // the carry
+    }
+    constexpr DWORD low() const { return m_low; }
+    constexpr DWORD high() const { return m_high; }
+
+  private:
+    DWORD m_low = 0;
+    DWORD m_high = 0;
 };

@@ -40,6 +40,7 @@ BOOL hasModifiedNotes(DBHANDLE hDb, const char* file, const TIMEDATE& since,
                       const TimeText& sinceText) {
     TIMEDATE until = {};
     DHANDLE idtable = 0;
+    // The status is taken whole, with its flags, as clients know this probe's answers.
     const STATUS status =
         notes_api.NSFDbGetModifiedNoteTable(hDb, kAllNoteClasses, since, &until, &idtable);
     if (status == kNotesNoError) {
@@ -183,7 +184,7 @@ int isDatabaseLogged(const char* cpFile, BOOL* bpLogged, DB_LOGGING_STYLE* ep_Lo
         reportNotesError(status);
         DB_TraceExt("isDatabaseLogged(): NSFGetTransLogStyle failed: %s ",
                     getLotusNotesApiError(status, FALSE));
-        if (status != kNotesLoggingNotInEffect) {
+        if (!isStatus(status, kNotesLoggingNotInEffect)) {
             return DB_NUM_E_FAILED;
         }
         // By contract the handle stays open here: the database stays in use while the process
@@ -209,7 +210,8 @@ int isDatabaseLogged(const char* cpFile, BOOL* bpLogged, DB_LOGGING_STYLE* ep_Lo
     }
 }
 
-BOOL isBackupNeeded(const char* cpFile, DWORD dwComfortSpan) {
+BOOL isBackupNeeded(const char* cpFile, DWORD dwComfortSpan, BOOL* bpUnanswered) {
+    *bpUnanswered = TRUE;
     // The native path, untranslated; the call takes a text that it may write to.
     char szFile[kPathSize];
     if (!isNotesApiLoaded() || !copyText(szFile, cpFile)) {
@@ -217,22 +219,17 @@ BOOL isBackupNeeded(const char* cpFile, DWORD dwComfortSpan) {
         return FALSE;
     }
     DWORD dwBackupNeeded = 0;
+    // The status is taken whole, with its flags, as clients know this probe's answers.
     const STATUS status = notes_api.NSFIsNewBackupNeeded(szFile, dwComfortSpan, &dwBackupNeeded);
+    *bpUnanswered = status != kNotesNoError && status != kNotesNotBackedUp;
     if (status == kNotesNotBackedUp) {
         DB_TraceExt("isBackupNeeded(): Database HAS NOT BEEN BACKED UP yet on this "
                     "server/instance of the log.");
         return TRUE;
     }
     if (status != kNotesNoError) {
-        // The answer is the same as "not needed", and what is not selected is not saved: hosts find
-        // this line. A full backup saves the database all the same.
-        if (g_sQRTLN_Global.eI_OperationLevel == DB_LEVEL_DIFF ||
-            g_sQRTLN_Global.eI_OperationLevel == DB_LEVEL_INCR) {
-            DB_LogExt("isBackupNeeded(): NSFIsNewBackupNeeded failed: %s",
-                      getLotusNotesApiError(status, FALSE));
-            DB_LogExt("Checking if file needs to be backed up failure: %s",
-                      getUTF8FileName(cpFile));
-        }
+        DB_LogExt("isBackupNeeded(): NSFIsNewBackupNeeded failed: %s",
+                  getLotusNotesApiError(status, FALSE));
         return FALSE;
     }
     if (dwComfortSpan == 0) {

@@ -18,6 +18,5 @@ int isDatabaseLogged(const char* cpFile, BOOL* bpLogged, DB_LOGGING_STYLE* ep_Lo
                      UNIVERSALNOTEID* pDbIID);
 
 // TRUE when the server says that the database needs a backup: with span 0 only when it was never
-// backed up on this instance of the log. FALSE also for failures: one that leaves the database
-// unselected is logged, as hosts look for it.
-BOOL isBackupNeeded(const char* cpFile, DWORD dwComfortSpan);
+// backed up on this instance of the log. FALSE also for failures; *bpUnanswered tells them apart.
+BOOL isBackupNeeded(const char* cpFile, DWORD dwComfortSpan, BOOL* bpUnanswered);

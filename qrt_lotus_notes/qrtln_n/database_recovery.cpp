@@ -177,11 +177,17 @@ struct Replay {
 
     bool succeeded() const { return status == kNotesNoError; }
     // The log does not know the database: the server went on with the others.
-    bool wentOn() const { return succeeded() || status == kNotesNotBackedUp; }
+    bool wentOn() const { return succeeded() || isStatus(status, kNotesNotBackedUp); }
 };
 
 // What the log did for a database.
-enum class Reach { rolledForward, unknownToLog, uncertain };
+enum class Reach {
+    rolledForward,
+    unknownToLog,
+    uncertain,        // the server named none of those that its log does not know
+    identityRefused,  // rolled forward, but the server gave it no new identity
+    identityUncertain // likewise, or it did: it named another one
+};
 
 void traceReplay(const std::vector<RecoveryPair>& pairs, Replay& replay) {
     if (replay.succeeded()) {
@@ -199,7 +205,7 @@ void traceReplay(const std::vector<RecoveryPair>& pairs, Replay& replay) {
     replay.named = pair.original;
     DB_TraceExt("RecoverDb(): Error recovering file [%s]. Reason: %s.",
                 getUTF8FileName(pair.restored.c_str()), replay.reason.c_str());
-    if (replay.status == kNotesNotBackedUp) {
+    if (isStatus(replay.status, kNotesNotBackedUp)) {
         DB_TraceExt("RecoverDb(): Database has not been backed up on this server/instance of the "
                     "log.");
     }
@@ -250,6 +256,36 @@ std::vector<RecoveryPair> knownPairs(const std::vector<RecoveryPair>& pairs,
     return found;
 }
 
+// Gives new identities to the databases that the log knows. Those behind one that the server
+// refuses cannot be asked again: with a new identity they would be unknown.
+bool giveNewIdentities(const std::vector<RecoveryPair>& pairs, DWORD dwFlag, TIMEDATE* recoveryTime,
+                       Replay& replay, std::vector<Reach>& reach) {
+    const std::vector<RecoveryPair> known = knownPairs(pairs, reach, 0);
+    if (known.empty()) {
+        return true;
+    }
+    if (!replayOnce(known, dwFlag, recoveryTime, replay)) {
+        return false;
+    }
+    if (replay.succeeded()) {
+        return true;
+    }
+    const bool bNamed = replay.usiErrindex >= 1 && replay.usiErrindex <= known.size();
+    unsigned position = 0; // among those that were asked, 1-based
+    for (Reach& each : reach) {
+        if (each == Reach::unknownToLog) {
+            continue;
+        }
+        ++position;
+        if (bNamed && position == replay.usiErrindex) {
+            each = Reach::identityRefused;
+        } else if (each == Reach::rolledForward && (!bNamed || position > replay.usiErrindex)) {
+            each = Reach::identityUncertain;
+        }
+    }
+    return true;
+}
+
 // Rolls the databases forward and learns for each whether the log knows it. With 5114 the server
 // names one that it does not know: asked again for those behind it, it names the next. That costs
 // little, as what is rolled forward needs no log any more; with new DBIIDs it would be unknown
@@ -275,8 +311,7 @@ bool replayForEach(const std::vector<RecoveryPair>& pairs, DWORD dwFlag, TIMEDAT
     if (dwFlag == kRecover) {
         return true;
     }
-    const std::vector<RecoveryPair> known = knownPairs(pairs, reach, 0);
-    return known.empty() || replayOnce(known, dwFlag, recoveryTime, replay);
+    return giveNewIdentities(pairs, dwFlag, recoveryTime, replay, reach);
 }
 
 // What became of the place of an original.
@@ -330,9 +365,8 @@ Placing placeCopy(const RecoveryPair& pair) {
     }
     const bool bCopied = copyToDisk("RecoverDb", pair.restored.c_str(), pair.original.c_str());
     if (!bCopied) {
-        const std::string restored = getUTF8FileName(pair.restored.c_str());
-        DB_TraceExt("RecoverDb(): Copy of file [%s] to [%s] FAILED", restored.c_str(),
-                    getUTF8FileName(pair.original.c_str()));
+        DB_TraceExt("RecoverDb(): Copy of file [%s] to [%s] FAILED",
+                    getUTF8FileName(pair.restored.c_str()), getUTF8FileName(pair.original.c_str()));
     }
     // Without the choice the copy goes even then: clients know it so, and have it in their store.
     if (bCopied || !choices().bKeepsUnplaced) {
@@ -356,8 +390,15 @@ void tellOutcome(const RecoveryPair& pair, Reach reach, Placing placing, bool bO
     } else if (reach == Reach::unknownToLog) {
         tellNotRecovered(cpOriginal, "the transaction log does not know it; it is in place as it "
                                      "was backed up");
+    } else if (reach == Reach::identityRefused) {
+        tellNotRecovered(cpOriginal, "the server gives it no new DBIID; it is in place, rolled "
+                                     "forward, with its former one");
     } else if (!bOnline) {
         tellNotRecovered(cpOriginal, "it is in place, but could not be brought online");
+    } else if (reach == Reach::identityUncertain) {
+        tellUncertain(cpOriginal,
+                      "it is in place, rolled forward, but perhaps without a new DBIID: "
+                      "the server refused one to another database");
     } else if (reach == Reach::uncertain) {
         tellUncertain(cpOriginal, "it is in place, but the transaction log does not know every "
                                   "database, and the server does not name which");
@@ -456,7 +497,7 @@ int TakeDbsOffline(const char* cpDbFile) {
         reportNotesError(status);
         DB_TraceExt("TakeDbsOffline(): Error taking database offline %s: %s",
                     getUTF8FileName(cpDbFile), getLotusNotesApiError(status, FALSE));
-        return status == kNotesDatabaseInUse ? DB_NUM_E_DB_IN_USE : DB_NUM_E_FAILED;
+        return isStatus(status, kNotesDatabaseInUse) ? DB_NUM_E_DB_IN_USE : DB_NUM_E_FAILED;
     }
     DB_TraceExt("TakeDbsOffline(): Database %s taken offline", getUTF8FileName(cpDbFile));
     return DB_NUM_I_OK;

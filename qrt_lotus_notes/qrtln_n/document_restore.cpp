@@ -140,7 +140,7 @@ int listOriginal(Kind kind, const Databases& databases, const char* cpChangedSin
     if (status == kNotesNoError) {
         return DB_NUM_I_OK;
     }
-    if (status == kNotesNoNoteModified) {
+    if (isStatus(status, kNotesNoNoteModified)) {
         DB_TraceExt(isDeleted(kind)
                         ? "RestoreDeletedDocuments(): There are no documents in the original "
                           "database which has been changed (deleted) since %s."
@@ -164,7 +164,7 @@ int listBackup(Kind kind, Databases& databases, IdTableGuard& table) {
     if (status == kNotesNoError) {
         return DB_NUM_I_OK;
     }
-    if (status == kNotesNoNoteModified) {
+    if (isStatus(status, kNotesNoNoteModified)) {
         DB_TraceExt(
             isDeleted(kind)
                 ? "RestoreDeletedDocuments(): There are no documents in the backup database."
@@ -236,6 +236,7 @@ bool restoreChangedNote(Databases& databases, NOTEID id) {
     return copyToOriginal(Kind::changed, databases, id);
 }
 
+// Closes both; a failure is reported, as the answer says that there was one.
 int closeBoth(Kind kind, Databases& databases) {
     int result = DB_NUM_I_OK;
     if (const STATUS status = databases.original.close(); status != kNotesNoError) {
@@ -245,12 +246,14 @@ int closeBoth(Kind kind, Databases& databases) {
                         : "RestoreChangedDocuments(): NSFDbClose() call for original database "
                           "FAILED: %s.",
                     getLotusNotesApiError(status, FALSE));
+        reportNotesError(status);
         result = DB_NUM_E_FAILED;
     }
     if (const STATUS status = databases.backup.close(); status != kNotesNoError) {
         // One text for both kinds of restore, with the name of one: readers of traces look for it.
         DB_TraceExt("RestoreDeletedDocuments(): NSFDbClose() call for backup database FAILED: %s.",
                     getLotusNotesApiError(status, FALSE));
+        reportNotesError(status);
         result = DB_NUM_E_FAILED;
     }
     return result;
@@ -323,9 +326,8 @@ struct DestroyNoteIds {
 int DeletedDocumentsRecovery(const char* cpBackupDb, const char* cpOriginalDb) {
     SinceText szDeletedSinceDate = "";
     formatSince(szDeletedSinceDate);
-    const std::string backup = getUTF8FileName(cpBackupDb);
-    DB_TraceExt("Copying deleted documents from %s to %s since date %s", backup.c_str(),
-                getUTF8FileName(cpOriginalDb), szDeletedSinceDate);
+    DB_TraceExt("Copying deleted documents from %s to %s since date %s",
+                getUTF8FileName(cpBackupDb), getUTF8FileName(cpOriginalDb), szDeletedSinceDate);
     const int result = RestoreDeletedDocuments(cpOriginalDb, cpBackupDb, szDeletedSinceDate);
     DB_TraceExt(result == DB_NUM_I_OK ? "Deleted documents recovery succeed"
                                       : "Deleted documents recovery failed");
@@ -348,9 +350,8 @@ int ChangedDocumentsRecovery(const char* cpBackupDb, const char* cpOriginalDb) {
 
     SinceText szChangedSinceDate = "";
     formatSince(szChangedSinceDate);
-    const std::string backup = getUTF8FileName(cpBackupDb);
-    DB_TraceExt("Copying changed documents from %s to %s since date %s", backup.c_str(),
-                getUTF8FileName(cpOriginalDb), szChangedSinceDate);
+    DB_TraceExt("Copying changed documents from %s to %s since date %s",
+                getUTF8FileName(cpBackupDb), getUTF8FileName(cpOriginalDb), szChangedSinceDate);
     const int result =
         RestoreChangedDocuments(cpOriginalDb, cpBackupDb, noteIds.list, szChangedSinceDate);
     DB_TraceExt(result == DB_NUM_I_OK ? "Changed documents recovery succeed"

@@ -10,7 +10,28 @@ namespace {
 constexpr WORD kMaxNameText = 256;
 // The most bytes that one character takes in LMBCS.
 constexpr std::size_t kLongestLmbcsCharacter = 3;
-char szFileUTF8[1024];
+
+// The names converted last: an item is named in many messages, and every conversion is two calls of
+// the server's. Each has its own result.
+struct ConvertedName {
+    char szFile[kPathSize]; // the native name; empty: the slot stands for none
+    char szFileUTF8[1024];
+};
+constexpr std::size_t kRememberedNames = 8;
+ConvertedName s_names[kRememberedNames];
+std::size_t s_oldest = 0;
+
+// Converts a name the server's way. False when the server did not translate it.
+bool convertToUtf8(const char* cpFile, char (&szFileUTF8)[1024]) {
+    // One byte more than a conversion may fill stays NUL.
+    char szLmbcs[1024] = "";
+    std::memset(szFileUTF8, 0, sizeof szFileUTF8);
+    notes_api.OSTranslate(kTranslateNativeToLmbcs, cpFile, kTranslateWholeString, szLmbcs,
+                          kMaxNameText);
+    notes_api.OSTranslate(kTranslateLmbcsToUtf8, szLmbcs, kTranslateWholeString, szFileUTF8,
+                          kMaxNameText);
+    return szFileUTF8[0] != '\0';
+}
 
 bool isAscii(const char* text) {
     return std::all_of(text, text + std::strlen(text),
@@ -20,23 +41,29 @@ bool isAscii(const char* text) {
 } // namespace
 
 char* getUTF8FileName(const char* cpFile) {
-    if (!g_sQRTLN_Global.bNotesInitialized) {
-        copyText(szFileUTF8, kMaxNameText + 1, cpFile);
-        return szFileUTF8;
+    const bool bServer = g_sQRTLN_Global.bNotesInitialized != FALSE;
+    if (bServer && *cpFile != '\0') {
+        for (ConvertedName& known : s_names) {
+            if (std::strcmp(known.szFile, cpFile) == 0) {
+                return known.szFileUTF8;
+            }
+        }
     }
-    // One byte more than a conversion may fill stays NUL.
-    char szLmbcs[1024] = "";
-    std::memset(szFileUTF8, 0, sizeof szFileUTF8);
-    notes_api.OSTranslate(kTranslateNativeToLmbcs, cpFile, kTranslateWholeString, szLmbcs,
-                          kMaxNameText);
-    notes_api.OSTranslate(kTranslateLmbcsToUtf8, szLmbcs, kTranslateWholeString, szFileUTF8,
-                          kMaxNameText);
-    // A name that the server did not translate is shown as it is: messages and the index of
-    // instances must not name nothing.
-    if (szFileUTF8[0] == '\0') {
-        copyText(szFileUTF8, kMaxNameText + 1, cpFile);
+    ConvertedName& name = s_names[s_oldest++ % kRememberedNames];
+    name.szFile[0] = '\0';
+    if (!bServer || !convertToUtf8(cpFile, name.szFileUTF8)) {
+        // Shown as it is: messages and the index of instances must not name nothing.
+        copyText(name.szFileUTF8, kMaxNameText + 1, cpFile);
+    } else if (!copyText(name.szFile, cpFile)) {
+        name.szFile[0] = '\0'; // cut, it would be another's
     }
-    return szFileUTF8;
+    return name.szFileUTF8;
+}
+
+void forgetFileNames() {
+    for (ConvertedName& name : s_names) {
+        name.szFile[0] = '\0';
+    }
 }
 
 bool translateToLmbcs(const char* path, char* target, std::size_t size) {

@@ -53,7 +53,7 @@ int getSystemLogStyle(DB_LOGGING_STYLE* ep_DbLoggingStyle) {
     const STATUS status = notes_api.NSFGetTransLogStyle(&wLogType);
     if (status != kNotesNoError) {
         reportNotesError(status);
-        if (status == kNotesLoggingNotInEffect) {
+        if (isStatus(status, kNotesLoggingNotInEffect)) {
             DB_TraceExt("getSystemLogStyle(): Transactional logging is not in effect.");
             *ep_DbLoggingStyle = DB_LOGGING_STYLE_NOLOG;
         }
@@ -93,7 +93,7 @@ int beginArchiveLogs() {
     STATUS status = notes_api.NSFGetTransLogStyle(&wLogType);
     if (status != kNotesNoError) {
         reportNotesError(status);
-        if (status == kNotesLoggingNotInEffect) {
+        if (isStatus(status, kNotesLoggingNotInEffect)) {
             DB_LogExt("beginArchiveLogs(): Transactional logging is not in effect.");
             return DB_NUM_I_NOTRANSLOGGING;
         }
@@ -117,7 +117,7 @@ int beginArchiveLogs() {
     }
     DB_LogExt("beginArchiveLogs(): NSFBeginArchivingLogs() failed with %d", status);
     reportNotesError(status);
-    if (status == kNotesArchivingInProgress) {
+    if (isStatus(status, kNotesArchivingInProgress)) {
         DB_LogExt("beginArchiveLogs(): NSFBeginArchivingLogs() failed with "
                   "ERR_TRANSLOG_ARCHIVE_IN_PROGRESS");
         // Ends a session that a killed run left on the server; the next try finds it free.
@@ -142,8 +142,9 @@ int endArchiveLogs() {
     if (status == kNotesNoError) {
         return DB_NUM_I_OK;
     }
-    if (status == kNotesArchivingInProgress) {
-        DB_LogExt("endArchiveLogs(): Another process is currently archiving logs. (%d)", status);
+    if (isStatus(status, kNotesArchivingInProgress)) {
+        DB_LogExt("endArchiveLogs(): Another process is currently archiving logs. (%d)",
+                  kNotesArchivingInProgress);
     } else {
         DB_LogExt("endArchiveLogs(): NSFEndArchivingLogs() failed with (%d)", status);
     }
@@ -180,7 +181,7 @@ int getArchiveLog(char* cpFile, char* cpBackupDirectory, BOOL bFirstPass, DWORD*
         splitLogPath(szLogPath, "getArchiveLog(): Log path is invalid", cpFile, cpBackupDirectory);
         return DB_NUM_I_OK;
     }
-    if (status != kNotesNoLogToArchive) {
+    if (!isStatus(status, kNotesNoLogToArchive)) {
         reportNotesError(status);
         DB_TraceExt("getArchiveLog(): NSFGetFirst(Next)LogToArchive call failed");
         return DB_NUM_E_FAILED;

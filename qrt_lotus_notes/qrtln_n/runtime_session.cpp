@@ -53,7 +53,7 @@ void writeEnvironmentHelp() {
 }
 
 const char* explainInitStatus(STATUS status) {
-    switch (status) {
+    switch (status & kStatusNumberMask) {
     case kNotesAccessDenied:
         return "Access to data denied.";
     case kNotesInvalidDirectory:
@@ -128,6 +128,7 @@ int startNotesOperation() {
         writeEnvironmentHelp();
         return DB_NUM_E_FAILED;
     }
+    forgetFileNames();
     g_sQRTLN_Global.bNotesInitialized = TRUE;
     return DB_NUM_I_OK;
 }

@@ -37,17 +37,13 @@ bool isSameFile(FILE* source, const char* target) {
 }
 
 void traceOpen(const char* name) {
-    if (isTracing()) {
-        DB_TraceExt("Open [%s]", getUTF8FileName(name));
-    }
+    DB_TraceExt("Open [%s]", getUTF8FileName(name));
 }
 
 // The message about a file operation that failed; `error` is its errno.
 void traceOpenError(const char* name, int error) {
-    if (isTracing()) {
-        DB_TraceExt("Error opening [%s]: error (%d): %s", getUTF8FileName(name), error,
-                    std::strerror(error));
-    }
+    DB_TraceExt("Error opening [%s]: error (%d): %s", getUTF8FileName(name), error,
+                std::strerror(error));
 }
 
 // Copies from the source's position to its end. Returns whether every byte was read and handed to
@@ -63,15 +59,11 @@ bool copyBytes(FILE* source, FILE* target, const char* cpSource, const char* cpT
         ulTotal += count;
         if (std::fwrite(szBuffer, 1, count, target) < count) {
             const int error = errno;
-            if (isTracing()) {
-                DB_TraceExt("Write %s with error %d", getUTF8FileName(cpTarget), error);
-            }
+            DB_TraceExt("Write %s with error %d", getUTF8FileName(cpTarget), error);
             bSuccess = false;
         } else if (readFailed) {
             // The end of file may never come then.
-            if (isTracing()) {
-                DB_TraceExt("Read %s with error %d", getUTF8FileName(cpSource), readError);
-            }
+            DB_TraceExt("Read %s with error %d", getUTF8FileName(cpSource), readError);
             bSuccess = false;
         }
     }
@@ -95,10 +87,8 @@ bool copyFile(const char* cpSource, const char* cpTarget) {
     }
     // Truncating the target would destroy the source.
     if (isSameFile(source.get(), cpTarget)) {
-        if (isTracing()) {
-            DB_TraceExt("SysFileCopy(): [%s] is the source itself, nothing copied",
-                        getUTF8FileName(cpTarget));
-        }
+        DB_TraceExt("SysFileCopy(): [%s] is the source itself, nothing copied",
+                    getUTF8FileName(cpTarget));
         return false;
     }
     traceOpen(cpTarget);
@@ -113,9 +103,7 @@ bool copyFile(const char* cpSource, const char* cpTarget) {
     // The last bytes may reach the disk, or fail to, only now.
     if (std::fclose(target) != 0) {
         const int error = errno;
-        if (isTracing()) {
-            DB_TraceExt("Close %s with error %d", getUTF8FileName(cpTarget), error);
-        }
+        DB_TraceExt("Close %s with error %d", getUTF8FileName(cpTarget), error);
         bSuccess = false;
     }
     return bSuccess;
@@ -132,10 +120,7 @@ int SysFileCreateDirectory(char* cpDirectory) {
         DB_TraceExt("SysFileCreateDirectory(): Got error [%ld]", static_cast<long>(error));
         return error;
     }
-    if (isTracing()) {
-        DB_TraceExt("SysFileCreateDirectory(): Directory: [%s] created",
-                    getUTF8FileName(cpDirectory));
-    }
+    DB_TraceExt("SysFileCreateDirectory(): Directory: [%s] created", getUTF8FileName(cpDirectory));
     return 0;
 }
 
@@ -145,14 +130,12 @@ int SysFileCreate(const char* cpFileName, FILE** fhRetFile) {
     *fhRetFile = std::fopen(cpFileName, SysFileExists(cpFileName) ? "rb+" : "wb");
     if (*fhRetFile == nullptr) {
         const int error = errno;
-        if (isTracing()) {
-            DB_TraceExt("SysFileCreate [%s] error [%ld]", getUTF8FileName(cpFileName),
-                        static_cast<long>(error));
-        }
+        DB_TraceExt("SysFileCreate [%s] error [%ld]", getUTF8FileName(cpFileName),
+                    static_cast<long>(error));
         return error;
     }
     const int result = setBuffer(*fhRetFile, szOutBuffer);
-    if (result != 0 && isLogging()) {
+    if (result != 0) {
         DB_LogExt("SysFileCreate [%s] setvbuf [%ld] returned %d", getUTF8FileName(cpFileName),
                   kBufferSizeText, result);
     }
@@ -164,20 +147,16 @@ int SysFileClose(FILE* hFile) {
 }
 
 int SysFileOpen(const char* cpFileName, FILE** fhRetFile) {
-    if (isTracing()) {
-        DB_TraceExt("SysFileOpen [%s]", getUTF8FileName(cpFileName));
-    }
+    DB_TraceExt("SysFileOpen [%s]", getUTF8FileName(cpFileName));
     *fhRetFile = std::fopen(cpFileName, "rb+");
     if (*fhRetFile == nullptr) {
         const int error = errno;
-        if (isTracing()) {
-            DB_TraceExt("SysFileOpen [%s] error [%ld]", getUTF8FileName(cpFileName),
-                        static_cast<long>(error));
-        }
+        DB_TraceExt("SysFileOpen [%s] error [%ld]", getUTF8FileName(cpFileName),
+                    static_cast<long>(error));
         return error;
     }
     const int result = setBuffer(*fhRetFile, nullptr);
-    if (result != 0 && isLogging()) {
+    if (result != 0) {
         DB_LogExt("SysFileOpen [%s] setvbuf [%ld] returned %d, QRTLN_BUFFER_SIZE %ld",
                   getUTF8FileName(cpFileName), kBufferSizeText, result, kChunkSizeText);
     }
@@ -185,20 +164,16 @@ int SysFileOpen(const char* cpFileName, FILE** fhRetFile) {
 }
 
 int SysFileOpenRead(const char* cpFileName, FILE** fhRetFile) {
-    if (isTracing()) {
-        DB_TraceExt("SysFileOpenRead [%s]", getUTF8FileName(cpFileName));
-    }
+    DB_TraceExt("SysFileOpenRead [%s]", getUTF8FileName(cpFileName));
     *fhRetFile = std::fopen(cpFileName, "rb");
     if (*fhRetFile == nullptr) {
         const int error = errno;
-        if (isTracing()) {
-            DB_TraceExt("SysFileOpenRead [%s] error [%ld]", getUTF8FileName(cpFileName),
-                        static_cast<long>(error));
-        }
+        DB_TraceExt("SysFileOpenRead [%s] error [%ld]", getUTF8FileName(cpFileName),
+                    static_cast<long>(error));
         return error;
     }
     const int result = setBuffer(*fhRetFile, szInBuffer);
-    if (result != 0 && isLogging()) {
+    if (result != 0) {
         DB_LogExt("SysFileOpenRead [%s] setvbuf [%ld] returned %d, QRTLN_BUFFER_SIZE %ld",
                   getUTF8FileName(cpFileName), kBufferSizeText, result, kChunkSizeText);
     }
@@ -238,10 +213,8 @@ int SysFileDelete(const char* cpFileName) {
         return 0;
     }
     const int error = errno;
-    if (isTracing()) {
-        DB_TraceExt("SysFileDelete [%s] got error [%ld]", getUTF8FileName(cpFileName),
-                    static_cast<long>(error));
-    }
+    DB_TraceExt("SysFileDelete [%s] got error [%ld]", getUTF8FileName(cpFileName),
+                static_cast<long>(error));
     return error;
 }
 
@@ -255,9 +228,7 @@ BOOL SysFileExists(const char* cpFile) {
         DB_TraceExt("SysFileExists return TRUE");
         return TRUE;
     }
-    if (isTracing()) {
-        DB_TraceExt("SysFileExists [%s] return FALSE", getUTF8FileName(cpFile));
-    }
+    DB_TraceExt("SysFileExists [%s] return FALSE", getUTF8FileName(cpFile));
     return FALSE;
 }
 
@@ -269,9 +240,7 @@ bool isMissing(const char* cpFile) {
 
 BOOL SysFileCopy(const char* cpSource, const char* cpTarget, BOOL bFailIfExists) {
     if (bFailIfExists && SysFileExists(cpTarget)) {
-        if (isTracing()) {
-            DB_TraceExt("SysFileCopy(): Failed bcs. [%s] exists", getUTF8FileName(cpTarget));
-        }
+        DB_TraceExt("SysFileCopy(): Failed bcs. [%s] exists", getUTF8FileName(cpTarget));
         return FALSE;
     }
     const BOOL bSuccess = copyFile(cpSource, cpTarget) ? TRUE : FALSE;

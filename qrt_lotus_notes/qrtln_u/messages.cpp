@@ -52,14 +52,14 @@ constexpr unsigned long kUnspecificError = 2;
 
 } // namespace
 
-void DB_TraceExt(const char* format, ...) {
+void(DB_TraceExt)(const char* format, ...) {
     va_list arguments;
     va_start(arguments, format);
     formatAndCall(g_sQRTLN_Global.vpTraceFunc, format, arguments);
     va_end(arguments);
 }
 
-void DB_LogExt(const char* format, ...) {
+void(DB_LogExt)(const char* format, ...) {
     va_list arguments;
     va_start(arguments, format);
     formatAndCall(g_sQRTLN_Global.vpLogFunc, format, arguments);

@@ -15,7 +15,7 @@ inline constexpr int kErrorKindResolver = 5;
 inline constexpr char kRuntimeNotInitialized[] = "The Notes runtime system is not initialized!";
 inline constexpr char kOperationNotExpected[] = "This operation type is not expected";
 
-// Whether a trace or log callback is set: for callers whose arguments cost something.
+// Whether a trace or log callback is set.
 inline bool isTracing() {
     return g_sQRTLN_Global.vpTraceFunc != nullptr;
 }
@@ -28,6 +28,12 @@ inline bool isLogging() {
 
 // Formats and passes the text to the log callback; nothing without one.
 [[gnu::format(printf, 1, 2)]] void DB_LogExt(const char* format, ...);
+
+// A call of either evaluates its arguments only when its callback is set: a text that nobody hears
+// costs nothing, whatever its arguments do. A function cannot leave its arguments alone, so its
+// name is a macro too.
+#define DB_TraceExt(...) (isTracing() ? (DB_TraceExt)(__VA_ARGS__) : static_cast<void>(0))
+#define DB_LogExt(...) (isLogging() ? (DB_LogExt)(__VA_ARGS__) : static_cast<void>(0))
 
 // Passes a finished text to the trace callback; nothing without one.
 void DB_TraceExt_ln(const char* text);

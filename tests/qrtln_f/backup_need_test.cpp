@@ -3,11 +3,13 @@
 #include <filesystem>
 #include <fstream>
 #include <gmock/gmock.h>
+#include <grp.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
 #include "common/iniparser.h"
 #include "qrt_lotus_notes/qrtln_f/dbiid_index.h"
+#include "qrt_lotus_notes/qrtln_n/file_name_text.h"
 #include "qrt_lotus_notes/qrtln_n/notes_report.h"
 #include "tests/interface/own_process.h"
 #include "tests/qrtln_f/fake_server.h"
@@ -103,20 +105,54 @@ unsigned long long bytesWritten() {
 }
 
 TEST_F(DbiidIndex, TenThousandDatabasesCostTenThousandEntriesNotTheirSquare) {
-    openDBIIDIndex();
     constexpr int kDatabases = 10000;
-    const unsigned long long before = bytesWritten();
-    for (int pass = 0; pass < 2; ++pass) { // first added, then changed
-        for (int i = 0; i < kDatabases; ++i) {
-            const std::string path = "/local/notesdata/mail/user" + std::to_string(i) + ".nsf";
-            storeDbIId(path.c_str(), textOf(static_cast<DWORD>(pass * kDatabases + i)).c_str());
-        }
+    const auto path = [](int i) {
+        return "/local/notesdata/mail/user" + std::to_string(i) + ".nsf";
+    };
+    std::string others = "[Other]\nx=y\n[DBIID]\n"; // with values of another length
+    for (int i = 0; i < kDatabases; ++i) {
+        others += path(i) + "=\"\"\n";
     }
-    const unsigned long long written = bytesWritten() - before;
-    const std::string file = workingCopy();
-    EXPECT_EQ(file, wholeDump());
-    EXPECT_GT(written, file.size());
-    EXPECT_LT(written, 3 * file.size());
+    for (const std::string& index :
+         {std::string(), std::string("[DBIID]\n[Other]\nx=y\n"), others + "[Last]\na=b\n"}) {
+        SCOPED_TRACE(index.substr(0, 40));
+        server.folder.write("run/qrtln_DBIID.ini", index);
+        openDBIIDIndex();
+        const unsigned long long before = bytesWritten();
+        for (int pass = 0; pass < 2; ++pass) { // first added, then changed
+            for (int i = 0; i < kDatabases; ++i) {
+                storeDbIId(path(i).c_str(),
+                           textOf(static_cast<DWORD>(pass * kDatabases + i)).c_str());
+            }
+        }
+        const unsigned long long written = bytesWritten() - before;
+        const std::string whole = wholeDump();
+        EXPECT_GT(written, whole.size());
+        EXPECT_LT(written, (index.empty() ? 3 : 20) * whole.size());
+        EXPECT_TRUE(!index.empty() || workingCopy() == whole);
+        // The next run reads the same.
+        EXPECT_EQ(QRTLN_EndDBIIDIndexProcessing(TRUE), DB_NUM_I_OK);
+        openDBIIDIndex();
+        EXPECT_TRUE(wholeDump() == whole);
+        releaseDBIIDIndex();
+    }
+}
+
+// Read errors of a file that is there: of a directory, and of a disk.
+TEST_F(DbiidIndex, AnIndexThatCannotBeReadStaysAndGetsNoEntries) {
+    for (const char* unreadable : {"/", "/proc/self/mem"}) {
+        fs::create_symlink(unreadable, index());
+        openDBIIDIndex();
+        storeDbIId("/d/a.nsf", textOf(1).c_str());
+        EXPECT_EQ(storedDbIId("/d/a.nsf"), nullptr);
+        EXPECT_EQ(QRTLN_EndDBIIDIndexProcessing(TRUE), DB_NUM_E_FAILED);
+        EXPECT_EQ(runFiles(), std::vector<std::string>{"qrtln_DBIID.ini"});
+        ASSERT_EQ(fs::read_symlink(index()), unreadable);
+        fs::remove(index());
+    }
+    const std::string said = "QRTLN_InitBackup(): index file [" + index() + "] cannot be read (";
+    EXPECT_TRUE(messages.hasLog(said + "5): Input/output error; it stays as it is, and this backup "
+                                       "has no entries and sets none"));
 }
 
 TEST_F(DbiidIndex, KeepsItsEntriesWhateverADamagedIndexOrAPathHolds) {
@@ -184,6 +220,29 @@ TEST_F(DbiidIndex, IndexIsReplacedByRenameAndKeepsItsModeAndItsLink) {
     EXPECT_EQ(server.folder.read("elsewhere/old"), old);
     EXPECT_EQ(server.folder.read("elsewhere/index"), wholeDump());
     EXPECT_FALSE(server.folder.exists(workingName()));
+    // By another user of the group, who cannot give it back to its owner.
+    if (geteuid() == 0) {
+        constexpr uid_t kOwner = 2001, kOther = 2002;
+        constexpr gid_t kGroup = 2003;
+        ASSERT_EQ(chown(real.c_str(), kOwner, kGroup), 0);
+        chmod(real.c_str(), 0660);
+        for (const char* folder : {"elsewhere", "run", ""}) {
+            chmod(server.folder.file(folder).c_str(), 0777);
+        }
+        inOwnProcess([&] {
+            umask(077);
+            ASSERT_EQ(setgroups(1, &kGroup), 0);
+            ASSERT_EQ(setgid(kOther), 0);
+            ASSERT_EQ(setuid(kOther), 0);
+            openDBIIDIndex();
+            storeDbIId("/d/a.nsf", textOf(3).c_str());
+            EXPECT_EQ(QRTLN_EndDBIIDIndexProcessing(TRUE), DB_NUM_I_OK);
+        });
+        ASSERT_EQ(stat(real.c_str(), &after), 0);
+        EXPECT_EQ(after.st_uid, kOther);
+        EXPECT_EQ(after.st_gid, kGroup);
+        EXPECT_EQ(after.st_mode & 07777, 0660u);
+    }
 }
 
 TEST(AddPidToFilename, StaysWithinTheBuffer) {
@@ -277,6 +336,46 @@ TEST_F(DbiidIndex, DecisionFollowsLevelLoggingAndEntry) {
     }
 }
 
+// The server's question failed: only what is not saved for another reason is told as undecided.
+TEST_F(DbiidIndex, UndecidedIsOnlyWhatEndsUnselected) {
+    for (const bool archive : {true, false}) {
+        FakeServer::s_style = archive ? kLogStyleArchive : kLogStyleCircular;
+        FakeDatabase database{TRUE, dbIId(7), true, 0, false};
+        database.needStatus = 1234;
+        for (const bool selected : {false, true}) {
+            SCOPED_TRACE(std::to_string(archive) + std::to_string(selected));
+            database.bModified = selected;
+            const std::string path = server.addDatabase("a.nsf", database);
+            openDBIIDIndex();
+            messages.clear();
+            BOOL bNeeded = !selected;
+            g_sQRTLN_Global.tSinceTime = 1000;
+            EXPECT_EQ(QRTLN_IsBackupNeeded(path.c_str(), DB_LEVEL_DIFF, &bNeeded), DB_NUM_I_OK);
+            EXPECT_EQ(bNeeded, selected);
+            EXPECT_EQ(messages.hasLog("Checking if file needs to be backed up failure: " + path),
+                      !selected);
+        }
+    }
+}
+
+// The server's characters are not those of the platform: the index is in UTF-8 whatever they are.
+TEST_F(DbiidIndex, TheKeyOfAnEntryIsInUtf8) {
+    notes_api.OSTranslate = [](WORD mode, const char* in, WORD, char* out, WORD size) -> WORD {
+        copyText(out, size, in);
+        if (mode == 22) {
+            *std::strrchr(out, '.') = ':';
+        }
+        return static_cast<WORD>(std::strlen(out));
+    };
+    forgetFileNames();
+    const std::string path = server.addDatabase("a.nsf", {TRUE, dbIId(1), true, 0, false, 0});
+    openDBIIDIndex();
+    BOOL bNeeded = FALSE;
+    QRTLN_IsBackupNeeded(path.c_str(), DB_LEVEL_FULL, &bNeeded);
+    EXPECT_EQ(workingCopy(), "\n[DBIID]\n" + server.data("a:nsf") + "=" + textOf(1) + "\n\n");
+    forgetFileNames();
+}
+
 TEST_F(DbiidIndex, DecisionsAreLoggedByName) {
     const std::string never = server.addDatabase("never.nsf", {TRUE, dbIId(1), false, 0, false, 0});
     const std::string moved = server.addDatabase("moved.nsf", {TRUE, dbIId(2), true, 0, false, 0});
@@ -314,6 +413,8 @@ TEST_F(DbiidIndex, DatabaseThatIsNotLoggedIsAWarningButForCopiesAndTheServersOwn
                           Case{"m/a.nsf", DB_LEVEL_FULL, FALSE, DB_NUM_W_WARNING},
                           Case{"m/a.nsf", DB_LEVEL_COPY, FALSE, DB_NUM_I_OK},
                           Case{"m/events4.nsf", DB_LEVEL_INCR, FALSE, DB_NUM_I_OK},
+                          Case{"m/events.nsf", DB_LEVEL_INCR, FALSE, DB_NUM_I_OK},
+                          Case{"m/dbdirman.nsf", DB_LEVEL_INCR, FALSE, DB_NUM_I_OK},
                           Case{"m/Events4.nsf", DB_LEVEL_INCR, FALSE, DB_NUM_W_WARNING}}) {
         SCOPED_TRACE(c.name);
         messages.clear();
@@ -327,8 +428,8 @@ TEST_F(DbiidIndex, DatabaseThatIsNotLoggedIsAWarningButForCopiesAndTheServersOwn
         EXPECT_TRUE(bOpen);
         EXPECT_EQ(szDirectory, server.folder.file("tmp/m"));
         EXPECT_TRUE(server.folder.exists("tmp/" + std::string(c.name)));
-        EXPECT_EQ(messages.hasLog("QRTLN_PrepareForBackup: events4.nsf is never logged so return "
-                                  "OK"),
+        EXPECT_EQ(messages.hasLog(std::string("QRTLN_PrepareForBackup: ") + (c.name + 2) +
+                                  " is never logged so return OK"),
                   c.level == DB_LEVEL_INCR && c.expected == DB_NUM_I_OK);
         EXPECT_EQ(finishBackupFile(path.c_str(), bOpen), DB_NUM_I_OK);
         EXPECT_FALSE(server.folder.exists("tmp/" + std::string(c.name)));
@@ -354,11 +455,15 @@ TEST_F(DbiidIndex, FinishDeletesNothingOutsideTheTemporaryDirectory) {
     const std::string victim = server.folder.write("victim.nsf", "v");
     const std::string data = g_sQRTLN_Global.szNotesDataDirectory;
     for (const std::string& path :
-         {std::string("nodelimiter.nsf"), std::string("/short"), data, data + "../victim.nsf",
-          data + "a/../../victim.nsf", data + std::string(kPathSize, 'x')}) {
+         {std::string("nodelimiter.nsf"), std::string("/s.nsf"), data + "../victim.nsf",
+          data + "a/../../victim.nsf", data + std::string(kPathSize, 'x') + ".nsf"}) {
         SCOPED_TRACE(path.substr(0, 200));
         EXPECT_EQ(finishBackupFile(path.c_str(), TRUE), DB_NUM_E_FAILED);
         EXPECT_THAT(takeErrorText(), ::testing::StartsWith("finishBackupFile(): file full path ["));
+    }
+    // What was never prepared has no copy, whatever was prepared before it.
+    for (const BOOL bFileWasOpen : {FALSE, TRUE}) {
+        EXPECT_EQ(finishBackupFile("/s.ncf", bFileWasOpen), DB_NUM_I_OK);
     }
     // Without TMP_DIR there is no copy: what its path below "/" would be is not ours.
     copyText(g_sQRTLN_Global.szNotesDataDirectory, "/notes");

@@ -23,6 +23,7 @@ struct FakeDatabase {
     DWORD dwSpanNeeded = 0; // answer of NSFIsNewBackupNeeded
     bool bModified = false; // since whatever time
     STATUS openStatus = kNotesNoError;
+    STATUS needStatus = kNotesNoError; // of the question whether it needs a backup
 };
 
 inline UNIVERSALNOTEID dbIId(DWORD number) {
@@ -171,7 +172,7 @@ class FakeServer {
         notes_api.NSFIsNewBackupNeeded = [](char* path, DWORD, DWORD* needed) -> STATUS {
             const FakeDatabase& database = s_databases[path];
             *needed = database.dwSpanNeeded;
-            return database.bBackedUp ? kNotesNoError : kNotesNotBackedUp;
+            return !database.bBackedUp ? kNotesNotBackedUp : database.needStatus;
         };
         // The way to NSFDbGetModifiedNoteTable.
         notes_api.OSGetIntlSettings = [](INTLFORMAT* format, WORD) {

@@ -52,6 +52,10 @@ std::size_t countLogs(const MessageCapture& messages, const std::string& part) {
 TEST(FileDiscovery, WholeSystemQueuesEveryDominoFileWithItsKindAndAttachmentsLast) {
     inOwnProcess([] {
         FakeServer server;
+        const char* const systemFiles[] = {"a.njf", "b.dsk", "c.dic", "d.cfg", "e.ns2"};
+        for (const char* name : systemFiles) {
+            server.addFile(name);
+        }
         for (const char* name : {"notes.ini", "names.nsf", "Mail.NSF", "b.nlo", "old.ns3", "t.ntf",
                                  "mail.box", "c.ncf", "server.id", "x.txt", "nodot", "daos/a.NLO",
                                  "mail/deep/.hidden/u.nsf", "dir.nsf/inside.nsf"}) {
@@ -81,6 +85,9 @@ TEST(FileDiscovery, WholeSystemQueuesEveryDominoFileWithItsKindAndAttachmentsLas
             EXPECT_TRUE(attachment || !attachmentsBegun) << name;
             attachmentsBegun = attachmentsBegun || attachment;
             files.emplace_back(name.substr(data.size() + 1), kind);
+        }
+        for (const char* name : systemFiles) {
+            EXPECT_EQ(std::erase(files, Item(name, DB_BACKUP_FILE_TYPE_SYS)), 1u) << name;
         }
         EXPECT_THAT(
             files,

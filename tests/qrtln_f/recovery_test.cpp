@@ -173,16 +173,46 @@ TEST_F(Recovery, RolledForwardTheSelectedCopiesReplaceTheirOriginals) {
     EXPECT_FALSE(server.folder.exists("data/other/y.nsf"));
 }
 
-// An empty list of patterns matches everything.
-TEST_F(Recovery, ASelectionThatHasBeenUsedUpCoversNothingMore) {
-    rollForward();
-    for (const char* name : {"a.nsf", "b.nsf", "c.nsf"}) {
-        server.addFile(name);
-        pend(std::string("tmp/") + name);
+// Live are all but lost.nsf and lost/y.nsf; copies wait of some.
+TEST_F(Recovery, ANameCoversItselfAloneAndAPatternWhatItMatches) {
+    struct Case {
+        std::vector<std::string> arguments;
+        std::vector<std::string> waiting;
+        std::vector<std::string> recovered;
+    };
+    const Case cases[] = {
+        {{"b.nsf"}, {"a.nsf", "b.nsf"}, {"b.nsf"}}, // used up, it covers nothing more
+        {{"a\\[1\\].nsf"}, {"a1.nsf"}, {}},         // the name of an existing one
+        {{"d[1]/*.*"}, {"d1/x.nsf"}, {}},           // wildcards in a directory's name are none
+        {{"d[1]/*.*"}, {"d[1]/x.nsf", "d1/x.nsf"}, {"d[1]/x.nsf"}},
+        {{"l*.nsf"}, {"a.nsf", "lost.nsf", "l.nsf"}, {"lost.nsf", "l.nsf"}},
+        {{"lost/*"}, {"lost/y.nsf", "a.nsf"}, {"lost/y.nsf"}},
+    };
+    for (const Case& c : cases) {
+        SCOPED_TRACE(c.arguments[0]);
+        server.drain();
+        std::filesystem::remove_all(server.data("lost"));
+        std::filesystem::remove_all(server.folder.file("tmp"));
+        rollForward();
+        s_recovered.clear();
+        for (const char* name :
+             {"a.nsf", "b.nsf", "a[1].nsf", "a1.nsf", "d[1]/x.nsf", "d1/x.nsf", "l.nsf"}) {
+            server.addFile(name);
+        }
+        for (const std::string& name : c.waiting) {
+            pend("tmp/" + name);
+        }
+        std::vector<std::string> arguments;
+        for (const std::string& argument : c.arguments) {
+            arguments.push_back("QRTLN:" + server.data(argument));
+        }
+        EXPECT_EQ(recover(arguments), c.recovered.empty() ? DB_NUM_E_FAILED : DB_NUM_I_COMPLETE);
+        std::vector<std::string> expected;
+        for (const std::string& name : c.recovered) {
+            expected.push_back(server.folder.file("tmp/" + name));
+        }
+        EXPECT_THAT(s_recovered, testing::UnorderedElementsAreArray(expected));
     }
-    EXPECT_EQ(recover({server.data("b.nsf")}), DB_NUM_I_COMPLETE);
-    EXPECT_THAT(s_recovered, ElementsAre(server.folder.file("tmp/b.nsf")));
-    EXPECT_EQ(server.folder.read("data/a.nsf"), "content of a.nsf");
 }
 
 TEST_F(Recovery, RelocatedCopiesAreRecoveredWhereTheyLie) {

@@ -171,7 +171,7 @@ TEST_F(DatabaseProbesTest, LoggedTellsStyleAndIdentity) {
         step.answer.status = status;
         return step;
     };
-    const Step noStyle = fails(style(0), 5119);
+    const Step noStyle = fails(style(0), 0x8000 | 5119);
     const Step failed = fails(style(0), 1234);
     constexpr int kUnchanged = DB_LOGGING_STYLE_NOLOG; // never an answer of this function
     const struct {
@@ -226,25 +226,29 @@ TEST_F(DatabaseProbesTest, BackupNeededPassesTheNativePathAndTrustsTheSpanOnlyWh
         STATUS status;
         DWORD needed;
         BOOL answer;
+        BOOL unanswered = FALSE;
     } rows[] = {
         {0, 5114, 0, TRUE},
         {65536, 5114, 0, TRUE},
-        {0, 1234, 1, FALSE},
-        {65536, 1234, 1, FALSE},
+        {0, 1234, 1, FALSE, TRUE},
+        {65536, 1234, 1, FALSE, TRUE},
         {0, 0, 0, FALSE},
         {0, 0, 5000, FALSE},
         {65536, 0, 0, FALSE},
         {65536, 0, 1, TRUE},
-        {65536, 0x8000 | 5114, 0, FALSE}, // taken with its flags
+        {65536, 0x8000 | 5114, 0, FALSE, TRUE}, // taken with its flags
     };
     for (const auto& row : rows) {
         script.play({{"NSFIsNewBackupNeeded /data/a.nsf " + std::to_string(row.span),
                       {.status = row.status, .numbers = {row.needed}}}});
-        EXPECT_EQ(isBackupNeeded("/data/a.nsf", row.span), row.answer)
+        BOOL bUnanswered = !row.unanswered;
+        EXPECT_EQ(isBackupNeeded("/data/a.nsf", row.span, &bUnanswered), row.answer)
             << row.span << ' ' << row.status << ' ' << row.needed;
+        EXPECT_EQ(bUnanswered, row.unanswered) << row.span << ' ' << row.status;
     }
-    EXPECT_TRUE(messages.logs().empty());
-    EXPECT_FALSE(isBackupNeeded(std::string(kPathSize, 'x').c_str(), 0));
+    BOOL bUnanswered = FALSE;
+    EXPECT_FALSE(isBackupNeeded(std::string(kPathSize, 'x').c_str(), 0, &bUnanswered));
+    EXPECT_TRUE(bUnanswered);
     EXPECT_EQ(takeErrorText(), "");
 }
 

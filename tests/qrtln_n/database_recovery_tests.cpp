@@ -95,6 +95,7 @@ TEST_F(DatabaseRecovery, TakesOfflineReplaysReplacesAndBringsOnline) {
         int result;
         const char* outcome;
         Lines told; // with rollForward only
+        bool newDbiid = false;
     };
     const Case cases[] = {
         {"one over its original",
@@ -108,7 +109,8 @@ TEST_F(DatabaseRecovery, TakesOfflineReplaysReplacesAndBringsOnline) {
         {"one in use",
          false,
          "abc",
-         {offline('a'), offline('b', 5098), offline('c'), recover("ac"), online('a'), online('c')},
+         {offline('a'), offline('b', 0x8000 | 5098), offline('c'), recover("ac"), online('a'),
+          online('c')},
          3000,
          "a:new b:old+ c:new",
          {}},
@@ -140,8 +142,8 @@ TEST_F(DatabaseRecovery, TakesOfflineReplaysReplacesAndBringsOnline) {
         {"the log does not know one",
          false,
          "ab",
-         {offline('a'), offline('b'), recover("ab", {.status = 5114, .numbers = {2}}), online('a'),
-          online('b')},
+         {offline('a'), offline('b'), recover("ab", {.status = 0x4000 | 5114, .numbers = {2}}),
+          online('a'), online('b')},
          3000,
          "a:new b:new",
          {}},
@@ -209,6 +211,17 @@ TEST_F(DatabaseRecovery, TakesOfflineReplaysReplacesAndBringsOnline) {
          1000,
          "A:-+ B:-+",
          {"NOT recovered [A.nsf]", "NOT recovered [B.nsf]"}},
+        {"rolled forward: the second of those that the log knows gets no new identity",
+         true,
+         "ABCD",
+         {recover("ABCD", {.status = 5114, .numbers = {2}}), recover("CD"),
+          recover("ACD", {.status = 5114, .numbers = {2}}, "2 end"), online('A'), online('B'),
+          online('C'), online('D')},
+         3000,
+         "A:new B:new C:new D:new",
+         {"recovered [A.nsf]", "NOT recovered [B.nsf]", "NOT recovered [C.nsf]",
+          "perhaps recovered [D.nsf]"},
+         true},
         {"rolled forward: online fails",
          true,
          "a",
@@ -224,6 +237,7 @@ TEST_F(DatabaseRecovery, TakesOfflineReplaysReplacesAndBringsOnline) {
         if (c.rollForward) {
             ASSERT_TRUE(readRollForward("YES", g_sQRTLN_Global.sRecoveryChoices));
         }
+        g_sQRTLN_Global.bNewDbiid = c.newDbiid;
         script.play(c.steps);
         EXPECT_EQ(RecoverDb(list), c.result);
         EXPECT_TRUE(script.done());
@@ -278,17 +292,6 @@ TEST_F(DatabaseRecovery, InPlaceNothingIsTakenOfflineCopiedOrDeleted) {
     g_sQRTLN_Global.bNewDbiid = TRUE;
     EXPECT_EQ(RecoverDb(list), 3000);
     EXPECT_EQ(outcome("ab"), "a:old+ b:old+");
-}
-
-// With one of its own the log would not know a database when it is asked again.
-TEST_F(DatabaseRecovery, RolledForwardNewIdentitiesAreGivenLast) {
-    startWith("AB");
-    ASSERT_TRUE(readRollForward("YES", g_sQRTLN_Global.sRecoveryChoices));
-    g_sQRTLN_Global.bNewDbiid = TRUE;
-    script.play({recover("AB", {.status = 5114, .numbers = {1}}), recover("B"),
-                 recover("B", {}, "2 end"), online('A'), online('B')});
-    EXPECT_EQ(RecoverDb(list), 3000);
-    EXPECT_TRUE(script.done());
 }
 
 TEST_F(DatabaseRecovery, TheMomentIsGivenToTheServerOnlyAsItself) {
