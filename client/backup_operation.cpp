@@ -109,6 +109,7 @@ class BackupOperation {
     std::string m_last_error_line; // since the last item
     std::string m_logging_style;   // where the server has no logs to archive
     std::string m_incomplete_copy; // since the last preparation
+    bool m_file_short = false;     // likewise
     std::string m_dbiid;           // likewise
     std::string m_index_begun_anew;
     std::string m_index_entry_lost;
@@ -183,6 +184,8 @@ void BackupOperation::on_log(const std::string& line) {
         m_left_out.push_back(std::move(*left_out));
     if (says_changes_incomplete(line))
         m_incomplete_copy = line;
+    if (says_file_short(line))
+        m_file_short = true;
     if (std::string style = logging_without_archive(line); !style.empty())
         m_logging_style = style;
     if (says_archiving_in_progress(line))
@@ -205,6 +208,10 @@ void BackupOperation::on_index_event(IndexEvent event, const std::string& line) 
         break;
     case IndexEvent::entry_lost:
         m_index_entry_lost = line;
+        break;
+    case IndexEvent::unreadable:
+        m_index_begun_anew = line; // no level may build on it
+        m_index_entry_lost = line; // and it is not complete after this one
         break;
     }
 }
@@ -478,6 +485,7 @@ void BackupOperation::prepare_and_read(ManifestItem& item) {
         item.restored = m_context.owed.is_restored(m_ini.data_directory, item.path);
     }
     m_incomplete_copy.clear();
+    m_file_short = false;
     m_dbiid.clear();
     auto [prepared, usable, first] = m_session->prepare(item.path);
     item.prepare_status = prepared.status;
@@ -496,6 +504,9 @@ void BackupOperation::prepare_and_read(ManifestItem& item) {
             "the changes made during its copy are not complete in it: " + m_incomplete_copy;
         return;
     }
+    if (m_file_short)
+        item.warnings.emplace_back("its file is shorter than the server says: zeros stand for the "
+                                   "rest in the copy; have the server check the database");
     if (prepared.status == DB_NUM_W_WARNING)
         item.warnings.emplace_back("not transaction-logged: it can be restored as it was at this "
                                    "backup, but not rolled forward");

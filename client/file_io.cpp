@@ -101,9 +101,14 @@ int replace_file(const std::string& path, std::string_view content) {
 int flush_directory(int directory, const std::string& name) {
     FileDescriptor folder(
         ::openat(directory, name.c_str(), O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC));
-    if (!folder)
-        return errno;
-    return ::fsync(folder.get()) == 0 ? 0 : errno;
+    return folder ? flush_folder(folder.get()) : errno;
+}
+
+int flush_folder(int folder) {
+    if (::fsync(folder) == 0 || errno == EINVAL || errno == ENOTSUP || errno == ENOSYS ||
+        errno == EROFS)
+        return 0;
+    return errno;
 }
 
 int remove_tree(int directory, const std::string& name) {

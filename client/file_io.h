@@ -64,8 +64,11 @@ std::optional<std::string> read_small_file(int directory, const std::string& nam
 // there still, unless flushing its folder failed.
 int replace_file(const std::string& path, std::string_view content);
 
-// Flushes the file or folder `name` below `directory`. Returns 0 or the errno.
+// Flushes the folder `name` below `directory`, or an open one. Returns 0 or the errno; also 0 where
+// the file system cannot flush folders at all, as some network and user-space ones: the files in it
+// are flushed by themselves.
 int flush_directory(int directory, const std::string& name);
+int flush_folder(int folder);
 
 // Removes a folder and all below it; symbolic links are removed, never followed. Returns 0 or the
 // first errno; goes on with the rest after a failure.

@@ -138,9 +138,16 @@ bool says_changes_incomplete(const std::string& line) {
     return line.find("(): NSFBackupEndApplyChangeInfo LN C API call failed: ") != std::string::npos;
 }
 
+bool says_file_short(const std::string& line) {
+    return line.starts_with("Database file [") &&
+           line.ends_with("] is shorter than the size to copy");
+}
+
 IndexEvent parse_index_event(const std::string& line) {
     if (line.starts_with("QRTLN_InitBackup(): index file ["))
-        return line.ends_with("a new one is begun") ? IndexEvent::begun_anew : IndexEvent::none;
+        return line.ends_with("a new one is begun")                         ? IndexEvent::begun_anew
+               : line.ends_with("this backup has no entries and sets none") ? IndexEvent::unreadable
+                                                                            : IndexEvent::none;
     constexpr std::string_view beginning = "QRTLN_IsBackupNeeded: ";
     if (!line.starts_with(beginning))
         return IndexEvent::none;

@@ -63,6 +63,10 @@ std::optional<LeftOut> parse_left_out(const std::string& line);
 // hands the copy out all the same.
 bool says_changes_incomplete(const std::string& line);
 
+// Whether a line says that a database's file was shorter than the server said. The module copies
+// what there is, and zeros for the rest.
+bool says_file_short(const std::string& line);
+
 // What a line tells about the module's index of databases.
 enum class IndexEvent {
     none,
@@ -70,6 +74,7 @@ enum class IndexEvent {
     entry,      // a database gets an entry
     no_entry,   // but not this one, for its name
     entry_lost, // it could not be written
+    unreadable, // it is there and stays as it is: the backup has no entries and sets none
 };
 IndexEvent parse_index_event(const std::string& line);
 

@@ -26,6 +26,7 @@ namespace {
 // Reasons that the module gives, and what begins another.
 constexpr std::string_view failed_elsewhere = "the recovery failed at another database";
 constexpr std::string_view unknown_to_log = "the transaction log does not know it";
+constexpr std::string_view no_new_dbiid = "the server gives it no new DBIID"; // but it is in place
 
 // Below the pending folder; copies have no names like those of the links in it.
 constexpr const char* links_folder = "/qrtln-links";
@@ -562,8 +563,9 @@ Recovery::roll_forward_once(const std::vector<const RecoveringDatabase*>& databa
         } else if (outcome->outcome == RecoveryOutcome::recovered) {
             report_recovered(*database);
             give_owner_and_mode(*database);
-        } else if (outcome->outcome != RecoveryOutcome::failed) {
-            report(*database, outcome->outcome, outcome->reason).rolled_forward = false;
+        } else if (outcome->outcome != RecoveryOutcome::failed ||
+                   outcome->reason.starts_with(no_new_dbiid)) {
+            report(*database, RecoveryOutcome::uncertain, outcome->reason).rolled_forward = false;
             give_owner_and_mode(*database);
         } else if (outcome->reason == failed_elsewhere) {
             again.push_back(database);

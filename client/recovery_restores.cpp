@@ -109,8 +109,9 @@ std::string set_aside(const PlannedItem& planned, std::string& problem) {
     if (result != 0 && errno == EINVAL &&
         ::fstatat(folder.get(), other.c_str(), &status, AT_SYMLINK_NOFOLLOW) != 0)
         result = ::renameat(folder.get(), name.c_str(), folder.get(), other.c_str());
-    if (result != 0 || ::fsync(folder.get()) != 0)
-        problem = system_error_text(errno);
+    int error = result != 0 ? errno : flush_folder(folder.get());
+    if (error != 0)
+        problem = system_error_text(error);
     return problem.empty() ? path + "/" + other : std::string();
 }
 

@@ -168,8 +168,8 @@ FileDescriptor SafeFolder::open_folder(const std::string& relative, std::string&
             folder = open_below(relative, flags);
         if (folder && is_new) {
             created(folder.get(), relative);
-            if (::fsync(parent.get()) != 0) {
-                problem = "cannot flush " + for_terminal(shown) + ": " + system_error_text(errno);
+            if (int error = flush_folder(parent.get()); error != 0) {
+                problem = "cannot flush " + for_terminal(shown) + ": " + system_error_text(error);
                 return {};
             }
         }
@@ -305,8 +305,8 @@ std::string SafeFile::commit(const ManifestItem* metadata, bool replace) {
     if (result != 0)
         return "cannot put it in place: " + system_error_text(errno);
     m_temporary.clear();
-    return ::fsync(m_folder.get()) == 0 ? std::string()
-                                        : "cannot flush its folder: " + system_error_text(errno);
+    int error = flush_folder(m_folder.get());
+    return error == 0 ? std::string() : "cannot flush its folder: " + system_error_text(error);
 }
 
 } // namespace qrtln

@@ -321,8 +321,8 @@ void DirectoryStore::create_skeleton() {
 
 // Also of a store that was there: the run that created it may have been killed before it did this.
 void DirectoryStore::flush_skeleton() {
-    if (::fsync(m_folder.get()) != 0)
-        fail("flush the folder", errno);
+    if (int error = flush_folder(m_folder.get()); error != 0)
+        fail("flush the folder", error);
     std::string parent = m_directory.substr(0, m_directory.rfind('/'));
     int error = flush_directory(AT_FDCWD, parent.empty() ? "/" : parent);
     if (error != 0 && m_folder_created) // one that may not be opened was flushed by who created it
@@ -488,11 +488,11 @@ void DirectoryStore::write_document(const std::string& name, const std::string& 
         ::unlinkat(sets, temporary.c_str(), 0);
         fail("put " + what + " in place", error);
     }
-    if (::fsync(sets) != 0) {
-        error = errno;
+    error = flush_folder(sets);
+    if (error != 0) {
         if (!replaces) {
             ::unlinkat(sets, name.c_str(), 0);
-            (void)::fsync(sets); // what was not there must not come back with a power cut
+            (void)flush_folder(sets); // what was not there must not come back with a power cut
         }
         fail("flush the folder sets", error);
     }
@@ -503,8 +503,8 @@ void DirectoryStore::flush() {
         if (int error = flush_directory(m_objects.get(), folder); error != 0)
             fail("flush the folder objects/" + folder, error);
     m_unflushed.clear();
-    if (m_objects_unflushed && ::fsync(m_objects.get()) != 0)
-        fail("flush the folder objects", errno);
+    if (int error = m_objects_unflushed ? flush_folder(m_objects.get()) : 0; error != 0)
+        fail("flush the folder objects", error);
     m_objects_unflushed = false;
 }
 
