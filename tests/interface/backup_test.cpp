@@ -94,15 +94,55 @@ TEST(Backup, PreparedCopyIsSoundAndGoesWhenTheItemIsFinished) {
     });
 }
 
+TEST(Backup, TextsThatNobodyHearsCostNoCall) {
+    for (const bool heard : {false, true}) {
+        inOwnProcess([&] {
+            SimulatedServer server;
+            const std::string database = server.data("names.nsf");
+            server.markSaved("names.nsf");
+            Module module;
+            if (!heard) {
+                module.SetTrace(nullptr);
+                module.SetLog(nullptr);
+            }
+            ASSERT_EQ(
+                module.open(server, DB_TYPE_BCK, DB_LEVEL_FULL, {"DATABASE=QRTLN:" + database}),
+                DB_NUM_I_OK);
+            long calls = 0;
+            const auto translations = [&] {
+                const long before = calls;
+                calls = server.calls("OSTranslate(");
+                return calls - before;
+            };
+            std::string item;
+            do {
+                module.ItemFinishStatus(DB_ITEM_SUCCESS);
+                translations();
+                item = module.get();
+            } while (item != database);
+            // The path for the server, and the key of the index unless a text has shown it.
+            EXPECT_EQ(translations(), heard ? 1 : 3);
+            module.prepare(item);
+            // Both paths for the server, and the names of the copy in the texts.
+            EXPECT_EQ(translations(), heard ? 6 : 2);
+            module.ItemFinishStatus(DB_ITEM_SUCCESS);
+            EXPECT_EQ(translations(), 0);
+            module.close("STATUS=1");
+        });
+    }
+}
+
 TEST(Backup, OnlyTheStatusZeroMarksLogsAndReplacesTheIndex) {
     struct Case {
         const char* status;
         bool ok;
+        const char* second = "";
     };
-    for (const Case& c :
-         {Case{"STATUS=0", true}, Case{"status:0", true}, Case{"STATUS=1", false},
-          Case{"STATUS=00", false}, Case{"STATUS", false}, Case{"STATE=0", false}}) {
-        SCOPED_TRACE(c.status);
+    // One zero is enough, wherever it stands.
+    for (const Case& c : {Case{"STATUS=0", true}, Case{"status:0", true}, Case{"STATUS=1", false},
+                          Case{"STATUS=00", false}, Case{"STATUS", false}, Case{"STATE=0", false},
+                          Case{"STATUS=0", true, "STATUS=1"}, Case{"STATUS=1", true, "STATUS=0"}}) {
+        SCOPED_TRACE(std::string(c.status) + c.second);
         inOwnProcess([&] {
             SimulatedServer server;
             server.fillLog();
@@ -112,12 +152,29 @@ TEST(Backup, OnlyTheStatusZeroMarksLogsAndReplacesTheIndex) {
             // A log goes on the list of logs to mark whatever its finish status: the status of the
             // whole run alone holds it back.
             module.backUp(DB_ITEM_FAIL);
-            EXPECT_EQ(module.close(c.status), DB_NUM_I_OK);
+            EXPECT_EQ(module.close(c.status, c.second), DB_NUM_I_OK);
             EXPECT_EQ(server.calls("NSFDoneArchivingLog") > 0, c.ok);
             EXPECT_EQ(server.calls("NSFEndArchivingLogs"), 1);
             EXPECT_EQ(server.filesBelow("run").size(), c.ok ? 1u : 0u);
         });
     }
+}
+
+TEST(Backup, ALogThatCannotBeMarkedKeepsNoOtherFromIt) {
+    inOwnProcess([] {
+        SimulatedServer server;
+        server.fillLog();
+        setenv("NOTES_SIM_FAULTS", "NSFDoneArchivingLog#1=1234", 1);
+        Module module;
+        ASSERT_EQ(module.open(server, DB_TYPE_BCK, DB_LEVEL_FULL), DB_NUM_I_OK);
+        const auto logs = endingWith(module.backUp(), ".TXN");
+        ASSERT_GE(logs.size(), 3u) << "two and the active one";
+        EXPECT_EQ(module.close("STATUS=0"), DB_NUM_I_OK);
+        EXPECT_TRUE(Module::logged("DB_CloseOperation(): finishArchiveLog() failed"));
+        EXPECT_TRUE(fs::exists(logs[0]));
+        EXPECT_FALSE(fs::exists(logs[1]));
+        EXPECT_EQ(server.calls("NSFEndArchivingLogs"), 1);
+    });
 }
 
 TEST(Backup, IncrementalTakesOnlyDatabasesWhoseInstanceChanged) {
@@ -298,8 +355,10 @@ TEST(Backup, DatabaseThatVanishesAfterItWasListedFailsAlone) {
 }
 
 TEST(Backup, NamedDatabasesAreBackedUpAtEveryLevel) {
-    const std::pair<DB_OPERATION_LEVEL, const char*> levels[] = {
-        {DB_LEVEL_FULL, "full"}, {DB_LEVEL_DIFF, "differential"}, {DB_LEVEL_INCR, "incremental"}};
+    const std::pair<DB_OPERATION_LEVEL, const char*> levels[] = {{DB_LEVEL_COPY, "full"},
+                                                                 {DB_LEVEL_FULL, "full"},
+                                                                 {DB_LEVEL_DIFF, "differential"},
+                                                                 {DB_LEVEL_INCR, "incremental"}};
     for (const auto& [level, name] : levels) {
         SCOPED_TRACE(name);
         inOwnProcess([&, level = level, name = name] {
@@ -320,6 +379,12 @@ TEST(Backup, NamedDatabasesAreBackedUpAtEveryLevel) {
             EXPECT_TRUE(Module::logged("Preparing backup file failure: S0000001.TXN"));
             EXPECT_EQ(module.prepare("user.id"), "");
             EXPECT_EQ(module.close("STATUS=0"), DB_NUM_I_OK);
+            for (const DB_OPERATION_LEVEL whole : {DB_LEVEL_COPY, DB_LEVEL_DIFF}) {
+                EXPECT_EQ(module.open(server, DB_TYPE_BCK, whole), DB_NUM_I_OK);
+                module.close("STATUS=0");
+            }
+            EXPECT_EQ(server.calls("NSFEndArchivingLogs"), level == DB_LEVEL_INCR ? 1 : 0)
+                << "an archiving session that others may have";
         });
     }
 }

@@ -135,8 +135,9 @@ class Module {
             variables, [&](char** list) { return InitOperation(type, level, list, parameters); });
     }
 
-    int close(const std::string& status) {
-        return withVariables({status}, [&](char** list) { return CloseOperation(list); });
+    template <typename... Texts>
+    int close(const Texts&... statuses) {
+        return withVariables({statuses...}, [&](char** list) { return CloseOperation(list); });
     }
 
     // Gets the next item; empty when there is none. `code` has the answer.

@@ -58,6 +58,9 @@ class RecoveringClient {
         variables.emplace_back("RECOVERY=YES");
         const int result = module.open(server, DB_TYPE_RST, DB_LEVEL_FULL, variables);
         error = module.error();
+        EXPECT_EQ(server.calls("NotesTerm("),
+                  result == DB_NUM_I_COMPLETE ? 0 : server.calls("NotesInitExtended("))
+            << "the runtime stays up after a success alone";
         char szItem[1028] = "/x.nsf";
         EXPECT_EQ(module.SetItem(DB_ITEM_TYPE_FILE, szItem), DB_NUM_E_FAILED)
             << "nothing is restored through a recovery";

@@ -46,7 +46,7 @@ class RestoringClient {
         fs::create_directories(fs::path(target).parent_path());
         fs::copy_file(server.folder.file("store/" + name), target,
                       fs::copy_options::overwrite_existing);
-        return module.ItemFinishStatus(DB_ITEM_SUCCESS);
+        return module.ItemFinishStatus(finishAs);
     }
 
     // Restores one database that the client announces in its directory.
@@ -102,6 +102,7 @@ class RestoringClient {
     SimulatedServer server;
     Module module;
     std::string target;
+    DB_ITEM_RESULT finishAs = DB_ITEM_SUCCESS;
 };
 
 TEST(Restore, LostDatabasesActivatedAreInPlaceAndReadable) {
@@ -127,6 +128,25 @@ TEST(Restore, LostDatabasesActivatedAreInPlaceAndReadable) {
                 client.shown(client.server.data(name));
                 client.put(name); // its users can write to it
             }
+        });
+    }
+}
+
+TEST(Restore, WhatIsNotFinishedAsRestoredChangesNothing) {
+    for (const char* kind : {"ACTIVATE=YES", "INFO=-o \"deld=202001010000\""}) {
+        SCOPED_TRACE(kind);
+        inOwnProcess([&] {
+            RestoringClient client;
+            ASSERT_EQ(client.open({kind}), DB_NUM_I_OK);
+            const long opened = client.server.calls("NSFDbOpen(");
+            for (const DB_ITEM_RESULT result : {DB_ITEM_FAIL, DB_ITEM_WARNING, DB_ITEM_EXCLUDED}) {
+                client.finishAs = result;
+                EXPECT_EQ(client.restore("names.nsf"), DB_NUM_I_OK);
+                EXPECT_TRUE(fs::exists(client.target));
+            }
+            EXPECT_EQ(client.server.calls("NSFTakeDatabaseOffline("), 0);
+            EXPECT_EQ(client.server.calls("NSFDbOpen("), opened);
+            client.module.close("STATUS=1");
         });
     }
 }
@@ -181,6 +201,16 @@ TEST(Restore, WithoutActivationDatabasesWaitUnderTmpDirAndOtherFilesGoToTheirPla
         EXPECT_EQ(client.shown(client.server.data("names.nsf")), newer);
         EXPECT_EQ(client.file(client.server.data("user.id"), "names.nsf"), DB_NUM_I_OK);
         EXPECT_EQ(client.target, client.server.data("user.id"));
+        // What cannot be placed is told of the place, not of the live database.
+        std::ofstream(client.server.folder.file("tmp/mail")) << "in the way";
+        std::string unplaced = client.server.data("mail/deep/user1.nsf");
+        unplaced.resize(1028);
+        EXPECT_EQ(client.module.SetItem(DB_ITEM_TYPE_FILE, unplaced.data()), DB_NUM_E_FAILED);
+        const std::string place = client.server.folder.file("tmp/mail/deep/user1.nsf");
+        EXPECT_STREQ(unplaced.c_str(), place.c_str());
+        EXPECT_TRUE(Module::traced("DB_SetItem(): QRTLN_SetFile returned item: " + place));
+        EXPECT_TRUE(Module::logged("DB_SetItem(); QRTLN_SetFile(" + place + ") call failed"));
+        client.module.error();
         std::string tooLong = client.server.data(std::string(1100, 'x') + ".nsf");
         EXPECT_EQ(client.module.SetItem(DB_ITEM_TYPE_FILE, tooLong.data()), DB_NUM_E_FAILED);
         EXPECT_EQ(client.module.error(), "DB_SetItem(): the item's path is longer than 1027");
@@ -214,10 +244,20 @@ TEST(Restore, RelocationChoosesTheRelocatedPaths) {
             EXPECT_EQ(client.file(relocated, "names.nsf"), DB_NUM_I_OK) << client.module.error();
             EXPECT_EQ(client.target, relocated);
             client.shown(relocated);
-            // What was not chosen is not restored, without a word.
+            // What was not chosen is not restored, without a word, and nothing is to be finished
+            // for it: the next finish is of the item before.
+            Module::s_logs.clear();
+            char szChosen[1028] = "";
+            relocated.copy(szChosen, sizeof szChosen - 1);
+            EXPECT_EQ(client.module.SetItem(DB_ITEM_TYPE_FILE, szChosen), DB_NUM_I_OK);
             Module::s_logs.clear();
             EXPECT_EQ(client.file(root + "/other.id", "names.nsf"), DB_NUM_E_FAILED);
             EXPECT_THAT(Module::s_logs, IsEmpty());
+            Module::s_traces.clear();
+            EXPECT_EQ(client.module.ItemFinishStatus(DB_ITEM_SUCCESS), DB_NUM_I_OK);
+            EXPECT_TRUE(Module::traced("DB_ItemFinishStatus(): Item " + relocated));
+            EXPECT_EQ(client.module.ItemFinishStatus(DB_ITEM_SUCCESS), DB_NUM_E_FAILED);
+            client.module.error();
             char szUpwards[1028] = "";
             client.server.data("mail/../../x").copy(szUpwards, sizeof szUpwards - 1);
             EXPECT_EQ(client.module.SetItem(DB_ITEM_TYPE_DIRECTORY, szUpwards), DB_NUM_E_FAILED);
@@ -236,6 +276,13 @@ TEST(Restore, IncrementalLevelRestoresTransactionLogsAlone) {
         EXPECT_EQ(client.file(log, "names.nsf"), DB_NUM_I_OK);
         EXPECT_EQ(client.target, log);
         EXPECT_EQ(client.file(client.server.data("user.id"), "names.nsf"), DB_NUM_E_FAILED);
+        client.module.close("STATUS=0");
+        // A database that is named comes back, but waits for the last part of the restore.
+        const std::string name = client.server.data("names.nsf");
+        ASSERT_EQ(client.open({"ACTIVATE=YES", "DATABASE=QRTLN:" + name}, DB_LEVEL_INCR),
+                  DB_NUM_I_OK);
+        EXPECT_EQ(client.restore("names.nsf"), DB_NUM_I_OK);
+        EXPECT_TRUE(fs::exists(client.server.folder.file("tmp/names.nsf")));
         EXPECT_EQ(client.server.calls("NSFBringDatabaseOnline("), 0);
         client.module.close("STATUS=0");
     });

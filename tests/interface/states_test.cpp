@@ -134,6 +134,48 @@ TEST(States, SecondStartWithoutACloseUndoesTheFirst) {
     });
 }
 
+TEST(States, AStartThatFailedReplacesNoIndexAndHidesNoLaterError) {
+    inOwnProcess([] {
+        SimulatedServer server("none");
+        const std::string index = "\n[DBIID]\n/d/a.nsf=old\n\n";
+        const std::string leftover = "run/qrtln_DBIID.ini." + std::to_string(getpid());
+        server.folder.write("run/qrtln_DBIID.ini", index);
+        server.folder.write(leftover, "of another process");
+        Module module;
+        EXPECT_EQ(module.open(server, DB_TYPE_BCK, DB_LEVEL_FULL, {}), DB_NUM_E_FAILED);
+        EXPECT_EQ(module.close("STATUS=0"), DB_NUM_I_OK);
+        EXPECT_EQ(server.folder.read("run/qrtln_DBIID.ini"), index);
+        EXPECT_FALSE(server.folder.exists(leftover));
+
+        // Nothing is asked of the server to undo the operation before, as its runtime is down.
+        EXPECT_EQ(module.open(server, DB_TYPE_BCK, DB_LEVEL_INCR), DB_NUM_E_FAILED);
+        module.error();
+        const std::size_t calls = server.journal().size();
+        EXPECT_EQ(module.open(server, DB_TYPE_BCK, DB_LEVEL_FULL, {}), DB_NUM_E_FAILED);
+        EXPECT_EQ(module.error(), "There is no database file arguments");
+        EXPECT_EQ(server.journal().size(), calls);
+        EXPECT_EQ(module.open(server, DB_TYPE_BCK, DB_LEVEL_COPY), DB_NUM_I_OK);
+        EXPECT_EQ(module.error(), "");
+        EXPECT_GT(server.calls("NSFGetTransLogStyle"), 1) << "asked to end archiving now";
+        module.close("STATUS=1");
+    });
+}
+
+TEST(States, ACloseThatFailedLeavesNoIndexToTheNext) {
+    inOwnProcess([] {
+        SimulatedServer server;
+        server.markSaved("names.nsf");
+        setenv("NOTES_SIM_FAULTS", "NSFEndArchivingLogs#1=1234", 1);
+        Module module;
+        ASSERT_EQ(module.open(server, DB_TYPE_BCK, DB_LEVEL_FULL), DB_NUM_I_OK);
+        module.backUp();
+        EXPECT_EQ(module.close("STATUS=0"), DB_NUM_E_FAILED);
+        EXPECT_EQ(module.open(server, DB_TYPE_BCK, DB_LEVEL_FULL, {}), DB_NUM_E_FAILED);
+        EXPECT_EQ(module.close("STATUS=0"), DB_NUM_I_OK);
+        EXPECT_THAT(server.filesBelow("run"), ::testing::IsEmpty());
+    });
+}
+
 TEST(States, WrongOperationsAreRefusedAndTheLongPathPrefixIsDropped) {
     inOwnProcess([] {
         SimulatedServer server;
