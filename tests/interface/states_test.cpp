@@ -176,6 +176,32 @@ TEST(States, ACloseThatFailedLeavesNoIndexToTheNext) {
     });
 }
 
+TEST(States, ADataDirectoryWithoutRoomForItsDelimiterIsRefused) {
+    for (const std::size_t length : {1026U, 1027U}) {
+        inOwnProcess([&] {
+            SimulatedServer server;
+            std::string deep = server.folder.path();
+            while (deep.size() + 201 < length - 7) {
+                deep += "/" + std::string(200, 'd');
+            }
+            std::filesystem::create_directories(deep);
+            deep += "/" + std::string(length - 6 - deep.size(), 'd'); // and "/data"
+            server.simulate("init " + deep + " --databases 5");
+            std::string ini =
+                "NOTESINI=" + server.folder.write("ini", "Directory=" + deep + "/data\n" +
+                                                             "NotesProgram=/program\n");
+            char database[] = "DATABASE=NOTES";
+            char* variables[] = {ini.data(), database, nullptr};
+            Module module;
+            EXPECT_EQ(module.InitOperation(DB_TYPE_BCK, DB_LEVEL_COPY, variables, nullptr),
+                      length == 1027 ? DB_NUM_E_FAILED : DB_NUM_I_OK);
+            const std::string refused = "The path of a directory of the server is longer than 1026";
+            EXPECT_EQ(module.error().substr(0, refused.size()), length == 1027 ? refused : "");
+            module.close("STATUS=1");
+        });
+    }
+}
+
 TEST(States, WrongOperationsAreRefusedAndTheLongPathPrefixIsDropped) {
     inOwnProcess([] {
         SimulatedServer server;
