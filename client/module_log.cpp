@@ -91,7 +91,7 @@ std::optional<UncheckedItem> parse_unchecked_item(const std::string& line) {
         return std::nullopt;
     text.remove_prefix(source.size());
     for (std::string_view failure : {" NSFDbGetModifiedNoteTable() returned error ", " got error ",
-                                     " has a name that is too long for the server"})
+                                     " has a name that is not valid for the server"})
         if (std::size_t at = text.rfind(failure); at != std::string_view::npos)
             return UncheckedItem{std::string(text.substr(0, at)),
                                  "the module could not tell whether it was modified:" +

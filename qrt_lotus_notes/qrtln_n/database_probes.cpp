@@ -117,7 +117,7 @@ BOOL isNotesDbModified(const char* cpNotesDbFile, time_t cal_time) {
     }
     char szTmpFile[1024];
     if (!translateToLmbcs(cpNotesDbFile, szTmpFile)) {
-        DB_LogExt("Src Db: %s has a name that is too long for the server",
+        DB_LogExt("Src Db: %s has a name that is not valid for the server",
                   getUTF8FileName(cpNotesDbFile));
         return FALSE;
     }

@@ -1,3 +1,4 @@
+#include "qrt_lotus_notes/qrtln_o/disk_flush.h"
 #include "qrt_lotus_notes/qrtln_o/file_primitives.h"
 
 #include <gmock/gmock.h>
@@ -219,6 +220,18 @@ TEST_F(FilePrimitives, CopyKeepsTheSourceOpenOnlyWhenTheTargetCannotBeOpened) {
     EXPECT_EQ(openFiles(), before + 1);
     EXPECT_TRUE(messages.hasTrace("Error opening [" + unreachable +
                                   "]: error (2): No such file or directory"));
+}
+
+// The kernel's own file system cannot flush a directory, as some network ones.
+TEST(DiskFlush, ADirectoryThatCannotBeFlushedIsNoFailure) {
+    const TemporaryFolder folder;
+    const MessageCapture messages;
+    EXPECT_EQ(flushDirectoryOf(folder.write("file").c_str()), 0);
+    EXPECT_EQ(flushDirectoryOf("/proc/self/status"), 0);
+    EXPECT_TRUE(messages.hasTrace("flushDirectoryOf(): directory [/proc/self] cannot be flushed "
+                                  "(22): Invalid argument"));
+    EXPECT_EQ(flushDirectoryOf("/no/such/file"), ENOENT);
+    EXPECT_EQ(flushFile("/proc/self/status"), EINVAL);
 }
 
 TEST(PlatformStandIns, AnswerAsWithoutThePlatformsFeatures) {
