@@ -134,10 +134,8 @@ int QRTLN_PrepareForBackup(char* cpFile, char* cpBackupDirectory, BOOL* bpFileOp
         result = PrepareDbForBackup(cpFile, cpBackupDirectory, &DbIID);
     }
     if (result == DB_NUM_I_OK) {
-        char szDbIId[kDbIIdTextSize];
-        formatDbIId(DbIID, szDbIId);
         DB_TraceExt("QRTLN_PrepareForBackup: got database [%s], DBIID [%s])",
-                    getUTF8FileName(cpFile), szDbIId);
+                    getUTF8FileName(cpFile), DbIIdText(DbIID).szText);
     } else if (result == DB_NUM_W_WARNING) {
         if (g_sQRTLN_Global.eI_OperationLevel == DB_LEVEL_COPY) {
             result = DB_NUM_I_OK;

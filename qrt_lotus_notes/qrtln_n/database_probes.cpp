@@ -172,10 +172,8 @@ int isDatabaseLogged(const char* cpFile, BOOL* bpLogged, DB_LOGGING_STYLE* ep_Lo
     }
     *bpLogged = TRUE;
     *pDbIID = info.DbIID;
-    char szDbIId[kDbIIdTextSize];
-    formatDbIId(info.DbIID, szDbIId);
     DB_TraceExt("isDatabaseLogged: Database [%s] is logged, DBIID %s", getUTF8FileName(cpFile),
-                szDbIId);
+                DbIIdText(info.DbIID).szText);
 
     // How the server logs.
     WORD wLogType = 0;

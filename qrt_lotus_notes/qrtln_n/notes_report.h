@@ -63,6 +63,12 @@ inline void formatDbIId(const UNIVERSALNOTEID& DbIID, char (&szDbIId)[kDbIIdText
                static_cast<unsigned long>(DbIID.Note.Innards[1]));
 }
 
+// The text form for a message: made where the message is, and only when somebody hears it.
+struct DbIIdText {
+    explicit DbIIdText(const UNIVERSALNOTEID& DbIID) { formatDbIId(DbIID, szText); }
+    char szText[kDbIIdTextSize];
+};
+
 // The short form in which log lines show the identity of a database or of a log's archive.
 inline unsigned long foldedId(const UNIVERSALNOTEID& id) {
     return id.File.Innards[0] ^ id.File.Innards[1] ^ id.Note.Innards[0] ^ id.Note.Innards[1];
