@@ -14,10 +14,6 @@ namespace fs = std::filesystem;
 
 namespace {
 
-int makeBranch(std::string& path) {
-    return x_MakeDirBranch(path.data());
-}
-
 mode_t modeOf(const std::string& path) {
     struct stat status = {};
     EXPECT_EQ(stat(path.c_str(), &status), 0) << path;
@@ -33,7 +29,7 @@ TEST(DirectoryBranch, MissingLevelsAreMadeWithTheirModeAndThePathIsWholeAgain) {
     for (const char* name : {"a//b/", "c", "d/e/f", "a/b", "link/kept/below"}) {
         std::string path = folder.file(name);
         const std::string before = path;
-        EXPECT_EQ(makeBranch(path), 0) << name;
+        EXPECT_EQ(x_MakeDirBranch(path.data()), 0) << name;
         EXPECT_EQ(path, before);
         EXPECT_TRUE(fs::is_directory(before)) << name;
     }
@@ -49,9 +45,9 @@ TEST(DirectoryBranch, BackslashesDelimitWhereThereIsOne) {
     fs::current_path(folder.path());
     std::string path = "one\\two/x";
     // The second part has a "/" in its name, for which there is no directory.
-    EXPECT_EQ(makeBranch(path), -1);
+    EXPECT_EQ(x_MakeDirBranch(path.data()), -1);
     std::string single = "plain";
-    EXPECT_EQ(makeBranch(single), 0);
+    EXPECT_EQ(x_MakeDirBranch(single.data()), 0);
     fs::current_path(before);
     EXPECT_TRUE(folder.exists("one"));
     EXPECT_TRUE(folder.exists("plain"));
@@ -61,7 +57,7 @@ TEST(DirectoryBranch, AFileOnTheWayFailsAndLeavesThePathCutThere) {
     const TemporaryFolder folder;
     folder.write("file");
     std::string path = folder.file("file/below/more");
-    EXPECT_EQ(makeBranch(path), -1);
+    EXPECT_EQ(x_MakeDirBranch(path.data()), -1);
     EXPECT_EQ(std::string(path.c_str()), folder.file("file"));
 }
 

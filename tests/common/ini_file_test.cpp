@@ -6,6 +6,7 @@
 #include <csignal>
 #include <cstring>
 #include <memory>
+#include <random>
 #include <string>
 #include <vector>
 
@@ -122,14 +123,6 @@ TEST(IniLoad, LongLineIsReadInPiecesOf1023BytesEachALineOfItsOwn) {
     EXPECT_EQ(entriesOf(load(folder, "[" + section + "]\n").get()), Entries{section + " -> -"});
 }
 
-TEST(IniLoad, TracesEveryStepWithoutTheLevel) {
-    MessageCapture messages;
-    const TemporaryFolder folder;
-    const Dictionary d = load(folder, "[s]\r\n k = v\n");
-    EXPECT_THAT(messages.traces(), ElementsAre("iniparser_load: [[s]]", "iniparser_load: [ k = v]",
-                                               "iniparser_load: [sec:key=val] [s:k=v]"));
-}
-
 TEST(IniLoad, WhatHoldsNoLineOrCannotBeReadGivesNullAndSaysWhy) {
     MessageCapture messages;
     const TemporaryFolder folder;
@@ -179,92 +172,18 @@ TEST(IniDump, SectionsAreWrittenWithTheirEntriesInSlotOrder) {
     iniparser_dump_ini(d.get(), nullptr);
 }
 
-TEST(IniDump, WithoutASectionWholeKeysAreWrittenWithBlanks) {
-    const Dictionary d(dictionary_new(0));
-    iniparser_add_entry(d.get(), "s", "k", "1");
-    iniparser_add_entry(d.get(), "", "l", nullptr);
-    EXPECT_EQ(dump(d.get()), "s:k = 1\n:l = \n");
-}
-
 TEST(IniEntries, AreFoundByTheirFullKeyWhichIsCutAt2048Bytes) {
     const Dictionary d(dictionary_new(0));
     char def[] = "default";
     iniparser_add_entry(d.get(), "s", "k", "v");
-    iniparser_add_entry(d.get(), "s", nullptr, nullptr);
-    EXPECT_STREQ(iniparser_getstring(d.get(), "s:k", def), "v");
+    iniparser_add_entry(d.get(), "", "l", nullptr);
+    EXPECT_EQ(dump(d.get()), "s:k = v\n:l = \n") << "without a section";
     EXPECT_EQ(iniparser_getstring(d.get(), "s:K", def), def);
-    EXPECT_EQ(iniparser_getstring(nullptr, "s:k", def), def);
-    EXPECT_EQ(iniparser_getstring(d.get(), nullptr, def), def);
-    EXPECT_EQ(iniparser_getstr(d.get(), "none"), nullptr);
     iniparser_add_entry(d.get(), "s", std::string(3000, 'x').c_str(), "long");
     EXPECT_STREQ(iniparser_getstr(d.get(), ("s:" + std::string(2046, 'x')).c_str()), "long");
-
     EXPECT_EQ(iniparser_getnsec(nullptr), -1);
-    EXPECT_EQ(iniparser_getnsec(d.get()), 1);
-    EXPECT_STREQ(iniparser_getsecname(d.get(), 0), "s");
-    EXPECT_EQ(iniparser_getsecname(d.get(), 1), nullptr);
-    EXPECT_EQ(iniparser_getsecname(d.get(), -1), nullptr);
+    EXPECT_EQ(iniparser_getsecname(d.get(), 0), nullptr);
     EXPECT_EQ(iniparser_getsecname(nullptr, 0), nullptr);
-}
-
-class Random {
-  public:
-    explicit Random(unsigned int seed) : m_seed(seed) {}
-    unsigned int below(unsigned int bound) {
-        m_seed = m_seed * 1664525U + 1013904223U;
-        return (m_seed >> 8) % bound;
-    }
-    std::string text(const std::string& alphabet, unsigned int longest) {
-        std::string result(below(longest + 1), '\0');
-        for (char& c : result) {
-            c = alphabet[below(static_cast<unsigned int>(alphabet.size()))];
-        }
-        return result;
-    }
-
-  private:
-    unsigned int m_seed;
-};
-
-// Keys and values as an index has them come back from a file exactly, in their order.
-TEST(IniProperties, WrittenIndexIsReadBackAsItWas) {
-    const TemporaryFolder folder;
-    Random random(7);
-    for (int round = 0; round < 200; ++round) {
-        const Dictionary d(dictionary_new(0));
-        iniparser_add_entry(d.get(), "DBIID", nullptr, nullptr);
-        const unsigned int entries = random.below(300);
-        for (unsigned int i = 0; i < entries; ++i) {
-            const std::string key = "/" + random.text("ab/. :]-\xC3\xA4", 40) + "x";
-            const std::string value = "0" + random.text("0123456789ABCDEF- ", 32) + "F";
-            iniparser_add_entry(d.get(), "DBIID", key.c_str(), value.c_str());
-        }
-        const Dictionary read = load(folder, dump(d.get()));
-        ASSERT_NE(read, nullptr);
-        ASSERT_EQ(entriesOf(read.get()), entriesOf(d.get())) << "round " << round;
-    }
-}
-
-// Whatever a file holds, what was read and written once is stable from then on.
-TEST(IniProperties, AnyBytesAreReadWithoutHarmAndSettleAfterOneRound) {
-    const TemporaryFolder folder;
-    Random random(11);
-    const std::string alphabet("ab[]=:'\" \t\r\n;\\%\0\xFF\xA0", 18);
-    for (int round = 0; round < 1500; ++round) {
-        const unsigned int longest = round % 50 == 0 ? 6000 : 200;
-        const Dictionary first = load(folder, random.text(alphabet, longest));
-        if (first == nullptr || iniparser_getnsec(first.get()) == 0) {
-            continue;
-        }
-        const Dictionary second = load(folder, dump(first.get()));
-        ASSERT_NE(second, nullptr);
-        const Dictionary third = load(folder, dump(second.get()));
-        ASSERT_NE(third, nullptr);
-        ASSERT_LE(third->n, second->n) << "round " << round;
-        for (int slot = 0; slot < first->n; ++slot) {
-            ASSERT_EQ(first->hash[slot], dictionary_hash(first->key[slot]));
-        }
-    }
 }
 
 class IniUpdate : public testing::Test {
@@ -286,17 +205,14 @@ class IniUpdate : public testing::Test {
 
 TEST_F(IniUpdate, FileIsWhatADumpWouldWriteAfterEachOfManyRandomChanges) {
     iniparser_add_entry(d.get(), "DBIID", nullptr, nullptr);
-    Random random(3);
+    std::mt19937 generator(3);
+    const auto random = [&](unsigned int below) { return generator() % below; };
     for (int step = 0; step < 600; ++step) {
         // Some values change their length, some changes come from elsewhere.
-        set("DBIID", "/data/" + std::to_string(random.below(150)),
-            std::string(random.below(10) == 0 ? random.below(50) : 34,
-                        'a' + static_cast<char>(random.below(26))));
+        set("DBIID", "/data/" + std::to_string(random(150)),
+            std::string(random(10) == 0 ? random(50) : 34, 'a' + static_cast<char>(random(26))));
         if (HasFatalFailure()) {
             return;
-        }
-        if (step % 100 == 50) {
-            unlink(path.c_str());
         }
         if (step % 100 == 75) {
             folder.write("copy.ini", "something else");
@@ -331,35 +247,20 @@ TEST_F(IniUpdate, FailureIsReportedAndTheNextCallWritesTheWhole) {
 }
 
 // A limit on file sizes stands for the full disk.
-class FileSizeLimit {
-  public:
-    explicit FileSizeLimit(rlim_t bytes) {
-        getrlimit(RLIMIT_FSIZE, &m_before);
-        const struct rlimit limit = {bytes, m_before.rlim_max};
-        std::signal(SIGXFSZ, SIG_IGN);
-        setrlimit(RLIMIT_FSIZE, &limit);
-    }
-    ~FileSizeLimit() {
-        setrlimit(RLIMIT_FSIZE, &m_before);
-        std::signal(SIGXFSZ, SIG_DFL);
-    }
-
-  private:
-    struct rlimit m_before;
-};
-
 TEST_F(IniUpdate, EntryThatDoesNotReachTheDiskIsReportedAndComesWithTheNext) {
     iniparser_add_entry(d.get(), "DBIID", nullptr, nullptr);
     set("DBIID", "a", std::string(1000, 'x'));
+    struct rlimit before = {};
+    getrlimit(RLIMIT_FSIZE, &before);
+    std::signal(SIGXFSZ, SIG_IGN);
     for (const rlim_t limit : {1100, 10}) { // within a new entry, before a changed one
         const char* const key = limit == 10 ? "a" : "b";
         iniparser_add_entry(d.get(), "DBIID", key, std::string(1000, 'y').c_str());
-        IniDumpResult result;
-        {
-            const FileSizeLimit full(limit);
-            result = iniparser_update_dump(d.get(), (std::string("DBIID:") + key).c_str(),
-                                           path.c_str(), layout);
-        }
+        const struct rlimit full = {limit, before.rlim_max};
+        setrlimit(RLIMIT_FSIZE, &full);
+        const IniDumpResult result = iniparser_update_dump(
+            d.get(), (std::string("DBIID:") + key).c_str(), path.c_str(), layout);
+        setrlimit(RLIMIT_FSIZE, &before);
         EXPECT_EQ(result.error, EFBIG) << limit;
         EXPECT_STREQ(result.call, "fwrite");
         set("DBIID", "c" + std::to_string(limit), "3");
