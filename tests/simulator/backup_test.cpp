@@ -21,7 +21,7 @@ int rounds() {
 }
 
 TEST(BackupUnderWriters, CopyIsExactWithItsChangesAndTornOrStaleWithoutThemInMostTries) {
-    constexpr DWORD kInfoBuffers[] = {32768, 997, 4096, 100003, 65536};
+    constexpr DWORD kInfoBuffers[] = {32768, 997, 17, 100003, 65536};
     int bad = 0;
     int torn = 0;
     for (int round = 0; round < 2 * rounds(); ++round) {
@@ -48,19 +48,6 @@ TEST(BackupUnderWriters, CopyIsExactWithItsChangesAndTornOrStaleWithoutThemInMos
     RecordProperty("torn", torn);
     EXPECT_GT(bad, rounds() * kTriesInRound * 3 / 4);
     EXPECT_GT(torn, rounds() * kTriesInRound / 4);
-}
-
-TEST(BackupOfQuietDatabase, TakesChangesInPiecesOfAnySize) {
-    const TestServer server;
-    const fs::path copy = server.folder / "copy.nsf";
-    for (const DWORD size : {1U, 2U, 15U, 17U, 4095U}) {
-        CopySteps steps;
-        steps.infoBuffer = size;
-        steps.chunk = 1 << 20;
-        steps.between = [&] { dominoSim({"put", server.root(), kDatabase, "--text", "short"}); };
-        ASSERT_NO_FATAL_FAILURE(backUp(kDatabase, server.data(kDatabase), copy, steps));
-        EXPECT_TRUE(readFile(copy) == readFile(server.data(kDatabase))) << size;
-    }
 }
 
 // A transaction too large for the cache writes pages before it commits. When its process dies, the
@@ -193,17 +180,6 @@ TEST(BackupContext, ThatIsOpenAnswers3748OnceAndIsClearedThroughItsHandle) {
     EXPECT_EQ(NotesSimOutstanding(NOTES_SIM_BACKUP_CONTEXTS), 0U);
 }
 
-TEST(BackupContext, OfThisProcessEndsUnfinishedWithTheRuntime) {
-    const TestServer server;
-    OpenBackup backup(kDatabase);
-    ASSERT_EQ(backup.status, 0);
-    NotesTerm();
-    EXPECT_EQ(NotesSimOutstanding(NOTES_SIM_DATABASES), 0U);
-    backup.database.handle = 0; // gone with the runtime
-    ASSERT_EQ(server.start(), 0);
-    EXPECT_EQ(OpenBackup(kDatabase).status, 0);
-}
-
 TEST(BackupNeeded, FollowsBackupsLogAndDbiid) {
     const TestServer server;
     std::string name = server.data(kDatabase).string();
@@ -219,7 +195,7 @@ TEST(BackupNeeded, FollowsBackupsLogAndDbiid) {
     EXPECT_GT(needed, 3000U);
     EXPECT_LT(needed, 4000U);
     EXPECT_EQ(NSFIsNewBackupNeeded(name.data(), 1000, &needed), 0);
-    EXPECT_EQ(needed, 1U);
+    EXPECT_EQ(needed, 1U) << "more than that";
     EXPECT_EQ(NSFIsNewBackupNeeded(name.data(), 65536, &needed), 0);
     EXPECT_EQ(needed, 0U);
 

@@ -49,18 +49,5 @@ TEST(KilledWriterAndReplacedDatabase, RecordIsNotAppliedToAnEarlierCopy) {
               dominoSimJson({"show", older.string()})["digest"]);
 }
 
-// Its journal is named after a path that was cut short.
-TEST(KilledWriter, OfADatabaseWithALongNameIsRolledBackAfterTheRuntimeStarts) {
-    const TestServer server({"--style", "none"});
-    const std::string name = "long/" + std::string(200, 'n') + ".nsf";
-    dominoSim({"create", server.root(), name});
-    const auto before = dominoSimJson({"show", server.root(), name});
-    dominoSim({"put", server.root(), name, "--count", "300", "--crash", "half-written"},
-              1000 + SIGKILL);
-    NotesTerm();
-    ASSERT_EQ(server.start(), 0);
-    EXPECT_EQ(dominoSimJson({"show", server.root(), name}), before);
-}
-
 } // namespace
 } // namespace simulator_tests
