@@ -38,12 +38,7 @@ TEST_F(BitRot, EveryFlippedBitIsFoundByVerifyAndBeforeActivation) {
     run(0, {"prove"});
     const std::string live = m_server + "/data/names.nsf";
     const std::string before = read_file(live);
-    const std::string object = m_store + "/objects/" + object_file_name([&] {
-                                   for (const ManifestItem& item : manifest(set).items)
-                                       if (item.path == live)
-                                           return item.object;
-                                   throw std::runtime_error("names.nsf is not in the set");
-                               }());
+    const std::string object = object_file(set, live);
     std::mt19937 random(20261121);
     const int flips = std::getenv("QRTLN_LONG_TESTS") != nullptr ? 1000 : 40;
     int activations = 0;

@@ -8,6 +8,7 @@
 #include <chrono>
 #include <csignal>
 #include <gmock/gmock.h>
+#include <memory>
 #include <nlohmann/json.hpp>
 #include <sys/stat.h>
 #include <thread>
@@ -82,6 +83,26 @@ class Commands : public testing::Test {
         return {};
     }
     std::string journal() const { return read_file(m_journal); }
+    // A backup that hangs in the module, in the copy of names.nsf.
+    std::unique_ptr<test::RunningClient> hanging_backup(std::vector<std::string> more = {}) const {
+        std::string mark = m_scratch / "mark";
+        fs::remove(m_journal);
+        fs::remove(mark);
+        auto client = std::make_unique<test::RunningClient>(
+            arguments(std::move(more)),
+            with_base({{"FAKE_HANG", "names.nsf"}, {"FAKE_HANG_MARK", mark}}));
+        for (int i = 0; i < 2000 && !fs::exists(mark); ++i)
+            std::this_thread::sleep_for(5ms);
+        EXPECT_TRUE(fs::exists(mark));
+        return client;
+    }
+    // The same, killed; its child ends by itself.
+    void killed_backup() const {
+        hanging_backup();
+        for (int i = 0; i < 2000 && !journal().ends_with("close STATUS=1\n"); ++i)
+            std::this_thread::sleep_for(5ms);
+        EXPECT_TRUE(journal().ends_with("close STATUS=1\n")) << journal();
+    }
     std::string content_of(const json& item) const {
         auto store = open_directory_store(m_store, StoreAccess::read);
         std::string content;
@@ -207,15 +228,6 @@ TEST_F(Commands, ItemsThatCannotBeStoredFailAloneAndTheServerHearsOfIt) {
     EXPECT_EQ(calls.find(prepare, second + 1), std::string::npos);
 }
 
-TEST_F(Commands, WhatAKilledRunLeftOnTheServerCostsOneRetry) {
-    write_file(m_scratch / "busy", "x");
-    Outcome outcome = backup({{"FAKE_FAIL_ONCE", "names.nsf"}, {"FAKE_BUSY", m_scratch / "busy"}});
-    EXPECT_EQ(outcome.exit_code, 0) << outcome.errors;
-    EXPECT_THAT(item(m_data + "/names.nsf")["warnings"].dump(),
-                HasSubstr("a backup is in progress"));
-    EXPECT_THAT(journal(), HasSubstr("close STATUS=1\ninit 1 1\n"));
-}
-
 // The server removes a log that is stored: half of one must not count.
 TEST_F(Commands, FileThatChangesWhileItIsReadHasFailedUnlessItMayGrow) {
     const std::string log = m_scratch / "logs/S1.TXN";
@@ -257,22 +269,6 @@ TEST_F(Commands, FileThatChangesWhileItIsReadHasFailedUnlessItMayGrow) {
                       " bytes, but the full extents of this log have 9");
         EXPECT_TRUE(journal().ends_with("close STATUS=1\n"));
     }
-}
-
-TEST_F(Commands, NamesOfAnyBytesSurvive) {
-    std::string newline = m_data + "/new\nline.nsf";
-    std::string latin = m_data + "/gr\xFC\xDF.nsf";
-    write_file(newline, "newline");
-    write_file(latin, "latin");
-    ASSERT_EQ(backup({}, {"--json"}).exit_code, 0);
-    auto store = open_directory_store(m_store, StoreAccess::read);
-    CatalogueEntry entry = load_set(*store, store->set_names().at(0));
-    for (const std::string& path : {newline, latin})
-        EXPECT_TRUE(std::any_of(entry.manifest->items.begin(), entry.manifest->items.end(),
-                                [&](const ManifestItem& item) { return item.path == path; }));
-    Outcome shown = command({"show", "latest"});
-    EXPECT_THAT(shown.output, HasSubstr("new\\x0aline.nsf"));
-    EXPECT_THAT(shown.output, HasSubstr("gr\\xfc\\xdf.nsf"));
 }
 
 TEST_F(Commands, FailureOfTheModuleLeavesStoreAndIndexAsTheyWere) {
@@ -320,17 +316,10 @@ TEST_F(Commands, CloseThatFailsIsReportedAndKeptInTheManifest) {
 TEST_F(Commands, SignalDuringAHangingPrepareEndsTheRunCleanly) {
     ::signal(SIGHUP, SIG_IGN); // as nohup does
     for (int signal : {SIGTERM, SIGINT}) {
-        fs::remove(m_journal);
-        std::string mark = m_scratch / "mark";
-        fs::remove(mark);
-        test::RunningClient client(arguments({"--json"}), with_base({{"FAKE_HANG", "names.nsf"},
-                                                                     {"FAKE_HANG_MARK", mark}}));
-        for (int i = 0; i < 2000 && !fs::exists(mark); ++i)
-            std::this_thread::sleep_for(5ms);
-        ASSERT_TRUE(fs::exists(mark));
-        ::kill(client.pid(), SIGHUP);
-        ::kill(client.pid(), signal);
-        Outcome outcome = client.wait();
+        auto client = hanging_backup({"--json"});
+        ::kill(client->pid(), SIGHUP);
+        ::kill(client->pid(), signal);
+        Outcome outcome = client->wait();
         EXPECT_EQ(outcome.exit_code, 128 + signal) << outcome.errors;
         EXPECT_EQ(json::parse(outcome.output)["exit_code"], 128 + signal);
         EXPECT_THAT(journal(), HasSubstr("finish 3 " + m_data + "/names.nsf\nclose STATUS=1\n"));
@@ -339,48 +328,13 @@ TEST_F(Commands, SignalDuringAHangingPrepareEndsTheRunCleanly) {
     }
 }
 
-TEST_F(Commands, ChildOfAKilledClientClosesTheOperationAndTheNextRunCleansUp) {
-    ASSERT_EQ(backup().exit_code, 0);
-    fs::remove(m_journal);
-    auto before = snapshot(m_store);
-    std::string mark = m_scratch / "mark";
-    {
-        test::RunningClient client(
-            arguments({}), with_base({{"FAKE_HANG", "names.nsf"}, {"FAKE_HANG_MARK", mark}}));
-        for (int i = 0; i < 2000 && !fs::exists(mark); ++i)
-            std::this_thread::sleep_for(5ms);
-        ASSERT_TRUE(fs::exists(mark));
-    } // SIGKILL
-    for (int i = 0; i < 2000 && journal().find("close") == std::string::npos; ++i)
-        std::this_thread::sleep_for(5ms);
-    EXPECT_TRUE(journal().ends_with("close STATUS=1\n")) << journal();
-    EXPECT_FALSE(fs::is_empty(m_tmp));
-    // The child may hold the lock for a moment longer.
-    Outcome next = backup({{"FAKE_FAIL", "names.nsf"}});
-    for (int i = 0; i < 200 && next.exit_code == 11; ++i) {
-        std::this_thread::sleep_for(10ms);
-        next = backup({{"FAKE_FAIL", "names.nsf"}});
-    }
-    EXPECT_EQ(next.exit_code, 3) << next.errors;
-    EXPECT_TRUE(fs::is_empty(m_tmp));
-    EXPECT_EQ(snapshot(m_store).size(), before.size() + 2); // the manifest, and what it owes
-    EXPECT_THAT(read_file(m_store + "/runtime/owed.jsonl"), HasSubstr(m_data + "/names.nsf"));
-}
-
-TEST_F(Commands, WhatAKilledRunOwesIsSavedFirstAndOnlyWhatIsStoredIsStruckOut) {
+TEST_F(Commands, WhatAKilledRunOwesIsSavedFirstItsCopiesGoAndOnlyWhatIsStoredIsStruckOut) {
     ASSERT_EQ(backup().exit_code, 0);
     std::string owed = m_store + "/runtime/owed.jsonl";
     std::string names = m_data + "/names.nsf";
-    std::string mark = m_scratch / "mark";
     write_file(m_data + "/gone.nsf", "x");
-    {
-        test::RunningClient client(
-            arguments({}), with_base({{"FAKE_HANG", "names.nsf"}, {"FAKE_HANG_MARK", mark}}));
-        for (int i = 0; i < 2000 && !fs::exists(mark); ++i)
-            std::this_thread::sleep_for(5ms);
-    } // SIGKILL
-    for (int i = 0; i < 2000 && journal().find("close STATUS=1") == std::string::npos; ++i)
-        std::this_thread::sleep_for(5ms);
+    killed_backup();
+    EXPECT_FALSE(fs::is_empty(m_tmp));
     EXPECT_THAT(read_file(owed), HasSubstr(names));
     fs::remove(m_data + "/gone.nsf");
     const struct {
@@ -405,6 +359,7 @@ TEST_F(Commands, WhatAKilledRunOwesIsSavedFirstAndOnlyWhatIsStoredIsStruckOut) {
             outcome = backup(test.environment, test.arguments);
         } while (outcome.exit_code == 11);
         EXPECT_EQ(outcome.exit_code, test.exit_code) << outcome.errors;
+        EXPECT_TRUE(fs::is_empty(m_tmp)); // also what the killed one left
         std::string first = journal().substr(0, journal().find("close"));
         EXPECT_EQ(first.find("init 1 1\n") == 0 &&
                       first.find("DATABASE=QRTLN:" + names + "\n") != std::string::npos,
@@ -457,6 +412,8 @@ TEST_F(Commands, WrongPlacesAndUsesHaveTheirExitCodes) {
     write_file(m_scratch / "other/file", "x");
     fs::create_directories(m_scratch / "bare");
     write_file(m_scratch / "bare.ini", "Directory=" + m_scratch / "bare" + "\n");
+    write_file(m_scratch / "relative.ini", "Directory=data\n");
+    write_file(m_scratch / "lost/sets/20231114T221320Z-full.json", "x"); // store.json is gone
     std::string none = m_scratch / "none";
     const struct {
         std::vector<std::string> arguments;
@@ -472,9 +429,15 @@ TEST_F(Commands, WrongPlacesAndUsesHaveTheirExitCodes) {
         {{"list", "--store", none}, 10},
         {{"show", "latest", "--store", none}, 10},
         {{"verify", "--store", m_scratch / "other"}, 10},
+        {{"verify", "--store", m_scratch / "other/file"}, 10},
+        {{"verify", "--store", m_scratch / "bare"}, 10}, // empty
+        {{"verify", "--store", m_scratch / "lost"}, 10},
+        {{"backup", "--notes-ini", m_ini, "--store", m_scratch / "lost"}, 10},
+        {{"backup", "--notes-ini", m_ini, "--store", none + "/deep"}, 1},
         {{"backup", "--notes-ini", m_ini, "--store", m_scratch / "other"}, 10},
         {{"backup", "--notes-ini", none, "--store", m_store}, 14},
         {{"backup", "--notes-ini", m_scratch / "bare.ini", "--store", m_store}, 14},
+        {{"backup", "--notes-ini", m_scratch / "relative.ini", "--store", m_store}, 14},
         {arguments({"--tmp-dir", m_data}), 2}, // given twice
         {{"backup", "--notes-ini", m_ini, "--store", m_store, "--tmp-dir", m_data}, 1},
         {{"backup", "--notes-ini", m_ini, "--store", m_store, "--tmp-dir", none}, 1},
@@ -489,7 +452,10 @@ TEST_F(Commands, WrongPlacesAndUsesHaveTheirExitCodes) {
     EXPECT_EQ(command({"show", "2001"}).exit_code, 1);
     EXPECT_EQ(run_client({"list"}, {{"QRTLN_STORE", m_store}}).exit_code, 0);
     auto lock = open_directory_store(m_store, StoreAccess::write);
-    EXPECT_EQ(backup().exit_code, 11);
+    Outcome locked = backup();
+    EXPECT_EQ(locked.exit_code, 11);
+    EXPECT_THAT(locked.errors, HasSubstr("process " + std::to_string(::getpid())));
+    EXPECT_EQ(command({"verify"}).exit_code, 0); // one writer, any readers
 }
 
 TEST_F(Commands, VerifyNamesWhatIsDamagedAndWhatItConcerns) {

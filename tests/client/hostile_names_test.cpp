@@ -5,7 +5,6 @@
 #include "client/text.h"
 #include "tests/client/simulated_server.h"
 
-#include <array>
 #include <fcntl.h>
 #include <set>
 #include <sstream>
@@ -203,43 +202,6 @@ TEST_F(HostileNames, AllAtOnceAreSavedAndRestoredOrNamed) {
     saved.insert(saved.end(), first_saved.begin(), first_saved.end());
     for (const std::string& name : good_names)
         EXPECT_THAT(saved, testing::Contains(name));
-}
-
-TEST_F(OverTheSimulator, ADatabaseThatVanishesAfterItWasListedFailsAlone) {
-    const std::string gone = m_server + "/data/late/gone.nsf";
-    ASSERT_EQ(domino("create " + m_server + " late/gone.nsf --notes 3"), 0);
-    // A trace that nobody reads stops the client: here, where the module has listed the files.
-    const std::string trace = m_scratch / "trace";
-    ASSERT_EQ(::mkfifo(trace.c_str(), 0600), 0);
-    int pipe = ::open(trace.c_str(), O_RDWR | O_CLOEXEC);
-    ASSERT_GE(::fcntl(pipe, F_SETPIPE_SZ, 4096), 0);
-    test::RunningClient client(
-        {"backup", "--notes-ini", m_server + "/notes.ini", "--store", m_store, "--tmp-dir", m_tmp,
-         "--json", "--trace", trace},
-        {{"QRTLN_MODULE", ""}, {"Notes_ExecDirectory", QRTLN_SIMULATOR_DIRECTORY}});
-    std::string text;
-    std::thread reader([&] {
-        bool removed = false;
-        std::array<char, 256> block{};
-        for (ssize_t got; text.find('\x04') == std::string::npos &&
-                          (got = ::read(pipe, block.data(), block.size())) > 0;) {
-            text.append(block.data(), static_cast<std::size_t>(got));
-            if (!removed && text.find("Total number of files") != std::string::npos)
-                removed = fs::remove(gone);
-        }
-    });
-    Outcome outcome = client.wait();
-    ASSERT_EQ(::write(pipe, "\x04", 1), 1);
-    reader.join();
-    ::close(pipe);
-    EXPECT_EQ(outcome.exit_code, 3) << outcome.errors;
-    const json document = json::parse(outcome.output);
-    ASSERT_EQ(document["failed"].size(), 1U);
-    EXPECT_EQ(document["failed"][0]["path"], gone);
-    EXPECT_THAT(document["failed"][0]["reason"].get<std::string>(), HasSubstr("it is gone"));
-    EXPECT_EQ(document["databases"], 6);
-    full_backup();
-    EXPECT_EQ(backup({"--level", "incr"}).exit_code, 0);
 }
 
 } // namespace

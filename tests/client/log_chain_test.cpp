@@ -161,36 +161,6 @@ TEST(OwedDatabases, DamageIsAnErrorThatSaysWhatToDo) {
     }
 }
 
-TEST(ModuleLog, ItemsThatCouldNotBeCheckedAreNamed) {
-    const struct {
-        const char* line;
-        const char* path;
-        const char* problem;
-        bool modified_since;
-    } cases[] = {
-        {"Checking if file needs to be backed up failure: /d/a b.nsf", "/d/a b.nsf",
-         "could not tell whether it needs", false},
-        {"ConvertTextToTIMEDATE() failed, got error 203 (515): No", "", "got error 203", true},
-        {"Src Db: /d/a.nsf got error 201 (513): Not a database", "/d/a.nsf", "Not a database",
-         true},
-        {"Src Db: /d/ got error .nsf got error 201 (513): x", "/d/ got error .nsf", "201", true},
-        {"Src Db: /d/a.nsf NSFDbGetModifiedNoteTable() returned error 1 (1): x", "/d/a.nsf",
-         "returned error 1", true},
-    };
-    for (const auto& test : cases) {
-        SCOPED_TRACE(test.line);
-        auto item = parse_unchecked_item(test.line);
-        ASSERT_TRUE(item);
-        EXPECT_EQ(item->path, test.path);
-        EXPECT_THAT(item->problem, HasSubstr(test.problem));
-        EXPECT_EQ(item->modified_since, test.modified_since);
-    }
-    for (const char* line :
-         {"Src Db: /d/a.nsf was modified since 01.01.2024", "Src Db: /d/a.nsf entries 3",
-          "Src Db: No Documents in /d/a.nsf have been modified since 01.01.2024.", ""})
-        EXPECT_FALSE(parse_unchecked_item(line)) << line;
-}
-
 TEST(ModuleLog, FoldersThatTheModuleLeavesOutAreHeard) {
     const struct {
         const char* line;

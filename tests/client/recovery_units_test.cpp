@@ -6,162 +6,80 @@
 #include "tests/client/run_client.h"
 
 #include <gmock/gmock.h>
+#include <sstream>
 
 namespace qrtln {
 namespace {
 
-using testing::ElementsAreArray;
 using testing::HasSubstr;
 
 constexpr std::int64_t second = 1'000'000'000;
 
-// A log whose last change is at 100 seconds times its number.
-StoredLog log(const std::string& set, std::uint32_t number, const std::string& what = "",
-              const std::string& id = "aaaaaaaa") {
-    StoredLog log;
-    log.set = set;
-    log.item.path = "/logs/S000000" + std::to_string(number) + ".TXN";
-    log.item.has_metadata = true;
-    log.item.mtime_ns = number * 100 * second + 7;
-    log.item.log = LogIdentity{number, id, what == "active"};
-    log.damaged = what == "damaged";
-    return log;
+// "A1 A2* B3! bB1": sets and their logs; "*" was active, "!" is damaged, "b" is of another archive.
+// The last change of a log is at 100 seconds times its number.
+std::vector<StoredLog> stored_logs(const std::string& text) {
+    std::vector<StoredLog> logs;
+    std::istringstream words(text);
+    for (std::string word; words >> word;) {
+        const bool other = word.starts_with('b');
+        const std::string number = word.substr(other ? 2 : 1);
+        StoredLog& log = logs.emplace_back();
+        log.set = word[other ? 1 : 0];
+        log.item.path = "/logs/S000000" + number.substr(0, 1) + ".TXN";
+        log.item.has_metadata = true;
+        log.item.mtime_ns = std::stoi(number) * 100 * second + 7;
+        log.item.log = LogIdentity{static_cast<std::uint32_t>(std::stoul(number)),
+                                   other ? "bbbbbbbb" : "aaaaaaaa", word.ends_with('*')};
+        log.damaged = word.ends_with('!');
+    }
+    return logs;
 }
 
-struct Case {
-    const char* title;
-    std::vector<StoredLog> stored;
-    std::vector<std::uint32_t> server; // empty: its folder is lost
-    std::string oldest_set;
-    std::optional<std::int64_t> to;
-    std::uint32_t first, last;
-    std::vector<std::uint32_t> restore;
-    std::optional<std::pair<std::uint32_t, std::uint32_t>> missing;
-    std::optional<std::int64_t> reachable;
-};
-
 TEST(RecoveryLogs, AreThoseThatTheSetsNeedAndTheServerHasNot) {
-    const std::vector<StoredLog> chain = {log("A", 1), log("A", 2, "active"), log("B", 2),
-                                          log("B", 3), log("B", 4, "active")};
-    const std::optional<std::int64_t> none;
-    const Case cases[] = {
-        {"from the set's first log on", chain, {4, 5}, "A", none, 1, 5, {1, 2, 3}, {}, none},
-        {"a newer set needs fewer", chain, {4, 5}, "B", none, 2, 5, {2, 3}, {}, none},
-        {"a set without logs: from what was written when it was made",
-         chain,
-         {4},
-         "AA",
-         none,
-         2,
-         4,
-         {2, 3},
-         {},
-         none},
-        {"a set before all logs", chain, {4}, "0", none, 1, 4, {1, 2, 3}, {}, none},
-        {"up to the log that goes beyond the time",
-         chain,
-         {4, 5},
-         "A",
-         150,
-         1,
-         2,
-         {1, 2},
-         {},
-         none},
-        {"a change within the second of the time may be in the next log",
-         chain,
-         {4, 5},
-         "A",
-         200,
-         1,
-         3,
-         {1, 2, 3},
-         {},
-         none},
-        {"the folder lost: the partial copy of the last log counts",
-         chain,
-         {},
-         "A",
-         none,
-         1,
-         4,
-         {1, 2, 3, 4},
-         {},
-         none},
-        {"a partial copy in the middle does not",
-         {log("A", 1), log("A", 2, "active"), log("B", 3)},
-         {3},
-         "A",
-         none,
-         1,
-         3,
-         {},
-         {{2, 2}},
-         98},
-        {"a gap of two", {log("A", 1), log("B", 4)}, {4, 5}, "A", none, 1, 5, {}, {{2, 3}}, 98},
-        {"a gap behind the time does no harm",
-         {log("A", 1), log("A", 2), log("B", 4)},
-         {4},
-         "A",
-         150,
-         1,
-         2,
-         {1, 2},
-         {},
-         none},
-        {"a damaged first log is missing, not unneeded",
-         {log("A", 1, "damaged"), log("A", 2), log("A", 3)},
-         {3},
-         "A",
-         none,
-         1,
-         3,
-         {},
-         {{1, 1}},
-         none},
-        {"a damaged log that the server has does no harm",
-         {log("A", 1), log("A", 2, "damaged")},
-         {2},
-         "A",
-         none,
-         1,
-         2,
-         {1},
-         {},
-         none},
-        {"only the newest log of the server counts",
-         {log("A", 1, "", "bbbbbbbb"), log("A", 2, "", "bbbbbbbb"), log("B", 1), log("B", 2)},
-         {2},
-         "B",
-         none,
-         1,
-         2,
-         {1},
-         {},
-         none},
-        {"the server began another log since", chain, {1, 2}, "A", none, 1, 4, {}, {{0, 0}}, none},
+    const char* const chain = "A1 A2* B2 B3 B4*";
+    const struct {
+        const char* title;
+        const char* stored;
+        std::vector<std::uint32_t> server; // empty: its folder is lost
+        std::string oldest_set;
+        std::int64_t to;      // -1: the end
+        const char* expected; // first and last, then those to restore, or the gap and the moment
+    } cases[] = {
+        {"from the set's first log on", chain, {4, 5}, "A", -1, "1-5: 1 2 3"},
+        {"a newer set needs fewer", chain, {4, 5}, "B", -1, "2-5: 2 3"},
+        {"no logs: from what was written when it was made", chain, {4}, "AA", -1, "2-4: 2 3"},
+        {"a set before all logs", chain, {4}, "0", -1, "1-4: 1 2 3"},
+        {"up to the log that goes beyond the time", chain, {4, 5}, "A", 150, "1-2: 1 2"},
+        {"a change within that second may be in the next", chain, {4, 5}, "A", 200, "1-3: 1 2 3"},
+        {"folder lost: the partial copy of the last counts", chain, {}, "A", -1, "1-4: 1 2 3 4"},
+        {"a partial copy in the middle", "A1 A2* B3", {3}, "A", -1, "1-: no 2 to 2, until 98"},
+        {"a gap of two", "A1 B4", {4, 5}, "A", -1, "1-: no 2 to 3, until 98"},
+        {"a gap behind the time does no harm", "A1 A2 B4", {4}, "A", 150, "1-2: 1 2"},
+        {"a damaged first log is missing", "A1! A2 A3", {3}, "A", -1, "1-: no 1 to 1"},
+        {"a damaged log that the server has does no harm", "A1 A2!", {2}, "A", -1, "1-2: 1"},
+        {"only the newest log of the server counts", "bA1 bA2 B1 B2", {2}, "B", -1, "1-2: 1"},
+        {"the server began another log since", chain, {1, 2}, "A", -1, "1-: no 0 to 0"},
     };
-    for (const Case& c : cases) {
-        SCOPED_TRACE(c.title);
-        StoredLogs stored{c.stored, std::nullopt};
+    for (const auto& c : cases) {
         ServerLogs server{"/logs", c.server.empty(), false, {}};
         for (std::uint32_t number : c.server)
             server.last_used[number] = number * 100 * second;
-        RecoveryLogs found = find_recovery_logs(stored, server, {c.oldest_set, c.to});
-        EXPECT_EQ(found.first, c.first);
-        ASSERT_EQ(found.missing.has_value(), c.missing.has_value());
-        if (c.missing) {
-            EXPECT_EQ(std::pair(found.missing->first, found.missing->last), *c.missing);
-            EXPECT_EQ(found.missing->reachable, c.reachable);
-            continue;
+        RecoveryLogs found =
+            find_recovery_logs({stored_logs(c.stored), std::nullopt}, server,
+                               {c.oldest_set, c.to < 0 ? std::nullopt : std::optional(c.to)});
+        std::ostringstream got;
+        got << found.first << "-";
+        if (found.missing) {
+            got << ": no " << found.missing->first << " to " << found.missing->last;
+            if (found.missing->reachable)
+                got << ", until " << *found.missing->reachable;
+        } else {
+            got << found.last << ":";
+            for (const StoredLog& restored : found.restore)
+                got << (restored.item.log->archive_id == "aaaaaaaa" ? " " : " b")
+                    << restored.item.log->number;
         }
-        EXPECT_EQ(found.last, c.last);
-        std::vector<std::uint32_t> restore;
-        for (const StoredLog& restored : found.restore) {
-            restore.push_back(restored.item.log->number);
-            EXPECT_EQ(restored.item.log->archive_id, "aaaaaaaa");
-        }
-        EXPECT_THAT(restore, ElementsAreArray(c.restore));
+        EXPECT_EQ(got.str(), c.expected) << c.title;
     }
 }
 
@@ -221,24 +139,22 @@ TEST(RecoveryJournal, KeepsEveryNameAndFindsEachChangedByte) {
     journal.done = {{"/c\xE4.nsf", "short"}};
     journal.extents = {{"/logs/S0000001.TXN", "abc"}};
     file.write(journal);
-    RecoveryJournal back = file.read().value();
-    EXPECT_EQ(back.data_directory, journal.data_directory);
+    const std::string bytes = test::read_file(scratch / "recovery.json");
+    const RecoveryJournal back = file.read().value();
     EXPECT_EQ(back.names, journal.names);
     EXPECT_EQ(back.to, journal.to);
     EXPECT_EQ(back.pending_folder, journal.pending_folder);
     EXPECT_EQ(back.extents, journal.extents);
-    EXPECT_TRUE(back.recovering && back.log_folder_lost && !back.all && !back.new_dbiid);
     EXPECT_EQ(back.logs_end, journal.logs_end);
-    ASSERT_EQ(back.databases.size(), 2U);
-    EXPECT_EQ(back.databases[0].path, journal.databases[0].path);
-    EXPECT_EQ(back.databases[0].copy, journal.databases[0].copy);
-    EXPECT_TRUE(back.databases[0].lost && !back.databases[1].lost);
-    EXPECT_TRUE(back.databases[1].owed && !back.databases[0].owed);
+    EXPECT_TRUE(back.recovering && back.log_folder_lost && !back.all && !back.new_dbiid);
+    EXPECT_EQ(back.databases.at(0).path, journal.databases[0].path);
     EXPECT_EQ(back.databases[0].before, journal.databases[0].before);
     EXPECT_EQ(back.databases[0].link, journal.databases[0].link);
+    EXPECT_TRUE(back.databases[0].lost && back.databases.at(1).owed);
     EXPECT_EQ(back.done_of("/c\xE4.nsf")->shortfall, "short");
+    file.write(back);
+    EXPECT_EQ(test::read_file(scratch / "recovery.json"), bytes);
 
-    std::string bytes = test::read_file(scratch / "recovery.json");
     for (std::size_t i = 0; i < bytes.size(); i += 7) {
         std::string damaged = bytes;
         damaged[i] ^= 1;

@@ -127,6 +127,12 @@ TEST_F(Restore, ADatabaseInUseIsNotTouchedAndASecondCommandFinishes) {
         EXPECT_EQ(done["result"]["restored"], json::array({m_data + "/mail/user2.nsf"}));
         EXPECT_EQ(read_file(m_user1), before);
     }
+    {
+        std::ifstream user(m_user1); // a plan tells who has it open
+        json items = restore(0, {"mail", "--activate", "--dry-run"})["plan"]["items"];
+        EXPECT_THAT(items[0]["used_by"], HasSubstr(std::to_string(::getpid()) + " ("));
+        EXPECT_EQ(items[1]["used_by"], nullptr);
+    }
     restore(0, {"mail/user1.nsf", "--activate"});
     EXPECT_EQ(shown("mail/user1.nsf")["digest"], saved["digest"]);
     EXPECT_THAT(backup({"--level", "diff"}).output, HasSubstr("\"owed\""));
@@ -149,8 +155,9 @@ TEST_F(Restore, AWholeTreeIsRelocatedBelowItsWholePath) {
 
 TEST_F(Restore, FoldersThatTheModuleWouldMisreadAreRefused) {
     full_backup();
-    for (const std::string& to : {m_data, m_data + "/below", m_data + "2", m_scratch / "x-old",
-                                  m_scratch / "deld", m_scratch / "none/deep"}) {
+    for (const std::string& to :
+         {m_data, m_data + "/below", m_data + "2", m_scratch / "x-old", m_scratch / "a-R",
+          m_scratch / "deld", m_scratch / "CHGD", m_scratch / "a\"b", m_scratch / "none/deep"}) {
         SCOPED_TRACE(to);
         restore(1, {"--all", "--to", to});
         EXPECT_FALSE(to != m_data && fs::exists(to));

@@ -1,7 +1,6 @@
 // Writing below a folder and nowhere else, and the choice of what is restored.
 
 #include "client/error.h"
-#include "client/file_users.h"
 #include "client/original.h"
 #include "client/point_in_time.h"
 #include "client/recovery_logs.h"
@@ -9,14 +8,12 @@
 #include "client/safe_paths.h"
 #include "tests/client/run_client.h"
 
-#include <csignal>
 #include <cstdlib>
 #include <ctime>
 #include <fcntl.h>
 #include <gmock/gmock.h>
 #include <sstream>
 #include <sys/stat.h>
-#include <sys/wait.h>
 #include <sys/xattr.h>
 #include <unistd.h>
 
@@ -160,56 +157,6 @@ TEST_P(SafePaths, UnusualNamesAndNewFoldersStayInside) {
     EXPECT_EQ(snapshot(m_outside).size(), 2U);
 }
 
-TEST_P(SafePaths, AFileThatIsNotCommittedLeavesNothing) {
-    auto before = snapshot(m_inside);
-    {
-        std::string problem;
-        SafeFile file(SafeFolder(m_inside, GetParam()).open_folder("mail", problem), "new.nsf");
-        EXPECT_EQ(file.create(), "");
-        EXPECT_EQ(file.write(as_bytes("half")), "");
-        EXPECT_NE(snapshot(m_inside), before);
-    }
-    EXPECT_EQ(snapshot(m_inside), before);
-}
-
-TEST(SafePath, TextsThatNameNoPlaceAreRefused) {
-    const struct {
-        std::string path;
-        const char* problem; // empty: none
-    } cases[] = {
-        {"", "not absolute"},
-        {"mail/a.nsf", "not absolute"},
-        {"/", "empty component"},
-        {"/a/", "empty component"},
-        {"//a", "empty component"},
-        {"/a/../b", "\"..\""},
-        {"/..", "\"..\""},
-        {"/a/.", "\"..\""},
-        {std::string("/a\0b", 4), "NUL"},
-        {"/" + std::string(256, 'x'), "longer than a file system"},
-        {"/" + std::string(1028, 'x'), "longer than the module"},
-        {"/a\nb", ""},
-        {"/...", ""},
-        {"/a b/\xff", ""},
-    };
-    for (const auto& test : cases) {
-        if (*test.problem == '\0')
-            EXPECT_EQ(path_problem(test.path), "") << test.path;
-        else
-            EXPECT_THAT(path_problem(test.path), HasSubstr(test.problem)) << test.path;
-    }
-}
-
-TEST(RelocationInfo, PathsThatTheModuleWouldMisreadAreRefusedWithTheReason) {
-    EXPECT_EQ(relocation_info("/restore/here", false), "-R \"/restore/here\"");
-    EXPECT_EQ(relocation_info("/restore/here", true), "-R \"/restore/here\" -o \"plain\"");
-    for (const char* path : {"/a-R", "/x-old", "/deld", "/chgd", "/DELD", "/CHGD", "/a\"b", "/"}) {
-        SCOPED_TRACE(path);
-        EXPECT_THROW(relocation_info(path, false), ClientError);
-    }
-    EXPECT_THROW(relocation_info("/" + std::string(1020, 'x'), true), ClientError);
-}
-
 // The newest copy of each, up to a minute; of one log, with its own control file.
 TEST(RestoreSelection, TakesWhatWasCopiedByThenAndTheLogsOfOneIdentity) {
     constexpr std::int64_t start = 1'000'000'020; // a whole minute
@@ -328,35 +275,6 @@ TEST(RestoreMoment, ExactlyOneMomentOrAnError) {
     }
     ::unsetenv("TZ");
     ::tzset();
-}
-
-TEST(FileUsersTest, AFileThatAnotherProcessHasOpenIsToldWithTheProcess) {
-    ScratchFolder scratch;
-    write_file(scratch / "held", "x");
-    write_file(scratch / "free", "x");
-    int ready[2];
-    ASSERT_EQ(::pipe(ready), 0);
-    pid_t pid = ::fork();
-    if (pid == 0) {
-        int fd = ::open((scratch / "held").c_str(), O_RDONLY);
-        (void)!::write(ready[1], fd >= 0 ? "1" : "0", 1);
-        for (;;)
-            ::pause();
-    }
-    char answer = 0;
-    ASSERT_EQ(::read(ready[0], &answer, 1), 1);
-    ASSERT_EQ(answer, '1');
-    FileUsers users;
-    struct stat held {};
-    struct stat free_file {};
-    ASSERT_EQ(::stat((scratch / "held").c_str(), &held), 0);
-    ASSERT_EQ(::stat((scratch / "free").c_str(), &free_file), 0);
-    EXPECT_THAT(users.describe(held), HasSubstr(std::to_string(pid) + " ("));
-    EXPECT_EQ(users.describe(free_file), "");
-    ::kill(pid, SIGKILL);
-    ::waitpid(pid, nullptr, 0);
-    ::close(ready[0]);
-    ::close(ready[1]);
 }
 
 } // namespace

@@ -132,37 +132,6 @@ TEST(DirectoryStore, FindsAFlippedBitAnywhereInAnObjectAndMendsItWithTheNextCopy
     EXPECT_TRUE(get(*store, hash) == content);
 }
 
-TEST(DirectoryStore, DiscardTakesBackThisRunAloneAndAnUnfinishedObjectLeavesNothing) {
-    ScratchFolder scratch;
-    {
-        auto store = open_store(scratch);
-        put(*store, "kept");
-        store->flush();
-        store->write_manifest("20231114T221320Z-full",
-                              serialize(sample_manifest("20231114T221320Z-full")));
-        store->keep_added();
-    }
-    auto before = snapshot(scratch / "store");
-    auto store = open_store(scratch);
-    put(*store, "kept");
-    put(*store, "new");
-    store->create_object()->write(as_bytes("half"));
-    store->discard_added();
-    EXPECT_EQ(snapshot(scratch / "store"), before);
-}
-
-TEST(DirectoryStore, WithoutASetIsRemovedAgainButAFolderThatWasThereStays) {
-    ScratchFolder scratch;
-    auto store = open_store(scratch);
-    put(*store, "new");
-    store->discard_added();
-    EXPECT_FALSE(fs::exists(scratch / "store"));
-    store.reset();
-    fs::create_directory(scratch / "store");
-    open_store(scratch)->discard_added();
-    EXPECT_TRUE(fs::is_empty(scratch / "store"));
-}
-
 TEST(DirectoryStore, RemovesWhatAKilledRunLeft) {
     ScratchFolder scratch;
     open_store(scratch);
@@ -179,25 +148,6 @@ TEST(DirectoryStore, RemovesWhatAKilledRunLeft) {
     EXPECT_EQ(snapshot(scratch / "store"), clean);
 }
 
-TEST(DirectoryStore, RefusesFoldersThatAreNoStore) {
-    ScratchFolder scratch;
-    fs::create_directory(scratch / "empty");
-    write_file(scratch / "other/file", "x");
-    write_file(scratch / "lost/sets/20231114T221320Z-full.json", "x"); // store.json is gone
-    write_file(scratch / "broken/store.json", "{}");
-    for (StoreAccess access : {StoreAccess::read, StoreAccess::write})
-        for (const char* name : {"other", "lost", "broken", "other/file"}) {
-            auto before = snapshot(scratch / name);
-            EXPECT_EQ(exit_code_of([&] { open_directory_store(scratch / name, access); }), 10)
-                << name;
-            EXPECT_EQ(snapshot(scratch / name), before);
-        }
-    for (const char* name : {"empty", "missing"})
-        EXPECT_EQ(exit_code_of([&] { open_directory_store(scratch / name, StoreAccess::read); }),
-                  10);
-    EXPECT_EQ(exit_code_of([&] { open_directory_store(scratch / "a/b", StoreAccess::write); }), 1);
-}
-
 // A strike that fails half way leaves nobody knows what: the next entry brings all others back.
 TEST(OwedDatabases, AreWrittenAnewAfterAStrikeThatFailed) {
     ScratchFolder scratch;
@@ -212,34 +162,6 @@ TEST(OwedDatabases, AreWrittenAnewAfterAStrikeThatFailed) {
     fs::remove(file);
     owed.add("/d", "/d/a.nsf");
     EXPECT_THAT(OwedDatabases(file).of("/d"), testing::ElementsAre("/d/a.nsf", "/d/b.nsf"));
-}
-
-TEST(DirectoryStore, IsLockedForOneWriter) {
-    ScratchFolder scratch;
-    auto store = open_store(scratch);
-    try {
-        open_store(scratch);
-        FAIL() << "two writers";
-    } catch (const ClientError& failure) {
-        EXPECT_EQ(failure.exit_code(), 11);
-        EXPECT_THAT(failure.what(), HasSubstr("process " + std::to_string(::getpid())));
-    }
-    EXPECT_NO_THROW(open_directory_store(scratch / "store", StoreAccess::read));
-    store.reset();
-    EXPECT_NO_THROW(open_store(scratch));
-}
-
-TEST(DirectoryStore, ThatIsFullRefusesTheObjectAndGivesTheRoomBack) {
-    ScratchFolder scratch;
-    test::SmallFileSystem small(scratch / "small", 1 << 20);
-    if (!small.mounted())
-        GTEST_SKIP() << "mounting a small file system needs root";
-    auto store = open_directory_store(scratch / "small/store", StoreAccess::write);
-    put(*store, random_bytes(200'000, 3));
-    EXPECT_EQ(exit_code_of([&] { put(*store, random_bytes(3'000'000, 4)); }), 1);
-    EXPECT_EQ(store->objects().size(), 1U);
-    store->discard_added();
-    EXPECT_TRUE(fs::is_empty(scratch / "small"));
 }
 
 TEST(Manifest, ComesBackAsItWasWithPathsOfAnyBytes) {

@@ -4,16 +4,13 @@
 //   FAKE_DATA=DIR          the data directory: all of it is handed out, folders before their files
 //   FAKE_LOGS=DIR          *.TXN there are logs, the last one active; then nlogctrl.lfh
 //   FAKE_LOG_FILLS=TEXT    the active log grows by the text and is handed out again, then the next
-//   FAKE_EXTRA=PATH        one more item, handed out after the data directory
 //   FAKE_JOURNAL=FILE      a line for each call
 //   FAKE_INIT_FAIL=TEXT    the start fails with this error
-//   FAKE_BUSY=FILE         while it exists: removed, and the start fails as when archiving is open
 //   FAKE_GET_FAIL=N        the Nth request for an item fails
 //   FAKE_CLOSE_FAIL=TEXT   the close fails with this error
 //   FAKE_CLOSE_CRASH=1     the close crashes
 // and, each with the last component of the items it is about:
-//   FAKE_FAIL, FAKE_FAIL_ONCE, FAKE_WARN, FAKE_CRASH, FAKE_HANG, FAKE_VANISH, FAKE_GROW,
-//   FAKE_SHRINK
+//   FAKE_FAIL, FAKE_WARN, FAKE_CRASH, FAKE_HANG, FAKE_VANISH, FAKE_GROW, FAKE_SHRINK
 // FAKE_HANG makes the file FAKE_HANG_MARK and returns when DB_Terminate is called.
 
 #include "qrt_lotus_notes/db_interface.h"
@@ -50,7 +47,6 @@ struct State {
     std::deque<std::string> logs;
     std::string pending;
     std::string copy;
-    std::string failed_once;
     std::string working_index;
     std::string index;
     int requests = 0;
@@ -129,8 +125,6 @@ void list_items(const std::vector<std::string>& arguments) {
         state.items.push_back(path.substr(0, path.rfind('/')));
         state.items.push_back(path);
     }
-    if (!env("FAKE_EXTRA").empty())
-        state.items.push_back(env("FAKE_EXTRA"));
     if (!env("FAKE_LOGS").empty() && arguments.empty()) {
         for (const auto& entry : fs::directory_iterator(env("FAKE_LOGS")))
             if (entry.path().extension() == ".TXN")
@@ -198,11 +192,6 @@ int DB_InitOperation(DB_OPERATION_TYPE type, DB_OPERATION_LEVEL level, char** va
         if (variable.starts_with("DATABASE=QRTLN:"))
             arguments.push_back(unescaped(variable.substr(15)));
     }
-    if (std::string busy = env("FAKE_BUSY"); !busy.empty() && fs::remove(busy)) {
-        log("beginArchiveLogs(): NSFBeginArchivingLogs() failed with "
-            "ERR_TRANSLOG_ARCHIVE_IN_PROGRESS");
-        return fail(DB_NUM_E_FAILED, "archiving is in progress");
-    }
     if (!env("FAKE_INIT_FAIL").empty())
         return fail(DB_NUM_E_FAILED, env("FAKE_INIT_FAIL"));
     char index[1028] = "gv_rw_times:index.ini";
@@ -257,10 +246,6 @@ int DB_PrepareItem(const char* szItem, char* szNewFile) {
         std::raise(SIGABRT);
     if (concerns("FAKE_FAIL", item))
         return fail(DB_NUM_E_ITEM_FAILED, "it is in use");
-    if (concerns("FAKE_FAIL_ONCE", item) && state.failed_once != item) {
-        state.failed_once = item;
-        return fail(DB_NUM_E_ITEM_FAILED, "a backup is in progress");
-    }
     std::string ready = item;
     if (is_database(item)) {
         ready = copy_path(item);
