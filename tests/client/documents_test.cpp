@@ -1,6 +1,5 @@
 // Documents that come back, with the real module over the simulated server, and what is read on the
 // way there.
-#include "client/document_trace.h"
 #include "client/error.h"
 #include "client/note_ids.h"
 #include "client/point_in_time.h"
@@ -40,42 +39,6 @@ TEST(NoteIds, AreReadInEveryFormAndWithEveryLineEnd) {
         }
     }
     EXPECT_THROW(parse_note_ids("# nothing\n", "ids"), ClientError);
-}
-
-TEST(DocumentTrace, TellsHowFarTheModuleGotWithEachDocument) {
-    DocumentTrace trace;
-    for (const char* line :
-         {"setNotesAsUnread(): Setting note (1) as unread.", // about no document
-          "RestoreDeletedDocuments(): Copying note (10) to original database ...",
-          "setNotesAsUnread(): Setting note (10) as unread.",
-          "RestoreDeletedDocuments(): Copying note (11) to original database ...",
-          "setNotesAsUnread(): The note does (11) already belongs to unread list.",
-          "RestoreDeletedDocuments(): Copying note (12) to original database ...",
-          "setNotesAsUnread(): Could not get user name.",
-          "RestoreDeletedDocuments(): Setting note as unread failed.",
-          "RestoreDeletedDocuments(): Copying note (13) to original database ...",
-          "setNotesAsUnread(): Could not set unread note table.",
-          "RestoreDeletedDocuments(): Copying note (14) to original database ...",
-          "RestoreDeletedDocuments(): NSFDbCopyNote() call failed.",
-          "RestoreChangedDocuments(): Deleting note (20) from original database ...",
-          "RestoreChangedDocuments(): Copying note (20) to original database ...",
-          "RestoreChangedDocuments(): Deleting note (21) from original database ...",
-          "RestoreChangedDocuments(): NSFNoteDelete() call failed.",
-          "RestoreChangedDocuments(): Deleting note (22) from original database ...",
-          "RestoreChangedDocuments(): Copying note (22) to original database ...",
-          "RestoreChangedDocuments(): NSFDbCopyNote() call failed.",
-          "RestoreChangedDocuments(): Deleting note (23) from original database ..."})
-        trace.take(line);
-    const std::vector<std::tuple<NoteId, NoteStep, bool>> expected = {
-        {10, NoteStep::unread, false},      {11, NoteStep::unread, false},
-        {12, NoteStep::not_unread, false},  {13, NoteStep::not_unread, false},
-        {14, NoteStep::not_copied, false},  {20, NoteStep::copying, true},
-        {21, NoteStep::not_deleted, false}, {22, NoteStep::not_copied, true},
-        {23, NoteStep::deleting, false}};
-    std::vector<std::tuple<NoteId, NoteStep, bool>> got;
-    for (const TracedNote& note : trace.notes())
-        got.emplace_back(note.id, note.step, note.deleted);
-    EXPECT_EQ(got, expected);
 }
 
 TEST(PointInTime, IsTheMinuteThatTheServerReadsAndNoOther) {
@@ -161,17 +124,10 @@ class Documents : public OverTheSimulator {
     // What the documents say, by id.
     std::map<NoteId, std::string> contents() const {
         std::map<NoteId, std::string> documents;
-        sqlite3* database = nullptr;
-        EXPECT_EQ(::sqlite3_open_v2(m_user1.c_str(), &database, SQLITE_OPEN_READONLY, nullptr),
-                  SQLITE_OK);
-        auto take = [](void* target, int, char** row, char**) {
-            (*static_cast<std::map<NoteId, std::string>*>(target))[std::stoul(row[0])] = row[1];
-            return 0;
-        };
-        EXPECT_EQ(::sqlite3_exec(database, "SELECT note_id, subject || ':' || hex(body) FROM notes",
-                                 take, &documents, nullptr),
-                  SQLITE_OK);
-        ::sqlite3_close(database);
+        json rows = json::parse(
+            in_user1("SELECT json_group_object(note_id, subject || ':' || hex(body)) FROM notes"));
+        for (const auto& [id, text] : rows.items())
+            documents[std::stoul(id)] = text;
         return documents;
     }
     void expect_nothing_left() const {
@@ -257,11 +213,18 @@ TEST_F(Documents, AListThatIsThereIsNotTouched) {
 }
 
 TEST_F(Documents, FailuresAreToldDocumentByDocument) {
-    delete_notes(id(0));
-    json done = documents(0, {"deleted"}, {{"NOTES_SIM_FAULTS", "NSFDbSetUnreadNoteTable=513"}});
-    EXPECT_THAT(outcomes(done), ElementsAre(id(0) + " back"));
+    for (const auto& [fault, code, outcome] : {std::tuple{"NSFDbCopyNote=513", 3, " failed"},
+                                               {"NSFDbSetUnreadNoteTable=513", 0, " back"},
+                                               {"SECKFMGetUserName=259", 0, " back"}}) {
+        if (contents().contains(m_ids[0]))
+            delete_notes(id(0));
+        json done = documents(code, {"deleted"}, {{"NOTES_SIM_FAULTS", fault}});
+        EXPECT_THAT(outcomes(done), ElementsAre(id(0) + outcome)) << fault;
+    }
     change(id(3));
     auto server = snapshot(m_data);
+    json done = changed(3, id(3), {}, {{"NOTES_SIM_FAULTS", "NSFNoteDelete=513"}});
+    EXPECT_THAT(outcomes(done), ElementsAre(id(3) + " failed"));
     for (const char* fault : {"NSFDbOpen=513", "NotesInitExtended=272"}) {
         changed(14, id(3), {}, {{"NOTES_SIM_FAULTS", fault}});
         EXPECT_EQ(snapshot(m_data), server);

@@ -24,16 +24,9 @@ using testing::SizeIs;
 
 class Recover : public OverTheSimulator {
   protected:
-    json recover(int exit_code, const std::vector<std::string>& more,
-                 test::Environment environment = {}) {
-        std::vector<std::string> words = {"recover"};
-        words.insert(words.end(), more.begin(), more.end());
-        return run(exit_code, words, std::move(environment));
-    }
-    json prove(int exit_code, const std::vector<std::string>& more = {}) {
-        std::vector<std::string> words = {"prove"};
-        words.insert(words.end(), more.begin(), more.end());
-        return run(exit_code, words);
+    json recover(int exit_code, std::vector<std::string> more, test::Environment environment = {}) {
+        more.insert(more.begin(), "recover");
+        return run(exit_code, std::move(more), std::move(environment));
     }
     void put(const std::string& name, const std::string& more = "--text new") const {
         ASSERT_EQ(domino("put " + m_server + " " + name + " " + more), 0);
@@ -399,7 +392,7 @@ TEST_F(Recover, LostLogsComeBackFromTheStoreAndTheEndIsToldAsTheirs) {
     ASSERT_EQ(domino("lose " + m_server + " --logs"), 0);
     fs::remove(m_user1);
     auto before = live();
-    prove(16);
+    run(16, {"prove"});
     EXPECT_EQ(live(), before); // a proof brings no log to the server
     EXPECT_THAT(list().back()["proven"], HasSubstr("failed"));
     for (const char* dry : {"--json", "--dry-run"}) { // its disk may not be mounted
@@ -424,7 +417,7 @@ TEST_F(Recover, AProofTouchesNoLiveDatabaseAndIsReplacedByTheNext) {
     put("mail/user1.nsf");
     auto before = live();
     EXPECT_EQ(list()[0]["proven"], "-");
-    json done = prove(0, {full});
+    json done = run(0, {"prove", full});
     EXPECT_EQ(done["databases"], 6);
     EXPECT_EQ(live(), before);
     EXPECT_TRUE(fs::is_empty(m_tmp));
@@ -433,18 +426,18 @@ TEST_F(Recover, AProofTouchesNoLiveDatabaseAndIsReplacedByTheNext) {
     EXPECT_EQ(list()[1]["proven"], "-");
 
     flip_a_bit(object_file(full, m_user2));
-    done = prove(4, {full});
+    done = run(4, {"prove", full});
     EXPECT_EQ(done["failures"][0]["path"], m_user2);
     EXPECT_THAT(list()[0]["proven"], HasSubstr("failed"));
     EXPECT_EQ(live(), before);
     flip_a_bit(object_file(full, m_user2)); // back
-    prove(0, {full});
+    run(0, {"prove", full});
     EXPECT_THAT(list()[0]["proven"], Not(HasSubstr("failed")));
 
     for (const ManifestItem& item : manifest(set).items)
         if (item.log && item.log->number == 1)
             fs::remove(object_file(set, item.path));
-    prove(16, {full});
+    run(16, {"prove", full});
     EXPECT_THAT(list()[0]["proven"], HasSubstr("failed"));
     EXPECT_EQ(live(), before);
 
@@ -452,7 +445,7 @@ TEST_F(Recover, AProofTouchesNoLiveDatabaseAndIsReplacedByTheNext) {
     m_store = m_scratch / "second";
     write_file(m_data + "/broken.nsf", "no database");
     ASSERT_EQ(backup().exit_code, 3);
-    done = prove(3);
+    done = run(3, {"prove"});
     EXPECT_EQ(done["databases"], 6);
     ASSERT_THAT(done["failures"], testing::SizeIs(1));
     EXPECT_EQ(done["failures"][0]["path"], m_data + "/broken.nsf");

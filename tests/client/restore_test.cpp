@@ -33,11 +33,9 @@ using testing::SizeIs;
 
 class Restore : public OverTheSimulator {
   protected:
-    json restore(int exit_code, const std::vector<std::string>& more,
-                 test::Environment environment = {}) {
-        std::vector<std::string> words = {"restore"};
-        words.insert(words.end(), more.begin(), more.end());
-        return run(exit_code, words, std::move(environment));
+    json restore(int exit_code, std::vector<std::string> more, test::Environment environment = {}) {
+        more.insert(more.begin(), "restore");
+        return run(exit_code, std::move(more), std::move(environment));
     }
     void put(const std::string& name) const {
         ASSERT_EQ(domino("put " + m_server + " " + name), 0);

@@ -58,14 +58,17 @@ class OverTheSimulator : public testing::Test {
                               m_scratch / "domino-sim.out" + " 2>&1";
         return std::system(command.c_str());
     }
-    Outcome backup(std::vector<std::string> more = {}, Environment environment = {}) const {
-        std::vector<std::string> words = {"backup",  "--notes-ini", m_server + "/notes.ini",
-                                          "--store", m_store,       "--tmp-dir",
-                                          m_tmp,     "--json"};
-        words.insert(words.end(), more.begin(), more.end());
+    // Runs a command on the server, with the real module.
+    Outcome client(std::vector<std::string> words, Environment environment = {}) const {
+        words.insert(words.end(), {"--notes-ini", m_server + "/notes.ini", "--store", m_store,
+                                   "--tmp-dir", m_tmp, "--json"});
         environment["QRTLN_MODULE"] = ""; // the one beside the executable
         environment.try_emplace("Notes_ExecDirectory", QRTLN_SIMULATOR_DIRECTORY);
         return run_client(words, environment);
+    }
+    Outcome backup(std::vector<std::string> more = {}, Environment environment = {}) const {
+        more.insert(more.begin(), "backup");
+        return client(std::move(more), std::move(environment));
     }
 
     // What `qrtln list` or the last backup tells, as JSON.
@@ -99,11 +102,7 @@ class OverTheSimulator : public testing::Test {
     // Runs a command on the server that must end with this code; its JSON document.
     nlohmann::json run(int exit_code, std::vector<std::string> words,
                        Environment environment = {}) {
-        words.insert(words.end(), {"--notes-ini", m_server + "/notes.ini", "--store", m_store,
-                                   "--tmp-dir", m_tmp, "--json"});
-        environment["QRTLN_MODULE"] = "";
-        environment.try_emplace("Notes_ExecDirectory", QRTLN_SIMULATOR_DIRECTORY);
-        Outcome outcome = run_client(words, environment);
+        Outcome outcome = client(std::move(words), std::move(environment));
         EXPECT_EQ(outcome.exit_code, exit_code) << outcome.errors << outcome.output;
         m_errors = outcome.errors;
         return outcome.output.empty() ? nlohmann::json() : nlohmann::json::parse(outcome.output);

@@ -213,15 +213,6 @@ TEST(Manifest, WithAValidChecksumButValuesOfNoManifestIsRefused) {
     }
 }
 
-TEST(Manifest, OfListsInListsIsRefusedWithoutEndingTheProcess) {
-    constexpr std::size_t levels = 200000;
-    std::string problem;
-    EXPECT_FALSE(parse_manifest("{\"checksum\":\"\",\"x\":" + std::string(levels, '[') +
-                                    std::string(levels, ']') + "}",
-                                "s", problem));
-    EXPECT_THAT(problem, HasSubstr("too deep"));
-}
-
 TEST(Catalogue, ResolvesNamesPrefixesAndLatest) {
     ScratchFolder scratch;
     auto store = open_store(scratch);
