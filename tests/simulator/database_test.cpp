@@ -60,6 +60,15 @@ TEST(LogInfo, TellsLoggedDatabasesFromOthersAndFollowsCompaction) {
         EXPECT_EQ(logInfo(name).first, 0);
         EXPECT_EQ(text(logInfo(name).second), std::string(sizeof first, '\0'));
     }
+    // Changes that the log does not have end what it can roll forward.
+    const std::string before = text(logInfo("mail.box").second);
+    for (const char logging : {'0', '1'}) {
+        std::string ini = readFile(server.root() + "/notes.ini");
+        ini[ini.find("TRANSLOG_Status=") + 16] = logging;
+        std::ofstream(server.root() + "/notes.ini") << ini;
+        dominoSim({"put", server.root(), "mail.box"});
+    }
+    EXPECT_NE(text(logInfo("mail.box").second), before);
 }
 
 TEST(ModifiedNotes, AreThoseSinceATimeWithDeletedOnesMarked) {
