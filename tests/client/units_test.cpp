@@ -2,12 +2,14 @@
 
 #include "client/database_arguments.h"
 #include "client/error.h"
+#include "client/file_io.h"
 #include "client/module_log.h"
 #include "client/notes_ini.h"
 #include "client/temporary_directory.h"
 #include "client/text.h"
 #include "tests/client/run_client.h"
 
+#include <fcntl.h>
 #include <gmock/gmock.h>
 
 namespace qrtln {
@@ -158,6 +160,12 @@ TEST(Text, BytesOfAnyEncodingBecomePrintable) {
     }
     EXPECT_EQ(json_for_terminal("{\n\"\xC2\x9B\x7F\xE2\x80\xAE\": \"\xF0\x9F\x93\xA7 \xC3\xBC\"}"),
               "{\n\"\\u009b\\u007f\\u202e\": \"\xF0\x9F\x93\xA7 \xC3\xBC\"}");
+}
+
+// The kernel's own file system cannot flush folders, as some network ones.
+TEST(FlushDirectory, ThatCannotBeDoneIsNoFailure) {
+    EXPECT_EQ(flush_directory(AT_FDCWD, "/proc/self/task"), 0);
+    EXPECT_EQ(flush_directory(AT_FDCWD, "/no/such"), ENOENT);
 }
 
 TEST(TemporaryDirectory, RemovesItselfWithoutFollowingLinksAndLeavesNoLeftoverOfTheDead) {

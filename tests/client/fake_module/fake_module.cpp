@@ -269,7 +269,10 @@ int DB_PrepareItem(const char* szItem, char* szNewFile) {
                 fs::resize_file(ready, size - (64U << 10), error);
         });
     copy_name(szNewFile, ready);
-    return concerns("FAKE_WARN", item) ? DB_NUM_W_WARNING : DB_NUM_I_OK;
+    if (!concerns("FAKE_WARN", item))
+        return DB_NUM_I_OK;
+    log("Database file [" + item + "] is shorter than the size to copy");
+    return DB_NUM_W_WARNING;
 }
 
 int DB_SetItem(DB_ITEM_TYPE, char*) {
