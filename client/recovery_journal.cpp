@@ -89,6 +89,7 @@ json to_json(const RecoveryJournal& journal) {
             entry["before"] = state_to_json(*database.before);
         entry["lost"] = database.lost;
         entry["owed"] = database.owed;
+        put_bytes(entry, "doubt", database.doubt);
     }
     return document;
 }
@@ -126,6 +127,8 @@ RecoveryJournal from_json(const json& document) {
             database.before = state_from_json(*before);
         database.lost = entry.at("lost").get<bool>();
         database.owed = entry.value("owed", false);
+        if (entry.contains("doubt"))
+            database.doubt = get_bytes(entry, "doubt");
     }
     return journal;
 }

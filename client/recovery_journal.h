@@ -29,8 +29,9 @@ struct PendingDatabase {
     // Of the original, when the server was told to recover; nothing before that, and when it has
     // told that the copy is not in its place.
     std::optional<FileState> before = {};
-    bool lost = false; // there was no original: what takes its place needs owner and mode
-    bool owed = false; // this recovery noted that the store is to be owed the database
+    bool lost = false;      // there was no original: what takes its place needs owner and mode
+    bool owed = false;      // this recovery noted that the store is to be owed the database
+    std::string doubt = {}; // why it may fall short once it is in its place; else empty
 };
 
 struct DoneDatabase {

@@ -74,6 +74,7 @@ class Recovery {
     void set_destroyed_aside();
     void note_as_owed();
     bool ends_early() const;
+    std::string doubt_about(const RecoveringDatabase& database) const;
     bool restore_from_store();
     bool take_result(RestoreResult result, const RestorePlan& plan);
     bool check_only_its_set();
@@ -177,11 +178,15 @@ void Recovery::report_in_place() {
         if (m_reported.contains(path))
             continue;
         const DoneDatabase* done = m_journal.done_of(path);
-        report(database, RecoveryOutcome::in_place, done == nullptr ? "" : done->shortfall);
+        const PendingDatabase* pending = m_journal.entry_of(path);
+        std::string shortfall = done != nullptr      ? done->shortfall
+                                : pending != nullptr ? pending->doubt
+                                                     : std::string();
+        report(database, RecoveryOutcome::in_place, shortfall);
         if (was_lost(path)) // a run that was killed had no time for that
             give_owner_and_mode(database);
         if (done == nullptr)
-            m_journal.done.push_back({path, {}});
+            m_journal.done.push_back({path, shortfall});
     }
 }
 
@@ -325,6 +330,7 @@ void Recovery::list_databases() {
         pending.path = planned.item.path;
         pending.copy = copy_of(database);
         pending.lost = pending.lost || !planned.existing.has_value();
+        pending.doubt = doubt_about(database);
         if (!database.only_its_set.empty() || !exists(pending.copy))
             pending.copy.clear();
         // One that was there before this recovery tells of something else.
@@ -521,15 +527,19 @@ Recovery::variables(const std::vector<const RecoveringDatabase*>& databases,
     return variables;
 }
 
+// Why a database may not be what was asked for although it is rolled forward; empty when it is.
+std::string Recovery::doubt_about(const RecoveringDatabase& database) const {
+    if (!database.doubt.empty() || !ends_early())
+        return database.doubt;
+    return "the server's own transaction logs are lost: what was committed after the stored ones "
+           "is "
+           "in no log";
+}
+
 void Recovery::report_recovered(const RecoveringDatabase& database) {
-    if (!database.doubt.empty())
-        report(database, RecoveryOutcome::uncertain, database.doubt);
-    else if (ends_early())
-        report(database, RecoveryOutcome::uncertain,
-               "the server's own transaction logs are lost: what was committed after the stored "
-               "ones is in no log");
-    else
-        report(database, RecoveryOutcome::recovered);
+    std::string doubt = doubt_about(database);
+    report(database, doubt.empty() ? RecoveryOutcome::recovered : RecoveryOutcome::uncertain,
+           doubt);
 }
 
 // Returns those that are to be tried again, without one that made the whole recovery fail.

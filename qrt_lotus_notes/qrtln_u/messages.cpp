@@ -35,11 +35,7 @@ void formatMessage(char (&message)[kMessageSize], const char* format, va_list ar
 }
 #pragma GCC diagnostic pop
 
-// Nothing without a callback.
 void formatAndCall(TYPE_DB_MessageFunc callback, const char* format, va_list arguments) {
-    if (callback == nullptr) {
-        return;
-    }
     const ErrnoKeeper keeper;
     char szMessage[kMessageSize];
     formatMessage(szMessage, format, arguments);

@@ -23,10 +23,10 @@ inline bool isLogging() {
     return g_sQRTLN_Global.vpLogFunc != nullptr;
 }
 
-// Formats and passes the text to the trace callback; nothing without one.
+// Formats and passes the text to the trace callback. REQUIRES: there is one; the macros below ask.
 [[gnu::format(printf, 1, 2)]] void DB_TraceExt(const char* format, ...);
 
-// Formats and passes the text to the log callback; nothing without one.
+// Formats and passes the text to the log callback, likewise.
 [[gnu::format(printf, 1, 2)]] void DB_LogExt(const char* format, ...);
 
 // A call of either evaluates its arguments only when its callback is set: a text that nobody hears

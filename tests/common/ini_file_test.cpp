@@ -229,6 +229,8 @@ TEST_F(IniUpdate, OtherSectionsAndEntriesBeforeTheirSectionAreKept) {
     set("DBIID", "d", "4");
     set("other", "e", "5");
     set("DBIID", "a", "6");
+    set("none", "f", "7"); // is not written
+    EXPECT_STREQ(iniparser_getsecname(d.get(), 1), "other");
 }
 
 TEST_F(IniUpdate, FailureIsReportedAndTheNextCallWritesTheWhole) {

@@ -359,7 +359,8 @@ void Model::require_told_recovery(const Recovery& recovery, const Run& run) {
             std::string name = path.substr((server().server_folder() + "/data/").size());
             std::string outcome = told.at("outcome");
             bool short_of = outcome == "waiting" || outcome == "failed";
-            bool unsure = outcome == "perhaps recovered";
+            bool before = outcome == "in place before";
+            bool unsure = outcome == "perhaps recovered" || (before && told.at("reason") != "");
             const ModelDatabase& database = server().databases().at(name);
             if (run.exit_code == 0 &&
                 (short_of || unsure || (outcome == "as in its set" && database.logged)))
@@ -371,7 +372,6 @@ void Model::require_told_recovery(const Recovery& recovery, const Run& run) {
             done.insert(name);
             if (m_unfinished)
                 m_unfinished->put_in_place.insert(name);
-            bool before = outcome == "in place before";
             if (!unsure && !(before && recovery.put_in_place.contains(name)))
                 require_recovered(recovery, told, name,
                                   recovery.into.empty() ? server().path_of(name)
