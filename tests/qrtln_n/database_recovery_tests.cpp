@@ -96,6 +96,7 @@ TEST_F(DatabaseRecovery, TakesOfflineReplaysReplacesAndBringsOnline) {
         const char* outcome;
         Lines told; // with rollForward only
         bool newDbiid = false;
+        int named = 0; // the status with which the trace names b, without rollForward
     };
     const Case cases[] = {
         {"one over its original",
@@ -138,7 +139,9 @@ TEST_F(DatabaseRecovery, TakesOfflineReplaysReplacesAndBringsOnline) {
          {offline('a'), offline('b'), recover("ab", {.status = 513, .numbers = {2}})},
          1000,
          "a:old+ b:old+",
-         {}},
+         {},
+         false,
+         513},
         {"the log does not know one",
          false,
          "ab",
@@ -146,7 +149,9 @@ TEST_F(DatabaseRecovery, TakesOfflineReplaysReplacesAndBringsOnline) {
           online('a'), online('b')},
          3000,
          "a:new b:new",
-         {}},
+         {},
+         false,
+         5114},
         {"online fails: only the copies count",
          false,
          "a",
@@ -267,6 +272,13 @@ TEST_F(DatabaseRecovery, TakesOfflineReplaysReplacesAndBringsOnline) {
         EXPECT_TRUE(script.done());
         EXPECT_EQ(outcome(c.names), c.outcome);
         EXPECT_EQ(told(), c.told);
+        EXPECT_TRUE(c.rollForward ||
+                    messages.hasTrace("RecoverDb(): Error recovering file [U:L:" + copy('b') +
+                                      "]. Reason: Notes text " + std::to_string(c.named) + ".") ==
+                        (c.named != 0));
+        EXPECT_TRUE(c.rollForward ||
+                    messages.hasTrace("RecoverDb(): Database has not been backed up on this "
+                                      "server/instance of the log.") == (c.named == 5114));
     }
 }
 
