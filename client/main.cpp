@@ -2,6 +2,7 @@
 
 #include "client/commands/commands.h"
 #include "client/error.h"
+#include "client/nearest_word.h"
 #include "client/output.h"
 #include "client/text.h"
 
@@ -284,6 +285,57 @@ CLI::App* add_prove(CLI::App& app, qrtln::ProveOptions& prove) {
     return &command;
 }
 
+std::vector<const CLI::App*> commands_of(const CLI::App& app) {
+    return app.get_subcommands([](const CLI::App*) { return true; });
+}
+
+const CLI::App* find_command(const CLI::App& app, const std::string& name) {
+    for (const CLI::App* command : commands_of(app))
+        if (command->get_name() == name)
+            return command;
+    return nullptr;
+}
+
+// A word of the command line that stands for nothing, and what it was probably meant to be, as a
+// sentence; empty when there is nothing to say.
+std::string probably_meant(const CLI::App& app, const std::vector<std::string>& arguments) {
+    const CLI::App* command = &app;
+    for (std::size_t i = 1; i < arguments.size(); ++i) {
+        const std::string word = arguments[i].substr(0, arguments[i].find('='));
+        if (const CLI::App* found = find_command(*command, word)) {
+            command = found;
+            continue;
+        }
+        std::vector<std::string> known;
+        for (const CLI::App* other : commands_of(*command))
+            known.push_back(other->get_name());
+        if (word.starts_with("--")) {
+            if (command->get_option_no_throw(word) != nullptr)
+                continue;
+            known.clear();
+            for (const CLI::Option* option : command->get_options())
+                for (const std::string& name : option->get_lnames())
+                    known.push_back("--" + name);
+        }
+        if (std::string near = qrtln::nearest_word(word, known); !near.empty())
+            return "there is no '" + qrtln::for_terminal(word) + "', did you mean '" + near + "'?";
+        if (command == &app && !word.starts_with("-"))
+            return "there is no command '" + qrtln::for_terminal(word) + "'";
+    }
+    return {};
+}
+
+// `qrtln help` and `qrtln help COMMAND`.
+bool print_help(const CLI::App& app, const std::vector<std::string>& arguments) {
+    if (arguments.size() < 2 || arguments.size() > 3 || arguments[1] != "help")
+        return false;
+    const CLI::App* command = arguments.size() == 2 ? &app : find_command(app, arguments[2]);
+    if (command == nullptr)
+        return false;
+    std::fputs(command->help().c_str(), stdout);
+    return true;
+}
+
 } // namespace
 
 int main(int argc, char** argv) {
@@ -328,14 +380,19 @@ int main(int argc, char** argv) {
     add_store_options(*verify_command, verify.store, verify.json);
     verify_command->add_option("SET", verify.set, "Only this set");
 
+    std::vector<std::string> texts = without_lists(argc, argv);
+    if (print_help(app, texts))
+        return 0;
     try {
-        std::vector<std::string> texts = without_lists(argc, argv);
         std::vector<const char*> arguments;
         for (const std::string& text : texts)
             arguments.push_back(text.c_str());
         app.parse(static_cast<int>(arguments.size()), arguments.data());
     } catch (const CLI::ParseError& error) {
         // 0 is --help or --version; everything else is wrong usage.
+        if (error.get_exit_code() != 0)
+            if (std::string meant = probably_meant(app, texts); !meant.empty())
+                qrtln::print_error(meant, "");
         return app.exit(error) == 0 ? 0 : static_cast<int>(qrtln::ExitCode::usage);
     }
 

@@ -414,12 +414,17 @@ TEST_F(Commands, WrongPlacesAndUsesHaveTheirExitCodes) {
     const struct {
         std::vector<std::string> arguments;
         int exit_code;
+        const char* says = "";
     } cases[] = {
         {{}, 2},
         {{"backup"}, 2},
         {{"backup", "--store", m_store}, 2},
         {arguments({"--level", "weekly"}), 2},
-        {{"mend"}, 2},
+        {{"mend"}, 2, "there is no command 'mend'"},
+        {{"bakcup"}, 2, "did you mean 'backup'?"},
+        {{"list", "--stroe", m_store}, 2, "did you mean '--store'?"},
+        {{"documents", "delted", "--store", m_store}, 2, "did you mean 'deleted'?"},
+        {{"help", "backup"}, 0},
         {{"--version"}, 0},
         {{"backup", "--help"}, 0},
         {{"list", "--store", none}, 10},
@@ -442,6 +447,7 @@ TEST_F(Commands, WrongPlacesAndUsesHaveTheirExitCodes) {
         SCOPED_TRACE(testing::PrintToString(test.arguments));
         Outcome outcome = run_client(test.arguments, with_base({}));
         EXPECT_EQ(outcome.exit_code, test.exit_code) << outcome.errors;
+        EXPECT_THAT(outcome.errors, HasSubstr(test.says));
         EXPECT_FALSE(fs::exists(m_store));
     }
     ASSERT_EQ(backup().exit_code, 0);
