@@ -36,6 +36,7 @@ class BackupRun {
     void check_index();
     void choose_base();
     std::string distrust_of(const BaseSet& base);
+    std::string broken_chain(const BaseSet& base);
     bool takes_all() const { return m_request.level == "full" && m_request.arguments.empty(); }
     void resolve_removed();
     bool is_removed(const std::string& path) const;
@@ -170,6 +171,8 @@ void BackupRun::choose_base() {
                   m_request.level + " builds on";
     else
         problem = distrust_of(*base);
+    if (problem.empty())
+        problem = broken_chain(*base);
     if (problem.empty()) {
         m_request.base = base->set;
         m_request.base_started = base->started;
@@ -182,6 +185,16 @@ void BackupRun::choose_base() {
                 std::string(m_request.arguments.empty() ? ", or add --auto-full" : ""));
     print_message(problem + ": this backup becomes a full one (--auto-full)");
     m_request.level = "full";
+}
+
+// Why the logs of an incremental backup would lead nowhere; empty: they do. Without --auto-full
+// they are stored all the same, and the end tells of the gap: the server may keep no others.
+std::string BackupRun::broken_chain(const BaseSet& base) {
+    if (m_request.level != "incr" || !m_options.auto_full || !m_request.arguments.empty())
+        return {};
+    std::vector<LogGap> gaps =
+        find_log_gaps(load_log_chain(*m_store, base.set, m_ini.data_directory));
+    return gaps.empty() ? std::string() : describe(gaps.front());
 }
 
 // Why a base tells nothing about what was changed since then; empty: it does.

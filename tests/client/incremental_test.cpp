@@ -236,8 +236,9 @@ TEST_F(Incremental, LogThatAnotherProgramTookIsReportedAtOnce) {
                 HasSubstr("the transaction log 1 is missing"));
     EXPECT_THAT(extents(), ElementsAre(4)); // the set is whole all the same
     run("incr", 16);
-    run("full", 0);
-    run("incr", 0);
+    EXPECT_EQ(run("incr", 0, {"--auto-full"})["level"], "full");
+    EXPECT_THAT(m_errors, HasSubstr("this backup becomes a full one (--auto-full)"));
+    EXPECT_EQ(run("incr", 0, {"--auto-full"})["level"], "incr");
 }
 
 TEST_F(Incremental, OtherStylesOfLoggingAreToldAtEachLevel) {
