@@ -20,7 +20,7 @@ constexpr const char* exit_codes = R"(Exit codes:
   2  wrong usage                 14  the module or the server's library failed
   3  some items failed           16  transaction logs are missing: after a backup, which is stored
   4  damage found                    all the same, take a full one; recover: to an earlier time
-                                130, 143  interrupted (SIGINT, SIGTERM)
+                           129, 130, 143  interrupted (SIGHUP, SIGINT, SIGTERM)
 )";
 
 constexpr const char* backup_help =

@@ -35,6 +35,7 @@ class BackupRun {
     void choose_level();
     void check_index();
     void choose_base();
+    void check_place_of_store() const;
     std::string distrust_of(const BaseSet& base);
     std::string broken_chain(const BaseSet& base);
     bool takes_all() const { return m_request.level == "full" && m_request.arguments.empty(); }
@@ -76,6 +77,7 @@ int code_of(const Manifest& manifest) {
 int BackupRun::run() {
     m_ini = load_notes_ini(m_options.notes_ini);
     check_selection();
+    check_place_of_store();
     m_store = open_directory_store(m_options.store, StoreAccess::write);
     try {
         m_owed.emplace(owed_file_of(*m_store));
@@ -211,6 +213,20 @@ std::string BackupRun::distrust_of(const BaseSet& base) {
         return {};
     return "a backup of level " + m_request.level + " would miss changes: the clock " + when +
            ", before the start of the set " + base.set + " at " + utc_time(base.started);
+}
+
+// The server takes what is below its data directory for its own, and the next backup would save it.
+void BackupRun::check_place_of_store() const {
+    std::string existing = absolute_path(m_options.store);
+    while (!real_path(existing) && existing.size() > 1)
+        existing = folder_of(existing);
+    std::optional<std::string> store = real_path(existing);
+    std::optional<std::string> data = real_path(m_ini.data_directory);
+    if (store && data && is_below(*store, *data))
+        throw ClientError(ExitCode::failed,
+                          "the store " + for_terminal(m_options.store) +
+                              " is inside the data directory " + for_terminal(m_ini.data_directory),
+                          "name a folder elsewhere with --store");
 }
 
 // The folders of --removed, as full paths.

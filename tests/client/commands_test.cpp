@@ -442,6 +442,9 @@ TEST_F(Commands, WrongPlacesAndUsesHaveTheirExitCodes) {
         {arguments({"--tmp-dir", m_data}), 2}, // given twice
         {{"backup", "--notes-ini", m_ini, "--store", m_store, "--tmp-dir", m_data}, 1},
         {{"backup", "--notes-ini", m_ini, "--store", m_store, "--tmp-dir", none}, 1},
+        {{"backup", "--notes-ini", m_ini, "--store", m_data + "/deep/store"},
+         1,
+         "is inside the data directory"},
     };
     for (const auto& test : cases) {
         SCOPED_TRACE(testing::PrintToString(test.arguments));
