@@ -11,6 +11,7 @@
 #include "client/text.h"
 
 #include <algorithm>
+#include <set>
 
 namespace qrtln {
 
@@ -71,6 +72,25 @@ std::string result_text(const RestoreResult& result) {
     if (!result.failed.empty())
         text += std::to_string(result.failed.size()) + " failed, see above\n";
     return text;
+}
+
+// From where the databases came that are in their places now.
+std::string taken_text(const RestorePlan& plan, const RestoreResult& result) {
+    std::set<std::string> restored(result.restored.begin(), result.restored.end());
+    std::set<std::string> sets;
+    if (plan.to.empty())
+        for (const PlannedItem& planned : plan.items)
+            if (planned.item.kind == ItemKind::database && restored.contains(planned.target))
+                sets.insert(planned.set);
+    if (sets.empty())
+        return {};
+    std::string names;
+    for (const std::string& set : sets)
+        names += (names.empty() ? "" : ", ") + for_terminal(set);
+    return "the databases in place are as in " + names +
+           ": what was changed since then is not in them,\n`qrtln recover` instead of restore "
+           "rolls "
+           "them forward with the transaction logs\n";
 }
 
 nlohmann::json result_json(const RestoreResult& result) {
@@ -175,7 +195,7 @@ int run_restore(const RestoreOptions& options) {
     if (options.json)
         print_json(document);
     else
-        print_output(result_text(result) +
+        print_output(result_text(result) + taken_text(plan, result) +
                      (left_out > 0 ? std::to_string(left_out) +
                                          " items left out: --dry-run tells which and why\n"
                                    : ""));
