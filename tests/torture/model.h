@@ -84,6 +84,7 @@ class Model {
         std::string into;
         bool new_dbiid = false;
         bool resumed = false;
+        bool plain = false; // nothing stood in its way when it began
         std::set<std::string> was_live;
         std::set<std::string> put_in_place; // by a run that did not end well, as they should be
     };

@@ -381,7 +381,7 @@ void Model::require_told_recovery(const Recovery& recovery, const Run& run) {
         for (const std::string& name : recovery.names)
             if (!done.contains(name))
                 violate("exit 0 stands over no less", name + " is not told of");
-    bool plain = m_options.calm && !m_unfinished;
+    bool plain = m_options.calm && !m_unfinished && recovery.plain;
     for (const std::string& name : recovery.names)
         plain = plain && is_plain(recovery, name);
     if (plain && !recovery.names.empty() && run.exit_code != 0)

@@ -642,6 +642,8 @@ void Model::run_recovery(Recovery recovery, const std::vector<std::string>& opti
         m_doing += word == "recover" || word == "--json" ? "" : " " + word;
     std::vector<std::string> names = live();
     recovery.was_live = {names.begin(), names.end()};
+    recovery.plain = std::all_of(recovery.names.begin(), recovery.names.end(),
+                                 [&](const std::string& name) { return is_plain(recovery, name); });
     std::optional<notes_sim::UseMark> used;
     if (!m_options.calm && kill.call == 0 && one_in(6) && !names.empty()) {
         std::string name = recovery.names.empty() || !recovery.was_live.contains(recovery.names[0])
