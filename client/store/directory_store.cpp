@@ -311,7 +311,10 @@ void DirectoryStore::create_skeleton() {
     for (const char* name : skeleton_folders)
         if (::mkdirat(m_folder.get(), name, 0700) != 0 && errno != EEXIST)
             fail("create the folder " + std::string(name), errno);
-    // The format file comes last: without it the folder is no store.
+    // The format file comes last, also on the disk: without it the folder is no store, and with it
+    // the folders are there.
+    if (int error = flush_folder(m_folder.get()); error != 0)
+        fail("flush the folder", error);
     std::string content = to_canonical({{"format", store_format}, {"type", "qrtln store"}});
     if (int error = write_flushed(m_folder.get(), format_temporary, content); error != 0)
         fail("write store.json", error);
