@@ -328,8 +328,9 @@ void installBackup() {
             *context = newHandle(s_backups);
         }
         const unsigned byte = next();
-        *low = byte < 0xF0 ? byte % 8 : 0xFFFFFFFF; // the files have seven bytes
-        *high = byte == 0xFF ? 0xFFFFFFFF : 0;
+        // The files have seven bytes; zeros stand for what the server says beyond them.
+        *low = byte < 0xF0 ? byte % 8 : 70000;
+        *high = 0;
         return status;
     };
     notes_api.NSFBackupSetHighWaterMark = [](DBHANDLE, DHANDLE context, DWORD, DWORD) -> STATUS {
