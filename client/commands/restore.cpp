@@ -88,9 +88,8 @@ std::string taken_text(const RestorePlan& plan, const RestoreResult& result) {
     for (const std::string& set : sets)
         names += (names.empty() ? "" : ", ") + for_terminal(set);
     return "the databases in place are as in " + names +
-           ": what was changed since then is not in them,\n`qrtln recover` instead of restore "
-           "rolls "
-           "them forward with the transaction logs\n";
+           ": what was changed since then is not in them,\n"
+           "`qrtln recover` instead of restore rolls them forward with the transaction logs\n";
 }
 
 nlohmann::json result_json(const RestoreResult& result) {

@@ -134,7 +134,7 @@ struct DatabaseCopy {
     // count.
     void setHighWaterMark() const {
         DB_TraceExt("PrepareOpenDbForBackup(): Call NSFBackupSetHighWaterMark [%ld]",
-                    static_cast<long>(position.low()));
+                    static_cast<long>(std::uint64_t{position.high()} << 32 | position.low()));
         notes_api.NSFBackupSetHighWaterMark(hDB, hBackupContext, position.low(), position.high());
     }
 };
