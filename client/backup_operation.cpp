@@ -312,9 +312,12 @@ void BackupOperation::describe_set() {
     m_manifest.whole_system = m_request.arguments.empty();
     for (const DatabaseArgument& argument : m_request.arguments)
         m_manifest.arguments.push_back(argument.path);
-    std::array<char, 256> host{};
-    if (::gethostname(host.data(), host.size() - 1) == 0)
-        m_manifest.host = host.data();
+    m_manifest.predecessor = newest_set(m_context.store, m_ini.sets);
+    m_manifest.server_name = m_ini.server_name;
+    m_manifest.names_server = true;
+    m_manifest.own_name = m_ini.own_name;
+    m_manifest.id_file = m_ini.id_file;
+    m_manifest.host = host_name();
     m_manifest.notes_ini = m_ini.file;
     m_manifest.data_directory = m_ini.data_directory;
     m_manifest.client_version = client_version();
@@ -690,9 +693,9 @@ void BackupOperation::check_log_sizes() {
     const std::vector<ManifestItem>& items = m_manifest.items;
     if (std::none_of(items.begin(), items.end(), [](const auto& item) { return item.log; }))
         return;
-    std::optional<BaseSet> base = find_base(m_context.store, m_ini.data_directory);
+    std::optional<BaseSet> base = find_base(m_context.store, m_ini.sets);
     m_has_base = base.has_value();
-    m_chain = load_log_chain(m_context.store, base ? base->set : "", m_ini.data_directory);
+    m_chain = load_log_chain(m_context.store, base ? base->set : "", m_ini.sets);
     std::map<std::string, std::uint64_t> sizes;
     add_extent_sizes(items, sizes);
     for (const ChainLink& link : m_chain)
@@ -747,6 +750,9 @@ void BackupOperation::commit() {
     m_context.store.write_manifest(m_manifest.set, serialize(m_manifest));
     m_context.store.keep_added();
     strike_owed();
+    if (m_manifest.complete && !stored_logs(m_manifest).empty() &&
+        m_request.before_logs_are_archived)
+        m_request.before_logs_are_archived();
     close_operation();
 }
 

@@ -13,6 +13,7 @@
 #include "client/owed.h"
 #include "client/store/manifest.h"
 
+#include <functional>
 #include <string>
 #include <utility>
 #include <vector>
@@ -32,6 +33,8 @@ struct BackupRequest {
     std::string base;                        // of diff and incr: a whole full set
     std::int64_t base_started = 0;           // seconds since 1970
     std::vector<std::pair<std::string, std::string>> missing_folders; // with the reason; they fail
+    // Called when a complete set with transaction logs is safe, before the server hears of it.
+    std::function<void()> before_logs_are_archived;
 };
 
 // Runs the operation and returns the manifest of the set that was stored; a database of it is no

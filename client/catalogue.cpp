@@ -16,13 +16,31 @@ CatalogueEntry load_set(Store& store, const std::string& set) {
     return entry;
 }
 
-std::string resolve_set(Store& store, const std::string& given) {
+CatalogueEntry load_set(Store& store, const std::string& set, const ServerScope& scope) {
+    CatalogueEntry entry = load_set(store, set);
+    if (entry.manifest && !scope.covers(*entry.manifest))
+        entry.manifest.reset();
+    if (entry.manifest)
+        move_data_directory(*entry.manifest, scope.recorded_data_directory, scope.data_directory);
+    return entry;
+}
+
+std::string resolve_set(Store& store, const std::string& given, const ServerScope* scope) {
     std::vector<std::string> names = store.set_names();
     if (names.empty())
         throw ClientError(ExitCode::failed, store.description() + " has no sets",
                           "`qrtln backup` stores one");
-    if (given == "latest")
+    if (given == "latest" && scope == nullptr)
         return names.back();
+    if (given == "latest") {
+        std::string newest = newest_set(store, *scope);
+        OtherServers others = newest.empty() ? other_servers(store, *scope) : OtherServers{};
+        if (newest.empty())
+            throw ClientError(ExitCode::failed,
+                              store.description() + " has no set of this server: " + others.what,
+                              others.hint);
+        return newest;
+    }
     if (std::find(names.begin(), names.end(), given) != names.end())
         return given;
     std::vector<std::string> matches;
@@ -42,26 +60,42 @@ std::string resolve_set(Store& store, const std::string& given) {
                       "give more of the name");
 }
 
-std::optional<BaseSet> find_base(Store& store, const std::string& data_directory) {
+Manifest load_named_set(Store& store, const std::string& given, const ServerScope& scope) {
+    CatalogueEntry any = load_set(store, resolve_set(store, given, &scope));
+    if (!any.manifest)
+        throw ClientError(ExitCode::damage_found,
+                          "the manifest of the set " + for_terminal(any.set) + " " + any.problem,
+                          "`qrtln verify` tells what else is damaged; other sets may hold what you "
+                          "want");
+    if (!scope.covers(*any.manifest))
+        throw ClientError(ExitCode::failed,
+                          "the set " + any.set + " is of another server, " +
+                              server_text(*any.manifest),
+                          other_servers(store, scope).hint);
+    move_data_directory(*any.manifest, scope.recorded_data_directory, scope.data_directory);
+    return std::move(*any.manifest);
+}
+
+std::optional<BaseSet> find_base(Store& store, const ServerScope& scope) {
     std::vector<std::string> names = store.set_names();
     for (auto name = names.rbegin(); name != names.rend(); ++name) {
         if (!name->ends_with("-full")) // the name is the level's too: no need to read the others
             continue;
-        CatalogueEntry entry = load_set(store, *name);
+        CatalogueEntry entry = load_set(store, *name, scope);
         if (entry.manifest && entry.manifest->level == "full" && entry.manifest->complete &&
-            entry.manifest->whole_system && entry.manifest->data_directory == data_directory)
+            entry.manifest->whole_system)
             return BaseSet{*name, entry.manifest->started, entry.manifest->close_error.empty()};
     }
     return std::nullopt;
 }
 
-SetsSince look_at_sets_since(Store& store, const BaseSet& base, const std::string& data_directory) {
+SetsSince look_at_sets_since(Store& store, const BaseSet& base, const ServerScope& scope) {
     SetsSince since;
     for (const std::string& name : store.set_names()) {
         if (name < base.set)
             continue;
-        CatalogueEntry entry = load_set(store, name);
-        if (!entry.manifest || entry.manifest->data_directory != data_directory)
+        CatalogueEntry entry = load_set(store, name, scope);
+        if (!entry.manifest)
             continue;
         if (entry.manifest->started < base.started)
             since.begun_before = name;
@@ -72,17 +106,26 @@ SetsSince look_at_sets_since(Store& store, const BaseSet& base, const std::strin
     return since;
 }
 
-std::vector<std::string> saved_databases(Store& store, const std::string& data_directory) {
+std::vector<std::string> saved_databases(Store& store, const ServerScope& scope) {
     std::set<std::string> paths;
     for (const std::string& set : store.set_names()) {
-        CatalogueEntry entry = load_set(store, set);
-        if (!entry.manifest || entry.manifest->data_directory != data_directory)
+        CatalogueEntry entry = load_set(store, set, scope);
+        if (!entry.manifest)
             continue;
         for (const ManifestItem& item : entry.manifest->items)
             if (item.kind == ItemKind::database && item.status == ItemStatus::stored)
                 paths.insert(item.path);
     }
     return {paths.begin(), paths.end()};
+}
+
+std::string newest_set(Store& store, const ServerScope& scope) {
+    std::vector<std::string> names = store.set_names();
+    for (auto name = names.rbegin(); name != names.rend(); ++name)
+        if (CatalogueEntry entry = load_set(store, *name, scope);
+            entry.manifest || !entry.problem.empty())
+            return *name;
+    return {};
 }
 
 std::string new_set_name(Store& store, std::int64_t started, const std::string& level) {

@@ -1,6 +1,7 @@
 // What the store's manifests tell: the sets, and a set by a name that a person types.
 #pragma once
 
+#include "client/server_identity.h"
 #include "client/store/manifest.h"
 #include "client/store/store.h"
 
@@ -21,9 +22,17 @@ struct CatalogueEntry {
 // Reads one set; never throws for damage.
 CatalogueEntry load_set(Store& store, const std::string& set);
 
-// The full name for "latest", a set's name, or a prefix that only one set has. Throws
-// ClientError(failed) that says what there is.
-std::string resolve_set(Store& store, const std::string& given);
+// Reads one set where it is one of a server: its paths are then where the data directory is now.
+// Another's has neither a manifest nor a problem.
+CatalogueEntry load_set(Store& store, const std::string& set, const ServerScope& scope);
+
+// The full name for "latest" (of a server, where there is a scope), a set's name, or a prefix that
+// only one set has. Throws ClientError(failed) that says what there is.
+std::string resolve_set(Store& store, const std::string& given, const ServerScope* scope = nullptr);
+
+// Reads the set that is named for a command of this server. Throws ClientError: damage_found, or
+// failed when it is another server's.
+Manifest load_named_set(Store& store, const std::string& given, const ServerScope& scope);
 
 // What a differential or incremental backup builds on.
 struct BaseSet {
@@ -32,9 +41,9 @@ struct BaseSet {
     bool closed = true;       // the server closed its backup
 };
 
-// The newest complete full set of the whole server with this data directory, or nothing. Sets whose
-// manifests are damaged are passed over.
-std::optional<BaseSet> find_base(Store& store, const std::string& data_directory);
+// The newest complete full set of the whole server, or nothing. Sets whose manifests are damaged
+// are passed over.
+std::optional<BaseSet> find_base(Store& store, const ServerScope& scope);
 
 // What the sets of a server since a base tell, the base included.
 struct SetsSince {
@@ -42,10 +51,13 @@ struct SetsSince {
     std::string begun_before;        // a later set whose clock was before the start of the base
 };
 
-SetsSince look_at_sets_since(Store& store, const BaseSet& base, const std::string& data_directory);
+SetsSince look_at_sets_since(Store& store, const BaseSet& base, const ServerScope& scope);
 
 // The paths of all databases that any set of this server holds, sorted.
-std::vector<std::string> saved_databases(Store& store, const std::string& data_directory);
+std::vector<std::string> saved_databases(Store& store, const ServerScope& scope);
+
+// The newest set of this server, or empty. One that cannot be read may be of any server.
+std::string newest_set(Store& store, const ServerScope& scope);
 
 // A name for a set that started at `started`: its time and level. It sorts after every name in the
 // store, if need be with a later time.

@@ -1,5 +1,6 @@
 #include "client/index_guard.h"
 
+#include "client/catalogue.h"
 #include "client/error.h"
 #include "client/file_io.h"
 #include "client/store/canonical_json.h"
@@ -93,13 +94,20 @@ std::optional<IndexNote> note_of(Store& store, const std::string& set, std::stri
     return note;
 }
 
-// The newest note of all sets, likewise.
-std::optional<IndexNote> newest_note(Store& store, std::string& problem) {
+// The newest note of all sets of a server, likewise. A set that cannot be read may be of any.
+std::optional<IndexNote> newest_note(Store& store, const std::string& server,
+                                     std::string& problem) {
     std::vector<std::string> sets = store.set_names();
     for (auto set = sets.rbegin(); set != sets.rend(); ++set) {
-        std::optional<IndexNote> note = note_of(store, *set, problem);
-        if (note || !problem.empty())
-            return note;
+        std::string problem_here;
+        std::optional<IndexNote> note = note_of(store, *set, problem_here);
+        if (!note && problem_here.empty())
+            continue;
+        CatalogueEntry entry = load_set(store, *set);
+        if (entry.manifest && entry.manifest->server_name != server)
+            continue;
+        problem = problem_here;
+        return note;
     }
     return std::nullopt;
 }
@@ -129,9 +137,9 @@ bool fits_index(const std::string& path) {
     return longest < maximal_key;
 }
 
-IndexGuard::IndexGuard(Store& store)
+IndexGuard::IndexGuard(Store& store, const std::string& server)
     : m_store(store), m_file(store.runtime_directory() + index_name) {
-    m_note = newest_note(store, m_problem);
+    m_note = newest_note(store, server, m_problem);
     if (!m_note)
         return;
     std::string hash = hash_of_index();

@@ -43,8 +43,9 @@ bool fits_index(const std::string& path);
 
 class IndexGuard {
   public:
-    // Reads the newest note and the index. REQUIRES: nobody changes the index meanwhile.
-    explicit IndexGuard(Store& store);
+    // Reads the newest note of a server's sets, by its name in the store, and its index in the
+    // store's present folder of run-time data. REQUIRES: nobody changes the index meanwhile.
+    IndexGuard(Store& store, const std::string& server);
 
     // What is wrong with the index, or with the newest note; empty: nothing, or there is no note
     // yet.

@@ -117,13 +117,13 @@ std::string describe(const LogGap& gap) {
 }
 
 std::vector<ChainLink> load_log_chain(Store& store, const std::string& base,
-                                      const std::string& data_directory) {
+                                      const ServerScope& scope) {
     std::vector<ChainLink> chain;
     for (const std::string& set : store.set_names()) {
         if (set < base)
             continue;
-        CatalogueEntry entry = load_set(store, set);
-        if (!entry.manifest || entry.manifest->data_directory != data_directory)
+        CatalogueEntry entry = load_set(store, set, scope);
+        if (!entry.manifest)
             continue;
         std::vector<LogIdentity> logs = stored_logs(*entry.manifest);
         if (set != base && logs.empty())

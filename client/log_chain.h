@@ -2,6 +2,7 @@
 // full one on, checked for gaps.
 #pragma once
 
+#include "client/server_identity.h"
 #include "client/store/manifest.h"
 #include "client/store/store.h"
 
@@ -36,7 +37,7 @@ std::string describe(const LogGap& gap);
 // The links from the set `base` on: it, and each later set of the same server that holds logs,
 // complete or not. A set whose manifest is damaged is left out, so that its logs are found missing.
 std::vector<ChainLink> load_log_chain(Store& store, const std::string& base,
-                                      const std::string& data_directory);
+                                      const ServerScope& scope);
 
 // The stored logs of a set.
 std::vector<LogIdentity> stored_logs(const Manifest& manifest);

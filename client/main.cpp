@@ -51,7 +51,8 @@ constexpr const char* recover_help =
     "`qrtln recover`, without databases, goes on with what a first one left.";
 
 constexpr const char* prove_help =
-    "Prove that a set can be recovered from: its databases are restored and rolled forward into a\n"
+    "Prove that the server, or a set, can be recovered: databases are restored and rolled forward "
+    "into a\n"
     "scratch folder, and the server's library reads each of them. The proof is recorded, and\n"
     "`qrtln list` shows its date. No live database is touched.";
 
@@ -100,7 +101,25 @@ void add_server_options(CLI::App& command, Options& options) {
     command.add_option("--notes-ini", options.notes_ini, "The server's notes.ini")
         ->type_name("FILE")
         ->required();
+    command
+        .add_option("--server", options.server,
+                    "The name of the server in the store (default: the host's)")
+        ->envname("QRTLN_SERVER")
+        ->type_name("NAME");
     add_store_options(command, options.store, options.json);
+}
+
+// What those take that read another server's sets.
+template <typename Options>
+void add_origin_options(CLI::App& command, Options& options) {
+    command
+        .add_option("--from-server", options.from_server,
+                    "Take the sets of this server (default: only its own)")
+        ->type_name("NAME");
+    command
+        .add_option("--data-directory", options.moved,
+                    "The sets are of the data directory OLD, which is NEW now")
+        ->type_name("OLD=NEW");
 }
 
 template <typename Options>
@@ -129,6 +148,8 @@ CLI::App* add_backup(CLI::App& app, qrtln::BackupOptions& backup) {
         ->capture_default_str();
     command.add_flag("--auto-full", backup.auto_full,
                      "Take a full backup where diff or incr has none to build on");
+    command.add_flag("--take-over", backup.take_over,
+                     "This store archives the server's transaction logs from now on, no other");
     command
         .add_option("--removed", backup.removed,
                     "This folder was removed on purpose: that its databases are gone is no "
@@ -149,6 +170,7 @@ CLI::App* add_backup(CLI::App& app, qrtln::BackupOptions& backup) {
 CLI::App* add_restore(CLI::App& app, qrtln::RestoreOptions& restore) {
     CLI::App& command = *app.add_subcommand("restore", restore_help);
     add_server_options(command, restore);
+    add_origin_options(command, restore);
     CLI::Option* restore_set =
         command.add_option("--set", restore.set,
                            "Just what this set holds: its name, the beginning of it, \"latest\"");
@@ -184,6 +206,7 @@ CLI::App* add_restore(CLI::App& app, qrtln::RestoreOptions& restore) {
 
 void add_documents_options(CLI::App& command, qrtln::DocumentsOptions& documents) {
     add_server_options(command, documents);
+    add_origin_options(command, documents);
     command
         .add_option("--since", documents.since,
                     "Deleted or changed then or later, to the minute: \"YYYY-MM-DD hh:mm[:ss]\" in "
@@ -233,6 +256,7 @@ CLI::App* add_documents(CLI::App& app, qrtln::DocumentsOptions& deleted,
 CLI::App* add_recover(CLI::App& app, qrtln::RecoverOptions& recover) {
     CLI::App& command = *app.add_subcommand("recover", recover_help);
     add_server_options(command, recover);
+    add_origin_options(command, recover);
     command
         .add_option("--to", recover.to,
                     "Up to this time, changes committed at it included (default: to the last "
@@ -276,8 +300,10 @@ CLI::App* add_recover(CLI::App& app, qrtln::RecoverOptions& recover) {
 CLI::App* add_prove(CLI::App& app, qrtln::ProveOptions& prove) {
     CLI::App& command = *app.add_subcommand("prove", prove_help);
     add_server_options(command, prove);
+    add_origin_options(command, prove);
     command.add_option("SET", prove.set,
-                       "The set's name, the beginning of it, or \"latest\" (default)");
+                       "The set's name, the beginning of it, or \"latest\" (default: the whole "
+                       "server, as it could be recovered now from all sets)");
     add_tmp_dir(command, prove.tmp_dir,
                 "Where the scratch folder is made: needs room for all its databases");
     add_module_options(command, prove);
@@ -380,6 +406,14 @@ int main(int argc, char** argv) {
     add_store_options(*verify_command, verify.store, verify.json);
     verify_command->add_option("SET", verify.set, "Only this set");
 
+    qrtln::ForgetOptions forget;
+    CLI::App* forget_command = app.add_subcommand(
+        "forget", "Forget sets: remove them, or say of missing ones that they are gone for good.\n"
+                  "Their contents stay in the store.");
+    add_store_options(*forget_command, forget.store, forget.json);
+    forget_command->add_option("SET", forget.sets, "The sets' names, or the beginnings of them")
+        ->required();
+
     std::vector<std::string> texts = without_lists(argc, argv);
     if (print_help(app, texts))
         return 0;
@@ -397,7 +431,7 @@ int main(int argc, char** argv) {
     }
 
     bool json = backup.json || restore.json || deleted.json || changed.json || recover.json ||
-                prove.json || list.json || show.json || verify.json;
+                prove.json || list.json || show.json || verify.json || forget.json;
     try {
         if (backup_command->parsed())
             return qrtln::run_backup(backup);
@@ -414,6 +448,8 @@ int main(int argc, char** argv) {
             return qrtln::run_list(list);
         if (show_command->parsed())
             return qrtln::run_show(show);
+        if (forget_command->parsed())
+            return qrtln::run_forget(forget);
         return qrtln::run_verify(verify);
     } catch (const qrtln::ClientError& failure) {
         report_failure(json, failure.exit_code(), failure.what(), failure.hint());

@@ -76,6 +76,13 @@ NotesIni load_notes_ini(const std::string& file, bool data_directory_may_be_miss
     auto variables = parse_notes_ini(*content);
     ini.data_directory = directory_value(variables, "directory");
     ini.program_directory = directory_value(variables, "notesprogram");
+    ini.own_name = variables["servername"];
+    ini.id_file = variables["serverkeyfilename"];
+    if (ini.id_file.empty())
+        ini.id_file = variables["keyfilename"];
+    ini.archives_logs = variables["translog_status"] == "1" && variables["translog_style"] == "1";
+    ini.server_name = host_name();
+    ini.sets = {ini.server_name, ini.own_name, ini.data_directory, ini.data_directory};
     if (!ini.data_directory.starts_with('/'))
         throw ClientError(ExitCode::server_error,
                           ini.data_directory.empty()

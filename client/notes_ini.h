@@ -1,6 +1,8 @@
 // What the client needs to know from a server's notes.ini.
 #pragma once
 
+#include "client/server_identity.h"
+
 #include <map>
 #include <string>
 
@@ -10,6 +12,11 @@ struct NotesIni {
     std::string file;              // absolute
     std::string data_directory;    // "Directory", without a trailing "/"
     std::string program_directory; // "NotesProgram", without a trailing "/"; may be empty
+    std::string own_name;          // "ServerName", the server's own; may be empty
+    std::string id_file;           // "ServerKeyFileName", else "KeyFilename"; may be empty
+    bool archives_logs = false;    // the server has transaction logs, of the style that is archived
+    std::string server_name;       // in a store; by default the host's name
+    ServerScope sets;              // of a store: by default those of this server
 };
 
 // The variables of a notes.ini: names in lower case, the first of equal names counts, as it does

@@ -36,14 +36,14 @@ bool is_instance(const LiveDatabase& live, const SavedCopy& copy) {
 
 } // namespace
 
-SavedCopies load_saved_copies(Store& store, const std::string& data_directory,
+SavedCopies load_saved_copies(Store& store, const ServerScope& scope,
                               const std::set<std::string>& paths) {
     SavedCopies copies;
     if (paths.empty())
         return copies;
     for (const std::string& set : store.set_names()) {
-        CatalogueEntry entry = load_set(store, set);
-        if (!entry.manifest || entry.manifest->data_directory != data_directory)
+        CatalogueEntry entry = load_set(store, set, scope);
+        if (!entry.manifest)
             continue;
         for (const ManifestItem& item : entry.manifest->items)
             if (item.status == ItemStatus::stored && paths.contains(item.path))

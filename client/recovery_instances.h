@@ -4,6 +4,7 @@
 #pragma once
 
 #include "client/recovery_probe.h"
+#include "client/server_identity.h"
 #include "client/store/manifest.h"
 #include "client/store/store.h"
 
@@ -31,7 +32,7 @@ using SavedCopies = std::map<std::string, std::vector<SavedCopy>>;
 
 // The copies of these databases in all sets with this data directory. Sets whose manifests cannot
 // be read are left out.
-SavedCopies load_saved_copies(Store& store, const std::string& data_directory,
+SavedCopies load_saved_copies(Store& store, const ServerScope& scope,
                               const std::set<std::string>& paths);
 
 // Whether the server told when the set was made that no transaction log covers the database.

@@ -65,6 +65,8 @@ json to_json(const RecoveryJournal& journal) {
                      {"databases", json::array()}};
     put_bytes(document, "data_directory", journal.data_directory);
     put_bytes(document, "into", journal.into);
+    put_bytes(document, "moved", journal.moved);
+    document["from_server"] = printable_utf8(journal.from_server);
     put_bytes(document, "pending_folder", journal.pending_folder);
     if (journal.to)
         document["to"] = *journal.to;
@@ -108,6 +110,8 @@ RecoveryJournal from_json(const json& document) {
     journal.new_dbiid = document.at("new_dbiid").get<bool>();
     journal.replace_live = document.value("replace_live", false);
     journal.logs_lost = document.value("logs_lost", false);
+    journal.from_server = document.value("from_server", "");
+    journal.moved = document.contains("moved") ? get_bytes(document, "moved") : "";
     journal.pending_folder = get_bytes(document, "pending_folder");
     journal.recovering = document.at("recovering").get<bool>();
     journal.log_folder_lost = document.at("log_folder_lost").get<bool>();

@@ -56,6 +56,8 @@ struct RecoveryJournal {
     bool new_dbiid = false;
     bool replace_live = false;
     bool logs_lost = false;
+    std::string from_server; // as the options say it
+    std::string moved;       // likewise
     // What it has done.
     std::string pending_folder;             // where copies wait; empty with `into`
     bool recovering = false;                // the server was told to recover, at least once

@@ -99,13 +99,13 @@ std::optional<std::int64_t> reachable_with(const Holdings& holdings, std::uint32
 
 } // namespace
 
-StoredLogs load_stored_logs(Store& store, const std::string& data_directory,
+StoredLogs load_stored_logs(Store& store, const ServerScope& scope,
                             const std::set<std::pair<std::string, std::string>>& damaged) {
     StoredLogs stored;
     std::vector<StoredLog> controls;
     for (const std::string& set : store.set_names()) {
-        CatalogueEntry entry = load_set(store, set);
-        if (!entry.manifest || entry.manifest->data_directory != data_directory)
+        CatalogueEntry entry = load_set(store, set, scope);
+        if (!entry.manifest)
             continue;
         for (ManifestItem& item : entry.manifest->items) {
             if (item.status != ItemStatus::stored)

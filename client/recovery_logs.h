@@ -1,6 +1,7 @@
 // The transaction logs that a recovery replays: which numbers it needs, and where each of them is.
 #pragma once
 
+#include "client/server_identity.h"
 #include "client/store/manifest.h"
 #include "client/store/store.h"
 
@@ -32,7 +33,7 @@ struct StoredLogs {
 
 // The stored logs of all sets with this data directory. Items that are known to be damaged are
 // named by path and object. Sets whose manifests cannot be read are left out.
-StoredLogs load_stored_logs(Store& store, const std::string& data_directory,
+StoredLogs load_stored_logs(Store& store, const ServerScope& scope,
                             const std::set<std::pair<std::string, std::string>>& damaged);
 
 // The folder of the server's own logs as it is now.

@@ -295,6 +295,8 @@ void Recovery::write_journal() {
     m_journal.new_dbiid = m_request.new_dbiid;
     m_journal.replace_live = m_request.replace_live;
     m_journal.logs_lost = m_request.logs_lost;
+    m_journal.from_server = m_request.from_server;
+    m_journal.moved = m_request.moved;
     if (m_plan.server_logs.missing && !m_plan.logs.restore.empty()) {
         m_journal.log_folder_lost = m_request.log_folder_was_lost = true;
         if (m_plan.logs.ends)
@@ -314,7 +316,7 @@ void Recovery::write_journal() {
     // What was committed between the newest set and the loss is in no log: none leads over it.
     if (m_owed && m_journal.log_folder_lost)
         m_owed->add_restored(m_plan.data_directory,
-                             saved_databases(m_context.store, m_plan.data_directory));
+                             saved_databases(m_context.store, m_context.ini.sets));
 }
 
 // Those that are still to be put in their places. A copy is named when it is there: when it is gone

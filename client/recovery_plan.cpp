@@ -65,7 +65,7 @@ RecoveryPlan RecoveryPlanner::run() {
     m_plan.data_directory_missing = ::stat(m_ini.data_directory.c_str(), &status) != 0;
     m_plan.to = m_request.to;
     m_plan.new_dbiid = m_request.new_dbiid;
-    m_stored = load_stored_logs(m_store, m_ini.data_directory, m_request.selection.damaged);
+    m_stored = load_stored_logs(m_store, m_ini.sets, m_request.selection.damaged);
 
     RestorePlan items = plan_items();
     m_plan.into = items.to;
@@ -175,7 +175,7 @@ void RecoveryPlanner::compare_instances() {
                                 : exists(database.planned.item.path))
             live.push_back(database.planned.item.path);
     }
-    m_copies = load_saved_copies(m_store, m_ini.data_directory, paths);
+    m_copies = load_saved_copies(m_store, m_ini.sets, paths);
     // The server's library would begin a new log where its own is lost.
     if (m_situation.live != nullptr && !m_plan.server_logs.missing)
         m_situation.live->ask(live);
@@ -588,7 +588,7 @@ std::optional<LaterRecovery> plan_later_recovery(Store& store, const NotesIni& i
     }
     if (needs.oldest_set.empty())
         return std::nullopt;
-    StoredLogs stored = load_stored_logs(store, ini.data_directory, {});
+    StoredLogs stored = load_stored_logs(store, ini.sets, {});
     LaterRecovery later;
     later.server_logs = look_at_logs(ini, stored);
     later.logs = find_recovery_logs(stored, later.server_logs, needs);

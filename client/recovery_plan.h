@@ -23,6 +23,8 @@ struct RecoveryRequest {
     bool new_dbiid = false;
     bool replace_live = false;        // also databases that hold what no set leads to
     bool logs_lost = false;           // the server's own logs are not only not mounted
+    std::string from_server;          // as the options say it, for the journal
+    std::string moved;                // likewise
     bool databases_only = false;      // no folders or files beside them
     bool keeps_log_folder = false;    // a lost folder of transaction logs is not made again
     bool log_folder_was_lost = false; // an earlier run of the same recovery found it lost

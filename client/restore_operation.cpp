@@ -300,7 +300,7 @@ void RestoreOperation::owe_all_when_logs_come_back() {
         return;
     try {
         m_owed->add_restored(m_plan.data_directory,
-                             saved_databases(m_context.store, m_plan.data_directory));
+                             saved_databases(m_context.store, m_context.ini.sets));
     } catch (const ClientError& failure) {
         m_owed = nullptr;
         m_result.warnings.push_back(not_owed_text(failure.what()));
@@ -443,9 +443,12 @@ std::string not_owed_text(const std::string& reason) {
            "): take a full backup afterwards (`qrtln backup --level full`), others may not save it";
 }
 
-std::unique_ptr<Store> open_store_for_notes(const std::string& directory, std::string& problem) {
+std::unique_ptr<Store> open_store_for_notes(const std::string& directory, const std::string& server,
+                                            std::string& problem) {
     try {
-        return open_directory_store(directory, StoreAccess::change);
+        std::unique_ptr<Store> store = open_directory_store(directory, StoreAccess::change);
+        store->use_server(server);
+        return store;
     } catch (const ClientError& failure) {
         if (failure.exit_code() == static_cast<int>(ExitCode::locked))
             throw;

@@ -53,7 +53,8 @@ std::string not_owed_text(const std::string& reason);
 
 // Opens the store to write notes about the live databases in it. Getting data out must not need the
 // right to write: a store that can only be read is opened so, and `problem` says why. Throws
-// ClientError: no_store, locked, failed.
-std::unique_ptr<Store> open_store_for_notes(const std::string& directory, std::string& problem);
+// ClientError: no_store, locked, failed. The run-time data are those of `server`.
+std::unique_ptr<Store> open_store_for_notes(const std::string& directory, const std::string& server,
+                                            std::string& problem);
 
 } // namespace qrtln

@@ -461,7 +461,7 @@ std::string relocation_info(const std::string& to, bool plain) {
 RestorePlan make_restore_plan(Store& store, const NotesIni& ini, const RestoreRequest& request) {
     Planner planner(ini, request);
     planner.check_relocation();
-    return planner.run(select_for_restore(store, ini.data_directory, request.selection));
+    return planner.run(select_for_restore(store, ini.sets, request.selection));
 }
 
 std::uint64_t occupied_bytes(const std::optional<struct stat>& file) {

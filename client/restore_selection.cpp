@@ -5,6 +5,7 @@
 #include "client/interrupt.h"
 #include "client/original.h"
 #include "client/point_in_time.h"
+#include "client/set_links.h"
 #include "client/text.h"
 
 #include <algorithm>
@@ -49,9 +50,9 @@ struct LookedFor {
 
 class Selector {
   public:
-    Selector(Store& store, const std::string& data_directory, const SelectionRequest& request)
-        : m_store(store), m_request(request) {
-        m_result.data_directory = data_directory;
+    Selector(Store& store, const ServerScope& scope, const SelectionRequest& request)
+        : m_store(store), m_scope(scope), m_request(request) {
+        m_result.data_directory = scope.data_directory;
     }
     RestoreSelection run();
 
@@ -71,6 +72,7 @@ class Selector {
     void check_found() const;
 
     Store& m_store;
+    const ServerScope& m_scope;
     const SelectionRequest& m_request;
     RestoreSelection m_result;
     std::vector<Name> m_names;
@@ -80,6 +82,7 @@ class Selector {
     bool m_base_found = false; // and it was complete at the moment, or one before it
     std::map<std::string, LookedFor> m_looked_for; // by path
     std::map<std::string, SelectedItem> m_items;
+    SetLinks m_links;
 };
 
 RestoreSelection Selector::run() {
@@ -118,21 +121,7 @@ void Selector::resolve_names() {
 }
 
 void Selector::take_named_set() {
-    CatalogueEntry entry = load_set(m_store, resolve_set(m_store, m_request.set));
-    if (!entry.manifest)
-        throw ClientError(ExitCode::damage_found,
-                          "the manifest of the set " + for_terminal(entry.set) + " " +
-                              entry.problem,
-                          "`qrtln verify` tells what else is damaged; other sets may hold what you "
-                          "want");
-    const Manifest& manifest = *entry.manifest;
-    if (manifest.data_directory != m_result.data_directory && !m_request.elsewhere)
-        throw ClientError(ExitCode::failed,
-                          "the set " + manifest.set + " is of a server with the data directory " +
-                              for_terminal(manifest.data_directory) + ", not " +
-                              for_terminal(m_result.data_directory),
-                          "restore it to another folder with --to");
-    m_result.data_directory = manifest.data_directory;
+    const Manifest manifest = load_named_set(m_store, m_request.set, m_scope);
     resolve_names();
     bool covers_all =
         manifest.whole_system && (manifest.level == "full" || manifest.level == "copy");
@@ -150,8 +139,6 @@ void Selector::take_named_set() {
 }
 
 bool Selector::counts(const Manifest& manifest) const {
-    if (manifest.data_directory != m_result.data_directory)
-        return false;
     if (m_request.ended_before && manifest.ended >= *m_request.ended_before)
         return false;
     if (m_request.at.empty())
@@ -177,17 +164,21 @@ void Selector::take_newest() {
     std::vector<std::string> sets = m_store.set_names();
     for (auto set = sets.rbegin(); set != sets.rend() && !finished(); ++set) {
         throw_if_interrupted();
-        CatalogueEntry entry = load_set(m_store, *set);
-        if (!entry.manifest) {
+        CatalogueEntry entry = load_set(m_store, *set, m_scope);
+        if (!entry.problem.empty())
             m_result.warnings.push_back("the set " + for_terminal(*set) +
                                         " is passed over: its manifest " + entry.problem);
+        if (!entry.manifest)
             continue;
-        }
+        m_links.add(*entry.manifest);
         if (!counts(*entry.manifest))
             continue;
         take(*entry.manifest);
         close_covered(*entry.manifest);
     }
+    // Perhaps the newest copies were in it.
+    for (const MissingSet& missing : m_links.missing(m_store))
+        m_result.warnings.push_back(describe(missing));
 }
 
 // Whether the set holds logs of the identity that counts: that of the first set with any.
@@ -315,20 +306,24 @@ void Selector::check_found() const {
                              "has them; `qrtln list` shows the sets"
                            : "name what is to be restored, or a set with --set; `qrtln list` shows "
                              "them";
-    if (m_request.all && !m_base_found)
+    auto refuse = [&](const std::string& problem, const std::string& advice) {
+        OtherServers others = other_servers(m_store, m_scope);
         throw ClientError(ExitCode::failed,
-                          where + " in " + m_store.description() +
-                              " is a complete full or copy set of the whole server " +
-                              for_terminal(m_result.data_directory),
-                          hint);
+                          problem + (others.what.empty() ? "" : "; " + others.what),
+                          advice + (others.hint.empty() ? "" : "; " + others.hint));
+    };
+    if (m_request.all && !m_base_found)
+        refuse(where + " in " + m_store.description() +
+                   " is a complete full or copy set of the whole server " +
+                   for_terminal(m_result.data_directory),
+               hint);
     for (const Name& name : m_names)
         if (!name.found)
-            throw ClientError(ExitCode::failed,
-                              where + (m_request.set.empty() ? " holds '" : " does not hold '") +
-                                  for_terminal(name.given) + "' (" + for_terminal(name.path) + ")" +
-                                  oldest_copy(name),
-                              "relative names are below the data directory; `qrtln show` lists "
-                              "what a set holds");
+            refuse(where + (m_request.set.empty() ? " holds '" : " does not hold '") +
+                       for_terminal(name.given) + "' (" + for_terminal(name.path) + ")" +
+                       oldest_copy(name),
+                   "relative names are below the data directory; `qrtln show` lists what a set "
+                   "holds");
 }
 
 } // namespace
@@ -362,9 +357,9 @@ Moment parse_moment(const std::string& text, const std::string& option) {
     return moment;
 }
 
-RestoreSelection select_for_restore(Store& store, const std::string& data_directory,
+RestoreSelection select_for_restore(Store& store, const ServerScope& scope,
                                     const SelectionRequest& request) {
-    return Selector(store, data_directory, request).run();
+    return Selector(store, scope, request).run();
 }
 
 } // namespace qrtln

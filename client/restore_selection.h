@@ -1,6 +1,7 @@
 // What of which set is to be restored.
 #pragma once
 
+#include "client/server_identity.h"
 #include "client/store/manifest.h"
 #include "client/store/store.h"
 
@@ -18,7 +19,6 @@ struct SelectionRequest {
     bool all = false;               // the whole system
     std::string set;                // just what this set holds
     std::string at;                 // or the newest up to a moment; both empty: the newest
-    bool elsewhere = false;         // to another folder: the set may be another server's
     // Only sets that ended before this time, in seconds since 1970: each of their databases is as
     // it was before it.
     std::optional<std::int64_t> ended_before = {};
@@ -53,11 +53,11 @@ struct Moment {
 Moment parse_moment(const std::string& text, const std::string& option = "--at");
 
 // Chooses the items: of each name, or of everything, the newest that is stored in a set of this
-// data directory, whatever the set's level. A folder, and the whole system, is what the newest full
+// server, whatever the set's level. A folder, and the whole system, is what the newest full
 // or copy set that covers it holds, with what later sets have of it. Up to a moment a copy counts
 // that was complete then: of a set that was being made, the others come from older sets. Throws
 // ClientError when a name is in no set, or no complete set covers the whole system.
-RestoreSelection select_for_restore(Store& store, const std::string& data_directory,
+RestoreSelection select_for_restore(Store& store, const ServerScope& scope,
                                     const SelectionRequest& request);
 
 } // namespace qrtln

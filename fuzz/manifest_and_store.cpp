@@ -179,7 +179,7 @@ void readStore(qrtln::Store& store) {
         } catch (const qrtln::ClientError&) {
         }
     }
-    qrtln::find_base(store, "/local/notesdata");
+    qrtln::find_base(store, {"", "", "/local/notesdata", "/local/notesdata"});
 }
 
 // As a backup does, up to a database that is owed and a set of one object.

@@ -3,12 +3,14 @@
 #include "client/away_folder.h"
 #include "client/backup_operation.h"
 #include "client/catalogue.h"
-#include "client/commands/commands.h"
+#include "client/commands/server.h"
 #include "client/distrusted_bases.h"
 #include "client/error.h"
 #include "client/interrupt.h"
 #include "client/log_chain.h"
 #include "client/output.h"
+#include "client/server_lock.h"
+#include "client/set_links.h"
 #include "client/text.h"
 
 #include <algorithm>
@@ -33,11 +35,15 @@ class BackupRun {
   private:
     void check_selection();
     void choose_level();
+    void claim_logs();
     void check_index();
     void choose_base();
     void check_place_of_store() const;
     std::string distrust_of(const BaseSet& base);
     std::string broken_chain(const BaseSet& base);
+    std::optional<ClientError> problem_with(const std::optional<BaseSet>& base);
+    std::string missing_set(const std::string& base);
+    std::string forgotten_since(const BaseSet& base);
     bool takes_all() const { return m_request.level == "full" && m_request.arguments.empty(); }
     void resolve_removed();
     bool is_removed(const std::string& path) const;
@@ -56,6 +62,7 @@ class BackupRun {
     NotesIni m_ini;
     BackupRequest m_request;
     FileDescriptor m_trace;
+    FileDescriptor m_server_lock;
     std::unique_ptr<Store> m_store;
     std::optional<OwedDatabases> m_owed;
     std::optional<IndexGuard> m_index;
@@ -75,15 +82,17 @@ int code_of(const Manifest& manifest) {
 }
 
 int BackupRun::run() {
-    m_ini = load_notes_ini(m_options.notes_ini);
+    m_ini = load_server(m_options);
     check_selection();
     check_place_of_store();
     m_store = open_directory_store(m_options.store, StoreAccess::write);
     try {
+        use_server(*m_store, m_ini, m_options);
         m_owed.emplace(owed_file_of(*m_store));
-        m_index.emplace(*m_store);
+        m_index.emplace(*m_store, m_ini.server_name);
         m_distrusted.emplace(*m_store);
         choose_level();
+        claim_logs();
         m_trace = open_trace_file(m_options.trace_file);
         BackupContext context{{m_ini, *m_store, m_options.tmp_dir, m_options.module, m_trace.get(),
                                m_options.verbose},
@@ -129,10 +138,27 @@ void BackupRun::choose_level() {
     choose_base();
 }
 
+// Only one store may archive the server's logs, and one run at a time.
+void BackupRun::claim_logs() {
+    if (!m_ini.archives_logs || !(takes_all() || m_request.level == "incr"))
+        return;
+    m_server_lock = lock_server(m_ini);
+    if (!m_options.take_over)
+        if (std::string other = other_log_archive(m_ini, *m_store); !other.empty())
+            throw ClientError(ExitCode::failed, other,
+                              "back up into that store, or with --level copy; if this store is to "
+                              "archive the logs from now on, say --level full --take-over");
+    m_request.before_logs_are_archived = [this] {
+        if (std::string problem = note_log_archive(m_ini, *m_store); !problem.empty())
+            print_message("warning: which store archives the transaction logs is not noted: " +
+                          problem);
+    };
+}
+
 // With an entry that is lost from the index a database would silently not be saved.
 void BackupRun::check_index() {
     std::string problem = m_index->problem_for(m_ini.data_directory);
-    std::optional<BaseSet> base = find_base(*m_store, m_ini.data_directory);
+    std::optional<BaseSet> base = find_base(*m_store, m_ini.sets);
     if (problem.empty() && !m_index->has_note() && base && !base->closed)
         problem = "the backup of the set " + base->set + " was not closed and left no index";
     if (problem.empty() || m_request.level == "copy")
@@ -160,33 +186,71 @@ void BackupRun::check_index() {
 
 // A differential or incremental backup is worth something only with what it builds on.
 void BackupRun::choose_base() {
-    std::optional<BaseSet> base = find_base(*m_store, m_ini.data_directory);
+    std::optional<BaseSet> base = find_base(*m_store, m_ini.sets);
     // Noted by every run: later ones may see a clock that is right again.
     if (base && std::time(nullptr) < base->started)
         m_distrusted->add(base->set);
     if (m_request.level != "diff" && m_request.level != "incr")
         return;
-    std::string problem;
-    if (!base)
-        problem = m_store->description() + " has no complete full set of the whole server " +
-                  for_terminal(m_ini.data_directory) + ", which a backup of level " +
-                  m_request.level + " builds on";
-    else
-        problem = distrust_of(*base);
-    if (problem.empty())
-        problem = broken_chain(*base);
-    if (problem.empty()) {
+    std::optional<ClientError> problem = problem_with(base);
+    if (!problem) {
         m_request.base = base->set;
         m_request.base_started = base->started;
         return;
     }
     if (!m_options.auto_full || !m_request.arguments.empty())
-        throw ClientError(
-            ExitCode::failed, problem,
-            "take one first: `qrtln backup --level full` without DATABASE" +
-                std::string(m_request.arguments.empty() ? ", or add --auto-full" : ""));
-    print_message(problem + ": this backup becomes a full one (--auto-full)");
+        throw ClientError(*problem);
+    print_message(problem->what() + std::string(": this backup becomes a full one (--auto-full)"));
     m_request.level = "full";
+}
+
+// Why a backup must not build on its base; nothing: it may.
+std::optional<ClientError> BackupRun::problem_with(const std::optional<BaseSet>& base) {
+    if (std::string missing = missing_set(base ? base->set : ""); !missing.empty())
+        return ClientError(ExitCode::damage_found, missing, missing_set_hint);
+    std::string problem;
+    OtherServers others;
+    if (!base) {
+        others = other_servers(*m_store, m_ini.sets);
+        problem = m_store->description() + " has no complete full set of the whole server " +
+                  for_terminal(m_ini.data_directory) + ", which a backup of level " +
+                  m_request.level + " builds on" + (others.what.empty() ? "" : "; " + others.what);
+    } else {
+        problem = distrust_of(*base);
+    }
+    if (problem.empty())
+        problem = forgotten_since(*base);
+    if (problem.empty())
+        problem = broken_chain(*base);
+    if (problem.empty())
+        return std::nullopt;
+    return ClientError(ExitCode::failed, problem,
+                       "take one first: `qrtln backup --level full` without DATABASE" +
+                           std::string(m_request.arguments.empty() ? ", or add --auto-full" : "") +
+                           (others.hint.empty() ? "" : "; " + others.hint));
+}
+
+// What only a forgotten set had would be passed over, as the server takes it for saved.
+std::string BackupRun::forgotten_since(const BaseSet& base) {
+    for (const auto& [set, server] : m_store->forgotten_sets())
+        if (set > base.set && !set.ends_with("-copy") &&
+            (server.empty() || server == m_ini.server_name))
+            return "the set " + set + ", which came after " + base.set +
+                   ", was forgotten, and perhaps databases with it";
+    return {};
+}
+
+// A set that is missing behind the base, or that would have been the base; empty: none is.
+std::string BackupRun::missing_set(const std::string& base) {
+    SetLinks links;
+    for (const std::string& set : m_store->set_names())
+        if (set > base)
+            if (CatalogueEntry entry = load_set(*m_store, set, m_ini.sets); entry.manifest)
+                links.add(*entry.manifest);
+    for (const MissingSet& missing : links.missing(*m_store))
+        if (missing.set > base)
+            return describe(missing);
+    return {};
 }
 
 // Why the logs of an incremental backup would lead nowhere; empty: they do. Without --auto-full
@@ -194,14 +258,13 @@ void BackupRun::choose_base() {
 std::string BackupRun::broken_chain(const BaseSet& base) {
     if (m_request.level != "incr" || !m_options.auto_full || !m_request.arguments.empty())
         return {};
-    std::vector<LogGap> gaps =
-        find_log_gaps(load_log_chain(*m_store, base.set, m_ini.data_directory));
+    std::vector<LogGap> gaps = find_log_gaps(load_log_chain(*m_store, base.set, m_ini.sets));
     return gaps.empty() ? std::string() : describe(gaps.front());
 }
 
 // Why a base tells nothing about what was changed since then; empty: it does.
 std::string BackupRun::distrust_of(const BaseSet& base) {
-    m_since = look_at_sets_since(*m_store, base, m_ini.data_directory);
+    m_since = look_at_sets_since(*m_store, base, m_ini.sets);
     std::string when;
     if (std::time_t now = std::time(nullptr); now < base.started)
         when = "shows " + utc_time(now);
@@ -265,7 +328,7 @@ bool BackupRun::is_removed(const std::string& path) const {
 void BackupRun::find_missing_folders() {
     if (!m_request.arguments.empty() || !m_request.base.empty())
         return;
-    std::optional<BaseSet> base = find_base(*m_store, m_ini.data_directory);
+    std::optional<BaseSet> base = find_base(*m_store, m_ini.sets);
     CatalogueEntry entry = base ? load_set(*m_store, base->set) : CatalogueEntry{};
     if (!entry.manifest)
         return;

@@ -11,8 +11,11 @@ namespace qrtln {
 struct ServerOptions {
     std::string notes_ini;
     std::string store;
-    std::string tmp_dir; // below it private folders are made
-    std::string module;  // empty: found beside the executable
+    std::string server;      // its name in the store; empty: the host's
+    std::string from_server; // whose sets are taken; empty: its own
+    std::string moved;       // "OLD=NEW": where its data directory was, and is
+    std::string tmp_dir;     // below it private folders are made
+    std::string module;      // empty: found beside the executable
     std::string trace_file;
     bool json = false;
     bool verbose = false;
@@ -21,6 +24,7 @@ struct ServerOptions {
 struct BackupOptions : ServerOptions {
     std::string level = "full";       // "full", "copy", "diff" or "incr"
     bool auto_full = false;           // a diff or incr without its base becomes a full one
+    bool take_over = false;           // this store archives the server's logs from now on
     std::vector<std::string> removed; // folders that were removed on purpose
     std::vector<std::string> databases;
 };
@@ -59,12 +63,18 @@ struct RecoverOptions : ServerOptions {
 };
 
 struct ProveOptions : ServerOptions {
-    std::string set; // "" for the newest
+    std::string set; // "" for the whole server as all sets have it
 };
 
 struct StoreOptions {
     std::string store;
     std::string set; // where the command takes one
+    bool json = false;
+};
+
+struct ForgetOptions {
+    std::string store;
+    std::vector<std::string> sets;
     bool json = false;
 };
 
@@ -76,6 +86,7 @@ int run_prove(const ProveOptions& options);
 int run_list(const StoreOptions& options);
 int run_show(const StoreOptions& options);
 int run_verify(const StoreOptions& options);
+int run_forget(const ForgetOptions& options);
 
 // "0.1.0".
 const char* client_version();

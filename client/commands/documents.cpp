@@ -1,6 +1,6 @@
 // `qrtln documents`: deleted or changed documents come back from the store.
 
-#include "client/commands/commands.h"
+#include "client/commands/server.h"
 #include "client/document_restore.h"
 #include "client/error.h"
 #include "client/interrupt.h"
@@ -105,8 +105,9 @@ int DocumentsCommand::run() {
     m_request.since = parse_since(m_options.since, std::time(nullptr));
     if (m_options.changed)
         m_request.ids = read_note_ids(m_options.ids_file);
-    m_ini = load_notes_ini(m_options.notes_ini);
+    m_ini = load_server(m_options);
     open_store();
+    use_server(*m_store, m_ini, m_options);
     choose_database();
     check_live();
     if (!m_options.dry_run)
@@ -130,7 +131,7 @@ void DocumentsCommand::open_store() {
     if (m_options.dry_run)
         m_store = open_directory_store(m_options.store, StoreAccess::change);
     else if (m_options.changed)
-        m_store = open_store_for_notes(m_options.store, m_not_noted);
+        m_store = open_store_for_notes(m_options.store, m_ini.server_name, m_not_noted);
     else
         m_store = open_directory_store(m_options.store, StoreAccess::read);
 }
@@ -161,7 +162,7 @@ void DocumentsCommand::look_at_lost() {
                               "runtime away");
     }
     if (m_lost) // it may be struck out
-        m_store = open_store_for_notes(m_options.store, m_not_noted);
+        m_store = open_store_for_notes(m_options.store, m_ini.server_name, m_not_noted);
     if (m_options.changed && !m_not_noted.empty())
         print_warnings(
             {"which documents are about to be deleted cannot be written down: " + m_not_noted});
@@ -210,7 +211,7 @@ void DocumentsCommand::choose_database() {
     wanted.names = {m_options.database};
     wanted.set = m_options.set;
     wanted.at = m_options.at;
-    RestoreSelection selection = select_for_restore(*m_store, m_ini.data_directory, wanted);
+    RestoreSelection selection = select_for_restore(*m_store, m_ini.sets, wanted);
     print_warnings(selection.warnings);
     auto found = std::find_if(selection.items.begin(), selection.items.end(),
                               [](const SelectedItem& selected) {

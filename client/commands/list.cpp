@@ -2,24 +2,43 @@
 
 #include "client/catalogue.h"
 #include "client/commands/commands.h"
+#include "client/error.h"
 #include "client/log_chain.h"
 #include "client/output.h"
 #include "client/proof.h"
+#include "client/set_links.h"
 #include "client/store/store.h"
 #include "client/text.h"
 
+#include <algorithm>
+
 namespace qrtln {
+
+namespace {
+
+// A full of the whole server is more than one of some databases.
+std::string level_text(const Manifest& manifest) {
+    if (!manifest.reason.empty())
+        return manifest.level + " (" + manifest.reason + ")";
+    return manifest.whole_system ? manifest.level : manifest.level + " (named)";
+}
+
+} // namespace
 
 int run_list(const StoreOptions& options) {
     std::unique_ptr<Store> store = open_directory_store(options.store, StoreAccess::read);
-    Table table({"SET", "LEVEL", "BASE", "STARTED", "DURATION ", "DATABASES ", "ITEMS ", "FAILED ",
-                 "BYTES ", "NEW ", "LOGS", "PROVEN", "STATUS"});
+    SetLinks links;
+    bool damaged = false;
+    Table table({"SET", "SERVER", "LEVEL", "BASE", "STARTED", "DURATION ", "DATABASES ", "ITEMS ",
+                 "FAILED ", "BYTES ", "NEW ", "LOGS", "PROVEN", "STATUS"});
     nlohmann::json sets = nlohmann::json::array();
-    for (const std::string& name : store->set_names()) {
+    const std::vector<std::string> names = store->set_names();
+    for (const std::string& name : names) {
         CatalogueEntry entry = load_set(*store, name);
         if (!entry.manifest) {
+            damaged = true;
             table.add({for_terminal(name), "-", "-", "-", "-", "-", "-", "-", "-", "-", "-", "-",
-                       "damaged: the manifest " + for_terminal(entry.problem)});
+                       "-", "damaged: the manifest " + for_terminal(entry.problem)});
             sets.push_back({{"set", printable_utf8(name)},
                             {"status", "damaged"},
                             {"problem", printable_utf8(entry.problem)}});
@@ -27,14 +46,16 @@ int run_list(const StoreOptions& options) {
         }
         const Manifest& manifest = *entry.manifest;
         ManifestTotals sum = totals(manifest);
-        table.add({name,
-                   manifest.reason.empty() ? manifest.level
-                                           : manifest.level + " (" + manifest.reason + ")",
+        links.add(manifest);
+        bool based =
+            manifest.base.empty() || std::binary_search(names.begin(), names.end(), manifest.base);
+        std::string status = status_text(manifest) + (based ? "" : ", base missing");
+        table.add({name, for_terminal(manifest.server_name), level_text(manifest),
                    manifest.base.empty() ? "-" : manifest.base, utc_time(manifest.started),
                    human_duration(manifest.ended - manifest.started), std::to_string(sum.databases),
                    std::to_string(sum.stored_items), std::to_string(sum.failed_items),
                    human_bytes(sum.bytes), human_bytes(manifest.new_bytes),
-                   log_range_text(manifest), proof_text(*store, name), status_text(manifest)});
+                   log_range_text(manifest), proof_text(*store, name), status});
         nlohmann::json gaps = nlohmann::json::array();
         for (const LogGap& gap : manifest.log_gaps)
             gaps.push_back(describe(gap));
@@ -55,14 +76,25 @@ int run_list(const StoreOptions& options) {
                         {"bytes", sum.bytes},
                         {"new_bytes", manifest.new_bytes},
                         {"host", manifest.host},
+                        {"server", manifest.server_name},
+                        {"data_directory", printable_utf8(manifest.data_directory)},
                         {"proven", proof_text(*store, name)},
-                        {"status", status_text(manifest)}});
+                        {"status", status}});
     }
+    std::vector<MissingSet> missing = links.missing(*store);
+    nlohmann::json missing_sets = nlohmann::json::array();
+    for (const MissingSet& set : missing) {
+        missing_sets.push_back({{"set", printable_utf8(set.set)}, {"why", set.why}});
+        print_error(describe(set), &set == &missing.back() ? missing_set_hint : "");
+    }
+    int code =
+        static_cast<int>(damaged || !missing.empty() ? ExitCode::damage_found : ExitCode::complete);
     if (options.json)
-        print_json({{"command", "list"}, {"sets", sets}});
+        print_json(
+            {{"command", "list"}, {"sets", sets}, {"missing", missing_sets}, {"exit_code", code}});
     else
         print_output(sets.empty() ? store->description() + " has no sets\n" : table.text());
-    return 0;
+    return code;
 }
 
 } // namespace qrtln

@@ -2,7 +2,7 @@
 // read by the server's library. No live database is touched.
 
 #include "client/catalogue.h"
-#include "client/commands/commands.h"
+#include "client/commands/server.h"
 #include "client/database_arguments.h"
 #include "client/error.h"
 #include "client/interrupt.h"
@@ -12,6 +12,7 @@
 #include "client/temporary_directory.h"
 #include "client/text.h"
 
+#include <algorithm>
 #include <ctime>
 #include <map>
 
@@ -36,13 +37,56 @@ std::int64_t moment_behind(const Manifest& manifest) {
     }
 }
 
+// What is proven: a set, or the whole server as all sets have it.
+struct Target {
+    Manifest manifest; // that the proof stands beside
+    bool newest_state = false;
+    std::int64_t moment = 0; // behind everything that is proven
+};
+
+Target choose_target(Store& store, const std::string& given, const ServerScope& scope) {
+    if (!given.empty()) {
+        Target target{load_named_set(store, given, scope)};
+        target.moment = moment_behind(target.manifest);
+        return target;
+    }
+    Target target;
+    std::vector<std::string> names = store.set_names();
+    for (auto name = names.rbegin(); name != names.rend(); ++name) {
+        CatalogueEntry entry = load_set(store, *name, scope);
+        if (!entry.problem.empty())
+            throw ClientError(
+                ExitCode::damage_found,
+                "the manifest of the set " + for_terminal(*name) + " " + entry.problem,
+                "`qrtln verify` tells what else is damaged; an older set can be named");
+        if (!entry.manifest)
+            continue;
+        target.moment = std::max(target.moment, moment_behind(*entry.manifest));
+        if (!entry.manifest->whole_system)
+            continue; // a newer copy of some databases
+        target.newest_state = true;
+        target.manifest = std::move(*entry.manifest);
+        return target;
+    }
+    OtherServers others = other_servers(store, scope);
+    throw ClientError(ExitCode::failed,
+                      store.description() + " has no set of this whole server" +
+                          (others.what.empty() ? "" : ": " + others.what),
+                      others.hint.empty()
+                          ? "`qrtln backup` stores one; name a set to prove it alone"
+                          : others.hint);
+}
+
 // A full or copy set stands for itself; the others together with those that they build on.
-RecoveryRequest make_request(const ProveOptions& options, const Manifest& manifest,
+RecoveryRequest make_request(const ProveOptions& options, const Target& target,
                              const std::string& scratch) {
+    const Manifest& manifest = target.manifest;
     RecoveryRequest request;
-    bool by_itself = manifest.level == "full" || manifest.level == "copy";
+    bool by_itself = !target.newest_state && (manifest.level == "full" || manifest.level == "copy");
     request.selection.all = manifest.whole_system || manifest.arguments.empty();
-    if (by_itself)
+    if (target.newest_state)
+        request.selection.all = true;
+    else if (by_itself)
         request.selection.set = manifest.set;
     else
         request.selection.at = manifest.set.substr(0, compact_time_length);
@@ -53,7 +97,7 @@ RecoveryRequest make_request(const ProveOptions& options, const Manifest& manife
     } else if (!request.selection.all) {
         request.selection.names = manifest.arguments;
     }
-    request.to = moment_behind(manifest);
+    request.to = target.moment;
     request.into = scratch;
     request.databases_only = true;
     request.keeps_log_folder = true;
@@ -96,12 +140,13 @@ std::string shortfall(const DatabaseRecovery& database) {
     return database.reason.empty() ? outcome_name(database.outcome) : database.reason;
 }
 
-Proof prove(const OperationContext& context, const ProveOptions& options, const Manifest& manifest,
+Proof prove(const OperationContext& context, const ProveOptions& options, const Target& target,
             const RecoveryJournalFile& file, bool& damaged) {
+    const Manifest& manifest = target.manifest;
     RecoveryJournal journal;
     journal.pending_folder = make_folder_for_proof(options.tmp_dir, context.ini.data_directory);
     file.write(journal);
-    RecoveryRequest request = make_request(options, manifest, journal.pending_folder);
+    RecoveryRequest request = make_request(options, target, journal.pending_folder);
     Proof proof;
     proof.set = manifest.set;
     proof.recovered_to = *request.to;
@@ -153,19 +198,10 @@ void clean_up(const RecoveryJournalFile& file) {
 
 int run_prove(const ProveOptions& options) {
     install_interrupt_handlers();
-    NotesIni ini = load_notes_ini(options.notes_ini);
+    NotesIni ini = load_server(options);
     std::unique_ptr<Store> store = open_directory_store(options.store, StoreAccess::change);
-    CatalogueEntry entry =
-        load_set(*store, resolve_set(*store, options.set.empty() ? "latest" : options.set));
-    if (!entry.manifest)
-        throw ClientError(ExitCode::damage_found, "the manifest of the set " +
-                                                      for_terminal(entry.set) + " " +
-                                                      entry.problem);
-    if (entry.manifest->data_directory != ini.data_directory)
-        throw ClientError(ExitCode::failed, "the set " + entry.set +
-                                                " is of a server with the data directory " +
-                                                for_terminal(entry.manifest->data_directory) +
-                                                ", not " + for_terminal(ini.data_directory));
+    use_server(*store, ini, options);
+    const Target target = choose_target(*store, options.set, ini.sets);
     RecoveryJournalFile file(store->runtime_directory() + journal_name);
     clean_up(file); // what a killed run left
     FileDescriptor trace = open_trace_file(options.trace_file);
@@ -174,11 +210,11 @@ int run_prove(const ProveOptions& options) {
     bool damaged = false;
     Proof proof;
     try {
-        proof = prove(context, options, *entry.manifest, file, damaged);
+        proof = prove(context, options, target, file, damaged);
     } catch (const ClientError& failure) {
         clean_up(file);
         if (failure.exit_code() == static_cast<int>(ExitCode::logs_missing))
-            record_missing_logs(*store, *entry.manifest, ini, failure.what());
+            record_missing_logs(*store, target.manifest, ini, failure.what());
         throw;
     } catch (...) {
         clean_up(file);
@@ -190,8 +226,10 @@ int run_prove(const ProveOptions& options) {
                                 : proof.failures.empty() ? ExitCode::complete
                                                          : ExitCode::items_failed);
     nlohmann::json failures = nlohmann::json::array();
-    std::string text = std::to_string(proof.databases) + " databases of the set " + proof.set +
-                       " were recovered, and read by the server's library\n";
+    std::string text =
+        std::to_string(proof.databases) + " databases of " +
+        (target.newest_state ? "the whole server, up to the set " : std::string("the set ")) +
+        proof.set + ", were recovered, and read by the server's library\n";
     for (const ProofFailure& failure : proof.failures) {
         text +=
             "failed: " + for_terminal(failure.path) + ": " + for_terminal(failure.reason) + "\n";

@@ -1,6 +1,6 @@
 // `qrtln recover`: databases from the store, rolled forward with the transaction logs.
 
-#include "client/commands/commands.h"
+#include "client/commands/server.h"
 #include "client/database_arguments.h"
 #include "client/error.h"
 #include "client/interrupt.h"
@@ -37,6 +37,8 @@ RecoveryRequest make_request(const RecoverOptions& options, const NotesIni& ini,
     request.new_dbiid = options.new_dbiid;
     request.replace_live = options.replace_live;
     request.logs_lost = options.logs_lost;
+    request.from_server = options.from_server;
+    request.moved = options.moved;
     request.tmp_dir = options.tmp_dir;
     if (!options.to.empty())
         request.to = parse_moment(options.to).time;
@@ -44,7 +46,7 @@ RecoveryRequest make_request(const RecoverOptions& options, const NotesIni& ini,
         request.into = absolute_path(options.into);
     bool says_nothing = options.names.empty() && !options.all && options.to.empty() &&
                         options.into.empty() && !options.new_dbiid && !options.replace_live &&
-                        !options.logs_lost;
+                        !options.logs_lost && options.from_server.empty() && options.moved.empty();
     if (!journal) {
         if (options.names.empty() && !options.all)
             throw ClientError(ExitCode::usage,
@@ -59,7 +61,8 @@ RecoveryRequest make_request(const RecoverOptions& options, const NotesIni& ini,
                 request.selection.all == journal->all && request.to == journal->to &&
                 request.into == journal->into && request.new_dbiid == journal->new_dbiid &&
                 request.replace_live == journal->replace_live &&
-                request.logs_lost == journal->logs_lost;
+                request.logs_lost == journal->logs_lost &&
+                request.from_server == journal->from_server && request.moved == journal->moved;
     if (!says_nothing && !same)
         throw ClientError(ExitCode::failed, "another recovery is not finished",
                           "`qrtln recover` without databases goes on with it, `qrtln recover "
@@ -71,6 +74,8 @@ RecoveryRequest make_request(const RecoverOptions& options, const NotesIni& ini,
     request.new_dbiid = journal->new_dbiid;
     request.replace_live = journal->replace_live;
     request.logs_lost = journal->logs_lost;
+    request.from_server = journal->from_server;
+    request.moved = journal->moved;
     return request;
 }
 
@@ -256,14 +261,19 @@ int dry_run(const RecoverOptions& options, const OperationContext& context, Reco
 
 int run_recover(const RecoverOptions& options) {
     install_interrupt_handlers();
-    NotesIni ini = load_notes_ini(options.notes_ini, options.all || options.names.empty());
+    NotesIni ini = load_server(options, options.all || options.names.empty());
     std::unique_ptr<Store> store = open_directory_store(
         options.store, options.dry_run ? StoreAccess::read : StoreAccess::change);
+    store->use_server(ini.server_name);
     RecoveryJournalFile file(store->runtime_directory() + journal_name);
     std::optional<RecoveryJournal> journal = file.read();
     if (options.abandon)
         return abandon(options, ini, file, journal);
     RecoveryRequest request = make_request(options, ini, journal);
+    ServerOptions origin = options;
+    origin.from_server = request.from_server;
+    origin.moved = request.moved;
+    use_server(*store, ini, origin, !request.into.empty());
     check_time(request);
     FileDescriptor trace = open_trace_file(options.trace_file);
     OperationContext context{ini,         *store,         options.tmp_dir, options.module,

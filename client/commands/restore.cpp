@@ -1,6 +1,6 @@
 // `qrtln restore`: a plan first, then the operation that follows it.
 
-#include "client/commands/commands.h"
+#include "client/commands/server.h"
 #include "client/error.h"
 #include "client/interrupt.h"
 #include "client/output.h"
@@ -135,14 +135,15 @@ int run_restore(const RestoreOptions& options) {
                           "restore needs to know what: name databases, or say "
                           "--all for the whole system",
                           "`qrtln show` lists what a set holds; --dry-run shows what would happen");
-    NotesIni ini = load_notes_ini(options.notes_ini);
+    NotesIni ini = load_server(options);
     bool in_place = !options.dry_run && options.to.empty();
     std::string not_owed;
-    std::unique_ptr<Store> store = in_place
-                                       ? open_store_for_notes(options.store, not_owed)
-                                       : open_directory_store(options.store, StoreAccess::read);
+    std::unique_ptr<Store> store =
+        in_place ? open_store_for_notes(options.store, ini.server_name, not_owed)
+                 : open_directory_store(options.store, StoreAccess::read);
+    use_server(*store, ini, options, !options.to.empty());
     RestoreRequest request;
-    request.selection = {options.names, options.all, options.set, options.at, !options.to.empty()};
+    request.selection = {options.names, options.all, options.set, options.at};
     request.to = options.to;
     request.plain = options.plain;
     request.activate = options.activate;

@@ -27,9 +27,11 @@ int run_show(const StoreOptions& options) {
     std::string text =
         "set " + manifest.set + ": " + manifest.level + ", " + status_text(manifest) +
         "\nstarted " + utc_time(manifest.started) + ", ended " + utc_time(manifest.ended) +
-        "\nserver " + for_terminal(manifest.data_directory) + " on " + for_terminal(manifest.host) +
-        ", notes.ini " + for_terminal(manifest.notes_ini) + "\nmodule " +
-        for_terminal(manifest.module_client) + " " + for_terminal(manifest.module_version) + "\n";
+        "\nserver " + server_text(manifest) + " on " + for_terminal(manifest.host) +
+        ", notes.ini " + for_terminal(manifest.notes_ini) +
+        (manifest.id_file.empty() ? "" : ", ID file " + for_terminal(manifest.id_file)) +
+        "\nmodule " + for_terminal(manifest.module_client) + " " +
+        for_terminal(manifest.module_version) + "\n";
     if (manifest.reason == "owed")
         text += "saves what an earlier run prepared and did not store\n";
     if (!manifest.base.empty())
@@ -38,6 +40,8 @@ int run_show(const StoreOptions& options) {
                 "\n";
     if (std::string logs = log_range_text(manifest); logs != "-")
         text += "transaction logs " + logs + "\n";
+    if (!manifest.predecessor.empty())
+        text += "came after " + manifest.predecessor + "\n";
     for (const LogGap& gap : manifest.log_gaps)
         text += describe(gap) + "\n";
     if (!manifest.close_error.empty())

@@ -7,6 +7,7 @@
 #include "client/interrupt.h"
 #include "client/output.h"
 #include "client/proof.h"
+#include "client/set_links.h"
 #include "client/store/store.h"
 #include "client/text.h"
 
@@ -27,6 +28,8 @@ struct Damage {
 struct Verification {
     std::vector<Damage> damage;
     std::vector<std::string> information;
+    std::set<std::string> servers; // that have sets
+    SetLinks links;
     std::size_t sets = 0;
     std::size_t objects = 0;
     std::uint64_t bytes = 0;
@@ -48,6 +51,8 @@ References collect_references(Store& store, const std::vector<std::string>& sets
                                      {{printable_utf8(set), "(all items)"}}});
             continue;
         }
+        result.servers.insert(entry.manifest->server_name);
+        result.links.add(*entry.manifest);
         for (const ManifestItem& item : entry.manifest->items)
             if (!item.object.empty())
                 references[item.object].insert(item.size);
@@ -88,7 +93,24 @@ void name_items(Store& store, const std::vector<std::string>& sets, Verification
     }
 }
 
-// What stands beside the manifests, and the index that the newest note is about.
+// The index that the newest note of a server is about.
+void check_index(Store& store, const std::string& server, Verification& result) {
+    std::string problem;
+    try {
+        store.use_server(server);
+        problem = IndexGuard(store, server).problem();
+        if (!problem.empty()) // a backup that ended meanwhile changes index and note, one by one
+            problem = IndexGuard(store, server).problem();
+    } catch (const ClientError& failure) {
+        problem = failure.what();
+    }
+    bool told = std::any_of(result.damage.begin(), result.damage.end(),
+                            [&](const Damage& damage) { return damage.what == problem; });
+    if (!problem.empty() && !told)
+        result.damage.push_back({problem, "(take a full backup)", {}});
+}
+
+// What stands beside the manifests.
 void check_notes(Store& store, const std::vector<std::string>& sets, Verification& result) {
     for (const std::string& set : sets) {
         std::string problem;
@@ -97,13 +119,8 @@ void check_notes(Store& store, const std::vector<std::string>& sets, Verificatio
         if (problem = index_note_problem(store, set); !problem.empty())
             result.damage.push_back({problem, "(a full backup leaves a new one)", {}});
     }
-    std::string problem = IndexGuard(store).problem();
-    if (!problem.empty()) // a backup that ended meanwhile changes index and note, one by one
-        problem = IndexGuard(store).problem();
-    bool told = std::any_of(result.damage.begin(), result.damage.end(),
-                            [&](const Damage& damage) { return damage.what == problem; });
-    if (!problem.empty() && !told)
-        result.damage.push_back({problem, "(take a full backup)", {}});
+    for (const std::string& server : result.servers)
+        check_index(store, server, result);
 }
 
 int report(const Verification& result, bool json) {
@@ -171,6 +188,9 @@ int run_verify(const StoreOptions& options) {
     check_objects(*store, references, result, damaged);
     name_items(*store, sets, result, damaged);
     check_notes(*store, sets, result);
+    for (const MissingSet& missing : result.links.missing(*store, options.set.empty()))
+        result.damage.push_back(
+            {"the set " + printable_utf8(missing.set), "is missing: " + missing.why, {}});
     if (options.set.empty()) {
         std::size_t unreferenced = static_cast<std::size_t>(
             std::count_if(objects.begin(), objects.end(),

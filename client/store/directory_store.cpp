@@ -1,6 +1,7 @@
 #include "client/store/directory_store.h"
 
 #include "client/error.h"
+#include "client/server_identity.h"
 #include "client/store/canonical_json.h"
 #include "client/store/compression.h"
 #include "client/store/digest.h"
@@ -25,8 +26,11 @@ namespace {
 
 constexpr int store_format = 1;
 constexpr const char* format_file = "store.json";
+constexpr std::size_t maximal_format_file = 65536;
 constexpr const char* format_temporary = "store.json.tmp";
 constexpr const char* lock_file = "lock";
+constexpr int forgotten_format = 1;
+constexpr const char* forgotten_file = "forgotten.json";
 constexpr std::array skeleton_folders = {"objects", "sets", "runtime"};
 constexpr std::string_view manifest_suffix = ".json";
 constexpr std::array<std::string_view, 2> note_suffixes = {".proof", ".index"}; // by SetNote
@@ -66,6 +70,18 @@ int rename_to_new(int folder, const std::string& from, const std::string& to) {
     if (errno != ENOENT)
         return errno;
     return ::renameat(folder, from.c_str(), folder, to.c_str()) == 0 ? 0 : errno;
+}
+
+std::string new_store_id() {
+    std::array<char, 16> random{};
+    return ::getentropy(random.data(), random.size()) == 0
+               ? to_hex(std::string_view(random.data(), random.size()))
+               : "";
+}
+
+std::string id_of(const nlohmann::json& format_document) {
+    auto id = format_document.find("id");
+    return id != format_document.end() && id->is_string() ? id->get<std::string>() : "";
 }
 
 std::string note_name(const std::string& set, SetNote note) {
@@ -109,6 +125,16 @@ bool is_set_name(const std::string& name) {
            utc_time_compact(::timegm(&time)) == name.substr(0, time_size);
 }
 
+std::string store_id_at(const std::string& directory) {
+    std::optional<std::string> bytes =
+        read_small_file(AT_FDCWD, directory + "/" + format_file, maximal_format_file);
+    std::string problem;
+    std::optional<nlohmann::json> document;
+    if (bytes)
+        document = from_canonical(*bytes, problem);
+    return document ? id_of(*document) : "";
+}
+
 std::unique_ptr<Store> open_directory_store(const std::string& directory, StoreAccess access,
                                             std::string* damage) {
     return std::make_unique<DirectoryStore>(directory, access, damage);
@@ -116,7 +142,7 @@ std::unique_ptr<Store> open_directory_store(const std::string& directory, StoreA
 
 DirectoryStore::DirectoryStore(const std::string& directory, StoreAccess access,
                                std::string* damage)
-    : m_directory(absolute_path(directory)) {
+    : m_directory(absolute_path(directory)), m_runtime(m_directory + "/runtime") {
     try {
         open_folder(access);
         bool locks = access == StoreAccess::write || access == StoreAccess::change;
@@ -156,7 +182,14 @@ std::string DirectoryStore::description() const {
 }
 
 std::string DirectoryStore::runtime_directory() const {
-    return m_directory + "/runtime";
+    return m_runtime;
+}
+
+void DirectoryStore::use_server(const std::string& server) {
+    std::string runtime = m_directory + "/runtime";
+    m_runtime = server_runtime_directory(*this, runtime, server, static_cast<bool>(m_lock));
+    if (m_lock && m_runtime != runtime)
+        remove_unfinished(AT_FDCWD, m_runtime);
 }
 
 // A folder that cannot be read is not one without files.
@@ -315,7 +348,8 @@ void DirectoryStore::create_skeleton() {
     // the folders are there.
     if (int error = flush_folder(m_folder.get()); error != 0)
         fail("flush the folder", error);
-    std::string content = to_canonical({{"format", store_format}, {"type", "qrtln store"}});
+    std::string content =
+        to_canonical({{"format", store_format}, {"type", "qrtln store"}, {"id", new_store_id()}});
     if (int error = write_flushed(m_folder.get(), format_temporary, content); error != 0)
         fail("write store.json", error);
     if (::renameat(m_folder.get(), format_temporary, m_folder.get(), format_file) != 0)
@@ -334,7 +368,8 @@ void DirectoryStore::flush_skeleton() {
 
 void DirectoryStore::check_format(std::string* damage) {
     std::string problem;
-    std::optional<std::string> bytes = read_small_file(m_folder.get(), format_file, 65536);
+    std::optional<std::string> bytes =
+        read_small_file(m_folder.get(), format_file, maximal_format_file);
     if (!bytes)
         problem = "cannot be read: " + system_error_text(errno);
     std::optional<nlohmann::json> document;
@@ -351,12 +386,24 @@ void DirectoryStore::check_format(std::string* damage) {
                                   ", which this version of qrtln does not know",
                               "use the version of qrtln that wrote it, or a newer one");
     }
-    if (problem.empty())
+    if (problem.empty()) {
+        m_id = id_of(*document);
         return;
+    }
     if (damage == nullptr)
         throw ClientError(ExitCode::no_store, "store.json of " + description() + " " + problem,
                           "`qrtln verify` tells what else is damaged");
     *damage = "store.json " + problem;
+}
+
+// Files of the run-time data that a run which was killed was making.
+void DirectoryStore::remove_unfinished(int above, const std::string& folder) const {
+    FileDescriptor runtime(
+        ::openat(above, folder.c_str(), O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC));
+    if (runtime)
+        for (const std::string& name : list_folder(runtime.get(), "."))
+            if (is_unfinished(name))
+                ::unlinkat(runtime.get(), name.c_str(), 0);
 }
 
 // Only this process uses the store: what has a temporary name was left by a run that was killed.
@@ -367,12 +414,7 @@ void DirectoryStore::remove_leftovers() noexcept {
                 if (name.ends_with(temporary_suffix))
                     ::unlinkat(folder, name.c_str(), 0);
         ::unlinkat(m_folder.get(), format_temporary, 0);
-        FileDescriptor runtime(
-            ::openat(m_folder.get(), "runtime", O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC));
-        if (runtime)
-            for (const std::string& name : list_folder(runtime.get(), "."))
-                if (is_unfinished(name))
-                    ::unlinkat(runtime.get(), name.c_str(), 0);
+        remove_unfinished(m_folder.get(), "runtime");
     } catch (...) {
         // Out of memory: they stay until the next run.
     }
@@ -443,6 +485,50 @@ std::vector<std::string> DirectoryStore::set_names(std::vector<std::string>* for
     // By the set's name, not the file's: "-" sorts before ".".
     std::sort(names.begin(), names.end());
     return names;
+}
+
+std::vector<std::string> DirectoryStore::noted_sets() {
+    std::vector<std::string> names;
+    for (const std::string& name : list_folder(m_sets.get(), "."))
+        for (std::string_view suffix : note_suffixes)
+            if (name.ends_with(suffix) && is_of_a_set(name))
+                names.push_back(name.substr(0, name.size() - suffix.size()));
+    return names;
+}
+
+std::map<std::string, std::string> DirectoryStore::forgotten_sets() {
+    std::optional<std::string> bytes =
+        read_small_file(m_folder.get(), forgotten_file, maximal_manifest);
+    if (!bytes && errno == ENOENT)
+        return {};
+    if (!bytes)
+        fail(std::string("read ") + forgotten_file, errno);
+    std::string problem;
+    std::optional<nlohmann::json> document = from_canonical(*bytes, problem);
+    try {
+        if (document && document->at("format").get<int>() == forgotten_format)
+            return document->at("sets").get<std::map<std::string, std::string>>();
+    } catch (const nlohmann::json::exception&) {
+        problem = "is not in its form";
+    }
+    throw ClientError(ExitCode::damage_found,
+                      std::string(forgotten_file) + " of " + description() + " " + problem,
+                      "bring it back from a copy of the store, or remove it and forget the sets "
+                      "that `qrtln verify` misses again");
+}
+
+void DirectoryStore::forget_set(const std::string& set, const std::string& server) {
+    std::map<std::string, std::string> forgotten = forgotten_sets();
+    forgotten.emplace(set, server);
+    std::string bytes = to_canonical({{"format", forgotten_format}, {"sets", forgotten}});
+    if (int error = replace_file(m_directory + "/" + forgotten_file, bytes); error != 0)
+        fail(std::string("write ") + forgotten_file, error);
+    for (std::string_view suffix : {manifest_suffix, note_suffixes[0], note_suffixes[1]})
+        if (::unlinkat(m_sets.get(), (set + std::string(suffix)).c_str(), 0) != 0 &&
+            errno != ENOENT)
+            fail("remove " + set + std::string(suffix), errno);
+    if (int error = flush_folder(m_sets.get()); error != 0)
+        fail("flush the folder sets", error);
 }
 
 std::optional<std::string> DirectoryStore::read_manifest(const std::string& set,

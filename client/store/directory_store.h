@@ -13,13 +13,19 @@ class DirectoryStore final : public Store {
     ~DirectoryStore() override;
 
     std::string description() const override;
+    std::string location() const override { return m_directory; }
+    std::string id() const override { return m_id; }
     std::string runtime_directory() const override;
+    void use_server(const std::string& server) override;
     std::unique_ptr<ObjectWriter> create_object() override;
     ObjectCheck read_object(const std::string& hash,
                             const std::function<void(Bytes)>& sink) override;
     void discard_object(const std::string& hash) noexcept override;
     std::vector<std::string> objects(std::vector<std::string>* foreign) override;
     std::vector<std::string> set_names(std::vector<std::string>* foreign = nullptr) override;
+    std::vector<std::string> noted_sets() override;
+    std::map<std::string, std::string> forgotten_sets() override;
+    void forget_set(const std::string& set, const std::string& server) override;
     std::optional<std::string> read_manifest(const std::string& set, std::string& problem) override;
     void write_manifest(const std::string& set, const std::string& bytes) override;
     void rewrite_manifest(const std::string& set, const std::string& bytes) override;
@@ -39,6 +45,7 @@ class DirectoryStore final : public Store {
     void flush_skeleton();
     void check_format(std::string* damage);
     void remove_leftovers() noexcept;
+    void remove_unfinished(int above, const std::string& folder) const;
     std::vector<std::string> list_folder(int folder, const std::string& name) const;
     bool exists(int folder, const std::string& name) const;
     bool is_unfinished_skeleton() const;
@@ -47,6 +54,8 @@ class DirectoryStore final : public Store {
     [[noreturn]] void fail(const std::string& doing, int error) const;
 
     std::string m_directory; // absolute
+    std::string m_runtime;   // likewise
+    std::string m_id;
     FileDescriptor m_folder;
     FileDescriptor m_objects;
     FileDescriptor m_sets;

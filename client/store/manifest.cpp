@@ -177,7 +177,8 @@ std::string serialize(const Manifest& manifest) {
         out["close_error"] = printable_utf8(manifest.close_error);
     for (const auto& [name, value] :
          {std::pair{"reason", &manifest.reason}, std::pair{"base", &manifest.base},
-          std::pair{"previous", &manifest.previous}})
+          std::pair{"previous", &manifest.previous},
+          std::pair{"predecessor", &manifest.predecessor}})
         if (!value->empty())
             out[name] = *value;
     for (const LogGap& gap : manifest.log_gaps) {
@@ -197,6 +198,12 @@ std::string serialize(const Manifest& manifest) {
     }
     json& server = out["server"];
     server["host"] = printable_utf8(manifest.host);
+    if (manifest.names_server)
+        server["name"] = manifest.server_name;
+    if (!manifest.own_name.empty())
+        put_bytes(server, "own_name", manifest.own_name);
+    if (!manifest.id_file.empty())
+        put_bytes(server, "id_file", manifest.id_file);
     put_bytes(server, "notes_ini", manifest.notes_ini);
     put_bytes(server, "data_directory", manifest.data_directory);
     out["client_version"] = manifest.client_version;
@@ -241,6 +248,7 @@ std::optional<Manifest> parse_manifest(const std::string& bytes, const std::stri
         manifest.reason = in->value("reason", "");
         manifest.base = in->value("base", "");
         manifest.previous = in->value("previous", "");
+        manifest.predecessor = in->value("predecessor", "");
         if (in->contains("log_gaps"))
             for (const json& gap : list_of(*in, "log_gaps"))
                 manifest.log_gaps.push_back(gap_from_json(gap));
@@ -250,6 +258,12 @@ std::optional<Manifest> parse_manifest(const std::string& bytes, const std::stri
             manifest.arguments.push_back(get_bytes(argument, "path"));
         const json& server = in->at("server");
         manifest.host = server.at("host").get<std::string>();
+        manifest.names_server = server.contains("name");
+        manifest.server_name = server.value("name", manifest.host);
+        if (server.contains("own_name"))
+            manifest.own_name = get_bytes(server, "own_name");
+        if (server.contains("id_file"))
+            manifest.id_file = get_bytes(server, "id_file");
         manifest.notes_ini = get_bytes(server, "notes_ini");
         manifest.data_directory = get_bytes(server, "data_directory");
         manifest.client_version = in->at("client_version").get<std::string>();

@@ -71,9 +71,14 @@ struct Manifest {
     std::string reason;           // "owed": it makes up for what an earlier run left; else empty
     std::string base;             // differential, incremental: the full set that it builds on
     std::string previous;         // incremental: the newest set before it whose logs it continues
+    std::string predecessor;      // the newest set of this server before it; empty: not known
     std::vector<LogGap> log_gaps; // in the chain up to this set
     bool whole_system = false;
     std::vector<std::string> arguments; // the DATABASE arguments as resolved paths
+    std::string server_name;            // as --server gave it; of sets of earlier releases the host
+    bool names_server = false;          // not a set of an earlier release
+    std::string own_name;               // the server's own, from its notes.ini; empty: not known
+    std::string id_file;                // likewise
     std::string host;
     std::string notes_ini;
     std::string data_directory;

@@ -6,6 +6,7 @@
 
 #include <cstdint>
 #include <functional>
+#include <map>
 #include <memory>
 #include <optional>
 #include <string>
@@ -47,8 +48,16 @@ class Store {
 
     // The place in words, for messages.
     virtual std::string description() const = 0;
-    // The folder of the module's run-time data; an absolute path on this machine.
+    // Where it is: an absolute path.
+    virtual std::string location() const = 0;
+    // Made by chance when the store was; empty for stores of earlier releases.
+    virtual std::string id() const = 0;
+    // The folder of the run-time data of a server, the module's and the client's; an absolute path
+    // on this machine. Until use_server() that of the server which used the store first.
     virtual std::string runtime_directory() const = 0;
+    // Chooses the server by its name; a store that is opened for writing makes its folder. Throws
+    // ClientError.
+    virtual void use_server(const std::string& server) = 0;
 
     // --- objects. REQUIRES for everything that writes: the store was opened for writing.
     virtual std::unique_ptr<ObjectWriter> create_object() = 0;
@@ -66,6 +75,14 @@ class Store {
     // The names of all sets, oldest first; files that are of no set go to `foreign` if given.
     // Throws ClientError when they cannot be listed.
     virtual std::vector<std::string> set_names(std::vector<std::string>* foreign = nullptr) = 0;
+    // The sets that have a note beside them, whether or not they are there.
+    virtual std::vector<std::string> noted_sets() = 0;
+    // The sets that were forgotten on purpose, with the server that each was of, empty where that
+    // is not known. Throws ClientError when that cannot be read.
+    virtual std::map<std::string, std::string> forgotten_sets() = 0;
+    // Writes down that the set is forgotten, flushed, then removes its manifest and notes, as far
+    // as they are there. Its objects stay. Throws ClientError.
+    virtual void forget_set(const std::string& set, const std::string& server) = 0;
     // The bytes of a manifest, or nothing with `problem` set.
     virtual std::optional<std::string> read_manifest(const std::string& set,
                                                      std::string& problem) = 0;
@@ -105,5 +122,8 @@ enum class StoreAccess {
 // In `damage`, when given, read_damaged leaves what is wrong with store.json.
 std::unique_ptr<Store> open_directory_store(const std::string& directory, StoreAccess access,
                                             std::string* damage = nullptr);
+
+// The id of the store in a folder; empty where there is none, or it has none.
+std::string store_id_at(const std::string& directory);
 
 } // namespace qrtln

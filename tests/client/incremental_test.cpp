@@ -421,7 +421,7 @@ TEST_F(Incremental, TheNoteOfTheIndexHoldsForBothSidesOfAClose) {
                                         {"set", set},
                                         {"hashes", {sha256_hex("old")}},
                                         {"servers", {{{"data_directory", "/d"}}}}}));
-        IndexGuard guard(*store);
+        IndexGuard guard(*store, host_name());
         guard.expect_close(set, {.data_directory = other, .child = 4711, .whole_full = true});
         test::write_file(index, c.content);
         for (bool noted : {false, true}) {
@@ -429,17 +429,17 @@ TEST_F(Incremental, TheNoteOfTheIndexHoldsForBothSidesOfAClose) {
                 EXPECT_EQ(guard.check_closed(set, other, c.closed).empty(), !c.told);
                 guard.note_closed(set);
             }
-            IndexGuard next(*store);
+            IndexGuard next(*store, host_name());
             EXPECT_EQ(next.problem().empty(), c.whole);
             EXPECT_EQ(next.problem_for(other).empty(), c.complete);
             EXPECT_EQ(next.problem_for("/d").empty(), c.whole);
         }
         EXPECT_EQ(guard.problem_for(other).empty(), c.complete);
         test::write_file(index, std::string(c.content) == "old" ? "new" : "old");
-        EXPECT_EQ(IndexGuard(*store).problem().empty(), !c.whole);
+        EXPECT_EQ(IndexGuard(*store, host_name()).problem().empty(), !c.whole);
     }
     fs::remove(index + ".4711");
-    EXPECT_THROW(IndexGuard(*store).expect_close(set, {.child = 4711, .has_entries = true}),
+    EXPECT_THROW(IndexGuard(*store, host_name()).expect_close(set, {.child = 4711, .has_entries = true}),
                  ClientError);
 }
 

@@ -197,7 +197,8 @@ TEST(RestoreSelection, TakesWhatWasCopiedByThenAndTheLogsOfOneIdentity) {
         }
         store->write_manifest(set.set, serialize(manifest));
     }
-    EXPECT_EQ(load_stored_logs(*store, "/d", {}).control->set, sets[1].set);
+    const ServerScope scope{"", "", "/d", "/d"};
+    EXPECT_EQ(load_stored_logs(*store, scope, {}).control->set, sets[1].set);
     // Each selected item as its name and the last digit of its set's minute; "!" is left out.
     const struct {
         int at; // minute, 0: the newest
@@ -226,7 +227,7 @@ TEST(RestoreSelection, TakesWhatWasCopiedByThenAndTheLogsOfOneIdentity) {
             request.at = local_minute_text(start + 60 * test.at);
         std::string got;
         try {
-            for (const SelectedItem& item : select_for_restore(*store, "/d", request).items)
+            for (const SelectedItem& item : select_for_restore(*store, scope, request).items)
                 got += (got.empty() ? "" : " ") + fs::path(item.item.path).stem().string() +
                        (item.set < sets[1].set   ? "0"
                         : item.set < sets[2].set ? "1"

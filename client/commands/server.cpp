@@ -1,0 +1,80 @@
+#include "client/commands/server.h"
+
+#include "client/catalogue.h"
+#include "client/error.h"
+#include "client/file_io.h"
+#include "client/text.h"
+
+namespace qrtln {
+
+namespace {
+
+void check_name(const std::string& option, const std::string& name) {
+    if (std::string problem = server_name_problem(name); !problem.empty())
+        throw ClientError(ExitCode::usage, option + " '" + for_terminal(name) + "': " + problem,
+                          "any short name will do, the same for each backup of this server");
+}
+
+// The first half of "OLD=NEW", where NEW is the data directory as it is now.
+std::string old_data_directory(const std::string& given, const std::string& now) {
+    auto refuse = [&](const std::string& reason) {
+        throw ClientError(ExitCode::usage,
+                          "--data-directory '" + for_terminal(given) + "': " + reason,
+                          "say OLD=NEW: where the data directory was when the sets were made "
+                          "(`qrtln show` tells), and where notes.ini says that it is now, " +
+                              for_terminal(now));
+    };
+    std::size_t equals = given.find('=');
+    for (; equals != std::string::npos; equals = given.find('=', equals + 1))
+        if (absolute_path(given.substr(equals + 1)) == now)
+            break;
+    if (equals == std::string::npos)
+        refuse("it does not end with \"=\" and the data directory of notes.ini");
+    std::string old = given.substr(0, equals);
+    if (!old.starts_with('/'))
+        refuse("the old directory is not a full path");
+    return absolute_path(old);
+}
+
+// Where no set has the data directory of now, that of the newest set will do.
+void take_any_data_directory(Store& store, ServerScope& scope) {
+    std::vector<std::string> names = store.set_names();
+    std::string newest;
+    for (auto name = names.rbegin(); name != names.rend(); ++name) {
+        CatalogueEntry entry = load_set(store, *name);
+        if (!entry.manifest || entry.manifest->server_name != scope.name)
+            continue;
+        if (scope.covers(*entry.manifest))
+            return;
+        if (newest.empty())
+            newest = entry.manifest->data_directory;
+    }
+    if (!newest.empty())
+        scope.data_directory = scope.recorded_data_directory = newest;
+}
+
+} // namespace
+
+NotesIni load_server(const ServerOptions& options, bool data_directory_may_be_missing) {
+    NotesIni ini = load_notes_ini(options.notes_ini, data_directory_may_be_missing);
+    if (!options.server.empty())
+        ini.server_name = options.server;
+    check_name("--server", ini.server_name);
+    ini.sets.name = ini.server_name;
+    return ini;
+}
+
+void use_server(Store& store, NotesIni& ini, const ServerOptions& options, bool elsewhere) {
+    store.use_server(ini.server_name);
+    if (!options.from_server.empty()) {
+        check_name("--from-server", options.from_server);
+        ini.sets.name = options.from_server;
+        ini.sets.own_name.clear(); // whichever it was
+    }
+    if (!options.moved.empty())
+        ini.sets.recorded_data_directory = old_data_directory(options.moved, ini.data_directory);
+    else if (elsewhere)
+        take_any_data_directory(store, ini.sets);
+}
+
+} // namespace qrtln
