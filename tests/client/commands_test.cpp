@@ -485,7 +485,7 @@ TEST_F(Commands, VerifyNamesWhatIsDamagedAndWhatItConcerns) {
     EXPECT_EQ(command({"verify"}).exit_code, 4);
     EXPECT_EQ(command({"show", "latest"}).exit_code, 4);
     Outcome listed = command({"list"});
-    EXPECT_EQ(listed.exit_code, 0);
+    EXPECT_EQ(listed.exit_code, 4);
     EXPECT_THAT(listed.output, HasSubstr("damaged"));
     write_file(manifest, text);
 

@@ -11,7 +11,9 @@
 
 #include <csignal>
 #include <dlfcn.h>
+#include <fcntl.h>
 #include <functional>
+#include <sys/file.h>
 #include <sys/wait.h>
 #include <thread>
 
@@ -390,6 +392,57 @@ TEST_F(Incremental, AnIndexThatIsNotTheOneTheNewestSetLeftCallsForAFullBackup) {
     }
 }
 
+// A set that went without a word is damage wherever one would build on it; a forgotten one is not,
+// but what only it had must be saved anew. No other store may tear the chain meanwhile.
+TEST_F(Incremental, SetsThatAreGoneAreToldAndNothingBuildsOnWhatIsLeft) {
+    run("full", 0);
+    const std::string first = newest_set();
+    for (const char* level : {"incr", "full", "incr", "incr"})
+        run(level, 0);
+    const json before = list();
+    auto gone = [&](std::size_t number) {
+        const std::string set = before[number]["set"];
+        SCOPED_TRACE(set);
+        const std::string name = m_store + "/sets/" + set;
+        const std::string manifest = read_file(name + ".json");
+        fs::remove(name + ".json");
+        for (const std::string& command : {"verify", "list"}) {
+            Outcome told = run_client({command, "--store", m_store}, {});
+            EXPECT_EQ(told.exit_code, 4);
+            EXPECT_THAT(told.output + told.errors, HasSubstr("the set " + set + " is missing"));
+        }
+        EXPECT_EQ(backup({"--level", "diff"}).exit_code, number >= 2 ? 4 : 0);
+        test::write_file(name + ".json", manifest);
+    };
+    gone(2); // the base
+    gone(3); // in the middle
+    gone(4); // the newest: its note is there
+    EXPECT_THAT(client({"restore", "names.nsf", "--dry-run"}).errors, testing::IsEmpty());
+
+    EXPECT_EQ(run_client({"forget", first, "--store", m_store}, {}).exit_code,
+              1); // one builds on it
+    std::vector<std::string> forget = {"forget", "--store", m_store};
+    for (std::size_t i = 2; i < 5; ++i)
+        forget.push_back(before[i]["set"]);
+    EXPECT_EQ(run_client(forget, {}).exit_code, 0);
+    EXPECT_EQ(run_client({"verify", "--store", m_store}, {}).exit_code, 4); // the index is theirs
+    EXPECT_NE(backup({"--level", "incr"}).exit_code, 0);
+    EXPECT_EQ(backup({"--level", "incr", "--auto-full"}).exit_code, 0);
+    EXPECT_EQ(run_client({"verify", "--store", m_store}, {}).exit_code, 0);
+
+    const std::string own = std::exchange(m_store, m_scratch / "second");
+    EXPECT_THAT(backup().errors, HasSubstr("the store " + own + " archives"));
+    EXPECT_EQ(backup({"--level", "copy"}).exit_code, 0);
+    FileDescriptor folder(::open((m_server + "/data").c_str(), O_RDONLY));
+    ASSERT_EQ(::flock(folder.get(), LOCK_EX), 0); // as a run with another store does
+    EXPECT_EQ(backup({"--take-over"}).exit_code, 11);
+    EXPECT_EQ(backup({"--level", "copy"}).exit_code, 0);
+    folder.reset();
+    EXPECT_EQ(backup({"--take-over"}).exit_code, 0);
+    m_store = own;
+    EXPECT_EQ(backup({"--level", "incr"}).exit_code, 1);
+}
+
 // The note is written before the close and made final after it: a run that is killed in between
 // leaves the old index or the new one, and the next needs no hand. Only with the new one are the
 // entries of a first full backup complete.
@@ -439,8 +492,9 @@ TEST_F(Incremental, TheNoteOfTheIndexHoldsForBothSidesOfAClose) {
         EXPECT_EQ(IndexGuard(*store, host_name()).problem().empty(), !c.whole);
     }
     fs::remove(index + ".4711");
-    EXPECT_THROW(IndexGuard(*store, host_name()).expect_close(set, {.child = 4711, .has_entries = true}),
-                 ClientError);
+    EXPECT_THROW(
+        IndexGuard(*store, host_name()).expect_close(set, {.child = 4711, .has_entries = true}),
+        ClientError);
 }
 
 } // namespace

@@ -138,6 +138,7 @@ TEST_F(Restore, ADatabaseInUseIsNotTouchedAndASecondCommandFinishes) {
 
 TEST_F(Restore, AWholeTreeIsRelocatedBelowItsWholePath) {
     std::string set = full_backup();
+    fs::remove(m_data + "/qrtln_archive.json"); // the note of who archives the logs is not saved
     auto server = snapshot(m_data);
     std::string to = m_scratch / "elsewhere";
     restore(0, {"--all", "--to", to, "--dry-run"});
@@ -327,18 +328,46 @@ TEST_F(Restore, LogsComeBackOnlyWithTheWholeSystemAndOnlyWhenTheirFolderIsLost) 
     put("names.nsf");
 }
 
-TEST_F(Restore, AnotherServersSetIsRestoredElsewhereOnly) {
-    std::string set = full_backup();
-    std::string data = m_data;
+// By its name where the data directories are the same, by its data directory where the names are.
+TEST_F(Restore, AnotherServersSetsAreTakenOnlyWhenTheyAreNamed) {
+    const std::string set = full_backup();
+    const std::string data = m_data;
+    const auto live = snapshot(data);
+    // Two hosts with one data path: each has sets, an index and owed databases of its own.
+    for (const char* command : {"restore", "recover"}) {
+        Outcome other = client({command, "names.nsf", "--server", "mail2"});
+        EXPECT_EQ(other.exit_code, 1);
+        EXPECT_THAT(other.errors, HasSubstr("--from-server " + host_name()));
+    }
+    EXPECT_EQ(backup({"--level", "incr", "--server", "mail2"}).exit_code,
+              1); // builds on no other's
+    restore(1, {"names.nsf", "--set", set, "--activate", "--server", "mail2"});
+    EXPECT_EQ(snapshot(data), live);
+    ASSERT_EQ(backup({"--server", "mail2"}).exit_code, 0);
+    ASSERT_EQ(backup({"--server", "mail2"}).exit_code, 0); // the second one's index has entries
+    EXPECT_TRUE(fs::exists(m_store + "/runtime/servers/mail2/qrtln_DBIID.ini"));
+    EXPECT_FALSE(fs::exists(m_store + "/runtime/qrtln_DBIID.ini"));
+    EXPECT_EQ(client({"prove", "--server", "mail2"}).exit_code, 0);
+    EXPECT_EQ(list()[0]["proven"], "-");
+    EXPECT_THAT(
+        restore(0, {"names.nsf", "--from-server", host_name(), "--server", "mail2", "--dry-run"})
+            .dump(),
+        HasSubstr(set));
+    EXPECT_EQ(client({"restore", "names.nsf", "--server", "a\nb"}).exit_code, 2);
+    EXPECT_EQ(run_client({"verify", "--store", m_store}, {}).exit_code, 0);
+
     m_server = m_scratch / "other";
     ASSERT_EQ(domino("init " + m_server + " --databases 5 --extent-size 65536"), 0);
     auto before = snapshot(m_server + "/data");
-    restore(1, {"names.nsf"});
-    restore(1, {"names.nsf", "--set", set, "--activate"});
-    EXPECT_THAT(m_errors, HasSubstr("of a server with the data directory " + data));
+    const std::string moved = data + "=" + m_server + "/data";
+    restore(1, {"names.nsf", "--activate"});
+    EXPECT_THAT(m_errors, HasSubstr("--data-directory " + moved));
+    restore(2, {"names.nsf", "--activate", "--data-directory", data + "=/elsewhere"});
     restore(0, {"names.nsf", "--set", set, "--to", m_scratch / "to"});
     EXPECT_EQ(read_file(m_scratch / "to" + data + "/names.nsf"), read_file(data + "/names.nsf"));
     EXPECT_EQ(snapshot(m_server + "/data"), before);
+    restore(0, {"names.nsf", "--activate", "--data-directory", moved});
+    EXPECT_NE(snapshot(m_server + "/data"), before);
 }
 
 TEST_F(Restore, AnInterruptedRestoreLeavesNoPartOfACopy) {
