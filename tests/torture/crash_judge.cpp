@@ -134,7 +134,8 @@ void CrashJudge::judge_leftovers() {
     for (const auto& entry : fs::recursive_directory_iterator(m_history.disk())) {
         bool of_run_time = entry.path().parent_path().filename() == "runtime";
         if (entry.path().extension() == ".tmp" ||
-            (of_run_time && entry.path().filename() != index_name))
+            (of_run_time && entry.path().filename() != index_name &&
+             entry.path().filename() != "server.json"))
             violated(rule::leftovers, entry.path().filename().string());
     }
     for (const auto& entry : fs::directory_iterator(m_history.temporary()))
