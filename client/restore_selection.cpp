@@ -83,6 +83,7 @@ class Selector {
     std::map<std::string, LookedFor> m_looked_for; // by path
     std::map<std::string, SelectedItem> m_items;
     SetLinks m_links;
+    bool m_passed_others = false; // sets of other servers
 };
 
 RestoreSelection Selector::run() {
@@ -168,6 +169,7 @@ void Selector::take_newest() {
         if (!entry.problem.empty())
             m_result.warnings.push_back("the set " + for_terminal(*set) +
                                         " is passed over: its manifest " + entry.problem);
+        m_passed_others = m_passed_others || (!entry.manifest && entry.problem.empty());
         if (!entry.manifest)
             continue;
         m_links.add(*entry.manifest);
@@ -176,6 +178,9 @@ void Selector::take_newest() {
         take(*entry.manifest);
         close_covered(*entry.manifest);
     }
+    if (m_passed_others)
+        m_result.warnings.emplace_back("newer sets of other servers in the store are left alone: "
+                                       "`qrtln list` shows them, --from-server takes them");
     // Perhaps the newest copies were in it.
     for (const MissingSet& missing : m_links.missing(m_store))
         m_result.warnings.push_back(describe(missing));

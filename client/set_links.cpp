@@ -25,14 +25,14 @@ void SetLinks::add(const Manifest& manifest) {
 }
 
 std::vector<MissingSet> SetLinks::missing(Store& store, bool notes) const {
+    std::map<std::string, std::string> told = m_named;
+    if (notes) // before the sets: a backup that ends meanwhile writes the manifest first
+        for (const std::string& set : store.noted_sets())
+            told.try_emplace(set, "a note of it is there");
     std::vector<std::string> names = store.set_names();
     std::set<std::string> known(names.begin(), names.end());
     for (const auto& [set, server] : store.forgotten_sets())
         known.insert(set);
-    std::map<std::string, std::string> told = m_named;
-    if (notes)
-        for (const std::string& set : store.noted_sets())
-            told.try_emplace(set, "a note of it is there");
     std::vector<MissingSet> missing;
     for (const auto& [set, why] : told)
         if (!known.contains(set))
