@@ -60,20 +60,23 @@ std::string resolve_set(Store& store, const std::string& given, const ServerScop
                       "give more of the name");
 }
 
-Manifest load_named_set(Store& store, const std::string& given, const ServerScope& scope) {
-    CatalogueEntry any = load_set(store, resolve_set(store, given, &scope));
-    if (!any.manifest)
+Manifest require_set(Store& store, const std::string& given, const ServerScope* scope) {
+    CatalogueEntry entry = load_set(store, resolve_set(store, given, scope));
+    if (!entry.manifest)
         throw ClientError(ExitCode::damage_found,
-                          "the manifest of the set " + for_terminal(any.set) + " " + any.problem,
+                          "the manifest of the set " + for_terminal(entry.set) + " " +
+                              for_terminal(entry.problem),
                           "`qrtln verify` tells what else is damaged; other sets may hold what you "
                           "want");
-    if (!scope.covers(*any.manifest))
+    if (scope == nullptr)
+        return std::move(*entry.manifest);
+    if (!scope->covers(*entry.manifest))
         throw ClientError(ExitCode::failed,
-                          "the set " + any.set + " is of another server, " +
-                              server_text(*any.manifest),
-                          other_servers(store, scope).hint);
-    move_data_directory(*any.manifest, scope.recorded_data_directory, scope.data_directory);
-    return std::move(*any.manifest);
+                          "the set " + entry.set + " is of another server, " +
+                              server_text(*entry.manifest),
+                          other_servers(store, *scope).hint);
+    move_data_directory(*entry.manifest, scope->recorded_data_directory, scope->data_directory);
+    return std::move(*entry.manifest);
 }
 
 std::optional<BaseSet> find_base(Store& store, const ServerScope& scope) {

@@ -14,12 +14,12 @@ namespace qrtln {
 
 // One set of the store. A manifest that is damaged has a problem and nothing else.
 struct CatalogueEntry {
-    std::string set;
-    std::optional<Manifest> manifest;
-    std::string problem;
+    std::string set = {};
+    std::optional<Manifest> manifest = {};
+    std::string problem = {};
 };
 
-// Reads one set; never throws for damage.
+// Reads one set; never throws for damage, but ClientError(no_permission) as the store does.
 CatalogueEntry load_set(Store& store, const std::string& set);
 
 // Reads one set where it is one of a server: its paths are then where the data directory is now.
@@ -30,9 +30,10 @@ CatalogueEntry load_set(Store& store, const std::string& set, const ServerScope&
 // only one set has. Throws ClientError(failed) that says what there is.
 std::string resolve_set(Store& store, const std::string& given, const ServerScope* scope = nullptr);
 
-// Reads the set that is named for a command of this server. Throws ClientError: damage_found, or
-// failed when it is another server's.
-Manifest load_named_set(Store& store, const std::string& given, const ServerScope& scope);
+// The manifest of the set that `given` names, as above; with a scope its paths are where the data
+// directory is now. Throws ClientError: damage_found for a manifest that is damaged, failed for
+// another server's set.
+Manifest require_set(Store& store, const std::string& given, const ServerScope* scope = nullptr);
 
 // What a differential or incremental backup builds on.
 struct BaseSet {

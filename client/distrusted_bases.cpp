@@ -2,6 +2,7 @@
 
 #include "client/error.h"
 #include "client/file_io.h"
+#include "client/permission.h"
 #include "client/store/canonical_json.h"
 #include "client/text.h"
 
@@ -37,9 +38,11 @@ DistrustedBases::DistrustedBases(Store& store)
     std::optional<std::string> bytes = read_small_file(AT_FDCWD, m_file, maximal_list);
     if (!bytes && errno == ENOENT)
         return;
-    if (!bytes)
+    if (int error = bytes ? 0 : errno; error != 0) {
+        throw_if_no_permission("read the list of bases", m_file, error);
         throw ClientError(ExitCode::failed,
-                          "cannot read " + for_terminal(m_file) + ": " + system_error_text(errno));
+                          "cannot read " + for_terminal(m_file) + ": " + system_error_text(error));
+    }
     if (std::optional<std::set<std::string>> sets = parse(*bytes)) {
         m_sets = std::move(*sets);
         return;
@@ -57,7 +60,9 @@ void DistrustedBases::add(const std::string& set) {
 
 void DistrustedBases::write() const {
     std::string bytes = to_canonical({{"format", list_format}, {"sets", m_sets}});
-    if (int error = replace_file(m_file, bytes); error != 0)
+    int error = replace_file(m_file, bytes);
+    throw_if_no_permission("write the list of bases", m_file, error, true);
+    if (error != 0)
         throw ClientError(ExitCode::failed,
                           "cannot write " + for_terminal(m_file) + ": " + system_error_text(error));
 }

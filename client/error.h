@@ -18,9 +18,10 @@ enum class ExitCode {
     damage_found = 4,
     no_store = 10,
     locked = 11,
-    server_error = 14, // the module or the server's library failed
-    logs_missing = 16, // a set was stored, but the chain of transaction logs has a gap
-    interrupted = 128, // plus the number of the signal
+    no_permission = 12, // what is in the store may not be read or written by this user
+    server_error = 14,  // the module or the server's library failed
+    logs_missing = 16,  // a set was stored, but the chain of transaction logs has a gap
+    interrupted = 128,  // plus the number of the signal
 };
 
 // A failure that ends a command. The message is lowercase and names the operation, the object and

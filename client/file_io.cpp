@@ -1,5 +1,7 @@
 #include "client/file_io.h"
 
+#include "client/permission.h"
+
 #include <algorithm>
 #include <cerrno>
 #include <climits>
@@ -85,6 +87,8 @@ int replace_file(const std::string& path, std::string_view content) {
     FileDescriptor file(
         ::open(temporary.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_NOFOLLOW | O_CLOEXEC, 0600));
     int error = file ? write_all(file.get(), as_bytes(content)) : errno;
+    if (file)
+        (void)give_to_owner_of_folder(temporary);
     if (error == 0 && ::fsync(file.get()) != 0)
         error = errno;
     if (int close_error = file.close_checked(); error == 0)
@@ -161,6 +165,30 @@ std::optional<std::string> real_path(const std::string& path) {
     if (!resolved)
         return std::nullopt;
     return std::string(resolved.get());
+}
+
+std::optional<std::string> real_path_of_new(const std::string& path) {
+    std::optional<std::string> real = real_path(path);
+    if (real || errno != ENOENT)
+        return real;
+    real = real_path(folder_of(path));
+    if (real)
+        *real += (*real == "/" ? "" : "/") + name_of(path);
+    return real;
+}
+
+bool lies_in(const std::string& path, const std::string& folder) {
+    struct stat outer {};
+    if (::stat(folder.c_str(), &outer) != 0)
+        return false;
+    for (std::string step = path;; step = folder_of(step)) {
+        struct stat status {};
+        if (::stat(step.c_str(), &status) == 0 && status.st_dev == outer.st_dev &&
+            status.st_ino == outer.st_ino)
+            return true;
+        if (step == "/")
+            return false;
+    }
 }
 
 std::string absolute_path(const std::string& path) {

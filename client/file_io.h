@@ -60,8 +60,9 @@ std::optional<std::string> read_small_file(int directory, const std::string& nam
                                            std::size_t limit);
 
 // Gives a file new content so that a crash leaves the old one or the new one, flushed to disk: by
-// way of a file of its name with ".tmp". Mode 0600. Returns 0 or the errno; the old one is then
-// there still, unless flushing its folder failed.
+// way of a file of its name with ".tmp". Mode 0600; from root it belongs to the owner of its
+// folder. Returns 0 or the errno; the old one is then there still, unless flushing its folder
+// failed.
 int replace_file(const std::string& path, std::string_view content);
 
 // Flushes the folder `name` below `directory`, or an open one. Returns 0 or the errno; also 0 where
@@ -82,6 +83,13 @@ std::optional<std::uint64_t> free_bytes(const std::string& path);
 
 // The path without symbolic links, or nothing with errno set.
 std::optional<std::string> real_path(const std::string& path);
+
+// Likewise for something that need not exist yet, in a folder that does.
+std::optional<std::string> real_path_of_new(const std::string& path);
+
+// Whether the path, which has no symbolic links and need not be there, is that folder or lies in
+// it, by whatever name: a folder can be mounted twice.
+bool lies_in(const std::string& path, const std::string& folder);
 
 // The path made absolute against the working directory, "." and double slashes removed.
 std::string absolute_path(const std::string& path);

@@ -3,6 +3,7 @@
 #include "client/catalogue.h"
 #include "client/error.h"
 #include "client/file_io.h"
+#include "client/permission.h"
 #include "client/store/canonical_json.h"
 #include "client/store/digest.h"
 #include "client/text.h"
@@ -32,8 +33,10 @@ std::string hash_of_file(const std::string& file) {
         return sha256_hex(*content);
     if (errno == ENOENT)
         return {};
+    int error = errno;
+    throw_if_no_permission("read the index of databases", file, error);
     throw ClientError(ExitCode::failed, "cannot read the index of databases " + for_terminal(file) +
-                                            ": " + system_error_text(errno));
+                                            ": " + system_error_text(error));
 }
 
 json servers_to_json(const std::vector<std::string>& servers) {
@@ -216,6 +219,7 @@ void IndexGuard::expect_close(const std::string& set, const IndexChange& change)
 
 std::string IndexGuard::check_closed(const std::string& set, const std::string& data_directory,
                                      bool closed) {
+    (void)give_to_owner_of_folder(m_file); // the module makes a new one as whoever runs it
     if (!m_note || m_note->set != set)
         return {};
     IndexNote note = *m_note;

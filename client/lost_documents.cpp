@@ -1,6 +1,7 @@
 #include "client/lost_documents.h"
 
 #include "client/error.h"
+#include "client/permission.h"
 #include "client/store/canonical_json.h"
 #include "client/text.h"
 
@@ -48,7 +49,9 @@ LostDocumentsFile::LostDocumentsFile(const Store& store)
     std::optional<std::string> content = read_small_file(AT_FDCWD, m_file, maximal_file);
     if (!content && errno == ENOENT)
         return;
-    std::string problem = content ? "" : "cannot be read: " + system_error_text(errno);
+    int error = content ? 0 : errno;
+    throw_if_no_permission("read the note of documents that are not back", m_file, error);
+    std::string problem = content ? "" : "cannot be read: " + system_error_text(error);
     std::optional<json> document;
     if (content)
         document = from_canonical(*content, problem);
@@ -88,6 +91,7 @@ void LostDocumentsFile::put(const LostDocuments& lost) {
     else if (!m_entries.empty())
         error =
             ::unlink(m_file.c_str()) == 0 ? flush_directory(AT_FDCWD, folder_of(m_file)) : errno;
+    throw_if_no_permission("write the note of documents that are not back", m_file, error, true);
     if (error != 0)
         throw ClientError(ExitCode::failed,
                           "cannot write the note of documents that are not back, " +

@@ -17,9 +17,10 @@ namespace {
 constexpr const char* exit_codes = R"(Exit codes:
   0  complete                    10  no store at the given folder
   1  failed                      11  another process uses the store
-  2  wrong usage                 14  the module or the server's library failed
-  3  some items failed           16  transaction logs are missing: after a backup, which is stored
-  4  damage found                    all the same, take a full one; recover: to an earlier time
+  2  wrong usage                 12  this user may not read or write a file of the store
+  3  some items failed           14  the module or the server's library failed
+  4  damage found                16  transaction logs are missing: after a backup, which is stored
+                                     all the same, take a full one; recover: to an earlier time
                            129, 130, 143  interrupted (SIGHUP, SIGINT, SIGTERM)
 )";
 
@@ -56,6 +57,14 @@ constexpr const char* prove_help =
     "scratch folder, and the server's library reads each of them. The proof is recorded, and\n"
     "`qrtln list` shows its date. No live database is touched.";
 
+constexpr const char* extract_help =
+    "Write databases, files and folders of a set to a folder, or the whole set with --all. Needs\n"
+    "nothing but the store: no server, no notes.ini.";
+
+constexpr const char* dump_help =
+    "Write one database or file of a set to standard output. Only exit code 0 says that what was\n"
+    "written is whole. Needs nothing but the store.";
+
 // The parser takes "[a,b]" for a list of two values. As a name it is left alone when it is written
 // "./[a,b]", which is the same path.
 std::vector<std::string> without_lists(int argc, char** argv) {
@@ -66,11 +75,15 @@ std::vector<std::string> without_lists(int argc, char** argv) {
     return arguments;
 }
 
-void add_store_options(CLI::App& command, std::string& store, bool& json) {
+void add_store_option(CLI::App& command, std::string& store) {
     command.add_option("--store", store, "The folder of the store")
         ->envname("QRTLN_STORE")
         ->type_name("DIR")
         ->required();
+}
+
+void add_store_options(CLI::App& command, std::string& store, bool& json) {
+    add_store_option(command, store);
     command.add_flag("--json", json, "One JSON document on standard output");
 }
 
@@ -290,6 +303,11 @@ CLI::App* add_recover(CLI::App& app, qrtln::RecoverOptions& recover) {
                   "Give up a recovery that is not finished: remove its restored copies")
         ->excludes(names)
         ->excludes(all);
+    command
+        .add_option("--state", recover.state,
+                    "With --into: the store is only read, and what must be written (lock, journal) "
+                    "kept in this folder")
+        ->type_name("DIR");
     add_tmp_dir(command, recover.tmp_dir,
                 "Where restored copies wait until they are in place; not in the data directory");
     add_module_options(command, recover);
@@ -304,9 +322,44 @@ CLI::App* add_prove(CLI::App& app, qrtln::ProveOptions& prove) {
     command.add_option("SET", prove.set,
                        "The set's name, the beginning of it, or \"latest\" (default: the whole "
                        "server, as it could be recovered now from all sets)");
+    command
+        .add_option("--state", prove.state,
+                    "The store is only read, and what must be written (lock, journal, the proof) "
+                    "kept in this folder")
+        ->type_name("DIR");
     add_tmp_dir(command, prove.tmp_dir,
                 "Where the scratch folder is made: needs room for all its databases");
     add_module_options(command, prove);
+    command.footer(exit_codes);
+    return &command;
+}
+
+CLI::App* add_extract(CLI::App& app, qrtln::ExtractOptions& extract) {
+    CLI::App& command = *app.add_subcommand("extract", extract_help);
+    add_store_options(command, extract.store, extract.json);
+    command.add_option("SET", extract.set, "The set's name, the beginning of it, or \"latest\"")
+        ->required();
+    CLI::Option* paths = command.add_option(
+        "PATH", extract.paths,
+        "A database, a file or a folder of the set; relative names are below the data directory "
+        "that it recorded");
+    command.add_flag("--all", extract.all, "Everything that the set holds")->excludes(paths);
+    command
+        .add_option("--to", extract.to,
+                    "Write below this folder, and never over what is there; what is outside the "
+                    "data directory comes with its whole path")
+        ->type_name("DIR")
+        ->required();
+    command.footer(exit_codes);
+    return &command;
+}
+
+CLI::App* add_dump(CLI::App& app, qrtln::DumpOptions& dump) {
+    CLI::App& command = *app.add_subcommand("dump", dump_help);
+    add_store_option(command, dump.store);
+    command.add_option("SET", dump.set, "The set's name, the beginning of it, or \"latest\"")
+        ->required();
+    command.add_option("PATH", dump.path, "A database or a file of the set")->required();
     command.footer(exit_codes);
     return &command;
 }
@@ -413,6 +466,11 @@ int main(int argc, char** argv) {
     add_store_options(*forget_command, forget.store, forget.json);
     forget_command->add_option("SET", forget.sets, "The sets' names, or the beginnings of them")
         ->required();
+    qrtln::ExtractOptions extract;
+    CLI::App* extract_command = add_extract(app, extract);
+
+    qrtln::DumpOptions dump;
+    CLI::App* dump_command = add_dump(app, dump);
 
     std::vector<std::string> texts = without_lists(argc, argv);
     if (print_help(app, texts))
@@ -431,7 +489,7 @@ int main(int argc, char** argv) {
     }
 
     bool json = backup.json || restore.json || deleted.json || changed.json || recover.json ||
-                prove.json || list.json || show.json || verify.json || forget.json;
+                prove.json || list.json || show.json || verify.json || forget.json || extract.json;
     try {
         if (backup_command->parsed())
             return qrtln::run_backup(backup);
@@ -450,6 +508,10 @@ int main(int argc, char** argv) {
             return qrtln::run_show(show);
         if (forget_command->parsed())
             return qrtln::run_forget(forget);
+        if (extract_command->parsed())
+            return qrtln::run_extract(extract);
+        if (dump_command->parsed())
+            return qrtln::run_dump(dump);
         return qrtln::run_verify(verify);
     } catch (const qrtln::ClientError& failure) {
         report_failure(json, failure.exit_code(), failure.what(), failure.hint());

@@ -14,18 +14,17 @@ struct LongerThanTold {};
 
 } // namespace
 
-WrittenContent write_content(Store& store, const ManifestItem& item, SafeFile& file,
-                             const std::function<void(std::uint64_t bytes)>& on_block) {
+WrittenContent read_content(Store& store, const ManifestItem& item,
+                            const std::function<std::string(Bytes bytes)>& write) {
     WrittenContent written;
     ObjectCheck check;
     std::uint64_t read = 0;
     try {
         check = store.read_object(item.object, [&](Bytes bytes) {
-            on_block(bytes.size());
             read += bytes.size();
             if (read > item.size)
                 throw LongerThanTold{};
-            if (std::string failed = file.write(bytes); !failed.empty())
+            if (std::string failed = write(bytes); !failed.empty())
                 throw WriteFailed{failed};
         });
     } catch (const WriteFailed& failed) {
@@ -43,6 +42,14 @@ WrittenContent write_content(Store& store, const ManifestItem& item, SafeFile& f
     else
         written.damage = "its object " + item.object + " " + check.problem;
     return written;
+}
+
+WrittenContent write_content(Store& store, const ManifestItem& item, SafeFile& file,
+                             const std::function<void(std::uint64_t bytes)>& on_block) {
+    return read_content(store, item, [&](Bytes bytes) {
+        on_block(bytes.size());
+        return file.write(bytes);
+    });
 }
 
 } // namespace qrtln

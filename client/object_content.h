@@ -1,4 +1,4 @@
-// Takes an item's content out of the store into a file that is not in place yet.
+// Takes an item's content out of the store, into a file that is not in place yet or elsewhere.
 #pragma once
 
 #include "client/safe_paths.h"
@@ -17,8 +17,14 @@ struct WrittenContent {
     bool whole() const { return problem.empty() && damage.empty(); }
 };
 
-// Writes the object of the item, whose size and hash must be what the item tells. `on_block` hears
-// of each block before it is written, and ends all by throwing. Throws as the store does.
+// Gives the object of the item, whose size and hash must be what the item tells, to `write`, block
+// by block: it returns what failed, which ends the reading. That the content is whole is known only
+// afterwards. Throws as the store and `write` do.
+WrittenContent read_content(Store& store, const ManifestItem& item,
+                            const std::function<std::string(Bytes bytes)>& write);
+
+// Likewise into a file. `on_block` hears of each block before it is written, and ends all by
+// throwing.
 WrittenContent write_content(Store& store, const ManifestItem& item, SafeFile& file,
                              const std::function<void(std::uint64_t bytes)>& on_block);
 

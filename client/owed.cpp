@@ -2,6 +2,7 @@
 
 #include "client/error.h"
 #include "client/file_io.h"
+#include "client/permission.h"
 #include "client/store/canonical_json.h"
 #include "client/store/digest.h"
 #include "client/text.h"
@@ -35,7 +36,24 @@ std::string line_of(const std::string& data_directory, const std::string& path, 
 } // namespace
 
 std::string owed_file_of(const Store& store) {
-    return store.runtime_directory() + "/owed.jsonl";
+    return store.stored_runtime_directory() + "/owed.jsonl";
+}
+
+std::string copy_owed(const Store& store, const std::string& folder) {
+    std::string original = owed_file_of(store);
+    std::string copy = folder + "/owed.jsonl";
+    std::optional<std::string> content = read_small_file(AT_FDCWD, original, maximal_file);
+    int error = content ? 0 : errno;
+    throw_if_no_permission("read the list of owed databases", original, error);
+    if (error == 0)
+        error = replace_file(copy, *content);
+    else if (error == ENOENT)
+        error = ::unlink(copy.c_str()) == 0 || errno == ENOENT ? 0 : errno;
+    if (error != 0)
+        throw ClientError(ExitCode::failed, "cannot look at the list of owed databases " +
+                                                for_terminal(original) + ": " +
+                                                system_error_text(error));
+    return copy;
 }
 
 OwedDatabases::OwedDatabases(std::string file) : m_file(std::move(file)) {
@@ -106,6 +124,8 @@ void OwedDatabases::add(const std::string& data_directory, const std::string& pa
         return;
     FileDescriptor file(
         ::open(m_file.c_str(), O_WRONLY | O_APPEND | O_CREAT | O_NOFOLLOW | O_CLOEXEC, 0600));
+    if (file)
+        (void)give_to_owner_of_folder(m_file);
     off_t size = file ? ::lseek(file.get(), 0, SEEK_END) : -1;
     if (size < 0)
         fail("open", errno);
@@ -177,6 +197,7 @@ void OwedDatabases::make_durable(std::size_t size, bool cut) {
 }
 
 void OwedDatabases::fail(const std::string& doing, int error) const {
+    throw_if_no_permission(doing + " the list of owed databases", m_file, error, true);
     std::string hint;
     if (error == ENOSPC || error == EDQUOT)
         hint = "make room on the file system of the store";

@@ -20,6 +20,10 @@ namespace qrtln {
 // Where a store keeps the list: in its folder of run-time data.
 std::string owed_file_of(const Store& store);
 
+// Copies the list to the folder, in the place of an older copy, for one who may not change it.
+// Returns the copy, which is not there when there is no list. Throws ClientError.
+std::string copy_owed(const Store& store, const std::string& folder);
+
 class OwedDatabases {
   public:
     // Reads the file, which need not exist. A last line without its line feed is what a crash

@@ -29,7 +29,7 @@ Proof from_json(const json& document) {
 
 } // namespace
 
-void record_proof(Store& store, const Proof& proof) {
+std::string record_proof(Store& store, const Proof& proof) {
     json document = {{"format", proof_format},       {"set", proof.set},
                      {"time", proof.time},           {"recovered_to", proof.recovered_to},
                      {"databases", proof.databases}, {"client_version", proof.client_version},
@@ -39,7 +39,7 @@ void record_proof(Store& store, const Proof& proof) {
         put_bytes(entry, "path", failure.path);
         entry["reason"] = printable_utf8(failure.reason);
     }
-    store.write_note(proof.set, SetNote::proof, to_canonical(document));
+    return store.write_note(proof.set, SetNote::proof, to_canonical(document));
 }
 
 std::optional<Proof> load_proof(Store& store, const std::string& set, std::string& problem) {

@@ -24,9 +24,9 @@ struct Proof {
     std::string client_version;
 };
 
-// Writes the proof beside its set; a later one replaces it. Throws ClientError. REQUIRES: the store
-// is locked.
-void record_proof(Store& store, const Proof& proof);
+// Writes the proof beside its set, or where the store keeps state; a later one replaces it. Returns
+// its file. Throws ClientError. REQUIRES: the store, or the folder for state, is locked.
+std::string record_proof(Store& store, const Proof& proof);
 
 // The newest proof of a set, or nothing with `problem` set when there is one that is damaged.
 std::optional<Proof> load_proof(Store& store, const std::string& set, std::string& problem);

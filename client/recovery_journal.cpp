@@ -2,6 +2,7 @@
 
 #include "client/error.h"
 #include "client/file_io.h"
+#include "client/permission.h"
 #include "client/recovery_logs.h"
 #include "client/store/canonical_json.h"
 #include "client/store/digest.h"
@@ -204,7 +205,9 @@ std::optional<RecoveryJournal> RecoveryJournalFile::read() const {
     std::optional<std::string> content = read_small_file(AT_FDCWD, m_file, maximal_journal);
     if (!content && errno == ENOENT)
         return std::nullopt;
-    std::string problem = content ? "" : "cannot be read: " + system_error_text(errno);
+    int error = content ? 0 : errno;
+    throw_if_no_permission("read the journal of the recovery", m_file, error);
+    std::string problem = content ? "" : "cannot be read: " + system_error_text(error);
     std::optional<json> document;
     if (content)
         document = from_canonical(*content, problem);
@@ -222,19 +225,20 @@ std::optional<RecoveryJournal> RecoveryJournalFile::read() const {
 }
 
 void RecoveryJournalFile::write(const RecoveryJournal& journal) const {
-    if (int error = replace_file(m_file, to_canonical(to_json(journal))); error != 0)
+    int error = replace_file(m_file, to_canonical(to_json(journal)));
+    throw_if_no_permission("write the journal of the recovery", m_file, error, true);
+    if (error != 0)
         throw ClientError(ExitCode::failed,
                           "cannot write the journal of the recovery, " + for_terminal(m_file) +
                               ": " + system_error_text(error),
-                          error == ENOSPC || error == EDQUOT
-                              ? "make room on the file system of the store"
-                              : "the store must be writable by this user");
+                          error == ENOSPC || error == EDQUOT ? "make room on its file system" : "");
 }
 
 void RecoveryJournalFile::remove() const {
     int error = ::unlink(m_file.c_str()) != 0 && errno != ENOENT ? errno : 0;
     if (error == 0)
         error = flush_directory(AT_FDCWD, m_file.substr(0, m_file.rfind('/')));
+    throw_if_no_permission("remove the journal of the recovery", m_file, error, true);
     if (error != 0)
         throw ClientError(ExitCode::failed, "cannot remove the journal of the recovery, " +
                                                 for_terminal(m_file) + ": " +

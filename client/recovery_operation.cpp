@@ -50,11 +50,16 @@ class Recovery {
         if (!m_journal.pending_folder.empty() && exists(m_journal.pending_folder))
             m_request.tmp_dir = folder_of(m_journal.pending_folder); // whatever it is by now
         if (!m_request.databases_only)
-            m_owed.emplace(owed_file_of(context.store));
+            m_owed.emplace(keeps_state_elsewhere()
+                               ? copy_owed(context.store, context.store.runtime_directory())
+                               : owed_file_of(context.store));
     }
     RecoveryResult run();
 
   private:
+    bool keeps_state_elsewhere() const {
+        return m_context.store.runtime_directory() != m_context.store.stored_runtime_directory();
+    }
     bool in_place() const { return m_plan.into.empty(); }
     RecoverySituation situation();
     std::string copy_of(const RecoveringDatabase& database) const;
@@ -314,7 +319,9 @@ void Recovery::write_journal() {
     m_file.write(m_journal);
     m_began = true;
     // What was committed between the newest set and the loss is in no log: none leads over it.
-    if (m_owed && m_journal.log_folder_lost)
+    if (m_owed && m_journal.log_folder_lost && keeps_state_elsewhere())
+        m_result.warnings.push_back(not_owed_text("the store can only be read"));
+    else if (m_owed && m_journal.log_folder_lost)
         m_owed->add_restored(m_plan.data_directory,
                              saved_databases(m_context.store, m_context.ini.sets));
 }

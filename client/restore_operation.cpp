@@ -1,6 +1,7 @@
 #include "client/restore_operation.h"
 
 #include "client/catalogue.h"
+#include "client/created_folders.h"
 #include "client/error.h"
 #include "client/interrupt.h"
 #include "client/object_content.h"
@@ -11,6 +12,7 @@
 
 #include <algorithm>
 #include <cerrno>
+#include <fcntl.h>
 #include <optional>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -64,7 +66,6 @@ class RestoreOperation {
     void finish_activation(const PlannedItem& planned, const std::string& path);
     void give_metadata_back(const PlannedItem& planned);
     void give_folder_metadata_back();
-    FolderCreated folder_created(const std::string& root);
     void fail(const PlannedItem& planned, const std::string& reason);
     void close();
     void settle_temporary_folder(bool ended_early);
@@ -76,7 +77,7 @@ class RestoreOperation {
     std::optional<ModuleSession> m_session;
     std::optional<Progress> m_progress;
     RestoreResult m_result;
-    std::vector<std::pair<std::string, std::string>> m_created; // root and relative name
+    CreatedFolders m_created;
     // Told since the last finish.
     bool m_in_use = false;
 };
@@ -116,6 +117,8 @@ RestoreResult RestoreOperation::run() {
     m_progress.reset();
     m_session.reset();
     settle_temporary_folder(false);
+    m_result.warnings.insert(m_result.warnings.end(), m_created.warnings().begin(),
+                             m_created.warnings().end());
     return std::move(m_result);
 }
 
@@ -188,26 +191,11 @@ void RestoreOperation::restore_item(const PlannedItem& planned) {
     m_session->finish_failed();
 }
 
-// A folder that had to be made belongs to whom the one above it belongs to, until its own metadata
-// is given back at the end.
-FolderCreated RestoreOperation::folder_created(const std::string& root) {
-    return [this, root](int fd, const std::string& relative) {
-        struct stat above {};
-        if (::fstatat(fd, "..", &above, 0) == 0) {
-            if (::geteuid() == 0 && ::fchown(fd, above.st_uid, above.st_gid) != 0)
-                m_result.warnings.push_back("cannot set the owner of " + joined(root, relative) +
-                                            ": " + system_error_text(errno));
-            (void)::fchmod(fd, above.st_mode & 0777);
-        }
-        m_created.emplace_back(root, relative);
-    };
-}
-
 void RestoreOperation::create_folder(const PlannedItem& planned) {
     std::string problem;
     SafeFolder root(planned.root);
     if (!root.open_folder(path_below(planned.target, planned.root), problem,
-                          folder_created(planned.root)))
+                          m_created.callback(planned.root)))
         fail(planned, problem);
     else
         m_result.restored.push_back(planned.target);
@@ -239,7 +227,7 @@ void RestoreOperation::write_item(const PlannedItem& planned, const std::string&
     std::string relative = path_below(path, root_path);
     std::string problem;
     FolderCreated created =
-        placed ? FolderCreated([](int, const std::string&) {}) : folder_created(planned.root);
+        placed ? FolderCreated([](int, const std::string&) {}) : m_created.callback(planned.root);
     FileDescriptor folder = root.open_folder(relative_folder(relative), problem, created);
     if (!folder) {
         fail(planned, problem);
@@ -312,7 +300,7 @@ std::string RestoreOperation::check_live_target(const PlannedItem& planned) {
     SafeFolder root(planned.root);
     std::string relative = path_below(planned.target, planned.root);
     std::string problem;
-    if (!root.open_folder(relative_folder(relative), problem, folder_created(planned.root)))
+    if (!root.open_folder(relative_folder(relative), problem, m_created.callback(planned.root)))
         return problem;
     std::optional<struct stat> live = root.look_at(relative, problem);
     if (problem.empty() && live && !S_ISREG(live->st_mode))
@@ -376,22 +364,13 @@ void RestoreOperation::give_metadata_back(const PlannedItem& planned) {
 }
 
 void RestoreOperation::give_folder_metadata_back() {
-    // The innermost first: what happens in a folder changes its time.
-    for (auto created = m_created.rbegin(); created != m_created.rend(); ++created) {
-        const auto& [root, relative] = *created;
+    m_created.give_metadata_back([this](const std::string& root, const std::string& relative) {
         std::string path = joined(root, relative);
         if (!m_plan.to.empty() && is_below(path, m_plan.to))
             path = path.substr(m_plan.to.size());
         auto original = m_plan.folders.find(path);
-        if (original == m_plan.folders.end())
-            continue;
-        std::string problem;
-        FileDescriptor folder = SafeFolder(root).open_folder(relative, problem);
-        if (folder)
-            problem = apply_metadata(folder.get(), original->second);
-        if (!problem.empty())
-            m_result.warnings.push_back(path.append(": ").append(problem));
-    }
+        return original == m_plan.folders.end() ? nullptr : &original->second;
+    });
 }
 
 void RestoreOperation::close() {
@@ -455,6 +434,39 @@ std::unique_ptr<Store> open_store_for_notes(const std::string& directory, const 
         problem = failure.what();
     }
     return open_directory_store(directory, StoreAccess::read);
+}
+
+namespace {
+
+bool can_only_be_read(const std::string& directory) {
+    try {
+        (void)open_directory_store(directory, StoreAccess::read);
+    } catch (const ClientError&) {
+        return false;
+    }
+    auto refused = [](const std::string& path) {
+        return ::faccessat(AT_FDCWD, path.c_str(), W_OK, AT_EACCESS) != 0 &&
+               (errno == EROFS || errno == EACCES || errno == EPERM);
+    };
+    return refused(directory) || refused(directory + "/lock");
+}
+
+} // namespace
+
+std::unique_ptr<Store> open_store_or_state(const StateRequest& request,
+                                           const std::string& way_out) {
+    if (!request.directory.empty())
+        return open_store_with_state(request);
+    if (!request.writes)
+        return open_directory_store(request.store, StoreAccess::read);
+    try {
+        return open_directory_store(request.store, StoreAccess::change);
+    } catch (const ClientError& failure) {
+        if (!can_only_be_read(request.store))
+            throw;
+        throw ClientError(failure.exit_code(), failure.what(),
+                          failure.hint() + (failure.hint().empty() ? "" : "; or ") + way_out);
+    }
 }
 
 } // namespace qrtln

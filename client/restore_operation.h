@@ -8,6 +8,7 @@
 #include "client/module_session.h"
 #include "client/owed.h"
 #include "client/restore_plan.h"
+#include "client/store/state_folder.h"
 
 #include <memory>
 #include <nlohmann/json.hpp>
@@ -56,5 +57,10 @@ std::string not_owed_text(const std::string& reason);
 // ClientError: no_store, locked, failed. The run-time data are those of `server`.
 std::unique_ptr<Store> open_store_for_notes(const std::string& directory, const std::string& server,
                                             std::string& problem);
+
+// Opens the store for what keeps notes and run-time data and touches no set: for changes, or with a
+// folder for state for reading, and only so when the request does not write. Where the store can
+// only be read, `way_out` becomes a part of the hint. Throws as the openings do.
+std::unique_ptr<Store> open_store_or_state(const StateRequest& request, const std::string& way_out);
 
 } // namespace qrtln

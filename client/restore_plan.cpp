@@ -471,16 +471,16 @@ std::uint64_t occupied_bytes(const std::optional<struct stat>& file) {
     return static_cast<std::uint64_t>(std::min<off_t>(file->st_blocks * block, file->st_size));
 }
 
-void require_room(const std::vector<RoomNeeded>& rooms) {
+void require_room(const std::vector<RoomNeeded>& rooms, const std::string& options) {
     for (const RoomNeeded& room : rooms)
         if (room.available < room.needed)
-            throw ClientError(
-                ExitCode::failed,
-                "the file system of " + for_terminal(room.place) + " has " +
-                    human_bytes(room.available) + " (" + std::to_string(room.available) +
-                    " bytes) free, the restore needs " + human_bytes(room.needed) + " (" +
-                    std::to_string(room.needed) + " bytes): nothing was written",
-                "make room there, or name another folder with --tmp-dir or --to");
+            throw ClientError(ExitCode::failed,
+                              "the file system of " + for_terminal(room.place) + " has " +
+                                  human_bytes(room.available) + " (" +
+                                  std::to_string(room.available) + " bytes) free, and this needs " +
+                                  human_bytes(room.needed) + " (" + std::to_string(room.needed) +
+                                  " bytes): nothing was written",
+                              "make room there, or name another folder with " + options);
 }
 
 std::string room_text(const std::vector<RoomNeeded>& rooms) {

@@ -92,8 +92,10 @@ RestorePlan make_restore_plan(Store& store, const NotesIni& ini, const RestoreRe
 // compressed file less than its size. 0 for none.
 std::uint64_t occupied_bytes(const std::optional<struct stat>& file);
 
-// Throws ClientError(failed) when a file system has less room than is needed.
-void require_room(const std::vector<RoomNeeded>& room);
+// Throws ClientError(failed) when a file system has less room than is needed; `options` are those
+// that name another folder.
+void require_room(const std::vector<RoomNeeded>& room,
+                  const std::string& options = "--tmp-dir or --to");
 
 // A line for each file system, and its JSON.
 std::string room_text(const std::vector<RoomNeeded>& room);

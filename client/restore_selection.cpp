@@ -122,7 +122,7 @@ void Selector::resolve_names() {
 }
 
 void Selector::take_named_set() {
-    const Manifest manifest = load_named_set(m_store, m_request.set, m_scope);
+    const Manifest manifest = require_set(m_store, m_request.set, &m_scope);
     resolve_names();
     bool covers_all =
         manifest.whole_system && (manifest.level == "full" || manifest.level == "copy");

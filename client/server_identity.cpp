@@ -3,6 +3,7 @@
 #include "client/catalogue.h"
 #include "client/error.h"
 #include "client/file_io.h"
+#include "client/permission.h"
 #include "client/store/canonical_json.h"
 #include "client/text.h"
 
@@ -28,6 +29,7 @@ constexpr std::size_t maximal_name = 200; // a folder's name with room for escap
 constexpr std::size_t maximal_state = std::size_t{1} << 30;
 
 [[noreturn]] void fail(const std::string& doing, const std::string& path, int error) {
+    throw_if_no_permission(doing, path, error);
     throw ClientError(ExitCode::failed, "cannot " + doing + " " + for_terminal(path) + ": " +
                                             system_error_text(error));
 }
@@ -48,7 +50,7 @@ std::string read_owner(const std::string& runtime) {
     } catch (const json::exception&) {
         problem = "is not in its form";
     }
-    throw ClientError(ExitCode::failed, for_terminal(file) + " is damaged: " + problem,
+    throw ClientError(ExitCode::damage_found, for_terminal(file) + " is damaged: " + problem,
                       "if only one server uses this store, remove the file; else bring it back "
                       "from a copy of the store");
 }
@@ -76,9 +78,8 @@ bool has_unnamed_sets_of(Store& store, const std::string& server) {
 std::string folder_name(const std::string& server) {
     std::string name;
     for (char character : server) {
-        bool plain = std::isalnum(static_cast<unsigned char>(character)) != 0 ||
-                     character == '-' || character == '_' ||
-                     (character == '.' && !name.empty());
+        bool plain = std::isalnum(static_cast<unsigned char>(character)) != 0 || character == '-' ||
+                     character == '_' || (character == '.' && !name.empty());
         name += plain ? std::string(1, character) : "%" + to_hex(std::string(1, character));
     }
     return name;
@@ -89,10 +90,12 @@ void make_runtime_directory(const std::string& runtime, const std::string& path,
     const std::string others = runtime + others_folder;
     if (::mkdir(others.c_str(), 0700) != 0 && errno != EEXIST)
         fail("create the folder", others, errno);
+    (void)give_to_owner_of_folder(others);
     const std::string unfinished = path + ".tmp";
     (void)remove_tree(AT_FDCWD, unfinished);
     if (::mkdir(unfinished.c_str(), 0700) != 0)
         fail("create the folder", unfinished, errno);
+    (void)give_to_owner_of_folder(unfinished);
     if (copies)
         for (const auto& entry : std::filesystem::directory_iterator(runtime)) {
             std::string name = entry.path().filename();
@@ -135,15 +138,15 @@ std::string server_name_problem(const std::string& name) {
 }
 
 std::string server_text(const Manifest& manifest) {
-    std::string text = for_terminal(manifest.server_name) + " (" +
-                       for_terminal(manifest.data_directory);
+    std::string text =
+        for_terminal(manifest.server_name) + " (" + for_terminal(manifest.data_directory);
     if (!manifest.own_name.empty())
         text += ", " + for_terminal(manifest.own_name);
     return text + ")";
 }
 
 OtherServers other_servers(Store& store, const ServerScope& scope) {
-    std::optional<Manifest> nearest; // the newest of this name, else the newest
+    std::optional<Manifest> nearest;   // the newest of this name, else the newest
     constexpr std::size_t enough = 10; // for a person
     std::set<std::string> servers;
     for (const std::string& name : store.set_names()) {
@@ -167,7 +170,8 @@ OtherServers other_servers(Store& store, const ServerScope& scope) {
         others.hint = "if its data directory was moved, say " + moved;
     else if (nearest->server_name == scope.name)
         others.hint = "notes.ini names another server than theirs; to take them all the same, say "
-                      "--from-server " + name;
+                      "--from-server " +
+                      name;
     else
         others.hint = "if this is that server on another host, say --server " + name +
                       "; to take another server's sets, --from-server " + name +
@@ -203,8 +207,8 @@ std::string server_runtime_directory(Store& store, const std::string& runtime,
         if (owner.empty() || owner == server) {
             // Where it cannot be written a backup fails soon, and a restore need not.
             if (creates)
-                (void)replace_file(runtime + owner_file, to_canonical({{"format", owner_format},
-                                                                       {"server", server}}));
+                (void)replace_file(runtime + owner_file,
+                                   to_canonical({{"format", owner_format}, {"server", server}}));
             return runtime;
         }
     }

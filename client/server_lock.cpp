@@ -36,8 +36,7 @@ bool is_same_folder(const std::string& one, const std::string& other) {
 const char* const log_archive_file = "qrtln_archive.json";
 
 FileDescriptor lock_server(const NotesIni& ini) {
-    FileDescriptor folder(
-        ::open(ini.data_directory.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+    FileDescriptor folder(::open(ini.data_directory.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
     if (folder && ::flock(folder.get(), LOCK_EX | LOCK_NB) != 0 && errno == EWOULDBLOCK)
         throw ClientError(ExitCode::locked,
                           "another backup of the server " + for_terminal(ini.data_directory) +
@@ -74,14 +73,14 @@ std::string other_log_archive(const NotesIni& ini, const Store& store) {
 }
 
 std::string note_log_archive(const NotesIni& ini, const Store& store) {
-    json note = {{"format", note_format},
-                 {"store_id", store.id()},
-                 {"since", utc_time(std::time(nullptr))}};
+    json note = {
+        {"format", note_format}, {"store_id", store.id()}, {"since", utc_time(std::time(nullptr))}};
     put_bytes(note, "store", store.location());
     std::string bytes = to_canonical(note);
     int error = replace_file(note_path(ini), bytes);
-    return error == 0 ? "" : "cannot write " + for_terminal(note_path(ini)) + ": " +
-                                 system_error_text(error);
+    return error == 0
+               ? ""
+               : "cannot write " + for_terminal(note_path(ini)) + ": " + system_error_text(error);
 }
 
 } // namespace qrtln

@@ -60,10 +60,12 @@ struct RecoverOptions : ServerOptions {
     bool logs_lost = false;    // the server's own logs are really lost
     bool dry_run = false;
     bool abandon = false; // give an unfinished recovery up
+    std::string state;    // with into: keeps what must be written, "" for the store
 };
 
 struct ProveOptions : ServerOptions {
-    std::string set; // "" for the whole server as all sets have it
+    std::string set;   // "" for the whole server as all sets have it
+    std::string state; // keeps what must be written, "" for the store
 };
 
 struct StoreOptions {
@@ -78,6 +80,21 @@ struct ForgetOptions {
     bool json = false;
 };
 
+struct ExtractOptions {
+    std::string store;
+    std::string set;
+    std::vector<std::string> paths; // full, or below the set's data directory
+    bool all = false;               // the whole set
+    std::string to;
+    bool json = false;
+};
+
+struct DumpOptions {
+    std::string store;
+    std::string set;
+    std::string path;
+};
+
 int run_backup(const BackupOptions& options);
 int run_restore(const RestoreOptions& options);
 int run_documents(const DocumentsOptions& options);
@@ -87,6 +104,8 @@ int run_list(const StoreOptions& options);
 int run_show(const StoreOptions& options);
 int run_verify(const StoreOptions& options);
 int run_forget(const ForgetOptions& options);
+int run_extract(const ExtractOptions& options);
+int run_dump(const DumpOptions& options);
 
 // "0.1.0".
 const char* client_version();

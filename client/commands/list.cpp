@@ -11,6 +11,8 @@
 #include "client/text.h"
 
 #include <algorithm>
+#include <functional>
+#include <optional>
 
 namespace qrtln {
 
@@ -32,9 +34,33 @@ int run_list(const StoreOptions& options) {
     Table table({"SET", "SERVER", "LEVEL", "BASE", "STARTED", "DURATION ", "DATABASES ", "ITEMS ",
                  "FAILED ", "BYTES ", "NEW ", "LOGS", "PROVEN", "STATUS"});
     nlohmann::json sets = nlohmann::json::array();
+    std::optional<ClientError> denied; // the first that this user may not read
+    std::string reason;
+    auto permitted = [&](const std::function<void()>& read) {
+        try {
+            read();
+            return true;
+        } catch (const ClientError& failure) {
+            if (failure.exit_code() != static_cast<int>(ExitCode::no_permission))
+                throw;
+            denied = denied.value_or(failure);
+            reason = failure.what();
+            return false;
+        }
+    };
     const std::vector<std::string> names = store->set_names();
     for (const std::string& name : names) {
-        CatalogueEntry entry = load_set(*store, name);
+        CatalogueEntry entry;
+        std::string proof = "no permission";
+        if (!permitted([&] { entry = load_set(*store, name); })) {
+            table.add({for_terminal(name), "-", "-", "-", "-", "-", "-", "-", "-", "-", "-", "-",
+                       "-", "no permission to read the manifest"});
+            sets.push_back({{"set", printable_utf8(name)},
+                            {"status", "no permission"},
+                            {"problem", printable_utf8(reason)}});
+            continue;
+        }
+        (void)permitted([&] { proof = proof_text(*store, name); });
         if (!entry.manifest) {
             damaged = true;
             table.add({for_terminal(name), "-", "-", "-", "-", "-", "-", "-", "-", "-", "-", "-",
@@ -55,7 +81,7 @@ int run_list(const StoreOptions& options) {
                    human_duration(manifest.ended - manifest.started), std::to_string(sum.databases),
                    std::to_string(sum.stored_items), std::to_string(sum.failed_items),
                    human_bytes(sum.bytes), human_bytes(manifest.new_bytes),
-                   log_range_text(manifest), proof_text(*store, name), status});
+                   log_range_text(manifest), proof, status});
         nlohmann::json gaps = nlohmann::json::array();
         for (const LogGap& gap : manifest.log_gaps)
             gaps.push_back(describe(gap));
@@ -78,22 +104,26 @@ int run_list(const StoreOptions& options) {
                         {"host", manifest.host},
                         {"server", manifest.server_name},
                         {"data_directory", printable_utf8(manifest.data_directory)},
-                        {"proven", proof_text(*store, name)},
+                        {"proven", proof},
                         {"status", status}});
     }
-    std::vector<MissingSet> missing = links.missing(*store);
+    std::vector<MissingSet> missing;
+    (void)permitted([&] { missing = links.missing(*store); });
     nlohmann::json missing_sets = nlohmann::json::array();
     for (const MissingSet& set : missing) {
         missing_sets.push_back({{"set", printable_utf8(set.set)}, {"why", set.why}});
         print_error(describe(set), &set == &missing.back() ? missing_set_hint : "");
     }
-    int code =
-        static_cast<int>(damaged || !missing.empty() ? ExitCode::damage_found : ExitCode::complete);
+    int code = damaged || !missing.empty() ? static_cast<int>(ExitCode::damage_found)
+               : denied                    ? denied->exit_code()
+                                           : static_cast<int>(ExitCode::complete);
     if (options.json)
         print_json(
             {{"command", "list"}, {"sets", sets}, {"missing", missing_sets}, {"exit_code", code}});
     else
         print_output(sets.empty() ? store->description() + " has no sets\n" : table.text());
+    if (denied)
+        print_error(denied->what(), denied->hint());
     return code;
 }
 

@@ -46,7 +46,7 @@ struct Target {
 
 Target choose_target(Store& store, const std::string& given, const ServerScope& scope) {
     if (!given.empty()) {
-        Target target{load_named_set(store, given, scope)};
+        Target target{require_set(store, given, &scope)};
         target.moment = moment_behind(target.manifest);
         return target;
     }
@@ -199,7 +199,9 @@ void clean_up(const RecoveryJournalFile& file) {
 int run_prove(const ProveOptions& options) {
     install_interrupt_handlers();
     NotesIni ini = load_server(options);
-    std::unique_ptr<Store> store = open_directory_store(options.store, StoreAccess::change);
+    std::unique_ptr<Store> store =
+        open_store_or_state({options.state, options.store, ini.data_directory},
+                            "keep what must be written elsewhere: --state DIR");
     use_server(*store, ini, options);
     const Target target = choose_target(*store, options.set, ini.sets);
     RecoveryJournalFile file(store->runtime_directory() + journal_name);
@@ -221,7 +223,7 @@ int run_prove(const ProveOptions& options) {
         throw;
     }
     clean_up(file);
-    record_proof(*store, proof);
+    std::string proof_file = record_proof(*store, proof);
     int code = static_cast<int>(damaged                  ? ExitCode::damage_found
                                 : proof.failures.empty() ? ExitCode::complete
                                                          : ExitCode::items_failed);
@@ -236,8 +238,12 @@ int run_prove(const ProveOptions& options) {
         failures.push_back(
             {{"path", printable_utf8(failure.path)}, {"reason", printable_utf8(failure.reason)}});
     }
+    if (!options.state.empty())
+        text += "the proof is in " + for_terminal(proof_file) +
+                ", not in the store: `qrtln list` does not show it\n";
     if (options.json)
         print_json({{"command", "prove"},
+                    {"proof_file", printable_utf8(proof_file)},
                     {"set", proof.set},
                     {"time", utc_time(proof.time)},
                     {"recovered_to", utc_time(proof.recovered_to)},

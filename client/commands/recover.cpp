@@ -11,7 +11,6 @@
 #include "client/text.h"
 
 #include <algorithm>
-#include <fcntl.h>
 
 namespace qrtln {
 
@@ -66,7 +65,8 @@ RecoveryRequest make_request(const RecoverOptions& options, const NotesIni& ini,
     if (!says_nothing && !same)
         throw ClientError(ExitCode::failed, "another recovery is not finished",
                           "`qrtln recover` without databases goes on with it, `qrtln recover "
-                          "--abandon` gives it up and removes its restored copies");
+                          "--abandon` gives it up and removes its restored copies" +
+                              std::string(options.state.empty() ? "" : "; with this --state"));
     request.selection.names = journal->names;
     request.selection.all = journal->all;
     request.to = journal->to;
@@ -191,6 +191,13 @@ nlohmann::json result_json(const RecoveryResult& result, const std::optional<std
             {"warnings", printable_list(result.warnings)}};
 }
 
+[[noreturn]] void refuse_state() {
+    throw ClientError(ExitCode::usage,
+                      "--state is for a recovery with --into: what is put in the place of a live "
+                      "database must be written down in the store, for the next backup",
+                      "recover with --into, or from a store that can be written");
+}
+
 int abandon(const RecoverOptions& options, const NotesIni& ini, const RecoveryJournalFile& file,
             const std::optional<RecoveryJournal>& journal) {
     std::vector<std::string> leftovers; // that would be removed
@@ -222,25 +229,12 @@ int abandon(const RecoverOptions& options, const NotesIni& ini, const RecoveryJo
     return static_cast<int>(ExitCode::complete);
 }
 
-// A dry run has no lock: it looks at a copy, which reading may cut.
-OwedDatabases copy_of_owed(const Store& store, const std::string& folder) {
-    constexpr std::size_t maximal_file = std::size_t{256} << 20;
-    std::string original = owed_file_of(store);
-    std::string copy = folder + "/owed.jsonl";
-    std::optional<std::string> content = read_small_file(AT_FDCWD, original, maximal_file);
-    int error = content ? replace_file(copy, *content) : errno == ENOENT ? 0 : errno;
-    if (error != 0)
-        throw ClientError(ExitCode::failed, "cannot look at the list of owed databases " +
-                                                for_terminal(original) + ": " +
-                                                system_error_text(error));
-    return OwedDatabases(copy);
-}
-
 int dry_run(const RecoverOptions& options, const OperationContext& context, RecoveryRequest request,
             const std::optional<RecoveryJournal>& journal) {
     request.log_folder_was_lost = journal && journal->log_folder_lost;
     TemporaryDirectory temporary(absolute_path(options.tmp_dir), context.ini.data_directory);
-    OwedDatabases owed = copy_of_owed(context.store, temporary.path());
+    // It has no lock: it looks at a copy, which reading may cut.
+    OwedDatabases owed(copy_owed(context.store, temporary.path()));
     LiveDatabases live(context);
     RecoveryPlan plan = make_recovery_plan(context.store, context.ini, request,
                                            {&live, &owed, journal ? &*journal : nullptr});
@@ -262,8 +256,15 @@ int dry_run(const RecoverOptions& options, const OperationContext& context, Reco
 int run_recover(const RecoverOptions& options) {
     install_interrupt_handlers();
     NotesIni ini = load_server(options, options.all || options.names.empty());
-    std::unique_ptr<Store> store = open_directory_store(
-        options.store, options.dry_run ? StoreAccess::read : StoreAccess::change);
+    bool begins = !options.names.empty() || options.all;
+    if (!options.state.empty() && begins && options.into.empty())
+        refuse_state();
+    // What goes on, or is given up, is there.
+    bool writes = !options.dry_run && (options.state.empty() || begins || exists(options.state));
+    std::unique_ptr<Store> store = open_store_or_state(
+        {options.state, options.store, ini.data_directory, writes},
+        options.into.empty() ? "`recover --into DIR --state DIR2` needs no right to write to it"
+                             : "keep what must be written elsewhere: --state DIR");
     store->use_server(ini.server_name);
     RecoveryJournalFile file(store->runtime_directory() + journal_name);
     std::optional<RecoveryJournal> journal = file.read();
@@ -275,6 +276,8 @@ int run_recover(const RecoverOptions& options) {
     origin.moved = request.moved;
     use_server(*store, ini, origin, !request.into.empty());
     check_time(request);
+    if (!options.state.empty() && request.into.empty())
+        refuse_state();
     FileDescriptor trace = open_trace_file(options.trace_file);
     OperationContext context{ini,         *store,         options.tmp_dir, options.module,
                              trace.get(), options.verbose};

@@ -2,7 +2,6 @@
 
 #include "client/catalogue.h"
 #include "client/commands/commands.h"
-#include "client/error.h"
 #include "client/log_chain.h"
 #include "client/output.h"
 #include "client/store/store.h"
@@ -12,18 +11,12 @@ namespace qrtln {
 
 int run_show(const StoreOptions& options) {
     std::unique_ptr<Store> store = open_directory_store(options.store, StoreAccess::read);
-    CatalogueEntry entry = load_set(*store, resolve_set(*store, options.set));
-    if (!entry.manifest)
-        throw ClientError(ExitCode::damage_found,
-                          "the manifest of the set " + for_terminal(entry.set) + " " +
-                              for_terminal(entry.problem),
-                          "`qrtln verify` tells what else is damaged");
+    Manifest manifest = require_set(*store, options.set);
     if (options.json) {
         // The manifest is the document: one form for scripts.
-        print_output(json_for_terminal(serialize(*entry.manifest)));
+        print_output(json_for_terminal(serialize(manifest)));
         return 0;
     }
-    const Manifest& manifest = *entry.manifest;
     std::string text =
         "set " + manifest.set + ": " + manifest.level + ", " + status_text(manifest) +
         "\nstarted " + utc_time(manifest.started) + ", ended " + utc_time(manifest.ended) +

@@ -12,6 +12,7 @@
 #include "client/text.h"
 
 #include <algorithm>
+#include <functional>
 #include <map>
 #include <set>
 
@@ -30,10 +31,32 @@ struct Verification {
     std::vector<std::string> information;
     std::set<std::string> servers; // that have sets
     SetLinks links;
+    std::vector<ClientError>
+        denied; // what this user may not read: nobody knows whether it is whole
     std::size_t sets = 0;
     std::size_t objects = 0;
     std::uint64_t bytes = 0;
 };
+
+// Whether nothing that `read` looks at is kept from this user; what is, is noted once.
+bool permitted(Verification& result, const std::function<void()>& read) {
+    try {
+        read();
+        return true;
+    } catch (const ClientError& failure) {
+        if (failure.exit_code() == static_cast<int>(ExitCode::damage_found)) {
+            result.damage.push_back({failure.what(), "(" + failure.hint() + ")", {}});
+            return false;
+        }
+        if (failure.exit_code() != static_cast<int>(ExitCode::no_permission))
+            throw;
+        if (std::none_of(result.denied.begin(), result.denied.end(), [&](const ClientError& known) {
+                return std::string_view(known.what()) == failure.what();
+            }))
+            result.denied.push_back(failure);
+        return false;
+    }
+}
 
 // The plain sizes that the sets give for each object: one, unless a manifest lies.
 using References = std::map<std::string, std::set<std::uint64_t>>;
@@ -43,7 +66,9 @@ References collect_references(Store& store, const std::vector<std::string>& sets
     References references;
     for (const std::string& set : sets) {
         throw_if_interrupted();
-        CatalogueEntry entry = load_set(store, set);
+        CatalogueEntry entry;
+        if (!permitted(result, [&] { entry = load_set(store, set); }))
+            continue;
         ++result.sets;
         if (!entry.manifest) {
             result.damage.push_back({"manifest of the set " + printable_utf8(set),
@@ -63,8 +88,13 @@ References collect_references(Store& store, const std::vector<std::string>& sets
 void check_objects(Store& store, const References& references, Verification& result,
                    std::map<std::string, std::size_t>& damaged) {
     for (const auto& [hash, sizes] : references) {
-        ObjectCheck check = store.read_object(hash, [](Bytes) { throw_if_interrupted(); });
+        ObjectCheck check;
+        bool read = permitted(result, [&, &object = hash] {
+            check = store.read_object(object, [](Bytes) { throw_if_interrupted(); });
+        });
         throw_if_interrupted();
+        if (!read)
+            continue;
         ++result.objects;
         result.bytes += check.size;
         if (check.problem.empty() && (sizes.size() != 1 || *sizes.begin() != check.size))
@@ -84,7 +114,8 @@ void name_items(Store& store, const std::vector<std::string>& sets, Verification
     if (damaged.empty())
         return;
     for (const std::string& set : sets) {
-        CatalogueEntry entry = load_set(store, set);
+        CatalogueEntry entry;
+        (void)permitted(result, [&] { entry = load_set(store, set); });
         if (!entry.manifest)
             continue;
         for (const ManifestItem& item : entry.manifest->items)
@@ -96,14 +127,10 @@ void name_items(Store& store, const std::vector<std::string>& sets, Verification
 // The index that the newest note of a server is about.
 void check_index(Store& store, const std::string& server, Verification& result) {
     std::string problem;
-    try {
-        store.use_server(server);
+    store.use_server(server);
+    problem = IndexGuard(store, server).problem();
+    if (!problem.empty()) // a backup that ended meanwhile changes index and note, one by one
         problem = IndexGuard(store, server).problem();
-        if (!problem.empty()) // a backup that ended meanwhile changes index and note, one by one
-            problem = IndexGuard(store, server).problem();
-    } catch (const ClientError& failure) {
-        problem = failure.what();
-    }
     bool told = std::any_of(result.damage.begin(), result.damage.end(),
                             [&](const Damage& damage) { return damage.what == problem; });
     if (!problem.empty() && !told)
@@ -114,18 +141,29 @@ void check_index(Store& store, const std::string& server, Verification& result) 
 void check_notes(Store& store, const std::vector<std::string>& sets, Verification& result) {
     for (const std::string& set : sets) {
         std::string problem;
-        if (!load_proof(store, set, problem) && !problem.empty())
+        bool read = permitted(result, [&] { (void)load_proof(store, set, problem); });
+        if (read && !problem.empty())
             result.damage.push_back({"the proof of the set " + set, problem, {}});
-        if (problem = index_note_problem(store, set); !problem.empty())
+        problem.clear();
+        if (permitted(result, [&] { problem = index_note_problem(store, set); }) &&
+            !problem.empty())
             result.damage.push_back({problem, "(a full backup leaves a new one)", {}});
     }
     for (const std::string& server : result.servers)
-        check_index(store, server, result);
+        permitted(result, [&] { check_index(store, server, result); });
 }
 
 int report(const Verification& result, bool json) {
-    int code =
-        static_cast<int>(result.damage.empty() ? ExitCode::complete : ExitCode::damage_found);
+    int code = static_cast<int>(!result.damage.empty()  ? ExitCode::damage_found
+                                : result.denied.empty() ? ExitCode::complete
+                                                        : ExitCode::no_permission);
+    nlohmann::json denied = nlohmann::json::array();
+    for (const ClientError& failure : result.denied)
+        denied.push_back(printable_utf8(failure.what()));
+    if (!result.denied.empty())
+        print_error(std::to_string(result.denied.size()) +
+                        " could not be checked: " + result.denied[0].what(),
+                    result.denied[0].hint());
     if (json) {
         nlohmann::json damage = nlohmann::json::array();
         for (const Damage& one : result.damage) {
@@ -136,11 +174,14 @@ int report(const Verification& result, bool json) {
         }
         print_json({{"command", "verify"},
                     {"exit_code", code},
-                    {"status", result.damage.empty() ? "whole" : "damaged"},
+                    {"status", !result.damage.empty()  ? "damaged"
+                               : result.denied.empty() ? "whole"
+                                                       : "no permission"},
                     {"sets", result.sets},
                     {"objects", result.objects},
                     {"bytes", result.bytes},
                     {"damage", damage},
+                    {"no_permission", denied},
                     {"information", result.information}});
         return code;
     }
@@ -150,12 +191,16 @@ int report(const Verification& result, bool json) {
         for (const auto& [set, path] : one.items)
             text += "  concerns " + for_terminal(set) + ": " + for_terminal(path) + "\n";
     }
+    for (const ClientError& failure : result.denied)
+        text += "no permission: " + std::string(failure.what()) + "\n";
     for (const std::string& line : result.information)
         text += "note: " + for_terminal(line) + "\n";
     text +=
         std::to_string(result.sets) + " sets, " + std::to_string(result.objects) + " objects, " +
         human_bytes(result.bytes) + " checked: " +
         (result.damage.empty() ? "no damage" : std::to_string(result.damage.size()) + " damaged") +
+        (result.denied.empty() ? ""
+                               : ", " + std::to_string(result.denied.size()) + " not checked") +
         "\n";
     print_output(text);
     return code;
@@ -179,7 +224,7 @@ int run_verify(const StoreOptions& options) {
     // unreferenced only because its manifest came after the look at the manifests.
     std::vector<std::string> objects;
     try {
-        objects = store->objects(&foreign);
+        (void)permitted(result, [&] { objects = store->objects(&foreign); });
     } catch (const ClientError& failure) { // what the sets refer to is looked at all the same
         result.damage.push_back({"objects", failure.what(), {}});
     }
@@ -188,7 +233,9 @@ int run_verify(const StoreOptions& options) {
     check_objects(*store, references, result, damaged);
     name_items(*store, sets, result, damaged);
     check_notes(*store, sets, result);
-    for (const MissingSet& missing : result.links.missing(*store, options.set.empty()))
+    std::vector<MissingSet> missing_sets;
+    permitted(result, [&] { missing_sets = result.links.missing(*store, options.set.empty()); });
+    for (const MissingSet& missing : missing_sets)
         result.damage.push_back(
             {"the set " + printable_utf8(missing.set), "is missing: " + missing.why, {}});
     if (options.set.empty()) {

@@ -1,6 +1,8 @@
 #include "client/store/directory_store.h"
 
 #include "client/error.h"
+#include "client/output.h"
+#include "client/permission.h"
 #include "client/server_identity.h"
 #include "client/store/canonical_json.h"
 #include "client/store/compression.h"
@@ -11,13 +13,10 @@
 #include <algorithm>
 #include <array>
 #include <cerrno>
-#include <charconv>
-#include <csignal>
 #include <cstdio>
 #include <ctime>
 #include <dirent.h>
 #include <fcntl.h>
-#include <sys/file.h>
 #include <sys/stat.h>
 
 namespace qrtln {
@@ -41,12 +40,14 @@ constexpr std::string_view temporary_suffix = ".tmp";
 constexpr std::size_t maximal_manifest = std::size_t{1} << 30;
 
 // Writes, flushes and closes a new file. Returns 0 or the errno, and then leaves nothing.
-int write_flushed(int folder, const std::string& name, const std::string& bytes) {
+// `owner` is the folder whose owner it belongs to when root writes it.
+int write_flushed(int folder, const std::string& name, const std::string& bytes, int owner) {
     ::unlinkat(folder, name.c_str(), 0);
     FileDescriptor file(
         ::openat(folder, name.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, 0600));
     if (!file)
         return errno;
+    (void)give_to_owner_of(owner, file.get());
     int error = write_all(file.get(), as_bytes(bytes));
     if (error == 0 && ::fsync(file.get()) != 0)
         error = errno;
@@ -84,6 +85,14 @@ std::string id_of(const nlohmann::json& format_document) {
     return id != format_document.end() && id->is_string() ? id->get<std::string>() : "";
 }
 
+// The full path of something in an open folder, for messages.
+std::string path_in(int folder, const std::string& name) {
+    std::error_code error;
+    std::string path =
+        std::filesystem::read_symlink("/proc/self/fd/" + std::to_string(folder), error).string();
+    return name == "." ? path : path + "/" + name;
+}
+
 std::string note_name(const std::string& set, SetNote note) {
     return set + std::string(note_suffixes[static_cast<std::size_t>(note)]);
 }
@@ -96,20 +105,6 @@ bool is_of_a_set(const std::string& name) {
         if (name.ends_with(suffix) && is_set_name(name.substr(0, name.size() - suffix.size())))
             return true;
     return false;
-}
-
-// Whether a file of the run-time data was being made when its run was killed: a sibling that was to
-// replace a document, or the module's working copy of its index, which ends in the number of its
-// process, or the copy of it that was to replace the index.
-bool is_unfinished(std::string_view name) {
-    constexpr std::string_view replacement = ".new";
-    if (name.ends_with(temporary_suffix))
-        return true;
-    if (name.ends_with(replacement))
-        name.remove_suffix(replacement.size());
-    std::size_t dot = name.rfind('.');
-    return dot != std::string_view::npos && dot + 1 < name.size() &&
-           name.find_first_not_of("0123456789", dot + 1) == std::string_view::npos;
 }
 
 } // namespace
@@ -137,7 +132,16 @@ std::string store_id_at(const std::string& directory) {
 
 std::unique_ptr<Store> open_directory_store(const std::string& directory, StoreAccess access,
                                             std::string* damage) {
-    return std::make_unique<DirectoryStore>(directory, access, damage);
+    auto store = std::make_unique<DirectoryStore>(directory, access, damage);
+    if (!store->warning().empty())
+        print_warnings({store->warning()});
+    return store;
+}
+
+std::unique_ptr<Store> open_store_with_state(const StateRequest& request) {
+    auto store = std::make_unique<DirectoryStore>(request.store, StoreAccess::read, nullptr);
+    store->keep_state_in(request);
+    return store;
 }
 
 DirectoryStore::DirectoryStore(const std::string& directory, StoreAccess access,
@@ -155,17 +159,20 @@ DirectoryStore::DirectoryStore(const std::string& directory, StoreAccess access,
         auto open_part = [&](const char* name) {
             FileDescriptor part(
                 ::openat(m_folder.get(), name, O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC));
+            int error = part ? 0 : errno;
+            throw_if_no_permission("open the folder", m_directory + "/" + name, error);
             if (!part)
                 throw ClientError(ExitCode::no_store,
                                   "cannot open the folder " + std::string(name) + " of " +
-                                      description() + ": " + system_error_text(errno));
+                                      description() + ": " + system_error_text(error));
             return part;
         };
         m_objects = open_part("objects");
         m_sets = open_part("sets");
         if (locks) {
-            if (::mkdirat(m_folder.get(), "runtime", 0700) != 0 && errno != EEXIST)
-                fail("create the folder runtime", errno);
+            if (int error = make_folder(m_folder.get(), "runtime", m_folder.get()); error != 0)
+                fail("create the folder runtime", error);
+            require_writable_folders();
             flush_skeleton();
             remove_leftovers();
         }
@@ -177,11 +184,26 @@ DirectoryStore::DirectoryStore(const std::string& directory, StoreAccess access,
 
 DirectoryStore::~DirectoryStore() = default;
 
+void DirectoryStore::keep_state_in(const StateRequest& request) {
+    m_state.emplace(request);
+}
+
+// Before a backup has done its work, not when its first object is there.
+void DirectoryStore::require_writable_folders() const {
+    for (const char* name : skeleton_folders)
+        if (::faccessat(m_folder.get(), name, R_OK | W_OK | X_OK, AT_EACCESS) != 0)
+            fail("write to the folder", errno, name);
+}
+
 std::string DirectoryStore::description() const {
     return "the store " + for_terminal(m_directory);
 }
 
 std::string DirectoryStore::runtime_directory() const {
+    return m_state ? m_state->runtime_directory() : m_runtime;
+}
+
+std::string DirectoryStore::stored_runtime_directory() const {
     return m_runtime;
 }
 
@@ -195,7 +217,12 @@ void DirectoryStore::use_server(const std::string& server) {
 // A folder that cannot be read is not one without files.
 std::vector<std::string> DirectoryStore::list_folder(int folder, const std::string& name) const {
     std::vector<std::string> names;
-    auto fail_to_list = [&] { fail("list the folder " + name, errno); };
+    auto fail_to_list = [&] {
+        int error = errno;
+        std::string path = path_in(folder, name);
+        throw_if_no_permission("list the folder", path, error);
+        fail("list the folder " + name_of(path), error);
+    };
     int fd = ::openat(folder, name.c_str(), O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC);
     if (fd < 0)
         fail_to_list();
@@ -222,8 +249,10 @@ bool DirectoryStore::exists(int folder, const std::string& name) const {
     struct stat status {};
     if (::fstatat(folder, name.c_str(), &status, AT_SYMLINK_NOFOLLOW) == 0)
         return true;
-    if (errno != ENOENT)
-        fail("look at " + name, errno);
+    if (int error = errno; error != ENOENT) {
+        throw_if_no_permission("look at a file", path_in(folder, name), error);
+        fail("look at " + name, error);
+    }
     return false;
 }
 
@@ -243,14 +272,15 @@ bool DirectoryStore::is_unfinished_skeleton() const {
     return true;
 }
 
-void DirectoryStore::fail(const std::string& doing, int error) const {
+void DirectoryStore::fail(const std::string& doing, int error, const std::string& name) const {
+    throw_if_no_permission(doing, m_directory + (name.empty() ? "" : "/") + name, error, true);
     std::string hint;
     if (error == ENOSPC || error == EDQUOT)
         hint = "make room on its file system; nothing of this run is kept there";
     else if (error == EIO)
         hint = "check the disk, then run `qrtln verify`";
-    else if (error == EROFS || error == EACCES || error == EPERM)
-        hint = "the store must be writable by the user that runs the backup";
+    else if (error == EROFS)
+        hint = "the file system of the store can only be read";
     else if (error == EFBIG)
         hint = "raise the file size limit of the process (ulimit -f)";
     throw ClientError(ExitCode::failed,
@@ -278,9 +308,12 @@ void DirectoryStore::open_folder(StoreAccess access) {
                           "there is no store at " + for_terminal(m_directory) + ": " +
                               system_error_text(errno),
                           "`qrtln backup` creates a store in a new or empty folder");
-    if (!m_folder)
+    if (!m_folder) {
+        int error = errno;
+        throw_if_no_permission("open the store", m_directory, error);
         throw ClientError(ExitCode::failed,
-                          "cannot open " + description() + ": " + system_error_text(errno));
+                          "cannot open " + description() + ": " + system_error_text(error));
+    }
     if (exists(m_folder.get(), format_file))
         return;
     if (access != StoreAccess::write)
@@ -296,61 +329,35 @@ void DirectoryStore::open_folder(StoreAccess access) {
 }
 
 void DirectoryStore::lock() {
-    for (;;) {
-        m_lock = FileDescriptor(
-            ::openat(m_folder.get(), lock_file, O_RDWR | O_CREAT | O_NOFOLLOW | O_CLOEXEC, 0600));
-        if (!m_lock)
-            fail("open the lock file", errno);
-        if (::flock(m_lock.get(), LOCK_EX | LOCK_NB) != 0) {
-            int error = errno;
-            if (error != EWOULDBLOCK)
-                fail("lock the lock file", error);
-            std::string holder(32, '\0');
-            ssize_t got = ::pread(m_lock.get(), holder.data(), holder.size(), 0);
-            holder.resize(got > 0 ? static_cast<std::size_t>(got) : 0);
+    try {
+        m_lock =
+            lock_folder(m_folder.get(), description(), [this](const std::string& doing, int error) {
+                fail(doing, error, lock_file);
+            });
+    } catch (const ClientError& failure) {
+        if (failure.exit_code() == static_cast<int>(ExitCode::locked))
             m_folder_created = false;
-            pid_t process = 0; // what the file says need not be one
-            (void)std::from_chars(holder.data(), holder.data() + holder.size(), process);
-            std::string who =
-                process > 0 ? "process " + std::to_string(process) : "another process";
-            bool gone = process > 0 && ::kill(process, 0) != 0 && errno == ESRCH;
-            throw ClientError(ExitCode::locked,
-                              description() + " is locked by " + who +
-                                  (gone ? ", which ended: its child still closes the operation on "
-                                          "the server"
-                                        : ""),
-                              "wait until it has ended");
-        }
-        // A run that created a store and failed removes the lock file: then this is the wrong one.
-        struct stat locked {};
-        struct stat named {};
-        if (::fstat(m_lock.get(), &locked) != 0)
-            fail("look at the lock file", errno);
-        if (::fstatat(m_folder.get(), lock_file, &named, AT_SYMLINK_NOFOLLOW) != 0) {
-            if (errno != ENOENT)
-                fail("look at the lock file", errno);
-        } else if (locked.st_ino == named.st_ino && locked.st_dev == named.st_dev) {
-            break;
-        }
+        throw;
     }
-    // The number only helps the message above; a store that is full still locks.
-    std::string pid = std::to_string(::getpid()) + "\n";
-    if (::ftruncate(m_lock.get(), 0) == 0)
-        (void)!::pwrite(m_lock.get(), pid.data(), pid.size(), 0);
+    bool given = give_to_owner_of(m_folder.get(), m_lock.get()) == 0;
+    struct stat status {};
+    if (::fstat(m_folder.get(), &status) == 0)
+        m_warning = other_owner_warning(m_directory, status.st_uid, given && ::geteuid() == 0);
 }
 
 void DirectoryStore::create_skeleton() {
     m_skeleton_created = true;
     for (const char* name : skeleton_folders)
-        if (::mkdirat(m_folder.get(), name, 0700) != 0 && errno != EEXIST)
-            fail("create the folder " + std::string(name), errno);
+        if (int error = make_folder(m_folder.get(), name, m_folder.get()); error != 0)
+            fail("create the folder " + std::string(name), error);
     // The format file comes last, also on the disk: without it the folder is no store, and with it
     // the folders are there.
     if (int error = flush_folder(m_folder.get()); error != 0)
         fail("flush the folder", error);
     std::string content =
         to_canonical({{"format", store_format}, {"type", "qrtln store"}, {"id", new_store_id()}});
-    if (int error = write_flushed(m_folder.get(), format_temporary, content); error != 0)
+    if (int error = write_flushed(m_folder.get(), format_temporary, content, m_folder.get());
+        error != 0)
         fail("write store.json", error);
     if (::renameat(m_folder.get(), format_temporary, m_folder.get(), format_file) != 0)
         fail("put store.json in place", errno);
@@ -370,8 +377,10 @@ void DirectoryStore::check_format(std::string* damage) {
     std::string problem;
     std::optional<std::string> bytes =
         read_small_file(m_folder.get(), format_file, maximal_format_file);
-    if (!bytes)
-        problem = "cannot be read: " + system_error_text(errno);
+    if (int error = bytes ? 0 : errno; error != 0) {
+        throw_if_no_permission("read store.json", m_directory + "/" + format_file, error);
+        problem = "cannot be read: " + system_error_text(error);
+    }
     std::optional<nlohmann::json> document;
     if (bytes)
         document = from_canonical(*bytes, problem);
@@ -431,8 +440,11 @@ ObjectCheck DirectoryStore::read_object(const std::string& hash,
                                  O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC));
     struct stat status {};
     if (!file || ::fstat(file.get(), &status) != 0) {
+        int error = errno;
+        throw_if_no_permission("read an object", m_directory + "/objects/" + object_file_name(hash),
+                               error);
         check.problem =
-            errno == ENOENT ? "is missing" : "cannot be opened: " + system_error_text(errno);
+            error == ENOENT ? "is missing" : "cannot be opened: " + system_error_text(error);
         return check;
     }
     if (!S_ISREG(status.st_mode)) {
@@ -533,10 +545,12 @@ void DirectoryStore::forget_set(const std::string& set, const std::string& serve
 
 std::optional<std::string> DirectoryStore::read_manifest(const std::string& set,
                                                          std::string& problem) {
-    std::optional<std::string> bytes =
-        read_small_file(m_sets.get(), set + std::string(manifest_suffix), maximal_manifest);
+    std::string name = set + std::string(manifest_suffix);
+    std::optional<std::string> bytes = read_small_file(m_sets.get(), name, maximal_manifest);
+    int error = bytes ? 0 : errno;
+    throw_if_no_permission("read the manifest", m_directory + "/sets/" + name, error);
     if (!bytes)
-        problem = errno == ENOENT ? "is missing" : "cannot be read: " + system_error_text(errno);
+        problem = error == ENOENT ? "is missing" : "cannot be read: " + system_error_text(error);
     return bytes;
 }
 
@@ -550,14 +564,29 @@ void DirectoryStore::rewrite_manifest(const std::string& set, const std::string&
 
 std::optional<std::string> DirectoryStore::read_note(const std::string& set, SetNote note,
                                                      std::string& problem) {
-    std::optional<std::string> bytes =
-        read_small_file(m_sets.get(), note_name(set, note), maximal_manifest);
-    problem = bytes || errno == ENOENT ? "" : "cannot be read: " + system_error_text(errno);
+    std::string name = note_name(set, note);
+    std::optional<std::string> bytes;
+    if (m_state)
+        bytes = read_small_file(AT_FDCWD, m_state->file(name), maximal_manifest);
+    if (!bytes)
+        bytes = read_small_file(m_sets.get(), name, maximal_manifest);
+    int error = bytes ? 0 : errno;
+    throw_if_no_permission("read a note", m_directory + "/sets/" + name, error);
+    problem = bytes || error == ENOENT ? "" : "cannot be read: " + system_error_text(error);
     return bytes;
 }
 
-void DirectoryStore::write_note(const std::string& set, SetNote note, const std::string& bytes) {
-    write_document(note_name(set, note), note_name(set, note), bytes, true);
+std::string DirectoryStore::write_note(const std::string& set, SetNote note,
+                                       const std::string& bytes) {
+    std::string name = note_name(set, note);
+    if (!m_state) {
+        write_document(name, name, bytes, true);
+        return m_directory + "/sets/" + name;
+    }
+    if (int error = replace_file(m_state->file(name), bytes); error != 0)
+        throw ClientError(ExitCode::failed, "cannot write " + for_terminal(m_state->file(name)) +
+                                                ": " + system_error_text(error));
+    return m_state->file(name);
 }
 
 // A document about a set, so that a crash leaves the old state or the new one.
@@ -566,8 +595,8 @@ void DirectoryStore::write_document(const std::string& name, const std::string& 
     std::string temporary = name + std::string(temporary_suffix);
     int sets = m_sets.get();
     bool replaces = may_replace && exists(sets, name);
-    if (int error = write_flushed(sets, temporary, bytes); error != 0)
-        fail("write " + what, error);
+    if (int error = write_flushed(sets, temporary, bytes, m_folder.get()); error != 0)
+        fail("write " + what, error, "sets");
     int error = 0;
     if (!may_replace)
         error = rename_to_new(sets, temporary, name);
@@ -575,7 +604,7 @@ void DirectoryStore::write_document(const std::string& name, const std::string& 
         error = errno;
     if (error != 0) {
         ::unlinkat(sets, temporary.c_str(), 0);
-        fail("put " + what + " in place", error);
+        fail("put " + what + " in place", error, "sets");
     }
     error = flush_folder(sets);
     if (error != 0) {

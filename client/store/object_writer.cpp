@@ -1,5 +1,7 @@
 #include "client/store/object_writer.h"
 
+#include "client/permission.h"
+
 #include <algorithm>
 #include <cerrno>
 #include <fcntl.h>
@@ -39,8 +41,9 @@ DirectoryObjectWriter::DirectoryObjectWriter(DirectoryStore& store)
                                      O_RDWR | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, 0600));
     if (!m_file) {
         m_temporary.clear();
-        store.fail("create an object", errno);
+        store.fail("create an object", errno, "objects");
     }
+    (void)give_to_owner_of(store.m_folder.get(), m_file.get());
 }
 
 DirectoryObjectWriter::~DirectoryObjectWriter() {
@@ -105,10 +108,10 @@ StoredObject DirectoryObjectWriter::finish() {
         m_store.fail("flush an object", errno);
     if (int error = m_file.close_checked(); error != 0)
         m_store.fail("close an object", error);
-    if (::mkdirat(objects, folder.c_str(), 0700) != 0 && errno != EEXIST)
-        m_store.fail("create a folder for objects", errno);
+    if (int error = make_folder(objects, folder, m_store.m_folder.get()); error != 0)
+        m_store.fail("create a folder for objects", error, "objects");
     if (::renameat(objects, m_temporary.c_str(), objects, name.c_str()) != 0)
-        m_store.fail("put an object in place", errno);
+        m_store.fail("put an object in place", errno, "objects/" + folder);
     m_temporary.clear();
     object.added = true;
     // A mended object belongs to older sets: it is not taken back with this run.

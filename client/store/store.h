@@ -52,9 +52,12 @@ class Store {
     virtual std::string location() const = 0;
     // Made by chance when the store was; empty for stores of earlier releases.
     virtual std::string id() const = 0;
-    // The folder of the run-time data of a server, the module's and the client's; an absolute path
-    // on this machine. Until use_server() that of the server which used the store first.
+    // The folder of the run-time data of this run: the module's, and what a command has under way.
+    // An absolute path on this machine; in the store, or where it is opened with a folder for
+    // state, in that.
     virtual std::string runtime_directory() const = 0;
+    // The one in the store, always: until use_server() that of the server which used it first.
+    virtual std::string stored_runtime_directory() const = 0;
     // Chooses the server by its name; a store that is opened for writing makes its folder. Throws
     // ClientError.
     virtual void use_server(const std::string& server) = 0;
@@ -83,7 +86,8 @@ class Store {
     // Writes down that the set is forgotten, flushed, then removes its manifest and notes, as far
     // as they are there. Its objects stay. Throws ClientError.
     virtual void forget_set(const std::string& set, const std::string& server) = 0;
-    // The bytes of a manifest, or nothing with `problem` set.
+    // The bytes of a manifest, or nothing with `problem` set. This and everything else that reads
+    // throws ClientError(no_permission) for what this user may not read: that is no damage.
     virtual std::optional<std::string> read_manifest(const std::string& set,
                                                      std::string& problem) = 0;
     // Stores the manifest of a new set so that a crash leaves nothing or the whole, flushed to
@@ -93,10 +97,11 @@ class Store {
     virtual void rewrite_manifest(const std::string& set, const std::string& bytes) = 0;
 
     // The bytes of a note beside a set; nothing, without a problem, when there is none. Written as
-    // manifests are.
+    // manifests are, also with a folder for state, in that. Returns the file's full path.
     virtual std::optional<std::string> read_note(const std::string& set, SetNote note,
                                                  std::string& problem) = 0;
-    virtual void write_note(const std::string& set, SetNote note, const std::string& bytes) = 0;
+    virtual std::string write_note(const std::string& set, SetNote note,
+                                   const std::string& bytes) = 0;
 
     // --- the run
     // Flushes every folder that a finished object went to. Throws ClientError.
@@ -118,12 +123,19 @@ enum class StoreAccess {
     change,       // locked likewise, but never created
 };
 
-// Opens the store in the folder `directory`. Throws ClientError: no_store, locked, failed.
+// Opens the store in the folder `directory`. Throws ClientError: no_store, locked, no_permission,
+// failed. Warns when this user writes to the store of another.
 // In `damage`, when given, read_damaged leaves what is wrong with store.json.
 std::unique_ptr<Store> open_directory_store(const std::string& directory, StoreAccess access,
                                             std::string* damage = nullptr);
 
 // The id of the store in a folder; empty where there is none, or it has none.
 std::string store_id_at(const std::string& directory);
+struct StateRequest;
+
+// Opens a store for reading that may be used by others, or be on a medium that can only be read;
+// what must be written, notes and run-time data, goes to a folder elsewhere. Throws as
+// open_directory_store and StateFolder do.
+std::unique_ptr<Store> open_store_with_state(const StateRequest& request);
 
 } // namespace qrtln

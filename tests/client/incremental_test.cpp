@@ -406,7 +406,7 @@ TEST_F(Incremental, SetsThatAreGoneAreToldAndNothingBuildsOnWhatIsLeft) {
         const std::string name = m_store + "/sets/" + set;
         const std::string manifest = read_file(name + ".json");
         fs::remove(name + ".json");
-        for (const std::string& command : {"verify", "list"}) {
+        for (const char* command : {"verify", "list"}) {
             Outcome told = run_client({command, "--store", m_store}, {});
             EXPECT_EQ(told.exit_code, 4);
             EXPECT_THAT(told.output + told.errors, HasSubstr("the set " + set + " is missing"));

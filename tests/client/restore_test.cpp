@@ -230,24 +230,6 @@ TEST_F(Restore, TheWholeSystemComesBackFromTheFullSetAndWhatFollowedIt) {
     EXPECT_THAT(m_errors, HasSubstr("--at " + second.substr(0, 16)));
 }
 
-TEST_F(Restore, AFlippedBitLeavesTheLiveDatabaseUntouched) {
-    std::string set = full_backup();
-    put("mail/user1.nsf");
-    std::string before = read_file(m_user1);
-    flip_a_bit(object_file(set, m_user1));
-    for (const char* how : {"--activate", "--verbose"}) {
-        json done = restore(4, {"mail", how});
-        EXPECT_EQ(done["result"]["damaged"][0]["path"], m_user1);
-        EXPECT_EQ(read_file(m_user1), before);
-        EXPECT_EQ(shown("mail/user1.nsf")["integrity"], "ok");
-    }
-    std::string to = m_scratch / "to";
-    restore(4, {"mail", "--to", to});
-    EXPECT_FALSE(fs::exists(to + m_user1));
-    EXPECT_TRUE(fs::exists(to + m_data + "/mail/user2.nsf"));
-    EXPECT_THAT(snapshot(to + m_data + "/mail"), SizeIs(2)); // no leftover
-}
-
 TEST_F(Restore, AnObjectOfAnotherSizeThanTheSetTellsIsDamage) {
     std::string set = full_backup();
     std::string before = read_file(m_user1);

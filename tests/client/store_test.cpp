@@ -90,25 +90,6 @@ Manifest sample_manifest(const std::string& set) {
     return manifest;
 }
 
-TEST(DirectoryStore, GivesBackWhatWasPutAndKeepsTheSameBytesOnce) {
-    ScratchFolder scratch;
-    auto store = open_store(scratch);
-    for (const std::string& content : {std::string(), std::string("a"),
-                                       std::string(10'000'000, 'z'), random_bytes(3'000'000, 1)}) {
-        StoredObject first = put(*store, content);
-        EXPECT_TRUE(first.added);
-        EXPECT_EQ(first.size, content.size());
-        EXPECT_EQ(first.hash, sha256_hex(content));
-        EXPECT_EQ(first.stored_size, fs::file_size(object_file(scratch, first.hash)));
-        StoredObject second = put(*store, content);
-        EXPECT_FALSE(second.added);
-        EXPECT_EQ(second.stored_size, first.stored_size);
-        EXPECT_TRUE(get(*store, first.hash) == content);
-    }
-    EXPECT_EQ(store->objects().size(), 4U);
-    EXPECT_EQ(fs::status(scratch / "store").permissions(), fs::perms::owner_all);
-}
-
 TEST(DirectoryStore, FindsAFlippedBitAnywhereInAnObjectAndMendsItWithTheNextCopy) {
     ScratchFolder scratch;
     std::string content = random_bytes(3000, 2);

@@ -1,0 +1,70 @@
+// `qrtln dump SET PATH`: one content on standard output.
+
+#include "client/catalogue.h"
+#include "client/commands/commands.h"
+#include "client/error.h"
+#include "client/interrupt.h"
+#include "client/object_content.h"
+#include "client/set_items.h"
+#include "client/store/store.h"
+#include "client/text.h"
+
+#include <unistd.h>
+
+namespace qrtln {
+
+namespace {
+
+constexpr const char* not_to_be_used = "; the output is not to be used";
+
+const ManifestItem& only_content(const Manifest& manifest, const std::string& given) {
+    std::vector<const ManifestItem*> items = items_named(manifest, given, "dump");
+    const ManifestItem& item = *items[0];
+    if (items.size() > 1 || item.kind == ItemKind::directory)
+        throw ClientError(ExitCode::failed,
+                          "'" + for_terminal(given) + "' is a folder in the set " + manifest.set +
+                              ": dump writes one content",
+                          "`qrtln extract` writes what is below a folder to another one");
+    if (item.status != ItemStatus::stored)
+        throw ClientError(ExitCode::failed, for_terminal(item.path) + " is not in the set " +
+                                                manifest.set + ": " + for_terminal(item.reason));
+    return item;
+}
+
+} // namespace
+
+int run_dump(const DumpOptions& options) {
+    install_interrupt_handlers();
+    if (::isatty(STDOUT_FILENO) == 1)
+        throw ClientError(ExitCode::usage,
+                          "dump writes the bytes of a database, which are not for a terminal",
+                          "redirect them: `qrtln dump … > FILE`");
+    std::unique_ptr<Store> store = open_directory_store(options.store, StoreAccess::read);
+    Manifest manifest = require_set(*store, options.set);
+    const ManifestItem& item = only_content(manifest, options.path);
+    WrittenContent written;
+    try {
+        written = read_content(*store, item, [](Bytes bytes) {
+            throw_if_interrupted();
+            int error = write_all(STDOUT_FILENO, bytes);
+            return error == 0 ? std::string() : system_error_text(error);
+        });
+        // Some file systems tell only now that there was no room.
+        if (written.whole() && ::close(STDOUT_FILENO) != 0 && errno != EINTR)
+            written.problem = system_error_text(errno);
+    } catch (const ClientError& failure) {
+        throw ClientError(failure.exit_code(), failure.what() + std::string(not_to_be_used),
+                          failure.hint());
+    }
+    if (!written.problem.empty())
+        throw ClientError(ExitCode::failed,
+                          "cannot write to standard output: " + written.problem + not_to_be_used);
+    if (!written.damage.empty())
+        throw ClientError(ExitCode::damage_found,
+                          for_terminal(item.path) + " is damaged in the store: " +
+                              for_terminal(written.damage) + not_to_be_used,
+                          "`qrtln verify` tells more; an older set may have a whole copy");
+    return static_cast<int>(ExitCode::complete);
+}
+
+} // namespace qrtln

@@ -1,0 +1,44 @@
+#include "client/created_folders.h"
+
+#include "client/error.h"
+
+#include <unistd.h>
+
+namespace qrtln {
+
+FolderCreated CreatedFolders::callback(const std::string& root) {
+    return [this, root](int fd, const std::string& relative) {
+        struct stat above {};
+        if (::fstatat(fd, "..", &above, 0) == 0) {
+            if (::geteuid() == 0 && ::fchown(fd, above.st_uid, above.st_gid) != 0)
+                m_warnings.push_back(std::string("cannot set the owner of ")
+                                         .append(root)
+                                         .append("/")
+                                         .append(relative)
+                                         .append(": ")
+                                         .append(system_error_text(errno)));
+            (void)::fchmod(fd, above.st_mode & 0777);
+        }
+        m_created.emplace_back(root, relative);
+    };
+}
+
+void CreatedFolders::give_metadata_back(
+    const std::function<const ManifestItem*(const std::string& root, const std::string& relative)>&
+        original) {
+    for (auto created = m_created.rbegin(); created != m_created.rend(); ++created) {
+        const auto& [root, relative] = *created;
+        const ManifestItem* item = original(root, relative);
+        if (item == nullptr)
+            continue;
+        std::string problem;
+        FileDescriptor folder = SafeFolder(root).open_folder(relative, problem);
+        if (folder)
+            problem = apply_metadata(folder.get(), *item);
+        if (!problem.empty())
+            m_warnings.push_back(
+                std::string(root).append("/").append(relative).append(": ").append(problem));
+    }
+}
+
+} // namespace qrtln

@@ -1,0 +1,164 @@
+#include "client/store/state_folder.h"
+
+#include "client/error.h"
+#include "client/permission.h"
+#include "client/text.h"
+
+#include <cerrno>
+#include <charconv>
+#include <csignal>
+#include <dirent.h>
+#include <fcntl.h>
+#include <memory>
+#include <sys/file.h>
+#include <sys/stat.h>
+#include <vector>
+
+namespace qrtln {
+
+namespace {
+
+constexpr const char* lock_file = "lock";
+constexpr std::string_view temporary_suffix = ".tmp";
+constexpr std::string_view unfinished_proof_suffix = ".proof.tmp";
+
+[[noreturn]] void fail_state(const std::string& directory, const std::string& why,
+                             const std::string& hint = {}) {
+    throw ClientError(ExitCode::failed,
+                      "cannot use the folder " + for_terminal(directory) + " of --state: " + why,
+                      hint);
+}
+
+std::vector<std::string> names_in(const std::string& directory) {
+    std::vector<std::string> names;
+    std::unique_ptr<DIR, int (*)(DIR*)> listing(::opendir(directory.c_str()), ::closedir);
+    if (!listing)
+        fail_state(directory, system_error_text(errno));
+    for (errno = 0; const dirent* entry = ::readdir(listing.get()); errno = 0)
+        if (std::string_view name = entry->d_name; name != "." && name != "..")
+            names.emplace_back(name);
+    if (errno != 0)
+        fail_state(directory, system_error_text(errno));
+    return names;
+}
+
+// An earlier run made both; what else is there since then, as below a folder for temporary files,
+// does no harm. A store has them, too.
+void require_new_or_ours(const std::string& given, const std::string& directory) {
+    std::vector<std::string> names = names_in(directory);
+    bool ours = exists(directory + "/" + lock_file) && exists(directory + "/runtime") &&
+                !exists(directory + "/store.json");
+    std::erase_if(names, [](const std::string& name) { // of one that is being made
+        return name == lock_file || name == "runtime";
+    });
+    if (!ours && !names.empty())
+        fail_state(given, "it is not empty, and '" + for_terminal(names[0]) + "' is no state",
+                   "name a new or empty folder, or the one of an earlier run");
+}
+
+void remove_leftovers(const std::string& directory) {
+    for (const std::string& name : names_in(directory))
+        if (name.ends_with(unfinished_proof_suffix))
+            ::unlink((directory + "/" + name).c_str());
+    for (const std::string& name : names_in(directory + "/runtime"))
+        if (is_unfinished(name))
+            ::unlink((directory + "/runtime/" + name).c_str());
+}
+
+} // namespace
+
+FileDescriptor lock_folder(int folder, const std::string& description,
+                           const std::function<void(const std::string& doing, int error)>& fail) {
+    FileDescriptor lock;
+    for (;;) {
+        lock = FileDescriptor(
+            ::openat(folder, lock_file, O_RDWR | O_CREAT | O_NOFOLLOW | O_CLOEXEC, 0600));
+        if (!lock)
+            fail("open the lock file", errno);
+        if (::flock(lock.get(), LOCK_EX | LOCK_NB) != 0) {
+            int error = errno;
+            if (error != EWOULDBLOCK)
+                fail("lock the lock file", error);
+            std::string holder(32, '\0');
+            ssize_t got = ::pread(lock.get(), holder.data(), holder.size(), 0);
+            holder.resize(got > 0 ? static_cast<std::size_t>(got) : 0);
+            pid_t process = 0; // what the file says need not be one
+            (void)std::from_chars(holder.data(), holder.data() + holder.size(), process);
+            std::string who =
+                process > 0 ? "process " + std::to_string(process) : "another process";
+            bool gone = process > 0 && ::kill(process, 0) != 0 && errno == ESRCH;
+            throw ClientError(ExitCode::locked,
+                              description + " is locked by " + who +
+                                  (gone ? ", which ended: its child still closes the operation on "
+                                          "the server"
+                                        : ""),
+                              "wait until it has ended");
+        }
+        // A run that created a store and failed removes the lock file: then this is the wrong one.
+        struct stat locked {};
+        struct stat named {};
+        if (::fstat(lock.get(), &locked) != 0)
+            fail("look at the lock file", errno);
+        if (::fstatat(folder, lock_file, &named, AT_SYMLINK_NOFOLLOW) != 0) {
+            if (errno != ENOENT)
+                fail("look at the lock file", errno);
+        } else if (locked.st_ino == named.st_ino && locked.st_dev == named.st_dev) {
+            break;
+        }
+    }
+    // The number only helps the message above; a store that is full still locks.
+    std::string pid = std::to_string(::getpid()) + "\n";
+    if (::ftruncate(lock.get(), 0) == 0)
+        (void)!::pwrite(lock.get(), pid.data(), pid.size(), 0);
+    return lock;
+}
+
+bool is_unfinished(std::string_view name) {
+    constexpr std::string_view replacement = ".new";
+    if (name.ends_with(temporary_suffix))
+        return true;
+    if (name.ends_with(replacement))
+        name.remove_suffix(replacement.size());
+    std::size_t dot = name.rfind('.');
+    return dot != std::string_view::npos && dot + 1 < name.size() &&
+           name.find_first_not_of("0123456789", dot + 1) == std::string_view::npos;
+}
+
+StateFolder::StateFolder(const StateRequest& request) {
+    std::string given = absolute_path(request.directory);
+    std::optional<std::string> real = real_path_of_new(given);
+    if (int error = real ? 0 : errno; error != 0)
+        fail_state(given, system_error_text(error),
+                   error == ENOENT ? "create the folder above it first" : "");
+    m_directory = *real;
+    for (const auto& [other, what] : {std::pair{request.store, "the store"},
+                                      std::pair{request.data_directory, "the data directory"}})
+        if (lies_in(m_directory, other))
+            fail_state(given, std::string("it is inside ") + what,
+                       "name a folder elsewhere with --state");
+    if (!request.writes && !exists(m_directory))
+        return;
+    if (request.writes && ::mkdir(m_directory.c_str(), 0700) != 0 && errno != EEXIST)
+        fail_state(given, system_error_text(errno));
+    require_new_or_ours(given, m_directory);
+    if (!request.writes)
+        return;
+    auto fail = [&](const std::string& doing, int error) {
+        fail_state(given, "cannot " + doing + ": " + system_error_text(error));
+    };
+    FileDescriptor folder(::open(m_directory.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+    if (!folder)
+        fail("open it", errno);
+    m_lock = lock_folder(folder.get(), "the folder " + for_terminal(given) + " of --state", fail);
+    if (::mkdirat(folder.get(), "runtime", 0700) != 0 && errno != EEXIST)
+        fail("create the folder runtime", errno);
+    // What a run leaves unfinished on the server is only known from here.
+    int error = flush_folder(folder.get());
+    if (error == 0)
+        error = flush_directory(AT_FDCWD, folder_of(m_directory));
+    if (error != 0 && error != EACCES)
+        fail("flush it", error);
+    remove_leftovers(m_directory);
+}
+
+} // namespace qrtln

@@ -1,0 +1,45 @@
+// A folder that keeps what a command must write while its store can only be read.
+#pragma once
+
+#include "client/file_io.h"
+
+#include <functional>
+#include <string>
+#include <string_view>
+
+namespace qrtln {
+
+// Takes the exclusive lock on the file `lock` in a folder, which is created, and writes this
+// process into it. `description` is the folder in words. Throws ClientError(locked), or as `fail`
+// does, which gets what was being done and the errno.
+FileDescriptor lock_folder(int folder, const std::string& description,
+                           const std::function<void(const std::string& doing, int error)>& fail);
+
+// Whether a file of the run-time data was being made when its run was killed: a sibling that was to
+// replace a document, or the module's working copy of its index, which ends in the number of its
+// process, or the copy of it that was to replace the index.
+bool is_unfinished(std::string_view name);
+
+struct StateRequest {
+    std::string directory;      // --state
+    std::string store;          // may not hold it
+    std::string data_directory; // nor may that
+    bool writes = true;         // else it is only looked at, and need not exist
+};
+
+class StateFolder {
+  public:
+    // Makes the folder, of mode 0700, and locks it, if the request writes. One that is there must
+    // be empty or have been made so. Throws ClientError: locked, failed.
+    explicit StateFolder(const StateRequest& request);
+
+    // Absolute.
+    std::string runtime_directory() const { return m_directory + "/runtime"; }
+    std::string file(const std::string& name) const { return m_directory + "/" + name; }
+
+  private:
+    std::string m_directory; // without symbolic links
+    FileDescriptor m_lock;
+};
+
+} // namespace qrtln

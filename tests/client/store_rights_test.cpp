@@ -1,0 +1,117 @@
+// What comes out of a store where there is no server, no right to write, or no right to read.
+#ifdef QRTLN_DOMINO_SIM
+
+#include "client/recovery_journal.h"
+#include "client/store/digest.h"
+#include "client/store/state_folder.h"
+#include "tests/client/simulated_server.h"
+
+#include <sys/mount.h>
+
+namespace qrtln {
+namespace fs = std::filesystem;
+using testing::HasSubstr;
+
+class StoreRights : public test::OverTheSimulator {
+  protected:
+    // Runs the client, as root that may not pass over rights where it is root.
+    void expect(const std::string& words, int code, const std::vector<std::string>& texts) {
+        std::string may =
+            ::geteuid() == 0 ? "setpriv --bounding-set=-dac_override,-dac_read_search " : "";
+        int status = std::system((may + QRTLN_EXECUTABLE " " + words + " --store " + m_store +
+                                  " 2>" + m_err + " >" + m_out)
+                                     .c_str());
+        EXPECT_EQ(WEXITSTATUS(status), code) << words << test::read_file(m_err);
+        for (const std::string& text : texts)
+            EXPECT_THAT(test::read_file(m_err), HasSubstr(text)) << words;
+    }
+    std::string m_out = m_scratch / "output", m_err = m_scratch / "errors", m_to = m_scratch / "to";
+    std::string m_data = m_server + "/data/";
+};
+
+TEST_F(StoreRights, ExtractAndDumpNeedNothingButTheStoreAndWriteOnlyWhatIsWhole) {
+    const std::string full = full_backup(), incr = full_backup({"--level", "incr"});
+    ManifestItem names = item(full, m_data + "names.nsf");
+    fs::rename(m_server, m_server + ".lost");
+    flip_a_bit(object_file(full, m_data + "mail/user2.nsf"));
+    Manifest hostile = manifest(full);
+    hostile.set = "20991231T000000Z-copy";
+    hostile.items = {names, names, names};
+    hostile.items[1].path = m_data + "../../../" + m_scratch / "escaped";
+    hostile.items[2].path = m_data + "link/escaped";
+    auto locked = open_directory_store(m_store, StoreAccess::change); // others use it meanwhile
+    locked->write_manifest(hostile.set, serialize(hostile));
+    fs::create_directories(m_to + "2");
+    fs::create_directory_symlink(m_scratch.path(), m_to + "2/link");
+    expect("extract " + full + " mail names.nsf " + m_data + "user.id --to " + m_to, 4, {"user2"});
+    expect("extract " + full + " names.nsf --to " + m_to, 3, {"there already"});
+    expect("extract " + full + " names.nsf nothing --to " + m_to + "3", 1, {"'nothing'"});
+    expect("extract " + incr + " names.nsf --to " + m_to + "3", 1, {"extract " + full});
+    expect("extract " + incr + " --all --to " + m_to + "4", 0, {"extract " + full});
+    expect("extract " + full + " mail --to " + m_store + "/x", 1, {"inside the store"});
+    expect("extract " + hostile.set + " --all --to " + m_to + "2", 3, {"2/link", "\"..\""});
+    expect("dump " + full + " mail", 1, {"is a folder"});
+    expect("dump " + full + " mail/user2.nsf", 4, {"not to be used"});
+    expect("dump " + full + " names.nsf", 0, {});
+    for (const std::string& file : {m_out, m_to + "/names.nsf", m_to + "2/names.nsf"})
+        EXPECT_EQ(sha256_hex(test::read_file(file)), names.object) << file;
+    for (const std::string& absent : {m_to + "3", m_to + "/mail/user2.nsf", m_scratch / "escaped"})
+        EXPECT_FALSE(fs::exists(absent)) << absent;
+    EXPECT_EQ(std::distance(fs::directory_iterator(m_to + "/mail"), {}), 1); // nothing half
+}
+
+TEST_F(StoreRights, AStoreThatCanOnlyBeReadIsRecoveredFromAndProvenWithStateElsewhere) {
+    test::SmallFileSystem disk(m_scratch / "disk", std::size_t{64} << 20);
+    if (!disk.mounted())
+        GTEST_SKIP() << "mounting needs root";
+    m_store = m_scratch / "disk/store";
+    const std::string state = m_scratch / "state", set = full_backup();
+    ASSERT_EQ(::mount("", (m_scratch / "disk").c_str(), "", MS_REMOUNT | MS_RDONLY, ""), 0);
+    using Words = std::vector<std::string>;
+    for (Words words : {Words{"prove"}, Words{"recover", "mail", "--into", m_to}}) {
+        run(1, words);
+        EXPECT_THAT(m_errors, HasSubstr("--state"));
+        words.insert(words.end(), {"--state", m_data + "state"});
+        run(1, words);
+        words.back() = state;
+        run(0, words);
+    }
+    EXPECT_TRUE(fs::exists(state + "/" + set + ".proof"));
+    run(2, {"recover", "mail", "--state", state});
+    RecoveryJournal left; // by a run that was killed
+    left.names = {"names.nsf"};
+    std::tie(left.data_directory, left.into) = std::pair(m_server + "/data", m_to);
+    RecoveryJournalFile(state + "/runtime/recovery.json").write(left);
+    auto locked = open_store_with_state({state, m_store, m_data});
+    run(11, {"recover", "--state", state});
+    locked.reset();
+    run(0, {"recover", "--state", state});
+    EXPECT_TRUE(fs::exists(m_to + m_data + "names.nsf"));
+}
+
+TEST_F(StoreRights, WhatAnotherUserMayNotReadIsNoDamageAndRootLeavesNothingOfItsOwn) {
+    if (::geteuid() != 0)
+        GTEST_SKIP() << "becoming another user needs root";
+    ASSERT_TRUE(fs::create_directory(m_store) && ::chown(m_store.c_str(), 12345, 12345) == 0);
+    full_backup();
+    const std::string set = full_backup();
+    EXPECT_THAT(backup({"--level", "incr"}).errors, HasSubstr("belongs to 12345"));
+    std::string taken = "test -z \"$(find store ! -user 12345)\" && chown -R root store";
+    EXPECT_EQ(std::system(("cd " + m_scratch.path() + "; " + taken).c_str()), 0);
+    const std::string incr = "backup --notes-ini " + m_server + "/notes.ini --level incr";
+    for (const auto& [file, commands] : std::map<std::string, std::vector<std::string>>{
+             {m_store + "/sets/" + set + ".json", {"list", "show " + set, "verify", incr}},
+             {m_store + "/runtime/qrtln_DBIID.ini", {"verify", incr}},
+             {m_store + "/lock", {incr}},
+             {m_store + "/objects", {"list", incr}},
+             {object_file(set, m_data + "names.nsf"), {"verify", "dump " + set + " names.nsf"}}}) {
+        ASSERT_EQ(::chown(file.c_str(), 12345, 12345), 0) << file;
+        for (const std::string& command : commands)
+            expect(command, 12, {file, "belongs to 12345", "chown -R root " + m_store});
+        ASSERT_EQ(::chown(file.c_str(), 0, 0), 0);
+    }
+}
+
+} // namespace qrtln
+
+#endif
