@@ -296,8 +296,8 @@ void BackupOperation::report_failed_start() {
     std::string hint;
     if (m_request.level == "incr" && !m_logging_style.empty()) {
         reason = "the server has " + m_logging_style + ": " + reason;
-        hint = "an incremental backup is one of archived logs (TRANSLOG_Style=1); take --level "
-               "diff or full";
+        hint = "an incremental backup is one of archived logs (TRANSLOG_Style=1); take --level " +
+               std::string(m_ini.linear_logging ? "full" : "diff or full");
     } else if (m_archiving_in_progress) {
         hint = "another program archives the server's logs: only one may; wait until it has ended";
     }
@@ -363,9 +363,10 @@ void BackupOperation::note_unchecked(const std::string& handed_out) {
         item.reason = unchecked.problem;
         if (unchecked.path.empty())
             item.reason = "a database below it: " + item.reason;
-        else if (unchecked.problem.find("needs to be backed up") != std::string::npos)
-            item.reason += " (with linear logging no logged database can be checked: take --level "
-                           "full)";
+        else if (m_ini.linear_logging &&
+                 unchecked.problem.find("needs to be backed up") != std::string::npos)
+            item.reason = "with linear logging the server does not tell whether a logged database "
+                          "changed";
         m_seen.insert(item.path);
         add_item(std::move(item));
     }

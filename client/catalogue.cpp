@@ -79,6 +79,13 @@ Manifest require_set(Store& store, const std::string& given, const ServerScope* 
     return std::move(*entry.manifest);
 }
 
+std::int64_t complete_at(const Manifest& manifest) {
+    std::int64_t time = manifest.ended + 1;
+    for (const ManifestItem& item : manifest.items) // the clock may have been set back meanwhile
+        time = std::max(time, item.copied);
+    return time;
+}
+
 std::optional<BaseSet> find_base(Store& store, const ServerScope& scope) {
     std::vector<std::string> names = store.set_names();
     for (auto name = names.rbegin(); name != names.rend(); ++name) {

@@ -35,6 +35,10 @@ std::string resolve_set(Store& store, const std::string& given, const ServerScop
 // another server's set.
 Manifest require_set(Store& store, const std::string& given, const ServerScope* scope = nullptr);
 
+// When everything that the set holds was complete, in seconds since 1970, rounded up: nothing later
+// is in it, and `--at` that time or later takes it whole.
+std::int64_t complete_at(const Manifest& manifest);
+
 // What a differential or incremental backup builds on.
 struct BaseSet {
     std::string set;

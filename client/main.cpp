@@ -4,6 +4,7 @@
 #include "client/error.h"
 #include "client/nearest_word.h"
 #include "client/output.h"
+#include "client/store/store.h"
 #include "client/text.h"
 
 #include <CLI/CLI.hpp>
@@ -64,6 +65,8 @@ constexpr const char* extract_help =
 constexpr const char* dump_help =
     "Write one database or file of a set to standard output. Only exit code 0 says that what was\n"
     "written is whole. Needs nothing but the store.";
+constexpr const char* time_help =
+    "2026-11-21T02:49:23Z, with another zone, or without one local; or a set's YYYYMMDDThhmmssZ";
 
 // The parser takes "[a,b]" for a list of two values. As a name it is left alone when it is written
 // "./[a,b]", which is the same path.
@@ -189,8 +192,7 @@ CLI::App* add_restore(CLI::App& app, qrtln::RestoreOptions& restore) {
                            "Just what this set holds: its name, the beginning of it, \"latest\"");
     command
         .add_option("--at", restore.at,
-                    "The newest up to this time (default: the newest): \"YYYY-MM-DD hh:mm[:ss]\" "
-                    "in local time, or a set's YYYYMMDDThhmmssZ")
+                    std::string("The newest up to this time (default: the newest): ") + time_help)
         ->type_name("TIME")
         ->excludes(restore_set);
     CLI::Option* restore_to =
@@ -222,8 +224,7 @@ void add_documents_options(CLI::App& command, qrtln::DocumentsOptions& documents
     add_origin_options(command, documents);
     command
         .add_option("--since", documents.since,
-                    "Deleted or changed then or later, to the minute: \"YYYY-MM-DD hh:mm[:ss]\" in "
-                    "local time, or a set's YYYYMMDDThhmmssZ")
+                    std::string("Deleted or changed then or later, to the minute: ") + time_help)
         ->type_name("TIME")
         ->required();
     CLI::Option* set = command.add_option(
@@ -271,9 +272,11 @@ CLI::App* add_recover(CLI::App& app, qrtln::RecoverOptions& recover) {
     add_server_options(command, recover);
     add_origin_options(command, recover);
     command
-        .add_option("--to", recover.to,
-                    "Up to this time, changes committed at it included (default: to the last "
-                    "one): \"YYYY-MM-DD hh:mm[:ss]\" in local time, or YYYYMMDDThhmmssZ")
+        .add_option(
+            "--to", recover.to,
+            std::string("Up to this time, changes committed at it included (default: to the "
+                        "last one): ") +
+                time_help)
         ->type_name("TIME");
     command
         .add_option("--into", recover.into,
@@ -514,7 +517,9 @@ int main(int argc, char** argv) {
             return qrtln::run_dump(dump);
         return qrtln::run_verify(verify);
     } catch (const qrtln::ClientError& failure) {
-        report_failure(json, failure.exit_code(), failure.what(), failure.hint());
+        std::string vanished = qrtln::vanished_store_hint();
+        report_failure(json, failure.exit_code(), failure.what(),
+                       vanished.empty() ? failure.hint() : vanished);
         return failure.exit_code();
     } catch (const std::bad_alloc&) {
         report_failure(json, 1, "out of memory", "");

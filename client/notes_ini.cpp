@@ -80,7 +80,6 @@ NotesIni load_notes_ini(const std::string& file, bool data_directory_may_be_miss
     ini.id_file = variables["serverkeyfilename"];
     if (ini.id_file.empty())
         ini.id_file = variables["keyfilename"];
-    ini.archives_logs = variables["translog_status"] == "1" && variables["translog_style"] == "1";
     ini.server_name = host_name();
     ini.sets = {ini.server_name, ini.own_name, ini.data_directory, ini.data_directory};
     if (!ini.data_directory.starts_with('/'))
@@ -91,6 +90,9 @@ NotesIni load_notes_ini(const std::string& file, bool data_directory_may_be_miss
                                     for_terminal(ini.data_directory) +
                                     "', which is not an absolute path",
                           "name the notes.ini of a server with --notes-ini");
+    ini.logging = variables["translog_status"] == "1";
+    ini.archives_logs = ini.logging && variables["translog_style"] == "1";
+    ini.linear_logging = ini.logging && variables["translog_style"] == "2";
     struct stat status {};
     int error = ::stat(ini.data_directory.c_str(), &status) != 0 ? errno
                 : S_ISDIR(status.st_mode)                        ? 0

@@ -17,6 +17,8 @@ struct NotesIni {
     bool archives_logs = false;    // the server has transaction logs, of the style that is archived
     std::string server_name;       // in a store; by default the host's name
     ServerScope sets;              // of a store: by default those of this server
+    bool logging = false;          // "TRANSLOG_Status=1": the server has transaction logging
+    bool linear_logging = false;   // and "TRANSLOG_Style=2"
 };
 
 // The variables of a notes.ini: names in lower case, the first of equal names counts, as it does

@@ -1,6 +1,8 @@
-// A point in time in the form that the module's document restore takes.
+// Times as people write them, and a point in time in the form that the module's document restore
+// takes.
 #pragma once
 
+#include <cstdint>
 #include <ctime>
 #include <optional>
 #include <string>
@@ -8,9 +10,30 @@
 
 namespace qrtln {
 
+// A time that was given: the moment up to which copies count, changes are replayed, or from which
+// on they are wanted.
+struct Moment {
+    std::int64_t time = 0;  // seconds since 1970
+    std::string set_prefix; // or the beginning of a set's name, of that time: that very set
+};
+
+// Every time that the program takes or prints: RFC 3339, "2026-11-21T02:49:23Z" or
+// "2026-11-21T03:49:23+01:00"; local without the zone. "T" may be a blank, both letters may be
+// small, the seconds may be left out. Or "20261121T024923Z" as in a set's name. Throws
+// ClientError(usage) that names `option` for anything else, for dates that do not exist, and for
+// local times that the clock skips or shows twice, with both readings.
+Moment parse_moment(const std::string& text, const std::string& option);
+
+// "2026-11-21T03:49:23+01:00": local time with its zone.
+std::string zoned_time(std::time_t time);
+
 // The times, earliest first, that the clock shows as these local fields: none where it skips them,
-// two where it repeats them. tm_isdst is ignored.
+// several where it repeats them. tm_isdst is ignored.
 std::vector<std::time_t> times_shown_as(const std::tm& local);
+
+// Of a time that the clock shows twice: the last one before and the first one after it that it
+// shows once, "2026-10-25T01:59:59+02:00 or before, 2026-10-25T03:00:00+01:00 or later".
+std::string times_shown_once_beside(std::time_t time);
 
 struct PointInTime {
     std::time_t time = 0; // the start of a minute
@@ -22,11 +45,8 @@ struct PointInTime {
 // take it for one of the two, or when it has no four-digit year from 1970 on.
 std::optional<PointInTime> point_in_time(std::time_t time);
 
-// Reads --since: the forms of --at. Throws ClientError(usage) for anything else, for a time that
-// is ambiguous, and for one after `now`.
+// Reads --since. Throws ClientError(usage) as parse_moment does, for a time that local time does
+// not name, and for one after `now`.
 PointInTime parse_since(const std::string& text, std::time_t now);
-
-// "2026-11-21 02:49", local.
-std::string local_minute_text(std::time_t time);
 
 } // namespace qrtln

@@ -82,6 +82,7 @@ json to_json(const RecoveryJournal& journal) {
         json& entry = document["done"].emplace_back(json::object());
         put_bytes(entry, "path", database.path);
         put_bytes(entry, "shortfall", database.shortfall);
+        entry["set"] = database.set;
     }
     for (const PendingDatabase& database : journal.databases) {
         json& entry = document["databases"].emplace_back(json::object());
@@ -93,6 +94,7 @@ json to_json(const RecoveryJournal& journal) {
         entry["lost"] = database.lost;
         entry["owed"] = database.owed;
         put_bytes(entry, "doubt", database.doubt);
+        entry["set"] = database.set;
     }
     return document;
 }
@@ -121,7 +123,8 @@ RecoveryJournal from_json(const json& document) {
     for (const json& entry : document.at("extents"))
         journal.extents.push_back({get_bytes(entry, "path"), entry.value("object", "")});
     for (const json& entry : document.value("done", json::array()))
-        journal.done.push_back({get_bytes(entry, "path"), get_bytes(entry, "shortfall")});
+        journal.done.push_back(
+            {get_bytes(entry, "path"), get_bytes(entry, "shortfall"), entry.value("set", "")});
     for (const json& entry : document.at("databases")) {
         PendingDatabase& database = journal.databases.emplace_back();
         database.path = get_bytes(entry, "path");
@@ -134,6 +137,7 @@ RecoveryJournal from_json(const json& document) {
         database.owed = entry.value("owed", false);
         if (entry.contains("doubt"))
             database.doubt = get_bytes(entry, "doubt");
+        database.set = entry.value("set", "");
     }
     return journal;
 }

@@ -32,11 +32,13 @@ struct PendingDatabase {
     bool lost = false;      // there was no original: what takes its place needs owner and mode
     bool owed = false;      // this recovery noted that the store is to be owed the database
     std::string doubt = {}; // why it may fall short once it is in its place; else empty
+    std::string set = {};   // that the copy is from
 };
 
 struct DoneDatabase {
     std::string path;
     std::string shortfall; // why it fell short; else empty
+    std::string set;       // that it came from; empty: not known
 };
 
 // A transaction log that was put back on the server.

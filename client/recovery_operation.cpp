@@ -15,7 +15,6 @@
 #include <fcntl.h>
 #include <map>
 #include <set>
-#include <strings.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -30,12 +29,6 @@ constexpr std::string_view no_new_dbiid = "the server gives it no new DBIID"; //
 
 // Below the pending folder; copies have no names like those of the links in it.
 constexpr const char* links_folder = "/qrtln-links";
-
-bool is_template(const std::string& path) {
-    constexpr std::string_view extension = ".ntf";
-    return path.size() > extension.size() &&
-           ::strcasecmp(path.c_str() + path.size() - extension.size(), extension.data()) == 0;
-}
 
 class Recovery {
   public:
@@ -187,11 +180,18 @@ void Recovery::report_in_place() {
         std::string shortfall = done != nullptr      ? done->shortfall
                                 : pending != nullptr ? pending->doubt
                                                      : std::string();
-        report(database, RecoveryOutcome::in_place, shortfall);
+        // The set of the plan may be one of a backup that saved what had been put in place.
+        DatabaseRecovery& told = report(database, RecoveryOutcome::in_place, shortfall);
+        told.set = done != nullptr ? done->set : pending != nullptr ? pending->set : "";
+        told.set_ended = 0;
+        if (!told.set.empty())
+            if (CatalogueEntry entry = load_set(m_context.store, told.set); entry.manifest)
+                told.set_ended = complete_at(*entry.manifest);
+        std::string set = told.set;
         if (was_lost(path)) // a run that was killed had no time for that
             give_owner_and_mode(database);
         if (done == nullptr)
-            m_journal.done.push_back({path, shortfall});
+            m_journal.done.push_back({path, shortfall, set});
     }
 }
 
@@ -340,6 +340,7 @@ void Recovery::list_databases() {
         pending.copy = copy_of(database);
         pending.lost = pending.lost || !planned.existing.has_value();
         pending.doubt = doubt_about(database);
+        pending.set = planned.set;
         if (!database.only_its_set.empty() || !exists(pending.copy))
             pending.copy.clear();
         // One that was there before this recovery tells of something else.
@@ -648,7 +649,8 @@ void Recovery::strike_what_is_in_place() {
             return false;
         }
         const DatabaseRecovery& database = *result->second;
-        m_journal.done.push_back({pending.path, database.falls_short() ? database.reason : ""});
+        m_journal.done.push_back(
+            {pending.path, database.falls_short() ? database.reason : "", database.set});
         links.push_back(pending.link);
         return true;
     });

@@ -4,6 +4,7 @@
 #include "client/error.h"
 #include "client/interrupt.h"
 #include "client/output.h"
+#include "client/point_in_time.h"
 #include "client/safe_paths.h"
 #include "client/text.h"
 
@@ -11,6 +12,7 @@
 #include <array>
 #include <ctime>
 #include <map>
+#include <strings.h>
 #include <sys/stat.h>
 
 namespace qrtln {
@@ -154,11 +156,15 @@ void RecoveryPlanner::take_database(PlannedItem planned) {
     RecoveringDatabase database;
     if (const std::optional<Manifest>& manifest = set(planned.set).manifest) {
         database.set_started = manifest->started;
-        database.set_ended = manifest->ended;
+        database.set_ended = complete_at(*manifest);
     }
     std::string newest_id = m_stored.logs.empty() ? "" : m_stored.logs.back().item.log->archive_id;
     if (is_not_logged(planned.item))
         database.only_its_set = not_logged_reason;
+    else if (!m_ini.logging) // a set of an earlier release does not tell what no log covers
+        database.only_its_set = planned.item.dbiid.empty() && is_template(planned.item.path)
+                                    ? template_reason
+                                    : logging_off_reason;
     else if (archive_id_at(m_stored, planned.set) != newest_id)
         database.only_its_set = "the server began a new transaction log after its backup";
     database.planned = std::move(planned);
@@ -254,6 +260,9 @@ std::string RecoveryPlanner::reason_against(RecoveringDatabase& database) {
         keep = reason_to_keep(live, restored, copies);
     if (in_place && !keep.empty() && !m_request.replace_live)
         return keep;
+    if (live != nullptr && live->state == LiveDatabase::State::logged &&
+        database.only_its_set == logging_off_reason)
+        database.only_its_set.clear(); // the server knows better than its file
     bool open = live != nullptr && live->state != LiveDatabase::State::unopenable;
     database.same_instance = open && keep.empty();
     database.same_until = same_instance_until(copies, planned.set);
@@ -368,21 +377,17 @@ void RecoveryPlanner::check_log_folder() const {
                           "create it, or mount its disk");
 }
 
-std::string local_time_text(std::int64_t time) {
-    std::time_t value = time;
-    std::tm local{};
-    std::array<char, 32> text{};
-    if (::localtime_r(&value, &local) == nullptr ||
-        std::strftime(text.data(), text.size(), "%Y-%m-%d %H:%M:%S", &local) == 0)
-        return utc_time(time);
-    return text.data();
-}
-
 std::string reach_text(const RecoveryPlan& plan, const RecoveringDatabase& database) {
     if (!database.only_its_set.empty())
         return "its set only: " + database.only_its_set;
-    return (plan.to ? utc_time(*plan.to) : std::string("the end of the logs")) +
-           (database.doubt.empty() ? "" : ", perhaps: " + database.doubt);
+    if (plan.logs.missing)
+        return "no moment: transaction logs are missing";
+    bool ends_early = plan.server_logs.missing && !plan.logs.restore.empty();
+    std::string end = plan.to          ? utc_time(*plan.to)
+                      : !ends_early    ? "the end of the logs"
+                      : plan.logs.ends ? "the end of the stored logs, " + utc_time(*plan.logs.ends)
+                                       : "the end of the stored logs";
+    return end + (database.doubt.empty() ? "" : ", perhaps: " + database.doubt);
 }
 
 std::string log_target(const ServerLogs& server, const StoredLog& log) {
@@ -393,9 +398,8 @@ std::string logs_text(const RecoveryLogs& logs, const ServerLogs& server, bool t
     if (logs.missing) {
         const std::optional<std::int64_t>& reachable = logs.missing->reachable;
         return describe(*logs.missing) +
-               (reachable
-                    ? "; the latest time that can be reached is " + local_time_text(*reachable)
-                    : "") +
+               (reachable ? "; the latest time that can be reached is " + utc_time(*reachable)
+                          : "") +
                "\n";
     }
     if (logs.archive_id.empty())
@@ -434,6 +438,12 @@ nlohmann::json logs_json(const RecoveryLogs& logs, const ServerLogs& server) {
 
 } // namespace
 
+bool is_template(const std::string& path) {
+    constexpr std::string_view extension = ".ntf";
+    return path.size() > extension.size() &&
+           ::strcasecmp(path.c_str() + path.size() - extension.size(), extension.data()) == 0;
+}
+
 // Copies and originals are there at the same time, and so are the logs.
 std::vector<RoomNeeded> recovery_room(const RecoveryPlan& plan, const std::string& tmp_dir,
                                       const std::map<std::string, std::string>& whole) {
@@ -471,10 +481,9 @@ void require_logs(const RecoveryPlan& plan) {
     if (!missing.reason.empty())
         hint = missing.hint;
     else if (missing.reachable) {
-        std::string time = local_time_text(*missing.reachable);
+        std::string time = utc_time(*missing.reachable);
         reachable = "; the latest time that can be reached is " + time;
-        hint =
-            "--to \"" + time + "\" recovers to that time; `qrtln verify` tells about damaged logs";
+        hint = "--to " + time + " recovers to that time; `qrtln verify` tells about damaged logs";
     } else {
         hint = "the databases can be restored as they are in their sets: `qrtln restore "
                "--activate`; `qrtln verify` tells about damaged logs";
@@ -493,19 +502,11 @@ std::string rollforward_value(const std::optional<std::int64_t>& to) {
     if (::localtime_r(&time, &local) == nullptr || local.tm_year < -900 || local.tm_year > 8099 ||
         std::strftime(text.data(), text.size(), "%Y%m%d%H%M%S", &local) == 0)
         throw ClientError(ExitCode::usage, "--to: the time has no date of four-digit year");
-    for (int summer : {0, 1}) {
-        std::tm copy = local;
-        copy.tm_isdst = summer;
-        std::time_t other = ::mktime(&copy);
-        std::tm back{};
-        if (other != time && ::localtime_r(&other, &back) != nullptr &&
-            back.tm_hour == local.tm_hour && back.tm_min == local.tm_min &&
-            back.tm_mday == local.tm_mday)
-            throw ClientError(ExitCode::usage,
-                              "--to: the clock shows " + local_time_text(time) +
-                                  " twice that day, and the server is told local time",
-                              "take a time before or after that hour, or run with TZ=UTC");
-    }
+    if (times_shown_as(local).size() > 1)
+        throw ClientError(ExitCode::usage,
+                          "--to " + utc_time(time) +
+                              ": the server is told local time, and the clock shows this one twice",
+                          "take " + times_shown_once_beside(time) + ", or run with TZ=UTC");
     return text.data();
 }
 

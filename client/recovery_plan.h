@@ -43,7 +43,12 @@ struct RecoverySituation {
 
 // Why a database without transaction logging is brought back as it is in its set.
 inline constexpr const char* not_logged_reason = "it is not transaction-logged";
+inline constexpr const char* logging_off_reason =
+    "the server has no transaction logging now (TRANSLOG_Status in notes.ini)";
 inline constexpr const char* template_reason = "it is a template that the log does not cover";
+
+// Whether the name is that of a template, which no log covers.
+bool is_template(const std::string& path);
 
 // A database that is to be recovered.
 struct RecoveringDatabase {

@@ -18,21 +18,6 @@ namespace {
 
 constexpr std::size_t compact_time_length = 16; // "20261121T024923Z"
 
-[[noreturn]] void refuse_moment(const std::string& text, const std::string& option,
-                                const std::string& reason) {
-    throw ClientError(ExitCode::usage, option + " '" + for_terminal(text) + "': " + reason,
-                      "give local time as \"YYYY-MM-DD hh:mm\" or \"YYYY-MM-DD hh:mm:ss\", or the "
-                      "UTC time of a set as in its name, YYYYMMDDThhmmssZ");
-}
-
-// Reads digits and fixed characters: "0" stands for a digit.
-bool has_shape(const std::string& text, std::string_view shape) {
-    return text.size() == shape.size() &&
-           std::equal(text.begin(), text.end(), shape.begin(), [](char have, char want) {
-               return want == '0' ? have >= '0' && have <= '9' : have == want;
-           });
-}
-
 struct Name {
     std::string given;
     std::string path;
@@ -63,6 +48,7 @@ class Selector {
     bool counts(const Manifest& manifest) const;
     std::int64_t late_copy(const Manifest& manifest, const ManifestItem& item) const;
     std::string oldest_copy(const Name& name) const;
+    std::string earliest_set(const Name* name) const;
     void warn_about_late();
     void take(const Manifest& manifest);
     void add(const Manifest& manifest, const ManifestItem& item, bool named);
@@ -161,7 +147,7 @@ std::int64_t Selector::late_copy(const Manifest& manifest, const ManifestItem& i
 void Selector::take_newest() {
     resolve_names();
     if (!m_request.at.empty())
-        m_moment = parse_moment(m_request.at);
+        m_moment = parse_moment(m_request.at, "--at");
     std::vector<std::string> sets = m_store.set_names();
     for (auto set = sets.rbegin(); set != sets.rend() && !finished(); ++set) {
         throw_if_interrupted();
@@ -177,6 +163,13 @@ void Selector::take_newest() {
             continue;
         take(*entry.manifest);
         close_covered(*entry.manifest);
+        // `qrtln list` shows this very time, and it may be meant for the set itself.
+        if (!m_request.at.empty() && m_moment.set_prefix.empty() &&
+            entry.manifest->started == m_moment.time)
+            m_result.warnings.push_back("the set " + entry.set + " began at --at '" +
+                                        for_terminal(m_request.at) +
+                                        "' and had nothing then: --at " +
+                                        utc_time(complete_at(*entry.manifest)) + " takes it");
     }
     if (m_passed_others)
         m_result.warnings.emplace_back("newer sets of other servers in the store are left alone: "
@@ -300,67 +293,77 @@ std::string Selector::oldest_copy(const Name& name) const {
     return oldest == 0 ? "" : ": its oldest copy was complete at " + utc_time(oldest);
 }
 
+// Where the moment is too early: the first set that would do, and the moment that takes it. Of one
+// item, or of the whole system without it.
+std::string Selector::earliest_set(const Name* name) const {
+    if (!m_request.set.empty() || (m_request.at.empty() && !m_request.ended_before))
+        return {};
+    for (const std::string& set : m_store.set_names()) {
+        throw_if_interrupted();
+        CatalogueEntry entry = load_set(m_store, set, m_scope);
+        if (!entry.manifest)
+            continue;
+        const Manifest& manifest = *entry.manifest;
+        bool whole = manifest.complete && manifest.whole_system &&
+                     (manifest.level == "full" || manifest.level == "copy");
+        bool does = name == nullptr ? whole
+                                    : std::any_of(manifest.items.begin(), manifest.items.end(),
+                                                  [&](const ManifestItem& item) {
+                                                      return item.status == ItemStatus::stored &&
+                                                             item.kind != ItemKind::directory &&
+                                                             is_below(item.path, name->path);
+                                                  });
+        bool in_time = complete_at(manifest) <= m_request.ended_before.value_or(m_moment.time);
+        bool counted = counts(manifest) && (!m_moment.set_prefix.empty() || in_time);
+        if (does && counted)
+            return {}; // the time is not what is wrong
+        if (does)
+            return ": the earliest is " + set + ", complete at " + utc_time(complete_at(manifest));
+    }
+    return {};
+}
+
 void Selector::check_found() const {
-    std::string where = !m_request.set.empty()  ? "the set " + for_terminal(m_request.set)
-                        : !m_request.at.empty() ? "no set up to " + for_terminal(m_request.at)
+    // A proof gives both, of which nobody typed one.
+    std::string where = !m_request.set.empty() ? "the set " + for_terminal(m_request.set)
+                        : !m_request.at.empty()
+                            ? "no set up to " + std::string(m_request.ended_before ? "" : "--at ") +
+                                  "'" + for_terminal(m_request.at) + "'"
                         : m_request.ended_before
-                            ? "no set that ended before " + utc_time(*m_request.ended_before)
+                            ? "no set that ended before --to " + utc_time(*m_request.ended_before)
                             : "no set";
     std::string hint = m_request.ended_before
                            ? "databases can be recovered to moments after the end of a set that "
                              "has them; `qrtln list` shows the sets"
                            : "name what is to be restored, or a set with --set; `qrtln list` shows "
                              "them";
-    auto refuse = [&](const std::string& problem, const std::string& advice) {
+    auto refuse = [&](const std::string& problem, const std::string& first,
+                      const std::string& advice) {
         OtherServers others = other_servers(m_store, m_scope);
         throw ClientError(ExitCode::failed,
-                          problem + (others.what.empty() ? "" : "; " + others.what),
-                          advice + (others.hint.empty() ? "" : "; " + others.hint));
+                          problem + first + (others.what.empty() ? "" : "; " + others.what),
+                          (first.empty() ? advice : "take that time or a later one") +
+                              (others.hint.empty() ? "" : "; " + others.hint));
     };
     if (m_request.all && !m_base_found)
         refuse(where + " in " + m_store.description() +
                    " is a complete full or copy set of the whole server " +
                    for_terminal(m_result.data_directory),
-               hint);
-    for (const Name& name : m_names)
-        if (!name.found)
-            refuse(where + (m_request.set.empty() ? " holds '" : " does not hold '") +
-                       for_terminal(name.given) + "' (" + for_terminal(name.path) + ")" +
-                       oldest_copy(name),
-                   "relative names are below the data directory; `qrtln show` lists what a set "
-                   "holds");
+               earliest_set(nullptr), hint);
+    for (const Name& name : m_names) {
+        if (name.found)
+            continue;
+        std::string first = oldest_copy(name);
+        if (first.empty())
+            first = earliest_set(&name);
+        refuse(where + (m_request.set.empty() ? " holds '" : " does not hold '") +
+                   for_terminal(name.given) + "' (" + for_terminal(name.path) + ")",
+               first,
+               "relative names are below the data directory; `qrtln show` lists what a set holds");
+    }
 }
 
 } // namespace
-
-Moment parse_moment(const std::string& text, const std::string& option) {
-    Moment moment;
-    std::tm fields{};
-    fields.tm_isdst = -1;
-    bool utc = has_shape(text, "00000000T000000Z");
-    bool seconds = has_shape(text, "0000-00-00 00:00:00");
-    if (!utc && !seconds && !has_shape(text, "0000-00-00 00:00"))
-        refuse_moment(text, option, "is no time that is understood");
-    const char* end = utc       ? ::strptime(text.c_str(), "%Y%m%dT%H%M%SZ", &fields)
-                      : seconds ? ::strptime(text.c_str(), "%Y-%m-%d %H:%M:%S", &fields)
-                                : ::strptime(text.c_str(), "%Y-%m-%d %H:%M", &fields);
-    if (end == nullptr || *end != '\0')
-        refuse_moment(text, option, "there is no such time");
-    if (utc) {
-        moment.time = ::timegm(&fields);
-        if (utc_time_compact(moment.time) != text)
-            refuse_moment(text, option, "there is no such time");
-        moment.set_prefix = text;
-        return moment;
-    }
-    std::vector<std::time_t> answers = times_shown_as(fields);
-    if (answers.empty())
-        refuse_moment(text, option, "there is no such time, or the clock skips it");
-    if (answers.size() > 1)
-        refuse_moment(text, option, "the clock repeats this hour: give the time in UTC");
-    moment.time = answers[0];
-    return moment;
-}
 
 RestoreSelection select_for_restore(Store& store, const ServerScope& scope,
                                     const SelectionRequest& request) {

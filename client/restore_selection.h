@@ -18,7 +18,7 @@ struct SelectionRequest {
     std::vector<std::string> names; // databases, files or folders; relative: below the data folder
     bool all = false;               // the whole system
     std::string set;                // just what this set holds
-    std::string at;                 // or the newest up to a moment; both empty: the newest
+    std::string at; // or the newest up to a moment, see parse_moment(); both empty: the newest
     // Only sets that ended before this time, in seconds since 1970: each of their databases is as
     // it was before it.
     std::optional<std::int64_t> ended_before = {};
@@ -40,17 +40,6 @@ struct RestoreSelection {
     std::vector<SelectedItem> items; // by path, each once
     std::vector<std::string> warnings;
 };
-
-// A moment up to which copies count.
-struct Moment {
-    std::int64_t time = 0;  // seconds since 1970: copies that were complete then
-    std::string set_prefix; // or the beginning of a set's name, of that time: sets up to that one
-};
-
-// "2026-11-21 02:49", "2026-11-21 02:49:23" in local time, or "20261121T024923Z" as in a set's
-// name. Throws ClientError(usage) for anything else, for dates that do not exist, and for hours
-// that the clock skips or repeats.
-Moment parse_moment(const std::string& text, const std::string& option = "--at");
 
 // Chooses the items: of each name, or of everything, the newest that is stored in a set of this
 // server, whatever the set's level. A folder, and the whole system, is what the newest full

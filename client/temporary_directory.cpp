@@ -81,6 +81,10 @@ std::string usable_base(const std::string& base, const std::string& data_directo
 
 } // namespace
 
+void require_usable_tmp_dir(const std::string& base, const std::string& data_directory) {
+    (void)usable_base(base, data_directory);
+}
+
 std::string make_folder_for_copies(const std::string& base, const std::string& data_directory,
                                    const std::string& prefix) {
     std::string real_base = usable_base(base, data_directory);

@@ -7,6 +7,9 @@
 
 namespace qrtln {
 
+// Throws ClientError(failed) for a folder that make_folder_for_copies() would refuse.
+void require_usable_tmp_dir(const std::string& base, const std::string& data_directory);
+
 // Makes a folder of mode 0700 below `base`, named `prefix` and six random characters. Returns its
 // absolute path. Throws ClientError(failed); one reason is a base inside the data directory, where
 // copies would be databases of the server.

@@ -11,6 +11,7 @@
 #include "client/output.h"
 #include "client/server_lock.h"
 #include "client/set_links.h"
+#include "client/temporary_directory.h"
 #include "client/text.h"
 
 #include <algorithm>
@@ -85,6 +86,7 @@ int BackupRun::run() {
     m_ini = load_server(m_options);
     check_selection();
     check_place_of_store();
+    require_usable_tmp_dir(m_options.tmp_dir, m_ini.data_directory);
     m_store = open_directory_store(m_options.store, StoreAccess::write);
     try {
         use_server(*m_store, m_ini, m_options);
@@ -111,10 +113,14 @@ int BackupRun::run() {
     }
     report_gaps(m_manifest);
     if (code_of(m_manifest) == static_cast<int>(ExitCode::items_failed))
-        print_error("the set " + m_manifest.set + " is stored, but it is not complete",
-                    "see what failed above; run as a user who may read every database, have the "
-                    "server repair or remove what is no database, then back up again: until then "
-                    "the server keeps its logs");
+        print_error(
+            "the set " + m_manifest.set + " is stored, but it is not complete",
+            m_ini.linear_logging && m_manifest.level == "diff"
+                ? "the server has linear transaction logging (TRANSLOG_Style=2): take "
+                  "--level full instead of diff"
+                : "see what failed above; run as a user who may read every database, have the "
+                  "server repair or remove what is no database, then back up again: until then "
+                  "the server keeps its logs");
     return report();
 }
 
@@ -515,7 +521,7 @@ nlohmann::json set_summary(const Manifest& manifest) {
             {"level", manifest.level},
             {"base", manifest.base},
             {"started", utc_time(manifest.started)},
-            {"ended", utc_time(manifest.ended)},
+            {"ended", utc_time(complete_at(manifest))},
             {"databases", sum.databases},
             {"items", sum.stored_items},
             {"bytes", sum.bytes},

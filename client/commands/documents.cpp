@@ -9,6 +9,7 @@
 #include "client/restore_operation.h"
 #include "client/restore_selection.h"
 #include "client/store/canonical_json.h"
+#include "client/temporary_directory.h"
 #include "client/text.h"
 
 #include <algorithm>
@@ -59,9 +60,9 @@ bool came_back(const DocumentResult& document) {
 std::string time_range(const DocumentResult& document) {
     if (document.outcome != DocumentOutcome::candidate)
         return "";
-    std::string text = local_minute_text(document.earliest);
+    std::string text = utc_time(document.earliest);
     if (document.latest - document.earliest > 60)
-        text += " to " + local_minute_text(document.latest);
+        text += " to " + utc_time(document.latest);
     return text;
 }
 
@@ -106,6 +107,7 @@ int DocumentsCommand::run() {
     if (m_options.changed)
         m_request.ids = read_note_ids(m_options.ids_file);
     m_ini = load_server(m_options);
+    require_usable_tmp_dir(m_options.tmp_dir, m_ini.data_directory);
     open_store();
     use_server(*m_store, m_ini, m_options);
     choose_database();
@@ -201,8 +203,8 @@ void DocumentsCommand::strike_returned(const DocumentsResult& result) {
 }
 
 std::string DocumentsCommand::bring_back_command(const LostDocuments& lost) const {
-    return "qrtln documents deleted --since " + utc_time_compact(lost.since) + " --set " +
-           lost.set + " --notes-ini " + for_terminal(m_options.notes_ini) + " --store " +
+    return "qrtln documents deleted --since " + utc_time(lost.since) + " --set " + lost.set +
+           " --notes-ini " + for_terminal(m_options.notes_ini) + " --store " +
            for_terminal(m_options.store) + " " + for_terminal(m_request.item.path);
 }
 
@@ -223,8 +225,8 @@ void DocumentsCommand::choose_database() {
                                                 "back into one database");
     m_request.item = found->item;
     m_set = found->set;
-    m_set_started =
-        m_request.item.copied != 0 ? m_request.item.copied : parse_moment(m_set.substr(0, 16)).time;
+    m_set_started = m_request.item.copied != 0 ? m_request.item.copied
+                                               : parse_moment(m_set.substr(0, 16), "set").time;
     const std::string& path = m_request.item.path;
     if (!is_below(path, m_ini.data_directory))
         throw ClientError(ExitCode::failed,
@@ -246,8 +248,7 @@ void DocumentsCommand::check_live() const {
 
 void DocumentsCommand::warn() const {
     if (m_request.since.cut)
-        print_message("the server takes minutes: since " + local_minute_text(m_request.since.time) +
-                      ":00");
+        print_message("the server takes minutes: since " + utc_time(m_request.since.time));
     if (m_set_started >= m_request.since.time + 60) // not for the rounding alone
         print_message("warning: the set " + m_set + " was taken after --since: " +
                       (m_options.changed ? "what was changed before that, comes back as changed"
@@ -298,7 +299,7 @@ std::string DocumentsCommand::advice(const DocumentsResult& result) const {
 
 std::string DocumentsCommand::text(const DocumentsResult& result) const {
     std::string what = for_terminal(m_request.item.path) + ", " + kind() + " since " +
-                       local_minute_text(m_request.since.time) + ", from the set " + m_set;
+                       utc_time(m_request.since.time) + ", from the set " + m_set;
     auto back = std::count_if(result.documents.begin(), result.documents.end(), came_back);
     std::string text;
     if (!result.documents.empty()) {

@@ -31,8 +31,8 @@ int run_list(const StoreOptions& options) {
     std::unique_ptr<Store> store = open_directory_store(options.store, StoreAccess::read);
     SetLinks links;
     bool damaged = false;
-    Table table({"SET", "SERVER", "LEVEL", "BASE", "STARTED", "DURATION ", "DATABASES ", "ITEMS ",
-                 "FAILED ", "BYTES ", "NEW ", "LOGS", "PROVEN", "STATUS"});
+    Table table({"SET", "SERVER", "LEVEL", "BASE", "STARTED", "ENDED", "DURATION ", "DATABASES ",
+                 "ITEMS ", "FAILED ", "BYTES ", "NEW ", "LOGS", "PROVEN", "STATUS"});
     nlohmann::json sets = nlohmann::json::array();
     std::optional<ClientError> denied; // the first that this user may not read
     std::string reason;
@@ -78,6 +78,7 @@ int run_list(const StoreOptions& options) {
         std::string status = status_text(manifest) + (based ? "" : ", base missing");
         table.add({name, for_terminal(manifest.server_name), level_text(manifest),
                    manifest.base.empty() ? "-" : manifest.base, utc_time(manifest.started),
+                   utc_time(complete_at(manifest)),
                    human_duration(manifest.ended - manifest.started), std::to_string(sum.databases),
                    std::to_string(sum.stored_items), std::to_string(sum.failed_items),
                    human_bytes(sum.bytes), human_bytes(manifest.new_bytes),
@@ -94,7 +95,7 @@ int run_list(const StoreOptions& options) {
                         {"log_gaps", gaps},
                         {"whole_system", manifest.whole_system},
                         {"started", utc_time(manifest.started)},
-                        {"ended", utc_time(manifest.ended)},
+                        {"ended", utc_time(complete_at(manifest))},
                         {"databases", sum.databases},
                         {"items", sum.stored_items},
                         {"failed_items", sum.failed_items},

@@ -26,7 +26,7 @@ constexpr std::int64_t quarter_hour = 900;
 
 // A moment behind everything that the set holds, which local time names unmistakably.
 std::int64_t moment_behind(const Manifest& manifest) {
-    std::int64_t moment = manifest.ended + 1;
+    std::int64_t moment = complete_at(manifest);
     for (;;) {
         try {
             (void)rollforward_value(moment);
@@ -149,7 +149,8 @@ Proof prove(const OperationContext& context, const ProveOptions& options, const 
     RecoveryRequest request = make_request(options, target, journal.pending_folder);
     Proof proof;
     proof.set = manifest.set;
-    proof.recovered_to = *request.to;
+    // The moment behind the set may be still to come: nothing later than now is in the logs.
+    proof.recovered_to = std::min<std::int64_t>(*request.to, std::time(nullptr));
     proof.client_version = client_version();
     for (const ManifestItem& item : manifest.items)
         if (item.status == ItemStatus::failed)
@@ -172,7 +173,7 @@ Proof prove(const OperationContext& context, const ProveOptions& options, const 
     std::vector<ProofFailure> unread = read_databases(context, readable);
     proof.databases = readable.size() - unread.size();
     proof.failures.insert(proof.failures.end(), unread.begin(), unread.end());
-    proof.time = std::time(nullptr);
+    proof.time = std::max<std::int64_t>(std::time(nullptr), proof.recovered_to);
     return proof;
 }
 
@@ -199,6 +200,7 @@ void clean_up(const RecoveryJournalFile& file) {
 int run_prove(const ProveOptions& options) {
     install_interrupt_handlers();
     NotesIni ini = load_server(options);
+    require_usable_tmp_dir(options.tmp_dir, ini.data_directory);
     std::unique_ptr<Store> store =
         open_store_or_state({options.state, options.store, ini.data_directory},
                             "keep what must be written elsewhere: --state DIR");

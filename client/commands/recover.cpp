@@ -5,6 +5,7 @@
 #include "client/error.h"
 #include "client/interrupt.h"
 #include "client/output.h"
+#include "client/point_in_time.h"
 #include "client/recovery_operation.h"
 #include "client/store/canonical_json.h"
 #include "client/temporary_directory.h"
@@ -40,7 +41,7 @@ RecoveryRequest make_request(const RecoverOptions& options, const NotesIni& ini,
     request.moved = options.moved;
     request.tmp_dir = options.tmp_dir;
     if (!options.to.empty())
-        request.to = parse_moment(options.to).time;
+        request.to = parse_moment(options.to, "--to").time;
     if (!options.into.empty())
         request.into = absolute_path(options.into);
     bool says_nothing = options.names.empty() && !options.all && options.to.empty() &&
@@ -82,7 +83,8 @@ RecoveryRequest make_request(const RecoverOptions& options, const NotesIni& ini,
 void check_time(const RecoveryRequest& request) {
     (void)rollforward_value(request.to);
     if (request.to && *request.to > std::time(nullptr))
-        throw ClientError(ExitCode::usage, "--to: the time is still to come",
+        throw ClientError(ExitCode::usage,
+                          "--to " + utc_time(*request.to) + ": the time is still to come",
                           "without --to databases are recovered to the last committed change");
 }
 
@@ -109,7 +111,10 @@ int code_of(const RecoveryPlan& plan) {
                           !(plan.to && plan.logs.ends && *plan.to <= *plan.logs.ends);
     bool doubtful = std::any_of(
         plan.databases.begin(), plan.databases.end(), [&](const RecoveringDatabase& database) {
-            return !database.doubt.empty() || (database.only_its_set.empty() && logs_end_early);
+            const std::string& only = database.only_its_set;
+            bool less = only.empty() ? logs_end_early
+                                     : only != not_logged_reason && only != template_reason;
+            return !database.doubt.empty() || less;
         });
     return static_cast<int>(plan.refused.empty() && !doubtful ? ExitCode::complete
                                                               : ExitCode::items_failed);
@@ -150,7 +155,8 @@ std::string result_text(const RecoveryResult& result, const std::optional<std::i
     Table table({"DATABASE", "OUTCOME", "RECOVERED TO", "SET", "REASON"});
     for (const DatabaseRecovery& database : result.databases)
         table.add({for_terminal(database.target), outcome_name(database.outcome),
-                   reach_text(database, result, to), for_terminal(database.set),
+                   reach_text(database, result, to),
+                   database.set.empty() ? "-" : for_terminal(database.set),
                    database.reason.empty() ? "-" : for_terminal(database.reason)});
     std::string text = result.databases.empty() ? std::string() : table.text();
     if (!result.restored.empty())
@@ -174,13 +180,15 @@ std::string result_text(const RecoveryResult& result, const std::optional<std::i
 nlohmann::json result_json(const RecoveryResult& result, const std::optional<std::int64_t>& to) {
     nlohmann::json databases = nlohmann::json::array();
     for (const DatabaseRecovery& database : result.databases)
-        databases.push_back({{"path", printable_utf8(database.path)},
-                             {"target", printable_utf8(database.target)},
-                             {"set", database.set},
-                             {"set_ended", utc_time(database.set_ended)},
-                             {"outcome", outcome_name(database.outcome)},
-                             {"recovered_to", reach_text(database, result, to)},
-                             {"reason", printable_utf8(database.reason)}});
+        databases.push_back(
+            {{"path", printable_utf8(database.path)},
+             {"target", printable_utf8(database.target)},
+             {"set", database.set},
+             {"set_ended", database.set_ended == 0 ? nlohmann::json()
+                                                   : nlohmann::json(utc_time(database.set_ended))},
+             {"outcome", outcome_name(database.outcome)},
+             {"recovered_to", reach_text(database, result, to)},
+             {"reason", printable_utf8(database.reason)}});
     return {{"databases", databases},
             {"restored", printable_list(result.restored)},
             {"failed", failures_json(result.failed)},
@@ -270,6 +278,7 @@ int run_recover(const RecoverOptions& options) {
     std::optional<RecoveryJournal> journal = file.read();
     if (options.abandon)
         return abandon(options, ini, file, journal);
+    require_usable_tmp_dir(options.tmp_dir, ini.data_directory);
     RecoveryRequest request = make_request(options, ini, journal);
     ServerOptions origin = options;
     origin.from_server = request.from_server;

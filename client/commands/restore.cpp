@@ -8,6 +8,7 @@
 #include "client/restore_operation.h"
 #include "client/restore_plan.h"
 #include "client/store/canonical_json.h"
+#include "client/temporary_directory.h"
 #include "client/text.h"
 
 #include <algorithm>
@@ -136,6 +137,7 @@ int run_restore(const RestoreOptions& options) {
                           "--all for the whole system",
                           "`qrtln show` lists what a set holds; --dry-run shows what would happen");
     NotesIni ini = load_server(options);
+    require_usable_tmp_dir(options.tmp_dir, ini.data_directory);
     bool in_place = !options.dry_run && options.to.empty();
     std::string not_owed;
     std::unique_ptr<Store> store =

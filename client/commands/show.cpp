@@ -19,7 +19,7 @@ int run_show(const StoreOptions& options) {
     }
     std::string text =
         "set " + manifest.set + ": " + manifest.level + ", " + status_text(manifest) +
-        "\nstarted " + utc_time(manifest.started) + ", ended " + utc_time(manifest.ended) +
+        "\nstarted " + utc_time(manifest.started) + ", ended " + utc_time(complete_at(manifest)) +
         "\nserver " + server_text(manifest) + " on " + for_terminal(manifest.host) +
         ", notes.ini " + for_terminal(manifest.notes_ini) +
         (manifest.id_file.empty() ? "" : ", ID file " + for_terminal(manifest.id_file)) +

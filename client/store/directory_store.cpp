@@ -97,6 +97,8 @@ std::string note_name(const std::string& set, SetNote note) {
     return set + std::string(note_suffixes[static_cast<std::size_t>(note)]);
 }
 
+std::string last_opened; // a store that is there, or was
+
 // Whether a file in sets/ belongs to a set, or is being written.
 bool is_of_a_set(const std::string& name) {
     if (name.ends_with(temporary_suffix))
@@ -169,6 +171,7 @@ DirectoryStore::DirectoryStore(const std::string& directory, StoreAccess access,
         };
         m_objects = open_part("objects");
         m_sets = open_part("sets");
+        last_opened = m_directory;
         if (locks) {
             if (int error = make_folder(m_folder.get(), "runtime", m_folder.get()); error != 0)
                 fail("create the folder runtime", error);
@@ -193,6 +196,24 @@ void DirectoryStore::require_writable_folders() const {
     for (const char* name : skeleton_folders)
         if (::faccessat(m_folder.get(), name, R_OK | W_OK | X_OK, AT_EACCESS) != 0)
             fail("write to the folder", errno, name);
+}
+
+std::string vanished_store_hint() {
+    struct stat status {};
+    if (last_opened.empty() || ::stat((last_opened + "/" + format_file).c_str(), &status) == 0)
+        return {};
+    return "the store " + for_terminal(last_opened) + " cannot be reached any more (" +
+           system_error_text(errno) +
+           "): its folder is gone, or its disk not mounted. The sets in it stay as they were, and "
+           "the server keeps every log that is in no complete set. Bring it back first, as a "
+           "backup would begin a new store in an empty folder; then run the same command again "
+           "(`qrtln recover` without databases for a recovery that had begun)";
+}
+
+// What is missing in a store that is gone is not damaged.
+void DirectoryStore::require_there() const {
+    if (std::string hint = vanished_store_hint(); !hint.empty())
+        throw ClientError(ExitCode::failed, description() + " is not there any more", hint);
 }
 
 std::string DirectoryStore::description() const {
@@ -445,6 +466,7 @@ ObjectCheck DirectoryStore::read_object(const std::string& hash,
                                error);
         check.problem =
             error == ENOENT ? "is missing" : "cannot be opened: " + system_error_text(error);
+        require_there();
         return check;
     }
     if (!S_ISREG(status.st_mode)) {
@@ -459,6 +481,8 @@ ObjectCheck DirectoryStore::read_object(const std::string& hash,
     });
     if (check.problem.empty() && digest.finish() != hash)
         check.problem = "does not have the content that its name tells";
+    if (!check.problem.empty())
+        require_there();
     return check;
 }
 
@@ -551,6 +575,8 @@ std::optional<std::string> DirectoryStore::read_manifest(const std::string& set,
     throw_if_no_permission("read the manifest", m_directory + "/sets/" + name, error);
     if (!bytes)
         problem = error == ENOENT ? "is missing" : "cannot be read: " + system_error_text(error);
+    if (!bytes)
+        require_there();
     return bytes;
 }
 
@@ -573,6 +599,8 @@ std::optional<std::string> DirectoryStore::read_note(const std::string& set, Set
     int error = bytes ? 0 : errno;
     throw_if_no_permission("read a note", m_directory + "/sets/" + name, error);
     problem = bytes || error == ENOENT ? "" : "cannot be read: " + system_error_text(error);
+    if (!bytes)
+        require_there(); // else a store that is gone looks like a set without notes
     return bytes;
 }
 
@@ -649,6 +677,7 @@ void DirectoryStore::discard_added() noexcept {
     try {
         if (m_skeleton_created && (!m_sets || set_names().empty())) {
             m_skeleton_created = false;
+            last_opened.clear(); // it goes by our own hand
             ::unlinkat(m_folder.get(), format_file, 0);
             ::unlinkat(m_folder.get(), format_temporary, 0);
             for (const char* name : skeleton_folders)

@@ -59,6 +59,7 @@ class DirectoryStore final : public Store {
     bool is_unfinished_skeleton() const;
     void write_document(const std::string& name, const std::string& what, const std::string& bytes,
                         bool may_replace);
+    void require_there() const;
     // `name`: what was to be written to, below the folder of the store; empty: that folder.
     [[noreturn]] void fail(const std::string& doing, int error, const std::string& name = {}) const;
 

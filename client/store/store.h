@@ -137,5 +137,8 @@ struct StateRequest;
 // what must be written, notes and run-time data, goes to a folder elsewhere. Throws as
 // open_directory_store and StateFolder do.
 std::unique_ptr<Store> open_store_with_state(const StateRequest& request);
+// What to do when the store that this process opened last cannot be reached any more: its folder is
+// gone, or empty, as where a disk is not mounted any more. Empty while it is there.
+std::string vanished_store_hint();
 
 } // namespace qrtln

@@ -54,7 +54,7 @@ TEST(PointInTime, IsTheMinuteThatTheServerReadsAndNoOther) {
     EXPECT_EQ(parse_since("20260701T083000Z", now).digits, "202607011030");
     EXPECT_FALSE(parse_since("20260701T083000Z", now).cut);
     // The hour that the clock repeats, given in UTC: the server would have to guess.
-    for (const char* text : {"20261025T003000Z", "20261025T013000Z", "2026-10-25 02:30",
+    for (const char* text : {"20261025T003000Z", "2026-10-25T02:30:00+01:00", "2026-10-25 02:30",
                              "2026-03-29 02:30", "2027-01-15 09:01", "1969-12-31 00:00", "today"})
         EXPECT_THROW(parse_since(text, now), ClientError) << text;
     EXPECT_EQ(parse_since("20261025T020000Z", now).digits, "202610250300");
@@ -315,6 +315,8 @@ TEST_F(Documents, RequestsThatMakeNoSenseAreRefused) {
     run(2, {"documents", "--since", "2020-01-01 00:00", "mail/user1.nsf"});
     run(2, {"documents", "deleted", "mail/user1.nsf"});
     run(2, {"documents", "deleted", "--since", "2199-01-01 00:00", "mail/user1.nsf"});
+    run(2, {"documents", "deleted", "--since", "2020-01-01 00:00", "--at", "noon", "names.nsf"});
+    EXPECT_THAT(m_errors, HasSubstr("--at 'noon'"));
     run(1, {"documents", "deleted", "--since", "2020-01-01 00:00", "mail"});
     run(1, {"documents", "deleted", "--since", "2020-01-01 00:00", "user.id"});
     EXPECT_EQ(snapshot(m_data), server);

@@ -3,6 +3,7 @@
 #include "client/recovery_instances.h"
 #include "client/recovery_journal.h"
 #include "client/recovery_logs.h"
+#include "client/recovery_plan.h"
 #include "tests/client/run_client.h"
 
 #include <gmock/gmock.h>
@@ -122,6 +123,13 @@ TEST(RecoveryInstances, AMomentIsDoubtfulFromTheLastProofOfTheInstanceOn) {
     }
 }
 
+TEST(RecoveryPlan, PromisesNoEndOfLogsThatAreMissing) {
+    RecoveryPlan plan;
+    plan.databases.emplace_back();
+    plan.logs.missing = MissingLogs{2, 2, {}, {}, {}};
+    EXPECT_THAT(plan_text(plan), testing::Not(HasSubstr("the end of the logs")));
+}
+
 TEST(RecoveryJournal, KeepsEveryNameAndFindsEachChangedByte) {
     test::ScratchFolder scratch;
     RecoveryJournalFile file(scratch / "recovery.json");
@@ -136,7 +144,7 @@ TEST(RecoveryJournal, KeepsEveryNameAndFindsEachChangedByte) {
     journal.databases = {
         {"/data\xFF/a]\xE4.nsf", "/tmp/\xE4", "/tmp/1", FileState{true, 1, 2, -3}, true, false},
         {.path = "/b.nsf", .copy = "", .owed = true}};
-    journal.done = {{"/c\xE4.nsf", "short"}};
+    journal.done = {{"/c\xE4.nsf", "short", "20261121T024923Z-full"}};
     journal.extents = {{"/logs/S0000001.TXN", "abc"}};
     file.write(journal);
     const std::string bytes = test::read_file(scratch / "recovery.json");
@@ -152,6 +160,7 @@ TEST(RecoveryJournal, KeepsEveryNameAndFindsEachChangedByte) {
     EXPECT_EQ(back.databases[0].link, journal.databases[0].link);
     EXPECT_TRUE(back.databases[0].lost && back.databases.at(1).owed);
     EXPECT_EQ(back.done_of("/c\xE4.nsf")->shortfall, "short");
+    EXPECT_EQ(back.done_of("/c\xE4.nsf")->set, "20261121T024923Z-full");
     file.write(back);
     EXPECT_EQ(test::read_file(scratch / "recovery.json"), bytes);
 

@@ -176,7 +176,13 @@ TEST_F(Restore, FoldersThatTheModuleWouldMisreadAreRefused) {
         restore(2, words);
     restore(1, {"mail/nobody.nsf"});
     EXPECT_THAT(m_errors, HasSubstr("mail/nobody.nsf"));
-    restore(1, {"--all", "--at", "2001-01-01 00:00"});
+    for (const char* all : {"--all", "mail"}) { // the earliest set, with a time that takes it
+        restore(1, {all, "--at", "2001-01-01 00:00"});
+        EXPECT_THAT(m_errors, HasSubstr(list()[0]["ended"].get<std::string>()));
+    }
+    m_tmp = m_data + "/mail";
+    restore(1, {"--all", "--dry-run"});
+    EXPECT_THAT(m_errors, HasSubstr("is inside the data directory"));
 }
 
 TEST_F(Restore, APlainRestoreWithACollisionIsRefusedBeforeItStarts) {
@@ -221,8 +227,11 @@ TEST_F(Restore, TheWholeSystemComesBackFromTheFullSetAndWhatFollowedIt) {
 
     // --at and --set choose the sets.
     std::string base = list()[0]["set"];
-    json at = restore(0, {"mail/user1.nsf", "--at", base.substr(0, 16), "--dry-run"});
-    EXPECT_EQ(at["plan"]["items"][0]["set"], base);
+    json at;
+    for (const std::string& time : {base.substr(0, 16), list()[0]["ended"].get<std::string>()}) {
+        at = restore(0, {"names.nsf", "--at", time, "--dry-run"});
+        EXPECT_EQ(at["plan"]["items"][0]["set"], base);
+    }
     at = restore(0, {"mail/user1.nsf", "--dry-run"});
     EXPECT_EQ(at["plan"]["items"][0]["set"], second);
     restore(1, {"names.nsf", "--set", second});

@@ -6,6 +6,7 @@
 #include "client/recovery_logs.h"
 #include "client/restore_plan.h"
 #include "client/safe_paths.h"
+#include "client/text.h"
 #include "tests/client/run_client.h"
 
 #include <cstdlib>
@@ -224,7 +225,7 @@ TEST(RestoreSelection, TakesWhatWasCopiedByThenAndTheLogsOfOneIdentity) {
         request.names = test.names;
         request.all = test.names.empty();
         if (test.at != 0)
-            request.at = local_minute_text(start + 60 * test.at);
+            request.at = utc_time(start + 60 * test.at);
         std::string got;
         try {
             for (const SelectedItem& item : select_for_restore(*store, scope, request).items)
@@ -243,35 +244,45 @@ TEST(RestoreSelection, TakesWhatWasCopiedByThenAndTheLogsOfOneIdentity) {
 TEST(RestoreMoment, ExactlyOneMomentOrAnError) {
     ::setenv("TZ", "CET-1CEST,M3.5.0,M10.5.0/3", 1);
     ::tzset();
-    EXPECT_EQ(parse_moment("2026-01-01 01:00").time, 1767225600);
-    EXPECT_EQ(parse_moment("2026-07-01 02:00:05").time, 1782864005);
-    EXPECT_EQ(parse_moment("20260101T000000Z").set_prefix, "20260101T000000Z");
+    const std::pair<const char*, std::time_t> accepted[] = {
+        {"2026-01-01 01:00", 1767225600},          {"2026-07-01t02:00:05", 1782864005},
+        {"20260101T000000Z", 1767225600},          {"2026-01-01 00:00z", 1767225600},
+        {"2025-12-31T18:30:00-05:30", 1767225600}, {"2026-03-29T02:30:00+01:00", 1774747800},
+    };
+    for (const auto& [text, time] : accepted)
+        for (const std::string& form : {std::string(text), zoned_time(time), utc_time(time)})
+            EXPECT_EQ(parse_moment(form, "--at").time, time) << form;
+    EXPECT_EQ(parse_moment("20260101T000000Z", "--at").set_prefix, "20260101T000000Z");
     const struct {
         const char* text;
         const char* reason;
+        const char* hint = "2026-11-21T02:49:23Z";
     } cases[] = {
         {"", "understood"},
         {"yesterday", "understood"},
         {"2026-01-01", "understood"},
         {"2026-1-1 01:00", "understood"},
-        {"2026-01-01T01:00", "understood"},
+        {"2026-01-01T01:00:00.5Z", "fractions"},
+        {"2026-01-01T01:00+24:00", "no such time"},
         {"2026-01-01 01:00 ", "understood"},
         {"20260101T000000", "understood"},
         {"2026-02-30 01:00", "no such time"},
         {"2026-13-01 01:00", "no such time"},
         {"2026-01-01 25:00", "no such time"},
         {"20260230T000000Z", "no such time"},
-        {"2026-03-29 02:30", "skips"},
-        {"2026-10-25 02:30", "repeats"},
+        {"2026-03-29 02:30", "skips", "2026-03-29T01:30:00+01:00 or 2026-03-29T03:30:00+02:00"},
+        {"2026-10-25 02:30", "twice", "2026-10-25T02:30:00+02:00 or 2026-10-25T02:30:00+01:00"},
     };
     for (const auto& test : cases) {
         SCOPED_TRACE(test.text);
         try {
-            parse_moment(test.text);
+            parse_moment(test.text, "--option");
             ADD_FAILURE();
         } catch (const ClientError& error) {
             EXPECT_EQ(error.exit_code(), 2);
             EXPECT_THAT(error.what(), HasSubstr(test.reason));
+            EXPECT_THAT(error.what(), testing::StartsWith("--option '"));
+            EXPECT_THAT(error.hint(), HasSubstr(test.hint));
         }
     }
     ::unsetenv("TZ");

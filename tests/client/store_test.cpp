@@ -113,6 +113,17 @@ TEST(DirectoryStore, FindsAFlippedBitAnywhereInAnObjectAndMendsItWithTheNextCopy
     EXPECT_TRUE(get(*store, hash) == content);
 }
 
+// As a disk that is not mounted any more, whose folder is there and empty.
+TEST(DirectoryStore, ThatVanishedIsNotTakenForADamagedOne) {
+    test::ScratchFolder scratch;
+    auto store = open_directory_store(scratch / "store", StoreAccess::write);
+    EXPECT_EQ(store->read_object(std::string(64, '0'), [](Bytes) {}).problem, "is missing");
+    std::filesystem::rename(scratch / "store", scratch / "away");
+    std::filesystem::create_directory(scratch / "store");
+    EXPECT_THROW(store->read_object(std::string(64, '0'), [](Bytes) {}), ClientError);
+    EXPECT_THAT(vanished_store_hint(), HasSubstr("its disk not mounted"));
+}
+
 TEST(DirectoryStore, RemovesWhatAKilledRunLeft) {
     ScratchFolder scratch;
     open_store(scratch);

@@ -28,13 +28,6 @@ constexpr const char* extent_size = "65536";
 constexpr std::int64_t hundredths = 100;
 constexpr const char* user = "CN=Anna/O=Sample";
 
-std::int64_t seconds_of(const std::string& utc) {
-    std::tm fields{};
-    if (::strptime(utc.c_str(), "%Y-%m-%dT%H:%M:%SZ", &fields) == nullptr)
-        throw std::runtime_error("not a time: " + utc);
-    return ::timegm(&fields);
-}
-
 void apply(const NoteChange& change, Content& content) {
     NoteId id = change.note.id;
     switch (change.kind) {
@@ -248,12 +241,12 @@ void History::remember_set(const std::string& output,
     json summary = json::parse(output);
     Saved saved;
     saved.set = summary.at("set");
-    saved.ended = seconds_of(summary.at("ended"));
     Run show = run(command({"show", "--json", saved.set}), m_environment, m_folder);
     if (show.exit_code != 0)
         throw std::runtime_error("show: " + show.errors);
     std::set<std::string> paths;
     json set = json::parse(show.output);
+    saved.ended = set.at("ended");
     for (const json& item : set.at("items"))
         if (item.at("kind") == "database")
             paths.insert(item.at("path"));
