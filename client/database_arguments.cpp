@@ -24,6 +24,9 @@ namespace {
 
 constexpr std::string_view value_prefix = "QRTLN:";
 constexpr std::string_view pattern_characters = "?[\\";
+// Every character but "*" is not this one: the module takes an escaped "*", too, for a pattern that
+// goes on in the folders below.
+constexpr std::string_view only_star = "[!\x01-)+-\xff]";
 
 // What the module selects from a folder: databases, and the files that belong to a server.
 constexpr std::array selected_extensions = {".nsf", ".ns2", ".ns3", ".ns4", ".ns5", ".ntf", ".ncf",
@@ -80,21 +83,19 @@ bool folder_has_match(const std::string& path) {
 DatabaseArgument resolve(const std::string& given, const std::string& data_directory) {
     if (given.empty())
         refuse(given, "an empty name names no database");
-    if (given.find('*') != std::string::npos)
-        refuse(given, "a name with \"*\" cannot be passed to the module",
-               "name the databases, or the folder that they are in");
     DatabaseArgument argument;
     argument.given = given;
     argument.path = below_data_directory(given, data_directory);
-    if (argument.path.find('*') != std::string::npos)
-        refuse(given, "the path holds a \"*\", which cannot be passed to the module");
     struct stat status {};
     if (::stat(argument.path.c_str(), &status) != 0)
         refuse(given, system_error_text(errno) + " (" + for_terminal(argument.path) + ")",
-               "relative names are below the data directory " + for_terminal(data_directory));
+               given.find('*') != std::string::npos
+                   ? "names are taken as they are: name the databases, or the folder they are in"
+                   : "relative names are below the data directory " + for_terminal(data_directory));
     argument.directory = S_ISDIR(status.st_mode);
     std::string escaped = escape_last_component(argument.path);
-    if (argument.directory && escaped != argument.path) {
+    if (argument.directory &&
+        (escaped != argument.path || argument.path.find('*') != std::string::npos)) {
         // A folder's name is taken literally only when a pattern follows it.
         if (!folder_has_match(argument.path))
             refuse(given,
@@ -237,6 +238,10 @@ std::string escape_last_component(const std::string& path) {
     std::size_t start = path.rfind('/') + 1;
     std::string escaped = path.substr(0, start);
     for (char character : path.substr(start)) {
+        if (character == '*') {
+            escaped += only_star;
+            continue;
+        }
         if (pattern_characters.find(character) != std::string_view::npos)
             escaped += '\\';
         escaped += character;
@@ -251,6 +256,7 @@ bool is_database_name(const std::string& name) {
 std::vector<DatabaseArgument> resolve_database_arguments(const std::vector<std::string>& given,
                                                          const std::string& data_directory) {
     std::vector<DatabaseArgument> resolved;
+    resolved.reserve(given.size());
     for (const std::string& text : given)
         resolved.push_back(resolve(text, data_directory));
     std::map<std::string, const DatabaseArgument*> first; // of each path

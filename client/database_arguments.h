@@ -21,8 +21,8 @@ struct DatabaseArgument {
 std::vector<DatabaseArgument> resolve_database_arguments(const std::vector<std::string>& given,
                                                          const std::string& data_directory);
 
-// The path with each character of its last component that means something in a pattern escaped
-// with a backslash. REQUIRES: no "*" in it.
+// The path as a pattern that its last component alone matches. Where a folder above has a "*" in
+// its name, what has the same last component in folders below that one is matched, too.
 std::string escape_last_component(const std::string& path);
 
 // Whether the module handles a file of this name as a database: copies it before it is read.

@@ -31,6 +31,8 @@ class FileDescriptor {
     ~FileDescriptor() { reset(); }
 
     int get() const { return m_fd; }
+    // Lets go of it without closing.
+    int release() { return std::exchange(m_fd, -1); }
     explicit operator bool() const { return m_fd >= 0; }
     // Closes and returns 0, or the errno of the close: for files whose last bytes matter.
     int close_checked();

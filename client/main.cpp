@@ -202,10 +202,15 @@ CLI::App* add_restore(CLI::App& app, qrtln::RestoreOptions& restore) {
             ->type_name("DIR");
     command.add_flag("--plain", restore.plain, "Write straight into the folder, without the path")
         ->needs(restore_to);
+    CLI::Option* activate =
+        command
+            .add_flag("--activate", restore.activate,
+                      "Have the server put each database in the place of the live one")
+            ->excludes(restore_to);
     command
-        .add_flag("--activate", restore.activate,
-                  "Have the server put each database in the place of the live one")
-        ->excludes(restore_to);
+        .add_flag("--keep-replaced", restore.keep_replaced,
+                  "Keep each database and file that is replaced as NAME.replaced-TIME beside it")
+        ->needs(activate);
     command.add_flag("--dry-run", restore.dry_run,
                      "Show what would be written where, and write nothing");
     CLI::Option* restore_names = command.add_option(

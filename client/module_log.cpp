@@ -72,6 +72,34 @@ ModifiedTest parse_modified_test(const std::string& line) {
     return {line.starts_with("date: ") ? Step::put : Step::none, {}};
 }
 
+std::optional<ServerStatus> parse_server_status(const std::string& line) {
+    constexpr std::string_view beginning = "Got Notes error: ";
+    std::size_t number = line.rfind(" (");
+    if (!line.starts_with(beginning) || !line.ends_with(')') || number < beginning.size())
+        return std::nullopt;
+    ServerStatus status;
+    status.text = line.substr(beginning.size(), number - beginning.size());
+    const char* end = line.data() + line.size() - 1;
+    auto [last, error] = std::from_chars(line.data() + number + 2, end, status.number);
+    return error == std::errc() && last == end ? std::optional(status) : std::nullopt;
+}
+
+std::string advice_on(const ServerStatus& status) {
+    constexpr unsigned access_denied = 272;
+    constexpr unsigned no_database = 513;
+    switch (status.number) {
+    case status_in_use:
+        return "shut down the task that uses it, or the server";
+    case access_denied:
+        return "run as the user that owns the server's data directory, and look at the mode of the "
+               "file";
+    case no_database:
+        return "what is in its place is no database any more: move it away";
+    default:
+        return "look at the file, its disk and the server's console";
+    }
+}
+
 bool says_archiving_in_progress(const std::string& line) {
     return line.find("ERR_TRANSLOG_ARCHIVE_IN_PROGRESS") != std::string::npos;
 }

@@ -33,6 +33,19 @@ struct ModifiedTest {
 };
 ModifiedTest parse_modified_test(const std::string& line);
 
+// A failure of the server's.
+struct ServerStatus {
+    unsigned number = 0; // of its library
+    std::string text;
+};
+inline constexpr unsigned status_in_use = 5098; // the database is
+
+// The failure that a line of the trace tells, or nothing for any other line.
+std::optional<ServerStatus> parse_server_status(const std::string& line);
+
+// What to do when the server does not take a database offline for this reason, for a person.
+std::string advice_on(const ServerStatus& status);
+
 // Whether a line says that another archiving session was open on the server. The module has ended
 // that session: one more start succeeds.
 bool says_archiving_in_progress(const std::string& line);

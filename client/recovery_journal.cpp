@@ -22,7 +22,7 @@ using nlohmann::json;
 
 constexpr int journal_format = 1;
 constexpr std::size_t maximal_journal = std::size_t{1} << 30;
-constexpr std::string_view folder_prefix = "qrtln-recovery_"; // "-R" would be an option of INFO
+constexpr std::string_view folder_prefix = "qrtln-recovery_";
 constexpr std::size_t read_size = std::size_t{1} << 20;
 constexpr std::int64_t nanoseconds = 1'000'000'000;
 
@@ -167,14 +167,18 @@ bool file_has_content(const std::string& path, const std::string& object,
                       const std::function<void()>& between) {
     FileDescriptor file(::open(path.c_str(), O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC));
     struct stat status {};
-    if (!file || ::fstat(file.get(), &status) != 0 || !S_ISREG(status.st_mode))
-        return false;
+    return file && ::fstat(file.get(), &status) == 0 && S_ISREG(status.st_mode) &&
+           descriptor_has_content(file.get(), object, between);
+}
+
+bool descriptor_has_content(int file, const std::string& object,
+                            const std::function<void()>& between) {
     Sha256 digest;
     std::vector<std::byte> buffer(read_size);
     for (;;) {
         if (between)
             between();
-        ssize_t got = read_up_to(file.get(), buffer);
+        ssize_t got = read_up_to(file, buffer);
         if (got < 0)
             return false;
         if (got == 0)

@@ -101,6 +101,9 @@ std::string make_folder_for_proof(const std::string& tmp_dir, const std::string&
 // throwing.
 bool file_has_content(const std::string& path, const std::string& object,
                       const std::function<void()>& between = {});
+// The same of an open file, from where it stands.
+bool descriptor_has_content(int file, const std::string& object,
+                            const std::function<void()>& between = {});
 
 // What an unfinished recovery has on the server: the folder of its copies, and logs that still have
 // the content that was put back.

@@ -4,6 +4,7 @@
 #include "client/database_arguments.h"
 #include "client/error.h"
 #include "client/interrupt.h"
+#include "client/neutral_path.h"
 #include "client/output.h"
 #include "client/recovery_restores.h"
 #include "client/safe_paths.h"
@@ -81,7 +82,7 @@ class Recovery {
     std::vector<const RecoveringDatabase*>
     roll_forward_once(const std::vector<const RecoveringDatabase*>& databases);
     std::vector<std::string> variables(const std::vector<const RecoveringDatabase*>& databases,
-                                       const std::string& temporary) const;
+                                       const std::string& temporary, const std::string& into) const;
     void report_recovered(const RecoveringDatabase& database);
     void put_only_its_set_in_place();
     void give_owner_and_mode(const RecoveringDatabase& database);
@@ -525,13 +526,13 @@ void Recovery::roll_forward() {
 
 std::vector<std::string>
 Recovery::variables(const std::vector<const RecoveringDatabase*>& databases,
-                    const std::string& temporary) const {
+                    const std::string& temporary, const std::string& into) const {
     std::vector<std::string> variables = {"TMP_DIR=" + temporary, "RECOVERY=YES",
                                           "ROLLFORWARD=" + rollforward_value(m_plan.to)};
     if (m_plan.new_dbiid)
         variables.emplace_back("NEWDBIID=YES");
     if (!in_place())
-        variables.push_back("INFO=" + relocation_info(m_plan.into, false));
+        variables.push_back("INFO=" + relocation_info(into, false));
     for (const RecoveringDatabase* database : databases)
         variables.push_back("DATABASE=QRTLN:" + escape_last_component(database->planned.item.path));
     return variables;
@@ -555,24 +556,31 @@ void Recovery::report_recovered(const RecoveringDatabase& database) {
 // Returns those that are to be tried again, without one that made the whole recovery fail.
 std::vector<const RecoveringDatabase*>
 Recovery::roll_forward_once(const std::vector<const RecoveringDatabase*>& databases) {
+    const NeutralPath into(m_plan.into, m_plan.data_directory);
     std::vector<std::string> targets;
     targets.reserve(databases.size());
     for (const RecoveringDatabase* database : databases)
-        targets.push_back(database->planned.target);
+        targets.push_back(into.for_module(database->planned.target));
     ToldOutcomes told(targets);
     std::optional<TemporaryDirectory> temporary;
     if (!in_place())
         temporary.emplace(absolute_path(m_request.tmp_dir), m_plan.data_directory);
-    ModuleSession session(m_context, [&](const std::string& line) { told.read(line); });
-    int status = session.init(
-        DB_TYPE_RST, DB_LEVEL_FULL,
-        variables(databases, temporary ? temporary->path() : m_journal.pending_folder));
-    std::string reason = status == DB_NUM_I_COMPLETE ? "" : session.reason();
+    ModuleSession session(
+        m_context, [&](const std::string& line) { told.read(line); },
+        [&](const std::string& line) { told.read_trace(line); });
+    int status =
+        session.init(DB_TYPE_RST, DB_LEVEL_FULL,
+                     variables(databases, temporary ? temporary->path() : m_journal.pending_folder,
+                               into.path()));
+    std::string reason = status == DB_NUM_I_COMPLETE ? "" : into.in_text(session.reason());
 
     std::vector<const RecoveringDatabase*> again;
     bool one_failed = false;
     for (const RecoveringDatabase* database : databases) {
-        std::optional<ToldOutcomes::Told> outcome = told.of(database->planned.target);
+        std::optional<ToldOutcomes::Told> outcome =
+            told.of(into.for_module(database->planned.target));
+        if (outcome)
+            outcome->reason = into.in_text(outcome->reason);
         bool waits = in_place() && exists(copy_of(*database));
         if (!outcome) {
             report(*database,

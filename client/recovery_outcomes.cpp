@@ -7,6 +7,14 @@
 
 namespace qrtln {
 
+namespace {
+
+// Reasons that the module gives without the server's.
+constexpr std::string_view not_taken = "it cannot be taken offline";
+constexpr std::string_view not_online = "it is in place, but could not be brought online";
+
+} // namespace
+
 const char* outcome_name(RecoveryOutcome outcome) {
     switch (outcome) {
     case RecoveryOutcome::recovered:
@@ -41,6 +49,11 @@ bool DatabaseRecovery::falls_short() const {
     return true;
 }
 
+void ToldOutcomes::read_trace(const std::string& line) {
+    if (std::optional<ServerStatus> status = parse_server_status(line))
+        m_status = *status;
+}
+
 void ToldOutcomes::read(std::string_view line) {
     constexpr std::string_view missing = "ROLLFORWARD: missing transaction log [";
     if (line.starts_with(missing)) {
@@ -64,6 +77,11 @@ void ToldOutcomes::read(std::string_view line) {
                 continue;
             reason.remove_prefix(reason.empty() ? 0 : 2);
             told->second = Told{outcome, std::string(reason)};
+            if (reason == not_taken && !m_status.text.empty())
+                told->second->reason += ": " + m_status.text + ": " + advice_on(m_status);
+            else if (reason == not_online && !m_status.text.empty())
+                told->second->reason += ": " + m_status.text;
+            m_status = {};
             return;
         }
     }

@@ -1,6 +1,8 @@
 // What became of each database of a recovery, and how the module tells it.
 #pragma once
 
+#include "client/module_log.h"
+
 #include <cstdint>
 #include <map>
 #include <optional>
@@ -50,7 +52,10 @@ class ToldOutcomes {
         for (const std::string& target : targets)
             m_told.try_emplace(target);
     }
+    // A line of its protocol.
     void read(std::string_view line);
+    // A line of its trace, which has the server's failures.
+    void read_trace(const std::string& line);
     // Nothing when the module told nothing of it.
     std::optional<Told> of(const std::string& target) const { return m_told.at(target); }
     const std::string& missing_log() const { return m_missing_log; }
@@ -58,6 +63,7 @@ class ToldOutcomes {
   private:
     std::map<std::string, std::optional<Told>> m_told;
     std::string m_missing_log;
+    ServerStatus m_status; // the last since a database was told of
 };
 
 } // namespace qrtln

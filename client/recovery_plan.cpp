@@ -11,6 +11,7 @@
 #include <algorithm>
 #include <array>
 #include <ctime>
+#include <filesystem>
 #include <map>
 #include <strings.h>
 #include <sys/stat.h>
@@ -44,6 +45,7 @@ class RecoveryPlanner {
     bool reaches_no_end(const RecoveringDatabase& database);
     std::string reason_against(RecoveringDatabase& database);
     bool is_destroyed(const PlannedItem& planned) const;
+    void refuse_what_reaches_others();
     bool is_restored(const std::string& path) const;
     const CatalogueEntry& set(const std::string& name);
     void plan_logs();
@@ -89,6 +91,7 @@ RecoveryPlan RecoveryPlanner::run() {
     bool unfinished = m_request.log_folder_was_lost && !m_plan.server_logs.has_control;
     m_plan.server_logs.missing = m_plan.server_logs.missing || unfinished;
     compare_instances();
+    refuse_what_reaches_others();
     plan_logs();
     if (m_plan.logs.missing)
         m_plan.logs.missing->reachable = find_reachable(m_plan.logs.missing->reachable);
@@ -147,12 +150,6 @@ const CatalogueEntry& RecoveryPlanner::set(const std::string& name) {
 }
 
 void RecoveryPlanner::take_database(PlannedItem planned) {
-    if (planned.item.path.find('*') != std::string::npos) {
-        planned.reason = "a name with \"*\" cannot be passed to the module: restore it with "
-                         "`qrtln restore`";
-        m_plan.refused.push_back(std::move(planned));
-        return;
-    }
     RecoveringDatabase database;
     if (const std::optional<Manifest>& manifest = set(planned.set).manifest) {
         database.set_started = manifest->started;
@@ -231,6 +228,32 @@ bool RecoveryPlanner::reaches_no_end(const RecoveringDatabase& database) {
     if (!reason.empty())
         m_plan.no_whole_copy[path] = reason;
     return !reason.empty();
+}
+
+// The module looks for a database in a folder with a "*" in its name in the folders below, too, and
+// would roll forward what an earlier recovery wrote there.
+void RecoveryPlanner::refuse_what_reaches_others() {
+    namespace fs = std::filesystem;
+    std::set<std::string> targets;
+    for (const RecoveringDatabase& database : m_plan.databases)
+        targets.insert(database.planned.target);
+    std::erase_if(m_plan.databases, [&](RecoveringDatabase& database) {
+        PlannedItem& planned = database.planned;
+        if (m_plan.into.empty() || folder_of(planned.item.path).find('*') == std::string::npos)
+            return false;
+        std::error_code error;
+        fs::recursive_directory_iterator entry(folder_of(planned.target), error);
+        for (; !error && entry != fs::recursive_directory_iterator(); entry.increment(error))
+            if (entry->path().filename() == name_of(planned.target) &&
+                !targets.contains(entry->path().string()))
+                break;
+        if (error || entry == fs::recursive_directory_iterator())
+            return false;
+        planned.reason = "its folder has a \"*\" in its name, and " + entry->path().string() +
+                         " would be rolled forward with it: name another folder with --into";
+        m_plan.refused.push_back(std::move(planned));
+        return true;
+    });
 }
 
 bool RecoveryPlanner::is_restored(const std::string& path) const {

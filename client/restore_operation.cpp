@@ -4,11 +4,15 @@
 #include "client/created_folders.h"
 #include "client/error.h"
 #include "client/interrupt.h"
+#include "client/kept_beside.h"
+#include "client/module_log.h"
+#include "client/neutral_path.h"
 #include "client/object_content.h"
 #include "client/output.h"
 #include "client/safe_paths.h"
 #include "client/temporary_directory.h"
 #include "client/text.h"
+#include "client/waiting_copies.h"
 
 #include <algorithm>
 #include <cerrno>
@@ -21,8 +25,14 @@ namespace qrtln {
 
 namespace {
 
-// The module says so when the server does not let go of a database.
-constexpr std::string_view in_use_line = "QRTLN_Activate(): WARNING: Please shutdown";
+// The module says so when the server does not take a database offline.
+constexpr std::string_view not_taken_line = "QRTLN_Activate(): WARNING: Please shutdown";
+// And so when it does.
+constexpr std::string_view taken_line_start = "TakeDbsOffline(): Database ";
+constexpr std::string_view taken_line_end = " taken offline";
+
+// A folder of the server's that nothing is restored to.
+constexpr const char* no_folder = "qrtln-nothing";
 
 // The folder part of a relative path.
 std::string relative_folder(const std::string& relative) {
@@ -44,7 +54,7 @@ std::string joined(const std::string& root, const std::string& relative) {
 class RestoreOperation {
   public:
     RestoreOperation(const OperationContext& context, const RestorePlan& plan, OwedDatabases* owed)
-        : m_context(context), m_plan(plan), m_owed(owed) {}
+        : m_context(context), m_plan(plan), m_owed(owed), m_to(plan.to, plan.data_directory) {}
     RestoreResult run();
 
   private:
@@ -59,27 +69,42 @@ class RestoreOperation {
     bool write_content(const PlannedItem& planned, SafeFile& file, std::string& problem);
     void create_folder(const PlannedItem& planned);
     void write_item(const PlannedItem& planned, const std::string& path);
+    bool take_waiting(const PlannedItem& planned, int folder, const std::string& name);
+    void drop_waiting(const PlannedItem& planned);
     std::string check_live_target(const PlannedItem& planned);
     void owe(const PlannedItem& planned);
     void owe_all_when_logs_come_back();
+    bool keep_replaced(const PlannedItem& planned, const std::string& path);
+    std::string announce_nothing(const PlannedItem& planned);
+    bool take_offline(const PlannedItem& planned, std::string& problem);
+    void bring_online(const PlannedItem& planned);
+    void note_kept(const PlannedItem& planned);
+    void forget_kept(const PlannedItem& planned);
+    void tell_refusal(const PlannedItem& planned, const std::string& reason);
     void finish_written(const PlannedItem& planned, const std::string& path);
     void finish_activation(const PlannedItem& planned, const std::string& path);
     void give_metadata_back(const PlannedItem& planned);
     void give_folder_metadata_back();
-    void fail(const PlannedItem& planned, const std::string& reason);
+    void fail(const PlannedItem& planned, const std::string& told);
     void close();
     void settle_temporary_folder(bool ended_early);
 
     const OperationContext& m_context;
     const RestorePlan& m_plan;
     OwedDatabases* m_owed;
-    std::optional<TemporaryDirectory> m_temporary; // the session, whose child uses it, goes first
+    // The session, whose child uses both, goes first.
+    NeutralPath m_to;
+    std::optional<TemporaryDirectory> m_temporary;
+    std::optional<WaitingCopies> m_waiting; // of earlier runs
     std::optional<ModuleSession> m_session;
     std::optional<Progress> m_progress;
     RestoreResult m_result;
     CreatedFolders m_created;
-    // Told since the last finish.
-    bool m_in_use = false;
+    // Told since the item was announced.
+    std::optional<ServerStatus> m_status; // the server's last failure
+    bool m_not_taken = false;             // the live database was not taken offline
+    bool m_taken = false;                 // it was
+    std::string m_kept;                   // what is kept of the file that the item replaces
 };
 
 RestoreResult RestoreOperation::run() {
@@ -91,6 +116,8 @@ RestoreResult RestoreOperation::run() {
     try {
         if (m_plan.pending_folder.empty())
             m_temporary.emplace(absolute_path(m_context.tmp_dir), m_plan.data_directory);
+        if (m_temporary && m_plan.activate)
+            m_waiting.emplace(absolute_path(m_context.tmp_dir), m_plan.data_directory);
         start();
         create_relocation_folder();
         owe_all_when_logs_come_back();
@@ -108,6 +135,8 @@ RestoreResult RestoreOperation::run() {
         close();
     } catch (...) {
         m_progress.reset();
+        if (!m_kept.empty())
+            print_message("what was about to be replaced is kept: " + for_terminal(m_kept));
         if (m_session)
             m_session->abandon();
         m_session.reset();
@@ -123,14 +152,22 @@ RestoreResult RestoreOperation::run() {
 }
 
 void RestoreOperation::start() {
-    m_session.emplace(m_context, [this](const std::string& line) {
-        m_in_use = m_in_use || line.starts_with(in_use_line);
-    });
+    m_session.emplace(
+        m_context,
+        [this](const std::string& line) {
+            m_not_taken = m_not_taken || line.starts_with(not_taken_line);
+        },
+        [this](const std::string& line) {
+            if (std::optional<ServerStatus> status = parse_server_status(line); status)
+                m_status = m_not_taken ? m_status : status;
+            m_taken =
+                m_taken || (line.starts_with(taken_line_start) && line.ends_with(taken_line_end));
+        });
     std::vector<std::string> variables = {"TMP_DIR=" + temporary_folder(), "DATABASE=NOTES"};
     if (m_plan.activate)
         variables.emplace_back("ACTIVATE=YES");
     if (!m_plan.to.empty())
-        variables.push_back("INFO=" + relocation_info(m_plan.to, m_plan.plain));
+        variables.push_back("INFO=" + relocation_info(m_to.path(), m_plan.plain));
     if (m_session->init(DB_TYPE_RST, m_plan.extents_only ? DB_LEVEL_INCR : DB_LEVEL_FULL,
                         std::move(variables)) != DB_NUM_I_OK)
         m_session->report_failed_start("restore", m_session->reason());
@@ -142,7 +179,8 @@ void RestoreOperation::create_relocation_folder() {
                                                 ": " + system_error_text(errno));
 }
 
-void RestoreOperation::fail(const PlannedItem& planned, const std::string& reason) {
+void RestoreOperation::fail(const PlannedItem& planned, const std::string& told) {
+    std::string reason = m_to.in_text(told);
     print_message("failed: " + for_terminal(planned.item.path) + ": " + for_terminal(reason));
     m_result.failed.push_back({planned.item.path, reason});
 }
@@ -150,13 +188,15 @@ void RestoreOperation::fail(const PlannedItem& planned, const std::string& reaso
 // The path to write to, or nothing with the failure noted.
 std::optional<std::string> RestoreOperation::announce(const PlannedItem& planned) {
     m_session->forget_reasons();
-    m_in_use = false;
+    m_status.reset();
+    m_not_taken = m_taken = false;
     bool folder = planned.item.kind == ItemKind::directory;
-    std::string directory = folder ? planned.announced : folder_of(planned.announced);
+    const std::string announced = m_to.for_module(planned.announced);
+    std::string directory = folder ? announced : folder_of(announced);
     ModuleItem answer = m_session->host().set_item(DB_ITEM_TYPE_DIRECTORY, directory);
     std::string path = answer.name;
     if (answer.status == DB_NUM_I_OK && !folder) {
-        answer = m_session->host().set_item(DB_ITEM_TYPE_FILE, planned.announced);
+        answer = m_session->host().set_item(DB_ITEM_TYPE_FILE, announced);
         path = answer.name;
         if (answer.status == DB_NUM_I_OK)
             m_session->item_begun();
@@ -168,15 +208,14 @@ std::optional<std::string> RestoreOperation::announce(const PlannedItem& planned
     bool placed =
         planned.action == RestoreAction::activate || planned.action == RestoreAction::place;
     const std::string& temporary = temporary_folder();
-    bool allowed =
-        placed ? path != temporary && is_below(path, temporary) : path == planned.announced;
+    bool allowed = placed ? path != temporary && is_below(path, temporary) : path == announced;
     if (!allowed || !path_problem(path).empty()) {
         m_session->finish_failed();
         fail(planned, "the module wants it written to " + printable_utf8(path) +
                           ", which is no place for it");
         return std::nullopt;
     }
-    return path;
+    return placed ? path : planned.announced; // never written through a link
 }
 
 void RestoreOperation::restore_item(const PlannedItem& planned) {
@@ -233,9 +272,11 @@ void RestoreOperation::write_item(const PlannedItem& planned, const std::string&
         fail(planned, problem);
         return;
     }
+    bool taken = take_waiting(planned, folder.get(), name_of(relative));
     SafeFile file(std::move(folder), name_of(relative));
-    problem = file.create();
-    if (problem.empty() && !write_content(planned, file, problem)) {
+    if (!taken)
+        problem = file.create();
+    if (!taken && problem.empty() && !write_content(planned, file, problem)) {
         if (!problem.empty())
             fail(planned, problem);
         return;
@@ -248,7 +289,14 @@ void RestoreOperation::write_item(const PlannedItem& planned, const std::string&
     bool replaces = placed ? !m_plan.pending_folder.empty() : planned.replaces;
     if (problem.empty() && planned.action == RestoreAction::write && m_plan.to.empty())
         owe(planned);
-    if (problem.empty())
+    m_kept.clear();
+    if (problem.empty() && planned.action == RestoreAction::write && planned.keeps_replaced) {
+        KeptFile kept =
+            keep_beside(planned.root, planned.target, [] { return interrupt_signal() != 0; });
+        problem = kept.problem.empty() ? "" : "it cannot be kept: " + kept.problem;
+        m_kept = kept.path;
+    }
+    if (problem.empty() && !taken)
         problem = file.commit(stays_ours ? nullptr : &planned.item, replaces);
     for (const std::string& warning : file.warnings())
         m_result.warnings.push_back(std::string(planned.target).append(": ").append(warning));
@@ -258,12 +306,39 @@ void RestoreOperation::write_item(const PlannedItem& planned, const std::string&
             ::unlink(path.c_str()); // in this run's own folder; at its end it goes anyway
     }
     if (!problem.empty()) {
+        forget_kept(planned);
         fail(planned, problem);
         return;
     }
     if (activate)
         owe(planned);
+    if (activate && m_plan.keep_replaced && !keep_replaced(planned, path))
+        return;
     activate ? finish_activation(planned, path) : finish_written(planned, path);
+}
+
+// What an earlier run left of the same content need not be read from the store again.
+bool RestoreOperation::take_waiting(const PlannedItem& planned, int folder,
+                                    const std::string& name) {
+    std::string from;
+    if (m_waiting && planned.action == RestoreAction::activate)
+        from = m_waiting->take(planned.item, folder, name, [this] {
+            m_session->host().forward_interrupt();
+            throw_if_interrupted();
+        });
+    if (!from.empty())
+        print_message("the copy of " + for_terminal(planned.item.path) +
+                      " that waited is whole and is used: " + for_terminal(from));
+    return !from.empty();
+}
+
+// One copy waits for a database at most: the newest.
+void RestoreOperation::drop_waiting(const PlannedItem& planned) {
+    if (!m_waiting)
+        return;
+    for (std::string& warning :
+         m_waiting->drop(planned.item.path, [this] { m_session->host().forward_interrupt(); }))
+        m_result.warnings.push_back(std::move(warning));
 }
 
 // No backup that selects what changed would find what is put in place now: its time and identity
@@ -308,49 +383,176 @@ std::string RestoreOperation::check_live_target(const PlannedItem& planned) {
     // The plan's reckoning may be hours old, and a copy that fails leaves half a database.
     std::optional<std::uint64_t> room = free_bytes(folder_of(planned.target));
     std::uint64_t size = planned.item.size;
+    if (live && m_plan.keep_replaced && room)
+        room = *room - std::min(*room, static_cast<std::uint64_t>(live->st_size));
     if (problem.empty() && room && size > *room && size - *room > occupied_bytes(live))
         problem = "there is no room for its " + human_bytes(size) + ": " + human_bytes(*room) +
                   " are free on its file system; the live database is as it was";
     return problem;
 }
 
+// Announces a file that nothing is written to, of the live database's name and folder. Returns
+// where the module expects it; empty when it does not take it.
+std::string RestoreOperation::announce_nothing(const PlannedItem& planned) {
+    m_session->forget_reasons();
+    m_status.reset();
+    m_not_taken = m_taken = false;
+    ModuleItem answer =
+        m_session->host().set_item(DB_ITEM_TYPE_DIRECTORY, folder_of(planned.target));
+    if (answer.status == DB_NUM_I_OK)
+        answer = m_session->host().set_item(
+            DB_ITEM_TYPE_FILE,
+            joined(joined(m_plan.data_directory, no_folder), name_of(planned.target)));
+    if (answer.status != DB_NUM_I_OK)
+        return {};
+    m_session->item_begun();
+    bool good = is_below(answer.name, temporary_folder()) && path_problem(answer.name).empty() &&
+                name_of(answer.name) == name_of(planned.target) && !exists(answer.name);
+    if (!good)
+        m_session->finish_failed();
+    return good ? answer.name : std::string();
+}
+
+// An activation takes the live database from its users first. One for which there is no copy ends
+// there: the database is as it was, and nobody writes to it.
+bool RestoreOperation::take_offline(const PlannedItem& planned, std::string& problem) {
+    if (announce_nothing(planned).empty()) {
+        problem = "the module refused to take it offline: " + m_session->reason();
+        return false;
+    }
+    (void)m_session->finish(DB_ITEM_SUCCESS);
+    if (!m_taken)
+        problem = m_session->reason();
+    return m_taken;
+}
+
+// An activation of the live database itself copies nothing and deletes nothing.
+void RestoreOperation::bring_online(const PlannedItem& planned) {
+    std::string place = announce_nothing(planned);
+    bool online = !place.empty() && ::symlink(planned.target.c_str(), place.c_str()) == 0 &&
+                  m_session->finish(DB_ITEM_SUCCESS) == DB_NUM_I_OK;
+    m_session->finish_failed();
+    if (!place.empty())
+        ::unlink(place.c_str()); // in this run's own folder
+    if (!online)
+        m_result.warnings.push_back(planned.target +
+                                    ": is as it was, but offline: bring it online at the server");
+}
+
+void RestoreOperation::note_kept(const PlannedItem& planned) {
+    if (!m_kept.empty())
+        m_result.kept_replaced.push_back({planned.target, m_kept});
+    m_kept.clear();
+}
+
+void RestoreOperation::forget_kept(const PlannedItem& planned) {
+    if (!m_kept.empty() && ::unlink(m_kept.c_str()) != 0)
+        m_result.warnings.push_back(planned.target +
+                                    ": was not replaced, but what was kept of it " +
+                                    "could not be removed: " + m_kept);
+    m_kept.clear();
+}
+
+// Returns whether the activation may go on: the live database is kept, if there is one, and nobody
+// writes to it any more.
+bool RestoreOperation::keep_replaced(const PlannedItem& planned, const std::string& path) {
+    if (!exists(planned.target))
+        return true;
+    m_session->finish_failed(); // the copy stays where it is
+    // Should the child die, the live database may be offline.
+    m_result.waiting.push_back(
+        {planned.item.path, path, "its activation did not end", false, false, planned.item.object});
+    std::string problem;
+    if (!take_offline(planned, problem)) {
+        m_not_taken = true; // there is nothing that it could have been replaced by
+        tell_refusal(planned, problem);
+        return false;
+    }
+    KeptFile kept = keep_beside(planned.root, planned.target, [this] {
+        m_session->host().forward_interrupt();
+        return interrupt_signal() != 0;
+    });
+    m_kept = kept.path;
+    m_result.waiting.pop_back();
+    bool goes_on = false;
+    if (!kept.problem.empty()) {
+        fail(planned, "what is there cannot be kept (" + kept.problem + "), and was not replaced");
+    } else if (std::optional<std::string> again = announce(planned)) {
+        goes_on = *again == path;
+        if (!goes_on)
+            fail(planned, "the module wants it written to another place now");
+    }
+    if (goes_on)
+        return true;
+    m_session->finish_failed();
+    forget_kept(planned);
+    bring_online(planned);
+    ::unlink(path.c_str());
+    return false;
+}
+
 void RestoreOperation::finish_written(const PlannedItem& planned, const std::string& path) {
+    note_kept(planned);
     if (m_session->finish(DB_ITEM_SUCCESS) != DB_NUM_I_OK) {
         fail(planned, "it was written, but the module reports: " + m_session->reason());
         return;
     }
     if (planned.action == RestoreAction::place)
-        m_result.waiting.push_back({planned.item.path, path, {}});
+        m_result.waiting.push_back({planned.item.path, path, {}, true, false, {}});
     else
         m_result.restored.push_back(planned.target);
 }
 
 void RestoreOperation::finish_activation(const PlannedItem& planned, const std::string& path) {
     // Should the child die, this may be the only whole copy on the server.
-    m_result.waiting.push_back({planned.item.path, path, "its activation did not end"});
+    m_result.waiting.push_back(
+        {planned.item.path, path, "its activation did not end", false, false, planned.item.object});
     if (m_session->finish(DB_ITEM_SUCCESS) == DB_NUM_I_OK) {
         m_result.waiting.pop_back();
         m_result.restored.push_back(planned.target);
+        note_kept(planned);
         give_metadata_back(planned);
+        drop_waiting(planned);
         return;
     }
     std::string reason = m_session->reason();
     struct stat status {};
     if (::lstat(path.c_str(), &status) != 0) {
         m_result.waiting.pop_back();
+        note_kept(planned);
         fail(planned, "it is in place, but the server does not bring it online: " + reason);
+        drop_waiting(planned);
         return;
     }
+    bool untouched = m_not_taken;
+    tell_refusal(planned, reason);
+    if (untouched && !m_kept.empty()) { // it was offline already
+        forget_kept(planned);
+        bring_online(planned);
+    }
+    note_kept(planned);
+}
+
+// Why the live database was not replaced, or not wholly.
+void RestoreOperation::tell_refusal(const PlannedItem& planned, const std::string& reason) {
     std::string users = planned.used_by.empty() ? "" : " (by process " + planned.used_by + ")";
     WaitingCopy& waiting = m_result.waiting.back();
-    waiting.in_use = m_in_use;
-    waiting.reason =
-        m_in_use ? "the server does not let go of it" + users + ", so it was not touched: " + reason
-                 : "it could not be put in place, and the live database may be half of it, and "
-                   "offline: " +
-                       reason;
-    print_message((m_in_use ? "in use: " : "failed: ") + for_terminal(planned.item.path) + ": " +
-                  for_terminal(waiting.reason));
+    const ServerStatus refused = m_status.value_or(ServerStatus{});
+    waiting.untouched = m_not_taken;
+    waiting.in_use = m_not_taken && refused.number == status_in_use;
+    if (waiting.in_use)
+        waiting.reason =
+            "the server does not let go of it" + users + ", so it was not touched: " + reason;
+    else if (waiting.untouched)
+        waiting.reason = "the server does not take it offline, so it was not touched: " + reason +
+                         ": " + advice_on(refused);
+    else
+        waiting.reason = "it could not be put in place, and the live database may be half of it, "
+                         "and offline: " +
+                         reason;
+    print_message((waiting.in_use ? "in use: " : "failed: ") + for_terminal(planned.item.path) +
+                  ": " + for_terminal(waiting.reason));
+    drop_waiting(planned);
 }
 
 void RestoreOperation::give_metadata_back(const PlannedItem& planned) {
@@ -393,6 +595,12 @@ void RestoreOperation::settle_temporary_folder(bool ended_early) {
         return;
     }
     std::string before = m_temporary->path();
+    std::vector<NotedCopy> noted;
+    for (const WaitingCopy& waiting : m_result.waiting)
+        if (!waiting.reason.empty())
+            noted.push_back({waiting.path, path_below(waiting.copy, before), waiting.object});
+    m_result.noted =
+        !noted.empty() && note_waiting_copies(before, m_plan.data_directory, noted) == 0;
     m_result.kept_folder = m_temporary->keep();
     for (WaitingCopy& waiting : m_result.waiting)
         waiting.copy = m_result.kept_folder + waiting.copy.substr(before.size());

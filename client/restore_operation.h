@@ -26,10 +26,17 @@ struct FailedRestore {
 nlohmann::json failures_json(const std::vector<FailedRestore>& list);
 
 struct WaitingCopy {
-    std::string path;    // of the original
-    std::string copy;    // the restored, checked file
-    std::string reason;  // why it was not put in place; empty: nobody asked for that
-    bool in_use = false; // the live database is untouched; else it may be gone
+    std::string path;       // of the original
+    std::string copy;       // the restored, checked file
+    std::string reason;     // why it was not put in place; empty: nobody asked for that
+    bool untouched = false; // the live database is as it was; else it may be gone
+    bool in_use = false;    // and somebody uses it
+    std::string object;     // its content
+};
+
+struct KeptReplaced {
+    std::string path; // what was replaced
+    std::string kept; // as it was right before
 };
 
 struct RestoreResult {
@@ -37,8 +44,10 @@ struct RestoreResult {
     std::vector<FailedRestore> failed;  // with those that the plan refused
     std::vector<FailedRestore> damaged; // the store's content is not what it should be
     std::vector<WaitingCopy> waiting;
+    std::vector<KeptReplaced> kept_replaced;
     std::vector<std::string> warnings;
     std::string kept_folder; // where copies wait; empty: nothing is left
+    bool noted = false;      // there, so that the next run uses those that were not activated
     std::uint64_t bytes = 0; // written
 };
 

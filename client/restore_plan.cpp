@@ -8,18 +8,15 @@
 #include "client/output.h"
 #include "client/safe_paths.h"
 #include "client/text.h"
+#include "client/waiting_copies.h"
 
 #include <algorithm>
-#include <array>
 #include <fcntl.h>
 #include <map>
 
 namespace qrtln {
 
 namespace {
-
-// Found anywhere in INFO, these mean something to the module.
-constexpr std::array info_keywords = {"-R", "-o", "deld", "chgd", "DELD", "CHGD", "\""};
 
 // The folder itself or the nearest one above it that is there.
 std::string nearest_existing(std::string path) {
@@ -36,8 +33,11 @@ class Planner {
         m_plan.data_directory = ini.data_directory;
         m_plan.plain = request.plain;
         m_plan.activate = request.activate;
+        m_plan.keep_replaced = request.keep_replaced;
         if (!request.to.empty())
             m_plan.to = absolute_path(request.to);
+        if (request.activate)
+            m_waiting.emplace(absolute_path(request.tmp_dir), ini.data_directory);
     }
     RestorePlan run(RestoreSelection selection);
     void check_relocation() const;
@@ -57,8 +57,13 @@ class Planner {
     const RestoreRequest& m_request;
     std::string m_log_directory;
     FileUsers m_users;
+    std::optional<WaitingCopies> m_waiting;
     RestorePlan m_plan;
 };
+
+std::uint64_t size_of(const std::optional<struct stat>& file) {
+    return file ? static_cast<std::uint64_t>(file->st_size) : 0;
+}
 
 void leave_out(PlannedItem& planned, const std::string& reason) {
     planned.action = RestoreAction::leave_out;
@@ -70,16 +75,16 @@ void refuse(PlannedItem& planned, const std::string& reason) {
     planned.reason = reason;
 }
 
-// The module takes any path that begins with the data directory's text for one in it.
 void Planner::check_relocation() const {
     if (m_plan.to.empty())
         return;
-    relocation_info(m_plan.to, m_plan.plain);
     auto refuse_to = [&](const std::string& reason) {
         throw ClientError(ExitCode::failed,
                           "cannot restore to " + for_terminal(m_plan.to) + ": " + reason,
                           "name another folder with --to");
     };
+    if (m_plan.to == "/")
+        refuse_to("the databases are in their original places there");
     std::string problem = path_problem(m_plan.to);
     if (!problem.empty())
         refuse_to(problem);
@@ -89,13 +94,9 @@ void Planner::check_relocation() const {
     const std::string& data = m_ini.data_directory;
     std::string real_data = real_path(data).value_or(data);
     for (const std::string& to : {m_plan.to, real_to})
-        for (const std::string& directory : {data, real_data}) {
+        for (const std::string& directory : {data, real_data})
             if (is_below(to, directory))
                 refuse_to("it is in the data directory " + for_terminal(directory));
-            if (to.starts_with(directory))
-                refuse_to("it begins with the text of the data directory " +
-                          for_terminal(directory) + ", and the module would take it for that");
-        }
     struct stat status {};
     if (::stat(m_plan.to.c_str(), &status) != 0) {
         if (!exists(folder_of(m_plan.to)))
@@ -183,6 +184,7 @@ PlannedItem Planner::plan_item(SelectedItem selected) {
             planned.replaces = true;
         }
     }
+    planned.keeps_replaced = m_plan.keep_replaced && planned.replaces;
     return planned;
 }
 
@@ -321,6 +323,8 @@ void Planner::look_at_target(PlannedItem& planned) {
     if (planned.action == RestoreAction::activate ||
         (m_request.recovery && planned.action == RestoreAction::place))
         planned.replaces = planned.existing.has_value();
+    if (planned.action == RestoreAction::activate && m_waiting)
+        planned.copy_waits = m_waiting->has(planned.item);
     if (planned.action == RestoreAction::write && planned.item.kind == ItemKind::database &&
         !planned.used_by.empty())
         refuse(planned, "it exists and is in use by process " + planned.used_by);
@@ -352,6 +356,8 @@ void Planner::count_room() {
         std::uint64_t old = occupied_bytes(planned.existing);
         if (planned.action == RestoreAction::write && old > 0 && planned.existing->st_nlink > 1)
             old = 0; // its other names keep it
+        if (planned.keeps_replaced)
+            rooms.at(folder_of(planned.target)).needed += size_of(planned.existing);
         std::uint64_t growth = size > old ? size - old : 0;
         switch (planned.action) {
         case RestoreAction::place:
@@ -359,6 +365,8 @@ void Planner::count_room() {
             break;
         case RestoreAction::activate:
             rooms.at(folder_of(planned.target)).needed += growth;
+            if (planned.copy_waits)
+                break;
             largest_activated = std::max(largest_activated, size);
             if (!planned.used_by.empty()) // its copy stays
                 rooms.at(tmp).needed += size;
@@ -442,20 +450,7 @@ std::string log_directory(const NotesIni& ini) {
 }
 
 std::string relocation_info(const std::string& to, bool plain) {
-    auto refuse_to = [&](const std::string& reason) {
-        throw ClientError(ExitCode::failed, "cannot restore to " + for_terminal(to) + ": " + reason,
-                          "name another folder");
-    };
-    for (const char* keyword : info_keywords)
-        if (to.find(keyword) != std::string::npos)
-            refuse_to("its path contains " + std::string(keyword) +
-                      ", which the module would take for an option");
-    if (to == "/")
-        refuse_to("the module takes \"/\" for the original place");
-    std::string info = "-R \"" + to + "\"" + (plain ? " -o \"plain\"" : "");
-    if (info.size() >= module_path_size)
-        refuse_to("its path is longer than the module takes");
-    return info;
+    return "-R \"" + to + "\"" + (plain ? " -o \"plain\"" : "");
 }
 
 RestorePlan make_restore_plan(Store& store, const NotesIni& ini, const RestoreRequest& request) {
@@ -505,7 +500,10 @@ std::string existing_text(const PlannedItem& planned) {
     std::string text = "-";
     if (planned.existing)
         text = human_bytes(static_cast<std::uint64_t>(planned.existing->st_size)) + " of " +
-               time_text(*planned.existing) + (planned.replaces ? ", is replaced" : ", stays");
+               time_text(*planned.existing) +
+               (planned.keeps_replaced ? ", is replaced and kept"
+                : planned.replaces     ? ", is replaced"
+                                       : ", stays");
     if (!planned.used_by.empty())
         text += ", in use by " + planned.used_by;
     return text;
@@ -537,6 +535,8 @@ nlohmann::json plan_json(const RestorePlan& plan) {
                                {"action", action_name(planned.action)},
                                {"size", planned.item.size},
                                {"replaces", planned.replaces},
+                               {"copy_waits", planned.copy_waits},
+                               {"keeps_replaced", planned.keeps_replaced},
                                {"existing", nullptr}};
         if (!planned.reason.empty())
             item["reason"] = printable_utf8(planned.reason);
@@ -553,6 +553,7 @@ nlohmann::json plan_json(const RestorePlan& plan) {
             {"to", plan.to.empty() ? nlohmann::json() : nlohmann::json(printable_utf8(plan.to))},
             {"plain", plan.plain},
             {"activate", plan.activate},
+            {"keep_replaced", plan.keep_replaced},
             {"users_known", plan.users_known},
             {"items", items},
             {"room", room_json(plan.room)},

@@ -36,6 +36,8 @@ struct PlannedItem {
     std::optional<struct stat> existing; // what the target is now
     std::string used_by;                 // the processes that have the target open, if known
     bool replaces = false;               // the existing file goes
+    bool copy_waits = false;             // of an earlier run, of this content
+    bool keeps_replaced = false;         // the existing file stays beside it
 };
 
 struct RoomNeeded {
@@ -61,6 +63,7 @@ struct RestoreRequest {
     std::string to; // empty: the original place
     bool plain = false;
     bool activate = false;
+    bool keep_replaced = false; // with activate
     // For a recovery: databases are placed, to be rolled forward, files that are there stay, and
     // transaction logs are left out: they are planned apart.
     bool recovery = false;
@@ -72,7 +75,8 @@ struct RestorePlan {
     std::string to;             // absolute; empty: the original place
     bool plain = false;
     bool activate = false;
-    bool users_known = false; // every process could be looked at for open files
+    bool keep_replaced = false; // what is replaced stays beside it
+    bool users_known = false;   // every process could be looked at for open files
     std::vector<PlannedItem> items;
     std::vector<RoomNeeded> room;
     // Of a recovery:
@@ -108,8 +112,8 @@ std::string existing_text(const PlannedItem& planned);
 // The folder of the transaction logs, or an empty text when notes.ini does not tell.
 std::string log_directory(const NotesIni& ini);
 
-// The value of the control variable INFO for a relocation to this folder, or a ClientError that
-// says which part of the path the module would misread.
+// The value of the control variable INFO for a relocation to this folder, by a path that the module
+// reads as it is meant.
 std::string relocation_info(const std::string& to, bool plain);
 
 std::string plan_text(const RestorePlan& plan);

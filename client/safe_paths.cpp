@@ -6,10 +6,14 @@
 #include "client/text.h"
 
 #include <cerrno>
+#include <charconv>
+#include <csignal>
 #include <cstdio>
+#include <dirent.h>
 #include <fcntl.h>
 #include <grp.h>
 #include <linux/openat2.h>
+#include <memory>
 #include <pwd.h>
 #include <sys/syscall.h>
 #include <sys/xattr.h>
@@ -17,6 +21,9 @@
 namespace qrtln {
 
 namespace {
+
+// Of the temporary names, before the process id and a number.
+constexpr std::string_view part_prefix = ".qrtln-restore-";
 
 constexpr std::size_t maximal_component = 255;
 constexpr mode_t restored_bits = 0777;
@@ -213,6 +220,27 @@ FileDescriptor SafeFolder::open_file(const std::string& relative, std::string& p
     return problem.empty() ? std::move(file) : FileDescriptor();
 }
 
+void remove_parts_of_killed_runs(int folder) {
+    FileDescriptor again(::openat(folder, ".", O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+    std::unique_ptr<DIR, int (*)(DIR*)> listing(again ? ::fdopendir(again.get()) : nullptr,
+                                                ::closedir);
+    if (listing)
+        again.release();
+    while (const dirent* entry = listing ? ::readdir(listing.get()) : nullptr) {
+        std::string_view name = entry->d_name;
+        pid_t pid = 0;
+        struct stat status {};
+        if (!name.starts_with(part_prefix))
+            continue;
+        const char* number = name.data() + part_prefix.size();
+        auto [end, error] = std::from_chars(number, name.data() + name.size(), pid);
+        if (error == std::errc() && pid > 0 && *end == '-' && ::kill(pid, 0) != 0 &&
+            errno == ESRCH && ::fstatat(folder, entry->d_name, &status, AT_SYMLINK_NOFOLLOW) == 0 &&
+            S_ISREG(status.st_mode) && status.st_uid == ::geteuid())
+            (void)::unlinkat(folder, entry->d_name, 0);
+    }
+}
+
 SafeFile::SafeFile(FileDescriptor folder, std::string name)
     : m_folder(std::move(folder)), m_name(std::move(name)) {}
 
@@ -225,7 +253,7 @@ std::string SafeFile::create() {
     for (unsigned number = 0;; ++number) {
         // The name of a killed run's file is passed over. No database's ending: nobody opens it.
         std::string name =
-            ".qrtln-restore-" + std::to_string(::getpid()) + "-" + std::to_string(number);
+            std::string(part_prefix) + std::to_string(::getpid()) + "-" + std::to_string(number);
         m_file =
             FileDescriptor(::openat(m_folder.get(), name.c_str(),
                                     O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, 0600));

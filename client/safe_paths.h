@@ -57,6 +57,10 @@ class SafeFolder {
     bool m_kernel_resolves;
 };
 
+// Removes the temporary files in an open folder that runs of this user left which were killed
+// before they gave them their names.
+void remove_parts_of_killed_runs(int folder);
+
 // A file that comes into being under a temporary name and takes its own in one step. Destroyed
 // before that it leaves nothing.
 class SafeFile {

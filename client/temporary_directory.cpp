@@ -1,6 +1,7 @@
 #include "client/temporary_directory.h"
 
 #include "client/error.h"
+#include "client/neutral_path.h"
 #include "client/text.h"
 
 #include <cerrno>
@@ -37,27 +38,17 @@ pid_t owner_of(std::string_view name) {
     return ours ? pid : 0;
 }
 
-// A run that was killed leaves its folder. It is dead when neither it nor its child holds the lock
-// and no process has its number (which covers the moment before a run has taken its lock).
-void remove_leftovers(const std::string& base) {
-    FileDescriptor folder(::open(base.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
-    std::unique_ptr<DIR, int (*)(DIR*)> listing(::opendir(base.c_str()), ::closedir);
-    if (!folder || !listing)
-        return;
-    std::vector<std::string> dead;
-    while (const dirent* entry = ::readdir(listing.get())) {
-        pid_t owner = owner_of(entry->d_name);
-        if (owner == 0 || ::kill(owner, 0) == 0 || errno != ESRCH)
-            continue;
-        dead.emplace_back(entry->d_name);
-    }
-    for (const std::string& name : dead) {
-        FileDescriptor leftover(
-            ::openat(folder.get(), name.c_str(), O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC));
-        struct stat status {};
-        if (leftover && ::fstat(leftover.get(), &status) == 0 && status.st_uid == ::geteuid() &&
-            ::flock(leftover.get(), LOCK_EX | LOCK_NB) == 0)
-            remove_tree(folder.get(), name); // what cannot be removed does no harm to this run
+// Makes a folder with a random name. Returns its path, or an empty text with errno set.
+std::string make_random_folder(const std::string& start) {
+    for (;;) {
+        std::string path = start + "XXXXXX";
+        if (::mkdtemp(path.data()) == nullptr)
+            return {};
+        // From the last "-" on: what is before that was chosen by somebody.
+        if (misread_in_info(path.substr(path.rfind('-'))).empty())
+            return path;
+        if (::rmdir(path.c_str()) != 0)
+            return {};
     }
 }
 
@@ -85,11 +76,45 @@ void require_usable_tmp_dir(const std::string& base, const std::string& data_dir
     (void)usable_base(base, data_directory);
 }
 
+// A run that was killed leaves its folder. It is dead when neither it nor its child holds the lock
+// and no process has its number (which covers the moment before a run has taken its lock).
+void remove_what_killed_runs_left(const std::string& base) {
+    FileDescriptor folder(::open(base.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+    std::unique_ptr<DIR, int (*)(DIR*)> listing(::opendir(base.c_str()), ::closedir);
+    if (!folder || !listing)
+        return;
+    std::vector<std::string> dead;
+    while (const dirent* entry = ::readdir(listing.get())) {
+        pid_t owner = owner_of(entry->d_name);
+        if (owner == 0 || ::kill(owner, 0) == 0 || errno != ESRCH)
+            continue;
+        dead.emplace_back(entry->d_name);
+    }
+    for (const std::string& name : dead) {
+        FileDescriptor leftover(
+            ::openat(folder.get(), name.c_str(), O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC));
+        struct stat status {};
+        if (leftover && ::fstat(leftover.get(), &status) == 0 && status.st_uid == ::geteuid() &&
+            ::flock(leftover.get(), LOCK_EX | LOCK_NB) == 0)
+            remove_tree(folder.get(), name); // what cannot be removed does no harm to this run
+    }
+}
+
+std::vector<std::string> kept_folders(const std::string& base) {
+    std::vector<std::string> folders;
+    std::string real_base = real_path(base).value_or("");
+    std::unique_ptr<DIR, int (*)(DIR*)> listing(::opendir(real_base.c_str()), ::closedir);
+    while (const dirent* entry = listing ? ::readdir(listing.get()) : nullptr)
+        if (std::string_view(entry->d_name).starts_with(kept_prefix))
+            folders.push_back((real_base == "/" ? "" : real_base) + "/" + entry->d_name);
+    return folders;
+}
+
 std::string make_folder_for_copies(const std::string& base, const std::string& data_directory,
                                    const std::string& prefix) {
     std::string real_base = usable_base(base, data_directory);
-    std::string path = (real_base == "/" ? "" : real_base) + "/" + prefix + "XXXXXX";
-    if (::mkdtemp(path.data()) == nullptr)
+    std::string path = make_random_folder((real_base == "/" ? "" : real_base) + "/" + prefix);
+    if (path.empty())
         throw ClientError(ExitCode::failed,
                           "cannot create a folder in the temporary directory " +
                               for_terminal(base) + ": " + system_error_text(errno),
@@ -98,7 +123,7 @@ std::string make_folder_for_copies(const std::string& base, const std::string& d
 }
 
 TemporaryDirectory::TemporaryDirectory(const std::string& base, const std::string& data_directory) {
-    remove_leftovers(usable_base(base, data_directory));
+    remove_what_killed_runs_left(usable_base(base, data_directory));
     std::string path = make_folder_for_copies(
         base, data_directory, std::string(name_prefix) + std::to_string(::getpid()) + "-");
     m_path = path;

@@ -4,17 +4,25 @@
 #include "client/file_io.h"
 
 #include <string>
+#include <vector>
 
 namespace qrtln {
 
 // Throws ClientError(failed) for a folder that make_folder_for_copies() would refuse.
 void require_usable_tmp_dir(const std::string& base, const std::string& data_directory);
 
-// Makes a folder of mode 0700 below `base`, named `prefix` and six random characters. Returns its
-// absolute path. Throws ClientError(failed); one reason is a base inside the data directory, where
-// copies would be databases of the server.
+// Makes a folder of mode 0700 below `base`, named `prefix` and six random characters, of which the
+// module misreads none. Returns its absolute path. Throws ClientError(failed); one reason is a base
+// inside the data directory, where copies would be databases of the server.
 std::string make_folder_for_copies(const std::string& base, const std::string& data_directory,
                                    const std::string& prefix);
+
+// Removes the private folders below `base` of runs of this user that were killed. What cannot be
+// removed stays.
+void remove_what_killed_runs_left(const std::string& base);
+
+// The folders below `base` that TemporaryDirectory::keep() left, whosever they are.
+std::vector<std::string> kept_folders(const std::string& base);
 
 class TemporaryDirectory {
   public:

@@ -37,6 +37,7 @@ struct RestoreOptions : ServerOptions {
     std::string to;     // "" for the original place
     bool plain = false; // with to: without the folders
     bool activate = false;
+    bool keep_replaced = false; // with activate: beside what takes its place
     bool dry_run = false;
 };
 

@@ -48,20 +48,29 @@ std::string result_text(const RestoreResult& result) {
     for (const WaitingCopy& waiting : result.waiting)
         text +=
             "  " + for_terminal(waiting.path) + " waits as " + for_terminal(waiting.copy) + "\n";
+    for (const KeptReplaced& replaced : result.kept_replaced)
+        text += "  " + for_terminal(replaced.path) + " as it was is kept as " +
+                for_terminal(replaced.kept) + ": remove it when it is of no more use\n";
     bool stuck = std::any_of(result.waiting.begin(), result.waiting.end(), is_stuck);
     bool half =
         std::any_of(result.waiting.begin(), result.waiting.end(), [](const WaitingCopy& waiting) {
-            return is_stuck(waiting) && !waiting.in_use;
+            return is_stuck(waiting) && !waiting.untouched;
         });
+    bool in_use = std::any_of(result.waiting.begin(), result.waiting.end(),
+                              [](const WaitingCopy& waiting) { return waiting.in_use; });
+    const std::string again = result.noted ? "run the\nsame command again: it uses what waits, and "
+                                             "removes it\n"
+                                           : "run the\nsame command again; afterwards remove " +
+                                                 for_terminal(result.kept_folder) + "\n";
     if (half)
         text += "until they are in place, the copies above may be the only whole ones: mend what "
-                "is told (a full disk: make\nroom), then run the same command again; afterwards "
-                "remove " +
-                for_terminal(result.kept_folder) + "\n";
+                "is told (a full disk: make room), then " +
+                again;
     else if (stuck)
-        text += "what waits was not put in place: shut down the task that uses it, or the server, "
-                "then run the\nsame command again; afterwards remove " +
-                for_terminal(result.kept_folder) + "\n";
+        text += std::string("what waits was not put in place: ") +
+                (in_use ? "shut down the task that uses it, or the server, then"
+                        : "when what is told above is mended,") +
+                " " + again;
     else if (!result.waiting.empty())
         text += "nothing of the server was changed: the same command with --activate puts these "
                 "databases in\nplace; when " +
@@ -99,8 +108,14 @@ nlohmann::json result_json(const RestoreResult& result) {
         waiting.push_back({{"path", printable_utf8(copy.path)},
                            {"copy", printable_utf8(copy.copy)},
                            {"reason", printable_utf8(copy.reason)},
+                           {"untouched", copy.untouched},
                            {"in_use", copy.in_use}});
+    nlohmann::json kept = nlohmann::json::array();
+    for (const KeptReplaced& replaced : result.kept_replaced)
+        kept.push_back(
+            {{"path", printable_utf8(replaced.path)}, {"kept", printable_utf8(replaced.kept)}});
     return {{"restored", printable_list(result.restored)},
+            {"kept_replaced", kept},
             {"failed", failures_json(result.failed)},
             {"damaged", failures_json(result.damaged)},
             {"waiting", waiting},
@@ -149,6 +164,7 @@ int run_restore(const RestoreOptions& options) {
     request.to = options.to;
     request.plain = options.plain;
     request.activate = options.activate;
+    request.keep_replaced = options.keep_replaced;
     request.tmp_dir = options.tmp_dir;
     RestorePlan plan = make_restore_plan(*store, ini, request);
     print_warnings(plan.warnings);

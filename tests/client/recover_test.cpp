@@ -476,6 +476,34 @@ TEST_F(Recover, AProofTouchesNoLiveDatabaseAndIsReplacedByTheNext) {
     EXPECT_EQ(done["failures"][0]["path"], m_data + "/broken.nsf");
 }
 
+TEST_F(Recover, NamesThatMeanSomethingToTheModuleAreTakenAsTheyAre) {
+    const std::string star = m_data + "/mail/a*b.nsf";
+    m_tmp = m_scratch / "tmp -R chgd-old";
+    fs::create_directories(m_tmp);
+    for (const char* name : {"a*b", "axb", "below/a*b"})
+        ASSERT_EQ(domino("create " + m_server + " 'mail/" + name + ".nsf'"), 0);
+    full_backup();
+    put("'mail/a*b.nsf'");
+    std::string last = digest("'mail/a*b.nsf'");
+    for (const char* name : {"x-old", "a-R", "deld", "CHGD", "a\"b", "server/data2"}) {
+        std::string to = m_scratch / name;
+        run(0, {"restore", "mail/below", "--to", to});
+        auto others = snapshot(to + m_data + "/mail/below");
+        recover(0, {star, "--into", to});
+        EXPECT_EQ(digest("'" + to + star + "'"), last);
+        EXPECT_EQ(snapshot(to + m_data + "/mail/below"), others);
+    }
+    EXPECT_EQ(run(0, {"prove"})["databases"], 9);
+    auto others = snapshot(m_data);
+    fs::remove(star);
+    for (int i = 0; i < 2; ++i) // lost, and there
+        EXPECT_EQ(outcome(recover(0, {star}), star), "recovered");
+    EXPECT_EQ(digest("'mail/a*b.nsf'"), last);
+    others["/mail/a*b.nsf"] = read_file(star);
+    EXPECT_EQ(snapshot(m_data), others);
+    EXPECT_TRUE(fs::is_empty(m_tmp));
+}
+
 } // namespace
 } // namespace qrtln
 
