@@ -8,12 +8,15 @@
 #include "client/module_log.h"
 #include "client/original.h"
 #include "client/output.h"
+#include "client/safe_paths.h"
 #include "client/since_time.h"
 #include "client/temporary_directory.h"
 #include "client/text.h"
 
 #include <algorithm>
 #include <array>
+#include <chrono>
+#include <climits>
 #include <cstdlib>
 #include <ctime>
 #include <fcntl.h>
@@ -21,6 +24,7 @@
 #include <optional>
 #include <set>
 #include <sys/stat.h>
+#include <thread>
 #include <unistd.h>
 
 namespace qrtln {
@@ -41,11 +45,27 @@ DB_OPERATION_LEVEL module_level(const std::string& level) {
     return level == "incr" ? DB_LEVEL_INCR : DB_LEVEL_FULL;
 }
 
+// A change in the same tick of a file system's clock leaves the time as it is, and no later backup
+// would find it: the file is read when its time is past.
+void wait_for_another_time(const timespec& changed) {
+    using namespace std::chrono;
+    // Whole seconds are those of a file system that has no others.
+    const nanoseconds tick = changed.tv_nsec == 0 ? nanoseconds(seconds(2)) : milliseconds(20);
+    timespec now{};
+    if (::clock_gettime(CLOCK_REALTIME, &now) != 0)
+        return;
+    const nanoseconds age =
+        seconds(now.tv_sec - changed.tv_sec) + nanoseconds(now.tv_nsec - changed.tv_nsec);
+    if (age >= nanoseconds(0) && age < tick)
+        std::this_thread::sleep_for(tick - age);
+}
+
 class BackupOperation {
   public:
     BackupOperation(const BackupContext& context, BackupRequest request)
         : m_context(context), m_request(std::move(request)), m_ini(context.ini),
-          m_yielded(m_request.arguments.size(), false) {
+          m_yielded(m_request.arguments.size(), false),
+          m_rules(m_request.rules, m_ini.data_directory) {
         for (std::size_t i = 0; i < m_request.arguments.size(); ++i)
             m_argument_numbers.emplace(m_request.arguments[i].path, i);
     }
@@ -68,7 +88,14 @@ class BackupOperation {
     void prepare_and_read(ManifestItem& item);
     void report_unprepared(ManifestItem& item, const std::string& first_problem);
     bool copy_fits(const std::string& path) const;
-    void read_content(ManifestItem& item, const std::string& file);
+    bool read_content(ManifestItem& item, const std::string& file);
+    bool read_content(ManifestItem& item, FileDescriptor content);
+    void store_system_files();
+    void store_found(const FoundFile& found);
+    void store_other(ManifestItem item, const struct stat& status);
+    bool is_held(const ManifestItem& item, const struct stat& status) const;
+    void name_linked_databases(const std::string& link);
+    void add_failed(const std::string& path, ItemKind kind, const std::string& reason);
     void store_own_notes_ini();
     void store_changed_notes_ini();
     void add_item(ManifestItem item);
@@ -95,6 +122,9 @@ class BackupOperation {
     const NotesIni& m_ini;
     std::map<std::string, std::size_t> m_argument_numbers; // by path
     std::vector<bool> m_yielded;                           // by argument
+    PathRules m_rules;
+    std::optional<HeldFiles> m_held;   // of diff and incr
+    std::uint64_t m_unsaved_links = 0; // databases behind directory links that are excluded
     // The session goes first: its child has the temporary folder in use.
     std::optional<TemporaryDirectory> m_temporary;
     std::optional<ModuleSession> m_session;
@@ -137,6 +167,7 @@ Manifest BackupOperation::run() {
         describe_set();
         store_items();
         add_unreached();
+        store_system_files();
         check_log_sizes();
         throw_if_interrupted();
         commit();
@@ -518,7 +549,7 @@ void BackupOperation::prepare_and_read(ManifestItem& item) {
     if (item.kind == ItemKind::database)
         item.copied = std::time(nullptr) + 1; // the server went on while it was copied
     m_prepared = prepared.name;
-    read_content(item, prepared.name);
+    (void)read_content(item, prepared.name);
     if (item.reason.empty() && item.copied == 0)
         item.copied = std::time(nullptr) + 1;
 }
@@ -538,19 +569,31 @@ void BackupOperation::report_unprepared(ManifestItem& item, const std::string& f
                        " free; make room there or name another with --tmp-dir)";
 }
 
-void BackupOperation::read_content(ManifestItem& item, const std::string& file) {
+// Whether the file changed so that another try may do.
+bool BackupOperation::read_content(ManifestItem& item, const std::string& file) {
     // O_NONBLOCK: a FIFO that took the file's place must not hang the run.
     FileDescriptor content(::open(file.c_str(), O_RDONLY | O_NONBLOCK | O_NOCTTY | O_CLOEXEC));
+    if (content)
+        return read_content(item, std::move(content));
+    item.reason = errno == ENOENT ? "it is gone: it was there when the module listed it"
+                                  : "cannot open it: " + system_error_text(errno);
+    return false;
+}
+
+bool BackupOperation::read_content(ManifestItem& item, FileDescriptor content) {
     struct stat before {};
-    if (!content || ::fstat(content.get(), &before) != 0) {
-        item.reason = errno == ENOENT ? "it is gone: it was there when the module listed it"
-                                      : "cannot open it: " + system_error_text(errno);
-        return;
+    if (::fstat(content.get(), &before) != 0) {
+        item.reason = "cannot look at it: " + system_error_text(errno);
+        return false;
     }
     if (!S_ISREG(before.st_mode)) {
         item.reason = std::string("it is ") + file_type_name(before.st_mode) + ", no file";
-        return;
+        return false;
     }
+    // Nobody but us writes to a database's copy, and nobody at all to a log that is full.
+    bool still = item.kind == ItemKind::database || (item.log && !item.log->active);
+    if (!still)
+        wait_for_another_time(before.st_mtim);
     ::posix_fadvise(content.get(), 0, 0, POSIX_FADV_SEQUENTIAL);
     // One consistent length: what is there now, even if the file grows meanwhile.
     auto expected = static_cast<std::uint64_t>(before.st_size);
@@ -560,13 +603,13 @@ void BackupOperation::read_content(ManifestItem& item, const std::string& file) 
         m_session->host().forward_interrupt();
         if (interrupt_signal() != 0) {
             item.reason = "interrupted";
-            return;
+            return false;
         }
         std::size_t wanted = std::min<std::uint64_t>(m_buffer.size(), expected - read);
         ssize_t got = read_up_to(content.get(), std::span(m_buffer.data(), wanted));
         if (got < 0) {
             item.reason = "cannot read it: " + system_error_text(static_cast<int>(-got));
-            return;
+            return false;
         }
         if (got == 0)
             break;
@@ -577,7 +620,7 @@ void BackupOperation::read_content(ManifestItem& item, const std::string& file) 
     struct stat after {};
     if (::fstat(content.get(), &after) != 0) {
         item.reason = "cannot look at it: " + system_error_text(errno);
-        return;
+        return false;
     }
     auto now = static_cast<std::uint64_t>(after.st_size);
     std::string change = "its size changed from " + std::to_string(expected) + " to " +
@@ -586,15 +629,20 @@ void BackupOperation::read_content(ManifestItem& item, const std::string& file) 
         item.reason = now != expected ? change
                                       : "only " + std::to_string(read) + " of its " +
                                             std::to_string(expected) + " bytes could be read";
-        return;
+        return now != expected;
     }
     if (now > expected) {
-        // Nobody but us writes to a database's copy, and nobody at all to a log that is full.
-        if (item.kind == ItemKind::database || (item.log && !item.log->active)) {
+        if (still) {
             item.reason = change;
-            return;
+            return false;
         }
         item.warnings.push_back(change + "; " + std::to_string(read) + " bytes are stored");
+    }
+    bool same_time = after.st_mtim.tv_sec == before.st_mtim.tv_sec &&
+                     after.st_mtim.tv_nsec == before.st_mtim.tv_nsec;
+    if (item.kind == ItemKind::other && now == expected && !same_time) {
+        item.reason = "it was changed while it was read";
+        return true;
     }
     StoredObject stored = object->finish();
     item.object = stored.hash;
@@ -602,6 +650,7 @@ void BackupOperation::read_content(ManifestItem& item, const std::string& file) 
     item.stored_size = stored.stored_size;
     if (stored.added)
         m_added[stored.hash] = stored.stored_size;
+    return false;
 }
 
 // A notes.ini outside the data directory is part of the server too; the module does not know it.
@@ -618,7 +667,7 @@ void BackupOperation::store_own_notes_ini() {
     m_seen.insert(m_ini.file);
     ManifestItem item = m_originals.look_at(m_ini.file);
     if (item.reason.empty())
-        read_content(item, m_ini.file);
+        (void)read_content(item, m_ini.file);
     if (item.reason.empty())
         item.status = ItemStatus::stored;
     add_item(std::move(item));
@@ -655,8 +704,12 @@ void BackupOperation::add_unreached() {
         item.reason = reason;
         add_item(std::move(item));
     };
+    // Where the module cannot go the client can, but for databases.
+    struct stat file {};
     for (const auto& [path, reason] : m_request.scan.unreachable)
-        add(path, reason, item_kind_of(path));
+        if (!m_request.arguments.empty() || !m_request.other_files || is_database_name(path) ||
+            ::lstat(path.c_str(), &file) != 0 || !S_ISREG(file.st_mode))
+            add(path, reason, item_kind_of(path));
     for (const auto& [path, reason] : m_request.missing_folders) {
         if (m_seen.erase(path) > 0) // one that is empty was handed out
             forget_item(path);
@@ -686,6 +739,159 @@ void BackupOperation::add_unreached() {
                 m_request.arguments[i].directory ? ItemKind::directory
                                                  : item_kind_of(m_request.arguments[i].path));
         }
+}
+
+void BackupOperation::add_failed(const std::string& path, ItemKind kind,
+                                 const std::string& reason) {
+    ManifestItem item;
+    item.path = path;
+    item.kind = kind;
+    item.reason = reason;
+    m_seen.insert(path);
+    add_item(std::move(item));
+}
+
+// What lies beside the files that the module hands out, with the whole system.
+void BackupOperation::store_system_files() {
+    if (!m_request.arguments.empty())
+        return;
+    if (selects_changes() && m_request.other_files)
+        m_held.emplace(m_context.store, m_request.base, m_ini.sets);
+    // A database is the module's, and so is a link to a file that it handed out before: it tells
+    // itself what did not change. Of a folder behind a link it knows no link.
+    auto known = [this](const std::string& path, const struct stat& status) {
+        struct stat target {};
+        bool link = S_ISLNK(status.st_mode) && ::stat(path.c_str(), &target) == 0;
+        if (link && S_ISDIR(target.st_mode))
+            return false;
+        return m_seen.contains(path) || (link && m_held && m_held->is_of_module(path)) ||
+               (S_ISREG(link ? target.st_mode : status.st_mode) && is_database_name(path));
+    };
+    LeftOutFiles left_out = find_system_files(m_ini, m_rules, known, [this](const auto& found) {
+        m_session->host().forward_interrupt();
+        throw_if_interrupted();
+        if (found.type == FoundFile::Type::file)
+            name_linked_databases(found.path);
+        if (m_request.other_files)
+            store_found(found);
+    });
+    // notes.ini may lie elsewhere, and an incremental backup has no other look at it.
+    struct stat status {};
+    if (m_held && m_request.level == "incr" && ::stat(m_ini.file.c_str(), &status) == 0 &&
+        !is_held(m_originals.describe(m_ini.file, ItemKind::file, status), status))
+        store_own_notes_ini();
+    left_out.excluded += m_unsaved_links;
+    m_manifest.other_files = m_request.other_files;
+    if (m_request.other_files)
+        m_manifest.left_out = left_out;
+}
+
+void BackupOperation::store_found(const FoundFile& found) {
+    if (m_seen.contains(found.path)) {
+        auto same = [&](const ManifestItem& item) { return item.path == found.path; };
+        const auto& items = m_manifest.items;
+        auto told = std::find_if(items.begin(), items.end(), same);
+        bool stored = told != items.end() && told->status == ItemStatus::stored;
+        if (!stored || found.type == FoundFile::Type::folder)
+            return;
+        forget_item(found.path); // a folder that is none
+    }
+    if (found.type == FoundFile::Type::unreadable) {
+        add_failed(found.path, ItemKind::other, found.problem);
+        return;
+    }
+    ItemKind kind = found.type == FoundFile::Type::folder ? ItemKind::directory
+                    : found.type == FoundFile::Type::link ? ItemKind::link
+                                                          : ItemKind::other;
+    ManifestItem item = m_originals.describe(found.path, kind, found.status);
+    if (kind == ItemKind::link) {
+        std::string target(PATH_MAX, '\0');
+        ssize_t length = ::readlink(found.path.c_str(), target.data(), target.size());
+        if (length <= 0)
+            item.reason = errno == ENOENT ? "it is gone: it was there when its folder was listed"
+                                          : "cannot read the link: " + system_error_text(errno);
+        item.target = target.substr(0, static_cast<std::size_t>(std::max<ssize_t>(length, 0)));
+    }
+    if (item.reason.empty() && is_held(item, found.status))
+        return;
+    m_seen.insert(found.path);
+    if (kind == ItemKind::other) {
+        store_other(std::move(item), found.status);
+        return;
+    }
+    if (item.reason.empty()) {
+        item.status = ItemStatus::stored;
+        item.copied = kind == ItemKind::link ? std::time(nullptr) + 1 : 0;
+    }
+    add_item(std::move(item));
+}
+
+bool BackupOperation::is_held(const ManifestItem& item, const struct stat& status) const {
+    return m_held && m_held->has(item, static_cast<std::uint64_t>(status.st_size),
+                                 m_request.level == "diff" && !S_ISDIR(status.st_mode));
+}
+
+void BackupOperation::store_other(ManifestItem item, const struct stat& status) {
+    constexpr int attempts = 3;
+    const std::string relative = path_below(item.path, m_ini.data_directory);
+    SafeFolder data(m_ini.data_directory);
+    bool again = true;
+    for (int attempt = 0; again && attempt < attempts && interrupt_signal() == 0; ++attempt) {
+        std::string problem;
+        struct stat now = status;
+        FileDescriptor content = data.open_file(relative, problem);
+        int error = errno;
+        if (content && ::fstat(content.get(), &now) != 0)
+            problem = system_error_text(errno);
+        item = m_originals.describe(item.path, item.kind, now);
+        again = false;
+        if (!problem.empty())
+            item.reason = !content && error == ENOENT
+                              ? "it is gone: it was there when its folder was listed"
+                              : problem;
+        else
+            again = read_content(item, std::move(content));
+    }
+    throw_if_interrupted();
+    if (item.reason.empty()) {
+        item.status = ItemStatus::stored;
+        item.copied = std::time(nullptr) + 1;
+    }
+    add_item(std::move(item));
+}
+
+// Databases that the server shows, and the module does not go to, must not look saved.
+void BackupOperation::name_linked_databases(const std::string& link) {
+    if (!is_directory_link(link))
+        return;
+    LinkedDatabases linked = databases_behind(link, m_ini);
+    if (linked.databases.empty() && linked.unknown.empty())
+        return;
+    std::set<std::pair<dev_t, ino_t>> reached; // through a symbolic link, perhaps
+    struct stat status {};
+    for (const std::string& database : m_request.scan.databases)
+        if (::stat(database.c_str(), &status) == 0)
+            reached.emplace(status.st_dev, status.st_ino);
+    const std::string shown = shown_folder(link, m_ini.data_directory);
+    auto name = [&](const std::string& path, const std::string& problem) {
+        bool folder = path != linked.target && is_below(path, linked.target);
+        std::string shown_path = shown + (folder ? "/" + path_below(path, linked.target) : "");
+        if (::stat(path.c_str(), &status) == 0 && reached.contains({status.st_dev, status.st_ino}))
+            return;
+        if (m_rules.of(shown_path, false) != PathRules::Verdict::taken)
+            ++m_unsaved_links;
+        else if (!m_seen.contains(path))
+            add_failed(
+                path, item_kind_of(path),
+                "it lies behind the directory link " + link +
+                    (problem.empty() ? ", which the module does not follow" : "; " + problem) +
+                    ": have a symbolic link lead there, or leave it out with --exclude '" + shown +
+                    "/*'");
+    };
+    for (const std::string& database : linked.databases)
+        name(database, "");
+    for (const auto& [path, problem] : linked.unknown)
+        name(path, problem);
 }
 
 // The full extents of one log have one size. The server removes what is stored of one: a short one

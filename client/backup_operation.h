@@ -12,6 +12,7 @@
 #include "client/module_session.h"
 #include "client/owed.h"
 #include "client/store/manifest.h"
+#include "client/system_files.h"
 
 #include <functional>
 #include <string>
@@ -35,6 +36,10 @@ struct BackupRequest {
     std::vector<std::pair<std::string, std::string>> missing_folders; // with the reason; they fail
     // Called when a complete set with transaction logs is safe, before the server hears of it.
     std::function<void()> before_logs_are_archived;
+    // Of the whole system: whether the files are saved that the module does not know, and which
+    // not.
+    bool other_files = false;
+    std::vector<PathRule> rules;
 };
 
 // Runs the operation and returns the manifest of the set that was stored; a database of it is no

@@ -28,10 +28,11 @@ constexpr const char* exit_codes = R"(Exit codes:
 constexpr const char* backup_help =
     "Back up a server into the store.\n"
     "Without DATABASE the whole system is saved: every database and template below the data\n"
-    "directory, notes.ini, the ID and configuration files, and with archive-style logging (levels\n"
-    "full and incr) the transaction logs. The server keeps running. The set counts, and the server "
-    "lets\n"
-    "go of its archived logs, only when every item is stored and flushed to disk.";
+    "directory, notes.ini, the ID and configuration files, every other file and link there but "
+    "for\n"
+    "what the server makes anew, and with archive-style logging (levels full and incr) the\n"
+    "transaction logs. The server keeps running. The set counts, and the server lets go of its\n"
+    "archived logs, only when every item is stored and flushed to disk.";
 
 constexpr const char* restore_help =
     "Restore databases, or the whole system with --all, from the store.\n"
@@ -174,11 +175,38 @@ CLI::App* add_backup(CLI::App& app, qrtln::BackupOptions& backup) {
         ->expected(1)
         ->allow_extra_args(false)
         ->multi_option_policy(CLI::MultiOptionPolicy::TakeAll);
+    CLI::Option* databases_only = command.add_flag(
+        "--databases-only", backup.databases_only,
+        "Of the whole system: only databases and the files of a server that the module knows");
+    auto add_rule = [&](const char* name, bool include, const char* help) {
+        return command
+            .add_option_function<std::string>(
+                name,
+                [&backup, include](const std::string& pattern) {
+                    backup.rules.push_back({pattern, include});
+                },
+                help)
+            ->type_name("PATTERN")
+            ->trigger_on_parse()
+            ->allow_extra_args(false);
+    };
+    CLI::Option* exclude =
+        add_rule("--exclude", false,
+                 "Of the whole system: leave out what matches, of the files that the module does "
+                 "not know; a path below the data directory with * and ?, or a name (repeatable)");
+    CLI::Option* include =
+        add_rule("--include", true,
+                 "Save what matches all the same; the last --exclude or --include decides "
+                 "(repeatable)");
     add_tmp_dir(command, backup.tmp_dir,
                 "Where databases are copied to, one at a time: needs room for the largest");
     add_module_options(command, backup);
-    command.add_option("DATABASE", backup.databases,
-                       "A database or a folder of databases, below the data directory");
+    command
+        .add_option("DATABASE", backup.databases,
+                    "A database or a folder of databases, below the data directory")
+        ->excludes(databases_only)
+        ->excludes(exclude)
+        ->excludes(include);
     command.footer(exit_codes);
     return &command;
 }

@@ -46,6 +46,19 @@ ManifestItem OriginalReader::look_at(const std::string& path) {
                                       : "cannot look at it: " + system_error_text(errno);
         return item;
     }
+    item = describe(path, item.kind, status);
+    if (S_ISDIR(status.st_mode))
+        item.kind = ItemKind::directory;
+    else if (!S_ISREG(status.st_mode))
+        item.reason = std::string("it is ") + file_type_name(status.st_mode) + ", no file";
+    return item;
+}
+
+ManifestItem OriginalReader::describe(const std::string& path, ItemKind kind,
+                                      const struct stat& status) {
+    ManifestItem item;
+    item.path = path;
+    item.kind = kind;
     item.has_metadata = true;
     item.mode = status.st_mode & 07777;
     item.uid = status.st_uid;
@@ -54,10 +67,6 @@ ManifestItem OriginalReader::look_at(const std::string& path) {
     item.group = group_name(status.st_gid);
     item.mtime_ns =
         static_cast<std::int64_t>(status.st_mtim.tv_sec) * 1'000'000'000 + status.st_mtim.tv_nsec;
-    if (S_ISDIR(status.st_mode))
-        item.kind = ItemKind::directory;
-    else if (!S_ISREG(status.st_mode))
-        item.reason = std::string("it is ") + file_type_name(status.st_mode) + ", no file";
     return item;
 }
 

@@ -5,7 +5,7 @@
 
 #include <map>
 #include <string>
-#include <sys/types.h>
+#include <sys/stat.h>
 
 namespace qrtln {
 
@@ -18,6 +18,9 @@ const char* file_type_name(mode_t mode);
 // Looks at originals; remembers the names of users and groups.
 class OriginalReader {
   public:
+    // An item of this kind with the metadata of `status`.
+    ManifestItem describe(const std::string& path, ItemKind kind, const struct stat& status);
+
     // The item with the original's metadata; with a reason when it is nothing that can be stored.
     ManifestItem look_at(const std::string& path);
 

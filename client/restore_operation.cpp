@@ -44,6 +44,14 @@ bool does_work(const PlannedItem& planned) {
     return planned.action != RestoreAction::leave_out && planned.action != RestoreAction::refuse;
 }
 
+// Those that the client found, and folders with paths that the module does not take, are none of
+// its items.
+bool is_clients_own(const PlannedItem& planned) {
+    ItemKind kind = planned.item.kind;
+    return kind == ItemKind::other || kind == ItemKind::link ||
+           (kind == ItemKind::directory && planned.announced.size() >= module_path_size);
+}
+
 std::string joined(const std::string& root, const std::string& relative) {
     std::string path = root;
     path += '/';
@@ -71,6 +79,7 @@ class RestoreOperation {
     void write_item(const PlannedItem& planned, const std::string& path);
     bool take_waiting(const PlannedItem& planned, int folder, const std::string& name);
     void drop_waiting(const PlannedItem& planned);
+    void write_link(const PlannedItem& planned);
     std::string check_live_target(const PlannedItem& planned);
     void owe(const PlannedItem& planned);
     void owe_all_when_logs_come_back();
@@ -221,6 +230,12 @@ std::optional<std::string> RestoreOperation::announce(const PlannedItem& planned
 void RestoreOperation::restore_item(const PlannedItem& planned) {
     if (planned.item.kind == ItemKind::database)
         m_progress->next_database();
+    if (is_clients_own(planned)) {
+        planned.item.kind == ItemKind::link        ? write_link(planned)
+        : planned.item.kind == ItemKind::directory ? create_folder(planned)
+                                                   : write_item(planned, planned.announced);
+        return;
+    }
     if (std::optional<std::string> path = announce(planned)) {
         if (planned.action == RestoreAction::create_folder)
             create_folder(planned);
@@ -491,8 +506,31 @@ bool RestoreOperation::keep_replaced(const PlannedItem& planned, const std::stri
     return false;
 }
 
+// The link alone: what it names is not looked at.
+void RestoreOperation::write_link(const PlannedItem& planned) {
+    SafeFolder root(planned.root);
+    std::string relative = path_below(planned.target, planned.root);
+    std::string problem;
+    FileDescriptor folder =
+        root.open_folder(relative_folder(relative), problem, m_created.callback(planned.root));
+    if (folder) {
+        SafeFile link(std::move(folder), name_of(relative));
+        problem = link.create_link(planned.item.target);
+        if (problem.empty())
+            problem = link.commit(&planned.item, planned.replaces);
+    }
+    if (problem.empty())
+        m_result.restored.push_back(planned.target);
+    else
+        fail(planned, problem);
+}
+
 void RestoreOperation::finish_written(const PlannedItem& planned, const std::string& path) {
     note_kept(planned);
+    if (is_clients_own(planned)) {
+        m_result.restored.push_back(planned.target);
+        return;
+    }
     if (m_session->finish(DB_ITEM_SUCCESS) != DB_NUM_I_OK) {
         fail(planned, "it was written, but the module reports: " + m_session->reason());
         return;

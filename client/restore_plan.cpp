@@ -11,8 +11,11 @@
 #include "client/waiting_copies.h"
 
 #include <algorithm>
+#include <climits>
 #include <fcntl.h>
 #include <map>
+#include <set>
+#include <unistd.h>
 
 namespace qrtln {
 
@@ -49,6 +52,9 @@ class Planner {
     void plan_database(PlannedItem& planned, bool named);
     void plan_log(PlannedItem& planned, const SelectedItem& selected);
     void plan_file(PlannedItem& planned, bool named);
+    bool is_clients_own(const ManifestItem& item) const;
+    void look_at_link(PlannedItem& planned);
+    void leave_out_links_in_the_way();
     void look_at_target(PlannedItem& planned);
     void refuse_collisions();
     void count_room();
@@ -127,7 +133,10 @@ RestorePlan Planner::run(RestoreSelection selection) {
         case ItemKind::database:
             return 2;
         case ItemKind::file:
+        case ItemKind::other:
             break;
+        case ItemKind::link:
+            return 4; // nothing else is written once there is one
         }
         return 3;
     };
@@ -137,6 +146,7 @@ RestorePlan Planner::run(RestoreSelection selection) {
     std::erase_if(m_plan.items, [](const PlannedItem& planned) {
         return planned.action == RestoreAction::create_folder && planned.existing;
     });
+    leave_out_links_in_the_way();
     refuse_collisions();
     count_room();
     return std::move(m_plan);
@@ -147,13 +157,15 @@ PlannedItem Planner::plan_item(SelectedItem selected) {
     planned.set = std::move(selected.set);
     planned.item = std::move(selected.item);
     ManifestItem& item = planned.item;
-    if (item.kind != ItemKind::directory)
+    if (!is_clients_own(item))
         item.kind = item_kind_of(item.path); // the module goes by the name alone
-    if (std::string problem = path_problem(item.path); !problem.empty()) {
+    std::size_t limit = is_clients_own(item) ? PATH_MAX : module_path_size;
+    if (std::string problem = path_problem(item.path, limit); !problem.empty()) {
         refuse(planned, problem);
         return planned;
     }
-    if (item.kind != ItemKind::directory && item.object.empty()) {
+    bool link = item.kind == ItemKind::link;
+    if (item.kind != ItemKind::directory && (link ? item.target : item.object).empty()) {
         refuse(planned, "the set names no content for it");
         return planned;
     }
@@ -166,13 +178,16 @@ PlannedItem Planner::plan_item(SelectedItem selected) {
         plan_original(planned, selected.named);
     if (planned.action == RestoreAction::leave_out || planned.action == RestoreAction::refuse)
         return planned;
-    if (std::string problem = path_problem(planned.announced); !problem.empty()) {
+    if (std::string problem = path_problem(planned.announced, limit); !problem.empty()) {
         refuse(planned, "relocated, " + problem);
         return planned;
     }
     look_at_target(planned);
+    if (link)
+        look_at_link(planned);
     if (planned.action == RestoreAction::write && planned.existing && !planned.replaces) {
-        if (item.kind == ItemKind::file && m_plan.to.empty()) {
+        bool kept = item.kind == ItemKind::file || item.kind == ItemKind::other || link;
+        if (kept && m_plan.to.empty()) {
             if (m_request.recovery)
                 leave_out(planned, "it is there, and a recovery replaces databases only");
             else if (selected.named)
@@ -186,6 +201,49 @@ PlannedItem Planner::plan_item(SelectedItem selected) {
     }
     planned.keeps_replaced = m_plan.keep_replaced && planned.replaces;
     return planned;
+}
+
+// What the client writes by itself. Names count all the same: a database, or a log of the server,
+// is never written as something else, whatever a manifest says.
+bool Planner::is_clients_own(const ManifestItem& item) const {
+    if (item.kind == ItemKind::directory || item.kind == ItemKind::link)
+        return true;
+    ItemKind by_name = item_kind_of(item.path);
+    bool servers_log = m_log_directory.empty() || folder_of(item.path) == m_log_directory;
+    return item.kind == ItemKind::other &&
+           (by_name == ItemKind::file || (by_name != ItemKind::database && !servers_log));
+}
+
+// A link that is there as it was needs nothing.
+void Planner::look_at_link(PlannedItem& planned) {
+    if (planned.action != RestoreAction::write || !planned.existing)
+        return;
+    std::string target(PATH_MAX, '\0');
+    ssize_t length = ::readlink(planned.target.c_str(), target.data(), target.size());
+    if (length > 0 && target.substr(0, static_cast<std::size_t>(length)) == planned.item.target)
+        leave_out(planned, "it is there");
+}
+
+// What lies below the path of a link is written through no link: a folder takes its place.
+void Planner::leave_out_links_in_the_way() {
+    std::set<std::string> folders;
+    auto add_above = [&](std::string path) {
+        while (path.size() > 1 && folders.insert(path = folder_of(path)).second)
+            ;
+    };
+    for (const PlannedItem& planned : m_plan.items)
+        add_above(planned.item.path);
+    if (!m_log_directory.empty())
+        add_above(m_log_directory + "/S0000001.TXN");
+    for (PlannedItem& planned : m_plan.items) {
+        if (planned.item.kind != ItemKind::link || planned.action == RestoreAction::leave_out ||
+            !folders.contains(planned.item.path))
+            continue;
+        leave_out(planned, "files come back below it: it was a link to " +
+                               for_terminal(planned.item.target) + " and becomes a folder");
+        m_plan.warnings.push_back(planned.item.path +
+                                  " does not come back as a link: " + planned.reason);
+    }
 }
 
 void Planner::relocate(PlannedItem& planned) {
@@ -290,6 +348,10 @@ void Planner::plan_file(PlannedItem& planned, bool named) {
         return;
     bool by_name = std::find(m_request.selection.names.begin(), m_request.selection.names.end(),
                              path) != m_request.selection.names.end();
+    if (planned.item.kind == ItemKind::link) {
+        refuse(planned, "a link outside the data directory");
+        return;
+    }
     bool own_ini = path == m_ini.file;
     if (!named || !(by_name || own_ini)) {
         refuse(planned, "it lies outside the data directory: name its full path to restore it");
@@ -309,7 +371,8 @@ void Planner::look_at_target(PlannedItem& planned) {
     planned.existing = root.look_at(path_below(planned.target, planned.root), problem);
     bool folder = planned.action == RestoreAction::create_folder;
     mode_t mode = planned.existing ? planned.existing->st_mode : 0;
-    bool fits = folder ? S_ISDIR(mode) : S_ISREG(mode);
+    bool link = planned.item.kind == ItemKind::link;
+    bool fits = folder ? S_ISDIR(mode) : link ? S_ISLNK(mode) : S_ISREG(mode);
     if (problem.empty() && planned.existing && !fits)
         problem = std::string("in its place is ") + (S_ISLNK(mode)   ? "a symbolic link"
                                                      : S_ISREG(mode) ? "a file"
@@ -318,7 +381,7 @@ void Planner::look_at_target(PlannedItem& planned) {
         refuse(planned, problem);
         return;
     }
-    if (planned.existing && !folder)
+    if (planned.existing && !folder && !link)
         planned.used_by = m_users.describe(*planned.existing);
     if (planned.action == RestoreAction::activate ||
         (m_request.recovery && planned.action == RestoreAction::place))

@@ -21,8 +21,9 @@ constexpr std::size_t compact_time_length = 16; // "20261121T024923Z"
 struct Name {
     std::string given;
     std::string path;
-    bool closed = false; // no older set has a say
-    bool seen = false;   // in a set that counts, perhaps copied too late
+    bool closed = false;        // no older set has a say
+    bool others_closed = false; // likewise of what the client saved beside the module's files
+    bool seen = false;          // in a set that counts, perhaps copied too late
     bool found = false;
     bool exact = false; // an item of this very path was found
 };
@@ -63,9 +64,10 @@ class Selector {
     RestoreSelection m_result;
     std::vector<Name> m_names;
     Moment m_moment;
-    std::string m_log_id;      // the newest archive identity
-    bool m_covered = false;    // a set of the whole system tells what there was
-    bool m_base_found = false; // and it was complete at the moment, or one before it
+    std::string m_log_id;          // the newest archive identity
+    bool m_covered = false;        // a set of the whole system tells what there was
+    bool m_others_covered = false; // and one of all the files beside the module's
+    bool m_base_found = false;     // and it was complete at the moment, or one before it
     std::map<std::string, LookedFor> m_looked_for; // by path
     std::map<std::string, SelectedItem> m_items;
     SetLinks m_links;
@@ -201,12 +203,15 @@ void Selector::take(const Manifest& manifest) {
         auto looked_for = m_looked_for.find(item.path);
         bool is_looked_for = looked_for != m_looked_for.end();
         bool log = item.kind == ItemKind::log || item.kind == ItemKind::log_control;
-        bool wanted = (m_request.all && !(log ? m_base_found : m_covered)) || is_looked_for;
+        bool other = item.kind == ItemKind::other || item.kind == ItemKind::link ||
+                     (item.kind == ItemKind::directory && manifest.other_files);
+        bool covered = log ? m_base_found : other ? m_others_covered : m_covered;
+        bool wanted = (m_request.all && !covered) || is_looked_for;
         bool named = m_request.all || (is_looked_for && looked_for->second.named);
         std::int64_t late = late_copy(manifest, item);
         for (Name& name : m_names) {
             bool exact = item.path == name.path && item.kind != ItemKind::directory;
-            bool open = !name.closed || is_looked_for;
+            bool open = !(other ? name.others_closed : name.closed) || is_looked_for;
             if (!open || !(exact || is_below(item.path, name.path)))
                 continue;
             wanted = name.seen = true;
@@ -227,8 +232,10 @@ void Selector::take(const Manifest& manifest) {
             m_looked_for.erase(looked_for);
         add(manifest, item, named);
     }
-    for (Name& name : m_names)
+    for (Name& name : m_names) {
         name.closed = name.closed || name.exact;
+        name.others_closed = name.others_closed || name.exact;
+    }
 }
 
 void Selector::add(const Manifest& manifest, const ManifestItem& item, bool named) {
@@ -254,24 +261,28 @@ void Selector::close_covered(const Manifest& manifest) {
             std::any_of(manifest.items.begin(), manifest.items.end(),
                         [&](const ManifestItem& item) { return late_copy(manifest, item) != 0; });
         m_covered = true;
+        m_others_covered = m_others_covered || manifest.other_files;
         m_base_found = m_base_found || !any_late;
     }
-    for (Name& name : m_names)
+    for (Name& name : m_names) {
+        bool covers_others = manifest.whole_system && manifest.other_files;
+        name.others_closed = name.others_closed || (name.seen && covers_others);
         if (name.seen)
             name.closed = name.closed || manifest.whole_system ||
                           std::any_of(manifest.arguments.begin(), manifest.arguments.end(),
                                       [&](const std::string& argument) {
                                           return is_below(name.path, argument);
                                       });
+    }
 }
 
 bool Selector::finished() const {
     if (!m_looked_for.empty())
         return false;
     if (m_request.all)
-        return m_base_found;
+        return m_base_found && m_others_covered;
     return std::all_of(m_names.begin(), m_names.end(),
-                       [](const Name& name) { return name.closed; });
+                       [](const Name& name) { return name.closed && name.others_closed; });
 }
 
 // Perhaps it did not exist at that moment, perhaps an older copy is damaged or was never made.

@@ -1,10 +1,10 @@
 #include "client/safe_paths.h"
 
 #include "client/error.h"
-#include "client/module_host.h"
 #include "client/original.h"
 #include "client/text.h"
 
+#include <array>
 #include <cerrno>
 #include <charconv>
 #include <csignal>
@@ -64,6 +64,17 @@ uid_t owner_id(const ManifestItem& item) {
     return user != nullptr ? user->pw_uid : item.uid;
 }
 
+// For futimens: the modification time alone.
+std::array<timespec, 2> times_of(const ManifestItem& item) {
+    constexpr std::int64_t second = 1'000'000'000;
+    std::int64_t part = (item.mtime_ns % second + second) % second;
+    std::array<timespec, 2> times{};
+    times[0].tv_nsec = UTIME_OMIT;
+    times[1].tv_sec = static_cast<time_t>((item.mtime_ns - part) / second);
+    times[1].tv_nsec = static_cast<long>(part);
+    return times;
+}
+
 gid_t group_id(const ManifestItem& item) {
     const group* found = item.group.empty() ? nullptr : ::getgrnam(item.group.c_str());
     return found != nullptr ? found->gr_gid : item.gid;
@@ -71,11 +82,12 @@ gid_t group_id(const ManifestItem& item) {
 
 } // namespace
 
-std::string path_problem(const std::string& path) {
+std::string path_problem(const std::string& path, std::size_t limit) {
     if (path.empty() || path.front() != '/')
         return "its path is not absolute";
-    if (path.size() >= module_path_size)
-        return "its path is longer than the module takes";
+    if (path.size() >= limit)
+        return "its path is longer than the " +
+               std::string(limit == module_path_size ? "module" : "system") + " takes";
     if (path.find('\0') != std::string::npos)
         return "its path holds a NUL byte";
     if (path.back() == '/' || steps_out(std::string_view(path).substr(1)))
@@ -110,13 +122,7 @@ std::string apply_metadata(int fd, const ManifestItem& item) {
         note("owner");
     if (::fchmod(fd, item.mode & restored_bits) != 0)
         note("mode");
-    constexpr std::int64_t second = 1'000'000'000;
-    std::int64_t part = (item.mtime_ns % second + second) % second;
-    timespec times[2]{};
-    times[0].tv_nsec = UTIME_OMIT;
-    times[1].tv_sec = static_cast<time_t>((item.mtime_ns - part) / second);
-    times[1].tv_nsec = static_cast<long>(part);
-    if (::futimens(fd, times) != 0)
+    if (::futimens(fd, times_of(item).data()) != 0)
         note("time");
     return problem;
 }
@@ -250,14 +256,27 @@ SafeFile::~SafeFile() {
 }
 
 std::string SafeFile::create() {
+    return create_named([this](const std::string& name) {
+        m_file =
+            FileDescriptor(::openat(m_folder.get(), name.c_str(),
+                                    O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, 0600));
+        return static_cast<bool>(m_file);
+    });
+}
+
+std::string SafeFile::create_link(const std::string& target) {
+    m_link = true;
+    return create_named([&](const std::string& name) {
+        return ::symlinkat(target.c_str(), m_folder.get(), name.c_str()) == 0;
+    });
+}
+
+std::string SafeFile::create_named(const std::function<bool(const std::string& name)>& make) {
     for (unsigned number = 0;; ++number) {
         // The name of a killed run's file is passed over. No database's ending: nobody opens it.
         std::string name =
             std::string(part_prefix) + std::to_string(::getpid()) + "-" + std::to_string(number);
-        m_file =
-            FileDescriptor(::openat(m_folder.get(), name.c_str(),
-                                    O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, 0600));
-        if (m_file) {
+        if (make(name)) {
             m_temporary = name;
             return {};
         }
@@ -303,28 +322,51 @@ void SafeFile::take_attributes(const ManifestItem& metadata) {
         m_warnings.push_back("cannot set its mode: " + system_error_text(errno));
 }
 
-std::string SafeFile::commit(const ManifestItem* metadata, bool replace) {
-    struct stat status {};
-    bool exists = ::fstatat(m_folder.get(), m_name.c_str(), &status, AT_SYMLINK_NOFOLLOW) == 0;
-    if (!exists && errno != ENOENT)
-        return "cannot look at what is there: " + system_error_text(errno);
-    if (exists && !S_ISREG(status.st_mode))
-        return std::string("in its place is ") +
-               (S_ISLNK(status.st_mode) ? "a symbolic link" : file_type_name(status.st_mode));
-    if (exists && !replace)
-        return "a file of its name is there already";
+// The owner and the time of the link itself, as far as this user and the file system let it have
+// them: nothing depends on them.
+std::string SafeFile::settle_link(const ManifestItem* metadata) {
+    if (metadata == nullptr || !metadata->has_metadata)
+        return {};
+    if (::geteuid() == 0 && ::fchownat(m_folder.get(), m_temporary.c_str(), owner_id(*metadata),
+                                       group_id(*metadata), AT_SYMLINK_NOFOLLOW) != 0)
+        return "cannot set its owner: " + system_error_text(errno);
+    std::array<timespec, 2> times = times_of(*metadata);
+    (void)::utimensat(m_folder.get(), m_temporary.c_str(), times.data(), AT_SYMLINK_NOFOLLOW);
+    return {};
+}
+
+std::string SafeFile::settle_file(const ManifestItem* metadata, bool exists, nlink_t names) {
     if (metadata != nullptr)
         if (std::string problem = apply_metadata(m_file.get(), *metadata); !problem.empty())
             return problem;
     if (exists && metadata != nullptr)
         take_attributes(*metadata);
-    if (exists && status.st_nlink > 1)
-        m_warnings.push_back("its " + std::to_string(status.st_nlink - 1) +
+    if (exists && names > 1)
+        m_warnings.push_back("its " + std::to_string(names - 1) +
                              " other names (hard links) keep the old content");
     if (::fsync(m_file.get()) != 0)
         return "cannot flush it: " + system_error_text(errno);
     if (int error = m_file.close_checked(); error != 0)
         return "cannot close it: " + system_error_text(error);
+    return {};
+}
+
+std::string SafeFile::commit(const ManifestItem* metadata, bool replace) {
+    struct stat status {};
+    bool exists = ::fstatat(m_folder.get(), m_name.c_str(), &status, AT_SYMLINK_NOFOLLOW) == 0;
+    if (!exists && errno != ENOENT)
+        return "cannot look at what is there: " + system_error_text(errno);
+    if (exists && (m_link ? !S_ISLNK(status.st_mode) : !S_ISREG(status.st_mode)))
+        return std::string("in its place is ") + (S_ISLNK(status.st_mode) ? "a symbolic link"
+                                                  : S_ISREG(status.st_mode)
+                                                      ? "a file"
+                                                      : file_type_name(status.st_mode));
+    if (exists && !replace)
+        return "a file of its name is there already";
+    if (std::string problem =
+            m_link ? settle_link(metadata) : settle_file(metadata, exists, status.st_nlink);
+        !problem.empty())
+        return problem;
     int result = ::renameat2(m_folder.get(), m_temporary.c_str(), m_folder.get(), m_name.c_str(),
                              exists ? 0 : RENAME_NOREPLACE);
     // Not every file system knows the flag: then the look above has to do.

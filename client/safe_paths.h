@@ -3,6 +3,7 @@
 #pragma once
 
 #include "client/file_io.h"
+#include "client/module_host.h"
 #include "client/store/manifest.h"
 
 #include <functional>
@@ -15,8 +16,8 @@
 namespace qrtln {
 
 // What is wrong with the full path of an item by its text alone: not absolute, "..", a NUL, longer
-// than the module takes. Empty when nothing is.
-std::string path_problem(const std::string& path);
+// than the module takes, or than `limit` bytes with a NUL behind them. Empty when nothing is.
+std::string path_problem(const std::string& path, std::size_t limit = module_path_size);
 
 // Gives owner, permission bits and modification time of the item back, as far as this user may set
 // them; bits that lend the owner's rights (setuid, setgid) never. Returns the first failure that
@@ -73,21 +74,27 @@ class SafeFile {
 
     // Each returns an empty text or what failed.
     std::string create();
+    // A symbolic link instead of a file, which takes no bytes. It is never followed.
+    std::string create_link(const std::string& target);
     std::string write(Bytes bytes);
     // Flushes, gives the metadata back when there is an item, and takes the name. What has it
-    // already is replaced only when it is a regular file and `replace`; where there is an item its
-    // extended attributes and access list are given to the new one.
+    // already is replaced only when it is a regular file, or both are links, and `replace`; where
+    // there is an item its extended attributes and access list are given to the new one.
     std::string commit(const ManifestItem* metadata, bool replace);
     // What the file that was replaced had and the new one has not.
     const std::vector<std::string>& warnings() const { return m_warnings; }
 
   private:
+    std::string create_named(const std::function<bool(const std::string& name)>& make);
+    std::string settle_link(const ManifestItem* metadata);
+    std::string settle_file(const ManifestItem* metadata, bool exists, nlink_t names);
     void take_attributes(const ManifestItem& metadata);
 
     FileDescriptor m_folder;
     std::string m_name;
     std::string m_temporary; // empty once it is gone
     FileDescriptor m_file;
+    bool m_link = false;
     std::vector<std::string> m_warnings;
 };
 

@@ -118,13 +118,16 @@ int BackupRun::run() {
             m_ini.linear_logging && m_manifest.level == "diff"
                 ? "the server has linear transaction logging (TRANSLOG_Style=2): take "
                   "--level full instead of diff"
-                : "see what failed above; run as a user who may read every database, have the "
-                  "server repair or remove what is no database, then back up again: until then "
-                  "the server keeps its logs");
+                : "see what failed above; run as a user who may read every file, have the server "
+                  "repair or remove what is no database, leave out with --exclude what may be "
+                  "lost, then back up again: until then the server keeps its logs");
     return report();
 }
 
 void BackupRun::check_selection() {
+    m_request.other_files = !m_options.databases_only;
+    m_request.rules = m_options.rules;
+    (void)PathRules(m_options.rules, m_ini.data_directory);
     m_request.arguments = resolve_database_arguments(m_options.databases, m_ini.data_directory);
     m_request.scan = scan_selection(m_ini.data_directory, m_request.arguments);
     resolve_removed();
@@ -524,6 +527,8 @@ nlohmann::json set_summary(const Manifest& manifest) {
             {"ended", utc_time(complete_at(manifest))},
             {"databases", sum.databases},
             {"items", sum.stored_items},
+            {"other_files", sum.other_files},
+            {"left_out", left_out_json(manifest.left_out)},
             {"bytes", sum.bytes},
             {"new_bytes", manifest.new_bytes},
             {"logs", log_range_json(manifest)},
@@ -541,6 +546,11 @@ std::string set_lines(const Manifest& manifest) {
                        human_duration(manifest.ended - manifest.started) + "\n";
     if (!manifest.base.empty())
         text += "  builds on " + manifest.base + "\n";
+    if (sum.other_files > 0)
+        text += "  " + std::to_string(sum.other_files) +
+                " of the items are other files and links than the module hands out\n";
+    if (manifest.left_out.any())
+        text += "  " + left_out_text(manifest.left_out) + "\n";
     if (std::string logs = log_range_text(manifest); logs != "-")
         text += "  transaction logs " + logs + "\n";
     if (sum.warnings > 0)

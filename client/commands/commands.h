@@ -2,6 +2,8 @@
 // or throws ClientError.
 #pragma once
 
+#include "client/system_files.h"
+
 #include <string>
 #include <vector>
 
@@ -26,6 +28,8 @@ struct BackupOptions : ServerOptions {
     bool auto_full = false;           // a diff or incr without its base becomes a full one
     bool take_over = false;           // this store archives the server's logs from now on
     std::vector<std::string> removed; // folders that were removed on purpose
+    bool databases_only = false;      // nothing that the module does not hand out
+    std::vector<PathRule> rules;      // of the other files, in the order of the command line
     std::vector<std::string> databases;
 };
 

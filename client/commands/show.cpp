@@ -37,6 +37,8 @@ int run_show(const StoreOptions& options) {
         text += "came after " + manifest.predecessor + "\n";
     for (const LogGap& gap : manifest.log_gaps)
         text += describe(gap) + "\n";
+    if (manifest.left_out.any())
+        text += left_out_text(manifest.left_out) + "\n";
     if (!manifest.close_error.empty())
         text += "the server did not close the backup: " + for_terminal(manifest.close_error) + "\n";
     Table table({"KIND", "BYTES ", "MODIFIED", "OWNER", "PATH"});
@@ -54,6 +56,8 @@ int run_show(const StoreOptions& options) {
         if (item.log)
             notes += "log " + std::to_string(item.log->number) +
                      (item.log->active ? " (active)" : "") + ": " + for_terminal(item.path) + "\n";
+        if (!item.target.empty())
+            notes += "link: " + for_terminal(item.path) + " -> " + for_terminal(item.target) + "\n";
         if (!item.reason.empty())
             notes += "failed: " + for_terminal(item.path) + ": " + for_terminal(item.reason) + "\n";
         for (const std::string& warning : item.warnings)

@@ -14,7 +14,8 @@ namespace {
 
 using nlohmann::json;
 
-constexpr std::array kind_names = {"directory", "database", "log", "log_control", "file"};
+constexpr std::array kind_names = {"directory", "database", "log", "log_control",
+                                   "file",      "other",    "link"};
 
 ItemKind kind_of(const std::string& name) {
     for (std::size_t i = 0; i < kind_names.size(); ++i)
@@ -63,6 +64,8 @@ json item_to_json(const ManifestItem& item) {
         out["size"] = item.size;
         out["stored_size"] = item.stored_size;
     }
+    if (!item.target.empty())
+        put_bytes(out, "target", item.target);
     if (item.prepare_status != 0)
         out["prepare_status"] = item.prepare_status;
     if (!item.dbiid.empty())
@@ -115,8 +118,11 @@ ManifestItem item_from_json(const json& in) {
         item.size = number_of<std::uint64_t>(in, "size");
         item.stored_size = number_of<std::uint64_t>(in, "stored_size");
     }
+    if (in.contains("target"))
+        item.target = get_bytes(in, "target");
+    bool link = item.kind == ItemKind::link;
     if (item.status == ItemStatus::stored && item.kind != ItemKind::directory &&
-        item.object.empty())
+        (link ? item.target.empty() : item.object.empty()))
         throw std::runtime_error("a stored item without content");
     if (in.contains("prepare_status"))
         item.prepare_status = number_of<int>(in, "prepare_status");
@@ -160,9 +166,29 @@ ManifestTotals totals(const Manifest& manifest) {
             ++sum.stored_items;
             sum.bytes += item.size;
             sum.databases += item.kind == ItemKind::database ? 1 : 0;
+            bool other = item.kind == ItemKind::other || item.kind == ItemKind::link;
+            sum.other_files += other ? 1 : 0;
         }
     }
     return sum;
+}
+
+std::string left_out_text(const LeftOutFiles& left_out) {
+    std::string text;
+    for (const auto& [count, what] :
+         {std::pair{left_out.made_anew, "that the server makes anew (full-text indexes, locks, "
+                                        "temporary files)"},
+          std::pair{left_out.excluded, "by --exclude"},
+          std::pair{left_out.special, "that are sockets, FIFOs or devices"}})
+        if (count > 0)
+            text += (text.empty() ? "left out: " : ", ") + std::to_string(count) + " " + what;
+    return text;
+}
+
+json left_out_json(const LeftOutFiles& left_out) {
+    return {{"made_anew", left_out.made_anew},
+            {"excluded", left_out.excluded},
+            {"special", left_out.special}};
 }
 
 std::string serialize(const Manifest& manifest) {
@@ -190,6 +216,10 @@ std::string serialize(const Manifest& manifest) {
         out["log_gaps"].push_back(std::move(entry));
     }
     out["selection"]["whole_system"] = manifest.whole_system;
+    if (manifest.other_files)
+        out["selection"]["other_files"] = true;
+    if (const LeftOutFiles& left_out = manifest.left_out; left_out.any())
+        out["left_out"] = left_out_json(left_out);
     json& arguments = out["selection"]["databases"] = json::array();
     for (const std::string& argument : manifest.arguments) {
         json entry;
@@ -254,6 +284,13 @@ std::optional<Manifest> parse_manifest(const std::string& bytes, const std::stri
                 manifest.log_gaps.push_back(gap_from_json(gap));
         const json& selection = in->at("selection");
         manifest.whole_system = selection.at("whole_system").get<bool>();
+        manifest.other_files = selection.value("other_files", false);
+        if (in->contains("left_out")) {
+            const json& left_out = in->at("left_out");
+            manifest.left_out = {number_of<std::uint64_t>(left_out, "made_anew"),
+                                 number_of<std::uint64_t>(left_out, "excluded"),
+                                 number_of<std::uint64_t>(left_out, "special")};
+        }
         for (const json& argument : list_of(selection, "databases"))
             manifest.arguments.push_back(get_bytes(argument, "path"));
         const json& server = in->at("server");

@@ -3,6 +3,7 @@
 
 #include <cstdint>
 #include <map>
+#include <nlohmann/json.hpp>
 #include <optional>
 #include <string>
 #include <vector>
@@ -11,7 +12,8 @@ namespace qrtln {
 
 inline constexpr int manifest_format = 1;
 
-enum class ItemKind { directory, database, log, log_control, file };
+// What the module hands out, and what the client finds beside it: other files, and symbolic links.
+enum class ItemKind { directory, database, log, log_control, file, other, link };
 enum class ItemStatus { stored, failed };
 
 // A transaction log, as the module announced it.
@@ -43,10 +45,11 @@ struct ManifestItem {
     std::string owner; // names, empty when the system has none
     std::string group;
     std::int64_t mtime_ns = 0; // nanoseconds since 1970
-    // content, of everything stored but directories
+    // content, of everything stored but directories and links
     std::string object;
     std::uint64_t size = 0;
     std::uint64_t stored_size = 0;
+    std::string target;     // of a link: what it names, byte for byte
     int prepare_status = 0; // what the module answered, 0 when it was not asked
     // of a database that is transaction-logged: its instance, 34 characters as the module writes
     // it; empty: not logged, or not known
@@ -59,6 +62,14 @@ struct ManifestItem {
     std::int64_t copied = 0;
     std::optional<LogIdentity> log;
     std::vector<std::string> warnings;
+};
+
+// What a backup of the whole system did not save on purpose.
+struct LeftOutFiles {
+    std::uint64_t made_anew = 0; // the server makes them when it needs them
+    std::uint64_t excluded = 0;  // somebody said so
+    std::uint64_t special = 0;   // sockets, FIFOs and devices
+    bool any() const { return made_anew + excluded + special > 0; }
 };
 
 struct Manifest {
@@ -74,6 +85,8 @@ struct Manifest {
     std::string predecessor;      // the newest set of this server before it; empty: not known
     std::vector<LogGap> log_gaps; // in the chain up to this set
     bool whole_system = false;
+    bool other_files = false; // with what lies beside the files of the module's kinds
+    LeftOutFiles left_out;
     std::vector<std::string> arguments; // the DATABASE arguments as resolved paths
     std::string server_name;            // as --server gave it; of sets of earlier releases the host
     bool names_server = false;          // not a set of an earlier release
@@ -100,11 +113,17 @@ std::string status_text(const Manifest& manifest);
 struct ManifestTotals {
     std::size_t databases = 0;
     std::size_t stored_items = 0; // directories not counted
+    std::size_t other_files = 0;  // among them: files and links that the client found itself
     std::size_t failed_items = 0;
     std::size_t warnings = 0;
     std::uint64_t bytes = 0;
 };
 ManifestTotals totals(const Manifest& manifest);
+
+// "left out: 3 files that the server makes anew, 1 excluded, ..." with what there is, and
+// {"made_anew", "excluded", "special"}. REQUIRES, for the text: there is any.
+std::string left_out_text(const LeftOutFiles& left_out);
+nlohmann::json left_out_json(const LeftOutFiles& left_out);
 
 // The bytes of the manifest's file.
 std::string serialize(const Manifest& manifest);

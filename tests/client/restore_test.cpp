@@ -494,20 +494,22 @@ TEST_F(Restore, AHostileSetWritesNothingOutsideTheDataDirectory) {
     folder.kind = ItemKind::directory;
     folder.object.clear();
     hostile.items.push_back(folder);
-    hostile.set = "20300101T000000Z-full";
-    auto store = open_directory_store(m_store, StoreAccess::write);
-    store->write_manifest(hostile.set, serialize(hostile));
-    store.reset();
-
     auto before = snapshot(outside);
     auto data = snapshot(m_data);
-    for (const std::vector<std::string>& words :
-         {std::vector<std::string>{"--all"}, {"--all", "--activate"}}) {
-        json done = restore(3, words);
-        EXPECT_THAT(done["result"]["failed"], SizeIs(std::size(paths)));
-        EXPECT_THAT(done["result"]["restored"], IsEmpty());
-        EXPECT_EQ(snapshot(outside), before);
-        EXPECT_EQ(snapshot(m_data), data);
+    for (ItemKind kind : {ItemKind::file, ItemKind::other}) { // the module's, and the client's own
+        for (ManifestItem& item : hostile.items)
+            item.kind = item.kind == ItemKind::directory ? item.kind : kind;
+        hostile.set = kind == ItemKind::file ? "20300101T000000Z-full" : "20300102T000000Z-full";
+        open_directory_store(m_store, StoreAccess::write)
+            ->write_manifest(hostile.set, serialize(hostile));
+        for (const std::vector<std::string>& words :
+             {std::vector<std::string>{"--all"}, {"--all", "--activate"}}) {
+            json done = restore(3, words);
+            EXPECT_THAT(done["result"]["failed"], SizeIs(std::size(paths)));
+            EXPECT_THAT(done["result"]["restored"], IsEmpty());
+            EXPECT_EQ(snapshot(outside), before);
+            EXPECT_EQ(snapshot(m_data), data);
+        }
     }
     EXPECT_FALSE(fs::exists(m_data + "2"));
     EXPECT_FALSE(fs::exists(outside + "/folder"));
