@@ -55,9 +55,16 @@ std::string other_log_archive(const NotesIni& ini, const Store& store) {
         if (note && note->at("format").get<int>() == note_format) {
             std::string place = get_bytes(*note, "store");
             std::string id = note->at("store_id").get<std::string>();
+            bool same_place = place == store.location() || is_same_folder(place, store.location());
+            bool other_id = !id.empty() && !store.id().empty() && id != store.id();
+            if (same_place && other_id)
+                return "the store that archives the transaction logs of this server was at this "
+                       "place, " +
+                       for_terminal(place) +
+                       ", but is another one: perhaps its disk is not mounted";
             // One that was moved is still the same; a copy beside it is not.
             bool moved = !id.empty() && id == store.id() && store_id_at(place) != id;
-            if (moved || place == store.location() || is_same_folder(place, store.location()))
+            if (moved || same_place)
                 return {};
             return "the store " + for_terminal(place) +
                    " archives the transaction logs of this server: with some of them elsewhere "

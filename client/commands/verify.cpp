@@ -243,9 +243,10 @@ int run_verify(const StoreOptions& options) {
             std::count_if(objects.begin(), objects.end(),
                           [&](const std::string& hash) { return !references.contains(hash); }));
         if (unreferenced > 0)
-            result.information.push_back(
-                std::to_string(unreferenced) +
-                " objects belong to no readable set: a running or killed backup left them");
+            result.information.push_back(std::to_string(unreferenced) +
+                                         " objects belong to no readable set: to one that is "
+                                         "missing or forgotten, or a running "
+                                         "or killed backup left them");
         for (const std::string& name : foreign)
             result.information.push_back(
                 printable_utf8(name) +

@@ -441,6 +441,11 @@ TEST_F(Incremental, SetsThatAreGoneAreToldAndNothingBuildsOnWhatIsLeft) {
     EXPECT_EQ(backup({"--level", "copy"}).exit_code, 0);
     folder.reset();
     EXPECT_EQ(backup({"--take-over"}).exit_code, 0);
+    fs::rename(m_store, m_scratch / "mounted"); // its disk is away: nothing begins in its place
+    EXPECT_THAT(backup().errors, HasSubstr("perhaps its disk is not mounted"));
+    EXPECT_FALSE(fs::exists(m_store));
+    m_store = m_scratch / "mounted"; // it was moved
+    EXPECT_EQ(backup().exit_code, 0);
     m_store = own;
     EXPECT_EQ(backup({"--level", "incr"}).exit_code, 1);
 }
