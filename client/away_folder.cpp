@@ -1,31 +1,23 @@
 #include "client/away_folder.h"
 
 #include "client/error.h"
+#include "client/file_io.h"
 
-#include <dirent.h>
-#include <memory>
-#include <string_view>
+#include <string>
+#include <vector>
 
 namespace qrtln {
 
 namespace {
 
 std::optional<AwayFolder> look_at(const std::string& folder) {
-    std::unique_ptr<DIR, int (*)(DIR*)> listing(::opendir(folder.c_str()), ::closedir);
-    if (!listing && (errno == ENOENT || errno == ENOTDIR))
+    std::optional<std::vector<std::string>> names = names_in_folder(folder);
+    if (!names && (errno == ENOENT || errno == ENOTDIR))
         return AwayFolder{folder, "the folder is missing"};
-    while (listing) {
-        errno = 0;
-        const dirent* entry = ::readdir(listing.get());
-        if (entry == nullptr)
-            break;
-        std::string_view name = entry->d_name;
-        if (name != "." && name != ".." && name != "lost+found") // a new file system's own
-            return std::nullopt;
-    }
-    if (errno != 0)
+    if (!names)
         return AwayFolder{folder, "the folder cannot be read: " + system_error_text(errno), false};
-    return AwayFolder{folder, "the folder is empty"};
+    std::erase(*names, "lost+found"); // a new file system's own
+    return names->empty() ? std::optional(AwayFolder{folder, "the folder is empty"}) : std::nullopt;
 }
 
 } // namespace

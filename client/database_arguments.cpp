@@ -71,13 +71,10 @@ std::string below_data_directory(const std::string& given, const std::string& da
 }
 
 bool folder_has_match(const std::string& path) {
-    std::unique_ptr<DIR, int (*)(DIR*)> listing(::opendir(path.c_str()), ::closedir);
-    if (!listing)
-        return false;
-    while (const dirent* entry = ::readdir(listing.get()))
-        if (::fnmatch("*.*", entry->d_name, FNM_PERIOD) == 0)
-            return true;
-    return false;
+    std::optional<std::vector<std::string>> names = names_in_folder(path);
+    return names && std::any_of(names->begin(), names->end(), [](const std::string& name) {
+               return ::fnmatch("*.*", name.c_str(), FNM_PERIOD) == 0;
+           });
 }
 
 DatabaseArgument resolve(const std::string& given, const std::string& data_directory) {

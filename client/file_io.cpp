@@ -115,6 +115,28 @@ int flush_folder(int folder) {
     return errno;
 }
 
+std::optional<std::vector<std::string>> names_in_folder(int folder) {
+    FileDescriptor again(::openat(folder, ".", O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+    std::unique_ptr<DIR, int (*)(DIR*)> listing(again ? ::fdopendir(again.get()) : nullptr,
+                                                ::closedir);
+    if (!listing)
+        return std::nullopt;
+    (void)again.release();
+    std::vector<std::string> names;
+    for (errno = 0; const dirent* entry = ::readdir(listing.get()); errno = 0)
+        if (std::string_view name = entry->d_name; name != "." && name != "..")
+            names.emplace_back(name);
+    if (errno != 0)
+        return std::nullopt;
+    std::sort(names.begin(), names.end());
+    return names;
+}
+
+std::optional<std::vector<std::string>> names_in_folder(const std::string& path) {
+    FileDescriptor folder(::open(path.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+    return folder ? names_in_folder(folder.get()) : std::nullopt;
+}
+
 int remove_tree(int directory, const std::string& name) {
     if (::unlinkat(directory, name.c_str(), 0) == 0 || errno == ENOENT)
         return 0;
@@ -122,24 +144,11 @@ int remove_tree(int directory, const std::string& name) {
         ::openat(directory, name.c_str(), O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC));
     if (!folder)
         return errno;
+    std::optional<std::vector<std::string>> names = names_in_folder(folder.get());
+    if (!names)
+        return errno;
     int first_error = 0;
-    std::vector<std::string> names;
-    int listed = ::dup(folder.get());
-    std::unique_ptr<DIR, int (*)(DIR*)> listing(listed >= 0 ? ::fdopendir(listed) : nullptr,
-                                                ::closedir);
-    if (!listing) {
-        first_error = errno;
-        if (listed >= 0)
-            ::close(listed);
-        return first_error;
-    }
-    while (const dirent* entry = ::readdir(listing.get())) {
-        std::string_view entry_name = entry->d_name;
-        if (entry_name != "." && entry_name != "..")
-            names.emplace_back(entry_name);
-    }
-    listing.reset();
-    for (const std::string& entry_name : names)
+    for (const std::string& entry_name : *names)
         if (int error = remove_tree(folder.get(), entry_name); error != 0 && first_error == 0)
             first_error = error;
     if (::unlinkat(directory, name.c_str(), AT_REMOVEDIR) != 0 && first_error == 0 &&

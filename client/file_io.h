@@ -10,6 +10,7 @@
 #include <string_view>
 #include <unistd.h>
 #include <utility>
+#include <vector>
 
 namespace qrtln {
 
@@ -72,6 +73,11 @@ int replace_file(const std::string& path, std::string_view content);
 // are flushed by themselves.
 int flush_directory(int directory, const std::string& name);
 int flush_folder(int folder);
+
+// The names in an open folder, or in the one of a path, sorted, without "." and "..". Returns
+// nothing and sets errno when it cannot be read to its end: a part of them would pass for all.
+std::optional<std::vector<std::string>> names_in_folder(int folder);
+std::optional<std::vector<std::string>> names_in_folder(const std::string& path);
 
 // Removes a folder and all below it; symbolic links are removed, never followed. Returns 0 or the
 // first errno; goes on with the rest after a failure.

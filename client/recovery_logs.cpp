@@ -10,7 +10,6 @@
 #include <charconv>
 #include <dirent.h>
 #include <fcntl.h>
-#include <memory>
 #include <string_view>
 #include <sys/stat.h>
 
@@ -143,25 +142,23 @@ std::optional<std::uint32_t> log_number_of(const std::string& file_name) {
 ServerLogs look_at_server_logs(const std::string& directory) {
     ServerLogs logs;
     logs.directory = directory;
-    std::unique_ptr<DIR, int (*)(DIR*)> listing(
-        directory.empty() ? nullptr : ::opendir(directory.c_str()), ::closedir);
     if (directory.empty())
         return logs;
-    if (!listing && errno != ENOENT)
+    std::optional<std::vector<std::string>> names = names_in_folder(directory);
+    if (!names && errno != ENOENT)
         throw ClientError(ExitCode::failed,
                           "cannot read the folder of the transaction logs, " +
                               for_terminal(directory) + ": " + system_error_text(errno),
                           "TRANSLOG_Path in notes.ini names it");
-    if (!listing) {
+    if (!names) {
         logs.missing = true;
         return logs;
     }
-    while (const dirent* entry = ::readdir(listing.get())) {
-        logs.has_control = logs.has_control || entry->d_name == control_file;
+    for (const std::string& name : *names) {
+        logs.has_control = logs.has_control || name == control_file;
         struct stat status {};
-        std::optional<std::uint32_t> number = log_number_of(entry->d_name);
-        if (number &&
-            ::fstatat(::dirfd(listing.get()), entry->d_name, &status, AT_SYMLINK_NOFOLLOW) == 0 &&
+        std::optional<std::uint32_t> number = log_number_of(name);
+        if (number && ::lstat((directory + "/" + name).c_str(), &status) == 0 &&
             S_ISREG(status.st_mode))
             logs.last_used[*number] = status.st_mtim.tv_sec * nanoseconds + status.st_mtim.tv_nsec;
     }

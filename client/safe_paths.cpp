@@ -13,7 +13,6 @@
 #include <fcntl.h>
 #include <grp.h>
 #include <linux/openat2.h>
-#include <memory>
 #include <pwd.h>
 #include <sys/syscall.h>
 #include <sys/xattr.h>
@@ -227,13 +226,7 @@ FileDescriptor SafeFolder::open_file(const std::string& relative, std::string& p
 }
 
 void remove_parts_of_killed_runs(int folder) {
-    FileDescriptor again(::openat(folder, ".", O_RDONLY | O_DIRECTORY | O_CLOEXEC));
-    std::unique_ptr<DIR, int (*)(DIR*)> listing(again ? ::fdopendir(again.get()) : nullptr,
-                                                ::closedir);
-    if (listing)
-        again.release();
-    while (const dirent* entry = listing ? ::readdir(listing.get()) : nullptr) {
-        std::string_view name = entry->d_name;
+    for (const std::string& name : names_in_folder(folder).value_or(std::vector<std::string>())) {
         pid_t pid = 0;
         struct stat status {};
         if (!name.starts_with(part_prefix))
@@ -241,9 +234,9 @@ void remove_parts_of_killed_runs(int folder) {
         const char* number = name.data() + part_prefix.size();
         auto [end, error] = std::from_chars(number, name.data() + name.size(), pid);
         if (error == std::errc() && pid > 0 && *end == '-' && ::kill(pid, 0) != 0 &&
-            errno == ESRCH && ::fstatat(folder, entry->d_name, &status, AT_SYMLINK_NOFOLLOW) == 0 &&
+            errno == ESRCH && ::fstatat(folder, name.c_str(), &status, AT_SYMLINK_NOFOLLOW) == 0 &&
             S_ISREG(status.st_mode) && status.st_uid == ::geteuid())
-            (void)::unlinkat(folder, entry->d_name, 0);
+            (void)::unlinkat(folder, name.c_str(), 0);
     }
 }
 

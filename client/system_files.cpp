@@ -14,7 +14,6 @@
 #include <dirent.h>
 #include <fcntl.h>
 #include <fnmatch.h>
-#include <memory>
 #include <optional>
 #include <strings.h>
 
@@ -73,31 +72,15 @@ class Walker {
     // Read whole first: one open folder at a time, however deep the tree.
     std::vector<std::string> names_in(const std::string& path, int flags, bool taken,
                                       struct stat& status) {
-        std::vector<std::string> names;
         FileDescriptor fd(::open(path.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC | flags));
-        if (!fd || ::fstat(fd.get(), &status) != 0) {
-            if (errno != ENOENT)
-                unreadable_folder(path, taken,
-                                  "the folder cannot be read, nothing below it was saved: " +
-                                      system_error_text(errno));
-            return names;
-        }
-        std::unique_ptr<DIR, int (*)(DIR*)> listing(::fdopendir(::dup(fd.get())), ::closedir);
-        while (listing) {
-            errno = 0;
-            const dirent* entry = ::readdir(listing.get());
-            if (entry == nullptr)
-                break;
-            std::string_view name = entry->d_name;
-            if (name != "." && name != "..")
-                names.emplace_back(name);
-        }
-        if (errno != 0)
+        std::optional<std::vector<std::string>> names;
+        if (fd && ::fstat(fd.get(), &status) == 0)
+            names = names_in_folder(fd.get());
+        if (!names && errno != ENOENT)
             unreadable_folder(path, taken,
-                              "the folder could not be read to its end: " +
+                              "the folder cannot be read, nothing below it was saved: " +
                                   system_error_text(errno));
-        std::sort(names.begin(), names.end());
-        return names;
+        return names.value_or(std::vector<std::string>());
     }
 
     void folder(const std::string& path, int flags, bool taken) {

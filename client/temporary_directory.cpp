@@ -11,7 +11,6 @@
 #include <cstdlib>
 #include <dirent.h>
 #include <fcntl.h>
-#include <memory>
 #include <string_view>
 #include <sys/file.h>
 #include <sys/stat.h>
@@ -80,17 +79,13 @@ void require_usable_tmp_dir(const std::string& base, const std::string& data_dir
 // and no process has its number (which covers the moment before a run has taken its lock).
 void remove_what_killed_runs_left(const std::string& base) {
     FileDescriptor folder(::open(base.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
-    std::unique_ptr<DIR, int (*)(DIR*)> listing(::opendir(base.c_str()), ::closedir);
-    if (!folder || !listing)
+    if (!folder)
         return;
-    std::vector<std::string> dead;
-    while (const dirent* entry = ::readdir(listing.get())) {
-        pid_t owner = owner_of(entry->d_name);
+    for (const std::string& name :
+         names_in_folder(folder.get()).value_or(std::vector<std::string>())) {
+        pid_t owner = owner_of(name);
         if (owner == 0 || ::kill(owner, 0) == 0 || errno != ESRCH)
             continue;
-        dead.emplace_back(entry->d_name);
-    }
-    for (const std::string& name : dead) {
         FileDescriptor leftover(
             ::openat(folder.get(), name.c_str(), O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC));
         struct stat status {};
@@ -103,10 +98,9 @@ void remove_what_killed_runs_left(const std::string& base) {
 std::vector<std::string> kept_folders(const std::string& base) {
     std::vector<std::string> folders;
     std::string real_base = real_path(base).value_or("");
-    std::unique_ptr<DIR, int (*)(DIR*)> listing(::opendir(real_base.c_str()), ::closedir);
-    while (const dirent* entry = listing ? ::readdir(listing.get()) : nullptr)
-        if (std::string_view(entry->d_name).starts_with(kept_prefix))
-            folders.push_back((real_base == "/" ? "" : real_base) + "/" + entry->d_name);
+    for (const std::string& name : names_in_folder(real_base).value_or(std::vector<std::string>()))
+        if (name.starts_with(kept_prefix))
+            folders.push_back((real_base == "/" ? "" : real_base) + "/" + name);
     return folders;
 }
 

@@ -237,32 +237,17 @@ void DirectoryStore::use_server(const std::string& server) {
 
 // A folder that cannot be read is not one without files.
 std::vector<std::string> DirectoryStore::list_folder(int folder, const std::string& name) const {
-    std::vector<std::string> names;
-    auto fail_to_list = [&] {
-        int error = errno;
-        std::string path = path_in(folder, name);
-        throw_if_no_permission("list the folder", path, error);
-        fail("list the folder " + name_of(path), error);
-    };
-    int fd = ::openat(folder, name.c_str(), O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC);
-    if (fd < 0)
-        fail_to_list();
-    std::unique_ptr<DIR, int (*)(DIR*)> listing(::fdopendir(fd), ::closedir);
-    if (!listing) {
-        int error = errno;
-        ::close(fd);
-        errno = error;
-        fail_to_list();
-    }
-    for (errno = 0; const dirent* entry = ::readdir(listing.get()); errno = 0) {
-        std::string_view entry_name = entry->d_name;
-        if (entry_name != "." && entry_name != "..")
-            names.emplace_back(entry_name);
-    }
-    if (errno != 0)
-        fail_to_list();
-    std::sort(names.begin(), names.end());
-    return names;
+    FileDescriptor listed(
+        ::openat(folder, name.c_str(), O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC));
+    std::optional<std::vector<std::string>> names;
+    if (listed)
+        names = names_in_folder(listed.get());
+    if (names)
+        return std::move(*names);
+    int error = errno;
+    std::string path = path_in(folder, name);
+    throw_if_no_permission("list the folder", path, error);
+    fail("list the folder " + name_of(path), error);
 }
 
 // Only ENOENT says that something is not there.

@@ -9,7 +9,6 @@
 #include <csignal>
 #include <dirent.h>
 #include <fcntl.h>
-#include <memory>
 #include <sys/file.h>
 #include <sys/stat.h>
 #include <vector>
@@ -30,16 +29,10 @@ constexpr std::string_view unfinished_proof_suffix = ".proof.tmp";
 }
 
 std::vector<std::string> names_in(const std::string& directory) {
-    std::vector<std::string> names;
-    std::unique_ptr<DIR, int (*)(DIR*)> listing(::opendir(directory.c_str()), ::closedir);
-    if (!listing)
+    std::optional<std::vector<std::string>> names = names_in_folder(directory);
+    if (!names)
         fail_state(directory, system_error_text(errno));
-    for (errno = 0; const dirent* entry = ::readdir(listing.get()); errno = 0)
-        if (std::string_view name = entry->d_name; name != "." && name != "..")
-            names.emplace_back(name);
-    if (errno != 0)
-        fail_state(directory, system_error_text(errno));
-    return names;
+    return std::move(*names);
 }
 
 // An earlier run made both; what else is there since then, as below a folder for temporary files,
