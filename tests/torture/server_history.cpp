@@ -283,6 +283,7 @@ void History::simulate(const std::vector<std::string>& words) const {
 
 void History::forget_sets() {
     fs::remove_all(store());
+    fs::remove(path_of("qrtln_archive.json")); // it would keep another store out
     for (auto& [name, database] : m_databases)
         database.saved.clear();
 }
