@@ -8,7 +8,9 @@
 #include "client/text.h"
 
 #include <CLI/CLI.hpp>
+#include <algorithm>
 #include <cstdlib>
+#include <functional>
 #include <new>
 #include <string_view>
 #include <sys/stat.h>
@@ -451,6 +453,86 @@ bool print_help(const CLI::App& app, const std::vector<std::string>& arguments) 
     return true;
 }
 
+// The commands with their options, and which of them was typed.
+class Commands {
+  public:
+    explicit Commands(CLI::App& app);
+    // REQUIRES: the command line was parsed.
+    int run() const { return typed().run(); }
+    // Whether it was asked for JSON, as far as the command has that.
+    bool json() const { return typed().json != nullptr && *typed().json; }
+
+  private:
+    struct Command {
+        const CLI::App* app;
+        std::function<int()> run;
+        const bool* json;
+    };
+    const Command& typed() const {
+        return *std::find_if(m_commands.begin(), m_commands.end(),
+                             [](const Command& command) { return command.app->parsed(); });
+    }
+    void add_store_commands(CLI::App& app);
+    template <typename Options>
+    void add(CLI::App* command, int (*function)(const Options&), const Options& options) {
+        m_commands.push_back(
+            {command, [function, &options] { return function(options); }, &options.json});
+    }
+
+    std::vector<Command> m_commands;
+    qrtln::BackupOptions m_backup;
+    qrtln::RestoreOptions m_restore;
+    qrtln::DocumentsOptions m_deleted;
+    qrtln::DocumentsOptions m_changed;
+    qrtln::RecoverOptions m_recover;
+    qrtln::ProveOptions m_prove;
+    qrtln::StoreOptions m_list;
+    qrtln::StoreOptions m_show;
+    qrtln::StoreOptions m_verify;
+    qrtln::ForgetOptions m_forget;
+    qrtln::ExtractOptions m_extract;
+    qrtln::DumpOptions m_dump;
+};
+
+Commands::Commands(CLI::App& app) {
+    add(add_backup(app, m_backup), qrtln::run_backup, m_backup);
+    add(add_restore(app, m_restore), qrtln::run_restore, m_restore);
+    CLI::App* documents = add_documents(app, m_deleted, m_changed);
+    add(documents->get_subcommand("deleted"), qrtln::run_documents, m_deleted);
+    add(documents->get_subcommand("changed"), qrtln::run_documents, m_changed);
+    add(add_recover(app, m_recover), qrtln::run_recover, m_recover);
+    add(add_prove(app, m_prove), qrtln::run_prove, m_prove);
+    add_store_commands(app);
+    add(add_extract(app, m_extract), qrtln::run_extract, m_extract);
+    m_commands.push_back({add_dump(app, m_dump), [this] { return run_dump(m_dump); }, nullptr});
+}
+
+void Commands::add_store_commands(CLI::App& app) {
+    CLI::App* list = app.add_subcommand("list", "List the sets of the store.");
+    add_store_options(*list, m_list.store, m_list.json);
+    add(list, qrtln::run_list, m_list);
+
+    CLI::App* show = app.add_subcommand("show", "Show the items of one set.");
+    add_store_options(*show, m_show.store, m_show.json);
+    show->add_option("SET", m_show.set, "The set's name, the beginning of it, or \"latest\"")
+        ->required();
+    add(show, qrtln::run_show, m_show);
+
+    CLI::App* verify = app.add_subcommand(
+        "verify", "Read everything that the sets refer to and compare it with its checksums.");
+    add_store_options(*verify, m_verify.store, m_verify.json);
+    verify->add_option("SET", m_verify.set, "Only this set");
+    add(verify, qrtln::run_verify, m_verify);
+
+    CLI::App* forget = app.add_subcommand(
+        "forget", "Forget sets: remove them, or say of missing ones that they are gone for good.\n"
+                  "Their contents stay in the store.");
+    add_store_options(*forget, m_forget.store, m_forget.json);
+    forget->add_option("SET", m_forget.sets, "The sets' names, or the beginnings of them")
+        ->required();
+    add(forget, qrtln::run_forget, m_forget);
+}
+
 } // namespace
 
 int main(int argc, char** argv) {
@@ -463,50 +545,7 @@ int main(int argc, char** argv) {
     app.set_version_flag("--version", std::string("qrtln ") + qrtln::client_version());
     app.require_subcommand(1);
     app.footer(exit_codes);
-
-    qrtln::BackupOptions backup;
-    CLI::App* backup_command = add_backup(app, backup);
-    qrtln::RestoreOptions restore;
-    CLI::App* restore_command = add_restore(app, restore);
-
-    qrtln::DocumentsOptions deleted;
-    qrtln::DocumentsOptions changed;
-    CLI::App* documents_command = add_documents(app, deleted, changed);
-
-    qrtln::RecoverOptions recover;
-    CLI::App* recover_command = add_recover(app, recover);
-
-    qrtln::ProveOptions prove;
-    CLI::App* prove_command = add_prove(app, prove);
-
-    qrtln::StoreOptions list;
-    CLI::App* list_command = app.add_subcommand("list", "List the sets of the store.");
-    add_store_options(*list_command, list.store, list.json);
-
-    qrtln::StoreOptions show;
-    CLI::App* show_command = app.add_subcommand("show", "Show the items of one set.");
-    add_store_options(*show_command, show.store, show.json);
-    show_command->add_option("SET", show.set, "The set's name, the beginning of it, or \"latest\"")
-        ->required();
-
-    qrtln::StoreOptions verify;
-    CLI::App* verify_command = app.add_subcommand(
-        "verify", "Read everything that the sets refer to and compare it with its checksums.");
-    add_store_options(*verify_command, verify.store, verify.json);
-    verify_command->add_option("SET", verify.set, "Only this set");
-
-    qrtln::ForgetOptions forget;
-    CLI::App* forget_command = app.add_subcommand(
-        "forget", "Forget sets: remove them, or say of missing ones that they are gone for good.\n"
-                  "Their contents stay in the store.");
-    add_store_options(*forget_command, forget.store, forget.json);
-    forget_command->add_option("SET", forget.sets, "The sets' names, or the beginnings of them")
-        ->required();
-    qrtln::ExtractOptions extract;
-    CLI::App* extract_command = add_extract(app, extract);
-
-    qrtln::DumpOptions dump;
-    CLI::App* dump_command = add_dump(app, dump);
+    const Commands commands(app);
 
     std::vector<std::string> texts = without_lists(argc, argv);
     if (print_help(app, texts))
@@ -523,41 +562,18 @@ int main(int argc, char** argv) {
                 qrtln::print_error(meant, "");
         return app.exit(error) == 0 ? 0 : static_cast<int>(qrtln::ExitCode::usage);
     }
-
-    bool json = backup.json || restore.json || deleted.json || changed.json || recover.json ||
-                prove.json || list.json || show.json || verify.json || forget.json || extract.json;
     try {
-        if (backup_command->parsed())
-            return qrtln::run_backup(backup);
-        if (restore_command->parsed())
-            return qrtln::run_restore(restore);
-        if (documents_command->parsed())
-            return qrtln::run_documents(documents_command->got_subcommand("changed") ? changed
-                                                                                     : deleted);
-        if (recover_command->parsed())
-            return qrtln::run_recover(recover);
-        if (prove_command->parsed())
-            return qrtln::run_prove(prove);
-        if (list_command->parsed())
-            return qrtln::run_list(list);
-        if (show_command->parsed())
-            return qrtln::run_show(show);
-        if (forget_command->parsed())
-            return qrtln::run_forget(forget);
-        if (extract_command->parsed())
-            return qrtln::run_extract(extract);
-        if (dump_command->parsed())
-            return qrtln::run_dump(dump);
-        return qrtln::run_verify(verify);
+        return commands.run();
     } catch (const qrtln::ClientError& failure) {
         std::string vanished = qrtln::vanished_store_hint();
-        report_failure(json, failure.exit_code(), failure.what(),
+        report_failure(commands.json(), failure.exit_code(), failure.what(),
                        vanished.empty() ? failure.hint() : vanished);
         return failure.exit_code();
     } catch (const std::bad_alloc&) {
-        report_failure(json, 1, "out of memory", "");
+        report_failure(commands.json(), 1, "out of memory", "");
     } catch (const std::exception& failure) {
-        report_failure(json, 1, std::string("unexpected failure: ") + failure.what(), "");
+        report_failure(commands.json(), 1, std::string("unexpected failure: ") + failure.what(),
+                       "");
     }
     return 1;
 }
