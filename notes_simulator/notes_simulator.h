@@ -59,6 +59,19 @@
  *
  * 8. Threads: calls are serialised by one lock.
  *
+ * 9. Moods. The variable SimStrict of notes.ini ("session,flags", or "all"; `domino-sim init
+ *    --strict`) makes a server do what a real one may do and this one does not by default:
+ *
+ *      session   logs are listed only within an archiving session
+ *      ended     a call after NotesTerm ends the process with a line that names it
+ *      flags     failing statuses carry the flags 0x4000 and 0x8000
+ *      locale    where the locale is not UTF-8 only ASCII is translated
+ *      zone      texts of times are read and written in another time zone
+ *      before    change information is what was there at NSFBackupStart
+ *      foreign   a backup that another process runs is kept from others
+ *      logs      log numbers, names and identities of the more awkward kinds
+ *      slow      calls take seconds, or never return
+ *
  * domino-sim plays the server and its users (see domino-sim --help): init, create, put, delete,
  * show, unread, workload, check, backups, logs, hold, offline, online, compact, saved, damage,
  * lose.

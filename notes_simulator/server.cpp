@@ -169,6 +169,11 @@ Server openServerByIni(const fs::path& iniFile) {
         throw StatusError(kInvalidDirectory,
                           server.root.string() + " is no server folder, it has no state folder");
     }
+    const std::optional<Moods> moods = parseMoods(server.ini.get("SimStrict").value_or(""));
+    if (!moods) {
+        throw StatusError(kInvalidArgument, "SimStrict of " + iniFile.string());
+    }
+    server.moods = *moods;
     const fs::path logs = server.ini.get("TRANSLOG_Path").value_or("");
     server.logs = logs.empty() ? server.root / "logs" : server.resolve(logs);
     server.extentSize =

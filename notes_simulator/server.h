@@ -1,6 +1,8 @@
 // A server as a folder: its notes.ini, its directories, and the lock that its processes share.
 #pragma once
 
+#include "notes_simulator/mood.h"
+
 #include <cstdint>
 #include <filesystem>
 #include <map>
@@ -38,6 +40,7 @@ struct Server {
     LogStyle style = LogStyle::kNone;
     std::uint64_t extentSize = 0;  ///< bytes in a log extent
     std::uint32_t ringExtents = 0; ///< extents of a circular log
+    Moods moods;                   ///< where it is stricter than the simulator is by default
 
     /// The name of the user that the server's own programs run as, in native text.
     std::string userName() const;

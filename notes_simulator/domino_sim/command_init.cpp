@@ -26,6 +26,7 @@ struct InitOptions {
     std::uint64_t extentSize = kMebibyte;
     int databases = 8;
     std::uint64_t seed = 1;
+    std::string strict;
 };
 
 struct CreateOptions {
@@ -69,7 +70,8 @@ std::string notesIni(const InitOptions& options, const fs::path& root) {
            std::to_string(ringMebibytes) +
            "\n"
            "TRANSLOG_SimExtentSize=" +
-           std::to_string(options.extentSize) + "\n";
+           std::to_string(options.extentSize) + "\n" +
+           (options.strict.empty() ? "" : "SimStrict=" + options.strict + "\n");
 }
 
 /// The databases of a new server: the ones that every server has, then mail files.
@@ -132,6 +134,14 @@ void addInitCommands(CLI::App& app) {
         ->check(CLI::Range(kSmallestServer, 100000))
         ->capture_default_str();
     command->add_option("--seed", init->seed, "Seed of the made-up notes")->capture_default_str();
+    command
+        ->add_option("--strict", init->strict,
+                     "Moods in which it does what a real server may do, or all: " +
+                         CLI::detail::join(moodNames(), ","))
+        ->type_name("MOOD,...")
+        ->check([](const std::string& text) {
+            return parseMoods(text) ? std::string() : "one of its names is no mood";
+        });
     command->callback([init] { runInit(*init); });
 
     auto create = std::make_shared<CreateOptions>();
