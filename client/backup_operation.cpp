@@ -5,6 +5,7 @@
 #include "client/error.h"
 #include "client/interrupt.h"
 #include "client/log_chain.h"
+#include "client/log_session.h"
 #include "client/module_log.h"
 #include "client/original.h"
 #include "client/output.h"
@@ -12,6 +13,7 @@
 #include "client/since_time.h"
 #include "client/temporary_directory.h"
 #include "client/text.h"
+#include "client/unmarked_logs.h"
 
 #include <algorithm>
 #include <array>
@@ -34,8 +36,12 @@ namespace {
 constexpr std::size_t read_block = std::size_t{1} << 20;
 // Room for the names that the module gives its run-time data.
 constexpr std::size_t runtime_name_room = 64;
+constexpr const char* busy_reason = "another backup or a compaction of it is running";
 // What the module writes to its protocol for each error.
 constexpr std::string_view error_line = "DB_ErrHandler: ";
+// What it writes when the server does not list its logs.
+constexpr std::string_view logs_not_listed_line =
+    "Getting transaction log ready to be archived fail";
 
 DB_OPERATION_LEVEL module_level(const std::string& level) {
     if (level == "copy")
@@ -78,6 +84,10 @@ class BackupOperation {
     [[noreturn]] void report_failed_start();
     void describe_set();
     void store_items();
+    bool next_item(std::string& path);
+    void note_listing_failure();
+    std::string server_reason(ModuleSession& session) const;
+    std::string take_logs_in_session();
     void note_unchecked(const std::string& handed_out);
     void note_unput_question();
     std::string whole_path(const std::string& shown) const;
@@ -86,6 +96,7 @@ class BackupOperation {
     void forget_item(const std::string& path);
     void drop_content(ManifestItem& item);
     void prepare_and_read(ManifestItem& item);
+    Preparation prepare(const ManifestItem& item);
     void report_unprepared(ManifestItem& item, const std::string& first_problem);
     bool copy_fits(const std::string& path) const;
     bool read_content(ManifestItem& item, const std::string& file);
@@ -107,14 +118,19 @@ class BackupOperation {
     void commit();
     void strike_owed();
     void note_index();
-    std::string check_closed_index();
+    std::string check_closed_index(bool closed);
+    bool close_session(ModuleSession& session, bool good, std::string& error);
     void close_operation();
     void give_up() noexcept;
     void on_log(const std::string& line);
+    void on_log_phase(const std::string& line);
+    void on_server_status(const std::string& line);
     void on_index_event(IndexEvent event, const std::string& line);
     void on_trace(const std::string& line);
     // Whether the module chooses the items that changed, and passes over the others.
     bool selects_changes() const { return !m_request.base.empty(); }
+    // The operation that hands items out now.
+    ModuleSession& items() { return m_log_session ? m_log_session->session() : *m_session; }
     bool is_whole_full() const { return m_request.level == "full" && m_request.arguments.empty(); }
 
     const BackupContext& m_context;
@@ -128,6 +144,7 @@ class BackupOperation {
     // The session goes first: its child has the temporary folder in use.
     std::optional<TemporaryDirectory> m_temporary;
     std::optional<ModuleSession> m_session;
+    std::optional<LogSession> m_log_session; // where the first does not get the logs
     std::optional<Progress> m_progress;
     Manifest m_manifest;
     std::set<std::string> m_seen;
@@ -136,11 +153,15 @@ class BackupOperation {
     std::vector<LeftOut> m_left_out;              // told at any time
     std::vector<std::string> m_warnings_for_next; // about the item that was just handed out
     // what the module's protocol told
-    std::string m_last_error_line; // since the last item
-    std::string m_logging_style;   // where the server has no logs to archive
-    std::string m_incomplete_copy; // since the last preparation
-    bool m_file_short = false;     // likewise
-    std::string m_dbiid;           // likewise
+    std::string m_last_error_line;               // since the last item
+    std::string m_logging_style;                 // where the server has no logs to archive
+    std::optional<ServerStatus> m_server_status; // likewise; the last failure of the server's
+    UnmarkedLogs m_unmarked;
+    bool m_logs_not_listed = false; // the server did not list its logs
+    bool m_listing_failed = false;  // the module ended before it had handed out everything
+    std::string m_incomplete_copy;  // since the last preparation
+    bool m_file_short = false;      // likewise
+    std::string m_dbiid;            // likewise
     std::string m_index_begun_anew;
     std::string m_index_entry_lost;
     int m_index_entries = 0;
@@ -176,6 +197,7 @@ Manifest BackupOperation::run() {
         throw;
     }
     m_progress.reset();
+    m_log_session.reset();
     m_session.reset();
     if (int error = m_temporary->remove(); error != 0)
         print_message("warning: the temporary folder could not be removed: " +
@@ -197,9 +219,16 @@ void BackupOperation::check_room() {
                           "make room there, or name a folder with more room with --tmp-dir");
 }
 
-void BackupOperation::on_log(const std::string& line) {
+void BackupOperation::on_log_phase(const std::string& line) {
     if (std::optional<AnnouncedLog> log = parse_log_announcement(line))
         m_logs[log->path] = log->identity;
+    m_unmarked.read(line);
+    if (line == logs_not_listed_line)
+        m_logs_not_listed = true;
+}
+
+void BackupOperation::on_log(const std::string& line) {
+    on_log_phase(line);
     if (line.starts_with(error_line))
         m_last_error_line = line.substr(error_line.size());
     if (std::optional<UncheckedItem> item = parse_unchecked_item(line)) {
@@ -247,7 +276,13 @@ void BackupOperation::on_index_event(IndexEvent event, const std::string& line) 
     }
 }
 
+void BackupOperation::on_server_status(const std::string& line) {
+    if (std::optional<ServerStatus> status = parse_server_status(line))
+        m_server_status = std::move(status);
+}
+
 void BackupOperation::on_trace(const std::string& line) {
+    on_server_status(line);
     if (std::string dbiid = parse_prepared_dbiid(line); !dbiid.empty())
         m_dbiid = dbiid;
     ModifiedTest test = parse_modified_test(line);
@@ -357,23 +392,78 @@ void BackupOperation::describe_set() {
 void BackupOperation::store_items() {
     m_buffer.resize(read_block);
     m_progress.emplace(m_request.scan.databases.size());
-    for (;;) {
-        throw_if_interrupted();
-        m_session->forget_reasons(); // what the start reported is no error of an item
-        ModuleItem next = m_session->host().get_item();
-        note_unchecked(next.status == DB_NUM_I_OK ? next.name : std::string());
-        if (next.status == DB_NUM_I_COMPLETE)
-            return;
-        if (next.status != DB_NUM_I_OK) {
-            throw_if_interrupted();
-            throw ClientError(ExitCode::server_error,
-                              "the module cannot list the next item: " +
-                                  for_terminal(m_session->reason()),
-                              "--verbose shows what the module did");
-        }
+    for (std::string path; next_item(path);)
+        store_item(path);
+}
+
+// Whether the module handed out another item.
+bool BackupOperation::next_item(std::string& path) {
+    throw_if_interrupted();
+    m_session->forget_reasons(); // what the start reported is no error of an item
+    m_server_status.reset();
+    ModuleItem next = m_session->host().get_item();
+    note_unchecked(next.status == DB_NUM_I_OK ? next.name : std::string());
+    path = next.name;
+    if (next.status == DB_NUM_I_OK) {
         m_session->item_begun();
-        store_item(next.name);
+        return true;
     }
+    if (next.status != DB_NUM_I_COMPLETE)
+        note_listing_failure();
+    return false;
+}
+
+// What was handed out before is worth keeping: the server counts its databases as backed up.
+void BackupOperation::note_listing_failure() {
+    throw_if_interrupted();
+    std::string reason = server_reason(*m_session);
+    if (totals(m_manifest).stored_items == 0)
+        throw ClientError(ExitCode::server_error,
+                          "the module cannot list the next item: " + for_terminal(reason),
+                          "--verbose shows what the module did");
+    m_listing_failed = !m_logs_not_listed;
+    if (m_logs_not_listed && m_request.log_session && is_whole_full())
+        reason = take_logs_in_session();
+    if (m_listing_failed)
+        add_failed(m_ini.data_directory, ItemKind::directory,
+                   "the module cannot list what comes next: " + reason);
+    else if (!reason.empty())
+        add_failed(log_phase_item, ItemKind::log, reason);
+}
+
+std::string BackupOperation::server_reason(ModuleSession& session) const {
+    return session.reason() +
+           (m_server_status ? " (status " + std::to_string(m_server_status->number) + ")" : "");
+}
+
+// Returns why the logs are not all there; empty: they are.
+std::string BackupOperation::take_logs_in_session() {
+    print_message(
+        "the server lists its transaction logs only in an archiving session: one is begun");
+    std::string reason;
+    try {
+        m_log_session.emplace(
+            m_context, m_temporary->path(), [this](const std::string& line) { on_log_phase(line); },
+            [this](const std::string& line) { on_server_status(line); });
+        auto wanted = [this](const std::string& path) {
+            m_server_status.reset();
+            return m_logs.contains(path) || item_kind_of(path) == ItemKind::log_control;
+        };
+        m_server_status.reset();
+        if (!m_log_session->take(wanted, [this](const std::string& path) { store_item(path); }))
+            reason = server_reason(m_log_session->session());
+    } catch (const ClientError& failure) {
+        // The databases are stored, whatever becomes of the second process.
+        throw_if_interrupted();
+        if (failure.exit_code() != static_cast<int>(ExitCode::server_error))
+            throw;
+        reason = failure.what();
+    }
+    if (!reason.empty() && m_log_session) {
+        m_log_session->session().abandon();
+        m_log_session.reset();
+    }
+    return reason;
 }
 
 // Where the module chooses, an item that it could not decide about never comes: it has failed. At
@@ -434,7 +524,7 @@ void BackupOperation::note_yield(const ManifestItem& item) {
 }
 
 void BackupOperation::store_item(const std::string& path) {
-    auto finish = [this](DB_ITEM_RESULT result) { return m_session->finish(result); };
+    auto finish = [this](DB_ITEM_RESULT result) { return items().finish(result); };
     // Folders come again for every kind of file in them. A log comes again when it filled up after
     // it was handed out as the active one: the server will remove it, and only the second copy is
     // whole.
@@ -473,7 +563,7 @@ void BackupOperation::store_item(const std::string& path) {
     }
     if (finish(stored ? DB_ITEM_SUCCESS : DB_ITEM_FAIL) != DB_NUM_I_OK && stored)
         item.warnings.push_back("stored, but the module could not clean up after it: " +
-                                m_session->reason());
+                                items().reason());
     // Some copies the module leaves behind: the next database needs their room.
     if (m_prepared != path && is_below(m_prepared, m_temporary->path()))
         ::unlink(m_prepared.c_str());
@@ -522,7 +612,7 @@ void BackupOperation::prepare_and_read(ManifestItem& item) {
     m_incomplete_copy.clear();
     m_file_short = false;
     m_dbiid.clear();
-    auto [prepared, usable, first] = m_session->prepare(item.path);
+    auto [prepared, usable, first] = prepare(item);
     item.prepare_status = prepared.status;
     if (interrupt_signal() != 0) {
         item.reason = "interrupted";
@@ -554,8 +644,33 @@ void BackupOperation::prepare_and_read(ManifestItem& item) {
         item.copied = std::time(nullptr) + 1;
 }
 
+// The second attempt at once ends what a killed run left on the server. What others do there is
+// waited for.
+Preparation BackupOperation::prepare(const ManifestItem& item) {
+    m_server_status.reset();
+    Preparation prepared = items().prepare(item.path);
+    bool told = false;
+    while (!prepared.usable && m_server_status && is_busy(*m_server_status)) {
+        if (!std::exchange(told, true) && m_context.busy.left().count() > 0)
+            print_message("waiting up to " + std::to_string(m_context.busy.left().count()) +
+                          " s for " + for_terminal(item.path) + ": " + busy_reason);
+        if (!m_context.busy.pause())
+            break;
+        items().forget_reasons();
+        m_server_status.reset();
+        prepared = items().prepare(item.path);
+    }
+    return prepared;
+}
+
 void BackupOperation::report_unprepared(ManifestItem& item, const std::string& first_problem) {
-    std::string last_problem = m_session->reason();
+    std::string last_problem = items().reason();
+    if (m_server_status && is_busy(*m_server_status)) {
+        item.reason = busy_reason + (": " + last_problem) + " (status " +
+                      std::to_string(m_server_status->number) + "; --busy-wait is " +
+                      std::to_string(m_context.busy.limit().count()) + " s)";
+        return;
+    }
     item.reason = "the server could not prepare it: " + last_problem;
     if (!first_problem.empty() && first_problem != last_problem)
         item.reason += " (the first attempt: " + first_problem + ")";
@@ -600,7 +715,7 @@ bool BackupOperation::read_content(ManifestItem& item, FileDescriptor content) {
     std::unique_ptr<ObjectWriter> object = m_context.store.create_object();
     std::uint64_t read = 0;
     while (read < expected) {
-        m_session->host().forward_interrupt();
+        items().host().forward_interrupt();
         if (interrupt_signal() != 0) {
             item.reason = "interrupted";
             return false;
@@ -726,10 +841,12 @@ void BackupOperation::add_unreached() {
     struct stat status {};
     for (const std::string& path : m_request.scan.databases)
         if (!m_seen.contains(path) && (::stat(path.c_str(), &status) == 0 || errno != ENOENT))
-            add(path, "the module did not hand it out: --trace shows what it did",
+            add(path,
+                m_listing_failed ? "it was not reached"
+                                 : "the module did not hand it out: --trace shows what it did",
                 ItemKind::database);
     for (std::size_t i = 0; i < m_request.arguments.size(); ++i)
-        if (!m_yielded[i]) {
+        if (!m_yielded[i] && !m_listing_failed) {
             // The folder itself may have been handed out, just nothing in it.
             m_seen.erase(m_request.arguments[i].path);
             add(m_request.arguments[i].path,
@@ -989,6 +1106,20 @@ void BackupOperation::strike_owed() {
                       system_error_text(error));
 }
 
+// Whether the module closed an operation as it was told to; if not, `error` says why.
+bool BackupOperation::close_session(ModuleSession& session, bool good, std::string& error) {
+    std::string problem;
+    try {
+        if (session.close(good) != DB_NUM_I_OK)
+            problem = session.reason();
+    } catch (const ClientError& failure) {
+        problem = failure.what();
+    }
+    if (error.empty())
+        error = problem;
+    return problem.empty();
+}
+
 void BackupOperation::close_operation() {
     std::string& error = m_manifest.close_error;
     try {
@@ -996,16 +1127,18 @@ void BackupOperation::close_operation() {
     } catch (const ClientError& failure) {
         error = failure.what();
     }
-    try {
-        if (m_session->close(m_manifest.complete && error.empty()) != DB_NUM_I_OK && error.empty())
-            error = m_session->reason();
-    } catch (const ClientError& failure) {
-        if (error.empty())
-            error = failure.what();
-    }
+    bool good = m_manifest.complete && error.empty();
+    if (m_log_session) // first: the other close would end its archiving session
+        (void)close_session(m_log_session->session(), good, error);
+    bool closed = close_session(*m_session, good, error) && good;
+    if (error.empty())
+        error = m_unmarked.problem(); // which the module counts as success
     std::string hint = "the server keeps its logs, and the next backup stores them again";
-    if (std::string problem = check_closed_index(); error.empty() && !problem.empty()) {
-        error = problem;
+    if (!m_unmarked.problem().empty())
+        hint += "; its disk fills up until it marks them: look at its console";
+    if (std::string problem = check_closed_index(closed);
+        !problem.empty() && (error.empty() || closed)) {
+        error += (error.empty() ? "" : "; ") + problem;
         hint = "make room and look at the rights in " +
                for_terminal(m_context.store.runtime_directory()) +
                ", then take a full backup: `qrtln backup --level full` without DATABASE";
@@ -1025,11 +1158,10 @@ void BackupOperation::close_operation() {
 }
 
 // What is wrong with the index after the close, if something is.
-std::string BackupOperation::check_closed_index() {
+std::string BackupOperation::check_closed_index(bool closed) {
     std::string problem;
     try {
-        problem = m_context.index.check_closed(m_manifest.set, m_ini.data_directory,
-                                               m_manifest.close_error.empty());
+        problem = m_context.index.check_closed(m_manifest.set, m_ini.data_directory, closed);
     } catch (const ClientError& failure) {
         return failure.what();
     }
@@ -1045,6 +1177,9 @@ std::string BackupOperation::check_closed_index() {
 // gets reported: those of the clean-up are not.
 void BackupOperation::give_up() noexcept {
     m_progress.reset();
+    if (m_log_session)
+        m_log_session->session().abandon();
+    m_log_session.reset();
     if (m_session)
         m_session->abandon();
     m_session.reset();

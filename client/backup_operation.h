@@ -7,6 +7,7 @@
 // manifest.
 #pragma once
 
+#include "client/busy_wait.h"
 #include "client/database_arguments.h"
 #include "client/index_guard.h"
 #include "client/module_session.h"
@@ -24,7 +25,11 @@ namespace qrtln {
 struct BackupContext : OperationContext {
     OwedDatabases& owed; // these outlive it
     IndexGuard& index;
+    BusyWait& busy;
 };
+
+// The item that stands for the logs of the server, where it does not list them.
+inline constexpr const char* log_phase_item = "transaction logs";
 
 struct BackupRequest {
     std::string level;                       // "copy", "full", "diff" or "incr"
@@ -36,6 +41,9 @@ struct BackupRequest {
     std::vector<std::pair<std::string, std::string>> missing_folders; // with the reason; they fail
     // Called when a complete set with transaction logs is safe, before the server hears of it.
     std::function<void()> before_logs_are_archived;
+    // Full of the whole system: logs that the server does not list for it are taken in an operation
+    // at incremental level, which begins an archiving session.
+    bool log_session = false;
     // Of the whole system: whether the files are saved that the module does not know, and which
     // not.
     bool other_files = false;
@@ -43,10 +51,11 @@ struct BackupRequest {
 };
 
 // Runs the operation and returns the manifest of the set that was stored; a database of it is no
-// longer owed. Throws ClientError when there is none: the module has then heard STATUS=1, the store
-// holds nothing new, and what was prepared stays owed. Throws ClientError(server_error), too, when
-// the set was stored but the server did not close the backup. The temporary folder is gone in every
-// case.
+// longer owed. When the module hands out some items and fails at the next one, the set holds those,
+// is incomplete and names the reason. Throws ClientError when there is none: the module has then
+// heard STATUS=1, the store holds nothing new, and what was prepared stays owed. Throws
+// ClientError(server_error), too, when the set was stored but the server did not close the backup.
+// The temporary folder is gone in every case.
 Manifest run_backup_operation(const BackupContext& context, BackupRequest request);
 
 } // namespace qrtln

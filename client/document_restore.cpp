@@ -8,6 +8,7 @@
 #include "client/output.h"
 #include "client/restore_plan.h"
 #include "client/safe_paths.h"
+#include "client/server_lock.h"
 #include "client/temporary_directory.h"
 #include "client/text.h"
 
@@ -439,6 +440,7 @@ void DocumentRestore::take_live_copy(OwedDatabases& owed) {
     std::vector<DatabaseArgument> arguments =
         resolve_database_arguments({path}, m_context.ini.data_directory);
     std::string incomplete;
+    FileDescriptor lock = lock_server(m_context.ini); // outlives the session
     ++m_result.operations;
     ModuleSession session(m_context, [&](const std::string& line) {
         if (says_changes_incomplete(line))

@@ -153,6 +153,21 @@ void add_module_options(CLI::App& command, Options& options) {
         ->type_name("FILE");
 }
 
+// What a server does not give at once.
+void add_server_limits(CLI::App& command, qrtln::BackupOptions& backup) {
+    command.add_flag(
+        "--log-session", backup.log_session,
+        "With --level full, where the server lists its transaction logs only within an "
+        "archiving session: begin one for them, which keeps other archivers out");
+    command
+        .add_option("--busy-wait", backup.busy_wait,
+                    "Seconds to wait, in all, for databases that another program backs up or "
+                    "compacts")
+        ->type_name("SECONDS")
+        ->check(CLI::Range(0U, 86400U))
+        ->capture_default_str();
+}
+
 CLI::App* add_backup(CLI::App& app, qrtln::BackupOptions& backup) {
     CLI::App& command = *app.add_subcommand("backup", backup_help);
     add_server_options(command, backup);
@@ -169,6 +184,7 @@ CLI::App* add_backup(CLI::App& app, qrtln::BackupOptions& backup) {
                      "Take a full backup where diff or incr has none to build on");
     command.add_flag("--take-over", backup.take_over,
                      "This store archives the server's transaction logs from now on, no other");
+    add_server_limits(command, backup);
     command
         .add_option("--removed", backup.removed,
                     "This folder was removed on purpose: that its databases are gone is no "

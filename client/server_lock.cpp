@@ -1,14 +1,22 @@
 #include "client/server_lock.h"
 
 #include "client/error.h"
+#include "client/output.h"
 #include "client/store/canonical_json.h"
 #include "client/text.h"
 
+#include <algorithm>
 #include <cerrno>
+#include <cstdint>
+#include <cstdio>
 #include <ctime>
 #include <fcntl.h>
+#include <fstream>
+#include <iterator>
+#include <sstream>
 #include <sys/file.h>
 #include <sys/stat.h>
+#include <sys/sysmacros.h>
 
 namespace qrtln {
 
@@ -31,18 +39,59 @@ bool is_same_folder(const std::string& one, const std::string& other) {
            first.st_dev == second.st_dev && first.st_ino == second.st_ino;
 }
 
+// The command line of a process, for a person; empty where it cannot be read.
+std::string command_of(const std::string& process) {
+    std::ifstream file("/proc/" + process + "/cmdline", std::ios::binary);
+    std::string text{std::istreambuf_iterator<char>(file), {}};
+    while (!text.empty() && text.back() == '\0')
+        text.pop_back();
+    std::replace(text.begin(), text.end(), '\0', ' ');
+    return for_terminal(text);
+}
+
+// Who has a file locked, as the kernel tells (see proc_locks(5)): ": process 12 (COMMAND)"; empty
+// where it does not.
+std::string holder_of(int file) {
+    struct stat status {};
+    if (::fstat(file, &status) != 0)
+        return {};
+    char place[64];
+    std::snprintf(place, sizeof place, "%02x:%02x:%ju", major(status.st_dev), minor(status.st_dev),
+                  static_cast<std::uintmax_t>(status.st_ino));
+    std::ifstream locks("/proc/locks");
+    for (std::string line; std::getline(locks, line);) {
+        std::istringstream words(line);
+        std::string number, kind, mode, access, process, where;
+        words >> number >> kind >> mode >> access >> process >> where;
+        if (kind != "FLOCK" || where != place)
+            continue;
+        std::string command = command_of(process);
+        return ": process " + process +
+               (command.empty() ? ", or one that it left" : " (" + command + ")");
+    }
+    return {};
+}
+
 } // namespace
 
 const char* const log_archive_file = "qrtln_archive.json";
 
 FileDescriptor lock_server(const NotesIni& ini) {
-    FileDescriptor folder(::open(ini.data_directory.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
-    if (folder && ::flock(folder.get(), LOCK_EX | LOCK_NB) != 0 && errno == EWOULDBLOCK)
+    const std::string& directory = ini.data_directory;
+    // Without O_CLOEXEC: the module's process keeps it, also when the client is killed.
+    FileDescriptor folder(::open(directory.c_str(), O_RDONLY | O_DIRECTORY));
+    if (folder && ::flock(folder.get(), LOCK_EX | LOCK_NB) == 0)
+        return folder;
+    int error = errno;
+    if (folder && error == EWOULDBLOCK)
         throw ClientError(ExitCode::locked,
-                          "another backup of the server " + for_terminal(ini.data_directory) +
-                              " is archiving its transaction logs",
-                          "wait until it has ended; --level copy is possible at any time");
-    return folder;
+                          "another run backs up databases of the server " +
+                              for_terminal(directory) + holder_of(folder.get()),
+                          "wait until it has ended");
+    print_message("warning: the data directory " + for_terminal(directory) +
+                  " cannot be locked: " + system_error_text(error) +
+                  ": see that no two runs of qrtln back up this server at once");
+    return {};
 }
 
 std::string other_log_archive(const NotesIni& ini, const Store& store) {

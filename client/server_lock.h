@@ -1,5 +1,5 @@
-// What keeps two stores from archiving the transaction logs of one server: each would have only
-// some of them, and no chain to recover along.
+// What keeps two runs from disturbing each other's backups of one server, and two stores from
+// archiving its transaction logs: each would have only some of them, and no chain to recover along.
 #pragma once
 
 #include "client/file_io.h"
@@ -10,9 +10,11 @@
 
 namespace qrtln {
 
-// Locks the server's data directory against other backups that archive its logs, into whatever
-// store, for as long as the descriptor or a child's copy of it is open. Where the file system
-// cannot lock folders there is no lock. Throws ClientError(locked).
+// Locks the server's data directory, without a trace in it, against other runs that begin backups
+// of its databases, into whatever store: the module ends a backup that it finds open, taking it for
+// that of a killed run. Holds for as long as the descriptor or a child's copy of it is open. Where
+// the file system cannot lock folders that is said, and there is no lock. Throws
+// ClientError(locked), with the process that has it.
 FileDescriptor lock_server(const NotesIni& ini);
 
 // The store that archives the server's logs, as a note in its data directory tells: why a backup

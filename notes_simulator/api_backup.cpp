@@ -51,6 +51,13 @@ BackupContext stoppedContext(const OpenBackup& backup) {
     return *context;
 }
 
+/// As notes_sim::isKeptFromUs, for a caller without the server's lock.
+bool isKeptFromUs(const std::string& key, const BackupContext& context) {
+    const Server& server = runningServer();
+    const ServerLock lock(server);
+    return notes_sim::isKeptFromUs(server, key, context);
+}
+
 /// Reads the next piece of the change information. It is frozen: from the first piece on it is
 /// read through one descriptor, and what happens to the context no longer matters.
 std::size_t readPiece(OpenBackup& backup, BYTE* buffer, std::size_t size) {
@@ -80,9 +87,13 @@ STATUS NSFBackupStart(DBHANDLE hDB, DWORD Flags, DHANDLE* hBackupContext, DWORD*
         require(FileSizeHigh);
         *hBackupContext = 0;
         const OpenDatabase& database = process().databases.get(hDB);
-        bool inProgress = false;
-        const BackupContext context = startBackup(runningServer(), database.file, &inProgress);
         auto backup = std::make_unique<OpenBackup>();
+        const BackupContext context = startBackup(runningServer(), database.file, &backup->mark);
+        const bool inProgress = backup->mark == nullptr;
+        if (inProgress && isKeptFromUs(database.key, context) &&
+            !std::exchange(process().handleOfForeign, !process().handleOfForeign)) {
+            return kBackupInProgress;
+        }
         backup->key = database.key;
         backup->id = context.id;
         backup->file = database.file;

@@ -41,9 +41,10 @@ struct OpenBackup {
     std::string key;
     std::string id;
     std::filesystem::path file;
-    int info = -1;              ///< the change information, once it is being read
-    std::uint64_t infoRead = 0; ///< bytes of it given out
-    bool own = false;           ///< this process opened it
+    int info = -1;                      ///< the change information, once it is being read
+    std::uint64_t infoRead = 0;         ///< bytes of it given out
+    bool own = false;                   ///< this process opened it
+    std::unique_ptr<ActivityMark> mark; ///< of one that it opened
 };
 
 /// The state of this process. Guarded by ApiCall.
@@ -57,6 +58,8 @@ struct Process {
     HandleTable<IdTable> tables;
     HandleTable<MemoryObject> memory;
     std::uint32_t archiveCursor = 0; ///< extent that was given out last
+    bool handleOfForeign =
+        false; ///< the next start that meets a backup kept from us gives its handle
 };
 
 Process& process();

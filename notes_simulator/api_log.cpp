@@ -25,6 +25,9 @@ Status logToArchive(const char* function, bool first, UNIVERSALNOTEID* id, DWORD
         const Server& server = knownServer();
         requireLogging(server);
         const ServerLock lock(server);
+        if (server.moods.has(Mood::kSession) && !ownsArchivingSession(server)) {
+            throw StatusError(kNoArchivingSession, "");
+        }
         const auto log = openLog(server, lock);
         std::uint32_t& cursor = process().archiveCursor;
         if (first) {

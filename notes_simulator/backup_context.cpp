@@ -139,15 +139,24 @@ std::optional<BackupContext> openContext(const Server& server, const std::string
     return value ? std::optional(contextFromJson(*value)) : std::nullopt;
 }
 
-BackupContext startBackup(const Server& server, const fs::path& file, bool* inProgress) {
+bool isKeptFromUs(const Server& server, const std::string& key, const BackupContext& context) {
+    return server.moods.has(Mood::kForeign) && context.process != ::getpid() &&
+           ActivityMark::isThere(server, key, Activity::kBackup);
+}
+
+BackupContext startBackup(const Server& server, const fs::path& file,
+                          std::unique_ptr<ActivityMark>* mark) {
     const ServerLock lock(server);
     const auto log = openLog(server, lock);
     const std::string key = server.keyOf(file);
+    mark->reset();
+    if (ActivityMark::isThere(server, key, Activity::kCompaction)) {
+        throw StatusError(kBackupInProgress, file.string() + " is compacted");
+    }
     if (auto present = openContext(server, key)) {
-        *inProgress = true;
         return *std::move(present);
     }
-    *inProgress = false;
+    auto own = std::make_unique<ActivityMark>(server, key, Activity::kBackup);
     Database database(file, Connection::Mode::kReadWrite);
     if (log) {
         noteBackupStart(server, database, *log);
@@ -168,6 +177,7 @@ BackupContext startBackup(const Server& server, const fs::path& file, bool* inPr
     }
     writeContext(server, key, context);
     exclusive.commit();
+    *mark = std::move(own);
     return context;
 }
 
@@ -214,6 +224,9 @@ fs::path changeInfoFile(const Server& server, const std::string& key) {
 void endBackup(const Server& server, const std::string& key, const std::string& id, bool complete) {
     const ServerLock lock(server);
     const BackupContext context = requireContext(server, key, id);
+    if (isKeptFromUs(server, key, context)) {
+        throw StatusError(kForeignBackup, context.database);
+    }
     if (complete) {
         if (!context.stopped) {
             throw StatusError(kBackupNotStopped, context.database);
@@ -306,6 +319,11 @@ std::optional<std::string> archivingSession(const Server& server) {
     }
     return "begun by process " + std::to_string(value->at("process").get<std::int64_t>()) + " at " +
            displayTime(value->at("began").get<std::int64_t>());
+}
+
+bool ownsArchivingSession(const Server& server) {
+    const auto value = readJson(sessionFile(server));
+    return value && value->at("process").get<std::int64_t>() == ::getpid();
 }
 
 void beginArchiving(const Server& server) {

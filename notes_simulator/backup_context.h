@@ -4,9 +4,11 @@
 
 #include "notes_simulator/database.h"
 #include "notes_simulator/server.h"
+#include "notes_simulator/use_mark.h"
 
 #include <cstdint>
 #include <filesystem>
+#include <memory>
 #include <optional>
 #include <string>
 
@@ -44,10 +46,15 @@ struct BackupRecord {
 /// The open context of a database, if there is one.
 std::optional<BackupContext> openContext(const Server& server, const std::string& key);
 
-/// Opens a context under a short exclusive lock on the database. When one is open already the
-/// result is that one and *inProgress is true. Throws StatusError.
+/// Opens a context under a short exclusive lock on the database; *mark shows for as long as it
+/// lives that this process runs the backup. When a context is open already the result is that one
+/// and *mark is empty. Throws StatusError: kBackupInProgress while the database is compacted.
 BackupContext startBackup(const Server& server, const std::filesystem::path& file,
-                          bool* inProgress);
+                          std::unique_ptr<ActivityMark>* mark);
+
+/// Whether the server keeps a context from this process: another one, which lives, runs the backup,
+/// and the server is in the mood "foreign". REQUIRES: the caller holds the server's lock.
+bool isKeptFromUs(const Server& server, const std::string& key, const BackupContext& context);
 
 /// Remembers how far the reader has got.
 void setHighWaterMark(const Server& server, const std::string& key, const std::string& id,
@@ -63,7 +70,8 @@ BackupContext stopBackup(const Server& server, const std::filesystem::path& file
 std::filesystem::path changeInfoFile(const Server& server, const std::string& key);
 
 /// Ends a context. With complete the database counts as backed up, under the DBIID and the log
-/// position of the stop; throws StatusError(kBackupNotStopped) before the stop.
+/// position of the stop; throws StatusError(kBackupNotStopped) before the stop, and kForeignBackup
+/// for a context that is kept from this process.
 void endBackup(const Server& server, const std::string& key, const std::string& id, bool complete);
 
 /// Ends the context that is open on a database, if there is one, as one that was given up.
@@ -81,6 +89,8 @@ std::uint64_t logSpanSinceBackup(const Server& server, const std::filesystem::pa
 
 /// The session for archiving logs that is open on the server, described for people.
 std::optional<std::string> archivingSession(const Server& server);
+/// Whether the open session is one that this process began.
+bool ownsArchivingSession(const Server& server);
 /// Throws StatusError(kArchivingInProgress) while a session is open.
 void beginArchiving(const Server& server);
 /// Ends the session whoever began it; none is no error.

@@ -62,13 +62,15 @@
  * 9. Moods. The variable SimStrict of notes.ini ("session,flags", or "all"; `domino-sim init
  *    --strict`) makes a server do what a real one may do and this one does not by default:
  *
- *      session   logs are listed only within an archiving session
+ *      session   logs are listed only within an archiving session that the process began: 16160
  *      ended     a call after NotesTerm ends the process with a line that names it
  *      flags     failing statuses carry the flags 0x4000 and 0x8000
  *      locale    where the locale is not UTF-8 only ASCII is translated
  *      zone      texts of times are read and written in another time zone
  *      before    change information is what was there at NSFBackupStart
- *      foreign   a backup that another process runs is kept from others
+ *      foreign   a backup that another process runs, which lives, is kept from others:
+ *                NSFBackupStart answers 3748 without a handle and with that of the backup in turn,
+ *                and NSFBackupEnd of it fails (16161)
  *      logs      log numbers, names and identities of the more awkward kinds
  *      slow      calls take seconds, or never return
  *
@@ -247,7 +249,8 @@ STATUS IDDestroyTable(DHANDLE hTable);
 /* --- Backup of a database --------------------------------------------------------------------- */
 
 /* Opens a backup context and gives the size to copy. 3748 when one is open already, be it left by
-   a killed process: *hBackupContext is that one then, and NSFBackupEnd with 1 clears it. */
+   a killed process: *hBackupContext is that one then, and NSFBackupEnd with 1 clears it. 3748
+   without a handle while the database is compacted. */
 STATUS NSFBackupStart(DBHANDLE hDB, DWORD Flags, DHANDLE* hBackupContext, DWORD* FileSizeLow,
                       DWORD* FileSizeHigh);
 /* Says how far the copy has got. It informs: whatever changes is recorded all the same. */

@@ -54,6 +54,8 @@ constexpr std::array kTexts = {
                 "A transaction log extent that the recovery needs is of another log or number"},
     StatusEntry{kLogGap, "The transaction log does not continue where the database ends"},
     StatusEntry{kLaterThanRecovery, "The database is later than the time to recover it to"},
+    StatusEntry{kNoArchivingSession, "No archiving of transaction logs has been begun"},
+    StatusEntry{kForeignBackup, "The backup of the database belongs to another process"},
 };
 
 } // namespace

@@ -49,6 +49,8 @@ constexpr Status kLogExtentMissing = 0x3F16;
 constexpr Status kWrongLogExtent = 0x3F17;
 constexpr Status kLogGap = 0x3F18;
 constexpr Status kLaterThanRecovery = 0x3F19;
+constexpr Status kNoArchivingSession = 0x3F20;
+constexpr Status kForeignBackup = 0x3F21;
 
 /// The text of a status; a generic text that names the number when there is none.
 std::string statusText(Status status);

@@ -5,6 +5,7 @@
 #include "notes_simulator/server.h"
 
 #include <filesystem>
+#include <string>
 
 namespace notes_sim {
 
@@ -27,6 +28,25 @@ class UseMark {
   private:
     void take(const Server& server, const std::filesystem::path& file);
 
+    int m_fd = -1;
+};
+
+/// What a process does to a database for a while, as other processes see it.
+enum class Activity { kBackup, kCompaction };
+
+/// The mark of it. It goes away with the object, or the process; several may be there at once.
+class ActivityMark {
+  public:
+    /// REQUIRES: the caller holds the server's lock.
+    ActivityMark(const Server& server, const std::string& key, Activity activity);
+    ~ActivityMark();
+    ActivityMark(const ActivityMark&) = delete;
+    ActivityMark& operator=(const ActivityMark&) = delete;
+
+    /// Whether one is there, of this process or another. REQUIRES: as above.
+    static bool isThere(const Server& server, const std::string& key, Activity activity);
+
+  private:
     int m_fd = -1;
 };
 

@@ -13,6 +13,7 @@
 #include "client/set_links.h"
 #include "client/temporary_directory.h"
 #include "client/text.h"
+#include "client/unmarked_logs.h"
 
 #include <algorithm>
 #include <ctime>
@@ -30,13 +31,15 @@ constexpr const char* reason_owed = "owed";
 
 class BackupRun {
   public:
-    explicit BackupRun(const BackupOptions& options) : m_options(options) {}
+    explicit BackupRun(const BackupOptions& options)
+        : m_options(options), m_busy(std::chrono::seconds(options.busy_wait)) {}
     int run();
 
   private:
     void check_selection();
     void choose_level();
     void claim_logs();
+    void report_incomplete() const;
     void check_index();
     void choose_base();
     void check_place_of_store() const;
@@ -68,6 +71,7 @@ class BackupRun {
     std::optional<OwedDatabases> m_owed;
     std::optional<IndexGuard> m_index;
     std::optional<DistrustedBases> m_distrusted;
+    BusyWait m_busy;
     std::vector<std::string> m_removed;           // full paths
     SetsSince m_since;                            // the base, of diff and incr
     std::map<std::string, std::string> m_unnamed; // what cannot be saved by name, and why
@@ -93,13 +97,17 @@ int BackupRun::run() {
         m_owed.emplace(owed_file_of(*m_store));
         m_index.emplace(*m_store, m_ini.server_name);
         m_distrusted.emplace(*m_store);
+        m_server_lock = lock_server(m_ini);
+        if (std::string problem = last_close_problem(*m_store, m_ini.sets); !problem.empty())
+            print_message("warning: " + problem);
         choose_level();
         claim_logs();
         m_trace = open_trace_file(m_options.trace_file);
         BackupContext context{{m_ini, *m_store, m_options.tmp_dir, m_options.module, m_trace.get(),
                                m_options.verbose},
                               *m_owed,
-                              *m_index};
+                              *m_index,
+                              m_busy};
         if (!takes_all())
             save_first(context);
         find_missing_folders();
@@ -113,19 +121,34 @@ int BackupRun::run() {
     }
     report_gaps(m_manifest);
     if (code_of(m_manifest) == static_cast<int>(ExitCode::items_failed))
-        print_error(
-            "the set " + m_manifest.set + " is stored, but it is not complete",
-            m_ini.linear_logging && m_manifest.level == "diff"
-                ? "the server has linear transaction logging (TRANSLOG_Style=2): take "
-                  "--level full instead of diff"
-                : "see what failed above; run as a user who may read every file, have the server "
-                  "repair or remove what is no database, leave out with --exclude what may be "
-                  "lost, then back up again: until then the server keeps its logs");
+        report_incomplete();
     return report();
+}
+
+void BackupRun::report_incomplete() const {
+    std::string hint =
+        "see what failed above; run as a user who may read every file, have the server repair or "
+        "remove what is no database, leave out with --exclude what may be lost, then back up "
+        "again: until then the server keeps its logs";
+    const std::vector<ManifestItem>& items = m_manifest.items;
+    if (m_ini.linear_logging && m_manifest.level == "diff")
+        hint = "the server has linear transaction logging (TRANSLOG_Style=2): take --level full "
+               "instead of diff";
+    else if (std::any_of(items.begin(), items.end(),
+                         [](const auto& item) { return item.path == log_phase_item; }))
+        hint = "what is not named above is stored, the transaction logs stay on the server, which "
+               "did not list them; " +
+               std::string(m_manifest.level == "full" && !m_options.log_session
+                               ? "if it lists them only within an archiving session, add "
+                                 "--log-session: the set is then complete and a base of diff and "
+                                 "incr; else look at its console"
+                               : "look at its console and back up again");
+    print_error("the set " + m_manifest.set + " is stored, but it is not complete", hint);
 }
 
 void BackupRun::check_selection() {
     m_request.other_files = !m_options.databases_only;
+    m_request.log_session = m_options.log_session;
     m_request.rules = m_options.rules;
     (void)PathRules(m_options.rules, m_ini.data_directory);
     m_request.arguments = resolve_database_arguments(m_options.databases, m_ini.data_directory);
@@ -147,11 +170,10 @@ void BackupRun::choose_level() {
     choose_base();
 }
 
-// Only one store may archive the server's logs, and one run at a time.
+// Only one store may archive the server's logs.
 void BackupRun::claim_logs() {
     if (!m_ini.archives_logs || !(takes_all() || m_request.level == "incr"))
         return;
-    m_server_lock = lock_server(m_ini);
     if (!m_options.take_over)
         if (std::string other = other_log_archive(m_ini, *m_store); !other.empty())
             throw ClientError(ExitCode::failed, other,

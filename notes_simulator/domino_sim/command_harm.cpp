@@ -10,7 +10,10 @@
 #include <unistd.h>
 
 #include <cerrno>
+#include <chrono>
+#include <iostream>
 #include <memory>
+#include <thread>
 
 namespace fs = std::filesystem;
 using namespace notes_sim;
@@ -24,6 +27,10 @@ struct DatabaseOptions {
     std::string database;
 };
 
+struct CompactOptions : DatabaseOptions {
+    double seconds = 0; ///< that it takes
+};
+
 struct LoseOptions {
     std::string server;
     std::vector<std::string> databases;
@@ -32,15 +39,38 @@ struct LoseOptions {
     bool logs = false;
 };
 
-void runCompact(const DatabaseOptions& options) {
-    const Server server = useServer(options.server);
-    const fs::path file = requireDatabase(server, options.database);
-    const ServerLock lock(server);
-    const UseMark mark(server, file, lock);
-    const auto log = openLog(server, lock);
+void refuseDuringBackup(const Server& server, const fs::path& file) {
     if (openContext(server, server.keyOf(file))) {
         throw StatusError(kRefusedDuringBackup, file.string());
     }
+}
+
+/// Takes its time before the compaction itself, which is short: users go on meanwhile, backups do
+/// not begin.
+std::unique_ptr<ActivityMark> beginCompaction(const Server& server, const fs::path& file,
+                                              double seconds) {
+    std::unique_ptr<ActivityMark> compaction;
+    {
+        const ServerLock lock(server);
+        refuseDuringBackup(server, file);
+        compaction =
+            std::make_unique<ActivityMark>(server, server.keyOf(file), Activity::kCompaction);
+    }
+    if (seconds > 0) {
+        std::cout << "compacts " << server.nameOf(file) << std::endl;
+        std::this_thread::sleep_for(std::chrono::duration<double>(seconds));
+    }
+    return compaction;
+}
+
+void runCompact(const CompactOptions& options) {
+    const Server server = useServer(options.server);
+    const fs::path file = requireDatabase(server, options.database);
+    const auto compaction = beginCompaction(server, file, options.seconds);
+    const ServerLock lock(server);
+    const UseMark mark(server, file, lock);
+    const auto log = openLog(server, lock);
+    refuseDuringBackup(server, file);
     Database database(file, Connection::Mode::kReadWrite);
     database.connection().run("VACUUM");
     DatabaseHeader header = database.header();
@@ -125,9 +155,17 @@ void addDatabaseCommand(CLI::App& app, const char* name, const char* help,
 } // namespace
 
 void addHarmCommands(CLI::App& app) {
-    addDatabaseCommand(app, "compact",
-                       "Rewrite a database, which gives it a new DBIID; refused during its backup",
-                       runCompact);
+    auto compact = std::make_shared<CompactOptions>();
+    CLI::App* compaction = app.add_subcommand(
+        "compact", "Rewrite a database, which gives it a new DBIID; refused during its backup");
+    compaction->add_option("SERVER", compact->server, "Server folder")->required();
+    compaction->add_option("DB", compact->database, "Database")->required();
+    compaction
+        ->add_option("--for", compact->seconds,
+                     "Seconds that it takes; no backup of the database begins meanwhile. Prints a "
+                     "line once it runs")
+        ->check(CLI::Range(0.0, 1e9));
+    compaction->callback([compact] { runCompact(*compact); });
     addDatabaseCommand(app, "saved", "Tell the server that another tool backed a database up",
                        runSaved);
     auto lose = std::make_shared<LoseOptions>();

@@ -1,6 +1,8 @@
 // hold, offline and online: who may use a database.
+#include "notes_simulator/backup_context.h"
 #include "notes_simulator/domino_sim/cli.h"
 #include "notes_simulator/offline.h"
+#include "notes_simulator/status.h"
 #include "notes_simulator/use_mark.h"
 
 #include <csignal>
@@ -19,6 +21,7 @@ struct HoldOptions {
     std::string server;
     std::string database;
     double seconds = 0;
+    bool backup = false;
 };
 
 struct StateOptions {
@@ -48,8 +51,17 @@ void runHold(const HoldOptions& options) {
     const Server server = useServer(options.server);
     const fs::path file = requireDatabase(server, options.database);
     const UseMark mark(server, file);
+    std::unique_ptr<ActivityMark> backup;
+    const BackupContext context =
+        options.backup ? startBackup(server, file, &backup) : BackupContext{};
+    if (options.backup && !backup) {
+        throw StatusError(kBackupInProgress, file.string());
+    }
     std::cout << "holds " << server.nameOf(file) << std::endl;
     awaitSignal(signals, options.seconds);
+    if (backup) {
+        endBackup(server, server.keyOf(file), context.id, false);
+    }
 }
 
 void runOffline(const StateOptions& options) {
@@ -75,6 +87,8 @@ void addOfflineCommands(CLI::App& app) {
     command->add_option("DB", hold->database, "Database")->required();
     command->add_option("--seconds", hold->seconds, "How long; until a signal when not given")
         ->check(CLI::Range(0.0, 1e9));
+    command->add_flag("--backup", hold->backup,
+                      "With a backup of it, as another backup program runs; given up at the end");
     command->callback([hold] { runHold(*hold); });
 
     auto offline = std::make_shared<StateOptions>();

@@ -219,6 +219,13 @@ TEST_F(Commands, ItemsThatCannotBeStoredFailAloneAndTheServerHearsOfIt) {
     std::size_t second = calls.find(prepare, first + 1);
     EXPECT_NE(second, std::string::npos);
     EXPECT_EQ(calls.find(prepare, second + 1), std::string::npos);
+
+    // The server counts as saved what it handed out before its list broke: so do we.
+    document = json::parse(backup({{"FAKE_GET_FAIL", "4"}}, {"--json"}).output);
+    EXPECT_EQ(document["status"], "incomplete");
+    EXPECT_THAT(document["failed"].dump(),
+                AllOf(HasSubstr("the list broke"), HasSubstr("it was not reached")));
+    EXPECT_TRUE(journal().ends_with("close STATUS=1\n"));
 }
 
 // The server removes a log that is stored: half of one must not count.
@@ -271,7 +278,7 @@ TEST_F(Commands, FailureOfTheModuleLeavesStoreAndIndexAsTheyWere) {
         bool closed; // the module hears STATUS=1
     } cases[] = {
         {{{"FAKE_INIT_FAIL", "no server here"}}, "no server here", true},
-        {{{"FAKE_GET_FAIL", "4"}}, "the list broke", true},
+        {{{"FAKE_GET_FAIL", "1"}}, "the list broke", true},
         {{{"FAKE_CRASH", "names.nsf"}}, "crashed with signal 6", false},
         {{{"QRTLN_MODULE", "/none/libqrtln.so"}}, "cannot load the module", false},
         {{{"QRTLN_MODULE", "/dev/null"}}, "cannot load the module", false},

@@ -17,17 +17,22 @@
 
 namespace qrtln::test {
 
-// A task of the server that has a database open.
+// A task of the server that has a database open: a command of domino-sim, its options behind it.
 class HeldDatabase {
   public:
-    HeldDatabase(const std::string& server, const std::string& name) {
+    HeldDatabase(const std::string& server, const std::string& name,
+                 std::vector<std::string> words = {"hold"}) {
+        words.insert(words.begin() + 1, {server, name});
+        words.insert(words.begin(), QRTLN_DOMINO_SIM);
+        std::vector<char*> arguments(words.size() + 1);
+        std::transform(words.begin(), words.end(), arguments.begin(),
+                       [](std::string& word) { return word.data(); });
         int output[2];
         EXPECT_EQ(::pipe(output), 0);
         m_pid = ::fork();
         if (m_pid == 0) {
             ::dup2(output[1], 1);
-            ::execl(QRTLN_DOMINO_SIM, QRTLN_DOMINO_SIM, "hold", server.c_str(), name.c_str(),
-                    nullptr);
+            ::execv(QRTLN_DOMINO_SIM, arguments.data());
             ::_exit(127);
         }
         ::close(output[1]);
