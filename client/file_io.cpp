@@ -186,6 +186,14 @@ std::optional<std::string> real_path_of_new(const std::string& path) {
     return real;
 }
 
+bool is_same_place(const std::string& one, const std::string& other) {
+    struct stat first {};
+    struct stat second {};
+    if (::stat(one.c_str(), &first) != 0 || ::stat(other.c_str(), &second) != 0)
+        return absolute_path(one) == absolute_path(other);
+    return first.st_dev == second.st_dev && first.st_ino == second.st_ino;
+}
+
 bool lies_in(const std::string& path, const std::string& folder) {
     struct stat outer {};
     if (::stat(folder.c_str(), &outer) != 0)

@@ -99,6 +99,9 @@ std::optional<std::string> real_path_of_new(const std::string& path);
 // it, by whatever name: a folder can be mounted twice.
 bool lies_in(const std::string& path, const std::string& folder);
 
+// Whether both paths lead to one place; where one of them leads nowhere, whether they are the same.
+bool is_same_place(const std::string& one, const std::string& other);
+
 // The path made absolute against the working directory, "." and double slashes removed.
 std::string absolute_path(const std::string& path);
 

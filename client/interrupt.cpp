@@ -6,6 +6,8 @@
 #include <atomic>
 #include <cerrno>
 #include <csignal>
+#include <cstdint>
+#include <ctime>
 #include <fcntl.h>
 #include <unistd.h>
 
@@ -17,12 +19,27 @@ constexpr std::array interrupting_signals = {SIGINT, SIGTERM, SIGHUP};
 
 std::atomic<int> first_signal{0};
 static_assert(std::atomic<int>::is_always_lock_free, "a signal handler sets it");
+std::atomic<std::int64_t> first_time{0}; // nanoseconds
+std::atomic<bool> came_again{false};
+static_assert(std::atomic<std::int64_t>::is_always_lock_free &&
+              std::atomic<bool>::is_always_lock_free);
 int wake_pipe[2] = {-1, -1};
+
+std::int64_t monotonic_time() {
+    timespec now{};
+    ::clock_gettime(CLOCK_MONOTONIC, &now);
+    return now.tv_sec * std::int64_t{1'000'000'000} + now.tv_nsec;
+}
 
 extern "C" void on_interrupt(int signal) {
     int saved_errno = errno;
     int none = 0;
+    constexpr std::int64_t one_second = 1'000'000'000;
+    if (first_signal.load() != 0 && first_time.load() != 0 &&
+        monotonic_time() - first_time.load() >= one_second)
+        came_again = true;
     if (first_signal.compare_exchange_strong(none, signal)) {
+        first_time = monotonic_time();
         char byte = 1;
         // The pipe is empty and does not block: one byte fits.
         [[maybe_unused]] ssize_t written = ::write(wake_pipe[1], &byte, 1);
@@ -64,6 +81,10 @@ void install_interrupt_handlers() {
 
 int interrupt_signal() {
     return first_signal.load();
+}
+
+bool interrupted_again() {
+    return came_again.load();
 }
 
 int interrupt_descriptor() {

@@ -13,6 +13,10 @@ void install_interrupt_handlers();
 // The first signal that came, or 0.
 int interrupt_signal();
 
+// Whether one more came, a second or more after the first: those who started this process may send
+// several at once.
+bool interrupted_again();
+
 // Readable once a signal has come; for poll(). -1 before the handlers are installed.
 int interrupt_descriptor();
 

@@ -2,6 +2,7 @@
 
 #include "client/commands/commands.h"
 #include "client/error.h"
+#include "client/module_process.h"
 #include "client/nearest_word.h"
 #include "client/output.h"
 #include "client/store/store.h"
@@ -148,6 +149,13 @@ void add_module_options(CLI::App& command, Options& options) {
                     "The database module, libqrtln.so (default: beside this program)")
         ->envname("QRTLN_MODULE")
         ->type_name("FILE");
+    command
+        .add_option("--call-timeout", options.call_timeout,
+                    "Give up when the server's library has kept silent for so many seconds in one "
+                    "call (default: never)")
+        ->envname("QRTLN_CALL_TIMEOUT")
+        ->check(CLI::Range(1U, 1000000U))
+        ->type_name("SECONDS");
     command.add_flag("--verbose", options.verbose, "Show the module's messages");
     command.add_option("--trace", options.trace_file, "Append the module's trace to FILE")
         ->type_name("FILE");
@@ -553,6 +561,8 @@ void Commands::add_store_commands(CLI::App& app) {
 
 int main(int argc, char** argv) {
     ::umask(077); // the store and the copies hold mail
+    if (qrtln::is_module_process(argc, argv))
+        return qrtln::run_module_process(argc, argv);
     CLI::App app(
         "qrtln backs up and restores a Domino server: databases, templates, configuration and\n"
         "transaction logs, through the server's own backup interface, into a store in a\n"

@@ -2,10 +2,13 @@
 
 #include "client/error.h"
 #include "client/interrupt.h"
+#include "client/module_environment.h"
 #include "client/module_process.h"
 #include "client/module_protocol.h"
+#include "client/output.h"
 #include "client/text.h"
 
+#include <algorithm>
 #include <cerrno>
 #include <csignal>
 #include <cstdio>
@@ -15,11 +18,15 @@
 
 namespace qrtln {
 
+using namespace std::chrono_literals;
+
 namespace {
 
 constexpr const char* module_name = "libqrtln.so";
 // The name with the version of the interface that this client is written for.
 constexpr const char* module_soname = "libqrtln.so.1";
+constexpr int loader_failed = 127; // how a process ends whose libraries cannot be loaded
+constexpr int looks_again = 200;   // milliseconds, where a signal may come that wakes nobody
 
 std::string variables_frame(FrameWriter& frame, const std::vector<std::string>& variables) {
     frame.number(static_cast<std::int32_t>(variables.size()));
@@ -48,6 +55,27 @@ std::string find_module(const std::string& given) {
     return module_soname;
 }
 
+namespace {
+
+// A null-terminated array of the texts, which must outlive it.
+std::vector<char*> pointers_to(std::vector<std::string>& texts) {
+    std::vector<char*> pointers;
+    for (std::string& text : texts)
+        pointers.push_back(text.data());
+    pointers.push_back(nullptr);
+    return pointers;
+}
+
+std::string start_frame(const ModuleOptions& options) {
+    return FrameWriter(FrameKind::start)
+        .text(options.module_file)
+        .text(options.runtime_directory)
+        .text(options.data_directory)
+        .finish();
+}
+
+} // namespace
+
 ModuleHost::ModuleHost(ModuleOptions options) : m_options(std::move(options)) {
     int sockets[2];
     if (::socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, sockets) != 0)
@@ -55,24 +83,28 @@ ModuleHost::ModuleHost(ModuleOptions options) : m_options(std::move(options)) {
                           "cannot create a socket pair: " + system_error_text(errno));
     m_socket = FileDescriptor(sockets[0]);
     FileDescriptor child_socket(sockets[1]);
+    std::vector<std::string> words = {"qrtln", module_process_word,
+                                      std::to_string(child_socket.get())};
+    std::vector<std::string> environment = environment_with(m_options.environment);
+    std::vector<char*> arguments = pointers_to(words);
+    std::vector<char*> variables = pointers_to(environment);
     std::fflush(nullptr);
     pid_t own_pid = ::getpid();
     {
         InterruptsBlocked blocked;
         m_pid = ::fork();
-        if (m_pid == 0) {
-            m_socket.reset();
-            run_module_process(child_socket.get(), m_options, own_pid);
-        }
+        if (m_pid == 0)
+            start_module_process(child_socket.get(), arguments.data(), variables.data(), own_pid);
     }
     if (m_pid < 0)
         throw ClientError(ExitCode::failed,
                           "cannot start a process for the module: " + system_error_text(errno));
     m_started_pid = m_pid;
     child_socket.reset();
-    FrameReader answer(wait_for_reply("loading " + m_options.module_file));
+    FrameReader answer(call(start_frame(m_options), "loading " + m_options.module_file));
     if (answer.number() != DB_NUM_I_OK) {
         std::string text = answer.text();
+        m_socket.reset();
         wait_for_child();
         throw ClientError(ExitCode::server_error,
                           "cannot load the module " + for_terminal(m_options.module_file) + ": " +
@@ -82,10 +114,24 @@ ModuleHost::ModuleHost(ModuleOptions options) : m_options(std::move(options)) {
 }
 
 ModuleHost::~ModuleHost() {
+    end_child();
+}
+
+// A copy that runs is stopped; the end of the connection makes the child close its operation.
+void ModuleHost::end_child() {
     if (m_pid <= 0)
         return;
-    // A copy that runs is stopped; the end of the connection makes the child close its operation.
-    ::kill(m_pid, SIGTERM);
+    signal_child(SIGTERM);
+    ::shutdown(m_socket.get(), SHUT_WR);
+    try {
+        Patience left = patience();
+        std::string payload;
+        while (wait_for_message(left, "ending the operation") &&
+               receive_frame(m_socket.get(), payload) == ReceiveResult::frame)
+            left.heard(Patience::Clock::now());
+    } catch (const std::exception&) {
+        signal_child(SIGKILL); // it cannot be waited for
+    }
     m_socket.reset();
     wait_for_child();
 }
@@ -105,6 +151,11 @@ void ModuleHost::report_end(const std::string& doing) {
     if (WIFSIGNALED(status)) {
         int signal = WTERMSIG(status);
         how = "crashed with signal " + std::to_string(signal) + " (" + ::strsignal(signal) + ")";
+    } else if (WEXITSTATUS(status) == loader_failed && doing.starts_with("loading ")) {
+        throw ClientError(ExitCode::server_error,
+                          "the module's process does not start: see the loader's message above",
+                          "a library in the server's program directory stands in for one of the "
+                          "system's");
     } else {
         how = "ended the process with exit status " + std::to_string(WEXITSTATUS(status));
     }
@@ -114,23 +165,104 @@ void ModuleHost::report_end(const std::string& doing) {
 }
 
 void ModuleHost::forward_interrupt() {
-    if (interrupt_signal() != 0 && !m_interrupt_forwarded && m_pid > 0) {
+    if (interrupt_signal() != 0 && !m_interrupt_forwarded) {
         m_interrupt_forwarded = true;
-        ::kill(m_pid, SIGTERM);
+        signal_child(SIGTERM);
     }
 }
 
-std::string ModuleHost::wait_for_reply(const std::string& doing) {
+// Never to the process that is none: kill() takes its number for all processes.
+void ModuleHost::signal_child(int signal) {
+    if (m_pid > 0)
+        ::kill(m_pid, signal);
+}
+
+// Once a signal has come, the library has this long to come to an end: what puts databases in place
+// should not be cut off while it does.
+std::chrono::seconds ModuleHost::grace() const {
+    constexpr std::chrono::seconds usual{10};
+    constexpr std::chrono::seconds of_restores{120};
+    std::chrono::seconds grace = m_restores ? of_restores : usual;
+    bool has_timeout = m_options.call_timeout > m_options.call_timeout.zero();
+    return has_timeout ? std::min(grace, m_options.call_timeout) : grace;
+}
+
+Patience ModuleHost::patience() const {
+    return {interrupt_signal() != 0 ? grace() : m_options.call_timeout, Patience::Clock::now()};
+}
+
+void ModuleHost::give_up(const std::string& doing, std::chrono::seconds silence) {
+    if (!interrupted_again()) {
+        signal_child(SIGTERM);
+        ::shutdown(m_socket.get(), SHUT_WR);
+        auto until = Patience::Clock::now() + (interrupt_signal() != 0 ? 0s : grace());
+        while (Patience::Clock::now() < until && !interrupted_again()) {
+            pollfd ready = {m_socket.get(), POLLIN, 0};
+            std::string payload;
+            if (::poll(&ready, 1, looks_again) > 0 &&
+                receive_frame(m_socket.get(), payload) != ReceiveResult::frame)
+                break;
+        }
+    }
+    signal_child(SIGKILL);
+    m_socket.reset();
+    wait_for_child();
+    throw_if_interrupted();
+    throw ClientError(
+        ExitCode::server_error,
+        "the server's library kept silent for " + std::to_string(silence.count()) + " s while " +
+            doing + ": its process was ended",
+        "look at the server's console; if the server is only slow, raise "
+        "--call-timeout; the next backup clears what this command left on the server");
+}
+
+// Waits until there is something to receive; a process that is silent for too long is ended.
+bool ModuleHost::wait_for_message(Patience& patience, const std::string& doing) {
     for (;;) {
-        forward_interrupt();
+        if (interrupt_signal() != 0 && !m_interrupt_forwarded) {
+            forward_interrupt();
+            patience.limit(grace(), Patience::Clock::now());
+        }
+        auto now = Patience::Clock::now();
+        auto silence = patience.silence(now);
+        switch (interrupted_again() ? Patience::Step::give_up : patience.next_step(now)) {
+        case Patience::Step::give_up:
+            give_up(doing, silence);
+        case Patience::Step::tell:
+            print_message(
+                "waiting for the server for " + std::to_string(silence.count()) + " s: " + doing +
+                (m_interrupt_forwarded ? " (a second signal ends the module's process at once)"
+                                       : ""));
+            break;
+        case Patience::Step::wait:
+            break;
+        }
+        int left = patience.milliseconds_left(now);
         pollfd ready[2] = {{m_socket.get(), POLLIN, 0}, {interrupt_descriptor(), POLLIN, 0}};
-        // Once the interruption is passed on, only the reply matters.
-        nfds_t count = m_interrupt_forwarded || interrupt_descriptor() < 0 ? 1 : 2;
-        if (::poll(ready, count, -1) < 0 && errno != EINTR)
+        // Once the interruption is passed on, only the reply matters, and a second signal.
+        bool passed_on = m_interrupt_forwarded || interrupt_descriptor() < 0;
+        if (::poll(ready, passed_on ? 1 : 2, passed_on ? std::min(left, looks_again) : left) < 0 &&
+            errno != EINTR)
             throw ClientError(ExitCode::failed,
                               "cannot wait for the module: " + system_error_text(errno));
-        if ((ready[0].revents & (POLLIN | POLLHUP | POLLERR)) == 0)
-            continue;
+        if ((ready[0].revents & (POLLIN | POLLHUP | POLLERR)) != 0)
+            return true;
+    }
+}
+
+void ModuleHost::take_message(const std::string& payload) {
+    FrameReader frame(payload);
+    const auto& callback = frame.kind() == FrameKind::log     ? m_options.on_log
+                           : frame.kind() == FrameKind::trace ? m_options.on_trace
+                                                              : m_options.on_notice;
+    if (callback)
+        callback(frame.text());
+}
+
+std::string ModuleHost::wait_for_reply(const std::string& doing) {
+    Patience left = patience();
+    for (;;) {
+        (void)wait_for_message(left, doing);
         std::string payload;
         switch (receive_frame(m_socket.get(), payload)) {
         case ReceiveResult::closed:
@@ -142,13 +274,10 @@ std::string ModuleHost::wait_for_reply(const std::string& doing) {
         case ReceiveResult::frame:
             break;
         }
-        FrameReader frame(payload);
-        if (frame.kind() == FrameKind::reply)
+        if (FrameReader(payload).kind() == FrameKind::reply)
             return payload;
-        if (frame.kind() == FrameKind::log && m_options.on_log)
-            m_options.on_log(frame.text());
-        if (frame.kind() == FrameKind::trace && m_options.on_trace)
-            m_options.on_trace(frame.text());
+        left.heard(Patience::Clock::now());
+        take_message(payload);
     }
 }
 
@@ -174,9 +303,19 @@ ModuleInfo ModuleHost::info() {
 
 int ModuleHost::init(DB_OPERATION_TYPE type, DB_OPERATION_LEVEL level,
                      const std::vector<std::string>& variables) {
+    m_restores = type == DB_TYPE_RST;
     FrameWriter frame(FrameKind::init);
     frame.number(type).number(level);
-    return FrameReader(call(variables_frame(frame, variables), "starting the operation")).number();
+    FrameReader reply(call(variables_frame(frame, variables), "starting the operation"));
+    int status = reply.number();
+    if (std::string other = reply.text(); !other.empty())
+        throw ClientError(ExitCode::server_error,
+                          "the server's library works with the data directory " +
+                              for_terminal(other) + ", but notes.ini names " +
+                              for_terminal(m_options.data_directory),
+                          "it has read another notes.ini: nothing was done; is the one of "
+                          "--notes-ini this server's?");
+    return status;
 }
 
 ModuleItem ModuleHost::get_item() {

@@ -6,12 +6,15 @@
 #pragma once
 
 #include "client/file_io.h"
+#include "client/patience.h"
 #include "qrt_lotus_notes/db_interface.h"
 
+#include <chrono>
 #include <functional>
 #include <string>
 #include <string_view>
 #include <sys/types.h>
+#include <utility>
 #include <vector>
 
 namespace qrtln {
@@ -22,9 +25,12 @@ inline constexpr std::size_t module_path_size = 1028;
 struct ModuleOptions {
     std::string module_file;       // a path, or a plain name that the loader searches
     std::string runtime_directory; // where "gv_rw_times:" points; an absolute path
-    std::string exec_directory;    // becomes $Notes_ExecDirectory when not empty
-    std::function<void(const std::string&)> on_log;   // the protocol of the module; may be empty
-    std::function<void(const std::string&)> on_trace; // without it the module does not trace
+    std::string data_directory;    // the server's: the working directory, and what it must report
+    std::vector<std::pair<std::string, std::string>> environment; // set beside the inherited one
+    std::function<void(const std::string&)> on_log;    // the protocol of the module; may be empty
+    std::function<void(const std::string&)> on_trace;  // its trace; may be empty
+    std::function<void(const std::string&)> on_notice; // what the process says itself; likewise
+    std::chrono::seconds call_timeout{0}; // of silence in a call, after which it is ended; 0: none
 };
 
 struct ModuleInfo {
@@ -47,18 +53,25 @@ struct ModuleError {
 
 class ModuleHost {
   public:
-    // Starts the child and loads the module in it. Throws ClientError(server_error) with the
-    // loader's text. REQUIRES: this process has no threads; the working directory is not relied on.
+    // Starts this program anew as the child, so that the loader sees the environment, and loads the
+    // module in it. Throws ClientError(server_error) with the loader's text. REQUIRES: this process
+    // has no threads.
     explicit ModuleHost(ModuleOptions options);
-    // Ends the child: closes an open operation with STATUS=1 and waits.
+    // Ends the child: closes an open operation with STATUS=1 and waits, as long as a call would be
+    // waited for.
     ~ModuleHost();
     ModuleHost(const ModuleHost&) = delete;
     ModuleHost& operator=(const ModuleHost&) = delete;
 
     // Each returns what the entry point returned. A child that died throws
     // ClientError(server_error) that tells how and during what. A signal to this process is passed
-    // on to the child once, where it stops the running copy; the call still returns its result.
+    // on to the child once, where it stops the running copy; the call still returns its result,
+    // unless the library then keeps silent: after some seconds, or with a second signal, the child
+    // is ended, and the interruption thrown. That a call keeps silent for a minute is told; after
+    // the call timeout the child is ended with ClientError(server_error).
     ModuleInfo info();
+    // A library that works with another data directory than the one of the options ends the start
+    // before it is asked for anything more, with ClientError(server_error).
     int init(DB_OPERATION_TYPE type, DB_OPERATION_LEVEL level,
              const std::vector<std::string>& variables);
     ModuleItem get_item();
@@ -77,7 +90,14 @@ class ModuleHost {
   private:
     std::string call(const std::string& frame, const std::string& doing);
     std::string wait_for_reply(const std::string& doing);
+    bool wait_for_message(Patience& patience, const std::string& doing);
+    Patience patience() const;
+    std::chrono::seconds grace() const;
+    void take_message(const std::string& payload);
+    [[noreturn]] void give_up(const std::string& doing, std::chrono::seconds silence);
     [[noreturn]] void report_end(const std::string& doing);
+    void end_child();
+    void signal_child(int signal);
     int wait_for_child();
 
     ModuleOptions m_options;
@@ -85,6 +105,7 @@ class ModuleHost {
     pid_t m_pid = -1;
     pid_t m_started_pid = -1;
     bool m_interrupt_forwarded = false;
+    bool m_restores = false; // the operation changes live databases
 };
 
 // Where the module is looked for: `given` (made absolute) if not empty; else ../lib/libqrtln.so

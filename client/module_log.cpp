@@ -60,6 +60,17 @@ std::string parse_asked_dbiid(const std::string& line) {
     return dbiid_between(line, "isDatabaseLogged: Database [", "] is logged, DBIID ", "");
 }
 
+std::optional<ReportedDirectory> parse_reported_directory(const std::string& line) {
+    constexpr std::string_view data = "getNotesDirectories(): got Directory=[";
+    constexpr std::string_view program = "getNotesDirectories(): got NotesProgram=[";
+    for (auto [before, kind] : {std::pair{data, ReportedDirectory::Kind::data},
+                                std::pair{program, ReportedDirectory::Kind::program}})
+        if (line.starts_with(before) && line.ends_with(']'))
+            return ReportedDirectory{kind,
+                                     line.substr(before.size(), line.size() - before.size() - 1)};
+    return std::nullopt;
+}
+
 ModifiedTest parse_modified_test(const std::string& line) {
     using Step = ModifiedTest::Step;
     constexpr std::string_view before = "isDatabaseLogged(): call NSFDbOpen( ";

@@ -24,6 +24,15 @@ std::string parse_prepared_dbiid(const std::string& line);
 // The same of a line about a database that was asked whether it must be backed up.
 std::string parse_asked_dbiid(const std::string& line);
 
+// A directory that the server's library says it works with.
+struct ReportedDirectory {
+    enum class Kind { data, program } kind;
+    std::string path;
+};
+
+// The directory that a line of the trace tells, or nothing for any other line.
+std::optional<ReportedDirectory> parse_reported_directory(const std::string& line);
+
 // What a line of the trace tells about the test whether a database was modified. The module says
 // nothing in its protocol when the server cannot write the time of the question: the question is
 // then never put, and the database passed over.

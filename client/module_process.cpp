@@ -1,18 +1,26 @@
 #include "client/module_process.h"
 
+#include "client/error.h"
+#include "client/file_io.h"
 #include "client/interrupt.h"
+#include "client/module_host.h"
+#include "client/module_log.h"
 #include "client/module_protocol.h"
+#include "client/output.h"
 
 #include <array>
 #include <atomic>
+#include <charconv>
 #include <csignal>
-#include <cstdlib>
 #include <cstring>
 #include <dlfcn.h>
 #include <fcntl.h>
 #include <mutex>
+#include <string_view>
 #include <sys/prctl.h>
+#include <sys/socket.h>
 #include <thread>
+#include <unistd.h>
 
 namespace {
 
@@ -62,6 +70,8 @@ struct Server {
     int socket = -1;
     std::mutex send_mutex; // a trace text may come from the thread that calls DB_Terminate
     EntryPoints module{};
+    std::string data_directory;
+    std::string other_directory; // what the library reported in its place
     std::atomic<bool> operation_open{false};
     std::atomic<bool> stop_requested{false};
     bool item_pending = false; // main thread only
@@ -86,14 +96,41 @@ void reply(int status, const std::vector<std::string>& fields = {}) {
     send(frame.finish());
 }
 
-extern "C" void on_module_log(const char* text) {
-    if (text != nullptr)
-        send(FrameWriter(FrameKind::log).text(text).finish());
+// The server's library is at home in the data directory. It goes there when the module has read its
+// variables: it tests a DATABASE value as a relative path, and below "/" there is nothing of that
+// name.
+void enter_data_directory() {
+    const std::string& directory = server().data_directory;
+    if (!directory.empty() && ::chdir(directory.c_str()) != 0)
+        send(FrameWriter(FrameKind::notice)
+                 .text("the server's library runs in \"/\": cannot enter " + directory + ": " +
+                       system_error_text(errno))
+                 .finish());
 }
 
+extern "C" void on_module_log(const char* text) {
+    if (text == nullptr)
+        return;
+    send(FrameWriter(FrameKind::log).text(text).finish());
+    if (std::string_view(text).starts_with("Call NotesInitExtended("))
+        enter_data_directory();
+}
+
+// The module lets no exception out of an entry point: this one makes the start of the operation
+// fail before the server is asked for anything, and what was started is ended by the close.
+struct OtherDataDirectory {};
+
 extern "C" void on_module_trace(const char* text) {
-    if (text != nullptr)
-        send(FrameWriter(FrameKind::trace).text(text).finish());
+    if (text == nullptr)
+        return;
+    send(FrameWriter(FrameKind::trace).text(text).finish());
+    const std::string& expected = server().data_directory;
+    std::optional<ReportedDirectory> reported = parse_reported_directory(text);
+    if (!reported || reported->kind != ReportedDirectory::Kind::data || expected.empty() ||
+        is_same_place(reported->path, expected))
+        return;
+    server().other_directory = reported->path;
+    throw OtherDataDirectory();
 }
 
 template <typename Function>
@@ -188,11 +225,16 @@ void answer_init(FrameReader& frame) {
     auto level = static_cast<DB_OPERATION_LEVEL>(frame.number());
     ControlVariables variables(frame);
     server().operation_open = true;
-    int status = server().module.init_operation(type, level, variables.get(), nullptr);
+    int status = DB_NUM_E_FAILED;
+    try {
+        status = server().module.init_operation(type, level, variables.get(), nullptr);
+    } catch (const OtherDataDirectory&) {
+        // By a module that lets it out.
+    }
     // The start of an operation clears the module's stop flag: set it again for an earlier signal.
     if (server().stop_requested)
         server().module.terminate();
-    reply(status);
+    reply(status, {server().other_directory});
 }
 
 void answer_get_item() {
@@ -302,27 +344,88 @@ void redirect_standard_streams() {
 
 } // namespace
 
-void run_module_process(int socket, const ModuleOptions& options, pid_t parent) {
+void start_module_process(int socket, char** words, char** environment, pid_t parent) {
+    ::prctl(PR_SET_PDEATHSIG, SIGTERM);
+    if (::getppid() != parent) // it died before the line above
+        ::_exit(1);
+    ::fcntl(socket, F_SETFD, 0);
+    ::execve("/proc/self/exe", words, environment);
+    server().socket = socket;
+    reply(DB_NUM_E_FAILED,
+          {"its process does not start: execve of /proc/self/exe: " + system_error_text(errno)});
+    ::_exit(1);
+}
+
+bool is_module_process(int argc, char** argv) {
+    return argc > 1 && std::string_view(argv[1]) == module_process_word;
+}
+
+namespace {
+
+// The socket that the client, the parent of this process, made for it; -1 when there is none.
+int inherited_socket(int argc, char** argv) {
+    if (argc != 3)
+        return -1;
+    const std::string_view text = argv[2];
+    int socket = -1;
+    auto [end, error] = std::from_chars(text.data(), text.data() + text.size(), socket);
+    ucred maker{};
+    socklen_t size = sizeof maker;
+    bool good = error == std::errc() && end == text.data() + text.size() && socket > 2 &&
+                ::getsockopt(socket, SOL_SOCKET, SO_PEERCRED, &maker, &size) == 0 &&
+                maker.pid == ::getppid();
+    return good ? socket : -1;
+}
+
+// What the library starts must not keep the client's locks, nor the socket.
+void close_on_exec() {
+    for (const std::string& name :
+         names_in_folder("/proc/self/fd").value_or(std::vector<std::string>())) {
+        int fd = -1;
+        std::from_chars(name.data(), name.data() + name.size(), fd);
+        if (fd > 2)
+            ::fcntl(fd, F_SETFD, FD_CLOEXEC);
+    }
+}
+
+// Takes the first request, and loads the module as it says; false when that failed.
+bool start() {
+    std::string payload;
+    if (receive_frame(server().socket, payload) != ReceiveResult::frame)
+        return false;
+    FrameReader frame(std::move(payload));
+    if (frame.kind() != FrameKind::start)
+        return false;
+    const std::string module_file = frame.text();
+    runtime_directory() = frame.text();
+    server().data_directory = frame.text();
+    std::string failure = load(module_file);
+    if (failure.empty()) {
+        server().module.set_log(on_module_log);
+        server().module.set_trace(on_module_trace);
+    }
+    reply(failure.empty() ? DB_NUM_I_OK : DB_NUM_E_FAILED, {failure});
+    return failure.empty();
+}
+
+} // namespace
+
+int run_module_process(int argc, char** argv) {
     try {
-        ::prctl(PR_SET_PDEATHSIG, SIGTERM);
-        if (::getppid() != parent) // it died before the line above
-            ::_exit(1);
+        server().socket = inherited_socket(argc, argv);
+        if (server().socket < 0) {
+            print_error(std::string(module_process_word) +
+                            " is how qrtln starts the process of its module, no command",
+                        "`qrtln --help` lists the commands");
+            return static_cast<int>(ExitCode::usage);
+        }
+        ::prctl(PR_SET_NAME, "qrtln-module");
+        close_on_exec();
         redirect_standard_streams();
-        // The module tests a DATABASE value as a relative path: nothing of that name is below "/".
         if (::chdir("/") != 0)
             ::_exit(1);
-        if (!options.exec_directory.empty())
-            ::setenv("Notes_ExecDirectory", options.exec_directory.c_str(), 1);
-        runtime_directory() = options.runtime_directory;
-        server().socket = socket;
         std::thread(serve_signals).detach();
-        std::string failure = load(options.module_file);
-        if (failure.empty()) {
-            server().module.set_log(on_module_log);
-            server().module.set_trace(options.on_trace ? on_module_trace : nullptr);
-        }
-        reply(failure.empty() ? DB_NUM_I_OK : DB_NUM_E_FAILED, {failure});
-        if (failure.empty()) {
+        if (start()) {
             serve();
             abandon_operation();
         }

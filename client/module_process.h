@@ -1,13 +1,24 @@
 // The child's side of module_host: loads the module and serves one client until it goes away.
 #pragma once
 
-#include "client/module_host.h"
+#include <sys/types.h>
 
 namespace qrtln {
 
-// Serves requests on `socket` and ends the process. `parent` is the client's process id.
+// The word by which this program is started as the module's process, with the number of its socket.
+inline constexpr const char* module_process_word = "module-process";
+
+// Starts this program anew with these words and this environment, and never returns: where that
+// fails it says so to the client. `parent` is the client's process id.
 // REQUIRES: called right after fork(), with the interrupting signals blocked.
-[[noreturn]] void run_module_process(int socket, const ModuleOptions& options, pid_t parent);
+[[noreturn]] void start_module_process(int socket, char** words, char** environment, pid_t parent);
+
+// Whether the command line is that of a module's process.
+bool is_module_process(int argc, char** argv);
+
+// Serves the requests of the client until it goes away. Returns the exit code, 2 when no client
+// started this process.
+int run_module_process(int argc, char** argv);
 
 } // namespace qrtln
 

@@ -14,7 +14,8 @@ namespace qrtln {
 
 enum class FrameKind : std::uint8_t {
     // client to child; each is answered by one `reply`
-    get_info = 1,
+    start = 1, // how the module is run; the first
+    get_info,
     init,     // type, level, count, control variables
     get_item, //
     prepare,  // item
@@ -26,6 +27,7 @@ enum class FrameKind : std::uint8_t {
     reply = 100, // status, then what the call gave
     log,         // text; at any time
     trace,       // text; at any time
+    notice,      // text for a person; at any time
 };
 
 // Builds one frame.

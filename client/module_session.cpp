@@ -1,6 +1,8 @@
 #include "client/module_session.h"
 
 #include "client/interrupt.h"
+#include "client/module_environment.h"
+#include "client/module_log.h"
 #include "client/output.h"
 #include "client/text.h"
 
@@ -12,6 +14,22 @@ namespace {
 
 constexpr const char* status_ok = "STATUS=0";
 constexpr const char* status_failed = "STATUS=1";
+
+// A command may run the module several times.
+void warn_once(const std::string& warning) {
+    static std::set<std::string> told;
+    if (told.insert(warning).second)
+        print_warnings({warning});
+}
+
+void compare_program_directory(const std::string& trace_line, const NotesIni& ini) {
+    std::optional<ReportedDirectory> reported = parse_reported_directory(trace_line);
+    if (reported && reported->kind == ReportedDirectory::Kind::program &&
+        !ini.program_directory.empty() && !is_same_place(reported->path, ini.program_directory))
+        warn_once("the server's library takes " + reported->path +
+                  " for its program directory, but NotesProgram of " + ini.file + " is " +
+                  ini.program_directory);
+}
 
 } // namespace
 
@@ -31,17 +49,23 @@ ModuleSession::ModuleSession(const OperationContext& context, Observer on_log, O
     module.module_file = m_module_file;
     module.runtime_directory = context.runtime_directory.empty() ? context.store.runtime_directory()
                                                                  : context.runtime_directory;
-    module.exec_directory = exec_directory(context.ini);
+    ModuleEnvironment environment = module_environment(context.ini);
+    for (const std::string& warning : environment.warnings)
+        warn_once(warning);
+    module.environment = std::move(environment.variables);
+    module.data_directory = context.ini.data_directory;
+    module.call_timeout = context.call_timeout;
     module.on_log = [this](const std::string& line) { this->on_log(line); };
+    if (context.verbose)
+        module.on_notice = [](const std::string& text) { print_message(for_terminal(text)); };
     // A trace that cannot be written must not fail the operation.
-    if (context.trace >= 0 || on_trace)
-        module.on_trace = [trace = context.trace,
-                           observe = std::move(on_trace)](const std::string& line) {
-            if (trace >= 0)
-                (void)write_all(trace, as_bytes("trace: " + line + "\n"));
-            if (observe)
-                observe(line);
-        };
+    module.on_trace = [&context, observe = std::move(on_trace)](const std::string& line) {
+        if (context.trace >= 0)
+            (void)write_all(context.trace, as_bytes("trace: " + line + "\n"));
+        compare_program_directory(line, context.ini);
+        if (observe)
+            observe(line);
+    };
     m_host.emplace(std::move(module));
 }
 
@@ -65,6 +89,8 @@ int ModuleSession::init(DB_OPERATION_TYPE type, DB_OPERATION_LEVEL level,
 void ModuleSession::report_failed_start(const std::string& what, const std::string& reason,
                                         std::string hint) {
     throw_if_interrupted();
+    if (hint.empty())
+        hint = loader_hint(reason, m_context.ini);
     if (hint.empty()) {
         bool no_library = reason.find("libnotes") != std::string::npos ||
                           reason.find("Notes C API") != std::string::npos;

@@ -7,6 +7,7 @@
 #include "client/notes_ini.h"
 #include "client/store/store.h"
 
+#include <chrono>
 #include <functional>
 #include <map>
 #include <optional>
@@ -21,11 +22,12 @@ namespace qrtln {
 struct OperationContext {
     const NotesIni& ini;
     Store& store;
-    std::string tmp_dir;                // below it each operation makes a private folder
-    std::string module;                 // as given; empty: found beside the executable
-    int trace = -1;                     // a file descriptor for the module's trace, or -1
-    bool verbose = false;               // show the module's messages
-    std::string runtime_directory = {}; // of the module's run-time data; empty: the store's
+    std::string tmp_dir;                  // below it each operation makes a private folder
+    std::string module;                   // as given; empty: found beside the executable
+    int trace = -1;                       // a file descriptor for the module's trace, or -1
+    bool verbose = false;                 // show the module's messages
+    std::string runtime_directory = {};   // of the module's run-time data; empty: the store's
+    std::chrono::seconds call_timeout{0}; // of the server's silence in one call; 0: none
 };
 
 // The file that the module's trace is appended to; none for an empty name. Throws
@@ -46,8 +48,8 @@ class ModuleSession {
     using Observer = std::function<void(const std::string& line)>;
 
     // Starts the module. Each line of its protocol is kept, shown and traced as the context says,
-    // then handed to `on_log`; each line of its trace to `on_trace`, without which the module
-    // traces only into the context's file. Throws as ModuleHost does.
+    // then handed to `on_log`; each line of its trace to `on_trace` and into the context's file.
+    // What is odd about the environment is told once a command. Throws as ModuleHost does.
     ModuleSession(const OperationContext& context, Observer on_log, Observer on_trace = {});
     // Ends an operation that is still open with STATUS=1; nothing is finished.
     ~ModuleSession() = default;

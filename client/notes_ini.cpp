@@ -47,12 +47,12 @@ std::map<std::string, std::string> parse_notes_ini(const std::string& content) {
         std::string_view line = rest.substr(0, rest.find('\n'));
         rest.remove_prefix(std::min(line.size() + 1, rest.size()));
         std::size_t equals = line.find('=');
-        if (equals == std::string_view::npos)
+        if (equals == std::string_view::npos || trimmed(line).starts_with('['))
             continue;
         std::string name(trimmed(line.substr(0, equals)));
         for (char& letter : name)
             letter = static_cast<char>(std::tolower(static_cast<unsigned char>(letter)));
-        variables.emplace(std::move(name), trimmed(line.substr(equals + 1)));
+        variables.insert_or_assign(std::move(name), std::string(trimmed(line.substr(equals + 1))));
     }
     return variables;
 }

@@ -21,8 +21,8 @@ struct NotesIni {
     bool linear_logging = false;   // and "TRANSLOG_Style=2"
 };
 
-// The variables of a notes.ini: names in lower case, the first of equal names counts, as it does
-// for the server. Lines without "=" are skipped.
+// The variables of a notes.ini: names in lower case, the last of equal names counts, as it does
+// for the server. Lines without "=" and those that begin with "[" are skipped.
 std::map<std::string, std::string> parse_notes_ini(const std::string& content);
 
 // Reads the file and checks that it belongs to a server on this machine; its data directory may be

@@ -78,7 +78,8 @@ const char* const log_archive_file = "qrtln_archive.json";
 
 FileDescriptor lock_server(const NotesIni& ini) {
     const std::string& directory = ini.data_directory;
-    // Without O_CLOEXEC: the module's process keeps it, also when the client is killed.
+    // Without O_CLOEXEC: the module's process keeps it until it has ended, also when the client is
+    // killed.
     FileDescriptor folder(::open(directory.c_str(), O_RDONLY | O_DIRECTORY));
     if (folder && ::flock(folder.get(), LOCK_EX | LOCK_NB) == 0)
         return folder;

@@ -121,7 +121,8 @@ TemporaryDirectory::TemporaryDirectory(const std::string& base, const std::strin
     std::string path = make_folder_for_copies(
         base, data_directory, std::string(name_prefix) + std::to_string(::getpid()) + "-");
     m_path = path;
-    m_lock = FileDescriptor(::open(path.c_str(), O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC));
+    // Without O_CLOEXEC: the module's process keeps it until it has ended, too.
+    m_lock = FileDescriptor(::open(path.c_str(), O_RDONLY | O_DIRECTORY | O_NOFOLLOW));
     if (!m_lock || ::flock(m_lock.get(), LOCK_EX | LOCK_NB) != 0) {
         int error = errno;
         remove();

@@ -1,5 +1,6 @@
 #include "notes_simulator/api_call.h"
 
+#include "notes_simulator/slowness.h"
 #include "notes_simulator/text_translation.h"
 
 #include <unistd.h>
@@ -58,6 +59,14 @@ ApiCall::ApiCall(const char* function, std::string arguments)
     : m_lock(process().mutex), m_function(function), m_arguments(std::move(arguments)) {
     static_cast<void>(readFaultEnvironment()); // NotesInitExtended reports a text that is not valid
     m_fault = faultFor(function);
+    const auto& server = process().server;
+    if (server && server->moods.has(Mood::kSlow)) {
+        const std::string list = server->ini.get("SimSlow").value_or("");
+        const Slowness slowness = slownessOf(list, function);
+        m_lock.unlock();
+        dawdle(slowness);
+        m_lock.lock();
+    }
 }
 
 ApiCall::~ApiCall() {

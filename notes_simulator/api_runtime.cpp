@@ -198,7 +198,8 @@ void NotesTerm(void) {
 WORD OSGetDataDirectory(char* retPathName) {
     return valueCall("OSGetDataDirectory", "", WORD{0}, [&](ApiCall& call) -> WORD {
         require(retPathName);
-        const std::string data = runningServer().data.string();
+        const Server& server = runningServer();
+        const std::string data = server.ini.get("SimDirectory").value_or(server.data.string());
         call.output("path", data.c_str());
         return copyText(data, retPathName, 1028);
     });
@@ -242,6 +243,14 @@ WORD OSTranslate(WORD TranslateMode, const char* In, WORD InLength, char* Out, W
         }
         const std::size_t limit = terminated ? OutLength - 1U : OutLength;
         const std::string_view in(In, terminated ? std::strlen(In) : InLength);
+        const auto& server = process().server;
+        const bool ascii =
+            std::all_of(in.begin(), in.end(), [](char c) { return static_cast<BYTE>(c) < 0x80; });
+        const bool native = static_cast<Translation>(TranslateMode) != Translation::kLmbcsToUtf8;
+        if (server && server->moods.has(Mood::kLocale) && native && !ascii && !nativeIsUtf8()) {
+            *Out = '\0';
+            return 0;
+        }
         const std::string out = translateText(static_cast<Translation>(TranslateMode), in, limit);
         std::memmove(Out, out.data(), out.size()); // callers may convert in place
         if (terminated) {

@@ -17,7 +17,8 @@
  *    is on), TRANSLOG_Style (0 circular, 1 archive, 2 linear), TRANSLOG_Path, TRANSLOG_MaxSize
  *    (MiB; sizes the ring of a circular log), and of the simulator's own: TRANSLOG_SimExtentSize
  *    (bytes in an extent, at least 65536, 1 MiB when missing), SimUserName, SimDateOrder (MDY, DMY
- * or YMD), SimDateSeparator, SimTimeSeparator.
+ * or YMD), SimDateSeparator, SimTimeSeparator, SimDirectory (what OSGetDataDirectory tells, as a
+ * library does that has read another notes.ini).
  *
  * 2. A database is one SQLite file without neighbours: rollback journals lie in the state folder.
  *    Its pages change in place, so that a plain copy of a database in use is torn. While a backup
@@ -65,14 +66,17 @@
  *      session   logs are listed only within an archiving session that the process began: 16160
  *      ended     a call after NotesTerm ends the process with a line that names it
  *      flags     failing statuses carry the flags 0x4000 and 0x8000
- *      locale    where the locale is not UTF-8 only ASCII is translated
+ *      locale    where the locale of LC_ALL, LC_CTYPE or LANG is not UTF-8, OSTranslate gives
+ *                length 0 for native text that is not ASCII
  *      zone      texts of times are read and written in another time zone
  *      before    change information is what was there at NSFBackupStart
  *      foreign   a backup that another process runs, which lives, is kept from others:
  *                NSFBackupStart answers 3748 without a handle and with that of the backup in turn,
  *                and NSFBackupEnd of it fails (16161)
  *      logs      log numbers, names and identities of the more awkward kinds
- *      slow      calls take seconds, or never return
+ *      slow      calls after the start take as long as the variable SimSlow of notes.ini says:
+ *                "NSFBackupStart=2,NSFRecoverDatabases=never" (seconds, or they never return; no
+ *                lock is held meanwhile); without it each tenth call takes a moment
  *
  * domino-sim plays the server and its users (see domino-sim --help): init, create, put, delete,
  * show, unread, workload, check, backups, logs, hold, offline, online, compact, saved, damage,

@@ -1,5 +1,6 @@
 #include "notes_simulator/server.h"
 
+#include "notes_simulator/slowness.h"
 #include "notes_simulator/status.h"
 
 #include <fcntl.h>
@@ -174,6 +175,9 @@ Server openServerByIni(const fs::path& iniFile) {
         throw StatusError(kInvalidArgument, "SimStrict of " + iniFile.string());
     }
     server.moods = *moods;
+    if (!isSlowness(server.ini.get("SimSlow").value_or(""))) {
+        throw StatusError(kInvalidArgument, "SimSlow of " + iniFile.string());
+    }
     const fs::path logs = server.ini.get("TRANSLOG_Path").value_or("");
     server.logs = logs.empty() ? server.root / "logs" : server.resolve(logs);
     server.extentSize =

@@ -27,9 +27,8 @@ Converter openConverter(const char* name) {
     return converter;
 }
 
-/// The character set after the dot of the locale's name; UTF-8 when it names none that is known.
-/// Read anew at each call: it is the host that sets its locale, at a time of its own.
-Converter openNative() {
+/// The character set after the dot of the locale's name; empty when it names none.
+std::string localeCharset() {
     const char* locale = nullptr;
     for (const char* variable : {"LC_ALL", "LC_CTYPE", "LANG"}) {
         locale = std::getenv(variable);
@@ -39,8 +38,15 @@ Converter openNative() {
     }
     const std::string_view name = locale == nullptr ? "" : locale;
     const auto dot = name.find('.');
-    if (dot != std::string_view::npos) {
-        const std::string charset(name.substr(dot + 1, name.find('@', dot) - dot - 1));
+    return dot == std::string_view::npos
+               ? std::string()
+               : std::string(name.substr(dot + 1, name.find('@', dot) - dot - 1));
+}
+
+/// The character set of the locale; UTF-8 when it names none that is known. Read anew at each call:
+/// it is the host that sets its locale, at a time of its own.
+Converter openNative() {
+    if (const std::string charset = localeCharset(); !charset.empty()) {
         UErrorCode error = U_ZERO_ERROR;
         Converter converter(ucnv_open(charset.c_str(), &error));
         if (U_SUCCESS(error) && converter) {
@@ -63,6 +69,11 @@ icu::UnicodeString decoded(UConverter& from, std::string_view text) {
 }
 
 } // namespace
+
+bool nativeIsUtf8() {
+    const std::string charset = localeCharset();
+    return ucnv_compareNames(charset.c_str(), "UTF-8") == 0; // without regard to case and "-"
+}
 
 std::string translateText(Translation translation, std::string_view text, std::size_t limit) {
     const bool toLmbcs = translation == Translation::kNativeToLmbcs;

@@ -108,6 +108,7 @@ int BackupRun::run() {
                               *m_owed,
                               *m_index,
                               m_busy};
+        context.call_timeout = std::chrono::seconds(m_options.call_timeout);
         if (!takes_all())
             save_first(context);
         find_missing_folders();

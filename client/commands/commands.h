@@ -20,6 +20,7 @@ struct ServerOptions {
     std::string tmp_dir;     // below it private folders are made
     std::string module;      // empty: found beside the executable
     std::string trace_file;
+    unsigned call_timeout = 0; // seconds of the server's silence in one call; 0: none
     bool json = false;
     bool verbose = false;
 };

@@ -211,6 +211,7 @@ int run_prove(const ProveOptions& options) {
     FileDescriptor trace = open_trace_file(options.trace_file);
     OperationContext context{ini,         *store,         options.tmp_dir, options.module,
                              trace.get(), options.verbose};
+    context.call_timeout = std::chrono::seconds(options.call_timeout);
     bool damaged = false;
     Proof proof;
     try {

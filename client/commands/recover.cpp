@@ -290,6 +290,7 @@ int run_recover(const RecoverOptions& options) {
     FileDescriptor trace = open_trace_file(options.trace_file);
     OperationContext context{ini,         *store,         options.tmp_dir, options.module,
                              trace.get(), options.verbose};
+    context.call_timeout = std::chrono::seconds(options.call_timeout);
     if (options.dry_run)
         return dry_run(options, context, request, journal);
     RecoveryResult result = run_recovery(context, request, file, journal);

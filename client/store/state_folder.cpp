@@ -64,8 +64,8 @@ FileDescriptor lock_folder(int folder, const std::string& description,
                            const std::function<void(const std::string& doing, int error)>& fail) {
     FileDescriptor lock;
     for (;;) {
-        lock = FileDescriptor(
-            ::openat(folder, lock_file, O_RDWR | O_CREAT | O_NOFOLLOW | O_CLOEXEC, 0600));
+        // Without O_CLOEXEC: the module's process keeps it until it has ended, too.
+        lock = FileDescriptor(::openat(folder, lock_file, O_RDWR | O_CREAT | O_NOFOLLOW, 0600));
         if (!lock)
             fail("open the lock file", errno);
         if (::flock(lock.get(), LOCK_EX | LOCK_NB) != 0) {

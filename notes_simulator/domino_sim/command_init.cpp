@@ -5,6 +5,7 @@
 #include "notes_simulator/times.h"
 #include "notes_simulator/transaction.h"
 
+#include <cstdlib>
 #include <fstream>
 #include <iostream>
 #include <memory>
@@ -49,12 +50,13 @@ std::string notesIni(const InitOptions& options, const fs::path& root) {
                                                           : "0";
     const std::uint64_t ringMebibytes =
         std::max<std::uint64_t>(1, (4 * options.extentSize + kMebibyte - 1) / kMebibyte);
+    const char* const programs = std::getenv("Notes_ExecDirectory"); // as a host will say
     return "[Notes]\n"
            "Directory=" +
            (root / "data").string() +
            "\n"
            "NotesProgram=" +
-           (root / "program").string() +
+           (programs != nullptr ? fs::absolute(programs) : root / "program").string() +
            "\n"
            "KeyFilename=user.id\n"
            "TRANSLOG_Status=" +

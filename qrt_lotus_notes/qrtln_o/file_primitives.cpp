@@ -24,6 +24,8 @@ using Stream = std::unique_ptr<FILE, CloseStream>;
 // What a message about a stream's buffer says beside the name.
 constexpr long kBufferSizeText = static_cast<long>(kStreamBufferSize);
 constexpr long kChunkSizeText = static_cast<long>(QRTLN_BUFFER_SIZE);
+// Of a copy, so that a host which waits gets a sign of life.
+constexpr unsigned long kBytesBetweenTraces = 100 * 8192;
 
 // A stream without the large buffer is slower and nothing else, so the open has succeeded.
 int setBuffer(FILE* stream, char* buffer) {
@@ -57,6 +59,9 @@ bool copyBytes(FILE* source, FILE* target, const char* cpSource, const char* cpT
         const int readError = errno;
         const bool readFailed = std::ferror(source) != 0;
         ulTotal += count;
+        if (count > 0 && ulTotal % kBytesBetweenTraces == 0) {
+            DB_TraceExt("SysFileCopy: %lu bytes so far", ulTotal);
+        }
         if (std::fwrite(szBuffer, 1, count, target) < count) {
             const int error = errno;
             DB_TraceExt("Write %s with error %d", getUTF8FileName(cpTarget), error);

@@ -117,9 +117,10 @@ TEST_F(DatabaseArguments, ScanFindsTheLargestAndWhatTheModuleCannotReach) {
                                       Pair(m_data + "/mail/.hidden.nsf", HasSubstr("dot"))));
 }
 
-TEST(NotesIni, NamesIgnoreCaseAndTheFirstValueCounts) {
-    auto variables = parse_notes_ini("\xEF\xBB\xBF[Notes]\r\nDirectory = /local/data \r\n"
-                                     "no equals sign\ndirectory=/other\nA=b=c\nEmpty=\nLast=1");
+TEST(NotesIni, NamesIgnoreCaseAndTheLastValueCounts) {
+    auto variables = parse_notes_ini("\xEF\xBB\xBF[Notes] =x\r\nDirectory=/other\r\n"
+                                     "no equals sign\n DIRECTORY\t= /local/data \r\nA=b=c\n"
+                                     "Empty=\nLast=1");
     EXPECT_EQ(variables["directory"], "/local/data");
     EXPECT_EQ(variables["a"], "b=c");
     EXPECT_EQ(variables["empty"], "");

@@ -156,6 +156,8 @@ TEST_F(FilePrimitives, CopyReplacesTheTargetWhateverTheSizes) {
                                                    "Number of bytes read = " + std::to_string(size),
                                                    "SysFileCopy: return TRUE"));
     }
+    EXPECT_TRUE(copy(folder.write("source", std::string(1000000, 'c')), folder.file("large")));
+    EXPECT_TRUE(messages.hasTrace("SysFileCopy: 819200 bytes so far")); // a sign of life
 }
 
 TEST_F(FilePrimitives, CopyLeavesAnExistingTargetAloneWhenAsked) {
