@@ -687,7 +687,10 @@ void BackupOperation::report_unprepared(ManifestItem& item, const std::string& f
 // Whether the file changed so that another try may do.
 bool BackupOperation::read_content(ManifestItem& item, const std::string& file) {
     // O_NONBLOCK: a FIFO that took the file's place must not hang the run.
-    FileDescriptor content(::open(file.c_str(), O_RDONLY | O_NONBLOCK | O_NOCTTY | O_CLOEXEC));
+    FileDescriptor content =
+        is_below(file, m_temporary->path())
+            ? m_temporary->open_file(file)
+            : FileDescriptor(::open(file.c_str(), O_RDONLY | O_NONBLOCK | O_NOCTTY | O_CLOEXEC));
     if (content)
         return read_content(item, std::move(content));
     item.reason = errno == ENOENT ? "it is gone: it was there when the module listed it"
@@ -1090,6 +1093,7 @@ void BackupOperation::note_index() {
                               m_index_entry_lost);
     m_context.index.expect_close(m_manifest.set, {.data_directory = m_ini.data_directory,
                                                   .child = m_session->host().process_id(),
+                                                  .folder = m_session->runtime_directory(),
                                                   .whole_full = is_whole_full(),
                                                   .has_entries = m_index_entries > 0,
                                                   .begun_anew = !m_index_begun_anew.empty()});

@@ -41,4 +41,23 @@ void CreatedFolders::give_metadata_back(
     }
 }
 
+std::string give_empty_data_directory(const std::string& directory,
+                                      const std::map<std::string, ManifestItem>& folders) {
+    auto original = folders.find(directory);
+    struct stat status {};
+    std::vector<std::string> names =
+        names_in_folder(directory).value_or(std::vector<std::string>{"unreadable"});
+    std::erase(names, "lost+found");
+    if (::geteuid() != 0 || original == folders.end() || !names.empty() ||
+        ::stat(directory.c_str(), &status) != 0 || status.st_uid != 0)
+        return {};
+    std::string problem;
+    if (FileDescriptor folder = SafeFolder(directory).open_folder("", problem))
+        problem = apply_metadata(folder.get(), original->second);
+    if (!problem.empty())
+        return directory + ": was empty and root's: " + problem;
+    bool roots = ::stat(directory.c_str(), &status) == 0 && status.st_uid == 0; // as before
+    return roots ? "" : directory + ": was empty and root's, and is the lost one's owner's again";
+}
+
 } // namespace qrtln

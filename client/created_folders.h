@@ -31,4 +31,11 @@ class CreatedFolders {
     std::vector<std::string> m_warnings;
 };
 
+// An empty disk is root's: the server's library would run as root on it, for a server that can
+// write nothing there. Gives a data directory that is empty and root's owner and mode of the lost
+// one, if `folders`, by path, has it. Returns what to tell of it, empty when there was nothing to
+// do.
+std::string give_empty_data_directory(const std::string& directory,
+                                      const std::map<std::string, ManifestItem>& folders);
+
 } // namespace qrtln

@@ -9,6 +9,7 @@
 #include "client/restore_plan.h"
 #include "client/safe_paths.h"
 #include "client/server_lock.h"
+#include "client/server_user.h"
 #include "client/temporary_directory.h"
 #include "client/text.h"
 
@@ -44,7 +45,7 @@ constexpr const char* original_folder = "original"; // what stands in for the li
 }
 
 // Both files are this run's own. The kernel shares the blocks where the file system can.
-void copy_file(const std::string& from, const std::string& to) {
+void copy_file(const std::string& from, const std::string& to, const std::string& data_directory) {
     FileDescriptor source(::open(from.c_str(), O_RDONLY | O_NOFOLLOW | O_CLOEXEC));
     if (!source)
         fail("open", from, errno);
@@ -52,6 +53,8 @@ void copy_file(const std::string& from, const std::string& to) {
         ::open(to.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, 0600));
     if (!target)
         fail("create", to, errno);
+    if (int error = give_to_server_user(target.get(), data_directory); error != 0)
+        fail("set the owner of", to, error);
     for (ssize_t copied = 1; copied > 0;) {
         throw_if_interrupted();
         copied = ::copy_file_range(source.get(), nullptr, target.get(), nullptr, copy_step, 0);
@@ -139,7 +142,8 @@ void DocumentRestore::begin(std::uint64_t room) {
     count.at(m_temporary->path()).needed += room;
     require_room(count.list());
     for (const char* name : {work_folder, set_folder, live_folder, original_folder})
-        if (::mkdir(folder(name).c_str(), 0700) != 0)
+        if (::mkdir(folder(name).c_str(), 0700) != 0 ||
+            give_folder_to_server_user(folder(name), m_context.ini.data_directory) != 0)
             fail("create", folder(name), errno);
 }
 
@@ -153,6 +157,9 @@ void DocumentRestore::extract() {
     SafeFile copy(std::move(at), name_of(m_request.item.path));
     WrittenContent written;
     problem = copy.create();
+    if (int error = give_to_server_user(copy.descriptor(), m_context.ini.data_directory);
+        problem.empty() && error != 0)
+        problem = system_error_text(error);
     if (problem.empty()) {
         Progress progress(1);
         progress.next_database();
@@ -211,7 +218,7 @@ Run DocumentRestore::operate(const std::string& live, DocumentKind kind, const s
     // The module removes its own name of the copy.
     bool linked = keep_copy && changed && ::link(file(set_folder).c_str(), place.c_str()) == 0;
     if (keep_copy && changed && !linked)
-        copy_file(file(set_folder), place);
+        copy_file(file(set_folder), place, m_context.ini.data_directory);
     else if (!linked)
         move_file(file(set_folder), place);
     Run run;
@@ -299,7 +306,7 @@ bool DocumentRestore::drop_unreadable(NoteId id) {
 Run DocumentRestore::operate_on_copy(const std::vector<NoteId>& ids) {
     throw_if_interrupted();
     remove_file(file(original_folder));
-    copy_file(file(set_folder), file(original_folder));
+    copy_file(file(set_folder), file(original_folder), m_context.ini.data_directory);
     return operate(file(original_folder), DocumentKind::changed, earliest_point, ids, true);
 }
 
@@ -479,7 +486,7 @@ std::vector<NoteId> DocumentRestore::search(const PointInTime& since,
                                             const std::vector<NoteId>& ids) {
     throw_if_interrupted();
     remove_file(file(original_folder));
-    copy_file(file(live_folder), file(original_folder));
+    copy_file(file(live_folder), file(original_folder), m_context.ini.data_directory);
     Run run = operate(file(original_folder), m_request.kind, since.digits, ids, true);
     if (run.failure)
         throw *run.failure;

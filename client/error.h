@@ -18,7 +18,7 @@ enum class ExitCode {
     damage_found = 4,
     no_store = 10,
     locked = 11,
-    no_permission = 12, // what is in the store may not be read or written by this user
+    no_permission = 12, // this user may not read or write what is in the store, or run the module
     server_error = 14,  // the module or the server's library failed
     logs_missing = 16,  // a set was stored, but the chain of transaction logs has a gap
     interrupted = 128,  // plus the number of the signal

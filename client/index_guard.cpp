@@ -21,10 +21,8 @@ namespace {
 using nlohmann::json;
 
 constexpr int note_format = 1;
-constexpr const char* index_name = "/qrtln_DBIID.ini";
 constexpr const char* aside_suffix = ".damaged";
 constexpr std::size_t maximal_key = 256; // bytes
-constexpr std::size_t maximal_index = std::size_t{1} << 30;
 
 // The hash of a file, empty when there is none. Throws ClientError(failed) when it cannot be read.
 std::string hash_of_file(const std::string& file) {
@@ -169,7 +167,9 @@ std::string IndexGuard::problem_for(const std::string& data_directory) const {
     if (std::find(servers.begin(), servers.end(), data_directory) != servers.end())
         return {};
     return "the index of databases " + for_terminal(m_file) +
-           " was begun anew without a full backup of this server";
+           " has not all entries of this server: no full backup of it was ended since it was "
+           "begun, "
+           "or a backup did not end";
 }
 
 void IndexGuard::set_aside() {
@@ -195,7 +195,11 @@ void IndexGuard::expect_close(const std::string& set, const IndexChange& change)
     // older one again after it was noted.
     flush_folder();
     std::string before = hash_of_index();
-    std::string working_copy = m_file + "." + std::to_string(change.child);
+    m_lent = change.folder.empty() || change.folder + index_name == m_file
+                 ? std::string()
+                 : change.folder + index_name;
+    std::string working_copy =
+        (m_lent.empty() ? m_file : m_lent) + "." + std::to_string(change.child);
     std::string after = hash_of_file(working_copy);
     if (after.empty() && change.has_entries)
         throw ClientError(ExitCode::server_error,
@@ -213,8 +217,28 @@ void IndexGuard::expect_close(const std::string& set, const IndexChange& change)
     if (change.whole_full && m_problem.empty() &&
         std::find(servers.begin(), servers.end(), change.data_directory) == servers.end())
         servers.push_back(change.data_directory);
+    m_servers_before = note.servers;
+    // The store has the new one only when all is over. After a crash before that entries of this
+    // set are missing in the old one, although the server was told that it is over.
+    if (changes && !m_lent.empty())
+        std::erase(note.servers, change.data_directory);
     m_store.write_note(set, SetNote::index, serialize(note));
     m_note = std::move(note);
+}
+
+// A crash before this leaves the old one, which the note has, too. Nothing but what was noted is
+// taken: its folder is another user's.
+void IndexGuard::take_index_back() {
+    std::optional<std::string> content = read_small_file(AT_FDCWD, m_lent, maximal_index);
+    if (!content || m_note->hashes.size() < 2 || sha256_hex(*content) != m_note->hashes.back())
+        return;
+    // One that is a symbolic link stays one.
+    int error = replace_file(real_path(m_file).value_or(m_file), *content);
+    throw_if_no_permission("replace the index of databases", m_file, error, true);
+    if (error != 0)
+        throw ClientError(ExitCode::failed, "cannot replace the index of databases " +
+                                                for_terminal(m_file) + ": " +
+                                                system_error_text(error));
 }
 
 std::string IndexGuard::check_closed(const std::string& set, const std::string& data_directory,
@@ -222,6 +246,8 @@ std::string IndexGuard::check_closed(const std::string& set, const std::string& 
     (void)give_to_owner_of_folder(m_file); // the module makes a new one as whoever runs it
     if (!m_note || m_note->set != set)
         return {};
+    if (!m_lent.empty())
+        take_index_back();
     IndexNote note = *m_note;
     std::string hash = hash_of_index();
     std::string problem;
@@ -234,6 +260,8 @@ std::string IndexGuard::check_closed(const std::string& set, const std::string& 
             problem = "the module did not put the new index of databases in the place of " +
                       for_terminal(m_file);
             std::erase(note.servers, data_directory);
+        } else {
+            note.servers = m_servers_before;
         }
     } else {
         m_problem = "the index of databases " + for_terminal(m_file) +

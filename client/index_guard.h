@@ -29,6 +29,7 @@ struct IndexNote {
 struct IndexChange {
     std::string data_directory = {};
     pid_t child = 0;          // the process of the module
+    std::string folder = {};  // of its run-time data; empty: the store's
     bool whole_full = false;  // the set is a complete full one of the whole server
     bool has_entries = false; // the module said that it wrote some
     bool begun_anew = false;  // it could not read the index, and wrote a new one
@@ -36,6 +37,10 @@ struct IndexChange {
 
 // What is wrong with the note beside a set; empty when nothing is, or there is none.
 std::string index_note_problem(Store& store, const std::string& set);
+
+// The index in a folder of run-time data, and how large it may be.
+inline constexpr const char* index_name = "/qrtln_DBIID.ini";
+inline constexpr std::size_t maximal_index = std::size_t{1} << 30;
 
 // Whether the module's index can have an entry for a database: each is a line "PATH=…", and of the
 // path no more than 256 bytes, as the server translates it.
@@ -64,9 +69,10 @@ class IndexGuard {
     // success: notes the index as it is, and as the module's working copy will make it. Throws
     // ClientError; then the operation must not be closed with success.
     void expect_close(const std::string& set, const IndexChange& change);
-    // To be called after the close; `closed`: the module said that all went well. Returns what is
-    // wrong when it did not leave the index that was expected: then the server's entries are not
-    // complete. Throws ClientError when the index cannot be read.
+    // To be called after the close; `closed`: the module said that all went well. Where the module
+    // had a copy of the index to work on, the store takes it back, if it is the one that was
+    // expected. Returns what is wrong when the close did not leave that index: then the server's
+    // entries are not complete. Throws ClientError when the index cannot be read.
     std::string check_closed(const std::string& set, const std::string& data_directory,
                              bool closed);
     // To be called after that: writes down that only the index as it is counts from now on. Throws
@@ -75,12 +81,15 @@ class IndexGuard {
 
   private:
     std::string hash_of_index() const;
+    void take_index_back();
     void flush_folder() const;
 
     Store& m_store;
     std::string m_file;
-    std::optional<IndexNote> m_note; // the newest
-    bool m_unwritten = false;        // what the last check found is not in it
+    std::string m_lent; // the index that the module works on, where that is not the store's
+    std::vector<std::string> m_servers_before; // of the note, were the close to fail
+    std::optional<IndexNote> m_note;           // the newest
+    bool m_unwritten = false;                  // what the last check found is not in it
     std::string m_problem;
 };
 

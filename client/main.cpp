@@ -21,7 +21,7 @@ namespace {
 constexpr const char* exit_codes = R"(Exit codes:
   0  complete                    10  no store at the given folder
   1  failed                      11  another process uses the store
-  2  wrong usage                 12  this user may not read or write a file of the store
+  2  wrong usage                 12  this user may not use a file of the store, or run the server's library
   3  some items failed           14  the module or the server's library failed
   4  damage found                16  transaction logs are missing: after a backup, which is stored
                                      all the same, take a full one; recover: to an earlier time
@@ -159,6 +159,9 @@ void add_module_options(CLI::App& command, Options& options) {
     command.add_flag("--verbose", options.verbose, "Show the module's messages");
     command.add_option("--trace", options.trace_file, "Append the module's trace to FILE")
         ->type_name("FILE");
+    command.add_flag("--as-other-user", options.as_other_user,
+                     "Run the server's library as this user, who is neither root nor the owner of "
+                     "the data directory");
 }
 
 // What a server does not give at once.

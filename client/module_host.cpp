@@ -67,11 +67,16 @@ std::vector<char*> pointers_to(std::vector<std::string>& texts) {
 }
 
 std::string start_frame(const ModuleOptions& options) {
-    return FrameWriter(FrameKind::start)
-        .text(options.module_file)
-        .text(options.runtime_directory)
-        .text(options.data_directory)
-        .finish();
+    FrameWriter frame(FrameKind::start);
+    frame.text(options.module_file).text(options.runtime_directory).text(options.data_directory);
+    frame.number(options.user ? 1 : 0);
+    if (const std::optional<ServerUser>& user = options.user)
+        frame.text(std::to_string(user->uid))
+            .text(std::to_string(user->gid))
+            .text(user->name)
+            .text(user->home)
+            .number(user->has_entry ? 1 : 0);
+    return frame.finish();
 }
 
 } // namespace
@@ -106,10 +111,13 @@ ModuleHost::ModuleHost(ModuleOptions options) : m_options(std::move(options)) {
         std::string text = answer.text();
         m_socket.reset();
         wait_for_child();
+        std::string hint = "name the file with --module or QRTLN_MODULE";
+        if (m_options.user)
+            hint += "; " + m_options.user->name + ", who runs it, must be able to read it";
         throw ClientError(ExitCode::server_error,
                           "cannot load the module " + for_terminal(m_options.module_file) + ": " +
                               for_terminal(text),
-                          "name the file with --module or QRTLN_MODULE");
+                          hint);
     }
 }
 

@@ -7,10 +7,12 @@
 
 #include "client/file_io.h"
 #include "client/patience.h"
+#include "client/server_user.h"
 #include "qrt_lotus_notes/db_interface.h"
 
 #include <chrono>
 #include <functional>
+#include <optional>
 #include <string>
 #include <string_view>
 #include <sys/types.h>
@@ -23,9 +25,10 @@ namespace qrtln {
 inline constexpr std::size_t module_path_size = 1028;
 
 struct ModuleOptions {
-    std::string module_file;       // a path, or a plain name that the loader searches
-    std::string runtime_directory; // where "gv_rw_times:" points; an absolute path
-    std::string data_directory;    // the server's: the working directory, and what it must report
+    std::string module_file;        // a path, or a plain name that the loader searches
+    std::string runtime_directory;  // where "gv_rw_times:" points; an absolute path
+    std::string data_directory;     // the server's: the working directory, and what it must report
+    std::optional<ServerUser> user; // whom the child becomes; nobody: stays this user
     std::vector<std::pair<std::string, std::string>> environment; // set beside the inherited one
     std::function<void(const std::string&)> on_log;    // the protocol of the module; may be empty
     std::function<void(const std::string&)> on_trace;  // its trace; may be empty

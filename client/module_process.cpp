@@ -388,8 +388,21 @@ void close_on_exec() {
     }
 }
 
+// Whom to become, as the first request has it.
+std::optional<ServerUser> read_user(FrameReader& frame) {
+    if (frame.number() == 0)
+        return std::nullopt;
+    ServerUser user;
+    user.uid = static_cast<uid_t>(std::stoul(frame.text()));
+    user.gid = static_cast<gid_t>(std::stoul(frame.text()));
+    user.name = frame.text();
+    user.home = frame.text();
+    user.has_entry = frame.number() != 0;
+    return user;
+}
+
 // Takes the first request, and loads the module as it says; false when that failed.
-bool start() {
+bool start(pid_t parent) {
     std::string payload;
     if (receive_frame(server().socket, payload) != ReceiveResult::frame)
         return false;
@@ -399,7 +412,14 @@ bool start() {
     const std::string module_file = frame.text();
     runtime_directory() = frame.text();
     server().data_directory = frame.text();
-    std::string failure = load(module_file);
+    const std::optional<ServerUser> user = read_user(frame);
+    std::string failure = user ? become(*user) : std::string();
+    ::prctl(PR_SET_PDEATHSIG, SIGTERM); // another user has lost it
+    if (::getppid() != parent)          // it died before the line above
+        ::_exit(1);
+    std::thread(serve_signals).detach();
+    if (failure.empty())
+        failure = load(module_file);
     if (failure.empty()) {
         server().module.set_log(on_module_log);
         server().module.set_trace(on_module_trace);
@@ -412,6 +432,7 @@ bool start() {
 
 int run_module_process(int argc, char** argv) {
     try {
+        const pid_t parent = ::getppid();
         server().socket = inherited_socket(argc, argv);
         if (server().socket < 0) {
             print_error(std::string(module_process_word) +
@@ -424,8 +445,7 @@ int run_module_process(int argc, char** argv) {
         redirect_standard_streams();
         if (::chdir("/") != 0)
             ::_exit(1);
-        std::thread(serve_signals).detach();
-        if (start()) {
+        if (start(parent)) {
             serve();
             abandon_operation();
         }

@@ -44,11 +44,14 @@ FileDescriptor open_trace_file(const std::string& file) {
 }
 
 ModuleSession::ModuleSession(const OperationContext& context, Observer on_log, Observer on_trace)
-    : m_context(context), m_on_log(std::move(on_log)), m_module_file(find_module(context.module)) {
+    : m_context(context), m_on_log(std::move(on_log)), m_module_file(find_module(context.module)),
+      m_runtime(context.runtime_directory.empty() ? context.store.runtime_directory()
+                                                  : context.runtime_directory,
+                context.tmp_dir, context.ini.data_directory) {
     ModuleOptions module;
     module.module_file = m_module_file;
-    module.runtime_directory = context.runtime_directory.empty() ? context.store.runtime_directory()
-                                                                 : context.runtime_directory;
+    module.runtime_directory = m_runtime.path();
+    module.user = server_user(context.ini.data_directory);
     ModuleEnvironment environment = module_environment(context.ini);
     for (const std::string& warning : environment.warnings)
         warn_once(warning);
@@ -82,6 +85,8 @@ void ModuleSession::on_log(const std::string& line) {
 int ModuleSession::init(DB_OPERATION_TYPE type, DB_OPERATION_LEVEL level,
                         std::vector<std::string> variables) {
     variables.insert(variables.begin(), "NOTESINI=" + m_context.ini.file);
+    if (type == DB_TYPE_BCK)
+        m_runtime.lend_index();
     m_open = true;
     return m_host->init(type, level, variables);
 }

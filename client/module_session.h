@@ -4,6 +4,7 @@
 
 #include "client/error.h"
 #include "client/module_host.h"
+#include "client/module_runtime.h"
 #include "client/notes_ini.h"
 #include "client/store/store.h"
 
@@ -57,6 +58,8 @@ class ModuleSession {
     ModuleSession& operator=(const ModuleSession&) = delete;
 
     ModuleHost& host() { return *m_host; }
+    // Where the module has its run-time data.
+    const std::string& runtime_directory() const { return m_runtime.path(); }
     const std::string& module_file() const { return m_module_file; }
 
     // DB_InitOperation with NOTESINI and these variables. Returns its result.
@@ -100,6 +103,7 @@ class ModuleSession {
     const OperationContext& m_context;
     Observer m_on_log;
     std::string m_module_file;
+    ModuleRuntime m_runtime; // in use by the host's child
     std::optional<ModuleHost> m_host;
     std::string m_last_log_line;
     bool m_item_pending = false;

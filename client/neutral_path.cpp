@@ -48,7 +48,7 @@ NeutralPath::NeutralPath(const std::string& folder, const std::string& data_dire
     if (folder.empty())
         return;
     for (const std::string& place : places_for_links())
-        remove_what_killed_runs_left(place);
+        remove_what_killed_runs_left(place, data_directory);
     if (!is_misread(folder, data_directory))
         return;
     std::string problem;

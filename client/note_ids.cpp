@@ -1,6 +1,7 @@
 #include "client/note_ids.h"
 
 #include "client/error.h"
+#include "client/server_user.h"
 #include "client/text.h"
 
 #include <cerrno>
@@ -143,6 +144,8 @@ void NoteIdList::place(const std::vector<NoteId>& ids) {
     m_device = status.st_dev;
     m_inode = status.st_ino;
     m_placed = true;
+    if (int error = give_to_server_user(file.get(), folder_of(m_path)); error != 0)
+        fail(error); // the module could not read it
     std::string text;
     for (NoteId id : ids)
         text += std::to_string(id) + "\n";

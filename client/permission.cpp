@@ -24,17 +24,6 @@ bool may(const std::string& path, int rights) {
            (errno != EACCES && errno != EPERM);
 }
 
-// The paths from "/" down to this one.
-std::vector<std::string> steps_to(const std::string& path) {
-    std::vector<std::string> steps = {"/"};
-    for (std::size_t slash = path.find('/', 1); slash != std::string::npos;
-         slash = path.find('/', slash + 1))
-        steps.push_back(path.substr(0, slash));
-    if (path != "/")
-        steps.push_back(path);
-    return steps;
-}
-
 // The file, or the folder above it, that keeps this user from `path`.
 std::string culprit_of(const std::string& path, bool writes) {
     const int change = writes ? W_OK : 0;
@@ -55,6 +44,16 @@ std::string culprit_of(const std::string& path, bool writes) {
 }
 
 } // namespace
+
+std::vector<std::string> steps_to(const std::string& path) {
+    std::vector<std::string> steps = {"/"};
+    for (std::size_t slash = path.find('/', 1); slash != std::string::npos;
+         slash = path.find('/', slash + 1))
+        steps.push_back(path.substr(0, slash));
+    if (path != "/")
+        steps.push_back(path);
+    return steps;
+}
 
 std::string user_text(uid_t user) {
     const passwd* entry = ::getpwuid(user);

@@ -4,8 +4,12 @@
 
 #include <string>
 #include <sys/types.h>
+#include <vector>
 
 namespace qrtln {
+
+// The paths from "/" down to this one, which is absolute.
+std::vector<std::string> steps_to(const std::string& path);
 
 // The name of a user, or its number where the system has none.
 std::string user_text(uid_t user);

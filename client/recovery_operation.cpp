@@ -1,6 +1,7 @@
 #include "client/recovery_operation.h"
 
 #include "client/catalogue.h"
+#include "client/created_folders.h"
 #include "client/database_arguments.h"
 #include "client/error.h"
 #include "client/interrupt.h"
@@ -8,6 +9,7 @@
 #include "client/output.h"
 #include "client/recovery_restores.h"
 #include "client/safe_paths.h"
+#include "client/server_user.h"
 #include "client/temporary_directory.h"
 #include "client/text.h"
 
@@ -262,16 +264,28 @@ void Recovery::find_whole_copies() {
 }
 
 void Recovery::create_pending_folder() {
-    if (!in_place() || (!m_journal.pending_folder.empty() && exists(m_journal.pending_folder)))
+    if (!in_place())
         return;
+    if (const std::string& left = m_journal.pending_folder; !left.empty() && exists(left)) {
+        // It may be from a run that was no other user's.
+        if (int error = give_tree_to_server_user(left, m_plan.data_directory); error != 0)
+            throw ClientError(ExitCode::failed,
+                              "cannot give the folder of restored copies " + for_terminal(left) +
+                                  " to the server's user: " + system_error_text(error));
+        return;
+    }
     m_journal.pending_folder = make_pending_folder(m_request.tmp_dir, m_plan.data_directory);
 }
 
 // A new disk in the place of the lost one is empty, or not even that.
 void Recovery::create_data_directory() {
+    const std::string& directory = m_plan.data_directory;
+    if (in_place() && !m_plan.data_directory_missing)
+        if (std::string told = give_empty_data_directory(directory, m_plan.others.folders);
+            !told.empty())
+            m_result.warnings.push_back(told);
     if (!m_plan.data_directory_missing || !in_place())
         return;
-    const std::string& directory = m_plan.data_directory;
     std::string above = folder_of(directory);
     if (real_path(above).value_or("") != above)
         throw ClientError(ExitCode::failed,

@@ -10,6 +10,7 @@
 #include "client/object_content.h"
 #include "client/output.h"
 #include "client/safe_paths.h"
+#include "client/server_user.h"
 #include "client/temporary_directory.h"
 #include "client/text.h"
 #include "client/waiting_copies.h"
@@ -74,6 +75,7 @@ class RestoreOperation {
     void create_relocation_folder();
     void restore_item(const PlannedItem& planned);
     std::optional<std::string> announce(const PlannedItem& planned);
+    std::string give_to_module(int fd) const;
     bool write_content(const PlannedItem& planned, SafeFile& file, std::string& problem);
     void create_folder(const PlannedItem& planned);
     void write_item(const PlannedItem& planned, const std::string& path);
@@ -122,6 +124,10 @@ RestoreResult RestoreOperation::run() {
             fail(planned, planned.reason);
     if (std::none_of(m_plan.items.begin(), m_plan.items.end(), does_work))
         return std::move(m_result);
+    if (m_plan.to.empty())
+        if (std::string told = give_empty_data_directory(m_plan.data_directory, m_plan.folders);
+            !told.empty())
+            m_result.warnings.push_back(told);
     try {
         if (m_plan.pending_folder.empty())
             m_temporary.emplace(absolute_path(m_context.tmp_dir), m_plan.data_directory);
@@ -183,7 +189,10 @@ void RestoreOperation::start() {
 }
 
 void RestoreOperation::create_relocation_folder() {
-    if (!m_plan.to.empty() && ::mkdir(m_plan.to.c_str(), 0700) != 0 && errno != EEXIST)
+    bool made = !m_plan.to.empty() && ::mkdir(m_plan.to.c_str(), 0700) == 0;
+    if (made && m_plan.databases_wait) // the module works in it
+        (void)give_folder_to_server_user(m_plan.to, m_plan.data_directory);
+    if (!m_plan.to.empty() && !made && errno != EEXIST)
         throw ClientError(ExitCode::failed, "cannot create the folder " + for_terminal(m_plan.to) +
                                                 ": " + system_error_text(errno));
 }
@@ -255,6 +264,11 @@ void RestoreOperation::create_folder(const PlannedItem& planned) {
         m_result.restored.push_back(planned.target);
 }
 
+std::string RestoreOperation::give_to_module(int fd) const {
+    int error = give_to_server_user(fd, m_plan.data_directory);
+    return error == 0 ? "" : "cannot give it to the server's user: " + system_error_text(error);
+}
+
 // Whether the content is in the file, whole.
 bool RestoreOperation::write_content(const PlannedItem& planned, SafeFile& file,
                                      std::string& problem) {
@@ -281,7 +295,8 @@ void RestoreOperation::write_item(const PlannedItem& planned, const std::string&
     std::string relative = path_below(path, root_path);
     std::string problem;
     FolderCreated created =
-        placed ? FolderCreated([](int, const std::string&) {}) : m_created.callback(planned.root);
+        placed ? FolderCreated([this](int fd, const std::string&) { (void)give_to_module(fd); })
+               : m_created.callback(planned.root);
     FileDescriptor folder = root.open_folder(relative_folder(relative), problem, created);
     if (!folder) {
         fail(planned, problem);
@@ -289,18 +304,19 @@ void RestoreOperation::write_item(const PlannedItem& planned, const std::string&
     }
     bool taken = take_waiting(planned, folder.get(), name_of(relative));
     SafeFile file(std::move(folder), name_of(relative));
+    // A copy for the server is its user's until it is in place: the module reads and removes it.
+    bool activate = planned.action == RestoreAction::activate;
+    bool for_module =
+        activate || (m_plan.databases_wait && planned.item.kind == ItemKind::database);
     if (!taken)
         problem = file.create();
+    if (!taken && problem.empty() && for_module)
+        problem = give_to_module(file.descriptor());
     if (!taken && problem.empty() && !write_content(planned, file, problem)) {
         if (!problem.empty())
             fail(planned, problem);
         return;
     }
-    // A copy for the server stays this user's until it is in place: the module reads and removes
-    // it.
-    bool activate = planned.action == RestoreAction::activate;
-    bool stays_ours =
-        activate || (m_plan.databases_wait && planned.item.kind == ItemKind::database);
     bool replaces = placed ? !m_plan.pending_folder.empty() : planned.replaces;
     if (problem.empty() && planned.action == RestoreAction::write && m_plan.to.empty())
         owe(planned);
@@ -312,7 +328,7 @@ void RestoreOperation::write_item(const PlannedItem& planned, const std::string&
         m_kept = kept.path;
     }
     if (problem.empty() && !taken)
-        problem = file.commit(stays_ours ? nullptr : &planned.item, replaces);
+        problem = file.commit(for_module ? nullptr : &planned.item, replaces);
     for (const std::string& warning : file.warnings())
         m_result.warnings.push_back(std::string(planned.target).append(": ").append(warning));
     if (problem.empty() && activate) {

@@ -77,6 +77,8 @@ class SafeFile {
     // A symbolic link instead of a file, which takes no bytes. It is never followed.
     std::string create_link(const std::string& target);
     std::string write(Bytes bytes);
+    // The file that was created, for its owner to be set.
+    int descriptor() const { return m_file.get(); }
     // Flushes, gives the metadata back when there is an item, and takes the name. What has it
     // already is replaced only when it is a regular file, or both are links, and `replace`; where
     // there is an item its extended attributes and access list are given to the new one.

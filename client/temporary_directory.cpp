@@ -2,6 +2,8 @@
 
 #include "client/error.h"
 #include "client/neutral_path.h"
+#include "client/safe_paths.h"
+#include "client/server_user.h"
 #include "client/text.h"
 
 #include <cerrno>
@@ -66,6 +68,16 @@ std::string usable_base(const std::string& base, const std::string& data_directo
                           "the temporary directory " + shown + " is inside the data directory " +
                               for_terminal(data_directory),
                           "name a folder elsewhere with --tmp-dir");
+    if (std::string refused = refused_to_server_user(*real_base, X_OK, data_directory);
+        !refused.empty()) {
+        std::string user = server_user(data_directory)->name;
+        throw ClientError(ExitCode::failed,
+                          "the temporary directory " + shown + " cannot be reached by " + user +
+                              ", who owns the data directory and runs the server's library: " +
+                              for_terminal(refused) + " is closed to that user",
+                          "name a folder with --tmp-dir that " + user +
+                              " may pass, or `chmod o+x " + for_terminal(refused) + "`");
+    }
     return *real_base;
 }
 
@@ -77,7 +89,7 @@ void require_usable_tmp_dir(const std::string& base, const std::string& data_dir
 
 // A run that was killed leaves its folder. It is dead when neither it nor its child holds the lock
 // and no process has its number (which covers the moment before a run has taken its lock).
-void remove_what_killed_runs_left(const std::string& base) {
+void remove_what_killed_runs_left(const std::string& base, const std::string& data_directory) {
     FileDescriptor folder(::open(base.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
     if (!folder)
         return;
@@ -89,7 +101,8 @@ void remove_what_killed_runs_left(const std::string& base) {
         FileDescriptor leftover(
             ::openat(folder.get(), name.c_str(), O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC));
         struct stat status {};
-        if (leftover && ::fstat(leftover.get(), &status) == 0 && status.st_uid == ::geteuid() &&
+        if (leftover && ::fstat(leftover.get(), &status) == 0 &&
+            is_runs_own(status.st_uid, data_directory) &&
             ::flock(leftover.get(), LOCK_EX | LOCK_NB) == 0)
             remove_tree(folder.get(), name); // what cannot be removed does no harm to this run
     }
@@ -113,11 +126,19 @@ std::string make_folder_for_copies(const std::string& base, const std::string& d
                           "cannot create a folder in the temporary directory " +
                               for_terminal(base) + ": " + system_error_text(errno),
                           "name a folder with room for the largest database with --tmp-dir");
+    int error = give_folder_to_server_user(path, data_directory);
+    if (error != 0) {
+        ::rmdir(path.c_str());
+        throw ClientError(ExitCode::failed,
+                          "cannot give the temporary folder " + for_terminal(path) +
+                              " to the server's user: " + system_error_text(error),
+                          "name a folder on a local file system with --tmp-dir");
+    }
     return path;
 }
 
 TemporaryDirectory::TemporaryDirectory(const std::string& base, const std::string& data_directory) {
-    remove_what_killed_runs_left(usable_base(base, data_directory));
+    remove_what_killed_runs_left(usable_base(base, data_directory), data_directory);
     std::string path = make_folder_for_copies(
         base, data_directory, std::string(name_prefix) + std::to_string(::getpid()) + "-");
     m_path = path;
@@ -130,6 +151,21 @@ TemporaryDirectory::TemporaryDirectory(const std::string& base, const std::strin
                                                 for_terminal(path) + ": " +
                                                 system_error_text(error));
     }
+}
+
+FileDescriptor TemporaryDirectory::open_file(const std::string& path) const {
+    std::string problem;
+    if (path == m_path || !is_below(path, m_path)) {
+        errno = ENOENT;
+        return {};
+    }
+    // By the open folder: its user can put another one in the place of the path.
+    errno = 0;
+    FileDescriptor file = SafeFolder("/proc/self/fd/" + std::to_string(m_lock.get()))
+                              .open_file(path_below(path, m_path), problem);
+    if (!file && errno == 0)
+        errno = EINVAL; // no file
+    return file;
 }
 
 int TemporaryDirectory::remove() {

@@ -2,6 +2,7 @@
 
 #include "client/recovery_journal.h"
 #include "client/safe_paths.h"
+#include "client/server_user.h"
 #include "client/store/canonical_json.h"
 #include "client/temporary_directory.h"
 
@@ -22,17 +23,17 @@ constexpr int note_format = 1;
 constexpr std::size_t maximal_note = std::size_t{64} << 20;
 constexpr mode_t others_write = S_IWGRP | S_IWOTH;
 
-// Whether nobody but this user, and root, can have changed the file.
-bool is_own(const struct stat& status) {
-    return S_ISREG(status.st_mode) && status.st_nlink == 1 && status.st_uid == ::geteuid() &&
-           (status.st_mode & others_write) == 0;
+// Whether nobody but this user, the server's and root can have changed the file.
+bool is_own(const struct stat& status, const std::string& data_directory) {
+    return S_ISREG(status.st_mode) && status.st_nlink == 1 &&
+           is_runs_own(status.st_uid, data_directory) && (status.st_mode & others_write) == 0;
 }
 
 // Whether nobody else gets to what is in the open folder.
-bool is_private(int folder) {
+bool is_private(int folder, const std::string& data_directory) {
     constexpr mode_t others = S_IRWXG | S_IRWXO;
     struct stat status {};
-    return ::fstat(folder, &status) == 0 && status.st_uid == ::geteuid() &&
+    return ::fstat(folder, &status) == 0 && is_runs_own(status.st_uid, data_directory) &&
            (status.st_mode & others) == 0;
 }
 
@@ -47,7 +48,8 @@ std::vector<NotedCopy> read_note(const std::string& folder, const std::string& d
     struct stat status {};
     std::string note = folder + note_name;
     FileDescriptor open(::open(folder.c_str(), O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC));
-    if (!open || !is_private(open.get()) || ::lstat(note.c_str(), &status) != 0 || !is_own(status))
+    if (!open || !is_private(open.get(), data_directory) || ::lstat(note.c_str(), &status) != 0 ||
+        !is_own(status, data_directory))
         return {};
     std::optional<std::string> content = read_small_file(AT_FDCWD, note, maximal_note);
     std::string problem;
@@ -68,7 +70,7 @@ std::vector<NotedCopy> read_note(const std::string& folder, const std::string& d
     return copies;
 }
 
-// A copy that is this user's own, opened without leaving its folder.
+// A copy that is this run's own, opened without leaving its folder.
 struct OpenCopy {
     FileDescriptor folder;
     std::string name;
@@ -77,7 +79,8 @@ struct OpenCopy {
     explicit operator bool() const { return static_cast<bool>(file); }
 };
 
-OpenCopy open_copy(const std::string& kept, const std::string& relative) {
+OpenCopy open_copy(const std::string& kept, const std::string& relative,
+                   const std::string& data_directory) {
     OpenCopy copy;
     std::string problem;
     SafeFolder root(kept);
@@ -87,8 +90,9 @@ OpenCopy open_copy(const std::string& kept, const std::string& relative) {
     copy.name = name_of(relative);
     if (copy.folder)
         copy.file = root.open_file(relative, problem);
-    bool good = copy.file && ::fstat(copy.file.get(), &copy.status) == 0 && is_own(copy.status) &&
-                is_private(root.open_folder("", problem).get());
+    bool good = copy.file && ::fstat(copy.file.get(), &copy.status) == 0 &&
+                is_own(copy.status, data_directory) &&
+                is_private(root.open_folder("", problem).get(), data_directory);
     if (!good)
         copy.file.reset();
     return copy;
@@ -99,7 +103,9 @@ bool has_content(const OpenCopy& copy, const std::string& object,
                  const std::function<void()>& between) {
     struct stat after {};
     return descriptor_has_content(copy.file.get(), object, between) &&
-           ::fstat(copy.file.get(), &after) == 0 && is_own(after) && is_same(copy.status, after);
+           ::fstat(copy.file.get(), &after) == 0 && after.st_nlink == 1 &&
+           after.st_uid == copy.status.st_uid && after.st_mode == copy.status.st_mode &&
+           is_same(copy.status, after);
 }
 
 // Folders that are not empty stay.
@@ -130,7 +136,8 @@ int note_waiting_copies(const std::string& folder, const std::string& data_direc
     return replace_file(folder + note_name, to_canonical(std::move(document)));
 }
 
-WaitingCopies::WaitingCopies(const std::string& tmp_dir, const std::string& data_directory) {
+WaitingCopies::WaitingCopies(const std::string& tmp_dir, const std::string& data_directory)
+    : m_data_directory(data_directory) {
     for (const std::string& folder : kept_folders(tmp_dir)) {
         std::vector<NotedCopy> copies = read_note(folder, data_directory);
         if (!copies.empty())
@@ -143,7 +150,7 @@ bool WaitingCopies::has(const ManifestItem& item) const {
         for (const NotedCopy& noted : kept.copies) {
             if (noted.path != item.path || noted.object != item.object)
                 continue;
-            OpenCopy copy = open_copy(kept.folder, noted.copy);
+            OpenCopy copy = open_copy(kept.folder, noted.copy, m_data_directory);
             if (copy && static_cast<std::uint64_t>(copy.status.st_size) == item.size)
                 return true;
         }
@@ -156,14 +163,15 @@ std::string WaitingCopies::take(const ManifestItem& item, int folder, const std:
         for (const NotedCopy& noted : kept.copies) {
             if (noted.path != item.path || noted.object != item.object)
                 continue;
-            OpenCopy copy = open_copy(kept.folder, noted.copy);
+            OpenCopy copy = open_copy(kept.folder, noted.copy, m_data_directory);
             if (!copy || !has_content(copy, item.object, between) ||
                 ::renameat2(copy.folder.get(), copy.name.c_str(), folder, name.c_str(),
                             RENAME_NOREPLACE) != 0)
                 continue;
             struct stat moved {};
             if (::fstatat(folder, name.c_str(), &moved, AT_SYMLINK_NOFOLLOW) == 0 &&
-                is_own(moved) && is_same(copy.status, moved))
+                is_own(moved, m_data_directory) && is_same(copy.status, moved) &&
+                give_to_server_user(copy.file.get(), m_data_directory) == 0)
                 return kept.folder + "/" + noted.copy;
             (void)::unlinkat(folder, name.c_str(), 0);
         }
@@ -180,7 +188,7 @@ std::vector<std::string> WaitingCopies::drop(const std::string& path,
             if (noted.path != path || !exists(kept.folder))
                 continue;
             concerned = true;
-            OpenCopy copy = open_copy(kept.folder, noted.copy);
+            OpenCopy copy = open_copy(kept.folder, noted.copy, m_data_directory);
             if (copy && has_content(copy, noted.object, between))
                 (void)::unlinkat(copy.folder.get(), copy.name.c_str(), 0);
             if (exists(file))

@@ -23,15 +23,16 @@ int note_waiting_copies(const std::string& folder, const std::string& data_direc
 
 class WaitingCopies {
   public:
-    // Those of one server below `tmp_dir`, in kept folders that this user alone can write to.
+    // Those of one server below `tmp_dir`, in kept folders that this user, or the server's,
+    // alone can write to.
     // Others, and what is damaged, are passed over.
     WaitingCopies(const std::string& tmp_dir, const std::string& data_directory);
 
     // Whether a copy of the item's content seems to wait: its name and size are looked at.
     bool has(const ManifestItem& item) const;
     // Moves a copy of the item's content into an open folder under this name. It is read and must
-    // be whole, this user's, and have no other name. Returns its former path; empty when there is
-    // none. `between` is called now and then and ends it by throwing.
+    // be whole, of a user as above, and have no other name. Returns its former path; empty when
+    // there is none. `between` is called now and then and ends it by throwing.
     std::string take(const ManifestItem& item, int folder, const std::string& name,
                      const std::function<void()>& between);
     // Removes what still waits for the database, and folders in which nothing waits any more.
@@ -44,6 +45,7 @@ class WaitingCopies {
         std::vector<NotedCopy> copies;
     };
 
+    std::string m_data_directory;
     std::vector<Kept> m_kept;
 };
 

@@ -23,6 +23,7 @@ struct ServerOptions {
     unsigned call_timeout = 0; // seconds of the server's silence in one call; 0: none
     bool json = false;
     bool verbose = false;
+    bool as_other_user = false; // neither root nor the owner of the data directory, and knows it
 };
 
 struct BackupOptions : ServerOptions {

@@ -7,11 +7,13 @@
 #include "client/output.h"
 #include "client/point_in_time.h"
 #include "client/recovery_operation.h"
+#include "client/server_user.h"
 #include "client/store/canonical_json.h"
 #include "client/temporary_directory.h"
 #include "client/text.h"
 
 #include <algorithm>
+#include <unistd.h>
 
 namespace qrtln {
 
@@ -237,10 +239,33 @@ int abandon(const RecoverOptions& options, const NotesIni& ini, const RecoveryJo
     return static_cast<int>(ExitCode::complete);
 }
 
+// The server's library works on the databases right there.
+void require_usable_into(const std::string& into, const Store& store,
+                         const std::string& data_directory) {
+    if (!into.empty() && lies_in(real_path_of_new(into).value_or(into), store.location()))
+        throw ClientError(ExitCode::failed,
+                          "the folder " + for_terminal(into) + " of --into is inside the store",
+                          "name a folder elsewhere");
+    std::string refused =
+        into.empty() ? "" : refused_to_server_user(into, R_OK | W_OK | X_OK, data_directory);
+    if (refused.empty())
+        return;
+    std::string user = server_user(data_directory)->name;
+    throw ClientError(ExitCode::failed,
+                      "the folder " + for_terminal(into) + " of --into cannot be used by " + user +
+                          ", who owns the data directory and runs the server's library: " +
+                          for_terminal(refused) + " is closed to that user",
+                      refused == into
+                          ? "`chown " + user + " " + for_terminal(into) +
+                                "`, or name a folder that is not there yet"
+                          : "name a folder that " + user + " can reach, or `chmod o+x " +
+                                for_terminal(refused) + "`");
+}
+
 int dry_run(const RecoverOptions& options, const OperationContext& context, RecoveryRequest request,
             const std::optional<RecoveryJournal>& journal) {
     request.log_folder_was_lost = journal && journal->log_folder_lost;
-    TemporaryDirectory temporary(absolute_path(options.tmp_dir), context.ini.data_directory);
+    TemporaryDirectory temporary(absolute_path(options.tmp_dir), {}); // the client's alone
     // It has no lock: it looks at a copy, which reading may cut.
     OwedDatabases owed(copy_owed(context.store, temporary.path()));
     LiveDatabases live(context);
@@ -285,6 +310,7 @@ int run_recover(const RecoverOptions& options) {
     origin.moved = request.moved;
     use_server(*store, ini, origin, !request.into.empty());
     check_time(request);
+    require_usable_into(request.into, *store, ini.data_directory);
     if (!options.state.empty() && request.into.empty())
         refuse_state();
     FileDescriptor trace = open_trace_file(options.trace_file);

@@ -3,6 +3,8 @@
 #include "client/catalogue.h"
 #include "client/error.h"
 #include "client/file_io.h"
+#include "client/output.h"
+#include "client/server_user.h"
 #include "client/text.h"
 
 namespace qrtln {
@@ -56,7 +58,22 @@ void take_any_data_directory(Store& store, ServerScope& scope) {
 } // namespace
 
 NotesIni load_server(const ServerOptions& options, bool data_directory_may_be_missing) {
+    if (!options.as_other_user)
+        require_readable_notes_ini(options.notes_ini);
     NotesIni ini = load_notes_ini(options.notes_ini, data_directory_may_be_missing);
+    if (!options.as_other_user)
+        require_server_user(ini.data_directory);
+    if (std::optional<ServerUser> user = server_user(ini.data_directory); user && options.verbose)
+        print_message("the server's library is run as " + user->name +
+                      ", the owner of the data directory");
+    if (std::string refused = refused_to_server_user(ini.file, R_OK, ini.data_directory);
+        !refused.empty())
+        throw ClientError(ExitCode::failed,
+                          "the notes.ini " + for_terminal(ini.file) + " cannot be read by " +
+                              server_user(ini.data_directory)->name +
+                              ", who owns the data directory and runs the server's library: " +
+                              for_terminal(refused) + " is closed to that user",
+                          "name one with --notes-ini that this user may read, or give the right");
     if (!options.server.empty())
         ini.server_name = options.server;
     check_name("--server", ini.server_name);

@@ -8,7 +8,7 @@
 namespace qrtln {
 
 // Reads the server's notes.ini as load_notes_ini does, and names the server by --server, or by the
-// host. Throws ClientError.
+// host. Throws ClientError, also where this user must not run the server's library.
 NotesIni load_server(const ServerOptions& options, bool data_directory_may_be_missing = false);
 
 // Has the store use the run-time data of this server, and settles whose sets count: those of

@@ -493,6 +493,20 @@ TEST_F(Incremental, TheNoteOfTheIndexHoldsForBothSidesOfAClose) {
         test::write_file(index, std::string(c.content) == "old" ? "new" : "old");
         EXPECT_EQ(IndexGuard(*store, host_name()).problem().empty(), !c.whole);
     }
+    // A copy of the index that another user worked on: until the store has it, no crash may leave
+    // an old one that is relied on, and only what was noted is taken.
+    for (const std::string left : {"hostile", "new"}) {
+        test::write_file(m_tmp + "/qrtln_DBIID.ini.4711", "new of " + other);
+        IndexGuard guard(*store, host_name());
+        const std::string before = test::read_file(index);
+        guard.expect_close(set, {.data_directory = "/d", .child = 4711, .folder = m_tmp});
+        EXPECT_FALSE(IndexGuard(*store, host_name()).problem_for("/d").empty());
+        test::write_file(m_tmp + "/qrtln_DBIID.ini", left + " of " + other);
+        EXPECT_EQ(guard.check_closed(set, "/d", left == "new"), "");
+        guard.note_closed(set);
+        EXPECT_EQ(IndexGuard(*store, host_name()).problem_for("/d"), "");
+        EXPECT_EQ(test::read_file(index), left == "new" ? "new of " + other : before);
+    }
     fs::remove(index + ".4711");
     EXPECT_THROW(
         IndexGuard(*store, host_name()).expect_close(set, {.child = 4711, .has_entries = true}),

@@ -2,6 +2,7 @@
 #ifdef QRTLN_DOMINO_SIM
 
 #include "client/recovery_journal.h"
+#include "client/server_user.h"
 #include "client/store/digest.h"
 #include "client/store/state_folder.h"
 #include "tests/client/simulated_server.h"
@@ -110,6 +111,41 @@ TEST_F(StoreRights, WhatAnotherUserMayNotReadIsNoDamageAndRootLeavesNothingOfIts
             expect(command, 12, {file, "belongs to 12345", "chown -R root " + m_store});
         ASSERT_EQ(::chown(file.c_str(), 0, 0), 0);
     }
+}
+
+// Root's library would leave files that the server cannot write.
+TEST_F(StoreRights, RootRunsTheLibraryAsTheServersUserWhoGetsNothingOfTheStore) {
+    const std::string put = "put " + m_server + " mail/user1.nsf --id 4000";
+    ASSERT_EQ(domino(put), 0);
+    const std::string first = full_backup(), list = m_scratch / "ids";
+    ASSERT_EQ(domino(put + " --text changed"), 0);
+    std::string open = "chmod 711 " + m_scratch.path() + " && chown -R 12345 " + m_server;
+    if (::geteuid() != 0 || std::system(open.c_str()) != 0 ||
+        !refused_to_server_user(QRTLN_SIMULATOR_DIRECTORY, X_OK, m_server + "/data").empty())
+        GTEST_SKIP() << "needs root, and a build that other users reach";
+    test::write_file(list, "4000");
+    for (const auto& [code, words] : std::vector<std::pair<int, std::vector<std::string>>>{
+             {0, {"backup"}}, // the first with an entry in the index
+             {0, {"backup", "--level", "incr"}},
+             {0, {"restore", "mail", "--activate", "--keep-replaced"}},
+             {0,
+              {"documents", "changed", "--ids", list, "--set", first, "--since", "2020-01-01 00:00",
+               "mail/user1.nsf"}},
+             {0, {"prove"}},
+             {0, {"recover", "names.nsf"}},
+             {0, {"recover", "names.nsf", "--into", m_to}},
+             {1, {"recover", "names.nsf", "--into", m_scratch.path()}}}) {
+        run(code, words);
+        std::string roots = "find " + m_server + " " + m_tmp + "/* " + m_to + " ! -user 12345";
+        std::string given = "find " + m_store + " ! -user 0";
+        std::string none = "test -z \"$(" + roots + " 2>/dev/null; " + given + ")\"";
+        EXPECT_EQ(std::system(none.c_str()), 0) << words[0] << m_errors;
+    }
+    EXPECT_TRUE(exists(m_store + "/runtime/qrtln_DBIID.ini") && fs::is_empty(m_tmp));
+    std::string other = "setpriv --reuid=54321 --clear-groups " QRTLN_EXECUTABLE " prove 'a b' ";
+    other += "--store " + m_store + " --notes-ini " + m_server + "/notes.ini 2>" + m_err;
+    EXPECT_EQ(WEXITSTATUS(std::system(other.c_str())), 12);
+    EXPECT_THAT(test::read_file(m_err), HasSubstr("sudo -u '#12345' " QRTLN_EXECUTABLE " prove "));
 }
 
 } // namespace qrtln
