@@ -90,6 +90,7 @@ class BackupOperation {
     std::string take_logs_in_session();
     void note_unchecked(const std::string& handed_out);
     void note_unput_question();
+    void note_other_moment(const OtherMoment& other);
     std::string whole_path(const std::string& shown) const;
     void note_yield(const ManifestItem& item);
     void store_item(const std::string& path);
@@ -168,6 +169,7 @@ class BackupOperation {
     bool m_archiving_in_progress = false;
     std::string m_looked_at;       // the database, as the module shows it
     bool m_question_begun = false; // whether it was modified; not put yet
+    bool m_read_earlier = false;   // the time of the base, by the server
     OriginalReader m_originals;
     std::map<std::string, std::uint64_t> m_added; // objects of this run, with their stored sizes
     std::vector<ChainLink> m_chain; // before this set: from the base on, or of all sets without one
@@ -240,6 +242,8 @@ void BackupOperation::on_log(const std::string& line) {
             item->path = m_looked_at;
         m_unchecked.push_back(std::move(*item));
     }
+    if (std::optional<OtherMoment> other = parse_other_moment(line))
+        note_other_moment(*other);
     if (std::optional<LeftOut> left_out = parse_left_out(line))
         m_left_out.push_back(std::move(*left_out));
     if (says_changes_incomplete(line))
@@ -309,6 +313,20 @@ void BackupOperation::note_unput_question() {
                                "the module could not tell whether it was modified: the server did "
                                "not write the time of the base",
                                true});
+}
+
+// Of what changed between the start of the base and a later moment the server does not tell.
+void BackupOperation::note_other_moment(const OtherMoment& other) {
+    if (other.read > m_request.base_started)
+        m_unchecked.push_back(
+            {other.path,
+             "the module could not tell whether it was modified since its base: " +
+                 describe(other) + "; " + other_moment_hint,
+             true, true});
+    else if (!std::exchange(m_read_earlier, true))
+        print_message("warning: databases that did not change since the base are saved as well, "
+                      "as " +
+                      describe(other) + ": " + other_moment_hint);
 }
 
 int BackupOperation::init_operation() {
@@ -480,6 +498,8 @@ void BackupOperation::note_unchecked(const std::string& handed_out) {
         }
         ManifestItem item;
         item.path = unchecked.path.empty() ? m_ini.data_directory : whole_path(unchecked.path);
+        if (unchecked.may_come && (item.path == handed_out || m_seen.contains(item.path)))
+            continue;
         item.kind = unchecked.path.empty() ? ItemKind::directory : item_kind_of(item.path);
         item.reason = unchecked.problem;
         if (unchecked.path.empty())
@@ -637,7 +657,7 @@ void BackupOperation::prepare_and_read(ManifestItem& item) {
                                    "backup, but not rolled forward");
     item.dbiid = m_dbiid;
     if (item.kind == ItemKind::database)
-        item.copied = std::time(nullptr) + 1; // the server went on while it was copied
+        item.copied = std::time(nullptr) + 1; // the server may have gone on until now
     m_prepared = prepared.name;
     (void)read_content(item, prepared.name);
     if (item.reason.empty() && item.copied == 0)

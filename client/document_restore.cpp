@@ -86,6 +86,7 @@ struct Run {
                    : nullptr;
     }
     std::string reason;                 // of a run that is not good
+    std::optional<OtherMoment> other;   // that the server took the time for
     std::optional<ClientError> failure; // the module's process died
 };
 
@@ -106,6 +107,8 @@ class DocumentRestore {
         return folder(name) + "/" + name_of(m_request.item.path);
     }
     void extract();
+    void check_moment();
+    static void require_meant(const Run& run);
     std::string announce(ModuleSession& session, const std::string& live);
     Run operate(const std::string& live, DocumentKind kind, const std::string& since,
                 const std::vector<NoteId>& ids, bool keep_copy);
@@ -209,7 +212,14 @@ Run DocumentRestore::operate(const std::string& live, DocumentKind kind, const s
     DocumentTrace trace;
     m_finishing = false;
     ++m_result.operations;
-    ModuleSession session(m_context, {}, [&](const std::string& line) { trace.take(line); });
+    Run run;
+    ModuleSession session(
+        m_context,
+        [&](const std::string& line) {
+            if (std::optional<OtherMoment> other = parse_other_moment(line))
+                run.other = other;
+        },
+        [&](const std::string& line) { trace.take(line); });
     if (session.init(DB_TYPE_RST, DB_LEVEL_FULL,
                      {"TMP_DIR=" + folder(work_folder), "DATABASE=NOTES",
                       (changed ? "INFO=chgd=" : "INFO=deld=") + since}) != DB_NUM_I_OK)
@@ -221,7 +231,6 @@ Run DocumentRestore::operate(const std::string& live, DocumentKind kind, const s
         copy_file(file(set_folder), place, m_context.ini.data_directory);
     else if (!linked)
         move_file(file(set_folder), place);
-    Run run;
     throw_if_interrupted();
     if (changed)
         m_list.place(ids);
@@ -248,10 +257,31 @@ Run DocumentRestore::operate(const std::string& live, DocumentKind kind, const s
     return run;
 }
 
+void DocumentRestore::require_meant(const Run& run) {
+    if (run.other)
+        throw ClientError(ExitCode::items_failed,
+                          "documents cannot be told by --since: " + describe(*run.other) +
+                              "; no document was changed",
+                          other_moment_hint);
+}
+
+// Asks the server about --since before anything else is touched, in two copies of the set's copy:
+// none of its documents is deleted in the one and there in the other. What else is wrong shows in
+// the restore.
+void DocumentRestore::check_moment() {
+    throw_if_interrupted();
+    copy_file(file(set_folder), file(original_folder));
+    Run run =
+        operate(file(original_folder), DocumentKind::deleted, m_request.since.digits, {}, true);
+    require_meant(run);
+    if (run.failure)
+        throw *run.failure;
+}
+
 DocumentsResult DocumentRestore::restore() {
-    // For those that change, the copy of the set's copy that they are tried in.
-    begin(m_request.kind == DocumentKind::changed ? 2 * m_request.item.size : m_request.item.size);
+    begin(2 * m_request.item.size); // the set's copy, and the copy that it is tried in
     extract();
+    check_moment();
     m_request.kind == DocumentKind::changed ? restore_changed() : restore_deleted();
     return std::move(m_result);
 }
@@ -488,6 +518,7 @@ std::vector<NoteId> DocumentRestore::search(const PointInTime& since,
     remove_file(file(original_folder));
     copy_file(file(live_folder), file(original_folder), m_context.ini.data_directory);
     Run run = operate(file(original_folder), m_request.kind, since.digits, ids, true);
+    require_meant(run); // the zones may differ at another time of the year
     if (run.failure)
         throw *run.failure;
     const TracedNote* failed = run.failed_note();
@@ -554,6 +585,7 @@ DocumentsResult DocumentRestore::find(OwedDatabases& owed) {
     // Each once as it is, and once to be worked on.
     begin(2 * (m_request.item.size + static_cast<std::uint64_t>(live.st_size)));
     extract();
+    check_moment();
     take_live_copy(owed);
     std::time_t now = std::time(nullptr);
     bool changed = m_request.kind == DocumentKind::changed;

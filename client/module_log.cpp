@@ -1,5 +1,8 @@
 #include "client/module_log.h"
 
+#include "client/text.h"
+
+#include <algorithm>
 #include <charconv>
 #include <string_view>
 
@@ -83,6 +86,40 @@ ModifiedTest parse_modified_test(const std::string& line) {
     return {line.starts_with("date: ") ? Step::put : Step::none, {}};
 }
 
+namespace {
+
+constexpr std::string_view source_database = "Src Db: ";
+
+// Takes a number off the front of a text, and what must follow it.
+bool take_number(std::string_view& text, std::int64_t& number, std::string_view after) {
+    auto [end, error] = std::from_chars(text.data(), text.data() + text.size(), number);
+    text.remove_prefix(static_cast<std::size_t>(end - text.data()));
+    if (error != std::errc() || !text.starts_with(after))
+        return false;
+    text.remove_prefix(after.size());
+    return true;
+}
+
+} // namespace
+
+std::optional<OtherMoment> parse_other_moment(const std::string& line) {
+    constexpr std::string_view asked = " is asked since another time: the server reads ";
+    std::size_t at = line.rfind(asked); // a path before it may hold the same words
+    if (!line.starts_with(source_database) || at == std::string::npos)
+        return std::nullopt;
+    std::string_view times = std::string_view(line).substr(at + asked.size());
+    OtherMoment other;
+    other.path = line.substr(source_database.size(), at - source_database.size());
+    if (!take_number(times, other.read, ", meant is ") ||
+        !take_number(times, other.meant, " (seconds since 1970)") || !times.empty())
+        return std::nullopt;
+    return other;
+}
+
+std::string describe(const OtherMoment& other) {
+    return "the server reads " + utc_time(other.meant) + " as " + utc_time(other.read);
+}
+
 std::optional<ServerStatus> parse_server_status(const std::string& line) {
     constexpr std::string_view beginning = "Got Notes error: ";
     std::size_t number = line.rfind(" (");
@@ -115,9 +152,26 @@ bool says_archiving_in_progress(const std::string& line) {
     return line.find("ERR_TRANSLOG_ARCHIVE_IN_PROGRESS") != std::string::npos;
 }
 
+namespace {
+
+// The module compares the whole status here, with the flags that a server may set in it.
+bool says_not_modified(std::string_view text) {
+    constexpr std::string_view failure = " NSFDbGetModifiedNoteTable() returned error ";
+    constexpr std::int64_t status_number_mask = 0x3fff;
+    constexpr std::int64_t no_note_modified = 572;
+    std::size_t at = text.rfind(failure);
+    if (at == std::string_view::npos)
+        return false;
+    text.remove_prefix(at + failure.size());
+    text.remove_prefix(std::min(text.find('(') + 1, text.size())); // behind the hexadecimal form
+    std::int64_t status = 0;
+    return take_number(text, status, "): ") && (status & status_number_mask) == no_note_modified;
+}
+
+} // namespace
+
 std::optional<UncheckedItem> parse_unchecked_item(const std::string& line) {
     constexpr std::string_view unchecked = "Checking if file needs to be backed up failure: ";
-    constexpr std::string_view source = "Src Db: ";
     std::string_view text = line;
     if (text.starts_with(unchecked))
         return UncheckedItem{std::string(text.substr(unchecked.size())),
@@ -126,9 +180,9 @@ std::optional<UncheckedItem> parse_unchecked_item(const std::string& line) {
     if (text.starts_with("ConvertTextToTIMEDATE() failed, got error ") ||
         text.starts_with("isNotesDbModified: the time "))
         return UncheckedItem{{}, line, true};
-    if (!text.starts_with(source))
+    if (!text.starts_with(source_database) || says_not_modified(text))
         return std::nullopt;
-    text.remove_prefix(source.size());
+    text.remove_prefix(source_database.size());
     for (std::string_view failure : {" NSFDbGetModifiedNoteTable() returned error ", " got error ",
                                      " has a name that is not valid for the server"})
         if (std::size_t at = text.rfind(failure); at != std::string_view::npos)

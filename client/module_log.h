@@ -3,6 +3,7 @@
 
 #include "client/store/manifest.h"
 
+#include <ctime>
 #include <optional>
 #include <string>
 
@@ -64,12 +65,29 @@ struct UncheckedItem {
     std::string path;            // as the module shows it: UTF-8, cut at 256 bytes; may be empty
     std::string problem;         // for a person
     bool modified_since = false; // the question was whether it was modified since the base
+    bool may_come = false;       // it was asked all the same, and nothing is amiss if it comes next
 };
 
 // The item that a line says could not be checked, or nothing for any other line. At differential
 // and incremental level the module passes over such an item; at full level it hands it out all the
 // same.
 std::optional<UncheckedItem> parse_unchecked_item(const std::string& line);
+
+// A question about a database that the server took for one about another moment. The module works
+// with what the server read.
+struct OtherMoment {
+    std::string path;      // of the database, as UncheckedItem has it
+    std::time_t read = 0;  // seconds since 1970
+    std::time_t meant = 0; // likewise
+};
+
+// What a line says of that, or nothing for any other line.
+std::optional<OtherMoment> parse_other_moment(const std::string& line);
+
+// "the server reads 2026-11-21T02:49:23Z as 2026-11-20T21:19:23Z", for a person.
+std::string describe(const OtherMoment& other);
+inline constexpr const char* other_moment_hint =
+    "qrtln has another time zone than the server: run it with the TZ of the server";
 
 // A folder that the module could not look into.
 struct LeftOut {

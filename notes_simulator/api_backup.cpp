@@ -123,7 +123,7 @@ STATUS NSFBackupStop(DBHANDLE hDB, DHANDLE hBackupContext) {
     return statusCall("NSFBackupStop", list({hDB, hBackupContext}), [&](ApiCall& call) -> Status {
         const OpenBackup& backup = backupOf(hDB, hBackupContext);
         const BackupContext context = stopBackup(runningServer(), backup.file, backup.id);
-        call.output("commit", context.commitAtStop);
+        call.output("commit", context.copyCommit);
         call.output("infoSize", context.infoSize);
         return kOk;
     });

@@ -5,9 +5,39 @@
 
 #include <unistd.h>
 
+#include <algorithm>
+#include <array>
+#include <cstdio>
+#include <cstdlib>
 #include <new>
 
 namespace notes_sim {
+
+namespace {
+
+bool isOneOf(std::string_view name, std::initializer_list<std::string_view> names) {
+    return std::find(names.begin(), names.end(), name) != names.end();
+}
+
+/// In the mood "ended" the library is not there any more after NotesTerm. A caller that was denied
+/// the archiving of logs may still end a session, and ask for the texts of what that answers.
+void endAfterTermination(const char* function) {
+    const Process& self = process();
+    if (!self.terminated || !self.lastServer || !self.lastServer->moods.has(Mood::kEnded) ||
+        isOneOf(function, {"NotesInitExtended"})) {
+        return;
+    }
+    const bool allowed =
+        self.archivingDenied &&
+        isOneOf(function, {"NSFGetTransLogStyle", "NSFEndArchivingLogs", "OSLoadString"});
+    std::fprintf(stderr, "libnotes (simulated): %s was called after NotesTerm%s\n", function,
+                 allowed ? ", to end an archiving session" : ": the process ends");
+    if (!allowed) {
+        std::abort();
+    }
+}
+
+} // namespace
 
 OpenBackup::~OpenBackup() {
     if (info >= 0) {
@@ -57,6 +87,7 @@ std::string quoted(const char* text) {
 
 ApiCall::ApiCall(const char* function, std::string arguments)
     : m_lock(process().mutex), m_function(function), m_arguments(std::move(arguments)) {
+    endAfterTermination(function);
     static_cast<void>(readFaultEnvironment()); // NotesInitExtended reports a text that is not valid
     m_fault = faultFor(function);
     const auto& server = process().server;
@@ -77,6 +108,20 @@ ApiCall::~ApiCall() {
     } catch (const std::exception&) {
         // A line that cannot be written must not change what the call does.
     }
+}
+
+Status ApiCall::answer(Status status) {
+    Process& self = process();
+    if (status == kOk) {
+        return status;
+    }
+    self.archivingDenied = self.archivingDenied ||
+                           isOneOf(m_function, {"NSFBeginArchivingLogs", "NSFGetTransLogStyle"});
+    if (!self.lastServer || !self.lastServer->moods.has(Mood::kFlags)) {
+        return status;
+    }
+    constexpr std::array<Status, 3> kFlags = {0x4000, 0x8000, 0xC000};
+    return static_cast<Status>(status | kFlags[self.failures++ % kFlags.size()]);
 }
 
 void ApiCall::output(const char* name, std::uint64_t value) {

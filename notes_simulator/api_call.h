@@ -59,7 +59,10 @@ struct Process {
     HandleTable<MemoryObject> memory;
     std::uint32_t archiveCursor = 0; ///< extent that was given out last
     bool handleOfForeign =
-        false; ///< the next start that meets a backup kept from us gives its handle
+        false;               ///< the next start that meets a backup kept from us gives its handle
+    bool terminated = false; ///< NotesTerm was the last that the runtime heard
+    bool archivingDenied = false; ///< since its start it was asked to archive, and cannot
+    std::size_t failures = 0;     ///< calls that have failed
 };
 
 Process& process();
@@ -92,6 +95,8 @@ class ApiCall {
 
     /// The status of the fault that this call meets, if it meets one.
     const std::optional<Status>& fault() const { return m_fault; }
+    /// The status as the caller receives it: in the mood "flags" one of a failure carries flags.
+    Status answer(Status status);
     void result(std::string text) { m_result = std::move(text); }
     /// Adds an output to the journal line, as " name=value".
     void output(const char* name, std::uint64_t value);
@@ -126,6 +131,7 @@ Status statusCall(const char* function, std::string arguments, Body&& body) noex
                 call.output("why", error.what());
             }
         }
+        status = call.answer(status);
         call.result(std::to_string(status));
         return status;
     } catch (...) {

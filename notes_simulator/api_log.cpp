@@ -61,6 +61,9 @@ STATUS NSFGetTransLogStyle(WORD* LogType) {
         const Server& server = knownServer();
         requireLogging(server);
         *LogType = static_cast<WORD>(server.style);
+        if (server.style != LogStyle::kArchive) {
+            process().archivingDenied = true;
+        }
         call.output("style", *LogType);
         return kOk;
     });

@@ -145,6 +145,9 @@ std::string field(const char* text, std::size_t size) {
 
 DateFormat dateFormat(const void* settings) {
     DateFormat format;
+    if (const auto& server = process().server) {
+        format.zone = server->zone;
+    }
     if (settings == nullptr) {
         return format;
     }
@@ -173,6 +176,8 @@ STATUS NotesInitExtended(int argc, char** argv) {
         closeEverything(self);
         self.server = server;
         self.lastServer = server;
+        self.terminated = false;
+        self.archivingDenied = false;
         setRecordingServer(server);
         // A recovery that another process is making holds the lock while it has a journal.
         const ServerLock lock(server);
@@ -189,6 +194,7 @@ void NotesTerm(void) {
         Process& self = process();
         closeEverything(self);
         self.server.reset();
+        self.terminated = true;
         clearRecordingServer();
         return 0;
     });

@@ -1,5 +1,6 @@
 #include "notes_simulator/backup_context.h"
 
+#include "notes_simulator/before_images.h"
 #include "notes_simulator/change_info.h"
 #include "notes_simulator/status.h"
 #include "notes_simulator/times.h"
@@ -60,13 +61,13 @@ json toJson(const BackupContext& context) {
             {"process", context.process},
             {"started", context.started},
             {"sizeAtStart", context.sizeAtStart},
-            {"commitAtStart", context.commitAtStart},
             {"highWaterMark", context.highWaterMark},
+            {"asOfStart", context.asOfStart},
             {"stopped", context.stopped},
-            {"commitAtStop", context.commitAtStop},
-            {"logBytesAtStop", context.logBytesAtStop},
-            {"dbiidAtStop", hex(context.dbiidAtStop)},
-            {"logIdAtStop", hex(context.logIdAtStop)},
+            {"copyCommit", context.copyCommit},
+            {"copyLogBytes", context.copyLogBytes},
+            {"copyDbiid", hex(context.copyDbiid)},
+            {"copyLogId", hex(context.copyLogId)},
             {"infoSize", context.infoSize}};
 }
 
@@ -77,13 +78,13 @@ BackupContext contextFromJson(const json& value) {
     context.process = value.at("process");
     context.started = value.at("started");
     context.sizeAtStart = value.at("sizeAtStart");
-    context.commitAtStart = value.at("commitAtStart");
     context.highWaterMark = value.at("highWaterMark");
+    context.asOfStart = value.at("asOfStart");
     context.stopped = value.at("stopped");
-    context.commitAtStop = value.at("commitAtStop");
-    context.logBytesAtStop = value.at("logBytesAtStop");
-    context.dbiidAtStop = id16FromHex(value.at("dbiidAtStop").get<std::string>());
-    context.logIdAtStop = id16FromHex(value.at("logIdAtStop").get<std::string>());
+    context.copyCommit = value.at("copyCommit");
+    context.copyLogBytes = value.at("copyLogBytes");
+    context.copyDbiid = id16FromHex(value.at("copyDbiid").get<std::string>());
+    context.copyLogId = id16FromHex(value.at("copyLogId").get<std::string>());
     context.infoSize = value.at("infoSize");
     return context;
 }
@@ -123,13 +124,12 @@ std::vector<ChangedRange> readChanges(const fs::path& file) {
     return changes;
 }
 
-std::uint64_t sizeOf(Connection& connection) {
-    sqlite3_file* file = connection.file();
-    sqlite3_int64 size = 0;
-    if (const int result = file->pMethods->xFileSize(file, &size); result != SQLITE_OK) {
-        connection.fail(result, "size");
-    }
-    return static_cast<std::uint64_t>(size);
+/// What the copy is of when the database is as it is now.
+void noteCopy(BackupContext& context, const DatabaseHeader& header, const TransactionLog* log) {
+    context.copyCommit = header.commit;
+    context.copyDbiid = header.dbiid;
+    context.copyLogId = header.logId;
+    context.copyLogBytes = log != nullptr ? log->totalBytes() : 0;
 }
 
 } // namespace
@@ -168,9 +168,14 @@ BackupContext startBackup(const Server& server, const fs::path& file,
     context.database = server.nameOf(file);
     context.process = ::getpid();
     context.started = nowInHundredths();
-    context.sizeAtStart = sizeOf(database.connection());
-    context.commitAtStart = database.header().commit;
+    context.sizeAtStart = presentContent(database.connection()).size;
+    context.asOfStart = server.moods.has(Mood::kBefore);
+    noteCopy(context, database.header(), log.get());
     fs::create_directories(contextFolder(server, key));
+    BeforeImages::remove(contextFolder(server, key));
+    if (context.asOfStart) {
+        BeforeImages::begin(contextFolder(server, key), context.sizeAtStart);
+    }
     std::ofstream changes(changesFile(server, key), std::ios::binary | std::ios::trunc);
     if (!changes) {
         throwErrno(errno, changesFile(server, key).string());
@@ -187,6 +192,9 @@ void setHighWaterMark(const Server& server, const std::string& key, const std::s
     BackupContext context = requireContext(server, key, id);
     context.highWaterMark = mark;
     writeContext(server, key, context);
+    if (const auto images = BeforeImages::open(contextFolder(server, key))) {
+        images->setMark(mark);
+    }
 }
 
 BackupContext stopBackup(const Server& server, const fs::path& file, const std::string& id) {
@@ -199,20 +207,23 @@ BackupContext stopBackup(const Server& server, const fs::path& file, const std::
     }
     Database database(file, Connection::Mode::kReadWrite);
     SqlTransaction exclusive(database.connection(), "BEGIN EXCLUSIVE");
-    const DatabaseHeader header = database.header();
-    context.infoSize = writeChangeInfo(database.connection(), readChanges(changesFile(server, key)),
+    const auto images = BeforeImages::open(contextFolder(server, key));
+    ChangedContent content = presentContent(database.connection());
+    if (images) {
+        content.size = context.sizeAtStart;
+        content.read = [&images](auto bytes, auto offset) { images->content(bytes, offset); };
+    } else {
+        noteCopy(context, database.header(), log.get());
+    }
+    context.infoSize = writeChangeInfo(content, readChanges(changesFile(server, key)),
                                        changeInfoFile(server, key));
     context.stopped = true;
-    context.commitAtStop = header.commit;
-    context.dbiidAtStop = header.dbiid;
-    context.logIdAtStop = header.logId;
-    context.logBytesAtStop = log ? log->totalBytes() : 0;
     writeContext(server, key, context);
     fs::remove(changesFile(server, key));
     exclusive.commit();
     BackupRecord record = readBackupRecord(server, key);
     record.database = context.database;
-    record.stopCommit = header.commit;
+    record.stopCommit = context.copyCommit;
     writeBackupRecord(server, key, record);
     return context;
 }
@@ -235,10 +246,10 @@ void endBackup(const Server& server, const std::string& key, const std::string& 
         record.database = context.database;
         record.backedUp = true;
         record.time = nowInHundredths();
-        record.commit = context.commitAtStop;
-        record.logBytes = context.logBytesAtStop;
-        record.dbiid = context.dbiidAtStop;
-        record.logId = context.logIdAtStop;
+        record.commit = context.copyCommit;
+        record.logBytes = context.copyLogBytes;
+        record.dbiid = context.copyDbiid;
+        record.logId = context.copyLogId;
         writeBackupRecord(server, key, record);
     }
     // Without this file there is no context, whatever else a crash leaves in the folder.

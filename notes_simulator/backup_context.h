@@ -21,20 +21,21 @@ struct BackupContext {
     std::int64_t process = 0;
     std::int64_t started = 0; ///< hundredths of a second since 1970
     std::uint64_t sizeAtStart = 0;
-    std::uint64_t commitAtStart = 0;
     std::uint64_t highWaterMark = 0; ///< how far the reader said it has got, in bytes
+    bool asOfStart = false;          ///< mood "before": the copy becomes the database at the start
     bool stopped = false;
-    std::uint64_t commitAtStop = 0;
-    std::uint64_t logBytesAtStop = 0;
-    Id16 dbiidAtStop{};
-    Id16 logIdAtStop{};
+    // What the copy is of: set at the stop, or at the start when it is as of that.
+    std::uint64_t copyCommit = 0;
+    std::uint64_t copyLogBytes = 0;
+    Id16 copyDbiid{};
+    Id16 copyLogId{};
     std::uint64_t infoSize = 0; ///< bytes of change information, once stopped
 };
 
 /// The last stop and the last completed backup of a database.
 struct BackupRecord {
     std::string database;
-    std::optional<std::uint64_t> stopCommit; ///< commit number at the last NSFBackupStop
+    std::optional<std::uint64_t> stopCommit; ///< commit number of the last copy that was stopped
     bool backedUp = false;                   ///< whether a backup has ended well
     std::int64_t time = 0;                   ///< of its end
     std::uint64_t commit = 0;                ///< commit number that it holds
@@ -60,7 +61,8 @@ bool isKeptFromUs(const Server& server, const std::string& key, const BackupCont
 void setHighWaterMark(const Server& server, const std::string& key, const std::string& id,
                       std::uint64_t mark);
 
-/// Freezes the changed pages and the size of the database as they are now. A context that has been
+/// Freezes the changed pages and the size of the database as they are now, or as they were at the
+/// start of a context that keeps those. A context that has been
 /// stopped already stays as it is. Throws StatusError(kContextGone) when another context, or none,
 /// is open.
 BackupContext stopBackup(const Server& server, const std::filesystem::path& file,
@@ -70,7 +72,7 @@ BackupContext stopBackup(const Server& server, const std::filesystem::path& file
 std::filesystem::path changeInfoFile(const Server& server, const std::string& key);
 
 /// Ends a context. With complete the database counts as backed up, under the DBIID and the log
-/// position of the stop; throws StatusError(kBackupNotStopped) before the stop, and kForeignBackup
+/// position of the copy; throws StatusError(kBackupNotStopped) before the stop, and kForeignBackup
 /// for a context that is kept from this process.
 void endBackup(const Server& server, const std::string& key, const std::string& id, bool complete);
 

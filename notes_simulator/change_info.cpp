@@ -50,8 +50,7 @@ std::vector<ChangedRange> tidied(std::vector<ChangedRange> changes, std::uint64_
 
 } // namespace
 
-std::uint64_t writeChangeInfo(Connection& database, std::vector<ChangedRange> changes,
-                              const fs::path& file) {
+ChangedContent presentContent(Connection& database) {
     // The file is read through SQLite's own descriptor: closing another one of the same file would
     // drop the lock.
     sqlite3_file* source = database.file();
@@ -59,8 +58,20 @@ std::uint64_t writeChangeInfo(Connection& database, std::vector<ChangedRange> ch
     if (const int result = source->pMethods->xFileSize(source, &size); result != SQLITE_OK) {
         database.fail(result, "size");
     }
-    const std::vector<ChangedRange> pieces =
-        tidied(std::move(changes), static_cast<std::uint64_t>(size));
+    return {static_cast<std::uint64_t>(size),
+            [&database, source](std::span<std::uint8_t> bytes, std::uint64_t offset) {
+                const int result =
+                    source->pMethods->xRead(source, bytes.data(), static_cast<int>(bytes.size()),
+                                            static_cast<sqlite3_int64>(offset));
+                if (result != SQLITE_OK) {
+                    database.fail(result, "changed pages");
+                }
+            }};
+}
+
+std::uint64_t writeChangeInfo(const ChangedContent& source, std::vector<ChangedRange> changes,
+                              const fs::path& file) {
+    const std::vector<ChangedRange> pieces = tidied(std::move(changes), source.size);
     std::ofstream stream(file, std::ios::binary | std::ios::trunc);
     std::uint32_t sum = 0;
     std::uint64_t total = 0;
@@ -72,7 +83,7 @@ std::uint64_t writeChangeInfo(Connection& database, std::vector<ChangedRange> ch
     };
     ByteWriter header;
     header.text(kMagic);
-    header.u64(static_cast<std::uint64_t>(size));
+    header.u64(source.size);
     header.u64(pieces.size());
     emit(header.bytes);
     Bytes content;
@@ -82,12 +93,7 @@ std::uint64_t writeChangeInfo(Connection& database, std::vector<ChangedRange> ch
         range.u64(piece.length);
         emit(range.bytes);
         content.resize(piece.length);
-        const int result =
-            source->pMethods->xRead(source, content.data(), static_cast<int>(piece.length),
-                                    static_cast<sqlite3_int64>(piece.offset));
-        if (result != SQLITE_OK) {
-            database.fail(result, "changed pages");
-        }
+        source.read(content, piece.offset);
         emit(content);
     }
     ByteWriter trailer;

@@ -8,15 +8,26 @@
 
 #include <cstdint>
 #include <filesystem>
+#include <functional>
 #include <span>
 #include <vector>
 
 namespace notes_sim {
 
-/// Writes the change information for a database as it is now: the changed ranges with their
-/// present content, and its present size. The caller holds an exclusive lock on it. Returns the
+/// What the changed ranges of a copy are to become: of a database as it is, or as it was.
+struct ChangedContent {
+    std::uint64_t size = 0; ///< of the whole
+    /// Fills the bytes from an offset on. Throws StatusError.
+    std::function<void(std::span<std::uint8_t> bytes, std::uint64_t offset)> read;
+};
+
+/// The present content. The caller holds an exclusive lock on the database, which outlives the
+/// result. Throws StatusError.
+ChangedContent presentContent(Connection& database);
+
+/// Writes the change information: the changed ranges with their content, and the size. Returns the
 /// size of the file written. Throws StatusError.
-std::uint64_t writeChangeInfo(Connection& database, std::vector<ChangedRange> changes,
+std::uint64_t writeChangeInfo(const ChangedContent& source, std::vector<ChangedRange> changes,
                               const std::filesystem::path& file);
 
 /// Applies change information that arrives in pieces of any size.

@@ -17,13 +17,14 @@
  *    is on), TRANSLOG_Style (0 circular, 1 archive, 2 linear), TRANSLOG_Path, TRANSLOG_MaxSize
  *    (MiB; sizes the ring of a circular log), and of the simulator's own: TRANSLOG_SimExtentSize
  *    (bytes in an extent, at least 65536, 1 MiB when missing), SimUserName, SimDateOrder (MDY, DMY
- * or YMD), SimDateSeparator, SimTimeSeparator, SimDirectory (what OSGetDataDirectory tells, as a
- * library does that has read another notes.ini).
+ *    or YMD), SimDateSeparator, SimTimeSeparator, SimZone ("+05:30": texts of times are in this
+ *    zone, east of GMT, instead of the process's own), SimDirectory (what OSGetDataDirectory
+ *    tells, as a library does that has read another notes.ini), SimStrict (see 9).
  *
  * 2. A database is one SQLite file without neighbours: rollback journals lie in the state folder.
  *    Its pages change in place, so that a plain copy of a database in use is torn. While a backup
  *    context is open, every range of it that any process writes or cuts off is recorded; the
- *    change information is those ranges as they were at NSFBackupStop.
+ *    change information is those ranges as they were at NSFBackupStop (but see 9, "before").
  *
  * 3. The log. A logged database writes each transaction to the active extent, then to itself; what
  *    a killed writer left between the two is finished by the next process that opens a database
@@ -64,12 +65,19 @@
  *    --strict`) makes a server do what a real one may do and this one does not by default:
  *
  *      session   logs are listed only within an archiving session that the process began: 16160
- *      ended     a call after NotesTerm ends the process with a line that names it
- *      flags     failing statuses carry the flags 0x4000 and 0x8000
+ *      ended     a call after NotesTerm ends the process (SIGABRT) with a line on standard error
+ *                that names it. Where NSFBeginArchivingLogs or NSFGetTransLogStyle had failed,
+ *                or the style was not archive, NSFGetTransLogStyle, NSFEndArchivingLogs and
+ *                OSLoadString are answered, and told
+ *      flags     failing statuses carry flags: a process's first one 0x4000, the next 0x8000, the
+ *                next both, and so on
  *      locale    where the locale of LC_ALL, LC_CTYPE or LANG is not UTF-8, OSTranslate gives
  *                length 0 for native text that is not ASCII
- *      zone      texts of times are read and written in another time zone
- *      before    change information is what was there at NSFBackupStart
+ *      zone      texts of times are read and written in another time zone: SimZone, which init
+ *                sets to one that this machine's clock never shows; +05:30 without it
+ *      before    change information is what was there at NSFBackupStart, size included, and leaves
+ *                out what changed below the high-water mark: the copy is as of the start, and so
+ *                is what the server remembers of the backup
  *      foreign   a backup that another process runs, which lives, is kept from others:
  *                NSFBackupStart answers 3748 without a handle and with that of the backup in turn,
  *                and NSFBackupEnd of it fails (16161)
@@ -178,13 +186,13 @@ STATUS OSMemFree(DHANDLE Handle);
 /* Writes the international settings, at most BufferSize bytes of them. */
 void OSGetIntlSettings(INTLFORMAT* retIntlFormat, WORD BufferSize);
 
-/* Reads a local time "<date> <time>" in the settings' order and separators; NULL settings mean
-   month/day/year. *Text is moved past what was read, also past blanks behind it. */
+/* Reads a time of the server's zone "<date> <time>" in the settings' order and separators; NULL
+   settings mean month/day/year. *Text is moved past what was read, also past blanks behind it. */
 STATUS ConvertTextToTIMEDATE(const void* IntlFormat, const void* TextFormat, char** Text,
                              WORD MaxLength, TIMEDATE* retTIMEDATE);
 
-/* Writes a time as local "<date> <time>". The text is not terminated; one that does not fit is an
-   error and *retTextLength is 0. */
+/* Writes a time as "<date> <time>" of the server's zone. The text is not terminated; one that does
+   not fit is an error and *retTextLength is 0. */
 STATUS ConvertTIMEDATEToText(const void* IntlFormat, const void* TextFormat,
                              const TIMEDATE* InputTime, char* retTextBuffer, WORD TextBufferLength,
                              WORD* retTextLength);
@@ -257,9 +265,11 @@ STATUS IDDestroyTable(DHANDLE hTable);
    without a handle while the database is compacted. */
 STATUS NSFBackupStart(DBHANDLE hDB, DWORD Flags, DHANDLE* hBackupContext, DWORD* FileSizeLow,
                       DWORD* FileSizeHigh);
-/* Says how far the copy has got. It informs: whatever changes is recorded all the same. */
+/* Says how far the copy has got. It informs: whatever changes is recorded all the same, but in the
+   mood "before", which records nothing below it any more. */
 STATUS NSFBackupSetHighWaterMark(DBHANDLE hDB, DHANDLE hBackupContext, DWORD Low, DWORD High);
-/* Freezes the changes, with their content, and the size of the database as they are now. */
+/* Freezes the changes, with their content, and the size of the database as they are now; in the
+   mood "before" as they were at the start. */
 STATUS NSFBackupStop(DBHANDLE hDB, DHANDLE hBackupContext);
 /* The bytes of change information that NSFBackupGetNextChangeInfo will give; after the stop. */
 STATUS NSFBackupGetChangeInfoSize(DBHANDLE hDB, DHANDLE hBackupContext, DWORD Flags,

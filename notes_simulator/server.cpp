@@ -2,6 +2,7 @@
 
 #include "notes_simulator/slowness.h"
 #include "notes_simulator/status.h"
+#include "notes_simulator/times.h"
 
 #include <fcntl.h>
 #include <sys/file.h>
@@ -23,6 +24,7 @@ namespace {
 constexpr std::uint64_t kMebibyte = 1024 * 1024;
 constexpr std::uint64_t kSmallestExtent = 64 * 1024;
 constexpr std::uint64_t kDefaultLogMebibytes = 4;
+constexpr const char* kStrictZone = "+05:30"; // of the mood "zone", where SimZone names no other
 constexpr std::size_t kLongestKey = 180;
 constexpr std::size_t kKeptOfLongKey = 160;
 
@@ -177,6 +179,12 @@ Server openServerByIni(const fs::path& iniFile) {
     server.moods = *moods;
     if (!isSlowness(server.ini.get("SimSlow").value_or(""))) {
         throw StatusError(kInvalidArgument, "SimSlow of " + iniFile.string());
+    }
+    const std::string zone =
+        server.ini.get("SimZone").value_or(moods->has(Mood::kZone) ? kStrictZone : "");
+    server.zone = parseZone(zone);
+    if (!zone.empty() && !server.zone) {
+        throw StatusError(kInvalidArgument, "SimZone of " + iniFile.string());
     }
     const fs::path logs = server.ini.get("TRANSLOG_Path").value_or("");
     server.logs = logs.empty() ? server.root / "logs" : server.resolve(logs);

@@ -41,6 +41,7 @@ struct Server {
     std::uint64_t extentSize = 0;  ///< bytes in a log extent
     std::uint32_t ringExtents = 0; ///< extents of a circular log
     Moods moods;                   ///< where it is stricter than the simulator is by default
+    std::optional<int> zone;       ///< of its texts of times, minutes east of GMT; else local
 
     /// The name of the user that the server's own programs run as, in native text.
     std::string userName() const;

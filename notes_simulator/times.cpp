@@ -145,6 +145,23 @@ std::int64_t fromTimeWords(const TimeWords& words) {
     return day * kTicksPerDay + words.ticks;
 }
 
+std::optional<int> parseZone(std::string_view text) {
+    Scanner scanner(text);
+    const bool east = scanner.literal("+");
+    if (!east && !scanner.literal("-")) {
+        return std::nullopt;
+    }
+    const auto hours = scanner.number(2);
+    if (!hours || !scanner.literal(":")) {
+        return std::nullopt;
+    }
+    const auto minutes = scanner.number(2);
+    if (!minutes || *hours > 14 || *minutes > 59 || scanner.at() != text.size()) {
+        return std::nullopt;
+    }
+    return (*hours * 60 + *minutes) * (east ? 1 : -1);
+}
+
 std::optional<std::int64_t> parseTime(std::string_view text, const DateFormat& format,
                                       std::size_t* used) {
     Scanner scanner(text);
@@ -160,8 +177,9 @@ std::optional<std::int64_t> parseTime(std::string_view text, const DateFormat& f
     scanner.blanks();
     time.tm_isdst = -1;
     const int day = time.tm_mday;
-    const std::time_t seconds = std::mktime(&time);
-    // mktime carries 31 February over into March: the calendar has no such day.
+    const std::time_t seconds =
+        format.zone ? ::timegm(&time) - *format.zone * 60 : std::mktime(&time);
+    // Both carry 31 February over into March: the calendar has no such day.
     if (time.tm_mday != day) {
         return std::nullopt;
     }
@@ -170,9 +188,10 @@ std::optional<std::int64_t> parseTime(std::string_view text, const DateFormat& f
 }
 
 std::string formatTime(std::int64_t hundredths, const DateFormat& format) {
-    const std::time_t seconds = floorDivide(hundredths, kTicksPerSecond);
+    const std::time_t seconds =
+        floorDivide(hundredths, kTicksPerSecond) + format.zone.value_or(0) * 60;
     std::tm local = {};
-    ::localtime_r(&seconds, &local);
+    format.zone ? ::gmtime_r(&seconds, &local) : ::localtime_r(&seconds, &local);
     const std::string year = std::to_string(local.tm_year + 1900);
     const auto two = [](int value) {
         const std::string digits = std::to_string(value);

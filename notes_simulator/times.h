@@ -29,16 +29,21 @@ struct DateFormat {
     Order order = Order::kMonthDayYear;
     std::string dateSeparator = "/";
     std::string timeSeparator = ":";
+    std::optional<int> zone = {}; ///< minutes east of GMT; without it the time is local
 };
 
-/// Reads "<date>[ <time>]" in local time from the front of text: three numbers of a date in the
-/// order of the format, then hours, minutes and optionally seconds, then optionally AM or PM.
+/// Reads a zone "+05:30": minutes east of GMT. None for anything else.
+std::optional<int> parseZone(std::string_view text);
+
+/// Reads "<date>[ <time>]" in the format's zone from the front of text: three numbers of a date in
+/// the order of the format, then hours, minutes and optionally seconds, then optionally AM or PM.
 /// A date alone means its midnight. On success *used is how many characters were read, trailing
 /// blanks included. None when there is no valid date and time (31 February, 25:00).
 std::optional<std::int64_t> parseTime(std::string_view text, const DateFormat& format,
                                       std::size_t* used);
 
-/// Writes a time as "<date> <time>" in local time with two-digit fields and a four-digit year.
+/// Writes a time as "<date> <time>" in the format's zone, with two-digit fields and a four-digit
+/// year.
 std::string formatTime(std::int64_t hundredths, const DateFormat& format);
 
 /// A time for people: "2026-03-05 14:07:09.12", local.

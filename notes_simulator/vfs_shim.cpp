@@ -1,5 +1,6 @@
 #include "notes_simulator/vfs_shim.h"
 
+#include "notes_simulator/before_images.h"
 #include "notes_simulator/byte_codec.h"
 #include "notes_simulator/sql.h"
 #include "notes_simulator/status.h"
@@ -42,6 +43,7 @@ struct RecordingFile {
     std::string* name;    // a redirected name must live as long as the file
     std::string* changes; // path of the list of changes; none for files that are not recorded
     int recorder;         // descriptor of the list while it is open, else -1
+    BeforeImages* images; // where what changes is kept as it was, while the list is open
     sqlite3_file* below() { return reinterpret_cast<sqlite3_file*>(this + 1); }
 };
 
@@ -68,19 +70,34 @@ void stopRecording(RecordingFile& file) {
         ::close(file.recorder);
         file.recorder = -1;
     }
+    delete file.images;
+    file.images = nullptr;
 }
 
-/// Appends one range to the list of changes. Must succeed before the change itself is made.
-int record(RecordingFile& file, std::uint64_t offset, std::uint64_t length) {
-    if (file.recorder < 0) {
-        return SQLITE_OK;
-    }
-    const ChangedRange range{offset, length};
+int append(const RecordingFile& file, const ChangedRange& range) {
     ssize_t written = 0;
     do {
         written = ::write(file.recorder, &range, sizeof range);
     } while (written < 0 && errno == EINTR);
     return written == static_cast<ssize_t>(sizeof range) ? SQLITE_OK : SQLITE_IOERR_WRITE;
+}
+
+/// Appends one range to the list of changes, or what of it is kept as it was. Must succeed before
+/// the change itself is made.
+int record(RecordingFile& file, std::uint64_t offset, std::uint64_t length) {
+    if (file.recorder < 0) {
+        return SQLITE_OK;
+    }
+    if (file.images == nullptr) {
+        return append(file, {offset, length});
+    }
+    const auto read = [&file](std::span<std::uint8_t> bytes, std::uint64_t from) {
+        return file.below()->pMethods->xRead(file.below(), bytes.data(),
+                                             static_cast<int>(bytes.size()),
+                                             static_cast<sqlite3_int64>(from));
+    };
+    return file.images->keep({offset, length}, read,
+                             [&file](const ChangedRange& kept) { return append(file, kept); });
 }
 
 int shimClose(sqlite3_file* file) {
@@ -124,7 +141,7 @@ int shimFileSize(sqlite3_file* file, sqlite3_int64* size) {
     return below(file)->pMethods->xFileSize(below(file), size);
 }
 
-int shimLock(sqlite3_file* file, int level) {
+int shimLock(sqlite3_file* file, int level) try {
     RecordingFile& self = *asRecording(file);
     const int result = self.below()->pMethods->xLock(self.below(), level);
     if (result != SQLITE_OK || level != SQLITE_LOCK_EXCLUSIVE || self.changes == nullptr) {
@@ -137,7 +154,12 @@ int shimLock(sqlite3_file* file, int level) {
         self.below()->pMethods->xUnlock(self.below(), SQLITE_LOCK_SHARED);
         return SQLITE_IOERR_LOCK;
     }
+    if (self.recorder >= 0) {
+        self.images = BeforeImages::open(fs::path(*self.changes).parent_path()).release();
+    }
     return SQLITE_OK;
+} catch (const std::exception&) {
+    return SQLITE_IOERR_LOCK;
 }
 
 int shimUnlock(sqlite3_file* file, int level) {

@@ -57,8 +57,8 @@ struct ManifestItem {
     // of a database: a restore put it in place since its copy before, so that no log leads from
     // that one to this, whatever their instances
     bool restored = false;
-    // when its content was complete, in seconds since 1970, rounded up: no later change is in it;
-    // 0: not known
+    // when its content was complete, in seconds since 1970, rounded up: no later change is in it,
+    // and of a database perhaps none since its copy began, as the server chooses; 0: not known
     std::int64_t copied = 0;
     std::optional<LogIdentity> log;
     std::vector<std::string> warnings;

@@ -6,9 +6,11 @@
 #include "notes_simulator/transaction.h"
 
 #include <cstdlib>
+#include <ctime>
 #include <fstream>
 #include <iostream>
 #include <memory>
+#include <optional>
 
 namespace fs = std::filesystem;
 using namespace notes_sim;
@@ -43,11 +45,27 @@ void writeFile(const fs::path& file, const std::string& content) {
     replaceFile(file, content);
 }
 
+/// For the mood "zone": one that no clock of this machine shows at any time of a year.
+std::string foreignZone() {
+    const auto shown = [](long offset) {
+        std::time_t time = std::time(nullptr);
+        for (int month = 0; month < 12; ++month, time += 30 * 24 * 3600L) {
+            std::tm local = {};
+            if (::localtime_r(&time, &local) != nullptr && local.tm_gmtoff == offset) {
+                return true;
+            }
+        }
+        return false;
+    };
+    return shown(19800) ? "SimZone=-03:30\n" : "SimZone=+05:30\n";
+}
+
 std::string notesIni(const InitOptions& options, const fs::path& root) {
     const bool logging = options.style != "none";
     const std::string style = options.style == "archive"  ? "1"
                               : options.style == "linear" ? "2"
                                                           : "0";
+    const std::optional<Moods> strict = parseMoods(options.strict);
     const std::uint64_t ringMebibytes =
         std::max<std::uint64_t>(1, (4 * options.extentSize + kMebibyte - 1) / kMebibyte);
     const char* const programs = std::getenv("Notes_ExecDirectory"); // as a host will say
@@ -73,7 +91,8 @@ std::string notesIni(const InitOptions& options, const fs::path& root) {
            "\n"
            "TRANSLOG_SimExtentSize=" +
            std::to_string(options.extentSize) + "\n" +
-           (options.strict.empty() ? "" : "SimStrict=" + options.strict + "\n");
+           (options.strict.empty() ? "" : "SimStrict=" + options.strict + "\n") +
+           (strict && strict->has(Mood::kZone) ? foreignZone() : "");
 }
 
 /// The databases of a new server: the ones that every server has, then mail files.

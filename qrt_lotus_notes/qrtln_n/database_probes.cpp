@@ -126,6 +126,7 @@ BOOL isNotesDbModified(const char* cpNotesDbFile, time_t cal_time) {
     if (!convertSince(cal_time, since, sinceText)) {
         return FALSE;
     }
+    logOtherMoment(cpNotesDbFile, since, cal_time);
 
     DatabaseGuard database;
     if (const STATUS status = database.open(szTmpFile); status != kNotesNoError) {

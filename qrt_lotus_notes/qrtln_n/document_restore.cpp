@@ -2,6 +2,7 @@
 
 #include <cerrno>
 #include <cstdio>
+#include <ctime>
 #include <string>
 #include <string_view>
 #include <unordered_set>
@@ -11,6 +12,7 @@
 #include "qrt_lotus_notes/qrtln_n/copy_path.h"
 #include "qrt_lotus_notes/qrtln_n/guards.h"
 #include "qrt_lotus_notes/qrtln_n/notes_report.h"
+#include "qrt_lotus_notes/qrtln_n/notes_time.h"
 #include "qrt_lotus_notes/qrtln_u/argument_paths.h"
 
 namespace {
@@ -94,7 +96,24 @@ bool openDatabase(Kind kind, const char* path, DatabaseGuard& database) {
     return true;
 }
 
-bool convertSince(Kind kind, const char* cpChangedSinceDate, TIMEDATE& time) {
+// The moment that a text of formatSince means here. False when it means none.
+bool readSince(const char* cpChangedSinceDate, time_t& meant) {
+    struct tm local = {};
+    if (std::sscanf(cpChangedSinceDate, "%2d/%2d/%4d %2d:%2d", &local.tm_mon, &local.tm_mday,
+                    &local.tm_year, &local.tm_hour, &local.tm_min) != 5) {
+        return false;
+    }
+    local.tm_mon -= 1;
+    local.tm_year -= 1900;
+    local.tm_isdst = -1;
+    struct tm normal = local;
+    meant = std::mktime(&normal);
+    return normal.tm_mday == local.tm_mday && normal.tm_mon == local.tm_mon &&
+           normal.tm_hour == local.tm_hour && normal.tm_min == local.tm_min;
+}
+
+bool convertSince(Kind kind, const char* cpOriginalDb, const char* cpChangedSinceDate,
+                  TIMEDATE& time) {
     char szSince[kPathSize];
     copyText(szSince, cpChangedSinceDate); // the call takes a pointer that it moves
     char* cpSince = szSince;
@@ -107,6 +126,9 @@ bool convertSince(Kind kind, const char* cpChangedSinceDate, TIMEDATE& time) {
         reportNotesError(status);
         return false;
     }
+    if (time_t meant = 0; readSince(cpChangedSinceDate, meant)) {
+        logOtherMoment(cpOriginalDb, time, meant);
+    }
     return true;
 }
 
@@ -116,7 +138,7 @@ bool openBoth(Kind kind, const char* cpOriginalDb, const char* cpBackupDb,
     if (!haveEqualNames(kind, cpOriginalDb, cpBackupDb) ||
         !openDatabase(kind, cpOriginalDb, databases.original) ||
         !openDatabase(kind, cpBackupDb, databases.backup) ||
-        !convertSince(kind, cpChangedSinceDate, databases.tdStartTime)) {
+        !convertSince(kind, cpOriginalDb, cpChangedSinceDate, databases.tdStartTime)) {
         return false;
     }
     notes_api.NSFDbIDGet(databases.original.handle(), &databases.OriginalDbDbId);

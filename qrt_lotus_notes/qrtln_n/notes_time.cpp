@@ -61,3 +61,16 @@ bool isSameMoment(const TIMEDATE& timedate, time_t time) {
     return timedate.Innards[0] == static_cast<DWORD>(hundredths) &&
            (timedate.Innards[1] & kJulianDayMask) == static_cast<DWORD>(days + kJulianDayOf1970);
 }
+
+void logOtherMoment(const char* cpNotesDbFile, const TIMEDATE& timedate, time_t meant) {
+    if (isSameMoment(timedate, meant)) {
+        return;
+    }
+    const time_t days =
+        static_cast<time_t>(timedate.Innards[1] & kJulianDayMask) - kJulianDayOf1970;
+    const time_t read = days * kSecondsPerDay + static_cast<time_t>(timedate.Innards[0] / 100);
+    DB_LogExt("Src Db: %s is asked since another time: the server reads %lld, meant is %lld "
+              "(seconds since 1970)",
+              getUTF8FileName(cpNotesDbFile), static_cast<long long>(read),
+              static_cast<long long>(meant));
+}

@@ -21,3 +21,7 @@ bool convertTime(const char* function, const INTLFORMAT& intl, time_t time, TIME
 
 // Whether the server's time is this very moment, to the hundredth.
 bool isSameMoment(const TIMEDATE& timedate, time_t time);
+
+// Logs about a database that the server read a text as another moment than was meant, as one in
+// another time zone does; nothing when it did not.
+void logOtherMoment(const char* cpNotesDbFile, const TIMEDATE& timedate, time_t meant);

@@ -9,6 +9,7 @@
 #include <algorithm>
 #include <csignal>
 #include <ctime>
+#include <fstream>
 #include <gmock/gmock.h>
 #include <nlohmann/json.hpp>
 #include <sys/wait.h>
@@ -56,6 +57,10 @@ class OverTheSimulator : public testing::Test {
     OverTheSimulator() {
         std::filesystem::create_directories(m_tmp);
         domino("init " + m_server + " --databases 6 --extent-size 65536");
+    }
+    // Has the server do what a real one may do: names of moods, with commas.
+    void set_moods(const std::string& moods) const {
+        std::ofstream(m_server + "/notes.ini", std::ios::app) << "SimStrict=" << moods << "\n";
     }
     // Runs domino-sim with plain words; its exit status.
     int domino(const std::string& words) const {

@@ -14,7 +14,11 @@ using test::read_file;
 using test::run_client;
 using testing::HasSubstr;
 
-TEST_F(OverTheSimulator, EveryDatabaseSavedUnderLoadIsExactlyWhatTheServerCommitted) {
+class UnderLoad : public OverTheSimulator, public testing::WithParamInterface<const char*> {};
+INSTANTIATE_TEST_SUITE_P(Moods, UnderLoad, testing::Values("", "before"));
+
+TEST_P(UnderLoad, EveryDatabaseIsSavedExactlyAsTheServerCommittedIt) {
+    set_moods(GetParam());
     std::string manifest = m_scratch / "commits";
     std::string workload = std::string(QRTLN_DOMINO_SIM) + " workload " + m_server +
                            " --writers 2 --manifest " + manifest + " >/dev/null 2>&1 & echo $! >" +

@@ -95,10 +95,10 @@ TEST_F(DatabaseProbesTest, ModifiedAsksWithTheDayBeforeTheMonthInTheServersSepar
         const int flags = (row.flags & ~0x00A0) | 0x0040;
         script.play({
             {"ConvertTextToTIMEDATE " + std::to_string(flags) + " 0 0 2 2 " + row.text,
-             {.numbers = {333, 444}}},
-            {"ConvertTIMEDATEToText 333 444 80", {.text = "05/03"}},
+             {.numbers = {4722900, 2460375}}},
+            {"ConvertTIMEDATEToText 4722900 2460375 80", {.text = "05/03"}},
             {"NSFDbOpen L:/data/a.nsf", {.numbers = {7}}},
-            {"NSFDbGetModifiedNoteTable 7 32767 333 444", {.numbers = {8}}},
+            {"NSFDbGetModifiedNoteTable 7 32767 4722900 2460375", {.numbers = {8}}},
             {"IDEntries 8", {.numbers = {12}}},
             {"IDDestroyTable 8"},
             {"NSFDbClose 7"},
@@ -113,10 +113,10 @@ TEST_F(DatabaseProbesTest, ModifiedAsksWithTheDayBeforeTheMonthInTheServersSepar
 TEST_F(DatabaseProbesTest, EveryOtherAnswerMeansNotModified) {
     const TimeZone zone("UTC0");
     const Step convert = {"ConvertTextToTIMEDATE 64 0 0 2 2 01.01.1970 00:00:00",
-                          {.numbers = {333, 444}}};
-    const Step back = {"ConvertTIMEDATEToText 333 444 80", {.text = std::string(80, 't')}};
+                          {.numbers = {0, 2440588}}};
+    const Step back = {"ConvertTIMEDATEToText 0 2440588 80", {.text = std::string(80, 't')}};
     const Step open = {"NSFDbOpen L:/data/a.nsf", {.numbers = {7}}};
-    const Step table = {"NSFDbGetModifiedNoteTable 7 32767 333 444", {.numbers = {8}}};
+    const Step table = {"NSFDbGetModifiedNoteTable 7 32767 0 2440588", {.numbers = {8}}};
     const Step close = {"NSFDbClose 7"};
     const std::vector<Step> good = {convert, back, open, table, close};
     const std::string name = "Src Db: U:L:/data/a.nsf ";
@@ -154,6 +154,17 @@ TEST_F(DatabaseProbesTest, EveryOtherAnswerMeansNotModified) {
     // A time without a date, a name that does not fit, no runtime.
     EXPECT_FALSE(isNotesDbModified("/data/a.nsf", std::numeric_limits<time_t>::max()));
     EXPECT_FALSE(isNotesDbModified(std::string(1022, 'x').c_str(), 0));
+    // Half an hour too late, as in another zone: said, and the server's time is what it works with.
+    messages.clear();
+    script.play({{convert.call, {.numbers = {180000, 2440588}}},
+                 {"ConvertTIMEDATEToText 180000 2440588 80", {.text = "t"}},
+                 {open.call, {.status = 1}}});
+    EXPECT_FALSE(isNotesDbModified("/data/a.nsf", 0));
+    EXPECT_THAT(messages.logs(),
+                ElementsAre(name + "is asked since another time: the server reads 1800, meant is 0 "
+                                   "(seconds since 1970)",
+                            name + "got error 1 (1): Notes text 1"));
+
     g_sQRTLN_Global.bNotesInitialized = FALSE;
     EXPECT_FALSE(isNotesDbModified("/data/a.nsf", 0));
     EXPECT_EQ(takeErrorText(), kRuntimeNotInitialized);

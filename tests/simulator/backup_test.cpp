@@ -2,9 +2,13 @@
 #include "support.h"
 
 #include <gtest/gtest.h>
+#include <sqlite3.h>
 
+#include <algorithm>
 #include <cstdlib>
 #include <fstream>
+#include <iterator>
+#include <sstream>
 
 namespace fs = std::filesystem;
 
@@ -24,14 +28,16 @@ TEST(BackupUnderWriters, CopyIsExactWithItsChangesAndTornOrStaleWithoutThemInMos
     constexpr DWORD kInfoBuffers[] = {32768, 997, 17, 100003, 65536};
     int bad = 0;
     int torn = 0;
-    for (int round = 0; round < 2 * rounds(); ++round) {
-        const bool apply = round % 2 == 0;
-        const TestServer server;
+    for (int round = 0; round < 3 * rounds(); ++round) {
+        const bool apply = round % 3 != 1;
+        const bool before = round % 3 == 2;
+        const TestServer server({"--strict", before ? "before" : ""});
         Workload workload(server, kDatabase, 2);
-        for (int i = 0; i < kTriesInRound; ++i) {
+        for (int i = 0; i < kTriesInRound / (before ? 2 : 1); ++i) {
             const fs::path copy = server.folder / "copy.nsf";
             CopySteps steps;
             steps.applyChanges = apply;
+            steps.chunksPerMark = before ? 4 : 0;
             steps.infoBuffer = kInfoBuffers[i % 5];
             steps.between = [&] { workload.awaitCommit(); };
             ASSERT_NO_FATAL_FAILURE(backUp(kDatabase, server.data(kDatabase), copy, steps));
@@ -81,6 +87,39 @@ TEST(BackupOverARollback, BeginsOnlyWhenNoTransactionIsHalfInPlace) {
     const fs::path copy = server.folder / "copy.nsf";
     ASSERT_NO_FATAL_FAILURE(backUp(kDatabase, server.data(kDatabase), copy, {}));
     EXPECT_TRUE(readFile(copy) == before);
+}
+
+// As of the start, size and what the server remembers included, whatever of it was read already.
+TEST(BackupInTheMoodBefore, IsTheDatabaseAtTheStartByteForByteAlsoWhenItShrinksMeanwhile) {
+    const TestServer server({"--strict", "before"});
+    const RunResult put = dominoSim({"put", server.root(), kDatabase, "--count", "300"});
+    std::vector<std::string> words{"delete", server.root(), kDatabase};
+    std::istringstream ids(put.output);
+    std::copy(std::istream_iterator<std::string>(ids), {}, std::back_inserter(words));
+    dominoSim(words);
+    const fs::path copy = server.folder / "copy.nsf";
+    std::string before;
+    CopySteps steps;
+    steps.chunksPerMark = 1;
+    steps.between = [&] {
+        if (!before.empty()) {
+            dominoSim({"put", server.root(), kDatabase, "--count", "9"});
+            return;
+        }
+        before = readFile(server.data(kDatabase));
+        sqlite3* database = nullptr;
+        sqlite3_open_v2(server.data(kDatabase).c_str(), &database, SQLITE_OPEN_READWRITE,
+                        "notes-simulator");
+        EXPECT_EQ(sqlite3_exec(database, "VACUUM", nullptr, nullptr, nullptr), SQLITE_OK);
+        sqlite3_close(database);
+        EXPECT_LT(fs::file_size(server.data(kDatabase)), before.size());
+    };
+    ASSERT_NO_FATAL_FAILURE(backUp(kDatabase, server.data(kDatabase), copy, steps));
+    EXPECT_TRUE(readFile(copy) == before);
+    std::string name = server.data(kDatabase).string();
+    DWORD needed = 0;
+    EXPECT_EQ(NSFIsNewBackupNeeded(name.data(), 0, &needed), 0);
+    EXPECT_GT(needed, 0U) << "what was logged during the copy is not in it";
 }
 
 class ChangeInfo : public ::testing::Test {

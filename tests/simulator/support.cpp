@@ -183,20 +183,23 @@ void backUp(const std::string& database, const fs::path& source, const fs::path&
     {
         std::ifstream in(source, std::ios::binary);
         std::ofstream out(copy, std::ios::binary | std::ios::trunc);
-        std::string buffer(steps.chunk, '\0');
-        for (std::uint64_t left = static_cast<std::uint64_t>(high) << 32 | low; left > 0;) {
-            const auto want =
-                static_cast<std::streamsize>(std::min<std::uint64_t>(left, steps.chunk));
-            in.read(buffer.data(), want);
-            ASSERT_EQ(in.gcount(), want) << "the database is shorter than at the start";
-            out.write(buffer.data(), want);
-            left -= static_cast<std::uint64_t>(want);
+        const std::uint64_t size = static_cast<std::uint64_t>(high) << 32 | low;
+        std::size_t chunks = 0;
+        for (std::uint64_t at = 0; at < size;) {
+            // Zeros stand for what is cut off meanwhile.
+            std::string buffer(std::min<std::uint64_t>(size - at, steps.chunk), '\0');
+            in.read(buffer.data(), static_cast<std::streamsize>(buffer.size()));
+            in.clear();
+            out << buffer;
+            at += buffer.size();
+            if (steps.chunksPerMark != 0 && ++chunks % steps.chunksPerMark == 0) {
+                EXPECT_EQ(NSFBackupSetHighWaterMark(db, context, static_cast<DWORD>(at), 0), 0);
+            }
             if (steps.between) {
                 steps.between();
             }
         }
     }
-    EXPECT_EQ(NSFBackupSetHighWaterMark(db, context, low, high), 0);
     ASSERT_EQ(NSFBackupStop(db, context), 0);
     if (steps.applyChanges) {
         DHANDLE apply = 0;

@@ -123,6 +123,7 @@ struct CopySteps {
     bool applyChanges = true;
     std::size_t chunk = 32768;     ///< of the copy
     DWORD infoBuffer = 32768;      ///< of the change information
+    std::size_t chunksPerMark = 0; ///< after how many the mark is set; 0: never
     std::function<void()> between; ///< called after each chunk of the copy
 };
 
