@@ -1,7 +1,9 @@
 #include "client/backup_operation.h"
 
+#include "client/attachment_objects.h"
 #include "client/catalogue.h"
 #include "client/commands/commands.h"
+#include "client/database_link.h"
 #include "client/error.h"
 #include "client/interrupt.h"
 #include "client/log_chain.h"
@@ -106,6 +108,16 @@ class BackupOperation {
     void store_found(const FoundFile& found);
     void store_other(ManifestItem item, const struct stat& status);
     bool is_held(const ManifestItem& item, const struct stat& status) const;
+    void store_attachment_objects();
+    void store_object(const AttachmentObjects& objects, const std::string& path);
+    bool saves_objects() const {
+        return saves_attachment_objects(m_request.level, !m_request.arguments.empty());
+    }
+    void store_database_link(ManifestItem item, const std::string& target);
+    void take_database_link(const std::string& path, const struct stat& status);
+    void name_link_targets();
+    bool is_reached(const std::string& path);
+    bool holds_nothing() const;
     void name_linked_databases(const std::string& link);
     void add_failed(const std::string& path, ItemKind kind, const std::string& reason);
     void store_own_notes_ini();
@@ -140,8 +152,11 @@ class BackupOperation {
     std::map<std::string, std::size_t> m_argument_numbers; // by path
     std::vector<bool> m_yielded;                           // by argument
     PathRules m_rules;
-    std::optional<HeldFiles> m_held;   // of diff and incr
-    std::uint64_t m_unsaved_links = 0; // databases behind directory links that are excluded
+    std::optional<HeldFiles> m_held;                     // of diff and incr
+    std::uint64_t m_unsaved_links = 0;                   // databases behind links that are excluded
+    std::map<std::string, std::string> m_database_links; // with what they name
+    std::optional<std::set<std::pair<dev_t, ino_t>>> m_reached; // the databases of the scan
+    std::set<std::string> m_objects; // attachment objects that the module handed out
     // The session goes first: its child has the temporary folder in use.
     std::optional<TemporaryDirectory> m_temporary;
     std::optional<ModuleSession> m_session;
@@ -190,9 +205,15 @@ Manifest BackupOperation::run() {
         describe_set();
         store_items();
         add_unreached();
+        store_attachment_objects();
         store_system_files();
         check_log_sizes();
         throw_if_interrupted();
+        if (holds_nothing()) {
+            give_up();
+            m_manifest.set.clear();
+            return std::move(m_manifest);
+        }
         commit();
     } catch (...) {
         give_up();
@@ -500,6 +521,8 @@ void BackupOperation::note_unchecked(const std::string& handed_out) {
         item.path = unchecked.path.empty() ? m_ini.data_directory : whole_path(unchecked.path);
         if (unchecked.may_come && (item.path == handed_out || m_seen.contains(item.path)))
             continue;
+        if (!unchecked.path.empty() && database_link_target(item.path))
+            continue; // its own bytes and what it leads to are looked at later
         item.kind = unchecked.path.empty() ? ItemKind::directory : item_kind_of(item.path);
         item.reason = unchecked.problem;
         if (unchecked.path.empty())
@@ -571,6 +594,16 @@ void BackupOperation::store_item(const std::string& path) {
         return;
     }
     note_yield(item);
+    if (saves_objects() && item.kind != ItemKind::directory && is_attachment_object(path)) {
+        m_objects.insert(path);
+        (void)finish(DB_ITEM_EXCLUDED);
+        return;
+    }
+    if (std::optional<std::string> target = database_link_target(path)) {
+        (void)finish(DB_ITEM_EXCLUDED);
+        store_database_link(std::move(item), *target);
+        return;
+    }
     if (item.kind == ItemKind::database)
         m_progress->next_database();
     m_prepared.clear();
@@ -647,6 +680,14 @@ void BackupOperation::prepare_and_read(ManifestItem& item) {
     if (!m_incomplete_copy.empty()) {
         item.reason =
             "the changes made during its copy are not complete in it: " + m_incomplete_copy;
+        return;
+    }
+    struct stat original {};
+    if (m_file_short && ::stat(item.path.c_str(), &original) == 0 &&
+        static_cast<std::uint64_t>(original.st_size) <= maximal_link_file) {
+        item.reason = "the server opens a larger database for its " +
+                      human_bytes(static_cast<std::uint64_t>(original.st_size)) +
+                      ": it may be a link to that one, of a form that is not known";
         return;
     }
     if (m_file_short)
@@ -763,6 +804,7 @@ bool BackupOperation::read_content(ManifestItem& item, FileDescriptor content) {
     auto now = static_cast<std::uint64_t>(after.st_size);
     std::string change = "its size changed from " + std::to_string(expected) + " to " +
                          std::to_string(now) + " bytes while it was read";
+    bool whole_or_nothing = is_attachment_object(item.path);
     if (read < expected || now < expected) {
         item.reason = now != expected ? change
                                       : "only " + std::to_string(read) + " of its " +
@@ -770,9 +812,9 @@ bool BackupOperation::read_content(ManifestItem& item, FileDescriptor content) {
         return now != expected;
     }
     if (now > expected) {
-        if (still) {
+        if (still || whole_or_nothing) {
             item.reason = change;
-            return false;
+            return whole_or_nothing;
         }
         item.warnings.push_back(change + "; " + std::to_string(read) + " bytes are stored");
     }
@@ -819,14 +861,20 @@ void BackupOperation::store_changed_notes_ini() {
 }
 
 void BackupOperation::report_item(const ManifestItem& item) const {
-    if (item.status == ItemStatus::failed && interrupt_signal() == 0)
-        print_message("failed: " + for_terminal(item.path) + ": " + for_terminal(item.reason));
+    if (item.status != ItemStatus::stored && interrupt_signal() == 0)
+        print_message(
+            (item.status == ItemStatus::failed ? "failed: " : "left out, as --exclude says: ") +
+            for_terminal(item.path) + ": " + for_terminal(item.reason));
     if (m_context.verbose)
         for (const std::string& warning : item.warnings)
             print_message("warning: " + for_terminal(item.path) + ": " + for_terminal(warning));
 }
 
 void BackupOperation::add_item(ManifestItem item) {
+    if (item.status == ItemStatus::failed && item.kind == ItemKind::database &&
+        is_below(item.path, m_ini.data_directory) &&
+        m_rules.acknowledges(path_below(item.path, m_ini.data_directory)))
+        item.status = ItemStatus::left_out;
     report_item(item);
     m_manifest.items.push_back(std::move(item));
 }
@@ -859,6 +907,9 @@ void BackupOperation::add_unreached() {
     // directory.
     if (m_request.level == "diff" && m_request.arguments.empty())
         store_changed_notes_ini();
+    for (const ManifestItem& item : m_request.left_out) // told already
+        if (m_seen.insert(item.path).second)
+            m_manifest.items.push_back(item);
     if (selects_changes())
         return;
     struct stat status {};
@@ -893,8 +944,10 @@ void BackupOperation::add_failed(const std::string& path, ItemKind kind,
 
 // What lies beside the files that the module hands out, with the whole system.
 void BackupOperation::store_system_files() {
-    if (!m_request.arguments.empty())
+    if (!m_request.arguments.empty()) {
+        name_link_targets();
         return;
+    }
     if (selects_changes() && m_request.other_files)
         m_held.emplace(m_context.store, m_request.base, m_ini.sets);
     // A database is the module's, and so is a link to a file that it handed out before: it tells
@@ -904,8 +957,11 @@ void BackupOperation::store_system_files() {
         bool link = S_ISLNK(status.st_mode) && ::stat(path.c_str(), &target) == 0;
         if (link && S_ISDIR(target.st_mode))
             return false;
+        bool file = S_ISREG(link ? target.st_mode : status.st_mode);
+        if (file && !link && is_database_name(path))
+            take_database_link(path, status);
         return m_seen.contains(path) || (link && m_held && m_held->is_of_module(path)) ||
-               (S_ISREG(link ? target.st_mode : status.st_mode) && is_database_name(path));
+               (file && (is_database_name(path) || is_attachment_object(path)));
     };
     LeftOutFiles left_out = find_system_files(m_ini, m_rules, known, [this](const auto& found) {
         m_session->host().forward_interrupt();
@@ -920,6 +976,7 @@ void BackupOperation::store_system_files() {
     if (m_held && m_request.level == "incr" && ::stat(m_ini.file.c_str(), &status) == 0 &&
         !is_held(m_originals.describe(m_ini.file, ItemKind::file, status), status))
         store_own_notes_ini();
+    name_link_targets();
     left_out.excluded += m_unsaved_links;
     m_manifest.other_files = m_request.other_files;
     if (m_request.other_files)
@@ -1000,6 +1057,123 @@ void BackupOperation::store_other(ManifestItem item, const struct stat& status) 
     add_item(std::move(item));
 }
 
+// The objects that the databases refer to, which come into being while those are copied.
+void BackupOperation::store_attachment_objects() {
+    if (!saves_objects() || holds_nothing())
+        return;
+    AttachmentObjects objects(m_context.store, m_ini,
+                              {.level = m_request.level,
+                               .base = m_request.base,
+                               .named = !m_request.arguments.empty(),
+                               .comes_first = !m_request.reason.empty(),
+                               .folder_may_be_empty = m_request.attachments_may_be_gone,
+                               .listed = std::move(m_objects)});
+    ObjectPlan plan = objects.plan();
+    for (std::vector<ManifestItem>* items : {&plan.folders, &plan.failed, &plan.refer})
+        for (ManifestItem& item : *items)
+            if (m_seen.insert(item.path).second || item.kind != ItemKind::directory)
+                add_item(std::move(item));
+    for (const std::string& path : plan.read)
+        store_object(objects, path);
+}
+
+// One that is being written is waited for a moment.
+void BackupOperation::store_object(const AttachmentObjects& objects, const std::string& path) {
+    constexpr int attempts = 10;
+    constexpr std::chrono::milliseconds pause(100);
+    ManifestItem item;
+    bool again = true;
+    for (int attempt = 0; again && attempt < attempts; ++attempt) {
+        if (attempt > 0)
+            std::this_thread::sleep_for(pause);
+        m_session->host().forward_interrupt();
+        throw_if_interrupted();
+        item = m_originals.look_at(path);
+        item.kind = ItemKind::other;
+        again = item.reason.empty() && read_content(item, path);
+    }
+    throw_if_interrupted();
+    if (item.reason.empty()) {
+        item.status = ItemStatus::stored;
+        item.copied = std::time(nullptr) + 1;
+    } else if (!exists(path)) {
+        item = objects.gone(path);
+    }
+    m_seen.insert(path);
+    add_item(std::move(item));
+}
+
+// Its own bytes: for the server it is the database that it leads to.
+void BackupOperation::store_database_link(ManifestItem item, const std::string& target) {
+    m_database_links[item.path] = target;
+    item.kind = ItemKind::other;
+    (void)read_content(item, item.path);
+    throw_if_interrupted();
+    if (item.reason.empty()) {
+        item.status = ItemStatus::stored;
+        item.copied = std::time(nullptr) + 1;
+    }
+    add_item(std::move(item));
+}
+
+// Of one that the module did not hand out.
+void BackupOperation::take_database_link(const std::string& path, const struct stat& status) {
+    std::optional<std::string> target = database_link_target(path);
+    if (!target || m_seen.contains(path))
+        return;
+    m_database_links[path] = *target;
+    ManifestItem item = m_originals.describe(path, ItemKind::other, status);
+    if (is_held(item, status))
+        return;
+    m_seen.insert(path);
+    store_database_link(std::move(item), *target);
+}
+
+// What a link leads to is saved where the module finds it, and else must not look saved.
+void BackupOperation::name_link_targets() {
+    const std::string data = real_path(m_ini.data_directory).value_or(m_ini.data_directory);
+    for (const auto& [link, target] : m_database_links) {
+        bool inside = is_below(real_path(target).value_or(target), data);
+        bool left_to_others = inside && (exists(target) || !m_request.arguments.empty());
+        if (left_to_others || is_reached(target) || m_seen.contains(target))
+            continue;
+        const std::string shown = path_below(link, m_ini.data_directory);
+        if (m_rules.of(shown, false) != PathRules::Verdict::taken)
+            ++m_unsaved_links;
+        else
+            add_failed(target, ItemKind::database,
+                       (exists(target) ? "it lies behind the database link "
+                                       : "it is not there, and the database link leads to it: ") +
+                           link +
+                           ", which the module does not follow: have a symbolic link lead "
+                           "there, or leave it out with --exclude '" +
+                           shown + "'");
+    }
+}
+
+// Whether the module reaches the database, through a symbolic link perhaps.
+bool BackupOperation::is_reached(const std::string& path) {
+    struct stat status {};
+    if (!m_reached) {
+        m_reached.emplace();
+        for (const std::string& database : m_request.scan.databases)
+            if (::stat(database.c_str(), &status) == 0)
+                m_reached->emplace(status.st_dev, status.st_ino);
+    }
+    return ::stat(path.c_str(), &status) == 0 &&
+           m_reached->contains({status.st_dev, status.st_ino});
+}
+
+// Whether a set that comes first would tell of nothing but databases that are left out again.
+bool BackupOperation::holds_nothing() const {
+    const auto& items = m_manifest.items;
+    return !m_request.reason.empty() &&
+           std::none_of(items.begin(), items.end(), [](const ManifestItem& item) {
+               return item.status == ItemStatus::failed ||
+                      (item.status == ItemStatus::stored && is_database_name(item.path));
+           });
+}
+
 // Databases that the server shows, and the module does not go to, must not look saved.
 void BackupOperation::name_linked_databases(const std::string& link) {
     if (!is_directory_link(link))
@@ -1007,16 +1181,11 @@ void BackupOperation::name_linked_databases(const std::string& link) {
     LinkedDatabases linked = databases_behind(link, m_ini);
     if (linked.databases.empty() && linked.unknown.empty())
         return;
-    std::set<std::pair<dev_t, ino_t>> reached; // through a symbolic link, perhaps
-    struct stat status {};
-    for (const std::string& database : m_request.scan.databases)
-        if (::stat(database.c_str(), &status) == 0)
-            reached.emplace(status.st_dev, status.st_ino);
     const std::string shown = shown_folder(link, m_ini.data_directory);
     auto name = [&](const std::string& path, const std::string& problem) {
         bool folder = path != linked.target && is_below(path, linked.target);
         std::string shown_path = shown + (folder ? "/" + path_below(path, linked.target) : "");
-        if (::stat(path.c_str(), &status) == 0 && reached.contains({status.st_dev, status.st_ino}))
+        if (is_reached(path))
             return;
         if (m_rules.of(shown_path, false) != PathRules::Verdict::taken)
             ++m_unsaved_links;
@@ -1122,7 +1291,7 @@ void BackupOperation::note_index() {
 void BackupOperation::strike_owed() {
     std::vector<std::string> stored;
     for (const ManifestItem& item : m_manifest.items)
-        if (item.kind == ItemKind::database && item.status == ItemStatus::stored)
+        if (is_database_name(item.path) && item.status == ItemStatus::stored)
             stored.push_back(item.path);
     if (int error = m_context.owed.strike(m_ini.data_directory, stored); error != 0)
         print_message("warning: the list of owed databases could not be updated, the next backup "

@@ -48,12 +48,17 @@ struct BackupRequest {
     // not.
     bool other_files = false;
     std::vector<PathRule> rules;
+    bool attachments_may_be_gone = false; // their folder may be missing or without any
+    // Databases that could not be saved before this backup and may be missing.
+    std::vector<ManifestItem> left_out;
 };
 
 // Runs the operation and returns the manifest of the set that was stored; a database of it is no
 // longer owed. When the module hands out some items and fails at the next one, the set holds those,
-// is incomplete and names the reason. Throws ClientError when there is none: the module has then
-// heard STATUS=1, the store holds nothing new, and what was prepared stays owed. Throws
+// is incomplete and names the reason. A set with a reason that would hold nothing but databases
+// which are left out is not stored: the manifest has no name of a set then. Throws ClientError when
+// there is none: the module has then heard STATUS=1, the store holds nothing new, and what was
+// prepared stays owed. Throws
 // ClientError(server_error), too, when the set was stored but the server did not close the backup.
 // The temporary folder is gone in every case.
 Manifest run_backup_operation(const BackupContext& context, BackupRequest request);

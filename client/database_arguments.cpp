@@ -1,5 +1,6 @@
 #include "client/database_arguments.h"
 
+#include "client/database_link.h"
 #include "client/error.h"
 #include "client/file_io.h"
 #include "client/interrupt.h"
@@ -151,7 +152,8 @@ class Scanner {
             leave_out(path, "the path is longer than the module takes");
             return;
         }
-        if (!S_ISREG(status.st_mode) || !has_extension(name, database_extensions))
+        if (!S_ISREG(status.st_mode) || !has_extension(name, database_extensions) ||
+            database_link_target(path))
             return;
         scan.databases.push_back(path);
         auto size = static_cast<std::uint64_t>(status.st_size);

@@ -30,8 +30,9 @@ bool is_database_name(const std::string& name);
 
 // What a look over the selected files tells before the run starts.
 struct SelectionScan {
-    std::vector<std::string> databases; // regular files that the module takes for databases
-    std::uint64_t largest = 0;          // bytes of the largest database
+    // Regular files that the module takes for databases, but for links to others.
+    std::vector<std::string> databases;
+    std::uint64_t largest = 0; // bytes of the largest database
     std::string largest_path;
     // Files and folders that the module passes over silently, with the reason.
     std::vector<std::pair<std::string, std::string>> unreachable;

@@ -219,10 +219,11 @@ CLI::App* add_backup(CLI::App& app, qrtln::BackupOptions& backup) {
             ->trigger_on_parse()
             ->allow_extra_args(false);
     };
-    CLI::Option* exclude =
-        add_rule("--exclude", false,
-                 "Of the whole system: leave out what matches, of the files that the module does "
-                 "not know; a path below the data directory with * and ?, or a name (repeatable)");
+    CLI::Option* exclude = add_rule(
+        "--exclude", false,
+        "Of the whole system: leave out what matches, of the files that the module does "
+        "not know, and be content without a database that cannot be saved; a path below the "
+        "data directory with * and ?, or a name (repeatable)");
     CLI::Option* include =
         add_rule("--include", true,
                  "Save what matches all the same; the last --exclude or --include decides "

@@ -90,6 +90,11 @@ NotesIni load_notes_ini(const std::string& file, bool data_directory_may_be_miss
                                     for_terminal(ini.data_directory) +
                                     "', which is not an absolute path",
                           "name the notes.ini of a server with --notes-ini");
+    std::string objects = directory_value(variables, "daosbasepath");
+    if (objects.empty())
+        objects = "DAOS";
+    ini.attachment_folder =
+        absolute_path(objects.starts_with('/') ? objects : ini.data_directory + "/" + objects);
     ini.logging = variables["translog_status"] == "1";
     ini.archives_logs = ini.logging && variables["translog_style"] == "1";
     ini.linear_logging = ini.logging && variables["translog_style"] == "2";

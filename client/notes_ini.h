@@ -14,6 +14,7 @@ struct NotesIni {
     std::string program_directory; // "NotesProgram", without a trailing "/"; may be empty
     std::string own_name;          // "ServerName", the server's own; may be empty
     std::string id_file;           // "ServerKeyFileName", else "KeyFilename"; may be empty
+    std::string attachment_folder; // "DAOSBasePath", of attachment objects: absolute
     bool archives_logs = false;    // the server has transaction logs, of the style that is archived
     std::string server_name;       // in a store; by default the host's name
     ServerScope sets;              // of a store: by default those of this server

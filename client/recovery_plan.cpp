@@ -136,6 +136,7 @@ RestorePlan RecoveryPlanner::plan_items() {
     RestoreRequest request;
     request.selection = m_request.selection;
     request.selection.ended_before = m_request.to;
+    request.selection.older_for_left_out = !m_request.selection.all;
     request.to = m_request.into;
     request.recovery = true;
     request.tmp_dir = m_request.tmp_dir;

@@ -1,6 +1,7 @@
 #include "client/restore_plan.h"
 
 #include "client/database_arguments.h"
+#include "client/database_link.h"
 #include "client/error.h"
 #include "client/file_users.h"
 #include "client/module_host.h"
@@ -52,6 +53,7 @@ class Planner {
     void plan_database(PlannedItem& planned, bool named);
     void plan_log(PlannedItem& planned, const SelectedItem& selected);
     void plan_file(PlannedItem& planned, bool named);
+    void plan_attachment(PlannedItem& planned);
     bool is_clients_own(const ManifestItem& item) const;
     void look_at_link(PlannedItem& planned);
     void leave_out_links_in_the_way();
@@ -188,7 +190,9 @@ PlannedItem Planner::plan_item(SelectedItem selected) {
     if (planned.action == RestoreAction::write && planned.existing && !planned.replaces) {
         bool kept = item.kind == ItemKind::file || item.kind == ItemKind::other || link;
         if (kept && m_plan.to.empty()) {
-            if (m_request.recovery)
+            if (is_attachment_object(item.path) && m_request.selection.all)
+                leave_out(planned, "it is there, and attachment objects are never changed");
+            else if (m_request.recovery)
                 leave_out(planned, "it is there, and a recovery replaces databases only");
             else if (selected.named)
                 planned.replaces = true;
@@ -210,8 +214,9 @@ bool Planner::is_clients_own(const ManifestItem& item) const {
         return true;
     ItemKind by_name = item_kind_of(item.path);
     bool servers_log = m_log_directory.empty() || folder_of(item.path) == m_log_directory;
-    return item.kind == ItemKind::other &&
-           (by_name == ItemKind::file || (by_name != ItemKind::database && !servers_log));
+    if (by_name == ItemKind::database) // a link to one, which is written over no database
+        return item.kind == ItemKind::other && item.size <= maximal_link_file;
+    return item.kind == ItemKind::other && (by_name == ItemKind::file || !servers_log);
 }
 
 // A link that is there as it was needs nothing.
@@ -266,7 +271,9 @@ void Planner::plan_original(PlannedItem& planned, bool named) {
     planned.root = m_ini.data_directory;
     if (planned.item.kind == ItemKind::directory) {
         planned.action = RestoreAction::create_folder;
-        if (!is_below(path, m_ini.data_directory))
+        if (is_below(path, m_ini.attachment_folder))
+            plan_attachment(planned);
+        else if (!is_below(path, m_ini.data_directory))
             leave_out(planned, "a folder outside the data directory");
     } else if (planned.item.kind == ItemKind::database) {
         plan_database(planned, named);
@@ -346,6 +353,10 @@ void Planner::plan_file(PlannedItem& planned, bool named) {
     planned.action = RestoreAction::write;
     if (is_below(path, m_ini.data_directory) && path != m_ini.data_directory)
         return;
+    if (is_attachment_object(path) && is_below(path, m_ini.attachment_folder)) {
+        plan_attachment(planned);
+        return;
+    }
     bool by_name = std::find(m_request.selection.names.begin(), m_request.selection.names.end(),
                              path) != m_request.selection.names.end();
     if (planned.item.kind == ItemKind::link) {
@@ -360,6 +371,19 @@ void Planner::plan_file(PlannedItem& planned, bool named) {
     planned.root = folder_of(path);
     if (!own_ini && real_path(planned.root).value_or("") != planned.root)
         refuse(planned, "its folder is missing, or is reached through a symbolic link");
+}
+
+// The folder of attachment objects is the server's wherever notes.ini says that it is.
+void Planner::plan_attachment(PlannedItem& planned) {
+    const std::string& folder = m_ini.attachment_folder;
+    if (is_below(folder, m_ini.data_directory))
+        return;
+    planned.root = exists(folder) ? folder : folder_of(folder);
+    if (planned.item.kind == ItemKind::directory && planned.item.path == planned.root)
+        leave_out(planned, "it is there");
+    else if (!exists(planned.root))
+        refuse(planned,
+               "the folder above that of the attachment objects (DAOSBasePath) is missing");
 }
 
 // Only what lies below the root without a link out of it, and only a regular file gives way.
@@ -377,6 +401,13 @@ void Planner::look_at_target(PlannedItem& planned) {
         problem = std::string("in its place is ") + (S_ISLNK(mode)   ? "a symbolic link"
                                                      : S_ISREG(mode) ? "a file"
                                                                      : file_type_name(mode));
+    bool database = item_kind_of(planned.target) == ItemKind::database;
+    if (problem.empty() && planned.existing && database &&
+        (planned.item.kind == ItemKind::database) ==
+            database_link_target(planned.target).has_value())
+        problem = planned.item.kind == ItemKind::database
+                      ? "in its place is a link to a database elsewhere: move it away first"
+                      : "in its place is a database, and the set has a link to one elsewhere";
     if (!problem.empty()) {
         refuse(planned, problem);
         return;

@@ -51,6 +51,8 @@ class Selector {
     std::string oldest_copy(const Name& name) const;
     std::string earliest_set(const Name* name) const;
     void warn_about_late();
+    void note_left_out(const Manifest& manifest, const ManifestItem& item);
+    void warn_about_left_out();
     void take(const Manifest& manifest);
     void add(const Manifest& manifest, const ManifestItem& item, bool named);
     bool has_newest_log(const Manifest& manifest);
@@ -69,6 +71,7 @@ class Selector {
     bool m_others_covered = false; // and one of all the files beside the module's
     bool m_base_found = false;     // and it was complete at the moment, or one before it
     std::map<std::string, LookedFor> m_looked_for; // by path
+    std::map<std::string, std::string> m_left_out; // databases, and the newest set without them
     std::map<std::string, SelectedItem> m_items;
     SetLinks m_links;
     bool m_passed_others = false; // sets of other servers
@@ -82,6 +85,7 @@ RestoreSelection Selector::run() {
     m_base_found = m_base_found || (m_covered && m_looked_for.empty());
     check_found();
     warn_about_late();
+    warn_about_left_out();
     auto is = [this](ItemKind kind) {
         return std::any_of(m_items.begin(), m_items.end(),
                            [kind](const auto& entry) { return entry.second.item.kind == kind; });
@@ -193,9 +197,37 @@ bool Selector::has_newest_log(const Manifest& manifest) {
     return ids.contains(m_log_id);
 }
 
+// Of what would be taken, were it in the set.
+void Selector::note_left_out(const Manifest& manifest, const ManifestItem& item) {
+    bool wanted = (m_request.all && !m_covered) ||
+                  std::any_of(m_names.begin(), m_names.end(), [&](const Name& name) {
+                      return !name.closed && is_below(item.path, name.path);
+                  });
+    if (!wanted || m_items.contains(item.path))
+        return;
+    m_left_out.try_emplace(item.path, manifest.set);
+    if (m_request.older_for_left_out && m_request.set.empty())
+        m_looked_for.try_emplace(item.path, LookedFor{m_request.all, 0});
+}
+
+void Selector::warn_about_left_out() {
+    for (const auto& [path, set] : m_left_out) {
+        auto taken = m_items.find(path);
+        m_result.warnings.push_back(
+            path + " could not be saved in the set " + set +
+            ", which left it out as --exclude said: " +
+            (taken != m_items.end() ? "its copy of " + taken->second.set + " is taken"
+                                    : "it does not come back; where an older set has it, it does "
+                                      "when it is named"));
+    }
+}
+
 void Selector::take(const Manifest& manifest) {
     bool newest_log = has_newest_log(manifest);
     for (const ManifestItem& item : manifest.items) {
+        // An older copy is better than none, where the set was complete without it.
+        if (item.status == ItemStatus::left_out)
+            note_left_out(manifest, item);
         if (item.status != ItemStatus::stored)
             continue;
         if (item.kind == ItemKind::log_control && !newest_log)
@@ -203,7 +235,9 @@ void Selector::take(const Manifest& manifest) {
         auto looked_for = m_looked_for.find(item.path);
         bool is_looked_for = looked_for != m_looked_for.end();
         bool log = item.kind == ItemKind::log || item.kind == ItemKind::log_control;
-        bool other = item.kind == ItemKind::other || item.kind == ItemKind::link ||
+        // Attachment objects are in every set of the whole system.
+        bool other = (item.kind == ItemKind::other && !is_attachment_object(item.path)) ||
+                     item.kind == ItemKind::link ||
                      (item.kind == ItemKind::directory && manifest.other_files);
         bool covered = log ? m_base_found : other ? m_others_covered : m_covered;
         bool wanted = (m_request.all && !covered) || is_looked_for;

@@ -24,6 +24,9 @@ struct SelectionRequest {
     std::optional<std::int64_t> ended_before = {};
     // Items, by path and object, that are passed over for older ones: their content is damaged.
     std::set<std::pair<std::string, std::string>> damaged = {};
+    // Whether a database that a complete set left out comes from an older one. For a recovery of
+    // everything such a copy is too old: perhaps no log leads on from it.
+    bool older_for_left_out = true;
 };
 
 struct SelectedItem {

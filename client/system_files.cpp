@@ -1,6 +1,7 @@
 #include "client/system_files.h"
 
 #include "client/database_arguments.h"
+#include "client/database_link.h"
 #include "client/error.h"
 #include "client/file_io.h"
 #include "client/interrupt.h"
@@ -32,7 +33,6 @@ constexpr std::array made_anew = {"*.ft/",
                                   ".qrtln-restore-*",
                                   "lost+found/"};
 constexpr std::string_view link_ending = ".dir";
-constexpr std::size_t maximal_link_file = 65536; // a larger file is no directory link
 
 class Walker {
   public:
@@ -164,6 +164,16 @@ PathRules::Verdict PathRules::of(const std::string& relative, bool folder) const
     return Verdict::taken;
 }
 
+bool PathRules::acknowledges(const std::string& relative) const {
+    for (auto rule = m_rules.rbegin(); rule != m_rules.rend(); ++rule) {
+        bool names_all = rule->pattern.find_first_not_of('*') == std::string::npos;
+        bool all_excluded = names_all && rule->verdict == Verdict::excluded;
+        if (!all_excluded && matches(*rule, relative, false))
+            return rule->verdict == Verdict::excluded;
+    }
+    return false;
+}
+
 // Goes through the path and the folders above it.
 bool PathRules::matches(const Rule& rule, const std::string& relative, bool folder) {
     for (std::size_t start = 0; start <= relative.size();) {
@@ -200,20 +210,18 @@ LinkedDatabases databases_behind(const std::string& link, const NotesIni& ini) {
     std::optional<std::string> content = read_small_file(AT_FDCWD, link, maximal_link_file);
     if (!content)
         return result; // what cannot be read fails as a file
-    std::string target = content->substr(0, content->find_first_of("\r\n"));
-    target.erase(0, target.find_first_not_of(" \t"));
-    target.erase(target.find_last_not_of(" \t") + 1);
+    std::optional<std::string> target = link_target(*content);
     struct stat status {};
-    if (!target.starts_with('/') || target.find('\0') != std::string::npos)
+    if (!target)
         return result;
-    if (::stat(target.c_str(), &status) != 0) {
+    if (::stat(target->c_str(), &status) != 0) {
         if (errno != ENOENT && errno != ENOTDIR)
-            result.unknown.emplace_back(target, "cannot look at it: " + system_error_text(errno));
+            result.unknown.emplace_back(*target, "cannot look at it: " + system_error_text(errno));
         return result;
     }
-    result.target = absolute_path(target);
+    result.target = *target;
     // The module reaches what lies in the data directory by itself.
-    std::string real = real_path(target).value_or(target);
+    std::string real = real_path(*target).value_or(*target);
     if (is_below(real, real_path(ini.data_directory).value_or(ini.data_directory)))
         return result;
     SelectionScan scan = scan_selection(result.target, {});

@@ -37,6 +37,9 @@ class PathRules {
     // Of a path below the data directory, without a leading "/".
     Verdict of(const std::string& relative, bool folder) const;
 
+    // Whether somebody said that the database may be missing. "*" is said of files alone.
+    bool acknowledges(const std::string& relative) const;
+
   private:
     struct Rule {
         std::string pattern;

@@ -233,7 +233,7 @@ STATUS NSFIsNewBackupNeeded(char* DbName, DWORD ComfortSpan, DWORD* BackupNeeded
                               return kNoTransactionLogging;
                           }
                           const std::uint64_t span =
-                              logSpanSinceBackup(server, server.resolve(DbName));
+                              logSpanSinceBackup(server, linkedDatabase(server.resolve(DbName)));
                           *BackupNeeded =
                               ComfortSpan == 0
                                   ? static_cast<DWORD>(std::min<std::uint64_t>(span, 0xFFFFFFFF))

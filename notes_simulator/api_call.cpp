@@ -66,7 +66,7 @@ const Server& knownServer() {
 }
 
 std::filesystem::path databaseFile(const Server& server, const char* path) {
-    return server.resolve(translateText(Translation::kLmbcsToNative, path, 4096));
+    return linkedDatabase(server.resolve(translateText(Translation::kLmbcsToNative, path, 4096)));
 }
 
 std::string quoted(const char* text) {

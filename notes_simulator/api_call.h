@@ -72,7 +72,7 @@ const Server& runningServer();
 /// The last server of this process, running or not. Throws StatusError(kNotInitialised).
 const Server& knownServer();
 
-/// The file that a path in LMBCS names.
+/// The file that a path in LMBCS names, or the one that a database link of this name leads to.
 std::filesystem::path databaseFile(const Server& server, const char* path);
 
 /// Text in quotes for the journal; "NULL" for none.

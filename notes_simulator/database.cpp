@@ -9,6 +9,7 @@
 #include <algorithm>
 #include <cerrno>
 #include <cstring>
+#include <fstream>
 #include <stdexcept>
 
 namespace fs = std::filesystem;
@@ -144,6 +145,21 @@ Status probeDatabase(const fs::path& file) {
                    std::memcmp(bytes, kMagic, sizeof kMagic) == 0 && application == kApplicationId
                ? kOk
                : kNotADatabase;
+}
+
+fs::path linkedDatabase(const fs::path& file) {
+    constexpr std::size_t longestPath = 4096;
+    std::error_code error;
+    if (!fs::is_regular_file(file, error)) {
+        return file;
+    }
+    std::ifstream stream(file);
+    std::string line(longestPath, '\0');
+    stream.read(line.data(), static_cast<std::streamsize>(line.size()));
+    line.resize(static_cast<std::size_t>(stream.gcount()));
+    line.resize(std::min(line.size(), line.find_first_of("\r\n")));
+    const bool leads = line.starts_with('/') && line.find('\0') == std::string::npos;
+    return leads ? fs::path(line) : file;
 }
 
 Database::Database(const fs::path& file, Connection::Mode mode)

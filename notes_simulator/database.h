@@ -82,6 +82,10 @@ bool isTemplate(const std::filesystem::path& file);
 /// kNotADatabase. Changes nothing.
 std::uint16_t probeDatabase(const std::filesystem::path& file);
 
+/// The database that the file leads to when it is a database link: a text file whose first line is
+/// a full path. Any other file itself.
+std::filesystem::path linkedDatabase(const std::filesystem::path& file);
+
 /// An open database. It holds SQLite locks only during its transactions.
 class Database {
   public:

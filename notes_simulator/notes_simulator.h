@@ -19,12 +19,17 @@
  *    (bytes in an extent, at least 65536, 1 MiB when missing), SimUserName, SimDateOrder (MDY, DMY
  *    or YMD), SimDateSeparator, SimTimeSeparator, SimZone ("+05:30": texts of times are in this
  *    zone, east of GMT, instead of the process's own), SimDirectory (what OSGetDataDirectory
- *    tells, as a library does that has read another notes.ini), SimStrict (see 9).
+ *    tells, as a library does that has read another notes.ini), SimStrict (see 9). DAOSBasePath is
+ *    the folder in which domino-sim puts the objects of attachments (DAOS below the data directory
+ *    when missing).
  *
  * 2. A database is one SQLite file without neighbours: rollback journals lie in the state folder.
  *    Its pages change in place, so that a plain copy of a database in use is torn. While a backup
  *    context is open, every range of it that any process writes or cuts off is recorded; the
- *    change information is those ranges as they were at NSFBackupStop (but see 9, "before").
+ *    change information is those ranges as they were at NSFBackupStop (but see 9, "before"). A text
+ *    file with the name of a database whose first line is a full path is a database link: the
+ *    server opens that one, and sizes and changes are then those of that one, whatever file the
+ *    caller reads.
  *
  * 3. The log. A logged database writes each transaction to the active extent, then to itself; what
  *    a killed writer left between the two is finished by the next process that opens a database
@@ -86,10 +91,9 @@
  *                "NSFBackupStart=2,NSFRecoverDatabases=never" (seconds, or they never return; no
  *                lock is held meanwhile); without it each tenth call takes a moment
  *
- * domino-sim plays the server and its users (see domino-sim --help): init, create, put, delete,
- * show, unread, workload, check, backups, logs, hold, offline, online, compact, saved, damage,
- * lose.
- * docs/simulator-files.md describes the files.
+ * domino-sim plays the server and its users (see domino-sim --help): init, create, put, attach,
+ * delete, show, unread, workload, check, backups, logs, hold, offline, online, compact, saved,
+ * damage, lose. docs/simulator-files.md describes the files.
  */
 #ifndef NOTES_SIMULATOR_H
 #define NOTES_SIMULATOR_H

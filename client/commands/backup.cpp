@@ -86,6 +86,22 @@ int code_of(const Manifest& manifest) {
     return static_cast<int>(manifest.complete ? ExitCode::complete : ExitCode::items_failed);
 }
 
+std::string incomplete_hint(const Manifest& manifest) {
+    const auto& items = manifest.items;
+    auto failed = std::find_if(items.begin(), items.end(), [&](const ManifestItem& item) {
+        return item.status == ItemStatus::failed && item.kind == ItemKind::database &&
+               is_below(item.path, manifest.data_directory);
+    });
+    std::string hint = "see what failed above; run as a user who may read every file, have the "
+                       "server repair or remove what is no database, then back up again: until "
+                       "then the server keeps its logs";
+    if (failed != items.end() && manifest.whole_system)
+        hint += "; a database that can never be saved holds up nothing with --exclude '" +
+                for_terminal(path_below(failed->path, manifest.data_directory)) +
+                "': it is tried each time all the same, and told";
+    return hint + "; --exclude leaves out other files that may be lost";
+}
+
 int BackupRun::run() {
     m_ini = load_server(m_options);
     check_selection();
@@ -127,10 +143,7 @@ int BackupRun::run() {
 }
 
 void BackupRun::report_incomplete() const {
-    std::string hint =
-        "see what failed above; run as a user who may read every file, have the server repair or "
-        "remove what is no database, leave out with --exclude what may be lost, then back up "
-        "again: until then the server keeps its logs";
+    std::string hint = incomplete_hint(m_manifest);
     const std::vector<ManifestItem>& items = m_manifest.items;
     if (m_ini.linear_logging && m_manifest.level == "diff")
         hint = "the server has linear transaction logging (TRANSLOG_Style=2): take --level full "
@@ -335,6 +348,10 @@ void BackupRun::resolve_removed() {
                               "name a folder below the data directory " +
                                   for_terminal(m_ini.data_directory) + " that is gone");
         };
+        if (path == m_ini.attachment_folder) {
+            m_request.attachments_may_be_gone = true; // its backup looks whether they are
+            continue;
+        }
         if (path == m_ini.data_directory || !is_below(path, m_ini.data_directory) ||
             (path + "/").find("/../") != std::string::npos)
             refuse("it is not below the data directory");
@@ -486,10 +503,17 @@ void BackupRun::save_first(const BackupContext& context) {
         return;
     request.level = "full"; // of named databases: without logs
     request.reason = reason_owed;
+    request.rules = m_request.rules;
     request.scan = scan_selection(m_ini.data_directory, request.arguments);
     try {
         m_owed_set = run_backup_operation(context, std::move(request));
-        m_owed_code = std::max(m_owed_code, code_of(*m_owed_set));
+        for (const ManifestItem& item : m_owed_set->items)
+            if (item.status == ItemStatus::left_out)
+                m_request.left_out.push_back(item);
+        if (m_owed_set->set.empty())
+            m_owed_set.reset();
+        else
+            m_owed_code = std::max(m_owed_code, code_of(*m_owed_set));
     } catch (const ClientError& failure) {
         throw_if_interrupted();
         m_owed_code = failure.exit_code();
@@ -505,7 +529,10 @@ void BackupRun::report_unnamed() {
     for (const ManifestItem& item : m_manifest.items)
         if (item.status == ItemStatus::stored)
             m_unnamed.erase(item.path);
+    const PathRules rules(m_request.rules, m_ini.data_directory);
     for (const auto& [path, reason] : m_unnamed) {
+        if (rules.acknowledges(path_below(path, m_ini.data_directory)))
+            continue;
         m_owed_code = std::max(m_owed_code, static_cast<int>(ExitCode::items_failed));
         print_error("the database " + for_terminal(path) +
                         " is not saved, as it cannot be named: " + reason,
@@ -531,12 +558,14 @@ int BackupRun::exit_code() const {
 nlohmann::json set_summary(const Manifest& manifest) {
     ManifestTotals sum = totals(manifest);
     nlohmann::json failed = nlohmann::json::array();
+    nlohmann::json left_out = nlohmann::json::array();
     nlohmann::json warnings = nlohmann::json::array();
     nlohmann::json gaps = nlohmann::json::array();
     for (const ManifestItem& item : manifest.items) {
         std::string path = printable_utf8(item.path);
-        if (item.status == ItemStatus::failed)
-            failed.push_back({{"path", path}, {"reason", printable_utf8(item.reason)}});
+        if (item.status != ItemStatus::stored)
+            (item.status == ItemStatus::failed ? failed : left_out)
+                .push_back({{"path", path}, {"reason", printable_utf8(item.reason)}});
         for (const std::string& warning : item.warnings)
             warnings.push_back({{"path", path}, {"warning", printable_utf8(warning)}});
     }
@@ -551,7 +580,9 @@ nlohmann::json set_summary(const Manifest& manifest) {
             {"databases", sum.databases},
             {"items", sum.stored_items},
             {"other_files", sum.other_files},
+            {"attachment_objects", sum.attachment_objects},
             {"left_out", left_out_json(manifest.left_out)},
+            {"left_out_databases", left_out},
             {"bytes", sum.bytes},
             {"new_bytes", manifest.new_bytes},
             {"logs", log_range_json(manifest)},
@@ -572,8 +603,12 @@ std::string set_lines(const Manifest& manifest) {
     if (sum.other_files > 0)
         text += "  " + std::to_string(sum.other_files) +
                 " of the items are other files and links than the module hands out\n";
+    if (sum.attachment_objects > 0)
+        text += "  " + std::to_string(sum.attachment_objects) +
+                " of the items are attachment objects\n";
     if (manifest.left_out.any())
         text += "  " + left_out_text(manifest.left_out) + "\n";
+    text += left_out_databases_text(manifest);
     if (std::string logs = log_range_text(manifest); logs != "-")
         text += "  transaction logs " + logs + "\n";
     if (sum.warnings > 0)

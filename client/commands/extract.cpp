@@ -291,7 +291,10 @@ int run_extract(const ExtractOptions& options) {
     std::vector<const ManifestItem*> items;
     bool folders = options.all;
     for (const ManifestItem& item : manifest.items)
-        if (options.all)
+        if (options.all && item.status == ItemStatus::left_out)
+            print_message("not in the set, which left it out as --exclude said: " +
+                          for_terminal(item.path));
+        else if (options.all)
             items.push_back(&item);
     for (const std::string& path : options.paths) {
         std::vector<const ManifestItem*> named = items_named(manifest, path, "extract");

@@ -121,6 +121,7 @@ void SetList::add_manifest(const Manifest& manifest, const std::string& proof) {
                       {"databases", sum.databases},
                       {"items", sum.stored_items},
                       {"failed_items", sum.failed_items},
+                      {"left_out_databases", sum.left_out_databases},
                       {"warnings", sum.warnings},
                       {"bytes", sum.bytes},
                       {"new_bytes", manifest.new_bytes},

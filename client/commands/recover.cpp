@@ -1,5 +1,6 @@
 // `qrtln recover`: databases from the store, rolled forward with the transaction logs.
 
+#include "client/attachment_objects.h"
 #include "client/commands/server.h"
 #include "client/database_arguments.h"
 #include "client/error.h"
@@ -322,15 +323,21 @@ int run_recover(const RecoverOptions& options) {
     RecoveryResult result = run_recovery(context, request, file, journal);
     print_warnings(result.warnings);
     int code = code_of(result);
+    std::set<std::string> sets;
+    for (const DatabaseRecovery& database : result.databases)
+        if (!request.selection.all && !database.set.empty())
+            sets.insert(database.set);
+    const NeededObjects objects = needed_objects(*store, ini.sets, sets);
     if (options.json)
         print_json({{"command", "recover"},
                     {"dry_run", false},
                     {"store", printable_utf8(absolute_path(options.store))},
                     {"to", request.to ? nlohmann::json(utc_time(*request.to)) : nlohmann::json()},
                     {"result", result_json(result, request.to)},
+                    {"attachment_objects", needed_objects_json(objects)},
                     {"exit_code", code}});
     else
-        print_output(result_text(result, request.to));
+        print_output(result_text(result, request.to) + needed_objects_text(objects));
     return code;
 }
 

@@ -1,5 +1,6 @@
 // `qrtln restore`: a plan first, then the operation that follows it.
 
+#include "client/attachment_objects.h"
 #include "client/commands/server.h"
 #include "client/error.h"
 #include "client/interrupt.h"
@@ -124,6 +125,16 @@ nlohmann::json result_json(const RestoreResult& result) {
             {"warnings", printable_list(result.warnings)}};
 }
 
+// Those that the databases of the plan may need; nothing is looked for where all come back.
+NeededObjects objects_for(Store& store, const NotesIni& ini, const RestoreRequest& request,
+                          const RestorePlan& plan) {
+    std::set<std::string> sets;
+    for (const PlannedItem& planned : plan.items)
+        if (planned.item.kind == ItemKind::database && planned.action != RestoreAction::refuse)
+            sets.insert(planned.set);
+    return request.selection.all ? NeededObjects{} : needed_objects(store, ini.sets, sets);
+}
+
 bool puts_databases_in_place(const RestorePlan& plan) {
     return std::any_of(plan.items.begin(), plan.items.end(), [](const PlannedItem& planned) {
         return planned.item.kind == ItemKind::database &&
@@ -173,6 +184,8 @@ int run_restore(const RestoreOptions& options) {
                                {"dry_run", options.dry_run},
                                {"store", printable_utf8(absolute_path(options.store))},
                                {"plan", plan_json(plan)}};
+    const NeededObjects objects = objects_for(*store, ini, request, plan);
+    document["attachment_objects"] = needed_objects_json(objects);
     if (options.dry_run) {
         int code = code_of(plan);
         std::optional<LaterRecovery> later;
@@ -185,7 +198,8 @@ int run_restore(const RestoreOptions& options) {
         document["exit_code"] = code;
         document["recovery_logs"] = later ? later_recovery_json(*later) : nlohmann::json();
         options.json ? print_json(document)
-                     : print_output(plan_text(plan) + (later ? later_recovery_text(*later) : ""));
+                     : print_output(plan_text(plan) + (later ? later_recovery_text(*later) : "") +
+                                    needed_objects_text(objects));
         return code;
     }
     require_room(plan.room);
@@ -214,7 +228,7 @@ int run_restore(const RestoreOptions& options) {
     if (options.json)
         print_json(document);
     else
-        print_output(result_text(result) + taken_text(plan, result) +
+        print_output(result_text(result) + taken_text(plan, result) + needed_objects_text(objects) +
                      (left_out > 0 ? std::to_string(left_out) +
                                          " items left out: --dry-run tells which and why\n"
                                    : ""));

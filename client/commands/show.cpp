@@ -39,12 +39,14 @@ int run_show(const StoreOptions& options) {
         text += describe(gap) + "\n";
     if (manifest.left_out.any())
         text += left_out_text(manifest.left_out) + "\n";
+    text += left_out_databases_text(manifest);
     if (!manifest.close_error.empty())
         text += "the server did not close the backup: " + for_terminal(manifest.close_error) + "\n";
     Table table({"KIND", "BYTES ", "MODIFIED", "OWNER", "PATH"});
     for (const ManifestItem& item : manifest.items) {
-        bool stored = item.status == ItemStatus::stored;
-        table.add({stored ? item_kind_name(item.kind) : "FAILED",
+        table.add({item.status == ItemStatus::stored   ? item_kind_name(item.kind)
+                   : item.status == ItemStatus::failed ? "FAILED"
+                                                       : "LEFT OUT",
                    item.object.empty() ? "-" : std::to_string(item.size),
                    item.has_metadata ? utc_time(item.mtime_ns / 1'000'000'000) : "-",
                    item.owner.empty() ? std::to_string(item.uid) : for_terminal(item.owner),
@@ -58,7 +60,7 @@ int run_show(const StoreOptions& options) {
                      (item.log->active ? " (active)" : "") + ": " + for_terminal(item.path) + "\n";
         if (!item.target.empty())
             notes += "link: " + for_terminal(item.path) + " -> " + for_terminal(item.target) + "\n";
-        if (!item.reason.empty())
+        if (item.status == ItemStatus::failed)
             notes += "failed: " + for_terminal(item.path) + ": " + for_terminal(item.reason) + "\n";
         for (const std::string& warning : item.warnings)
             notes += "warning: " + for_terminal(item.path) + ": " + for_terminal(warning) + "\n";

@@ -643,6 +643,13 @@ void DirectoryStore::keep_added() noexcept {
     m_added.clear();
 }
 
+bool DirectoryStore::has_object(const std::string& hash, std::uint64_t stored_size) {
+    struct stat status {};
+    return ::fstatat(m_objects.get(), object_file_name(hash).c_str(), &status,
+                     AT_SYMLINK_NOFOLLOW) == 0 &&
+           S_ISREG(status.st_mode) && static_cast<std::uint64_t>(status.st_size) == stored_size;
+}
+
 void DirectoryStore::discard_object(const std::string& hash) noexcept {
     // Its folder stays: it is flushed with the others.
     if (auto added = std::find(m_added.begin(), m_added.end(), object_file_name(hash));

@@ -27,6 +27,7 @@ class DirectoryStore final : public Store {
     std::unique_ptr<ObjectWriter> create_object() override;
     ObjectCheck read_object(const std::string& hash,
                             const std::function<void(Bytes)>& sink) override;
+    bool has_object(const std::string& hash, std::uint64_t stored_size) override;
     void discard_object(const std::string& hash) noexcept override;
     std::vector<std::string> objects(std::vector<std::string>* foreign) override;
     std::vector<std::string> set_names(std::vector<std::string>* foreign = nullptr) override;

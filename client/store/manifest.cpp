@@ -6,6 +6,8 @@
 
 #include <array>
 #include <stdexcept>
+#include <string_view>
+#include <strings.h>
 #include <utility>
 
 namespace qrtln {
@@ -49,6 +51,8 @@ json item_to_json(const ManifestItem& item) {
     put_bytes(out, "path", item.path);
     out["kind"] = item_kind_name(item.kind);
     out["status"] = item.status == ItemStatus::stored ? "stored" : "failed";
+    if (item.status == ItemStatus::left_out) // failed, for a release that does not know it
+        out["left_out"] = true;
     if (!item.reason.empty())
         out["reason"] = printable_utf8(item.reason);
     if (item.has_metadata) {
@@ -100,7 +104,9 @@ ManifestItem item_from_json(const json& in) {
     std::string status = in.at("status").get<std::string>();
     if (status != "stored" && status != "failed")
         throw std::runtime_error("an unknown status of an item");
-    item.status = status == "stored" ? ItemStatus::stored : ItemStatus::failed;
+    item.status = status == "stored"            ? ItemStatus::stored
+                  : in.value("left_out", false) ? ItemStatus::left_out
+                                                : ItemStatus::failed;
     item.reason = in.value("reason", "");
     if (in.contains("mode")) {
         item.has_metadata = true;
@@ -147,6 +153,12 @@ const char* item_kind_name(ItemKind kind) {
     return kind_names[static_cast<std::size_t>(kind)];
 }
 
+bool is_attachment_object(const std::string& path) {
+    constexpr std::string_view ending = ".nlo";
+    return path.size() > ending.size() &&
+           ::strcasecmp(path.c_str() + path.size() - ending.size(), ending.data()) == 0;
+}
+
 std::string status_text(const Manifest& manifest) {
     std::string text = manifest.complete ? "complete" : "incomplete";
     if (!manifest.close_error.empty())
@@ -162,12 +174,16 @@ ManifestTotals totals(const Manifest& manifest) {
         sum.warnings += item.warnings.size();
         if (item.status == ItemStatus::failed) {
             ++sum.failed_items;
+        } else if (item.status == ItemStatus::left_out) {
+            ++sum.left_out_databases;
         } else if (item.kind != ItemKind::directory) {
             ++sum.stored_items;
             sum.bytes += item.size;
             sum.databases += item.kind == ItemKind::database ? 1 : 0;
+            bool object = is_attachment_object(item.path);
             bool other = item.kind == ItemKind::other || item.kind == ItemKind::link;
-            sum.other_files += other ? 1 : 0;
+            sum.attachment_objects += object ? 1 : 0;
+            sum.other_files += other && !object ? 1 : 0;
         }
     }
     return sum;
@@ -183,6 +199,22 @@ std::string left_out_text(const LeftOutFiles& left_out) {
         if (count > 0)
             text += (text.empty() ? "left out: " : ", ") + std::to_string(count) + " " + what;
     return text;
+}
+
+std::string left_out_databases_text(const Manifest& manifest) {
+    std::size_t count = 0;
+    std::string lines;
+    for (const ManifestItem& item : manifest.items)
+        if (item.status == ItemStatus::left_out) {
+            ++count;
+            lines += "    " + for_terminal(item.path) + ": " + for_terminal(item.reason) + "\n";
+        }
+    if (count == 0)
+        return {};
+    return "  " + std::to_string(count) +
+           (count == 1 ? " database that could not be saved was left out as --exclude says:\n"
+                       : " databases that could not be saved were left out as --exclude says:\n") +
+           lines;
 }
 
 json left_out_json(const LeftOutFiles& left_out) {

@@ -14,7 +14,8 @@ inline constexpr int manifest_format = 1;
 
 // What the module hands out, and what the client finds beside it: other files, and symbolic links.
 enum class ItemKind { directory, database, log, log_control, file, other, link };
-enum class ItemStatus { stored, failed };
+// One that is left out is a database that could not be saved, which somebody said may be missing.
+enum class ItemStatus { stored, failed, left_out };
 
 // A transaction log, as the module announced it.
 struct LogIdentity {
@@ -36,7 +37,7 @@ struct ManifestItem {
     std::string path; // the bytes of the full path
     ItemKind kind = ItemKind::file;
     ItemStatus status = ItemStatus::failed;
-    std::string reason; // why it failed
+    std::string reason; // why it failed, also of one that is left out
     // metadata of the original; absent when it could not be looked at
     bool has_metadata = false;
     std::uint32_t mode = 0; // permission bits
@@ -106,15 +107,21 @@ struct Manifest {
 
 const char* item_kind_name(ItemKind kind);
 
+// Whether a file of this name is an attachment object: ".nlo". Databases refer to it, and it is
+// never changed.
+bool is_attachment_object(const std::string& path);
+
 // "complete", "incomplete", with ", close failed" where the module's operation did not close and
 // ", logs missing" where the chain of logs has a gap.
 std::string status_text(const Manifest& manifest);
 
 struct ManifestTotals {
     std::size_t databases = 0;
-    std::size_t stored_items = 0; // directories not counted
-    std::size_t other_files = 0;  // among them: files and links that the client found itself
+    std::size_t stored_items = 0;       // directories not counted
+    std::size_t other_files = 0;        // among them: files and links that the client found itself
+    std::size_t attachment_objects = 0; // among them, too; not counted as other files
     std::size_t failed_items = 0;
+    std::size_t left_out_databases = 0;
     std::size_t warnings = 0;
     std::uint64_t bytes = 0;
 };
@@ -123,6 +130,8 @@ ManifestTotals totals(const Manifest& manifest);
 // "left out: 3 files that the server makes anew, 1 excluded, ..." with what there is, and
 // {"made_anew", "excluded", "special"}. REQUIRES, for the text: there is any.
 std::string left_out_text(const LeftOutFiles& left_out);
+// Lines that name the databases that could not be saved and were left out; empty without any.
+std::string left_out_databases_text(const Manifest& manifest);
 nlohmann::json left_out_json(const LeftOutFiles& left_out);
 
 // The bytes of the manifest's file.

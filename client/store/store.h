@@ -68,6 +68,8 @@ class Store {
     // before the check is complete.
     virtual ObjectCheck read_object(const std::string& hash,
                                     const std::function<void(Bytes)>& sink) = 0;
+    // Whether an object lies there with this many bytes; they are not looked at.
+    virtual bool has_object(const std::string& hash, std::uint64_t stored_size) = 0;
     // Removes an object that this run added and that nothing is to refer to; any other stays.
     virtual void discard_object(const std::string& hash) noexcept = 0;
     // The hashes of all objects, sorted; names that are no object go to `foreign` if given. Throws

@@ -1,5 +1,6 @@
 // check: whether a copy is exactly the database at one of its commits.
 #include "notes_simulator/backup_context.h"
+#include "notes_simulator/domino_sim/attachment.h"
 #include "notes_simulator/domino_sim/cli.h"
 #include "notes_simulator/domino_sim/manifest.h"
 #include "notes_simulator/status.h"
@@ -24,6 +25,7 @@ struct CheckOptions {
     std::string manifest;
     std::string server;
     std::string time;
+    std::vector<std::string> objects;
 };
 
 /// "@SECONDS[.CC]" since 1970, or "YYYY-MM-DD hh:mm[:ss[.CC]]" in local time, in hundredths of a
@@ -88,11 +90,19 @@ void runCheck(const CheckOptions& options) {
     try {
         Database database(copy, Connection::Mode::kReadOnly);
         state = readState(database, true);
+        if (!options.objects.empty()) {
+            const std::size_t references =
+                checkObjects(database, {options.objects.begin(), options.objects.end()});
+            std::cout << copy.string() << ": " << references << " attachments are there\n";
+        }
     } catch (const StatusError& error) {
         throw CheckFailed(error.what());
     }
     if (state.integrity != "ok") {
         throw CheckFailed(copy.string() + ": integrity check failed: " + state.integrity);
+    }
+    if (options.manifest.empty()) {
+        return;
     }
     const std::uint64_t commit = state.header.commit;
     if (!options.time.empty()) {
@@ -129,17 +139,28 @@ void addCheckCommand(CLI::App& app) {
     auto check = std::make_shared<CheckOptions>();
     CLI::App* command = app.add_subcommand(
         "check", "Check that a copy is sound and holds exactly what the manifest says for its own "
-                 "commit number; exits with 4 when not");
+                 "commit number, or that the attachments of its notes are there; exits with 4 when "
+                 "not");
     command->add_option("COPY", check->copy, "Copy of a database")->required();
-    command->add_option("--database", check->database, "Name of the database it is a copy of")
-        ->required();
-    command->add_option("--manifest", check->manifest, "Manifest of the workload")->required();
+    CLI::Option* database =
+        command->add_option("--database", check->database, "Name of the database it is a copy of");
+    CLI::Option* manifest =
+        command->add_option("--manifest", check->manifest, "Manifest of the workload");
+    manifest->needs(database);
+    command->add_option("--objects", check->objects,
+                        "Check that each attachment object that the notes refer to lies below one "
+                        "of these folders, whole");
     command->add_option("--server", check->server,
                         "Also check that its commit number is that of the last NSFBackupStop");
     command->add_option("--at", check->time,
                         "Also check that its commit is the last one at or before this time: "
                         "\"YYYY-MM-DD hh:mm:ss[.CC]\", local, or @SECONDS[.CC] since 1970");
-    command->callback([check] { runCheck(*check); });
+    command->callback([check] {
+        if (check->manifest.empty() && check->objects.empty()) {
+            throw CLI::RequiredError("--manifest, or --objects,");
+        }
+        runCheck(*check);
+    });
 }
 
 } // namespace domino_sim

@@ -1,4 +1,5 @@
-// put and delete: single changes to a database.
+// put, attach and delete: single changes to a database.
+#include "notes_simulator/domino_sim/attachment.h"
 #include "notes_simulator/domino_sim/cli.h"
 #include "notes_simulator/domino_sim/content.h"
 #include "notes_simulator/domino_sim/manifest.h"
@@ -28,6 +29,13 @@ struct PutOptions {
     int count = 1;
     std::string manifest;
     std::string crash;
+};
+
+struct AttachOptions {
+    std::string server;
+    std::string database;
+    std::size_t size = 4096;
+    int count = 1;
 };
 
 struct DeleteOptions {
@@ -86,6 +94,19 @@ void runPut(const PutOptions& options) {
     }
 }
 
+void runAttach(const AttachOptions& options) {
+    const Server server = useServer(options.server);
+    const fs::path file = requireDatabase(server, options.database);
+    ContentGenerator content(std::random_device{}());
+    const UseMark mark(server, file);
+    Database database(file, Connection::Mode::kReadWrite);
+    for (int i = 0; i < options.count; ++i) {
+        const Commit commit =
+            commitChanges(server, database, {attach(server, content, options.size)});
+        std::cout << commit.changes.front().note.id << '\n';
+    }
+}
+
 void runDelete(const DeleteOptions& options) {
     const Server server = useServer(options.server);
     const fs::path file = requireDatabase(server, options.database);
@@ -123,6 +144,19 @@ void addEditCommands(CLI::App& app) {
                      "nowhere else, half-written when pages may be written but not committed")
         ->check(CLI::IsMember({"after-log", "half-written"}));
     command->callback([put] { runPut(*put); });
+
+    auto add = std::make_shared<AttachOptions>();
+    command = app.add_subcommand("attach", "Write notes, each with an attachment in an object of "
+                                           "its own, and print their ids, one a line");
+    command->add_option("SERVER", add->server, "Server folder")->required();
+    command->add_option("DB", add->database, "Database")->required();
+    command->add_option("--size", add->size, "Bytes of each attachment")
+        ->check(CLI::Range(std::size_t{1}, std::size_t{1} << 30))
+        ->capture_default_str();
+    command->add_option("--count", add->count, "How many notes")
+        ->check(CLI::Range(1, 100000))
+        ->capture_default_str();
+    command->callback([add] { runAttach(*add); });
 
     auto remove = std::make_shared<DeleteOptions>();
     command = app.add_subcommand("delete", "Delete notes in one transaction");

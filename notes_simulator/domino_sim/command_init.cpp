@@ -30,6 +30,7 @@ struct InitOptions {
     int databases = 8;
     std::uint64_t seed = 1;
     std::string strict;
+    std::string objects;
 };
 
 struct CreateOptions {
@@ -91,6 +92,7 @@ std::string notesIni(const InitOptions& options, const fs::path& root) {
            "\n"
            "TRANSLOG_SimExtentSize=" +
            std::to_string(options.extentSize) + "\n" +
+           (options.objects.empty() ? "" : "DAOSEnable=1\nDAOSBasePath=" + options.objects + "\n") +
            (options.strict.empty() ? "" : "SimStrict=" + options.strict + "\n") +
            (strict && strict->has(Mood::kZone) ? foreignZone() : "");
 }
@@ -155,6 +157,9 @@ void addInitCommands(CLI::App& app) {
         ->check(CLI::Range(kSmallestServer, 100000))
         ->capture_default_str();
     command->add_option("--seed", init->seed, "Seed of the made-up notes")->capture_default_str();
+    command->add_option("--objects", init->objects,
+                        "Folder of the attachment objects, below the data directory unless it is a "
+                        "full path (default: DAOS)");
     command
         ->add_option("--strict", init->strict,
                      "Moods in which it does what a real server may do, or all: " +

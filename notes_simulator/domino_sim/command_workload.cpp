@@ -1,4 +1,5 @@
 // workload: writers at full rate, and a manifest of what they commit.
+#include "notes_simulator/domino_sim/attachment.h"
 #include "notes_simulator/domino_sim/cli.h"
 #include "notes_simulator/domino_sim/content.h"
 #include "notes_simulator/domino_sim/manifest.h"
@@ -27,6 +28,8 @@ constexpr int kLargeTransaction = 30;
 constexpr std::size_t kFewNotes = 20;   // below this, nothing is deleted
 constexpr std::size_t kManyNotes = 160; // above this, nothing is added: databases stay small
 constexpr int kExitWriterFailed = 3;
+constexpr std::uint64_t kOneInAttachment = 10; // of new notes
+constexpr std::size_t kAttachmentSize = 9000;  // bytes
 
 struct WorkloadOptions {
     std::string server;
@@ -34,6 +37,7 @@ struct WorkloadOptions {
     std::uint64_t seed = 1;
     int writers = 1;
     std::string manifest;
+    bool attach = false;
     std::vector<std::string> databases;
 };
 
@@ -54,7 +58,8 @@ void installStop() {
 class Writer {
   public:
     Writer(const Server& server, const WorkloadOptions& options, std::uint64_t seed)
-        : m_server(server), m_manifest(options.manifest), m_content(seed) {
+        : m_server(server), m_manifest(options.manifest), m_content(seed),
+          m_attach(options.attach) {
         for (const std::string& name : options.databases) {
             m_databases.push_back(
                 std::make_unique<Database>(server.resolve(name), Connection::Mode::kReadWrite));
@@ -111,7 +116,9 @@ class Writer {
             change.note.id = present[m_content.below(present.size())];
             return change;
         }
-        NoteChange change = m_content.newNote();
+        NoteChange change = m_attach && m_content.below(kOneInAttachment) == 0
+                                ? attach(m_server, m_content, kAttachmentSize)
+                                : m_content.newNote();
         const bool update = !present.empty() && (dice < 6 || present.size() > kManyNotes);
         if (update) {
             change.note.id = present[m_content.below(present.size())];
@@ -131,6 +138,7 @@ class Writer {
     const Server& m_server;
     ManifestWriter m_manifest;
     ContentGenerator m_content;
+    const bool m_attach;
     std::vector<std::unique_ptr<Database>> m_databases;
     std::vector<std::string> m_names;
 };
@@ -235,6 +243,7 @@ void addWorkloadCommand(CLI::App& app) {
     command->add_option("--writers", options->writers, "Processes that write")
         ->check(CLI::Range(1, 64))
         ->capture_default_str();
+    command->add_flag("--attach", options->attach, "Some notes have attachments, in objects");
     command->add_option("--manifest", options->manifest, "File that the commits are appended to")
         ->required();
     command->callback([options] { runWorkload(*options); });

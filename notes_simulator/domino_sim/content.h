@@ -19,9 +19,10 @@ class ContentGenerator {
     /// A whole number from 0 to below limit.
     std::uint64_t below(std::uint64_t limit) { return m_random() % limit; }
 
-  private:
+    /// Words of this length together.
     std::string words(std::size_t length);
 
+  private:
     std::mt19937_64 m_random;
 };
 

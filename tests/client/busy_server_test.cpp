@@ -65,24 +65,25 @@ TEST_F(BusyServer, LogsThatAreNotMarkedAreToldUntilALaterCloseWentWell) {
 TEST_F(BusyServer, WhatOthersDoIsWaitedForAndNeverEnded) {
     begin("foreign");
     const struct {
-        std::vector<std::string> words; // of domino-sim
+        std::string command; // of domino-sim
+        std::string options;
         const char* wait;
         int exit_code;
     } cases[] = {
-        {{"hold", "--backup"}, "1", 3},
-        {{"hold"}, "0", 0}, // what is left of the backup before is ended at once
-        {{"compact", "--for", "600"}, "1", 3},
-        {{"compact", "--for", "1"}, "60", 0},
+        {"hold", "--backup", "1", 3},
+        {"hold", "", "0", 0}, // what is left of the backup before is ended at once
+        {"compact", "--for 600", "1", 3},
+        {"compact", "--for 1", "60", 0},
     };
     for (const auto& row : cases) {
-        test::HeldDatabase held(m_server, "names.nsf", row.words);
+        test::HeldDatabase held(m_server, "names.nsf", row.command, row.options);
         json set = run(row.exit_code, {"backup", "--busy-wait", row.wait});
-        EXPECT_EQ(databases(set["set"]).size(), row.exit_code == 0 ? 6U : 5U) << row.words[0];
+        EXPECT_EQ(databases(set["set"]).size(), row.exit_code == 0 ? 6U : 5U) << row.command;
         EXPECT_EQ(m_errors.find("of it is running: A backup") != std::string::npos,
                   row.exit_code != 0);
         domino("backups " + m_server);
         EXPECT_EQ(read_file(m_scratch / "domino-sim.out").find("context open") != std::string::npos,
-                  row.words.back() == "--backup");
+                  row.options == "--backup");
     }
 }
 

@@ -18,38 +18,40 @@
 
 namespace qrtln::test {
 
-// A task of the server that has a database open: a command of domino-sim, its options behind it.
-class HeldDatabase {
+// A task of the server: domino-sim with these words, until the object goes away.
+class ServerTask {
   public:
-    HeldDatabase(const std::string& server, const std::string& name,
-                 std::vector<std::string> words = {"hold"}) {
-        words.insert(words.begin() + 1, {server, name});
-        words.insert(words.begin(), QRTLN_DOMINO_SIM);
-        std::vector<char*> arguments(words.size() + 1);
-        std::transform(words.begin(), words.end(), arguments.begin(),
-                       [](std::string& word) { return word.data(); });
+    explicit ServerTask(const std::string& words) {
         int output[2];
         EXPECT_EQ(::pipe(output), 0);
+        const std::string command = std::string("exec ") + QRTLN_DOMINO_SIM + " " + words;
         m_pid = ::fork();
         if (m_pid == 0) {
             ::dup2(output[1], 1);
-            ::execv(QRTLN_DOMINO_SIM, arguments.data());
+            ::execl("/bin/sh", "sh", "-c", command.c_str(), nullptr);
             ::_exit(127);
         }
         ::close(output[1]);
-        char line = 0; // printed once it is open
+        char line = 0; // printed once it is at work
         EXPECT_EQ(::read(output[0], &line, 1), 1);
         ::close(output[0]);
     }
-    ~HeldDatabase() {
-        ::kill(m_pid, SIGKILL);
+    ~ServerTask() {
+        ::kill(m_pid, SIGTERM);
         ::waitpid(m_pid, nullptr, 0);
     }
-    HeldDatabase(const HeldDatabase&) = delete;
-    HeldDatabase& operator=(const HeldDatabase&) = delete;
+    ServerTask(const ServerTask&) = delete;
+    ServerTask& operator=(const ServerTask&) = delete;
 
   private:
     pid_t m_pid = -1;
+};
+
+// One that has a database open: a command of domino-sim, its options behind it.
+struct HeldDatabase : ServerTask {
+    HeldDatabase(const std::string& server, const std::string& name,
+                 const std::string& command = "hold", const std::string& options = "")
+        : ServerTask(command + " " + server + " " + name + " " + options) {}
 };
 
 class OverTheSimulator : public testing::Test {
