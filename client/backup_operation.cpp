@@ -165,6 +165,7 @@ class BackupOperation {
     Manifest m_manifest;
     std::set<std::string> m_seen;
     std::map<std::string, LogIdentity> m_logs;    // announced and not yet handed out
+    std::string m_announced_log;                  // the newest of them
     std::vector<UncheckedItem> m_unchecked;       // told since the last item
     std::vector<LeftOut> m_left_out;              // told at any time
     std::vector<std::string> m_warnings_for_next; // about the item that was just handed out
@@ -244,7 +245,10 @@ void BackupOperation::check_room() {
 
 void BackupOperation::on_log_phase(const std::string& line) {
     if (std::optional<AnnouncedLog> log = parse_log_announcement(line))
-        m_logs[log->path] = log->identity;
+        m_logs[m_announced_log = log->path] = log->identity;
+    if (auto log = m_logs.find(m_announced_log); log != m_logs.end())
+        if (std::string id = parse_whole_identity(line, log->second.number); !id.empty())
+            log->second.whole_id = id;
     m_unmarked.read(line);
     if (line == logs_not_listed_line)
         m_logs_not_listed = true;
@@ -1212,15 +1216,14 @@ void BackupOperation::check_log_sizes() {
     std::optional<BaseSet> base = find_base(m_context.store, m_ini.sets);
     m_has_base = base.has_value();
     m_chain = load_log_chain(m_context.store, base ? base->set : "", m_ini.sets);
-    std::map<std::string, std::uint64_t> sizes;
-    add_extent_sizes(items, sizes);
+    ExtentSizes sizes;
+    sizes.add(items);
     for (const ChainLink& link : m_chain)
-        for (const auto& [archive_id, size] : link.extent_sizes)
-            sizes[archive_id] = std::max(sizes[archive_id], size);
+        sizes.add(link.extent_sizes);
     for (ManifestItem& item : m_manifest.items) {
         if (!item.log || item.log->active || item.status != ItemStatus::stored)
             continue;
-        if (std::uint64_t whole = sizes.at(item.log->archive_id); item.size != whole)
+        if (std::uint64_t whole = sizes.of(*item.log); item.size != whole)
             fail_stored(item, "it has " + std::to_string(item.size) +
                                   " bytes, but the full extents of this log have " +
                                   std::to_string(whole));

@@ -1,11 +1,13 @@
 #include "client/log_chain.h"
 
 #include "client/catalogue.h"
+#include "client/log_positions.h"
 
 #include <algorithm>
 #include <iterator>
 #include <map>
 #include <optional>
+#include <set>
 
 namespace qrtln {
 
@@ -18,17 +20,20 @@ struct Coverage {
     bool whole = false; // some copy was taken after the log was full
 };
 
-using Segment = std::map<std::uint32_t, Coverage>; // the numbers under one archive identity
+using Segment = std::map<std::int64_t, Coverage>; // by position, of one archive
 
 void add_gaps(const Segment& segment, std::vector<LogGap>& gaps) {
     if (segment.empty())
         return;
     for (auto here = segment.begin(), next = std::next(here); next != segment.end();
          here = next++) {
-        std::uint32_t needed = here->second.whole ? here->first + 1 : here->first;
+        std::int64_t needed = here->second.whole ? here->first + 1 : here->first;
         if (needed < next->first)
-            gaps.push_back(
-                {here->second.last_set, next->second.first_set, needed, next->first - 1, {}});
+            gaps.push_back({here->second.last_set,
+                            next->second.first_set,
+                            LogPositions::number(needed),
+                            LogPositions::number(next->first - 1),
+                            {}});
     }
 }
 
@@ -44,49 +49,78 @@ struct LogRange {
 };
 
 std::optional<LogRange> log_range(const Manifest& manifest) {
-    std::optional<LogRange> range;
+    std::optional<std::uint32_t> active;
+    std::set<std::int64_t> positions;
+    LogPositions position;
     for (const LogIdentity& log : stored_logs(manifest)) {
-        if (!range)
-            range = LogRange{log.number, log.number, std::nullopt};
-        range->first = std::min(range->first, log.number);
-        range->last = std::max(range->last, log.number);
+        positions.insert(position.of(log.number));
         if (log.active)
-            range->active = log.number;
+            active = log.number;
     }
-    return range;
+    if (positions.empty())
+        return std::nullopt;
+    return LogRange{LogPositions::number(*positions.begin()),
+                    LogPositions::number(*positions.rbegin()), active};
+}
+
+// With the whole identities where both are known.
+std::string new_log_text(const LogIdentity& before, const LogIdentity& after) {
+    bool whole = !before.whole_id.empty() && !after.whole_id.empty();
+    return "the server began a new transaction log (archive identity " +
+           (whole ? before.whole_id : before.archive_id) + " became " +
+           (whole ? after.whole_id : after.archive_id) + ")";
 }
 
 } // namespace
 
-void add_extent_sizes(const std::vector<ManifestItem>& items,
-                      std::map<std::string, std::uint64_t>& sizes) {
+void ExtentSizes::add(const LogIdentity& log, std::uint64_t size) {
+    auto known = std::find_if(m_sizes.begin(), m_sizes.end(),
+                              [&](const auto& entry) { return same_archive(entry.first, log); });
+    if (known == m_sizes.end())
+        m_sizes.emplace_back(log, size);
+    else
+        known->second = std::max(known->second, size);
+}
+
+void ExtentSizes::add(const std::vector<ManifestItem>& items) {
     for (const ManifestItem& item : items)
-        if (item.log && !item.log->active && item.status == ItemStatus::stored) {
-            std::uint64_t& size = sizes[item.log->archive_id];
-            size = std::max(size, item.size);
-        }
+        if (item.log && !item.log->active && item.status == ItemStatus::stored)
+            add(*item.log, item.size);
+}
+
+void ExtentSizes::add(const ExtentSizes& others) {
+    for (const auto& [log, size] : others.m_sizes)
+        add(log, size);
+}
+
+std::uint64_t ExtentSizes::of(const LogIdentity& log) const {
+    std::uint64_t largest = 0;
+    for (const auto& [known, size] : m_sizes)
+        if (same_archive(known, log))
+            largest = std::max(largest, size);
+    return largest;
 }
 
 std::vector<LogGap> find_log_gaps(const std::vector<ChainLink>& chain) {
     std::vector<LogGap> gaps;
     Segment segment;
-    std::string archive_id;
+    LogPositions position;
+    LogIdentity archive;
     std::string previous_set;
     for (const ChainLink& link : chain) {
         if (previous_set.empty() && !link.logs.empty() && &link != &chain.front())
             gaps.push_back({chain.front().set, link.set, 0, 0,
                             "the set that the chain begins with holds no transaction logs"});
         for (const LogIdentity& log : link.logs) {
-            if (!previous_set.empty() && log.archive_id != archive_id) {
+            if (!previous_set.empty() && !same_archive(log, archive)) {
                 add_gaps(segment, gaps);
                 segment.clear();
-                gaps.push_back({previous_set, link.set, 0, 0,
-                                "the server began a new transaction log (archive identity " +
-                                    archive_id + " became " + log.archive_id + ")"});
+                position = {};
+                gaps.push_back({previous_set, link.set, 0, 0, new_log_text(archive, log)});
             }
-            archive_id = log.archive_id;
+            archive = log;
             previous_set = link.set;
-            Coverage& coverage = segment[log.number];
+            Coverage& coverage = segment[position.of(log.number)];
             if (coverage.first_set.empty())
                 coverage.first_set = link.set;
             coverage.last_set = link.set;
@@ -101,7 +135,7 @@ std::vector<LogGap> find_log_gaps(const std::vector<ChainLink>& chain) {
             if (active.active)
                 std::erase_if(gaps, [&](const LogGap& gap) {
                     return gap.reason.empty() && gap.after == chain.back().set &&
-                           gap.first >= active.number;
+                           !LogPositions::precedes(gap.first, active.number);
                 });
     return gaps;
 }
@@ -129,7 +163,7 @@ std::vector<ChainLink> load_log_chain(Store& store, const std::string& base,
         if (set != base && logs.empty())
             continue;
         chain.push_back({set, std::move(logs)});
-        add_extent_sizes(entry.manifest->items, chain.back().extent_sizes);
+        chain.back().extent_sizes.add(entry.manifest->items);
     }
     return chain;
 }

@@ -6,29 +6,41 @@
 #include "client/store/manifest.h"
 #include "client/store/store.h"
 
-#include <map>
+#include <cstdint>
 #include <nlohmann/json.hpp>
 #include <string>
+#include <utility>
 #include <vector>
 
 namespace qrtln {
+
+// What the stored logs tell about the size of an extent, by archive: in bytes, that of the largest
+// log that was full. All full extents of one log have the same.
+class ExtentSizes {
+  public:
+    void add(const std::vector<ManifestItem>& items);
+    void add(const ExtentSizes& others);
+    // 0: not known.
+    std::uint64_t of(const LogIdentity& log) const;
+
+  private:
+    void add(const LogIdentity& log, std::uint64_t size);
+
+    std::vector<std::pair<LogIdentity, std::uint64_t>> m_sizes; // in bytes
+};
 
 // The logs of one set.
 struct ChainLink {
     std::string set;
     std::vector<LogIdentity> logs;
-    std::map<std::string, std::uint64_t> extent_sizes = {}; // see add_extent_sizes()
+    ExtentSizes extent_sizes = {};
 };
-
-// Adds what the stored logs tell about the size of an extent, by archive identity: in bytes, that
-// of the largest log that was full. All full extents of one log have the same.
-void add_extent_sizes(const std::vector<ManifestItem>& items,
-                      std::map<std::string, std::uint64_t>& sizes);
 
 // The gaps in a chain, oldest link first. A number is covered by a log that was full when it was
 // stored. The copy of an active one is partial, so its number must come again in a later link;
-// until there is one, the server has it. Logs that come again do no harm. Another archive identity
-// begins a new log: a break of its own. So is a first link without logs when later ones have some.
+// until there is one, the server has it. Logs that come again do no harm, and numbers wrap. Another
+// archive identity begins a new log: a break of its own. So is a first link without logs when later
+// ones have some.
 std::vector<LogGap> find_log_gaps(const std::vector<ChainLink>& chain);
 
 // "the logs 5 to 7 are missing between the sets A and B".

@@ -55,6 +55,11 @@ std::string dbiid_between(std::string_view text, std::string_view beginning,
 
 } // namespace
 
+std::string parse_whole_identity(const std::string& line, std::uint32_t number) {
+    return dbiid_between(line, "Archive identity [", "[",
+                         "], Log number " + std::to_string(number));
+}
+
 std::string parse_prepared_dbiid(const std::string& line) {
     return dbiid_between(line, "QRTLN_PrepareForBackup: got database [", "], DBIID [", "])");
 }

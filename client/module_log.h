@@ -18,6 +18,10 @@ struct AnnouncedLog {
 // nothing for any other line.
 std::optional<AnnouncedLog> parse_log_announcement(const std::string& line);
 
+// The whole identity that the line behind an announcement tells for the log of this number, 34
+// characters; empty for any other line.
+std::string parse_whole_identity(const std::string& line, std::uint32_t number);
+
 // The instance (DBIID) that a line of the trace tells for the database that was just prepared, 34
 // characters; empty for any other line and for a database that is not transaction-logged.
 std::string parse_prepared_dbiid(const std::string& line);

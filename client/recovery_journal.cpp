@@ -3,7 +3,6 @@
 #include "client/error.h"
 #include "client/file_io.h"
 #include "client/permission.h"
-#include "client/recovery_logs.h"
 #include "client/store/canonical_json.h"
 #include "client/store/digest.h"
 #include "client/temporary_directory.h"
@@ -163,16 +162,10 @@ FileState file_state(const std::string& path) {
             status.st_mtim.tv_sec * nanoseconds + status.st_mtim.tv_nsec};
 }
 
-bool file_has_content(const std::string& path, const std::string& object,
-                      const std::function<void()>& between) {
-    FileDescriptor file(::open(path.c_str(), O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC));
-    struct stat status {};
-    return file && ::fstat(file.get(), &status) == 0 && S_ISREG(status.st_mode) &&
-           descriptor_has_content(file.get(), object, between);
-}
+namespace {
 
-bool descriptor_has_content(int file, const std::string& object,
-                            const std::function<void()>& between) {
+// Of the file from where it stands; empty when it cannot be read.
+std::string descriptor_digest(int file, const std::function<void()>& between) {
     Sha256 digest;
     std::vector<std::byte> buffer(read_size);
     for (;;) {
@@ -180,11 +173,30 @@ bool descriptor_has_content(int file, const std::string& object,
             between();
         ssize_t got = read_up_to(file, buffer);
         if (got < 0)
-            return false;
+            return {};
         if (got == 0)
-            return digest.finish() == object;
+            return digest.finish();
         digest.update({buffer.data(), static_cast<std::size_t>(got)});
     }
+}
+
+} // namespace
+
+std::string file_digest(const std::string& path, const std::function<void()>& between) {
+    FileDescriptor file(::open(path.c_str(), O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC));
+    struct stat status {};
+    bool regular = file && ::fstat(file.get(), &status) == 0 && S_ISREG(status.st_mode);
+    return regular ? descriptor_digest(file.get(), between) : std::string();
+}
+
+bool file_has_content(const std::string& path, const std::string& object,
+                      const std::function<void()>& between) {
+    return !object.empty() && file_digest(path, between) == object;
+}
+
+bool descriptor_has_content(int file, const std::string& object,
+                            const std::function<void()>& between) {
+    return !object.empty() && descriptor_digest(file, between) == object;
 }
 
 const PendingDatabase* RecoveryJournal::entry_of(const std::string& path) const {
@@ -264,7 +276,7 @@ std::string make_folder_for_proof(const std::string& tmp_dir, const std::string&
 std::vector<std::string> leftovers_of(const RecoveryJournal& journal) {
     std::vector<std::string> leftovers;
     for (const PutBackLog& log : journal.extents)
-        if (log_number_of(name_of(log.path)) && file_has_content(log.path, log.object))
+        if (file_has_content(log.path, log.object))
             leftovers.push_back(log.path);
     if (is_pending_folder(journal.pending_folder))
         leftovers.push_back(journal.pending_folder);
@@ -275,7 +287,7 @@ std::vector<std::string> abandon_recovery(const RecoveryJournal& journal) {
     std::vector<std::string> warnings;
     // Whatever the journal says, only what a recovery makes is removed.
     for (const PutBackLog& log : journal.extents) {
-        if (!log_number_of(name_of(log.path)) || !exists(log.path))
+        if (!exists(log.path))
             continue;
         if (!file_has_content(log.path, log.object))
             warnings.push_back("the transaction log " + log.path +

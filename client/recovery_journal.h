@@ -97,6 +97,10 @@ class RecoveryJournalFile {
 std::string make_pending_folder(const std::string& tmp_dir, const std::string& data_directory);
 std::string make_folder_for_proof(const std::string& tmp_dir, const std::string& data_directory);
 
+// The SHA-256 of a regular file's content, which is the name of its object; empty when it is none,
+// or cannot be read. `between` as below.
+std::string file_digest(const std::string& path, const std::function<void()>& between = {});
+
 // Whether a regular file has this content. `between` is called now and then and ends it by
 // throwing.
 bool file_has_content(const std::string& path, const std::string& object,

@@ -3,11 +3,16 @@
 #include "client/catalogue.h"
 #include "client/error.h"
 #include "client/file_io.h"
+#include "client/log_positions.h"
+#include "client/original.h"
+#include "client/recovery_journal.h"
 #include "client/text.h"
 
 #include <algorithm>
+#include <array>
 #include <cerrno>
 #include <charconv>
+#include <cstdio>
 #include <dirent.h>
 #include <fcntl.h>
 #include <string_view>
@@ -24,6 +29,28 @@ constexpr std::int64_t stamp_tolerance = 1; // seconds
 
 std::int64_t whole_seconds(std::int64_t time_ns) {
     return time_ns / nanoseconds - (time_ns % nanoseconds < 0 ? 1 : 0);
+}
+
+// The content of a file in the folder of the logs. A plan is made several times, and they are
+// large.
+const std::string& digest_of(const std::string& path, const FileState& state,
+                             const std::function<void()>& between) {
+    static std::map<std::string, std::pair<FileState, std::string>> known;
+    auto entry = known.find(path);
+    if (entry == known.end() || entry->second.first != state)
+        entry = known.insert_or_assign(path, std::pair(state, file_digest(path, between))).first;
+    return entry->second.second;
+}
+
+// Whether the file there is this stored log. What was not written since needs not be read.
+bool is_stored_log(const std::string& path, const ManifestItem& item,
+                   const std::function<void()>& between) {
+    FileState there = file_state(path);
+    if (!there.there || static_cast<std::uint64_t>(there.size) != item.size)
+        return false;
+    bool untouched =
+        item.has_metadata && there.mtime_ns == item.mtime_ns && name_of(path) == name_of(item.path);
+    return untouched || digest_of(path, there, between) == item.object;
 }
 
 // What there is of one number.
@@ -44,48 +71,70 @@ struct Holding {
     }
 };
 
-using Holdings = std::map<std::uint32_t, Holding>;
+// A stored log of the newest archive.
+struct Placed {
+    std::int64_t position = 0; // in the order of the logs
+    const StoredLog* log = nullptr;
+};
 
-Holdings collect(const StoredLogs& stored, const ServerLogs& server, const std::string& id) {
+// In the order of their sets.
+std::vector<Placed> place_newest_archive(const StoredLogs& stored) {
+    std::vector<Placed> placed;
+    LogPositions position;
+    for (const StoredLog& log : stored.logs)
+        if (same_archive(*log.item.log, *stored.logs.back().item.log))
+            placed.push_back({position.of(log.item.log->number), &log});
+    return placed;
+}
+
+std::int64_t newest_of(const std::vector<Placed>& placed) {
+    return std::max_element(
+               placed.begin(), placed.end(),
+               [](const Placed& a, const Placed& b) { return a.position < b.position; })
+        ->position;
+}
+
+using Holdings = std::map<std::int64_t, Holding>; // by position
+
+Holdings collect(const std::vector<Placed>& placed, const ServerLogs& server) {
     Holdings holdings;
-    for (const StoredLog& log : stored.logs) {
-        if (log.item.log->archive_id != id)
+    for (const auto& [position, log] : placed) {
+        Holding& holding = holdings[position]; // of a damaged one, too: it was there
+        if (log->damaged)
             continue;
-        Holding& holding = holdings[log.item.log->number]; // of a damaged one, too: it was there
-        if (log.damaged)
-            continue;
-        (log.item.log->active ? holding.partial : holding.whole) = &log;
+        (log->item.log->active ? holding.partial : holding.whole) = log;
     }
-    for (const auto& [number, time] : server.last_used)
-        holdings[number].on_server = time;
+    const std::int64_t newest = newest_of(placed);
+    for (const auto& [number, time] : server.last_used) {
+        LogPositions position; // around the newest stored one, whichever way numbers wrap
+        position.of(LogPositions::number(newest));
+        const std::int64_t offset = newest - LogPositions::number(newest);
+        holdings[position.of(number) + offset].on_server = time;
+    }
     return holdings;
 }
 
-// The lowest number that a database in `set` may need: the lowest log of the set, else the one that
+// The lowest log that a database in `set` may need: the lowest log of the set, else the one that
 // was being written when the set before it ended, else the lowest of the next.
-std::optional<std::uint32_t> first_needed(const StoredLogs& stored, const std::string& id,
-                                          const std::string& set) {
-    std::optional<std::uint32_t> own;
-    std::optional<std::uint32_t> before;
-    std::optional<std::uint32_t> after;
+std::int64_t first_needed(const std::vector<Placed>& placed, const std::string& set) {
+    std::optional<std::int64_t> own;
+    std::optional<std::int64_t> before;
+    std::optional<std::int64_t> after;
     std::string after_set;
-    for (const StoredLog& log : stored.logs) {
-        if (log.item.log->archive_id != id)
-            continue;
-        std::uint32_t number = log.item.log->number;
-        if (log.set == set)
-            own = std::min(own.value_or(number), number);
-        else if (log.set < set)
-            before = std::max(before.value_or(number), number);
-        else if (after_set.empty() || after_set == log.set) {
-            after_set = log.set;
-            after = std::min(after.value_or(number), number);
+    for (const auto& [position, log] : placed) {
+        if (log->set == set)
+            own = std::min(own.value_or(position), position);
+        else if (log->set < set)
+            before = std::max(before.value_or(position), position);
+        else if (after_set.empty() || after_set == log->set) {
+            after_set = log->set;
+            after = std::min(after.value_or(position), position);
         }
     }
-    return own ? own : before ? before : after;
+    return own ? *own : before ? *before : after.value_or(0);
 }
 
-std::optional<std::int64_t> reachable_with(const Holdings& holdings, std::uint32_t last) {
+std::optional<std::int64_t> reachable_with(const Holdings& holdings, std::int64_t last) {
     auto holding = holdings.find(last);
     if (holding == holdings.end())
         return std::nullopt;
@@ -119,8 +168,7 @@ StoredLogs load_stored_logs(Store& store, const ServerScope& scope,
     // It describes the log of its own set.
     for (const StoredLog& control : controls)
         for (const StoredLog& log : stored.logs)
-            if (log.set == control.set &&
-                log.item.log->archive_id == stored.logs.back().item.log->archive_id)
+            if (log.set == control.set && same_archive(*log.item.log, *stored.logs.back().item.log))
                 stored.control = control;
     return stored;
 }
@@ -154,82 +202,164 @@ ServerLogs look_at_server_logs(const std::string& directory) {
         logs.missing = true;
         return logs;
     }
+    bool other_names = false; // of logs, in a form that tells no number
     for (const std::string& name : *names) {
         logs.has_control = logs.has_control || name == control_file;
         struct stat status {};
         std::optional<std::uint32_t> number = log_number_of(name);
+        other_names = other_names || (!number && item_kind_of(name) == ItemKind::log);
         if (number && ::lstat((directory + "/" + name).c_str(), &status) == 0 &&
             S_ISREG(status.st_mode))
             logs.last_used[*number] = status.st_mtim.tv_sec * nanoseconds + status.st_mtim.tv_nsec;
     }
-    logs.missing = logs.last_used.empty() && !logs.has_control; // a new disk in its place
+    logs.missing = logs.last_used.empty() && !logs.has_control && !other_names; // a new disk
     return logs;
 }
 
-std::string archive_id_at(const StoredLogs& stored, const std::string& set) {
-    std::string id;
-    for (const StoredLog& log : stored.logs) {
-        if (log.set > set && !id.empty())
-            break;
-        id = log.item.log->archive_id;
+void compare_with_stored(ServerLogs& server, const StoredLogs& stored,
+                         const std::function<void()>& between) {
+    if (server.directory.empty() || stored.logs.empty())
+        return;
+    std::map<std::uint32_t, const StoredLog*> whole; // the newest copy of each
+    for (const Placed& placed : place_newest_archive(stored)) {
+        const LogIdentity& log = *placed.log->item.log;
+        server.names_tell =
+            server.names_tell && log_number_of(name_of(placed.log->item.path)) == log.number;
+        if (exists(server.directory + "/" + name_of(placed.log->item.path)))
+            server.missing = false; // whatever form its name has
+        if (!log.active && !placed.log->damaged)
+            whole[log.number] = placed.log;
     }
-    return id;
+    std::map<std::uint32_t, std::int64_t> found;
+    for (const auto& [number, log] : whole) {
+        const std::string path = server.directory + "/" + name_of(log->item.path);
+        if (!exists(path))
+            continue;
+        if (is_stored_log(path, log->item, between))
+            found[number] = file_state(path).mtime_ns;
+        else
+            server.names_tell = false;
+    }
+    if (!server.names_tell)
+        server.last_used = std::move(found);
 }
+
+bool has_newest_archive(const StoredLogs& stored, const std::string& set) {
+    const StoredLog* nearest = nullptr;
+    for (const StoredLog& log : stored.logs) {
+        if (log.set > set && nearest != nullptr)
+            break;
+        nearest = &log;
+    }
+    return nearest == nullptr || same_archive(*nearest->item.log, *stored.logs.back().item.log);
+}
+
+namespace {
+
+// A name for each log that comes back: its own, or one that it may have instead, where another file
+// of that name is there, or a newer log takes it. What an earlier run put back is left as it is.
+void choose_names(RecoveryLogs& logs, const ServerLogs& server) {
+    std::set<std::string> taken;
+    for (auto log = logs.restore.rbegin(); log != logs.restore.rend(); ++log) {
+        const std::string own = name_of(log->item.path);
+        std::array<char, 32> by_number{};
+        std::snprintf(by_number.data(), by_number.size(), "S%07u.TXN", log->item.log->number);
+        std::string name = own;
+        bool there = false;
+        auto in_use = [&] {
+            const std::string path = server.directory + "/" + name;
+            bool other = !server.missing && exists(path);
+            there = other && is_stored_log(path, log->item, {});
+            return !there && (other || taken.contains(name));
+        };
+        if (in_use())
+            name = by_number.data();
+        while (in_use() && name.front() < 'Z')
+            ++name.front();
+        log->target_name = there ? "" : name;
+        logs.renamed = logs.renamed || name != own;
+        taken.insert(name);
+    }
+    std::erase_if(logs.restore, [](const StoredLog& log) { return log.target_name.empty(); });
+}
+
+// Why the server's logs do not continue the stored ones.
+MissingLogs other_log(const ServerLogs& server, std::int64_t newest_stored) {
+    return {0, 0,
+            "the folder " + for_terminal(server.directory) +
+                " holds another transaction log than the sets: not number " +
+                std::to_string(LogPositions::number(newest_stored)) + ", nor any after it",
+            "if the folder of the logs was lost and the server began a new log: shut "
+            "the server down, move that folder away, and run the same command; it then "
+            "comes back from the store",
+            std::nullopt};
+}
+
+// The first gap at or behind this position, with the last position of the gap.
+std::int64_t end_of_gap(const Holdings& holdings, std::int64_t first, std::int64_t last) {
+    for (auto next = holdings.upper_bound(first); next != holdings.end(); ++next)
+        if (next->second.on_server || next->second.stored() != nullptr)
+            return std::min(last, next->first - 1);
+    return last;
+}
+
+} // namespace
 
 RecoveryLogs find_recovery_logs(const StoredLogs& stored, const ServerLogs& server,
                                 const RecoveryLogNeeds& needs) {
     RecoveryLogs result;
     if (stored.logs.empty())
         return result; // the server's own logs are all there is
-    result.archive_id = stored.logs.back().item.log->archive_id;
-    std::optional<std::uint32_t> first = first_needed(stored, result.archive_id, needs.oldest_set);
-    if (!first)
-        return result;
-    Holdings holdings = collect(stored, server, result.archive_id);
-    std::uint32_t newest_stored = 0;
-    for (const StoredLog& log : stored.logs)
-        if (log.item.log->archive_id == result.archive_id)
-            newest_stored = std::max(newest_stored, log.item.log->number);
-    result.first = *first;
-    result.last = holdings.rbegin()->first;
+    result.any_stored = true;
+    const std::vector<Placed> placed = place_newest_archive(stored);
+    const Holdings holdings = collect(placed, server);
+    const std::int64_t newest_stored = newest_of(placed);
+    const std::int64_t first = first_needed(placed, needs.oldest_set);
+    std::int64_t last = holdings.rbegin()->first;
+    // The server removes a log, or uses its file again, once it is stored whole. Where names tell
+    // nothing, those behind the newest such one are taken to be there: the server says if not.
+    std::optional<std::int64_t> newest_whole;
+    for (const auto& [position, log] : placed)
+        if (!log->item.log->active)
+            newest_whole = std::max(newest_whole.value_or(position), position);
+    const bool cannot_see = !server.names_tell && !server.missing;
+    result.first = LogPositions::number(first);
+    result.last = LogPositions::number(last);
     if (server.missing) {
         result.control = stored.control;
-        result.ends = reachable_with(holdings, result.last);
+        result.ends = reachable_with(holdings, last);
         if (const StoredLog* newest = holdings.rbegin()->second.stored())
             result.ends = std::max(result.ends.value_or(newest->set_started), newest->set_started);
-    } else if (server.last_used.empty() || server.last_used.rbegin()->first < newest_stored) {
+    } else if (!cannot_see &&
+               std::none_of(holdings.lower_bound(newest_stored), holdings.end(),
+                            [](const auto& entry) { return entry.second.on_server; })) {
         // The newest stored log was still on the server when it was stored.
-        result.missing =
-            MissingLogs{0, 0,
-                        "the folder " + for_terminal(server.directory) +
-                            " holds another transaction log than the sets: not number " +
-                            std::to_string(newest_stored) + ", nor any after it",
-                        "if the folder of the logs was lost and the server began a new log: shut "
-                        "the server down, move that folder away, and run the same command; it then "
-                        "comes back from the store",
-                        std::nullopt};
+        result.missing = other_log(server, newest_stored);
         return result;
     }
-    for (std::uint32_t number = result.first; number <= result.last; ++number) {
-        const Holding& holding = holdings[number];
-        bool at_the_end = number == result.last && holding.partial != nullptr;
+    for (std::int64_t position = first; position <= last; ++position) {
+        auto held = holdings.find(position);
+        const Holding holding = held == holdings.end() ? Holding{} : held->second;
+        if (cannot_see && (!newest_whole || position > *newest_whole))
+            break;
+        bool at_the_end = !cannot_see && position == last && holding.partial != nullptr;
         if (!holding.on_server && holding.whole == nullptr && !at_the_end) {
-            std::uint32_t last = number;
-            while (last < result.last && !holdings[last + 1].on_server &&
-                   holdings[last + 1].stored() == nullptr)
-                ++last;
-            result.missing =
-                MissingLogs{number, last, {}, {}, reachable_with(holdings, number - 1)};
+            result.missing = MissingLogs{LogPositions::number(position),
+                                         LogPositions::number(end_of_gap(holdings, position, last)),
+                                         {},
+                                         {},
+                                         reachable_with(holdings, position - 1)};
             return result;
         }
         if (!holding.on_server)
             result.restore.push_back(*holding.stored());
         std::optional<std::int64_t> change = holding.last_change();
         if (needs.to && change && whole_seconds(*change) > *needs.to + stamp_tolerance) {
-            result.last = number; // it holds changes of after that time
+            result.last = LogPositions::number(position); // it holds changes of after that time
             break;
         }
     }
+    choose_names(result, server);
     return result;
 }
 

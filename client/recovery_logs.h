@@ -6,6 +6,7 @@
 #include "client/store/store.h"
 
 #include <cstdint>
+#include <functional>
 #include <map>
 #include <optional>
 #include <set>
@@ -22,6 +23,7 @@ struct StoredLog {
     // Its object is known to be: the number is known, the content is not there.
     bool damaged = false;
     std::int64_t set_started = 0; // seconds since 1970: what was committed before is in the log
+    std::string target_name = {}; // that it comes back under; empty: its own
 };
 
 // What the sets of one server hold, oldest set first.
@@ -42,11 +44,22 @@ struct ServerLogs {
     bool missing = false;                            // lost: no such folder, or an empty one
     bool has_control = false;                        // the log control file is there
     std::map<std::uint32_t, std::int64_t> last_used; // by number: modification time, nanoseconds
+    // Names of files tell the numbers of the logs in them. If not, last_used has what
+    // compare_with_stored() found, and nobody can see beforehand which logs behind the stored ones
+    // are there.
+    bool names_tell = true;
 };
 
 // Looks at the folder; a file counts as a log when its name has the form of one. Throws
 // ClientError(failed) for a folder that is there and cannot be read.
 ServerLogs look_at_server_logs(const std::string& directory);
+
+// Looks whether names can be relied on: a server may use the file of an archived log again for a
+// later one. A stored log whose name has another number, or none, and a file that has the name of a
+// stored log and other content say that they cannot. `between` is called now and then and ends it
+// by throwing.
+void compare_with_stored(ServerLogs& server, const StoredLogs& stored,
+                         const std::function<void()>& between = {});
 
 // The number in a log's file name, "S0000012.TXN", or nothing.
 std::optional<std::uint32_t> log_number_of(const std::string& file_name);
@@ -68,10 +81,12 @@ struct MissingLogs {
 };
 
 struct RecoveryLogs {
-    std::string archive_id; // of the logs that count; empty: no set holds any
+    bool any_stored = false; // else no set holds any
     std::uint32_t first = 0;
     std::uint32_t last = 0;
-    std::vector<StoredLog> restore;   // those that the server has no longer, by number
+    std::vector<StoredLog> restore; // those that the server has no longer, in their order
+    // Of those that come back, some do not under their own names: others are there by now.
+    bool renamed = false;
     std::optional<StoredLog> control; // to be restored with them when the folder is lost
     std::optional<MissingLogs> missing;
     // The end that is known when the server's own logs are lost, in seconds since 1970: the last
@@ -84,9 +99,9 @@ struct RecoveryLogs {
 RecoveryLogs find_recovery_logs(const StoredLogs& stored, const ServerLogs& server,
                                 const RecoveryLogNeeds& needs);
 
-// The archive identity of the logs that a set holds, or of the nearest set before it that holds
-// some, else behind it; empty when no set does.
-std::string archive_id_at(const StoredLogs& stored, const std::string& set);
+// Whether the logs that a set holds, or the nearest set before it that holds some, else behind it,
+// are of the newest archive; true when no set has any.
+bool has_newest_archive(const StoredLogs& stored, const std::string& set);
 
 // "the transaction logs 5 to 7 are missing; with those before them ... is reachable".
 std::string describe(const MissingLogs& missing);

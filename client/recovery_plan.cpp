@@ -3,6 +3,7 @@
 #include "client/catalogue.h"
 #include "client/error.h"
 #include "client/interrupt.h"
+#include "client/log_positions.h"
 #include "client/output.h"
 #include "client/point_in_time.h"
 #include "client/safe_paths.h"
@@ -27,7 +28,9 @@ ServerLogs look_at_logs(const NotesIni& ini, const StoredLogs& stored) {
     std::string directory = log_directory(ini);
     if (directory.empty() && !stored.logs.empty())
         directory = folder_of(stored.logs.back().item.path);
-    return look_at_server_logs(directory);
+    ServerLogs logs = look_at_server_logs(directory);
+    compare_with_stored(logs, stored, throw_if_interrupted);
+    return logs;
 }
 
 class RecoveryPlanner {
@@ -156,14 +159,13 @@ void RecoveryPlanner::take_database(PlannedItem planned) {
         database.set_started = manifest->started;
         database.set_ended = complete_at(*manifest);
     }
-    std::string newest_id = m_stored.logs.empty() ? "" : m_stored.logs.back().item.log->archive_id;
     if (is_not_logged(planned.item))
         database.only_its_set = not_logged_reason;
     else if (!m_ini.logging) // a set of an earlier release does not tell what no log covers
         database.only_its_set = planned.item.dbiid.empty() && is_template(planned.item.path)
                                     ? template_reason
                                     : logging_off_reason;
-    else if (archive_id_at(m_stored, planned.set) != newest_id)
+    else if (!has_newest_archive(m_stored, planned.set))
         database.only_its_set = "the server began a new transaction log after its backup";
     database.planned = std::move(planned);
     m_plan.databases.push_back(std::move(database));
@@ -356,6 +358,13 @@ void RecoveryPlanner::plan_logs() {
             "the folder of the transaction logs, " + for_terminal(m_plan.server_logs.directory) +
             ", is lost: what was committed after the newest set is not in any log" +
             (m_plan.logs.ends ? " (that is after " + utc_time(*m_plan.logs.ends) + ")" : ""));
+    if (!m_plan.server_logs.names_tell && !m_plan.server_logs.missing && !m_plan.logs.missing)
+        m_plan.warnings.push_back(
+            "the files in " + for_terminal(m_plan.server_logs.directory) +
+            " do not tell by their names which transaction logs they hold (the server uses them "
+            "again): whether it has those after the stored ones, it says itself" +
+            (m_plan.logs.renamed ? "; logs whose names others have by now come back under new ones"
+                                 : ""));
     require_that_logs_are_lost();
 }
 
@@ -415,7 +424,8 @@ std::string reach_text(const RecoveryPlan& plan, const RecoveringDatabase& datab
 }
 
 std::string log_target(const ServerLogs& server, const StoredLog& log) {
-    return server.directory + "/" + name_of(log.item.path);
+    return server.directory + "/" +
+           (log.target_name.empty() ? name_of(log.item.path) : log.target_name);
 }
 
 std::string logs_text(const RecoveryLogs& logs, const ServerLogs& server, bool to_a_moment) {
@@ -426,7 +436,7 @@ std::string logs_text(const RecoveryLogs& logs, const ServerLogs& server, bool t
                           : "") +
                "\n";
     }
-    if (logs.archive_id.empty())
+    if (!logs.any_stored)
         return "no set holds transaction logs: those that the server has are replayed\n";
     std::string text = "transaction logs " + std::to_string(logs.first) + " to " +
                        std::to_string(logs.last) + (to_a_moment ? "" : " and what follows") + ", " +
@@ -445,7 +455,8 @@ nlohmann::json logs_json(const RecoveryLogs& logs, const ServerLogs& server) {
                             {"set", log.set}});
     nlohmann::json on_server = nlohmann::json::array();
     for (const auto& [number, time] : server.last_used)
-        if (number >= logs.first && number <= logs.last)
+        if (!LogPositions::precedes(number, logs.first) &&
+            !LogPositions::precedes(logs.last, number))
             on_server.push_back(number);
     nlohmann::json missing;
     if (logs.missing) {

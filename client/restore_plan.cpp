@@ -124,6 +124,15 @@ RestorePlan Planner::run(RestoreSelection selection) {
             continue; // folders come with what is in them
         m_plan.items.push_back(plan_item(std::move(selected)));
     }
+    bool logs_come_back =
+        std::any_of(m_plan.items.begin(), m_plan.items.end(), [](const PlannedItem& planned) {
+            return planned.item.log && planned.action == RestoreAction::write;
+        });
+    if (logs_come_back && selection.hidden_logs > 0)
+        m_plan.warnings.push_back(std::to_string(selection.hidden_logs) +
+                                  " older transaction logs have the names of newer ones and do not "
+                                  "come back with them: `qrtln recover` takes them from the store "
+                                  "when it needs them");
     // Folders first, then logs, databases, and what configures the server last.
     auto rank = [](const PlannedItem& planned) {
         switch (planned.item.kind) {

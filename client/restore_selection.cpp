@@ -66,15 +66,16 @@ class Selector {
     RestoreSelection m_result;
     std::vector<Name> m_names;
     Moment m_moment;
-    std::string m_log_id;          // the newest archive identity
-    bool m_covered = false;        // a set of the whole system tells what there was
-    bool m_others_covered = false; // and one of all the files beside the module's
-    bool m_base_found = false;     // and it was complete at the moment, or one before it
+    std::optional<LogIdentity> m_newest_log; // of the archive that counts
+    bool m_covered = false;                  // a set of the whole system tells what there was
+    bool m_others_covered = false;           // and one of all the files beside the module's
+    bool m_base_found = false;               // and it was complete at the moment, or one before it
     std::map<std::string, LookedFor> m_looked_for; // by path
     std::map<std::string, std::string> m_left_out; // databases, and the newest set without them
     std::map<std::string, SelectedItem> m_items;
     SetLinks m_links;
-    bool m_passed_others = false; // sets of other servers
+    bool m_passed_others = false;         // sets of other servers
+    std::set<std::uint32_t> m_same_names; // logs whose files the server used again for newer ones
 };
 
 RestoreSelection Selector::run() {
@@ -94,6 +95,7 @@ RestoreSelection Selector::run() {
         m_result.warnings.emplace_back("no set has the log control file of its transaction logs: "
                                        "should they have to come back, the server may not take "
                                        "them");
+    m_result.hidden_logs = m_same_names.size();
     for (auto& [path, selected] : m_items)
         m_result.items.push_back(std::move(selected));
     return std::move(m_result);
@@ -187,14 +189,14 @@ void Selector::take_newest() {
 
 // Whether the set holds logs of the identity that counts: that of the first set with any.
 bool Selector::has_newest_log(const Manifest& manifest) {
-    std::set<std::string> ids;
-    std::string last;
+    std::vector<LogIdentity> logs;
     for (const ManifestItem& item : manifest.items)
         if (item.log && item.status == ItemStatus::stored && late_copy(manifest, item) == 0)
-            ids.insert(last = item.log->archive_id);
-    if (m_log_id.empty())
-        m_log_id = last;
-    return ids.contains(m_log_id);
+            logs.push_back(*item.log);
+    if (!m_newest_log && !logs.empty())
+        m_newest_log = logs.back();
+    return std::any_of(logs.begin(), logs.end(),
+                       [this](const LogIdentity& log) { return same_archive(log, *m_newest_log); });
 }
 
 // Of what would be taken, were it in the set.
@@ -273,7 +275,7 @@ void Selector::take(const Manifest& manifest) {
 }
 
 void Selector::add(const Manifest& manifest, const ManifestItem& item, bool named) {
-    bool other_log = item.log && item.log->archive_id != m_log_id;
+    bool other_log = item.log && m_newest_log && !same_archive(*item.log, *m_newest_log);
     SelectedItem selected{manifest.set, item, named, other_log};
     auto [entry, added] = m_items.try_emplace(item.path, selected);
     if (added)
@@ -282,6 +284,8 @@ void Selector::add(const Manifest& manifest, const ManifestItem& item, bool name
     const std::optional<LogIdentity>& newer = entry->second.item.log;
     bool completes = newer && item.log && newer->active && !item.log->active &&
                      newer->number == item.log->number;
+    if (newer && item.log && !other_log && newer->number != item.log->number)
+        m_same_names.insert(item.log->number);
     if (!other_log && (entry->second.other_log || completes))
         entry->second = selected;
 }

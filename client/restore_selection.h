@@ -42,6 +42,7 @@ struct RestoreSelection {
     std::string data_directory;      // of the server that was backed up
     std::vector<SelectedItem> items; // by path, each once
     std::vector<std::string> warnings;
+    std::size_t hidden_logs = 0; // transaction logs whose paths newer ones have
 };
 
 // Chooses the items: of each name, or of everything, the newest that is stored in a set of this

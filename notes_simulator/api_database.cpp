@@ -126,7 +126,7 @@ STATUS NSFDbGetLogInfo(DBHANDLE hDB, DWORD Flags, BOOL* Logged, UNIVERSALNOTEID*
                           copyId(LogID, logged ? log->logId() : none);
                           copyId(DbIID, logged ? header.dbiid : none);
                           if (LogExtent != nullptr) {
-                              *LogExtent = logged ? log->activeExtent() : 0;
+                              *LogExtent = logged ? server.logNumber(log->activeExtent()) : 0;
                           }
                           call.output("logged", logged ? 1U : 0U);
                           call.output("dbiid", hex(logged ? header.dbiid : none).c_str());

@@ -41,13 +41,13 @@ Status logToArchive(const char* function, bool first, UNIVERSALNOTEID* id, DWORD
         }
         const std::uint32_t extent = found ? cursor : log->activeExtent();
         std::memcpy(id, log->logId().data(), sizeof *id);
-        *number = extent;
+        *number = server.logNumber(extent);
         const std::string text = log->extentPath(extent).string();
         if (text.size() >= 1028) {
             throw StatusError(kInvalidArgument, "path of the log is too long");
         }
         std::memcpy(path, text.c_str(), text.size() + 1);
-        call.output("number", extent);
+        call.output("number", *number);
         call.output("path", text.c_str());
         return found ? kOk : kNoLogToArchive;
     });
@@ -104,7 +104,7 @@ STATUS NSFDoneArchivingLog(UNIVERSALNOTEID* LogID, DWORD* LogNumber) {
         const auto log = openLog(server, lock);
         Id16 id{};
         std::memcpy(id.data(), LogID, id.size());
-        log->archived(id, *LogNumber);
+        log->archived(id, server.extentOf(*LogNumber));
         return kOk;
     });
 }

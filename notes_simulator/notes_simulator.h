@@ -86,8 +86,12 @@
  *      foreign   a backup that another process runs, which lives, is kept from others:
  *                NSFBackupStart answers 3748 without a handle and with that of the backup in turn,
  *                and NSFBackupEnd of it fails (16161)
- *      logs      log numbers, names and identities of the more awkward kinds
- *      slow      calls after the start take as long as the variable SimSlow of notes.ini says:
+ *      logs      logs are numbered from 0, or from SimFirstLog of notes.ini (`domino-sim init
+ *                --first-log`), and after 4294967295 comes 0; the two halves of a log's identity
+ * are equal; the file of an archived extent is not removed but used again, under its name, for a
+ * later one. A recovery finds the extents that lie in the folder whatever their names; the callback
+ * is asked for one that is not there with a path at which no other lies slow      calls after the
+ * start take as long as the variable SimSlow of notes.ini says:
  *                "NSFBackupStart=2,NSFRecoverDatabases=never" (seconds, or they never return; no
  *                lock is held meanwhile); without it each tenth call takes a moment
  *
@@ -362,7 +366,7 @@ STATUS NSFEndArchivingLogs(void);
    the outputs are those of the active extent then. */
 STATUS NSFGetFirstLogToArchive(UNIVERSALNOTEID* LogID, DWORD* LogNumber, char* LogPath);
 STATUS NSFGetNextLogToArchive(UNIVERSALNOTEID* LogID, DWORD* LogNumber, char* LogPath);
-/* The extent has been archived: the server removes it. */
+/* The extent has been archived: the server removes it, or uses its file again (mood logs). */
 STATUS NSFDoneArchivingLog(UNIVERSALNOTEID* LogID, DWORD* LogNumber);
 
 #ifdef __cplusplus

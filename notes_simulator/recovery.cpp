@@ -1,6 +1,7 @@
 #include "notes_simulator/recovery.h"
 
 #include "notes_simulator/database.h"
+#include "notes_simulator/extent_files.h"
 #include "notes_simulator/offline.h"
 #include "notes_simulator/recovery_mark.h"
 #include "notes_simulator/transaction.h"
@@ -98,6 +99,7 @@ class Recovery {
     LogEnd m_end;
     std::vector<Target> m_targets;
     std::vector<std::size_t> m_unknown;
+    std::map<std::uint32_t, fs::path> m_files; ///< of the extents that were provided
     std::multimap<Id16, std::size_t> m_byInstance;
     std::uint64_t m_expected = 0; ///< number of the first record of the next extent; 0: any
     bool m_sawEnd = false;        ///< every record up to the end of the log has been seen
@@ -199,12 +201,14 @@ std::optional<std::size_t> Recovery::firstThatNeeds(std::uint32_t extent) const 
 
 /// Has the extent provided, and looks whether it is the right one.
 ExtentHeader Recovery::provideExtent(std::uint32_t extent) {
-    const fs::path path = m_server.logs / extentFileName(extent);
+    const fs::path path = extentFile(m_server, m_end.logId, extent);
     std::error_code error;
-    if (!m_request.provide(m_end.logId, extent, path) || !fs::exists(path, error)) {
+    if (!m_request.provide(m_end.logId, m_server.logNumber(extent), path) ||
+        !fs::exists(path, error)) {
         throw StatusError(kLogExtentMissing, path.string());
     }
     const ExtentHeader header = readExtentHeader(path);
+    m_files[extent] = path;
     if (header.logId != m_end.logId || header.number != extent) {
         throw StatusError(kWrongLogExtent, path.string());
     }
@@ -235,7 +239,7 @@ void Recovery::scanExtent(std::uint32_t extent) {
         }
         return true;
     };
-    forDatabase(first, [&] { readExtent(m_server.logs / extentFileName(extent), visit); });
+    forDatabase(first, [&] { readExtent(m_files.at(extent), visit); });
     if (later) {
         // The log has passed the recovery time: later extents are not needed.
         for (Target& target : m_targets) {
@@ -287,8 +291,7 @@ void Recovery::replay(const Target& target) {
     SqlTransaction transaction(database.connection(), "BEGIN IMMEDIATE");
     DatabaseHeader header = target.header;
     for (const RecordPlace& place : target.records) {
-        const LogRecord record =
-            readRecordAt(m_server.logs / extentFileName(place.extent), place.position);
+        const LogRecord record = readRecordAt(m_files.at(place.extent), place.position);
         if (record.number != place.number || record.dbiid != target.header.dbiid) {
             throw StatusError(kWrongLogExtent, extentFileName(place.extent));
         }

@@ -186,6 +186,9 @@ Server openServerByIni(const fs::path& iniFile) {
     if (!zone.empty() && !server.zone) {
         throw StatusError(kInvalidArgument, "SimZone of " + iniFile.string());
     }
+    if (server.moods.has(Mood::kLogs)) {
+        server.firstLog = static_cast<std::uint32_t>(server.ini.number("SimFirstLog", 0));
+    }
     const fs::path logs = server.ini.get("TRANSLOG_Path").value_or("");
     server.logs = logs.empty() ? server.root / "logs" : server.resolve(logs);
     server.extentSize =

@@ -42,6 +42,12 @@ struct Server {
     std::uint32_t ringExtents = 0; ///< extents of a circular log
     Moods moods;                   ///< where it is stricter than the simulator is by default
     std::optional<int> zone;       ///< of its texts of times, minutes east of GMT; else local
+    std::uint32_t firstLog = 1;    ///< the number that the first extent of a log is called by
+
+    /// What the extent of this number, 1 for the first of a log, is called by: numbers may wrap.
+    std::uint32_t logNumber(std::uint32_t extent) const { return firstLog + extent - 1; }
+    /// The other way round.
+    std::uint32_t extentOf(std::uint32_t logNumber) const { return logNumber - firstLog + 1; }
 
     /// The name of the user that the server's own programs run as, in native text.
     std::string userName() const;

@@ -1,5 +1,6 @@
 #include "notes_simulator/transaction_log.h"
 
+#include "notes_simulator/extent_files.h"
 #include "notes_simulator/status.h"
 #include "notes_simulator/times.h"
 
@@ -84,7 +85,7 @@ Bytes encodeExtentHeader(const ExtentHeader& header) {
     writer.text(kExtentMagic);
     writer.raw(header.logId);
     writer.u32(header.number);
-    writer.u32(0);
+    writer.u32(header.free ? 1 : 0);
     writer.u64(header.firstRecord);
     writer.u64(static_cast<std::uint64_t>(header.created));
     writer.u32(checksum(writer.bytes));
@@ -101,7 +102,7 @@ std::optional<ExtentHeader> decodeExtentHeader(std::span<const std::uint8_t> byt
     const std::string magic = reader.text(kExtentMagic.size());
     header.logId = reader.id16();
     header.number = reader.u32();
-    reader.u32();
+    header.free = reader.u32() != 0;
     header.firstRecord = reader.u64();
     header.created = static_cast<std::int64_t>(reader.u64());
     const bool whole = reader.u32() == checksum(bytes.first(48));
@@ -198,9 +199,20 @@ std::string extentFileName(std::uint32_t number) {
     return name;
 }
 
-ExtentHeader readExtentHeader(const fs::path& file) {
+std::optional<ExtentHeader> extentHeaderOf(const fs::path& file) {
     const File extent(file, O_RDONLY);
-    const auto header = decodeExtentHeader(readAt(extent.fd(), kExtentHeaderSize, 0));
+    return decodeExtentHeader(readAt(extent.fd(), kExtentHeaderSize, 0));
+}
+
+void freeExtent(const fs::path& file) {
+    ExtentHeader header = readExtentHeader(file);
+    header.free = true;
+    const File extent(file, O_RDWR);
+    writeAt(extent.fd(), encodeExtentHeader(header), 0);
+}
+
+ExtentHeader readExtentHeader(const fs::path& file) {
+    const auto header = extentHeaderOf(file);
     if (!header) {
         throw StatusError(kLogDamaged, file.string());
     }
@@ -257,7 +269,7 @@ TransactionLog::~TransactionLog() {
 }
 
 fs::path TransactionLog::extentPath(std::uint32_t number) const {
-    return m_server.logs / extentFileName(number);
+    return extentFile(m_server, m_control.logId, number);
 }
 
 fs::path TransactionLog::birthFile() const {
@@ -334,41 +346,71 @@ void TransactionLog::writeControl() {
     writeAt(file.fd(), body.bytes, 0);
 }
 
-void TransactionLog::rebuildControl() {
-    std::vector<std::uint32_t> present;
-    for (const auto& entry : fs::directory_iterator(m_server.logs)) {
-        if (const auto number = extentNumber(entry.path().filename().string())) {
-            present.push_back(*number);
+void TransactionLog::beginLog() {
+    m_control = Control();
+    m_control.logId = randomId16();
+    if (m_server.moods.has(Mood::kLogs)) {
+        // Equal halves: whoever folds the identity gets 0.
+        std::copy_n(m_control.logId.begin(), m_control.logId.size() / 2,
+                    m_control.logId.begin() + m_control.logId.size() / 2);
+    }
+    fs::create_directories(birthFile().parent_path());
+    replaceFile(birthFile(), hex(m_control.logId) + "\n");
+    createExtent(extentPath(1), 1, 1);
+    m_control.position = kExtentHeaderSize;
+    writeControl();
+}
+
+/// The extents that are there, by number; where names tell nothing, those of the log whose newest
+/// extent was made last.
+std::vector<std::pair<std::uint32_t, fs::path>> TransactionLog::presentExtents() const {
+    std::vector<std::pair<std::uint32_t, fs::path>> present;
+    if (!m_server.moods.has(Mood::kLogs)) {
+        for (const auto& entry : fs::directory_iterator(m_server.logs)) {
+            if (const auto number = extentNumber(entry.path().filename().string())) {
+                present.emplace_back(*number, entry.path());
+            }
+        }
+    } else {
+        std::vector<ExtentFile> files = extentFiles(m_server);
+        std::erase_if(files, [](const ExtentFile& file) { return file.header.free; });
+        const auto newest =
+            std::max_element(files.begin(), files.end(), [](const auto& a, const auto& b) {
+                return a.header.created < b.header.created;
+            });
+        for (const ExtentFile& file : files) {
+            if (file.header.logId == newest->header.logId) {
+                present.emplace_back(file.header.number, file.path);
+            }
         }
     }
     std::sort(present.begin(), present.end());
+    return present;
+}
+
+void TransactionLog::rebuildControl() {
+    const auto present = presentExtents();
     if (present.empty()) {
-        m_control = Control();
-        m_control.logId = randomId16();
-        fs::create_directories(birthFile().parent_path());
-        replaceFile(birthFile(), hex(m_control.logId) + "\n");
-        createExtent(1, 1);
-        m_control.position = kExtentHeaderSize;
-        writeControl();
+        beginLog();
         return;
     }
     fs::remove(birthFile()); // a record that was never confirmed may be among the extents
     // The newest extent tells which log this is; a gap below it ends what belongs together.
-    const ExtentHeader newest = readExtentHeader(extentPath(present.back()));
+    const ExtentHeader newest = readExtentHeader(present.back().second);
     m_control = Control();
     m_control.logId = newest.logId;
     m_control.activeExtent = newest.number;
     m_control.firstExtent = newest.number;
-    for (auto number = present.rbegin() + 1; number != present.rend(); ++number) {
-        if (*number + 1 != m_control.firstExtent ||
-            readExtentHeader(extentPath(*number)).logId != newest.logId) {
+    for (auto older = present.rbegin() + 1; older != present.rend(); ++older) {
+        if (older->first + 1 != m_control.firstExtent ||
+            readExtentHeader(older->second).logId != newest.logId) {
             break;
         }
-        m_control.firstExtent = *number;
+        m_control.firstExtent = older->first;
     }
     m_control.position = kExtentHeaderSize;
     m_control.nextRecord = newest.firstRecord;
-    const File file(extentPath(newest.number), O_RDONLY);
+    const File file(present.back().second, O_RDONLY);
     while (const auto record =
                readRecord(file.fd(), newest.logId, m_control.position, &m_control.position)) {
         if (record->number != m_control.nextRecord) {
@@ -393,7 +435,7 @@ void TransactionLog::openActive() {
     m_active = ::open(path.c_str(), O_RDWR | O_CLOEXEC);
     if (m_active < 0 && errno == ENOENT) {
         // A lost active extent took its records with it; the log goes on in a fresh one.
-        createExtent(m_control.activeExtent, m_control.nextRecord);
+        createExtent(path, m_control.activeExtent, m_control.nextRecord);
         m_control.position = kExtentHeaderSize;
         m_active = ::open(path.c_str(), O_RDWR | O_CLOEXEC);
     }
@@ -453,10 +495,11 @@ void TransactionLog::findRecordsAfterControl() {
     }
 }
 
-void TransactionLog::createExtent(std::uint32_t number, std::uint64_t firstRecord) {
-    const File file(extentPath(number), O_RDWR | O_CREAT | O_TRUNC);
+void TransactionLog::createExtent(const fs::path& path, std::uint32_t number,
+                                  std::uint64_t firstRecord) {
+    const File file(path, O_RDWR | O_CREAT | O_TRUNC);
     if (::ftruncate(file.fd(), static_cast<off_t>(m_server.extentSize)) != 0) {
-        throwErrno(errno, "creating " + extentPath(number).string());
+        throwErrno(errno, "creating " + path.string());
     }
     writeAt(file.fd(),
             encodeExtentHeader({m_control.logId, number, firstRecord, nowInHundredths()}), 0);
@@ -464,14 +507,20 @@ void TransactionLog::createExtent(std::uint32_t number, std::uint64_t firstRecor
 
 void TransactionLog::rollOver() {
     const std::uint32_t next = m_control.activeExtent + 1;
+    fs::path path = extentPath(next);
     if (m_server.style == LogStyle::kCircular &&
         next - m_control.firstExtent >= m_server.ringExtents) {
-        // The oldest extent is used again under the next number.
+        // The oldest extent is used again for the next number.
+        const fs::path oldest = extentPath(m_control.firstExtent);
         std::error_code error;
-        fs::rename(extentPath(m_control.firstExtent), extentPath(next), error);
+        if (m_server.moods.has(Mood::kLogs)) {
+            path = oldest;
+        } else {
+            fs::rename(oldest, path, error);
+        }
         ++m_control.firstExtent;
     }
-    createExtent(next, m_control.nextRecord);
+    createExtent(freeExtentFile(m_server).value_or(path), next, m_control.nextRecord);
     m_control.activeExtent = next;
     m_control.position = kExtentHeaderSize;
     openActive();
@@ -536,10 +585,15 @@ void TransactionLog::archived(const Id16& logId, std::uint32_t number) {
     }
     // The control file first: an extent that is still there and does not count harms nobody.
     writeControl();
+    const fs::path path = extentPath(number);
     std::error_code error;
-    fs::remove(extentPath(number), error);
+    if (m_server.moods.has(Mood::kLogs)) {
+        freeExtent(path);
+        return;
+    }
+    fs::remove(path, error);
     if (error) {
-        throwErrno(error.value(), "removing " + extentPath(number).string());
+        throwErrno(error.value(), "removing " + path.string());
     }
 }
 

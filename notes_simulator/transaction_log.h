@@ -31,9 +31,10 @@ struct LogRecord {
 /// What lies at the start of an extent.
 struct ExtentHeader {
     Id16 logId{};
-    std::uint32_t number = 0;
+    std::uint32_t number = 0; ///< 1 for the first of a log; Server::logNumber has what it is called
     std::uint64_t firstRecord = 0; ///< number of the first record that the extent can hold
     std::int64_t created = 0;
+    bool free = false; ///< archived, and the file is to be used again
 };
 
 /// "S0000001.TXN" for 1.
@@ -41,6 +42,9 @@ std::string extentFileName(std::uint32_t number);
 
 /// Reads an extent file. Throws StatusError(kLogDamaged) when it is none.
 ExtentHeader readExtentHeader(const std::filesystem::path& file);
+
+/// The same; nothing for a file that is none. Throws StatusError when it cannot be read.
+std::optional<ExtentHeader> extentHeaderOf(const std::filesystem::path& file);
 
 /// Calls visit for each record of an extent file, in order, until it returns false. A record that
 /// was not written to its end closes the extent. Throws StatusError(kLogDamaged).
@@ -87,7 +91,7 @@ class TransactionLog {
 
     /// The full extents that wait to be archived, in order; none unless the style is archive.
     std::vector<std::uint32_t> readyExtents() const;
-    /// An extent has been archived: the server removes it. Throws
+    /// An extent has been archived: the server removes it, or uses its file again. Throws
     /// StatusError(kNotReadyToArchive) when it is not one of readyExtents() of this log.
     void archived(const Id16& logId, std::uint32_t number);
 
@@ -111,7 +115,10 @@ class TransactionLog {
     std::filesystem::path birthFile() const;
     void findRecordsAfterControl();
     void openActive();
-    void createExtent(std::uint32_t number, std::uint64_t firstRecord);
+    void createExtent(const std::filesystem::path& path, std::uint32_t number,
+                      std::uint64_t firstRecord);
+    void beginLog();
+    std::vector<std::pair<std::uint32_t, std::filesystem::path>> presentExtents() const;
     void rollOver();
 
     const Server& m_server;

@@ -78,10 +78,13 @@ json item_to_json(const ManifestItem& item) {
         out["restored"] = true;
     if (item.copied != 0)
         out["copied"] = item.copied;
-    if (item.log)
+    if (item.log) {
         out["log"] = {{"number", item.log->number},
                       {"archive_id", item.log->archive_id},
                       {"active", item.log->active}};
+        if (!item.log->whole_id.empty())
+            out["log"]["whole_id"] = item.log->whole_id;
+    }
     if (!item.warnings.empty())
         out["warnings"] = printable_list(item.warnings);
     return out;
@@ -138,9 +141,9 @@ ManifestItem item_from_json(const json& in) {
         item.copied = number_of<std::int64_t>(in, "copied");
     if (in.contains("log")) {
         const json& log = in.at("log");
-        item.log =
-            LogIdentity{number_of<std::uint32_t>(log, "number"),
-                        log.at("archive_id").get<std::string>(), log.at("active").get<bool>()};
+        item.log = LogIdentity{number_of<std::uint32_t>(log, "number"),
+                               log.at("archive_id").get<std::string>(),
+                               log.at("active").get<bool>(), log.value("whole_id", "")};
     }
     if (in.contains("warnings"))
         item.warnings = in.at("warnings").get<std::vector<std::string>>();
@@ -157,6 +160,11 @@ bool is_attachment_object(const std::string& path) {
     constexpr std::string_view ending = ".nlo";
     return path.size() > ending.size() &&
            ::strcasecmp(path.c_str() + path.size() - ending.size(), ending.data()) == 0;
+}
+
+bool same_archive(const LogIdentity& one, const LogIdentity& other) {
+    return one.whole_id.empty() || other.whole_id.empty() ? one.archive_id == other.archive_id
+                                                          : one.whole_id == other.whole_id;
 }
 
 std::string status_text(const Manifest& manifest) {

@@ -20,9 +20,16 @@ enum class ItemStatus { stored, failed, left_out };
 // A transaction log, as the module announced it.
 struct LogIdentity {
     std::uint32_t number = 0;
-    std::string archive_id; // eight hexadecimal digits
+    std::string archive_id; // eight hexadecimal digits: the words of the identity, folded into one
     bool active = false;    // the log that was still being written
+    // The whole identity, 34 characters like those of a database's instance; empty in sets of
+    // earlier releases.
+    std::string whole_id = {};
 };
+
+// Whether both are of one log: by their whole identities, or by the folded ones where one has no
+// other.
+bool same_archive(const LogIdentity& one, const LogIdentity& other);
 
 // A break in the chain of transaction logs.
 struct LogGap {

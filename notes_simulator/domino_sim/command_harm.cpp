@@ -102,11 +102,13 @@ void runLose(const LoseOptions& options) {
     for (const std::string& name : options.databases) {
         files.push_back(requireDatabase(server, name));
     }
+    const ServerLock lock(server);
+    const auto log = options.extents.empty() ? nullptr : openLog(server, lock);
     for (const std::uint32_t number : options.extents) {
-        files.push_back(server.logs / extentFileName(number));
+        files.push_back(log ? log->extentPath(server.extentOf(number))
+                            : server.logs / extentFileName(number));
         readExtentHeader(files.back());
     }
-    const ServerLock lock(server);
     for (const fs::path& file : files) {
         // The journal goes with its database: it must not be rolled back into a restored one.
         fs::remove(journalFile(server, file));

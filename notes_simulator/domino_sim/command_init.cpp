@@ -31,6 +31,7 @@ struct InitOptions {
     std::uint64_t seed = 1;
     std::string strict;
     std::string objects;
+    std::optional<std::uint32_t> firstLog;
 };
 
 struct CreateOptions {
@@ -94,6 +95,7 @@ std::string notesIni(const InitOptions& options, const fs::path& root) {
            std::to_string(options.extentSize) + "\n" +
            (options.objects.empty() ? "" : "DAOSEnable=1\nDAOSBasePath=" + options.objects + "\n") +
            (options.strict.empty() ? "" : "SimStrict=" + options.strict + "\n") +
+           (options.firstLog ? "SimFirstLog=" + std::to_string(*options.firstLog) + "\n" : "") +
            (strict && strict->has(Mood::kZone) ? foreignZone() : "");
 }
 
@@ -168,6 +170,8 @@ void addInitCommands(CLI::App& app) {
         ->check([](const std::string& text) {
             return parseMoods(text) ? std::string() : "one of its names is no mood";
         });
+    command->add_option("--first-log", init->firstLog,
+                        "Number that a log begins with in the mood logs; without it 0");
     command->callback([init] { runInit(*init); });
 
     auto create = std::make_shared<CreateOptions>();

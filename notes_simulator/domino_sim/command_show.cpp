@@ -2,6 +2,7 @@
 #include "notes_simulator/backup_context.h"
 #include "notes_simulator/domino_sim/cli.h"
 #include "notes_simulator/domino_sim/database_state.h"
+#include "notes_simulator/extent_files.h"
 #include "notes_simulator/status.h"
 #include "notes_simulator/text_translation.h"
 #include "notes_simulator/times.h"
@@ -198,16 +199,7 @@ json logsOf(const Server& server) {
     const auto log = openLog(server, lock);
     const auto ready = log->readyExtents();
     json extents = json::array();
-    std::vector<fs::path> files;
-    for (const auto& entry : fs::directory_iterator(server.logs)) {
-        files.push_back(entry.path());
-    }
-    std::sort(files.begin(), files.end());
-    for (const fs::path& file : files) {
-        if (file.extension() != ".TXN") {
-            continue;
-        }
-        const ExtentHeader header = readExtentHeader(file);
+    for (const auto& [file, header] : extentFiles(server)) {
         std::uint64_t records = 0;
         readExtent(file, [&records](const LogRecord&) {
             ++records;
@@ -216,6 +208,8 @@ json logsOf(const Server& server) {
         std::string state = "kept";
         if (header.logId != log->logId()) {
             state = "of another log";
+        } else if (header.free) {
+            state = "free"; // archived before, and waits to be used again
         } else if (header.number == log->activeExtent()) {
             state = "active";
         } else if (std::find(ready.begin(), ready.end(), header.number) != ready.end()) {
@@ -225,7 +219,7 @@ json logsOf(const Server& server) {
             state = "put back"; // archived before, and restored by somebody
         }
         extents.push_back({{"file", file.filename().string()},
-                           {"number", header.number},
+                           {"number", server.logNumber(header.number)},
                            {"firstRecord", header.firstRecord},
                            {"records", records},
                            {"state", state}});
@@ -233,7 +227,7 @@ json logsOf(const Server& server) {
     const auto session = archivingSession(server);
     return {{"style", static_cast<int>(server.style)},
             {"logId", hex(log->logId())},
-            {"activeExtent", log->activeExtent()},
+            {"activeExtent", server.logNumber(log->activeExtent())},
             {"nextRecord", log->nextRecord()},
             {"bytes", log->totalBytes()},
             {"archivingSession", session ? json(*session) : json(nullptr)},
@@ -254,8 +248,9 @@ void runLogs(const ServerOptions& options) {
     std::cout << kStyles[logs["style"].get<int>()] << " log " << logs["logId"].get<std::string>()
               << ", next record " << logs["nextRecord"] << '\n';
     for (const json& extent : logs["extents"]) {
-        std::cout << extent["file"].get<std::string>() << ": " << extent["state"].get<std::string>()
-                  << ", " << extent["records"] << " records from " << extent["firstRecord"] << '\n';
+        std::cout << extent["file"].get<std::string>() << ": number " << extent["number"] << ", "
+                  << extent["state"].get<std::string>() << ", " << extent["records"]
+                  << " records from " << extent["firstRecord"] << '\n';
     }
     if (logs["archivingSession"].is_string()) {
         std::cout << "archiving session " << logs["archivingSession"].get<std::string>() << '\n';

@@ -27,6 +27,14 @@ void splitLogPath(const char* szLogPath, const char* invalidText, char* cpFile,
     DB_TraceExt("getArchiveLog(): Returning dir [%s]", cpBackupDirectory);
 }
 
+// Two logs of a server may have the same folded identity, which is 0 where its halves are equal:
+// hosts tell them apart by this line, which follows the one that hands a log out.
+void logWholeIdentity(const UNIVERSALNOTEID& LogId, unsigned number) {
+    char szLogId[kDbIIdTextSize];
+    formatDbIId(LogId, szLogId);
+    DB_LogExt("Archive identity [%s], Log number %u", szLogId, number);
+}
+
 // Answers a server whose log style cannot be read. A backup of everything can do without logs.
 int answerUnknownStyle(DB_LOGGING_STYLE style) {
     DB_TraceExt("getArchiveLog(): Getting system log style failed");
@@ -175,6 +183,7 @@ int getArchiveLog(char* cpFile, char* cpBackupDirectory, BOOL bFirstPass, DWORD*
     if (status == kNotesNoError) {
         DB_LogExt("Archive ID %08lx, Log number %u, log path [%s]", foldedId(*LogId), number,
                   szLogPath);
+        logWholeIdentity(*LogId, number);
         DB_TraceExt("getArchiveLog(): Returning ready for archive transaction log [%s].",
                     szLogPath);
         SetOsPath(szLogPath);
@@ -201,6 +210,7 @@ int getArchiveLog(char* cpFile, char* cpBackupDirectory, BOOL bFirstPass, DWORD*
     }
     DB_LogExt("Back up active archive ID %08lx, Log number %u, log path [%s]", foldedId(*LogId),
               number, szLogPath);
+    logWholeIdentity(*LogId, number);
     *bpActiveLogBackup = TRUE;
     DB_TraceExt("getArchiveLog(): Returning ACTIVE transaction log [%s] for backup", szLogPath);
     splitLogPath(szLogPath, "getArchiveLog(): log path is invalid", cpFile, cpBackupDirectory);

@@ -18,14 +18,17 @@ using test::write_file;
 using testing::ElementsAre;
 using testing::HasSubstr;
 
-// "3 4 5*" are the logs 3 to 5, the last one active; "b9" belongs to another archive.
+// "3 4 5*" are the logs 3 to 5, the last one active; "b9" belongs to another archive, "x9" and "y9"
+// to two whose folded identities are the same; a set of an earlier release knows no others.
 std::vector<LogIdentity> logs(const std::string& text) {
     std::vector<LogIdentity> result;
     std::istringstream words(text);
     for (std::string word; words >> word;) {
         bool other = word.starts_with('b');
-        result.push_back({static_cast<std::uint32_t>(std::stoul(word.substr(other ? 1 : 0))),
-                          other ? "0000000b" : "0000000a", word.ends_with('*')});
+        bool whole = word.starts_with('x') || word.starts_with('y');
+        result.push_back({static_cast<std::uint32_t>(std::stoul(word.substr(other || whole))),
+                          other ? "0000000b" : "0000000a", word.ends_with('*'),
+                          whole ? word.substr(0, 1) : ""});
     }
     return result;
 }
@@ -56,6 +59,14 @@ TEST(LogChain, GapsAreNamedWithTheirNumbersAndSets) {
          {"the set that the chain begins with holds no transaction logs, between the sets A and "
           "B"}},
         {{"4294967294 4294967295", "4294967295*"}, {}},
+        {{"4294967294 4294967295*", "4294967295 0 1*", "1 2*"}, {}}, // numbers wrap
+        {{"4294967294 4294967295*", "1 2*"},
+         {"the transaction logs 4294967295 to 0 are missing between the sets A and B"}},
+        {{"4294967295* 0*"}, {}},
+        {{"1 2*", "x2 x3*"}, {}},
+        {{"x1 x2*", "y1 y2*"},
+         {"the server began a new transaction log (archive identity x became y), between the sets "
+          "A and B"}},
         {{}, {}},
     };
     for (const auto& test : cases) {

@@ -18,10 +18,11 @@
 
 namespace qrtln::test {
 
-// A task of the server: domino-sim with these words, until the object goes away.
+// A task of the server: domino-sim with these words, until the object goes away and sends it a
+// signal.
 class ServerTask {
   public:
-    explicit ServerTask(const std::string& words) {
+    explicit ServerTask(const std::string& words, int signal = SIGTERM) : m_signal(signal) {
         int output[2];
         EXPECT_EQ(::pipe(output), 0);
         const std::string command = std::string("exec ") + QRTLN_DOMINO_SIM + " " + words;
@@ -37,7 +38,7 @@ class ServerTask {
         ::close(output[0]);
     }
     ~ServerTask() {
-        ::kill(m_pid, SIGTERM);
+        ::kill(m_pid, m_signal);
         ::waitpid(m_pid, nullptr, 0);
     }
     ServerTask(const ServerTask&) = delete;
@@ -45,13 +46,14 @@ class ServerTask {
 
   private:
     pid_t m_pid = -1;
+    int m_signal;
 };
 
 // One that has a database open: a command of domino-sim, its options behind it.
 struct HeldDatabase : ServerTask {
     HeldDatabase(const std::string& server, const std::string& name,
                  const std::string& command = "hold", const std::string& options = "")
-        : ServerTask(command + " " + server + " " + name + " " + options) {}
+        : ServerTask(command + " " + server + " " + name + " " + options, SIGKILL) {}
 };
 
 class OverTheSimulator : public testing::Test {

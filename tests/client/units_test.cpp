@@ -139,6 +139,9 @@ TEST(ModuleLog, AnnouncesLogsInTwoForms) {
                               "Archive ID 0a1b2c3d, Log number 1, log path [/l",
                               "Archive ID 0a1b2c3d, Log number 4294967296, log path [/l]"})
         EXPECT_FALSE(parse_log_announcement(other)) << other;
+    const std::string whole = "Archive identity [0000000A-00000020 0000030000004000], Log number 7";
+    EXPECT_EQ(parse_whole_identity(whole, 7), "0000000A-00000020 0000030000004000");
+    EXPECT_EQ(parse_whole_identity(whole, 17) + parse_whole_identity(whole + "]", 7), "");
 }
 
 TEST(Text, BytesOfAnyEncodingBecomePrintable) {

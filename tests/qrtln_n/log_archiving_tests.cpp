@@ -221,9 +221,12 @@ TEST_F(LogArchivingTest, EveryReadyLogThenTheActiveOneOnceAreHandedOut) {
     EXPECT_FALSE(active);
     EXPECT_THAT(messages.logs(),
                 ElementsAre("Archive ID 00004321, Log number 5, log path [/logs/S5.TXN]",
+                            "Archive identity [00000001-00000020 0000030000004000], Log number 5",
                             "Archive ID 00004321, Log number 6, log path [S6.TXN]",
+                            "Archive identity [00000001-00000020 0000030000004000], Log number 6",
                             "Back up active archive ID 00004321, Log number 7, log path "
-                            "[/logs/S7.TXN]"));
+                            "[/logs/S7.TXN]",
+                            "Archive identity [00000001-00000020 0000030000004000], Log number 7"));
     EXPECT_TRUE(messages.hasTrace("QRTLN_GetArchiveFile: return DB_NUM_I_COMPLETE"));
     EXPECT_EQ(takeErrorText(), "");
 }
