@@ -62,6 +62,11 @@ constexpr const char* prove_help =
     "scratch folder, and the server's library reads each of them. The proof is recorded, and\n"
     "`qrtln list` shows its date. No live database is touched.";
 
+constexpr const char* check_help =
+    "Look at a server before the first backup, and with --try at its library, in processes of its\n"
+    "own: each step says what it found, and the first surprise ends the report. Nothing of the\n"
+    "server is changed but by --database and --logs. docs/first-contact.md explains each finding.";
+
 constexpr const char* extract_help =
     "Write databases, files and folders of a set to a folder, or the whole set with --all. Needs\n"
     "nothing but the store: no server, no notes.ini.";
@@ -400,6 +405,58 @@ CLI::App* add_prove(CLI::App& app, qrtln::ProveOptions& prove) {
     return &command;
 }
 
+void add_trial_options(CLI::App& command, qrtln::CheckOptions& check, CLI::Option* trying) {
+    command
+        .add_option("--database", check.database,
+                    "A small database that was made for this: it is backed up while documents in "
+                    "it are deleted and brought back, rolled forward, taken offline and online")
+        ->type_name("FILE")
+        ->needs(trying);
+    CLI::Option* logs =
+        command
+            .add_flag("--logs", check.logs,
+                      "For test servers alone: archive one transaction log, after the server's "
+                      "name was typed")
+            ->needs(trying);
+    CLI::Option* keep = command
+                            .add_option("--keep-log", check.keep_log,
+                                        "With --logs: the folder where that log is kept")
+                            ->type_name("DIR")
+                            ->needs(logs);
+    logs->needs(keep);
+    command
+        .add_option("--yes-mark-one-log", check.confirmed,
+                    "With --logs: the server's name, where nobody is there to type it")
+        ->type_name("NAME")
+        ->needs(logs);
+}
+
+CLI::App* add_check(CLI::App& app, qrtln::CheckOptions& check) {
+    CLI::App& command = *app.add_subcommand("check", check_help);
+    command.add_option("--notes-ini", check.notes_ini, "The server's notes.ini")
+        ->type_name("FILE")
+        ->required();
+    command.add_option("--store", check.store, "The folder of the store, if there is one")
+        ->envname("QRTLN_STORE")
+        ->type_name("DIR");
+    CLI::Option* trying =
+        command.add_flag("--try", check.try_library,
+                         "Load the server's library, open every database, and look at the log");
+    add_trial_options(command, check, trying);
+    command
+        .add_option("--step-timeout", check.step_timeout,
+                    "Seconds without an answer, after which a step is ended")
+        ->type_name("SECONDS")
+        ->check(CLI::Range(1, 86400))
+        ->capture_default_str();
+    command.add_flag("--no-names", check.no_names,
+                     "Numbers instead of the names of databases, in the order of their paths");
+    add_tmp_dir(command, check.tmp_dir, "Where backups are going to copy databases to");
+    command.add_flag("--json", check.json, "One JSON document on standard output");
+    command.footer(exit_codes);
+    return &command;
+}
+
 CLI::App* add_extract(CLI::App& app, qrtln::ExtractOptions& extract) {
     CLI::App& command = *app.add_subcommand("extract", extract_help);
     add_store_options(command, extract.store, extract.json);
@@ -514,6 +571,7 @@ class Commands {
     qrtln::DocumentsOptions m_changed;
     qrtln::RecoverOptions m_recover;
     qrtln::ProveOptions m_prove;
+    qrtln::CheckOptions m_check;
     qrtln::StoreOptions m_list;
     qrtln::StoreOptions m_show;
     qrtln::StoreOptions m_verify;
@@ -530,6 +588,7 @@ Commands::Commands(CLI::App& app) {
     add(documents->get_subcommand("changed"), qrtln::run_documents, m_changed);
     add(add_recover(app, m_recover), qrtln::run_recover, m_recover);
     add(add_prove(app, m_prove), qrtln::run_prove, m_prove);
+    add(add_check(app, m_check), qrtln::run_check, m_check);
     add_store_commands(app);
     add(add_extract(app, m_extract), qrtln::run_extract, m_extract);
     m_commands.push_back({add_dump(app, m_dump), [this] { return run_dump(m_dump); }, nullptr});

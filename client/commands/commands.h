@@ -78,6 +78,16 @@ struct ProveOptions : ServerOptions {
     std::string state; // keeps what must be written, "" for the store
 };
 
+struct CheckOptions : ServerOptions {
+    bool try_library = false; // else nothing but what can be seen without the server's library
+    bool no_names = false;    // numbers instead of the names of databases
+    int step_timeout = 120;   // seconds without an answer
+    std::string database;     // one that may be written to; empty: none
+    bool logs = false;        // one log is archived for good
+    std::string keep_log;     // with logs: the folder where it is kept
+    std::string confirmed;    // with logs: the server's name, where nobody can type it
+};
+
 struct StoreOptions {
     std::string store;
     std::string set; // where the command takes one
@@ -110,6 +120,7 @@ int run_restore(const RestoreOptions& options);
 int run_documents(const DocumentsOptions& options);
 int run_recover(const RecoverOptions& options);
 int run_prove(const ProveOptions& options);
+int run_check(const CheckOptions& options);
 int run_list(const StoreOptions& options);
 int run_show(const StoreOptions& options);
 int run_verify(const StoreOptions& options);

@@ -1,0 +1,59 @@
+#include "client/acceptance/documents_away.h"
+
+namespace qrtln::acceptance {
+
+DocumentsAway::DocumentsAway(Teller& teller, const OpenDatabase& live, const OpenDatabase& source,
+                             const std::string& shown)
+    : m_teller(teller), m_live(live), m_source(source), m_shown(shown) {
+    teller.calling("NSFDbIDGet(" + m_shown + ")");
+    notes_api.NSFDbIDGet(live.handle(), &m_live_id);
+    notes_api.NSFDbIDGet(source.handle(), &m_source_id);
+}
+
+DocumentsAway::~DocumentsAway() {
+    const std::set<NOTEID> away = m_away;
+    for (NOTEID id : away) {
+        m_teller.undoing("NSFDbCopyNote(" + m_shown + ")");
+        if (copy(id) == kNotesNoError)
+            m_away.erase(id);
+    }
+    tell_what_is_away();
+}
+
+void DocumentsAway::take(NOTEID id) {
+    m_away.insert(id);
+    tell_what_is_away();
+    m_teller.calling("NSFNoteDelete(" + m_shown + ")");
+    const STATUS status = notes_api.NSFNoteDelete(m_live.handle(), id, 0);
+    if (status != kNotesNoError)
+        m_away.erase(id);
+    check("NSFNoteDelete", status);
+}
+
+void DocumentsAway::bring_back(NOTEID id) {
+    m_teller.calling("NSFDbCopyNote(" + m_shown + ")");
+    check("NSFDbCopyNote", copy(id));
+    m_away.erase(id);
+    tell_what_is_away();
+}
+
+STATUS DocumentsAway::copy(NOTEID id) {
+    return notes_api.NSFDbCopyNote(m_source.handle(), &m_source_id, nullptr, id, m_live.handle(),
+                                   &m_live_id, nullptr, nullptr, nullptr);
+}
+
+void DocumentsAway::check(const char* call, STATUS status) {
+    if (status != kNotesNoError)
+        m_teller.stop("documents",
+                      std::string(call) + " in " + m_shown + ": " + status_text(status),
+                      {{call, status}});
+}
+
+void DocumentsAway::tell_what_is_away() noexcept {
+    m_teller.leaves("documents", m_away.empty()
+                                     ? ""
+                                     : std::to_string(m_away.size()) + " documents of " + m_shown +
+                                           " are deleted, and in the copy quiet.nsf");
+}
+
+} // namespace qrtln::acceptance

@@ -1,0 +1,14 @@
+// What lies below a data directory under a name and really elsewhere.
+#pragma once
+
+#include "client/acceptance/local_checks.h"
+#include "client/database_arguments.h"
+
+namespace qrtln::acceptance {
+
+// Adds what was found of symbolic links, directory links and database links, and what the module
+// would pass over. Returns the databases of the scan that are no links to others.
+std::vector<std::string> check_links(Report& report, const LocalRequest& request,
+                                     const SelectionScan& scan);
+
+} // namespace qrtln::acceptance

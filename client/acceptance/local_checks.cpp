@@ -1,0 +1,210 @@
+#include "client/acceptance/local_checks.h"
+
+#include "client/acceptance/ini_check.h"
+#include "client/acceptance/links_check.h"
+#include "client/database_arguments.h"
+#include "client/error.h"
+#include "client/file_io.h"
+#include "client/restore_plan.h"
+#include "client/server_lock.h"
+#include "client/store/canonical_json.h"
+#include "client/store/store.h"
+#include "client/temporary_directory.h"
+#include "client/text.h"
+
+#include <algorithm>
+#include <cstdlib>
+#include <fcntl.h>
+#include <langinfo.h>
+#include <locale.h>
+#include <pwd.h>
+#include <sys/file.h>
+#include <sys/stat.h>
+
+namespace qrtln::acceptance {
+
+namespace {
+
+std::string user_name(uid_t uid) {
+    const passwd* entry = ::getpwuid(uid);
+    return entry != nullptr ? entry->pw_name : std::to_string(uid);
+}
+
+class Checks {
+  public:
+    Checks(Report& report, const LocalRequest& request)
+        : m_report(report), m_request(request), m_ini(request.ini) {}
+
+    void user() {
+        struct stat status {};
+        if (::stat(m_ini.data_directory.c_str(), &status) != 0)
+            return add("user", Verdict::stop,
+                       "cannot look at the data directory: " + system_error_text(errno));
+        std::string own = user_name(::geteuid());
+        std::string owner = user_name(status.st_uid);
+        if (status.st_uid == ::geteuid())
+            add("user", Verdict::ok, own + ", who owns the data directory");
+        else
+            add("user", Verdict::stop,
+                "this is " + own + ", the data directory is " + owner +
+                    "'s: the server's library must run as " + owner + ", say sudo -u " + owner +
+                    " qrtln check ...");
+    }
+
+    void environment() {
+        const char* set = std::getenv("Notes_ExecDirectory");
+        std::string given = set != nullptr ? set : "";
+        if (!given.empty() && given != m_ini.program_directory)
+            add("environment", Verdict::told,
+                "Notes_ExecDirectory is " + given + ", NotesProgram of notes.ini is " +
+                    m_ini.program_directory);
+        std::string folder = given.empty() ? m_ini.program_directory : given;
+        if (::access((folder + "/libnotes.so").c_str(), R_OK) == 0)
+            add("environment", Verdict::ok, "libnotes.so is in " + folder);
+        else
+            add("environment", Verdict::told,
+                "libnotes.so is not in " + folder + ": the loader has to find it");
+    }
+
+    void locale(const std::vector<std::string>& databases) {
+        auto foreign = std::count_if(databases.begin(), databases.end(), [](const auto& path) {
+            return std::any_of(path.begin(), path.end(),
+                               [](char byte) { return static_cast<unsigned char>(byte) >= 0x80; });
+        });
+        std::string codeset = environment_codeset();
+        std::string names = std::to_string(foreign) + " databases have names that are not ASCII";
+        add("locale", codeset == "UTF-8" ? Verdict::ok : Verdict::told,
+            "codeset " + codeset + ", " + names);
+    }
+
+    void room(const SelectionScan& scan) {
+        std::string largest = human_bytes(scan.largest);
+        try {
+            require_usable_tmp_dir(m_request.tmp_dir, m_ini.data_directory);
+        } catch (const ClientError& refused) {
+            return add("room", Verdict::stop, refused.what());
+        }
+        std::optional<std::uint64_t> free = free_bytes(m_request.tmp_dir);
+        bool writable = ::access(m_request.tmp_dir.c_str(), W_OK | X_OK) == 0;
+        if (!free || !writable)
+            return add("room", Verdict::stop,
+                       "cannot use " + m_request.tmp_dir + ": " + system_error_text(errno));
+        add("room", *free >= scan.largest ? Verdict::ok : Verdict::stop,
+            human_bytes(*free) + " free in " + m_request.tmp_dir + ", the largest database has " +
+                largest);
+    }
+
+    void attachments() {
+        std::string enabled = ini_value(m_ini, "daosenable");
+        std::string base = ini_value(m_ini, "daosbasepath");
+        if (enabled != "1" && base.empty())
+            return add("attachments", Verdict::ok, "no attachment store");
+        std::string folder = absolute_path(base.starts_with('/') ? base
+                                           : base.empty()        ? m_ini.data_directory + "/DAOS"
+                                                          : m_ini.data_directory + "/" + base);
+        bool outside = !is_below(folder, m_ini.data_directory);
+        bool readable = ::access(folder.c_str(), R_OK | X_OK) == 0;
+        std::string text = "DAOSEnable=" + enabled + ", the attachment store is " + folder;
+        if (!readable)
+            add("attachments", Verdict::stop, text + ": " + system_error_text(errno));
+        else
+            add("attachments", outside ? Verdict::told : Verdict::ok,
+                text + (outside ? ", outside the data directory" : ""));
+    }
+
+    void archivers() {
+        std::string note = m_ini.data_directory + "/" + log_archive_file;
+        if (exists(note))
+            add("archivers", Verdict::told, "its logs are archived already: " + archiver(note));
+        else
+            add("archivers", Verdict::ok, "no store archives its logs yet");
+        FileDescriptor folder(
+            ::open(m_ini.data_directory.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+        if (folder && ::flock(folder.get(), LOCK_SH | LOCK_NB) != 0 && errno == EWOULDBLOCK)
+            add("archivers", Verdict::stop, "a backup is archiving its logs now: wait for its end");
+        if (!m_request.store.empty())
+            store();
+    }
+
+    void log() {
+        if (!m_ini.logging)
+            return add("log", Verdict::told,
+                       "no transaction logging (TRANSLOG_Status): full backups only");
+        std::string folder = log_directory(m_ini);
+        std::string style = m_ini.archives_logs    ? "archive"
+                            : m_ini.linear_logging ? "linear"
+                                                   : "circular";
+        std::optional<std::vector<std::string>> names = names_in_folder(folder);
+        if (!names)
+            return add("log", Verdict::stop,
+                       "the logs' folder " + folder +
+                           " cannot be read: " + system_error_text(errno));
+        auto extents = std::count_if(names->begin(), names->end(), [](const std::string& name) {
+            return name.ends_with(".TXN") || name.ends_with(".txn");
+        });
+        add("log", m_ini.archives_logs ? Verdict::ok : Verdict::told,
+            style + ", extents in " + folder + ": " + std::to_string(extents) +
+                (m_ini.archives_logs ? "" : ": no incremental backup, no roll-forward"));
+    }
+
+  private:
+    void add(const std::string& name, Verdict verdict, const std::string& text) {
+        m_report.add({Step::without_library, name, verdict, printable_utf8(text), {}, false});
+    }
+
+    // Where, as the note says.
+    static std::string archiver(const std::string& note) {
+        std::string problem;
+        std::optional<std::string> bytes = read_small_file(AT_FDCWD, note, 65536);
+        auto document = bytes ? from_canonical(*bytes, problem) : std::nullopt;
+        return document ? "into " + get_bytes(*document, "store") + " since " +
+                              document->value("since", "")
+                        : note + " cannot be read";
+    }
+
+    void store() {
+        try {
+            auto opened = open_directory_store(m_request.store, StoreAccess::read);
+            std::string other = other_log_archive(m_ini, *opened);
+            add("store", other.empty() ? Verdict::ok : Verdict::stop,
+                other.empty() ? "this store may archive its logs" : other);
+        } catch (const ClientError& failure) {
+            if (failure.exit_code() != static_cast<int>(ExitCode::no_store))
+                throw;
+            add("store", Verdict::told, failure.what());
+        }
+    }
+
+    Report& m_report;
+    const LocalRequest& m_request;
+    const NotesIni& m_ini;
+};
+
+} // namespace
+
+std::string environment_codeset() {
+    locale_t environment = ::newlocale(LC_CTYPE_MASK, "", nullptr);
+    if (environment == nullptr)
+        return "of a locale that is not installed";
+    std::string codeset = ::nl_langinfo_l(CODESET, environment);
+    ::freelocale(environment);
+    return codeset;
+}
+
+std::vector<std::string> check_without_library(Report& report, const LocalRequest& request) {
+    Checks checks(report, request);
+    checks.user();
+    check_notes_ini(report, request.ini);
+    checks.environment();
+    SelectionScan scan = scan_selection(request.ini.data_directory, {});
+    std::sort(scan.databases.begin(), scan.databases.end());
+    checks.locale(scan.databases);
+    checks.room(scan);
+    std::vector<std::string> databases = check_links(report, request, scan);
+    checks.attachments();
+    checks.archivers();
+    checks.log();
+    return databases;
+}
+
+} // namespace qrtln::acceptance

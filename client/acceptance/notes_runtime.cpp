@@ -1,0 +1,104 @@
+#include "client/acceptance/notes_runtime.h"
+
+#include "client/module_host.h"
+#include "client/text.h"
+
+#include <cstring>
+#include <dlfcn.h>
+
+namespace qrtln::acceptance {
+
+void load_library(Teller& teller, bool tell) {
+    teller.calling("loading libnotes.so");
+    NotesApiLoad load = loadNotesApi();
+    if (!load.missing.empty()) {
+        std::string names;
+        for (const std::string& name : load.missing)
+            names += (names.empty() ? "" : ", ") + name;
+        teller.stop("symbols", "the library lacks " + std::to_string(load.missing.size()) +
+                                   " of the functions: " + names);
+    }
+    if (!load.error.empty())
+        teller.stop("library", printable_utf8(load.error));
+    if (!tell)
+        return;
+    std::size_t count = 0;
+    for (NotesSlot* slot = notes_api.first; slot != nullptr; slot = slot->next())
+        ++count;
+    Dl_info place{};
+    bool known = ::dladdr(notes_api.NotesInitExtended.address(), &place) != 0;
+    teller.ok("library", known ? printable_utf8(place.dli_fname) : "it does not tell its place");
+    teller.ok("symbols", "all " + std::to_string(count) + " functions are there");
+}
+
+Runtime::Runtime(Teller& teller, const NotesIni& ini, bool tell) : m_teller(teller) {
+    load_library(teller, tell);
+    std::string executable = "qrtln";
+    std::string file = "=" + ini.file; // a leading "=" marks it for the runtime
+    char* arguments[] = {executable.data(), file.data(), nullptr};
+    teller.calling("NotesInitExtended(2, qrtln, " + for_terminal(file) + ")");
+    const STATUS status = notes_api.NotesInitExtended(2, arguments);
+    if (status != kNotesNoError)
+        teller.stop("start", "the runtime does not start: " + status_text(status),
+                    {{"NotesInitExtended", status}});
+    if (tell)
+        teller.ok("start", "the runtime is up", {{"NotesInitExtended", status}});
+}
+
+Runtime::~Runtime() {
+    m_teller.undoing("NotesTerm()");
+    notes_api.NotesTerm();
+}
+
+std::string status_text(STATUS status) {
+    const auto number = static_cast<STATUS>(status & kStatusNumberMask);
+    std::string text = std::to_string(number);
+    char buffer[512] = "";
+    notes_api.OSLoadString(0, number, buffer, sizeof buffer);
+    buffer[sizeof buffer - 1] = '\0';
+    if (*buffer != '\0')
+        text += " \"" + printable_utf8(buffer) + "\"";
+    if (number != status)
+        text += " with the flags of " + std::to_string(status);
+    return text;
+}
+
+std::vector<char> lmbcs_path(Teller& teller, const NamedDatabase& database) {
+    std::vector<char> lmbcs(path_buffer_size);
+    teller.calling("OSTranslate(0, " + database.shown + ")");
+    notes_api.OSTranslate(kTranslateNativeToLmbcs, database.path.c_str(), kTranslateWholeString,
+                          lmbcs.data(), module_path_size);
+    lmbcs.back() = '\0';
+    return lmbcs;
+}
+
+std::vector<char> lmbcs_path(Teller& teller, const std::string& path) {
+    return lmbcs_path(teller, NamedDatabase{path, for_terminal(path)});
+}
+
+OpenDatabase::OpenDatabase(Teller& teller, const NamedDatabase& database)
+    : m_teller(teller), m_shown(database.shown) {
+    const std::vector<char> path = lmbcs_path(teller, database);
+    teller.calling("NSFDbOpen(" + m_shown + ")");
+    const STATUS status = notes_api.NSFDbOpen(path.data(), &m_handle);
+    if (status != kNotesNoError)
+        teller.stop("open", "cannot open " + m_shown + ": " + status_text(status),
+                    {{"NSFDbOpen", status}});
+}
+
+OpenDatabase::~OpenDatabase() {
+    if (m_handle == 0)
+        return;
+    m_teller.undoing("NSFDbClose(" + m_shown + ")");
+    notes_api.NSFDbClose(m_handle);
+}
+
+void OpenDatabase::close() {
+    m_teller.calling("NSFDbClose(" + m_shown + ")");
+    const STATUS status = notes_api.NSFDbClose(std::exchange(m_handle, 0));
+    if (status != kNotesNoError)
+        m_teller.stop("close", "cannot close " + m_shown + ": " + status_text(status),
+                      {{"NSFDbClose", status}});
+}
+
+} // namespace qrtln::acceptance

@@ -1,0 +1,233 @@
+#include "client/acceptance/database_trial.h"
+#include "client/acceptance/local_checks.h"
+#include "client/acceptance/log_trial.h"
+#include "client/acceptance/probes.h"
+#include "client/commands/commands.h"
+#include "client/database_arguments.h"
+#include "client/error.h"
+#include "client/interrupt.h"
+#include "client/output.h"
+#include "client/server_lock.h"
+#include "client/temporary_directory.h"
+#include "client/text.h"
+
+#include <algorithm>
+#include <array>
+#include <ctime>
+#include <fcntl.h>
+#include <iostream>
+#include <memory>
+#include <string_view>
+#include <strings.h>
+#include <sys/stat.h>
+#include <sys/utsname.h>
+
+namespace qrtln {
+
+namespace {
+
+using namespace acceptance;
+
+// Databases that every server lives by.
+constexpr std::array servers_own = {"names.nsf",    "admin4.nsf",  "log.nsf",     "events4.nsf",
+                                    "catalog.nsf",  "certlog.nsf", "ddm.nsf",     "domcfg.nsf",
+                                    "busytime.nsf", "daoscat.nsf", "statrep.nsf", "domlog.nsf"};
+
+[[noreturn]] void refuse(const std::string& option, const std::string& reason,
+                         const std::string& hint) {
+    throw ClientError(ExitCode::failed, option + ": " + reason, hint);
+}
+
+// The full path of the database that may be written to.
+std::string test_database_path(const std::string& given, const NotesIni& ini) {
+    const DatabaseArgument argument =
+        resolve_database_arguments({given}, ini.data_directory).front();
+    const std::string name = name_of(argument.path);
+    const std::string shown = "--database '" + for_terminal(given) + "'";
+    const char* hint = "make a small database for this with the server, with a few documents";
+    struct stat status {};
+    if (argument.directory || !is_database_name(name) || ::lstat(argument.path.c_str(), &status) ||
+        !S_ISREG(status.st_mode))
+        refuse(shown, "that is no database", hint);
+    if (std::any_of(servers_own.begin(), servers_own.end(),
+                    [&](const char* own) { return ::strcasecmp(own, name.c_str()) == 0; }))
+        refuse(shown, "the server lives by this database", hint);
+    std::string real = real_path(argument.path).value_or("");
+    if (!is_below(real, real_path(ini.data_directory).value_or(ini.data_directory)))
+        refuse(shown, "it lies outside the data directory", hint);
+    return argument.path;
+}
+
+// One log leaves the server for good: whoever asks for that names the server.
+void confirm_logs(const CheckOptions& options, const NotesIni& ini) {
+    const std::string name = ini.own_name.empty() ? ini.server_name : ini.own_name;
+    if (!ini.archives_logs)
+        refuse("--logs", "notes.ini has no archive-style transaction logging", "leave --logs out");
+    if (exists(ini.data_directory + "/" + log_archive_file))
+        refuse("--logs", "a store archives the logs of this server, and would lack one",
+               "use a test server");
+    struct stat status {};
+    if (::stat(options.keep_log.c_str(), &status) != 0 || !S_ISDIR(status.st_mode))
+        refuse("--keep-log", for_terminal(options.keep_log) + " is no folder", "make it first");
+    std::string typed = options.confirmed;
+    if (typed.empty() && ::isatty(STDIN_FILENO) == 1) {
+        print_message("One transaction log of " + for_terminal(name) + " is going to be kept in " +
+                      for_terminal(options.keep_log) +
+                      " and removed by the server.\nType the server's name:");
+        std::getline(std::cin, typed);
+    }
+    if (typed != name)
+        refuse("--logs", "the name of this server was not given",
+               "type it, or say --yes-mark-one-log '" + for_terminal(name) + "'");
+}
+
+std::string title(const CheckOptions& options) {
+    struct utsname system {};
+    ::uname(&system);
+    return std::string("qrtln ") + client_version() + " check" +
+           (options.try_library ? " --try" : "") + (options.database.empty() ? "" : " --database") +
+           (options.logs ? " --logs" : "") + ", " + utc_time(std::time(nullptr)) + ", " +
+           system.sysname + " " + system.release + " " + system.machine;
+}
+
+class Check {
+  public:
+    Check(const CheckOptions& options, NotesIni ini)
+        : m_options(options), m_report(title(options), !options.json),
+          m_limit(options.step_timeout) {
+        m_request.ini = std::move(ini);
+        m_request.hide_output = options.no_names;
+        m_request.log_folder = options.logs ? absolute_path(options.keep_log) : "";
+    }
+    int run(const std::string& test_database);
+
+  private:
+    bool probe(Step step, Probe group) {
+        return run_probe(m_report, step, group, m_request, m_limit);
+    }
+    void name_databases(const std::vector<std::string>& paths, const std::string& test_database);
+    bool look();
+    bool try_database();
+    bool try_logs();
+    void say_what_was_left_out();
+    int exit_code() const;
+
+    const CheckOptions& m_options;
+    Report m_report;
+    const std::chrono::seconds m_limit;
+    ProbeRequest m_request;
+};
+
+void Check::name_databases(const std::vector<std::string>& paths,
+                           const std::string& test_database) {
+    std::size_t number = 0;
+    for (const std::string& path : paths) {
+        ++number;
+        std::string shown = m_options.no_names
+                                ? "database " + std::to_string(number)
+                                : for_terminal(path_below(path, m_request.ini.data_directory));
+        m_request.databases.push_back({path, shown});
+        if (path == test_database)
+            m_request.test_database = m_request.databases.back();
+    }
+    if (!test_database.empty() && m_request.test_database.path.empty())
+        refuse("--database", for_terminal(test_database) + " is no database that a backup takes",
+               "make a small database for this with the server");
+}
+
+bool Check::look() {
+    return probe(Step::runtime, probe_start) && probe(Step::runtime, probe_second_start) &&
+           probe(Step::names_and_times, probe_names_and_times) &&
+           probe(Step::databases, probe_databases) && probe(Step::log_style, probe_log_style);
+}
+
+bool Check::try_database() {
+    TemporaryDirectory folder(m_options.tmp_dir, m_request.ini.data_directory);
+    m_request.folder = folder.path();
+    bool done = probe(Step::test_database, trial_quiet_backup) &&
+                probe(Step::test_database, trial_busy_backup);
+    // What was deleted and not brought back is in the copy alone.
+    if (!done && m_report.found("left") && exists(folder.path() + "/" + quiet_copy)) {
+        std::string kept = folder.keep();
+        m_report.add({Step::test_database,
+                      "copies",
+                      Verdict::told,
+                      "the copies are kept in " + for_terminal(kept),
+                      {},
+                      false});
+        return false;
+    }
+    if (!done)
+        return false;
+    if (!m_request.ini.logging)
+        m_report.not_tried("a recovery", "there is no transaction logging");
+    else if (!probe(Step::test_database, trial_recovery))
+        return false;
+    return probe(Step::test_database, trial_offline);
+}
+
+bool Check::try_logs() {
+    return probe(Step::logs, trial_list_logs) && probe(Step::logs, trial_mark_log);
+}
+
+void Check::say_what_was_left_out() {
+    if (!m_options.try_library)
+        m_report.not_tried("the server's library", "not asked for; say --try");
+    else if (m_report.stopped())
+        m_report.not_tried("what comes after that", "the report ends at the first surprise");
+    if (m_options.database.empty())
+        m_report.not_tried("a backup under writes, a recovery, offline and online",
+                           "no database was made for it; say --database");
+    if (!m_options.logs)
+        m_report.not_tried("listing and marking transaction logs",
+                           "for test servers alone; say --logs");
+}
+
+int Check::exit_code() const {
+    if (m_report.stopped())
+        return static_cast<int>(m_report.found_by_library() && !m_report.found(own_failure)
+                                    ? ExitCode::server_error
+                                    : ExitCode::failed);
+    return static_cast<int>(m_report.incomplete() ? ExitCode::items_failed : ExitCode::complete);
+}
+
+int Check::run(const std::string& test_database) {
+    name_databases(check_without_library(m_report, {m_request.ini, m_options.tmp_dir,
+                                                    m_options.store, m_options.no_names}),
+                   test_database);
+    FileDescriptor lock; // a backup would meet what these two begin on the server
+    if (!m_report.stopped() && (m_options.logs || !m_options.database.empty()))
+        lock = lock_server(m_request.ini);
+    if (m_options.try_library && !m_report.stopped())
+        (void)(look() && (m_options.database.empty() || try_database()) &&
+               (!m_options.logs || try_logs()));
+    say_what_was_left_out();
+    if (m_options.no_names)
+        for (const NamedDatabase& database : m_request.databases)
+            if (m_report.mentions(database.shown))
+                print_message(database.shown + " is " + for_terminal(database.path));
+    const std::string found =
+        m_report.stopped()
+            ? "stopped: do not back this server up before the finding [stop] is understood"
+        : m_report.incomplete() ? "incomplete: a backup would lack what is told above"
+                                : "clean: nothing stands against a backup";
+    m_report.end(exit_code(),
+                 found + ". Please send this report; it has no contents of databases" +
+                     (m_options.no_names ? "" : ", and their names are left out with --no-names") +
+                     ".");
+    return exit_code();
+}
+
+} // namespace
+
+int run_check(const CheckOptions& options) {
+    install_interrupt_handlers();
+    NotesIni ini = load_notes_ini(options.notes_ini);
+    const std::string test_database =
+        options.database.empty() ? "" : test_database_path(options.database, ini);
+    if (options.logs)
+        confirm_logs(options, ini);
+    return Check(options, std::move(ini)).run(test_database);
+}
+
+} // namespace qrtln
