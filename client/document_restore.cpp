@@ -270,7 +270,7 @@ void DocumentRestore::require_meant(const Run& run) {
 // the restore.
 void DocumentRestore::check_moment() {
     throw_if_interrupted();
-    copy_file(file(set_folder), file(original_folder));
+    copy_file(file(set_folder), file(original_folder), m_context.ini.data_directory);
     Run run =
         operate(file(original_folder), DocumentKind::deleted, m_request.since.digits, {}, true);
     require_meant(run);
