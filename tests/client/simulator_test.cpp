@@ -7,12 +7,10 @@ namespace qrtln {
 namespace {
 
 namespace fs = std::filesystem;
-using nlohmann::json;
 using test::Outcome;
 using test::OverTheSimulator;
 using test::read_file;
 using test::run_client;
-using testing::HasSubstr;
 
 class UnderLoad : public OverTheSimulator, public testing::WithParamInterface<const char*> {};
 INSTANTIATE_TEST_SUITE_P(Moods, UnderLoad, testing::Values("", "before"));
@@ -59,36 +57,6 @@ TEST_P(UnderLoad, EveryDatabaseIsSavedExactlyAsTheServerCommittedIt) {
     EXPECT_GE(active_logs, 1U); // more when one fills up meanwhile
     EXPECT_TRUE(fs::is_empty(m_tmp));
     EXPECT_EQ(run_client({"verify", "--store", m_store}, {}).exit_code, 0);
-}
-
-TEST_F(OverTheSimulator, FailuresOfTheServerLeaveTheIndexAndEndWithTheirCodes) {
-    ASSERT_EQ(backup().exit_code, 0);
-    ASSERT_EQ(backup().exit_code, 0); // the second writes the index
-    std::string index = m_store + "/runtime/qrtln_DBIID.ini";
-    std::string before = read_file(index);
-    EXPECT_THAT(before, HasSubstr("names.nsf="));
-    ASSERT_EQ(domino("compact " + m_server + " names.nsf"), 0); // a new entry, if all goes well
-    const struct {
-        const char* faults;
-        int exit_code;
-        const char* text;
-    } cases[] = {
-        {"NotesInitExtended=272", 14, "Access to data denied"},
-        {"NSFGetFirstLogToArchive=5", 3, "failed: transaction logs: Status 5 has no text"},
-        {"NSFBackupStart#1=5,NSFBackupStart#2=5", 3, "failed"},
-    };
-    for (const auto& test : cases) {
-        SCOPED_TRACE(test.faults);
-        Outcome outcome = backup({}, {{"NOTES_SIM_FAULTS", test.faults}});
-        EXPECT_EQ(outcome.exit_code, test.exit_code) << outcome.errors;
-        EXPECT_THAT(outcome.errors, HasSubstr(test.text));
-        EXPECT_EQ(json::parse(outcome.output)["exit_code"], test.exit_code);
-        EXPECT_EQ(read_file(index), before);
-        EXPECT_TRUE(fs::is_empty(m_tmp));
-    }
-    Outcome no_library = backup({}, {{"Notes_ExecDirectory", m_scratch / "none"}});
-    EXPECT_EQ(no_library.exit_code, 14);
-    EXPECT_THAT(no_library.errors, HasSubstr("libnotes.so"));
 }
 
 } // namespace

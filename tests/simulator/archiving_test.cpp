@@ -139,19 +139,5 @@ TEST(ArchiveLog, ThatIsDamagedIsAnErrorAndNotANewLog) {
     EXPECT_EQ(fs::file_size(control), 100U);
 }
 
-TEST(ArchivingSession, OfAKilledProcessAnswers3758OnceClearedAndOutlivesTheRuntime) {
-    const TestServer server;
-    EXPECT_EQ(NSFEndArchivingLogs(), 0) << "without a begin";
-    ASSERT_TRUE(inKilledProcess([] { return NSFBeginArchivingLogs() == 0; }));
-    EXPECT_EQ(NSFBeginArchivingLogs(), 3758);
-    EXPECT_EQ(NSFEndArchivingLogs(), 0);
-    EXPECT_EQ(NSFBeginArchivingLogs(), 0);
-    EXPECT_EQ(NSFBeginArchivingLogs(), 3758);
-    NotesTerm();
-    EXPECT_EQ(NSFEndArchivingLogs(), 0);
-    ASSERT_EQ(server.start(), 0);
-    EXPECT_EQ(NSFBeginArchivingLogs(), 0);
-}
-
 } // namespace
 } // namespace simulator_tests

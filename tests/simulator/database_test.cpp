@@ -3,33 +3,10 @@
 
 #include <gtest/gtest.h>
 
-#include <sys/stat.h>
-
 #include <fstream>
-
-namespace fs = std::filesystem;
 
 namespace simulator_tests {
 namespace {
-
-TEST(NsfDbOpen, AnswersWithTheStatusOfTheFile) {
-    const TestServer server;
-    std::ofstream(server.data("text.nsf"))
-        << "not a database, but longer than a header is: " << std::string(500, 'x');
-    std::ofstream(server.data("empty.nsf")).close();
-    fs::copy_file(server.data("names.nsf"), server.data("secret.nsf"));
-    ::chmod(server.data("secret.nsf").c_str(), 0);
-    const std::pair<const char*, STATUS> cases[] = {
-        {"names.nsf", 0},  {"mail/../names.nsf", 0}, {"missing.nsf", 259}, {"mail", 513},
-        {"text.nsf", 513}, {"empty.nsf", 513},       {"secret.nsf", 272}};
-    for (const auto& [name, status] : cases) {
-        DBHANDLE db = 99;
-        EXPECT_EQ(NSFDbOpen(name, &db), status) << name;
-        EXPECT_EQ(db != 0, status == 0) << name;
-        EXPECT_EQ(NotesSimOutstanding(NOTES_SIM_DATABASES), status == 0 ? 1U : 0U) << name;
-        NSFDbClose(db);
-    }
-}
 
 TEST(NsfDbOpen, TakesAbsoluteAndTranslatedPathsOfAnyLength) {
     const TestServer server;
@@ -100,32 +77,6 @@ TEST(ModifiedNotes, AreThoseSinceATimeWithDeletedOnesMarked) {
     EXPECT_EQ(IDDestroyTable(table), 0);
     EXPECT_NE(IDDestroyTable(table), 0);
     EXPECT_EQ(NotesSimOutstanding(NOTES_SIM_ID_TABLES), 0U);
-}
-
-TEST(Handles, ThatAreNoneOrClosedAreErrors) {
-    const TestServer server;
-    DWORD word = 0;
-    WORD version = 0;
-    BYTE byte = 0;
-    DBHANDLE db = 0;
-    ASSERT_EQ(NSFDbOpen("names.nsf", &db), 0);
-    ASSERT_EQ(NSFDbGetBuildVersion(db, &version), 0);
-    EXPECT_EQ(version, 400);
-    ASSERT_EQ(NSFDbClose(db), 0);
-    for (const DWORD handle : {DWORD{0}, DWORD{12345}, db}) {
-        EXPECT_NE(NSFDbClose(handle), 0);
-        EXPECT_NE(NSFDbGetBuildVersion(handle, &version), 0);
-        EXPECT_NE(NSFBackupStart(handle, 0, &word, &word, &word), 0);
-        EXPECT_NE(NSFBackupEnd(handle, handle, 0), 0);
-        EXPECT_NE(NSFBackupGetNextChangeInfo(handle, handle, 0, &byte, 1, &word), 0);
-        EXPECT_NE(NSFBackupApplyNextChangeInfo(handle, 0, &byte, 1), 0);
-        EXPECT_NE(NSFBackupEndApplyChangeInfo(handle, 1), 0);
-        EXPECT_EQ(IDEntries(handle), 0U);
-        EXPECT_EQ(IDScan(handle, 1, &word), 0);
-        EXPECT_EQ(OSLockObject(handle), nullptr);
-        EXPECT_EQ(OSUnlockObject(handle), 0);
-        EXPECT_NE(OSMemFree(handle), 0);
-    }
 }
 
 } // namespace

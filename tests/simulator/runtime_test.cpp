@@ -1,4 +1,4 @@
-// The runtime: its start, texts, times and memory.
+// The runtime: its start and its texts.
 #include "support.h"
 
 #include <gtest/gtest.h>
@@ -6,11 +6,6 @@
 #include <sys/stat.h>
 
 #include <cstdlib>
-#include <cstring>
-#include <ctime>
-#include <fstream>
-
-namespace fs = std::filesystem;
 
 namespace simulator_tests {
 namespace {
@@ -96,57 +91,6 @@ TEST(Translate, TakesNativeTextInTheCharacterSetOfTheLocale) {
     ::setenv("LC_ALL", "C", 1);
     EXPECT_EQ(translated(1, lmbcs, 100), "caf\xC3\xA9") << "UTF-8 where the locale names no set";
     ::unsetenv("LC_ALL");
-}
-
-TEST(Times, AreReadAndWrittenInTheOrderOfTheFlagsElseMonthDayYear) {
-    ::setenv("TZ", "CET-1CEST,M3.5.0,M10.5.0/3", 1);
-    ::tzset();
-    const struct {
-        WORD flags; // 0: no settings
-        const char* separator;
-        const char* text;
-        int read; // characters
-        const char* written;
-        DWORD ticks; // of the day in GMT
-    } cases[] = {
-        {0x0020, "/", "03/05/2024 14:07:09", 19, "03/05/2024 14:07:09", 4722900},
-        {0x0040, ".", "05.03.2024 14:07:09", 19, "05.03.2024 14:07:09", 4722900},
-        {0x0080, "-", "2024-03-05 14:07:09", 19, "2024-03-05 14:07:09", 4722900},
-        {0, "", "07/15/2024 10:30", 16, "07/15/2024 10:30:00", 3060000}, // summer time
-        {0, "", " 1/5/2024   9:05 pm  rest", 21, "01/05/2024 21:05:00", 7230000},
-        {0, "", "02/29/2024", 10, "02/29/2024 00:00:00", 8280000},
-    };
-    const auto parse = [](const void* settings, std::string text, TIMEDATE* time) {
-        char* at = text.data();
-        const STATUS status =
-            ConvertTextToTIMEDATE(settings, nullptr, &at, static_cast<WORD>(text.size()), time);
-        return status == 0 ? at - text.data() : -1;
-    };
-    INTLFORMAT intl = {};
-    char buffer[80] = {};
-    WORD length = 0;
-    TIMEDATE time = {};
-    OSGetIntlSettings(&intl, sizeof intl);
-    for (const auto& one : cases) {
-        intl.Flags = one.flags;
-        std::strcpy(intl.DateString, one.separator);
-        const void* const settings = one.flags == 0 ? nullptr : &intl;
-        EXPECT_EQ(parse(settings, one.text, &time), one.read) << one.text;
-        EXPECT_EQ(time.Innards[0], one.ticks) << one.text;
-        EXPECT_EQ(ConvertTIMEDATEToText(settings, nullptr, &time, buffer, 80, &length), 0);
-        EXPECT_EQ(std::string(buffer, length), one.written);
-    }
-    EXPECT_EQ(parse(nullptr, "03/05/2024", &time), 10);
-    EXPECT_EQ(time.Innards[1] & 0xFFFFFF, 2460374U); // 23:00 GMT of the day before
-    for (const char* text :
-         {"", "x", "13/01/2024", "02/30/2024", "02/29/2023", "00/10/2024", "01/00/2024", "01/01",
-          "01.01.2024", "01/01/2024 24:00", "01/01/2024 10:60", "01/01/2024 10:10:60",
-          "01/01/2024 10", "01/01/2024 13:00 PM"}) {
-        EXPECT_EQ(parse(nullptr, text, &time), -1) << text;
-    }
-    EXPECT_NE(ConvertTIMEDATEToText(nullptr, nullptr, &time, buffer, 18, &length), 0);
-    ::unsetenv("TZ");
-    ::tzset();
 }
 
 } // namespace
