@@ -1,5 +1,6 @@
 // qrtln: backs up a Domino server through its database module into a store, and restores it.
 
+#include "client/acceptance/probe_process.h"
 #include "client/commands/commands.h"
 #include "client/error.h"
 #include "client/module_process.h"
@@ -147,6 +148,12 @@ void add_origin_options(CLI::App& command, Options& options) {
         ->type_name("OLD=NEW");
 }
 
+void add_as_other_user(CLI::App& command, bool& as_other_user) {
+    command.add_flag("--as-other-user", as_other_user,
+                     "Run the server's library as this user, who is neither root nor the owner of "
+                     "the data directory");
+}
+
 template <typename Options>
 void add_module_options(CLI::App& command, Options& options) {
     command
@@ -164,9 +171,7 @@ void add_module_options(CLI::App& command, Options& options) {
     command.add_flag("--verbose", options.verbose, "Show the module's messages");
     command.add_option("--trace", options.trace_file, "Append the module's trace to FILE")
         ->type_name("FILE");
-    command.add_flag("--as-other-user", options.as_other_user,
-                     "Run the server's library as this user, who is neither root nor the owner of "
-                     "the data directory");
+    add_as_other_user(command, options.as_other_user);
 }
 
 // What a server does not give at once.
@@ -452,6 +457,7 @@ CLI::App* add_check(CLI::App& app, qrtln::CheckOptions& check) {
     command.add_flag("--no-names", check.no_names,
                      "Numbers instead of the names of databases, in the order of their paths");
     add_tmp_dir(command, check.tmp_dir, "Where backups are going to copy databases to");
+    add_as_other_user(command, check.as_other_user);
     command.add_flag("--json", check.json, "One JSON document on standard output");
     command.footer(exit_codes);
     return &command;
@@ -626,6 +632,8 @@ int main(int argc, char** argv) {
     ::umask(077); // the store and the copies hold mail
     if (qrtln::is_module_process(argc, argv))
         return qrtln::run_module_process(argc, argv);
+    if (qrtln::acceptance::is_probe_process(argc, argv))
+        return qrtln::acceptance::run_probe_process(argc, argv);
     CLI::App app(
         "qrtln backs up and restores a Domino server: databases, templates, configuration and\n"
         "transaction logs, through the server's own backup interface, into a store in a\n"

@@ -38,7 +38,10 @@ std::string program_directory(const NotesIni& ini) {
 // directory, which is the working directory later.
 std::string search_path(const std::vector<std::string>& folders, const std::string& inherited) {
     std::string path;
-    auto add = [&](const std::string& folder) { path += (path.empty() ? "" : ":") + folder; };
+    auto add = [&](const std::string& folder) {
+        if ((":" + path + ":").find(":" + folder + ":") == std::string::npos)
+            path += (path.empty() ? "" : ":") + folder;
+    };
     for (const std::string& folder : folders)
         if (folder.find(':') == std::string::npos && is_directory(folder))
             add(folder);

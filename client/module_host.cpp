@@ -2,7 +2,6 @@
 
 #include "client/error.h"
 #include "client/interrupt.h"
-#include "client/module_environment.h"
 #include "client/module_process.h"
 #include "client/module_protocol.h"
 #include "client/output.h"
@@ -11,7 +10,6 @@
 #include <algorithm>
 #include <cerrno>
 #include <csignal>
-#include <cstdio>
 #include <poll.h>
 #include <sys/socket.h>
 #include <sys/wait.h>
@@ -25,8 +23,7 @@ namespace {
 constexpr const char* module_name = "libqrtln.so";
 // The name with the version of the interface that this client is written for.
 constexpr const char* module_soname = "libqrtln.so.1";
-constexpr int loader_failed = 127; // how a process ends whose libraries cannot be loaded
-constexpr int looks_again = 200;   // milliseconds, where a signal may come that wakes nobody
+constexpr int looks_again = 200; // milliseconds, where a signal may come that wakes nobody
 
 std::string variables_frame(FrameWriter& frame, const std::vector<std::string>& variables) {
     frame.number(static_cast<std::int32_t>(variables.size()));
@@ -57,55 +54,22 @@ std::string find_module(const std::string& given) {
 
 namespace {
 
-// A null-terminated array of the texts, which must outlive it.
-std::vector<char*> pointers_to(std::vector<std::string>& texts) {
-    std::vector<char*> pointers;
-    for (std::string& text : texts)
-        pointers.push_back(text.data());
-    pointers.push_back(nullptr);
-    return pointers;
-}
-
 std::string start_frame(const ModuleOptions& options) {
     FrameWriter frame(FrameKind::start);
     frame.text(options.module_file).text(options.runtime_directory).text(options.data_directory);
-    frame.number(options.user ? 1 : 0);
-    if (const std::optional<ServerUser>& user = options.user)
-        frame.text(std::to_string(user->uid))
-            .text(std::to_string(user->gid))
-            .text(user->name)
-            .text(user->home)
-            .number(user->has_entry ? 1 : 0);
+    write_user(frame, options.user);
     return frame.finish();
 }
 
 } // namespace
 
 ModuleHost::ModuleHost(ModuleOptions options) : m_options(std::move(options)) {
-    int sockets[2];
-    if (::socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, sockets) != 0)
-        throw ClientError(ExitCode::failed,
-                          "cannot create a socket pair: " + system_error_text(errno));
-    m_socket = FileDescriptor(sockets[0]);
-    FileDescriptor child_socket(sockets[1]);
-    std::vector<std::string> words = {"qrtln", module_process_word,
-                                      std::to_string(child_socket.get())};
-    std::vector<std::string> environment = environment_with(m_options.environment);
-    std::vector<char*> arguments = pointers_to(words);
-    std::vector<char*> variables = pointers_to(environment);
-    std::fflush(nullptr);
-    pid_t own_pid = ::getpid();
-    {
-        InterruptsBlocked blocked;
-        m_pid = ::fork();
-        if (m_pid == 0)
-            start_module_process(child_socket.get(), arguments.data(), variables.data(), own_pid);
-    }
-    if (m_pid < 0)
-        throw ClientError(ExitCode::failed,
-                          "cannot start a process for the module: " + system_error_text(errno));
+    OwnProcessStart start = module_process_start();
+    start.environment = m_options.environment;
+    OwnProcess process = start_own_process(start);
+    m_pid = process.pid;
+    m_socket = std::move(process.socket);
     m_started_pid = m_pid;
-    child_socket.reset();
     FrameReader answer(call(start_frame(m_options), "loading " + m_options.module_file));
     if (answer.number() != DB_NUM_I_OK) {
         std::string text = answer.text();

@@ -6,19 +6,15 @@
 #include "client/module_host.h"
 #include "client/module_log.h"
 #include "client/module_protocol.h"
-#include "client/output.h"
 
 #include <array>
 #include <atomic>
-#include <charconv>
 #include <csignal>
 #include <cstring>
 #include <dlfcn.h>
-#include <fcntl.h>
 #include <mutex>
 #include <string_view>
 #include <sys/prctl.h>
-#include <sys/socket.h>
 #include <thread>
 #include <unistd.h>
 
@@ -334,72 +330,24 @@ void serve() {
     }
 }
 
-// What the library writes to standard output must not mix with the client's own document there.
-void redirect_standard_streams() {
-    int null = ::open("/dev/null", O_RDWR | O_CLOEXEC);
-    if (null >= 0)
-        ::dup2(null, STDIN_FILENO);
-    ::dup2(STDERR_FILENO, STDOUT_FILENO);
-}
-
 } // namespace
 
-void start_module_process(int socket, char** words, char** environment, pid_t parent) {
-    ::prctl(PR_SET_PDEATHSIG, SIGTERM);
-    if (::getppid() != parent) // it died before the line above
-        ::_exit(1);
-    ::fcntl(socket, F_SETFD, 0);
-    ::execve("/proc/self/exe", words, environment);
-    server().socket = socket;
-    reply(DB_NUM_E_FAILED,
-          {"its process does not start: execve of /proc/self/exe: " + system_error_text(errno)});
-    ::_exit(1);
+OwnProcessStart module_process_start() {
+    OwnProcessStart start;
+    start.word = module_process_word;
+    start.death_signal = SIGTERM;
+    start.cannot_start = [](int socket, const std::string& reason) {
+        server().socket = socket;
+        reply(DB_NUM_E_FAILED, {reason});
+    };
+    return start;
 }
 
 bool is_module_process(int argc, char** argv) {
-    return argc > 1 && std::string_view(argv[1]) == module_process_word;
+    return is_own_process(module_process_word, argc, argv);
 }
 
 namespace {
-
-// The socket that the client, the parent of this process, made for it; -1 when there is none.
-int inherited_socket(int argc, char** argv) {
-    if (argc != 3)
-        return -1;
-    const std::string_view text = argv[2];
-    int socket = -1;
-    auto [end, error] = std::from_chars(text.data(), text.data() + text.size(), socket);
-    ucred maker{};
-    socklen_t size = sizeof maker;
-    bool good = error == std::errc() && end == text.data() + text.size() && socket > 2 &&
-                ::getsockopt(socket, SOL_SOCKET, SO_PEERCRED, &maker, &size) == 0 &&
-                maker.pid == ::getppid();
-    return good ? socket : -1;
-}
-
-// What the library starts must not keep the client's locks, nor the socket.
-void close_on_exec() {
-    for (const std::string& name :
-         names_in_folder("/proc/self/fd").value_or(std::vector<std::string>())) {
-        int fd = -1;
-        std::from_chars(name.data(), name.data() + name.size(), fd);
-        if (fd > 2)
-            ::fcntl(fd, F_SETFD, FD_CLOEXEC);
-    }
-}
-
-// Whom to become, as the first request has it.
-std::optional<ServerUser> read_user(FrameReader& frame) {
-    if (frame.number() == 0)
-        return std::nullopt;
-    ServerUser user;
-    user.uid = static_cast<uid_t>(std::stoul(frame.text()));
-    user.gid = static_cast<gid_t>(std::stoul(frame.text()));
-    user.name = frame.text();
-    user.home = frame.text();
-    user.has_entry = frame.number() != 0;
-    return user;
-}
 
 // Takes the first request, and loads the module as it says; false when that failed.
 bool start(pid_t parent) {
@@ -434,12 +382,8 @@ int run_module_process(int argc, char** argv) {
     try {
         const pid_t parent = ::getppid();
         server().socket = inherited_socket(argc, argv);
-        if (server().socket < 0) {
-            print_error(std::string(module_process_word) +
-                            " is how qrtln starts the process of its module, no command",
-                        "`qrtln --help` lists the commands");
+        if (server().socket < 0)
             return static_cast<int>(ExitCode::usage);
-        }
         ::prctl(PR_SET_NAME, "qrtln-module");
         close_on_exec();
         redirect_standard_streams();

@@ -1,17 +1,15 @@
 // The child's side of module_host: loads the module and serves one client until it goes away.
 #pragma once
 
-#include <sys/types.h>
+#include "client/own_process.h"
 
 namespace qrtln {
 
 // The word by which this program is started as the module's process, with the number of its socket.
 inline constexpr const char* module_process_word = "module-process";
 
-// Starts this program anew with these words and this environment, and never returns: where that
-// fails it says so to the client. `parent` is the client's process id.
-// REQUIRES: called right after fork(), with the interrupting signals blocked.
-[[noreturn]] void start_module_process(int socket, char** words, char** environment, pid_t parent);
+// How it is started.
+OwnProcessStart module_process_start();
 
 // Whether the command line is that of a module's process.
 bool is_module_process(int argc, char** argv);

@@ -49,11 +49,11 @@ std::string command_of(const std::string& process) {
     return for_terminal(text);
 }
 
-// Who has a file locked, as the kernel tells (see proc_locks(5)): ": process 12 (COMMAND)"; empty
+// Who has a file locked, as the kernel tells (see proc_locks(5)): "process 12 (COMMAND)"; empty
 // where it does not.
-std::string holder_of(int file) {
+std::string holder_of(const std::string& path) {
     struct stat status {};
-    if (::fstat(file, &status) != 0)
+    if (::stat(path.c_str(), &status) != 0)
         return {};
     char place[64];
     std::snprintf(place, sizeof place, "%02x:%02x:%ju", major(status.st_dev), minor(status.st_dev),
@@ -66,7 +66,7 @@ std::string holder_of(int file) {
         if (kind != "FLOCK" || where != place)
             continue;
         std::string command = command_of(process);
-        return ": process " + process +
+        return "process " + process +
                (command.empty() ? ", or one that it left" : " (" + command + ")");
     }
     return {};
@@ -84,15 +84,21 @@ FileDescriptor lock_server(const NotesIni& ini) {
     if (folder && ::flock(folder.get(), LOCK_EX | LOCK_NB) == 0)
         return folder;
     int error = errno;
-    if (folder && error == EWOULDBLOCK)
+    if (folder && error == EWOULDBLOCK) {
+        std::string holder = holder_of(directory);
         throw ClientError(ExitCode::locked,
                           "another run backs up databases of the server " +
-                              for_terminal(directory) + holder_of(folder.get()),
+                              for_terminal(directory) + (holder.empty() ? "" : ": " + holder),
                           "wait until it has ended");
+    }
     print_message("warning: the data directory " + for_terminal(directory) +
                   " cannot be locked: " + system_error_text(error) +
                   ": see that no two runs of qrtln back up this server at once");
     return {};
+}
+
+std::string run_that_locks(const NotesIni& ini) {
+    return holder_of(ini.data_directory);
 }
 
 std::string other_log_archive(const NotesIni& ini, const Store& store) {

@@ -17,6 +17,10 @@ namespace qrtln {
 // ClientError(locked), with the process that has it.
 FileDescriptor lock_server(const NotesIni& ini);
 
+// Who has that lock, "process 12 (COMMAND)", without asking for it: a run that begins meanwhile is
+// not disturbed. Empty: nobody, or the system does not tell.
+std::string run_that_locks(const NotesIni& ini);
+
 // The store that archives the server's logs, as a note in its data directory tells: why a backup
 // into this one must not; empty: it may. Throws ClientError(failed) for a note that cannot be read.
 std::string other_log_archive(const NotesIni& ini, const Store& store);

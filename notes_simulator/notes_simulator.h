@@ -88,10 +88,11 @@
  *                and NSFBackupEnd of it fails (16161)
  *      logs      logs are numbered from 0, or from SimFirstLog of notes.ini (`domino-sim init
  *                --first-log`), and after 4294967295 comes 0; the two halves of a log's identity
- * are equal; the file of an archived extent is not removed but used again, under its name, for a
- * later one. A recovery finds the extents that lie in the folder whatever their names; the callback
- * is asked for one that is not there with a path at which no other lies slow      calls after the
- * start take as long as the variable SimSlow of notes.ini says:
+ *                are equal; the file of an archived extent is not removed but used again, under
+ *                its name, for a later one. A recovery finds the extents that lie in the folder
+ *                whatever their names; the callback is asked for one that is not there with a path
+ *                at which no other lies
+ *      slow      calls after the start take as long as the variable SimSlow of notes.ini says:
  *                "NSFBackupStart=2,NSFRecoverDatabases=never" (seconds, or they never return; no
  *                lock is held meanwhile); without it each tenth call takes a moment
  *

@@ -233,7 +233,11 @@ void trial_offline(Teller& teller, const ProbeRequest& request) {
     Runtime runtime(teller, request.ini);
     std::vector<char> path = lmbcs_path(teller, test);
     teller.calling("NSFTakeDatabaseOffline(" + test.shown + ")");
+    teller.leaves("offline", test.shown + " may be offline: look, and bring it online at the "
+                                          "server's console");
     const STATUS taken = notes_api.NSFTakeDatabaseOffline(path.data(), 0, 0);
+    if (taken != kNotesNoError)
+        teller.leaves("offline", "");
     if (taken != kNotesNoError)
         teller.stop("offline", test.shown + " is not taken offline: " + status_text(taken),
                     {{"NSFTakeDatabaseOffline", taken}});

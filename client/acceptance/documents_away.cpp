@@ -21,9 +21,9 @@ DocumentsAway::~DocumentsAway() {
 }
 
 void DocumentsAway::take(NOTEID id) {
+    m_teller.calling("NSFNoteDelete(" + m_shown + ")"); // which may be the end: before it is away
     m_away.insert(id);
     tell_what_is_away();
-    m_teller.calling("NSFNoteDelete(" + m_shown + ")");
     const STATUS status = notes_api.NSFNoteDelete(m_live.handle(), id, 0);
     if (status != kNotesNoError)
         m_away.erase(id);

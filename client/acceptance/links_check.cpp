@@ -1,17 +1,14 @@
 #include "client/acceptance/links_check.h"
 
+#include "client/database_link.h"
 #include "client/file_io.h"
 #include "client/system_files.h"
 #include "client/text.h"
-
-#include <algorithm>
-#include <fcntl.h>
 
 namespace qrtln::acceptance {
 
 namespace {
 
-constexpr std::size_t maximal_link = 4096; // a larger file is no link
 constexpr std::size_t named_at_most = 20;
 
 // Names of one kind, as many as are worth reading.
@@ -35,16 +32,6 @@ class Named {
     std::string m_text;
 };
 
-// A database link is a file of a few lines with the path of the database.
-bool is_database_link(const std::string& path) {
-    std::optional<std::string> content = read_small_file(AT_FDCWD, path, maximal_link);
-    return content && content->find('/') != std::string::npos &&
-           std::all_of(content->begin(), content->end(), [](char byte) {
-               const auto code = static_cast<unsigned char>(byte);
-               return code >= 0x20 || code == '\n' || code == '\r' || code == '\t';
-           });
-}
-
 class Links {
   public:
     Links(Report& report, const LocalRequest& request)
@@ -59,9 +46,10 @@ class Links {
             [this](const FoundFile& found) { take(found); });
     }
     bool take_database(const std::string& path) {
-        if (!is_database_link(path))
+        std::optional<std::string> target = database_link_target(path);
+        if (!target)
             return false;
-        m_databases.add(path);
+        m_databases.add(path, " (leads to " + for_terminal(*target) + ")");
         return true;
     }
     void pass_over(const std::string& path, const std::string& reason) {

@@ -5,8 +5,10 @@
 #include "client/database_arguments.h"
 #include "client/error.h"
 #include "client/file_io.h"
+#include "client/permission.h"
 #include "client/restore_plan.h"
 #include "client/server_lock.h"
+#include "client/server_user.h"
 #include "client/store/canonical_json.h"
 #include "client/store/store.h"
 #include "client/temporary_directory.h"
@@ -17,18 +19,11 @@
 #include <fcntl.h>
 #include <langinfo.h>
 #include <locale.h>
-#include <pwd.h>
-#include <sys/file.h>
 #include <sys/stat.h>
 
 namespace qrtln::acceptance {
 
 namespace {
-
-std::string user_name(uid_t uid) {
-    const passwd* entry = ::getpwuid(uid);
-    return entry != nullptr ? entry->pw_name : std::to_string(uid);
-}
 
 class Checks {
   public:
@@ -40,24 +35,26 @@ class Checks {
         if (::stat(m_ini.data_directory.c_str(), &status) != 0)
             return add("user", Verdict::stop,
                        "cannot look at the data directory: " + system_error_text(errno));
-        std::string own = user_name(::geteuid());
-        std::string owner = user_name(status.st_uid);
+        const std::string own = user_text(::geteuid());
+        const std::string owner = user_text(status.st_uid);
+        const std::optional<ServerUser> user = server_user(m_ini.data_directory);
         if (status.st_uid == ::geteuid())
             add("user", Verdict::ok, own + ", who owns the data directory");
+        else if (user)
+            add("user", user->has_entry ? Verdict::ok : Verdict::told,
+                "the library runs as " + user->name + ", who owns the data directory" +
+                    (user->has_entry ? "" : "; the system has no entry for that user"));
         else
-            add("user", Verdict::stop,
-                "this is " + own + ", the data directory is " + owner +
-                    "'s: the server's library must run as " + owner + ", say sudo -u " + owner +
-                    " qrtln check ...");
+            add("user", Verdict::told,
+                "the library runs as " + own + ", the data directory is " + owner +
+                    "'s: it may fail, or make files that the server cannot write");
     }
 
     void environment() {
+        for (const std::string& warning : m_request.environment.warnings)
+            add("environment", Verdict::told, warning);
         const char* set = std::getenv("Notes_ExecDirectory");
         std::string given = set != nullptr ? set : "";
-        if (!given.empty() && given != m_ini.program_directory)
-            add("environment", Verdict::told,
-                "Notes_ExecDirectory is " + given + ", NotesProgram of notes.ini is " +
-                    m_ini.program_directory);
         std::string folder = given.empty() ? m_ini.program_directory : given;
         if (::access((folder + "/libnotes.so").c_str(), R_OK) == 0)
             add("environment", Verdict::ok, "libnotes.so is in " + folder);
@@ -72,9 +69,15 @@ class Checks {
                                [](char byte) { return static_cast<unsigned char>(byte) >= 0x80; });
         });
         std::string codeset = environment_codeset();
-        std::string names = std::to_string(foreign) + " databases have names that are not ASCII";
-        add("locale", codeset == "UTF-8" ? Verdict::ok : Verdict::told,
-            "codeset " + codeset + ", " + names);
+        bool good = codeset == "UTF-8";
+        for (const auto& [name, value] : m_request.environment.variables)
+            if (name.starts_with("LC_")) {
+                codeset += ", and " + name + "=" + value + " for the library";
+                good = true;
+            }
+        add("locale", good ? Verdict::ok : Verdict::told,
+            "codeset " + codeset + "; " + std::to_string(foreign) +
+                " databases have names that are not ASCII");
     }
 
     void room(const SelectionScan& scan) {
@@ -96,12 +99,9 @@ class Checks {
 
     void attachments() {
         std::string enabled = ini_value(m_ini, "daosenable");
-        std::string base = ini_value(m_ini, "daosbasepath");
-        if (enabled != "1" && base.empty())
+        const std::string& folder = m_ini.attachment_folder;
+        if (enabled != "1" && !exists(folder))
             return add("attachments", Verdict::ok, "no attachment store");
-        std::string folder = absolute_path(base.starts_with('/') ? base
-                                           : base.empty()        ? m_ini.data_directory + "/DAOS"
-                                                          : m_ini.data_directory + "/" + base);
         bool outside = !is_below(folder, m_ini.data_directory);
         bool readable = ::access(folder.c_str(), R_OK | X_OK) == 0;
         std::string text = "DAOSEnable=" + enabled + ", the attachment store is " + folder;
@@ -118,10 +118,10 @@ class Checks {
             add("archivers", Verdict::told, "its logs are archived already: " + archiver(note));
         else
             add("archivers", Verdict::ok, "no store archives its logs yet");
-        FileDescriptor folder(
-            ::open(m_ini.data_directory.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
-        if (folder && ::flock(folder.get(), LOCK_SH | LOCK_NB) != 0 && errno == EWOULDBLOCK)
-            add("archivers", Verdict::stop, "a backup is archiving its logs now: wait for its end");
+        if (std::string run = run_that_locks(m_ini); !run.empty())
+            add("archivers", Verdict::told,
+                "another run backs up databases of this server now" +
+                    (m_request.hide_names ? "" : ": " + run));
         if (!m_request.store.empty())
             store();
     }

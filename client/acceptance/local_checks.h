@@ -2,6 +2,7 @@
 #pragma once
 
 #include "client/acceptance/report.h"
+#include "client/module_environment.h"
 #include "client/notes_ini.h"
 
 #include <string>
@@ -11,6 +12,7 @@ namespace qrtln::acceptance {
 
 struct LocalRequest {
     NotesIni ini;
+    ModuleEnvironment environment; // of the server's library
     std::string tmp_dir;
     std::string store;       // empty: none is named
     bool hide_names = false; // of databases and files

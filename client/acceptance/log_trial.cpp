@@ -70,7 +70,8 @@ void tell_listing(Teller& teller, const Listing& listing, const std::string& whe
             "the logs are not listed " + when + ": " + status_text(listing.last);
         if (session)
             teller.stop("listing", text, statuses);
-        return teller.told("listing", text, statuses, true);
+        return teller.told("listing", text + "; full backups take them with --log-session",
+                           statuses, true);
     }
     std::string first = listing.ready.empty() ? "" : "; the first: " + described(listing.ready[0]);
     teller.ok("listing",
@@ -171,7 +172,10 @@ bool is_listed(const Listing& listing, const Log& log) {
 
 void mark(Teller& teller, Log log, const std::string& kept) {
     teller.calling("NSFDoneArchivingLog(number " + std::to_string(log.number) + ")");
+    teller.leaves("log", "the log that is kept in " + for_terminal(kept) +
+                             " may be marked as archived: keep it, a recovery needs it then");
     const STATUS status = notes_api.NSFDoneArchivingLog(&log.id, &log.number);
+    teller.leaves("log", "");
     const Statuses statuses = {{"NSFDoneArchivingLog", status}};
     if (status != kNotesNoError)
         teller.stop("marking",

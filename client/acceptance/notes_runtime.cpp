@@ -1,25 +1,40 @@
 #include "client/acceptance/notes_runtime.h"
 
+#include "client/error.h"
+#include "client/module_environment.h"
 #include "client/module_host.h"
 #include "client/text.h"
 
 #include <cstring>
 #include <dlfcn.h>
+#include <unistd.h>
 
 namespace qrtln::acceptance {
 
-void load_library(Teller& teller, bool tell) {
+namespace {
+
+std::string with_hint(const std::string& text, const std::string& loader_text,
+                      const NotesIni& ini) {
+    const std::string hint = loader_hint(loader_text, ini);
+    return printable_utf8(hint.empty() ? text : text + ": " + hint);
+}
+
+} // namespace
+
+void load_library(Teller& teller, const NotesIni& ini, bool tell) {
     teller.calling("loading libnotes.so");
     NotesApiLoad load = loadNotesApi();
     if (!load.missing.empty()) {
         std::string names;
         for (const std::string& name : load.missing)
             names += (names.empty() ? "" : ", ") + name;
-        teller.stop("symbols", "the library lacks " + std::to_string(load.missing.size()) +
-                                   " of the functions: " + names);
+        teller.stop("symbols",
+                    with_hint("the library lacks " + std::to_string(load.missing.size()) +
+                                  " of the functions, " + names,
+                              "the first is " + load.missing[0], ini));
     }
     if (!load.error.empty())
-        teller.stop("library", printable_utf8(load.error));
+        teller.stop("library", with_hint(load.error, load.error, ini));
     if (!tell)
         return;
     std::size_t count = 0;
@@ -32,7 +47,12 @@ void load_library(Teller& teller, bool tell) {
 }
 
 Runtime::Runtime(Teller& teller, const NotesIni& ini, bool tell) : m_teller(teller) {
-    load_library(teller, tell);
+    load_library(teller, ini, tell);
+    // Not before: a library that is looked for at a relative path is not to be found there.
+    if (::chdir(ini.data_directory.c_str()) != 0 && tell)
+        teller.told("start", "the library runs in \"/\": cannot enter " +
+                                 printable_utf8(ini.data_directory) + ": " +
+                                 system_error_text(errno));
     std::string executable = "qrtln";
     std::string file = "=" + ini.file; // a leading "=" marks it for the runtime
     char* arguments[] = {executable.data(), file.data(), nullptr};

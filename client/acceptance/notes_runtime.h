@@ -14,12 +14,13 @@ inline constexpr std::size_t path_buffer_size = 4096;
 
 // Loads the library and finds every function in it. Stops the group when it cannot.
 // With `tell` it says what was found.
-void load_library(Teller& teller, bool tell);
+void load_library(Teller& teller, const NotesIni& ini, bool tell);
 
 // The runtime while it is up.
 class Runtime {
   public:
-    // Loads and starts it as the module does. Stops the group when that fails.
+    // Loads and starts it as the module's process does, in the data directory. Stops the group when
+    // that fails.
     Runtime(Teller& teller, const NotesIni& ini, bool tell = false);
     ~Runtime();
     Runtime(const Runtime&) = delete;

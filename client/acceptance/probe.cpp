@@ -1,5 +1,6 @@
 #include "client/acceptance/probe.h"
 
+#include "client/acceptance/probe_process.h"
 #include "client/error.h"
 #include "client/interrupt.h"
 #include "client/output.h"
@@ -8,11 +9,11 @@
 #include <algorithm>
 #include <csignal>
 #include <cstdio>
-#include <cstdlib>
 #include <cstring>
 #include <fcntl.h>
 #include <map>
 #include <poll.h>
+#include <sys/socket.h>
 #include <sys/wait.h>
 
 namespace qrtln::acceptance {
@@ -24,45 +25,7 @@ using Clock = std::chrono::steady_clock;
 
 constexpr std::size_t kept_output = 4096; // bytes of what the library writes
 constexpr auto grace = std::chrono::seconds(2);
-
-// --- the probe's side
-
-// What the library finds in its process. The one place where that is prepared.
-void prepare_library_process(const NotesIni& ini, int output) {
-    int null = ::open("/dev/null", O_RDWR | O_CLOEXEC);
-    if (null >= 0)
-        ::dup2(null, STDIN_FILENO);
-    ::dup2(output, STDOUT_FILENO);
-    ::dup2(output, STDERR_FILENO);
-    (void)std::setvbuf(stdout, nullptr, _IONBF,
-                       0); // a crash must not take the library's last words
-    (void)::signal(SIGPIPE, SIG_IGN);
-    if (std::string directory = exec_directory(ini); !directory.empty())
-        ::setenv("Notes_ExecDirectory", directory.c_str(), 1);
-    if (::chdir("/") != 0)
-        ::_exit(1);
-}
-
-[[noreturn]] void be_the_probe(int messages, int output, Step step, Probe probe,
-                               const ProbeRequest& request) {
-    try {
-        prepare_library_process(request.ini, output);
-        Teller teller(messages, step);
-        try {
-            probe(teller, request);
-        } catch (const Surprise& surprise) {
-            teller.send(surprise.finding);
-        } catch (const std::exception& failure) {
-            teller.send({step, own_failure, Verdict::stop, failure.what(), {}, false});
-        }
-        (void)write_all(messages, as_bytes("{\"done\":true}\n"));
-    } catch (const ClientGone&) {
-        // Everything is undone, and nobody is there to be told.
-    }
-    ::_exit(0); // no handler of the library's runs any more
-}
-
-// --- the client's side
+constexpr const char* first_call = "the start of its process";
 
 struct Pipe {
     FileDescriptor read;
@@ -88,7 +51,7 @@ class RunningProbe {
     RunningProbe(const RunningProbe&) = delete;
     RunningProbe& operator=(const RunningProbe&) = delete;
 
-    void start(Probe probe, const ProbeRequest& request);
+    void start(Group group, const ProbeRequest& request);
     bool wait(bool hide_output);
 
   private:
@@ -110,32 +73,22 @@ class RunningProbe {
     std::string m_unread;
     std::string m_library_text;
     std::size_t m_library_bytes = 0;
-    std::string m_call = "the start of its process";
+    std::string m_call = first_call;
     std::map<std::string, std::string> m_leaves; // by their kinds
     bool m_done = false;
     Clock::time_point m_last_message;
 };
 
-void RunningProbe::start(Probe probe, const ProbeRequest& request) {
-    Pipe messages;
+void RunningProbe::start(Group group, const ProbeRequest& request) {
     Pipe output;
-    std::fflush(nullptr);
-    {
-        InterruptsBlocked blocked;
-        m_pid = ::fork();
-        if (m_pid == 0) {
-            messages.read.reset();
-            output.read.reset();
-            be_the_probe(messages.write.get(), output.write.get(), m_step, probe, request);
-        }
-    }
-    if (m_pid < 0)
-        throw ClientError(ExitCode::failed, "cannot start a process for the server's library: " +
-                                                system_error_text(errno));
-    m_messages = std::move(messages.read);
+    OwnProcess process = start_own_process(probe_process_start(request, output.write.get()));
+    m_pid = process.pid;
+    m_messages = std::move(process.socket);
     m_output = std::move(output.read);
     // What the library started itself may hold its standard output for ever.
     ::fcntl(m_output.get(), F_SETFL, O_NONBLOCK);
+    // A process that is gone shows when it is waited for.
+    (void)send_frame(m_messages.get(), request_frame(group, request));
 }
 
 void RunningProbe::take(const std::string& line) {
@@ -189,23 +142,27 @@ int RunningProbe::wait_for_end() {
     return status;
 }
 
-// Its next message fails, and it undoes what it has begun; what hangs is killed.
+// It undoes what it has begun, and tells; what hangs, or is not waited for, is killed.
 void RunningProbe::end_process() {
-    m_messages.reset();
+    ::shutdown(m_messages.get(), SHUT_WR);
     const auto deadline = Clock::now() + std::max<Clock::duration>(m_limit, grace);
-    while (Clock::now() < deadline) {
-        read_output(); // a writer must not wait for a reader
-        if (::waitpid(m_pid, nullptr, WNOHANG) != 0) {
-            m_pid = -1;
+    constexpr int looks_again = 200; // milliseconds, for a signal that wakes nobody
+    for (bool open = true; open && Clock::now() < deadline && !interrupted_again();) {
+        pollfd ready[2] = {{m_messages.get(), POLLIN, 0}, {m_output.get(), POLLIN, 0}};
+        (void)::poll(ready, 2, looks_again);
+        if (ready[1].revents != 0)
+            read_output(); // a writer must not wait for a reader
+        if (ready[0].revents != 0)
+            open = read_messages();
+        if (!open) {
+            wait_for_end();
             return;
         }
-        ::poll(nullptr, 0, 20);
     }
     ::kill(m_pid, SIGKILL);
+    while (read_messages()) {
+    }
     wait_for_end();
-    for (const auto& [kind, text] : m_leaves)
-        if (!text.empty())
-            print_message("left on the server: " + for_terminal(text));
 }
 
 void RunningProbe::tell_output(bool hide) {
@@ -232,6 +189,10 @@ void RunningProbe::tell_end(int status, bool silent) {
         name = "crash";
         text = "the library crashed with signal " + std::to_string(WTERMSIG(status)) + " (" +
                ::strsignal(WTERMSIG(status)) + ") in " + m_call;
+    } else if (WEXITSTATUS(status) == loader_failed && m_call == first_call) {
+        name = "library";
+        text = "the process for it does not start: a library in the server's program directory "
+               "stands in for one of the system's";
     } else {
         text = "the library ended the process with exit status " +
                std::to_string(WEXITSTATUS(status)) + " in " + m_call;
@@ -240,9 +201,13 @@ void RunningProbe::tell_end(int status, bool silent) {
 }
 
 void RunningProbe::tell_what_is_left() {
-    for (const auto& [kind, text] : m_leaves)
-        if (!text.empty())
-            m_report.add({m_step, "left", Verdict::stop, text, {}, false});
+    for (const auto& [kind, text] : m_leaves) {
+        const Finding finding{m_step, left_finding, Verdict::stop, text, {}, false};
+        if (!text.empty() && interrupt_signal() != 0)
+            m_report.add_at_interruption(finding);
+        else if (!text.empty())
+            m_report.add(finding);
+    }
 }
 
 bool RunningProbe::wait(bool hide_output) {
@@ -256,8 +221,10 @@ bool RunningProbe::wait(bool hide_output) {
             std::chrono::ceil<std::chrono::milliseconds>(m_last_message + m_limit - Clock::now());
         (void)::poll(ready, 3, std::max(0, static_cast<int>(left.count())));
         if (interrupt_signal() != 0) {
-            print_message("waiting for the server's library: " + for_terminal(m_call));
+            print_message("waiting for the server's library: " + for_terminal(m_call) +
+                          " (a second signal ends its process at once)");
             end_process();
+            tell_what_is_left();
             throw_if_interrupted();
         }
         if (ready[1].revents != 0)
@@ -280,10 +247,10 @@ bool RunningProbe::wait(bool hide_output) {
 
 } // namespace
 
-bool run_probe(Report& report, Step step, Probe probe, const ProbeRequest& request,
+bool run_probe(Report& report, Group group, const ProbeRequest& request,
                std::chrono::seconds limit) {
-    RunningProbe running(report, step, limit);
-    running.start(probe, request);
+    RunningProbe running(report, step_of(group), limit);
+    running.start(group, request);
     return running.wait(request.hide_output) && !report.stopped();
 }
 

@@ -18,12 +18,6 @@ namespace {
 
 constexpr std::size_t named_at_most = 20; // of databases with one fault each
 
-std::string without_last_slash(std::string path) {
-    while (path.size() > 1 && path.back() == '/')
-        path.pop_back();
-    return path;
-}
-
 bool is_ascii(const std::string& text) {
     return std::all_of(text.begin(), text.end(),
                        [](char byte) { return static_cast<unsigned char>(byte) < 0x80; });
@@ -33,8 +27,8 @@ void compare_directories(Teller& teller, const NotesIni& ini) {
     std::vector<char> buffer(path_buffer_size);
     teller.calling("OSGetDataDirectory()");
     const WORD length = notes_api.OSGetDataDirectory(buffer.data());
-    const std::string data = without_last_slash(buffer.data());
-    if (length == 0 || data != ini.data_directory)
+    const std::string data = buffer.data();
+    if (length == 0 || !is_same_place(data, ini.data_directory))
         teller.stop("directory",
                     length == 0 ? "the library tells no data directory"
                                 : "the library's data directory is " + printable_utf8(data) +
@@ -47,8 +41,8 @@ void compare_directories(Teller& teller, const NotesIni& ini) {
                     "the library does not tell NotesProgram: the module cannot start "
                     "without it",
                     {{"OSGetEnvironmentString", 0}});
-    const std::string program = without_last_slash(buffer.data());
-    if (program != ini.program_directory)
+    const std::string program = buffer.data();
+    if (!ini.program_directory.empty() && !is_same_place(program, ini.program_directory))
         teller.told("directory", "the library's NotesProgram is " + printable_utf8(program) +
                                      ", that of notes.ini " +
                                      printable_utf8(ini.program_directory));

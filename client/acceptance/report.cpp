@@ -89,6 +89,12 @@ void Report::add(Finding finding) {
     m_findings.push_back(std::move(finding));
 }
 
+void Report::add_at_interruption(const Finding& finding) {
+    add(finding);
+    if (!m_as_text)
+        print_message(finding.name + ": " + for_terminal(finding.text));
+}
+
 void Report::not_tried(const std::string& what, const std::string& why) {
     m_not_tried.emplace_back(what, why);
 }

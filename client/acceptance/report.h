@@ -47,6 +47,9 @@ class Report {
   public:
     Report(std::string title, bool as_text);
     void add(Finding finding);
+    // Likewise, where an interruption takes the end of the report away: what is not written at once
+    // comes on standard error.
+    void add_at_interruption(const Finding& finding);
     // Something that was left out, and why.
     void not_tried(const std::string& what, const std::string& why);
 

@@ -1,5 +1,7 @@
 #include "client/acceptance/probe.h"
 
+#include <sys/socket.h>
+
 namespace qrtln::acceptance {
 
 using nlohmann::json;
@@ -15,7 +17,9 @@ bool Teller::write(const json& message) noexcept {
 }
 
 void Teller::calling(const std::string& call) {
-    if (!write({{"call", call}}))
+    char none = 0;
+    // It sends nothing after the request: an end is its wish, or its own.
+    if (!write({{"call", call}}) || ::recv(m_descriptor, &none, 1, MSG_PEEK | MSG_DONTWAIT) == 0)
         throw ClientGone();
 }
 
@@ -29,6 +33,11 @@ void Teller::leaves(const std::string& kind, const std::string& text) noexcept {
 
 void Teller::send(const Finding& finding) {
     if (!write(to_json(finding)))
+        throw ClientGone();
+}
+
+void Teller::done() {
+    if (!write({{"done", true}}))
         throw ClientGone();
 }
 

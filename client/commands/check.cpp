@@ -1,13 +1,15 @@
 #include "client/acceptance/database_trial.h"
 #include "client/acceptance/local_checks.h"
-#include "client/acceptance/log_trial.h"
-#include "client/acceptance/probes.h"
+#include "client/acceptance/probe.h"
 #include "client/commands/commands.h"
+#include "client/commands/server.h"
 #include "client/database_arguments.h"
 #include "client/error.h"
 #include "client/interrupt.h"
+#include "client/module_environment.h"
 #include "client/output.h"
 #include "client/server_lock.h"
+#include "client/server_user.h"
 #include "client/temporary_directory.h"
 #include "client/text.h"
 
@@ -58,6 +60,22 @@ std::string test_database_path(const std::string& given, const NotesIni& ini) {
     return argument.path;
 }
 
+// The process that keeps the log is that of the server's user.
+void require_keep_log_of_user(const std::string& folder, const std::string& data_directory) {
+    const std::string refused = refused_to_server_user(folder, W_OK | X_OK, data_directory);
+    if (refused.empty())
+        return;
+    const std::string user = server_user(data_directory)->name;
+    refuse("--keep-log",
+           for_terminal(folder) + " cannot be written by " + user +
+               ", who owns the data directory and runs the server's library: " +
+               for_terminal(refused) + " is closed to that user",
+           refused == absolute_path(folder)
+               ? "`chown " + user + " " + for_terminal(folder) + "`, or name another folder"
+               : "name a folder that " + user + " can reach, or `chmod o+x " +
+                     for_terminal(refused) + "`");
+}
+
 // One log leaves the server for good: whoever asks for that names the server.
 void confirm_logs(const CheckOptions& options, const NotesIni& ini) {
     const std::string name = ini.own_name.empty() ? ini.server_name : ini.own_name;
@@ -69,6 +87,7 @@ void confirm_logs(const CheckOptions& options, const NotesIni& ini) {
     struct stat status {};
     if (::stat(options.keep_log.c_str(), &status) != 0 || !S_ISDIR(status.st_mode))
         refuse("--keep-log", for_terminal(options.keep_log) + " is no folder", "make it first");
+    require_keep_log_of_user(options.keep_log, ini.data_directory);
     std::string typed = options.confirmed;
     if (typed.empty() && ::isatty(STDIN_FILENO) == 1) {
         print_message("One transaction log of " + for_terminal(name) + " is going to be kept in " +
@@ -96,17 +115,18 @@ class Check {
         : m_options(options), m_report(title(options), !options.json),
           m_limit(options.step_timeout) {
         m_request.ini = std::move(ini);
+        m_request.environment = module_environment(m_request.ini).variables;
+        m_request.user = server_user(m_request.ini.data_directory);
         m_request.hide_output = options.no_names;
         m_request.log_folder = options.logs ? absolute_path(options.keep_log) : "";
     }
     int run(const std::string& test_database);
 
   private:
-    bool probe(Step step, Probe group) {
-        return run_probe(m_report, step, group, m_request, m_limit);
-    }
+    bool probe(Group group) { return run_probe(m_report, group, m_request, m_limit); }
     void name_databases(const std::vector<std::string>& paths, const std::string& test_database);
     bool look();
+    void keep_copies(TemporaryDirectory& folder);
     bool try_database();
     bool try_logs();
     void say_what_was_left_out();
@@ -136,38 +156,43 @@ void Check::name_databases(const std::vector<std::string>& paths,
 }
 
 bool Check::look() {
-    return probe(Step::runtime, probe_start) && probe(Step::runtime, probe_second_start) &&
-           probe(Step::names_and_times, probe_names_and_times) &&
-           probe(Step::databases, probe_databases) && probe(Step::log_style, probe_log_style);
+    return probe(Group::start) && probe(Group::second_start) && probe(Group::names_and_times) &&
+           probe(Group::databases) && probe(Group::log_style);
+}
+
+// What was deleted and not brought back is in the copy alone.
+void Check::keep_copies(TemporaryDirectory& folder) {
+    if (!m_report.found(left_finding) || !exists(folder.path() + "/" + quiet_copy))
+        return;
+    const std::string text = "the copies are kept in " + for_terminal(folder.keep());
+    const Finding finding{Step::test_database, "copies", Verdict::told, text, {}, false};
+    if (interrupt_signal() != 0)
+        m_report.add_at_interruption(finding);
+    else
+        m_report.add(finding);
 }
 
 bool Check::try_database() {
     TemporaryDirectory folder(m_options.tmp_dir, m_request.ini.data_directory);
     m_request.folder = folder.path();
-    bool done = probe(Step::test_database, trial_quiet_backup) &&
-                probe(Step::test_database, trial_busy_backup);
-    // What was deleted and not brought back is in the copy alone.
-    if (!done && m_report.found("left") && exists(folder.path() + "/" + quiet_copy)) {
-        std::string kept = folder.keep();
-        m_report.add({Step::test_database,
-                      "copies",
-                      Verdict::told,
-                      "the copies are kept in " + for_terminal(kept),
-                      {},
-                      false});
-        return false;
+    bool done = false;
+    try {
+        done = probe(Group::quiet_backup) && probe(Group::busy_backup);
+        if (done && !m_request.ini.logging)
+            m_report.not_tried("a recovery", "there is no transaction logging");
+        else
+            done = done && probe(Group::recovery);
+        done = done && probe(Group::offline);
+    } catch (...) {
+        keep_copies(folder);
+        throw;
     }
-    if (!done)
-        return false;
-    if (!m_request.ini.logging)
-        m_report.not_tried("a recovery", "there is no transaction logging");
-    else if (!probe(Step::test_database, trial_recovery))
-        return false;
-    return probe(Step::test_database, trial_offline);
+    keep_copies(folder);
+    return done;
 }
 
 bool Check::try_logs() {
-    return probe(Step::logs, trial_list_logs) && probe(Step::logs, trial_mark_log);
+    return probe(Group::list_logs) && probe(Group::mark_log);
 }
 
 void Check::say_what_was_left_out() {
@@ -192,9 +217,9 @@ int Check::exit_code() const {
 }
 
 int Check::run(const std::string& test_database) {
-    name_databases(check_without_library(m_report, {m_request.ini, m_options.tmp_dir,
-                                                    m_options.store, m_options.no_names}),
-                   test_database);
+    const LocalRequest local = {m_request.ini, module_environment(m_request.ini), m_options.tmp_dir,
+                                m_options.store, m_options.no_names};
+    name_databases(check_without_library(m_report, local), test_database);
     FileDescriptor lock; // a backup would meet what these two begin on the server
     if (!m_report.stopped() && (m_options.logs || !m_options.database.empty()))
         lock = lock_server(m_request.ini);
@@ -222,7 +247,7 @@ int Check::run(const std::string& test_database) {
 
 int run_check(const CheckOptions& options) {
     install_interrupt_handlers();
-    NotesIni ini = load_notes_ini(options.notes_ini);
+    NotesIni ini = load_server(options);
     const std::string test_database =
         options.database.empty() ? "" : test_database_path(options.database, ini);
     if (options.logs)

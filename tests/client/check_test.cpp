@@ -18,7 +18,7 @@ class Check : public OverTheSimulator {
         m_notes = shown("mail/user1.nsf")["notes"];
     }
     nlohmann::json m_notes; // how many the database has that is written to
-    Words m_looking = {"check", "--try", "--step-timeout", "3", "--no-names"};
+    Words m_looking = {"check", "--try", "--no-names"};
     Words m_writing = {"check", "--try", "--database", "mail/user1.nsf"};
     Words m_marking = {
         "check",      "--try", "--logs", "--keep-log", m_scratch / "kept", "--yes-mark-one-log",
@@ -51,9 +51,8 @@ TEST_F(Check, EndsAtTheFirstSurpriseAndNamesIt) {
         const char* text;
         const char* never_called = "nothing";
     } cases[] = {
-        {m_looking, QRTLN_POOR_NOTES, "", "symbols", "NotesInitExtended, "},
-        {m_looking, QRTLN_BROKEN_NOTES, "", "hang", "NSFDbClose(database 1)"},
-        {m_looking, QRTLN_BROKEN_NOTES, "NSFDbClose=6", "crash", "signal 6"},
+        {m_looking, QRTLN_POOR_NOTES, "", "symbols", "50 of the functions, NotesInitExtended, "},
+        {m_looking, QRTLN_POOR_NOTES, "all", "crash", "signal 6 (Aborted) in loading"},
         {m_writing, simulator, "OSTranslate#2=1", "names", "log.nsf; 1 in all"},
         // What another has begun is not ended; what was deleted is brought back.
         {m_writing, simulator, "NSFBackupStart=20132", "backup", "20132", "NSFBackupEnd"},
@@ -71,6 +70,40 @@ TEST_F(Check, EndsAtTheFirstSurpriseAndNamesIt) {
         EXPECT_THAT(read_file(m_scratch / test.name), Not(HasSubstr(test.never_called)));
         EXPECT_EQ(shown("mail/user1.nsf")["notes"], m_notes);
         EXPECT_TRUE(std::filesystem::is_empty(m_tmp));
+    }
+}
+
+TEST_F(Check, SaysOfEachMoodWhatABackupWouldMeet) {
+    Words both = m_marking, slow = m_writing;
+    both.insert(both.end(), m_writing.begin() + 2, m_writing.end());
+    slow.insert(slow.end(), {"--step-timeout", "3"});
+    const struct {
+        const char* moods;
+        const Words& words;
+        int exit_code;
+        const char* verdict;
+        const char* name;
+        const char* text;
+    } cases[] = {
+        {"ended,flags,foreign,locale,logs", both, 0, "ok", "locale", "for the library"},
+        {"session", m_marking, 3, "told", "listing", "16160"},
+        {"before", m_writing, 0, "told", "writes", "as of NSFBackupStart"},
+        {"zone", m_looking, 14, "stop", "zone", "-5 h 30 min"},
+        {"slow\nSimSlow=NSFBackupStart=never", slow, 14, "stop", "hang", "NSFBackupStart"},
+    };
+    ASSERT_EQ(domino("create " + m_server + " mail/caf\xC3\xA9.nsf"), 0);
+    for (const auto& test : cases) {
+        SCOPED_TRACE(test.moods);
+        set_moods(test.moods);
+        std::vector<std::string> unexpected;
+        for (const auto& finding :
+             run(test.exit_code, test.words, {{"LC_ALL", "C"}, {"TZ", "UTC"}})["findings"]) {
+            if (finding["name"] == test.name && finding["verdict"] == test.verdict)
+                EXPECT_THAT(finding["text"], HasSubstr(test.text));
+            else if (finding["verdict"] != "ok" && finding["name"] != "environment")
+                unexpected.push_back(finding.dump());
+        }
+        EXPECT_THAT(unexpected, testing::IsEmpty());
     }
 }
 

@@ -66,7 +66,7 @@ class Moods : public OverTheSimulator, public testing::WithParamInterface<const 
     json backup_story(const std::string& level) {
         json document = story(level, {"backup", "--level", level});
         std::string text = document.dump();
-        for (const std::string& set : {document["set"], document.value("owed", document)["set"]})
+        for (const json& set : {document["set"], document.value("owed", document)["set"]})
             for (const std::string& name : databases(set)) {
                 m_saved[name] = m_live.contains(name) ? m_live[name] : json();
                 m_changed.erase(name);

@@ -132,6 +132,7 @@ TEST_F(StoreRights, RootRunsTheLibraryAsTheServersUserWhoGetsNothingOfTheStore) 
               {"documents", "changed", "--ids", list, "--set", first, "--since", "2020-01-01 00:00",
                "mail/user1.nsf"}},
              {0, {"prove"}},
+             {0, {"check", "--try", "--database", "mail/user1.nsf"}},
              {0, {"recover", "names.nsf"}},
              {0, {"recover", "names.nsf", "--into", m_to}},
              {1, {"recover", "names.nsf", "--into", m_scratch.path()}}}) {
