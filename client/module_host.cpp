@@ -116,6 +116,13 @@ int ModuleHost::wait_for_child() {
     return status;
 }
 
+// After the process ended within a call.
+std::string ModuleHost::what_is_left() const {
+    return m_restores ? "run the same command again, which goes on with what is left; until then a "
+                        "database may be offline"
+                      : "the next backup clears what this command left on the server";
+}
+
 void ModuleHost::report_end(const std::string& doing) {
     m_socket.reset();
     int status = wait_for_child();
@@ -132,8 +139,7 @@ void ModuleHost::report_end(const std::string& doing) {
         how = "ended the process with exit status " + std::to_string(WEXITSTATUS(status));
     }
     throw ClientError(ExitCode::server_error, "the server's library " + how + " while " + doing,
-                      "look into the server's console and log; the next backup clears what the "
-                      "failed one left on the server");
+                      "look into the server's console and log; " + what_is_left());
 }
 
 void ModuleHost::forward_interrupt() {
@@ -184,8 +190,8 @@ void ModuleHost::give_up(const std::string& doing, std::chrono::seconds silence)
         ExitCode::server_error,
         "the server's library kept silent for " + std::to_string(silence.count()) + " s while " +
             doing + ": its process was ended",
-        "look at the server's console; if the server is only slow, raise "
-        "--call-timeout; the next backup clears what this command left on the server");
+        "look at the server's console; if the server is only slow, raise --call-timeout; " +
+            what_is_left());
 }
 
 // Waits until there is something to receive; a process that is silent for too long is ended.

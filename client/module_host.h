@@ -98,6 +98,7 @@ class ModuleHost {
     std::chrono::seconds grace() const;
     void take_message(const std::string& payload);
     [[noreturn]] void give_up(const std::string& doing, std::chrono::seconds silence);
+    std::string what_is_left() const;
     [[noreturn]] void report_end(const std::string& doing);
     void end_child();
     void signal_child(int signal);

@@ -170,7 +170,7 @@ TEST_F(Incremental, FullStoreLosesNothingWhateverStepItStops) {
     run("full", 0);
     ASSERT_EQ(domino("compact " + m_server + " names.nsf"), 0);
     fill_extents(3);
-    const std::vector<int> server_logs = extents();
+    const auto server_logs = extents();
     const std::string index_before = index();
     const std::size_t sets_before = list().size();
     const auto all = fs::copy_options::recursive | fs::copy_options::overwrite_existing;

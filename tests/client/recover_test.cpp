@@ -73,7 +73,7 @@ TEST_F(Recover, ALostDatabaseComesBackToItsLastCommitAndTheServerHasNoMoreLogsTh
     archive_extents();
     put("mail/user1.nsf", "--text last");
     std::string last = digest("mail/user1.nsf");
-    std::vector<int> logs = extents();
+    const auto logs = extents();
     ASSERT_GT(logs.front(), 1);
     ASSERT_EQ(domino("lose " + m_server + " mail/user1.nsf"), 0);
 
@@ -92,38 +92,6 @@ TEST_F(Recover, ALostDatabaseComesBackToItsLastCommitAndTheServerHasNoMoreLogsTh
     recover(2, {}); // nothing is left to go on with
     recover(1, {"mail", "--into", m_data + "/below"});
     put("mail/user1.nsf");
-}
-
-// Such a server's file names say nothing, and its live extents have the names of archived ones.
-TEST_F(Recover, LogsWhoseFilesTheServerUsedAgainComeBackBesideThoseOfTheirNames) {
-    fs::remove_all(m_server);
-    domino("init " + m_server +
-           " --databases 6 --extent-size 65536 --strict logs --first-log 4294967295");
-    const std::string most_of_an_extent = "--count 5 --text " + std::string(9000, 'x');
-    for (const char* level : {"full", "incr", "incr"}) {
-        for (int i = 0; i < 3; ++i)
-            put("mail/user1.nsf", most_of_an_extent);
-        backup_set(level);
-    }
-    EXPECT_THAT(list().back()["log_gaps"], IsEmpty());
-    std::string stored = digest("mail/user1.nsf");
-    put("mail/user1.nsf", "--text last");
-    std::string last = digest("mail/user1.nsf");
-    ASSERT_EQ(domino("lose " + m_server + " mail/user1.nsf"), 0);
-    auto logs = snapshot(m_server + "/logs");
-    json done = recover(0, {"mail/user1.nsf"});
-    EXPECT_EQ(outcome(done, m_user1), "recovered");
-    EXPECT_EQ(digest("mail/user1.nsf"), last);
-    logs.erase("/nlogctrl.lfh");
-    auto after = snapshot(m_server + "/logs");
-    after.erase("/nlogctrl.lfh");
-    EXPECT_EQ(after, logs);
-    run(0, {"prove"});
-
-    ASSERT_EQ(domino("lose " + m_server + " --data --logs"), 0);
-    recover(3, {"--all"}); // what was committed behind the stored logs is in none
-    EXPECT_EQ(digest("mail/user1.nsf"), stored);
-    full_backup();
 }
 
 TEST_F(Recover, ToAMomentBringsWhatWasCommittedUpToItAndNothingElse) {
@@ -246,7 +214,7 @@ TEST_F(Recover, CopiesThatVanishedAreRestoredAgainAndAnAbandonedRecoveryLeavesNo
 TEST_F(Recover, AnAbandonedRecoveryRemovesNoLogButItsOwn) {
     full_backup();
     archive_extents();
-    std::vector<int> logs = extents();
+    auto logs = extents();
     {
         HeldDatabase held(m_server, "mail/user1.nsf");
         recover(3, {"mail/user1.nsf"});

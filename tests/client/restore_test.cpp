@@ -254,7 +254,7 @@ TEST_F(Restore, TheWholeSystemComesBackFromTheFullSetAndWhatFollowedIt) {
     EXPECT_NE(read_file(dic), "changed");
     EXPECT_THAT(done["result"]["waiting"], IsEmpty());
     EXPECT_TRUE(fs::is_empty(m_tmp));
-    EXPECT_EQ(extents(), std::vector<int>{1});
+    EXPECT_THAT(extents(), testing::ElementsAre(1));
 
     // --at and --set choose the sets.
     std::string base = list()[0]["set"];

@@ -91,11 +91,11 @@ class OverTheSimulator : public testing::Test {
             run_client({"list", "--store", m_store, "--json"}, {}).output)["sets"];
     }
     // The numbers of the extents that the server still has, oldest first.
-    std::vector<int> extents() const {
-        std::vector<int> numbers;
+    std::vector<std::int64_t> extents() const {
+        std::vector<std::int64_t> numbers;
         for (const auto& entry : std::filesystem::directory_iterator(m_server + "/logs"))
             if (entry.path().extension() == ".TXN")
-                numbers.push_back(std::stoi(entry.path().stem().string().substr(1)));
+                numbers.push_back(std::stoll(entry.path().stem().string().substr(1)));
         std::sort(numbers.begin(), numbers.end());
         return numbers;
     }
