@@ -110,27 +110,6 @@ TEST(ArchiveLog, FindsRecordsThatItsControlFileDoesNotKnow) {
     EXPECT_EQ(logs["logId"], before["logId"]);
 }
 
-// Names tell nothing in this mood: also not when the control file is made again from the extents.
-TEST(ArchiveLog, InTheMoodLogsWrapsItsNumbersAndUsesItsFilesAgain) {
-    const TestServer server(
-        {"--extent-size", kExtentSize, "--strict", "logs", "--first-log", "4294967295"});
-    fillLog(server, 5);
-    EXPECT_EQ(readyLogs(), (std::vector<DWORD>{4294967295, 0}));
-    UNIVERSALNOTEID id = {};
-    DWORD number = 0;
-    char path[1028] = {};
-    EXPECT_EQ(NSFGetFirstLogToArchive(&id, &number, path), 0);
-    EXPECT_EQ(std::memcmp(&id.File, &id.Note, sizeof id.File), 0);
-    EXPECT_EQ(NSFDoneArchivingLog(&id, &number), 0);
-    fillLog(server, 5);
-    const auto before = dominoSimJson({"logs", server.root()})["extents"];
-    EXPECT_EQ(before.size(), 4U) << "one was free, one more was needed";
-    EXPECT_EQ(before[3]["file"], "S4294967295.TXN");
-    EXPECT_EQ(before[3]["number"], 2);
-    fs::remove(server.root() + "/logs/nlogctrl.lfh");
-    EXPECT_EQ(dominoSimJson({"logs", server.root()})["extents"], before);
-}
-
 TEST(ArchiveLog, ThatIsDamagedIsAnErrorAndNotANewLog) {
     const TestServer server;
     const std::string control = server.root() + "/logs/nlogctrl.lfh";

@@ -73,33 +73,6 @@ TEST(TakeOffline, SucceedsOnlyWhileNobodyHasTheDatabaseOpen) {
     }
 }
 
-TEST(TakeOffline, NeedsADatabase) {
-    const TestServer server;
-    std::string name = "names.nsf";
-    std::ofstream(server.data("text.nsf")) << std::string(500, 'x');
-    for (const auto& [database, status] :
-         {std::pair{"missing.nsf", 259}, std::pair{"text.nsf", 513}, std::pair{"mail", 513}}) {
-        EXPECT_EQ(takeOffline(database), status) << database;
-        EXPECT_EQ(bringOnline(database), status) << database;
-    }
-    std::ofstream file(server.data(name), std::ios::in | std::ios::out);
-    file.seekp(100);
-    file << std::string(900, 'x');
-    file.close();
-    EXPECT_EQ(takeOffline(name), 0) << "a damaged one is there to be replaced";
-    EXPECT_NE(bringOnline(name), 0);
-    EXPECT_EQ(openStatus(name), kOfflineStatus);
-}
-
-TEST(TakeOffline, ClearsABackupThatWasAbandoned) {
-    const TestServer server;
-    EXPECT_TRUE(inKilledProcess(
-        [&server] { return server.start() == 0 && OpenBackup("names.nsf").status == 0; }));
-    EXPECT_EQ(takeOffline("names.nsf"), 0);
-    EXPECT_EQ(bringOnline("names.nsf"), 0);
-    EXPECT_EQ(OpenBackup("names.nsf").status, 0);
-}
-
 TEST(OfflineDatabase, IsClosedToEverybodyUntilItIsBroughtOnline) {
     const TestServer server;
     const std::string name = "names.nsf";
