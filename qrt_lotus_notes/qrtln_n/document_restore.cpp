@@ -1,11 +1,14 @@
 #include "qrt_lotus_notes/qrtln_n/document_restore.h"
 
 #include <cerrno>
+#include <charconv>
 #include <cstdio>
+#include <cstring>
 #include <ctime>
 #include <string>
 #include <string_view>
 #include <unordered_set>
+#include <utility>
 
 #include "common/bounded_text.h"
 #include "qrt_lotus_notes/qrtln_l/file_list_queue.h"
@@ -99,9 +102,17 @@ bool openDatabase(Kind kind, const char* path, DatabaseGuard& database) {
 // The moment that a text of formatSince means here. False when it means none.
 bool readSince(const char* cpChangedSinceDate, time_t& meant) {
     struct tm local = {};
-    if (std::sscanf(cpChangedSinceDate, "%2d/%2d/%4d %2d:%2d", &local.tm_mon, &local.tm_mday,
-                    &local.tm_year, &local.tm_hour, &local.tm_min) != 5) {
-        return false;
+    const char* at = cpChangedSinceDate;
+    const char* const end = at + std::strlen(at);
+    for (const auto& [part, separator] :
+         {std::pair{&local.tm_mon, '/'}, std::pair{&local.tm_mday, '/'},
+          std::pair{&local.tm_year, ' '}, std::pair{&local.tm_hour, ':'},
+          std::pair{&local.tm_min, '\0'}}) {
+        const auto [next, error] = std::from_chars(at, end, *part);
+        if (error != std::errc() || *next != separator) {
+            return false;
+        }
+        at = next == end ? end : next + 1;
     }
     local.tm_mon -= 1;
     local.tm_year -= 1900;
