@@ -96,13 +96,15 @@ TEST_F(Check, SaysOfEachMoodWhatABackupWouldMeet) {
         SCOPED_TRACE(test.moods);
         set_moods(test.moods);
         std::vector<std::string> unexpected;
-        for (const auto& finding :
-             run(test.exit_code, test.words, {{"LC_ALL", "C"}, {"TZ", "UTC"}})["findings"]) {
+        bool found = false;
+        const auto report = run(test.exit_code, test.words, {{"LC_ALL", "C"}, {"TZ", "UTC"}});
+        for (const auto& finding : report["findings"]) {
             if (finding["name"] == test.name && finding["verdict"] == test.verdict)
-                EXPECT_THAT(finding["text"], HasSubstr(test.text));
+                found = finding["text"].get<std::string>().find(test.text) != std::string::npos;
             else if (finding["verdict"] != "ok" && finding["name"] != "environment")
                 unexpected.push_back(finding.dump());
         }
+        EXPECT_TRUE(found);
         EXPECT_THAT(unexpected, testing::IsEmpty());
     }
 }
