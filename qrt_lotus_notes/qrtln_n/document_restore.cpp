@@ -104,14 +104,13 @@ bool readSince(const char* cpChangedSinceDate, time_t& meant) {
     struct tm local = {};
     const char* at = cpChangedSinceDate;
     const char* const end = at + std::strlen(at);
+    bool good = true;
     for (const auto& [part, separator] :
          {std::pair{&local.tm_mon, '/'}, std::pair{&local.tm_mday, '/'},
           std::pair{&local.tm_year, ' '}, std::pair{&local.tm_hour, ':'},
           std::pair{&local.tm_min, '\0'}}) {
         const auto [next, error] = std::from_chars(at, end, *part);
-        if (error != std::errc() || *next != separator) {
-            return false;
-        }
+        good = good && error == std::errc() && *next == separator;
         at = next == end ? end : next + 1;
     }
     local.tm_mon -= 1;
@@ -119,7 +118,7 @@ bool readSince(const char* cpChangedSinceDate, time_t& meant) {
     local.tm_isdst = -1;
     struct tm normal = local;
     meant = std::mktime(&normal);
-    return normal.tm_mday == local.tm_mday && normal.tm_mon == local.tm_mon &&
+    return good && normal.tm_mday == local.tm_mday && normal.tm_mon == local.tm_mon &&
            normal.tm_hour == local.tm_hour && normal.tm_min == local.tm_min;
 }
 
