@@ -119,12 +119,8 @@ int BackupRun::run() {
         choose_level();
         claim_logs();
         m_trace = open_trace_file(m_options.trace_file);
-        BackupContext context{{m_ini, *m_store, m_options.tmp_dir, m_options.module, m_trace.get(),
-                               m_options.verbose},
-                              *m_owed,
-                              *m_index,
-                              m_busy};
-        context.call_timeout = std::chrono::seconds(m_options.call_timeout);
+        BackupContext context{operation_context(m_ini, *m_store, m_options, m_trace.get()), *m_owed,
+                              *m_index, m_busy};
         if (!takes_all())
             save_first(context);
         find_missing_folders();

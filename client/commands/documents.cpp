@@ -116,9 +116,7 @@ int DocumentsCommand::run() {
         look_at_lost();
     warn();
     FileDescriptor trace = open_trace_file(m_options.trace_file);
-    OperationContext context{m_ini,       *m_store,         m_options.tmp_dir, m_options.module,
-                             trace.get(), m_options.verbose};
-    context.call_timeout = std::chrono::seconds(m_options.call_timeout);
+    OperationContext context = operation_context(m_ini, *m_store, m_options, trace.get());
     if (!m_options.dry_run) {
         DocumentsResult result = restore_documents(context, m_request);
         strike_returned(result);

@@ -209,9 +209,7 @@ int run_prove(const ProveOptions& options) {
     RecoveryJournalFile file(store->runtime_directory() + journal_name);
     clean_up(file); // what a killed run left
     FileDescriptor trace = open_trace_file(options.trace_file);
-    OperationContext context{ini,         *store,         options.tmp_dir, options.module,
-                             trace.get(), options.verbose};
-    context.call_timeout = std::chrono::seconds(options.call_timeout);
+    OperationContext context = operation_context(ini, *store, options, trace.get());
     bool damaged = false;
     Proof proof;
     try {

@@ -315,9 +315,7 @@ int run_recover(const RecoverOptions& options) {
     if (!options.state.empty() && request.into.empty())
         refuse_state();
     FileDescriptor trace = open_trace_file(options.trace_file);
-    OperationContext context{ini,         *store,         options.tmp_dir, options.module,
-                             trace.get(), options.verbose};
-    context.call_timeout = std::chrono::seconds(options.call_timeout);
+    OperationContext context = operation_context(ini, *store, options, trace.get());
     if (options.dry_run)
         return dry_run(options, context, request, journal);
     RecoveryResult result = run_recovery(context, request, file, journal);

@@ -204,9 +204,7 @@ int run_restore(const RestoreOptions& options) {
     }
     require_room(plan.room);
     FileDescriptor trace = open_trace_file(options.trace_file);
-    OperationContext context{ini,         *store,         options.tmp_dir, options.module,
-                             trace.get(), options.verbose};
-    context.call_timeout = std::chrono::seconds(options.call_timeout);
+    OperationContext context = operation_context(ini, *store, options, trace.get());
     std::optional<OwedDatabases> owed;
     if (in_place && not_owed.empty())
         owed = read_owed(*store, not_owed);

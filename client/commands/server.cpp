@@ -94,4 +94,15 @@ void use_server(Store& store, NotesIni& ini, const ServerOptions& options, bool 
         take_any_data_directory(store, ini.sets);
 }
 
+OperationContext operation_context(const NotesIni& ini, Store& store, const ServerOptions& options,
+                                   int trace) {
+    return {.ini = ini,
+            .store = store,
+            .tmp_dir = options.tmp_dir,
+            .module = options.module,
+            .trace = trace,
+            .verbose = options.verbose,
+            .call_timeout = std::chrono::seconds(options.call_timeout)};
+}
+
 } // namespace qrtln

@@ -2,6 +2,7 @@
 #pragma once
 
 #include "client/commands/commands.h"
+#include "client/module_session.h"
 #include "client/notes_ini.h"
 #include "client/store/store.h"
 
@@ -16,5 +17,10 @@ NotesIni load_server(const ServerOptions& options, bool data_directory_may_be_mi
 // `elsewhere`: what is restored goes to another folder, where any data directory will do. Throws
 // ClientError.
 void use_server(Store& store, NotesIni& ini, const ServerOptions& options, bool elsewhere = false);
+
+// What the operations of a command share, by its options; `trace` is a file descriptor, or -1. It
+// refers to the first two.
+OperationContext operation_context(const NotesIni& ini, Store& store, const ServerOptions& options,
+                                   int trace);
 
 } // namespace qrtln
