@@ -42,8 +42,9 @@ std::map<std::string, std::vector<std::string>> all_values(const std::string& co
 
 void check_duplicates(Report& report, const std::string& content) {
     for (const auto& [name, values] : all_values(content)) {
-        bool differ = std::any_of(values.begin(), values.end(),
-                                  [&](const std::string& value) { return value != values[0]; });
+        bool differ =
+            std::any_of(values.begin(), values.end(),
+                        [&first = values[0]](const std::string& value) { return value != first; });
         if (!differ)
             continue;
         bool decides = std::find(decisive.begin(), decisive.end(), name) != decisive.end();

@@ -107,7 +107,7 @@ std::string read_through(Teller& teller, const std::string& path, int target) {
 
 // Keeps a log and compares it, down to the disk. Returns its new path.
 std::string keep_log(Teller& teller, const Log& log, const std::string& folder) {
-    const std::string kept = folder + "/" + std::to_string(log.number) + "-" + name_of(log.path);
+    std::string kept = folder + "/" + std::to_string(log.number) + "-" + name_of(log.path);
     FileDescriptor target(
         ::open(kept.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC | O_NOFOLLOW, 0600));
     if (!target)

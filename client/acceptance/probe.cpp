@@ -45,8 +45,14 @@ class RunningProbe {
     RunningProbe(Report& report, Step step, std::chrono::seconds limit)
         : m_report(report), m_step(step), m_limit(limit) {}
     ~RunningProbe() {
-        if (m_pid > 0)
+        if (m_pid <= 0)
+            return;
+        try {
             end_process();
+        } catch (...) { // what it tells cannot be kept
+            ::kill(m_pid, SIGKILL);
+            wait_for_end();
+        }
     }
     RunningProbe(const RunningProbe&) = delete;
     RunningProbe& operator=(const RunningProbe&) = delete;
