@@ -1,27 +1,31 @@
-// Preloaded into the processes of a history: they read the model's clock, and calls on files fail
-// as the environment variable QRTLN_MODEL_FAULTS says: "KIND TEXT NUMBER", with ";" between
-// several.
+// Preloaded into the processes of a history: they read the model's clock, and calls on files fail,
+// or do what they should not, as the environment variable QRTLN_MODEL_FAULTS says: "KIND TEXT
+// NUMBER", with ";" between several.
 //   read TEXT BYTES     a file whose path holds TEXT ends after so many bytes
 //   rename TEXT ERRNO   nothing can be renamed, or linked, to a path that holds TEXT
 //   lookup TEXT ERRNO   a path that holds TEXT cannot be looked up
+// Defects of a client and its module, which a harness must find:
+//   unflushed TEXT 1    flushes of a file whose path holds TEXT do nothing
+//   in_place TEXT 1     what is renamed to a path that holds TEXT is written over it instead
+//   late TEXT 1         what is renamed to a path that holds TEXT comes there at the process's end
+#include "tests/torture/bytes_of.h"
 #include "tests/torture/model_clock.h"
 
+#include <algorithm>
 #include <array>
 #include <cerrno>
-#include <cstdarg>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
 #include <dlfcn.h>
 #include <sstream>
-#include <string>
 #include <sys/stat.h>
 #include <sys/time.h>
 #include <vector>
 
 namespace {
 
-using qrtln::torture::SharedClock;
+using namespace qrtln::torture;
 
 struct Fault {
     std::string kind;
@@ -30,12 +34,12 @@ struct Fault {
 };
 
 struct Altered {
-    SharedClock* clock = nullptr;
+    const ModelClock* clock = nullptr;
     std::vector<Fault> faults;
 
     Altered() {
-        if (const char* file = std::getenv(qrtln::torture::clock_variable))
-            clock = qrtln::torture::map_clock(file);
+        if (const char* file = std::getenv(clock_variable))
+            clock = &map_clock(file);
         const char* list = std::getenv("QRTLN_MODEL_FAULTS");
         std::istringstream text(list == nullptr ? "" : list);
         for (std::string one; std::getline(text, one, ';');) {
@@ -44,19 +48,28 @@ struct Altered {
                 faults.push_back(std::move(fault));
         }
     }
-    // The number of the fault for this path, or 0.
-    long fault_of(const char* kind, const char* path) const {
-        for (const Fault& fault : faults)
-            if (fault.kind == kind && path != nullptr &&
-                std::strstr(path, fault.text.c_str()) != nullptr)
-                return fault.number;
-        return 0;
-    }
 };
 
 const Altered& altered() {
     static const Altered instance;
     return instance;
+}
+
+// The number of the fault for this path, or 0.
+long fault_of(const char* kind, const char* path) {
+    for (const Fault& fault : altered().faults)
+        if (fault.kind == kind && path != nullptr &&
+            std::strstr(path, fault.text.c_str()) != nullptr)
+            return fault.number;
+    return 0;
+}
+
+long fault_of(const char* kind, int fd) {
+    std::array<char, 4096> path{};
+    std::string link = "/proc/self/fd/" + std::to_string(fd);
+    if (altered().faults.empty() || ::readlink(link.c_str(), path.data(), path.size() - 1) < 0)
+        return 0;
+    return fault_of(kind, path.data());
 }
 
 template <typename Function>
@@ -66,20 +79,43 @@ Function original(Function, const char* name) {
 
 // Sets errno when a call on this path is to fail.
 bool fails(const char* kind, const char* path) {
-    long number = altered().fault_of(kind, path);
+    long number = fault_of(kind, path);
     if (number != 0)
         errno = static_cast<int>(number);
     return number != 0;
 }
 
+timespec model_time() {
+    if (altered().clock != nullptr)
+        return timespec_of(altered().clock->now());
+    timespec now{};
+    ::syscall(SYS_clock_gettime, CLOCK_REALTIME, &now);
+    return now;
+}
+
 // The kernel stamps what was just written with its own time, until the model puts that right.
 int timed(int result, struct stat* status) {
-    const SharedClock* clock = altered().clock;
-    if (result == 0 && clock != nullptr && qrtln::torture::is_real(status->st_mtim)) {
-        std::int64_t now = qrtln::torture::now_of(*clock);
-        status->st_mtim = {now / qrtln::torture::nanoseconds, now % qrtln::torture::nanoseconds};
-    }
+    if (result == 0 && altered().clock != nullptr && is_real(status->st_mtim))
+        status->st_mtim = model_time();
     return result;
+}
+
+// A rename within a folder that waits for the end of the process.
+struct LateRename {
+    int folder = -1;
+    std::string from;
+    std::string to;
+    ~LateRename() {
+        if (folder >= 0)
+            ::syscall(SYS_renameat2, folder, from.c_str(), folder, to.c_str(), 0);
+    }
+} late;
+
+int write_over(const char* from, const char* to) {
+    std::string bytes = bytes_of(from);
+    std::ofstream file(to, std::ios::binary);
+    file << bytes.substr(0, bytes.size() / 2) << std::flush << bytes.substr(bytes.size() / 2);
+    return ::unlink(from);
 }
 
 } // namespace
@@ -88,46 +124,46 @@ int timed(int result, struct stat* status) {
 extern "C" {
 
 int clock_gettime(clockid_t id, timespec* time) noexcept {
-    const SharedClock* clock = altered().clock;
-    if (clock == nullptr || (id != CLOCK_REALTIME && id != CLOCK_REALTIME_COARSE))
+    if (id != CLOCK_REALTIME && id != CLOCK_REALTIME_COARSE)
         return static_cast<int>(::syscall(SYS_clock_gettime, id, time));
-    std::int64_t now = qrtln::torture::now_of(*clock);
-    *time = {now / qrtln::torture::nanoseconds, now % qrtln::torture::nanoseconds};
+    *time = model_time();
     return 0;
 }
 
 time_t time(time_t* result) noexcept {
-    timespec now{};
-    ::clock_gettime(CLOCK_REALTIME, &now);
+    time_t now = model_time().tv_sec;
     if (result != nullptr)
-        *result = now.tv_sec;
-    return now.tv_sec;
+        *result = now;
+    return now;
 }
 
 int gettimeofday(timeval* __restrict result, void* __restrict) noexcept {
-    timespec now{};
-    ::clock_gettime(CLOCK_REALTIME, &now);
+    timespec now = model_time();
     *result = {now.tv_sec, now.tv_nsec / 1000};
     return 0;
 }
 
 ssize_t read(int fd, void* buffer, size_t size) {
     static const auto next = original(&::read, "read");
-    if (altered().faults.empty())
-        return next(fd, buffer, size);
-    std::array<char, 4096> path{};
-    std::string link = "/proc/self/fd/" + std::to_string(fd);
-    if (::readlink(link.c_str(), path.data(), path.size() - 1) < 0)
-        return next(fd, buffer, size);
-    long end = altered().fault_of("read", path.data());
+    long end = fault_of("read", fd);
     long position = end > 0 ? ::lseek(fd, 0, SEEK_CUR) : -1;
     if (position >= 0)
         size = std::min(size, static_cast<size_t>(std::max(0L, end - position)));
     return next(fd, buffer, size);
 }
 
+int fsync(int fd) {
+    static const auto next = original(&::fsync, "fsync");
+    struct stat status {};
+    bool ignored =
+        fault_of("unflushed", fd) != 0 && ::fstat(fd, &status) == 0 && S_ISREG(status.st_mode);
+    return ignored ? 0 : next(fd);
+}
+
 int rename(const char* from, const char* to) noexcept {
     static const auto next = original(&::rename, "rename");
+    if (fault_of("in_place", to) != 0)
+        return write_over(from, to);
     return fails("rename", to) ? -1 : next(from, to);
 }
 int renameat(int a, const char* from, int b, const char* to) noexcept {
@@ -136,6 +172,12 @@ int renameat(int a, const char* from, int b, const char* to) noexcept {
 }
 int renameat2(int a, const char* from, int b, const char* to, unsigned flags) noexcept {
     static const auto next = original(&::renameat2, "renameat2");
+    if (fault_of("late", to) != 0) {
+        late.folder = ::dup(a);
+        late.from = from;
+        late.to = to;
+        return 0;
+    }
     return fails("rename", to) ? -1 : next(a, from, b, to, flags);
 }
 int linkat(int a, const char* from, int b, const char* to, int flags) noexcept {

@@ -1,184 +1,216 @@
 // Kills backups: at each call that changes a file, at random moments, and by power cuts that take
 // what was not flushed. Whatever the moment, the index of databases is the old or the new one, no
 // transaction log is marked as archived that the store does not hold, the store verifies, and the
-// next run saves what the killed one owed, without a hand: see crash_judge.h.
-//
-//   backup_crashes [--calls N] [--moments N] [--long] [--scenario NAME] [--seed N]
-//   backup_crashes --plant marking|flush|index
+// next run saves what the killed one owed, without a hand.
 //
 // Prints the sums; ends with 1 when a rule was violated. With a planted defect it ends with 0 when
 // the rule that the defect violates was found violated.
-#include "tests/torture/crash_judge.h"
+#include "client/store/digest.h"
+#include "notes_simulator/transaction_log.h"
+#include "tests/support/temporary_folder.h"
+#include "tests/torture/bytes_of.h"
 #include "tests/torture/durable_disk.h"
+#include "tests/torture/model.h"
 
 #include <CLI/CLI.hpp>
 
 #include <algorithm>
-#include <array>
-#include <chrono>
-#include <cstdlib>
-#include <filesystem>
 #include <iostream>
-#include <optional>
 
 namespace fs = std::filesystem;
 using namespace qrtln::torture;
 
 namespace {
 
+// Of each scenario, in the short form: calls at which a run is killed, and moments.
+constexpr std::size_t few_calls = 3;
+constexpr int few_moments = 1;
+constexpr int many_moments = 250;
+
 struct Options {
-    std::size_t calls = 3; // of each scenario, at which a run is killed
-    std::size_t from = 1;  // call, in the long form
-    std::size_t moments = 1;
     std::string scenario;
-    std::string kind;
     std::string plant;
     bool all = false;
-    bool keep = false;
     std::uint64_t seed = 1;
 };
+
+// What the model does not hold its commands to.
+namespace rule {
+constexpr const char* index = "index";         // byte for byte the old or the new one
+constexpr const char* extents = "extents";     // none marked that no set has whole
+constexpr const char* next_run = "next run";   // succeeds without a hand
+constexpr const char* leftovers = "leftovers"; // nothing of the killed run is left
+constexpr const char* databases = "databases"; // each is recoverable to its last commit
+} // namespace rule
 
 struct Kind {
     const char* name;
     Victim victim;
-    std::optional<PowerCut> cut;
+    std::optional<PowerCut> cut = {};
     bool in_next_run = false; // or after it: it may rely on what the killed one did not flush
 };
 
-constexpr std::array kinds = {
-    Kind{"client and module killed", Victim::everything, {}},
-    Kind{"power cut, nothing kept", Victim::everything, PowerCut::nothing_kept},
-    Kind{"client killed", Victim::client, {}},
-    Kind{"power cut, names kept", Victim::everything, PowerCut::names_kept},
-    Kind{"module killed", Victim::module_process, {}},
-    Kind{"power cut at random", Victim::everything, PowerCut::at_random},
-    Kind{"killed, and power cut in or after the next run", Victim::everything,
-         PowerCut::nothing_kept, true}};
+constexpr Kind kinds[] = {{"client and module killed", Victim::everything},
+                          {"power cut, nothing kept", Victim::everything, PowerCut::nothing_kept},
+                          {"client killed", Victim::client},
+                          {"power cut, names kept", Victim::everything, PowerCut::names_kept},
+                          {"module killed", Victim::module_process},
+                          {"power cut at random", Victim::everything, PowerCut::at_random},
+                          {"killed, and power cut in or after the next run", Victim::everything,
+                           PowerCut::nothing_kept, true}};
 
-// How a planted defect is made, and what it violates.
 struct Plant {
     const char* name;
-    bool in_module; // else in the flushes
-    const char* rule;
+    const char* faults; // of the altered process
+    const char* rule;   // that it violates
+    const Kind& kind;   // that shows it
 };
 
-constexpr std::array plants = {Plant{"marking", true, rule::extents},
-                               Plant{"flush", false, rule::verify},
-                               Plant{"index", true, rule::index}};
+constexpr Plant plants[] = {{"marking", "late Z-full.json 1", rule::extents, kinds[0]},
+                            {"flush", "unflushed /disk/ 1", whole_store, kinds[1]},
+                            {"index", "in_place qrtln_DBIID.ini 1", rule::index, kinds[0]}};
 
-struct Scenario : Start {
-    std::size_t calls = 0;     // of a whole run
-    std::size_t owed_from = 0; // the calls between which databases are owed
-    std::size_t owed_until = 0;
-    std::chrono::microseconds takes{}; // untraced
+// The state that a killed backup begins with, and what a run that is not killed makes of it.
+struct Scenario {
+    std::string kept; // its name
+    bool full = false;
+    std::size_t calls = 0;
+    std::vector<std::size_t> owing; // calls before which databases are owed
+    std::int64_t takes = 0;         // microseconds, untraced
+    std::set<std::string> indexes;  // that such a run ever leaves
+
+    std::string name() const { return kept + (full ? "-full" : "-incr"); }
 };
 
-// Sees a whole run go by.
-class WholeRun final : public CallObserver {
+// Calls something before each call, and tells a disk of flushes.
+class Watcher final : public CallObserver {
   public:
-    WholeRun(std::string store, Scenario& scenario)
-        : m_store(std::move(store)), m_scenario(scenario) {}
-    void before_call() override {
-        ++m_calls;
-        m_scenario.indexes.insert(index_of(m_store));
-        if (!fs::exists(m_store + "/runtime/owed.jsonl"))
-            return;
-        m_scenario.owed_until = m_calls;
-        if (m_scenario.owed_from == 0)
-            m_scenario.owed_from = m_calls;
+    explicit Watcher(std::function<void()> before, DurableDisk* disk = nullptr)
+        : m_before(std::move(before)), m_disk(disk) {}
+    void before_call() override { m_before(); }
+    void flushed(const std::string& descriptor) override {
+        if (m_disk != nullptr)
+            m_disk->flushed(descriptor);
     }
 
   private:
-    std::string m_store;
-    Scenario& m_scenario;
-    std::size_t m_calls = 0;
+    std::function<void()> m_before;
+    DurableDisk* m_disk;
 };
 
-// Sees the run after a killed one go by. What it owes, and so its index, depends on the moment.
-class NextRun final : public CallObserver {
-  public:
-    NextRun(std::string store, DurableDisk& disk, CrashJudge& judge)
-        : m_store(std::move(store)), m_disk(disk), m_judge(judge) {}
-    void before_call() override { m_judge.allow_index(index_of(m_store)); }
-    bool ignores_flush(const std::string& descriptor) override {
-        return m_disk.ignores_flush(descriptor);
-    }
-    void flushed(const std::string& descriptor) override { m_disk.flushed(descriptor); }
-
-  private:
-    std::string m_store;
-    DurableDisk& m_disk;
-    CrashJudge& m_judge;
-};
-
-struct Sums {
-    std::map<std::string, int> kills; // by kind
-    int at_calls = 0;
-    int at_moments = 0;
-    int missed = 0;
-};
-
-class Crashes {
+class Crashes : private Model {
   public:
     Crashes(const Options& options, const std::string& folder)
-        : m_options(options),
-          m_history({QRTLN_EXECUTABLE, QRTLN_DOMINO_SIM, QRTLN_SIMULATOR_DIRECTORY}, folder,
-                    options.seed),
-          m_judge(m_history), m_random(options.seed) {}
+        : Model(folder, options.seed, {.servers = 1, .calm = true}), m_options(options),
+          m_random(options.seed) {
+        make_server();
+    }
     int find_violations();
     int find_planted(const Plant& plant);
 
   private:
+    struct Kept {
+        std::int64_t time = 0;
+        std::map<std::string, ModelDatabase> databases;
+        std::map<std::string, Set> sets;
+    };
+
     void make_server();
-    std::vector<Scenario> make_scenarios();
+    void copy_all(const std::string& from, const std::string& to) const;
+    void keep(const std::string& name);
+    void bring_back(const std::string& name);
+    Run back_up(bool full, Kill kill = {}, CallObserver* observer = nullptr);
+    void back_up_well(bool full);
+    std::string index() const { return bytes_of(server().index_file()); }
+    std::map<std::uint32_t, std::string> waiting_extents() const;
     Scenario look_at(const std::string& kept, bool full);
-    std::vector<std::string> words(const Scenario& scenario) const;
-    void kill_at_calls(const Scenario& scenario);
-    void kill_at_call(const Scenario& scenario, const Kind& kind, std::size_t call);
-    void kill_at_moment(const Scenario& scenario, const Kind& kind);
-    void strike(const Scenario& scenario, const Kind& kind, std::size_t call);
+    std::vector<Scenario> make_scenarios();
+    void strike(const Scenario& scenario, const Kind& kind, Kill kill);
     void strike_next(const Scenario& scenario, DurableDisk& disk);
-    std::string seed() const { return ", seed " + std::to_string(m_options.seed); }
-    int report() const;
+    void try_at(const Scenario& scenario, const Kind& kind, Kill kill);
+    void kill_at_calls(const Scenario& scenario);
+    void judge_remains(const Scenario& scenario);
+    void judge_next_runs(const Scenario& scenario);
+    std::string judged(const std::function<void()>& judge);
 
     const Options& m_options;
-    const Plant* m_plant = nullptr;
-    History m_history;
-    CrashJudge m_judge;
+    Environment m_faults;
     std::mt19937_64 m_random;
-    Sums m_sums;
+    std::map<std::string, Kept> m_kept;
+    std::map<std::uint32_t, std::string> m_waiting; // when the killed run began
+    std::set<std::string> m_indexes;                // that are the old one or a new one
+    int m_kills = 0;
+    int m_missed = 0;
+    int m_violations = 0;
     std::size_t m_next_kind = 0;
     std::size_t m_next_victim = 0;
 };
+
+// --- the server and the store
 
 // Databases that are logged and not, a template, a folder; since the last set one is new, one was
 // compacted, others changed, and extents are full.
 void Crashes::make_server() {
     auto change_all = [this] {
-        for (const auto& [name, database] : m_history.databases())
-            m_history.commit(name);
+        for (const std::string& name : server().live())
+            commit(name);
     };
     change_all();
     for (bool full : {true, true, false}) { // the second one gives the databases their entries
-        m_history.back_up(full);
+        back_up_well(full);
         change_all();
     }
-    m_history.create("mail/new.nsf", m_options.seed);
+    server().create("mail/new.nsf", m_options.seed);
     for (const char* name : {"mail/user1.nsf", "names.nsf"})
-        m_history.compact(name);
+        server().compact(name);
     // Only the index tells that this one was compacted.
-    m_history.simulate({"saved", m_history.server_folder(), "mail/user1.nsf"});
-    constexpr std::size_t extents = 2;
-    while (waiting_extents(m_history.server()).size() < extents)
+    server().simulate({"saved", "mail/user1.nsf"});
+    while (waiting_extents().size() < 2)
         change_all();
-    m_history.keep("changed");
+    keep("changed");
 }
 
-std::vector<std::string> Crashes::words(const Scenario& scenario) const {
-    std::vector<std::string> words = {"backup", "--level", scenario.full ? "full" : "incr"};
-    if (m_plant != nullptr && m_plant->in_module)
-        words.insert(words.end(), {"--module", QRTLN_FAULTY_MODULE});
-    return words;
+void Crashes::copy_all(const std::string& from, const std::string& to) const {
+    fs::create_directories(to);
+    for (const char* part : {"/disk", "/a"})
+        fs::remove_all(to + part);
+    Run copy = run_program({"/bin/cp", "-a", from + "/disk", from + "/a", to}, {}, m_folder);
+    if (copy.exit_code != 0)
+        throw std::runtime_error("cannot copy the server: " + copy.errors);
+}
+
+// Server, store and model as they are now, to be brought back however often they are changed.
+void Crashes::keep(const std::string& name) {
+    copy_all(m_folder, m_folder + "/kept-" + name);
+    m_kept[name] = {m_clock.now(), server().databases, m_sets};
+}
+
+void Crashes::bring_back(const std::string& name) {
+    copy_all(m_folder + "/kept-" + name, m_folder);
+    m_clock.set(m_kept.at(name).time);
+    server().databases = m_kept.at(name).databases;
+    m_sets = m_kept.at(name).sets;
+}
+
+Run Crashes::back_up(bool full, Kill kill, CallObserver* observer) {
+    note_commits();
+    return qrtln({"backup", "--json", "--level", full ? "full" : "incr"}, m_faults, kill, observer);
+}
+
+void Crashes::back_up_well(bool full) {
+    Run run = back_up(full);
+    require(run.exit_code == 0, rule::next_run, run.errors);
+    take_new_sets();
+}
+
+// The extents that wait to be archived, with the SHA-256 of their bytes.
+std::map<std::uint32_t, std::string> Crashes::waiting_extents() const {
+    std::map<std::uint32_t, std::string> waiting;
+    notes_sim::ServerLock lock(server().server());
+    notes_sim::TransactionLog log(server().server(), lock);
+    for (std::uint32_t number : log.readyExtents())
+        waiting[number] = qrtln::sha256_hex(bytes_of(log.extentPath(number)));
+    return waiting;
 }
 
 // A run that is not killed shows what there is to kill, and what the index may be.
@@ -186,227 +218,232 @@ Scenario Crashes::look_at(const std::string& kept, bool full) {
     Scenario scenario;
     scenario.kept = kept;
     scenario.full = full;
-    m_history.bring_back(kept);
-    scenario.waiting = waiting_extents(m_history.server());
-    WholeRun observer(m_history.store(), scenario);
-    Run whole = m_history.qrtln(words(scenario), true, {}, &observer);
-    scenario.calls = whole.calls.size();
-    scenario.indexes.insert(index_of(m_history.store()));
+    bring_back(kept);
+    std::size_t waiting = waiting_extents().size();
+    Watcher watcher([&] {
+        ++scenario.calls;
+        scenario.indexes.insert(index());
+        if (fs::exists(m_store + "/runtime/owed.jsonl"))
+            scenario.owing.push_back(scenario.calls);
+    });
+    Run whole = back_up(full, {}, &watcher);
+    scenario.indexes.insert(index());
     // When the module dies over what is owed, the run goes on with what was asked for.
-    m_history.bring_back(kept);
-    (void)m_history.qrtln(words(scenario), true, {Victim::module_process, 1});
-    scenario.indexes.insert(index_of(m_history.store()));
-    m_history.bring_back(kept);
+    bring_back(kept);
+    (void)back_up(full, {.victim = Victim::module_process, .call = 1});
+    scenario.indexes.insert(index());
+    bring_back(kept);
     auto begin = std::chrono::steady_clock::now();
-    Run untraced = m_history.qrtln(words(scenario));
-    scenario.takes = std::chrono::duration_cast<std::chrono::microseconds>(
-        std::chrono::steady_clock::now() - begin);
+    Run untraced = back_up(full);
+    std::chrono::duration<double, std::micro> took = std::chrono::steady_clock::now() - begin;
+    scenario.takes = static_cast<std::int64_t>(took.count());
     if (whole.exit_code != 0 || untraced.exit_code != 0)
         throw std::runtime_error("a backup that was not killed failed: " + whole.errors);
-    if (scenario.waiting.size() == waiting_extents(m_history.server()).size())
-        throw std::runtime_error("the backup marks no extent");
-    if (scenario.indexes.size() < 2)
-        throw std::runtime_error("the backup does not change the index");
+    if (waiting == waiting_extents().size() || scenario.indexes.size() < 2)
+        throw std::runtime_error("the backup marks no extent, or does not change the index");
     return scenario;
 }
 
 std::vector<Scenario> Crashes::make_scenarios() {
-    std::vector<Scenario> scenarios;
-    auto add = [&](const std::string& kept, bool full) {
-        scenarios.push_back(look_at(kept, full));
-    };
-    add("changed", true);
-    add("changed", false);
-    // Of a run whose databases are prepared and in no set.
-    const Scenario incremental = scenarios.back();
-    m_history.bring_back("changed");
-    Kill kill{Victim::everything, (incremental.owed_from + incremental.owed_until) / 2};
-    (void)m_history.qrtln(words(incremental), true, kill);
-    m_history.keep("owing");
-    add("owing", false);
-    m_history.bring_back("changed");
-    m_history.forget_sets();
-    m_history.keep("first");
-    add("first", true);
+    std::vector<Scenario> scenarios = {look_at("changed", true), look_at("changed", false)};
+    // After a run whose databases were prepared and are in no set.
+    bring_back("changed");
+    const std::vector<std::size_t>& owing = scenarios.back().owing;
+    (void)back_up(false, {.call = owing.at(owing.size() / 2)});
+    keep("owing");
+    scenarios.push_back(look_at("owing", false));
+    bring_back("changed");
+    fs::remove_all(m_store);
+    fs::remove(server().path_of("qrtln_archive.json")); // it would keep another store out
+    m_sets.clear();
+    for (auto& [name, database] : server().databases)
+        database.saved.clear();
+    keep("first");
+    scenarios.push_back(look_at("first", true));
     return scenarios;
 }
 
-void Crashes::strike(const Scenario& scenario, const Kind& kind, std::size_t call) {
-    m_history.bring_back(scenario.kept);
-    m_judge.begin(scenario, scenario.kept + (scenario.full ? ", full, " : ", incremental, ") +
-                                kind.name + " at call " + std::to_string(call) + " of " +
-                                std::to_string(scenario.calls) + seed());
-    bool ignores_files = m_plant != nullptr && !m_plant->in_module;
+// --- kills
+
+void Crashes::strike(const Scenario& scenario, const Kind& kind, Kill kill) {
+    bring_back(scenario.kept);
+    m_waiting = waiting_extents();
+    m_indexes = scenario.indexes;
+    m_doing = scenario.name() + ", " + kind.name +
+              (kill.call != 0 ? " at call " + std::to_string(kill.call) + " of " +
+                                    std::to_string(scenario.calls)
+                              : " after " + std::to_string(kill.after.count()) + " microseconds") +
+              ", seed " + std::to_string(m_options.seed);
     std::optional<DurableDisk> disk;
     if (kind.cut)
-        disk.emplace(m_history.disk(), ignores_files);
-    Run run = m_history.qrtln(words(scenario), true, {kind.victim, call}, disk ? &*disk : nullptr);
-    ++m_sums.kills[kind.name];
-    m_sums.missed += run.killed ? 0 : 1;
+        disk.emplace(m_folder + "/disk");
+    kill.victim = kind.victim;
+    Run run = back_up(scenario.full, kill, disk ? &*disk : nullptr);
+    ++m_kills;
+    m_missed += run.killed ? 0 : 1;
     if (kind.in_next_run)
         strike_next(scenario, *disk);
     if (disk)
         disk->cut(*kind.cut, m_random);
+    take_new_sets();
 }
 
-// Kills it as well, or not.
+// Kills it as well, or not. What it owes, and so its index, depends on the moment.
 void Crashes::strike_next(const Scenario& scenario, DurableDisk& disk) {
     std::size_t call = m_random() % 4 == 0 ? 0 : 1 + m_random() % scenario.calls;
-    NextRun observer(m_history.store(), disk, m_judge);
-    Run next = m_history.qrtln(words(scenario), true, {Victim::everything, call}, &observer);
-    observer.before_call();
-    m_judge.also("the next one at " + std::to_string(call));
-    if (!next.killed && next.exit_code != 0)
-        m_judge.violated(rule::next_run, next.errors);
+    Watcher watcher([this] { m_indexes.insert(index()); }, &disk);
+    Run next = back_up(scenario.full, {.call = call}, &watcher);
+    watcher.before_call();
+    m_doing += ", the next one at " + std::to_string(call);
+    require(next.killed || next.exit_code == 0, rule::next_run, next.errors);
 }
 
-void Crashes::kill_at_call(const Scenario& scenario, const Kind& kind, std::size_t call) {
-    strike(scenario, kind, call);
-    ++m_sums.at_calls;
-    m_judge.judge_remains();
-    m_judge.judge_next_runs();
+// One kill, and all that must hold after it.
+void Crashes::try_at(const Scenario& scenario, const Kind& kind, Kill kill) {
+    std::string violation = judged([&] {
+        strike(scenario, kind, kill);
+        judge_remains(scenario);
+        judge_next_runs(scenario);
+    });
+    m_violations += violation.empty() ? 0 : 1;
 }
 
 // All calls with all kinds, or some spread over the run with the kinds in turn. The last call is
 // behind the end: what a run that succeeded had flushed must be there, too.
 void Crashes::kill_at_calls(const Scenario& scenario) {
     std::size_t last = scenario.calls + 1;
-    if (m_options.all) {
-        for (std::size_t call = m_options.from; call <= last; ++call)
-            for (const Kind& kind : kinds)
-                if (std::string_view(kind.name).find(m_options.kind) != std::string_view::npos)
-                    kill_at_call(scenario, kind, call);
-        return;
-    }
-    for (std::size_t i = 0; i < m_options.calls; ++i) {
-        std::size_t begin = last * i / m_options.calls;
-        std::size_t end = std::max(last * (i + 1) / m_options.calls, begin + 1);
-        kill_at_call(scenario, kinds[m_next_kind++ % kinds.size()],
-                     begin + 1 + m_random() % (end - begin));
+    for (std::size_t call = 1; m_options.all && call <= last; ++call)
+        for (const Kind& kind : kinds)
+            try_at(scenario, kind, {.call = call});
+    for (std::size_t i = 0; !m_options.all && i < few_calls; ++i) {
+        std::size_t begin = last * i / few_calls;
+        std::size_t end = std::max(last * (i + 1) / few_calls, begin + 1);
+        try_at(scenario, kinds[m_next_kind++ % std::size(kinds)],
+               {.call = begin + 1 + m_random() % (end - begin)});
     }
 }
 
-void Crashes::kill_at_moment(const Scenario& scenario, const Kind& kind) {
-    auto moment = std::chrono::microseconds(m_random() %
-                                            static_cast<std::uint64_t>(scenario.takes.count() + 1));
-    m_history.bring_back(scenario.kept);
-    m_judge.begin(scenario, scenario.kept + (scenario.full ? ", full, " : ", incremental, ") +
-                                kind.name + " after " + std::to_string(moment.count()) +
-                                " microseconds" + seed());
-    Run run = run_for(moment, kind.victim, m_history.command(words(scenario)),
-                      m_history.environment(), m_history.scratch());
-    ++m_sums.kills[kind.name];
-    ++m_sums.at_moments;
-    m_sums.missed += run.killed ? 0 : 1;
-    m_judge.judge_remains();
-    m_judge.judge_next_runs();
+// --- judgement
+
+// Runs what may find a violation, prints that and returns it.
+std::string Crashes::judged(const std::function<void()>& judge) try {
+    judge();
+    return {};
+} catch (const std::exception& violation) {
+    std::cout << "  VIOLATED, " << m_doing << ": " << violation.what() << std::endl;
+    return violation.what();
+}
+
+// What the killed run left.
+void Crashes::judge_remains(const Scenario& scenario) {
+    require(m_indexes.contains(index()), rule::index,
+            "it has " + std::to_string(index().size()) +
+                " bytes and is neither the old nor the new one");
+    std::map<std::uint32_t, std::string> left = waiting_extents();
+    for (const auto& [number, digest] : m_waiting)
+        require(left.contains(number) || is_archived(digest), rule::extents,
+                std::to_string(number) + " is marked as archived and in no set as it was");
+    // Before the first run was whole there may be no store.
+    if (!fs::exists(m_store + "/store.json") && scenario.indexes.contains(""))
+        return;
+    Run verify = qrtln({"verify"});
+    require(verify.exit_code == 0, whole_store, verify.output + verify.errors);
+}
+
+// Users go on, the same command is given again, and after a full backup an incremental one; then
+// everything is recovered beside the live databases.
+void Crashes::judge_next_runs(const Scenario& scenario) {
+    for (bool full : scenario.full ? std::vector{true, false} : std::vector{false}) {
+        for (const char* name : {"mail/user1.nsf", "unlogged.nsf"})
+            commit(name);
+        back_up_well(full);
+    }
+    for (const auto& entry : fs::recursive_directory_iterator(m_folder + "/disk")) {
+        std::string name = entry.path().filename();
+        bool of_run_time = entry.path().parent_path().filename() == "runtime" &&
+                           entry.path() != server().index_file() && name != "server.json";
+        require(!name.ends_with(".tmp") && !of_run_time, rule::leftovers, name);
+    }
+    require(fs::is_empty(server().temporary()), rule::leftovers, "in the temporary directory");
+    Run verify = qrtln({"verify"});
+    require(verify.exit_code == 0, whole_store, verify.output + verify.errors);
+    std::string into = server().folder + "/into";
+    Run recovery = qrtln({"recover", "--all", "--into", into});
+    require(recovery.exit_code == 0, rule::databases, recovery.output + recovery.errors);
+    for (const auto& [name, database] : server().databases) {
+        const Saved& newest = database.saved.back();
+        const Content& expected =
+            database.logged ? database.present() : database.content_of(newest);
+        std::string wrong = difference(expected, into + server().path_of(name));
+        require(wrong.empty(), rule::databases, name + ": " + wrong);
+    }
+    fs::remove_all(into);
 }
 
 int Crashes::find_violations() {
-    make_server();
-    std::vector<Scenario> scenarios = make_scenarios();
-    for (const Scenario& scenario : scenarios) {
-        std::string name = scenario.kept + (scenario.full ? "-full" : "-incr");
-        if (!m_options.scenario.empty() && m_options.scenario != name)
+    for (const Scenario& scenario : make_scenarios()) {
+        if (!m_options.scenario.empty() && m_options.scenario != scenario.name())
             continue;
-        auto begin = std::chrono::steady_clock::now();
-        int before = m_sums.at_calls + m_sums.at_moments;
         kill_at_calls(scenario);
-        for (std::size_t i = 0; i < m_options.moments; ++i)
-            kill_at_moment(scenario, kinds[m_next_victim++ % 3 * 2]); // those without a power cut
-        std::chrono::duration<double> took = std::chrono::steady_clock::now() - begin;
-        std::cout << name << ": " << scenario.calls << " calls, "
-                  << m_sums.at_calls + m_sums.at_moments - before << " kills, "
-                  << static_cast<int>(took.count()) << " s" << std::endl;
+        for (int i = 0; i < (m_options.all ? many_moments : few_moments);
+             ++i) { // by the kinds without a power cut
+            std::uint64_t within = static_cast<std::uint64_t>(scenario.takes) + 1;
+            auto after = static_cast<std::int64_t>(1 + m_random() % within);
+            try_at(scenario, kinds[m_next_victim++ % 3 * 2],
+                   {.after = std::chrono::microseconds(after)});
+        }
+        std::cout << scenario.name() << ": " << scenario.calls << " calls" << std::endl;
     }
-    return report();
-}
-
-int Crashes::report() const {
-    int violations = 0;
-    for (const auto& [rule, count] : m_judge.violations())
-        violations += count;
-    for (const auto& [kind, count] : m_sums.kills)
-        std::cout << "  " << kind << ": " << count << "\n";
-    std::cout << m_sums.at_calls << " kills at calls, " << m_sums.at_moments << " at moments ("
-              << m_sums.missed << " had ended before, or had no module yet), " << violations
-              << " violations" << seed() << std::endl;
-    return violations == 0 && m_sums.at_calls + m_sums.at_moments > 0 ? 0 : 1;
+    std::cout << m_kills << " kills (" << m_missed << " had ended before, or had no module yet), "
+              << m_violations << " violations, seed " << m_options.seed << std::endl;
+    return m_violations == 0 && m_kills > 0 ? 0 : 1;
 }
 
 // From the end on, where a run gives its word: until the rule is violated.
 int Crashes::find_planted(const Plant& plant) {
-    make_server();
     Scenario scenario = look_at("changed", true);
-    m_plant = &plant;
-    Scenario planted = look_at("changed", true);
-    planted.indexes = scenario.indexes;
-    int kills = 0;
-    const Kind& kind = plant.in_module ? kinds[0] : kinds[1];
-    for (std::size_t call = planted.calls + 1; call > 0; --call) {
-        strike(planted, kind, call);
-        m_judge.judge_remains();
-        ++kills;
-        if (m_judge.violations().contains(plant.rule)) {
+    Environment defect = {{"QRTLN_MODEL_FAULTS", plant.faults}};
+    bring_back("changed");
+    m_faults = defect;
+    CallObserver counter;
+    scenario.calls = back_up(true, {}, &counter).calls;
+    std::size_t last = scenario.calls + 1;
+    for (std::size_t call = last; call > 0; --call) {
+        m_faults = defect;
+        std::string violation = judged([&] {
+            strike(scenario, plant.kind, {.call = call});
+            judge_remains(scenario);
+        });
+        if (violation.starts_with(plant.rule)) {
             std::cout << "the planted defect \"" << plant.name << "\" was found by the rule \""
-                      << plant.rule << "\" at kill " << kills << seed() << std::endl;
+                      << plant.rule << "\" at kill " << last - call + 1 << std::endl;
             return 0;
         }
     }
-    std::cout << "the planted defect \"" << plant.name << "\" was not found in " << kills
-              << " kills" << seed() << std::endl;
+    std::cout << "the planted defect \"" << plant.name << "\" was not found" << std::endl;
     return 1;
-}
-
-int run_program(const Options& options) {
-    std::string folder = (fs::temp_directory_path() / "qrtln-crash_XXXXXX").string();
-    if (::mkdtemp(folder.data()) == nullptr)
-        throw std::runtime_error("cannot create " + folder);
-    struct Removal {
-        const std::string& folder;
-        bool keep;
-        ~Removal() {
-            std::error_code ignored;
-            if (!keep)
-                fs::remove_all(folder, ignored);
-        }
-    } removal{folder, options.keep};
-    Crashes crashes(options, folder);
-    if (options.plant.empty())
-        return crashes.find_violations();
-    ::setenv("QRTLN_PLANT", options.plant.c_str(), 1);
-    return crashes.find_planted(
-        *std::find_if(plants.begin(), plants.end(),
-                      [&](const Plant& plant) { return plant.name == options.plant; }));
 }
 
 } // namespace
 
-int main(int argc, char** argv) {
+int main(int argc, char** argv) try {
     CLI::App app{"Kills backups, and judges what they leave and what the next ones make of it"};
     Options options;
-    app.add_option("--calls", options.calls, "Calls of each scenario to kill at")
-        ->capture_default_str();
-    CLI::Option* moments =
-        app.add_option("--moments", options.moments, "Random moments of each scenario to kill at")
-            ->capture_default_str();
     app.add_option("--scenario", options.scenario, "Only this one")
         ->check(CLI::IsMember({"changed-full", "changed-incr", "owing-incr", "first-full"}));
-    app.add_option("--kind", options.kind, "With --long only those with this in their names");
-    app.add_option("--from", options.from, "With --long go on at this call")->capture_default_str();
     app.add_option("--plant", options.plant, "Look for this defect instead")
         ->check(CLI::IsMember({"marking", "flush", "index"}));
     app.add_flag("--long", options.all, "In every way at every call, and at 250 moments of each");
-    app.add_flag("--keep", options.keep, "Keep the folder");
     app.add_option("--seed", options.seed, "Of everything random")->capture_default_str();
     CLI11_PARSE(app, argc, argv);
-    constexpr std::size_t many = 250;
-    if (options.all && moments->empty())
-        options.moments = many;
-    try {
-        return run_program(options);
-    } catch (const std::exception& failure) {
-        std::cerr << "backup_crashes: " << failure.what() << "\n";
-        return 1;
-    }
+    be_altered(argv);
+    TemporaryFolder folder;
+    Crashes crashes(options, folder.path());
+    for (const Plant& plant : plants)
+        if (options.plant == plant.name)
+            return crashes.find_planted(plant);
+    return crashes.find_violations();
+} catch (const std::exception& failure) {
+    std::cerr << "backup_crashes: " << failure.what() << "\n";
+    return 1;
 }

@@ -24,11 +24,9 @@ enum class PowerCut {
 
 class DurableDisk final : public CallObserver {
   public:
-    // All that is below the folder now counts as flushed. With `ignores_files` the flushes of files
-    // do nothing: a planted defect.
-    explicit DurableDisk(const std::string& folder, bool ignores_files = false);
+    // All that is below the folder now counts as flushed.
+    explicit DurableDisk(const std::string& folder);
 
-    bool ignores_flush(const std::string& descriptor) override;
     void flushed(const std::string& descriptor) override;
 
     // Leaves in the folder what a power cut now would, and ends the use of this object.
@@ -49,20 +47,13 @@ class DurableDisk final : public CallObserver {
         Names names;         // flushed
         std::string path() const { return "/proc/self/fd/" + std::to_string(held.get()); }
     };
-    struct Image {
-        bool folder = false;
-        std::string content;
-        std::map<std::string, Image> entries;
-    };
     Key find(const std::string& path); // or adds, with nothing flushed
-    bool is_inside(const std::string& descriptor) const;
     Names names_now(const Node& folder);
     void flush_all(const std::string& path);
-    Image image(const Key& key, PowerCut kind, std::mt19937_64& random);
-    static void write(const Image& image, const std::string& folder);
+    // Writes to a new place what a power cut leaves of a file or folder.
+    void leave(const Key& key, const std::string& place, PowerCut kind, std::mt19937_64& random);
 
     std::string m_folder;
-    bool m_ignores_files;
     std::map<Key, Node> m_nodes;
 };
 

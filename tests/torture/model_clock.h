@@ -21,6 +21,10 @@ constexpr std::int64_t nanoseconds = 1'000'000'000;
 // real clock is.
 constexpr std::int64_t first_moment = 1'772'366'400;
 
+inline timespec timespec_of(std::int64_t time) {
+    return {time / nanoseconds, time % nanoseconds};
+}
+
 // Whether a file has the time of the kernel.
 inline bool is_real(const timespec& time) {
     constexpr std::int64_t longest_history = 150 * 24 * 3600;
@@ -29,46 +33,31 @@ inline bool is_real(const timespec& time) {
 
 // What the file holds. The time is that of `since` on the monotonic clock, and goes on `rate` times
 // as fast as that.
-struct SharedClock {
+struct ModelClock {
     std::int64_t time = 0;  // nanoseconds since 1970
     std::int64_t since = 0; // nanoseconds of the monotonic clock
     std::int64_t rate = 0;
-};
 
-// Past the calls that the altered process replaces.
-inline std::int64_t monotonic_now() {
-    timespec now{};
-    ::syscall(SYS_clock_gettime, CLOCK_MONOTONIC, &now);
-    return now.tv_sec * nanoseconds + now.tv_nsec;
-}
-
-inline std::int64_t now_of(const SharedClock& clock) {
-    return clock.time + (monotonic_now() - clock.since) * clock.rate;
-}
-
-// Maps the file; nullptr when that fails.
-inline SharedClock* map_clock(const std::string& file) {
-    int fd = ::open(file.c_str(), O_RDWR | O_CLOEXEC);
-    if (fd < 0)
-        return nullptr;
-    void* place = ::mmap(nullptr, sizeof(SharedClock), PROT_READ | PROT_WRITE, MAP_SHARED, fd, 0);
-    ::close(fd);
-    return place == MAP_FAILED ? nullptr : static_cast<SharedClock*>(place);
-}
-
-class ModelClock {
-  public:
-    explicit ModelClock(const std::string& file) : m_clock(map_clock(file)) {
-        if (m_clock == nullptr)
-            throw std::runtime_error("cannot map the clock " + file);
+    // Past the calls that the altered process replaces.
+    static std::int64_t monotonic_now() {
+        timespec now{};
+        ::syscall(SYS_clock_gettime, CLOCK_MONOTONIC, &now);
+        return now.tv_sec * nanoseconds + now.tv_nsec;
     }
-    std::int64_t now() const { return now_of(*m_clock); }
-    void set(std::int64_t time, std::int64_t rate = 0) { *m_clock = {time, monotonic_now(), rate}; }
+    std::int64_t now() const { return time + (monotonic_now() - since) * rate; }
+    void set(std::int64_t to, std::int64_t at_rate = 0) { *this = {to, monotonic_now(), at_rate}; }
     void advance(std::int64_t by) { set(now() + by); }
-    void go(std::int64_t rate) { set(now(), rate); }
-
-  private:
-    SharedClock* m_clock;
+    void go(std::int64_t at_rate) { set(now(), at_rate); }
 };
+
+// Maps the file that has it.
+inline ModelClock& map_clock(const std::string& file) {
+    int fd = ::open(file.c_str(), O_RDWR | O_CLOEXEC);
+    void* place = ::mmap(nullptr, sizeof(ModelClock), PROT_READ | PROT_WRITE, MAP_SHARED, fd, 0);
+    ::close(fd);
+    if (place == MAP_FAILED)
+        throw std::runtime_error("cannot map the clock " + file);
+    return *static_cast<ModelClock*>(place);
+}
 
 } // namespace qrtln::torture

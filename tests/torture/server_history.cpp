@@ -6,65 +6,23 @@
 #include "notes_simulator/transaction.h"
 #include "notes_simulator/use_mark.h"
 
-#include <nlohmann/json.hpp>
-
 #include <algorithm>
-#include <chrono>
-#include <ctime>
 #include <filesystem>
 #include <stdexcept>
-#include <thread>
 
 namespace fs = std::filesystem;
 using namespace notes_sim;
-using nlohmann::json;
 
 namespace qrtln::torture {
 
 namespace {
 
 constexpr std::size_t largest_body = 6000; // several notes fit into an extent
-constexpr const char* extent_size = "65536";
 constexpr std::int64_t hundredths = 100;
 constexpr const char* user = "CN=Anna/O=Sample";
 
-void apply(const NoteChange& change, Content& content) {
-    NoteId id = change.note.id;
-    switch (change.kind) {
-    case ChangeKind::kWrite:
-        content.stubs.erase(id);
-        content.notes[id] = ::domino_sim::digestOf({ChangeKind::kWrite, change.note});
-        break;
-    case ChangeKind::kDelete:
-        content.notes.erase(id);
-        content.stubs[id] = ::domino_sim::digestOf(change);
-        break;
-    case ChangeKind::kMarkUnread:
-        content.unread.insert({change.note.subject, id});
-        break;
-    case ChangeKind::kMarkRead:
-        content.unread.erase({change.note.subject, id});
-        break;
-    }
-}
-
-template <typename Key, typename Value>
-std::string difference(const char* kind, const std::map<Key, Value>& expected,
-                       const std::map<Key, Value>& found) {
-    std::size_t missing = 0;
-    std::size_t changed = 0;
-    std::size_t common = 0;
-    for (const auto& [key, value] : expected) {
-        auto other = found.find(key);
-        common += other != found.end() ? 1 : 0;
-        missing += other == found.end() ? 1 : 0;
-        changed += other != found.end() && other->second != value ? 1 : 0;
-    }
-    std::size_t surplus = found.size() - common;
-    if (missing + changed + surplus == 0)
-        return {};
-    return std::string(kind) + ": " + std::to_string(missing) + " missing, " +
-           std::to_string(changed) + " different, " + std::to_string(surplus) + " too many; ";
+std::string dbiid_of(const std::string& file) {
+    return hex(Database(file, Connection::Mode::kReadOnly).header().dbiid);
 }
 
 } // namespace
@@ -74,19 +32,20 @@ Content read_content(const std::string& file) {
     ::domino_sim::DatabaseState state = ::domino_sim::readState(database, true);
     if (state.integrity != "ok")
         throw std::runtime_error(file + ": " + state.integrity);
-    Content content;
-    content.notes = std::move(state.notes);
-    content.stubs = std::move(state.stubs);
+    Content content{std::move(state.notes), std::move(state.stubs), {}};
     Statement read(database.connection(), "SELECT user,note_id FROM unread");
     while (read.step())
         content.unread.insert({read.text(0), static_cast<NoteId>(read.integer(1))});
     return content;
 }
 
-std::string difference(const Content& expected, const Content& found) {
-    std::string text = difference("notes", expected.notes, found.notes) +
-                       difference("stubs", expected.stubs, found.stubs);
-    return expected.unread == found.unread ? text : text + "other unread marks; ";
+std::string difference(const Content& expected, const std::string& file) try {
+    Content found = read_content(file);
+    return std::string(expected.notes == found.notes ? "" : "other notes; ") +
+           (expected.stubs == found.stubs ? "" : "other stubs; ") +
+           (expected.unread == found.unread ? "" : "other unread marks");
+} catch (const std::exception& failure) {
+    return failure.what();
 }
 
 bool ModelDatabase::left_behind(std::size_t copy) const {
@@ -96,11 +55,11 @@ bool ModelDatabase::left_behind(std::size_t copy) const {
     return false;
 }
 
-std::size_t ModelDatabase::commit_at(std::optional<std::int64_t> moment) const {
+const Commit& ModelDatabase::commit_at(std::optional<std::int64_t> moment) const {
     std::size_t last = commits.size() - 1;
     while (moment && last > 0 && commits[last].time > *moment * hundredths)
         --last;
-    return last;
+    return commits[last];
 }
 
 const Saved* ModelDatabase::newest_before(std::optional<std::int64_t> moment) const {
@@ -111,32 +70,16 @@ const Saved* ModelDatabase::newest_before(std::optional<std::int64_t> moment) co
     return newest;
 }
 
-std::string ModelDatabase::wrong_with(const std::string& file,
-                                      std::optional<std::int64_t> moment) const {
-    Content found = read_content(file);
-    if (logged)
-        return difference(commits[commit_at(moment)].content, found);
-    const Saved& set = *newest_before(moment);
-    for (std::size_t commit = set.at_least; commit <= set.at_most; ++commit)
-        if (commits[commit].content == found)
-            return {};
-    return "not as it was in " + set.set + ": " + difference(commits[set.at_most].content, found);
-}
-
-History::History(const Programs& programs, const std::string& folder, std::uint64_t seed,
-                 const std::string& store)
-    : m_programs(programs), m_folder(folder), m_store(store.empty() ? disk() + "/store" : store),
+History::History(std::string in, std::string of_store, std::uint64_t seed)
+    : folder(std::move(in)),
+      store(std::move(of_store)), environment{{"Notes_ExecDirectory", QRTLN_SIMULATOR_DIRECTORY},
+                                              {"QRTLN_MODULE", ""}},
       m_content(seed) {
-    m_environment = {{"Notes_ExecDirectory", programs.simulator}, {"QRTLN_MODULE", ""}};
     fs::create_directories(temporary());
-    fs::create_directories(disk());
-    make_server(seed);
-}
-
-void History::make_server(std::uint64_t seed) {
-    simulate({"init", server_folder(), "--databases", "5", "--extent-size", extent_size, "--seed",
-              std::to_string(seed)});
-    simulate({"create", server_folder(), "unlogged.nsf", "--unlogged", "--notes", "5"});
+    fs::create_directories(fs::path(store).parent_path());
+    simulate(
+        {"init", "--databases", "5", "--extent-size", "65536", "--seed", std::to_string(seed)});
+    simulate({"create", "unlogged.nsf", "--unlogged", "--notes", "5"});
     m_server = ::domino_sim::useServer(server_folder());
     for (const char* name : {"names.nsf", "log.nsf", "mail.box", "mail/user1.nsf"})
         adopt(name, true);
@@ -145,31 +88,25 @@ void History::make_server(std::uint64_t seed) {
 }
 
 void History::adopt(const std::string& name, bool logged) {
-    m_databases[name].logged = logged;
+    databases[name].logged = logged;
     observe(name);
 }
 
 bool History::observe(const std::string& name) {
-    ModelDatabase& database = m_databases.at(name);
-    Content content = read_content(path_of(name));
-    Id16 dbiid = Database(path_of(name), Connection::Mode::kReadOnly).header().dbiid;
-    std::string text = hex(dbiid);
-    if (!database.commits.empty() && database.commits.back().content == content &&
-        database.commits.back().dbiid == text)
+    const std::vector<Commit>& commits = database(name).commits;
+    Commit found = {nowInHundredths(), read_content(path_of(name)), dbiid_of(path_of(name))};
+    if (!commits.empty() && commits.back().content == found.content &&
+        commits.back().dbiid == found.dbiid)
         return true;
-    database.commits.push_back({nowInHundredths(), std::move(content), text, true});
+    database(name).commits.push_back(std::move(found));
     return false;
 }
 
 void History::note_restored(const std::string& name) {
     if (!observe(name))
         return;
-    std::vector<Commit>& commits = m_databases.at(name).commits;
-    Commit again = commits.back();
-    again.time = nowInHundredths();
-    again.jump = true;
-    again.replayed = false;
-    commits.push_back(std::move(again));
+    Commit again = {nowInHundredths(), database(name).present(), dbiid_of(path_of(name))};
+    database(name).commits.push_back(std::move(again));
 }
 
 void History::create(const std::string& name, std::uint64_t seed, bool logged) {
@@ -177,8 +114,9 @@ void History::create(const std::string& name, std::uint64_t seed, bool logged) {
     adopt(name, logged && !isTemplate(path_of(name)));
 }
 
-void History::compact(const std::string& name) const {
-    simulate({"compact", server_folder(), name});
+void History::compact(const std::string& name) {
+    simulate({"compact", name});
+    (void)observe(name);
 }
 
 std::vector<NoteChange> History::changes_for(const Content& content) {
@@ -197,8 +135,7 @@ std::vector<NoteChange> History::changes_for(const Content& content) {
                               : dice == 8 ? ChangeKind::kMarkRead
                                           : ChangeKind::kDelete;
                 change.note = Note{};
-                if (dice != 9)
-                    change.note.subject = user;
+                change.note.subject = dice == 9 ? "" : user;
             }
             change.note.id = note->first;
         }
@@ -208,101 +145,51 @@ std::vector<NoteChange> History::changes_for(const Content& content) {
 }
 
 void History::commit(const std::string& name) {
-    ModelDatabase& database = m_databases.at(name);
-    Content content = database.commits.back().content;
-    std::vector<NoteChange> changes = changes_for(content);
-    notes_sim::Commit made;
-    std::string dbiid;
+    std::vector<Commit>& commits = database(name).commits;
+    std::string path = path_of(name);
+    Commit next;
     {
-        UseMark mark(*m_server, path_of(name));
-        Database file(path_of(name), Connection::Mode::kReadWrite);
-        made = commitChanges(*m_server, file, std::move(changes));
-        dbiid = hex(file.header().dbiid);
+        UseMark mark(*m_server, path);
+        Database file(path, Connection::Mode::kReadWrite);
+        next.time = commitChanges(*m_server, file, changes_for(commits.back().content)).time;
     }
-    for (const NoteChange& change : made.changes)
-        apply(change, content);
-    bool jump = dbiid != database.commits.back().dbiid;
-    database.commits.push_back({made.time, std::move(content), dbiid, jump});
+    next.content = read_content(path);
+    next.dbiid = dbiid_of(path);
+    next.jump = next.dbiid != commits.back().dbiid;
+    commits.push_back(std::move(next));
 }
 
-void History::back_up(bool full) {
-    std::map<std::string, std::size_t> commits_before;
-    for (const auto& [name, database] : m_databases)
-        commits_before[name] = database.commits.size() - 1;
-    Run run = qrtln({"backup", "--json", "--level", full ? "full" : "incr"});
-    if (run.exit_code != 0)
-        throw std::runtime_error("the backup ended with " + std::to_string(run.exit_code) + ": " +
-                                 run.errors);
-    remember_set(run.output, commits_before);
+std::vector<std::string> History::live() const {
+    std::vector<std::string> names;
+    for (const auto& [name, database] : databases)
+        if (database.live)
+            names.push_back(name);
+    return names;
 }
 
-void History::remember_set(const std::string& output,
-                           const std::map<std::string, std::size_t>& commits_before) {
-    json summary = json::parse(output);
-    Saved saved;
-    saved.set = summary.at("set");
-    Run show = run(command({"show", "--json", saved.set}), m_environment, m_folder);
-    if (show.exit_code != 0)
-        throw std::runtime_error("show: " + show.errors);
-    std::set<std::string> paths;
-    json set = json::parse(show.output);
-    saved.ended = set.at("ended");
-    for (const json& item : set.at("items"))
-        if (item.at("kind") == "database")
-            paths.insert(item.at("path"));
-    for (auto& [name, database] : m_databases) {
-        if (!paths.contains(path_of(name)))
-            continue;
-        saved.at_least = commits_before.at(name);
-        saved.at_most = database.commits.size() - 1;
-        database.saved.push_back(saved);
-    }
+std::vector<std::string> History::saved() const {
+    std::vector<std::string> names;
+    for (const auto& [name, database] : databases)
+        if (!database.saved.empty())
+            names.push_back(name);
+    return names;
 }
 
 std::vector<std::string> History::command(const std::vector<std::string>& words) const {
-    std::vector<std::string> all = {m_programs.qrtln};
+    std::vector<std::string> all = {QRTLN_EXECUTABLE};
     all.insert(all.end(), words.begin(), words.end());
-    all.insert(all.end(), {"--store", store()});
-    if (words.front() != "show" && words.front() != "verify")
+    all.insert(all.end(), {"--store", store});
+    if (words.front() != "verify")
         all.insert(all.end(),
                    {"--notes-ini", server_folder() + "/notes.ini", "--tmp-dir", temporary()});
     return all;
 }
 
-Run History::qrtln(const std::vector<std::string>& words, bool traced, Kill kill,
-                   CallObserver* observer) const {
-    return run(command(words), m_environment, m_folder, traced, kill, observer);
-}
-
-void History::simulate(const std::vector<std::string>& words) const {
-    std::vector<std::string> all = {m_programs.domino_sim};
-    all.insert(all.end(), words.begin(), words.end());
-    if (Run done = run(all, {}, m_folder); done.exit_code != 0)
-        throw std::runtime_error("domino-sim " + words.front() + ": " + done.errors);
-}
-
-void History::forget_sets() {
-    fs::remove_all(store());
-    fs::remove(path_of("qrtln_archive.json")); // it would keep another store out
-    for (auto& [name, database] : m_databases)
-        database.saved.clear();
-}
-
-void History::keep(const std::string& name) {
-    fs::create_directory(kept(name));
-    if (run({"/bin/cp", "-a", server_folder(), disk(), kept(name)}, {}, m_folder).exit_code != 0)
-        throw std::runtime_error("cannot keep the server");
-    m_kept[name] = m_databases;
-}
-
-void History::bring_back(const std::string& name) {
-    for (const std::string& folder : {server_folder(), disk(), temporary()})
-        fs::remove_all(folder);
-    fs::create_directory(temporary());
-    if (run({"/bin/cp", "-a", kept(name) + "/server", kept(name) + "/disk", m_folder}, {}, m_folder)
-            .exit_code != 0)
-        throw std::runtime_error("cannot bring the server back");
-    m_databases = m_kept.at(name);
+void History::simulate(std::vector<std::string> words) const {
+    words.insert(words.begin(), QRTLN_DOMINO_SIM);
+    words.insert(words.begin() + 2, server_folder());
+    if (Run done = run_program(words, {}, folder); done.exit_code != 0)
+        throw std::runtime_error("domino-sim " + words[1] + ": " + done.errors);
 }
 
 } // namespace qrtln::torture

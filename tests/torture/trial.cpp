@@ -1,236 +1,240 @@
 #include "tests/torture/trial.h"
 
 #include <cstring>
-#include <dirent.h>
+#include <nlohmann/json.hpp>
 #include <set>
-#include <sstream>
+#include <sqlite3.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
 #include "tests/torture/calls.h"
-#include "tests/torture/content.h"
-#include "tests/torture/file_calls.h"
-#include "tests/torture/module_calls.h"
+#include "tests/torture/failing_calls.h"
 
-#if defined(__SANITIZE_ADDRESS__)
-extern "C" int __lsan_do_recoverable_leak_check();
-#endif
+// There with the address sanitizer.
+extern "C" int __lsan_do_recoverable_leak_check() __attribute__((weak));
 
 namespace fs = std::filesystem;
+using nlohmann::json;
+
+namespace qrtln::torture {
 
 namespace {
 
-constexpr const char* kKept[] = {"server", "tmp", "run"};
+constexpr const char* kept_folders[] = {"server", "tmp", "run"};
 
 // What is open in this process: files by their paths, everything else by its kind.
-std::multiset<std::string> openDescriptors() {
+std::multiset<std::string> open_descriptors() {
     std::multiset<std::string> open;
     std::error_code error;
     for (const auto& entry : fs::directory_iterator("/proc/self/fd")) {
-        const std::string target = fs::read_symlink(entry.path(), error).string();
-        if (!error && target.find("/proc/") == std::string::npos) {
+        std::string target = fs::read_symlink(entry.path(), error).string();
+        if (!error && target.find("/proc/") == std::string::npos)
             open.insert(target);
-        }
     }
     return open;
 }
 
-const char* const kKindNames[] = {"database handles", "backup contexts", "apply contexts",
+const char* const kind_names[] = {"database handles", "backup contexts", "apply contexts",
                                   "ID tables",        "memory objects",  "locked objects"};
 
 // Handles that a failing close leaves, and the one that stays open by contract.
-void judgeOutstanding(Trial& trial) {
+void judge_outstanding(Trial& trial) {
     for (int kind = 0; kind < static_cast<int>(trial.outstanding.size()); ++kind) {
         unsigned expected = 0;
-        if (notesCall(trial.fault.call).leaves == kind && trial.firedBeforeClose) {
+        if (notes_call(trial.fault.call).leaves == kind && trial.fired_before_close)
             ++expected;
-        }
         // Where logging is not in effect the probed database stays open.
-        if (kind == NOTES_SIM_DATABASES && trial.fault.status == kNotesLoggingNotInEffect &&
-            trial.said("isDatabaseLogged(): NSFGetTransLogStyle failed: ")) {
+        if (kind == NOTES_SIM_DATABASES && trial.fault.code == kNotesLoggingNotInEffect &&
+            trial.said("isDatabaseLogged(): NSFGetTransLogStyle failed: "))
             ++expected;
-        }
-        const unsigned found = trial.outstanding[static_cast<std::size_t>(kind)];
-        trial.expect(found == expected, std::to_string(found) + " " + kKindNames[kind] + " open, " +
+        unsigned found = trial.outstanding[static_cast<std::size_t>(kind)];
+        trial.expect(found == expected, std::to_string(found) + " " + kind_names[kind] + " open, " +
                                             std::to_string(expected) + " expected");
     }
 }
 
-// A failed operation tells why somewhere: with the text of the error, or its number.
-void judgeReason(Trial& trial, int error) {
-    const int shown = error == kShortWrite || error == kDiskFull ? ENOSPC : error;
-    const std::string number = std::to_string(shown);
-    bool told = trial.said(std::strerror(shown));
-    for (const char* before : {"(", "[", "error ", "error: "}) {
-        told = told || trial.said(before + number);
+// What the module may say of its failure: the text of the status, or the fixed one of its call; of
+// a call on a file the text of the error, or its number.
+std::vector<std::string> texts_of(const Fault& fault) {
+    if (fault.is_on_file()) {
+        int shown = fault.code >= short_write ? ENOSPC : fault.code;
+        std::string number = std::to_string(shown);
+        return {std::strerror(shown), "(" + number, "[" + number, "error " + number,
+                "error: " + number};
     }
-    trial.expect(told || trial.allows(kOtherReason),
-                 "no message has \"" + fileErrorText(shown) + "\" or " + number);
+    if (const char* fixed = notes_call(fault.call).says; fixed != nullptr)
+        return {fixed};
+    if (fault.untold)
+        return {"Notes status " + std::to_string(fault.code)};
+    char text[512] = "";
+    auto load = simulatorFunction<WORD (*)(DWORD, STATUS, char*, WORD)>("OSLoadString");
+    load(0, static_cast<STATUS>(fault.code), text, sizeof text);
+    return {text};
 }
 
-// A failed operation tells why: with the text of the status, or with the fixed text of its call.
-void judgeMessage(Trial& trial) {
+// A failed operation tells why, but for want of memory.
+void judge_message(Trial& trial) {
     trial.expect(!trial.errors.empty() || !Module::s_logs.empty(), "neither an error nor a log");
-    if (isModuleCall(trial.fault.call, ModuleCalls::files)) {
-        judgeReason(trial, trial.fault.status);
-    }
-    if (isModuleCall(trial.fault.call)) {
+    const FailingCall* of_module = failing_call(trial.fault.call);
+    if (of_module != nullptr && of_module->allocates())
         return;
-    }
-    char szText[512] = "";
-    const auto load = simulatorFunction<WORD (*)(DWORD, STATUS, char*, WORD)>("OSLoadString");
-    load(0, trial.fault.status, szText, sizeof szText);
-    const char* fixed = notesCall(trial.fault.call).says;
-    std::string expected = fixed != nullptr ? fixed : szText;
-    if (fixed == nullptr && trial.fault.untold) {
-        expected = "Notes status " + std::to_string(trial.fault.status);
-    }
-    trial.expect(trial.said(expected), "no message has \"" + expected + "\"");
+    std::vector<std::string> texts = texts_of(trial.fault);
+    bool told = std::any_of(texts.begin(), texts.end(),
+                            [&](const std::string& text) { return trial.said(text); });
+    trial.expect(told || trial.allows(other_reason), "no message has \"" + texts.front() + "\"");
 }
 
 // The host lives and can go on: a small backup in the same process succeeds.
-void judgeNextOperation(Trial& trial) {
-    const Workspace& server = trial.server;
-    const std::string database = server.data("small.nsf");
+void judge_next_operation(Trial& trial) {
+    std::string database = trial.server.data("small.nsf");
     Module& module = trial.module;
     bool saved = false;
     trial.errors.clear();
-    if (trial.succeeded(module.open(server, DB_TYPE_BCK, DB_LEVEL_COPY, {"DATABASE=NOTES"}))) {
+    if (trial.succeeded(
+            module.open(trial.server, DB_TYPE_BCK, DB_LEVEL_COPY, {"DATABASE=NOTES"}))) {
         for (std::string item = module.get(); !item.empty() && !saved; item = module.get()) {
-            if (item == database) {
-                saved = sameContent(module.prepare(item), database);
-            }
+            if (item == database)
+                saved = same_content(module.prepare(item), database);
             saved = module.ItemFinishStatus(DB_ITEM_SUCCESS) == DB_NUM_I_OK && saved;
         }
     }
-    const bool closed = module.close("STATUS=0") == DB_NUM_I_OK;
+    bool closed = module.close("STATUS=0") == DB_NUM_I_OK;
     trial.expect(saved && closed, "the next operation of the process failed: " +
                                       (trial.errors.empty() ? "" : trial.errors.back()));
 }
 
-void judgeDescriptors(Trial& trial, const std::multiset<std::string>& before) {
-    if (trial.allows(kLeavesStream)) {
+void judge_descriptors(Trial& trial, const std::multiset<std::string>& before) {
+    if (trial.allows(leaves_stream))
         return;
-    }
-    for (const std::string& path : openDescriptors()) {
-        if (before.count(path) == 0 && path.find("/server/state/") == std::string::npos) {
-            trial.expect(false, "left open: " + path);
-        }
-    }
+    for (const std::string& path : open_descriptors())
+        trial.expect(before.contains(path) || path.find("/server/state/") != std::string::npos,
+                     "left open: " + path);
 }
 
 // A start that fails early has not loaded it.
-bool isSimulatorLoaded() {
+bool is_simulator_loaded() {
     return dlopen(QRTLN_SIMULATOR_DIRECTORY "/libnotes.so", RTLD_NOW | RTLD_NOLOAD) != nullptr;
 }
 
-unsigned faultsFired() {
-    const unsigned ofNotes =
-        isSimulatorLoaded() ? simulatorFunction<unsigned (*)()>("NotesSimFaultsFired")() : 0;
-    return ofNotes + moduleFaultsFired();
+bool has_fired() {
+    return call_has_failed() || (is_simulator_loaded() &&
+                                 simulatorFunction<unsigned (*)()>("NotesSimFaultsFired")() > 0);
 }
 
 // The body of the child.
-void runTrial(Trial& trial, Scenario& scenario, bool& done) {
-    const std::multiset<std::string> before = openDescriptors();
-    armModuleCalls(trial.fault.call, trial.fault.number, trial.fault.status);
-    done = scenario.operate(trial);
-    std::ofstream counts(trial.server.folder.file("calls"));
-    for (const auto& [call, count] : moduleCallCounts()) {
-        counts << call << " " << count << "\n";
-    }
-    counts.close();
-    trial.fired = faultsFired() > 0;
-    if (!trial.fault.call.empty() && !trial.fired) {
+void run_trial(Trial& trial, Scenario& scenario, RunResult& result) {
+    std::multiset<std::string> before = open_descriptors();
+    arm(trial.fault.call, trial.fault.number, trial.fault.code);
+    result.done = scenario.operate(trial);
+    result.fired = has_fired();
+    for (const FailingCall& call : failing_calls())
+        result.calls[call.symbol] = call.calls;
+    if (!trial.fault.call.empty() && !result.fired)
         return; // the parent knows whether it should have
-    }
-    judgeDescriptors(trial, before);
-    judgeOutstanding(trial);
-    if (trial.fired && !done && trial.mustBeComplete()) {
-        judgeMessage(trial);
-    }
-    trial.expect(!done || trial.fault.call != "fsync" || !trial.fired || trial.allows(kUnflushed),
+    judge_descriptors(trial, before);
+    judge_outstanding(trial);
+    if (result.fired && !result.done && trial.must_be_complete())
+        judge_message(trial);
+    trial.expect(!result.done || trial.fault.call != "fsync" || !result.fired ||
+                     trial.allows(unflushed),
                  "counts as done, and may not survive a power cut");
-    scenario.judge(trial, done);
-    if (trial.fired) {
-        disarmModuleCalls();
-        if (isSimulatorLoaded()) {
+    scenario.judge(trial, result.done);
+    if (result.fired) {
+        disarm();
+        if (is_simulator_loaded())
             simulatorFunction<int (*)(const char*)>("NotesSimSetFaults")("");
-        }
-        judgeNextOperation(trial);
+        judge_next_operation(trial);
     }
-#if defined(__SANITIZE_ADDRESS__)
-    trial.expect(__lsan_do_recoverable_leak_check() == 0, "memory leaked: see above");
-#endif
+    if (__lsan_do_recoverable_leak_check != nullptr)
+        trial.expect(__lsan_do_recoverable_leak_check() == 0, "memory leaked: see above");
 }
 
-void runChild(const Workspace& workspace, Scenario& scenario, const Fault& fault, int report) {
-    setenv("NOTES_SIM_FAULTS", isModuleCall(fault.call) ? "" : fault.text().c_str(), 1);
-    std::string text;
+void run_child(const Workspace& workspace, Scenario& scenario, const Fault& fault) {
+    bool on_library = failing_call(fault.call) == nullptr;
+    setenv("NOTES_SIM_FAULTS", on_library ? fault.text().c_str() : "", 1);
+    RunResult result;
     try {
         Trial trial(workspace, fault);
-        bool done = false;
-        runTrial(trial, scenario, done);
-        text = std::string(trial.fired ? "F" : "-") + (done ? "D" : "-") + "\n";
-        for (const std::string& complaint : trial.complaints) {
-            text += complaint + "\n";
-        }
-        if (!trial.complaints.empty() && !failedPath().empty()) {
-            text += "the call was about " + failedPath() + "\n";
-        }
+        run_trial(trial, scenario, result);
+        result.complaints = trial.complaints;
+        if (!trial.complaints.empty() && !failed_path().empty())
+            result.complaints.push_back("the call was about " + failed_path());
     } catch (const std::exception& error) {
-        text = std::string("--\nthe test could not go on: ") + error.what() + "\n";
+        result.complaints.push_back(std::string("the test could not go on: ") + error.what());
     }
-    text += ".\n";
-    if (write(report, text.data(), text.size()) != static_cast<ssize_t>(text.size())) {
-        _exit(2);
-    }
+    json report = {{"fired", result.fired},
+                   {"done", result.done},
+                   {"complaints", result.complaints},
+                   {"calls", result.calls}};
+    workspace.folder.write("report", report.dump());
     _exit(0);
 }
 
-std::string readAll(int end) {
+bool mentions(const std::vector<std::string>& messages, const std::string& text,
+              std::size_t from = 0) {
+    return std::any_of(
+        messages.begin() + static_cast<std::ptrdiff_t>(from), messages.end(),
+        [&](const std::string& message) { return message.find(text) != std::string::npos; });
+}
+
+// Runs a query; its first column, a line each.
+std::string lines_of(sqlite3* database, const char* query) {
     std::string text;
-    char buffer[4096];
-    for (ssize_t count = 0; (count = read(end, buffer, sizeof buffer)) > 0;) {
-        text.append(buffer, static_cast<std::size_t>(count));
-    }
+    auto append = [](void* all, int, char** values, char**) {
+        *static_cast<std::string*>(all) += std::string(values[0]) + "\n";
+        return 0;
+    };
+    if (sqlite3_exec(database, query, append, &text, nullptr) != SQLITE_OK)
+        throw std::runtime_error(sqlite3_errmsg(database));
     return text;
 }
 
 } // namespace
 
+std::string content_of(const std::string& path) try {
+    // "immutable" takes no locks: closing the file must not drop those of the simulator. Nor may
+    // its file-system layer, which is there already, be replaced by one of this program's.
+    std::string uri = "file:" + path + "?immutable=1&vfs=unix";
+    sqlite3* handle = nullptr;
+    int opened =
+        sqlite3_open_v2(uri.c_str(), &handle, SQLITE_OPEN_READONLY | SQLITE_OPEN_URI, nullptr);
+    std::unique_ptr<sqlite3, int (*)(sqlite3*)> database(handle, &sqlite3_close);
+    if (opened != SQLITE_OK)
+        return "unsound: cannot be opened";
+    if (std::string found = lines_of(handle, "PRAGMA integrity_check"); found != "ok\n")
+        return "unsound: " + found;
+    return lines_of(handle, "SELECT note_id||' '||hex(unid)||' '||class||' '||subject||' '||"
+                            "hex(body) FROM notes") +
+           lines_of(handle, "SELECT 'unread '||note_id||' '||user FROM unread");
+} catch (const std::runtime_error& failure) {
+    return std::string("unsound: ") + failure.what();
+}
+
+bool same_content(const std::string& copy, const std::string& database) {
+    std::string bytes = bytes_of(copy);
+    if (!bytes.empty() && bytes == bytes_of(database))
+        return true;
+    std::string content = content_of(copy);
+    return !content.starts_with("unsound") && content == content_of(database);
+}
+
 Workspace::Workspace() {
-    for (const char* name : {"log.nsf", "mail.box", "pubnames.ntf", "mail/user2.nsf"}) {
+    for (const char* name : {"log.nsf", "mail.box", "pubnames.ntf", "mail/user2.nsf"})
         fs::remove(data(name));
-    }
     simulate("create " + server() + " small.nsf --notes 2");
 }
 
 void Workspace::keep() const {
-    for (const char* name : kKept) {
+    for (const char* name : kept_folders)
         fs::copy(folder.file(name), folder.makeDirectory("kept") + "/" + name,
                  fs::copy_options::recursive);
-    }
 }
 
 void Workspace::restore() const {
-    for (const char* name : kKept) {
+    for (const char* name : kept_folders) {
         fs::remove_all(folder.file(name));
         fs::copy(folder.file("kept") + "/" + name, folder.file(name), fs::copy_options::recursive);
     }
-    fs::remove(folder.file("journal"));
-}
-
-std::string Workspace::index() const {
-    return bytesOf(folder.file("run/qrtln_DBIID.ini"));
-}
-
-std::string Workspace::stored(const std::string& name) const {
-    return folder.file("store/" + name);
-}
-
-void Workspace::store(const std::string& name) const {
-    copy(data(name), stored(name));
 }
 
 void Workspace::copy(const std::string& from, const std::string& to) const {
@@ -238,116 +242,100 @@ void Workspace::copy(const std::string& from, const std::string& to) const {
     fs::copy_file(from, to, fs::copy_options::overwrite_existing);
 }
 
-bool Workspace::isOffline(const std::string& name) const {
+bool Workspace::is_offline(const std::string& name) const {
     std::string key = name;
-    for (std::size_t at = 0; (at = key.find('/', at)) != std::string::npos;) {
+    for (std::size_t at = 0; (at = key.find('/', at)) != std::string::npos;)
         key.replace(at, 1, "%2F");
-    }
     return fs::exists(server() + "/state/offline/" + key + ".json");
 }
 
+bool Fault::is_on_file() const {
+    const FailingCall* of_module = failing_call(call);
+    return of_module != nullptr && !of_module->allocates();
+}
+
 std::string Fault::text() const {
-    if (call.empty()) {
+    if (call.empty())
         return "";
-    }
-    const std::string what = isModuleCall(call) ? fileErrorText(status) : std::to_string(status);
+    std::string what = failing_call(call) != nullptr ? error_text(code) : std::to_string(code);
     return call + "#" + std::to_string(number) + "=" + what + (untold ? ",OSLoadString=1" : "");
 }
 
 bool Trial::succeeded(int answer) {
-    if (answer == DB_NUM_I_OK || answer == DB_NUM_I_COMPLETE || answer == DB_NUM_W_WARNING) {
+    if (answer == DB_NUM_I_OK || answer == DB_NUM_I_COMPLETE || answer == DB_NUM_W_WARNING)
         return true;
-    }
     errors.push_back(module.error());
     return false;
 }
 
 bool Trial::close(bool done) {
     outstanding.clear();
-    if (isSimulatorLoaded()) {
-        const auto count = simulatorFunction<unsigned (*)(int)>("NotesSimOutstanding");
-        for (int kind = NOTES_SIM_DATABASES; kind <= NOTES_SIM_LOCKED_OBJECTS; ++kind) {
+    if (is_simulator_loaded()) {
+        auto count = simulatorFunction<unsigned (*)(int)>("NotesSimOutstanding");
+        for (int kind = NOTES_SIM_DATABASES; kind <= NOTES_SIM_LOCKED_OBJECTS; ++kind)
             outstanding.push_back(count(kind));
-        }
     }
-    firedBeforeClose = faultsFired() > 0;
+    fired_before_close = has_fired();
     return succeeded(module.close(done ? "STATUS=0" : "STATUS=1"));
 }
 
 bool Trial::said(const std::string& text) const {
-    const auto has = [&](const std::vector<std::string>& messages) {
-        return std::any_of(messages.begin(), messages.end(), [&](const std::string& message) {
-            return message.find(text) != std::string::npos;
-        });
-    };
-    return has(errors) || has(Module::s_logs) || has(Module::s_traces);
+    return mentions(errors, text) || logged(text) || mentions(Module::s_traces, text);
 }
 
 bool Trial::logged(const std::string& text, std::size_t from) {
-    return std::any_of(
-        Module::s_logs.begin() + static_cast<std::ptrdiff_t>(from), Module::s_logs.end(),
-        [&](const std::string& message) { return message.find(text) != std::string::npos; });
+    return mentions(Module::s_logs, text, from);
 }
 
 bool Trial::allows(unsigned allowance) const {
-    const std::string path = failedPath();
-    const std::string root = server.folder.file("");
-    const bool below = path.starts_with(root);
-    return (allowedAfter(fault.call, below ? path.substr(root.size()) : path) & allowance) != 0;
+    std::string path = failed_path();
+    std::string root = server.folder.file("");
+    if (path.starts_with(root))
+        path.erase(0, root.size());
+    return (allowed_after(fault.call, path) & allowance) != 0;
 }
 
-bool Trial::mustBeComplete() const {
-    return !notesCall(fault.call).cannotFail && !isAnswer(fault.call, fault.status) &&
-           !allows(kDoesLess);
+bool Trial::must_be_complete() const {
+    const NotesCall& call = notes_call(fault.call);
+    return call.reports == Reports::failures ||
+           (call.reports == Reports::answers && fault.code == untold_status);
 }
 
-RunResult runOnce(const Workspace& workspace, Scenario& scenario, const Fault& fault) {
-    fs::remove(workspace.folder.file("journal"));
+RunResult run_once(const Workspace& workspace, Scenario& scenario, const Fault& fault) {
+    for (const char* left : {"journal", "report"})
+        fs::remove(workspace.folder.file(left));
     scenario.begin(workspace);
-    int ends[2];
-    if (pipe(ends) != 0) {
-        throw std::runtime_error("pipe");
-    }
     std::fflush(nullptr);
-    const pid_t child = fork();
-    if (child < 0) {
+    pid_t child = fork();
+    if (child < 0)
         throw std::runtime_error("fork");
-    }
-    if (child == 0) {
-        ::close(ends[0]);
-        // A failed start writes its help there: shown only when something is wrong.
-        if (std::freopen(workspace.folder.file("stderr").c_str(), "w", stderr) == nullptr) {
-            _exit(2);
-        }
-        runChild(workspace, scenario, fault, ends[1]);
-    }
-    ::close(ends[1]);
-    const std::string text = readAll(ends[0]);
-    ::close(ends[0]);
+    // A failed start writes its help to stderr: shown only when something is wrong.
+    std::string errors = workspace.folder.file("stderr");
+    if (child == 0 && std::freopen(errors.c_str(), "w", stderr) != nullptr)
+        run_child(workspace, scenario, fault);
+    if (child == 0)
+        _exit(2);
     int status = 0;
     waitpid(child, &status, 0);
 
     RunResult result;
-    const std::string said = bytesOf(workspace.folder.file("stderr"));
+    std::string said = bytes_of(errors);
     if (fault.call == "malloc" && WIFEXITED(status) && WEXITSTATUS(status) == 255 &&
         said.find("malloc returned NULL") != std::string::npos) {
-        result.fired = result.ended = true;
+        result.fired = true; // it ended the process, as the lists do without memory
         return result;
     }
-    if (!WIFEXITED(status) || WEXITSTATUS(status) != 0 || !text.ends_with(".\n")) {
+    json report = json::parse(bytes_of(workspace.folder.file("report")), nullptr, false);
+    if (status != 0 || report.is_discarded()) {
         result.complaints.push_back("the host process died with status " + std::to_string(status));
         result.fired = true;
+    } else {
+        result = {report.at("fired"), report.at("done"), report.at("complaints"),
+                  report.at("calls")};
+    }
+    if (!result.complaints.empty())
         std::fputs(said.c_str(), stderr);
-        return result;
-    }
-    result.fired = text[0] == 'F';
-    result.done = text[1] == 'D';
-    std::istringstream lines(text.substr(3, text.size() - 5));
-    for (std::string line; std::getline(lines, line);) {
-        result.complaints.push_back(line);
-    }
-    if (!result.complaints.empty()) {
-        std::fputs(said.c_str(), stderr);
-    }
     return result;
 }
+
+} // namespace qrtln::torture

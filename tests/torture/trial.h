@@ -2,12 +2,22 @@
 // whatever failed.
 #pragma once
 
-#include <functional>
+#include <map>
+#include <memory>
 #include <string>
 #include <vector>
 
-#include "notes_api/types.h"
 #include "tests/interface/module_host.h"
+#include "tests/torture/bytes_of.h"
+
+namespace qrtln::torture {
+
+// What users find in a database: every note and every unread mark, a line each. Begins with
+// "unsound" when the database is damaged or there is none. Its place, its identity and the times of
+// its changes are left out.
+std::string content_of(const std::string& path);
+// Whether a copy has what the database has.
+bool same_content(const std::string& copy, const std::string& database);
 
 // A server with two small databases, and what was prepared for a scenario. The folder is put back
 // as it was kept before each run: paths in it stay the same.
@@ -20,12 +30,12 @@ class Workspace : public SimulatedServer {
     void restore() const;
 
     // The index of database instances, "" when there is none.
-    std::string index() const;
+    std::string index() const { return bytes_of(folder.file("run/qrtln_DBIID.ini")); }
     // Takes the present content of a database into the host's store; where it is there.
-    void store(const std::string& name) const;
-    std::string stored(const std::string& name) const;
+    void store(const std::string& name) const { copy(data(name), stored(name)); }
+    std::string stored(const std::string& name) const { return folder.file("store/" + name); }
     void copy(const std::string& from, const std::string& to) const;
-    bool isOffline(const std::string& name) const;
+    bool is_offline(const std::string& name) const;
 };
 
 // The fault of a run: a call of the server's library with its status, or a call of the module into
@@ -33,10 +43,11 @@ class Workspace : public SimulatedServer {
 struct Fault {
     std::string call;
     unsigned number = 0;
-    STATUS status = 0;
+    int code = 0;
     // The server has no text for any status, either.
     bool untold = false;
 
+    bool is_on_file() const;
     std::string text() const;
 };
 
@@ -51,16 +62,14 @@ class Trial {
     // Every text of DB_GetError, in order.
     std::vector<std::string> errors;
     std::vector<std::string> complaints;
-    // The fault fired before the close; it fired at all.
-    bool firedBeforeClose = false;
-    bool fired = false;
+    // The fault fired before the close.
+    bool fired_before_close = false;
     // The host's own count of what was open just before the close, by NotesSimKind.
     std::vector<unsigned> outstanding;
 
     void expect(bool holds, const std::string& complaint) {
-        if (!holds) {
+        if (!holds)
             complaints.push_back(complaint);
-        }
     }
     // Takes a module's answer: a failure's text is fetched. Returns whether it succeeded.
     bool succeeded(int answer);
@@ -72,14 +81,13 @@ class Trial {
     // Whether the fault, a failed call on a file, may leave something: of FileAllowance.
     bool allows(unsigned allowance) const;
     // Whether nothing may be missing from an operation that counts as done.
-    bool mustBeComplete() const;
+    bool must_be_complete() const;
 };
 
 // An operation that a host runs on a server.
 class Scenario {
   public:
     virtual ~Scenario() = default;
-    virtual const char* name() const = 0;
     // Makes the server and the host's store what the operation needs.
     virtual void prepare(const Workspace& workspace) = 0;
     // What a host does each time before the operation, on the server as the last run left it.
@@ -93,18 +101,25 @@ class Scenario {
     // What a host must do, each in a process of its own, until all is well after a fault.
     virtual std::vector<Scenario*> repair(const Fault&) { return {this}; }
     // Whether the server answers the next operation once with an error, and then is itself again.
-    virtual bool mayNeedRetry(const Fault&) const { return false; }
+    virtual bool may_need_retry(const Fault&) const { return false; }
 };
+
+std::unique_ptr<Scenario> backup(DB_OPERATION_LEVEL level);
+std::unique_ptr<Scenario> restore_with_activation();
+std::unique_ptr<Scenario> restore_of_documents(bool changed); // else deleted
+std::unique_ptr<Scenario> recovery();
 
 // The result of a run, as its parent process knows it.
 struct RunResult {
     bool fired = false;
     bool done = false;
-    // The process ended by itself, as the lists do without memory.
-    bool ended = false;
     std::vector<std::string> complaints;
+    // How often the module called each function of libc that can fail.
+    std::map<std::string, unsigned> calls;
 };
 
 // Runs an operation in a child process with a fault, judges it, and, after a fault, runs a small
 // further operation in that process. A crash is a complaint.
-RunResult runOnce(const Workspace& workspace, Scenario& scenario, const Fault& fault);
+RunResult run_once(const Workspace& workspace, Scenario& scenario, const Fault& fault);
+
+} // namespace qrtln::torture
