@@ -1,14 +1,11 @@
 // Every story of the client over a simulated server in each of its moods.
-#ifdef QRTLN_DOMINO_SIM
-
 #include "tests/client/simulated_server.h"
 
 #include <set>
 
-namespace qrtln {
+namespace qrtln::test {
 namespace {
 
-using nlohmann::json;
 using testing::HasSubstr;
 
 const std::string caffe = "mail/caff\xC3\xA8.nsf";
@@ -35,12 +32,11 @@ const std::vector<const char*> moods = {"all",    own_clock, "",       "session"
                                         "locale", "zone",    "before", "foreign", "logs",  "slow"};
 const auto last = std::getenv("QRTLN_LONG_TESTS") != nullptr ? moods.end() : moods.begin() + 2;
 
-class Moods : public test::OverTheSimulator, public testing::WithParamInterface<const char*> {
+class Moods : public OverTheSimulator, public testing::WithParamInterface<const char*> {
   protected:
     Moods() {
-        std::filesystem::remove_all(m_server);
-        domino("init " + m_server + " --databases 6 --extent-size 65536 --strict '" + GetParam() +
-               "'" + (is_in("logs") ? " --first-log 4294967294" : ""));
+        init("--strict '" + std::string(GetParam()) + "'" +
+             (is_in("logs") ? " --first-log 4294967294" : ""));
         EXPECT_EQ(domino("create " + m_server + " " + caffe), 0);
     }
     // Runs the words of a story, and looks at what must hold after each.
@@ -51,11 +47,12 @@ class Moods : public test::OverTheSimulator, public testing::WithParamInterface<
             if (is_in(departure.mood) && name == departure.story)
                 expected = departure;
         const char* locale = is_in("locale") ? "C" : "C.UTF-8";
-        json document = run(expected.exit_code, words, {{"TZ", "AAA-9"}, {"LC_ALL", locale}});
-        EXPECT_THAT(m_errors, AllOf(HasSubstr(expected.message), Not(HasSubstr("process ends"))));
-        EXPECT_EQ(test::run_client({"verify", "--store", m_store}, {}).exit_code, 0);
+        json document =
+            run(expected.exit_code, words, expected.message, {{"TZ", "AAA-9"}, {"LC_ALL", locale}});
+        EXPECT_THAT(m_errors, Not(HasSubstr("process ends")));
+        EXPECT_EQ(verify(), 0);
         for (const auto& [database, digest] : m_live)
-            EXPECT_EQ(shown(database)["digest"], digest) << database;
+            EXPECT_EQ(this->digest(database), digest) << database;
         check_extents();
         return document;
     }
@@ -73,8 +70,8 @@ class Moods : public test::OverTheSimulator, public testing::WithParamInterface<
         return document;
     }
     void change(const std::string& name) {
-        ASSERT_EQ(domino("put " + m_server + " " + name), 0);
-        m_live[name] = shown(name)["digest"];
+        put(name);
+        m_live[name] = digest(name);
         m_changed.insert(name);
     }
     bool is_in(const std::string& mood) const {
@@ -89,7 +86,7 @@ class Moods : public test::OverTheSimulator, public testing::WithParamInterface<
                 if (item.log && !item.log->active && item.status == ItemStatus::stored)
                     known.insert(static_cast<std::uint32_t>(item.log->number));
         ASSERT_EQ(domino("logs " + m_server + " --json"), 0);
-        const json logs = json::parse(test::read_file(m_scratch / "domino-sim.out"));
+        const json logs = json::parse(domino_said());
         for (const json& extent : logs["extents"])
             if (extent["state"] == "ready to archive")
                 known.insert(extent["number"].get<std::uint32_t>());
@@ -115,8 +112,8 @@ TEST_P(Moods, AllStoriesLoseNothingAndTellNothingThatIsNotSo) {
     change("mail/user1.nsf");
     ASSERT_EQ(domino("create " + m_server + " new.nsf --unlogged"), 0);
     change("new.nsf");
-    test::write_file(m_server + "/state/archiving.json", // of a run that was killed
-                     R"({"process": 99999999, "began": 0})");
+    write_file(m_server + "/state/archiving.json", // of a run that was killed
+               R"({"process": 99999999, "began": 0})");
     backup_story("incr");
     EXPECT_TRUE(m_saved.contains("new.nsf"));
     change("mail/user2.nsf");
@@ -127,7 +124,7 @@ TEST_P(Moods, AllStoriesLoseNothingAndTellNothingThatIsNotSo) {
     m_live.erase("mail/user1.nsf"); // until the document is back
     story("documents", {"documents", "deleted", "--since", "2020-01-01 00:00", "mail/user1.nsf"});
     EXPECT_EQ(shown("mail/user1.nsf --ids")["noteIds"] == ids, !is_in("zone"));
-    m_live["mail/user1.nsf"] = shown("mail/user1.nsf")["digest"];
+    m_live["mail/user1.nsf"] = digest("mail/user1.nsf");
     change("mail/user2.nsf");
     m_live["mail/user2.nsf"] = m_saved["mail/user2.nsf"];
     story("restore", {"restore", "--activate", "mail/user2.nsf"});
@@ -145,5 +142,4 @@ TEST_P(Moods, AllStoriesLoseNothingAndTellNothingThatIsNotSo) {
 }
 
 } // namespace
-} // namespace qrtln
-#endif
+} // namespace qrtln::test

@@ -1,10 +1,8 @@
 #include "tests/client/run_client.h"
 
+#include <algorithm>
 #include <csignal>
-#include <cstdlib>
 #include <fcntl.h>
-#include <fstream>
-#include <gtest/gtest.h>
 #include <sstream>
 #include <sys/mount.h>
 #include <sys/wait.h>
@@ -13,19 +11,6 @@
 namespace qrtln::test {
 
 namespace fs = std::filesystem;
-
-ScratchFolder::ScratchFolder() {
-    // No "-" before what is made up: with an "R" or "o" it would be an option to the module.
-    std::string path = (fs::temp_directory_path() / "qrtln-test_XXXXXX").string();
-    if (::mkdtemp(path.data()) == nullptr)
-        throw std::runtime_error("cannot create " + path);
-    m_path = path;
-}
-
-ScratchFolder::~ScratchFolder() {
-    std::error_code error;
-    fs::remove_all(m_path, error);
-}
 
 SmallFileSystem::SmallFileSystem(const std::string& folder, std::size_t bytes) : m_folder(folder) {
     fs::create_directories(folder);
@@ -38,28 +23,23 @@ SmallFileSystem::~SmallFileSystem() {
         ::umount2(m_folder.c_str(), MNT_DETACH);
 }
 
-RunningClient::RunningClient(const std::vector<std::string>& arguments,
-                             const Environment& environment) {
-    std::vector<std::string> texts = {QRTLN_EXECUTABLE};
-    texts.insert(texts.end(), arguments.begin(), arguments.end());
-    m_pid = ::fork();
-    if (m_pid == 0) {
-        for (auto [name, stream] : {std::pair{"output", 1}, std::pair{"errors", 2}}) {
-            int fd = ::open((m_files / name).c_str(), O_WRONLY | O_CREAT, 0600);
-            ::dup2(fd, stream);
-        }
-        for (const char* name : {"QRTLN_STORE", "TMPDIR", "Notes_ExecDirectory"})
-            ::unsetenv(name);
-        ::setenv("QRTLN_MODULE", QRTLN_FAKE_MODULE, 1);
-        for (const auto& [name, value] : environment)
-            ::setenv(name.c_str(), value.c_str(), 1);
-        std::vector<char*> pointers;
-        for (std::string& text : texts)
-            pointers.push_back(text.data());
-        pointers.push_back(nullptr);
-        ::execv(QRTLN_EXECUTABLE, pointers.data());
-        ::_exit(127);
-    }
+RunningClient::RunningClient(Words words, const Environment& environment) : m_pid(::fork()) {
+    if (m_pid != 0)
+        return;
+    for (auto [name, stream] : {std::pair{"output", 1}, std::pair{"errors", 2}})
+        ::dup2(::open((m_files / name).c_str(), O_WRONLY | O_CREAT, 0600), stream);
+    for (const char* name : {"QRTLN_STORE", "QRTLN_MODULE", "TMPDIR"})
+        ::unsetenv(name);
+    ::setenv("Notes_ExecDirectory", QRTLN_SIMULATOR_DIRECTORY, 1);
+    for (const auto& [name, value] : environment)
+        ::setenv(name.c_str(), value.c_str(), 1);
+    words.insert(words.begin(), QRTLN_EXECUTABLE);
+    std::vector<char*> arguments;
+    for (std::string& word : words)
+        arguments.push_back(word.data());
+    arguments.push_back(nullptr);
+    ::execv(QRTLN_EXECUTABLE, arguments.data());
+    ::_exit(127);
 }
 
 RunningClient::~RunningClient() {
@@ -73,15 +53,12 @@ Outcome RunningClient::wait() {
     int status = 0;
     ::waitpid(m_pid, &status, 0);
     m_pid = -1;
-    Outcome outcome;
-    outcome.exit_code = WIFEXITED(status) ? WEXITSTATUS(status) : -WTERMSIG(status);
-    outcome.output = read_file(m_files / "output");
-    outcome.errors = read_file(m_files / "errors");
-    return outcome;
+    return {WIFEXITED(status) ? WEXITSTATUS(status) : -WTERMSIG(status),
+            read_file(m_files / "output"), read_file(m_files / "errors")};
 }
 
-Outcome run_client(const std::vector<std::string>& arguments, const Environment& environment) {
-    return RunningClient(arguments, environment).wait();
+Outcome run_client(const Words& words, const Environment& environment) {
+    return RunningClient(words, environment).wait();
 }
 
 void write_file(const std::string& path, const std::string& content) {
@@ -95,12 +72,16 @@ std::string read_file(const std::string& path) {
     return text.str();
 }
 
+void flip_a_bit(const std::string& file) {
+    std::string bytes = read_file(file);
+    bytes[bytes.size() / 2] ^= 4;
+    write_file(file, bytes);
+}
+
 std::map<std::string, std::string> snapshot(const std::string& folder) {
     std::map<std::string, std::string> state;
     if (!fs::exists(folder))
         return state;
-    if (!fs::is_directory(folder))
-        return {{".", read_file(folder)}};
     state["."] = "folder";
     for (const auto& entry : fs::recursive_directory_iterator(folder)) {
         std::string name = entry.path().string().substr(folder.size());

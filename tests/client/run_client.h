@@ -1,7 +1,9 @@
-// Runs the client's executable, and folders that clean up after a test.
+// Runs the client's executable, with the real module over the simulated server's library, and reads
+// and writes the files of a test.
 #pragma once
 
-#include <filesystem>
+#include "tests/support/temporary_folder.h"
+
 #include <map>
 #include <string>
 #include <sys/types.h>
@@ -9,18 +11,8 @@
 
 namespace qrtln::test {
 
-// A new folder that is removed with the object.
-class ScratchFolder {
-  public:
-    ScratchFolder();
-    ~ScratchFolder();
-    ScratchFolder(const ScratchFolder&) = delete;
-    ScratchFolder& operator=(const ScratchFolder&) = delete;
-    const std::string& path() const { return m_path; }
-    std::string operator/(const std::string& name) const { return m_path + "/" + name; }
-
-  private:
-    std::string m_path;
+struct ScratchFolder : TemporaryFolder {
+    std::string operator/(const std::string& name) const { return file(name); }
 };
 
 // A small file system of its own; mounted() is false where this user may not mount one.
@@ -43,12 +35,13 @@ struct Outcome {
     std::string errors;
 };
 
+using Words = std::vector<std::string>;
 using Environment = std::map<std::string, std::string>;
 
 // A client that runs; wait() or the destructor ends it.
 class RunningClient {
   public:
-    RunningClient(const std::vector<std::string>& arguments, const Environment& environment);
+    explicit RunningClient(Words words, const Environment& environment = {});
     ~RunningClient();
     RunningClient(const RunningClient&) = delete;
     RunningClient& operator=(const RunningClient&) = delete;
@@ -60,10 +53,11 @@ class RunningClient {
     pid_t m_pid = -1;
 };
 
-Outcome run_client(const std::vector<std::string>& arguments, const Environment& environment);
+Outcome run_client(const Words& words, const Environment& environment = {});
 
 void write_file(const std::string& path, const std::string& content);
-std::string read_file(const std::string& path);
+std::string read_file(const std::string& path); // "" when there is none
+void flip_a_bit(const std::string& file);       // in its middle; a second time flips it back
 
 // Every file, folder and content below a folder, to compare states.
 std::map<std::string, std::string> snapshot(const std::string& folder);

@@ -1,4 +1,4 @@
-// A simulated server, and the client with the real module over it.
+// A simulated server with a store, and the client over it.
 #pragma once
 
 #include "client/catalogue.h"
@@ -7,141 +7,163 @@
 #include "tests/client/run_client.h"
 
 #include <algorithm>
+#include <cctype>
 #include <csignal>
+#include <cstdio>
 #include <ctime>
 #include <fstream>
 #include <gmock/gmock.h>
 #include <nlohmann/json.hpp>
-#include <sys/wait.h>
 #include <thread>
 #include <unistd.h>
 
 namespace qrtln::test {
+
+namespace fs = std::filesystem;
+using nlohmann::json;
 
 // A task of the server: domino-sim with these words, until the object goes away and sends it a
 // signal.
 class ServerTask {
   public:
     explicit ServerTask(const std::string& words, int signal = SIGTERM) : m_signal(signal) {
-        int output[2];
-        EXPECT_EQ(::pipe(output), 0);
-        const std::string command = std::string("exec ") + QRTLN_DOMINO_SIM + " " + words;
-        m_pid = ::fork();
-        if (m_pid == 0) {
-            ::dup2(output[1], 1);
-            ::execl("/bin/sh", "sh", "-c", command.c_str(), nullptr);
-            ::_exit(127);
-        }
-        ::close(output[1]);
+        m_output = ::popen(("echo $$; exec " QRTLN_DOMINO_SIM " " + words).c_str(), "r");
         char line = 0; // printed once it is at work
-        EXPECT_EQ(::read(output[0], &line, 1), 1);
-        ::close(output[0]);
+        EXPECT_EQ(std::fscanf(m_output, "%d %c", &m_pid, &line), 2);
     }
     ~ServerTask() {
         ::kill(m_pid, m_signal);
-        ::waitpid(m_pid, nullptr, 0);
+        ::pclose(m_output);
     }
     ServerTask(const ServerTask&) = delete;
     ServerTask& operator=(const ServerTask&) = delete;
 
   private:
+    std::FILE* m_output;
     pid_t m_pid = -1;
     int m_signal;
 };
 
-// One that has a database open: a command of domino-sim, its options behind it.
-struct HeldDatabase : ServerTask {
-    HeldDatabase(const std::string& server, const std::string& name,
-                 const std::string& command = "hold", const std::string& options = "")
-        : ServerTask(command + " " + server + " " + name + " " + options, SIGKILL) {}
-};
+// Waits for the next second: what was written before is older than a backup that starts now.
+inline void settle() {
+    for (std::time_t now = std::time(nullptr); std::time(nullptr) == now;)
+        std::this_thread::sleep_for(std::chrono::milliseconds(5));
+}
 
 class OverTheSimulator : public testing::Test {
   protected:
-    OverTheSimulator() {
-        std::filesystem::create_directories(m_tmp);
-        domino("init " + m_server + " --databases 6 --extent-size 65536");
+    explicit OverTheSimulator(const std::string& options = "") {
+        fs::create_directories(m_tmp);
+        init(options);
     }
-    // Has the server do what a real one may do: names of moods, with commas.
-    void set_moods(const std::string& moods) const {
-        std::ofstream(m_server + "/notes.ini", std::ios::app) << "SimStrict=" << moods << "\n";
+    // Begins a new server, with these options of `domino-sim init`, in place of the one there.
+    void init(const std::string& options) const {
+        fs::remove_all(m_server);
+        EXPECT_EQ(domino("init " + m_server + " --databases 6 --extent-size 65536 " + options), 0)
+            << domino_said();
+    }
+    void add_to_notes_ini(const std::string& lines) const {
+        std::ofstream(m_server + "/notes.ini", std::ios::app) << lines << "\n";
     }
     // Runs domino-sim with plain words; its exit status.
     int domino(const std::string& words) const {
         std::string command = std::string(QRTLN_DOMINO_SIM) + " " + words + " >" +
                               m_scratch / "domino-sim.out" + " 2>&1";
-        return std::system(command.c_str());
+        return WEXITSTATUS(std::system(command.c_str()));
     }
-    // Runs a command on the server, with the real module.
-    Outcome client(std::vector<std::string> words, Environment environment = {}) const {
-        words.insert(words.end(), {"--notes-ini", m_server + "/notes.ini", "--store", m_store,
-                                   "--tmp-dir", m_tmp, "--json"});
-        environment["QRTLN_MODULE"] = ""; // the one beside the executable
-        environment.try_emplace("Notes_ExecDirectory", QRTLN_SIMULATOR_DIRECTORY);
-        return run_client(words, environment);
-    }
-    Outcome backup(std::vector<std::string> more = {}, Environment environment = {}) const {
-        more.insert(more.begin(), "backup");
-        return client(std::move(more), std::move(environment));
-    }
+    std::string domino_said() const { return read_file(m_scratch / "domino-sim.out"); }
 
-    // What `qrtln list` or the last backup tells, as JSON.
-    nlohmann::json list() const {
-        return nlohmann::json::parse(
-            run_client({"list", "--store", m_store, "--json"}, {}).output)["sets"];
+    // What users do: a document, a new instance, so many full extents.
+    void put(const std::string& name, const std::string& more = "--text new") const {
+        ASSERT_EQ(domino("put " + m_server + " " + name + " " + more), 0) << domino_said();
     }
+    void compact(const std::string& name) const {
+        ASSERT_EQ(domino("compact " + m_server + " " + name), 0) << domino_said();
+    }
+    void fill_extents(std::size_t count) const {
+        for (int i = 0; i < 1000 && extents().size() <= count; ++i)
+            put("mail/user1.nsf", "--count 5 --text " + std::string(9000, 'x'));
+    }
+    // What the server reads in a database; null when it cannot.
+    json shown(const std::string& name) const {
+        if (domino("show " + m_server + " " + name + " --json") != 0)
+            return nullptr;
+        return json::parse(domino_said());
+    }
+    std::string digest(const std::string& name) const { return shown(name)["digest"]; }
     // The numbers of the extents that the server still has, oldest first.
     std::vector<std::int64_t> extents() const {
         std::vector<std::int64_t> numbers;
-        for (const auto& entry : std::filesystem::directory_iterator(m_server + "/logs"))
+        for (const auto& entry : fs::directory_iterator(m_server + "/logs"))
             if (entry.path().extension() == ".TXN")
                 numbers.push_back(std::stoll(entry.path().stem().string().substr(1)));
         std::sort(numbers.begin(), numbers.end());
         return numbers;
     }
+
+    // A command on the server.
+    Words on_server(Words words) const {
+        words.insert(words.end(), {"--notes-ini", m_server + "/notes.ini", "--store", m_store,
+                                   "--tmp-dir", m_tmp, "--json"});
+        return words;
+    }
+    // Runs a command on the server that must end with this code, say this, and leave no folder of
+    // its own behind; its JSON document. Its messages are in m_errors.
+    json run(int exit_code, const Words& words, const std::string& says = "",
+             const Environment& environment = {}) {
+        const auto before = private_folders();
+        Outcome outcome = run_client(on_server(words), environment);
+        m_errors = outcome.errors;
+        EXPECT_EQ(outcome.exit_code, exit_code)
+            << testing::PrintToString(words) << m_errors << outcome.output;
+        EXPECT_THAT(m_errors, testing::HasSubstr(says)) << testing::PrintToString(words);
+        EXPECT_THAT(private_folders(), testing::IsSubsetOf(before))
+            << testing::PrintToString(words);
+        return outcome.output.empty() ? json() : json::parse(outcome.output);
+    }
+    // What runs have for themselves below --tmp-dir: their process ids are in the names. Copies
+    // that wait for a second command are in others.
+    Words private_folders() const {
+        Words names;
+        for (const auto& entry : fs::directory_iterator(m_tmp))
+            if (std::string name = entry.path().filename();
+                name.starts_with("qrtln-") && std::isdigit(name[6]) != 0)
+                names.push_back(name);
+        return names;
+    }
+    json backup(int exit_code, const std::string& level = "full", Words more = {},
+                const std::string& says = "", const Environment& environment = {}) {
+        more.insert(more.begin(), {"backup", "--level", level});
+        return run(exit_code, more, says, environment);
+    }
+    // The same with a call of the server's library that fails.
+    static Environment fault(const std::string& calls) { return {{"NOTES_SIM_FAULTS", calls}}; }
+    // The same with what happens between the module's calls: "CALL:ITEM) shell commands", as
+    // hooked_module/ has it.
+    static Environment hook(const std::string& happens) {
+        return {{"QRTLN_MODULE", QRTLN_HOOKED_MODULE},
+                {"QRTLN_TEST_HOOK", "case $CALL:$ITEM in " + happens + ";; esac"}};
+    }
+    // Runs a command that needs nothing but the store.
+    Outcome on_store(Words words) const {
+        words.insert(words.end(), {"--store", m_store});
+        return run_client(words);
+    }
+    int verify() const { return on_store({"verify"}).exit_code; }
+    std::string owed() const { return read_file(m_store + "/runtime/owed.jsonl"); }
+    std::string index() const { return read_file(m_store + "/runtime/qrtln_DBIID.ini"); }
+    json list() const { return json::parse(on_store({"list", "--json"}).output)["sets"]; }
+
     Manifest manifest(const std::string& set) const {
         return load_set(*open_directory_store(m_store, StoreAccess::read), set).manifest.value();
     }
-    // The names of the stored databases of a set, below the data directory, sorted.
-    std::vector<std::string> databases(const std::string& set) const {
-        std::vector<std::string> names;
-        Manifest stored = manifest(set);
-        for (const ManifestItem& item : stored.items)
-            if (item.kind == ItemKind::database && item.status == ItemStatus::stored)
-                names.push_back(item.path.substr(stored.data_directory.size() + 1));
-        std::sort(names.begin(), names.end());
-        return names;
-    }
-
-    // Runs a command on the server that must end with this code; its JSON document.
-    nlohmann::json run(int exit_code, std::vector<std::string> words,
-                       Environment environment = {}) {
-        Outcome outcome = client(std::move(words), std::move(environment));
-        EXPECT_EQ(outcome.exit_code, exit_code) << outcome.errors << outcome.output;
-        m_errors = outcome.errors;
-        return outcome.output.empty() ? nlohmann::json() : nlohmann::json::parse(outcome.output);
-    }
-    std::string full_backup(const std::vector<std::string>& more = {}) {
-        Outcome outcome = backup(more);
-        EXPECT_EQ(outcome.exit_code, 0) << outcome.errors;
-        return nlohmann::json::parse(outcome.output)["set"];
-    }
-    // What the server reads in a database; null when it cannot.
-    nlohmann::json shown(const std::string& name) const {
-        if (domino("show " + m_server + " " + name + " --json") != 0)
-            return nullptr;
-        return nlohmann::json::parse(read_file(m_scratch / "domino-sim.out"));
-    }
-    // Waits for the next second: what was written before is older than a backup that starts now.
-    static void settle() {
-        for (std::time_t now = std::time(nullptr); std::time(nullptr) == now;)
-            std::this_thread::sleep_for(std::chrono::milliseconds(5));
-    }
-    // Users write until so many extents are full. Each change fits in one.
-    void fill_extents(std::size_t count) const {
-        const std::string text(9000, 'x');
-        for (int i = 0; i < 1000 && extents().size() <= count; ++i)
-            ASSERT_EQ(domino("put " + m_server + " mail/user1.nsf --count 5 --text " + text), 0);
+    // Writes what no client would: over the set that is there, or as another.
+    void write_manifest(const Manifest& manifest) const {
+        auto store = open_directory_store(m_store, StoreAccess::change);
+        if (fs::exists(m_store + "/sets/" + manifest.set + ".json"))
+            store->rewrite_manifest(manifest.set, serialize(manifest));
+        else
+            store->write_manifest(manifest.set, serialize(manifest));
     }
     ManifestItem item(const std::string& set, const std::string& path) const {
         for (const ManifestItem& item : manifest(set).items)
@@ -152,14 +174,21 @@ class OverTheSimulator : public testing::Test {
     std::string object_file(const std::string& set, const std::string& path) const {
         return m_store + "/objects/" + object_file_name(item(set, path).object);
     }
-    void flip_a_bit(const std::string& file) const {
-        std::string bytes = read_file(file);
-        bytes[bytes.size() / 2] ^= 4;
-        write_file(file, bytes);
+    // The names of the stored databases of a set, below the data directory, sorted.
+    Words databases(const std::string& set) const {
+        Words names;
+        for (const ManifestItem& item : manifest(set).items)
+            if (item.kind == ItemKind::database && item.status == ItemStatus::stored)
+                names.push_back(item.path.substr(m_data.size() + 1));
+        std::sort(names.begin(), names.end());
+        return names;
     }
 
     ScratchFolder m_scratch;
     std::string m_server = m_scratch / "server";
+    std::string m_data = m_server + "/data";
+    std::string m_user1 = m_data + "/mail/user1.nsf";
+    std::string m_user2 = m_data + "/mail/user2.nsf";
     std::string m_store = m_scratch / "store";
     std::string m_tmp = m_scratch / "tmp";
     std::string m_errors; // of the last command

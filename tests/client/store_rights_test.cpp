@@ -1,6 +1,4 @@
 // What comes out of a store where there is no server, no right to write, or no right to read.
-#ifdef QRTLN_DOMINO_SIM
-
 #include "client/recovery_journal.h"
 #include "client/server_user.h"
 #include "client/store/digest.h"
@@ -9,42 +7,46 @@
 
 #include <sys/mount.h>
 
-namespace qrtln {
-namespace fs = std::filesystem;
+namespace qrtln::test {
+namespace {
+
 using testing::HasSubstr;
 
-class StoreRights : public test::OverTheSimulator {
+class StoreRights : public OverTheSimulator {
   protected:
-    // Runs the client, as root that may not pass over rights where it is root.
-    void expect(const std::string& words, int code, const std::vector<std::string>& texts) {
-        std::string may =
-            ::geteuid() == 0 ? "setpriv --bounding-set=-dac_override,-dac_read_search " : "";
-        int status = std::system((may + QRTLN_EXECUTABLE " " + words + " --store " + m_store +
-                                  " 2>" + m_err + " >" + m_out)
-                                     .c_str());
-        EXPECT_EQ(WEXITSTATUS(status), code) << words << test::read_file(m_err);
-        for (const std::string& text : texts)
-            EXPECT_THAT(test::read_file(m_err), HasSubstr(text)) << words;
+    static int shell(const std::string& command) {
+        return WEXITSTATUS(std::system(command.c_str()));
     }
-    std::string m_out = m_scratch / "output", m_err = m_scratch / "errors", m_to = m_scratch / "to";
-    std::string m_data = m_server + "/data/";
+    // Runs the client, as root that may not pass over rights where it is root.
+    void expect(const std::string& words, int code, const Words& texts) {
+        const std::string may =
+            ::geteuid() == 0 ? "setpriv --bounding-set=-dac_override,-dac_read_search " : "";
+        EXPECT_EQ(shell(may + QRTLN_EXECUTABLE " " + words + " --store " + m_store + " 2>" + m_err +
+                        " >" + m_out),
+                  code)
+            << words << read_file(m_err);
+        for (const std::string& text : texts)
+            EXPECT_THAT(read_file(m_err), HasSubstr(text)) << words;
+    }
+    const std::string m_out = m_scratch / "output", m_err = m_scratch / "errors";
+    const std::string m_to = m_scratch / "to";
 };
 
 TEST_F(StoreRights, ExtractAndDumpNeedNothingButTheStoreAndWriteOnlyWhatIsWhole) {
-    const std::string full = full_backup(), incr = full_backup({"--level", "incr"});
-    ManifestItem names = item(full, m_data + "names.nsf");
+    const std::string full = backup(0)["set"], incr = backup(0, "incr")["set"];
+    const ManifestItem names = item(full, m_data + "/names.nsf");
     fs::rename(m_server, m_server + ".lost");
-    flip_a_bit(object_file(full, m_data + "mail/user2.nsf"));
+    flip_a_bit(object_file(full, m_user2));
     Manifest hostile = manifest(full);
     hostile.set = "20991231T000000Z-copy";
     hostile.items = {names, names, names};
-    hostile.items[1].path = m_data + "../../../" + m_scratch / "escaped";
-    hostile.items[2].path = m_data + "link/escaped";
+    hostile.items[1].path = m_data + "/../../../" + m_scratch / "escaped";
+    hostile.items[2].path = m_data + "/link/escaped";
+    write_manifest(hostile);
     auto locked = open_directory_store(m_store, StoreAccess::change); // others use it meanwhile
-    locked->write_manifest(hostile.set, serialize(hostile));
     fs::create_directories(m_to + "2");
     fs::create_directory_symlink(m_scratch.path(), m_to + "2/link");
-    expect("extract " + full + " mail names.nsf " + m_data + "user.id --to " + m_to, 4, {"user2"});
+    expect("extract " + full + " mail names.nsf " + m_data + "/user.id --to " + m_to, 4, {"user2"});
     expect("extract " + full + " names.nsf --to " + m_to, 3, {"there already"});
     expect("extract " + full + " names.nsf nothing --to " + m_to + "3", 1, {"'nothing'"});
     expect("extract " + incr + " names.nsf --to " + m_to + "3", 1, {"extract " + full});
@@ -55,24 +57,22 @@ TEST_F(StoreRights, ExtractAndDumpNeedNothingButTheStoreAndWriteOnlyWhatIsWhole)
     expect("dump " + full + " mail/user2.nsf", 4, {"not to be used"});
     expect("dump " + full + " names.nsf", 0, {});
     for (const std::string& file : {m_out, m_to + "/names.nsf", m_to + "2/names.nsf"})
-        EXPECT_EQ(sha256_hex(test::read_file(file)), names.object) << file;
+        EXPECT_EQ(sha256_hex(read_file(file)), names.object) << file;
     for (const std::string& absent : {m_to + "3", m_to + "/mail/user2.nsf", m_scratch / "escaped"})
         EXPECT_FALSE(fs::exists(absent)) << absent;
     EXPECT_EQ(std::distance(fs::directory_iterator(m_to + "/mail"), {}), 1); // nothing half
 }
 
 TEST_F(StoreRights, AStoreThatCanOnlyBeReadIsRecoveredFromAndProvenWithStateElsewhere) {
-    test::SmallFileSystem disk(m_scratch / "disk", std::size_t{64} << 20);
+    SmallFileSystem disk(m_scratch / "disk", std::size_t{64} << 20);
     if (!disk.mounted())
         GTEST_SKIP() << "mounting needs root";
     m_store = m_scratch / "disk/store";
-    const std::string state = m_scratch / "state", set = full_backup();
+    const std::string state = m_scratch / "state", set = backup(0)["set"];
     ASSERT_EQ(::mount("", (m_scratch / "disk").c_str(), "", MS_REMOUNT | MS_RDONLY, ""), 0);
-    using Words = std::vector<std::string>;
     for (Words words : {Words{"prove"}, Words{"recover", "mail", "--into", m_to}}) {
-        run(1, words);
-        EXPECT_THAT(m_errors, HasSubstr("--state"));
-        words.insert(words.end(), {"--state", m_data + "state"});
+        run(1, words, "--state");
+        words.insert(words.end(), {"--state", m_data + "/state"});
         run(1, words);
         words.back() = state;
         run(0, words);
@@ -81,31 +81,32 @@ TEST_F(StoreRights, AStoreThatCanOnlyBeReadIsRecoveredFromAndProvenWithStateElse
     run(2, {"recover", "mail", "--state", state});
     RecoveryJournal left; // by a run that was killed
     left.names = {"names.nsf"};
-    std::tie(left.data_directory, left.into) = std::pair(m_server + "/data", m_to);
+    left.data_directory = m_data;
+    left.into = m_to;
     RecoveryJournalFile(state + "/runtime/recovery.json").write(left);
     auto locked = open_store_with_state({state, m_store, m_data});
     run(11, {"recover", "--state", state});
     locked.reset();
     run(0, {"recover", "--state", state});
-    EXPECT_TRUE(fs::exists(m_to + m_data + "names.nsf"));
+    EXPECT_TRUE(fs::exists(m_to + m_data + "/names.nsf"));
 }
 
 TEST_F(StoreRights, WhatAnotherUserMayNotReadIsNoDamageAndRootLeavesNothingOfItsOwn) {
     if (::geteuid() != 0)
         GTEST_SKIP() << "becoming another user needs root";
     ASSERT_TRUE(fs::create_directory(m_store) && ::chown(m_store.c_str(), 12345, 12345) == 0);
-    full_backup();
-    const std::string set = full_backup();
-    EXPECT_THAT(backup({"--level", "incr"}).errors, HasSubstr("belongs to 12345"));
-    std::string taken = "test -z \"$(find store ! -user 12345)\" && chown -R root store";
-    EXPECT_EQ(std::system(("cd " + m_scratch.path() + "; " + taken).c_str()), 0);
+    backup(0);
+    const std::string set = backup(0)["set"];
+    backup(0, "incr", {}, "belongs to 12345");
+    EXPECT_EQ(
+        shell("test -z \"$(find " + m_store + " ! -user 12345)\" && chown -R root " + m_store), 0);
     const std::string incr = "backup --notes-ini " + m_server + "/notes.ini --level incr";
-    for (const auto& [file, commands] : std::map<std::string, std::vector<std::string>>{
+    for (const auto& [file, commands] : std::map<std::string, Words>{
              {m_store + "/sets/" + set + ".json", {"list", "show " + set, "verify", incr}},
              {m_store + "/runtime/qrtln_DBIID.ini", {"verify", incr}},
              {m_store + "/lock", {incr}},
              {m_store + "/objects", {"list", incr}},
-             {object_file(set, m_data + "names.nsf"), {"verify", "dump " + set + " names.nsf"}}}) {
+             {object_file(set, m_data + "/names.nsf"), {"verify", "dump " + set + " names.nsf"}}}) {
         ASSERT_EQ(::chown(file.c_str(), 12345, 12345), 0) << file;
         for (const std::string& command : commands)
             expect(command, 12, {file, "belongs to 12345", "chown -R root " + m_store});
@@ -115,21 +116,20 @@ TEST_F(StoreRights, WhatAnotherUserMayNotReadIsNoDamageAndRootLeavesNothingOfIts
 
 // Root's library would leave files that the server cannot write.
 TEST_F(StoreRights, RootRunsTheLibraryAsTheServersUserWhoGetsNothingOfTheStore) {
-    const std::string put = "put " + m_server + " mail/user1.nsf --id 4000";
-    ASSERT_EQ(domino(put), 0);
-    const std::string first = full_backup(), list = m_scratch / "ids";
-    ASSERT_EQ(domino(put + " --text changed"), 0);
-    std::string open = "chmod 711 " + m_scratch.path() + " && chown -R 12345 " + m_server;
-    if (::geteuid() != 0 || std::system(open.c_str()) != 0 ||
-        !refused_to_server_user(QRTLN_SIMULATOR_DIRECTORY, X_OK, m_server + "/data").empty())
+    put("mail/user1.nsf", "--id 4000");
+    const std::string first = backup(0)["set"], ids = m_scratch / "ids";
+    put("mail/user1.nsf", "--id 4000 --text changed");
+    if (::geteuid() != 0 ||
+        shell("chmod 711 " + m_scratch.path() + " && chown -R 12345 " + m_server) != 0 ||
+        !refused_to_server_user(QRTLN_SIMULATOR_DIRECTORY, X_OK, m_data).empty())
         GTEST_SKIP() << "needs root, and a build that other users reach";
-    test::write_file(list, "4000");
-    for (const auto& [code, words] : std::vector<std::pair<int, std::vector<std::string>>>{
+    write_file(ids, "4000");
+    for (const auto& [code, words] : std::vector<std::pair<int, Words>>{
              {0, {"backup"}}, // the first with an entry in the index
              {0, {"backup", "--level", "incr"}},
              {0, {"restore", "mail", "--activate", "--keep-replaced"}},
              {0,
-              {"documents", "changed", "--ids", list, "--set", first, "--since", "2020-01-01 00:00",
+              {"documents", "changed", "--ids", ids, "--set", first, "--since", "2020-01-01 00:00",
                "mail/user1.nsf"}},
              {0, {"prove"}},
              {0, {"check", "--try", "--database", "mail/user1.nsf"}},
@@ -137,18 +137,19 @@ TEST_F(StoreRights, RootRunsTheLibraryAsTheServersUserWhoGetsNothingOfTheStore) 
              {0, {"recover", "names.nsf", "--into", m_to}},
              {1, {"recover", "names.nsf", "--into", m_scratch.path()}}}) {
         run(code, words);
-        std::string roots = "find " + m_server + " " + m_tmp + "/* " + m_to + " ! -user 12345";
-        std::string given = "find " + m_store + " ! -user 0";
-        std::string none = "test -z \"$(" + roots + " 2>/dev/null; " + given + ")\"";
-        EXPECT_EQ(std::system(none.c_str()), 0) << words[0] << m_errors;
+        const std::string roots =
+            "find " + m_server + " " + m_tmp + "/* " + m_to + " ! -user 12345";
+        const std::string given = "find " + m_store + " ! -user 0";
+        EXPECT_EQ(shell("test -z \"$(" + roots + " 2>/dev/null; " + given + ")\""), 0)
+            << words[0] << m_errors;
     }
-    EXPECT_TRUE(exists(m_store + "/runtime/qrtln_DBIID.ini") && fs::is_empty(m_tmp));
-    std::string other = "setpriv --reuid=54321 --clear-groups " QRTLN_EXECUTABLE " prove 'a b' ";
-    other += "--store " + m_store + " --notes-ini " + m_server + "/notes.ini 2>" + m_err;
-    EXPECT_EQ(WEXITSTATUS(std::system(other.c_str())), 12);
-    EXPECT_THAT(test::read_file(m_err), HasSubstr("sudo -u '#12345' " QRTLN_EXECUTABLE " prove "));
+    EXPECT_TRUE(fs::exists(m_store + "/runtime/qrtln_DBIID.ini") && fs::is_empty(m_tmp));
+    EXPECT_EQ(shell("setpriv --reuid=54321 --clear-groups " QRTLN_EXECUTABLE
+                    " prove 'a b' --store " +
+                    m_store + " --notes-ini " + m_server + "/notes.ini 2>" + m_err),
+              12);
+    EXPECT_THAT(read_file(m_err), HasSubstr("sudo -u '#12345' " QRTLN_EXECUTABLE " prove "));
 }
 
-} // namespace qrtln
-
-#endif
+} // namespace
+} // namespace qrtln::test
