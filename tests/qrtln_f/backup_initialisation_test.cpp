@@ -1,152 +1,116 @@
 #include "qrt_lotus_notes/qrtln_f/backup_initialisation.h"
 
-#include <gmock/gmock.h>
-#include <set>
-
 #include "qrt_lotus_notes/qrtln_f/dbiid_index.h"
 #include "tests/interface/own_process.h"
 #include "tests/qrtln_f/fake_server.h"
-#include "tests/support/message_capture.h"
 
 namespace {
 
-// Names below the data directory; directories and what comes once in a process are left out.
-std::multiset<std::string> files(const FakeServer& server) {
-    std::multiset<std::string> names;
-    const std::string data = server.data("");
-    for (const std::string& name : server.drainNames()) {
-        if (name.starts_with(data) && name.find('.', data.size()) != std::string::npos &&
-            !name.ends_with("/notes.ini")) {
-            names.insert(name.substr(data.size()));
-        }
-    }
-    return names;
-}
+int s_begins; // calls of NSFBeginArchivingLogs
+int s_terms;  // calls of NotesTerm
+STATUS s_beginStatus;
 
-TEST(BackupInitialisation, ArgumentsChooseTheWholeSystemOrParticularFiles) {
-    using Names = std::multiset<std::string>;
-    const Names everything = {"a.nsf", "m/b.nsf", "m/s/c.nsf"};
+class BackupInitialisation : public FakeServer {
+  protected:
+    BackupInitialisation() {
+        s_begins = s_terms = s_beginStatus = 0;
+        notes_api.NotesTerm = [] { ++s_terms; };
+        notes_api.NSFBeginArchivingLogs = []() -> STATUS {
+            ++s_begins;
+            return s_beginStatus;
+        };
+    }
+    ~BackupInitialisation() override { releaseDBIIDIndex(); }
+
+    int start(const std::string& arguments) {
+        setArguments(arguments);
+        const int result = QRTLN_InitBackup();
+        EXPECT_EQ(g_sQRTLN_Global.lhArgumentFileList, nullptr);
+        return result;
+    }
+};
+
+TEST_F(BackupInitialisation, ArgumentsChooseTheWholeSystemOrParticularFiles) {
     struct Case {
-        std::vector<std::string> arguments; // "@" stands for the data directory
+        const char* arguments;
         QRTLN_OPERATION_TYPE type;
-        Names expected;
+        const char* files; // without directories
+        const char* error = "";
     };
     const auto whole = QRTLN_OPERATION_TYPE_NOTES;
     const auto particular = QRTLN_OPERATION_TYPE_PARTICULAR;
+    const char* const everything = "@/data/a.nsf @/data/m/b.nsf @/data/m/s/c.nsf";
+    const char* const none = "QRTLN_InitBackup: No files found which match input QRT arguments";
     const Case cases[] = {
-        {{"NOTES"}, whole, everything},
-        {{"QRTLN:NOTES"}, whole, everything},
-        {{"NOTESX"}, whole, everything},
-        {{"/"}, whole, everything},
-        {{"QRTLN:/"}, whole, everything},
-        {{"@/m"}, particular, {"m/b.nsf", "m/s/c.nsf"}},
-        {{"QRTLN:@/a.nsf"}, particular, {"a.nsf"}},
-        {{"@/m/x.txt"}, particular, {}}, // not a Domino file
-        {{"@/m/*.*"}, particular, {"m/b.nsf", "m/s/c.nsf"}},
-        {{"@/m/*t"}, particular, {"m/x.txt", "m/s/y.txt"}},
-        {{"@/m/*.txt"}, particular, {"m/x.txt", "m/s/y.txt"}},
-        {{"@/a.nsf", "@/m/b.nsf"}, particular, {"a.nsf", "m/b.nsf"}},
+        {"NOTES", whole, everything},
+        {"QRTLN:NOTESX", whole, everything},
+        {"QRTLN:/", whole, everything},
+        {"@/data/m", particular, "@/data/m/b.nsf @/data/m/s/c.nsf"},
+        {"QRTLN:@/data/a.nsf", particular, "@/data/a.nsf"},
+        {"@/data/m/*.*", particular, "@/data/m/b.nsf @/data/m/s/c.nsf"},
+        {"@/data/m/*.txt", particular, "@/data/m/s/y.txt @/data/m/x.txt"},
         // What a plain argument found stays and is found again; a wildcard is dropped, and what
         // follows is not looked at.
-        {{"@/a.nsf", "@/m/*.txt", "NOTES", "@/no.nsf"},
-         whole,
-         {"a.nsf", "a.nsf", "m/b.nsf", "m/s/c.nsf"}},
+        {"@/data/a.nsf @/data/m/*.txt NOTES @/data/no.nsf", whole,
+         "@/data/a.nsf @/data/a.nsf @/data/m/b.nsf @/data/m/s/c.nsf"},
+        {"@/data/m/x.txt", particular, "", // not a Domino file
+         "getNotesFileList(): There are no files matching requested patterns"},
+        {"@/data/d*", particular, "", none}, // a directory
+        {"@/data/a.nsf QRTLN:/no/100%such.nsf", particular, "@/data/a.nsf",
+         "QRTLN_InitBackup: File not found [/no/100%such.nsf]"},
     };
-    for (const Case& c : cases) {
-        SCOPED_TRACE(c.arguments.front());
-        inOwnProcess([&] {
-            FakeServer server;
-            for (const char* name : {"a.nsf", "m/b.nsf", "m/s/c.nsf", "m/x.txt", "m/s/y.txt"}) {
-                server.addFile(name);
-            }
-            for (std::string argument : c.arguments) {
-                if (const auto at = argument.find('@'); at != std::string::npos) {
-                    argument.replace(at, 1, server.folder.file("data"));
-                }
-                server.addArgument(argument);
-            }
-            EXPECT_EQ(QRTLN_InitBackup(), DB_NUM_I_OK);
+    addAll("a.nsf m/b.nsf m/s/c.nsf m/x.txt m/s/y.txt notes.ini");
+    folder.makeDirectory("data/d.nsf");
+    inOwnProcess([&] { // notes.ini comes once in a process
+        for (const Case& c : cases) {
+            SCOPED_TRACE(c.arguments);
+            s_terms = 0;
+            EXPECT_EQ(start(c.arguments), *c.error == '\0' ? DB_NUM_I_OK : DB_NUM_E_FAILED);
             EXPECT_EQ(g_sQRTLN_Global.eI_BackupType, c.type);
-            EXPECT_EQ(g_sQRTLN_Global.lhArgumentFileList, nullptr);
-            EXPECT_EQ(files(server), c.expected);
-            EXPECT_EQ(FakeServer::s_begins, 0);
-            releaseDBIIDIndex();
-        });
-    }
-}
-
-TEST(BackupInitialisation, OneArgumentThatNamesNothingFailsTheBackupAndEndsTheSession) {
-    inOwnProcess([] {
-        FakeServer server;
-        server.addArgument(server.addFile("a.nsf"));
-        server.addArgument("QRTLN:/no/100%such.nsf");
-        EXPECT_EQ(QRTLN_InitBackup(), DB_NUM_E_FAILED);
-        EXPECT_STREQ(g_sQRTLN_Global.szDBErrorMsg,
-                     "QRTLN_InitBackup: File not found [/no/100%such.nsf]");
-        EXPECT_EQ(FakeServer::s_terms, 1);
-        EXPECT_EQ(g_sQRTLN_Global.lhArgumentFileList, nullptr);
-        releaseDBIIDIndex();
-    });
-}
-
-TEST(BackupInitialisation, SelectionThatFindsNothingIsReported) {
-    inOwnProcess([] {
-        {
-            FakeServer first; // notes.ini is queued here, once for the process
-            first.addArgument("NOTES");
-            EXPECT_EQ(QRTLN_InitBackup(), DB_NUM_I_OK);
+            EXPECT_EQ(error(), c.error);
+            EXPECT_EQ(s_terms, std::strstr(c.error, "not found") != nullptr ? 1 : 0);
+            g_sQRTLN_Global.bNotesInitialized = TRUE;
+            std::string files;
+            for (const std::string& name : split(sortedItems())) {
+                const bool counts =
+                    std::filesystem::is_regular_file(full(name)) && !name.ends_with(".ini");
+                files += counts ? " " + name : "";
+            }
+            EXPECT_EQ(files, (*c.files == '\0' ? "" : " ") + std::string(c.files));
         }
-        FakeServer server;
-        server.folder.makeDirectory("data/x.nsf");
-        server.addArgument(server.folder.file("data") + "/*.nsf");
-        EXPECT_EQ(QRTLN_InitBackup(), DB_NUM_E_FAILED);
-        EXPECT_STREQ(g_sQRTLN_Global.szDBErrorMsg,
-                     "QRTLN_InitBackup: No files found which match input QRT arguments");
-        releaseDBIIDIndex();
+        EXPECT_EQ(s_begins, 0);
     });
 }
 
-TEST(BackupInitialisation, ArchivingSessionIsBegunAsLevelAndFlagSay) {
+TEST_F(BackupInitialisation, ArchivingSessionIsBegunAsLevelAndFlagSay) {
     struct Case {
-        const char* title;
         DB_OPERATION_LEVEL level;
         BOOL withLogs;
         WORD style;
-        STATUS styleStatus;
         STATUS beginStatus;
         int expected;
         int begins;
     };
-    constexpr auto kArchive = kLogStyleArchive;
-    constexpr STATUS kNone = kNotesLoggingNotInEffect;
     const Case cases[] = {
-        // The flag is set later.
-        {"full", DB_LEVEL_FULL, FALSE, kArchive, 0, 0, DB_NUM_I_OK, 0},
-        {"full with the flag", DB_LEVEL_FULL, TRUE, kArchive, 0, 0, DB_NUM_I_OK, 1},
-        {"full, circular", DB_LEVEL_FULL, TRUE, kLogStyleCircular, 0, 0, DB_NUM_I_OK, 0},
-        {"copy, no logging", DB_LEVEL_COPY, TRUE, 0, kNone, 0, DB_NUM_I_OK, 0},
-        {"full, begin fails", DB_LEVEL_FULL, TRUE, kArchive, 0, 1, DB_NUM_E_FAILED, 1},
-        {"differential", DB_LEVEL_DIFF, TRUE, kArchive, 0, 0, DB_NUM_I_OK, 0},
-        {"incremental", DB_LEVEL_INCR, FALSE, kArchive, 0, 0, DB_NUM_I_OK, 1},
-        {"circular", DB_LEVEL_INCR, FALSE, kLogStyleCircular, 0, 0, DB_NUM_I_CIRCULAR_LOG, 0},
-        {"linear", DB_LEVEL_INCR, FALSE, kLogStyleLinear, 0, 0, DB_NUM_I_CIRCULAR_LOG, 0},
-        {"no logging", DB_LEVEL_INCR, FALSE, 0, kNone, 0, DB_NUM_E_FAILED, 0},
+        {DB_LEVEL_FULL, FALSE, kLogStyleArchive, 0, DB_NUM_I_OK, 0}, // the flag is set later
+        {DB_LEVEL_FULL, TRUE, kLogStyleArchive, 0, DB_NUM_I_OK, 1},
+        {DB_LEVEL_FULL, TRUE, kLogStyleArchive, 1, DB_NUM_E_FAILED, 1},
+        {DB_LEVEL_FULL, TRUE, kLogStyleCircular, 0, DB_NUM_I_OK, 0},
+        {DB_LEVEL_COPY, TRUE, kNoLogging, 0, DB_NUM_I_OK, 0},
+        {DB_LEVEL_INCR, FALSE, kLogStyleArchive, 0, DB_NUM_I_OK, 1},
+        {DB_LEVEL_INCR, FALSE, kLogStyleCircular, 0, DB_NUM_I_CIRCULAR_LOG, 0},
+        {DB_LEVEL_INCR, FALSE, kNoLogging, 0, DB_NUM_E_FAILED, 0},
     };
+    add("a.nsf");
     for (const Case& c : cases) {
-        SCOPED_TRACE(c.title);
-        inOwnProcess([&] {
-            FakeServer server;
-            server.addFile("a.nsf");
-            server.addArgument("NOTES");
+        SCOPED_TRACE(std::to_string(c.level) + " " + std::to_string(c.style));
+        inOwnProcess([&] { // which has no session yet
             g_sQRTLN_Global.eI_OperationLevel = c.level;
             g_sQRTLN_Global.bWithArchiveLogs = c.withLogs;
-            FakeServer::s_style = c.style;
-            FakeServer::s_styleStatus = c.styleStatus;
-            FakeServer::s_beginStatus = c.beginStatus;
-            EXPECT_EQ(QRTLN_InitBackup(), c.expected);
-            EXPECT_EQ(FakeServer::s_begins, c.begins);
-            EXPECT_EQ(g_sQRTLN_Global.lhArgumentFileList, nullptr);
-            releaseDBIIDIndex();
+            s_style = c.style;
+            s_beginStatus = c.beginStatus;
+            EXPECT_EQ(start("NOTES"), c.expected);
+            EXPECT_EQ(s_begins, c.begins);
         });
     }
 }

@@ -1,143 +1,148 @@
-// A server that answers from fields: the functions of the Notes C API that backup selection
-// reaches.
+// An operation of the module's upper floor on a server that answers from fields.
 #pragma once
 
+#include <algorithm>
 #include <cstring>
 #include <map>
+#include <sstream>
 #include <string>
-#include <utility>
 #include <vector>
+
+#include <gmock/gmock.h>
 
 #include "common/bounded_text.h"
 #include "notes_api/notes_api.h"
-#include "qrt_lotus_notes/operation_state.h"
 #include "qrt_lotus_notes/qrtln_l/file_list_queue.h"
 #include "qrt_lotus_notes/qrtln_u/messages.h"
+#include "tests/support/message_capture.h"
 #include "tests/support/temporary_folder.h"
 
 // One database as the server sees it.
 struct FakeDatabase {
     BOOL bLogged = FALSE;
-    UNIVERSALNOTEID DbIID{};
-    bool bBackedUp = true;  // on this instance of the log
-    DWORD dwSpanNeeded = 0; // answer of NSFIsNewBackupNeeded
-    bool bModified = false; // since whatever time
-    STATUS openStatus = kNotesNoError;
+    DWORD dwDbIId = 0;
     STATUS needStatus = kNotesNoError; // of the question whether it needs a backup
+    DWORD dwSpanNeeded = 0;            // the answer to it
+    bool bModified = false;            // since whatever time
 };
+
+constexpr WORD kNoLogging = 0xFFFF; // instead of a style
 
 inline UNIVERSALNOTEID dbIId(DWORD number) {
     return {{{number, 0xA1B2C3D4}}, {{0x00000001, 0xFFFFFFFF}}};
 }
 
-// The text of the pending error, which is cleared; empty when there is none.
-inline std::string takeErrorText() {
-    TYPE_DB_Error error = {};
-    takeError(&error);
-    return error.szDBErrorMsg;
-}
-
-// The server and the operation record of a test; both are as after the module's loading.
-class FakeServer {
-  public:
+// The base of the tests: a server, and a backup with a data directory and TMP_DIR in the folder of
+// the test. In a text of a test "@" stands for that folder.
+class FakeServer : public testing::Test {
+  protected:
     FakeServer() {
-        // The callbacks of a MessageCapture outlive the reset.
-        const auto traceFunction = g_sQRTLN_Global.vpTraceFunc;
-        const auto logFunction = g_sQRTLN_Global.vpLogFunc;
-        g_sQRTLN_Global = QRTLN_Global{};
-        g_sQRTLN_Global.vpTraceFunc = traceFunction;
-        g_sQRTLN_Global.vpLogFunc = logFunction;
         s_databases.clear();
         s_style = kLogStyleArchive;
-        s_styleStatus = s_beginStatus = kNotesNoError;
-        s_begins = s_terms = s_opens = 0;
         s_runTimeDirectory = folder.makeDirectory("run");
         folder.makeDirectory("data");
         folder.makeDirectory("tmp");
-        copyText(g_sQRTLN_Global.szNotesDataDirectory, (folder.file("data") + "/").c_str());
-        copyText(g_sQRTLN_Global.szTmpDir, folder.file("tmp").c_str());
+        set(g_sQRTLN_Global.szNotesDataDirectory, "@/data/");
+        set(g_sQRTLN_Global.szTmpDir, "@/tmp");
         g_sQRTLN_Global.eI_OperationType = DB_TYPE_BCK;
         g_sQRTLN_Global.eI_OperationLevel = DB_LEVEL_FULL;
         g_sQRTLN_Global.bNotesInitialized = TRUE;
         g_sQRTLN_Global.lhNotesFileList = CreateFIFOList();
         fillSlots();
     }
-    ~FakeServer() {
+    ~FakeServer() override {
         DestroyFIFOList(g_sQRTLN_Global.lhNotesFileList);
         DestroyFIFOList(g_sQRTLN_Global.lhArgumentFileList);
         g_sQRTLN_Global = QRTLN_Global{};
     }
-    FakeServer(const FakeServer&) = delete;
-    FakeServer& operator=(const FakeServer&) = delete;
 
-    std::string data(const std::string& name) const { return folder.file("data/" + name); }
-
-    // Creates a file below the data directory; returns its full path.
-    std::string addFile(const std::string& name) const {
-        return folder.write("data/" + name, "content of " + name);
-    }
-    std::string addDatabase(const std::string& name, const FakeDatabase& database) {
-        s_databases[data(name)] = database;
-        return addFile(name);
-    }
-
-    // Queues a database argument.
-    void addArgument(const std::string& argument) {
-        if (g_sQRTLN_Global.lhArgumentFileList == nullptr) {
-            g_sQRTLN_Global.lhArgumentFileList = CreateFIFOList();
+    static std::string replaced(std::string text, const std::string& from, const std::string& to) {
+        for (std::size_t at = 0; (at = text.find(from, at)) != std::string::npos; at += to.size()) {
+            text.replace(at, from.size(), to);
         }
-        pushPath(g_sQRTLN_Global.lhArgumentFileList, argument.c_str(), DB_BACKUP_FILE_TYPE_DB);
+        return text;
+    }
+    std::string full(const std::string& text) const { return replaced(text, "@", folder.path()); }
+    void set(char (&field)[kPathSize], const std::string& text) const {
+        copyText(field, full(text).c_str());
     }
 
-    // Takes everything out of the item queue, each item with its kind.
-    std::vector<std::pair<std::string, DB_BACKUP_FILE_TYPE>> drain() const {
-        std::vector<std::pair<std::string, DB_BACKUP_FILE_TYPE>> items;
+    // Creates a file below the data directory, for a database with what the server says of it.
+    std::string add(const std::string& name, const FakeDatabase& database = {}) const {
+        const std::string path = folder.write("data/" + name, "content of " + name);
+        s_databases[path] = database;
+        return path;
+    }
+    void addAll(const std::string& names) const {
+        for (const std::string& name : split(names)) {
+            add(name);
+        }
+    }
+    // What lists hold is a text here, its names separated by blanks.
+    static std::vector<std::string> split(const std::string& text) {
+        std::istringstream words(text);
+        return {std::istream_iterator<std::string>(words), {}};
+    }
+    void setQueue(LIST_INFO*& queue, const std::string& names) const {
+        DestroyFIFOList(queue);
+        queue = CreateFIFOList();
+        for (const std::string& name : split(full(names))) {
+            pushPath(queue, name.c_str(), DB_BACKUP_FILE_TYPE_DB);
+        }
+    }
+    void setArguments(const std::string& names) const {
+        setQueue(g_sQRTLN_Global.lhArgumentFileList, names);
+    }
+    // Takes everything out of a queue; the kind of each may be wanted as well.
+    std::string drain(LIST_INFO* queue, bool inOrder = true, bool withKinds = false) const {
+        std::vector<std::string> names;
         char szItem[kPathSize];
         unsigned int uiSize = 0;
         DB_BACKUP_FILE_TYPE kind = DB_BACKUP_FILE_TYPE_DB;
-        while (PullFIFOItemLN(g_sQRTLN_Global.lhNotesFileList, szItem, &uiSize, &kind)) {
-            items.emplace_back(szItem, kind);
+        while (PullFIFOItemLN(queue, szItem, &uiSize, &kind)) {
+            names.push_back(replaced(szItem, folder.path(), "@") +
+                            (withKinds ? ":" + std::to_string(kind) : ""));
         }
-        return items;
+        if (!inOrder) {
+            std::sort(names.begin(), names.end());
+        }
+        std::string text;
+        for (const std::string& name : names) {
+            text += (text.empty() ? "" : " ") + name;
+        }
+        return text;
     }
-    std::vector<std::string> drainNames() const {
-        std::vector<std::string> names;
-        for (const auto& item : drain()) {
-            names.push_back(item.first);
-        }
-        return names;
+    std::string items() const { return drain(g_sQRTLN_Global.lhNotesFileList); }
+    std::string sortedItems() const { return drain(g_sQRTLN_Global.lhNotesFileList, false); }
+
+    // The text of the pending error, which is cleared; empty when there is none.
+    std::string error() const {
+        TYPE_DB_Error error = {};
+        takeError(&error);
+        return replaced(error.szDBErrorMsg, folder.path(), "@");
+    }
+    bool logged(const std::string& text) const { return messages.hasLog(full(text)); }
+    long logsWith(const std::string& part) const {
+        return std::count_if(
+            messages.logs().begin(), messages.logs().end(),
+            [&](const std::string& log) { return log.find(full(part)) != std::string::npos; });
     }
 
-    TemporaryFolder folder;
+    const TemporaryFolder folder;
+    MessageCapture messages;
     inline static std::map<std::string, FakeDatabase> s_databases;
     inline static WORD s_style;
-    inline static STATUS s_styleStatus;
-    inline static STATUS s_beginStatus;
-    inline static int s_begins; // calls of NSFBeginArchivingLogs
-    inline static int s_terms;  // calls of NotesTerm
-    inline static int s_opens;  // databases open now
+
+  public:
     inline static std::string s_runTimeDirectory;
 
   private:
     inline static FakeDatabase s_open;
 
-    static STATUS open(const char* path, DBHANDLE* handle) {
-        const auto found = s_databases.find(path);
-        if (found == s_databases.end()) {
-            return kNotesNoSuchFile;
-        }
-        s_open = found->second;
-        if (s_open.openStatus == kNotesNoError) {
-            *handle = 1;
-            ++s_opens;
-        }
-        return s_open.openStatus;
-    }
-
     static int succeed() { return 0; }
 
+    // Every function succeeds and leaves its outputs alone but those below.
     static void fillSlots() {
-        // Every function succeeds and leaves its outputs alone but those below.
         for (NotesSlot* slot = notes_api.first; slot != nullptr; slot = slot->next()) {
             slot->setAddress(reinterpret_cast<void*>(&succeed));
         }
@@ -145,34 +150,24 @@ class FakeServer {
             copyText(out, size, in);
             return static_cast<WORD>(std::strlen(out));
         };
-        notes_api.OSLoadString = [](HMODULE, STATUS status, char* out, WORD size) -> WORD {
-            formatText(out, size, "status %d", status);
-            return static_cast<WORD>(std::strlen(out));
-        };
-        notes_api.NotesTerm = [] { ++s_terms; };
-        notes_api.NSFDbOpen = &open;
-        notes_api.NSFDbClose = [](DBHANDLE) -> STATUS {
-            --s_opens;
+        notes_api.NSFDbOpen = [](const char* path, DBHANDLE* handle) -> STATUS {
+            s_open = s_databases[path];
+            *handle = 1;
             return kNotesNoError;
         };
         notes_api.NSFDbGetLogInfo = [](DBHANDLE, DWORD, BOOL* logged, UNIVERSALNOTEID*,
                                        UNIVERSALNOTEID* id, DWORD*) -> STATUS {
             *logged = s_open.bLogged;
-            *id = s_open.DbIID;
+            *id = dbIId(s_open.dwDbIId);
             return kNotesNoError;
         };
         notes_api.NSFGetTransLogStyle = [](WORD* style) -> STATUS {
             *style = s_style;
-            return s_styleStatus;
-        };
-        notes_api.NSFBeginArchivingLogs = []() -> STATUS {
-            ++s_begins;
-            return s_beginStatus;
+            return s_style == kNoLogging ? kNotesLoggingNotInEffect : kNotesNoError;
         };
         notes_api.NSFIsNewBackupNeeded = [](char* path, DWORD, DWORD* needed) -> STATUS {
-            const FakeDatabase& database = s_databases[path];
-            *needed = database.dwSpanNeeded;
-            return !database.bBackedUp ? kNotesNotBackedUp : database.needStatus;
+            *needed = s_databases[path].dwSpanNeeded;
+            return s_databases[path].needStatus;
         };
         // The way to NSFDbGetModifiedNoteTable.
         notes_api.OSGetIntlSettings = [](INTLFORMAT* format, WORD) {

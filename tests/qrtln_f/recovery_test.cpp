@@ -1,289 +1,158 @@
 #include "qrt_lotus_notes/qrtln_f/recovery.h"
 
-#include <gmock/gmock.h>
-
-#include "qrt_lotus_notes/qrtln_u/messages.h"
 #include "qrt_lotus_notes/qrtln_u/roll_forward.h"
 #include "tests/qrtln_f/fake_server.h"
-#include "tests/support/message_capture.h"
 
 namespace {
 
-using testing::ElementsAre;
-using testing::IsEmpty;
-using testing::UnorderedElementsAre;
+std::string s_recovered; // the names given to the server
 
-std::vector<std::string> s_recovered; // the names given to the server, in their order
-
-class Recovery : public testing::Test {
+// A recovery that is rolled forward.
+class Recovery : public FakeServer {
   protected:
     Recovery() {
-        g_sQRTLN_Global.vpTraceFunc = traceFunction;
-        g_sQRTLN_Global.vpLogFunc = logFunction;
         g_sQRTLN_Global.eI_OperationType = DB_TYPE_RST;
         g_sQRTLN_Global.bRecovery = TRUE;
-        s_recovered.clear();
+        EXPECT_TRUE(readRollForward("YES", g_sQRTLN_Global.sRecoveryChoices));
         notes_api.NSFTakeDatabaseOffline = [](char*, DWORD, DWORD) -> STATUS { return 0; };
         notes_api.NSFBringDatabaseOnline = [](char*, DWORD) -> STATUS { return 0; };
         notes_api.NSFRecoverDatabases = [](char* names, LOGRESTORECALLBACKFUNCTION, DWORD, WORD*,
                                            TIMEDATE*) -> STATUS {
             for (; *names != '\0'; names += std::strlen(names) + 1) {
-                s_recovered.emplace_back(names);
+                s_recovered += std::string(names) + " ";
             }
             return 0;
         };
     }
 
-    void rollForward() const {
-        ASSERT_TRUE(readRollForward("YES", g_sQRTLN_Global.sRecoveryChoices));
-    }
-    void relocate(bool plain) const {
-        copyText(g_sQRTLN_Global.szRelocationDir, server.folder.makeDirectory("r").c_str());
-        g_sQRTLN_Global.bPlainRestore = plain;
-    }
-    // As DB_InitOperation runs it.
-    int recover(const std::vector<std::string>& arguments) {
-        for (const std::string& argument : arguments) {
-            server.addArgument(argument);
-        }
-        const int result = QRTLN_InitRecovery();
+    // Runs it as DB_InitOperation does; what it recovers is in `recovered`.
+    int recover(const std::string& arguments) {
+        s_recovered.clear();
+        messages.clear();
+        items();
+        setArguments(arguments);
+        const int initialised = QRTLN_InitRecovery();
         EXPECT_EQ(g_sQRTLN_Global.lhArgumentFileList, nullptr);
-        return result == DB_NUM_I_OK ? QRTLN_Recovery() : result;
+        const int result = initialised == DB_NUM_I_OK ? QRTLN_Recovery() : initialised;
+        LIST_INFO* list = nullptr;
+        setQueue(list, s_recovered);
+        recovered = drain(list, false);
+        DestroyFIFOList(list);
+        return result;
     }
-    static std::string error() {
-        TYPE_DB_Error error = {};
-        takeError(&error);
-        return error.szDBErrorMsg;
+    // Puts restored copies into the folder of the test.
+    void pend(const std::string& names) const {
+        for (const std::string& name : split(full(names))) {
+            folder.write(name.substr(folder.path().size() + 1), "new");
+        }
     }
-    // Puts a restored copy under a folder of the test.
-    std::string pend(const std::string& name) const { return server.folder.write(name, "new"); }
 
-    MessageCapture messages;
-    const TYPE_DB_MessageFunc traceFunction = g_sQRTLN_Global.vpTraceFunc;
-    const TYPE_DB_MessageFunc logFunction = g_sQRTLN_Global.vpLogFunc;
-    FakeServer server; // resets the record
+    std::string recovered;
 };
 
-TEST_F(Recovery, WithoutRollForwardNothingIsSelected) {
-    server.addFile("names.nsf");
-    server.addFile("mail/a.nsf");
-    pend("tmp/names.nsf");
-    struct Case {
-        std::vector<std::string> arguments;
-        const char* error;
-        const char* trace;
-    };
-    const Case cases[] = {
-        {{"QRTLN:NOTESDATA", "/never/read"},
-         "getNotesFileList(): There are no files matching requested patterns",
-         "QRTLN_InitRecovery(): Whole Lotus Notes System RECOVERY."},
-        {{"QRTLN:" + server.data("names.nsf")},
-         "",
-         "QRTLN_Recovery(): The Database restore files COULD NOT be found."},
-        {{server.data("lost.nsf")}, "No files found", nullptr},
-        {{server.data("lost.nsf"), "QRTLN:" + server.data("mail")},
-         "",
-         "QRTLN_Recovery(): There is no files waiting to be recovered !"},
-    };
-    for (const Case& c : cases) {
-        messages.clear();
-        server.drain();
-        EXPECT_EQ(recover(c.arguments), DB_NUM_E_FAILED);
-        EXPECT_EQ(error(), c.error);
-        if (c.trace != nullptr) {
-            EXPECT_TRUE(messages.hasTrace(c.trace));
-        }
-        EXPECT_FALSE(messages.hasTrace("QRTLN_InitRecovery: Got argument [/never/read]"));
-        EXPECT_TRUE(c.trace != nullptr ||
-                    messages.hasTrace("QRTLN_InitRecovery(): Pattern does not assign any existing "
-                                      "file: [" +
-                                      server.data("lost.nsf") + "]"));
-    }
-    EXPECT_THAT(s_recovered, IsEmpty());
-    EXPECT_TRUE(server.folder.exists("tmp/names.nsf"));
-}
-
-TEST_F(Recovery, TheSearchForCopiesWalksAndListsOnlyWhenRollingForward) {
-    pend("tmp/a.nsf");
-    pend("tmp/m/b.NTF");
-    pend("tmp/m/notes.txt");
-    pend("tmp/m/n/c.nsf");
-    server.folder.makeDirectory("tmp/d.nsf");
-    const std::string root = server.folder.file("tmp");
-    for (const bool listed : {false, true}) {
-        for (const std::string end : {"", "/"}) {
-            messages.clear();
-            g_sQRTLN_Global.sRecoveryChoices.bFindsPending = listed;
-            LIST_INFO* pending = CreateFIFOList();
-            EXPECT_EQ(QRTLN_GetRecoveryPendingFiles(pending, (root + end).c_str()), DB_NUM_I_OK);
-            std::swap(pending, g_sQRTLN_Global.lhNotesFileList);
-            const auto names = server.drainNames();
-            std::swap(pending, g_sQRTLN_Global.lhNotesFileList);
-            DestroyFIFOList(pending);
-            if (listed) {
-                EXPECT_THAT(names, UnorderedElementsAre(root + "/a.nsf", root + "/m/b.NTF",
-                                                        root + "/m/n/c.nsf"));
-            } else {
-                EXPECT_THAT(names, IsEmpty());
-            }
-            EXPECT_TRUE(messages.hasTrace("QRTLN_GetRecoveryPendingFiles(): findFirst [" + root +
-                                          "/m/n/*.nsf]"));
-            EXPECT_FALSE(messages.hasTrace("QRTLN_GetRecoveryPendingFiles(): findFirst [" + root +
-                                           "/m/*.nsf]"));
-        }
-    }
-}
-
-TEST_F(Recovery, RolledForwardTheSelectedCopiesReplaceTheirOriginals) {
-    rollForward();
-    server.addFile("names.nsf");
-    server.addFile("names2.nsf");
-    server.addFile("mail/a.nsf");
-    for (const char* name : {"names.nsf", "names2.nsf", "mail/a.nsf", "mail/lost.box",
-                             "gone/x[1].nsf", "gone/x1.nsf", "other/y.nsf"}) {
-        pend(std::string("tmp/") + name);
-    }
-    for (const std::string end : {"", "/"}) {
-        SCOPED_TRACE("TMP_DIR ends in \"" + end + "\"");
-        copyText(g_sQRTLN_Global.szTmpDir, (server.folder.file("tmp") + end).c_str());
-        s_recovered.clear();
-        server.drain();
-        for (const char* name : {"names.nsf", "mail/a.nsf", "mail/lost.box", "gone/x[1].nsf"}) {
-            pend(std::string("tmp/") + name);
-        }
-        EXPECT_EQ(
-            recover({"QRTLN:" + server.data("names.nsf"), server.data("names.nsf"),
-                     "QRTLN:" + server.data("mail/a.nsf"), "QRTLN:" + server.data("mail/lost.box"),
-                     "QRTLN:" + server.data("gone/x\\[1\\].nsf"),
-                     "QRTLN:" + server.data("mail/nocopy.nsf")}),
-            DB_NUM_I_COMPLETE);
-        const std::string root = server.folder.file("tmp/");
-        EXPECT_THAT(s_recovered,
-                    UnorderedElementsAre(root + "names.nsf", root + "mail/a.nsf",
-                                         root + "mail/lost.box", root + "gone/x[1].nsf"));
-    }
-    for (const char* name : {"names.nsf", "mail/a.nsf", "mail/lost.box", "gone/x[1].nsf"}) {
-        EXPECT_EQ(server.folder.read(std::string("data/") + name), "new");
-        EXPECT_FALSE(server.folder.exists(std::string("tmp/") + name));
-        EXPECT_TRUE(messages.hasLog("ROLLFORWARD: recovered [" + server.data(name) + "]"));
-    }
-    EXPECT_TRUE(messages.hasLog("ROLLFORWARD: NOT recovered [" + server.data("mail/nocopy.nsf") +
-                                "]: no restored copy of it waits for recovery"));
-    EXPECT_TRUE(server.folder.exists("tmp/names2.nsf"));
-    EXPECT_FALSE(server.folder.exists("data/other/y.nsf"));
-}
-
-// Live are all but lost.nsf and lost/y.nsf; copies wait of some.
+// Live are all but those in `lost`; copies wait of some.
 TEST_F(Recovery, ANameCoversItselfAloneAndAPatternWhatItMatches) {
-    struct Case {
-        std::vector<std::string> arguments;
-        std::vector<std::string> waiting;
-        std::vector<std::string> recovered;
+    const struct {
+        const char* arguments;
+        const char* waiting;
+        const char* recovered;
+        const char* leftOver = nullptr;
+    } cases[] = {
+        // Used up, it covers nothing more.
+        {"@/data/b.nsf @/data/b.nsf", "@/tmp/a.nsf @/tmp/b.nsf", "@/tmp/b.nsf"},
+        {"QRTLN:@/data/a\\[1\\].nsf", "@/tmp/a1.nsf", "", "a[1].nsf"},
+        // Wildcards in a directory's name are none.
+        {"@/data/d[1]/*.*", "@/tmp/d[1]/x.nsf @/tmp/d1/x.nsf", "@/tmp/d[1]/x.nsf"},
+        {"@/data/l*.nsf", "@/tmp/a.nsf @/tmp/lost.nsf @/tmp/l.nsf", "@/tmp/l.nsf @/tmp/lost.nsf"},
+        {"@/data/lost/*", "@/tmp/lost/y.nsf @/tmp/a.nsf", "@/tmp/lost/y.nsf"},
+        {"@/data/a.nsf @/data/no.nsf", "@/tmp/a.nsf", "@/tmp/a.nsf", "no.nsf"},
+        {"@/data/lost.nsf", "@/tmp/lost.nsf @/tmp/m/notes.txt @/tmp/d.nsf/e.nsf", "@/tmp/lost.nsf"},
     };
-    const Case cases[] = {
-        {{"b.nsf"}, {"a.nsf", "b.nsf"}, {"b.nsf"}}, // used up, it covers nothing more
-        {{"a\\[1\\].nsf"}, {"a1.nsf"}, {}},         // the name of an existing one
-        {{"d[1]/*.*"}, {"d1/x.nsf"}, {}},           // wildcards in a directory's name are none
-        {{"d[1]/*.*"}, {"d[1]/x.nsf", "d1/x.nsf"}, {"d[1]/x.nsf"}},
-        {{"l*.nsf"}, {"a.nsf", "lost.nsf", "l.nsf"}, {"lost.nsf", "l.nsf"}},
-        {{"lost/*"}, {"lost/y.nsf", "a.nsf"}, {"lost/y.nsf"}},
-    };
-    for (const Case& c : cases) {
-        SCOPED_TRACE(c.arguments[0]);
-        server.drain();
-        std::filesystem::remove_all(server.data("lost"));
-        std::filesystem::remove_all(server.folder.file("tmp"));
-        rollForward();
-        s_recovered.clear();
-        for (const char* name :
-             {"a.nsf", "b.nsf", "a[1].nsf", "a1.nsf", "d[1]/x.nsf", "d1/x.nsf", "l.nsf"}) {
-            server.addFile(name);
+    for (const auto& c : cases) {
+        for (const char* tmpDir : {"@/tmp", "@/tmp/"}) {
+            SCOPED_TRACE(c.arguments);
+            set(g_sQRTLN_Global.szTmpDir, tmpDir);
+            for (const char* name : {"lost", "lost.nsf", "../tmp"}) {
+                std::filesystem::remove_all(full("@/data/") + name);
+            }
+            addAll("a.nsf b.nsf a[1].nsf a1.nsf d[1]/x.nsf d1/x.nsf l.nsf");
+            pend(c.waiting);
+            EXPECT_EQ(recover(c.arguments),
+                      *c.recovered == '\0' ? DB_NUM_E_FAILED : DB_NUM_I_COMPLETE);
+            EXPECT_EQ(recovered, c.recovered);
+            for (const std::string& copy : split(c.recovered)) {
+                const std::string name = copy.substr(std::strlen("@/tmp/"));
+                EXPECT_EQ(folder.read("data/" + name), "new");
+                EXPECT_FALSE(folder.exists("tmp/" + name));
+                EXPECT_TRUE(logged("ROLLFORWARD: recovered [@/data/" + name + "]"));
+            }
+            EXPECT_EQ(logsWith("NOT recovered"), c.leftOver != nullptr ? 1 : 0);
+            EXPECT_EQ(logged("ROLLFORWARD: NOT recovered [@/data/" +
+                             std::string(c.leftOver != nullptr ? c.leftOver : "") +
+                             "]: no restored copy of it waits for recovery"),
+                      c.leftOver != nullptr);
         }
-        for (const std::string& name : c.waiting) {
-            pend("tmp/" + name);
-        }
-        std::vector<std::string> arguments;
-        for (const std::string& argument : c.arguments) {
-            arguments.push_back("QRTLN:" + server.data(argument));
-        }
-        EXPECT_EQ(recover(arguments), c.recovered.empty() ? DB_NUM_E_FAILED : DB_NUM_I_COMPLETE);
-        std::vector<std::string> expected;
-        for (const std::string& name : c.recovered) {
-            expected.push_back(server.folder.file("tmp/" + name));
-        }
-        EXPECT_THAT(s_recovered, testing::UnorderedElementsAreArray(expected));
     }
 }
 
 TEST_F(Recovery, RelocatedCopiesAreRecoveredWhereTheyLie) {
-    rollForward();
-    for (const bool plain : {false, true}) {
-        SCOPED_TRACE(plain);
-        relocate(plain);
-        s_recovered.clear();
-        server.addFile("mail/a.nsf");
-        const std::string below = plain ? "r/" : "r" + server.data("mail/");
-        const std::string live = pend(below + "a.nsf");
-        const std::string lost = pend(below + "lost.nsf");
-        pend(below + "other.nsf");
-        pend(below + "deeper/a.nsf");
-        pend("tmp/mail/a.nsf");
-        EXPECT_EQ(recover({server.data("mail/a.nsf"), server.data("mail/lost.nsf")}),
-                  DB_NUM_I_COMPLETE);
-        EXPECT_THAT(s_recovered, UnorderedElementsAre(live, lost));
-        EXPECT_EQ(server.folder.read("data/mail/a.nsf"), "content of mail/a.nsf");
-        EXPECT_EQ(server.folder.read(below + "a.nsf"), "new");
-        EXPECT_TRUE(messages.hasLog("ROLLFORWARD: recovered [" + live + "]"));
+    add("mail/a.nsf");
+    set(g_sQRTLN_Global.szRelocationDir, "@/r");
+    for (const BOOL plain : {FALSE, TRUE}) {
+        g_sQRTLN_Global.bPlainRestore = plain;
+        const std::string below = plain ? "@/r/" : full("@/r@/data/mail/");
+        pend(below + "a.nsf " + below + "lost.nsf " + below + "other.nsf " + below +
+             "deeper/a.nsf @/tmp/mail/a.nsf");
+        EXPECT_EQ(recover("@/data/mail/a.nsf @/data/mail/lost.nsf"), DB_NUM_I_COMPLETE);
+        EXPECT_EQ(full(recovered), full(below + "a.nsf " + below + "lost.nsf"));
+        EXPECT_EQ(folder.read("data/mail/a.nsf"), "content of mail/a.nsf");
     }
 }
 
-TEST_F(Recovery, RolledForwardTheWholeSystemIsRecoveredInPlace) {
-    rollForward();
-    for (const char* name :
-         {"a.nsf", "b.ns4", "m/C.NTF", "m/d.box", "e.ncf", "f.ns5", "g.id", "no[?]pair.nsf"}) {
-        server.addFile(name);
-    }
+TEST_F(Recovery, TheWholeSystemIsRecoveredInPlace) {
+    addAll("a.nsf b.ns4 m/C.NTF m/d.box e.ncf f.ns5 g.id no[?]pair.nsf");
     // A pair of these paths does not fit an entry.
-    const std::string tooLong =
-        server.addFile(std::string(250, 'x') + "/" + std::string(250, 'y') + "/z.nsf");
-    pend("tmp/a.nsf");
-    EXPECT_EQ(recover({"QRTLN:NOTES"}), DB_NUM_I_COMPLETE);
-    EXPECT_THAT(s_recovered, UnorderedElementsAre(server.data("a.nsf"), server.data("b.ns4"),
-                                                  server.data("m/C.NTF"), server.data("m/d.box")));
-    EXPECT_EQ(server.folder.read("data/a.nsf"), "content of a.nsf");
-    EXPECT_EQ(server.folder.read("tmp/a.nsf"), "new");
-    for (const std::string& name : {server.data("no[?]pair.nsf"), tooLong}) {
-        EXPECT_TRUE(messages.hasLog("ROLLFORWARD: NOT recovered [" + name +
-                                    "]: its path cannot be recovered"));
+    const std::string tooLong = add(std::string(250, 'x') + "/" + std::string(250, 'y') + "/z.nsf");
+    pend("@/tmp/a.nsf");
+    EXPECT_EQ(recover("QRTLN:NOTES"), DB_NUM_I_COMPLETE);
+    EXPECT_EQ(recovered, "@/data/a.nsf @/data/b.ns4 @/data/m/C.NTF @/data/m/d.box");
+    EXPECT_EQ(folder.read("data/a.nsf"), "content of a.nsf");
+    for (const std::string& name : {std::string("@/data/no[?]pair.nsf"), tooLong}) {
+        EXPECT_TRUE(
+            logged("ROLLFORWARD: NOT recovered [" + name + "]: its path cannot be recovered"));
     }
-}
-
-TEST_F(Recovery, OfTheWholeSystemWhatIsMissingIsSkipped) {
-    g_sQRTLN_Global.eI_BackupType = QRTLN_OPERATION_TYPE_NOTES;
-    const std::string there = server.addFile("a.nsf");
-    for (const std::string& name : {server.data("gone.nsf"), there}) {
-        pushPath(g_sQRTLN_Global.lhNotesFileList, name.c_str(), DB_BACKUP_FILE_TYPE_DB);
-    }
-    EXPECT_EQ(QRTLN_Recovery(), DB_NUM_I_COMPLETE);
-    EXPECT_THAT(s_recovered, ElementsAre(there));
-    EXPECT_TRUE(messages.hasTrace("QRTLN_Recovery(): Restore File [" + server.data("gone.nsf") +
-                                  "] does NOT EXISTS on file system."));
-    std::filesystem::remove(there);
+    setQueue(g_sQRTLN_Global.lhNotesFileList, "@/data/gone.nsf");
     EXPECT_EQ(QRTLN_Recovery(), DB_NUM_E_FAILED);
     EXPECT_EQ(error(), "Could not find any recovery pending file for recovery operation.");
 }
 
-TEST_F(Recovery, RolledForwardAnEmptyWaitingRoomIsReported) {
-    rollForward();
-    server.addFile("a.nsf");
-    for (const std::string& tmpDir : {server.folder.file("tmp"), std::string()}) {
-        copyText(g_sQRTLN_Global.szTmpDir, tmpDir.c_str());
-        server.drain();
-        EXPECT_EQ(recover({server.data("a.nsf")}), DB_NUM_E_FAILED);
-        EXPECT_EQ(error(),
-                  "QRTLN_Recovery(): no restored database waits for recovery in [" + tmpDir + "]");
+TEST_F(Recovery, WithoutACopyOrRollForwardNothingIsRecovered) {
+    add("a.nsf");
+    const struct {
+        bool rolledForward;
+        const char* tmpDir;
+        const char* arguments;
+        const char* error;
+    } cases[] = {
+        {true, "@/tmp", "@/data/a.nsf",
+         "QRTLN_Recovery(): no restored database waits for recovery in [@/tmp]"},
+        {true, "", "@/data/a.nsf",
+         "QRTLN_Recovery(): no restored database waits for recovery in []"},
+        {false, "@/r", "@/data/a.nsf", ""},
+        {false, "@/r", "@/data/lost.nsf", "No files found"},
+    };
+    pend("@/r/a.nsf");
+    for (const auto& c : cases) {
+        g_sQRTLN_Global.sRecoveryChoices = {};
+        EXPECT_TRUE(!c.rolledForward || readRollForward("YES", g_sQRTLN_Global.sRecoveryChoices));
+        set(g_sQRTLN_Global.szTmpDir, c.tmpDir);
+        EXPECT_EQ(recover(c.arguments), DB_NUM_E_FAILED);
+        EXPECT_EQ(recovered, "");
+        EXPECT_EQ(error(), c.error);
+        EXPECT_EQ(
+            messages.hasTrace("QRTLN_Recovery(): There is no files waiting to be recovered !"),
+            std::strcmp(c.error, "No files found") != 0);
     }
-    EXPECT_THAT(s_recovered, IsEmpty());
 }
 
 } // namespace
