@@ -15,6 +15,7 @@
 
 #include "notes_simulator/notes_sim_inspection.h"
 #include "qrt_lotus_notes/db_interface.h"
+#include "tests/simulator/domino_sim.h"
 #include "tests/support/temporary_folder.h"
 
 // A server folder with six databases, small log extents, and folders for copies and run-time data.
@@ -33,19 +34,31 @@ class SimulatedServer {
     std::string server() const { return folder.file("server"); }
     std::string data(const std::string& name) const { return server() + "/data/" + name; }
 
-    // Runs domino-sim, which must succeed.
-    void simulate(const std::string& arguments) const {
-        const std::string command = QRTLN_DOMINO_SIM " " + arguments + " > /dev/null";
-        if (std::system(command.c_str()) != 0) {
-            throw std::runtime_error("failed: " + command);
-        }
+    // Runs domino-sim, which must succeed; returns what it printed.
+    std::string simulate(const std::string& arguments) const { return dominoSim(arguments); }
+    // A change of a database by a user; returns the id of the note, or a line each.
+    std::string put(const std::string& name, const std::string& options = "") const {
+        std::string ids = simulate("put " + server() + " " + name + " " + options);
+        ids.erase(ids.find_last_not_of('\n') + 1);
+        return ids;
+    }
+    // The digest of what users see in a database, which must be sound.
+    std::string content(const std::string& file) const {
+        const std::string shown = simulate("show " + file);
+        const std::size_t digest = shown.find("\ndigest: ") + 1;
+        return shown.substr(digest, shown.find('\n', digest) - digest);
+    }
+    std::string live(const std::string& name) const { return content(data(name)); }
+    void copy(const std::string& from, const std::string& to) const {
+        std::filesystem::create_directories(std::filesystem::path(to).parent_path());
+        std::filesystem::copy_file(from, to, std::filesystem::copy_options::overwrite_existing);
     }
 
     // Fills log extents, so that some are ready to be archived. Each change fits in one.
     void fillLog() const {
         const std::string text(9000, 'x');
         for (int i = 0; i < 8; ++i) {
-            simulate("put " + server() + " names.nsf --count 5 --text " + text);
+            put("names.nsf", "--count 5 --text " + text);
         }
     }
 
@@ -81,49 +94,62 @@ class SimulatedServer {
         return files;
     }
 
+    // The index of database instances; "" when there is none.
+    std::string index() const {
+        const std::string file = "run/qrtln_DBIID.ini";
+        return folder.exists(file) ? folder.read(file) : "";
+    }
+
     TemporaryFolder folder;
+};
+
+// A library that stays loaded, as in a client.
+inline void* loadLibrary(const char* library, int flags) {
+    void* loaded = dlopen(library, RTLD_NOW | flags);
+    if (loaded == nullptr) {
+        throw std::runtime_error(std::string("cannot load ") + library);
+    }
+    return loaded;
+}
+
+// A function of a loaded library, whatever its type.
+struct FoundFunction {
+    FoundFunction(void* library, const char* name) : address(dlsym(library, name)) {
+        if (address == nullptr) {
+            throw std::runtime_error(dlerror());
+        }
+    }
+    template <typename Function>
+    operator Function*() const {
+        return reinterpret_cast<Function*>(address);
+    }
+    void* address;
 };
 
 // The loaded module.
 class Module {
   public:
     // `hostServices`: whether the client has resolve_path.
-    explicit Module(bool hostServices = true) {
-        if (hostServices && dlopen(QRTLN_HOST_SERVICES, RTLD_NOW | RTLD_GLOBAL) == nullptr) {
-            throw std::runtime_error(dlerror());
-        }
-        m_library = dlopen(QRTLN_MODULE, RTLD_NOW | RTLD_LOCAL);
-        if (m_library == nullptr) {
-            throw std::runtime_error(dlerror());
-        }
-        find(SetTrace, "DB_SetTrace");
-        find(SetLog, "DB_SetLog");
-        find(GetInfo, "DB_GetInfo");
-        find(GetError, "DB_GetError");
-        find(InitOperation, "DB_InitOperation");
-        find(GetItem, "DB_GetItem");
-        find(PrepareItem, "DB_PrepareItem");
-        find(SetItem, "DB_SetItem");
-        find(ItemFinishStatus, "DB_ItemFinishStatus");
-        find(CloseOperation, "DB_CloseOperation");
-        find(DirItem, "DB_DirItem");
-        find(Terminate, "DB_Terminate");
+    explicit Module(bool hostServices = true)
+        : services(hostServices ? loadLibrary(QRTLN_HOST_SERVICES, RTLD_GLOBAL) : nullptr) {
         SetTrace([](const char* text) { s_traces.emplace_back(text); });
         SetLog([](const char* text) { s_logs.emplace_back(text); });
     }
 
-    decltype(&DB_SetTrace) SetTrace = nullptr;
-    decltype(&DB_SetLog) SetLog = nullptr;
-    decltype(&DB_GetInfo) GetInfo = nullptr;
-    decltype(&DB_GetError) GetError = nullptr;
-    decltype(&DB_InitOperation) InitOperation = nullptr;
-    decltype(&DB_GetItem) GetItem = nullptr;
-    decltype(&DB_PrepareItem) PrepareItem = nullptr;
-    decltype(&DB_SetItem) SetItem = nullptr;
-    decltype(&DB_ItemFinishStatus) ItemFinishStatus = nullptr;
-    decltype(&DB_CloseOperation) CloseOperation = nullptr;
-    decltype(&DB_DirItem) DirItem = nullptr;
-    decltype(&DB_Terminate) Terminate = nullptr;
+    void* services; // loaded before the module
+    void* library = loadLibrary(QRTLN_MODULE, RTLD_LOCAL);
+    decltype(&DB_SetTrace) SetTrace = FoundFunction(library, "DB_SetTrace");
+    decltype(&DB_SetLog) SetLog = FoundFunction(library, "DB_SetLog");
+    decltype(&DB_GetInfo) GetInfo = FoundFunction(library, "DB_GetInfo");
+    decltype(&DB_GetError) GetError = FoundFunction(library, "DB_GetError");
+    decltype(&DB_InitOperation) InitOperation = FoundFunction(library, "DB_InitOperation");
+    decltype(&DB_GetItem) GetItem = FoundFunction(library, "DB_GetItem");
+    decltype(&DB_PrepareItem) PrepareItem = FoundFunction(library, "DB_PrepareItem");
+    decltype(&DB_SetItem) SetItem = FoundFunction(library, "DB_SetItem");
+    decltype(&DB_ItemFinishStatus) ItemFinishStatus = FoundFunction(library, "DB_ItemFinishStatus");
+    decltype(&DB_CloseOperation) CloseOperation = FoundFunction(library, "DB_CloseOperation");
+    decltype(&DB_DirItem) DirItem = FoundFunction(library, "DB_DirItem");
+    decltype(&DB_Terminate) Terminate = FoundFunction(library, "DB_Terminate");
 
     // Opens an operation on a server, with further control variables.
     int open(const SimulatedServer& server, DB_OPERATION_TYPE type, DB_OPERATION_LEVEL level,
@@ -171,9 +197,7 @@ class Module {
                     ADD_FAILURE() << file << " cannot be read for " << item;
                 }
             }
-            if (ItemFinishStatus(result) != DB_NUM_I_OK) {
-                unfinished.push_back(item);
-            }
+            EXPECT_EQ(ItemFinishStatus(result), DB_NUM_I_OK) << item;
         }
         return items;
     }
@@ -190,19 +214,10 @@ class Module {
 
     int code = 0;
     std::vector<std::string> failed;
-    std::vector<std::string> unfinished;
     inline static std::vector<std::string> s_traces;
     inline static std::vector<std::string> s_logs;
 
   private:
-    template <typename Function>
-    void find(Function& function, const char* name) {
-        function = reinterpret_cast<Function>(dlsym(m_library, name));
-        if (function == nullptr) {
-            throw std::runtime_error(dlerror());
-        }
-    }
-
     template <typename Call>
     static int withVariables(const std::vector<std::string>& variables, Call call) {
         std::vector<std::string> texts = variables;
@@ -217,17 +232,31 @@ class Module {
     static bool contains(const std::vector<std::string>& messages, const std::string& text) {
         return std::find(messages.begin(), messages.end(), text) != messages.end();
     }
+};
 
-    void* m_library = nullptr; // never unloaded, as in a client
+// A client on a server.
+struct Host {
+    explicit Host(const std::string& style = "archive") : server(style) {}
+
+    int openBackup(DB_OPERATION_LEVEL level,
+                   const std::vector<std::string>& variables = {"DATABASE=NOTES"}) {
+        return module.open(server, DB_TYPE_BCK, level, variables);
+    }
+    // A whole backup that succeeds; its items.
+    std::vector<std::string> backUp(DB_OPERATION_LEVEL level) {
+        EXPECT_EQ(openBackup(level), DB_NUM_I_OK) << module.error();
+        const auto items = module.backUp();
+        EXPECT_EQ(module.code, DB_NUM_I_COMPLETE);
+        EXPECT_EQ(module.close("STATUS=0"), DB_NUM_I_OK);
+        return items;
+    }
+
+    SimulatedServer server;
+    Module module;
 };
 
 // A function of the simulator that tests ask, found in the library that the module has loaded.
 template <typename Function>
 Function simulatorFunction(const char* name) {
-    void* library = dlopen(QRTLN_SIMULATOR_DIRECTORY "/libnotes.so", RTLD_NOW | RTLD_NOLOAD);
-    void* address = library != nullptr ? dlsym(library, name) : nullptr;
-    if (address == nullptr) {
-        throw std::runtime_error(std::string("not loaded: ") + name);
-    }
-    return reinterpret_cast<Function>(address);
+    return FoundFunction(loadLibrary(QRTLN_SIMULATOR_DIRECTORY "/libnotes.so", RTLD_NOLOAD), name);
 }

@@ -49,3 +49,13 @@ inline void inOwnProcess(const std::function<void()>& body) {
     EXPECT_TRUE(WIFEXITED(status)) << "the process was ended by signal " << WTERMSIG(status);
     EXPECT_EQ(WEXITSTATUS(status), 0) << "see the failures above";
 }
+
+// A test of a fixture that lives in a process of its own.
+#define TEST_IN_OWN_PROCESS(Fixture, name)                                                         \
+    struct Fixture##_##name : Fixture {                                                            \
+        void run();                                                                                \
+    };                                                                                             \
+    TEST(Fixture, name) {                                                                          \
+        inOwnProcess([] { Fixture##_##name().run(); });                                            \
+    }                                                                                              \
+    void Fixture##_##name::run()

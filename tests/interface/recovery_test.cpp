@@ -1,5 +1,4 @@
 // Recoveries at the module's interface, over the simulator.
-#include <csignal>
 #include <ctime>
 #include <gmock/gmock.h>
 
@@ -8,47 +7,31 @@
 
 namespace {
 
+using ::testing::ElementsAre;
 using ::testing::HasSubstr;
 
 namespace fs = std::filesystem;
 
-// A server with extents enough of its log, and a store of what its databases once were.
-class RecoveringClient {
-  public:
-    RecoveringClient() {
-        for (const char* name : {kFirst, kSecond, kThird}) {
+const std::string kFirst = "names.nsf";
+const std::string kSecond = "mail/user1.nsf";
+const std::string kThird = "mail/user2.nsf";
+
+// A server with a store of what its databases once were.
+struct Recovery : Host {
+    Recovery() {
+        for (const std::string& name : {kFirst, kSecond, kThird}) {
             server.markSaved(name);
-            store(name);
+            server.copy(server.data(name), stored(name));
         }
     }
-
-    static constexpr char kFirst[] = "names.nsf";
-    static constexpr char kSecond[] = "mail/user1.nsf";
-    static constexpr char kThird[] = "mail/user2.nsf";
-
-    // Takes the present content of a database into the store.
-    void store(const std::string& name) const { copy(server.data(name), "store/" + name); }
-    // As a restore leaves it: the stored content under TMP_DIR, or below a relocation directory.
-    std::string pend(const std::string& name, const std::string& below = "tmp/") const {
-        copy(server.folder.file("store/" + name), below + name);
-        return server.folder.file(below + name);
+    std::string stored(const std::string& name) const {
+        return server.folder.file("store/" + name);
     }
-    void put(const std::string& name, const std::string& text) const {
-        server.simulate("put " + server.server() + " " + name + " --text " + text);
+    // As a restore leaves it: the stored content under TMP_DIR.
+    void pend(const std::string& name) const {
+        server.copy(stored(name), server.folder.file("tmp/" + name));
     }
 
-    // What users see in a sound database, without what depends on the file's place.
-    std::string shown(const std::string& file) const {
-        const std::string output = server.folder.file("shown");
-        const std::string command = QRTLN_DOMINO_SIM " show --ids " + file +
-                                    " | grep -v -e ^file: -e ^offline: -e ^dbiid: -e ^last > " +
-                                    output;
-        EXPECT_EQ(std::system(command.c_str()), 0) << file;
-        const std::string text = server.folder.read("shown");
-        EXPECT_THAT(text, HasSubstr("integrity: ok"));
-        return text;
-    }
-    std::string live(const std::string& name) const { return shown(server.data(name)); }
     // Runs a recovery of databases, as DB_InitOperation does it all.
     int recover(const std::vector<std::string>& names, std::vector<std::string> variables) {
         for (const std::string& name : names) {
@@ -67,224 +50,157 @@ class RecoveringClient {
         EXPECT_EQ(module.close("STATUS=0"), DB_NUM_I_OK);
         return result;
     }
-
     bool toldRecovered(const std::string& name) const {
         return Module::logged("ROLLFORWARD: recovered [" + server.data(name) + "]");
     }
 
-    SimulatedServer server;
-    Module module;
     std::string error; // of the pending error
-
-  private:
-    void copy(const std::string& from, const std::string& to) const {
-        const fs::path target = server.folder.file(to);
-        fs::create_directories(target.parent_path());
-        fs::copy_file(from, target, fs::copy_options::overwrite_existing);
-    }
 };
 
-constexpr const char* kFirst = RecoveringClient::kFirst;
-constexpr const char* kSecond = RecoveringClient::kSecond;
-constexpr const char* kThird = RecoveringClient::kThird;
-
-TEST(Recovery, RolledForwardDatabasesEqualTheirLastCommit) {
-    inOwnProcess([] {
-        RecoveringClient client;
-        client.put(kFirst, "later");
-        client.put(kSecond, "later");
-        client.server.fillLog();
-        const std::string first = client.live(kFirst);
-        const std::string second = client.live(kSecond);
-        client.server.simulate("damage " + client.server.data(kFirst));
-        fs::remove_all(client.server.data("mail"));
-        for (const char* name : {kFirst, kSecond, kThird}) {
-            client.pend(name);
-        }
-        EXPECT_EQ(client.recover({kFirst, kSecond}, {"ROLLFORWARD=YES"}), DB_NUM_I_COMPLETE)
-            << client.error;
-        EXPECT_EQ(client.live(kFirst), first);
-        EXPECT_EQ(client.live(kSecond), second);
-        EXPECT_THAT(client.server.filesBelow("tmp"), ::testing::ElementsAre(kThird))
-            << "not selected";
-        EXPECT_TRUE(client.toldRecovered(kFirst) && client.toldRecovered(kSecond));
-        client.put(kFirst, "used"); // fails for a database that is offline
-        client.put(kSecond, "used");
-    });
-}
-
-TEST(Recovery, RolledForwardToAMomentLaterChangesAreGone) {
-    inOwnProcess([] {
-        setenv("TZ", "CET-1CEST,M3.5.0,M10.5.0/3", 1);
-        RecoveringClient client;
-        client.put(kFirst, "wanted");
-        const std::string wanted = client.live(kFirst);
-        // A whole second that is past, and then a change after it.
-        const time_t moment = std::time(nullptr) + 1;
-        while (std::time(nullptr) <= moment) {
-            usleep(10'000);
-        }
-        client.put(kFirst, "unwanted");
-        ASSERT_NE(client.live(kFirst), wanted);
-        client.pend(kFirst);
-        struct tm local;
-        localtime_r(&moment, &local);
-        char digits[32];
-        std::strftime(digits, sizeof digits, "%Y%m%d%H%M%S", &local);
-        EXPECT_EQ(client.recover({kFirst}, {std::string("ROLLFORWARD=") + digits}),
-                  DB_NUM_I_COMPLETE)
-            << client.error;
-        EXPECT_EQ(client.live(kFirst), wanted);
-    });
-}
-
-TEST(Recovery, RelocatedCopiesAreRolledForwardBesideTheLiveDatabases) {
-    inOwnProcess([] {
-        RecoveringClient client;
-        client.put(kSecond, "later");
-        const std::string second = client.live(kSecond);
-        const std::string root = client.server.folder.makeDirectory("r");
-        const std::string copy = client.pend(kSecond, "r" + client.server.data(""));
-        EXPECT_EQ(client.recover({kSecond}, {"ROLLFORWARD=YES", "INFO=-R \"" + root + "\""}),
-                  DB_NUM_I_COMPLETE)
-            << client.error;
-        EXPECT_EQ(client.shown(copy), second);
-        EXPECT_TRUE(Module::logged("ROLLFORWARD: recovered [" + copy + "]"));
-        EXPECT_EQ(client.server.calls("NSFTakeDatabaseOffline("), 0);
-        EXPECT_EQ(client.live(kSecond), second);
-    });
-}
-
-// A task of the server that has a database open.
-class DatabaseUser {
-  public:
-    DatabaseUser(const SimulatedServer& server, const char* name) {
-        const std::string folder = server.server();
-        int ends[2];
-        EXPECT_EQ(pipe(ends), 0);
-        m_process = fork();
-        if (m_process == 0) {
-            dup2(ends[1], STDOUT_FILENO);
-            execl(QRTLN_DOMINO_SIM, QRTLN_DOMINO_SIM, "hold", folder.c_str(), name, nullptr);
-            _exit(127);
-        }
-        close(ends[1]);
-        char line[256];
-        EXPECT_GT(read(ends[0], line, sizeof line), 0) << "it is not open";
-        close(ends[0]);
+TEST_IN_OWN_PROCESS(Recovery, RolledForwardDatabasesEqualTheirLastCommit) {
+    server.put(kFirst);
+    server.put(kSecond);
+    server.fillLog();
+    const std::string first = server.live(kFirst);
+    const std::string second = server.live(kSecond);
+    server.simulate("damage " + server.data(kFirst));
+    fs::remove_all(server.data("mail"));
+    for (const std::string& name : {kFirst, kSecond, kThird}) {
+        pend(name);
     }
-    ~DatabaseUser() {
-        kill(m_process, SIGTERM);
-        waitpid(m_process, nullptr, 0);
+    EXPECT_EQ(recover({kFirst, kSecond}, {"ROLLFORWARD=YES"}), DB_NUM_I_COMPLETE) << error;
+    EXPECT_EQ(server.live(kFirst), first);
+    EXPECT_EQ(server.live(kSecond), second);
+    EXPECT_THAT(server.filesBelow("tmp"), ElementsAre(kThird)) << "not selected";
+    EXPECT_TRUE(toldRecovered(kFirst) && toldRecovered(kSecond));
+    server.put(kFirst); // fails for a database that is offline
+    server.put(kSecond);
+}
+
+TEST_IN_OWN_PROCESS(Recovery, RolledForwardToAMomentLaterChangesAreGone) {
+    setenv("TZ", "CET-1CEST,M3.5.0,M10.5.0/3", 1);
+    server.put(kFirst);
+    const std::string wanted = server.live(kFirst);
+    // A whole second that is past, and then a change after it.
+    const time_t moment = std::time(nullptr) + 1;
+    while (std::time(nullptr) <= moment) {
+        usleep(10'000);
     }
-    DatabaseUser(const DatabaseUser&) = delete;
-    DatabaseUser& operator=(const DatabaseUser&) = delete;
+    server.put(kFirst);
+    ASSERT_NE(server.live(kFirst), wanted);
+    pend(kFirst);
+    char variable[64];
+    std::strftime(variable, sizeof variable, "ROLLFORWARD=%Y%m%d%H%M%S", std::localtime(&moment));
+    EXPECT_EQ(recover({kFirst}, {variable}), DB_NUM_I_COMPLETE) << error;
+    EXPECT_EQ(server.live(kFirst), wanted);
+}
 
-  private:
-    pid_t m_process;
-};
+TEST_IN_OWN_PROCESS(Recovery, RelocatedCopiesAreRolledForwardBesideTheLiveDatabases) {
+    server.put(kSecond);
+    const std::string second = server.live(kSecond);
+    const std::string root = server.folder.file("r");
+    const std::string relocated = root + server.data(kSecond);
+    server.copy(stored(kSecond), relocated);
+    EXPECT_EQ(recover({"mail/*1.nsf"}, {"ROLLFORWARD=YES", "INFO=-R \"" + root + "\""}),
+              DB_NUM_I_COMPLETE)
+        << error;
+    EXPECT_EQ(server.content(relocated), second);
+    EXPECT_TRUE(Module::logged("ROLLFORWARD: recovered [" + relocated + "]"));
+    EXPECT_EQ(server.calls("NSFTakeDatabaseOffline("), 0);
+    EXPECT_EQ(server.live(kSecond), second);
+}
 
-TEST(Recovery, DatabasesInUseAreLeftOutAndTheOthersRecovered) {
-    inOwnProcess([] {
-        RecoveringClient client;
-        for (const char* name : {kFirst, kSecond, kThird}) {
-            client.pend(name);
-            client.put(name, "later");
-        }
-        const std::string third = client.live(kThird);
-        client.server.simulate("damage " + client.server.data(kThird));
-        const std::string busy = client.live(kFirst);
-        {
-            const DatabaseUser first(client.server, kFirst);
-            const DatabaseUser second(client.server, kSecond);
-            EXPECT_EQ(client.recover({kFirst, kSecond, kThird}, {"ROLLFORWARD=YES"}),
-                      DB_NUM_I_COMPLETE)
-                << client.error;
-        }
-        EXPECT_EQ(client.live(kThird), third);
-        EXPECT_EQ(client.live(kFirst), busy);
-        EXPECT_EQ(client.server.filesBelow("tmp").size(), 2u);
-        EXPECT_TRUE(client.toldRecovered(kThird));
-        for (const char* name : {kFirst, kSecond}) {
-            EXPECT_TRUE(Module::logged("ROLLFORWARD: NOT recovered [" + client.server.data(name) +
-                                       "]: the database is in use"));
-        }
-        EXPECT_NE(client.error, "");
-    });
+TEST_IN_OWN_PROCESS(Recovery, DatabasesInUseAreLeftOutAndTheOthersRecovered) {
+    for (const std::string& name : {kFirst, kSecond, kThird}) {
+        pend(name);
+        server.put(name);
+    }
+    const std::string third = server.live(kThird);
+    server.simulate("damage " + server.data(kThird));
+    const std::string busy = server.live(kFirst);
+    {
+        const ServerTask first("hold " + server.server() + " " + kFirst);
+        const ServerTask second("hold " + server.server() + " " + kSecond);
+        EXPECT_EQ(recover({kFirst, kSecond, kThird}, {"ROLLFORWARD=YES"}), DB_NUM_I_COMPLETE)
+            << error;
+    }
+    EXPECT_EQ(server.live(kThird), third);
+    EXPECT_EQ(server.live(kFirst), busy);
+    EXPECT_EQ(server.filesBelow("tmp").size(), 2u);
+    EXPECT_TRUE(toldRecovered(kThird));
+    for (const std::string& name : {kFirst, kSecond}) {
+        EXPECT_TRUE(Module::logged("ROLLFORWARD: NOT recovered [" + server.data(name) +
+                                   "]: the database is in use"));
+    }
+    EXPECT_NE(error, "");
 }
 
 TEST(Recovery, AfterAFailureTheOriginalsAreOnlineAndTheCopiesThere) {
     for (const bool lostLog : {false, true}) {
         SCOPED_TRACE(lostLog);
         inOwnProcess([&] {
-            RecoveringClient client;
-            client.server.fillLog();
-            const std::string before = client.live(kSecond);
-            const std::string log = client.server.server() + "/logs/S0000002.TXN";
+            Recovery test;
+            test.server.fillLog();
+            const std::string log = test.server.server() + "/logs/S0000002.TXN";
             if (lostLog) {
                 fs::rename(log, log + ".away");
             } else {
                 setenv("NOTES_SIM_FAULTS", "NSFRecoverDatabases=513", 1);
             }
-            for (const char* name : {kFirst, kSecond}) {
-                client.pend(name);
-            }
-            EXPECT_EQ(client.recover({kFirst, kSecond}, {"ROLLFORWARD=YES"}), DB_NUM_E_FAILED);
-            EXPECT_THAT(client.error, HasSubstr("RecoverDb(): the recovery failed: "));
+            test.pend(kFirst);
+            test.pend(kSecond);
+            EXPECT_EQ(test.recover({kFirst, kSecond}, {"ROLLFORWARD=YES"}), DB_NUM_E_FAILED);
+            EXPECT_THAT(test.error, HasSubstr("RecoverDb(): the recovery failed: "));
             EXPECT_EQ(Module::logged("ROLLFORWARD: missing transaction log [" + log + "]"),
                       lostLog);
-            EXPECT_EQ(client.server.filesBelow("tmp").size(), 2u);
-            for (const char* name : {kFirst, kSecond}) {
-                EXPECT_FALSE(client.toldRecovered(name));
-                client.put(name, "used"); // fails for a database that is offline
+            EXPECT_EQ(test.server.filesBelow("tmp").size(), 2u);
+            for (const std::string& name : {kFirst, kSecond}) {
+                EXPECT_FALSE(test.toldRecovered(name));
+                test.server.put(name); // fails for a database that is offline
             }
-            EXPECT_NE(client.live(kSecond), before);
         });
     }
 }
 
-TEST(Recovery, WithoutRollForwardNothingIsRecovered) {
-    for (const char* selection : {kFirst, "NOTES"}) {
-        SCOPED_TRACE(selection);
+TEST(Recovery, WithoutRollForwardOrWithAWrongTimeNothingIsRecovered) {
+    struct Case {
+        std::string selection;
+        std::vector<std::string> variables;
+        const char* error;
+        bool asked; // whether the server is asked for anything
+    };
+    for (const Case& c : {Case{kFirst, {}, "", true},
+                          Case{"NOTES",
+                               {},
+                               "getNotesFileList(): There are no files matching requested patterns",
+                               true},
+                          Case{kFirst,
+                               {"ROLLFORWARD=20240231000000"},
+                               "ROLLFORWARD=20240231000000: there is no such date or time",
+                               false}}) {
+        SCOPED_TRACE(c.selection + c.error);
         inOwnProcess([&] {
-            RecoveringClient client;
-            client.pend(kFirst);
-            client.put(kFirst, "later");
-            const std::string before = client.live(kFirst);
-            EXPECT_EQ(client.recover({selection}, {}), DB_NUM_E_FAILED);
-            EXPECT_EQ(client.error,
-                      std::string(selection) == kFirst
-                          ? ""
-                          : "getNotesFileList(): There are no files matching requested patterns");
-            EXPECT_EQ(client.server.calls("NSFRecoverDatabases("), 0);
-            EXPECT_EQ(client.live(kFirst), before);
-            EXPECT_TRUE(client.server.folder.exists("tmp/names.nsf"));
+            Recovery test;
+            test.pend(kFirst);
+            test.server.put(kFirst);
+            const std::string before = test.server.live(kFirst);
+            EXPECT_EQ(test.recover({c.selection}, c.variables), DB_NUM_E_FAILED);
+            EXPECT_EQ(test.error, c.error);
+            EXPECT_EQ(!test.server.journal().empty(), c.asked);
+            EXPECT_EQ(test.server.calls("NSFRecoverDatabases("), 0);
+            EXPECT_EQ(test.server.live(kFirst), before);
+            EXPECT_TRUE(test.server.folder.exists("tmp/names.nsf"));
         });
     }
 }
 
-TEST(Recovery, RolledForwardTheWholeSystemIsRecoveredWhereItLies) {
-    inOwnProcess([] {
-        RecoveringClient client;
-        client.put(kSecond, "later");
-        const std::string second = client.live(kSecond);
-        fs::copy_file(client.server.folder.file(std::string("store/") + kSecond),
-                      client.server.data(kSecond), fs::copy_options::overwrite_existing);
-        ASSERT_NE(client.live(kSecond), second);
-        EXPECT_EQ(client.recover({"NOTES"}, {"ROLLFORWARD=YES"}), DB_NUM_I_COMPLETE)
-            << client.error;
-        EXPECT_EQ(client.live(kSecond), second);
-    });
-}
-
-TEST(Recovery, AWrongTimeStartsNothing) {
-    inOwnProcess([] {
-        RecoveringClient client;
-        client.pend(kFirst);
-        EXPECT_EQ(client.recover({kFirst}, {"ROLLFORWARD=20240231000000"}), DB_NUM_E_FAILED);
-        EXPECT_EQ(client.error, "ROLLFORWARD=20240231000000: there is no such date or time");
-        EXPECT_TRUE(client.server.journal().empty());
-    });
+TEST_IN_OWN_PROCESS(Recovery, RolledForwardTheWholeSystemIsRecoveredWhereItLies) {
+    server.put(kSecond);
+    const std::string second = server.live(kSecond);
+    server.copy(stored(kSecond), server.data(kSecond));
+    ASSERT_NE(server.live(kSecond), second);
+    EXPECT_EQ(recover({"NOTES"}, {"ROLLFORWARD=YES"}), DB_NUM_I_COMPLETE) << error;
+    EXPECT_EQ(server.live(kSecond), second);
 }
 
 } // namespace

@@ -1,34 +1,22 @@
-// Roll-forward recovery from the extents of the transaction log.
-#include "support.h"
-
-#include <gtest/gtest.h>
-#include <sqlite3.h>
-
-#include <sys/resource.h>
-#include <sys/wait.h>
-#include <unistd.h>
+// Roll-forward recovery from the extents of the transaction log, and what killed writers leave.
+#include "tests/simulator/support.h"
 
 #include <csignal>
-#include <cstdlib>
 #include <fstream>
-#include <functional>
 #include <optional>
-
-namespace fs = std::filesystem;
+#include <sys/resource.h>
 
 namespace simulator_tests {
 namespace {
 
-constexpr const char* kExtentSize = "65536";
 constexpr DWORD kNewDbiid = 2;
 constexpr DWORD kKeepDbiid = 4;
+constexpr STATUS kInvalidArgument = 16130;
 constexpr STATUS kLogDamaged = 16139;
 constexpr STATUS kExtentMissing = 16150;
 constexpr STATUS kWrongExtent = 16151;
 constexpr STATUS kLogGap = 16152;
 constexpr STATUS kLater = 16153;
-constexpr std::int64_t kTicksPerDay = 8640000;
-constexpr std::int64_t kJulianDayOf1970 = 2440588;
 
 DWORD g_refused; // the extent that the callback does not provide
 
@@ -38,300 +26,243 @@ STATUS provide(UNIVERSALNOTEID*, DWORD number, char*) {
 
 using Outcome = std::pair<STATUS, WORD>; // and the number of the database
 
-/// until is in hundredths of a second since 1970.
 Outcome recover(const std::vector<std::string>& names, DWORD flags = kKeepDbiid,
-                std::optional<std::int64_t> until = std::nullopt) {
+                std::optional<TIMEDATE> until = std::nullopt) {
     std::string list;
     for (const std::string& name : names) {
         list += name + '\0';
     }
-    TIMEDATE time = {};
-    if (until) {
-        time.Innards[0] = static_cast<DWORD>(*until % kTicksPerDay);
-        time.Innards[1] = static_cast<DWORD>(*until / kTicksPerDay + kJulianDayOf1970);
-    }
     Outcome outcome{0, 99};
-    outcome.first =
-        NSFRecoverDatabases(list.data(), provide, flags, &outcome.second, until ? &time : nullptr);
+    outcome.first = NSFRecoverDatabases(list.data(), provide, flags, &outcome.second,
+                                        until ? &*until : nullptr);
     return outcome;
 }
 
-nlohmann::json show(const fs::path& file) {
-    return dominoSimJson({"show", file.string()});
-}
-
-/// A server with small extents and an archive-style log; copies of two databases that were changed
-/// since, over several extents: names.nsf up to the last extent, mail.box in the first ones only.
-class Recover : public ::testing::Test {
-  protected:
-    explicit Recover(const std::string& style = "archive")
-        : server({"--style", style, "--extent-size", kExtentSize}) {
+// A server with an archive-style log; copies of two databases that were changed since, over several
+// extents: names.nsf up to the last extent, mail.box in the first ones only.
+struct Recover : ::testing::Test {
+    Recover() {
         g_refused = 0;
-        for (const char* name : {"names.nsf", "mail.box"}) {
-            dominoSim({"saved", server.root(), name});
-            fs::copy_file(server.data(name), copyOf(name));
-        }
+        server.command("saved", "names.nsf");
+        server.command("saved", "mail.box");
+        fs::copy_file(server.data("names.nsf"), names);
+        fs::copy_file(server.data("mail.box"), mail);
         for (int i = 0; i < 3; ++i) {
-            put("mail.box");
-            put("names.nsf");
+            server.command("put", "mail.box " + kBigChange);
+            server.command("put", "names.nsf " + kBigChange);
         }
-        dominoSim({"delete", server.root(), "names.nsf", "2294", "2302"});
-        put("names.nsf");
-        live = show(server.data("names.nsf"));
+        server.command("delete", "names.nsf 2294 2302");
+        server.command("put", "names.nsf " + kBigChange);
+        live = server.show("names.nsf");
+        dominoSim("init " + other);
+        dominoSim("put " + other + " names.nsf");
     }
 
-    std::string copyOf(const std::string& name) const {
-        return (server.folder / ("copy-" + name)).string();
-    }
     std::string extent(int number) const {
-        char name[32] = {};
-        std::snprintf(name, sizeof name, "/logs/S%07d.TXN", number);
-        return server.root() + name;
+        return server.root() + "/logs/S000000" + std::to_string(number) + ".TXN";
     }
-    /// Two of these fit in an extent.
-    void put(const std::string& name) const {
-        dominoSim({"put", server.root(), name, "--text", std::string(30000, 'x')});
+    void damage(int number, std::streamoff at) const {
+        std::fstream stream(extent(number), std::ios::in | std::ios::out | std::ios::binary);
+        stream.seekp(at) << "damage";
     }
-    TestServer server;
+
+    TestServer server{std::string("--style archive ") + kSmallExtents};
+    std::string names = server.folder.file("copy-names.nsf");
+    std::string mail = server.folder.file("copy-mail.box");
+    std::string other = server.folder.file("other"); // another server
     nlohmann::json live;
 };
 
-struct FailureCase {
-    const char* title;
-    STATUS status;
-    WORD index; ///< in the list mail.box, names.nsf
-    std::function<void(const TestServer&, const std::string& names)> harm;
-    std::optional<std::int64_t> until = std::nullopt;
-};
-
-void overwrite(const std::string& file, std::streamoff at, const std::string& bytes) {
-    std::fstream stream(file, std::ios::in | std::ios::out | std::ios::binary);
-    stream.seekp(at);
-    stream << bytes;
-}
-
-void setInHeader(const fs::path& database, const std::string& assignment) {
-    sqlite3* connection = nullptr;
-    ASSERT_EQ(sqlite3_open(database.c_str(), &connection), SQLITE_OK);
-    EXPECT_EQ(sqlite3_exec(connection, ("UPDATE header SET " + assignment).c_str(), nullptr,
-                           nullptr, nullptr),
-              SQLITE_OK);
-    sqlite3_close(connection);
-}
-
-std::string logFile(const TestServer& server, const std::string& number) {
-    return server.root() + "/logs/S000000" + number + ".TXN";
-}
-
-std::vector<FailureCase> failures() {
-    const auto refuse = [](DWORD number) {
-        return [number](const TestServer&, const std::string&) { g_refused = number; };
+TEST_F(Recover, ThatFailsNamesTheDatabaseAndChangesNothing) {
+    struct Case {
+        const char* title;
+        Outcome outcome; // of a recovery of mail.box and names.nsf
+        std::function<void()> harm;
+        std::optional<TIMEDATE> until = std::nullopt;
     };
-    return {
-        {"ExtentThatBothNeedIsRefused", kExtentMissing, 1, refuse(3)},
-        {"ExtentThatOneNeedsIsRefused", kExtentMissing, 2, refuse(4)},
-        {"ExtentIsNotWhereTheCallbackSaysItIs", kExtentMissing, 1,
-         [](const TestServer& server, const std::string&) {
-             dominoSim({"lose", server.root(), "--extent", "2"});
-         }},
-        {"RecordInTheMiddleIsDamaged", kLogDamaged, 1,
-         [](const TestServer& server, const std::string&) {
-             overwrite(logFile(server, "2"), 3000, "damage");
-         }},
-        {"LastRecordThatOneNeedsIsDamaged", kLogDamaged, 2,
-         [](const TestServer& server, const std::string&) {
-             overwrite(logFile(server, "3"), 40000, "damage");
-         }},
-        {"HeaderOfAnExtentIsDamaged", kLogDamaged, 1,
-         [](const TestServer& server, const std::string&) {
-             overwrite(logFile(server, "2"), 20, "damage");
-         }},
-        {"ExtentIsAnother", kWrongExtent, 1,
-         [](const TestServer& server, const std::string&) {
-             fs::copy_file(logFile(server, "1"), logFile(server, "2"),
-                           fs::copy_options::overwrite_existing);
-         }},
-        {"ExtentIsOfAnotherLog", kWrongExtent, 1,
-         [](const TestServer& server, const std::string&) {
-             const std::string other = (server.folder / "other").string();
-             dominoSim({"init", other});
-             dominoSim({"put", other, "names.nsf"});
-             fs::copy_file(other + "/logs/S0000001.TXN", logFile(server, "1"),
-                           fs::copy_options::overwrite_existing);
-         }},
-        {"LogDoesNotContinueTheDatabase", kLogGap, 2,
-         [](const TestServer&, const std::string& names) {
-             setInHeader(names, "commit_number=commit_number+1");
-         }},
-        {"DatabaseIsMissing", 259, 2,
-         [](const TestServer&, const std::string& names) { fs::remove(names); }},
-        {"FileIsNoDatabase", 513, 2,
-         [](const TestServer&, const std::string& names) {
-             std::ofstream(names, std::ios::trunc) << std::string(500, 'x');
-         }},
-        {"TimeIsBeforeTheBackup", kLater, 1, [](const TestServer&, const std::string&) {}, 0},
+    const Case cases[] = {
+        {"both need an extent that is refused", {kExtentMissing, 1}, [] { g_refused = 3; }},
+        {"one needs an extent that is refused", {kExtentMissing, 2}, [] { g_refused = 4; }},
+        {"an extent is not where the callback says it is",
+         {kExtentMissing, 1},
+         [&] { fs::remove(extent(2)); }},
+        {"a record in the middle is damaged", {kLogDamaged, 1}, [&] { damage(2, 3000); }},
+        {"the last record that one needs is damaged", {kLogDamaged, 2}, [&] { damage(3, 40000); }},
+        {"the header of an extent is damaged", {kLogDamaged, 1}, [&] { damage(2, 20); }},
+        {"an extent is another", {kWrongExtent, 1}, [&] { replace(extent(1), extent(2)); }},
+        {"an extent is of another log",
+         {kWrongExtent, 1},
+         [&] { replace(other + "/logs/S0000001.TXN", extent(1)); }},
+        {"the log does not continue the database",
+         {kLogGap, 2},
+         [&] { changeFile(names, "UPDATE header SET commit_number=commit_number+1"); }},
+        {"a database is missing", {259, 2}, [&] { fs::remove(names); }},
+        {"a file is no database",
+         {513, 2},
+         [&] { server.folder.write("copy-names.nsf", std::string(500, 'x')); }},
+        {"the time is before the backup", {kLater, 1}, [] {}, TIMEDATE{{0, 2440588}}},
     };
+    const std::string logs = server.root() + "/logs";
+    const std::string mailBefore = readFile(mail);
+    const std::string namesBefore = readFile(names);
+    fs::copy(logs, server.folder.file("logs"));
+    for (const Case& failure : cases) {
+        SCOPED_TRACE(failure.title);
+        failure.harm();
+        const std::string harmed = readFile(names);
+        EXPECT_EQ(recover({mail, names}, kNewDbiid, failure.until), failure.outcome);
+        EXPECT_TRUE(readFile(mail) == mailBefore);
+        EXPECT_TRUE(readFile(names) == harmed);
+        g_refused = 0;
+        server.folder.write("copy-names.nsf", namesBefore);
+        fs::copy(server.folder.file("logs"), logs,
+                 fs::copy_options::recursive | fs::copy_options::overwrite_existing);
+    }
+    EXPECT_EQ(recover({mail, names}), (Outcome{0, 0})) << "nothing else is in the way";
 }
-
-class RecoveryFails : public Recover, public ::testing::WithParamInterface<FailureCase> {};
-
-TEST_P(RecoveryFails, NamesTheDatabaseAndChangesNothing) {
-    const FailureCase& failure = GetParam();
-    failure.harm(server, copyOf("names.nsf"));
-    const std::string mail = readFile(copyOf("mail.box"));
-    const std::string names = readFile(copyOf("names.nsf"));
-    EXPECT_EQ(recover({copyOf("mail.box"), copyOf("names.nsf")}, kNewDbiid, failure.until),
-              (Outcome{failure.status, failure.index}));
-    EXPECT_TRUE(readFile(copyOf("mail.box")) == mail);
-    EXPECT_TRUE(readFile(copyOf("names.nsf")) == names);
-}
-
-INSTANTIATE_TEST_SUITE_P(When, RecoveryFails, ::testing::ValuesIn(failures()),
-                         [](const auto& test) { return std::string(test.param.title); });
 
 TEST_F(Recover, RefusesADatabaseInUseAndNamesThatMakeNoSense) {
-    const std::string names = copyOf("names.nsf");
-    const std::string mail = copyOf("mail.box");
     {
         const OpenDb db(names);
         EXPECT_EQ(recover({mail, names}), (Outcome{5098, 2}));
     }
     {
-        const Holder holder(server, "names.nsf");
+        const ServerTask holder("hold " + server.root() + " names.nsf");
         EXPECT_EQ(recover({mail, "names.nsf"}), (Outcome{5098, 2}));
     }
-    constexpr STATUS kInvalidArgument = 16130;
     EXPECT_EQ(recover({}), (Outcome{kInvalidArgument, 0}));
     EXPECT_EQ(recover({names}, 0), (Outcome{kInvalidArgument, 0}));
     EXPECT_EQ(recover({names}, kNewDbiid | kKeepDbiid), (Outcome{kInvalidArgument, 0}));
     EXPECT_EQ(recover({names, mail, names}), (Outcome{kInvalidArgument, 3}));
 }
 
+// A server set up anew beside restored logs remembers nothing of the log's databases.
 TEST_F(Recover, AnswersForTheFirstUnknownDatabaseAndRecoversTheOthers) {
-    const std::string other = (server.folder / "other").string();
-    dominoSim({"init", other});
-    dominoSim({"create", server.root(), "plain.nsf", "--unlogged"});
-    dominoSim({"put", server.root(), "plain.nsf"});
+    fs::remove_all(server.root() + "/state/instances");
+    server.command("create", "plain.nsf --unlogged");
+    server.command("put", "plain.nsf");
     const std::string foreign = other + "/data/names.nsf";
     const std::string before = readFile(foreign);
-    EXPECT_EQ(recover({copyOf("mail.box"), foreign, copyOf("names.nsf"), "plain.nsf"}),
-              (Outcome{5114, 2}));
-    EXPECT_EQ(show(copyOf("names.nsf"))["digest"], live["digest"]);
-    EXPECT_EQ(show(copyOf("mail.box"))["digest"], show(server.data("mail.box"))["digest"]);
+    EXPECT_EQ(recover({mail, foreign, names, "plain.nsf"}), (Outcome{5114, 2}));
+    EXPECT_EQ(show(names)["digest"], live["digest"]);
+    EXPECT_EQ(show(mail)["digest"], server.show("mail.box")["digest"]);
     EXPECT_TRUE(readFile(foreign) == before);
 }
 
-struct KillCase {
-    const char* title;
-    bool inPlace;  ///< an older copy lies in the place of the original, which is offline
-    bool replaced; ///< and is replaced by the copy again after the kill
-};
-
-class KilledRecovery : public Recover, public ::testing::WithParamInterface<KillCase> {};
-
-/// Recovers in a process that dies when it makes a database longer than it is: with pages written
-/// and not committed.
-void recoverUntilKilled(const fs::path& database) {
-    const pid_t pid = ::fork();
-    if (pid == 0) {
-        const rlim_t size = fs::file_size(database);
-        const struct rlimit limit = {size, size};
-        ::signal(SIGXFSZ, SIG_DFL);
-        ::setrlimit(RLIMIT_FSIZE, &limit);
-        recover({database.string()});
-        std::_Exit(0);
-    }
-    int status = 0;
-    ASSERT_EQ(::waitpid(pid, &status, 0), pid);
-    ASSERT_TRUE(WIFSIGNALED(status)) << "the recovery was not killed";
-}
-
-TEST_P(KilledRecovery, IsRolledBackAndTheSecondOneEndsRight) {
-    const std::string copy = copyOf("names.nsf");
-    const std::string name = GetParam().inPlace ? server.data("names.nsf").string() : copy;
+// The recovery dies when it makes the database longer than it is: with pages written and not
+// committed.
+TEST_F(Recover, ThatIsKilledIsRolledBackAndTheSecondOneEndsRight) {
+    struct Case {
+        const char* title;
+        bool inPlace;  // an older copy lies in the place of the original, which is offline
+        bool replaced; // and is replaced by the copy again after the kill
+    };
+    const std::string before = readFile(names);
     std::string online = "names.nsf";
-    if (GetParam().inPlace) {
-        ASSERT_EQ(NSFTakeDatabaseOffline(online.data(), 0, 0), 0);
-        fs::copy_file(copy, name, fs::copy_options::overwrite_existing);
+    for (const Case& c : {Case{"a copy", false, false}, Case{"a copy restored again", false, true},
+                          Case{"an offline database", true, false}}) {
+        SCOPED_TRACE(c.title);
+        server.folder.write("copy-names.nsf", before);
+        const std::string name = c.inPlace ? server.data(online) : names;
+        if (c.inPlace) {
+            ASSERT_EQ(NSFTakeDatabaseOffline(online.data(), 0, 0), 0);
+            replace(names, name);
+        }
+        const auto recoverWithoutRoom = [&] {
+            const struct rlimit limit = {before.size(), before.size()};
+            signal(SIGXFSZ, SIG_DFL);
+            setrlimit(RLIMIT_FSIZE, &limit);
+            recover({name});
+        };
+        EXPECT_EXIT(recoverWithoutRoom(), ::testing::KilledBySignal(SIGXFSZ), "");
+        EXPECT_FALSE(readFile(name) == before) << "nothing was half written";
+        if (c.replaced) {
+            server.folder.write("copy-names.nsf", before);
+        }
+        NotesTerm();
+        ASSERT_EQ(server.start(), 0);
+        EXPECT_TRUE(readFile(name) == before);
+        EXPECT_EQ(recover({name}), (Outcome{0, 0}));
+        EXPECT_EQ(show(name)["digest"], live["digest"]);
+        EXPECT_EQ(show(name)["integrity"], "ok");
     }
-    const std::string before = readFile(name);
-    ASSERT_NO_FATAL_FAILURE(recoverUntilKilled(name));
-    EXPECT_FALSE(readFile(name) == before) << "nothing was half written";
-    if (GetParam().replaced) {
-        fs::remove(name);
-        std::ofstream(name, std::ios::binary) << before;
-    }
-    NotesTerm();
-    ASSERT_EQ(server.start(), 0);
-    EXPECT_TRUE(readFile(name) == before);
-    EXPECT_EQ(recover({name}), (Outcome{0, 0}));
-    EXPECT_EQ(show(name)["digest"], live["digest"]);
-    EXPECT_EQ(show(name)["integrity"], "ok");
-    if (GetParam().inPlace) {
-        EXPECT_EQ(NSFBringDatabaseOnline(online.data(), 0), 0);
-        EXPECT_EQ(show(name)["dbiid"], live["dbiid"]);
-    }
-}
-
-INSTANTIATE_TEST_SUITE_P(Of, KilledRecovery,
-                         ::testing::Values(KillCase{"ACopy", false, false},
-                                           KillCase{"ACopyRestoredAgain", false, true},
-                                           KillCase{"AnOfflineDatabase", true, false}),
-                         [](const auto& test) { return std::string(test.param.title); });
-
-// A server set up anew beside restored logs remembers nothing of the log's databases.
-TEST_F(Recover, FindsRecordsThatTheServerDoesNotRemember) {
-    fs::remove_all(server.root() + "/state/instances");
-    EXPECT_EQ(recover({copyOf("mail.box")}), (Outcome{0, 0}));
-    EXPECT_EQ(show(copyOf("mail.box"))["digest"], show(server.data("mail.box"))["digest"]);
-}
-
-STATUS backupNeeded(const TestServer& server, const std::string& name) {
-    DWORD needed = 0;
-    std::string path = server.data(name).string();
-    return NSFIsNewBackupNeeded(path.data(), 0, &needed);
-}
-
-/// Puts a recovered copy over the original, as a client does.
-void putInPlace(const TestServer& server, const std::string& copy, std::string name) {
-    ASSERT_EQ(NSFTakeDatabaseOffline(name.data(), 0, 0), 0);
-    fs::copy_file(copy, server.data(name), fs::copy_options::overwrite_existing);
-    ASSERT_EQ(NSFBringDatabaseOnline(name.data(), 0), 0);
+    EXPECT_EQ(NSFBringDatabaseOnline(online.data(), 0), 0);
+    EXPECT_EQ(server.show(online)["dbiid"], live["dbiid"]);
 }
 
 // The log has records of the instance that the database now lacks, whatever the server remembers.
 TEST_F(Recover, ToAnEarlierMomentBeginsANewInstanceWhenBroughtOnline) {
-    dominoSim({"saved", server.root(), "names.nsf"});
-    const fs::path copy = copyOf("middle");
+    server.command("saved", "names.nsf");
+    const std::string copy = server.folder.file("middle");
     fs::copy_file(server.data("names.nsf"), copy);
-    ::usleep(30000); // the next commits are in a later hundredth of a second
+    usleep(30000); // the next commits are in a later hundredth of a second
+    TIMEDATE wildcard = {};
     TIMEDATE now = {};
     DHANDLE table = 0;
+    TimeConstant(2, &wildcard);
     {
         const OpenDb db("names.nsf");
-        TimeConstant(2, &now);
-        TIMEDATE until = {};
-        ASSERT_EQ(NSFDbGetModifiedNoteTable(db.handle, 1, now, &until, &table), 0);
+        ASSERT_EQ(NSFDbGetModifiedNoteTable(db.handle, 1, wildcard, &now, &table), 0);
         EXPECT_EQ(IDDestroyTable(table), 0);
-        now = until;
     }
-    ::usleep(30000);
-    put("names.nsf");
-    const std::int64_t moment = now.Innards[0] + (now.Innards[1] - kJulianDayOf1970) * kTicksPerDay;
+    usleep(30000);
+    server.command("put", "names.nsf " + kBigChange);
     for (const bool remembered : {true, false}) {
-        const std::string again = copyOf(remembered ? "remembered" : "forgotten");
-        fs::copy_file(copy, again);
+        SCOPED_TRACE(remembered);
         if (!remembered) {
-            dominoSim({"lose", server.root(), "names.nsf"});
+            server.command("lose", "names.nsf");
             fs::copy_file(copy, server.data("names.nsf"));
             fs::remove_all(server.root() + "/state/instances");
         }
-        ASSERT_EQ(recover({again}, kKeepDbiid, moment), (Outcome{0, 0}));
-        EXPECT_EQ(show(again)["digest"], live["digest"]);
-        putInPlace(server, again, "names.nsf");
-        EXPECT_NE(show(server.data("names.nsf"))["dbiid"], live["dbiid"]);
-        EXPECT_EQ(backupNeeded(server, "names.nsf"), 5114);
+        replace(copy, names);
+        ASSERT_EQ(recover({names}, kKeepDbiid, now), (Outcome{0, 0}));
+        EXPECT_EQ(show(names)["digest"], live["digest"]);
+        // Put over the original, as a client does.
+        std::string online = "names.nsf";
+        ASSERT_EQ(NSFTakeDatabaseOffline(online.data(), 0, 0), 0);
+        replace(names, server.data(online));
+        ASSERT_EQ(NSFBringDatabaseOnline(online.data(), 0), 0);
+        EXPECT_NE(server.show(online)["dbiid"], live["dbiid"]);
+        EXPECT_EQ(server.backupNeeded(online), 5114);
     }
+}
+
+// What is in the log has happened; without a log, what was not committed has not.
+TEST(KilledWriter, IsFinishedByTheNextOpen) {
+    struct Case {
+        const char* where;
+        const char* database;
+        int survives; // whether the change is in the database after the next open
+    };
+    for (const auto& [where, database, survives] :
+         {Case{"after-log", "names.nsf", 1}, Case{"half-written", "names.nsf", 1},
+          Case{"half-written", "plain.nsf", 0}}) {
+        SCOPED_TRACE(std::string(where) + " " + database);
+        const TestServer server;
+        const std::string name = database;
+        server.command("create", "plain.nsf --unlogged");
+        const auto before = server.show(name);
+        server.command("put", name + " --count 40 --crash " + where, 1000 + SIGKILL);
+        { const OpenDb db(name); }
+        const auto after = server.show(name);
+        EXPECT_EQ(after["integrity"], "ok");
+        EXPECT_EQ(after["commit"].get<int>() - before["commit"].get<int>(), survives);
+        EXPECT_EQ(after["notes"].get<int>() - before["notes"].get<int>(), survives * 40);
+        EXPECT_EQ(after["dbiid"], before["dbiid"]);
+        server.command("put", name);
+        EXPECT_EQ(server.show(name)["integrity"], "ok");
+    }
+}
+
+TEST(KilledWriter, WhoseDatabaseIsReplacedByAnEarlierCopyChangesNothingInIt) {
+    const TestServer server;
+    const std::string older = server.folder.file("older.nsf");
+    fs::copy_file(server.data("names.nsf"), older);
+    server.command("put", "names.nsf");
+    server.command("put", "names.nsf --crash after-log", 1000 + SIGKILL);
+    replace(older, server.data("names.nsf"));
+    { const OpenDb db("names.nsf"); }
+    EXPECT_EQ(server.show("names.nsf")["digest"], show(older)["digest"]);
 }
 
 } // namespace

@@ -1,109 +1,91 @@
-// A server in a temporary folder, runs of domino-sim, and a backup as a client makes it.
+// A server in a temporary folder, and a backup as a client makes it.
 #pragma once
-
-#include "notes_simulator/notes_simulator.h"
-#include "tests/support/temporary_folder.h"
-
-#include <nlohmann/json.hpp>
-
-#include <sys/types.h>
 
 #include <filesystem>
 #include <functional>
 #include <string>
-#include <utility>
 #include <vector>
+
+#include <gtest/gtest.h>
+#include <nlohmann/json.hpp>
+
+#include "notes_simulator/notes_simulator.h"
+#include "tests/simulator/domino_sim.h"
+#include "tests/support/temporary_folder.h"
 
 namespace simulator_tests {
 
-/// How a program ended and what it printed on both outputs.
-struct RunResult {
-    int exitCode = -1; ///< 1000 + signal when it was killed
-    std::string output;
-};
+namespace fs = std::filesystem;
 
-RunResult run(const std::vector<std::string>& command);
-/// Runs domino-sim, by default with the expectation that it succeeds.
-RunResult dominoSim(std::vector<std::string> arguments, int expectedExit = 0);
-/// The JSON that domino-sim prints.
-nlohmann::json dominoSimJson(const std::vector<std::string>& arguments);
+// Extents small enough that two changes of kBigChange fill one.
+constexpr const char* kSmallExtents = "--extent-size 65536";
+const std::string kBigChange = "--text " + std::string(30000, 'x');
 
-/// A folder that goes away with the object.
-class TemporaryFolder : public ::TemporaryFolder {
-  public:
-    std::filesystem::path operator/(const std::string& name) const { return file(name); }
-};
+// What domino-sim shows of a database: a file, or a server and a name.
+nlohmann::json show(const std::string& place);
 
-/// A server made by domino-sim, and the runtime of this process started on it.
+// A server made by domino-sim, and the runtime of this process started on it.
 class TestServer {
   public:
-    explicit TestServer(std::vector<std::string> initArguments = {});
+    explicit TestServer(const std::string& initOptions = "");
     ~TestServer();
     TestServer(const TestServer&) = delete;
     TestServer& operator=(const TestServer&) = delete;
 
-    std::string root() const { return (folder / "server").string(); }
-    std::filesystem::path data(const std::string& name) const {
-        return folder / "server" / "data" / name;
-    }
+    std::string root() const { return folder.file("server"); }
+    std::string data(const std::string& name) const { return root() + "/data/" + name; }
     STATUS start() const;
+
+    // Runs a command of domino-sim on this server.
+    std::string command(const std::string& name, const std::string& rest,
+                        int expectedExit = 0) const {
+        return dominoSim(name + " " + root() + " " + rest, expectedExit);
+    }
+    nlohmann::json show(const std::string& name) const {
+        return simulator_tests::show(root() + " " + name);
+    }
+    // The answer of NSFIsNewBackupNeeded; `needed` receives how much was logged since.
+    STATUS backupNeeded(const std::string& name, DWORD comfortSpan = 0,
+                        DWORD* needed = nullptr) const;
 
     TemporaryFolder folder;
 };
 
-/// A workload that runs until the object goes away.
+// A workload that runs until the object goes away.
 class Workload {
   public:
     Workload(const TestServer& server, const std::string& database, int writers = 1);
-    ~Workload();
-    Workload(const Workload&) = delete;
-    Workload& operator=(const Workload&) = delete;
-
     std::string manifest() const { return m_manifest; }
-    /// Waits until something more has been committed.
+    // Waits until something more has been committed.
     void awaitCommit();
-    void stop();
-    /// Kills it and its writers at once.
-    void kill();
 
   private:
     std::string m_manifest;
     std::uintmax_t m_seen = 0;
-    pid_t m_pid = -1;
+    ServerTask m_task;
 };
 
-/// Another process that has a database open.
-class Holder {
-  public:
-    /// Returns once the database is open. With seconds it ends by itself.
-    Holder(const TestServer& server, const std::string& database, const std::string& seconds = "0");
-    ~Holder();
-    Holder(const Holder&) = delete;
-    Holder& operator=(const Holder&) = delete;
-
-  private:
-    pid_t m_pid = -1;
-};
-
-/// An open database that closes itself.
+// An open database that closes itself.
 class OpenDb {
   public:
-    explicit OpenDb(const std::string& path);
-    ~OpenDb();
+    explicit OpenDb(const std::string& path) {
+        EXPECT_EQ(NSFDbOpen(path.c_str(), &handle), 0) << path;
+    }
+    ~OpenDb() { EXPECT_EQ(NSFDbClose(handle), 0); }
     OpenDb(const OpenDb&) = delete;
     OpenDb& operator=(const OpenDb&) = delete;
     DBHANDLE handle = 0;
 };
 
-/// A database and a backup of it that was begun; `status` is the answer to the begin.
+// A database and a backup of it that was begun; `status` is the answer to the begin.
 class OpenBackup {
   public:
     explicit OpenBackup(const std::string& path) : database(path) { start(); }
-    /// Begins once more, as after a failed begin.
+    // Begins once more, as after a failed begin.
     STATUS start() {
         return status = NSFBackupStart(database.handle, 0, &context, &size[0], &size[1]);
     }
-    /// Ends it with an option of NSFBackupEnd: 0 done, 1 given up.
+    // Ends it with an option of NSFBackupEnd: 0 done, 1 given up.
     STATUS end(DWORD option) const { return NSFBackupEnd(database.handle, context, option); }
 
     OpenDb database;
@@ -112,28 +94,22 @@ class OpenBackup {
     STATUS status = 0;
 };
 
-/// Whether a database is logged, and its DBIID.
-std::pair<BOOL, UNIVERSALNOTEID> logInfo(const std::string& database);
-
-/// The ids of a table in its order.
-std::vector<NOTEID> idsOf(DHANDLE table);
-
-/// How a test copies a database.
+// How a test copies a database.
 struct CopySteps {
     bool applyChanges = true;
-    std::size_t chunk = 32768;     ///< of the copy
-    DWORD infoBuffer = 32768;      ///< of the change information
-    std::size_t chunksPerMark = 0; ///< after how many the mark is set; 0: never
-    std::function<void()> between; ///< called after each chunk of the copy
+    DWORD infoBuffer = 32768;      // of the change information
+    std::size_t chunksPerMark = 0; // after how many the mark is set; 0: never
+    std::function<void()> between; // called after each chunk of the copy
 };
 
-/// Makes a backup copy of a database; every call is expected to succeed.
-void backUp(const std::string& database, const std::filesystem::path& source,
-            const std::filesystem::path& copy, const CopySteps& steps);
+// Makes a backup copy of a database of the server; every call is expected to succeed.
+void backUp(const TestServer& server, const std::string& database, const std::string& copy,
+            const CopySteps& steps = {});
 
-/// Runs the body in a child process that then dies by SIGKILL. Whether the body returned true.
-bool inKilledProcess(const std::function<bool()>& body);
+std::string readFile(const std::string& file);
+void replace(const std::string& from, const std::string& to);
 
-std::string readFile(const std::filesystem::path& file);
+// Changes a database behind the server's back.
+void changeFile(const std::string& database, const std::string& sql, const char* vfs = nullptr);
 
 } // namespace simulator_tests

@@ -1,0 +1,273 @@
+// What a server is: its log, who may use its databases, texts, faults that a test sets, and what
+// domino-sim's check finds.
+#include "tests/simulator/support.h"
+
+#include <gmock/gmock.h>
+
+#include <csignal>
+#include <cstring>
+
+namespace simulator_tests {
+namespace {
+
+using ::testing::HasSubstr;
+
+constexpr STATUS kOfflineStatus = 16146;
+
+std::vector<DWORD> readyLogs() {
+    std::vector<DWORD> numbers;
+    UNIVERSALNOTEID id = {};
+    DWORD number = 0;
+    char path[1028] = {};
+    for (STATUS status = NSFGetFirstLogToArchive(&id, &number, path); status == 0;
+         status = NSFGetNextLogToArchive(&id, &number, path)) {
+        numbers.push_back(number);
+    }
+    return numbers;
+}
+
+void fillLog(const TestServer& server, int records) {
+    for (int i = 0; i < records; ++i) {
+        server.command("put", "names.nsf " + kBigChange);
+    }
+}
+
+TEST(Log, AnExtentIsDoneOnlyWhenItIsFullAndOfThisLogAndThenGone) {
+    const TestServer server(kSmallExtents);
+    fillLog(server, 7);
+    EXPECT_EQ(readyLogs(), (std::vector<DWORD>{1, 2, 3}));
+    UNIVERSALNOTEID id = {};
+    DWORD active = 0;
+    char path[1028] = {};
+    EXPECT_EQ(NSFGetNextLogToArchive(&id, &active, path), 5086);
+    EXPECT_EQ(path, server.root() + "/logs/S0000004.TXN");
+    EXPECT_NE(NSFDoneArchivingLog(&id, &active), 0);
+    DWORD two = 2;
+    UNIVERSALNOTEID other = {};
+    EXPECT_NE(NSFDoneArchivingLog(&other, &two), 0);
+    EXPECT_EQ(NSFDoneArchivingLog(&id, &two), 0);
+    EXPECT_FALSE(fs::exists(server.root() + "/logs/S0000002.TXN"));
+    EXPECT_EQ(readyLogs(), (std::vector<DWORD>{1, 3}));
+}
+
+// After a restore the control file is lost, or older than the extents: no record may be
+// overwritten. A damaged one is an error and not a new log.
+TEST(Log, FindsRecordsThatItsControlFileDoesNotKnow) {
+    const TestServer server(kSmallExtents);
+    const auto logs = [&] { return nlohmann::json::parse(server.command("logs", "--json")); };
+    fillLog(server, 1);
+    const std::string control = server.root() + "/logs/nlogctrl.lfh";
+    const std::string older = server.folder.file("control");
+    fs::copy_file(control, older);
+    fillLog(server, 4);
+    const auto before = logs();
+    fs::remove(control);
+    EXPECT_EQ(logs()["nextRecord"], before["nextRecord"]);
+    replace(older, control);
+    fillLog(server, 1);
+    EXPECT_EQ(logs()["nextRecord"], 7);
+    EXPECT_EQ(logs()["activeExtent"], 3);
+    EXPECT_EQ(logs()["logId"], before["logId"]);
+    fs::resize_file(control, 100);
+    server.command("put", "names.nsf", 1);
+    EXPECT_EQ(fs::file_size(control), 100U);
+}
+
+TEST(Log, DoesNotRollForwardOverChangesThatItDoesNotHave) {
+    const TestServer server;
+    const auto dbiid = [&] { return server.show("mail.box")["dbiid"]; };
+    const auto before = dbiid();
+    server.command("put", "mail.box");
+    EXPECT_EQ(dbiid(), before) << "a change keeps it";
+    for (const char logging : {'0', '1'}) {
+        std::string ini = server.folder.read("server/notes.ini");
+        ini[ini.find("TRANSLOG_Status=") + std::strlen("TRANSLOG_Status=")] = logging;
+        server.folder.write("server/notes.ini", ini);
+        server.command("put", "mail.box");
+    }
+    EXPECT_NE(dbiid(), before);
+}
+
+STATUS takeOffline(std::string name, DWORD wait = 0) {
+    return NSFTakeDatabaseOffline(name.data(), wait, 0);
+}
+
+STATUS bringOnline(std::string name) {
+    return NSFBringDatabaseOnline(name.data(), 0);
+}
+
+STATUS openStatus(const std::string& name) {
+    DBHANDLE db = 0;
+    const STATUS status = NSFDbOpen(name.c_str(), &db);
+    if (status == 0) {
+        EXPECT_EQ(NSFDbClose(db), 0);
+    }
+    return status;
+}
+
+TEST(Offline, SucceedsOnlyWhileNobodyHasTheDatabaseOpen) {
+    const TestServer server;
+    const std::string name = "names.nsf";
+    const std::string hold = "hold " + server.root() + " " + name;
+    EXPECT_EQ(bringOnline(name), 0) << "it is online already";
+    {
+        const ServerTask holder(hold);
+        EXPECT_EQ(takeOffline(name), 5098);
+        EXPECT_EQ(takeOffline("mail/user1.nsf"), 0) << "another one";
+        { const OpenDb db(name); }
+        EXPECT_EQ(takeOffline(name), 5098) << "closing one leaves the other";
+    }
+    {
+        const OpenDb db(name);
+        EXPECT_EQ(takeOffline(name), 5098) << "this process";
+    }
+    {
+        const Workload workload(server, name);
+        EXPECT_EQ(takeOffline(name), 5098);
+    }
+    const ServerTask holder(hold + " --seconds 0.3");
+    EXPECT_EQ(takeOffline(name, 60), 0) << "waits for the holder";
+    EXPECT_EQ(takeOffline(name), 0) << "it is offline already";
+}
+
+TEST(Offline, ADatabaseIsClosedToEverybodyUntilItIsBroughtOnline) {
+    const TestServer server;
+    const std::string name = "names.nsf";
+    const std::string copy = server.folder.file("copy.nsf");
+    server.command("saved", name);
+    replace(server.data(name), copy);
+    server.command("offline", name);
+    NotesTerm();
+    ASSERT_EQ(server.start(), 0);
+    EXPECT_EQ(openStatus(name), kOfflineStatus);
+    EXPECT_EQ(openStatus(server.data("mail/../names.nsf")), kOfflineStatus);
+    EXPECT_EQ(server.backupNeeded(name), kOfflineStatus);
+    const std::pair<const char*, std::string> commands[] = {
+        {"put", name},
+        {"delete", name + " 2294"},
+        {"compact", name},
+        {"hold", name + " --seconds 0.01"},
+        {"workload", name + " --seconds 0.01 --manifest " + server.folder.file("manifest")}};
+    for (const auto& [command, rest] : commands) {
+        EXPECT_THAT(server.command(command, rest, 1), HasSubstr("offline")) << command;
+    }
+    EXPECT_EQ(server.show(name)["offline"], true);
+    EXPECT_EQ(server.show(name)["digest"], show(copy)["digest"]);
+
+    // What is no database stays offline until it is replaced again.
+    server.folder.write("server/data/names.nsf", std::string(9000, 'x'));
+    EXPECT_EQ(bringOnline(name), 513);
+    EXPECT_EQ(openStatus(name), kOfflineStatus);
+    fs::remove(server.data(name));
+    server.command("create", name, 1);
+    EXPECT_EQ(bringOnline(name), 259);
+    replace(copy, server.data(name));
+    server.command("online", name);
+    EXPECT_EQ(openStatus(name), 0);
+}
+
+// A journal of a writer that was killed: there when the database is taken offline, and turning up
+// again while it is.
+TEST(Offline, ALeftoverJournalIsNotRolledBackIntoTheNewFile) {
+    const TestServer server("--style none");
+    const std::string restored = server.folder.file("restored.nsf");
+    replace(server.data("mail/user1.nsf"), restored);
+    server.command("put", "names.nsf --count 300 --crash half-written", 1000 + SIGKILL);
+    const std::string journal = server.root() + "/state/journals/names.nsf-journal";
+    const std::string kept = server.folder.file("journal");
+    ASSERT_GT(fs::file_size(journal), 0U);
+    replace(journal, kept);
+    ASSERT_EQ(takeOffline("names.nsf"), 0);
+    EXPECT_EQ(server.show("names.nsf")["integrity"], "ok") << "the old file was settled first";
+    EXPECT_FALSE(fs::exists(journal));
+    replace(restored, server.data("names.nsf"));
+    replace(kept, journal);
+    NotesTerm();
+    ASSERT_EQ(server.start(), 0);
+    EXPECT_TRUE(readFile(server.data("names.nsf")) == readFile(restored));
+    replace(kept, journal);
+    ASSERT_EQ(bringOnline("names.nsf"), 0);
+    EXPECT_EQ(server.show("names.nsf")["digest"], show(restored)["digest"]);
+}
+
+TEST(Faults, HitTheNamedCallOnlyAndWrongTextsChangeNothing) {
+    const TestServer server;
+    ASSERT_EQ(NotesSimSetFaults("NSFDbOpen#2=513,NSFDbClose=0x1FF"), 0);
+    for (const char* text : {"NSFDbOpen", "NSFDbOpen=", "NSFDbOpen=x", "NSFDbOpen#0=5", "=5",
+                             "NSFDbOpen=0", "NSFDbOpen=99999", "NSFDbOpen=5,", "NSF DbOpen=5"}) {
+        EXPECT_NE(NotesSimSetFaults(text), 0) << text;
+    }
+    DBHANDLE first = 0;
+    DBHANDLE second = 0;
+    EXPECT_EQ(NSFDbOpen("names.nsf", &first), 0);
+    EXPECT_EQ(NSFDbOpen("names.nsf", &second), 513);
+    EXPECT_EQ(NSFDbOpen("names.nsf", &second), 0);
+    EXPECT_EQ(NSFDbClose(first), 0x1FF);
+    EXPECT_EQ(NSFDbClose(second), 0x1FF);
+    EXPECT_EQ(NotesSimFaultsFired(), 3U);
+    EXPECT_EQ(NotesSimOutstanding(NOTES_SIM_DATABASES), 2U) << "a failed call does nothing";
+    EXPECT_EQ(NotesSimSetFaults(""), 0);
+    EXPECT_EQ(NotesSimFaultsFired(), 0U);
+}
+
+std::string translated(WORD mode, const std::string& in, WORD limit) {
+    std::string out(limit + 1U, '#');
+    const WORD length = OSTranslate(mode, in.c_str(), 0xFFFF, out.data(), limit);
+    EXPECT_EQ(out[limit], '#') << "written past the limit";
+    EXPECT_EQ(out[length], '\0');
+    return out.substr(0, length);
+}
+
+TEST(Translate, RoundTripsTextAndCutsItAtTheLimitButNeverInsideACharacter) {
+    const std::string text = "ab\xE4\xB8\xAD caf\xC3\xA9\xF0\x9F\x93\xA7\xE4\xB8\x80\n";
+    EXPECT_EQ(translated(1, translated(0, text, 1028), 1028), text);
+    for (WORD limit = 1; limit < 30; ++limit) {
+        const std::string lmbcs = translated(0, text, limit);
+        EXPECT_LT(lmbcs.size(), limit) << "room for the NUL";
+        const std::string back = translated(22, lmbcs, 100);
+        EXPECT_EQ(text.compare(0, back.size(), back), 0) << limit;
+    }
+    EXPECT_EQ(translated(22, translated(0, text, 100), 5), "ab");
+    EXPECT_EQ(translated(0, "bad\xFF\xFE", 100), "bad??");
+}
+
+TEST(Check, WantsTheContentOfTheLastStopAsTheManifestHasIt) {
+    const TestServer server;
+    {
+        Workload workload(server, "names.nsf");
+        for (int i = 0; i < 5; ++i) {
+            workload.awaitCommit();
+        }
+    }
+    const std::string copy = server.folder.file("copy.nsf");
+    const std::string manifest = " --manifest " + server.folder.file("manifest.json");
+    const auto check = [&](const std::string& database = "names.nsf") {
+        return "check " + copy + manifest + " --server " + server.root() + " --database " +
+               database;
+    };
+    const auto expectFound = [&](const char* what) {
+        EXPECT_THAT(dominoSim(check(), 4), HasSubstr(what));
+    };
+    replace(server.data("names.nsf"), copy);
+    expectFound("no backup of names.nsf");
+    ASSERT_NO_FATAL_FAILURE(backUp(server, "names.nsf", copy));
+    dominoSim(check());
+    dominoSim(check("mail.box"), 1); // the manifest has nothing of it
+    changeFile(copy, "UPDATE notes SET body=x'00' WHERE note_id=(SELECT min(note_id) FROM notes)");
+    expectFound("differs");
+    changeFile(copy, "DELETE FROM notes WHERE note_id=(SELECT min(note_id) FROM notes)");
+    expectFound("is missing");
+    server.command("put", "names.nsf" + manifest);
+    replace(server.data("names.nsf"), copy);
+    expectFound("the backup was stopped at");
+    server.command("put", "names.nsf");
+    replace(server.data("names.nsf"), copy);
+    expectFound("the manifest has");
+    dominoSim("damage " + copy);
+    expectFound("");
+    fs::resize_file(copy, 10);
+    expectFound("");
+}
+
+} // namespace
+} // namespace simulator_tests
