@@ -9,7 +9,6 @@
 #include <algorithm>
 #include <filesystem>
 #include <set>
-#include <sys/stat.h>
 
 #include "client/catalogue.h"
 #include "client/error.h"
@@ -19,13 +18,15 @@
 #include "client/store/manifest.h"
 #include "client/store/store.h"
 #include "client/text.h"
-#include "fuzz/support/target.h"
+#include "fuzz/support.h"
 
 namespace {
 
 using fuzz::require;
 using nlohmann::json;
 
+constexpr char kStore[] = "store";
+constexpr char kBeside[] = "not of the store";
 constexpr const char* kSet = "20261121T024923Z-full";
 
 // Whether everything that `part` says stands in `whole` too.
@@ -77,76 +78,53 @@ void runManifest(std::string_view bytes) {
 }
 
 void runNested(std::string_view digits) {
-    std::size_t levels = 0;
-    for (const char digit : digits.substr(0, 6)) {
-        levels = levels * 10 + static_cast<std::size_t>(digit - '0') % 10;
-    }
+    const std::size_t levels = std::strtoul(std::string(digits.substr(0, 6)).c_str(), nullptr, 10);
     checkManifest("{\"checksum\":\"\",\"x\":" + std::string(levels, '[') +
                       std::string(levels, ']') + "}",
                   kSet);
 }
 
-// Writes the files that an input describes below folder()/store. A path is taken below it, its
-// parts ".." left out. The content is what follows the "=", expanded; where it begins with a
-// letter and ":", that says how it is to be understood:
+// Writes a file that an input describes below folder()/store. Its path is taken below it, the parts
+// ".." left out. The content is what follows the "=", expanded; where it begins with a letter and
+// ":", that says how it is to be understood:
 //   c:  JSON to be put into canonical form     h:  bytes in hexadecimal
 //   l:  a symbolic link to these               d:  a folder
-class Assembly {
-  public:
-    explicit Assembly(const std::filesystem::path& root) : m_root(root) {}
-
-    void add(const std::string& line) {
-        const std::size_t equals = line.find('=');
-        std::filesystem::path path = m_root;
-        for (const std::string_view part :
-             fuzz::split(std::string_view(line).substr(0, equals), '/')) {
-            if (!part.empty() && part != "." && part != ".." && part.size() < 200) {
-                path /= part;
-            }
+void assemble(const std::string& line) {
+    const std::size_t equals = line.find('=');
+    std::filesystem::path path = kStore;
+    std::error_code error;
+    for (const std::string_view part : fuzz::split(std::string_view(line).substr(0, equals), '/')) {
+        if (std::filesystem::is_symlink(path, error)) {
+            return; // never through a link that an earlier line made
         }
-        const std::string content = equals == std::string::npos ? "" : line.substr(equals + 1);
-        // Never through a link that an earlier line made.
-        std::error_code error;
-        if (path == m_root || hasLinkAbove(path)) {
-            return;
-        }
-        std::filesystem::create_directories(path.parent_path(), error);
-        if (!error && !std::filesystem::is_directory(std::filesystem::symlink_status(path))) {
-            std::filesystem::remove(path, error);
-            write(path, content);
+        if (!part.empty() && part != "." && part != ".." && part.size() < 200) {
+            path /= part;
         }
     }
-
-  private:
-    bool hasLinkAbove(std::filesystem::path path) const {
-        while ((path = path.parent_path()) != m_root) {
-            std::error_code error; // behind a link whatever it leads to; the link itself has none
-            const auto status = std::filesystem::symlink_status(path, error);
-            if (std::filesystem::exists(status) && !std::filesystem::is_directory(status)) {
-                return true;
-            }
-        }
-        return false;
+    std::filesystem::create_directories(path.parent_path(), error);
+    if (path == kStore || error ||
+        (std::filesystem::is_directory(path, error) && !std::filesystem::is_symlink(path, error))) {
+        return;
     }
-
-    static void write(const std::filesystem::path& path, const std::string& content) {
-        std::error_code error;
-        if (content.starts_with("l:")) {
-            std::filesystem::create_symlink(content.substr(2), path, error);
-        } else if (content.starts_with("d:")) {
-            std::filesystem::create_directory(path, error);
-        } else if (content.starts_with("h:")) {
-            fuzz::writeFile(path, qrtln::from_hex(content.substr(2)).value_or(content));
-        } else if (content.starts_with("c:")) {
-            const json document = json::parse(content.substr(2), nullptr, false);
-            fuzz::writeFile(path, document.is_object() ? qrtln::to_canonical(document) : content);
-        } else {
-            fuzz::writeFile(path, content);
-        }
+    std::filesystem::remove(path, error);
+    std::string content = equals == std::string::npos ? "" : line.substr(equals + 1);
+    const std::string rest = content.substr(std::min<std::size_t>(2, content.size()));
+    if (content.starts_with("l:")) {
+        std::filesystem::create_symlink(rest, path, error);
+        return;
     }
-
-    std::filesystem::path m_root;
-};
+    if (content.starts_with("d:")) {
+        std::filesystem::create_directory(path, error);
+        return;
+    }
+    if (content.starts_with("h:")) {
+        content = qrtln::from_hex(rest).value_or(content);
+    } else if (content.starts_with("c:")) {
+        const json document = json::parse(rest, nullptr, false);
+        content = document.is_object() ? qrtln::to_canonical(document) : content;
+    }
+    std::ofstream(path, std::ios::binary) << content;
+}
 
 // All that `qrtln list`, `show` and `verify` read.
 void readStore(qrtln::Store& store) {
@@ -221,52 +199,30 @@ void use(const std::string& directory, qrtln::StoreAccess access) {
     }
 }
 
-// What lies beside the store, for links to lead to: a file, and a folder of one file.
-class Surroundings {
-  public:
-    explicit Surroundings(const std::filesystem::path& root) : m_root(root) { create(); }
-
-    void check() const {
-        require(fuzz::readFile(m_root / "file") == kContent &&
-                    fuzz::readFile(m_root / "folder/file") == kContent &&
-                    entries(m_root / "folder") == 1 && entries(m_root) <= 3,
-                "nothing outside the store changes");
-        struct stat status {};
-        require(stat((m_root / "file").c_str(), &status) == 0 && (status.st_mode & 07777) == 0644,
-                "no mode outside the store changes");
-    }
-
-  private:
-    static constexpr const char* kContent = "not of the store";
-
-    void create() const {
-        std::filesystem::create_directories(m_root / "folder");
-        fuzz::writeFile(m_root / "file", kContent);
-        fuzz::writeFile(m_root / "folder/file", kContent);
-        std::filesystem::permissions(m_root / "file", std::filesystem::perms(0644));
-    }
-    static long entries(const std::filesystem::path& folder) {
-        return std::distance(std::filesystem::directory_iterator(folder), {});
-    }
-    std::filesystem::path m_root;
-};
-
 void runStore(std::string_view description, qrtln::StoreAccess access) {
-    static const Surroundings surroundings(fuzz::folder());
-    const std::filesystem::path root = fuzz::folder() + "/store";
-    std::filesystem::remove_all(root);
-    std::filesystem::create_directory(root);
-    Assembly assembly(root);
-    for (const char* folder : {"objects=d:", "sets=d:", "runtime=d:"}) {
-        assembly.add(folder);
+    // What lies beside the store, for links to lead to.
+    for (const char* file : {"file", "folder/file"}) {
+        fuzz::files().write(file, kBeside);
+        std::filesystem::permissions(file, std::filesystem::perms(0644));
     }
-    assembly.add(R"(store.json=c:{"format":1,"type":"qrtln store"})");
+    std::filesystem::remove_all(kStore);
+    for (const char* line : {"objects=d:", "sets=d:", "runtime=d:",
+                             R"(store.json=c:{"format":1,"type":"qrtln store"})"}) {
+        assemble(line);
+    }
     const std::vector<std::string_view> lines = fuzz::split(description, '\n');
     for (std::size_t i = 0; i < lines.size() && i < 32; ++i) {
-        assembly.add(fuzz::expanded(lines[i]));
+        assemble(fuzz::expanded(lines[i]));
     }
-    use(root, access);
-    surroundings.check();
+    use(fuzz::files().file(kStore), access);
+    const auto entries = [](const std::string& path) {
+        return std::distance(std::filesystem::directory_iterator(path), {});
+    };
+    require(fuzz::files().read("file") == kBeside && fuzz::files().read("folder/file") == kBeside &&
+                entries("folder") == 1 && entries(".") == 3,
+            "nothing outside the store changes");
+    require(std::filesystem::status("file").permissions() == std::filesystem::perms(0644),
+            "no mode outside the store changes");
 }
 
 } // namespace
@@ -275,19 +231,16 @@ void fuzz::runInput(std::string_view input) {
     if (input.empty()) {
         return;
     }
+    const std::string_view rest = input.substr(1);
     switch (input[0]) {
     case 'm':
-        runManifest(input.substr(1));
-        break;
+        return runManifest(rest);
     case 'n':
-        runNested(input.substr(1));
-        break;
+        return runNested(rest);
     case 's':
-        runStore(input.substr(1), qrtln::StoreAccess::read_damaged);
-        break;
+        return runStore(rest, qrtln::StoreAccess::read_damaged);
     case 'w':
-        runStore(input.substr(1), qrtln::StoreAccess::write);
-        break;
+        return runStore(rest, qrtln::StoreAccess::write);
     default:
         break;
     }

@@ -9,9 +9,8 @@
 
 #include <gtest/gtest.h>
 
-#if defined(__SANITIZE_ADDRESS__)
-extern "C" int __lsan_do_recoverable_leak_check();
-#endif
+// Of the leak checker, where that is part of the program.
+extern "C" [[gnu::weak]] int __lsan_do_recoverable_leak_check();
 
 // The failures of the running test so far.
 inline int failedParts() {
@@ -38,9 +37,9 @@ inline void inOwnProcess(const std::function<void()>& body) {
             ADD_FAILURE() << error.what();
         }
         bool passed = failedParts() == inherited;
-#if defined(__SANITIZE_ADDRESS__)
-        passed = __lsan_do_recoverable_leak_check() == 0 && passed;
-#endif
+        if (__lsan_do_recoverable_leak_check != nullptr) {
+            passed = __lsan_do_recoverable_leak_check() == 0 && passed;
+        }
         std::fflush(nullptr);
         _exit(passed ? 0 : 1);
     }

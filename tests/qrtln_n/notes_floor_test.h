@@ -1,16 +1,90 @@
 // What the tests of the Notes floor share: a clean record of the operation with the runtime up,
-// captured messages, a scripted Notes C API and a folder.
+// captured messages, a folder, and the Notes C API as a script.
 #pragma once
 
+#include <algorithm>
+#include <cstring>
+#include <set>
 #include <string>
+#include <vector>
 
-#include <gtest/gtest.h>
+#include <gmock/gmock.h>
 
+#include "common/bounded_text.h"
 #include "qrt_lotus_notes/operation_state.h"
 #include "qrt_lotus_notes/qrtln_u/messages.h"
-#include "tests/qrtln_n/scripted_notes_api.h"
 #include "tests/support/message_capture.h"
+#include "tests/support/notes_api_fake.h"
 #include "tests/support/temporary_folder.h"
+
+// A call that the module is expected to make, as NotesCall::text has it, and its answer.
+struct Step {
+    std::string call;
+    NotesAnswer answer = {};
+};
+using Steps = std::vector<Step>;
+
+inline Steps operator+(Steps first, const Steps& second) {
+    first.insert(first.end(), second.begin(), second.end());
+    return first;
+}
+
+// The steps to the one of that number, which fails with the status.
+inline Steps failingAt(std::size_t number, STATUS status, const Steps& steps) {
+    Steps result(steps.begin(), steps.begin() + static_cast<long>(number + 1));
+    result.back().answer.status = status;
+    return result;
+}
+
+// A call that the script does not have next fails the test; after the first one all calls fail, and
+// nothing more is compared. What is left of the script at the end fails the test, too.
+//
+// A native name is translated to "L:" and itself, to UTF-8 one more "U:" before that, so that an
+// untranslated name is seen. The text of a status is "Notes text N".
+class ScriptedNotesApi : public NotesApiFake {
+  public:
+    ~ScriptedNotesApi() override { expectPlayed(); }
+
+    void play(const Steps& steps) { m_steps = m_steps + steps; }
+    void expectPlayed() {
+        if (!m_failed && m_next < m_steps.size()) {
+            ADD_FAILURE() << "not called: " << m_steps[m_next].call;
+            m_failed = true;
+        }
+    }
+
+    NotesAnswer answer(const NotesCall& call) override {
+        static const std::set<std::string_view> notScripted = {
+            "IDEntries", "IDIsPresent", "IDScan", "NSFDbGetBuildVersion", "OSGetIntlSettings"};
+        if (notScripted.count(call.function) != 0) {
+            return {};
+        }
+        if (!m_failed && m_next < m_steps.size() && m_steps[m_next].call == call.text) {
+            return m_steps[m_next++].answer;
+        }
+        if (!m_failed) {
+            ADD_FAILURE() << "step " << m_next + 1 << ": expected "
+                          << (m_next < m_steps.size() ? m_steps[m_next].call : "no more calls")
+                          << "\n  but the call was " << call.text;
+            m_failed = true;
+        }
+        return {.status = 1};
+    }
+    std::string translated(WORD mode, const std::string& text) const override {
+        return (mode == kTranslateNativeToLmbcs ? "L:"
+                : mode == kTranslateLmbcsToUtf8 ? "U:"
+                                                : "?:") +
+               text;
+    }
+    std::string textOf(STATUS status) const override {
+        return "Notes text " + std::to_string(status);
+    }
+
+  private:
+    Steps m_steps;
+    std::size_t m_next = 0;
+    bool m_failed = false;
+};
 
 class NotesFloorTest : public testing::Test {
   protected:
@@ -29,6 +103,15 @@ class NotesFloorTest : public testing::Test {
         TYPE_DB_Error error = {};
         takeError(&error);
         return error.szDBErrorMsg;
+    }
+
+    // Whether a trace or a log line has this part.
+    bool said(const std::string& part) const {
+        const auto has = [&](const std::string& text) {
+            return text.find(part) != std::string::npos;
+        };
+        return std::any_of(messages.traces().begin(), messages.traces().end(), has) ||
+               std::any_of(messages.logs().begin(), messages.logs().end(), has);
     }
 
     TemporaryFolder folder;
