@@ -70,6 +70,7 @@ void* FirstElmLL(t_LL list) {
     return payloadOf(list->head.forward);
 }
 
+// Not run by a test: nothing in the module asks for a last element.
 void* LastElmLL(t_LL list) {
     return payloadOf(list->head.backward);
 }

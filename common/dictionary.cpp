@@ -101,6 +101,7 @@ unsigned int dictionary_hash(const char* key) {
 
 int dictionary_slot(const dictionary* d, const char* key) {
     if (d == nullptr || key == nullptr) {
+        // Not run by a test: the module passes no nullptr here.
         return -1;
     }
     const auto found = d->index->slots.find(key);
@@ -114,6 +115,7 @@ char* dictionary_get(const dictionary* d, const char* key, char* def) {
 
 void dictionary_set(dictionary* d, const char* key, const char* val) {
     if (d == nullptr || key == nullptr) {
+        // Not run by a test: the module passes no nullptr here.
         return;
     }
     // The copy comes first: val may be the very value that is replaced.
@@ -125,6 +127,7 @@ void dictionary_set(dictionary* d, const char* key, const char* val) {
     }
     if (d->n == d->size) {
         if (d->size > kMaximalSlots / 2) {
+            // Not run by a test: it would take more than 2^27 slots.
             throw std::bad_alloc();
         }
         doubleArray(d->val, d->size);
@@ -144,6 +147,7 @@ void* mem_double(void* ptr, int size) {
     const auto bytes = static_cast<std::size_t>(size);
     void* const doubled = std::calloc(2, bytes);
     if (doubled == nullptr) {
+        // Not run by a test: it would take more than 2^27 slots.
         throw std::bad_alloc();
     }
     std::memcpy(doubled, ptr, bytes);

@@ -13,6 +13,7 @@ bool isWhiteSpace(char c) {
 
 char* strskp(char* s) {
     if (s == nullptr) {
+        // Not run by a test: the module passes no nullptr here.
         return nullptr;
     }
     while (isWhiteSpace(*s)) {
@@ -24,6 +25,7 @@ char* strskp(char* s) {
 char* strcrop(const char* s) {
     static char szCropped[1025];
     if (s == nullptr) {
+        // Not run by a test: the module passes no nullptr here.
         return nullptr;
     }
     copyText(szCropped, s);

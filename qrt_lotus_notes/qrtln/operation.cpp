@@ -21,6 +21,7 @@ constexpr DB_OPERATION_TYPE kNoOperation = static_cast<DB_OPERATION_TYPE>(0);
 // Ends the backup context of the item in progress, if there is one.
 void closePendingBackup() {
     if (g_sQRTLN_Global.hCurrDB != 0 && g_sQRTLN_Global.bNotesInitialized) {
+        // Not run by a test: open; a path that is too long, or cannot be translated.
         CloseDbBackup("pending.nsf"); // closes what the record holds; asks the name's kind only
     }
     g_sQRTLN_Global.hCurrDB = 0;

@@ -87,6 +87,7 @@ int QRTLN_IsBackupNeeded(const char* cpFile, DB_OPERATION_LEVEL eI_OperationLeve
         }
         // The probe must leave no mark on the file.
         if (!bAttribute && OSIsArchiveAttributeSet(cpFile)) {
+            // Not run by a test: the simulator's probe sets none.
             OSResetArchiveAttribute(cpFile);
         }
         if (!bLogged) {
@@ -130,6 +131,7 @@ int QRTLN_PrepareForBackup(char* cpFile, char* cpBackupDirectory, BOOL* bpFileOp
         *bpFileOpen = TRUE;
         result = PrepareOpenDbForBackup(cpFile, cpBackupDirectory, &DbIID);
     } else {
+        // Not run by a test: every database is copied open.
         *bpFileOpen = FALSE;
         result = PrepareDbForBackup(cpFile, cpBackupDirectory, &DbIID);
     }

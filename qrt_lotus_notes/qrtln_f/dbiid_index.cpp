@@ -76,6 +76,7 @@ void resolveIndexPaths() {
     AddPidToFilename(szDBIIDTmpFile, sizeof szDBIIDTmpFile);
     // A working copy whose name lost its process id could be the index itself: then none is used.
     if (std::strlen(szIndex) + kMaxPidSuffix >= sizeof szDBIIDTmpFile) {
+        // Not run by a test: open; a path that is too long, or cannot be translated.
         *szDBIIDTmpFile = '\0';
     }
 }
@@ -122,6 +123,7 @@ bool replaceIndex() {
     // An index that is a symbolic link stays one.
     char szTarget[PATH_MAX];
     if (realpath(szDBIIDFile, szTarget) == nullptr && !copyText(szTarget, szDBIIDFile)) {
+        // Not run by a test: open; a path that is too long, or cannot be translated.
         return false;
     }
     char szSibling[kPathSize];
@@ -129,6 +131,7 @@ bool replaceIndex() {
     AddPidToFilename(szSibling, sizeof szSibling);
     if (!appendText(szSibling, ".new") ||
         std::strncmp(szSibling, szTarget, std::strlen(szTarget)) != 0) {
+        // Not run by a test: open; a path that is too long, or cannot be translated.
         return false;
     }
     if (!SysFileCopy(szDBIIDTmpFile, szSibling, FALSE) || flushFile(szSibling) != 0) {

@@ -223,6 +223,7 @@ bool addPatternToDirectory(FileScan& scan) {
     if (stat(scan.szFullPattern, &status) != 0) {
         // A pattern, in most cases; a directory that cannot be examined would be taken for one.
         if (scan.bReadsDirectories && (errno == EACCES || errno == EIO || errno == ENOMEM)) {
+            // Not run by a test: the long form of the failing calls does.
             tellLeftOut("fillFileList", scan.szFullPattern, errno);
         }
         return true;
@@ -521,6 +522,7 @@ void getDatabasesIn(const char* cpDirectory, LIST_INFO* _lhDatabases) {
             continue;
         }
         if (stat(szPath, &status) != 0) {
+            // Not run by a test: the long form of the failing calls does.
             if (errno != ENOENT) {
                 DB_LogExt("getDatabasesIn(): [%s] cannot be read and is left out (%d): %s", szPath,
                           errno, std::strerror(errno));

@@ -169,6 +169,7 @@ void addPending(LIST_INFO* lhRecoveryList, const char* szRecoveryPendingFile,
     char szOriginalDatabaseFile[kPathSize];
     copyText(szOriginalDatabaseFile, szRecoveryPendingFile);
     if (!isRelocated() && !buildOriginal(szRecoveryPendingFile, szOriginalDatabaseFile)) {
+        // Not run by a test: open; a path that is too long, or cannot be translated.
         DB_LogExt("QRTLN_Recovery(): the original's path of [%s] is too long, skipped",
                   szRecoveryPendingFile);
         return;
@@ -298,6 +299,7 @@ int QRTLN_GetRecoveryPendingFiles(LIST_INFO* lhRecoveryPendingList, const char* 
         if (completePattern(szFullPattern)) {
             searchDirectory(szFullPattern, lhSubDirList.get(), lhRecoveryPendingList);
         } else {
+            // Not run by a test: open; a path that is too long, or cannot be translated.
             DB_LogExt("QRTLN_GetRecoveryPendingFiles(): the path of [%s] is too long for its "
                       "files, skipped",
                       szFullPattern);

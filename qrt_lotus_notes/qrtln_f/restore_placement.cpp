@@ -31,6 +31,7 @@ bool isWholeSystem() {
 // Decides what a whole-system argument means at this level.
 int startWholeSystem() {
     switch (g_sQRTLN_Global.eI_OperationLevel) {
+    // Not run by a test: open; a restore of the whole system at the level of copies.
     case DB_LEVEL_COPY:
     case DB_LEVEL_FULL:
         DB_TraceExt("QRTLN_InitRestore(): Full Lotus Notes System restore.");
@@ -128,6 +129,7 @@ int createBranchOf(const char* cpFile) {
     copyText(szBranch, cpFile);
     char* delimiter = std::strrchr(szBranch, kDelimiter);
     if (delimiter == nullptr || delimiter == szBranch) {
+        // Not run by a test: the caller has refused such a path, or built it so that it fits.
         return DB_NUM_I_OK; // the root is there
     }
     *delimiter = '\0';
@@ -370,6 +372,7 @@ int QRTLN_SetFile(char* cpFile, const char* cpOriginalDir) {
     // The selection goes by the name that was announced, not by where it is placed.
     char szFile[kPathSize];
     if (!copyText(szFile, cpFile)) {
+        // Not run by a test: the caller has refused such a path, or built it so that it fits.
         return refuseTooLong(cpFile, std::strlen(cpFile) + 1);
     }
     // Placed before it is known whether it is selected: a skipped database leaves its directory

@@ -258,6 +258,7 @@ bool openStreams(const char* original, char* directory, StreamGuard& source,
         return reportFileError(error);
     }
     if (const int error = SysFileCreateDirectory(directory); error != 0) {
+        // Not run by a test: open; a folder below TMP_DIR that cannot be made.
         DB_TraceExt("PrepareOpenDbForBackup(): SysFileCreateDirectory call failed: %s",
                     getSysMsg(static_cast<unsigned>(error)));
         return reportFileError(error);

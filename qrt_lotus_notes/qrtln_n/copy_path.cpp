@@ -33,6 +33,7 @@ bool buildCopyPath(const char* cpDatabase, char (&szCopy)[kPathSize]) {
     }
     const std::string_view tmpDir = g_sQRTLN_Global.szTmpDir;
     if (tmpDir.empty()) {
+        // Not run by a test: the caller has refused such a path, or built it so that it fits.
         return false;
     }
     const bool delimited = tmpDir.back() == kDelimiter;

@@ -94,6 +94,7 @@ int isNotesDbOpen(const char* cpNotesDbFile, BOOL* bpDbIsOpen) {
     if (error == 0) {
         DB_TraceExt("isNotesDbOpen: DBfile [%s] is not locked", getUTF8FileName(cpNotesDbFile));
         if (lockWholeFile(fd, F_UNLCK) != 0) {
+            // Not run by a test: libc and the kernel do not fail so with these arguments.
             DB_TraceExt("Unlocking file %s failure", getUTF8FileName(cpNotesDbFile));
         }
         return DB_NUM_I_OK;
@@ -104,6 +105,7 @@ int isNotesDbOpen(const char* cpNotesDbFile, BOOL* bpDbIsOpen) {
         *bpDbIsOpen = TRUE;
         return DB_NUM_I_OK;
     }
+    // Not run by a test: libc and the kernel do not fail so with these arguments.
     DB_ErrHandler(static_cast<unsigned long>(error), kErrorKindErrno,
                   "file locking returned unexpected error");
     DB_TraceExt("Locking file %s failure", getUTF8FileName(cpNotesDbFile));

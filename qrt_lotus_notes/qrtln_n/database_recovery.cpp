@@ -36,6 +36,7 @@ struct RecoveryPair {
 bool splitEntry(const char* cpEntry, RecoveryPair& pair) {
     const char* separator = std::strstr(cpEntry, kRecoverySeparator);
     if (separator == nullptr) {
+        // Not run by a test: the caller has refused such a path, or built it so that it fits.
         return false;
     }
     pair.restored.assign(cpEntry, separator);
@@ -136,6 +137,7 @@ void excludeUnavailable(LIST_INFO* _lhRecoveryList, OfflineOriginals& offline) {
 // Converts the moment to recover to. False (reported) when the server reads it as another one.
 bool convertMoment(TIMEDATE& recoveryTime) {
     if (!g_sQRTLN_Global.bNotesInitialized) {
+        // Not run by a test: the entry point has refused already.
         reportRuntimeNotInitialized();
         return false;
     }
@@ -159,6 +161,7 @@ bool buildNameBlock(const std::vector<RecoveryPair>& pairs, std::string& block) 
     for (const RecoveryPair& pair : pairs) {
         char szTmpFile[kPathSize];
         if (!translateOrReport("RecoverDb", pair.restored.c_str(), szTmpFile)) {
+            // Not run by a test: the caller has refused such a path, or built it so that it fits.
             return false;
         }
         block.append(szTmpFile, std::strlen(szTmpFile) + 1);
@@ -218,6 +221,7 @@ bool replayOnce(const std::vector<RecoveryPair>& pairs, DWORD dwFlag, TIMEDATE* 
     replay = {};
     std::string names;
     if (!buildNameBlock(pairs, names)) {
+        // Not run by a test: the caller has refused such a path, or built it so that it fits.
         return false;
     }
     replay.status = notes_api.NSFRecoverDatabases(names.data(), &LogRestoreCallBack, dwFlag,
@@ -231,6 +235,7 @@ bool replayOnce(const std::vector<RecoveryPair>& pairs, DWORD dwFlag, TIMEDATE* 
 
 void tellFailed(const std::vector<RecoveryPair>& pairs, const Replay& replay) {
     if (replay.wentOn()) {
+        // Not run by a test: open; a path that is too long, or cannot be translated.
         return; // the server was not even asked, which is reported
     }
     for (const RecoveryPair& pair : pairs) {
@@ -428,6 +433,7 @@ bool replaceOriginals(const std::vector<RecoveryPair>& pairs, const std::vector<
         tellOutcome(pairs[i], reach[i], placing, bOnline);
     }
     if (pairs.empty()) {
+        // Not run by a test: the entry point has refused already.
         DB_TraceExt("RecoverDb(): There is no recovery files to be replaced with.");
     }
     DB_TraceExt("RecoverDb(): REPLACING ORIGINAL DATABASES WITH RECOVERED COPIES FINISHED !");

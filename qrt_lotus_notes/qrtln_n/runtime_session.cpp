@@ -150,6 +150,7 @@ int getNotesDirectories(char* cpNotesDataDirectory, char* cpNotesBinDirectory, i
     // The release of the Notes C API whose calls the module makes.
     DB_TraceExt("getNotesDirectories: LN C API Version [%d.%d.%d]", 9, 0, 1);
     if (!g_sQRTLN_Global.bNotesInitialized) {
+        // Not run by a test: the entry point has refused already.
         reportRuntimeNotInitialized();
         return DB_NUM_E_FAILED;
     }

@@ -141,6 +141,7 @@ int SysFileCreate(const char* cpFileName, FILE** fhRetFile) {
     }
     const int result = setBuffer(*fhRetFile, szOutBuffer);
     if (result != 0) {
+        // Not run by a test: libc and the kernel do not fail so with these arguments.
         DB_LogExt("SysFileCreate [%s] setvbuf [%ld] returned %d", getUTF8FileName(cpFileName),
                   kBufferSizeText, result);
     }
@@ -162,6 +163,7 @@ int SysFileOpen(const char* cpFileName, FILE** fhRetFile) {
     }
     const int result = setBuffer(*fhRetFile, nullptr);
     if (result != 0) {
+        // Not run by a test: libc and the kernel do not fail so with these arguments.
         DB_LogExt("SysFileOpen [%s] setvbuf [%ld] returned %d, QRTLN_BUFFER_SIZE %ld",
                   getUTF8FileName(cpFileName), kBufferSizeText, result, kChunkSizeText);
     }
@@ -179,6 +181,7 @@ int SysFileOpenRead(const char* cpFileName, FILE** fhRetFile) {
     }
     const int result = setBuffer(*fhRetFile, szInBuffer);
     if (result != 0) {
+        // Not run by a test: libc and the kernel do not fail so with these arguments.
         DB_LogExt("SysFileOpenRead [%s] setvbuf [%ld] returned %d, QRTLN_BUFFER_SIZE %ld",
                   getUTF8FileName(cpFileName), kBufferSizeText, result, kChunkSizeText);
     }

@@ -14,7 +14,7 @@ namespace {
 
 namespace fs = std::filesystem;
 
-std::string textOf(DWORD number) {
+std::string idText(DWORD number) {
     char szText[kDbIIdTextSize];
     formatDbIId(dbIId(number), szText);
     return szText;
@@ -22,7 +22,7 @@ std::string textOf(DWORD number) {
 
 // An index with one entry.
 std::string indexOf(const std::string& path, DWORD number) {
-    return "\n[DBIID]\n" + path + "=" + textOf(number) + "\n\n";
+    return "\n[DBIID]\n" + path + "=" + idText(number) + "\n\n";
 }
 
 class DbiidIndex : public FakeServer {
@@ -60,13 +60,13 @@ TEST_F(DbiidIndex, WorkingCopyReadsLikeAWholeWriteAndTakesTheIndexsPlaceAtTheEnd
     EXPECT_EQ(QRTLN_EndDBIIDIndexProcessing(TRUE), DB_NUM_E_FAILED) << "nothing was written";
     EXPECT_EQ(runFiles(), 0);
 
-    const std::string old = "\n[DBIID]\n/d/a.nsf=" + textOf(1) + "\n/d/short=x\n\n";
+    const std::string old = "\n[DBIID]\n/d/a.nsf=" + idText(1) + "\n/d/short=x\n\n";
     open(old);
     EXPECT_EQ(copyContent(), old);
     DWORD number = 0xABCD;
     for (const char* path : {"/d/b.nsf", "/d/a.nsf", "/d/short", "/d/d=e.nsf"}) {
-        storeDbIId(path, textOf(++number).c_str());
-        EXPECT_EQ(storedDbIId(path), textOf(number));
+        storeDbIId(path, idText(++number).c_str());
+        EXPECT_EQ(storedDbIId(path), idText(number));
         EXPECT_EQ(copyContent(), wholeDump()) << path;
     }
     EXPECT_STREQ(storedDbIId("/d/b.nsf"), "0000ABCE-A1B2C3D4 00000001FFFFFFFF");
@@ -99,7 +99,7 @@ TEST_F(DbiidIndex, ThousandsOfDatabasesCostTheirEntriesNotTheirSquare) {
         open(before);
         const unsigned long long start = bytesWritten();
         for (DWORD i = 0; i < 2 * kDatabases; ++i) { // first added, then changed
-            storeDbIId(path(i % kDatabases).c_str(), textOf(i).c_str());
+            storeDbIId(path(i % kDatabases).c_str(), idText(i).c_str());
         }
         const unsigned long long written = bytesWritten() - start;
         const std::string whole = wholeDump();
@@ -117,7 +117,7 @@ TEST_F(DbiidIndex, AnIndexThatCannotBeReadStaysAndGetsNoEntries) {
     for (const char* unreadable : {"/", "/proc/self/mem"}) {
         fs::create_symlink(unreadable, index);
         openDBIIDIndex();
-        storeDbIId("/d/a.nsf", textOf(1).c_str());
+        storeDbIId("/d/a.nsf", idText(1).c_str());
         EXPECT_EQ(storedDbIId("/d/a.nsf"), nullptr);
         EXPECT_EQ(QRTLN_EndDBIIDIndexProcessing(TRUE), DB_NUM_E_FAILED);
         EXPECT_EQ(runFiles(), 1);
@@ -132,14 +132,14 @@ TEST_F(DbiidIndex, KeepsItsEntriesWhateverADamagedIndexOrAPathHolds) {
     for (const std::string damaged :
          {"\n/d/old.nsf=1\n", "\n[DBIID]\n[DBIID: [\n", "/d/old.nsf=1\n[DBIID]\n/d/c.nsf=x\n"}) {
         open(damaged);
-        storeDbIId("/d/a.nsf", textOf(1).c_str());
-        storeDbIId("/d/\n[x].nsf", textOf(2).c_str()); // would begin another section
-        storeDbIId("/d/b.nsf", textOf(1).c_str());
+        storeDbIId("/d/a.nsf", idText(1).c_str());
+        storeDbIId("/d/\n[x].nsf", idText(2).c_str()); // would begin another section
+        storeDbIId("/d/b.nsf", idText(1).c_str());
         EXPECT_EQ(QRTLN_EndDBIIDIndexProcessing(TRUE), DB_NUM_I_OK);
         openDBIIDIndex();
         for (const char* path : {"/d/a.nsf", "/d/b.nsf"}) {
             ASSERT_NE(storedDbIId(path), nullptr) << path << " behind " << damaged;
-            EXPECT_EQ(storedDbIId(path), textOf(1));
+            EXPECT_EQ(storedDbIId(path), idText(1));
         }
     }
 }
@@ -154,12 +154,12 @@ TEST_F(DbiidIndex, WorkingCopyThatCannotBeWrittenNeverReplacesTheIndex) {
         } else {
             fs::create_directories(copy + "/x"); // the one obstacle that stops root, too
         }
-        storeDbIId("/d/a.nsf", textOf(2).c_str());
+        storeDbIId("/d/a.nsf", idText(2).c_str());
         EXPECT_TRUE(
             logged("QRTLN_IsBackupNeeded: " +
                    (opens ? "writing " + copy + " failed with errno (28): No space left on device"
                           : "fopen(" + copy + ") failed with errno (21): Is a directory")));
-        EXPECT_EQ(storedDbIId("/d/a.nsf"), textOf(opens ? 2 : 1));
+        EXPECT_EQ(storedDbIId("/d/a.nsf"), idText(opens ? 2 : 1));
         ASSERT_FALSE(fs::is_symlink(copy)) << "half an index is no index";
         EXPECT_EQ(QRTLN_EndDBIIDIndexProcessing(TRUE), DB_NUM_E_FAILED);
         EXPECT_EQ(indexContent(), old);
@@ -176,7 +176,7 @@ TEST_F(DbiidIndex, IndexIsReplacedByRenameAndKeepsItsModeItsGroupAndItsLink) {
     fs::create_hard_link(real, folder.file("elsewhere/old"));
     const auto change = [] {
         openDBIIDIndex();
-        storeDbIId("/d/a.nsf", textOf(2).c_str());
+        storeDbIId("/d/a.nsf", idText(2).c_str());
         EXPECT_EQ(QRTLN_EndDBIIDIndexProcessing(TRUE), DB_NUM_I_OK);
     };
     change();
@@ -281,7 +281,7 @@ TEST_F(DbiidIndex, DecisionFollowsLevelLoggingAndEntry) {
         EXPECT_EQ(bNeeded, c.expected);
         EXPECT_EQ(wholeDump(), c.updated ? indexOf(path, 7) : before);
         EXPECT_EQ(this->logged("QRTLN_IsBackupNeeded: Update index file " + copy), c.updated);
-        EXPECT_EQ(logsWith("has changed from [" + textOf(6) + "] to [" + textOf(7) + "]"),
+        EXPECT_EQ(logsWith("has changed from [" + idText(6) + "] to [" + idText(7) + "]"),
                   c.updated && c.entry == other);
         EXPECT_EQ(logsWith("The database a.nsf has not been backed up on this server"),
                   c.expected && c.database.needStatus == kNotesNotBackedUp && c.database.bLogged);

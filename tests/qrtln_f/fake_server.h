@@ -15,6 +15,7 @@
 #include "qrt_lotus_notes/qrtln_l/file_list_queue.h"
 #include "qrt_lotus_notes/qrtln_u/messages.h"
 #include "tests/support/message_capture.h"
+#include "tests/support/notes_api_fake.h"
 #include "tests/support/temporary_folder.h"
 
 // One database as the server sees it.
@@ -34,7 +35,7 @@ inline UNIVERSALNOTEID dbIId(DWORD number) {
 
 // The base of the tests: a server, and a backup with a data directory and TMP_DIR in the folder of
 // the test. In a text of a test "@" stands for that folder.
-class FakeServer : public testing::Test {
+class FakeServer : public testing::Test, NotesApiFake {
   protected:
     FakeServer() {
         s_databases.clear();
@@ -48,7 +49,9 @@ class FakeServer : public testing::Test {
         g_sQRTLN_Global.eI_OperationLevel = DB_LEVEL_FULL;
         g_sQRTLN_Global.bNotesInitialized = TRUE;
         g_sQRTLN_Global.lhNotesFileList = CreateFIFOList();
-        fillSlots();
+        copyText(settings.DateString, ".");
+        copyText(settings.TimeString, ":");
+        memory[1].resize(32768);
     }
     ~FakeServer() override {
         DestroyFIFOList(g_sQRTLN_Global.lhNotesFileList);
@@ -137,66 +140,29 @@ class FakeServer : public testing::Test {
     inline static std::string s_runTimeDirectory;
 
   private:
-    inline static FakeDatabase s_open;
-
-    static int succeed() { return 0; }
-
-    // Every function succeeds and leaves its outputs alone but those below.
-    static void fillSlots() {
-        for (NotesSlot* slot = notes_api.first; slot != nullptr; slot = slot->next()) {
-            slot->setAddress(reinterpret_cast<void*>(&succeed));
+    // Every call succeeds and hands nothing out but those below.
+    NotesAnswer answer(const NotesCall& call) override {
+        const auto path = [&] { // the first argument
+            return split(call.text).at(1);
+        };
+        if (call.function == "NSFDbOpen") {
+            m_open = s_databases[path()];
+        } else if (call.function == "NSFDbGetLogInfo") {
+            return {.numbers = {static_cast<DWORD>(m_open.bLogged)}, .id = dbIId(m_open.dwDbIId)};
+        } else if (call.function == "NSFGetTransLogStyle") {
+            return {.status = s_style == kNoLogging ? kNotesLoggingNotInEffect : kNotesNoError,
+                    .numbers = {s_style}};
+        } else if (call.function == "NSFIsNewBackupNeeded") {
+            const FakeDatabase& database = s_databases[path()];
+            return {.status = database.needStatus, .numbers = {database.dwSpanNeeded}};
+        } else if (call.function == "NSFDbGetModifiedNoteTable") {
+            return {.status = m_open.bModified ? kNotesNoError : kNotesNoNoteModified,
+                    .numbers = {1}};
         }
-        notes_api.OSTranslate = [](WORD, const char* in, WORD, char* out, WORD size) -> WORD {
-            copyText(out, size, in);
-            return static_cast<WORD>(std::strlen(out));
-        };
-        notes_api.NSFDbOpen = [](const char* path, DBHANDLE* handle) -> STATUS {
-            s_open = s_databases[path];
-            *handle = 1;
-            return kNotesNoError;
-        };
-        notes_api.NSFDbGetLogInfo = [](DBHANDLE, DWORD, BOOL* logged, UNIVERSALNOTEID*,
-                                       UNIVERSALNOTEID* id, DWORD*) -> STATUS {
-            *logged = s_open.bLogged;
-            *id = dbIId(s_open.dwDbIId);
-            return kNotesNoError;
-        };
-        notes_api.NSFGetTransLogStyle = [](WORD* style) -> STATUS {
-            *style = s_style;
-            return s_style == kNoLogging ? kNotesLoggingNotInEffect : kNotesNoError;
-        };
-        notes_api.NSFIsNewBackupNeeded = [](char* path, DWORD, DWORD* needed) -> STATUS {
-            *needed = s_databases[path].dwSpanNeeded;
-            return s_databases[path].needStatus;
-        };
-        // The way to NSFDbGetModifiedNoteTable.
-        notes_api.OSGetIntlSettings = [](INTLFORMAT* format, WORD) {
-            copyText(format->DateString, ".");
-            copyText(format->TimeString, ":");
-        };
-        notes_api.NSFDbGetModifiedNoteTable = [](DBHANDLE, WORD, TIMEDATE, TIMEDATE*,
-                                                 DHANDLE* table) -> STATUS {
-            *table = 1;
-            return s_open.bModified ? kNotesNoError : kNotesNoNoteModified;
-        };
-        // The way through a backup copy of one byte; nothing changes while it is made.
-        notes_api.NSFBackupStart = [](DBHANDLE, DWORD, DHANDLE* context, DWORD* low,
-                                      DWORD*) -> STATUS {
-            *context = *low = 1;
-            return kNotesNoError;
-        };
-        notes_api.NSFBackupStartApplyChangeInfo = [](DHANDLE* context, char*, DWORD, DWORD,
-                                                     DWORD) -> STATUS {
-            *context = 1;
-            return kNotesNoError;
-        };
-        notes_api.OSMemAlloc = [](WORD, DWORD, DHANDLE* handle) -> STATUS {
-            *handle = 1;
-            return kNotesNoError;
-        };
-        notes_api.OSLockObject = [](DHANDLE) -> void* {
-            static char buffer[32768];
-            return buffer;
-        };
+        return {.numbers = {1, 1}}; // a handle, and a database of one byte
     }
+    std::string translated(WORD, const std::string& text) const override { return text; }
+    std::string textOf(STATUS) const override { return "a status"; }
+
+    FakeDatabase m_open;
 };
