@@ -31,7 +31,6 @@ bool isWholeSystem() {
 // Decides what a whole-system argument means at this level.
 int startWholeSystem() {
     switch (g_sQRTLN_Global.eI_OperationLevel) {
-    // Not run by a test: open; a restore of the whole system at the level of copies.
     case DB_LEVEL_COPY:
     case DB_LEVEL_FULL:
         DB_TraceExt("QRTLN_InitRestore(): Full Lotus Notes System restore.");

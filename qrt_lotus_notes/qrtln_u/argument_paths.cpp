@@ -137,7 +137,6 @@ int ifMatchPattern(const char* path, LIST_INFO* patterns) {
         while (ListFIFOItem(patterns, cpPatternItem, &size)) {
             ++items;
             if (matches != 0) {
-                // Not run by a test: open; a pattern behind one that matched.
                 continue;
             }
             DB_TraceExt("ifMatchPattern: pattern list item [%d] szFullPattern [%s]", items,

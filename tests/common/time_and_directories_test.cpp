@@ -90,6 +90,7 @@ TEST(TimeText, IsParsedAsFarAsItMatches) {
                              "yesterday", "\t20240101000000", ""}) {
         EXPECT_EQ(cm_strptime(text, kStamp, &tm), nullptr) << text;
     }
+    EXPECT_EQ(cm_strptime("2024-01", "%Y/%m", &tm), nullptr);
     // Other directives go to the platform.
     EXPECT_STREQ(cm_strptime("29 Feb 2024 11:05 PM", "%d %b %Y %I:%M %p", &tm), "");
     EXPECT_EQ(tm.tm_hour, 23);

@@ -7,7 +7,7 @@ namespace {
 class RestorePlacement : public FakeServer {
   protected:
     // Begins a full restore of particular items, but for the options in the text: "whole", "incr",
-    // "diff", "activate", "recovery", "-R" and "tmp=" with their paths.
+    // "diff", "copy", "activate", "recovery", "-R" and "tmp=" with their paths.
     void begin(const std::string& options, const std::string& list = "") const {
         QRTLN_Global& record = g_sQRTLN_Global;
         record.eI_OperationType = DB_TYPE_RST;
@@ -21,8 +21,10 @@ class RestorePlacement : public FakeServer {
         for (const std::string& option : split(options)) {
             if (option == "whole") {
                 record.eI_BackupType = QRTLN_OPERATION_TYPE_NOTES;
-            } else if (option == "incr" || option == "diff") {
-                record.eI_OperationLevel = option == "incr" ? DB_LEVEL_INCR : DB_LEVEL_DIFF;
+            } else if (option == "incr" || option == "diff" || option == "copy") {
+                record.eI_OperationLevel = option == "incr"   ? DB_LEVEL_INCR
+                                           : option == "diff" ? DB_LEVEL_DIFF
+                                                              : DB_LEVEL_COPY;
             } else if (option == "activate" || option == "recovery") {
                 (option == "activate" ? record.bActivate : record.bRecovery) = TRUE;
             } else if (option.starts_with("-R")) {
@@ -58,6 +60,7 @@ TEST_F(RestorePlacement, ArgumentsChooseTheWholeSystemOrNames) {
         const char* error = "";
     } cases[] = {
         {"", "QRTLN:NOTES.x @/data/a.nsf", QRTLN_OPERATION_TYPE_NOTES, ""},
+        {"copy", "QRTLN:NOTES", QRTLN_OPERATION_TYPE_NOTES, ""},
         {"incr", "NOTES", QRTLN_OPERATION_TYPE_NOTES, ""},
         {"diff", "NOTES", QRTLN_OPERATION_TYPE_PARTICULAR, "",
          "QRTLN_InitRestore(): Unknown Full restore level."},

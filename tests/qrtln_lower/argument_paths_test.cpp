@@ -9,6 +9,7 @@
 #include <utime.h>
 
 #include "common/bounded_text.h"
+#include "qrt_lotus_notes/qrtln_l/file_list_queue.h"
 #include "tests/support/message_capture.h"
 #include "tests/support/temporary_folder.h"
 
@@ -74,6 +75,17 @@ TEST_F(DatabaseArgument, NamesTheWholeSystemOrAPathBelowTheDataDirectory) {
     EXPECT_EQ(resolve("DATABASE=" + root + "mail/a.nsf"), root + "mail/a.nsf");
     EXPECT_EQ(resolve("DATABASE=/*"), "/*");
     EXPECT_EQ(resolve("DATABASE=*.none"), "*.none");
+}
+
+// A walk that ended at the match would begin the next one behind it.
+TEST(PatternMatch, TheWalkGoesOnBehindAMatch) {
+    LIST_INFO* patterns = CreateFIFOList();
+    for (const char* pattern : {"/mail/*", "/else/*"}) {
+        pushPath(patterns, pattern, DB_BACKUP_FILE_TYPE_DB);
+    }
+    EXPECT_EQ(ifMatchPattern("/mail/a.nsf", patterns), 1);
+    EXPECT_EQ(ifMatchPattern("/mail/a.nsf", patterns), 1);
+    DestroyFIFOList(patterns);
 }
 
 // Lists that differ on purpose: a change to one must not pass for a repair.
