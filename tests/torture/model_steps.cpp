@@ -22,11 +22,12 @@ namespace {
 constexpr std::int64_t hundredth = nanoseconds / 100;
 constexpr std::int64_t day = 24 * 3600 * nanoseconds;
 
+// Not as in a set's name, which means that set, however late its copies are.
 std::string utc_text(std::int64_t seconds) {
     std::array<char, 32> text{};
     std::time_t time = seconds;
     std::tm utc{};
-    std::strftime(text.data(), text.size(), "%Y%m%dT%H%M%SZ", ::gmtime_r(&time, &utc));
+    std::strftime(text.data(), text.size(), "%FT%TZ", ::gmtime_r(&time, &utc));
     return text.data();
 }
 
