@@ -66,17 +66,6 @@ TEST(BackupOverARollback, CopyIsExactAlthoughPagesWereWrittenBackAndCutOff) {
     EXPECT_EQ(show(copy)["integrity"], "ok");
 }
 
-// A half-written transaction is in the file until somebody opens it, and in no copy after that.
-TEST(BackupOverARollback, BeginsOnlyWhenNoTransactionIsHalfInPlace) {
-    const TestServer server("--style none");
-    const std::string before = readFile(server.data(kDatabase));
-    server.command("put", kDatabase + " --count 300 --crash half-written", 1009);
-    EXPECT_FALSE(readFile(server.data(kDatabase)) == before);
-    const std::string copy = server.folder.file("copy.nsf");
-    ASSERT_NO_FATAL_FAILURE(backUp(server, kDatabase, copy));
-    EXPECT_TRUE(readFile(copy) == before);
-}
-
 // As of the start, size and what the server remembers included, whatever of it was read already.
 TEST(BackupInTheMoodBefore, IsTheDatabaseAtTheStartByteForByteAlsoWhenItShrinksMeanwhile) {
     const TestServer server("--strict before");

@@ -254,16 +254,5 @@ TEST(KilledWriter, IsFinishedByTheNextOpen) {
     }
 }
 
-TEST(KilledWriter, WhoseDatabaseIsReplacedByAnEarlierCopyChangesNothingInIt) {
-    const TestServer server;
-    const std::string older = server.folder.file("older.nsf");
-    fs::copy_file(server.data("names.nsf"), older);
-    server.command("put", "names.nsf");
-    server.command("put", "names.nsf --crash after-log", 1000 + SIGKILL);
-    replace(older, server.data("names.nsf"));
-    { const OpenDb db("names.nsf"); }
-    EXPECT_EQ(server.show("names.nsf")["digest"], show(older)["digest"]);
-}
-
 } // namespace
 } // namespace simulator_tests

@@ -4,7 +4,6 @@
 
 #include <gmock/gmock.h>
 
-#include <csignal>
 #include <cstring>
 
 namespace simulator_tests {
@@ -14,40 +13,10 @@ using ::testing::HasSubstr;
 
 constexpr STATUS kOfflineStatus = 16146;
 
-std::vector<DWORD> readyLogs() {
-    std::vector<DWORD> numbers;
-    UNIVERSALNOTEID id = {};
-    DWORD number = 0;
-    char path[1028] = {};
-    for (STATUS status = NSFGetFirstLogToArchive(&id, &number, path); status == 0;
-         status = NSFGetNextLogToArchive(&id, &number, path)) {
-        numbers.push_back(number);
-    }
-    return numbers;
-}
-
 void fillLog(const TestServer& server, int records) {
     for (int i = 0; i < records; ++i) {
         server.command("put", "names.nsf " + kBigChange);
     }
-}
-
-TEST(Log, AnExtentIsDoneOnlyWhenItIsFullAndOfThisLogAndThenGone) {
-    const TestServer server(kSmallExtents);
-    fillLog(server, 7);
-    EXPECT_EQ(readyLogs(), (std::vector<DWORD>{1, 2, 3}));
-    UNIVERSALNOTEID id = {};
-    DWORD active = 0;
-    char path[1028] = {};
-    EXPECT_EQ(NSFGetNextLogToArchive(&id, &active, path), 5086);
-    EXPECT_EQ(path, server.root() + "/logs/S0000004.TXN");
-    EXPECT_NE(NSFDoneArchivingLog(&id, &active), 0);
-    DWORD two = 2;
-    UNIVERSALNOTEID other = {};
-    EXPECT_NE(NSFDoneArchivingLog(&other, &two), 0);
-    EXPECT_EQ(NSFDoneArchivingLog(&id, &two), 0);
-    EXPECT_FALSE(fs::exists(server.root() + "/logs/S0000002.TXN"));
-    EXPECT_EQ(readyLogs(), (std::vector<DWORD>{1, 3}));
 }
 
 // After a restore the control file is lost, or older than the extents: no record may be
@@ -164,30 +133,6 @@ TEST(Offline, ADatabaseIsClosedToEverybodyUntilItIsBroughtOnline) {
     replace(copy, server.data(name));
     server.command("online", name);
     EXPECT_EQ(openStatus(name), 0);
-}
-
-// A journal of a writer that was killed: there when the database is taken offline, and turning up
-// again while it is.
-TEST(Offline, ALeftoverJournalIsNotRolledBackIntoTheNewFile) {
-    const TestServer server("--style none");
-    const std::string restored = server.folder.file("restored.nsf");
-    replace(server.data("mail/user1.nsf"), restored);
-    server.command("put", "names.nsf --count 300 --crash half-written", 1000 + SIGKILL);
-    const std::string journal = server.root() + "/state/journals/names.nsf-journal";
-    const std::string kept = server.folder.file("journal");
-    ASSERT_GT(fs::file_size(journal), 0U);
-    replace(journal, kept);
-    ASSERT_EQ(takeOffline("names.nsf"), 0);
-    EXPECT_EQ(server.show("names.nsf")["integrity"], "ok") << "the old file was settled first";
-    EXPECT_FALSE(fs::exists(journal));
-    replace(restored, server.data("names.nsf"));
-    replace(kept, journal);
-    NotesTerm();
-    ASSERT_EQ(server.start(), 0);
-    EXPECT_TRUE(readFile(server.data("names.nsf")) == readFile(restored));
-    replace(kept, journal);
-    ASSERT_EQ(bringOnline("names.nsf"), 0);
-    EXPECT_EQ(server.show("names.nsf")["digest"], show(restored)["digest"]);
 }
 
 TEST(Faults, HitTheNamedCallOnlyAndWrongTextsChangeNothing) {
