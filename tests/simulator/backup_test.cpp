@@ -8,23 +8,23 @@ namespace {
 
 const std::string kDatabase = "mail/user1.nsf";
 
-constexpr int kTriesInRound = 20;
-
-// A round has a server and a workload of its own; NOTES_SIM_LONG_TESTS=1 makes ten of them.
-int rounds() {
-    return std::getenv("NOTES_SIM_LONG_TESTS") != nullptr ? 10 : 1;
-}
+// A round has a server and a workload of its own.
+struct Rounds {
+    int count, tries;
+};
+const Rounds kRounds =
+    std::getenv("NOTES_SIM_LONG_TESTS") != nullptr ? Rounds{10, 20} : Rounds{1, 8};
 
 TEST(BackupUnderWriters, CopyIsExactWithItsChangesAndTornOrStaleWithoutThemInMostTries) {
     constexpr DWORD kInfoBuffers[] = {32768, 997, 17, 100003, 65536};
     int bad = 0;
     int torn = 0;
-    for (int round = 0; round < 3 * rounds(); ++round) {
+    for (int round = 0; round < 3 * kRounds.count; ++round) {
         const bool apply = round % 3 != 1;
         const bool before = round % 3 == 2;
         const TestServer server(before ? "--strict before" : "");
         Workload workload(server, kDatabase, 2);
-        for (int i = 0; i < kTriesInRound / (before ? 2 : 1); ++i) {
+        for (int i = 0; i < kRounds.tries / (before ? 2 : 1); ++i) {
             const std::string copy = server.folder.file("copy.nsf");
             const CopySteps steps = {.applyChanges = apply,
                                      .infoBuffer = kInfoBuffers[i % 5],
@@ -43,8 +43,8 @@ TEST(BackupUnderWriters, CopyIsExactWithItsChangesAndTornOrStaleWithoutThemInMos
     }
     RecordProperty("bad", bad);
     RecordProperty("torn", torn);
-    EXPECT_GT(bad, rounds() * kTriesInRound * 3 / 4);
-    EXPECT_GT(torn, rounds() * kTriesInRound / 4);
+    EXPECT_GT(bad, kRounds.count * kRounds.tries * 3 / 4);
+    EXPECT_GT(torn, kRounds.count * kRounds.tries / 4);
 }
 
 // A transaction too large for the cache writes pages before it commits. When its process dies, the
