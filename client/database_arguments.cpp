@@ -47,8 +47,8 @@ std::string_view last_component(std::string_view path) {
     return path.substr(path.rfind('/') + 1);
 }
 
-[[noreturn]] void refuse(const std::string& given, const std::string& reason,
-                         const std::string& hint = {}) {
+[[noreturn]] void refuse_argument(const std::string& given, const std::string& reason,
+                                  const std::string& hint = {}) {
     throw ClientError(ExitCode::failed, "cannot back up '" + for_terminal(given) + "': " + reason,
                       hint);
 }
@@ -62,12 +62,14 @@ std::string below_data_directory(const std::string& given, const std::string& da
         return path;
     std::optional<std::string> real = real_path(path);
     if (!real)
-        refuse(given, system_error_text(errno),
-               "relative names are below the data directory " + for_terminal(data_directory));
+        refuse_argument(given, system_error_text(errno),
+                        "relative names are below the data directory " +
+                            for_terminal(data_directory));
     std::optional<std::string> real_data = real_path(data_directory);
     if (!real_data || !is_below(*real, *real_data))
-        refuse(given, "it is not below the data directory " + for_terminal(data_directory),
-               "the server's library can only copy databases of the server's data directory");
+        refuse_argument(
+            given, "it is not below the data directory " + for_terminal(data_directory),
+            "the server's library can only copy databases of the server's data directory");
     return data_directory + real->substr(*real_data == "/" ? 0 : real_data->size());
 }
 
@@ -80,32 +82,34 @@ bool folder_has_match(const std::string& path) {
 
 DatabaseArgument resolve(const std::string& given, const std::string& data_directory) {
     if (given.empty())
-        refuse(given, "an empty name names no database");
+        refuse_argument(given, "an empty name names no database");
     DatabaseArgument argument;
     argument.given = given;
     argument.path = below_data_directory(given, data_directory);
     struct stat status {};
     if (::stat(argument.path.c_str(), &status) != 0)
-        refuse(given, system_error_text(errno) + " (" + for_terminal(argument.path) + ")",
-               given.find('*') != std::string::npos
-                   ? "names are taken as they are: name the databases, or the folder they are in"
-                   : "relative names are below the data directory " + for_terminal(data_directory));
+        refuse_argument(
+            given, system_error_text(errno) + " (" + for_terminal(argument.path) + ")",
+            given.find('*') != std::string::npos
+                ? "names are taken as they are: name the databases, or the folder they are in"
+                : "relative names are below the data directory " + for_terminal(data_directory));
     argument.directory = S_ISDIR(status.st_mode);
     std::string escaped = escape_last_component(argument.path);
     if (argument.directory &&
         (escaped != argument.path || argument.path.find('*') != std::string::npos)) {
         // A folder's name is taken literally only when a pattern follows it.
         if (!folder_has_match(argument.path))
-            refuse(given,
-                   "the folder holds no name with a dot in it, and its own name has "
-                   "characters of a pattern",
-                   "name the folders below it");
+            refuse_argument(given,
+                            "the folder holds no name with a dot in it, and its own name has "
+                            "characters of a pattern",
+                            "name the folders below it");
         escaped = argument.path + "/*.*";
     }
     argument.value = std::string(value_prefix) + escaped;
     if (argument.value.size() >= module_path_size)
-        refuse(given, "the path is longer than the module takes (" +
-                          std::to_string(module_path_size - 1 - value_prefix.size()) + " bytes)");
+        refuse_argument(given, "the path is longer than the module takes (" +
+                                   std::to_string(module_path_size - 1 - value_prefix.size()) +
+                                   " bytes)");
     return argument;
 }
 

@@ -29,7 +29,6 @@ constexpr std::time_t minute = 60;
 constexpr unsigned maximal_searches = 48;
 // Documents that the server cannot read in the set's copy, until the restore gives up.
 constexpr std::size_t maximal_unreadable = 100;
-constexpr std::time_t quarter_hour = 900;
 constexpr std::size_t copy_step = std::size_t{64} << 20;
 // Before any document was written.
 constexpr const char* earliest_point = "199001010000";
@@ -39,7 +38,7 @@ constexpr const char* set_folder = "set";           // the set's copy
 constexpr const char* live_folder = "live";         // the consistent copy of the live database
 constexpr const char* original_folder = "original"; // what stands in for the live database
 
-[[noreturn]] void fail(const std::string& doing, const std::string& path, int error) {
+[[noreturn]] void fail_file(const std::string& doing, const std::string& path, int error) {
     throw ClientError(ExitCode::failed, "cannot " + doing + " " + for_terminal(path) + ": " +
                                             system_error_text(error));
 }
@@ -48,31 +47,31 @@ constexpr const char* original_folder = "original"; // what stands in for the li
 void copy_file(const std::string& from, const std::string& to, const std::string& data_directory) {
     FileDescriptor source(::open(from.c_str(), O_RDONLY | O_NOFOLLOW | O_CLOEXEC));
     if (!source)
-        fail("open", from, errno);
+        fail_file("open", from, errno);
     FileDescriptor target(
         ::open(to.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, 0600));
     if (!target)
-        fail("create", to, errno);
+        fail_file("create", to, errno);
     if (int error = give_to_server_user(target.get(), data_directory); error != 0)
-        fail("set the owner of", to, error);
+        fail_file("set the owner of", to, error);
     for (ssize_t copied = 1; copied > 0;) {
         throw_if_interrupted();
         copied = ::copy_file_range(source.get(), nullptr, target.get(), nullptr, copy_step, 0);
         if (copied < 0)
-            fail("copy to", to, errno);
+            fail_file("copy to", to, errno);
     }
     if (int error = target.close_checked(); error != 0)
-        fail("copy to", to, error);
+        fail_file("copy to", to, error);
 }
 
 void move_file(const std::string& from, const std::string& to) {
     if (::rename(from.c_str(), to.c_str()) != 0)
-        fail("move to", to, errno);
+        fail_file("move to", to, errno);
 }
 
 void remove_file(const std::string& path) {
     if (::unlink(path.c_str()) != 0 && errno != ENOENT)
-        fail("remove", path, errno);
+        fail_file("remove", path, errno);
 }
 
 // What one run of the module's document restore did.
@@ -147,7 +146,7 @@ void DocumentRestore::begin(std::uint64_t room) {
     for (const char* name : {work_folder, set_folder, live_folder, original_folder})
         if (::mkdir(folder(name).c_str(), 0700) != 0 ||
             give_folder_to_server_user(folder(name), m_context.ini.data_directory) != 0)
-            fail("create", folder(name), errno);
+            fail_file("create", folder(name), errno);
 }
 
 // Takes the set's copy out of the store, whole or not at all.
@@ -508,7 +507,7 @@ void DocumentRestore::prepare_live_copy(ModuleSession& session, const std::strin
                               for_terminal(incomplete.empty() ? session.reason() : incomplete));
     // The module removes its own name of the copy.
     if (::link(prepared.item.name.c_str(), file(live_folder).c_str()) != 0)
-        fail("keep the copy of", path, errno);
+        fail_file("keep the copy of", path, errno);
 }
 
 // What a restore since then would bring back.
@@ -581,7 +580,7 @@ void DocumentRestore::narrow(Intervals& intervals, const std::vector<NoteId>& li
 DocumentsResult DocumentRestore::find(OwedDatabases& owed) {
     struct stat live {};
     if (::stat(m_request.item.path.c_str(), &live) != 0)
-        fail("look at", m_request.item.path, errno);
+        fail_file("look at", m_request.item.path, errno);
     // Each once as it is, and once to be worked on.
     begin(2 * (m_request.item.size + static_cast<std::uint64_t>(live.st_size)));
     extract();

@@ -8,6 +8,7 @@
 #include <span>
 #include <string>
 #include <string_view>
+#include <sys/stat.h>
 #include <unistd.h>
 #include <utility>
 #include <vector>
@@ -52,6 +53,9 @@ inline Bytes as_bytes(std::string_view text) {
 // Writes all of it. Returns 0 or the errno.
 int write_all(int fd, Bytes bytes);
 
+// A buffer for a file that is read piece by piece.
+inline constexpr std::size_t read_size = std::size_t{1} << 20;
+
 // Reads until the buffer is full or the file ends, over short reads and interruptions. Returns the
 // number of bytes read, or the negated errno.
 ssize_t read_up_to(int fd, std::span<std::byte> buffer);
@@ -82,6 +86,11 @@ std::optional<std::vector<std::string>> names_in_folder(const std::string& path)
 // Removes a folder and all below it; symbolic links are removed, never followed. Returns 0 or the
 // first errno; goes on with the rest after a failure.
 int remove_tree(int directory, const std::string& name);
+
+// When its content was last changed, in nanoseconds since 1970.
+inline std::int64_t modification_time_ns(const struct stat& status) {
+    return status.st_mtim.tv_sec * std::int64_t{1'000'000'000} + status.st_mtim.tv_nsec;
+}
 
 // Whether something has this name, a symbolic link to nowhere too.
 bool exists(const std::string& path);

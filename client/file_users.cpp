@@ -14,7 +14,7 @@ namespace qrtln {
 
 namespace {
 
-using Listing = std::unique_ptr<DIR, int (*)(DIR*)>;
+using OpenFolder = std::unique_ptr<DIR, int (*)(DIR*)>;
 
 std::string process_name(pid_t pid) {
     std::string path = "/proc/" + std::to_string(pid) + "/comm";
@@ -30,7 +30,7 @@ std::string process_name(pid_t pid) {
 } // namespace
 
 FileUsers::FileUsers() {
-    Listing processes(::opendir("/proc"), ::closedir);
+    OpenFolder processes(::opendir("/proc"), ::closedir);
     if (!processes) {
         m_sees_all = false;
         return;
@@ -41,7 +41,7 @@ FileUsers::FileUsers() {
         auto [end, error] = std::from_chars(name.data(), name.data() + name.size(), pid);
         if (error != std::errc() || end != name.data() + name.size() || pid == ::getpid())
             continue;
-        Listing files(::opendir(("/proc/" + name + "/fd").c_str()), ::closedir);
+        OpenFolder files(::opendir(("/proc/" + name + "/fd").c_str()), ::closedir);
         if (!files) {
             m_sees_all = m_sees_all && errno == ENOENT; // it ended meanwhile
             continue;

@@ -1,6 +1,7 @@
 #include "client/kept_beside.h"
 
 #include "client/error.h"
+#include "client/file_io.h"
 #include "client/safe_paths.h"
 #include "client/text.h"
 
@@ -13,9 +14,6 @@
 namespace qrtln {
 
 namespace {
-
-constexpr std::size_t read_size = std::size_t{1} << 20;
-constexpr std::int64_t nanoseconds = 1'000'000'000;
 
 // The file's own name and time, and a number where several are kept within a second.
 std::string free_name(int folder, const std::string& name) {
@@ -72,7 +70,7 @@ KeptFile keep_beside(const std::string& root, const std::string& target,
     metadata.mode = status.st_mode & 07777;
     metadata.uid = status.st_uid;
     metadata.gid = status.st_gid;
-    metadata.mtime_ns = status.st_mtim.tv_sec * nanoseconds + status.st_mtim.tv_nsec;
+    metadata.mtime_ns = modification_time_ns(status);
     std::string name = free_name(folder.get(), name_of(target));
     SafeFile copy(std::move(folder), name);
     kept.problem = copy.create();

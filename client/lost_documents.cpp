@@ -15,7 +15,7 @@ namespace {
 using nlohmann::json;
 
 constexpr int lost_documents_format = 1;
-constexpr std::size_t maximal_file = std::size_t{64} << 20;
+constexpr std::size_t maximal_lost_file = std::size_t{64} << 20;
 
 json to_json(const std::vector<LostDocuments>& entries) {
     json document = {{"format", lost_documents_format}, {"databases", json::array()}};
@@ -30,7 +30,7 @@ json to_json(const std::vector<LostDocuments>& entries) {
     return document;
 }
 
-std::vector<LostDocuments> from_json(const json& document) {
+std::vector<LostDocuments> lost_from_json(const json& document) {
     if (document.at("format").get<int>() != lost_documents_format)
         throw std::runtime_error("has a format that this version of qrtln does not know");
     std::vector<LostDocuments> entries;
@@ -46,7 +46,7 @@ std::vector<LostDocuments> from_json(const json& document) {
 
 LostDocumentsFile::LostDocumentsFile(const Store& store)
     : m_file(store.runtime_directory() + "/lost_documents.json") {
-    std::optional<std::string> content = read_small_file(AT_FDCWD, m_file, maximal_file);
+    std::optional<std::string> content = read_small_file(AT_FDCWD, m_file, maximal_lost_file);
     if (!content && errno == ENOENT)
         return;
     int error = content ? 0 : errno;
@@ -57,7 +57,7 @@ LostDocumentsFile::LostDocumentsFile(const Store& store)
         document = from_canonical(*content, problem);
     try {
         if (document) {
-            m_entries = from_json(*document);
+            m_entries = lost_from_json(*document);
             return;
         }
     } catch (const std::exception& failure) {

@@ -21,14 +21,6 @@ constexpr std::size_t largest_file = std::size_t{16} << 20;
 constexpr std::size_t shown_length = 40; // of a line that is no id
 constexpr std::string_view byte_order_mark = "\xEF\xBB\xBF";
 
-std::string_view trimmed(std::string_view text) {
-    constexpr std::string_view blanks = " \t";
-    std::size_t first = text.find_first_not_of(blanks);
-    if (first == std::string_view::npos)
-        return {};
-    return text.substr(first, text.find_last_not_of(blanks) - first + 1);
-}
-
 // Whether all of the digits are a number that fits.
 bool read_number(std::string_view digits, int base, NoteId& id) {
     const char* end = digits.data() + digits.size();
@@ -79,7 +71,7 @@ std::vector<NoteId> parse_note_ids(std::string_view text, const std::string& sou
         text.remove_prefix(byte_order_mark.size());
     for (std::size_t number = 1; !text.empty(); ++number) {
         std::size_t length = std::min(text.find_first_of("\r\n"), text.size());
-        std::string_view line = trimmed(text.substr(0, length));
+        std::string_view line = trimmed(text.substr(0, length), " \t");
         bool both = text.substr(length).starts_with("\r\n");
         text.remove_prefix(std::min(length + (both ? 2 : 1), text.size()));
         if (line.empty() || line.front() == '#')

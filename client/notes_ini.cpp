@@ -15,15 +15,8 @@ namespace qrtln {
 
 namespace {
 
+constexpr std::string_view blanks = " \t\r";
 constexpr std::size_t maximal_size = std::size_t{16} << 20;
-
-std::string_view trimmed(std::string_view text) {
-    constexpr std::string_view blanks = " \t\r";
-    std::size_t first = text.find_first_not_of(blanks);
-    if (first == std::string_view::npos)
-        return {};
-    return text.substr(first, text.find_last_not_of(blanks) - first + 1);
-}
 
 std::string directory_value(const std::map<std::string, std::string>& variables,
                             const std::string& name) {
@@ -47,12 +40,13 @@ std::map<std::string, std::string> parse_notes_ini(const std::string& content) {
         std::string_view line = rest.substr(0, rest.find('\n'));
         rest.remove_prefix(std::min(line.size() + 1, rest.size()));
         std::size_t equals = line.find('=');
-        if (equals == std::string_view::npos || trimmed(line).starts_with('['))
+        if (equals == std::string_view::npos || trimmed(line, blanks).starts_with('['))
             continue;
-        std::string name(trimmed(line.substr(0, equals)));
+        std::string name(trimmed(line.substr(0, equals), blanks));
         for (char& letter : name)
             letter = static_cast<char>(std::tolower(static_cast<unsigned char>(letter)));
-        variables.insert_or_assign(std::move(name), std::string(trimmed(line.substr(equals + 1))));
+        variables.insert_or_assign(std::move(name),
+                                   std::string(trimmed(line.substr(equals + 1), blanks)));
     }
     return variables;
 }

@@ -2,6 +2,7 @@
 
 #include "client/database_arguments.h"
 #include "client/error.h"
+#include "client/file_io.h"
 
 #include <grp.h>
 #include <pwd.h>
@@ -65,8 +66,7 @@ ManifestItem OriginalReader::describe(const std::string& path, ItemKind kind,
     item.gid = status.st_gid;
     item.owner = user_name(status.st_uid);
     item.group = group_name(status.st_gid);
-    item.mtime_ns =
-        static_cast<std::int64_t>(status.st_mtim.tv_sec) * 1'000'000'000 + status.st_mtim.tv_nsec;
+    item.mtime_ns = modification_time_ns(status);
     return item;
 }
 

@@ -18,7 +18,7 @@ namespace {
 using nlohmann::json;
 
 // A line has at most two paths, each twice.
-constexpr std::size_t maximal_file = std::size_t{256} << 20;
+constexpr std::size_t maximal_owed_file = std::size_t{256} << 20;
 constexpr const char* checksum_field = "checksum";
 
 // One line, without its line feed. Paths are bytes: where they are not UTF-8 their hexadecimal form
@@ -42,7 +42,7 @@ std::string owed_file_of(const Store& store) {
 std::string copy_owed(const Store& store, const std::string& folder) {
     std::string original = owed_file_of(store);
     std::string copy = folder + "/owed.jsonl";
-    std::optional<std::string> content = read_small_file(AT_FDCWD, original, maximal_file);
+    std::optional<std::string> content = read_small_file(AT_FDCWD, original, maximal_owed_file);
     int error = content ? 0 : errno;
     throw_if_no_permission("read the list of owed databases", original, error);
     if (error == 0)
@@ -57,7 +57,7 @@ std::string copy_owed(const Store& store, const std::string& folder) {
 }
 
 OwedDatabases::OwedDatabases(std::string file) : m_file(std::move(file)) {
-    std::optional<std::string> content = read_small_file(AT_FDCWD, m_file, maximal_file);
+    std::optional<std::string> content = read_small_file(AT_FDCWD, m_file, maximal_owed_file);
     if (!content && errno == ENOENT)
         return;
     if (!content)

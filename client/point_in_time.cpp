@@ -12,17 +12,13 @@ namespace qrtln {
 
 namespace {
 
-constexpr std::time_t quarter_hour = 900;
-// No clock was ever set back by more than a day.
-constexpr std::time_t longest_repetition = 24 * 3600;
-
 bool same_fields(const std::tm& a, const std::tm& b) {
     return a.tm_year == b.tm_year && a.tm_mon == b.tm_mon && a.tm_mday == b.tm_mday &&
            a.tm_hour == b.tm_hour && a.tm_min == b.tm_min && a.tm_sec == b.tm_sec;
 }
 
-[[noreturn]] void refuse(const std::string& text, const std::string& option,
-                         const std::string& reason, const std::string& hint = {}) {
+[[noreturn]] void refuse_time(const std::string& text, const std::string& option,
+                              const std::string& reason, const std::string& hint = {}) {
     throw ClientError(
         ExitCode::usage, option + " '" + for_terminal(text) + "': " + reason,
         !hint.empty() ? hint
@@ -130,9 +126,10 @@ std::time_t read_local(const std::string& text, const std::string& option, const
             copy.tm_isdst = summer;
             times.push_back(::mktime(&copy));
         }
-    refuse(text, option, skipped ? "the clock skips this time" : "the clock shows this time twice",
-           "give it with its zone: " + zoned_time(times.front()) +
-               (times.back() == times.front() ? "" : " or " + zoned_time(times.back())));
+    refuse_time(text, option,
+                skipped ? "the clock skips this time" : "the clock shows this time twice",
+                "give it with its zone: " + zoned_time(times.front()) +
+                    (times.back() == times.front() ? "" : " or " + zoned_time(times.back())));
 }
 
 } // namespace
@@ -142,13 +139,13 @@ Moment parse_moment(const std::string& text, const std::string& option) {
     if (!written)
         written = read_time(text);
     if (!written)
-        refuse(text, option, "is no time that is understood");
+        refuse_time(text, option, "is no time that is understood");
     if (written->fraction)
-        refuse(text, option, "fractions of a second are not taken");
+        refuse_time(text, option, "fractions of a second are not taken");
     std::tm normal = written->fields;
     std::time_t as_utc = ::timegm(&normal);
     if (!same_fields(normal, written->fields) || !written->zone_exists)
-        refuse(text, option, "there is no such time");
+        refuse_time(text, option, "there is no such time");
     Moment moment;
     moment.time =
         written->east ? as_utc - *written->east : read_local(text, option, written->fields);
@@ -230,11 +227,12 @@ PointInTime parse_since(const std::string& text, std::time_t now) {
                                                "' is in the future: nothing has changed since");
     std::optional<PointInTime> point = point_in_time(moment.time);
     if (!point && moment.time < 0)
-        refuse(text, "--since", "the server takes no time before 1970");
+        refuse_time(text, "--since", "the server takes no time before 1970");
     if (!point)
-        refuse(text, "--since",
-               "cannot be told to the server, which takes local time: the clock shows it twice",
-               "take " + times_shown_once_beside(moment.time));
+        refuse_time(
+            text, "--since",
+            "cannot be told to the server, which takes local time: the clock shows it twice",
+            "take " + times_shown_once_beside(moment.time));
     return *point;
 }
 

@@ -10,6 +10,10 @@
 
 namespace qrtln {
 
+// Clocks are set by whole ones, and none was ever set back by more than a day.
+inline constexpr std::time_t quarter_hour = 900;
+inline constexpr std::time_t longest_repetition = 24 * 3600;
+
 // A time that was given: the moment up to which copies count, changes are replayed, or from which
 // on they are wanted.
 struct Moment {

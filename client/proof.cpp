@@ -12,7 +12,7 @@ using nlohmann::json;
 
 constexpr int proof_format = 1;
 
-Proof from_json(const json& document) {
+Proof proof_from_json(const json& document) {
     if (document.at("format").get<int>() != proof_format)
         throw std::runtime_error("has a format that this version of qrtln does not know");
     Proof proof;
@@ -50,7 +50,7 @@ std::optional<Proof> load_proof(Store& store, const std::string& set, std::strin
     if (!document)
         return std::nullopt;
     try {
-        Proof proof = from_json(*document);
+        Proof proof = proof_from_json(*document);
         if (proof.set == set)
             return proof;
         problem = "is that of another set";

@@ -22,8 +22,6 @@ using nlohmann::json;
 constexpr int journal_format = 1;
 constexpr std::size_t maximal_journal = std::size_t{1} << 30;
 constexpr std::string_view folder_prefix = "qrtln-recovery_";
-constexpr std::size_t read_size = std::size_t{1} << 20;
-constexpr std::int64_t nanoseconds = 1'000'000'000;
 
 json paths_to_json(const std::vector<std::string>& paths) {
     json array = json::array();
@@ -99,7 +97,7 @@ json to_json(const RecoveryJournal& journal) {
 }
 
 // Fields that came later may be absent: an earlier release began the recovery.
-RecoveryJournal from_json(const json& document) {
+RecoveryJournal journal_from_json(const json& document) {
     RecoveryJournal journal;
     if (document.at("format").get<int>() != journal_format)
         throw std::runtime_error("an unknown format");
@@ -158,8 +156,7 @@ FileState file_state(const std::string& path) {
     struct stat status {};
     if (::lstat(path.c_str(), &status) != 0)
         return {};
-    return {true, status.st_ino, status.st_size,
-            status.st_mtim.tv_sec * nanoseconds + status.st_mtim.tv_nsec};
+    return {true, status.st_ino, status.st_size, modification_time_ns(status)};
 }
 
 namespace {
@@ -233,7 +230,7 @@ std::optional<RecoveryJournal> RecoveryJournalFile::read() const {
         document = from_canonical(*content, problem);
     try {
         if (document)
-            return from_json(*document);
+            return journal_from_json(*document);
     } catch (const std::exception& failure) {
         problem = "does not read as one: " + printable_utf8(failure.what());
     }

@@ -23,11 +23,11 @@ namespace qrtln {
 namespace {
 
 constexpr std::string_view control_file = "nlogctrl.lfh";
-constexpr std::int64_t nanoseconds = 1'000'000'000;
 // A log is stamped when its last change is written, a little after the change was given its time.
 constexpr std::int64_t stamp_tolerance = 1; // seconds
 
 std::int64_t whole_seconds(std::int64_t time_ns) {
+    constexpr std::int64_t nanoseconds = 1'000'000'000;
     return time_ns / nanoseconds - (time_ns % nanoseconds < 0 ? 1 : 0);
 }
 
@@ -210,7 +210,7 @@ ServerLogs look_at_server_logs(const std::string& directory) {
         other_names = other_names || (!number && item_kind_of(name) == ItemKind::log);
         if (number && ::lstat((directory + "/" + name).c_str(), &status) == 0 &&
             S_ISREG(status.st_mode))
-            logs.last_used[*number] = status.st_mtim.tv_sec * nanoseconds + status.st_mtim.tv_nsec;
+            logs.last_used[*number] = modification_time_ns(status);
     }
     logs.missing = logs.last_used.empty() && !logs.has_control && !other_names; // a new disk
     return logs;

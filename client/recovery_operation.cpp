@@ -645,8 +645,7 @@ void Recovery::give_owner_and_mode(const RecoveringDatabase& database) {
     struct stat status {};
     if (file && ::fstat(file.get(), &status) == 0) {
         ManifestItem item = planned.item;
-        item.mtime_ns =
-            status.st_mtim.tv_sec * std::int64_t{1'000'000'000} + status.st_mtim.tv_nsec;
+        item.mtime_ns = modification_time_ns(status);
         problem = apply_metadata(file.get(), item);
     }
     if (!problem.empty())

@@ -21,8 +21,6 @@ namespace qrtln {
 
 namespace {
 
-constexpr std::int64_t quarter_hour = 900; // seconds
-
 // Where notes.ini says, else where the newest stored log was.
 ServerLogs look_at_logs(const NotesIni& ini, const StoredLogs& stored) {
     std::string directory = log_directory(ini);

@@ -16,8 +16,6 @@ namespace qrtln {
 
 namespace {
 
-constexpr std::size_t compact_time_length = 16; // "20261121T024923Z"
-
 struct Name {
     std::string given;
     std::string path;

@@ -24,8 +24,8 @@ namespace {
 
 using nlohmann::json;
 
-constexpr int note_format = 1;
-constexpr std::size_t maximal_note = 65536;
+constexpr int lock_format = 1;
+constexpr std::size_t maximal_lock_note = 65536;
 
 std::string note_path(const NotesIni& ini) {
     return ini.data_directory + "/" + log_archive_file;
@@ -102,13 +102,13 @@ std::string run_that_locks(const NotesIni& ini) {
 }
 
 std::string other_log_archive(const NotesIni& ini, const Store& store) {
-    std::optional<std::string> bytes = read_small_file(AT_FDCWD, note_path(ini), maximal_note);
+    std::optional<std::string> bytes = read_small_file(AT_FDCWD, note_path(ini), maximal_lock_note);
     if (!bytes && errno == ENOENT)
         return {};
     std::string problem = bytes ? "" : system_error_text(errno);
     try {
         std::optional<json> note = bytes ? from_canonical(*bytes, problem) : std::nullopt;
-        if (note && note->at("format").get<int>() == note_format) {
+        if (note && note->at("format").get<int>() == lock_format) {
             std::string place = get_bytes(*note, "store");
             std::string id = note->at("store_id").get<std::string>();
             bool same_place = place == store.location() || is_same_folder(place, store.location());
@@ -137,7 +137,7 @@ std::string other_log_archive(const NotesIni& ini, const Store& store) {
 
 std::string note_log_archive(const NotesIni& ini, const Store& store) {
     json note = {
-        {"format", note_format}, {"store_id", store.id()}, {"since", utc_time(std::time(nullptr))}};
+        {"format", lock_format}, {"store_id", store.id()}, {"since", utc_time(std::time(nullptr))}};
     put_bytes(note, "store", store.location());
     std::string bytes = to_canonical(note);
     int error = replace_file(note_path(ini), bytes);

@@ -1,16 +1,13 @@
 #include "client/since_time.h"
 
 #include "client/error.h"
+#include "client/point_in_time.h"
 
 #include <array>
 
 namespace qrtln {
 
 namespace {
-
-constexpr std::time_t quarter_hour = 900;
-// No clock was ever set back by more than a day.
-constexpr std::time_t longest_repetition = 24 * 3600;
 
 std::string local_text(std::time_t time) {
     std::tm local{};

@@ -87,6 +87,13 @@ std::string format_time(std::time_t time, const char* format) {
 
 } // namespace
 
+std::string_view trimmed(std::string_view text, std::string_view blanks) {
+    std::size_t first = text.find_first_not_of(blanks);
+    if (first == std::string_view::npos)
+        return {};
+    return text.substr(first, text.find_last_not_of(blanks) - first + 1);
+}
+
 bool is_utf8(std::string_view bytes) {
     while (!bytes.empty()) {
         std::size_t length = utf8_length(bytes);

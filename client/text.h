@@ -9,6 +9,9 @@
 
 namespace qrtln {
 
+// The text without these characters at its ends.
+std::string_view trimmed(std::string_view text, std::string_view blanks);
+
 // Whether the bytes are well-formed UTF-8.
 bool is_utf8(std::string_view bytes);
 
@@ -36,6 +39,7 @@ std::string human_duration(std::int64_t seconds);
 std::string utc_time(std::time_t time);
 
 // "20261121T024923Z", which sorts by time.
+inline constexpr std::size_t compact_time_length = 16;
 std::string utc_time_compact(std::time_t time);
 
 } // namespace qrtln

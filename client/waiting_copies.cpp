@@ -18,9 +18,9 @@ namespace {
 namespace fs = std::filesystem;
 using nlohmann::json;
 
-constexpr const char* note_name = "/qrtln-waiting.json";
-constexpr int note_format = 1;
-constexpr std::size_t maximal_note = std::size_t{64} << 20;
+constexpr const char* waiting_note = "/qrtln-waiting.json";
+constexpr int waiting_format = 1;
+constexpr std::size_t maximal_waiting_note = std::size_t{64} << 20;
 constexpr mode_t others_write = S_IWGRP | S_IWOTH;
 
 // Whether nobody but this user, the server's and root can have changed the file.
@@ -46,19 +46,19 @@ bool is_same(const struct stat& first, const struct stat& second) {
 // The copies that the note in a folder tells, of this server.
 std::vector<NotedCopy> read_note(const std::string& folder, const std::string& data_directory) {
     struct stat status {};
-    std::string note = folder + note_name;
+    std::string note = folder + waiting_note;
     FileDescriptor open(::open(folder.c_str(), O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC));
     if (!open || !is_private(open.get(), data_directory) || ::lstat(note.c_str(), &status) != 0 ||
         !is_own(status, data_directory))
         return {};
-    std::optional<std::string> content = read_small_file(AT_FDCWD, note, maximal_note);
+    std::optional<std::string> content = read_small_file(AT_FDCWD, note, maximal_waiting_note);
     std::string problem;
     std::optional<json> document;
     if (content)
         document = from_canonical(*content, problem);
     std::vector<NotedCopy> copies;
     try {
-        if (!document || document->at("format").get<int>() != note_format ||
+        if (!document || document->at("format").get<int>() != waiting_format ||
             get_bytes(*document, "data_directory") != data_directory)
             return {};
         for (const json& entry : document->at("copies"))
@@ -125,7 +125,7 @@ void remove_empty_folders(const std::string& folder) {
 
 int note_waiting_copies(const std::string& folder, const std::string& data_directory,
                         const std::vector<NotedCopy>& copies) {
-    json document = {{"format", note_format}, {"copies", json::array()}};
+    json document = {{"format", waiting_format}, {"copies", json::array()}};
     put_bytes(document, "data_directory", data_directory);
     for (const NotedCopy& copy : copies) {
         json& entry = document["copies"].emplace_back(json::object());
@@ -133,7 +133,7 @@ int note_waiting_copies(const std::string& folder, const std::string& data_direc
         put_bytes(entry, "copy", copy.copy);
         entry["object"] = copy.object;
     }
-    return replace_file(folder + note_name, to_canonical(std::move(document)));
+    return replace_file(folder + waiting_note, to_canonical(std::move(document)));
 }
 
 WaitingCopies::WaitingCopies(const std::string& tmp_dir, const std::string& data_directory)
@@ -200,7 +200,7 @@ std::vector<std::string> WaitingCopies::drop(const std::string& path,
         auto waits = [&](const NotedCopy& noted) { return exists(kept.folder + "/" + noted.copy); };
         if (!concerned || std::any_of(kept.copies.begin(), kept.copies.end(), waits))
             continue;
-        (void)::unlink((kept.folder + note_name).c_str());
+        (void)::unlink((kept.folder + waiting_note).c_str());
         remove_empty_folders(kept.folder);
     }
     return warnings;

@@ -14,10 +14,6 @@ constexpr int kMinimalSlots = 128;
 // mem_double takes the bytes of an array as int: more slots than this cannot be doubled.
 constexpr int kMaximalSlots = INT_MAX / static_cast<int>(sizeof(char*));
 
-struct KeyHash {
-    std::size_t operator()(std::string_view key) const { return dictionary_hash(key.data()); }
-};
-
 struct FreeBlock {
     void operator()(void* block) const { std::free(block); }
 };
@@ -54,6 +50,9 @@ void doubleArray(Element*& array, int slots) {
 
 // Slots by key. The views look at the keys that the dictionary owns and never frees before its end.
 struct DictionaryIndex {
+    struct KeyHash {
+        std::size_t operator()(std::string_view key) const { return dictionary_hash(key.data()); }
+    };
     std::unordered_map<std::string_view, int, KeyHash> slots;
 };
 

@@ -58,6 +58,10 @@ const Server& runningServer() {
     return *process().server;
 }
 
+Database connect(Handle handle) {
+    return Database(process().databases.get(handle).file, Connection::Mode::kReadWrite);
+}
+
 const Server& knownServer() {
     if (!process().lastServer) {
         throw StatusError(kNotInitialised, "");

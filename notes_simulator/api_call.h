@@ -72,6 +72,9 @@ const Server& runningServer();
 /// The last server of this process, running or not. Throws StatusError(kNotInitialised).
 const Server& knownServer();
 
+/// A connection to an open database, to live for one call.
+Database connect(Handle handle);
+
 /// The file that a path in LMBCS names, or the one that a database link of this name leads to.
 std::filesystem::path databaseFile(const Server& server, const char* path);
 

@@ -21,11 +21,6 @@ void copyId(Target* target, const Id& id) {
     }
 }
 
-/// A connection that lives for one call.
-Database connect(DBHANDLE handle) {
-    return Database(process().databases.get(handle).file, Connection::Mode::kReadWrite);
-}
-
 std::string numbers(DWORD first) {
     return std::to_string(first);
 }

@@ -13,10 +13,6 @@ namespace {
 
 constexpr std::size_t kLongestUserName = 256; // without the NUL
 
-Database connect(DBHANDLE handle) {
-    return Database(process().databases.get(handle).file, Connection::Mode::kReadWrite);
-}
-
 /// Throws StatusError(kWrongDatabaseId) when an id is given that is not the expected one.
 void checkId(const DBID* given, const Id8& expected) {
     static_assert(sizeof(DBID) == sizeof(Id8));

@@ -12,8 +12,6 @@ namespace qrtln::acceptance {
 
 namespace {
 
-constexpr DWORD complete = 0;
-constexpr DWORD give_up = 1;
 constexpr std::size_t documents_to_move = 8;
 
 std::string in_folder(const ProbeRequest& request, const char* name) {

@@ -9,21 +9,21 @@ namespace qrtln::acceptance {
 
 namespace {
 
-constexpr std::size_t named_at_most = 20;
+constexpr std::size_t links_named_at_most = 20;
 
 // Names of one kind, as many as are worth reading.
 class Named {
   public:
     Named(const LocalRequest& request) : m_request(request) {}
     void add(const std::string& path, const std::string& what = {}) {
-        if (++m_count > named_at_most || m_request.hide_names)
+        if (++m_count > links_named_at_most || m_request.hide_names)
             return;
         m_text += (m_text.empty() ? "" : ", ") +
                   for_terminal(path_below(path, m_request.ini.data_directory)) + what;
     }
     std::size_t count() const { return m_count; }
     std::string text() const {
-        return m_text.empty() ? "" : ": " + m_text + (m_count > named_at_most ? ", ..." : "");
+        return m_text.empty() ? "" : ": " + m_text + (m_count > links_named_at_most ? ", ..." : "");
     }
 
   private:

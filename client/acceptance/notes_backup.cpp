@@ -13,8 +13,6 @@ namespace {
 constexpr WORD documents = 1;
 constexpr NOTEID deleted_bit = 0x80000000;
 constexpr std::size_t buffer_size = 32768;
-constexpr DWORD complete = 0;
-constexpr DWORD give_up = 1;
 
 // The table of ids that a call gave.
 class IdTable {

@@ -7,6 +7,10 @@
 
 namespace qrtln::acceptance {
 
+// How a backup is ended: NSFBackupEnd's options.
+inline constexpr DWORD complete = 0;
+inline constexpr DWORD give_up = 1;
+
 // The ids of the documents, deleted ones not among them. Stops the group when they are not told.
 std::set<NOTEID> documents_of(Teller& teller, const OpenDatabase& database,
                               const std::string& shown);
@@ -27,7 +31,7 @@ class Backup {
     void copy(const std::string& target, std::uint64_t begin, std::uint64_t end);
     // Stops the recording and applies what was recorded to the copy. Returns its bytes.
     std::uint64_t apply_changes(const std::string& target);
-    // 0 completes, 1 gives up. Stops the group when it fails.
+    // `complete` or `give_up`. Stops the group when it fails.
     void end(DWORD option);
 
   private:

@@ -7,6 +7,7 @@
 #include "client/error.h"
 #include "client/interrupt.h"
 #include "client/output.h"
+#include "client/point_in_time.h"
 #include "client/proof.h"
 #include "client/recovery_operation.h"
 #include "client/temporary_directory.h"
@@ -20,9 +21,7 @@ namespace qrtln {
 
 namespace {
 
-constexpr const char* journal_name = "/proof.json";
-constexpr std::size_t compact_time_length = 16; // "20261121T024923Z"
-constexpr std::int64_t quarter_hour = 900;
+constexpr const char* proof_journal_name = "/proof.json";
 
 // A moment behind everything that the set holds, which local time names unmistakably.
 std::int64_t moment_behind(const Manifest& manifest) {
@@ -206,7 +205,7 @@ int run_prove(const ProveOptions& options) {
                             "keep what must be written elsewhere: --state DIR");
     use_server(*store, ini, options);
     const Target target = choose_target(*store, options.set, ini.sets);
-    RecoveryJournalFile file(store->runtime_directory() + journal_name);
+    RecoveryJournalFile file(store->runtime_directory() + proof_journal_name);
     clean_up(file); // what a killed run left
     FileDescriptor trace = open_trace_file(options.trace_file);
     OperationContext context = operation_context(ini, *store, options, trace.get());

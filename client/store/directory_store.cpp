@@ -27,7 +27,6 @@ constexpr int store_format = 1;
 constexpr const char* format_file = "store.json";
 constexpr std::size_t maximal_format_file = 65536;
 constexpr const char* format_temporary = "store.json.tmp";
-constexpr const char* lock_file = "lock";
 constexpr int forgotten_format = 1;
 constexpr const char* forgotten_file = "forgotten.json";
 constexpr std::array skeleton_folders = {"objects", "sets", "runtime"};
@@ -35,7 +34,6 @@ constexpr std::string_view manifest_suffix = ".json";
 constexpr std::array<std::string_view, 2> note_suffixes = {".proof", ".index"}; // by SetNote
 constexpr std::array<std::string_view, 4> levels = {"full", "diff", "incr", "copy"};
 constexpr std::string_view object_suffix = ".zst";
-constexpr std::string_view temporary_suffix = ".tmp";
 // A manifest of a million items stays below this.
 constexpr std::size_t maximal_manifest = std::size_t{1} << 30;
 

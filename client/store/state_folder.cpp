@@ -17,8 +17,6 @@ namespace qrtln {
 
 namespace {
 
-constexpr const char* lock_file = "lock";
-constexpr std::string_view temporary_suffix = ".tmp";
 constexpr std::string_view unfinished_proof_suffix = ".proof.tmp";
 
 [[noreturn]] void fail_state(const std::string& directory, const std::string& why,

@@ -9,6 +9,11 @@
 
 namespace qrtln {
 
+// In a store and in such a folder: the file that a process which writes has locked, and what the
+// name of a file ends in until it is whole.
+inline constexpr const char* lock_file = "lock";
+inline constexpr std::string_view temporary_suffix = ".tmp";
+
 // Takes the exclusive lock on the file `lock` in a folder, which is created, and writes this
 // process into it. `description` is the folder in words. Throws ClientError(locked), or as `fail`
 // does, which gets what was being done and the errno.

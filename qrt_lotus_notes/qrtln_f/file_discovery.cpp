@@ -392,12 +392,6 @@ Walk scanDirectory(FileScan& scan) {
     return bOpen ? Walk::nextDirectory : Walk::end;
 }
 
-bool pullPath(LIST_INFO* list, char (&szPath)[kPathSize]) {
-    unsigned int uiSize = 0;
-    DB_BACKUP_FILE_TYPE eKind = DB_BACKUP_FILE_TYPE_DB;
-    return PullFIFOItemLN(list, szPath, &uiSize, &eKind) != FALSE;
-}
-
 int scanPatterns(LIST_INFO* hFilePatterns, LIST_INFO* hMatchPatterns, bool bReport) {
     FileScan scan{};
     scan.hSubDirList.reset(CreateFIFOList());

@@ -33,12 +33,6 @@ bool isRelocated() {
     return *g_sQRTLN_Global.szRelocationDir != '\0';
 }
 
-bool pullPath(LIST_INFO* list, char (&szPath)[kPathSize]) {
-    unsigned int uiSize = 0;
-    DB_BACKUP_FILE_TYPE eKind = DB_BACKUP_FILE_TYPE_DB;
-    return PullFIFOItemLN(list, szPath, &uiSize, &eKind) != FALSE;
-}
-
 std::vector<std::string> selectedDatabases() {
     std::vector<std::string> names;
     char szName[kPathSize];
@@ -62,7 +56,7 @@ bool hasWildcard(const char* cpArgument) {
 }
 
 // Notes one argument of a selective recovery.
-void takeParticular(const char* cpArgument, FifoList& lhListIncludePatterns) {
+void takeSelected(const char* cpArgument, FifoList& lhListIncludePatterns) {
     DB_TraceExt("QRTLN_InitRecovery(): Selective Lotus Notes recovery operation.");
     g_sQRTLN_Global.eI_BackupType = QRTLN_OPERATION_TYPE_PARTICULAR;
     if (!lhListIncludePatterns) {
@@ -263,7 +257,7 @@ int QRTLN_InitRecovery() {
         DB_TraceExt("QRTLN_InitRecovery: Got argument [%s]", szArgumentFile);
         const char* cpArgument = withoutArgumentPrefix(szArgumentFile);
         if (!isWholeSystemArgument(cpArgument)) {
-            takeParticular(cpArgument, lhListIncludePatterns);
+            takeSelected(cpArgument, lhListIncludePatterns);
             continue;
         }
         DB_TraceExt("QRTLN_InitRecovery(): Whole Lotus Notes System RECOVERY.");

@@ -199,3 +199,9 @@ BOOL pushPath(LIST_INFO* hListHandle, const char* path, DB_BACKUP_FILE_TYPE kind
     }
     return PushFIFOItemLN(hListHandle, path, static_cast<unsigned int>(size), kind);
 }
+
+bool pullPath(LIST_INFO* hListHandle, char (&szPath)[kPathSize]) {
+    unsigned int uiSize = 0;
+    DB_BACKUP_FILE_TYPE eKind = DB_BACKUP_FILE_TYPE_DB;
+    return PullFIFOItemLN(hListHandle, szPath, &uiSize, &eKind) != FALSE;
+}

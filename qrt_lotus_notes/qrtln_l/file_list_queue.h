@@ -56,3 +56,6 @@ void DestroyFIFOList(LIST_INFO* hListHandle);
 // Pushes a path with its terminating NUL. A path that would not fit a path buffer is skipped with a
 // log line that names it, and FALSE returned.
 BOOL pushPath(LIST_INFO* hListHandle, const char* path, DB_BACKUP_FILE_TYPE kind);
+
+// Removes the oldest record of a queue of paths. FALSE as PullFIFOItemLN.
+bool pullPath(LIST_INFO* hListHandle, char (&szPath)[kPathSize]);

@@ -6,6 +6,7 @@
 
 #include <sys/stat.h>
 
+#include "common/file_stream.h"
 #include "common/xutil.h"
 #include "qrt_lotus_notes/qrtln_n/file_name_text.h"
 #include "qrt_lotus_notes/qrtln_u/messages.h"
@@ -15,11 +16,6 @@ namespace {
 // The stream buffers of the one source and the one target that a database copy uses at a time.
 char szInBuffer[kStreamBufferSize];
 char szOutBuffer[kStreamBufferSize];
-
-struct CloseStream {
-    void operator()(FILE* stream) const { std::fclose(stream); }
-};
-using Stream = std::unique_ptr<FILE, CloseStream>;
 
 // What a message about a stream's buffer says beside the name.
 constexpr long kBufferSizeText = static_cast<long>(kStreamBufferSize);
@@ -78,7 +74,7 @@ bool copyBytes(FILE* source, FILE* target, const char* cpSource, const char* cpT
 
 bool copyFile(const char* cpSource, const char* cpTarget) {
     traceOpen(cpSource);
-    Stream source(std::fopen(cpSource, "rb"));
+    FileStream source(std::fopen(cpSource, "rb"));
     if (source == nullptr) {
         traceOpenError(cpSource, errno);
         return false;

@@ -3,12 +3,12 @@
 #include <cctype>
 #include <cstdio>
 #include <cstring>
-#include <memory>
 #include <string>
 #include <strings.h>
 
 #include "common/bounded_text.h"
 #include "common/cm_strptime.h"
+#include "common/file_stream.h"
 #include "qrt_lotus_notes/qrtln_l/file_list_queue.h"
 #include "qrt_lotus_notes/qrtln_u/argument_paths.h"
 #include "qrt_lotus_notes/qrtln_u/messages.h"
@@ -204,10 +204,6 @@ void applyControlVariable(const char* variable, ArgumentState& state) {
     DB_TraceExt("ProcessCtrlVars(): Unrecognizable control variable: %s", variable);
 }
 
-struct CloseStream {
-    void operator()(FILE* stream) const { std::fclose(stream); }
-};
-
 // The text stripped and in upper case, for comparisons.
 std::string normalized(const char* text) {
     std::string source(text), result(source.size() + 1, '\0');
@@ -269,7 +265,7 @@ char* str_strip(char* dst, char* src) {
 }
 
 int ini_get_value(const char* file, const char* section, const char* key, char* value) {
-    const std::unique_ptr<FILE, CloseStream> stream(std::fopen(file, "r"));
+    const FileStream stream(std::fopen(file, "r"));
     if (stream == nullptr) {
         return DB_NUM_E_FAILED;
     }
