@@ -20,32 +20,17 @@
 
 #define PATH_SIZE 1028
 
-typedef int (*InitFunction)(DB_OPERATION_TYPE, DB_OPERATION_LEVEL, char**, sQRT_DB*);
-typedef int (*GetItemFunction)(char*, char*, char*);
-typedef int (*PrepareFunction)(const char*, char*);
-typedef int (*SetItemFunction)(DB_ITEM_TYPE, char*);
-typedef int (*FinishFunction)(DB_ITEM_RESULT);
-typedef int (*CloseFunction)(char**);
-typedef int (*DirItemFunction)(sFormat*);
-typedef int (*TerminateFunction)(void);
-typedef int (*GetInfoFunction)(TYPE_DB_Info*);
-typedef int (*GetErrorFunction)(TYPE_DB_Error*);
-typedef int (*SetCallbackFunction)(TYPE_DB_MessageFunc);
+#define FUNCTIONS(EACH)                                                                            \
+    EACH(InitOperation)                                                                            \
+    EACH(GetItem) EACH(PrepareItem) EACH(SetItem) EACH(ItemFinishStatus) EACH(CloseOperation)      \
+        EACH(DirItem) EACH(Terminate) EACH(GetInfo) EACH(GetError) EACH(SetTrace) EACH(SetLog)
+#define MEMBER(name) __typeof__(&DB_##name) name;
+#define FIND(name) module.name = (__typeof__(&DB_##name))symbol(module.library, "DB_" #name);
 
+/* The loaded module: its entry points, as the header declares them. */
 typedef struct {
     void* library;
-    InitFunction init;
-    GetItemFunction get_item;
-    PrepareFunction prepare;
-    SetItemFunction set_item;
-    FinishFunction finish;
-    CloseFunction close_operation;
-    DirItemFunction dir_item;
-    TerminateFunction terminate;
-    GetInfoFunction get_info;
-    GetErrorFunction get_error;
-    SetCallbackFunction set_trace;
-    SetCallbackFunction set_log;
+    FUNCTIONS(MEMBER)
 } Module;
 
 static int failures = 0;
@@ -73,31 +58,19 @@ static void* symbol(void* library, const char* name) {
 
 static Module load(const char* path) {
     Module module;
-    void* library = dlopen(path, RTLD_NOW | RTLD_LOCAL);
-    if (library == NULL) {
+    module.library = dlopen(path, RTLD_NOW | RTLD_LOCAL);
+    if (module.library == NULL) {
         fprintf(stderr, "host: %s\n", dlerror());
         exit(1);
     }
-    module.library = library;
-    module.init = (InitFunction)symbol(library, "DB_InitOperation");
-    module.get_item = (GetItemFunction)symbol(library, "DB_GetItem");
-    module.prepare = (PrepareFunction)symbol(library, "DB_PrepareItem");
-    module.set_item = (SetItemFunction)symbol(library, "DB_SetItem");
-    module.finish = (FinishFunction)symbol(library, "DB_ItemFinishStatus");
-    module.close_operation = (CloseFunction)symbol(library, "DB_CloseOperation");
-    module.dir_item = (DirItemFunction)symbol(library, "DB_DirItem");
-    module.terminate = (TerminateFunction)symbol(library, "DB_Terminate");
-    module.get_info = (GetInfoFunction)symbol(library, "DB_GetInfo");
-    module.get_error = (GetErrorFunction)symbol(library, "DB_GetError");
-    module.set_trace = (SetCallbackFunction)symbol(library, "DB_SetTrace");
-    module.set_log = (SetCallbackFunction)symbol(library, "DB_SetLog");
+    FUNCTIONS(FIND)
     return module;
 }
 
 static void check_info(const Module* module) {
     TYPE_DB_Info info;
     memset(&info, 0, sizeof info);
-    expect(module->get_info(&info) == DB_NUM_I_OK, "DB_GetInfo answers 3000");
+    expect(module->GetInfo(&info) == DB_NUM_I_OK, "DB_GetInfo answers 3000");
     expect(info.cpDBClient != NULL && info.cpDBVersion != NULL, "DB_GetInfo names the module");
     expect(info.eDBType == DB_FILE_PREPARE, "items are files that are prepared");
 }
@@ -117,24 +90,25 @@ static void wrong_order(const Module* module) {
     int round;
     memset(&format, 0, sizeof format);
     for (round = 0; round < 2; ++round) {
-        (void)module->finish(DB_ITEM_SUCCESS);
-        expect(module->get_item(directory, original, name) != DB_NUM_I_OK,
+        (void)module->ItemFinishStatus(DB_ITEM_SUCCESS);
+        expect(module->GetItem(directory, original, name) != DB_NUM_I_OK,
                "no item without an operation");
-        expect(module->prepare("/nowhere/x.nsf", name) != DB_NUM_I_OK,
+        expect(module->PrepareItem("/nowhere/x.nsf", name) != DB_NUM_I_OK,
                "nothing is prepared without an operation");
-        (void)module->set_item(DB_ITEM_TYPE_FILE, name);
-        (void)module->dir_item(&format);
-        (void)module->terminate();
-        (void)module->close_operation(status);
-        (void)module->close_operation(none);
-        (void)module->get_error(&error);
-        expect(module->init(DB_TYPE_BCK, DB_LEVEL_FULL, variables, NULL) == DB_NUM_E_FAILED,
+        (void)module->SetItem(DB_ITEM_TYPE_FILE, name);
+        (void)module->DirItem(&format);
+        (void)module->Terminate();
+        (void)module->CloseOperation(status);
+        (void)module->CloseOperation(none);
+        (void)module->GetError(&error);
+        expect(module->InitOperation(DB_TYPE_BCK, DB_LEVEL_FULL, variables, NULL) ==
+                   DB_NUM_E_FAILED,
                "an operation without DATABASE fails");
         memset(&error, 0, sizeof error);
-        expect(module->get_error(&error) == DB_NUM_I_OK && error.szDBErrorMsg[0] != '\0',
+        expect(module->GetError(&error) == DB_NUM_I_OK && error.szDBErrorMsg[0] != '\0',
                "the failure has a text");
     }
-    (void)module->close_operation(status);
+    (void)module->CloseOperation(status);
 }
 
 static int open_descriptors(void) {
@@ -183,25 +157,26 @@ static void operate(const Module* module, int number, char** words) {
     int backup = number % 2 == 0;
     snprintf(notes_ini, sizeof notes_ini, "NOTESINI=%s", words[0]);
     snprintf(tmp_dir, sizeof tmp_dir, "TMP_DIR=%s", words[1]);
-    if (module->init(backup ? DB_TYPE_BCK : DB_TYPE_RST, DB_LEVEL_FULL, variables, NULL) !=
+    if (module->InitOperation(backup ? DB_TYPE_BCK : DB_TYPE_RST, DB_LEVEL_FULL, variables, NULL) !=
         DB_NUM_I_OK) {
         TYPE_DB_Error error;
-        (void)module->get_error(&error);
+        (void)module->GetError(&error);
         fprintf(stderr, "host: operation %d: %s (%s)\n", number, error.szDBErrorMsg, last_log);
         exit(1);
     }
     if (backup) {
-        while (module->get_item(directory, original, name) == DB_NUM_I_OK) {
+        while (module->GetItem(directory, original, name) == DB_NUM_I_OK) {
             if (strcmp(name, words[2]) == 0)
-                expect(module->prepare(name, copy) == DB_NUM_I_OK, "the database is prepared");
-            expect(module->finish(DB_ITEM_SUCCESS) == DB_NUM_I_OK, "the item is finished");
+                expect(module->PrepareItem(name, copy) == DB_NUM_I_OK, "the database is prepared");
+            expect(module->ItemFinishStatus(DB_ITEM_SUCCESS) == DB_NUM_I_OK,
+                   "the item is finished");
         }
     } else {
         snprintf(name, sizeof name, "%s", words[2]);
-        expect(module->set_item(DB_ITEM_TYPE_FILE, name) == DB_NUM_I_OK, "the file is taken");
-        (void)module->finish(DB_ITEM_FAIL);
+        expect(module->SetItem(DB_ITEM_TYPE_FILE, name) == DB_NUM_I_OK, "the file is taken");
+        (void)module->ItemFinishStatus(DB_ITEM_FAIL);
     }
-    expect(module->close_operation(status) == DB_NUM_I_OK, "the operation is closed");
+    expect(module->CloseOperation(status) == DB_NUM_I_OK, "the operation is closed");
 }
 
 /* What has grown since the first tenth, when everything that is made once was made. */
@@ -212,7 +187,7 @@ static void measure(const char* path, const char* what, int count, char** words)
     Module module;
     if (words != NULL) {
         module = load(path);
-        module.set_log(&keep_log);
+        module.SetLog(&keep_log);
     }
     for (number = 0; number < count; ++number) {
         if (number == count / 10) {
