@@ -1,5 +1,4 @@
 // Recoveries at the module's interface, over the simulator.
-#include <ctime>
 #include <gmock/gmock.h>
 
 #include "tests/interface/module_host.h"
@@ -75,24 +74,6 @@ TEST_IN_OWN_PROCESS(Recovery, RolledForwardDatabasesEqualTheirLastCommit) {
     EXPECT_TRUE(toldRecovered(kFirst) && toldRecovered(kSecond));
     server.put(kFirst); // fails for a database that is offline
     server.put(kSecond);
-}
-
-TEST_IN_OWN_PROCESS(Recovery, RolledForwardToAMomentLaterChangesAreGone) {
-    setenv("TZ", "CET-1CEST,M3.5.0,M10.5.0/3", 1);
-    server.put(kFirst);
-    const std::string wanted = server.live(kFirst);
-    // A whole second that is past, and then a change after it.
-    const time_t moment = std::time(nullptr) + 1;
-    while (std::time(nullptr) <= moment) {
-        usleep(10'000);
-    }
-    server.put(kFirst);
-    ASSERT_NE(server.live(kFirst), wanted);
-    pend(kFirst);
-    char variable[64];
-    std::strftime(variable, sizeof variable, "ROLLFORWARD=%Y%m%d%H%M%S", std::localtime(&moment));
-    EXPECT_EQ(recover({kFirst}, {variable}), DB_NUM_I_COMPLETE) << error;
-    EXPECT_EQ(server.live(kFirst), wanted);
 }
 
 TEST_IN_OWN_PROCESS(Recovery, RelocatedCopiesAreRolledForwardBesideTheLiveDatabases) {

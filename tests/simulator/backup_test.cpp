@@ -67,31 +67,6 @@ TEST(BackupOverARollback, CopyIsExactAlthoughPagesWereWrittenBackAndCutOff) {
     EXPECT_EQ(show(copy)["integrity"], "ok");
 }
 
-// As of the start, size and what the server remembers included, whatever of it was read already.
-TEST(BackupInTheMoodBefore, IsTheDatabaseAtTheStartByteForByteAlsoWhenItShrinksMeanwhile) {
-    const TestServer server("--strict before");
-    std::string added = server.command("put", kDatabase + " --count 300");
-    std::replace(added.begin(), added.end(), '\n', ' ');
-    server.command("delete", kDatabase + " " + added);
-    const std::string copy = server.folder.file("copy.nsf");
-    std::string before;
-    const auto shrinkThenGrow = [&] {
-        if (!before.empty()) {
-            server.command("put", kDatabase + " --count 9");
-            return;
-        }
-        before = readFile(server.data(kDatabase));
-        changeFile(server.data(kDatabase), "VACUUM", "notes-simulator");
-        EXPECT_LT(fs::file_size(server.data(kDatabase)), before.size());
-    };
-    ASSERT_NO_FATAL_FAILURE(
-        backUp(server, kDatabase, copy, {.chunksPerMark = 1, .between = shrinkThenGrow}));
-    EXPECT_TRUE(readFile(copy) == before);
-    DWORD needed = 0;
-    EXPECT_EQ(server.backupNeeded(kDatabase, 0, &needed), 0);
-    EXPECT_GT(needed, 0U) << "what was logged during the copy is not in it";
-}
-
 class ChangeInfo : public ::testing::Test {
   protected:
     // Copies the database, changes it meanwhile, and fetches the change information.

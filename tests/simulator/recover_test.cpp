@@ -4,7 +4,6 @@
 #include <csignal>
 #include <fstream>
 #include <optional>
-#include <sys/resource.h>
 
 namespace simulator_tests {
 namespace {
@@ -147,84 +146,6 @@ TEST_F(Recover, AnswersForTheFirstUnknownDatabaseAndRecoversTheOthers) {
     EXPECT_EQ(show(names)["digest"], live["digest"]);
     EXPECT_EQ(show(mail)["digest"], server.show("mail.box")["digest"]);
     EXPECT_TRUE(readFile(foreign) == before);
-}
-
-// The recovery dies when it makes the database longer than it is: with pages written and not
-// committed.
-TEST_F(Recover, ThatIsKilledIsRolledBackAndTheSecondOneEndsRight) {
-    struct Case {
-        const char* title;
-        bool inPlace;  // an older copy lies in the place of the original, which is offline
-        bool replaced; // and is replaced by the copy again after the kill
-    };
-    const std::string before = readFile(names);
-    std::string online = "names.nsf";
-    for (const Case& c : {Case{"a copy", false, false}, Case{"a copy restored again", false, true},
-                          Case{"an offline database", true, false}}) {
-        SCOPED_TRACE(c.title);
-        server.folder.write("copy-names.nsf", before);
-        const std::string name = c.inPlace ? server.data(online) : names;
-        if (c.inPlace) {
-            ASSERT_EQ(NSFTakeDatabaseOffline(online.data(), 0, 0), 0);
-            replace(names, name);
-        }
-        const auto recoverWithoutRoom = [&] {
-            const struct rlimit limit = {before.size(), before.size()};
-            signal(SIGXFSZ, SIG_DFL);
-            setrlimit(RLIMIT_FSIZE, &limit);
-            recover({name});
-        };
-        EXPECT_EXIT(recoverWithoutRoom(), ::testing::KilledBySignal(SIGXFSZ), "");
-        EXPECT_FALSE(readFile(name) == before) << "nothing was half written";
-        if (c.replaced) {
-            server.folder.write("copy-names.nsf", before);
-        }
-        NotesTerm();
-        ASSERT_EQ(server.start(), 0);
-        EXPECT_TRUE(readFile(name) == before);
-        EXPECT_EQ(recover({name}), (Outcome{0, 0}));
-        EXPECT_EQ(show(name)["digest"], live["digest"]);
-        EXPECT_EQ(show(name)["integrity"], "ok");
-    }
-    EXPECT_EQ(NSFBringDatabaseOnline(online.data(), 0), 0);
-    EXPECT_EQ(server.show(online)["dbiid"], live["dbiid"]);
-}
-
-// The log has records of the instance that the database now lacks, whatever the server remembers.
-TEST_F(Recover, ToAnEarlierMomentBeginsANewInstanceWhenBroughtOnline) {
-    server.command("saved", "names.nsf");
-    const std::string copy = server.folder.file("middle");
-    fs::copy_file(server.data("names.nsf"), copy);
-    usleep(30000); // the next commits are in a later hundredth of a second
-    TIMEDATE wildcard = {};
-    TIMEDATE now = {};
-    DHANDLE table = 0;
-    TimeConstant(2, &wildcard);
-    {
-        const OpenDb db("names.nsf");
-        ASSERT_EQ(NSFDbGetModifiedNoteTable(db.handle, 1, wildcard, &now, &table), 0);
-        EXPECT_EQ(IDDestroyTable(table), 0);
-    }
-    usleep(30000);
-    server.command("put", "names.nsf " + kBigChange);
-    for (const bool remembered : {true, false}) {
-        SCOPED_TRACE(remembered);
-        if (!remembered) {
-            server.command("lose", "names.nsf");
-            fs::copy_file(copy, server.data("names.nsf"));
-            fs::remove_all(server.root() + "/state/instances");
-        }
-        replace(copy, names);
-        ASSERT_EQ(recover({names}, kKeepDbiid, now), (Outcome{0, 0}));
-        EXPECT_EQ(show(names)["digest"], live["digest"]);
-        // Put over the original, as a client does.
-        std::string online = "names.nsf";
-        ASSERT_EQ(NSFTakeDatabaseOffline(online.data(), 0, 0), 0);
-        replace(names, server.data(online));
-        ASSERT_EQ(NSFBringDatabaseOnline(online.data(), 0), 0);
-        EXPECT_NE(server.show(online)["dbiid"], live["dbiid"]);
-        EXPECT_EQ(server.backupNeeded(online), 5114);
-    }
 }
 
 // What is in the log has happened; without a log, what was not committed has not.

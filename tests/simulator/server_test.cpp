@@ -1,5 +1,4 @@
-// What a server is: its log, who may use its databases, texts, faults that a test sets, and what
-// domino-sim's check finds.
+// What a server is: its log, who may use its databases, texts, and what domino-sim's check finds.
 #include "tests/simulator/support.h"
 
 #include <gmock/gmock.h>
@@ -133,26 +132,6 @@ TEST(Offline, ADatabaseIsClosedToEverybodyUntilItIsBroughtOnline) {
     replace(copy, server.data(name));
     server.command("online", name);
     EXPECT_EQ(openStatus(name), 0);
-}
-
-TEST(Faults, HitTheNamedCallOnlyAndWrongTextsChangeNothing) {
-    const TestServer server;
-    ASSERT_EQ(NotesSimSetFaults("NSFDbOpen#2=513,NSFDbClose=0x1FF"), 0);
-    for (const char* text : {"NSFDbOpen", "NSFDbOpen=", "NSFDbOpen=x", "NSFDbOpen#0=5", "=5",
-                             "NSFDbOpen=0", "NSFDbOpen=99999", "NSFDbOpen=5,", "NSF DbOpen=5"}) {
-        EXPECT_NE(NotesSimSetFaults(text), 0) << text;
-    }
-    DBHANDLE first = 0;
-    DBHANDLE second = 0;
-    EXPECT_EQ(NSFDbOpen("names.nsf", &first), 0);
-    EXPECT_EQ(NSFDbOpen("names.nsf", &second), 513);
-    EXPECT_EQ(NSFDbOpen("names.nsf", &second), 0);
-    EXPECT_EQ(NSFDbClose(first), 0x1FF);
-    EXPECT_EQ(NSFDbClose(second), 0x1FF);
-    EXPECT_EQ(NotesSimFaultsFired(), 3U);
-    EXPECT_EQ(NotesSimOutstanding(NOTES_SIM_DATABASES), 2U) << "a failed call does nothing";
-    EXPECT_EQ(NotesSimSetFaults(""), 0);
-    EXPECT_EQ(NotesSimFaultsFired(), 0U);
 }
 
 std::string translated(WORD mode, const std::string& in, WORD limit) {

@@ -107,10 +107,9 @@ void replace(const std::string& from, const std::string& to) {
     fs::copy_file(from, to, fs::copy_options::overwrite_existing);
 }
 
-void changeFile(const std::string& database, const std::string& sql, const char* vfs) {
+void changeFile(const std::string& database, const std::string& sql) {
     sqlite3* connection = nullptr;
-    EXPECT_EQ(sqlite3_open_v2(database.c_str(), &connection, SQLITE_OPEN_READWRITE, vfs),
-              SQLITE_OK);
+    EXPECT_EQ(sqlite3_open(database.c_str(), &connection), SQLITE_OK);
     EXPECT_EQ(sqlite3_exec(connection, sql.c_str(), nullptr, nullptr, nullptr), SQLITE_OK);
     sqlite3_close(connection);
 }

@@ -110,6 +110,6 @@ std::string readFile(const std::string& file);
 void replace(const std::string& from, const std::string& to);
 
 // Changes a database behind the server's back.
-void changeFile(const std::string& database, const std::string& sql, const char* vfs = nullptr);
+void changeFile(const std::string& database, const std::string& sql);
 
 } // namespace simulator_tests
