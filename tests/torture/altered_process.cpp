@@ -2,7 +2,7 @@
 // or do what they should not, as the environment variable QRTLN_MODEL_FAULTS says: "KIND TEXT
 // NUMBER", with ";" between several.
 //   read TEXT BYTES     a file whose path holds TEXT ends after so many bytes
-//   rename TEXT ERRNO   nothing can be renamed, or linked, to a path that holds TEXT
+//   rename TEXT ERRNO   nothing can be renamed to a path that holds TEXT
 //   lookup TEXT ERRNO   a path that holds TEXT cannot be looked up
 // Defects of a client and its module, which a harness must find:
 //   unflushed TEXT 1    flushes of a file whose path holds TEXT do nothing
@@ -20,7 +20,6 @@
 #include <dlfcn.h>
 #include <sstream>
 #include <sys/stat.h>
-#include <sys/time.h>
 #include <vector>
 
 namespace {
@@ -137,12 +136,6 @@ time_t time(time_t* result) noexcept {
     return now;
 }
 
-int gettimeofday(timeval* __restrict result, void* __restrict) noexcept {
-    timespec now = model_time();
-    *result = {now.tv_sec, now.tv_nsec / 1000};
-    return 0;
-}
-
 ssize_t read(int fd, void* buffer, size_t size) {
     static const auto next = original(&::read, "read");
     long end = fault_of("read", fd);
@@ -179,14 +172,6 @@ int renameat2(int a, const char* from, int b, const char* to, unsigned flags) no
         return 0;
     }
     return fails("rename", to) ? -1 : next(a, from, b, to, flags);
-}
-int linkat(int a, const char* from, int b, const char* to, int flags) noexcept {
-    static const auto next = original(&::linkat, "linkat");
-    return fails("rename", to) ? -1 : next(a, from, b, to, flags);
-}
-int faccessat(int folder, const char* path, int mode, int flags) noexcept {
-    static const auto next = original(&::faccessat, "faccessat");
-    return fails("lookup", path) ? -1 : next(folder, path, mode, flags);
 }
 int fstatat(int folder, const char* __restrict path, struct stat* __restrict status,
             int flags) noexcept {

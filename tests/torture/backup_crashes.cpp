@@ -5,27 +5,19 @@
 //
 // Prints the sums; ends with 1 when a rule was violated. With a planted defect it ends with 0 when
 // the rule that the defect violates was found violated.
-#include "client/store/digest.h"
 #include "notes_simulator/transaction_log.h"
 #include "tests/support/temporary_folder.h"
-#include "tests/torture/bytes_of.h"
 #include "tests/torture/durable_disk.h"
 #include "tests/torture/model.h"
 
 #include <CLI/CLI.hpp>
 
-#include <algorithm>
-#include <iostream>
-
-namespace fs = std::filesystem;
 using namespace qrtln::torture;
 
 namespace {
 
-// Of each scenario, in the short form: calls at which a run is killed, and moments.
-constexpr std::size_t few_calls = 3;
-constexpr int few_moments = 1;
-constexpr int many_moments = 250;
+// Of each scenario, in the short form: calls that change files at which a run is killed.
+constexpr std::size_t few_calls = 2;
 
 struct Options {
     std::string scenario;
@@ -75,27 +67,11 @@ struct Scenario {
     std::string kept; // its name
     bool full = false;
     std::size_t calls = 0;
-    std::vector<std::size_t> owing; // calls before which databases are owed
-    std::int64_t takes = 0;         // microseconds, untraced
-    std::set<std::string> indexes;  // that such a run ever leaves
+    std::size_t moments = 0;
+    std::vector<std::size_t> owing = {}; // calls before which databases are owed
+    std::set<std::string> indexes = {};  // that such a run ever leaves
 
     std::string name() const { return kept + (full ? "-full" : "-incr"); }
-};
-
-// Calls something before each call, and tells a disk of flushes.
-class Watcher final : public CallObserver {
-  public:
-    explicit Watcher(std::function<void()> before, DurableDisk* disk = nullptr)
-        : m_before(std::move(before)), m_disk(disk) {}
-    void before_call() override { m_before(); }
-    void flushed(const std::string& descriptor) override {
-        if (m_disk != nullptr)
-            m_disk->flushed(descriptor);
-    }
-
-  private:
-    std::function<void()> m_before;
-    DurableDisk* m_disk;
 };
 
 class Crashes : private Model {
@@ -105,8 +81,35 @@ class Crashes : private Model {
           m_random(options.seed) {
         make_server();
     }
-    int find_violations();
-    int find_planted(const Plant& plant);
+
+    int find_violations() {
+        for (const Scenario& scenario : make_scenarios()) {
+            if (!m_options.scenario.empty() && m_options.scenario != scenario.name())
+                continue;
+            kill_often(scenario);
+            std::cout << scenario.name() << ": " << scenario.calls << " calls" << std::endl;
+        }
+        std::cout << m_kills << " kills (" << m_missed
+                  << " had ended before, or had no module yet), " << m_violations
+                  << " violations, seed " << m_options.seed << std::endl;
+        return m_violations == 0 && m_kills > 0 ? 0 : 1;
+    }
+
+    // From the end on, where a run gives its word: until the rule is violated.
+    int find_planted(const Plant& plant) {
+        Scenario scenario = look_at("changed", true);
+        m_faults = {{"QRTLN_MODEL_FAULTS", plant.faults}};
+        bring_back("changed");
+        CallObserver counter;
+        for (std::size_t call = back_up(true, {}, &counter).calls + 1; call > 0; --call)
+            if (try_at(scenario, plant.kind, {.call = call}).starts_with(plant.rule)) {
+                std::cout << plant.name << " was found by its rule at kill " << m_kills
+                          << std::endl;
+                return 0;
+            }
+        std::cout << plant.name << " was not found" << std::endl;
+        return 1;
+    }
 
   private:
     struct Kept {
@@ -115,23 +118,235 @@ class Crashes : private Model {
         std::map<std::string, Set> sets;
     };
 
-    void make_server();
-    void copy_all(const std::string& from, const std::string& to) const;
-    void keep(const std::string& name);
-    void bring_back(const std::string& name);
-    Run back_up(bool full, Kill kill = {}, CallObserver* observer = nullptr);
-    void back_up_well(bool full);
+    // --- the server and the store
+
+    // Databases that are logged and not, a template, a folder; since the last set one is new, one
+    // was compacted, others changed, and extents are full.
+    void make_server() {
+        auto change_all = [this] {
+            for (const std::string& name : server().live())
+                commit(name);
+        };
+        change_all();
+        for (bool full : {true, true, false}) { // the second one gives the databases their entries
+            back_up_well(full);
+            change_all();
+        }
+        server().create("mail/new.nsf", m_options.seed);
+        for (const char* name : {"mail/user1.nsf", "names.nsf"})
+            server().compact(name);
+        // Only the index tells that this one was compacted.
+        server().simulate({"saved", "mail/user1.nsf"});
+        while (waiting_extents().size() < 2)
+            change_all();
+        keep("changed");
+    }
+
+    void copy_all(const std::string& from, const std::string& to) const {
+        fs::create_directories(to);
+        for (const char* part : {"/disk", "/a"})
+            fs::remove_all(to + part);
+        Run copy = run_program({"/bin/cp", "-a", from + "/disk", from + "/a", to}, {}, m_folder);
+        if (copy.exit_code != 0)
+            throw std::runtime_error("cannot copy the server: " + copy.errors);
+    }
+
+    // Server, store and model as they are now, to be brought back however often they are changed.
+    void keep(const std::string& name) {
+        copy_all(m_folder, m_folder + "/kept-" + name);
+        m_kept[name] = {m_clock.now(), server().databases, m_sets};
+    }
+
+    void bring_back(const std::string& name) {
+        copy_all(m_folder + "/kept-" + name, m_folder);
+        m_clock.set(m_kept.at(name).time);
+        server().databases = m_kept.at(name).databases;
+        m_sets = m_kept.at(name).sets;
+    }
+
+    Run back_up(bool full, Kill kill = {}, const CallObserver* observer = nullptr) {
+        note_commits();
+        return qrtln({"backup", "--json", "--level", full ? "full" : "incr"}, m_faults, kill,
+                     observer);
+    }
+
+    void back_up_well(bool full) {
+        Run run = back_up(full);
+        require(run.exit_code == 0, rule::next_run, run.errors);
+        take_new_sets();
+    }
+
     std::string index() const { return bytes_of(server().index_file()); }
-    std::map<std::uint32_t, std::string> waiting_extents() const;
-    Scenario look_at(const std::string& kept, bool full);
-    std::vector<Scenario> make_scenarios();
-    void strike(const Scenario& scenario, const Kind& kind, Kill kill);
-    void strike_next(const Scenario& scenario, DurableDisk& disk);
-    void try_at(const Scenario& scenario, const Kind& kind, Kill kill);
-    void kill_at_calls(const Scenario& scenario);
-    void judge_remains(const Scenario& scenario);
-    void judge_next_runs(const Scenario& scenario);
-    std::string judged(const std::function<void()>& judge);
+
+    // The extents that wait to be archived, with the SHA-256 of their bytes.
+    std::map<std::uint32_t, std::string> waiting_extents() const {
+        std::map<std::uint32_t, std::string> waiting;
+        notes_sim::ServerLock lock(server().server());
+        notes_sim::TransactionLog log(server().server(), lock);
+        for (std::uint32_t number : log.readyExtents())
+            waiting[number] = qrtln::sha256_hex(bytes_of(log.extentPath(number)));
+        return waiting;
+    }
+
+    // A run that is not killed shows what there is to kill, and what the index may be.
+    Scenario look_at(const std::string& kept, bool full) {
+        Scenario scenario = {.kept = kept, .full = full};
+        bring_back(kept);
+        std::size_t waiting = waiting_extents().size();
+        CallObserver watcher;
+        watcher.before_call = [&] {
+            ++scenario.calls;
+            scenario.indexes.insert(index());
+            if (fs::exists(m_store + "/runtime/owed.jsonl"))
+                scenario.owing.push_back(scenario.calls);
+        };
+        Run whole = back_up(full, {}, &watcher);
+        scenario.moments = whole.moments;
+        scenario.indexes.insert(index());
+        if (whole.exit_code != 0)
+            throw std::runtime_error("a backup that was not killed failed: " + whole.errors);
+        if (waiting == waiting_extents().size() || scenario.indexes.size() < 2)
+            throw std::runtime_error("the backup marks no extent, or does not change the index");
+        // When the module dies over what is owed, the run goes on with what was asked for.
+        bring_back(kept);
+        (void)back_up(full, {.victim = Victim::module_process, .call = 1});
+        scenario.indexes.insert(index());
+        return scenario;
+    }
+
+    std::vector<Scenario> make_scenarios() {
+        std::vector<Scenario> scenarios = {look_at("changed", true), look_at("changed", false)};
+        // After a run whose databases were prepared and are in no set.
+        bring_back("changed");
+        const std::vector<std::size_t>& owing = scenarios.back().owing;
+        (void)back_up(false, {.call = owing.at(owing.size() / 2)});
+        keep("owing");
+        scenarios.push_back(look_at("owing", false));
+        bring_back("changed");
+        fs::remove_all(m_store);
+        fs::remove(server().path_of("qrtln_archive.json")); // it would keep another store out
+        m_sets.clear();
+        for (auto& [name, database] : server().databases)
+            database.saved.clear();
+        keep("first");
+        scenarios.push_back(look_at("first", true));
+        return scenarios;
+    }
+
+    // --- kills
+
+    // At all calls that change files in all ways, or at some spread over the run, the ways in turn;
+    // and at moments, without power cuts. The last call is behind the end: what a run that
+    // succeeded had flushed must be there, too.
+    void kill_often(const Scenario& scenario) {
+        std::size_t last = scenario.calls + 1;
+        for (std::size_t call = 1; m_options.all && call <= last; ++call)
+            for (const Kind& kind : kinds)
+                try_at(scenario, kind, {.call = call});
+        for (std::size_t i = 0; !m_options.all && i < few_calls; ++i)
+            try_at(scenario, kinds[m_next_kind++ % std::size(kinds)],
+                   {.call = 1 + (last * i + m_random() % last) / few_calls});
+        for (int left = m_options.all ? 250 : 1; left > 0; --left)
+            try_at(scenario, kinds[m_next_victim++ % 3 * 2],
+                   {.moment = 1 + m_random() % scenario.moments});
+    }
+
+    // One kill, and all that must hold after it. Returns what does not, which is printed.
+    std::string try_at(const Scenario& scenario, const Kind& kind, Kill kill) try {
+        strike(scenario, kind, kill);
+        judge_remains(scenario);
+        if (m_options.plant.empty())
+            judge_next_runs(scenario);
+        return {};
+    } catch (const std::exception& violation) {
+        ++m_violations;
+        std::cout << "  VIOLATED, " << m_doing << ": " << violation.what() << std::endl;
+        return violation.what();
+    }
+
+    void strike(const Scenario& scenario, const Kind& kind, Kill kill) {
+        bring_back(scenario.kept);
+        m_waiting = waiting_extents();
+        m_indexes = scenario.indexes;
+        m_doing = scenario.name() + ", " + kind.name + " at call " + std::to_string(kill.call) +
+                  " or moment " + std::to_string(kill.moment) + ", seed " +
+                  std::to_string(m_options.seed);
+        std::optional<DurableDisk> disk;
+        CallObserver watcher;
+        if (kind.cut) {
+            disk.emplace(m_folder + "/disk");
+            watcher.flushed = [&](const std::string& descriptor) { disk->flushed(descriptor); };
+        }
+        kill.victim = kind.victim;
+        Run run = back_up(scenario.full, kill, &watcher);
+        ++m_kills;
+        m_missed += run.killed ? 0 : 1;
+        if (kind.in_next_run)
+            strike_next(scenario, watcher);
+        if (disk)
+            disk->cut(*kind.cut, m_random);
+        take_new_sets();
+    }
+
+    // Kills it as well, or not. What it owes, and so its index, depends on the moment.
+    void strike_next(const Scenario& scenario, CallObserver watcher) {
+        std::size_t call = m_random() % 4 == 0 ? 0 : 1 + m_random() % scenario.calls;
+        watcher.before_call = [this] { m_indexes.insert(index()); };
+        Run next = back_up(scenario.full, {.call = call}, &watcher);
+        watcher.before_call();
+        m_doing += ", the next one at " + std::to_string(call);
+        require(next.killed || next.exit_code == 0, rule::next_run, next.errors);
+    }
+
+    // --- judgement
+
+    // What the killed run left.
+    void judge_remains(const Scenario& scenario) {
+        require(m_indexes.contains(index()), rule::index,
+                "it has " + std::to_string(index().size()) +
+                    " bytes and is neither the old nor the new one");
+        std::map<std::uint32_t, std::string> left = waiting_extents();
+        for (const auto& [number, digest] : m_waiting)
+            require(left.contains(number) || is_archived(digest), rule::extents,
+                    std::to_string(number) + " is marked as archived and in no set as it was");
+        // Before the first run was whole there may be no store.
+        if (fs::exists(m_store + "/store.json") || !scenario.indexes.contains(""))
+            verify();
+    }
+
+    void verify() {
+        Run run = qrtln({"verify"});
+        require(run.exit_code == 0, whole_store, run.output + run.errors);
+    }
+
+    // Users go on, the same command is given again, and after a full backup an incremental one;
+    // then everything is recovered beside the live databases.
+    void judge_next_runs(const Scenario& scenario) {
+        for (bool full : scenario.full ? std::vector{true, false} : std::vector{false}) {
+            for (const char* name : {"mail/user1.nsf", "unlogged.nsf"})
+                commit(name);
+            back_up_well(full);
+        }
+        for (const auto& entry : fs::recursive_directory_iterator(m_folder + "/disk")) {
+            std::string name = entry.path().filename();
+            bool of_run_time = entry.path().parent_path().filename() == "runtime" &&
+                               entry.path() != server().index_file() && name != "server.json";
+            require(!name.ends_with(".tmp") && !of_run_time, rule::leftovers, name);
+        }
+        require(fs::is_empty(server().temporary()), rule::leftovers, "in the temporary directory");
+        verify();
+        std::string into = server().folder + "/into";
+        Run recovery = qrtln({"recover", "--all", "--into", into});
+        require(recovery.exit_code == 0, rule::databases, recovery.output + recovery.errors);
+        for (const auto& [name, database] : server().databases) {
+            const Saved& newest = database.saved.back();
+            const Content& expected =
+                database.logged ? database.present() : database.content_of(newest);
+            std::string wrong = difference(expected, into + server().path_of(name));
+            require(wrong.empty(), rule::databases, name + ": " + wrong);
+        }
+        fs::remove_all(into);
+    }
 
     const Options& m_options;
     Environment m_faults;
@@ -145,284 +360,6 @@ class Crashes : private Model {
     std::size_t m_next_kind = 0;
     std::size_t m_next_victim = 0;
 };
-
-// --- the server and the store
-
-// Databases that are logged and not, a template, a folder; since the last set one is new, one was
-// compacted, others changed, and extents are full.
-void Crashes::make_server() {
-    auto change_all = [this] {
-        for (const std::string& name : server().live())
-            commit(name);
-    };
-    change_all();
-    for (bool full : {true, true, false}) { // the second one gives the databases their entries
-        back_up_well(full);
-        change_all();
-    }
-    server().create("mail/new.nsf", m_options.seed);
-    for (const char* name : {"mail/user1.nsf", "names.nsf"})
-        server().compact(name);
-    // Only the index tells that this one was compacted.
-    server().simulate({"saved", "mail/user1.nsf"});
-    while (waiting_extents().size() < 2)
-        change_all();
-    keep("changed");
-}
-
-void Crashes::copy_all(const std::string& from, const std::string& to) const {
-    fs::create_directories(to);
-    for (const char* part : {"/disk", "/a"})
-        fs::remove_all(to + part);
-    Run copy = run_program({"/bin/cp", "-a", from + "/disk", from + "/a", to}, {}, m_folder);
-    if (copy.exit_code != 0)
-        throw std::runtime_error("cannot copy the server: " + copy.errors);
-}
-
-// Server, store and model as they are now, to be brought back however often they are changed.
-void Crashes::keep(const std::string& name) {
-    copy_all(m_folder, m_folder + "/kept-" + name);
-    m_kept[name] = {m_clock.now(), server().databases, m_sets};
-}
-
-void Crashes::bring_back(const std::string& name) {
-    copy_all(m_folder + "/kept-" + name, m_folder);
-    m_clock.set(m_kept.at(name).time);
-    server().databases = m_kept.at(name).databases;
-    m_sets = m_kept.at(name).sets;
-}
-
-Run Crashes::back_up(bool full, Kill kill, CallObserver* observer) {
-    note_commits();
-    return qrtln({"backup", "--json", "--level", full ? "full" : "incr"}, m_faults, kill, observer);
-}
-
-void Crashes::back_up_well(bool full) {
-    Run run = back_up(full);
-    require(run.exit_code == 0, rule::next_run, run.errors);
-    take_new_sets();
-}
-
-// The extents that wait to be archived, with the SHA-256 of their bytes.
-std::map<std::uint32_t, std::string> Crashes::waiting_extents() const {
-    std::map<std::uint32_t, std::string> waiting;
-    notes_sim::ServerLock lock(server().server());
-    notes_sim::TransactionLog log(server().server(), lock);
-    for (std::uint32_t number : log.readyExtents())
-        waiting[number] = qrtln::sha256_hex(bytes_of(log.extentPath(number)));
-    return waiting;
-}
-
-// A run that is not killed shows what there is to kill, and what the index may be.
-Scenario Crashes::look_at(const std::string& kept, bool full) {
-    Scenario scenario;
-    scenario.kept = kept;
-    scenario.full = full;
-    bring_back(kept);
-    std::size_t waiting = waiting_extents().size();
-    Watcher watcher([&] {
-        ++scenario.calls;
-        scenario.indexes.insert(index());
-        if (fs::exists(m_store + "/runtime/owed.jsonl"))
-            scenario.owing.push_back(scenario.calls);
-    });
-    Run whole = back_up(full, {}, &watcher);
-    scenario.indexes.insert(index());
-    // When the module dies over what is owed, the run goes on with what was asked for.
-    bring_back(kept);
-    (void)back_up(full, {.victim = Victim::module_process, .call = 1});
-    scenario.indexes.insert(index());
-    bring_back(kept);
-    auto begin = std::chrono::steady_clock::now();
-    Run untraced = back_up(full);
-    std::chrono::duration<double, std::micro> took = std::chrono::steady_clock::now() - begin;
-    scenario.takes = static_cast<std::int64_t>(took.count());
-    if (whole.exit_code != 0 || untraced.exit_code != 0)
-        throw std::runtime_error("a backup that was not killed failed: " + whole.errors);
-    if (waiting == waiting_extents().size() || scenario.indexes.size() < 2)
-        throw std::runtime_error("the backup marks no extent, or does not change the index");
-    return scenario;
-}
-
-std::vector<Scenario> Crashes::make_scenarios() {
-    std::vector<Scenario> scenarios = {look_at("changed", true), look_at("changed", false)};
-    // After a run whose databases were prepared and are in no set.
-    bring_back("changed");
-    const std::vector<std::size_t>& owing = scenarios.back().owing;
-    (void)back_up(false, {.call = owing.at(owing.size() / 2)});
-    keep("owing");
-    scenarios.push_back(look_at("owing", false));
-    bring_back("changed");
-    fs::remove_all(m_store);
-    fs::remove(server().path_of("qrtln_archive.json")); // it would keep another store out
-    m_sets.clear();
-    for (auto& [name, database] : server().databases)
-        database.saved.clear();
-    keep("first");
-    scenarios.push_back(look_at("first", true));
-    return scenarios;
-}
-
-// --- kills
-
-void Crashes::strike(const Scenario& scenario, const Kind& kind, Kill kill) {
-    bring_back(scenario.kept);
-    m_waiting = waiting_extents();
-    m_indexes = scenario.indexes;
-    m_doing = scenario.name() + ", " + kind.name +
-              (kill.call != 0 ? " at call " + std::to_string(kill.call) + " of " +
-                                    std::to_string(scenario.calls)
-                              : " after " + std::to_string(kill.after.count()) + " microseconds") +
-              ", seed " + std::to_string(m_options.seed);
-    std::optional<DurableDisk> disk;
-    if (kind.cut)
-        disk.emplace(m_folder + "/disk");
-    kill.victim = kind.victim;
-    Run run = back_up(scenario.full, kill, disk ? &*disk : nullptr);
-    ++m_kills;
-    m_missed += run.killed ? 0 : 1;
-    if (kind.in_next_run)
-        strike_next(scenario, *disk);
-    if (disk)
-        disk->cut(*kind.cut, m_random);
-    take_new_sets();
-}
-
-// Kills it as well, or not. What it owes, and so its index, depends on the moment.
-void Crashes::strike_next(const Scenario& scenario, DurableDisk& disk) {
-    std::size_t call = m_random() % 4 == 0 ? 0 : 1 + m_random() % scenario.calls;
-    Watcher watcher([this] { m_indexes.insert(index()); }, &disk);
-    Run next = back_up(scenario.full, {.call = call}, &watcher);
-    watcher.before_call();
-    m_doing += ", the next one at " + std::to_string(call);
-    require(next.killed || next.exit_code == 0, rule::next_run, next.errors);
-}
-
-// One kill, and all that must hold after it.
-void Crashes::try_at(const Scenario& scenario, const Kind& kind, Kill kill) {
-    std::string violation = judged([&] {
-        strike(scenario, kind, kill);
-        judge_remains(scenario);
-        judge_next_runs(scenario);
-    });
-    m_violations += violation.empty() ? 0 : 1;
-}
-
-// All calls with all kinds, or some spread over the run with the kinds in turn. The last call is
-// behind the end: what a run that succeeded had flushed must be there, too.
-void Crashes::kill_at_calls(const Scenario& scenario) {
-    std::size_t last = scenario.calls + 1;
-    for (std::size_t call = 1; m_options.all && call <= last; ++call)
-        for (const Kind& kind : kinds)
-            try_at(scenario, kind, {.call = call});
-    for (std::size_t i = 0; !m_options.all && i < few_calls; ++i) {
-        std::size_t begin = last * i / few_calls;
-        std::size_t end = std::max(last * (i + 1) / few_calls, begin + 1);
-        try_at(scenario, kinds[m_next_kind++ % std::size(kinds)],
-               {.call = begin + 1 + m_random() % (end - begin)});
-    }
-}
-
-// --- judgement
-
-// Runs what may find a violation, prints that and returns it.
-std::string Crashes::judged(const std::function<void()>& judge) try {
-    judge();
-    return {};
-} catch (const std::exception& violation) {
-    std::cout << "  VIOLATED, " << m_doing << ": " << violation.what() << std::endl;
-    return violation.what();
-}
-
-// What the killed run left.
-void Crashes::judge_remains(const Scenario& scenario) {
-    require(m_indexes.contains(index()), rule::index,
-            "it has " + std::to_string(index().size()) +
-                " bytes and is neither the old nor the new one");
-    std::map<std::uint32_t, std::string> left = waiting_extents();
-    for (const auto& [number, digest] : m_waiting)
-        require(left.contains(number) || is_archived(digest), rule::extents,
-                std::to_string(number) + " is marked as archived and in no set as it was");
-    // Before the first run was whole there may be no store.
-    if (!fs::exists(m_store + "/store.json") && scenario.indexes.contains(""))
-        return;
-    Run verify = qrtln({"verify"});
-    require(verify.exit_code == 0, whole_store, verify.output + verify.errors);
-}
-
-// Users go on, the same command is given again, and after a full backup an incremental one; then
-// everything is recovered beside the live databases.
-void Crashes::judge_next_runs(const Scenario& scenario) {
-    for (bool full : scenario.full ? std::vector{true, false} : std::vector{false}) {
-        for (const char* name : {"mail/user1.nsf", "unlogged.nsf"})
-            commit(name);
-        back_up_well(full);
-    }
-    for (const auto& entry : fs::recursive_directory_iterator(m_folder + "/disk")) {
-        std::string name = entry.path().filename();
-        bool of_run_time = entry.path().parent_path().filename() == "runtime" &&
-                           entry.path() != server().index_file() && name != "server.json";
-        require(!name.ends_with(".tmp") && !of_run_time, rule::leftovers, name);
-    }
-    require(fs::is_empty(server().temporary()), rule::leftovers, "in the temporary directory");
-    Run verify = qrtln({"verify"});
-    require(verify.exit_code == 0, whole_store, verify.output + verify.errors);
-    std::string into = server().folder + "/into";
-    Run recovery = qrtln({"recover", "--all", "--into", into});
-    require(recovery.exit_code == 0, rule::databases, recovery.output + recovery.errors);
-    for (const auto& [name, database] : server().databases) {
-        const Saved& newest = database.saved.back();
-        const Content& expected =
-            database.logged ? database.present() : database.content_of(newest);
-        std::string wrong = difference(expected, into + server().path_of(name));
-        require(wrong.empty(), rule::databases, name + ": " + wrong);
-    }
-    fs::remove_all(into);
-}
-
-int Crashes::find_violations() {
-    for (const Scenario& scenario : make_scenarios()) {
-        if (!m_options.scenario.empty() && m_options.scenario != scenario.name())
-            continue;
-        kill_at_calls(scenario);
-        for (int i = 0; i < (m_options.all ? many_moments : few_moments);
-             ++i) { // by the kinds without a power cut
-            std::uint64_t within = static_cast<std::uint64_t>(scenario.takes) + 1;
-            auto after = static_cast<std::int64_t>(1 + m_random() % within);
-            try_at(scenario, kinds[m_next_victim++ % 3 * 2],
-                   {.after = std::chrono::microseconds(after)});
-        }
-        std::cout << scenario.name() << ": " << scenario.calls << " calls" << std::endl;
-    }
-    std::cout << m_kills << " kills (" << m_missed << " had ended before, or had no module yet), "
-              << m_violations << " violations, seed " << m_options.seed << std::endl;
-    return m_violations == 0 && m_kills > 0 ? 0 : 1;
-}
-
-// From the end on, where a run gives its word: until the rule is violated.
-int Crashes::find_planted(const Plant& plant) {
-    Scenario scenario = look_at("changed", true);
-    Environment defect = {{"QRTLN_MODEL_FAULTS", plant.faults}};
-    bring_back("changed");
-    m_faults = defect;
-    CallObserver counter;
-    scenario.calls = back_up(true, {}, &counter).calls;
-    std::size_t last = scenario.calls + 1;
-    for (std::size_t call = last; call > 0; --call) {
-        m_faults = defect;
-        std::string violation = judged([&] {
-            strike(scenario, plant.kind, {.call = call});
-            judge_remains(scenario);
-        });
-        if (violation.starts_with(plant.rule)) {
-            std::cout << "the planted defect \"" << plant.name << "\" was found by the rule \""
-                      << plant.rule << "\" at kill " << last - call + 1 << std::endl;
-            return 0;
-        }
-    }
-    std::cout << "the planted defect \"" << plant.name << "\" was not found" << std::endl;
-    return 1;
-}
 
 } // namespace
 

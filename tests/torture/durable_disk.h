@@ -4,14 +4,15 @@
 #pragma once
 
 #include "client/file_io.h"
-#include "tests/torture/traced_run.h"
+#include "tests/torture/bytes_of.h"
 
-#include <compare>
-#include <cstdint>
+#include <fcntl.h>
+#include <filesystem>
 #include <map>
 #include <random>
 #include <string>
-#include <sys/types.h>
+#include <sys/stat.h>
+#include <system_error>
 
 namespace qrtln::torture {
 
@@ -22,24 +23,33 @@ enum class PowerCut {
     at_random     // each name and each content by itself is there, or not, or the content in part
 };
 
-class DurableDisk final : public CallObserver {
+class DurableDisk {
   public:
     // All that is below the folder now counts as flushed.
-    explicit DurableDisk(const std::string& folder);
+    explicit DurableDisk(const std::string& folder) : m_folder(std::filesystem::canonical(folder)) {
+        flush(m_folder);
+        for (const auto& entry : std::filesystem::recursive_directory_iterator(m_folder))
+            flush(entry.path());
+    }
 
-    void flushed(const std::string& descriptor) override;
+    // The file, or folder, that this path below /proc opens was flushed.
+    void flushed(const std::string& descriptor) {
+        if (is_below(std::filesystem::read_symlink(descriptor).string(), m_folder))
+            flush(descriptor);
+    }
 
     // Leaves in the folder what a power cut now would, and ends the use of this object.
     // REQUIRES: nobody uses the folder.
-    void cut(PowerCut kind, std::mt19937_64& random);
+    void cut(PowerCut kind, std::mt19937_64& random) {
+        std::string left = m_folder + ".left";
+        leave(find(m_folder), left, kind, random);
+        m_nodes.clear();
+        std::filesystem::remove_all(m_folder);
+        std::filesystem::rename(left, m_folder);
+    }
 
   private:
-    struct Key {
-        dev_t device = 0;
-        ino_t inode = 0;
-        auto operator<=>(const Key&) const = default;
-    };
-    using Names = std::map<std::string, Key>;
+    using Names = std::map<std::string, ino_t>;
     struct Node {
         FileDescriptor held; // so that no other file gets its number
         bool folder = false;
@@ -47,14 +57,71 @@ class DurableDisk final : public CallObserver {
         Names names;         // flushed
         std::string path() const { return "/proc/self/fd/" + std::to_string(held.get()); }
     };
-    Key find(const std::string& path); // or adds, with nothing flushed
-    Names names_now(const Node& folder);
-    void flush_all(const std::string& path);
+
+    void flush(const std::string& path) {
+        Node& node = m_nodes.at(find(path));
+        if (node.folder)
+            node.names = names_now(node);
+        else
+            node.content = bytes_of(path);
+    }
+
+    // Or adds, with nothing flushed.
+    ino_t find(const std::string& path) {
+        FileDescriptor held(::open(path.c_str(), O_PATH | O_CLOEXEC));
+        struct stat status {};
+        if (!held || ::fstat(held.get(), &status) != 0)
+            throw std::system_error(errno, std::generic_category(), path);
+        auto [node, added] = m_nodes.try_emplace(status.st_ino);
+        if (added) {
+            node->second.held = std::move(held);
+            node->second.folder = S_ISDIR(status.st_mode);
+        }
+        return status.st_ino;
+    }
+
+    Names names_now(const Node& folder) {
+        Names names;
+        for (const auto& entry : std::filesystem::directory_iterator(folder.path()))
+            names[entry.path().filename()] = find(entry.path());
+        return names;
+    }
+
     // Writes to a new place what a power cut leaves of a file or folder.
-    void leave(const Key& key, const std::string& place, PowerCut kind, std::mt19937_64& random);
+    void leave(ino_t file, const std::string& place, PowerCut kind, std::mt19937_64& random) {
+        const Node& node = m_nodes.at(file);
+        if (!node.folder) {
+            std::ofstream(place, std::ios::binary)
+                << survivor(node.content, bytes_of(node.path()), kind, random);
+            std::filesystem::permissions(place, std::filesystem::perms(0600));
+            return;
+        }
+        std::filesystem::create_directory(place);
+        std::filesystem::permissions(place, std::filesystem::perms::owner_all);
+        const Names now = names_now(node);
+        Names all = now;
+        all.insert(node.names.begin(), node.names.end());
+        for (const auto& [name, any] : all) {
+            bool kept =
+                kind == PowerCut::names_kept || (kind == PowerCut::at_random && random() % 2 == 0);
+            const Names& names = kept ? now : node.names;
+            if (auto entry = names.find(name); entry != names.end())
+                leave(entry->second, place + "/" + name, kind, random);
+        }
+    }
+
+    // What of a content that was not flushed is there.
+    static std::string survivor(const std::string& flushed, const std::string& now, PowerCut kind,
+                                std::mt19937_64& random) {
+        if (kind != PowerCut::at_random || random() % 3 == 0)
+            return flushed;
+        if (!now.starts_with(flushed) || random() % 2 == 0)
+            return now;
+        return now.substr(0, flushed.size() + random() % (now.size() - flushed.size() + 1));
+    }
 
     std::string m_folder;
-    std::map<Key, Node> m_nodes;
+    std::map<ino_t, Node> m_nodes; // all on one disk
 };
 
 } // namespace qrtln::torture

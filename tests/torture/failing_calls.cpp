@@ -12,7 +12,7 @@
 #include <link.h>
 #include <map>
 #include <new>
-#include <set>
+#include <span>
 #include <stdexcept>
 #include <stdio_ext.h>
 #include <string_view>
@@ -174,18 +174,13 @@ bool is_unwrapped(const std::string& symbol) {
 #ifdef QRTLN_CHECK
     return symbol.empty(); // what counts the lines makes calls of its own
 #endif
-    static const std::set<std::string> unwrapped = {
-        "open64",    "openat",   "creat",     "fopen64",   "freopen",
-        "fdopen",    "read",     "pread",     "write",     "pwrite",
-        "writev",    "fputs",    "puts",      "putc",      "vfprintf",
-        "fscanf",    "getline",  "fflush",    "fdatasync", "sync",
-        "ftruncate", "truncate", "unlink",    "unlinkat",  "rmdir",
-        "link",      "symlink",  "readlink",  "renameat",  "renameat2",
-        "mkstemp",   "mkdtemp",  "tmpfile",   "sendfile",  "copy_file_range",
-        "fstatat",   "statx",    "statvfs",   "fstatvfs",  "flock",
-        "lockf",     "scandir",  "fdopendir", "chown",     "utimensat",
-        "futimens",  "mmap"};
-    return unwrapped.contains(symbol);
+    static const std::string unwrapped =
+        " open64 openat creat fopen64 freopen fdopen fdopendir scandir read pread write pwrite "
+        "writev fputs puts putc vfprintf fscanf getline fflush fdatasync sync ftruncate truncate "
+        "unlink unlinkat rmdir link symlink readlink renameat renameat2 mkstemp mkdtemp tmpfile "
+        "sendfile copy_file_range fstatat statx statvfs fstatvfs flock lockf chown utimensat "
+        "futimens mmap ";
+    return unwrapped.find(" " + symbol + " ") != std::string::npos;
 }
 
 #if defined(__x86_64__)
@@ -211,16 +206,16 @@ void redirect_all(const link_map& library) {
     const auto* names = reinterpret_cast<const char*>(tables[DT_STRTAB]);
     for (auto [table, size] : {std::pair{DT_JMPREL, DT_PLTRELSZ}, std::pair{DT_RELA, DT_RELASZ}}) {
         const auto* slots = reinterpret_cast<const ElfW(Rela)*>(tables[table]);
-        for (std::size_t i = 0; i < tables[size] / sizeof *slots; ++i) {
-            auto type = ELF64_R_TYPE(slots[i].r_info);
+        for (const ElfW(Rela) & slot : std::span(slots, tables[size] / sizeof *slots)) {
+            auto type = ELF64_R_TYPE(slot.r_info);
             if (type != slot_types[0] && type != slot_types[1])
                 continue;
-            const char* symbol = names + symbols[ELF64_R_SYM(slots[i].r_info)].st_name;
+            const char* symbol = names + symbols[ELF64_R_SYM(slot.r_info)].st_name;
             if (is_unwrapped(symbol))
                 throw std::runtime_error(std::string("the module calls ") + symbol +
                                          ", which has no replacement in failing_calls.cpp");
             if (FailingCall* call = failing_call(symbol); call != nullptr)
-                redirect(library.l_addr + slots[i].r_offset, *call);
+                redirect(library.l_addr + slot.r_offset, *call);
         }
     }
 }
@@ -249,7 +244,7 @@ std::vector<FailingCall>& failing_calls() {
         {"fclose", address(&failing_close<"fclose", FILE*>), write},
         {"fread", wrap<"fread">(&std::fread), read},
         {"fgets", wrap<"fgets">(&std::fgets), read},
-        {"fwrite", address(&failing_fwrite), {short_write, disk_full, ENOSPC, EIO, EINTR}},
+        {"fwrite", address(&failing_fwrite), {disk_full, ENOSPC, EIO, EINTR, short_write}},
         {"fputc", wrap<"fputc">(&std::fputc), text},
         {"fprintf", address(&failing_fprintf), text},
         {"fseek", wrap<"fseek">(&std::fseek), write},

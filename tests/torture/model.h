@@ -1,35 +1,54 @@
-// A model of a store and its servers over whole histories: users' work, what befalls the servers,
-// backups, restores and recoveries, some of which fail or are killed; and the rules that every
-// command is held to.
+// Servers with one store, whose clock and histories are known, and the commands that are run on
+// them.
 #pragma once
 
+#include "client/store/digest.h"
+#include "notes_simulator/domino_sim/cli.h"
+#include "tests/torture/bytes_of.h"
 #include "tests/torture/model_clock.h"
 #include "tests/torture/server_history.h"
 
-#include <cstdint>
-#include <map>
+#include <algorithm>
+#include <filesystem>
+#include <iostream>
 #include <memory>
-#include <nlohmann/json.hpp>
-#include <optional>
-#include <set>
-#include <string>
-#include <vector>
+#include <sys/file.h>
+#include <sys/stat.h>
 
 namespace qrtln::torture {
 
-// What somebody puts beside the sets' manifests.
-inline constexpr const char* foreign_file = "notes of the administrator";
+namespace fs = std::filesystem;
 
 // A rule that more than one harness looks at.
 inline constexpr const char* whole_store = "the store is whole";
 
 // Begins this process and its children anew, altered: they read the clock of the model. Returns in
 // the process that is altered.
-void be_altered(char** argv);
+inline void be_altered(char** argv) {
+    if (std::getenv(clock_variable) != nullptr)
+        return;
+    int clock = ::memfd_create("clock", 0); // for this process and all that it starts
+    std::string file = "/proc/" + std::to_string(::getpid()) + "/fd/" + std::to_string(clock);
+    // A sanitizer has a library before its own then, and cannot look for leaks under ptrace; with
+    // all that it likes to keep of what was freed, a third of the time would go into fresh pages.
+    const char* sanitizer =
+        "verify_asan_link_order=0:detect_leaks=0:quarantine_size_mb=1:malloc_context_size=8";
+    const std::pair<const char*, const char*> variables[] = {
+        {clock_variable, file.c_str()},
+        {"LD_PRELOAD", QRTLN_ALTERED_PROCESS},
+        {"ASAN_OPTIONS", sanitizer},
+        {"TZ", "UTC"},
+        {"Notes_ExecDirectory", QRTLN_SIMULATOR_DIRECTORY},
+        {"QRTLN_MODULE", ""}};
+    for (auto [name, value] : variables)
+        ::setenv(name, value, 1);
+    if (::ftruncate(clock, sizeof(ModelClock)) == 0)
+        ::execv("/proc/self/exe", argv);
+    throw std::runtime_error("cannot start again with another clock");
+}
 
 struct ModelOptions {
     int servers = 2;
-    int steps = 30;
     bool calm = false; // nothing is damaged, no clock is changed, no backup is killed
     bool verbose = false;
 };
@@ -38,101 +57,36 @@ struct ModelOptions {
 class Model {
   public:
     // REQUIRES: be_altered(); one model at a time.
-    Model(const std::string& folder, std::uint64_t seed, const ModelOptions& options);
+    Model(const std::string& folder, std::uint64_t seed, const ModelOptions& options)
+        : m_options(options), m_folder(folder), m_clock(map_clock(std::getenv(clock_variable))),
+          m_dice(seed) {
+        m_clock.set(first_moment * nanoseconds);
+        for (int number = 0; number < options.servers; ++number) {
+            std::string name = folder + "/" + std::string(1, static_cast<char>('a' + number));
+            m_servers.push_back(std::make_unique<History>(name, m_store, seed));
+            turn_to(m_servers.size() - 1);
+            stamp();
+        }
+    }
 
-    // Plays a history.
-    void play();
     // What was done last, for messages.
     const std::string& doing() const { return m_doing; }
 
   protected:
-    using Files = std::map<std::string, std::string>; // by path: a digest of the content
     using Json = nlohmann::json;
 
-    struct Server : History {
-        using History::History;
-        bool logs_lost = false; // and no new log begun
-        bool log_was_lost = false;
-        std::string away;      // a folder of databases that is not mounted
-        unsigned away_for = 0; // steps
-        std::set<std::string> away_databases;
-    };
     // What is known of a set from its manifest.
     struct Set {
-        const Server* server = nullptr;
+        const History* server = nullptr;
         bool whole = false; // complete, of the whole system
-        bool complete = false;
         std::int64_t ended = 0;
         std::string digest; // of the manifest's file
         std::set<std::string> log_objects;
     };
-    // A recovery: what was asked for, and what was there before.
-    struct Recovery {
-        std::size_t server = 0;
-        std::vector<std::string> names = {}; // empty: all
-        std::optional<std::int64_t> to = {}; // seconds since 1970
-        std::string into = {};
-        bool new_dbiid = false;
-        bool resumed = false;
-        bool plain = false; // nothing stood in its way when it began
-        std::set<std::string> was_live = {};
-        std::set<std::string> put_in_place =
-            {}; // by a run that did not end well, as they should be
-    };
-
-    Server& server() const { return *m_servers[m_server]; }
-    Run qrtln(const std::vector<std::string>& words, const Environment& more = {}, Kill kill = {},
-              CallObserver* observer = nullptr);
-    void commit(const std::string& name);
-    // Before a backup, and after it.
-    void note_commits();
-    void take_new_sets();
-    bool is_archived(const std::string& digest) const;
-    [[noreturn]] void violate(const std::string& rule, const std::string& text) const;
-    void require(bool holds, const std::string& rule, const std::string& text) const {
+    static void require(bool holds, const std::string& rule, const std::string& text) {
         if (!holds)
-            violate(rule, text);
+            throw std::runtime_error(rule + ": " + text);
     }
-
-    std::string m_folder;
-    std::string m_store = m_folder + "/disk/store"; // and nothing else is on the disk
-    ModelClock& m_clock;
-    ::domino_sim::ContentGenerator m_dice;
-    std::map<std::string, Set> m_sets;
-    std::string m_doing;
-
-  private:
-    struct Step {
-        const char* name;
-        unsigned weight;
-        bool calm;
-        void (Model::*take)();
-    };
-
-    // --- steps (model_steps.cpp)
-    void write();
-    void compact();
-    void create();
-    void remove();
-    void back_up();
-    void back_up_at(std::string level);
-    void restore();
-    void restore_all();
-    void recover();
-    void prove();
-    void lose_databases();
-    void lose_data();
-    void lose_logs();
-    void change_clock();
-    void harm_index();
-    void harm_object();
-    void destroy_database();
-    void unmount();
-    void put_foreign_file();
-    void go_on_with_recovery();
-
-    // One of these, which is what the step is about; empty when there are too few.
-    std::string choose(const std::vector<std::string>& names, std::size_t at_least = 1);
     bool one_in(std::uint64_t sides) { return m_dice.below(sides) == 0; }
     template <typename List>
     const auto& one_of(const List& list) {
@@ -140,55 +94,130 @@ class Model {
         std::advance(at, static_cast<std::ptrdiff_t>(m_dice.below(std::size(list))));
         return *at;
     }
-    void turn_to(std::size_t number);
-    void stamp();
-    void stand_still_after(std::int64_t begun);
-    void lose_everything();
-    void begin_log_anew();
-    void remove_logs();
-    bool is_unfinished() const;
-    std::optional<std::int64_t> random_moment();
-    std::int64_t seconds() const { return m_clock.now() / nanoseconds; }
-    void copies_vanish();
-    void abandon_recovery();
-    void bring_back_unmounted();
-    std::set<std::string> run_restore(std::vector<std::string> words);
-    void run_recovery(Recovery recovery, const std::vector<std::string>& options = {},
-                      Kill kill = {});
 
-    // --- rules (model_rules.cpp)
-    Files files_of_servers() const;
-    Files files_below(const std::vector<std::string>& folders) const;
-    void take_set(const std::string& name, const Json& manifest);
-    bool is_owed(const std::string& name) const;
-    void require_kept_sets() const;
-    void require_archived_logs(const Files& before) const;
-    void require_saved(const std::string& level, bool busy) const;
-    void require_unchanged(const Files& before, const std::set<std::string>& except) const;
-    void require_whole_store();
-    void require_dry(std::vector<std::string> words);
-    void require_told_recovery(const Recovery& recovery, const Run& run);
-    bool require_told(const Recovery& recovery, const Run& run, const Json& told,
-                      const std::string& name);
-    void require_restored(const std::string& name, std::optional<std::int64_t> at,
-                          const std::string& set);
-    void require_same(const std::string& name) const;
-    void settle();
-    void note_progress(Recovery& recovery);
-    const Commit* expected(const Recovery& recovery, const Json& told,
-                           const std::string& name) const;
-    bool is_plain(const Recovery& recovery, const std::string& name) const;
-    bool is_damaged(const Saved& saved) const { return m_damaged.contains(saved.object); }
+    std::int64_t seconds() const { return m_clock.now() / nanoseconds; }
+    History& server() const { return *m_servers[m_server]; }
+
+    // This process is a user of one server at a time.
+    void turn_to(std::size_t number) {
+        m_server = number;
+        (void)::domino_sim::useServer(server().server_folder());
+    }
+
+    void commit(const std::string& name) {
+        server().commit(name);
+        server().logs_lost = false; // the server began a new log
+        stamp();
+    }
+
+    // The kernel stamps files with its own time.
+    void stamp() {
+        timespec times[2] = {timespec_of(m_clock.now()), timespec_of(m_clock.now())};
+        for (const char* part : {"/data", "/logs"}) {
+            std::string folder = server().server_folder() + part;
+            if (!fs::exists(folder))
+                continue;
+            for (const auto& entry : fs::recursive_directory_iterator(folder)) {
+                struct stat status {};
+                // Of this call nothing is altered.
+                if (::lstat(entry.path().c_str(), &status) == 0 && is_real(status.st_mtim))
+                    ::utimensat(AT_FDCWD, entry.path().c_str(), times, AT_SYMLINK_NOFOLLOW);
+            }
+        }
+    }
+
+    // However long it took, if that was not very long: a seed plays one history.
+    void stand_still_after(std::int64_t begun) {
+        constexpr std::int64_t minute = 60 * nanoseconds;
+        m_clock.set(std::max(m_clock.now(), begun + minute));
+        stamp();
+    }
+
+    Run qrtln(const std::vector<std::string>& words, const Environment& more = {}, Kill kill = {},
+              const CallObserver* observer = nullptr) {
+        std::int64_t begun = m_clock.now();
+        m_clock.go(1);
+        Run run = run_program(server().command(words), more, server().folder, kill, observer);
+        stand_still_after(begun);
+        // A module that lost its client still ends its operation; both share the lock of the store.
+        FileDescriptor lock(::open((m_store + "/lock").c_str(), O_RDONLY | O_CLOEXEC));
+        ::flock(lock.get(), LOCK_EX);
+        m_leftovers = m_leftovers || run.killed || run.exit_code != 0 || !more.empty();
+        if (m_options.verbose)
+            std::cout << m_doing << ": " << Json(words) << " -> " << run.exit_code << "\n"
+                      << run.errors << std::flush;
+        require(run.killed || (run.exit_code >= 0 && run.exit_code != 2),
+                "a command ends with an exit code of its own",
+                std::to_string(run.exit_code) + ": " + run.errors);
+        return run;
+    }
+
+    void note_commits() {
+        for (auto& [name, database] : server().databases)
+            database.commits_before = database.commits.size() - 1;
+    }
+
+    void take_new_sets() {
+        fs::path sets = m_store + "/sets";
+        if (!fs::exists(sets))
+            return;
+        for (const auto& entry : fs::directory_iterator(sets)) {
+            std::string name = entry.path().stem();
+            if (entry.path().extension() != ".json")
+                continue;
+            std::string bytes = bytes_of(entry.path());
+            Json manifest = Json::parse(bytes, nullptr, false);
+            require(manifest.is_object(), whole_store, "no manifest: " + name);
+            if (!m_sets.contains(name))
+                take_set(name, manifest);
+            m_sets.at(name).digest = sha256_hex(bytes);
+        }
+    }
+
+    bool is_archived(const std::string& digest) const {
+        return std::any_of(m_sets.begin(), m_sets.end(), [&](const auto& set) {
+            return set.second.log_objects.contains(digest);
+        });
+    }
 
     ModelOptions m_options;
-    std::vector<std::unique_ptr<Server>> m_servers;
-    std::size_t m_server = 0;        // that this step is about
+    std::string m_folder;
+    std::string m_store = m_folder + "/disk/store"; // and nothing else is on the disk
+    ModelClock& m_clock;
+    ::domino_sim::ContentGenerator m_dice;
+    std::vector<std::unique_ptr<History>> m_servers;
+    std::size_t m_server = 0; // that this step is about
+    std::map<std::string, Set> m_sets;
     std::set<std::string> m_damaged; // objects
-    std::optional<Recovery> m_unfinished;
-    std::int64_t m_barrier = 0; // seconds: moments up to it came more than once
-    bool m_index_harmed = false;
-    bool m_leftovers = false; // a run was killed or failed: objects may belong to no set
-    int m_created = 0;
+    bool m_leftovers = false;        // a run was killed or failed: objects may belong to no set
+    std::string m_doing;
+
+  private:
+    void take_set(const std::string& name, const Json& manifest) {
+        Set& set = m_sets[name];
+        std::string level = manifest.at("level");
+        set.server = &server();
+        set.whole = manifest.at("status") == "complete" &&
+                    manifest.at("selection").at("whole_system") &&
+                    (level == "full" || level == "copy");
+        set.ended = manifest.at("ended");
+        for (const Json& item : manifest.at("items")) {
+            if (item.at("status") != "stored")
+                continue;
+            std::string path = item.at("path");
+            if (item.at("kind") == "log" && !item.at("log").at("active"))
+                set.log_objects.insert(item.at("object"));
+            if (item.at("kind") != "database" || !path.starts_with(server().data()))
+                continue;
+            auto known = server().databases.find(path.substr(server().data().size()));
+            if (known == server().databases.end())
+                continue;
+            ModelDatabase& database = known->second;
+            database.saved.push_back({name, set.ended, database.commits_before,
+                                      database.commits.size() - 1, item.at("object")});
+            m_damaged.erase(item.at("object")); // a damaged object is replaced when it comes again
+        }
+    }
 };
 
 } // namespace qrtln::torture

@@ -7,93 +7,61 @@
 #include <cstdio>
 #include <map>
 
-#include "tests/torture/calls.h"
-#include "tests/torture/failing_calls.h"
 #include "tests/torture/trial.h"
 
 using namespace qrtln::torture;
 
+// To keep more of what was freed, in hundreds of short processes, would double their time.
+extern "C" const char* __asan_default_options() {
+    return "quarantine_size_mb=1:malloc_context_size=8";
+}
+
 namespace {
 
-// Calls into libc of one name that fail in the short form, about.
-constexpr unsigned spread_allocations = 4;
-constexpr unsigned spread_file_calls = 2;
+// With how many calls of each function fail in the short form.
+const std::map<std::string, std::size_t> parts = {
+    {"fail_at_n", 2}, {"allocations", 4}, {"system_calls", 2}};
 
-// What is run. An empty name stands for all.
-struct Choice {
-    std::string part;
-    std::string scenario;
-    std::string call;
-    // Every occurrence of a call with every status or error; otherwise a few.
-    bool all = false;
-};
-
-const std::vector<std::string> parts = {"fail_at_n", "allocations", "system_calls"};
-
-const std::pair<std::string, std::unique_ptr<Scenario> (*)()> scenarios[] = {
-    {"full", [] { return backup(DB_LEVEL_FULL); }},
-    {"incremental", [] { return backup(DB_LEVEL_INCR); }},
-    {"differential", [] { return backup(DB_LEVEL_DIFF); }},
-    {"activation", restore_with_activation},
-    {"deleted", [] { return restore_of_documents(false); }},
-    {"changed", [] { return restore_of_documents(true); }},
-    {"recovery", recovery}};
-
-// How often a call that can fail was made in the run before, by its name.
-std::map<std::string, unsigned> counts_of(const std::string& part, const Workspace& workspace,
-                                          const RunResult& run) {
-    std::map<std::string, unsigned> counts;
-    if (part == "fail_at_n") {
-        for (const std::string& line : workspace.journal())
-            if (!line.starts_with("--") && !line.starts_with("NotesTerm("))
-                ++counts[line.substr(0, line.find('('))];
-        return counts;
-    }
-    for (const FailingCall& call : failing_calls())
-        if (unsigned count = run.calls.at(call.symbol);
-            count > 0 && !call.errors.empty() && call.allocates() == (part == "allocations"))
-            counts[call.symbol] = count;
-    return counts;
+std::string part_of(const std::string& call) {
+    const FailingCall* of_module = failing_call(call);
+    return of_module == nullptr     ? "fail_at_n"
+           : of_module->allocates() ? "allocations"
+                                    : "system_calls";
 }
 
-// The long form goes one beyond the last call: a run in which nothing fails ends the loop. The
-// short form spreads the calls evenly over the operation, and takes the errors in turn.
-std::vector<Fault> faults_of_module(const FailingCall& call, unsigned count, bool all) {
+// What a call can fail with: first what callers tell apart.
+std::vector<int> codes_of(const std::string& call) {
+    if (const FailingCall* of_module = failing_call(call); of_module != nullptr)
+        return of_module->errors;
+    const std::vector<STATUS>& told_apart = notes_call(call).told_apart;
+    std::vector<int> codes(told_apart.begin(), told_apart.end());
+    codes.push_back(untold_status);
+    return codes;
+}
+
+// The long form has every call with every code, and goes one beyond the last call: a run in which
+// nothing fails ends the loop. The short form goes from the last call to the first, and from the
+// last code to the first.
+std::vector<Fault> faults_of(const std::string& call, unsigned count, bool all) {
+    std::vector<int> codes = codes_of(call);
     std::vector<Fault> faults;
-    if (all) {
-        for (unsigned number = 1; number <= count + 1; ++number)
-            for (int error : call.errors)
-                faults.push_back({call.symbol, number, error});
-        return faults;
-    }
-    unsigned spread = call.allocates() ? spread_allocations : spread_file_calls;
-    std::size_t turn = 0;
-    for (unsigned number = 1; number <= count; number += std::max(1U, count / spread))
-        faults.push_back({call.symbol, number, call.errors[turn++ % call.errors.size()]});
-    return faults;
-}
-
-// In the short form the first call fails with a status that its caller tells apart, if there is
-// one, and the last with one that it does not.
-std::vector<Fault> faults_of_library(const std::string& name, unsigned count, bool all) {
-    std::vector<STATUS> statuses = notes_call(name).told_apart;
-    std::vector<Fault> faults = {{name, count, untold_status, all || name == "NSFDbOpen"}};
-    if (!all && (!statuses.empty() || count > 1))
-        faults.push_back({name, 1, statuses.empty() ? untold_status : statuses.front()});
-    statuses.push_back(untold_status);
-    for (STATUS status : statuses)
-        for (unsigned number = 1; all && number <= count + 1; ++number)
-            faults.push_back({name, number, status});
+    for (unsigned number = 1; all && number <= count + 1; ++number)
+        for (int code : codes)
+            faults.push_back({call, number, code});
+    std::size_t few = std::min(parts.at(part_of(call)), std::max<std::size_t>(count, codes.size()));
+    std::size_t steps = std::max<std::size_t>(few, 2) - 1;
+    for (std::size_t i = 0; !all && !codes.empty() && i < few; ++i)
+        faults.push_back({call, count - static_cast<unsigned>((count - 1) * i / steps),
+                          codes[(codes.size() - 1) * (steps - i) / steps]});
     return faults;
 }
 
 class Loop {
   public:
-    Loop(const Choice& choice, const std::string& part, const std::string& name, Scenario& scenario)
-        : m_choice(choice), m_part(part), m_name(name), m_scenario(scenario) {}
+    Loop(std::string name, Scenario& scenario) : m_name(std::move(name)), m_scenario(scenario) {}
 
     // Returns the number of runs that something was wrong with.
-    int run() {
+    int run(const std::string& part, bool all) {
         auto start = std::chrono::steady_clock::now();
         m_scenario.prepare(m_workspace);
         m_workspace.keep();
@@ -103,27 +71,21 @@ class Loop {
         unsigned calls = 0;
         if (m_failures == 0) {
             m_scenario.learn(m_workspace);
-            for (const auto& [call, count] : counts_of(m_part, m_workspace, whole)) {
-                calls += count;
-                if (m_choice.call.empty() || m_choice.call == call)
-                    inject_into(call, count);
-            }
+            for (const auto& [call, count] : whole.calls)
+                if (count > 0 && part_of(call) == part) {
+                    calls += count;
+                    for (const Fault& fault : faults_of(call, count, all))
+                        inject(fault, fault.number <= count);
+                }
         }
         std::chrono::duration<double> seconds = std::chrono::steady_clock::now() - start;
-        std::printf("%s %-12s %4u calls, %4u injections, %d failures, %.1f s\n", m_part.c_str(),
+        std::printf("%s %-12s %4u calls, %4u injections, %d failures, %.1f s\n", part.c_str(),
                     m_name.c_str(), calls, m_injections, m_failures, seconds.count());
         std::fflush(stdout);
         return m_failures + (m_injections == 0 ? 1 : 0);
     }
 
   private:
-    void inject_into(const std::string& name, unsigned count) {
-        const FailingCall* call = failing_call(name);
-        for (const Fault& fault : call != nullptr ? faults_of_module(*call, count, m_choice.all)
-                                                  : faults_of_library(name, count, m_choice.all))
-            inject(fault, fault.number <= count);
-    }
-
     // One run with a fault, and what a host does after it.
     void inject(const Fault& fault, bool due) {
         m_workspace.restore();
@@ -146,16 +108,13 @@ class Loop {
         if (holds)
             return;
         ++m_failures;
-        std::printf("%s, %s: %s\n", m_name.c_str(),
-                    fault.call.empty() ? "no fault" : fault.text().c_str(), what);
+        std::printf("%s, %s: %s\n", m_name.c_str(), fault.text().c_str(), what);
         for (const std::string& complaint : result.complaints)
             std::printf("    %s\n", complaint.c_str());
         std::fflush(stdout);
     }
 
-    const Choice& m_choice;
-    const std::string& m_part;
-    const std::string& m_name;
+    std::string m_name;
     Scenario& m_scenario;
     Workspace m_workspace;
     unsigned m_injections = 0;
@@ -166,21 +125,19 @@ class Loop {
 
 int main(int argc, char** argv) try {
     CLI::App app{"Makes every call of an operation fail and looks at what that costs"};
-    Choice choice;
-    std::vector<std::string> names;
-    for (const auto& [name, make] : scenarios)
-        names.push_back(name);
-    app.add_flag("--long", choice.all, "Every call, with every status or error");
-    app.add_option("--part", choice.part, "Only this one")->check(CLI::IsMember(parts));
-    app.add_option("--scenario", choice.scenario, "Only this one")->check(CLI::IsMember(names));
-    app.add_option("--call", choice.call, "Only calls of this function");
+    std::string only_part;
+    std::string only_scenario;
+    bool all = false;
+    app.add_flag("--long", all, "Every call, with every status or error");
+    app.add_option("--part", only_part, "Only this one")->check(CLI::IsMember(parts));
+    app.add_option("--scenario", only_scenario, "Only this one")->check(CLI::IsMember(scenarios));
     CLI11_PARSE(app, argc, argv);
     int failures = 0;
-    for (const std::string& part : parts)
+    for (const auto& [part, few] : parts)
         for (const auto& [name, make] : scenarios)
-            if ((choice.part.empty() || choice.part == part) &&
-                (choice.scenario.empty() || choice.scenario == name))
-                failures += Loop(choice, part, name, *make()).run();
+            if ((only_part.empty() || only_part == part) &&
+                (only_scenario.empty() || only_scenario == name))
+                failures += Loop(name, *make()).run(part, all);
     return failures == 0 ? 0 : 1;
 } catch (const std::exception& error) {
     std::fprintf(stderr, "torture: %s\n", error.what());

@@ -1,9 +1,9 @@
-// Runs a program with its child processes, under ptrace when it is to be killed at one of the calls
-// by which it changes files.
+// Runs a program with its child processes, under ptrace when it is to be killed at one of its calls
+// of the system.
 #pragma once
 
-#include <chrono>
 #include <cstddef>
+#include <functional>
 #include <map>
 #include <nlohmann/json.hpp>
 #include <string>
@@ -20,15 +20,17 @@ enum class Victim {
 
 struct Kill {
     Victim victim = Victim::everything;
-    std::size_t call = 0;              // just before this one, from 1; 0: at none
-    std::chrono::microseconds after{}; // the start, without a call; 0: never
+    std::size_t call = 0;   // just before this one that changes files, from 1; 0: at none
+    std::size_t moment = 0; // at this beginning or end of any call, from 1; 0: at none
 };
 
 struct Run {
     int exit_code = -1; // minus the signal for a process that a signal ended
-    std::string output;
-    std::string errors;
-    std::size_t calls = 0; // that change files, of all its processes, when it was traced
+    std::string output = {};
+    std::string errors = {};
+    // Of all its processes, when it was traced.
+    std::size_t calls = 0;   // that change files
+    std::size_t moments = 0; // beginnings and ends of all calls
     bool killed = false;
 
     // What it printed, null when that is nothing.
@@ -40,38 +42,36 @@ struct Run {
 using Environment = std::map<std::string, std::string>;
 
 // Looks on while a program is traced.
-class CallObserver {
-  public:
-    virtual ~CallObserver() = default;
+struct CallObserver {
     // A call that changes files is about to happen.
-    virtual void before_call() {}
+    std::function<void()> before_call = [] {};
     // A flush succeeded: of the file that this path below /proc opens, even when it was removed.
-    virtual void flushed(const std::string& /*descriptor*/) {}
+    std::function<void(const std::string&)> flushed = [](const std::string&) {};
 };
 
-// A program that runs, words[0] with these words. `scratch` is a folder for what it prints.
+// A program that runs, words[0] with these words, in this environment and some more. `scratch` is a
+// folder for what it prints.
 // REQUIRES: one traced or started program at a time.
 class Started {
   public:
-    Started(const std::vector<std::string>& words, const Environment& environment,
+    Started(const std::vector<std::string>& words, const Environment& more,
             const std::string& scratch, bool traced = false);
     ~Started();
     Started(const Started&) = delete;
     Started& operator=(const Started&) = delete;
-    pid_t pid() const { return m_pid; } // leads a process group of its own
-    bool ended();                       // does not wait
-    Run finish();                       // waits
-    Run finish(int status);             // when it was waited for
+    pid_t pid() const { return m_pid; }
+    bool ended() const;  // does not wait
+    Run finish();        // waits
+    Run finish(Run run); // when it was waited for: adds what it printed
 
   private:
     std::string m_scratch;
     pid_t m_pid = -1;
-    int m_status = 0;
 };
 
 // Runs it to its end, or kills it; a process that outlives a killed client goes on. It is traced
-// for a kill at a call or for an observer. Throws std::runtime_error.
-Run run_program(const std::vector<std::string>& words, const Environment& environment,
-                const std::string& scratch, Kill kill = {}, CallObserver* observer = nullptr);
+// for a kill or an observer. Throws std::runtime_error.
+Run run_program(const std::vector<std::string>& words, const Environment& more,
+                const std::string& scratch, Kill kill = {}, const CallObserver* observer = nullptr);
 
 } // namespace qrtln::torture
