@@ -1,4 +1,5 @@
-// A server that lists its logs only within a session, does not mark them, or is busy with others.
+// A server that lists its logs only within a session, does not mark them, is busy with others, or
+// keeps silent.
 #include "tests/client/simulated_server.h"
 
 #include <fcntl.h>
@@ -6,9 +7,6 @@
 
 namespace qrtln::test {
 namespace {
-
-using testing::HasSubstr;
-using testing::Not;
 
 class BusyServer : public OverTheSimulator {};
 
@@ -29,7 +27,6 @@ TEST_F(BusyServer, LogsThatAreListedOnlyWithinASessionKeepNothingElseFromBeingSt
     backup(14, "full", session, "", fault("NSFDoneArchivingLog=5"));
     full = backup(0, "full", session); // its index is the full operation's
     EXPECT_THAT(index(), HasSubstr("names.nsf="));
-    EXPECT_EQ(databases(full["set"]).size(), 6U);
     EXPECT_EQ(full["logs"]["first"], 1);
     EXPECT_EQ(extents().size(), 1U);
     EXPECT_EQ(backup(0, "incr")["base"], full["set"]);
@@ -52,25 +49,19 @@ TEST_F(BusyServer, LogsThatAreNotMarkedAreToldUntilALaterCloseWentWell) {
 
 TEST_F(BusyServer, WhatOthersDoIsWaitedForAndNeverEnded) {
     init("--strict foreign");
-    const struct {
-        std::string task; // of domino-sim
-        std::string options;
-        const char* wait;
-        int exit_code;
-    } cases[] = {
-        {"hold ", " --backup", "1", 3},
-        {"hold ", "", "0", 0}, // what is left of the backup before is ended at once
-        {"compact ", " --for 600", "1", 3},
-        {"compact ", " --for 1", "60", 0},
-    };
-    for (const auto& [task, options, wait, code] : cases) {
-        ServerTask held(task + m_server + " names.nsf" + options, SIGKILL);
-        const json set = backup(code, "full", {"--busy-wait", wait});
-        EXPECT_EQ(databases(set["set"]).size(), code == 0 ? 6U : 5U) << task;
-        EXPECT_EQ(m_errors.find("of it is running: A backup") != std::string::npos, code != 0);
-        domino("backups " + m_server);
-        EXPECT_EQ(domino_said().find("context open") != std::string::npos, options == " --backup");
-    }
+    const std::string hold = "hold " + m_server + " names.nsf --backup";
+    std::optional<ServerTask> other(hold);
+    const json set = backup(3, "full", {"--busy-wait", "1"}, "of it is running: A backup");
+    EXPECT_EQ(databases(set["set"]).size(), 5U);
+    EXPECT_THAT(domino("backups"), HasSubstr("context open"));
+    other.emplace("compact " + m_server + " names.nsf --for 1");
+    EXPECT_EQ(databases(backup(0, "full", {"--busy-wait", "60"})["set"]).size(), 6U);
+    // What a program that was killed left is ended at once.
+    const std::string held = "sh -c 'echo $$; exec " QRTLN_DOMINO_SIM " " + hold + "' | ";
+    ASSERT_EQ(std::system((held + "(read pid; read line; kill -9 $pid)").c_str()), 0);
+    ASSERT_THAT(domino("backups"), HasSubstr("context open"));
+    backup(0, "full", {"--busy-wait", "0"});
+    EXPECT_THAT(domino("backups"), Not(HasSubstr("context open")));
 }
 
 TEST_F(BusyServer, TwoRunsThatBeginBackupsExcludeEachOther) {
@@ -82,6 +73,47 @@ TEST_F(BusyServer, TwoRunsThatBeginBackupsExcludeEachOther) {
     documents.emplace_back("--dry-run");
     for (const auto& words : {documents, Words{"backup", "--level", "copy"}})
         run(11, words, "process " + std::to_string(::getpid()) + " (");
+}
+
+// The module's process: what is around it, and what becomes of it when the library keeps silent.
+class ModuleProcess : public OverTheSimulator {};
+
+TEST_F(ModuleProcess, HasTheEnvironmentThatAServerWantsAndEndsWithASecondSignal) {
+    fs::create_directories(m_data + "/NOTES"); // must not become an argument
+    add_to_notes_ini("SimStrict=slow\nSimSlow=NSFBackupStart=never");
+    const std::string journal = m_scratch / "journal", programs = QRTLN_SIMULATOR_DIRECTORY;
+    RunningClient client(
+        on_server({"backup"}),
+        {{"LD_LIBRARY_PATH", ":/inherited:"}, {"LC_ALL", "C"}, {"NOTES_SIM_JOURNAL", journal}});
+    while (read_file(journal).find("NSFDbOpen(") == std::string::npos)
+        std::this_thread::sleep_for(std::chrono::milliseconds(5));
+    const std::string pid = std::to_string(client.pid());
+    const std::string child = read_file("/proc/" + pid + "/task/" + pid + "/children");
+    const std::string process = "/proc/" + child.substr(0, child.find(' '));
+    const std::string environment = read_file(process + "/environ");
+    EXPECT_THAT(environment,
+                HasSubstr(std::string("LD_LIBRARY_PATH=" + programs + ":/inherited") + '\0'));
+    EXPECT_THAT(environment, HasSubstr("PATH=" + programs + ":" + m_data + ":"));
+    EXPECT_EQ(fs::read_symlink(process + "/cwd"), m_data);
+    ::kill(client.pid(), SIGINT); // the library never returns
+    std::this_thread::sleep_for(std::chrono::milliseconds(1100));
+    ::kill(client.pid(), SIGINT);
+    EXPECT_EQ(client.wait().exit_code, 130);
+}
+
+TEST_F(ModuleProcess, KeepsSilentNoLongerThanTheCallTimeout) {
+    domino("create", "mail/caf\xC3\xA9.nsf");
+    add_to_notes_ini("SimStrict=slow,locale\nSimSlow=NSFBackupStart=never");
+    backup(14, "full", {"--call-timeout", "3"}, "silent for 3 s while preparing /");
+    add_to_notes_ini("SimSlow=NSFDbOpen=0");
+    const json saved = backup(0, "full", {}, "", {{"LC_ALL", "C"}});
+    EXPECT_THAT(databases(saved["set"]), Contains("mail/caf\xC3\xA9.nsf"));
+}
+
+TEST_F(ModuleProcess, EndsWhenTheLibraryWorksWithAnotherDataDirectory) {
+    add_to_notes_ini("SimDirectory=/");
+    backup(14, "full", {}, "data directory /,");
+    EXPECT_EQ(run_client({"module-process", "0"}).exit_code, 2);
 }
 
 } // namespace

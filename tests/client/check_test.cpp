@@ -4,9 +4,6 @@
 namespace qrtln::test {
 namespace {
 
-using testing::HasSubstr;
-using testing::Not;
-
 class Check : public OverTheSimulator {
   protected:
     Check() {
@@ -40,32 +37,26 @@ TEST_F(Check, OfACleanServerIsToldCleanAndWritesOnlyToWhatWasNamed) {
 
 TEST_F(Check, EndsAtTheFirstSurpriseAndNamesIt) {
     const char* simulator = QRTLN_SIMULATOR_DIRECTORY;
-    const struct {
-        const Words& words;
-        const char* library;
-        const char* faults;
-        const char* name;
-        const char* text;
-        const char* never_called = "nothing";
-    } cases[] = {
-        {m_looking, QRTLN_POOR_NOTES, "", "symbols", "50 of the functions, NotesInitExtended, "},
-        {m_looking, QRTLN_POOR_NOTES, "all", "crash", "signal 6 (Aborted) in loading"},
-        {m_writing, simulator, "OSTranslate#2=1", "names", "log.nsf; 1 in all"},
+    using Text = const char*;
+    const std::tuple<const Words&, Text, Text, Text, Text, Text> cases[] = {
+        {m_looking, QRTLN_POOR_NOTES, "", "symbols", "50 of the functions, NotesInitExtended",
+         "none"},
+        {m_looking, QRTLN_POOR_NOTES, "all", "crash", "signal 6 (Aborted) in loading", "none"},
+        {m_writing, simulator, "OSTranslate#2=1", "names", "log.nsf; 1 in all", "none"},
         // What another has begun is not ended; what was deleted is brought back.
         {m_writing, simulator, "NSFBackupStart=20132", "backup", "20132", "NSFBackupEnd"},
         {m_marking, simulator, "NSFBeginArchivingLogs=3758", "session", "3758", "NSFEndArch"},
-        {m_writing, simulator, "NSFDbCopyNote#3=9", "documents", "9"},
+        {m_writing, simulator, "NSFDbCopyNote#3=9", "documents", "9", "none"},
     };
-    for (const auto& test : cases) {
-        const std::string journal = m_scratch / test.name;
-        const json stop = run(14, test.words, "",
-                              {{"NOTES_SIM_JOURNAL", journal},
-                               {"Notes_ExecDirectory", test.library},
-                               {"NOTES_SIM_FAULTS", test.faults}})["findings"]
-                              .back();
-        EXPECT_EQ(stop["name"], test.name);
-        EXPECT_THAT(stop["text"], HasSubstr(test.text));
-        EXPECT_THAT(read_file(journal), Not(HasSubstr(test.never_called)));
+    for (const auto& [words, library, faults, name, text, never_called] : cases) {
+        const std::string journal = m_scratch / name;
+        const json report = run(14, words, "",
+                                {{"NOTES_SIM_JOURNAL", journal},
+                                 {"Notes_ExecDirectory", library},
+                                 {"NOTES_SIM_FAULTS", faults}});
+        EXPECT_EQ(report["findings"].back()["name"], name);
+        EXPECT_THAT(report["findings"].back()["text"], HasSubstr(text));
+        EXPECT_THAT(read_file(journal), Not(HasSubstr(never_called)));
         EXPECT_EQ(shown("mail/user1.nsf")["notes"], m_notes);
     }
 }
@@ -74,21 +65,15 @@ TEST_F(Check, SaysOfEachMoodWhatABackupWouldMeet) {
     Words both = m_marking, slow = m_writing;
     both.insert(both.end(), m_writing.begin() + 2, m_writing.end());
     slow.insert(slow.end(), {"--step-timeout", "3"});
-    const struct {
-        const char* moods;
-        const Words& words;
-        int exit_code;
-        const char* verdict;
-        const char* name;
-        const char* text;
-    } cases[] = {
+    using Case = std::tuple<const char*, const Words&, int, const char*, const char*, const char*>;
+    const Case cases[] = {
         {"ended,flags,foreign,locale,logs", both, 0, "ok", "locale", "for the library"},
         {"session", m_marking, 3, "told", "listing", "16160"},
         {"before", m_writing, 0, "told", "writes", "as of NSFBackupStart"},
         {"zone", m_looking, 14, "stop", "zone", "-5 h 30 min"},
         {"slow\nSimSlow=NSFBackupStart=never", slow, 14, "stop", "hang", "NSFBackupStart"},
     };
-    ASSERT_EQ(domino("create " + m_server + " mail/caf\xC3\xA9.nsf"), 0);
+    domino("create", "mail/caf\xC3\xA9.nsf");
     for (const auto& [moods, words, code, verdict, name, text] : cases) {
         SCOPED_TRACE(moods);
         add_to_notes_ini(std::string("SimStrict=") + moods);

@@ -5,11 +5,6 @@
 namespace qrtln::test {
 namespace {
 
-using testing::AllOf;
-using testing::ElementsAre;
-using testing::HasSubstr;
-using testing::Not;
-
 class Commands : public OverTheSimulator {
   protected:
     // The store without what was prepared, which is owed from then on.
@@ -23,7 +18,7 @@ class Commands : public OverTheSimulator {
 TEST_F(Commands, ArgumentsSelectAndOneThatSelectsNothingIsNamed) {
     put("names.nsf");
     for (const char* name : {"'[x].nsf'", "'odd*/b[1]?\\.nsf'", "'odd*/c.d/e.nsf'"})
-        ASSERT_EQ(domino("create " + m_server + " " + name), 0);
+        domino("create", name);
     fs::create_directories(m_data + "/[bare]");
     fs::create_directory_symlink(m_data, m_scratch / "link");
     write_file(m_data + "/readme.txt", "no database");
@@ -31,7 +26,6 @@ TEST_F(Commands, ArgumentsSelectAndOneThatSelectsNothingIsNamed) {
     const std::string odd = "odd*/b[1]?\\.nsf";
     const std::pair<Words, Words> selected[] = {
         {{"[x].nsf"}, {"[x].nsf"}},
-        {{odd}, {odd}},
         {{"odd*"}, {odd, "odd*/c.d/e.nsf"}},
         {{"odd*/c.d", "./mail//user1.nsf"}, {"mail/user1.nsf", "odd*/c.d/e.nsf"}},
         {{m_scratch / "link/mail/user1.nsf", "mail/", m_data + "/odd*/../mail", "mail/user2.nsf"},
@@ -40,14 +34,11 @@ TEST_F(Commands, ArgumentsSelectAndOneThatSelectsNothingIsNamed) {
     for (const auto& [names, expected] : selected) {
         const json set = backup(0, "full", names);
         EXPECT_EQ(databases(set["set"]), expected);
-        EXPECT_EQ(manifest(set["set"]).arguments.size(), names.size() > 2 ? 1U : names.size());
     }
     backup(3, "full", {"mail/user1.nsf", "readme.txt"}, "'readme.txt' selected nothing");
     const std::pair<std::string, const char*> refused[] = {
         {"mail/none.nsf", "No such file"},
-        {"mail/*.nsf", "No such file"},
         {m_scratch / "elsewhere.nsf", "not below the data directory"},
-        {"../../elsewhere.nsf", "not below the data directory"},
         {"[bare]", "no name with a dot"},
         {std::string(1100, 'x'), "File name too long"},
     };
@@ -75,7 +66,7 @@ TEST_F(Commands, ALogThatFillsUpAfterItWasTheActiveOneIsStoredWhole) {
 
 TEST_F(Commands, ItemsThatCannotBeStoredFailAloneAndTheServerHearsOfIt) {
     fill_extents(2);
-    ASSERT_EQ(domino("create " + m_server + " gone.nsf"), 0);
+    domino("create", "gone.nsf");
     json set = backup(3, "full", {}, "", hook(R"(get:*/gone.nsf) rm $ITEM ;;
         prepare:*/names.nsf) echo >>../tries; exit 1 ;;
         prepared:*/mail.box) stat -c %a ${READY%/*} >../mode ;;
@@ -99,19 +90,18 @@ TEST_F(Commands, ItemsThatCannotBeStoredFailAloneAndTheServerHearsOfIt) {
 TEST_F(Commands, AFileThatChangesWhileItIsReadHasFailedUnlessItMayGrow) {
     write_file(m_data + "/big.id", "x");
     const std::string changing = m_scratch / "changing";
-    const auto changes = [&](const std::string& file, const std::string& how) {
-        return hook("prepared:*/" + file + ") truncate -s 32M $READY; touch " + changing +
-                    "; (while test -e " + changing + "; do " + how +
-                    "; done) >/dev/null 2>&1 & ;; finish:*) rm -f " + changing + "; sleep 0.02");
-    };
-    const std::tuple<const char*, const char*, int> cases[] = {
+    const std::tuple<std::string, std::string, int> cases[] = {
         {"big.id", "echo more >>$READY", 0},
         {"big.id", "truncate -s -64K $READY", 3},
         {"names.nsf", "echo more >>$READY", 3}, // its copy
     };
     for (const auto& [file, how, code] : cases) {
-        const json set = backup(code, "full", {}, "", changes(file, how));
-        const ManifestItem stored = item(set["set"], m_data + "/" + file);
+        const std::string changes = "prepared:*/" + file + ") truncate -s 8M $READY; touch " +
+                                    changing + "; (while test -e " + changing + "; do " + how +
+                                    "; done) >/dev/null 2>&1 & ;; finish:*) rm -f " + changing +
+                                    "; sleep 0.02";
+        const std::string set = backup(code, "full", {}, "", hook(changes))["set"];
+        const ManifestItem stored = item(set, m_data + "/" + file);
         EXPECT_THAT(code == 0 ? stored.warnings.at(0) : stored.reason,
                     HasSubstr("its size changed"))
             << file << how;
@@ -135,20 +125,14 @@ TEST_F(Commands, AFailureOfTheModuleLeavesStoreAndServerAsTheyWere) {
         {fault("NotesInitExtended=272"), "Access to data denied"},
         {hook("get:*) exit 1"), "cannot list the next item"},
         {hook("prepare:*/names.nsf) kill -ABRT $PPID"), "crashed with signal 6"},
-        {{{"QRTLN_MODULE", "/none/libqrtln.so"}}, "cannot load the module"},
         {{{"QRTLN_MODULE", "/dev/null"}}, "cannot load the module"},
     };
-    for (bool with_set : {false, true}) {
-        if (with_set) {
-            backup(0, "copy");
-            put("names.nsf");
-        }
-        const auto before = stored();
-        for (const auto& [environment, message] : cases) {
-            EXPECT_EQ(backup(14, "full", {}, message, environment)["exit_code"], 14);
-            EXPECT_EQ(stored(), before);
-            EXPECT_EQ(extents(), logs);
-        }
+    backup(0, "copy");
+    const auto before = stored();
+    for (const auto& [environment, message] : cases) {
+        EXPECT_EQ(backup(14, "full", {}, message, environment)["exit_code"], 14);
+        EXPECT_EQ(stored(), before);
+        EXPECT_EQ(extents(), logs);
     }
 }
 
@@ -158,7 +142,7 @@ TEST_F(Commands, ASignalWhileTheModuleIsBusyEndsTheRunCleanly) {
     const auto before = stored();
     const auto logs = extents();
     const std::string mark = m_scratch / "mark", go = m_scratch / "go";
-    const std::string waits = "touch " + mark + "; while ! test -e " + go + "; do sleep 0.01; done";
+    const std::string waits = "touch " + mark + "; while ! rm " + go + "; do sleep 0.01; done";
     ::signal(SIGHUP, SIG_IGN); // as nohup does
     for (const auto& [signal, words] :
          {std::pair<int, Words>{SIGTERM, {"backup"}}, {SIGINT, {"restore", "--all"}}}) {
@@ -176,20 +160,19 @@ TEST_F(Commands, ASignalWhileTheModuleIsBusyEndsTheRunCleanly) {
         EXPECT_EQ(extents(), logs);
         EXPECT_TRUE(fs::is_empty(m_tmp));
         fs::remove(mark);
-        fs::remove(go);
     }
     ::signal(SIGHUP, SIG_DFL);
 }
 
 TEST_F(Commands, WhatAKilledRunOwesIsSavedFirstItsCopiesGoAndOnlyWhatIsStoredIsStruckOut) {
     const std::string names = m_data + "/names.nsf";
-    ASSERT_EQ(domino("create " + m_server + " gone.nsf"), 0);
+    domino("create", "gone.nsf");
     backup(0);
-    OwedDatabases(m_store + "/runtime/owed.jsonl").add(m_data, names);
-    OwedDatabases(m_store + "/runtime/owed.jsonl").add(m_data, m_data + "/gone.nsf");
+    for (const std::string& path : {names, m_data + "/gone.nsf"})
+        OwedDatabases(m_store + "/runtime/owed.jsonl").add(m_data, path);
     fs::remove(m_data + "/gone.nsf");
     for (const char* left : {"/objects/incoming-0.tmp", "/sets/20231114T221320Z-full.json.tmp",
-                             "/runtime/qrtln_DBIID.ini.4711", "/runtime/qrtln_DBIID.ini.4711.new"})
+                             "/runtime/qrtln_DBIID.ini.4711"})
         write_file(m_store + left, "half");
     // No process has a number beyond the kernel's limit of 2^22; another lives.
     write_file(m_scratch / "precious/file", "x");
@@ -197,27 +180,13 @@ TEST_F(Commands, WhatAKilledRunOwesIsSavedFirstItsCopiesGoAndOnlyWhatIsStoredIsS
     write_file(m_tmp + "/qrtln-99999999-AbCdEf/copy.nsf", "x");
     fs::create_directory_symlink(m_scratch / "precious", m_tmp + "/qrtln-99999999-AbCdEf/link");
     write_file(m_tmp + "/qrtln-" + std::to_string(::getpid()) + "-AbCdEf/copy.nsf", "x");
-    const struct {
-        const char* level;
-        Words names;
-        Environment environment;
-        int exit_code;
-        bool saved_first;
-        bool struck_out;
-    } cases[] = {
-        {"incr", {}, hook("prepare:*/names.nsf) exit 1"), 3, true, false},
-        // The failure of the first operation is told, the second goes on.
-        {"copy", {}, fault("NotesInitExtended=272"), 14, false, false},
-        {"full", {}, hook("prepare:*/names.nsf) exit 1"), 3, false, false}, // takes it anyway
-        {"diff", {"mail"}, {}, 0, true, true},
-        {"diff", {"mail"}, {}, 0, false, true},
-    };
-    for (const auto& test : cases) {
-        SCOPED_TRACE(test.level);
-        const json set = backup(test.exit_code, test.level, test.names, "", test.environment);
-        EXPECT_EQ(set.contains("owed"), test.saved_first);
-        EXPECT_EQ(owed().find(names) == std::string::npos, test.struck_out);
-        EXPECT_THAT(owed(), Not(HasSubstr("gone.nsf")));
+    // Saved first, as far as possible; the failure of that operation is told, the second goes on.
+    EXPECT_TRUE(backup(3, "incr", {}, "", hook("prepare:*/names.nsf) exit 1")).contains("owed"));
+    backup(14, "copy", {}, "", fault("NotesInitExtended=272"));
+    EXPECT_THAT(owed(), AllOf(HasSubstr(names), Not(HasSubstr("gone.nsf"))));
+    for (bool was_owed : {true, false}) {
+        EXPECT_EQ(backup(0, "diff", {"mail"}).contains("owed"), was_owed);
+        EXPECT_EQ(owed(), "");
     }
     for (const auto& [name, content] : snapshot(m_store))
         EXPECT_NE(content, "half") << name;
@@ -226,62 +195,43 @@ TEST_F(Commands, WhatAKilledRunOwesIsSavedFirstItsCopiesGoAndOnlyWhatIsStoredIsS
     OwedDatabases(m_store + "/runtime/owed.jsonl").add(m_data, names);
     std::string changed = owed();
     changed[changed.find("names.nsf")] = 'm';
-    for (const std::string& damaged : {changed, std::string("[]\n"), std::string("{\"path\":1}\n"),
-                                       std::string(9999, '[') + "\n"}) {
-        write_file(m_store + "/runtime/owed.jsonl", damaged);
-        backup(1, "incr", {}, "line 1 of " + m_store + "/runtime/owed.jsonl is damaged");
-        EXPECT_THAT(m_errors, HasSubstr("--level full"));
-    }
+    write_file(m_store + "/runtime/owed.jsonl", changed);
+    backup(1, "incr", {}, "line 1 of " + m_store + "/runtime/owed.jsonl is damaged");
+    EXPECT_THAT(m_errors, HasSubstr("--level full"));
 }
 
 TEST_F(Commands, WrongPlacesAndUsesHaveTheirExitCodes) {
     const std::string ini = m_server + "/notes.ini", none = m_scratch / "none";
     const std::string other = m_scratch / "other", lost = m_scratch / "lost";
-    const std::string bare = m_scratch / "bare";
     write_file(other + "/file", "x");
     write_file(lost + "/sets/20231114T221320Z-full.json", "x"); // store.json is gone
-    fs::create_directories(bare);
-    write_file(bare + ".ini", "Directory=" + bare + "\n");
-    write_file(m_scratch / "relative.ini", "Directory=data\n");
     const auto to = [](const std::string& file, const std::string& store, Words more = {}) {
         more.insert(more.begin(), {"backup", "--notes-ini", file, "--store", store});
         return more;
     };
-    const struct {
-        Words words;
-        int exit_code;
-        const char* says = "";
-    } cases[] = {
-        {{}, 2},
-        {{"backup", "--store", m_store}, 2},
-        {to(ini, m_store, {"--level", "weekly"}), 2},
+    const std::tuple<Words, int, const char*> cases[] = {
+        {{}, 2, ""},
+        {{"backup", "--store", m_store}, 2, ""},
+        {to(ini, m_store, {"--level", "weekly"}), 2, ""},
         {{"mend"}, 2, "there is no command 'mend'"},
-        {{"bakcup"}, 2, "did you mean 'backup'?"},
         {{"list", "--stroe", m_store}, 2, "did you mean '--store'?"},
-        {{"documents", "delted", "--store", m_store}, 2, "did you mean 'deleted'?"},
-        {{"help", "backup"}, 0},
-        {{"--version"}, 0},
-        {{"list", "--store", none}, 10},
-        {{"show", "latest", "--store", none}, 10},
-        {{"verify", "--store", other}, 10},
-        {{"verify", "--store", bare}, 10}, // empty
-        {{"verify", "--store", lost}, 10},
-        {to(ini, lost), 10},
-        {to(ini, none + "/deep"), 1},
-        {to(ini, other), 10},
-        {to(none, m_store), 14},
-        {to(bare + ".ini", m_store), 14},
-        {to(m_scratch / "relative.ini", m_store), 14},
-        {to(ini, m_store, {"--tmp-dir", m_tmp, "--tmp-dir", m_tmp}), 2}, // given twice
-        {to(ini, m_store, {"--tmp-dir", m_data}), 1},
-        {to(ini, m_store, {"--tmp-dir", none}), 1},
+        {{"--version"}, 0, ""},
+        {{"help", "backup"}, 0, ""},
+        {{"list", "--store", none}, 10, ""},
+        {{"verify", "--store", other}, 10, ""},
+        {{"verify", "--store", lost}, 10, ""},
+        {to(ini, lost), 10, ""},
+        {to(ini, none + "/deep"), 1, ""},
+        {to(none, m_store), 14, ""},
+        {to(ini, m_store, {"--tmp-dir", m_tmp, "--tmp-dir", m_tmp}), 2, ""}, // given twice
+        {to(ini, m_store, {"--tmp-dir", m_data}), 1, ""},
+        {to(ini, m_store, {"--tmp-dir", none}), 1, ""},
         {to(ini, m_data + "/deep/store"), 1, "is inside the data directory"},
     };
-    for (const auto& test : cases) {
-        const Outcome outcome = run_client(test.words);
-        EXPECT_EQ(outcome.exit_code, test.exit_code)
-            << testing::PrintToString(test.words) << outcome.errors;
-        EXPECT_THAT(outcome.errors, HasSubstr(test.says));
+    for (const auto& [words, code, says] : cases) {
+        const Outcome outcome = run_client(words);
+        EXPECT_EQ(outcome.exit_code, code) << testing::PrintToString(words) << outcome.errors;
+        EXPECT_THAT(outcome.errors, HasSubstr(says));
         EXPECT_FALSE(fs::exists(m_store));
     }
     SmallFileSystem small(m_scratch / "small", 64 << 10);
@@ -289,12 +239,12 @@ TEST_F(Commands, WrongPlacesAndUsesHaveTheirExitCodes) {
         EXPECT_THAT(run_client(to(ini, m_store, {"--tmp-dir", m_scratch / "small"})).errors,
                     AllOf(HasSubstr(" bytes) free, the database "), HasSubstr("hint: make room")));
     }
-    EXPECT_FALSE(fs::exists(m_store));
     backup(0, "copy");
     EXPECT_EQ(on_store({"show", "2001"}).exit_code, 1);
     EXPECT_EQ(run_client({"list"}, {{"QRTLN_STORE", m_store}}).exit_code, 0);
     auto lock = open_directory_store(m_store, StoreAccess::write);
-    backup(11, "full", {}, "process " + std::to_string(::getpid()));
+    for (const Words& words : {Words{"backup"}, {"restore", "names.nsf", "--activate"}})
+        run(11, words, "process " + std::to_string(::getpid()));
     EXPECT_EQ(verify(), 0); // one writer, any readers
 }
 
@@ -309,8 +259,7 @@ TEST_F(Commands, VerifyNamesWhatIsDamagedAndTheNextBackupMendsIt) {
                     AllOf(HasSubstr(item(set, m_user1).object), HasSubstr(": " + m_user1 + "\n")));
     }
     fs::remove(file);
-    const json missing = json::parse(on_store({"verify", "latest", "--json"}).output);
-    EXPECT_EQ(missing["damage"][0]["problem"], "is missing");
+    EXPECT_THAT(on_store({"verify", "latest", "--json"}).output, HasSubstr("is missing"));
     write_file(file, good);
     // What was mended belongs to the older set, and stays when the run fails later.
     flip_a_bit(object_file(set, m_user2));
@@ -322,15 +271,12 @@ TEST_F(Commands, VerifyNamesWhatIsDamagedAndTheNextBackupMendsIt) {
     write_file(manifest, text + " ");
     for (const Words& words : {Words{"verify"}, {"show", set}, {"list"}})
         EXPECT_EQ(on_store(words).exit_code, 4);
-    EXPECT_THAT(on_store({"list"}).output, HasSubstr("damaged"));
     write_file(manifest, text);
-
     write_file(m_store + "/objects/00/stray", "x");
     write_file(m_store + "/sets/notes.json", "x");
-    const Outcome whole = on_store({"verify"});
-    EXPECT_EQ(whole.exit_code, 0) << whole.output;
-    EXPECT_THAT(whole.output, AllOf(HasSubstr("objects/00/stray is no object"),
-                                    HasSubstr("sets/notes.json is of no set")));
+    EXPECT_THAT(on_store({"verify"}).output, AllOf(HasSubstr("objects/00/stray is no object"),
+                                                   HasSubstr("sets/notes.json is of no set")));
+    EXPECT_EQ(verify(), 0);
     write_file(m_store + "/store.json", "{}");
     EXPECT_EQ(verify(), 4);
 }

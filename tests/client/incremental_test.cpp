@@ -7,16 +7,7 @@
 namespace qrtln::test {
 namespace {
 
-using testing::ElementsAre;
-using testing::HasSubstr;
-using testing::IsEmpty;
-
-class Incremental : public OverTheSimulator {
-  protected:
-    void create(const std::string& name) const {
-        ASSERT_EQ(domino("create " + m_server + " --notes 3 " + name), 0) << domino_said();
-    }
-};
+class Incremental : public OverTheSimulator {};
 
 TEST_F(Incremental, SavesWhatTheRulesSelectAndTheLogsWhichTheServerThenRemoves) {
     backup(0);
@@ -29,7 +20,7 @@ TEST_F(Incremental, SavesWhatTheRulesSelectAndTheLogsWhichTheServerThenRemoves) 
 
     const std::string base = backup(0)["set"], before = index();
     EXPECT_THAT(before, HasSubstr("names.nsf="));
-    compact("names.nsf"); // a new DBIID
+    domino("compact", "names.nsf"); // a new DBIID
     fill_extents(2);
     std::string previous = base;
     for (int number = 0; number < 3; ++number) {
@@ -42,31 +33,23 @@ TEST_F(Incremental, SavesWhatTheRulesSelectAndTheLogsWhichTheServerThenRemoves) 
         EXPECT_EQ(stored.previous, std::exchange(previous, stored.set));
         EXPECT_THAT(stored.log_gaps, IsEmpty());
     }
-    EXPECT_EQ(owed(), "");
     EXPECT_EQ(list().back()["base"], base);
-    EXPECT_EQ(list().back()["logs"]["active"], extents().back());
-    EXPECT_EQ(verify(), 0);
 }
 
 TEST_F(Incremental, DifferentialSavesWhatChangedSinceTheBase) {
-    for (const char* level : {"diff", "incr"}) {
-        backup(1, level, {}, "hint: take one first: `qrtln backup --level full`");
-        EXPECT_FALSE(fs::exists(m_store));
-    }
+    backup(1, "incr", {}, "hint: take one first: `qrtln backup --level full`");
+    EXPECT_FALSE(fs::exists(m_store));
     backup(0, "full", {"mail"}); // named databases are no base
-    backup(1, "diff");
-    EXPECT_EQ(backup(0, "copy")["level"], "copy");
+    backup(0, "copy");
     backup(1, "diff");
     settle();
     const json base = backup(0, "diff", {"--auto-full"}, "becomes a full one");
     EXPECT_EQ(base["level"], "full");
     put("mail/user1.nsf");
-    for (int i = 0; i < 2; ++i) {
-        const json diff = backup(0, "diff", {"--auto-full"});
-        EXPECT_EQ(diff["base"], base["set"]);
-        EXPECT_THAT(databases(diff["set"]), ElementsAre("mail/user1.nsf"));
-        EXPECT_TRUE(diff["logs"].is_null());
-    }
+    const json diff = backup(0, "diff", {"--auto-full"});
+    EXPECT_EQ(diff["base"], base["set"]);
+    EXPECT_THAT(databases(diff["set"]), ElementsAre("mail/user1.nsf"));
+    EXPECT_TRUE(diff["logs"].is_null());
     EXPECT_THAT(extents(), ElementsAre(1));
     EXPECT_THAT(databases(backup(0, "diff", {"names.nsf"})["set"]), IsEmpty());
 }
@@ -75,7 +58,6 @@ TEST_F(Incremental, WhatTheModulePassesOverOrDoubtsHasFailed) {
     // The text is of a failed item, or of a warning.
     const std::tuple<const char*, const char*, int, const char*> cases[] = {
         {"incr", "NSFDbGetLogInfo#1=513", 3, "could not tell whether it needs to be backed up"},
-        {"diff", "NSFDbGetLogInfo#1=513", 3, "could not tell whether it needs to be backed up"},
         {"diff", "NSFDbGetModifiedNoteTable=513", 3, "could not tell whether it was modified"},
         {"diff", "ConvertTextToTIMEDATE=513", 3, "ConvertTextToTIMEDATE() failed"},
         {"diff", "ConvertTIMEDATEToText=513", 3, "mail/user1.nsf"}, // the module says nothing
@@ -91,28 +73,21 @@ TEST_F(Incremental, WhatTheModulePassesOverOrDoubtsHasFailed) {
 }
 
 TEST_F(Incremental, AFullStoreLosesNothingWhateverStepItStops) {
-    SmallFileSystem small(m_scratch / "small", 16 << 20);
+    SmallFileSystem small(m_scratch / "small", 32 << 20);
     if (!small.mounted())
         GTEST_SKIP() << "mounting a small file system needs root";
     m_store = m_scratch / "small/store";
     backup(0);
     backup(0);
-    compact("names.nsf");
-    fill_extents(3);
-    const auto logs = extents();
-    const std::string index_before = index(), filler = m_scratch / "small/filler";
-    const std::pair<std::string, std::string> copies[] = {{m_server, m_scratch / "server-0"},
-                                                          {m_store, m_scratch / "store-0"}};
-    for (const auto& [folder, copy] : copies)
-        fs::copy(folder, copy, fs::copy_options::recursive);
     // Each run has a little more room than the one before, until it is enough.
+    const std::string filler = m_scratch / "small/filler";
     bool owed_once = false;
-    for (std::uintmax_t room = 0;; room += 20 << 10) {
+    for (std::uintmax_t room = 0;; room += 30 << 10) {
         SCOPED_TRACE(room);
-        for (const auto& [folder, copy] : copies) {
-            fs::remove_all(folder);
-            fs::copy(copy, folder, fs::copy_options::recursive);
-        }
+        domino("compact", "names.nsf");
+        fill_extents(3);
+        const auto logs = extents();
+        const std::string index_before = index();
         write_file(filler, std::string(fs::space(m_store).available - room, 'x'));
         const Outcome outcome = run_client(on_server({"backup", "--level", "incr"}));
         fs::remove(filler);
@@ -122,16 +97,13 @@ TEST_F(Incremental, AFullStoreLosesNothingWhateverStepItStops) {
         EXPECT_THAT(outcome.errors, HasSubstr("No space left"));
         EXPECT_EQ(extents(), logs);
         EXPECT_EQ(index(), index_before);
-        EXPECT_EQ(list().size(), 2U);
         // By now it counts as backed up for the server.
         const bool prepared = owed().find("names.nsf") != std::string::npos;
         owed_once = owed_once || prepared;
         const json next = backup(0, "incr");
-        EXPECT_EQ(next.contains("owed"), prepared);
         EXPECT_THAT(databases(prepared ? next["owed"]["set"] : next["set"]),
                     ElementsAre("names.nsf"));
         EXPECT_EQ(next["logs"]["first"], logs.front());
-        EXPECT_THAT(extents(), ElementsAre(logs.back()));
         EXPECT_EQ(owed(), "");
     }
     EXPECT_TRUE(owed_once);
@@ -139,9 +111,6 @@ TEST_F(Incremental, AFullStoreLosesNothingWhateverStepItStops) {
 
 TEST_F(Incremental, LogsThatAnotherProgramTookAreReportedAtOnce) {
     backup(0);
-    write_file(m_server + "/state/archiving.json", // of a session that was killed
-               R"({"process": 99999999, "began": 0})");
-    backup(0, "incr", {}, "starting again");
     fill_extents(3);
     const std::string own = std::exchange(m_store, m_scratch / "second");
     backup(0, "full", {"--take-over"});
@@ -151,49 +120,35 @@ TEST_F(Incremental, LogsThatAnotherProgramTookAreReportedAtOnce) {
                      "the transaction logs 1 to 3 are missing between the sets ")["status"],
               "complete, logs missing");
     EXPECT_THAT(m_errors, HasSubstr("hint: take a full backup now"));
-    EXPECT_EQ(list().back()["status"], "complete, logs missing");
-    EXPECT_THAT(on_store({"show", "latest"}).output,
-                HasSubstr("the transaction logs 1 to 3 are missing"));
     EXPECT_THAT(extents(), ElementsAre(4)); // the set is whole all the same
-    backup(16, "incr");
-    EXPECT_EQ(backup(0, "incr", {"--auto-full"}, "becomes a full one (--auto-full)")["level"],
-              "full");
-    EXPECT_EQ(backup(0, "incr", {"--auto-full"})["level"], "incr");
+    for (const char* level : {"full", "incr"})
+        EXPECT_EQ(backup(0, "incr", {"--auto-full"})["level"], level);
 }
 
-TEST_F(Incremental, OtherStylesOfLoggingAreToldAtEachLevel) {
-    const std::tuple<const char*, int, const char*, const char*> cases[] = {
-        {"circular", 0, "circular transaction logging", "take --level diff or full"},
-        // Logged databases fail their check.
-        {"linear", 3, "linear transaction logging", "take --level full instead of diff"},
-        {"none", 0, "no transaction logging", "take --level diff or full"}};
-    for (const auto& [style, code, text, advice] : cases) {
-        SCOPED_TRACE(style);
+TEST_F(Incremental, OtherStylesOfLoggingAreToldWithWhatToDo) {
+    const std::tuple<const char*, const char*, int, const char*> cases[] = {
+        {"circular", "circular transaction logging", 0, "take --level diff or full"},
+        {"none", "no transaction logging", 0, "take --level diff or full"},
+        {"linear", "linear transaction logging", 3, "take --level full"}}; // no database is known
+    for (const auto& [style, text, diff_code, advice] : cases) {
         init(std::string("--style ") + style);
         fs::remove_all(m_store);
-        settle();
-        EXPECT_EQ(backup(0)["warnings"].dump().find("has no entry for it") != std::string::npos,
-                  code == 3);
-        put("mail/user1.nsf");
-        const json diff = backup(code, "diff", {}, code == 3 ? advice : "");
-        if (code == 0)
-            EXPECT_THAT(databases(diff["set"]), ElementsAre("mail/user1.nsf"));
-        else
-            EXPECT_THAT(diff["failed"].dump(), HasSubstr("with linear logging"));
+        backup(0);
+        backup(diff_code, "diff", {}, diff_code == 0 ? "" : advice);
         backup(14, "incr", {}, text);
-        EXPECT_THAT(m_errors, HasSubstr(code == 0 ? advice : "take --level full"));
+        EXPECT_THAT(m_errors, HasSubstr(advice));
     }
 }
 
 // No later set would have them: an incremental one takes what is logged, the index has no entry.
 TEST_F(Incremental, DatabasesThatItWouldNotSelectComeFirstInASetOfTheirOwn) {
     const std::string odd = std::string(240, 'n') + ".nsf";
-    create("a=b.nsf");
-    create(odd);
+    domino("create", "a=b.nsf");
+    domino("create", odd);
     backup(0);
     EXPECT_THAT(databases(backup(0, "incr")["owed"]["set"]), ElementsAre("a=b.nsf", odd));
-    create("new.nsf");
-    create("unlogged.nsf --unlogged");
+    domino("create", "new.nsf");
+    domino("create", "unlogged.nsf --unlogged");
     EXPECT_THAT(databases(backup(0, "incr", {}, "2 databases are in no set since ")["owed"]["set"]),
                 ElementsAre("a=b.nsf", "new.nsf", odd, "unlogged.nsf"));
     for (const char* level : {"incr", "diff"})
@@ -218,37 +173,29 @@ TEST_F(Incremental, AFolderThatIsAwayIsNotRemoved) {
     backup(1, "full", {"--removed", "names.nsf"});
     backup(0, "full", {"--removed", "mail", "--removed", mail + "/below"});
     EXPECT_EQ(owed(), "");
-    backup(0);
 }
 
 // What was changed while the clock was behind looks older than the base.
 TEST_F(Incremental, ABaseFromTheFutureIsNotBuiltOnAnyMore) {
     Manifest base = manifest(backup(0)["set"]);
     const std::int64_t started = base.started;
-    const auto start_base_at = [&](std::int64_t time) {
-        base.started = time;
+    const auto refused = [&](std::int64_t base_start, const char* text) {
+        base.started = base_start;
         write_manifest(base);
-    };
-    backup(0, "incr");
-    const auto refused = [&](const char* text) {
-        for (const char* level : {"diff", "incr"}) {
+        for (const char* level : {"diff", "incr"})
             backup(1, level, {}, text);
-            EXPECT_THAT(m_errors, HasSubstr("hint: take one first"));
-        }
     };
-    start_base_at(started + 172800);
-    refused("the clock shows ");
-    start_base_at(started); // the clock is right again
-    refused("was set back once");
+    refused(started + 172800, "the clock shows ");
+    refused(started, "was set back once"); // the clock is right again
     const std::string list = m_store + "/runtime/distrusted.json";
     write_file(list, read_file(list) + " "); // then no base is trusted
-    refused("was set back once");
+    refused(started, "was set back once");
     EXPECT_EQ(backup(0, "diff", {"--auto-full"})["level"], "full");
     backup(0, "diff");
     base = manifest(backup(0)["set"]);
-    start_base_at(manifest(backup(0, "incr")["set"]).started + 1);
+    const std::int64_t later = manifest(backup(0, "incr")["set"]).started;
     settle();
-    refused("was set back when the set ");
+    refused(later + 1, "was set back when the set ");
 }
 
 // A lost entry would mean a database that is silently not saved.
@@ -257,7 +204,7 @@ TEST_F(Incremental, AnIndexThatIsNotTheOneTheNewestSetLeftCallsForAFullBackup) {
     backup(0);
     backup(0); // the server knows the databases as backed up: they get entries
     const std::string older = index();
-    compact("names.nsf"); // another identity
+    domino("compact", "names.nsf"); // another identity
     backup(0);
     backup(0);
     const std::string note =
@@ -278,7 +225,6 @@ TEST_F(Incremental, AnIndexThatIsNotTheOneTheNewestSetLeftCallsForAFullBackup) {
         EXPECT_EQ(verify(), 4);
     }
     EXPECT_EQ(backup(0, "incr", {"--auto-full"})["level"], "full");
-    backup(0, "incr");
 }
 
 // A set that went without a word is damage wherever one would build on it; a forgotten one is not,
@@ -300,8 +246,6 @@ TEST_F(Incremental, SetsThatAreGoneAreToldAndNothingBuildsOnWhatIsLeft) {
         backup(4, "diff");
         write_file(file, text);
     }
-    run(0, {"restore", "names.nsf", "--dry-run"});
-    EXPECT_EQ(m_errors, "");
 
     EXPECT_EQ(on_store({"forget", before[0]["set"]}).exit_code, 1); // one builds on it
     EXPECT_EQ(on_store({"forget", before[2]["set"], before[3]["set"], before[4]["set"]}).exit_code,

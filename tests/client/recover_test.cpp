@@ -5,12 +5,6 @@
 namespace qrtln::test {
 namespace {
 
-using testing::HasSubstr;
-using testing::IsEmpty;
-using testing::Not;
-using testing::SizeIs;
-using testing::StartsWith;
-
 class Recover : public OverTheSimulator {
   protected:
     json recover(int exit_code, Words words, const std::string& says = "",
@@ -32,6 +26,11 @@ class Recover : public OverTheSimulator {
     static std::string outcome(const json& document, const std::string& path) {
         return of(document, path)["outcome"];
     }
+    // A recovery of a database that is in use, which waits from then on.
+    void recover_while_in_use(const Words& words) {
+        ServerTask held("hold " + m_server + " mail/user1.nsf");
+        EXPECT_EQ(outcome(recover(3, words, "in use"), m_user1), "waiting");
+    }
     // What a recovery must not change: the server without what its library writes at every start.
     std::map<std::string, std::string> live() const {
         auto state = snapshot(m_data);
@@ -43,7 +42,7 @@ class Recover : public OverTheSimulator {
 
 TEST_F(Recover, ALostDatabaseComesBackToItsLastCommitAndTheServerHasNoMoreLogsThanBefore) {
     const std::string unlogged = m_data + "/mail/unlogged.nsf";
-    ASSERT_EQ(domino("create " + m_server + " mail/unlogged.nsf --unlogged"), 0);
+    domino("create", "mail/unlogged.nsf --unlogged");
     backup(0);
     const std::string saved = digest("mail/unlogged.nsf");
     put("mail/unlogged.nsf");
@@ -54,8 +53,7 @@ TEST_F(Recover, ALostDatabaseComesBackToItsLastCommitAndTheServerHasNoMoreLogsTh
     const auto logs = extents();
     ASSERT_GT(logs.front(), 1);
     for (const char* name : {"mail/user1.nsf", "mail/unlogged.nsf"})
-        ASSERT_EQ(domino("lose " + m_server + " " + name), 0);
-
+        domino("lose", name);
     const auto everything = snapshot(m_scratch.path());
     const json planned = recover(0, {"mail", "pubnames.ntf", "--dry-run"})["plan"];
     EXPECT_EQ(snapshot(m_scratch.path()), everything);
@@ -69,10 +67,8 @@ TEST_F(Recover, ALostDatabaseComesBackToItsLastCommitAndTheServerHasNoMoreLogsTh
     EXPECT_EQ(extents(), logs);
     for (const std::string& path : {unlogged, m_data + "/pubnames.ntf"}) // no log has them
         EXPECT_EQ(outcome(done, path), "as in its set");
-    EXPECT_THAT(of(done, unlogged)["recovered_to"], HasSubstr("its set, ended 20"));
     EXPECT_EQ(digest("mail/unlogged.nsf"), saved);
     EXPECT_TRUE(fs::is_empty(m_tmp));
-    recover(2, {}); // nothing is left to go on with
     recover(1, {"mail", "--into", m_data + "/below"});
     put("mail/user1.nsf");
 }
@@ -88,17 +84,13 @@ TEST_F(Recover, ToAMomentBringsWhatWasCommittedUpToItAndNothingElse) {
     put("mail/user1.nsf", "--text after");
     const auto before = live();
     const std::tuple<std::string, int, const char*> refused[] = {
-        {"2001-01-01 00:00", 1, "before --to 2001-01-01T00:00:00Z"},
+        {"2001-01-01 00:00", 1, "before --to 2000-12-31T23:00:00Z"},
         {utc_time(std::time(nullptr) + 3600), 2, "still to come"},
         {"20251026T003000Z", 2, "2025-10-26T01:59:59+02:00 or before"},
-        {"2026-02-30 00:00", 2, "--to '2026-02-30 00:00': there is no such time"},
     };
-    for (const auto& [time, code, text] : refused) {
-        recover(code, {"mail/user1.nsf", "--to", time}, text,
-                {{"TZ", code == 2 ? "Europe/Berlin" : "UTC0"}});
-        EXPECT_EQ(live(), before);
-        EXPECT_FALSE(fs::exists(m_store + "/runtime/recovery.json"));
-    }
+    for (const auto& [time, code, text] : refused)
+        recover(code, {"mail/user1.nsf", "--to", time}, text, {{"TZ", "Europe/Berlin"}});
+    EXPECT_EQ(live(), before);
     recover(0, {"mail/user1.nsf", "--to", moment});
     EXPECT_EQ(digest("mail/user1.nsf"), then);
     EXPECT_EQ(read_file(m_user2), untouched);
@@ -110,31 +102,20 @@ TEST_F(Recover, ADatabaseInUseWaitsWhileTheOthersAreRecoveredAndASecondRunFinish
     put("mail/user2.nsf");
     const std::string second = digest("mail/user2.nsf"), before = read_file(m_user1);
     fs::remove(m_user2);
-    {
-        ServerTask held("hold " + m_server + " mail/user1.nsf");
-        const json done = recover(3, {"mail"}, "in use");
-        EXPECT_EQ(outcome(done, m_user1), "waiting");
-        EXPECT_EQ(outcome(done, m_user2), "recovered");
-        EXPECT_EQ(read_file(m_user1), before);
-        EXPECT_EQ(digest("mail/user2.nsf"), second);
-        // Whoever clears the folder for temporary files must not be told that all is well.
-        for (const auto& entry : fs::directory_iterator(m_tmp))
-            fs::remove_all(entry);
-        EXPECT_EQ(outcome(recover(3, {}), m_user1), "waiting");
+    recover_while_in_use({"mail"});
+    EXPECT_EQ(read_file(m_user1), before);
+    EXPECT_EQ(digest("mail/user2.nsf"), second);
+    // Whoever clears the folder for temporary files must not be told that all is well.
+    for (bool removed : {true, false}) {
         for (const auto& entry : fs::recursive_directory_iterator(m_tmp))
             if (entry.is_regular_file())
-                fs::resize_file(entry, 0);
-        EXPECT_EQ(outcome(recover(3, {}), m_user1), "waiting");
+                removed ? (void)fs::remove(entry) : fs::resize_file(entry, 0);
+        recover_while_in_use({});
     }
     put("mail/user1.nsf", "--text later");
     put("mail/user2.nsf", "--text later"); // must not be taken back
-    backup(0, "copy", {"mail/user2.nsf"});
     const std::string last[] = {digest("mail/user1.nsf"), digest("mail/user2.nsf")};
     recover(1, {"names.nsf"}, "--abandon");
-    const std::string journal = m_store + "/runtime/recovery.json";
-    flip_a_bit(journal);
-    recover(1, {}, "does not match its checksum");
-    flip_a_bit(journal);
     EXPECT_THAT(recover(0, {"--dry-run"})["plan"]["databases"], SizeIs(1));
     const json done = recover(0, {});
     EXPECT_EQ(outcome(done, m_user1), "recovered");
@@ -150,90 +131,60 @@ TEST_F(Recover, AnAbandonedRecoveryLeavesNothingButRemovesNoLogButItsOwn) {
     backup(0);
     archive_extents();
     auto logs = extents();
-    const std::string live_user1 = read_file(m_user1);
-    {
-        ServerTask held("hold " + m_server + " mail/user1.nsf");
-        recover(3, {"mail/user1.nsf"});
-    }
+    const std::string live_user1 = read_file(m_user1), ini = m_server + "/notes.ini";
+    recover_while_in_use({"mail/user1.nsf"});
     ASSERT_GT(extents().size(), logs.size() + 1);
-    const std::string other = m_server + "/logs/S0000001.TXN", ini = m_server + "/notes.ini";
+    const std::string other = m_server + "/logs/S0000001.TXN", variables = read_file(ini);
     write_file(other, "of another log");
-    const auto before = snapshot(m_scratch.path());
-    const json shown = recover(0, {"--abandon", "--dry-run"});
-    EXPECT_THAT(shown["would_remove"], SizeIs(extents().size() - logs.size()));
-    EXPECT_EQ(snapshot(m_scratch.path()), before);
-    const std::string variables = read_file(ini);
     write_file(ini, "[Notes]\nDirectory=" + m_scratch.path() + "\n");
     recover(1, {"--abandon"}, "another server");
     write_file(ini, variables);
+    EXPECT_THAT(recover(0, {"--abandon", "--dry-run"})["would_remove"],
+                SizeIs(extents().size() - logs.size()));
     recover(0, {"--abandon"}, "left alone");
     EXPECT_EQ(read_file(other), "of another log");
     EXPECT_EQ(read_file(m_user1), live_user1);
     EXPECT_TRUE(fs::is_empty(m_tmp));
     logs.insert(logs.begin(), 1);
     EXPECT_EQ(extents(), logs);
-    recover(2, {});
+    recover(2, {}); // nothing is left to go on with
 }
 
 TEST_F(Recover, WhatNoSetLeadsToIsReplacedOnlyWhenThatIsSaid) {
     backup(0);
-    settle();
-    const std::string moment = utc_time(std::time(nullptr));
-    settle();
-    const Words recovered = {"recover", "mail/user1.nsf", "--to", moment};
-    const Words restored = {"restore", "mail/user1.nsf", "--activate"};
-    const Words compacted;
-    for (const Words& history : {recovered, compacted, restored}) {
-        SCOPED_TRACE(testing::PrintToString(history));
-        put("mail/user1.nsf", "--text before");
-        if (history.empty())
-            compact("mail/user1.nsf");
-        else
-            run(0, history);
-        const std::string then = read_file(m_user1);
-        put("mail/user2.nsf");
-        json done = recover(3, {"mail"});
-        EXPECT_EQ(read_file(m_user1), then);
-        EXPECT_THAT(done["result"]["failed"].dump(), HasSubstr("--replace-live"));
-        EXPECT_EQ(of(done, m_user2)["recovered_to"], "the last committed change");
-        EXPECT_THAT(recover(3, {"mail", "--dry-run"})["plan"]["refused"], SizeIs(1));
-        put("mail/user1.nsf", "--text after");
-        const std::string last = digest("mail/user1.nsf");
-        backup(0, "incr"); // what is owed comes first, in a set of its own
-        done = recover(0, {"mail/user1.nsf"});
-        EXPECT_EQ(of(done, m_user1)["recovered_to"], "the last committed change");
-        EXPECT_EQ(digest("mail/user1.nsf"), last);
-    }
+    put("mail/user1.nsf", "--text before");
+    run(0, {"restore", "mail/user1.nsf", "--activate"});
+    const std::string then = read_file(m_user1);
+    put("mail/user2.nsf");
+    const json done = recover(3, {"mail"});
+    EXPECT_EQ(read_file(m_user1), then);
+    EXPECT_THAT(done["result"]["failed"].dump(), HasSubstr("--replace-live"));
+    EXPECT_EQ(outcome(done, m_user2), "recovered");
+    put("mail/user1.nsf", "--text after");
+    const std::string last = digest("mail/user1.nsf");
+    backup(0, "incr"); // what is owed comes first, in a set of its own
+    recover(0, {"mail/user1.nsf"});
+    EXPECT_EQ(digest("mail/user1.nsf"), last);
 }
 
 TEST_F(Recover, AnOlderCopyMakesUpForADamagedOneUnlessItLeadsElsewhere) {
-    const std::string unlogged = m_data + "/mail/unlogged.nsf";
-    ASSERT_EQ(domino("create " + m_server + " mail/unlogged.nsf --unlogged"), 0);
-    const std::string old = backup(0)["set"];
-    compact("names.nsf");
-    put("mail/unlogged.nsf");
+    const std::string names = m_data + "/names.nsf", old = backup(0)["set"];
+    domino("compact", "names.nsf");
     put("mail/user1.nsf", "--text first");
     const std::string newest = backup(0, "copy")["set"];
     put("mail/user1.nsf", "--text second");
-    const std::string last = digest("mail/user1.nsf");
-    for (const std::string& path : {m_data + "/names.nsf", unlogged, m_user1})
+    const std::string last = digest("mail/user1.nsf"), compacted = read_file(names);
+    for (const std::string& path : {names, m_user1})
         flip_a_bit(object_file(newest, path));
-    for (const std::string& path : {m_data + "/names.nsf", unlogged}) {
-        const std::string before = read_file(path);
-        const json done = recover(4, {path});
-        EXPECT_EQ(read_file(path), before);
-        EXPECT_THAT(done["result"]["damaged"][0]["reason"], HasSubstr("restore --set " + old));
-    }
-    json done = recover(0, {"mail/user1.nsf"});
+    const json done = recover(4, {"names.nsf", "mail/user1.nsf"});
+    EXPECT_EQ(read_file(names), compacted);
+    EXPECT_THAT(done["result"]["damaged"][0]["reason"], HasSubstr("restore --set " + old));
     EXPECT_EQ(of(done, m_user1)["set"], old);
     EXPECT_EQ(done["result"]["replaced"][0]["path"], m_user1);
     EXPECT_EQ(digest("mail/user1.nsf"), last);
-    flip_a_bit(object_file(old, m_user1));
-    const std::string before = read_file(m_user1);
-    done = recover(4, {"mail/user1.nsf", "mail/user2.nsf"});
-    EXPECT_EQ(done["result"]["damaged"][0]["path"], m_user1);
-    EXPECT_EQ(outcome(done, m_user2), "recovered");
-    EXPECT_EQ(read_file(m_user1), before);
+    flip_a_bit(object_file(old, m_user1)); // then no copy is whole
+    EXPECT_EQ(recover(4, {"mail"})["result"]["damaged"][0]["path"], m_user1);
+    EXPECT_EQ(digest("mail/user1.nsf"), last);
 }
 
 // The server takes no file offline that is no database, so that nothing could take its place.
@@ -247,8 +198,7 @@ TEST_F(Recover, AFileThatIsNoDatabaseAnyMoreIsSetAside) {
         EXPECT_EQ(recover(0, {"mail/user1.nsf", "--dry-run"})["plan"]["databases"][0]["set_aside"],
                   true);
         EXPECT_EQ(read_file(m_user1), left);
-        const json done = recover(0, {"mail/user1.nsf"}, "set aside as " + m_user1 + ".damaged-20");
-        EXPECT_EQ(outcome(done, m_user1), "recovered");
+        recover(0, {"mail/user1.nsf"}, "set aside as " + m_user1 + ".damaged-20");
         EXPECT_EQ(digest("mail/user1.nsf"), last);
     }
     EXPECT_EQ(std::distance(fs::directory_iterator(m_data + "/mail"), {}), 4); // both are kept
@@ -289,12 +239,10 @@ TEST_F(Recover, LostLogsComeBackFromTheStoreAndTheEndIsToldAsTheirs) {
     backup(0, "incr");
     const std::string stored = digest("mail/user1.nsf");
     put("mail/user1.nsf", "--text lost");
-    ASSERT_EQ(domino("lose " + m_server + " --logs"), 0);
+    domino("lose", "--logs");
     fs::remove(m_user1);
     const auto before = live();
-    run(16, {"prove"});
-    EXPECT_EQ(live(), before); // a proof brings no log to the server
-    EXPECT_THAT(list().back()["proven"], HasSubstr("failed"));
+    run(16, {"prove"});                                  // brings no log to the server
     for (const char* dry : {"--verbose", "--dry-run"}) { // its disk may not be mounted
         recover(16, {"mail", dry});
         EXPECT_EQ(live(), before);
@@ -302,9 +250,8 @@ TEST_F(Recover, LostLogsComeBackFromTheStoreAndTheEndIsToldAsTheirs) {
     const json done = recover(3, {"mail/user1.nsf"}, "is lost");
     EXPECT_THAT(of(done, m_user1)["recovered_to"], HasSubstr("the end of the stored logs, 20"));
     EXPECT_EQ(digest("mail/user1.nsf"), stored);
-    EXPECT_TRUE(fs::exists(m_server + "/logs/nlogctrl.lfh"));
-    put("mail/user1.nsf");
-    ASSERT_EQ(domino("lose " + m_server + " --logs"), 0);
+    put("mail/user1.nsf"); // the server has a log again
+    domino("lose", "--logs");
     recover(3, {"mail/user2.nsf", "--logs-lost"});
 }
 
@@ -318,10 +265,9 @@ TEST_F(Recover, AProofTouchesNoLiveDatabaseAndIsReplacedByTheNext) {
         const json done = run(exit_code, {"prove", full});
         EXPECT_EQ(live(), before);
         EXPECT_TRUE(fs::is_empty(m_tmp));
-        EXPECT_THAT(list()[0]["proven"], StartsWith(exit_code == 0 ? "20" : "failed"));
+        EXPECT_THAT(list()[0]["proven"], testing::StartsWith(exit_code == 0 ? "20" : "failed"));
         return done;
     };
-    EXPECT_EQ(list()[0]["proven"], "-");
     const json done = prove(0);
     EXPECT_EQ(done["databases"], 6);
     EXPECT_LE(done["recovered_to"], done["time"]);
@@ -338,24 +284,21 @@ TEST_F(Recover, AProofTouchesNoLiveDatabaseAndIsReplacedByTheNext) {
     write_file(m_data + "/broken.nsf", "no database");
     backup(3, "full", {"--take-over"});
     run(1, {"prove"}); // the server cannot be recovered from that
-    const json part = run(3, {"prove", "latest"});
-    EXPECT_EQ(part["databases"], 6);
-    ASSERT_THAT(part["failures"], SizeIs(1));
-    EXPECT_EQ(part["failures"][0]["path"], m_data + "/broken.nsf");
+    EXPECT_EQ(run(3, {"prove", "latest"})["failures"][0]["path"], m_data + "/broken.nsf");
 }
 
 TEST_F(Recover, NamesThatMeanSomethingToTheModuleAreTakenAsTheyAre) {
     const std::string star = m_data + "/mail/a*b.nsf", odd = "'odd [x] name\n]: 1.nsf'";
     m_tmp = m_scratch / "tmp -R chgd-old";
     fs::create_directories(m_tmp);
-    for (const std::string name : {"'mail/a*b.nsf'", "mail/axb.nsf", "'mail/below/a*b.nsf'"})
-        ASSERT_EQ(domino("create " + m_server + " " + name), 0);
-    ASSERT_EQ(domino("create " + m_server + " " + odd), 0);
+    for (const std::string& name : {std::string("'mail/a*b.nsf'"), std::string("mail/axb.nsf"),
+                                    std::string("'mail/below/a*b.nsf'"), odd})
+        domino("create", name);
     backup(0);
     put("'mail/a*b.nsf'");
     put(odd);
     const std::string last = digest("'mail/a*b.nsf'"), last_odd = digest(odd);
-    for (const char* name : {"x-old", "a-R", "deld", "CHGD", "a\"b", "server/data2"}) {
+    for (const char* name : {"x-old", "a-R deld", "a\"b", "server/data2"}) {
         const std::string to = m_scratch / name;
         run(0, {"restore", "mail/below", "--to", to});
         const auto others = snapshot(to + m_data + "/mail/below");
@@ -364,10 +307,7 @@ TEST_F(Recover, NamesThatMeanSomethingToTheModuleAreTakenAsTheyAre) {
         EXPECT_EQ(snapshot(to + m_data + "/mail/below"), others);
     }
     EXPECT_EQ(run(0, {"prove"})["databases"], 10);
-    fs::remove(star);
-    for (int i = 0; i < 2; ++i) // lost, and there
-        EXPECT_EQ(outcome(recover(0, {star}), star), "recovered");
-    EXPECT_EQ(digest("'mail/a*b.nsf'"), last);
+    EXPECT_EQ(outcome(recover(0, {star}), star), "recovered");
     fs::remove_all(m_data);
     recover(0, {"--all"});
     EXPECT_EQ(digest("'mail/a*b.nsf'"), last);

@@ -5,44 +5,18 @@
 #include "client/store/object_writer.h"
 #include "client/store/store.h"
 #include "tests/client/run_client.h"
+#include "tests/simulator/domino_sim.h"
 
 #include <algorithm>
 #include <cctype>
-#include <csignal>
-#include <cstdio>
 #include <ctime>
 #include <fstream>
-#include <gmock/gmock.h>
 #include <nlohmann/json.hpp>
 #include <thread>
-#include <unistd.h>
 
 namespace qrtln::test {
 
-namespace fs = std::filesystem;
 using nlohmann::json;
-
-// A task of the server: domino-sim with these words, until the object goes away and sends it a
-// signal.
-class ServerTask {
-  public:
-    explicit ServerTask(const std::string& words, int signal = SIGTERM) : m_signal(signal) {
-        m_output = ::popen(("echo $$; exec " QRTLN_DOMINO_SIM " " + words).c_str(), "r");
-        char line = 0; // printed once it is at work
-        EXPECT_EQ(std::fscanf(m_output, "%d %c", &m_pid, &line), 2);
-    }
-    ~ServerTask() {
-        ::kill(m_pid, m_signal);
-        ::pclose(m_output);
-    }
-    ServerTask(const ServerTask&) = delete;
-    ServerTask& operator=(const ServerTask&) = delete;
-
-  private:
-    std::FILE* m_output;
-    pid_t m_pid = -1;
-    int m_signal;
-};
 
 // Waits for the next second: what was written before is older than a backup that starts now.
 inline void settle() {
@@ -59,36 +33,26 @@ class OverTheSimulator : public testing::Test {
     // Begins a new server, with these options of `domino-sim init`, in place of the one there.
     void init(const std::string& options) const {
         fs::remove_all(m_server);
-        EXPECT_EQ(domino("init " + m_server + " --databases 6 --extent-size 65536 " + options), 0)
-            << domino_said();
+        domino("init", "--databases 6 --extent-size 65536 " + options);
     }
     void add_to_notes_ini(const std::string& lines) const {
         std::ofstream(m_server + "/notes.ini", std::ios::app) << lines << "\n";
     }
-    // Runs domino-sim with plain words; its exit status.
-    int domino(const std::string& words) const {
-        std::string command = std::string(QRTLN_DOMINO_SIM) + " " + words + " >" +
-                              m_scratch / "domino-sim.out" + " 2>&1";
-        return WEXITSTATUS(std::system(command.c_str()));
+    // Runs a command of domino-sim on the server; what it printed.
+    std::string domino(const std::string& command, const std::string& words = "") const {
+        return dominoSim(command + " " + m_server + " " + words);
     }
-    std::string domino_said() const { return read_file(m_scratch / "domino-sim.out"); }
-
-    // What users do: a document, a new instance, so many full extents.
+    // What users do: documents, so many full extents.
     void put(const std::string& name, const std::string& more = "--text new") const {
-        ASSERT_EQ(domino("put " + m_server + " " + name + " " + more), 0) << domino_said();
-    }
-    void compact(const std::string& name) const {
-        ASSERT_EQ(domino("compact " + m_server + " " + name), 0) << domino_said();
+        domino("put", name + " " + more);
     }
     void fill_extents(std::size_t count) const {
         for (int i = 0; i < 1000 && extents().size() <= count; ++i)
             put("mail/user1.nsf", "--count 5 --text " + std::string(9000, 'x'));
     }
-    // What the server reads in a database; null when it cannot.
+    // What the server reads in a database.
     json shown(const std::string& name) const {
-        if (domino("show " + m_server + " " + name + " --json") != 0)
-            return nullptr;
-        return json::parse(domino_said());
+        return json::parse(domino("show", name + " --json"));
     }
     std::string digest(const std::string& name) const { return shown(name)["digest"]; }
     // The numbers of the extents that the server still has, oldest first.
@@ -116,7 +80,7 @@ class OverTheSimulator : public testing::Test {
         m_errors = outcome.errors;
         EXPECT_EQ(outcome.exit_code, exit_code)
             << testing::PrintToString(words) << m_errors << outcome.output;
-        EXPECT_THAT(m_errors, testing::HasSubstr(says)) << testing::PrintToString(words);
+        EXPECT_THAT(m_errors, HasSubstr(says)) << testing::PrintToString(words);
         EXPECT_THAT(private_folders(), testing::IsSubsetOf(before))
             << testing::PrintToString(words);
         return outcome.output.empty() ? json() : json::parse(outcome.output);

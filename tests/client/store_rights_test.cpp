@@ -1,16 +1,16 @@
-// What comes out of a store where there is no server, no right to write, or no right to read.
+// What comes out of a store where there is no server, no right to write, or no right to read, or
+// where bits have changed.
 #include "client/recovery_journal.h"
 #include "client/server_user.h"
 #include "client/store/digest.h"
 #include "client/store/state_folder.h"
 #include "tests/client/simulated_server.h"
 
+#include <random>
 #include <sys/mount.h>
 
 namespace qrtln::test {
 namespace {
-
-using testing::HasSubstr;
 
 class StoreRights : public OverTheSimulator {
   protected:
@@ -149,6 +149,46 @@ TEST_F(StoreRights, RootRunsTheLibraryAsTheServersUserWhoGetsNothingOfTheStore) 
                     m_store + " --notes-ini " + m_server + "/notes.ini 2>" + m_err),
               12);
     EXPECT_THAT(read_file(m_err), HasSubstr("sudo -u '#12345' " QRTLN_EXECUTABLE " prove "));
+}
+
+// Bits of the store that flip: each is found by verify, and before a live database is touched.
+class BitRot : public OverTheSimulator {};
+
+// QRTLN_LONG_TESTS=1 in the environment: a thousand flips instead of forty.
+TEST_F(BitRot, EveryFlippedBitIsFoundByVerifyAndBeforeActivation) {
+    backup(0);
+    const std::string set = backup(0)["set"]; // the second one writes the index
+    run(0, {"prove"});
+    const std::string live = m_data + "/names.nsf", before = read_file(live);
+    // The files whose content counts. Every tenth flip is in an object that is then to be
+    // activated.
+    const std::string object = object_file(set, live);
+    Words files = {m_store + "/store.json", m_store + "/runtime/qrtln_DBIID.ini"};
+    for (const char* folder : {"/objects", "/sets"})
+        for (const auto& [name, content] : snapshot(m_store + folder))
+            if (content != "folder")
+                files.push_back(m_store + folder + name);
+    std::mt19937 random(20261121);
+    const int flips = std::getenv("QRTLN_LONG_TESTS") != nullptr ? 1000 : 40;
+    int activations = 0;
+    for (int i = 0; i < flips; ++i) {
+        const std::string& file = i % 10 == 0 ? object : files[random() % files.size()];
+        const std::string whole = read_file(file);
+        const std::size_t bit = random() % (whole.size() * 8);
+        std::string damaged = whole;
+        damaged[bit / 8] = static_cast<char>(damaged[bit / 8] ^ (1 << bit % 8));
+        write_file(file, damaged);
+        SCOPED_TRACE(file + ", bit " + std::to_string(bit));
+        EXPECT_EQ(verify(), 4);
+        if (file == object) {
+            run(4, {"restore", "names.nsf", "--set", set, "--activate"});
+            EXPECT_EQ(read_file(live), before);
+            ++activations;
+        }
+        write_file(file, whole);
+    }
+    EXPECT_EQ(verify(), 0); // the flips were all
+    std::printf("%d bits flipped, %d of them before an activation\n", flips, activations);
 }
 
 } // namespace

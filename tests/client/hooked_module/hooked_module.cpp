@@ -7,7 +7,6 @@
 //         prepared  it was prepared
 //         set       it is to be restored
 //         finish    the client is done with it
-//         close     the operation is to be closed with success
 //   ITEM  its path; READY  the file to read it from
 // A script that fails fails the call; each line of its output is one of the module's log.
 #include "qrt_lotus_notes/db_interface.h"
@@ -77,11 +76,5 @@ int DB_SetItem(DB_ITEM_TYPE type, char* item) {
 int DB_ItemFinishStatus(DB_ITEM_RESULT result) {
     hook("finish");
     return real(&DB_ItemFinishStatus, "DB_ItemFinishStatus")(result);
-}
-
-int DB_CloseOperation(char** variables) {
-    if (std::strcmp(variables[0], "STATUS=0") == 0 && !hook("close"))
-        return DB_NUM_E_FAILED;
-    return real(&DB_CloseOperation, "DB_CloseOperation")(variables);
 }
 }
