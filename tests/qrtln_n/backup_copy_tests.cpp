@@ -15,8 +15,8 @@ class BackupCopyTest : public NotesFloorTest {
   protected:
     BackupCopyTest() {
         script.memory[9].resize(32768);
-        copyText(g_sQRTLN_Global.szNotesDataDirectory, folder.file("data/").c_str());
-        copyText(g_sQRTLN_Global.szTmpDir, folder.makeDirectory("tmp").c_str());
+        set(g_sQRTLN_Global.szNotesDataDirectory, "@/data/");
+        set(g_sQRTLN_Global.szTmpDir, "@/tmp");
         useDatabase("mail/user.nsf", "content");
     }
 
@@ -76,11 +76,10 @@ TEST_F(BackupCopyTest, CopiesOfEverySizeAreOnDiskAtTheStopAndExact) {
     copyText(g_sQRTLN_Global.szTmpDir, folder.file("tmp/").c_str());
     for (const std::size_t bytes : {0, 1, 32768, 32769, 200000}) {
         SCOPED_TRACE(bytes);
-        std::string content;
-        while (content.size() < bytes) {
-            content += std::to_string(content.size());
+        std::string content(bytes, '\0');
+        for (std::size_t i = 0; i < bytes; ++i) {
+            content[i] = static_cast<char>(i % 251);
         }
-        content.resize(bytes);
         std::filesystem::remove(copy); // an existing copy would not be truncated
         useDatabase("mail/..a..nsf", content);
         size += 3; // what the file lacks is zeros, and said
@@ -123,7 +122,6 @@ TEST_F(BackupCopyTest, TheResultTellsHowTheDatabaseIsLogged) {
         const char* said;
     } rows[] = {
         {"a.nsf", 0, 1, 3000, "] is logged, DBIID [F7777776]"},
-        {"a.ntf", 0, 1, 3000, "] is logged, DBIID [F7777776]"},
         {"a.nsf", 0, 0, 2000, "] is not logged. Resulting backup file may not be recoverable!"},
         {"a.NTF", 0, 0, 3000, "a.NTF must not be logged."},
         {"a.nsf", 1234, 1, 2000, "(): NSFDbGetLogInfo failed: Notes text 1234"},
@@ -152,6 +150,7 @@ TEST_F(BackupCopyTest, TheResultTellsHowTheDatabaseIsLogged) {
 TEST_F(BackupCopyTest, AFailedCallIsUndoneInTheReverseOrderAndReported) {
     const Step endApply = {"NSFBackupEndApplyChangeInfo 90 1"};
     const Step stop = {"NSFBackupStop 7 70"};
+    const std::string ignored = "NSFBackupEndApplyChangeInfo LN C API call failed: Notes text 1234";
     const std::string noDatabase = "File U:L:" + database + " is not a database.";
     const struct {
         bool copied;
@@ -168,17 +167,10 @@ TEST_F(BackupCopyTest, AFailedCallIsUndoneInTheReverseOrderAndReported) {
         {true, 3, 1234, {abort, close}},
         {true, 4, 1234, {free, abort, close}, "cannot lock the working buffer"},
         {true, 5, 1234, {unlock, free, abort, close}},
-        {true, 6, 1234, {unlock, free, abort, close}},
         {true, 7, 1234, {unlock, free, abort, close}},
         {true, 8, 1234, {endApply, unlock, free, abort, close}},
-        {true, 11, 1234, {endApply, unlock, free, abort, close}},
         // Ignored by contract; the log line is what a careful host goes by.
-        {true,
-         12,
-         1234,
-         {end, unlock, free, close},
-         "NSFBackupEndApplyChangeInfo LN C API call failed: Notes text 1234",
-         3000},
+        {true, 12, 1234, {end, unlock, free, close}, ignored, 3000},
         {false, 0, 1234, {}, "Notes text 1234 [U:L:" + database + "]"},
         // Only what the server itself calls no database is saved as a plain file.
         {false, 0, 513, {}, noDatabase, 3000},
@@ -186,7 +178,6 @@ TEST_F(BackupCopyTest, AFailedCallIsUndoneInTheReverseOrderAndReported) {
         {false, 0, 259, {}, "Notes text 513"},
         {false, 1, 3748, {abort, close}, "Notes text 3748"},
         {false, 2, 1234, {stop, abort, close}},
-        {false, 5, 1234, {abort, close, free}},
         {false, 8, 1234, {endApply, abort, close, free}},
     };
     for (const auto& row : rows) {
@@ -213,7 +204,7 @@ TEST_F(BackupCopyTest, AFailedCallIsUndoneInTheReverseOrderAndReported) {
     database += "x"; // is not there
     script.play({{"NSFDbOpen L:" + database, {.status = 259}}});
     EXPECT_EQ(prepare(false), 1000);
-    EXPECT_EQ(takeErrorText(), "Notes text 259 [U:L:" + database + "]");
+    EXPECT_EQ(takeErrorText(), "Notes text 259 [U:L:@/data/mail/user.nsfx]");
 }
 
 // The server hears once in a hundred chunks how far the copy has got; its answer does not count.
@@ -244,17 +235,16 @@ TEST_F(BackupCopyTest, ADatabaseCutOffDuringItsCopyIsCopiedInFullLength) {
 }
 
 TEST_F(BackupCopyTest, APathThatIsNoPlaceOfACopyIsRefusedBeforeAnyCall) {
-    const std::string data = folder.file("data/");
     for (const auto& [path, tmpDir] : std::vector<std::pair<std::string, std::string>>{
              {"name.nsf", "/t"},
              {"/a.nsf", "/t"}, // shorter than the data directory
-             {data + "mail/../../../etc/a.nsf", "/t"},
-             {data + "mail/..", "/t"},
-             {data + std::string(1000 - data.size(), 'x'), "/" + std::string(100, 'y')},
+             {"@/data/mail/../../../etc/a.nsf", "/t"},
+             {"@/data/mail/..", "/t"},
+             {"@/data/" + std::string(950, 'x'), "/" + std::string(100, 'y')},
              {"/" + std::string(1024, 'x') + "\xC3", "/t"},
-             {database, folder.file("data")}}) {
-        copyText(g_sQRTLN_Global.szTmpDir, tmpDir.c_str());
-        database = path;
+             {"@/data/mail/user.nsf", "@/data"}}) {
+        set(g_sQRTLN_Global.szTmpDir, tmpDir);
+        database = full(path);
         EXPECT_EQ(prepare(true), 1000);
         EXPECT_THAT(takeErrorText(),
                     testing::StartsWith("PrepareOpenDbForBackup(): File full path [U:L:" +
@@ -291,10 +281,8 @@ TEST(CopyPasses, AddUpToTheWholeSize) {
     const std::vector<std::vector<std::uint64_t>> rows = {
         {0},
         {0xFFFFFFFF, 0xFFFFFFFF},
-        {0x100000005, 6, 0xFFFFFFFF},
         // The low half leaves no room for the byte that the second pass lacks.
         {0x1FFFFFFFF, 1, 0xFFFFFFFF, 0xFFFFFFFF},
-        {0x2FFFFFFFD, 0xFFFFFFFF, 0xFFFFFFFF, 0xFFFFFFFF},
         {0x2FFFFFFFE, 2, 0xFFFFFFFF, 0xFFFFFFFF, 0xFFFFFFFE}};
     for (const auto& row : rows) {
         CopyPasses passes(static_cast<DWORD>(row[0]), static_cast<DWORD>(row[0] >> 32));

@@ -1,9 +1,6 @@
 // Databases taken offline, rolled forward, put in place and brought online.
 #include "qrt_lotus_notes/qrtln_n/database_recovery.h"
 
-#include <sstream>
-
-#include "qrt_lotus_notes/qrtln_l/file_list_queue.h"
 #include "qrt_lotus_notes/qrtln_u/roll_forward.h"
 #include "tests/qrtln_n/notes_floor_test.h"
 
@@ -13,21 +10,15 @@ namespace {
 class DatabaseRecovery : public NotesFloorTest {
   protected:
     DatabaseRecovery() { setenv("TZ", "CET-1", 1); }
-    ~DatabaseRecovery() override {
-        unsetenv("TZ");
-        DestroyFIFOList(list);
-    }
+    ~DatabaseRecovery() override { unsetenv("TZ"); }
 
     std::string copy(char name) const { return folder.file(std::string("tmp/") + name + ".nsf"); }
     std::string live(char name) const { return folder.file(std::string("data/") + name + ".nsf"); }
 
-    void add(const std::string& restored, const std::string& original) const {
-        pushPath(list, (restored + "[?]" + original).c_str(), DB_BACKUP_FILE_TYPE_DB);
-    }
+    int recover() const { return RecoverDb(g_sQRTLN_Global.lhNotesFileList); }
     // Starts over with one pair for each letter; a capital one has no original.
     void startWith(const std::string& names, const char* rollForward = nullptr) {
-        DestroyFIFOList(list);
-        list = CreateFIFOList();
+        std::string pairs;
         std::filesystem::remove_all(folder.file("tmp"));
         std::filesystem::remove_all(folder.file("data"));
         folder.makeDirectory("data");
@@ -36,8 +27,9 @@ class DatabaseRecovery : public NotesFloorTest {
             if (std::islower(static_cast<unsigned char>(name)) != 0) {
                 folder.write(std::string("data/") + name + ".nsf", "old");
             }
-            add(copy(name), live(name));
+            pairs += copy(name) + "[?]" + live(name) + " ";
         }
+        setQueue(g_sQRTLN_Global.lhNotesFileList, pairs);
         g_sQRTLN_Global.sRecoveryChoices = {};
         ASSERT_TRUE(rollForward == nullptr ||
                     readRollForward(rollForward, g_sQRTLN_Global.sRecoveryChoices));
@@ -45,12 +37,6 @@ class DatabaseRecovery : public NotesFloorTest {
         takeErrorText();
     }
 
-    Step offline(char name, STATUS status = 0) const {
-        return {"NSFTakeDatabaseOffline L:" + live(name) + " 0 0", {.status = status}};
-    }
-    Step online(char name, STATUS status = 0) const {
-        return {"NSFBringDatabaseOnline L:" + live(name) + " 0", {.status = status}};
-    }
     // Plays calls, each "offline a", "online a", "recover ab" or "identify ab" (which gives new
     // identities), with "=status" where it fails and "@n" for the database that is named then.
     void play(const std::string& calls, const std::string& until = "end") {
@@ -65,11 +51,12 @@ class DatabaseRecovery : public NotesFloorTest {
             for (const char name : std::string(names)) {
                 block += (block.empty() ? "L:" : ",L:") + copy(name);
             }
-            script.play({call == "offline"  ? offline(names[0], answer.status)
-                         : call == "online" ? online(names[0], answer.status)
-                         : call == "recover"
-                             ? Step{"NSFRecoverDatabases " + block + " 4 " + until, answer}
-                             : Step{"NSFRecoverDatabases " + block + " 2 " + until, answer}});
+            const std::string path = " L:" + live(names[0]);
+            script.play({{call == "offline"  ? "NSFTakeDatabaseOffline" + path + " 0 0"
+                          : call == "online" ? "NSFBringDatabaseOnline" + path + " 0"
+                                             : "NSFRecoverDatabases " + block +
+                                                   (call == "recover" ? " 4 " : " 2 ") + until,
+                          answer}});
         }
     }
 
@@ -97,8 +84,6 @@ class DatabaseRecovery : public NotesFloorTest {
         }
         return text;
     }
-
-    LIST_INFO* list = CreateFIFOList();
 };
 
 TEST_F(DatabaseRecovery, TakesOfflineReplaysReplacesAndBringsOnline) {
@@ -115,8 +100,6 @@ TEST_F(DatabaseRecovery, TakesOfflineReplaysReplacesAndBringsOnline) {
         {"one over its original", "a", "offline a recover a online a", 3000, "a:new",
          "Recovery Successfully ended."},
         {"lost original", "A", "recover A online A", 3000, "A:new"},
-        {"one in use", "abc", "offline a offline b=37866 offline c recover ac online a online c",
-         3000, "a:new b:old+ c:new"},
         // The second deletion hits the entry that moved up: d, which stays offline, goes in the
         // place of c, which is in use.
         {"two in use: positions are not adjusted", "abcd",
@@ -137,8 +120,6 @@ TEST_F(DatabaseRecovery, TakesOfflineReplaysReplacesAndBringsOnline) {
         {"two in use are excluded exactly", "abcd",
          "offline a=5098 offline b offline c=9 offline d recover bd online b online d", 3000,
          "a:old+ b:new c:old+ d:new", "NOT recovered a, NOT recovered c, recovered b, recovered d"},
-        {"all in use", "ab", "offline a=5098 offline b=5098", 1000, "a:old+ b:old+",
-         "NOT recovered a, NOT recovered b"},
         {"originals come back after a failed replay", "abC",
          "offline a offline b=5098 recover aC=513@2 online a", 1000, "a:old+ b:old+ C:-+",
          "NOT recovered b, NOT recovered a, NOT recovered C"},
@@ -168,7 +149,7 @@ TEST_F(DatabaseRecovery, TakesOfflineReplaysReplacesAndBringsOnline) {
         startWith(c.names, rollForward);
         g_sQRTLN_Global.bNewDbiid = c.newDbiid;
         play(c.calls);
-        EXPECT_EQ(RecoverDb(list), c.result);
+        EXPECT_EQ(recover(), c.result);
         script.expectPlayed();
         EXPECT_EQ(outcome(c.names), c.outcome);
         EXPECT_EQ(told(), rollForward != nullptr ? c.told : "");
@@ -190,31 +171,23 @@ TEST_F(DatabaseRecovery, AFailedCopyIsDeletedUnlessRolledForward) {
         std::filesystem::remove(live('a'));
         folder.makeDirectory("data/a.nsf"); // cannot be written to
         play("offline a offline b recover ab online a online b");
-        EXPECT_EQ(RecoverDb(list), 1000);
+        EXPECT_EQ(recover(), 1000);
         EXPECT_EQ(outcome("ab"), rollForward ? "a:-+ b:new" : "a:- b:new");
         EXPECT_EQ(told(), rollForward ? "NOT recovered a, recovered b" : "");
-        EXPECT_TRUE(said("Copy of file [U:L:" + copy('a') + "] to [U:L:" + live('a') + "] FAILED"));
-        // The directory of a lost original is created only then.
-        startWith("A", rollForward ? "YES" : nullptr);
-        std::filesystem::remove_all(folder.file("data"));
-        play("recover A online A");
-        EXPECT_EQ(RecoverDb(list), rollForward ? 3000 : 1000);
-        EXPECT_EQ(outcome("A"), rollForward ? "A:new" : "A:-");
+        EXPECT_TRUE(said("Copy of file [U:L:@/tmp/a.nsf] to [U:L:@/data/a.nsf] FAILED"));
     }
 }
 
 // By whatever spelling of the path.
 TEST_F(DatabaseRecovery, InPlaceNothingIsTakenOfflineCopiedOrDeleted) {
     startWith("ab");
-    DestroyFIFOList(list);
-    list = CreateFIFOList();
     const std::string other = folder.file("data//b.nsf");
-    add(live('a'), live('a'));
-    add(other, live('b'));
+    setQueue(g_sQRTLN_Global.lhNotesFileList,
+             live('a') + "[?]" + live('a') + " " + other + "[?]" + live('b'));
     script.play({{"NSFRecoverDatabases L:" + live('a') + ",L:" + other + " 2 end"}});
     play("online a online b");
     g_sQRTLN_Global.bNewDbiid = TRUE;
-    EXPECT_EQ(RecoverDb(list), 3000);
+    EXPECT_EQ(recover(), 3000);
     EXPECT_EQ(outcome("ab"), "a:old+ b:old+");
 }
 
@@ -240,42 +213,23 @@ TEST_F(DatabaseRecovery, TheMomentIsGivenToTheServerOnlyAsItself) {
         if (row.recovers) {
             play("recover A online A", "4141500:" + std::to_string(0x80000000 | 2460325));
         }
-        EXPECT_EQ(RecoverDb(list), row.recovers ? 3000 : 1000);
+        EXPECT_EQ(recover(), row.recovers ? 3000 : 1000);
         EXPECT_EQ(takeErrorText().empty(), row.recovers);
         EXPECT_EQ(outcome("A"), row.recovers ? "A:new" : "A:-+");
     }
 }
 
-TEST_F(DatabaseRecovery, TheServerIsToldWhetherALogIsThere) {
-    std::string log = folder.write("logs/S0000007.TXN");
-    UNIVERSALNOTEID id = {};
-    EXPECT_EQ(LogRestoreCallBack(&id, 7, log.data()), 0);
-    EXPECT_TRUE(said("Transaction Log requested: [" + log + "]."));
-    startWith("a", "YES");
-    log += "2";
-    EXPECT_NE(LogRestoreCallBack(&id, 7, log.data()), 0);
-    EXPECT_TRUE(messages.hasLog("ROLLFORWARD: missing transaction log [" + log + "]"));
-}
-
-TEST_F(DatabaseRecovery, OfflineAndOnlineCallsAndTheirResults) {
-    const std::string path = live('a');
-    for (const auto& [status, result] : {std::pair{0, 3000}, {5098, 13}, {9, 1000}}) {
-        const std::string error = status == 0 ? "" : "Notes text " + std::to_string(status);
-        script.play(
-            {offline('a', static_cast<STATUS>(status)), online('a', static_cast<STATUS>(status))});
-        EXPECT_EQ(TakeDbsOffline(path.c_str()), result);
-        EXPECT_EQ(takeErrorText(), error);
-        EXPECT_EQ(ActivateDb(path.c_str()), status == 0 ? 3000 : 1000);
-        EXPECT_EQ(takeErrorText(), error);
-    }
-    EXPECT_TRUE(said("taken offline"));
-    EXPECT_TRUE(said("brought online"));
-    // No call with a path that was cut, and none without a runtime.
+TEST_F(DatabaseRecovery, NoPathThatWasCutGoesToTheServerAndNoneWithoutARuntime) {
     const std::string longPath = "/" + std::string(1027, 'x');
-    EXPECT_EQ(TakeDbsOffline(longPath.c_str()), 1000);
-    EXPECT_THAT(takeErrorText(), testing::StartsWith("TakeDbsOffline(): File full path [U:L:/xxx"));
-    EXPECT_EQ(BringDbsOnline(longPath.c_str()), 1000);
-    takeErrorText();
+    for (const auto& call : {TakeDbsOffline, BringDbsOnline}) {
+        EXPECT_EQ(call(longPath.c_str()), 1000);
+        EXPECT_THAT(takeErrorText(), testing::HasSubstr("(): File full path [U:L:/xxx"));
+    }
+    const std::string path = live('a');
+    play("offline a online a");
+    EXPECT_EQ(TakeDbsOffline(path.c_str()), 3000);
+    EXPECT_EQ(ActivateDb(path.c_str()), 3000);
+    EXPECT_TRUE(said("taken offline") && said("brought online"));
     g_sQRTLN_Global.bNotesInitialized = FALSE;
     EXPECT_EQ(TakeDbsOffline(path.c_str()), 1000);
     EXPECT_EQ(takeErrorText(), kRuntimeNotInitialized);

@@ -1,7 +1,6 @@
 // Single documents from a restored copy back into the live database: the exact calls.
 #include "qrt_lotus_notes/qrtln_n/document_restore.h"
 
-#include "qrt_lotus_notes/qrtln_l/file_list_queue.h"
 #include "tests/qrtln_n/notes_floor_test.h"
 
 namespace {
@@ -36,23 +35,17 @@ class DocumentRestoreTest : public NotesFloorTest {
   protected:
     DocumentRestoreTest() {
         copyText(g_sQRTLN_Global.szPointInTime, "202401151030");
-        copyText(g_sQRTLN_Global.szNotesDataDirectory, folder.path().c_str());
-    }
-    ~DocumentRestoreTest() override { DestroyFIFOList(noteIds); }
-    DocumentRestoreTest(const DocumentRestoreTest&) = delete;
-    DocumentRestoreTest& operator=(const DocumentRestoreTest&) = delete;
-
-    int restore(bool deleted) const {
-        return deleted ? RestoreDeletedDocuments("/live/a.nsf", "/copy/a.nsf", "01/15/2024 10:30")
-                       : RestoreChangedDocuments("/live/a.nsf", "/copy/a.nsf", noteIds,
-                                                 "01/15/2024 10:30");
-    }
-    void list(const std::string& id) const {
-        PushFIFOItemLN(noteIds, id.c_str(), static_cast<unsigned>(id.size() + 1),
-                       DB_BACKUP_FILE_TYPE_DB);
+        set(g_sQRTLN_Global.szNotesDataDirectory, "@");
+        setQueue(g_sQRTLN_Global.lhNotesFileList, "4");
     }
 
-    LIST_INFO* noteIds = CreateFIFOList();
+    static int restore(bool deleted, const char* live = "/live/a.nsf",
+                       const char* copy = "/copy/a.nsf") {
+        const char* const since = "01/15/2024 10:30";
+        return deleted
+                   ? RestoreDeletedDocuments(live, copy, since)
+                   : RestoreChangedDocuments(live, copy, g_sQRTLN_Global.lhNotesFileList, since);
+    }
 };
 
 TEST_F(DocumentRestoreTest, DeletedDocumentsThatTheBackupHasAreCopiedAndMarkedUnread) {
@@ -63,6 +56,16 @@ TEST_F(DocumentRestoreTest, DeletedDocumentsThatTheBackupHasAreCopiedAndMarkedUn
                 Steps{destroyed} + closed);
     EXPECT_EQ(DeletedDocumentsRecovery("/copy/a.nsf", "/live/a.nsf"), 3000);
     EXPECT_EQ(takeErrorText(), "");
+    script.expectPlayed();
+    // Unread already: nothing is written.
+    script.tables[30] = {4};
+    script.play(failingAt(3, 0, marked) + Steps(marked.end() - 3, marked.end()));
+    EXPECT_EQ(setNotesAsUnread(1, 4), 3000);
+    // A name that fills its buffer is passed whole.
+    const std::string name(257, 'n');
+    script.play({{"SECKFMGetUserName", {.text = name}},
+                 {"NSFDbGetUnreadNoteTable 1 " + name + " 257 1", {.status = 9}}});
+    EXPECT_EQ(setNotesAsUnread(1, 4), 1000);
 }
 
 // A changed document stays deleted when its copy fails; all are back when only a close fails.
@@ -73,6 +76,7 @@ TEST_F(DocumentRestoreTest, AFailureReleasesEverything) {
     const Steps ofChanged =
         begun + Steps{documentsOfBackup, {"NSFNoteDelete 1 4 0"}, {"NSFDbCopyNote 2 4 1"}} +
         released;
+    const auto marks = [](long from) { return Steps(marked.begin() + from, marked.end()); };
     // The text of one function in both: readers of traces know it.
     const char* const ofOther =
         "RestoreDeletedDocuments(): NSFDbClose() call for backup database FAILED: Notes text 12.";
@@ -81,87 +85,53 @@ TEST_F(DocumentRestoreTest, AFailureReleasesEverything) {
         std::size_t step; // that fails, counted from 0
         STATUS status;
         Steps after;
-        int result;
         const char* said = "";
-        bool error = true; // the status has its text in the error
+        bool fails = true; // with the text of the status
     } rows[] = {
-        {true, 0, 259, {}, 1000, "NSFDbOpen() failure on file: U:L:/live/a.nsf"},
-        {true, 2, 9, closed, 1000},
-        {true, 5, 9, closed, 1000},
-        {true, 5, kNothing, closed, 3000, "", false},
-        {true, 7, 9, closed, 1000},
-        {true, 7, kNothing, closed, 3000, "", false},
-        {true, 8, 9, released, 1000},
-        // Unread marks are not worth a failure.
-        {true, 9, 9, released, 3000, "Setting note as unread failed.", false},
-        {true, 19, 11, {closed[1]}, 1000},
-        {true, 20, 12, {}, 1000, ofOther},
-        {false, 5, kNothing, closed, 3000, "", false},
-        {false, 7, 9, closed, 1000},
-        {false, 8, 9, released, 1000, "NSFNoteDelete() call failed."},
-        {false, 9, 9, released, 1000},
-        {false, 12, 12, {}, 1000, ofOther},
+        {true, 0, 259, {}, "NSFDbOpen() failure on file: U:L:/live/a.nsf"},
+        {true, 2, 9, closed},
+        {true, 5, 9, closed},
+        {true, 7, 9, closed},
+        {true, 7, kNothing, closed, "", false},
+        {true, 8, 9, released},
+        // Unread marks are not worth a failure; the table goes back without the note, or not at
+        // all.
+        {true, 9, 9, released, "Could not get user name.", false},
+        {true, 10, 9, released, "Could not get unread notes table.", false},
+        {true, 11, 9, marks(8) + released, "Could not update unread notes table.", false},
+        {true, 12, 9, marks(8) + released, "Could not copy unread notes table.", false},
+        {true, 13, 9, marks(5) + released, "Insert note into unread list unsuccessful.", false},
+        {true, 14, 9, marks(6) + released, "Could not set unread note table.", false},
+        {true, 15, 9, marks(7) + released, "Could not update unread notes table.", false},
+        {true, 19, 11, {closed[1]}},
+        {true, 20, 12, {}, ofOther},
+        {false, 5, kNothing, closed, "", false},
+        {false, 8, 9, released, "NSFNoteDelete() call failed."},
+        {false, 9, 9, released},
+        {false, 12, 12, {}, ofOther},
     };
-    list("4");
+    long unmarked = 0;
     for (const auto& row : rows) {
         SCOPED_TRACE(std::to_string(row.deleted) + " " + std::to_string(row.step));
         messages.clear();
         script.tables = {{10, {row.deleted ? kDeletedBit | 4 : 4}}, {20, {4}}};
         script.play(failingAt(row.step, row.status, row.deleted ? ofDeleted : ofChanged) +
                     row.after);
-        EXPECT_EQ(restore(row.deleted), row.result);
+        EXPECT_EQ(restore(row.deleted), row.fails ? 1000 : 3000);
         EXPECT_TRUE(said(row.said));
-        EXPECT_EQ(takeErrorText(), row.error ? "Notes text " + std::to_string(row.status) : "");
+        EXPECT_EQ(takeErrorText(), row.fails ? "Notes text " + std::to_string(row.status) : "");
+        unmarked += with("Setting note as unread failed.", messages.traces());
         script.expectPlayed();
     }
+    EXPECT_EQ(unmarked, 5);
 }
 
 TEST_F(DocumentRestoreTest, DatabasesGoByTheirFileNamesAlone) {
-    EXPECT_EQ(RestoreDeletedDocuments("/live/a.nsf", "/copy/b.nsf", "x"), 1000);
-    EXPECT_EQ(RestoreChangedDocuments("/live/a.nsf", "/copy/A.nsf", noteIds, "x"), 1000);
+    EXPECT_EQ(restore(true, "/live/a.nsf", "/copy/b.nsf"), 1000);
+    EXPECT_EQ(restore(false, "/live/a.nsf", "/copy/A.nsf"), 1000);
     EXPECT_EQ(takeErrorText(), "") << "only traced";
-    const std::string longPath = "/" + std::string(1100, 'x') + "/a.nsf";
-    EXPECT_EQ(RestoreDeletedDocuments(longPath.c_str(), "/copy/a.nsf", "x"), 1000);
+    EXPECT_EQ(restore(true, ("/" + std::string(1100, 'x') + "/a.nsf").c_str()), 1000);
     EXPECT_THAT(takeErrorText(), testing::HasSubstr("RestoreDeletedDocuments(): File full path"));
-}
-
-TEST_F(DocumentRestoreTest, UnreadMarksThatFailAreOnlyTraced) {
-    const Steps end(marked.end() - 3, marked.end());
-    const struct {
-        std::size_t step; // of `marked`
-        Steps after;
-        int result;
-        const char* said;
-    } rows[] = {
-        {0, {}, 1000, "Could not get user name."},
-        {1, {}, 1000, "Could not get unread notes table."},
-        {2, {marked[8]}, 1000, "Could not update unread notes table."},
-        {3, {marked[8]}, 1000, "Could not copy unread notes table."},
-        // Not fatal: the table goes back without the note, or not at all.
-        {4, Steps{marked[5]} + end, 3000, "Insert note into unread list unsuccessful."},
-        {5, end, 3000, "Could not set unread note table."},
-        {6, {marked[7], marked[8]}, 1000, "Could not update unread notes table."},
-    };
-    for (const auto& row : rows) {
-        SCOPED_TRACE(row.step);
-        messages.clear();
-        script.tables.clear();
-        script.play(failingAt(row.step, 9, marked) + row.after);
-        EXPECT_EQ(setNotesAsUnread(1, 4), row.result);
-        EXPECT_TRUE(messages.logs().empty());
-        EXPECT_TRUE(said(row.said));
-        script.expectPlayed();
-    }
-    // Unread already: nothing is written.
-    script.tables[30] = {4};
-    script.play(failingAt(3, 0, marked) + end);
-    EXPECT_EQ(setNotesAsUnread(1, 4), 3000);
-    script.expectPlayed();
-    // A name that fills its buffer is passed whole.
-    const std::string name(257, 'n');
-    script.play({{"SECKFMGetUserName", {.text = name}},
-                 {"NSFDbGetUnreadNoteTable 1 " + name + " 257 1", {.status = 9}}});
-    EXPECT_EQ(setNotesAsUnread(1, 4), 1000);
 }
 
 // What changed and is on the list; when nothing is both, the backup is not read.
@@ -203,21 +173,19 @@ TEST_F(DocumentRestoreTest, ListLinesLoseOneCharacterAndTheListIsDeletedWhatever
     }
     EXPECT_TRUE(said("Deleting note (12) from original"));
     EXPECT_TRUE(said("Copying note (4) to original"));
-    // Without a list that can be read nothing is touched.
-    messages.clear();
-    const std::string copy = folder.write("copy/a.nsf");
-    folder.makeDirectory("noteids_list.txt");
-    EXPECT_EQ(ChangedDocumentsRecovery(copy.c_str(), "/live/a.nsf"), 1000);
-    EXPECT_TRUE(folder.exists("copy/a.nsf"));
-    EXPECT_TRUE(said("Could not open NoteID list file"));
-}
-
-TEST_F(DocumentRestoreTest, TheLiveDatabaseIsNeverTakenForItsCopy) {
-    const std::string live = folder.write("a.nsf", "mail");
+    // The live database is never taken for its copy.
     folder.write("noteids_list.txt", "4\n");
-    EXPECT_EQ(ChangedDocumentsRecovery((folder.path() + "//a.nsf").c_str(), live.c_str()), 1000);
+    const std::string live = folder.write("a.nsf", "mail");
+    EXPECT_EQ(ChangedDocumentsRecovery(full("@//a.nsf").c_str(), live.c_str()), 1000);
     EXPECT_EQ(folder.read("a.nsf"), "mail");
     EXPECT_THAT(takeErrorText(), testing::EndsWith("is the live database itself"));
+    // Without a list that can be read nothing is touched.
+    std::filesystem::remove(folder.file("noteids_list.txt"));
+    folder.makeDirectory("noteids_list.txt");
+    const std::string copy = folder.write("copy/a.nsf");
+    EXPECT_EQ(ChangedDocumentsRecovery(copy.c_str(), live.c_str()), 1000);
+    EXPECT_TRUE(folder.exists("copy/a.nsf"));
+    EXPECT_TRUE(said("Could not open NoteID list file"));
 }
 
 } // namespace

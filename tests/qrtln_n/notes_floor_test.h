@@ -1,21 +1,12 @@
-// What the tests of the Notes floor share: a clean record of the operation with the runtime up,
-// captured messages, a folder, and the Notes C API as a script.
+// What the tests of the Notes floor share: an operation with the runtime up, and the Notes C API as
+// a script.
 #pragma once
 
-#include <algorithm>
 #include <cstring>
 #include <set>
-#include <string>
-#include <vector>
 
-#include <gmock/gmock.h>
-
-#include "common/bounded_text.h"
-#include "qrt_lotus_notes/operation_state.h"
-#include "qrt_lotus_notes/qrtln_u/messages.h"
-#include "tests/support/message_capture.h"
+#include "tests/qrtln_lower/operation_test.h"
 #include "tests/support/notes_api_fake.h"
-#include "tests/support/temporary_folder.h"
 
 // A call that the module is expected to make, as NotesCall::text has it, and its answer.
 struct Step {
@@ -86,35 +77,9 @@ class ScriptedNotesApi : public NotesApiFake {
     bool m_failed = false;
 };
 
-class NotesFloorTest : public testing::Test {
+class NotesFloorTest : public OperationTest {
   protected:
-    NotesFloorTest() {
-        // The callbacks of `messages` outlive the reset.
-        const auto traceFunction = g_sQRTLN_Global.vpTraceFunc;
-        const auto logFunction = g_sQRTLN_Global.vpLogFunc;
-        g_sQRTLN_Global = {};
-        g_sQRTLN_Global.vpTraceFunc = traceFunction;
-        g_sQRTLN_Global.vpLogFunc = logFunction;
-        g_sQRTLN_Global.bNotesInitialized = TRUE;
-    }
+    NotesFloorTest() { g_sQRTLN_Global.bNotesInitialized = TRUE; }
 
-    // The text of the pending error, which is cleared; empty when there is none.
-    static std::string takeErrorText() {
-        TYPE_DB_Error error = {};
-        takeError(&error);
-        return error.szDBErrorMsg;
-    }
-
-    // Whether a trace or a log line has this part.
-    bool said(const std::string& part) const {
-        const auto has = [&](const std::string& text) {
-            return text.find(part) != std::string::npos;
-        };
-        return std::any_of(messages.traces().begin(), messages.traces().end(), has) ||
-               std::any_of(messages.logs().begin(), messages.logs().end(), has);
-    }
-
-    TemporaryFolder folder;
-    MessageCapture messages;
     ScriptedNotesApi script;
 };
