@@ -30,7 +30,6 @@ void traceLevel() {
     case DB_LEVEL_INCR:
         DB_TraceExt("QRTLN_InitBackup(): Incremental Backup");
         break;
-    // Not run by a test: no caller passes another value today.
     default:
         break;
     }

@@ -116,6 +116,7 @@ struct DatabaseCopy {
         while (dwBytesLeft != 0 && !stopRequested()) {
             const DWORD chunk = std::min(dwBytesLeft, QRTLN_BUFFER_SIZE);
             if (const int error = readChunk(srcfd, buffer, chunk); error != 0) {
+                // Not run by a test: a read that fails, in the long form of tests/torture alone.
                 return error;
             }
             position.advance(chunk);
@@ -253,12 +254,12 @@ bool openStreams(const char* original, char* directory, StreamGuard& source,
         return reportFileError(error);
     }
     if (const int error = SysFileSeek(source.stream(), 0, 0); error != 0) {
+        // Not run by a test: a file that was just opened can be sought.
         DB_TraceExt("PrepareOpenDbForBackup(): SysFileSeek call failed: %s",
                     getSysMsg(static_cast<unsigned>(error)));
         return reportFileError(error);
     }
     if (const int error = SysFileCreateDirectory(directory); error != 0) {
-        // Not run by a test: open; a folder below TMP_DIR that cannot be made.
         DB_TraceExt("PrepareOpenDbForBackup(): SysFileCreateDirectory call failed: %s",
                     getSysMsg(static_cast<unsigned>(error)));
         return reportFileError(error);

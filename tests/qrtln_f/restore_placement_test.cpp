@@ -7,7 +7,7 @@ namespace {
 class RestorePlacement : public FakeServer {
   protected:
     // Begins a full restore of particular items, but for the options in the text: "whole", "incr",
-    // "diff", "activate", "recovery", "-R" and "tmp=" with their paths.
+    // "diff", "copy", "activate", "recovery", "-R" and "tmp=" with their paths.
     void begin(const std::string& options, const std::string& list = "") const {
         const std::vector<std::string> given = split(options);
         const auto has = [&](const char* option) {
@@ -22,6 +22,7 @@ class RestorePlacement : public FakeServer {
         record.eI_OperationType = DB_TYPE_RST;
         record.eI_OperationLevel = has("incr")   ? DB_LEVEL_INCR
                                    : has("diff") ? DB_LEVEL_DIFF
+                                   : has("copy") ? DB_LEVEL_COPY
                                                  : DB_LEVEL_FULL;
         record.eI_BackupType =
             has("whole") ? QRTLN_OPERATION_TYPE_NOTES : QRTLN_OPERATION_TYPE_PARTICULAR;
@@ -57,6 +58,7 @@ TEST_F(RestorePlacement, ArgumentsChooseTheWholeSystemOrNames) {
         const char* error = "";
     } cases[] = {
         {"", "QRTLN:NOTES.x @/data/a.nsf", QRTLN_OPERATION_TYPE_NOTES, ""},
+        {"copy", "NOTES", QRTLN_OPERATION_TYPE_NOTES, ""},
         {"diff", "NOTES", QRTLN_OPERATION_TYPE_PARTICULAR, "",
          "QRTLN_InitRestore(): Unknown Full restore level."},
         // A directory that cannot be read drops its argument.

@@ -63,6 +63,7 @@ TEST_F(Messages, SystemErrorTextFollowsCodeKindAndDescription) {
     EXPECT_STREQ(syserrtxt(12, kErrorKindNone, "x"), " x");
     EXPECT_STREQ(syserrtxt(4, kErrorKindResolver, nullptr),
                  "No address is available for the name specified in the server request.");
+    EXPECT_STREQ(syserrtxt(9, kErrorKindResolver, nullptr), "");
     EXPECT_EQ(syserrtxt(0, kErrorKindNone, std::string(300, 'd').c_str()), std::string(255, 'd'));
     errno = ENOENT;
     EXPECT_STREQ(getSysMsg(0), "No such file or directory");

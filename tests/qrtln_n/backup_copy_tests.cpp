@@ -271,10 +271,13 @@ TEST_F(BackupCopyTest, APathThatIsNoPlaceOfACopyIsRefusedBeforeAnyCall) {
 
 TEST_F(BackupCopyTest, WhatTheCopyDidNotCreateIsNotItsToDelete) {
     folder.makeDirectory("tmp/mail/user.nsf");
-    script.play(failingAt(2, 0, preparation(true)) + Steps{abort, close});
-    EXPECT_EQ(prepare(true), 1000);
-    EXPECT_EQ(takeErrorText(), std::strerror(EISDIR));
-    EXPECT_TRUE(std::filesystem::exists(copy));
+    for (const int error : {EISDIR, ENOENT}) {
+        script.play(failingAt(2, 0, preparation(true)) + Steps{abort, close});
+        EXPECT_EQ(prepare(true), 1000);
+        EXPECT_EQ(takeErrorText(), std::strerror(error));
+        EXPECT_TRUE(std::filesystem::exists(copy));
+        std::filesystem::remove(database);
+    }
 }
 
 TEST(CopyPasses, AddUpToTheWholeSize) {

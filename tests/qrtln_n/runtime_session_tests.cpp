@@ -77,6 +77,8 @@ TEST_F(RuntimeSessionTest, AStatusIsLookedUpWithoutItsFlags) {
     };
     EXPECT_STREQ(getLotusNotesApiError(1, TRUE), "100%s of %n");
     EXPECT_TRUE(messages.hasLog("100%s of %n"));
+    notes_api.OSLoadString = [](HMODULE, STATUS, char*, WORD) -> WORD { return 0; };
+    EXPECT_STREQ(getLotusNotesApiError(259, FALSE), "Notes status 259");
 }
 
 TEST_F(RuntimeSessionTest, NamesAreConvertedAndCutForMessagesAndRefusedForTheServer) {
