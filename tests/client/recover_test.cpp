@@ -150,23 +150,6 @@ TEST_F(Recover, AnAbandonedRecoveryLeavesNothingButRemovesNoLogButItsOwn) {
     recover(2, {}); // nothing is left to go on with
 }
 
-TEST_F(Recover, WhatNoSetLeadsToIsReplacedOnlyWhenThatIsSaid) {
-    backup(0);
-    put("mail/user1.nsf", "--text before");
-    run(0, {"restore", "mail/user1.nsf", "--activate"});
-    const std::string then = read_file(m_user1);
-    put("mail/user2.nsf");
-    const json done = recover(3, {"mail"});
-    EXPECT_EQ(read_file(m_user1), then);
-    EXPECT_THAT(done["result"]["failed"].dump(), HasSubstr("--replace-live"));
-    EXPECT_EQ(outcome(done, m_user2), "recovered");
-    put("mail/user1.nsf", "--text after");
-    const std::string last = digest("mail/user1.nsf");
-    backup(0, "incr"); // what is owed comes first, in a set of its own
-    recover(0, {"mail/user1.nsf"});
-    EXPECT_EQ(digest("mail/user1.nsf"), last);
-}
-
 TEST_F(Recover, AnOlderCopyMakesUpForADamagedOneUnlessItLeadsElsewhere) {
     const std::string names = m_data + "/names.nsf", old = backup(0)["set"];
     domino("compact", "names.nsf");

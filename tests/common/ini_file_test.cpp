@@ -42,24 +42,6 @@ std::string dump(const dictionary* d) {
     return result;
 }
 
-TEST(Dictionary, EntriesKeepTheirSlotsWhileItGrows) {
-    const Dictionary d(dictionary_new(0));
-    for (int i = 0; i < 1000; ++i) {
-        const std::string key = "DBIID:/data/mail/" + std::to_string(i) + ".nsf";
-        dictionary_set(d.get(), key.c_str(), std::to_string(i).c_str());
-    }
-    for (int i = 0; i < d->n; ++i) {
-        ASSERT_EQ(d->hash[i], dictionary_hash(d->key[i]));
-        ASSERT_EQ(dictionary_get(d.get(), d->key[i], nullptr), std::to_string(i));
-    }
-    EXPECT_EQ(d->n, 1000);
-    dictionary_set(d.get(), d->key[0], d->val[777] + 2); // of the dictionary's own text
-    EXPECT_STREQ(d->val[0], "7");
-    // One-at-a-time in 32 bits, in which bytes above 127 are negative.
-    EXPECT_EQ(dictionary_hash("The quick brown fox jumps over the lazy dog"), 0x519E91F5U);
-    EXPECT_EQ(dictionary_hash("\x80"), 0xC31D4E27U);
-}
-
 TEST(IniLoad, LinesBecomeEntriesByTheRules) {
     const TemporaryFolder folder;
     const std::pair<std::string, Entries> cases[] = {
@@ -88,28 +70,6 @@ TEST(IniLoad, LinesBecomeEntriesByTheRules) {
     ASSERT_NE(freopen(folder.write("in", "k=v\n").c_str(), "r", stdin), nullptr);
     const Dictionary d(iniparser_load("-"));
     EXPECT_EQ(entriesOf(d.get()), Entries{":k -> v"});
-}
-
-TEST(IniDump, SectionsAreWrittenWithTheirEntriesInSlotOrder) {
-    const Dictionary d(dictionary_new(0));
-    char def[] = "default";
-    EXPECT_EQ(dump(d.get()), "");
-    iniparser_add_entry(d.get(), "DBIID", "a", "1");
-    iniparser_add_entry(d.get(), "", "l", nullptr);
-    EXPECT_EQ(dump(d.get()), "DBIID:a = 1\n:l = \n") << "without a section";
-    iniparser_add_entry(d.get(), "DBIID", nullptr, nullptr);
-    iniparser_add_entry(d.get(), "other", "early", "before its section");
-    iniparser_add_entry(d.get(), "DBIID", "b:c", "2");
-    EXPECT_EQ(dump(d.get()), "\n[DBIID]\na=1\nb:c=2\n\n");
-    iniparser_add_entry(d.get(), "other", nullptr, nullptr);
-    iniparser_add_entry(d.get(), "DBIID", "a", nullptr);
-    EXPECT_EQ(dump(d.get()), "\n[DBIID]\na=\nb:c=2\n\n[other]\nearly=before its section\n\n");
-    EXPECT_EQ(iniparser_getstring(d.get(), "DBIID:A", def), def);
-    EXPECT_STREQ(iniparser_getsecname(d.get(), 1), "other");
-    EXPECT_EQ(iniparser_getsecname(d.get(), 2), nullptr);
-    // A full key is cut at 2048 bytes.
-    iniparser_add_entry(d.get(), "s", std::string(3000, 'x').c_str(), "long");
-    EXPECT_STREQ(iniparser_getstr(d.get(), ("s:" + std::string(2046, 'x')).c_str()), "long");
 }
 
 class IniUpdate : public testing::Test {

@@ -1,6 +1,5 @@
 // A backup at the module's interface, over the simulator.
 #include <chrono>
-#include <cstring>
 #include <gmock/gmock.h>
 #include <sys/resource.h>
 
@@ -57,27 +56,6 @@ TEST_IN_OWN_PROCESS(Backup, FullHandsOutEverythingThenTheLogsThenTheLogControlFi
     EXPECT_EQ(server.calls("NSFEndArchivingLogs"), 1);
     EXPECT_TRUE(server.index().starts_with("\n[DBIID]\n"));
     EXPECT_EQ(server.filesBelow("run").size(), 1u);
-}
-
-TEST_IN_OWN_PROCESS(Backup, PreparedCopyIsSoundAndGoesWhenTheItemIsFinished) {
-    const std::string database = server.data("names.nsf");
-    const auto parameters = std::make_unique<sQRT_DB>();
-    std::strcpy(parameters->szSaveset, "nightly %s");
-    ASSERT_EQ(module.open(server, DB_TYPE_BCK, DB_LEVEL_COPY, {"DATABASE=QRTLN:" + database},
-                          parameters.get()),
-              DB_NUM_I_OK);
-    EXPECT_TRUE(Module::traced("Saveset nightly %s"));
-    while (module.get() != database) {
-        ASSERT_EQ(module.ItemFinishStatus(DB_ITEM_SUCCESS), DB_NUM_I_OK);
-    }
-    const std::string copy = module.prepare(database);
-    EXPECT_EQ(copy, server.folder.file("tmp/names.nsf"));
-    EXPECT_EQ(server.content(copy), server.content(database));
-    EXPECT_EQ(module.ItemFinishStatus(DB_ITEM_SUCCESS), DB_NUM_I_OK);
-    EXPECT_FALSE(fs::exists(copy));
-    EXPECT_EQ(module.close("STATUS=0"), DB_NUM_I_OK);
-    // A copy backup asks no database for its DBIID, so there is no index to put in place.
-    EXPECT_THAT(server.filesBelow("run"), IsEmpty());
 }
 
 TEST(Backup, OnlyTheStatusZeroMarksLogsAndReplacesTheIndex) {

@@ -153,12 +153,11 @@ class Module {
 
     // Opens an operation on a server, with further control variables.
     int open(const SimulatedServer& server, DB_OPERATION_TYPE type, DB_OPERATION_LEVEL level,
-             std::vector<std::string> variables = {"DATABASE=NOTES"},
-             sQRT_DB* parameters = nullptr) {
+             std::vector<std::string> variables = {"DATABASE=NOTES"}) {
         variables.push_back("TMP_DIR=" + server.folder.file("tmp"));
         variables.push_back("NOTESINI=" + server.server() + "/notes.ini");
         return withVariables(
-            variables, [&](char** list) { return InitOperation(type, level, list, parameters); });
+            variables, [&](char** list) { return InitOperation(type, level, list, nullptr); });
     }
 
     template <typename... Texts>

@@ -6,19 +6,17 @@
 
 namespace {
 
-using ::testing::ElementsAre;
 using ::testing::HasSubstr;
 
 namespace fs = std::filesystem;
 
 const std::string kFirst = "names.nsf";
 const std::string kSecond = "mail/user1.nsf";
-const std::string kThird = "mail/user2.nsf";
 
 // A server with a store of what its databases once were.
 struct Recovery : Host {
     Recovery() {
-        for (const std::string& name : {kFirst, kSecond, kThird}) {
+        for (const std::string& name : {kFirst, kSecond}) {
             server.markSaved(name);
             server.copy(server.data(name), stored(name));
         }
@@ -55,66 +53,6 @@ struct Recovery : Host {
 
     std::string error; // of the pending error
 };
-
-TEST_IN_OWN_PROCESS(Recovery, RolledForwardDatabasesEqualTheirLastCommit) {
-    server.put(kFirst);
-    server.put(kSecond);
-    server.fillLog();
-    const std::string first = server.live(kFirst);
-    const std::string second = server.live(kSecond);
-    server.simulate("damage " + server.data(kFirst));
-    fs::remove_all(server.data("mail"));
-    for (const std::string& name : {kFirst, kSecond, kThird}) {
-        pend(name);
-    }
-    EXPECT_EQ(recover({kFirst, kSecond}, {"ROLLFORWARD=YES"}), DB_NUM_I_COMPLETE) << error;
-    EXPECT_EQ(server.live(kFirst), first);
-    EXPECT_EQ(server.live(kSecond), second);
-    EXPECT_THAT(server.filesBelow("tmp"), ElementsAre(kThird)) << "not selected";
-    EXPECT_TRUE(toldRecovered(kFirst) && toldRecovered(kSecond));
-    server.put(kFirst); // fails for a database that is offline
-    server.put(kSecond);
-}
-
-TEST_IN_OWN_PROCESS(Recovery, RelocatedCopiesAreRolledForwardBesideTheLiveDatabases) {
-    server.put(kSecond);
-    const std::string second = server.live(kSecond);
-    const std::string root = server.folder.file("r");
-    const std::string relocated = root + server.data(kSecond);
-    server.copy(stored(kSecond), relocated);
-    EXPECT_EQ(recover({"mail/*1.nsf"}, {"ROLLFORWARD=YES", "INFO=-R \"" + root + "\""}),
-              DB_NUM_I_COMPLETE)
-        << error;
-    EXPECT_EQ(server.content(relocated), second);
-    EXPECT_TRUE(Module::logged("ROLLFORWARD: recovered [" + relocated + "]"));
-    EXPECT_EQ(server.calls("NSFTakeDatabaseOffline("), 0);
-    EXPECT_EQ(server.live(kSecond), second);
-}
-
-TEST_IN_OWN_PROCESS(Recovery, DatabasesInUseAreLeftOutAndTheOthersRecovered) {
-    for (const std::string& name : {kFirst, kSecond, kThird}) {
-        pend(name);
-        server.put(name);
-    }
-    const std::string third = server.live(kThird);
-    server.simulate("damage " + server.data(kThird));
-    const std::string busy = server.live(kFirst);
-    {
-        const ServerTask first("hold " + server.server() + " " + kFirst);
-        const ServerTask second("hold " + server.server() + " " + kSecond);
-        EXPECT_EQ(recover({kFirst, kSecond, kThird}, {"ROLLFORWARD=YES"}), DB_NUM_I_COMPLETE)
-            << error;
-    }
-    EXPECT_EQ(server.live(kThird), third);
-    EXPECT_EQ(server.live(kFirst), busy);
-    EXPECT_EQ(server.filesBelow("tmp").size(), 2u);
-    EXPECT_TRUE(toldRecovered(kThird));
-    for (const std::string& name : {kFirst, kSecond}) {
-        EXPECT_TRUE(Module::logged("ROLLFORWARD: NOT recovered [" + server.data(name) +
-                                   "]: the database is in use"));
-    }
-    EXPECT_NE(error, "");
-}
 
 TEST(Recovery, AfterAFailureTheOriginalsAreOnlineAndTheCopiesThere) {
     for (const bool lostLog : {false, true}) {

@@ -1,5 +1,4 @@
 // Restores at the module's interface, over the simulator.
-#include <cstring>
 #include <gmock/gmock.h>
 
 #include "tests/interface/module_host.h"
@@ -8,7 +7,6 @@
 namespace {
 
 using ::testing::ElementsAre;
-using ::testing::HasSubstr;
 using ::testing::IsEmpty;
 
 namespace fs = std::filesystem;
@@ -64,24 +62,6 @@ struct Restore : Host {
     std::string target;
     DB_ITEM_RESULT finishAs = DB_ITEM_SUCCESS;
 };
-
-TEST_IN_OWN_PROCESS(Restore, LostDatabasesActivatedAreInPlaceAndReadable) {
-    const std::string stored = server.live("mail/user1.nsf");
-    fs::remove_all(server.data("mail"));
-    ASSERT_EQ(open({"ACTIVATE=YES"}), DB_NUM_I_OK) << module.error();
-    EXPECT_EQ(restore("mail/user1.nsf"), DB_NUM_I_OK) << module.error();
-    EXPECT_EQ(target, server.folder.file("tmp/mail/user1.nsf"));
-    EXPECT_EQ(restore("names.nsf"), DB_NUM_I_OK) << "over a live one";
-    EXPECT_EQ(file(server.data("user.id")), DB_NUM_I_OK) << "no database, nothing to activate";
-    EXPECT_THAT(server.filesBelow("tmp"), IsEmpty());
-    EXPECT_EQ(server.calls("NSFTakeDatabaseOffline("), 1);
-    EXPECT_EQ(server.calls("NSFBringDatabaseOnline("), 2);
-    EXPECT_EQ(module.close("STATUS=0"), DB_NUM_I_OK);
-    EXPECT_EQ(server.live("mail/user1.nsf"), stored);
-    for (const char* name : {"names.nsf", "mail/user1.nsf"}) {
-        server.put(name); // its users can write to it
-    }
-}
 
 TEST(Restore, WhatIsNotFinishedAsRestoredChangesNothing) {
     for (const char* kind : {"ACTIVATE=YES", "INFO=-o \"deld=202001010000\""}) {
@@ -248,35 +228,6 @@ TEST_IN_OWN_PROCESS(Restore, DeletedDocumentsComeBackUnread) {
     EXPECT_EQ(module.close("STATUS=0"), DB_NUM_I_OK);
     EXPECT_TRUE(hasNote(mail, id));
     EXPECT_TRUE(hasNote(mail, later)) << "what came later stays";
-}
-
-TEST(Restore, ChangedDocumentsOnTheListComeBackAndTheListIsDeleted) {
-    struct Case {
-        const char* ending;
-        long copied;
-    };
-    // With carriage returns the list selects nothing, and is deleted all the same.
-    for (const Case& c : {Case{"\n", 1}, Case{"\r\n", 0}}) {
-        SCOPED_TRACE(c.copied);
-        inOwnProcess([&] {
-            Restore test;
-            const SimulatedServer& server = test.server;
-            const std::string id = server.put("names.nsf", "--text original");
-            const std::string other = server.put("names.nsf", "--text original");
-            test.store("names.nsf");
-            server.put("names.nsf", "--text changed --id " + id);
-            server.put("names.nsf", "--text changed --id " + other);
-            server.folder.write("server/data/noteids_list.txt", id + c.ending);
-            ASSERT_EQ(test.open({"INFO=-o \"chgd=202001010000\""}), DB_NUM_I_OK);
-            EXPECT_EQ(test.restore("names.nsf"), DB_NUM_I_OK) << test.module.error();
-            EXPECT_EQ(server.calls("NSFNoteDelete("), c.copied);
-            EXPECT_EQ(server.calls("NSFDbCopyNote("), c.copied);
-            EXPECT_FALSE(fs::exists(test.target));
-            EXPECT_FALSE(fs::exists(server.data("noteids_list.txt")));
-            EXPECT_EQ(test.module.close("STATUS=0"), DB_NUM_I_OK);
-            EXPECT_TRUE(test.hasNote("names.nsf", id));
-        });
-    }
 }
 
 } // namespace

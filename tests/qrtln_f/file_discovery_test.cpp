@@ -65,22 +65,6 @@ TEST_F(FileDiscovery, FirstMatchOfADirectoryIgnoresCaseAndLaterOnesDoNot) {
     }
 }
 
-TEST_F(FileDiscovery, LinkToAnAncestorIsNotEnteredAndOtherLinksAre) {
-    addAll("a/b/one.nsf");
-    folder.write("elsewhere/two.nsf", "2");
-    fs::create_directory_symlink(full("@/data/a"), full("@/data/a/b/up"));
-    fs::create_directory_symlink("/", full("@/data/root"));
-    fs::create_directory_symlink(full("@/elsewhere"), full("@/data/a/other"));
-    // Two directories that link to each other: only the way back is not taken.
-    fs::create_directory_symlink(full("@/data/a"), full("@/elsewhere/back"));
-    scan("@/data/*.nsf");
-    EXPECT_EQ(sortedItems(), "@/data/a/b @/data/a/b/one.nsf "
-                             "@/data/a/other @/data/a/other/two.nsf");
-    for (const std::string link : {"a/b/up", "root", "a/other/back"}) {
-        EXPECT_EQ(logsWith("[@/data/" + link + "] is a symbolic link"), 1) << link;
-    }
-}
-
 TEST_F(FileDiscovery, WithoutDescriptorsEveryPatternIsGivenUpAndTold) {
     addAll("a/x.nsf b/y.nsf");
     rlimit usual{};

@@ -77,15 +77,6 @@ TEST_F(DatabaseArgument, KindsOfFilesGoByTheExtensionInAnyCase) {
     }
 }
 
-TEST(FileName, IsWhatFollowsTheLastDelimiter) {
-    for (const auto& [path, expected] :
-         {std::pair{"a.nsf", "a.nsf"}, {"/d/e/a.nsf", "a.nsf"}, {"/d/", "/"}}) {
-        char out[kPathSize] = "before";
-        getFileName(path, out);
-        EXPECT_STREQ(out, expected);
-    }
-}
-
 TEST_F(DatabaseArgument, AFileIsNewerByEitherOfItsTimesAndWhenInDoubt) {
     const std::string path = folder.write("f");
     const time_t changed = time(nullptr);
@@ -99,17 +90,6 @@ TEST_F(DatabaseArgument, AFileIsNewerByEitherOfItsTimesAndWhenInDoubt) {
     modify(changed + 100);
     EXPECT_TRUE(isFileNewer(path.c_str(), changed + 100));
     EXPECT_TRUE(isFileNewer("/missing", changed));
-}
-
-TEST(DriveLetter, TakesTheCaseOfTheSource) {
-    for (const std::string before : {"C:/x", "c:/x"}) {
-        for (const auto& [source, after] :
-             {std::pair{"c:/y", "c:/x"}, {"D:", "C:/x"}, {"", before.c_str()}}) {
-            std::string target = before;
-            AdaptDriveLetter(target.data(), source);
-            EXPECT_EQ(target, after);
-        }
-    }
 }
 
 } // namespace

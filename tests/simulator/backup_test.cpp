@@ -48,25 +48,6 @@ TEST(BackupUnderWriters, CopyIsExactWithItsChangesAndTornOrStaleWithoutThemInMos
     EXPECT_GT(torn, kRounds.count * kRounds.tries / 4);
 }
 
-// A transaction too large for the cache writes pages before it commits. When its process dies, the
-// next opener cuts the file and writes old pages back: all of it belongs to the changes.
-TEST(BackupOverARollback, CopyIsExactAlthoughPagesWereWrittenBackAndCutOff) {
-    const TestServer server;
-    const std::string copy = server.folder.file("copy.nsf");
-    const std::string before = readFile(server.data(kDatabase));
-    bool crashed = false;
-    const auto crashOnce = [&] {
-        if (!crashed) {
-            crashed = true;
-            server.command("put", kDatabase + " --count 300 --crash half-written", 1009);
-            EXPECT_GT(fs::file_size(server.data(kDatabase)), before.size());
-        }
-    };
-    ASSERT_NO_FATAL_FAILURE(backUp(server, kDatabase, copy, {.between = crashOnce}));
-    EXPECT_TRUE(readFile(copy) == readFile(server.data(kDatabase)));
-    EXPECT_EQ(show(copy)["integrity"], "ok");
-}
-
 class ChangeInfo : public ::testing::Test {
   protected:
     // Copies the database, changes it meanwhile, and fetches the change information.
@@ -127,18 +108,6 @@ TEST_F(ChangeInfo, IsFrozenAtTheStopAndSetsTheDatabaseItselfNotBack) {
     EXPECT_EQ(server.show(kDatabase)["digest"], now);
 }
 
-TEST_F(ChangeInfo, BeforeTheStopIsAnErrorAndABackupGivenUpStaysNeeded) {
-    DWORD low = 0;
-    EXPECT_NE(NSFBackupGetChangeInfoSize(db, backup.context, 0, &low, &low), 0);
-    EXPECT_NE(backup.end(0), 0);
-    EXPECT_EQ(NotesSimOutstanding(NOTES_SIM_BACKUP_CONTEXTS), 1U);
-    server.command("compact", kDatabase, 1);
-    ASSERT_EQ(NSFBackupStop(db, backup.context), 0);
-    EXPECT_EQ(backup.end(1), 0);
-    server.command("compact", kDatabase);
-    EXPECT_EQ(server.backupNeeded(kDatabase), 5114);
-}
-
 TEST(BackupContext, ThatIsOpenAnswers3748OnceAndIsClearedThroughItsHandle) {
     const TestServer server;
     EXPECT_EXIT(
@@ -161,22 +130,6 @@ TEST(BackupContext, ThatIsOpenAnswers3748OnceAndIsClearedThroughItsHandle) {
     EXPECT_NE(NSFBackupStop(first.database.handle, first.context), 0);
     EXPECT_NE(first.end(0), 0);
     EXPECT_EQ(NotesSimOutstanding(NOTES_SIM_BACKUP_CONTEXTS), 0U);
-}
-
-TEST(BackupNeeded, FollowsBackupsLogAndDbiid) {
-    const TestServer server;
-    DWORD needed = 7;
-    EXPECT_EQ(server.backupNeeded(kDatabase), 5114);
-    ASSERT_NO_FATAL_FAILURE(backUp(server, kDatabase, server.folder.file("c")));
-    server.command("put", "names.nsf --text " + std::string(3000, 'x'));
-    EXPECT_EQ(server.backupNeeded(kDatabase, 0, &needed), 0);
-    EXPECT_TRUE(needed > 3000 && needed < 4000) << needed;
-    for (const auto& [comfortSpan, expected] : {std::pair{1000U, 1U}, std::pair{65536U, 0U}}) {
-        EXPECT_EQ(server.backupNeeded(kDatabase, comfortSpan, &needed), 0);
-        EXPECT_EQ(needed, expected) << "whether more than that was logged";
-    }
-    server.command("compact", kDatabase);
-    EXPECT_EQ(server.backupNeeded(kDatabase), 5114);
 }
 
 } // namespace

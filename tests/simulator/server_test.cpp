@@ -109,7 +109,6 @@ TEST(Offline, ADatabaseIsClosedToEverybodyUntilItIsBroughtOnline) {
     ASSERT_EQ(server.start(), 0);
     EXPECT_EQ(openStatus(name), kOfflineStatus);
     EXPECT_EQ(openStatus(server.data("mail/../names.nsf")), kOfflineStatus);
-    EXPECT_EQ(server.backupNeeded(name), kOfflineStatus);
     const std::pair<const char*, std::string> commands[] = {
         {"put", name},
         {"delete", name + " 2294"},
@@ -132,27 +131,6 @@ TEST(Offline, ADatabaseIsClosedToEverybodyUntilItIsBroughtOnline) {
     replace(copy, server.data(name));
     server.command("online", name);
     EXPECT_EQ(openStatus(name), 0);
-}
-
-std::string translated(WORD mode, const std::string& in, WORD limit) {
-    std::string out(limit + 1U, '#');
-    const WORD length = OSTranslate(mode, in.c_str(), 0xFFFF, out.data(), limit);
-    EXPECT_EQ(out[limit], '#') << "written past the limit";
-    EXPECT_EQ(out[length], '\0');
-    return out.substr(0, length);
-}
-
-TEST(Translate, RoundTripsTextAndCutsItAtTheLimitButNeverInsideACharacter) {
-    const std::string text = "ab\xE4\xB8\xAD caf\xC3\xA9\xF0\x9F\x93\xA7\xE4\xB8\x80\n";
-    EXPECT_EQ(translated(1, translated(0, text, 1028), 1028), text);
-    for (WORD limit = 1; limit < 30; ++limit) {
-        const std::string lmbcs = translated(0, text, limit);
-        EXPECT_LT(lmbcs.size(), limit) << "room for the NUL";
-        const std::string back = translated(22, lmbcs, 100);
-        EXPECT_EQ(text.compare(0, back.size(), back), 0) << limit;
-    }
-    EXPECT_EQ(translated(22, translated(0, text, 100), 5), "ab");
-    EXPECT_EQ(translated(0, "bad\xFF\xFE", 100), "bad??");
 }
 
 TEST(Check, WantsTheContentOfTheLastStopAsTheManifestHasIt) {

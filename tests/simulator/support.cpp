@@ -27,12 +27,6 @@ STATUS TestServer::start() const {
     return NotesInitExtended(2, argv);
 }
 
-STATUS TestServer::backupNeeded(const std::string& name, DWORD comfortSpan, DWORD* needed) const {
-    DWORD ignored = 0;
-    return NSFIsNewBackupNeeded(data(name).data(), comfortSpan,
-                                needed != nullptr ? needed : &ignored);
-}
-
 Workload::Workload(const TestServer& server, const std::string& database, int writers)
     : m_manifest(server.folder.file("manifest.json")),
       m_task("workload " + server.root() + " " + database + " --writers " +

@@ -44,9 +44,6 @@ class TestServer {
     nlohmann::json show(const std::string& name) const {
         return simulator_tests::show(root() + " " + name);
     }
-    // The answer of NSFIsNewBackupNeeded; `needed` receives how much was logged since.
-    STATUS backupNeeded(const std::string& name, DWORD comfortSpan = 0,
-                        DWORD* needed = nullptr) const;
 
     TemporaryFolder folder;
 };
