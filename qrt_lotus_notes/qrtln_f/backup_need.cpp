@@ -131,6 +131,7 @@ int QRTLN_PrepareForBackup(char* cpFile, char* cpBackupDirectory, BOOL* bpFileOp
         *bpFileOpen = TRUE;
         result = PrepareOpenDbForBackup(cpFile, cpBackupDirectory, &DbIID);
     } else {
+        // Not run by a test: every database is copied open.
         *bpFileOpen = FALSE;
         result = PrepareDbForBackup(cpFile, cpBackupDirectory, &DbIID);
     }

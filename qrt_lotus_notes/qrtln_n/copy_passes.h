@@ -16,6 +16,7 @@ class CopyPasses {
             m_low = 0;
             return sum;
         }
+        // Not run by a test: a copy of more than 4 GiB.
         return m_high;
     }
     // The length of each pass after it; 0 ends the copy.

@@ -107,6 +107,10 @@ TEST_IN_OWN_PROCESS(Restore, DirectoryOfAnEarlierOperationIsNoPlaceForAnActivati
     EXPECT_EQ(module.error(), "QRTLN_Activate(): no directory was announced for file [names.nsf]");
     EXPECT_FALSE(fs::exists(server.data("mail/names.nsf")));
     EXPECT_TRUE(fs::exists(target));
+    announce(DB_ITEM_TYPE_DIRECTORY, server.data(std::string(1020 - server.data("").size(), 'd')));
+    module.error();
+    EXPECT_EQ(file(server.data("names.nsf")), DB_NUM_E_FAILED);
+    EXPECT_THAT(module.error(), ::testing::StartsWith("QRTLN_Activate(): the path of the live "));
     module.close("STATUS=1");
 }
 

@@ -34,4 +34,37 @@ TEST_F(BackupInitialisation, TheWholeSystemEndsTheArguments) {
     });
 }
 
+TEST_F(BackupInitialisation, ArchivingSessionIsBegunAsLevelAndFlagSay) {
+    const struct {
+        DB_OPERATION_LEVEL level;
+        BOOL withLogs;
+        WORD style;
+        STATUS beginStatus;
+        int expected;
+        int begins;
+    } cases[] = {
+        {DB_LEVEL_FULL, FALSE, kLogStyleArchive, 0, DB_NUM_I_OK, 0}, // the flag is set later
+        {DB_LEVEL_FULL, TRUE, kLogStyleArchive, 0, DB_NUM_I_OK, 1},
+        {DB_LEVEL_FULL, TRUE, kLogStyleArchive, 1, DB_NUM_E_FAILED, 1},
+        {DB_LEVEL_FULL, TRUE, kLogStyleCircular, 0, DB_NUM_I_OK, 0},
+        {DB_LEVEL_COPY, TRUE, kNoLogging, 0, DB_NUM_I_OK, 0},
+        {DB_LEVEL_INCR, FALSE, kLogStyleArchive, 0, DB_NUM_I_OK, 1},
+        {DB_LEVEL_INCR, FALSE, kLogStyleCircular, 0, DB_NUM_I_CIRCULAR_LOG, 0},
+        {DB_LEVEL_INCR, FALSE, kNoLogging, 0, DB_NUM_E_FAILED, 0},
+    };
+    add("a.nsf");
+    inOwnProcess([&] { // notes.ini comes once in a process
+        for (const auto& c : cases) {
+            SCOPED_TRACE(std::to_string(c.level) + " " + std::to_string(c.style));
+            g_sQRTLN_Global.eI_OperationLevel = c.level;
+            g_sQRTLN_Global.bWithArchiveLogs = c.withLogs;
+            style = c.style;
+            failures = {{c.beginStatus == 0 ? "" : "NSFBeginArchivingLogs", c.beginStatus}};
+            calls.clear();
+            EXPECT_EQ(start("NOTES"), c.expected);
+            EXPECT_EQ(calls["NSFBeginArchivingLogs"], c.begins);
+        }
+    });
+}
+
 } // namespace

@@ -94,6 +94,23 @@ TEST_F(Recovery, RelocatedCopiesAreRecoveredWhereTheyLie) {
     }
 }
 
+TEST_F(Recovery, TheWholeSystemIsRecoveredInPlace) {
+    addAll("a.nsf b.ns4 m/C.NTF m/d.box e.ncf f.ns5 g.id no[?]pair.nsf");
+    // A pair of these paths does not fit an entry.
+    const std::string tooLong = add(std::string(250, 'x') + "/" + std::string(250, 'y') + "/z.nsf");
+    pend("@/tmp/a.nsf");
+    EXPECT_EQ(recover("QRTLN:NOTES", "@/data/a.nsf @/data/b.ns4 @/data/m/C.NTF @/data/m/d.box"),
+              DB_NUM_I_COMPLETE);
+    EXPECT_EQ(folder.read("data/a.nsf"), "content of a.nsf");
+    for (const std::string& name : {std::string("@/data/no[?]pair.nsf"), tooLong}) {
+        EXPECT_TRUE(
+            logged("ROLLFORWARD: NOT recovered [" + name + "]: its path cannot be recovered"));
+    }
+    setQueue(g_sQRTLN_Global.lhNotesFileList, "@/data/gone.nsf");
+    EXPECT_EQ(QRTLN_Recovery(), DB_NUM_E_FAILED);
+    EXPECT_EQ(takeErrorText(), "Could not find any recovery pending file for recovery operation.");
+}
+
 TEST_F(Recovery, WithoutACopyOrRollForwardNothingIsRecovered) {
     add("a.nsf");
     const struct {

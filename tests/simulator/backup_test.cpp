@@ -96,18 +96,6 @@ TEST_F(ChangeInfo, IsRefusedWhenItsEndIsMissingOrAByteIsWrong) {
     EXPECT_TRUE(piece != 0 && end != 0);
 }
 
-// The variant without a copy names the database itself: it must not be set back to the stop.
-TEST_F(ChangeInfo, IsFrozenAtTheStopAndSetsTheDatabaseItselfNotBack) {
-    ASSERT_NO_FATAL_FAILURE(fetch());
-    const auto atStop = server.show(kDatabase)["digest"];
-    server.command("put", kDatabase + " --count 5");
-    const auto now = server.show(kDatabase)["digest"];
-    EXPECT_EQ(applyTo(copy, info.size()), (std::pair<STATUS, STATUS>{0, 0}));
-    EXPECT_EQ(show(copy)["digest"], atStop);
-    EXPECT_EQ(applyTo(server.data(kDatabase), info.size()), (std::pair<STATUS, STATUS>{0, 0}));
-    EXPECT_EQ(server.show(kDatabase)["digest"], now);
-}
-
 TEST(BackupContext, ThatIsOpenAnswers3748OnceAndIsClearedThroughItsHandle) {
     const TestServer server;
     EXPECT_EXIT(

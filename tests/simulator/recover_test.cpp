@@ -114,32 +114,5 @@ TEST_F(Recover, ThatFailsNamesTheDatabaseAndChangesNothing) {
     EXPECT_EQ(recover({mail, names}), (Outcome{0, 0})) << "nothing else is in the way";
 }
 
-// What is in the log has happened; without a log, what was not committed has not.
-TEST(KilledWriter, IsFinishedByTheNextOpen) {
-    struct Case {
-        const char* where;
-        const char* database;
-        int survives; // whether the change is in the database after the next open
-    };
-    for (const auto& [where, database, survives] :
-         {Case{"after-log", "names.nsf", 1}, Case{"half-written", "names.nsf", 1},
-          Case{"half-written", "plain.nsf", 0}}) {
-        SCOPED_TRACE(std::string(where) + " " + database);
-        const TestServer server;
-        const std::string name = database;
-        server.command("create", "plain.nsf --unlogged");
-        const auto before = server.show(name);
-        server.command("put", name + " --count 40 --crash " + where, 1000 + SIGKILL);
-        { const OpenDb db(name); }
-        const auto after = server.show(name);
-        EXPECT_EQ(after["integrity"], "ok");
-        EXPECT_EQ(after["commit"].get<int>() - before["commit"].get<int>(), survives);
-        EXPECT_EQ(after["notes"].get<int>() - before["notes"].get<int>(), survives * 40);
-        EXPECT_EQ(after["dbiid"], before["dbiid"]);
-        server.command("put", name);
-        EXPECT_EQ(server.show(name)["integrity"], "ok");
-    }
-}
-
 } // namespace
 } // namespace simulator_tests
