@@ -20,10 +20,12 @@
 
 #define PATH_SIZE 1028
 
-#define FUNCTIONS(EACH)                                                                            \
-    EACH(InitOperation)                                                                            \
-    EACH(GetItem) EACH(PrepareItem) EACH(SetItem) EACH(ItemFinishStatus) EACH(CloseOperation)      \
-        EACH(DirItem) EACH(Terminate) EACH(GetInfo) EACH(GetError) EACH(SetTrace) EACH(SetLog)
+/* clang-format off */
+#define FUNCTIONS(EACH) \
+    EACH(InitOperation) EACH(GetItem) EACH(PrepareItem) EACH(SetItem) EACH(ItemFinishStatus) \
+    EACH(CloseOperation) EACH(DirItem) EACH(Terminate) EACH(GetInfo) EACH(GetError) \
+    EACH(SetTrace) EACH(SetLog)
+/* clang-format on */
 #define MEMBER(name) __typeof__(&DB_##name) name;
 #define FIND(name) module.name = (__typeof__(&DB_##name))symbol(module.library, "DB_" #name);
 
