@@ -113,4 +113,13 @@ TEST(Recovery, WithoutRollForwardOrWithAWrongTimeNothingIsRecovered) {
     }
 }
 
+TEST_IN_OWN_PROCESS(Recovery, RolledForwardTheWholeSystemIsRecoveredWhereItLies) {
+    server.put(kSecond);
+    const std::string second = server.live(kSecond);
+    server.copy(stored(kSecond), server.data(kSecond));
+    ASSERT_NE(server.live(kSecond), second);
+    EXPECT_EQ(recover({"NOTES"}, {"ROLLFORWARD=YES"}), DB_NUM_I_COMPLETE) << error;
+    EXPECT_EQ(server.live(kSecond), second);
+}
+
 } // namespace

@@ -3,8 +3,6 @@
 
 #include <gmock/gmock.h>
 
-#include <cstring>
-
 namespace simulator_tests {
 namespace {
 
@@ -39,21 +37,6 @@ TEST(Log, FindsRecordsThatItsControlFileDoesNotKnow) {
     fs::resize_file(control, 100);
     server.command("put", "names.nsf", 1);
     EXPECT_EQ(fs::file_size(control), 100U);
-}
-
-TEST(Log, DoesNotRollForwardOverChangesThatItDoesNotHave) {
-    const TestServer server;
-    const auto dbiid = [&] { return server.show("mail.box")["dbiid"]; };
-    const auto before = dbiid();
-    server.command("put", "mail.box");
-    EXPECT_EQ(dbiid(), before) << "a change keeps it";
-    for (const char logging : {'0', '1'}) {
-        std::string ini = server.folder.read("server/notes.ini");
-        ini[ini.find("TRANSLOG_Status=") + std::strlen("TRANSLOG_Status=")] = logging;
-        server.folder.write("server/notes.ini", ini);
-        server.command("put", "mail.box");
-    }
-    EXPECT_NE(dbiid(), before);
 }
 
 STATUS takeOffline(std::string name, DWORD wait = 0) {
