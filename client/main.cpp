@@ -1,13 +1,14 @@
 // qrtln: backs up a Domino server through its database module into a store, and restores it.
 
 #include "client/acceptance/probe_process.h"
+#include "client/base/error.h"
+#include "client/base/nearest_word.h"
+#include "client/base/output.h"
+#include "client/base/text.h"
+#include "client/base/version.h"
 #include "client/commands/commands.h"
-#include "client/error.h"
-#include "client/module_process.h"
-#include "client/nearest_word.h"
-#include "client/output.h"
+#include "client/module/process.h"
 #include "client/store/store.h"
-#include "client/text.h"
 
 #include <CLI/CLI.hpp>
 #include <algorithm>

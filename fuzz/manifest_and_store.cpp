@@ -10,14 +10,15 @@
 #include <filesystem>
 #include <set>
 
-#include "client/catalogue.h"
-#include "client/error.h"
-#include "client/owed.h"
+#include "client/base/error.h"
+#include "client/base/file_io.h"
+#include "client/base/text.h"
+#include "client/sets/catalogue.h"
+#include "client/sets/manifest.h"
+#include "client/sets/owed.h"
 #include "client/store/canonical_json.h"
 #include "client/store/digest.h"
-#include "client/store/manifest.h"
 #include "client/store/store.h"
-#include "client/text.h"
 #include "fuzz/support.h"
 
 namespace {

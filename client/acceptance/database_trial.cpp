@@ -2,7 +2,7 @@
 
 #include "client/acceptance/documents_away.h"
 #include "client/acceptance/notes_backup.h"
-#include "client/text.h"
+#include "client/base/text.h"
 
 #include <algorithm>
 #include <filesystem>

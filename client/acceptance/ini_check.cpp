@@ -1,7 +1,8 @@
 #include "client/acceptance/ini_check.h"
 
-#include "client/file_io.h"
-#include "client/text.h"
+#include "client/base/file_io.h"
+#include "client/base/paths.h"
+#include "client/base/text.h"
 
 #include <algorithm>
 #include <array>

@@ -2,7 +2,7 @@
 #pragma once
 
 #include "client/acceptance/report.h"
-#include "client/notes_ini.h"
+#include "client/domino/notes_ini.h"
 
 namespace qrtln::acceptance {
 

@@ -1,9 +1,10 @@
 #include "client/acceptance/links_check.h"
 
-#include "client/database_link.h"
-#include "client/file_io.h"
-#include "client/system_files.h"
-#include "client/text.h"
+#include "client/backup/system_files.h"
+#include "client/base/paths.h"
+#include "client/base/text.h"
+#include "client/domino/database_link.h"
+#include "client/domino/notes_ini.h"
 
 namespace qrtln::acceptance {
 

@@ -2,7 +2,7 @@
 #pragma once
 
 #include "client/acceptance/local_checks.h"
-#include "client/database_arguments.h"
+#include "client/backup/arguments.h"
 
 namespace qrtln::acceptance {
 

@@ -2,17 +2,18 @@
 
 #include "client/acceptance/ini_check.h"
 #include "client/acceptance/links_check.h"
-#include "client/database_arguments.h"
-#include "client/error.h"
-#include "client/file_io.h"
-#include "client/permission.h"
-#include "client/restore_plan.h"
-#include "client/server_lock.h"
-#include "client/server_user.h"
+#include "client/backup/arguments.h"
+#include "client/base/error.h"
+#include "client/base/file_io.h"
+#include "client/base/ownership.h"
+#include "client/base/paths.h"
+#include "client/base/room.h"
+#include "client/base/text.h"
+#include "client/domino/server_lock.h"
+#include "client/domino/server_user.h"
+#include "client/module/temporary_directory.h"
 #include "client/store/canonical_json.h"
 #include "client/store/store.h"
-#include "client/temporary_directory.h"
-#include "client/text.h"
 
 #include <algorithm>
 #include <cstdlib>

@@ -2,8 +2,8 @@
 #pragma once
 
 #include "client/acceptance/report.h"
-#include "client/module_environment.h"
-#include "client/notes_ini.h"
+#include "client/domino/notes_ini.h"
+#include "client/module/environment.h"
 
 #include <string>
 #include <vector>

@@ -1,9 +1,12 @@
 #include "client/acceptance/log_trial.h"
 
 #include "client/acceptance/notes_runtime.h"
-#include "client/error.h"
+#include "client/base/error.h"
+#include "client/base/file_descriptor.h"
+#include "client/base/file_io.h"
+#include "client/base/paths.h"
+#include "client/base/text.h"
 #include "client/store/digest.h"
-#include "client/text.h"
 
 #include <algorithm>
 #include <array>

@@ -1,6 +1,8 @@
 #include "client/acceptance/notes_backup.h"
 
-#include "client/error.h"
+#include "client/base/error.h"
+#include "client/base/file_descriptor.h"
+#include "client/base/file_io.h"
 
 #include <algorithm>
 #include <array>

@@ -1,9 +1,10 @@
 #include "client/acceptance/notes_runtime.h"
 
-#include "client/error.h"
-#include "client/module_environment.h"
-#include "client/module_host.h"
-#include "client/text.h"
+#include "client/base/error.h"
+#include "client/base/limits.h"
+#include "client/base/text.h"
+#include "client/domino/notes_ini.h"
+#include "client/module/environment.h"
 
 #include <cstring>
 #include <dlfcn.h>

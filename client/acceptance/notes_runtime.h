@@ -2,6 +2,7 @@
 #pragma once
 
 #include "client/acceptance/probe.h"
+#include "client/domino/notes_ini.h"
 #include "notes_api/notes_api.h"
 
 #include <string>

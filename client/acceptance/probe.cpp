@@ -1,10 +1,11 @@
 #include "client/acceptance/probe.h"
 
 #include "client/acceptance/probe_process.h"
-#include "client/error.h"
-#include "client/interrupt.h"
-#include "client/output.h"
-#include "client/text.h"
+#include "client/base/error.h"
+#include "client/base/file_descriptor.h"
+#include "client/base/interrupt.h"
+#include "client/base/output.h"
+#include "client/base/text.h"
 
 #include <algorithm>
 #include <csignal>

@@ -9,9 +9,8 @@
 #pragma once
 
 #include "client/acceptance/report.h"
-#include "client/file_io.h"
-#include "client/notes_ini.h"
-#include "client/server_user.h"
+#include "client/domino/notes_ini.h"
+#include "client/domino/server_user.h"
 
 #include <chrono>
 #include <optional>

@@ -3,7 +3,8 @@
 #include "client/acceptance/database_trial.h"
 #include "client/acceptance/log_trial.h"
 #include "client/acceptance/probes.h"
-#include "client/error.h"
+#include "client/base/error.h"
+#include "client/domino/notes_ini.h"
 
 #include <array>
 #include <csignal>

@@ -2,7 +2,7 @@
 #pragma once
 
 #include "client/acceptance/probe.h"
-#include "client/own_process.h"
+#include "client/module/own_process.h"
 
 namespace qrtln::acceptance {
 

@@ -1,7 +1,7 @@
 #include "client/acceptance/probe_times.h"
 
 #include "client/acceptance/notes_runtime.h"
-#include "client/text.h"
+#include "client/base/text.h"
 
 #include <algorithm>
 #include <cstdlib>

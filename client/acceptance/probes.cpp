@@ -3,8 +3,10 @@
 #include "client/acceptance/local_checks.h"
 #include "client/acceptance/notes_runtime.h"
 #include "client/acceptance/probe_times.h"
-#include "client/module_host.h"
-#include "client/text.h"
+#include "client/base/limits.h"
+#include "client/base/paths.h"
+#include "client/base/text.h"
+#include "client/domino/notes_ini.h"
 
 #include <algorithm>
 #include <cstring>

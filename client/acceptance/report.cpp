@@ -1,7 +1,8 @@
 #include "client/acceptance/report.h"
 
-#include "client/output.h"
-#include "client/text.h"
+#include "client/base/output.h"
+#include "client/base/paths.h"
+#include "client/base/text.h"
 
 #include <algorithm>
 #include <array>

@@ -2,8 +2,8 @@
 // or throws ClientError.
 #pragma once
 
-#include "client/busy_wait.h"
-#include "client/system_files.h"
+#include "client/backup/busy_wait.h"
+#include "client/backup/system_files.h"
 
 #include <string>
 #include <vector>
@@ -127,8 +127,5 @@ int run_verify(const StoreOptions& options);
 int run_forget(const ForgetOptions& options);
 int run_extract(const ExtractOptions& options);
 int run_dump(const DumpOptions& options);
-
-// "0.1.0".
-const char* client_version();
 
 } // namespace qrtln

@@ -1,16 +1,20 @@
 // `qrtln documents`: deleted or changed documents come back from the store.
 
+#include "client/base/error.h"
+#include "client/base/file_descriptor.h"
+#include "client/base/interrupt.h"
+#include "client/base/output.h"
+#include "client/base/paths.h"
+#include "client/base/text.h"
 #include "client/commands/server.h"
-#include "client/document_restore.h"
-#include "client/error.h"
-#include "client/interrupt.h"
-#include "client/lost_documents.h"
-#include "client/output.h"
-#include "client/restore_operation.h"
-#include "client/restore_selection.h"
+#include "client/documents/lost_documents.h"
+#include "client/documents/operation.h"
+#include "client/domino/notes_ini.h"
+#include "client/module/temporary_directory.h"
+#include "client/restore/operation.h"
+#include "client/restore/selection.h"
+#include "client/sets/manifest.h"
 #include "client/store/canonical_json.h"
-#include "client/temporary_directory.h"
-#include "client/text.h"
 
 #include <algorithm>
 #include <array>

@@ -1,13 +1,15 @@
 // `qrtln dump SET PATH`: one content on standard output.
 
-#include "client/catalogue.h"
+#include "client/base/error.h"
+#include "client/base/file_io.h"
+#include "client/base/interrupt.h"
+#include "client/base/text.h"
 #include "client/commands/commands.h"
-#include "client/error.h"
-#include "client/interrupt.h"
-#include "client/object_content.h"
-#include "client/set_items.h"
+#include "client/restore/object_content.h"
+#include "client/sets/catalogue.h"
+#include "client/sets/manifest.h"
+#include "client/sets/set_items.h"
 #include "client/store/store.h"
-#include "client/text.h"
 
 #include <unistd.h>
 

@@ -1,14 +1,14 @@
 // `qrtln forget SET…`: sets that are no longer wanted, or that are gone for good.
 
-#include "client/catalogue.h"
+#include "client/base/error.h"
+#include "client/base/interrupt.h"
+#include "client/base/output.h"
+#include "client/base/text.h"
 #include "client/commands/commands.h"
-#include "client/error.h"
-#include "client/interrupt.h"
-#include "client/output.h"
-#include "client/set_links.h"
+#include "client/sets/catalogue.h"
+#include "client/sets/set_links.h"
 #include "client/store/canonical_json.h"
 #include "client/store/store.h"
-#include "client/text.h"
 
 #include <algorithm>
 #include <map>

@@ -1,14 +1,15 @@
 // `qrtln list`: the sets of a store.
 
-#include "client/catalogue.h"
+#include "client/base/error.h"
+#include "client/base/output.h"
+#include "client/base/text.h"
 #include "client/commands/commands.h"
-#include "client/error.h"
-#include "client/log_chain.h"
-#include "client/output.h"
-#include "client/proof.h"
-#include "client/set_links.h"
+#include "client/sets/catalogue.h"
+#include "client/sets/log_chain.h"
+#include "client/sets/manifest.h"
+#include "client/sets/proof_record.h"
+#include "client/sets/set_links.h"
 #include "client/store/store.h"
-#include "client/text.h"
 
 #include <algorithm>
 #include <array>

@@ -1,17 +1,24 @@
 // `qrtln prove`: a set is restored and recovered into a scratch folder, and every database of it
 // read by the server's library. No live database is touched.
 
-#include "client/catalogue.h"
+#include "client/base/error.h"
+#include "client/base/file_descriptor.h"
+#include "client/base/interrupt.h"
+#include "client/base/output.h"
+#include "client/base/paths.h"
+#include "client/base/text.h"
+#include "client/base/version.h"
 #include "client/commands/server.h"
-#include "client/database_arguments.h"
-#include "client/error.h"
-#include "client/interrupt.h"
-#include "client/output.h"
-#include "client/point_in_time.h"
-#include "client/proof.h"
-#include "client/recovery_operation.h"
-#include "client/temporary_directory.h"
-#include "client/text.h"
+#include "client/domino/notes_ini.h"
+#include "client/domino/point_in_time.h"
+#include "client/module/control_variables.h"
+#include "client/module/temporary_directory.h"
+#include "client/recovery/journal.h"
+#include "client/recovery/operation.h"
+#include "client/sets/catalogue.h"
+#include "client/sets/manifest.h"
+#include "client/sets/proof_record.h"
+#include "client/sets/server_scope.h"
 
 #include <algorithm>
 #include <ctime>

@@ -1,17 +1,24 @@
 // `qrtln recover`: databases from the store, rolled forward with the transaction logs.
 
-#include "client/attachment_objects.h"
+#include "client/backup/attachment_objects.h"
+#include "client/base/error.h"
+#include "client/base/file_descriptor.h"
+#include "client/base/interrupt.h"
+#include "client/base/output.h"
+#include "client/base/paths.h"
+#include "client/base/room.h"
+#include "client/base/text.h"
 #include "client/commands/server.h"
-#include "client/database_arguments.h"
-#include "client/error.h"
-#include "client/interrupt.h"
-#include "client/output.h"
-#include "client/point_in_time.h"
-#include "client/recovery_operation.h"
-#include "client/server_user.h"
+#include "client/domino/database_names.h"
+#include "client/domino/notes_ini.h"
+#include "client/domino/point_in_time.h"
+#include "client/domino/server_user.h"
+#include "client/module/temporary_directory.h"
+#include "client/recovery/journal.h"
+#include "client/recovery/operation.h"
+#include "client/restore/plan.h"
+#include "client/sets/server_runtime.h"
 #include "client/store/canonical_json.h"
-#include "client/temporary_directory.h"
-#include "client/text.h"
 
 #include <algorithm>
 #include <unistd.h>
@@ -299,7 +306,7 @@ int run_recover(const RecoverOptions& options) {
         {options.state, options.store, ini.data_directory, writes},
         options.into.empty() ? "`recover --into DIR --state DIR2` needs no right to write to it"
                              : "keep what must be written elsewhere: --state DIR");
-    store->use_server(ini.server_name);
+    use_runtime_of(*store, ini.server_name);
     RecoveryJournalFile file(store->runtime_directory() + journal_name);
     std::optional<RecoveryJournal> journal = file.read();
     if (options.abandon)

@@ -1,16 +1,21 @@
 // `qrtln restore`: a plan first, then the operation that follows it.
 
-#include "client/attachment_objects.h"
+#include "client/backup/attachment_objects.h"
+#include "client/base/error.h"
+#include "client/base/file_descriptor.h"
+#include "client/base/interrupt.h"
+#include "client/base/output.h"
+#include "client/base/paths.h"
+#include "client/base/room.h"
+#include "client/base/text.h"
 #include "client/commands/server.h"
-#include "client/error.h"
-#include "client/interrupt.h"
-#include "client/output.h"
-#include "client/recovery_plan.h"
-#include "client/restore_operation.h"
-#include "client/restore_plan.h"
+#include "client/domino/notes_ini.h"
+#include "client/module/temporary_directory.h"
+#include "client/recovery/plan.h"
+#include "client/restore/operation.h"
+#include "client/restore/plan.h"
+#include "client/sets/manifest.h"
 #include "client/store/canonical_json.h"
-#include "client/temporary_directory.h"
-#include "client/text.h"
 
 #include <algorithm>
 #include <set>

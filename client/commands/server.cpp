@@ -1,11 +1,13 @@
 #include "client/commands/server.h"
 
-#include "client/catalogue.h"
-#include "client/error.h"
-#include "client/file_io.h"
-#include "client/output.h"
-#include "client/server_user.h"
-#include "client/text.h"
+#include "client/base/error.h"
+#include "client/base/output.h"
+#include "client/base/paths.h"
+#include "client/base/text.h"
+#include "client/domino/server_user.h"
+#include "client/sets/catalogue.h"
+#include "client/sets/server_runtime.h"
+#include "client/sets/server_scope.h"
 
 namespace qrtln {
 
@@ -82,7 +84,7 @@ NotesIni load_server(const ServerOptions& options, bool data_directory_may_be_mi
 }
 
 void use_server(Store& store, NotesIni& ini, const ServerOptions& options, bool elsewhere) {
-    store.use_server(ini.server_name);
+    use_runtime_of(store, ini.server_name);
     if (!options.from_server.empty()) {
         check_name("--from-server", options.from_server);
         ini.sets.name = options.from_server;

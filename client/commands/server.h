@@ -2,8 +2,8 @@
 #pragma once
 
 #include "client/commands/commands.h"
-#include "client/module_session.h"
-#include "client/notes_ini.h"
+#include "client/domino/notes_ini.h"
+#include "client/module/session.h"
 #include "client/store/store.h"
 
 namespace qrtln {

@@ -1,11 +1,13 @@
 // `qrtln show SET`: the items of one set.
 
-#include "client/catalogue.h"
+#include "client/base/output.h"
+#include "client/base/text.h"
 #include "client/commands/commands.h"
-#include "client/log_chain.h"
-#include "client/output.h"
+#include "client/sets/catalogue.h"
+#include "client/sets/log_chain.h"
+#include "client/sets/manifest.h"
+#include "client/sets/server_scope.h"
 #include "client/store/store.h"
-#include "client/text.h"
 
 namespace qrtln {
 

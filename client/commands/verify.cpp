@@ -1,15 +1,18 @@
 // `qrtln verify`: is every byte that the sets refer to still there and right?
 
-#include "client/catalogue.h"
+#include "client/base/error.h"
+#include "client/base/file_io.h"
+#include "client/base/interrupt.h"
+#include "client/base/output.h"
+#include "client/base/text.h"
 #include "client/commands/commands.h"
-#include "client/error.h"
-#include "client/index_guard.h"
-#include "client/interrupt.h"
-#include "client/output.h"
-#include "client/proof.h"
-#include "client/set_links.h"
+#include "client/sets/catalogue.h"
+#include "client/sets/index_guard.h"
+#include "client/sets/manifest.h"
+#include "client/sets/proof_record.h"
+#include "client/sets/server_runtime.h"
+#include "client/sets/set_links.h"
 #include "client/store/store.h"
-#include "client/text.h"
 
 #include <algorithm>
 #include <functional>
@@ -127,7 +130,7 @@ void name_items(Store& store, const std::vector<std::string>& sets, Verification
 // The index that the newest note of a server is about.
 void check_index(Store& store, const std::string& server, Verification& result) {
     std::string problem;
-    store.use_server(server);
+    use_runtime_of(store, server);
     problem = IndexGuard(store, server).problem();
     if (!problem.empty()) // a backup that ended meanwhile changes index and note, one by one
         problem = IndexGuard(store, server).problem();

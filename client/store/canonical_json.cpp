@@ -1,7 +1,7 @@
 #include "client/store/canonical_json.h"
 
+#include "client/base/text.h"
 #include "client/store/digest.h"
-#include "client/text.h"
 
 #include <stdexcept>
 #include <string_view>

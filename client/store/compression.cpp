@@ -1,6 +1,6 @@
 #include "client/store/compression.h"
 
-#include "client/error.h"
+#include "client/base/error.h"
 
 #include <array>
 #include <cstring>

@@ -1,7 +1,7 @@
 // Zstandard streams: a compressor over a writing function, a decompressor over a reading one.
 #pragma once
 
-#include "client/file_io.h"
+#include "client/base/file_io.h"
 
 #include <functional>
 #include <memory>

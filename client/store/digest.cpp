@@ -1,7 +1,7 @@
 #include "client/store/digest.h"
 
-#include "client/error.h"
-#include "client/text.h"
+#include "client/base/error.h"
+#include "client/base/text.h"
 
 #include <openssl/evp.h>
 

@@ -1,7 +1,7 @@
 // SHA-256, incrementally.
 #pragma once
 
-#include "client/file_io.h"
+#include "client/base/file_io.h"
 
 #include <memory>
 #include <string>

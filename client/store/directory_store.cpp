@@ -1,14 +1,17 @@
 #include "client/store/directory_store.h"
 
-#include "client/error.h"
-#include "client/output.h"
-#include "client/permission.h"
-#include "client/server_identity.h"
+#include "client/base/error.h"
+#include "client/base/file_descriptor.h"
+#include "client/base/file_io.h"
+#include "client/base/output.h"
+#include "client/base/ownership.h"
+#include "client/base/paths.h"
+#include "client/base/permission.h"
+#include "client/base/text.h"
 #include "client/store/canonical_json.h"
 #include "client/store/compression.h"
 #include "client/store/digest.h"
 #include "client/store/object_writer.h"
-#include "client/text.h"
 
 #include <algorithm>
 #include <array>
@@ -226,9 +229,9 @@ std::string DirectoryStore::stored_runtime_directory() const {
     return m_runtime;
 }
 
-void DirectoryStore::use_server(const std::string& server) {
+void DirectoryStore::use_runtime_directory(const RuntimeChoice& choose) {
     std::string runtime = m_directory + "/runtime";
-    m_runtime = server_runtime_directory(*this, runtime, server, static_cast<bool>(m_lock));
+    m_runtime = choose(runtime, static_cast<bool>(m_lock));
     if (m_lock && m_runtime != runtime)
         remove_unfinished(AT_FDCWD, m_runtime);
 }

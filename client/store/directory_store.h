@@ -1,6 +1,9 @@
 // The store in a folder. docs/store-format.md describes its files.
 #pragma once
 
+#include "client/base/file_descriptor.h"
+#include "client/base/file_io.h"
+#include "client/base/paths.h"
 #include "client/store/state_folder.h"
 #include "client/store/store.h"
 
@@ -22,7 +25,7 @@ class DirectoryStore final : public Store {
     std::string location() const override { return m_directory; }
     std::string id() const override { return m_id; }
     std::string runtime_directory() const override;
-    void use_server(const std::string& server) override;
+    void use_runtime_directory(const RuntimeChoice& choose) override;
     std::string stored_runtime_directory() const override;
     std::unique_ptr<ObjectWriter> create_object() override;
     ObjectCheck read_object(const std::string& hash,

@@ -1,6 +1,8 @@
 #include "client/store/object_writer.h"
 
-#include "client/permission.h"
+#include "client/base/file_descriptor.h"
+#include "client/base/file_io.h"
+#include "client/base/ownership.h"
 
 #include <algorithm>
 #include <cerrno>

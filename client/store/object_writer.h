@@ -1,6 +1,8 @@
 // Writes one object of a directory store.
 #pragma once
 
+#include "client/base/file_descriptor.h"
+#include "client/base/file_io.h"
 #include "client/store/compression.h"
 #include "client/store/digest.h"
 #include "client/store/directory_store.h"

@@ -1,8 +1,10 @@
 #include "client/store/state_folder.h"
 
-#include "client/error.h"
-#include "client/permission.h"
-#include "client/text.h"
+#include "client/base/error.h"
+#include "client/base/file_descriptor.h"
+#include "client/base/file_io.h"
+#include "client/base/paths.h"
+#include "client/base/text.h"
 
 #include <cerrno>
 #include <charconv>

@@ -1,7 +1,7 @@
 // A folder that keeps what a command must write while its store can only be read.
 #pragma once
 
-#include "client/file_io.h"
+#include "client/base/file_descriptor.h"
 
 #include <functional>
 #include <string>

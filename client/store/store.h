@@ -2,7 +2,7 @@
 // plain bytes, and manifests, each the description of one set under the set's name.
 #pragma once
 
-#include "client/file_io.h"
+#include "client/base/file_io.h"
 
 #include <cstdint>
 #include <functional>
@@ -56,11 +56,13 @@ class Store {
     // An absolute path on this machine; in the store, or where it is opened with a folder for
     // state, in that.
     virtual std::string runtime_directory() const = 0;
-    // The one in the store, always: until use_server() that of the server which used it first.
+    // The one in the store, always: until use_runtime_directory() the one of the server which used
+    // it first.
     virtual std::string stored_runtime_directory() const = 0;
-    // Chooses the server by its name; a store that is opened for writing makes its folder. Throws
-    // ClientError.
-    virtual void use_server(const std::string& server) = 0;
+    // Chooses another one. `choose` gets that first one, and whether the store is opened for
+    // writing, so that what is missing is to be made; what it throws comes through.
+    using RuntimeChoice = std::function<std::string(const std::string& first, bool makes)>;
+    virtual void use_runtime_directory(const RuntimeChoice& choose) = 0;
 
     // --- objects. REQUIRES for everything that writes: the store was opened for writing.
     virtual std::unique_ptr<ObjectWriter> create_object() = 0;

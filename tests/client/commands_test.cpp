@@ -1,5 +1,5 @@
 // What every command has in common: arguments, exit codes, signals, failures that leave nothing.
-#include "client/owed.h"
+#include "client/sets/owed.h"
 #include "tests/client/simulated_server.h"
 
 namespace qrtln::test {

@@ -1,7 +1,7 @@
 // Documents that come back into a live database, told one by one.
-#include "client/error.h"
-#include "client/note_ids.h"
-#include "client/text.h"
+#include "client/base/error.h"
+#include "client/base/text.h"
+#include "client/domino/note_ids.h"
 #include "tests/client/simulated_server.h"
 
 #include <sqlite3.h>

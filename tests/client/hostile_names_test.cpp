@@ -1,6 +1,8 @@
 // A server whose data directory holds every hostile name and kind of file at once: what can be
 // saved is saved and comes back equal, what cannot is named with its reason, nothing hangs.
-#include "client/text.h"
+#include "client/base/file_descriptor.h"
+#include "client/base/text.h"
+#include "client/sets/manifest.h"
 #include "tests/client/simulated_server.h"
 
 #include <fcntl.h>

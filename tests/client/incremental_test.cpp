@@ -1,7 +1,9 @@
 // Differential and incremental backups: what each set takes, what it builds on, and what it owes.
-#include "client/error.h"
-#include "client/index_guard.h"
-#include "client/owed.h"
+#include "client/base/error.h"
+#include "client/sets/index_guard.h"
+#include "client/sets/manifest.h"
+#include "client/sets/owed.h"
+#include "client/sets/server_scope.h"
 #include "tests/client/simulated_server.h"
 
 namespace qrtln::test {

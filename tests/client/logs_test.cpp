@@ -1,7 +1,8 @@
 // The chain of logs that sets hold, what a recovery needs of it, and what the module says of it.
-#include "client/log_chain.h"
-#include "client/module_log.h"
-#include "client/recovery_logs.h"
+#include "client/module/told.h"
+#include "client/recovery/logs.h"
+#include "client/sets/log_chain.h"
+#include "client/sets/manifest.h"
 
 #include <gtest/gtest.h>
 #include <sstream>

@@ -1,5 +1,5 @@
 // Recoveries and proofs: what comes back, to which moment, and what is left alone.
-#include "client/text.h"
+#include "client/base/text.h"
 #include "tests/client/simulated_server.h"
 
 namespace qrtln::test {

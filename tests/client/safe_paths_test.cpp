@@ -1,6 +1,8 @@
 // Writing below a folder and nowhere else.
-#include "client/original.h"
-#include "client/safe_paths.h"
+#include "client/base/file_descriptor.h"
+#include "client/base/file_io.h"
+#include "client/base/safe_folder.h"
+#include "client/restore/safe_file.h"
 #include "tests/client/run_client.h"
 
 #include <fcntl.h>

@@ -1,6 +1,8 @@
 // Parts of a server that a plain copy of its databases misses: attachment objects, links, databases
 // that nobody can open, and files that the module does not know.
-#include "client/attachment_objects.h"
+#include "client/backup/attachment_objects.h"
+#include "client/domino/notes_ini.h"
+#include "client/sets/manifest.h"
 #include "tests/client/simulated_server.h"
 
 namespace qrtln::test {

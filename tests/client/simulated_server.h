@@ -1,7 +1,8 @@
 // A simulated server with a store, and the client over it.
 #pragma once
 
-#include "client/catalogue.h"
+#include "client/sets/catalogue.h"
+#include "client/sets/manifest.h"
 #include "client/store/object_writer.h"
 #include "client/store/store.h"
 #include "tests/client/run_client.h"

@@ -1,7 +1,8 @@
 // What comes out of a store where there is no server, no right to write, or no right to read, or
 // where bits have changed.
-#include "client/recovery_journal.h"
-#include "client/server_user.h"
+#include "client/domino/server_user.h"
+#include "client/recovery/journal.h"
+#include "client/sets/manifest.h"
 #include "client/store/digest.h"
 #include "client/store/state_folder.h"
 #include "tests/client/simulated_server.h"

@@ -1,9 +1,11 @@
 // What the store keeps beside objects: manifests, the names of sets, the journal of a recovery,
 // what is owed.
-#include "client/catalogue.h"
-#include "client/error.h"
-#include "client/owed.h"
-#include "client/recovery_journal.h"
+#include "client/base/error.h"
+#include "client/base/file_io.h"
+#include "client/recovery/journal.h"
+#include "client/sets/catalogue.h"
+#include "client/sets/manifest.h"
+#include "client/sets/owed.h"
 #include "client/store/canonical_json.h"
 #include "tests/client/run_client.h"
 

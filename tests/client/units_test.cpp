@@ -1,14 +1,16 @@
 // What the client reads from people, servers and systems: times and the copies that they choose,
 // the variables of a server, bytes of any encoding, errors of the loader.
-#include "client/error.h"
-#include "client/module_environment.h"
-#include "client/notes_ini.h"
-#include "client/original.h"
-#include "client/point_in_time.h"
-#include "client/recovery_logs.h"
-#include "client/restore_plan.h"
-#include "client/since_time.h"
-#include "client/text.h"
+#include "client/base/error.h"
+#include "client/base/text.h"
+#include "client/domino/notes_ini.h"
+#include "client/domino/original.h"
+#include "client/domino/point_in_time.h"
+#include "client/domino/since_time.h"
+#include "client/module/environment.h"
+#include "client/recovery/logs.h"
+#include "client/restore/selection.h"
+#include "client/sets/manifest.h"
+#include "client/sets/server_scope.h"
 #include "tests/client/run_client.h"
 
 #include <ctime>

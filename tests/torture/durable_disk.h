@@ -3,7 +3,8 @@
 // from the flush of that folder on.
 #pragma once
 
-#include "client/file_io.h"
+#include "client/base/file_descriptor.h"
+#include "client/base/paths.h"
 #include "tests/torture/bytes_of.h"
 
 #include <fcntl.h>

@@ -2,6 +2,7 @@
 // them.
 #pragma once
 
+#include "client/base/file_descriptor.h"
 #include "client/store/digest.h"
 #include "notes_simulator/domino_sim/cli.h"
 #include "tests/torture/bytes_of.h"

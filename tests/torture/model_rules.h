@@ -1,7 +1,7 @@
 // What a history holds every command to.
 #pragma once
 
-#include "client/text.h"
+#include "client/base/text.h"
 #include "notes_simulator/offline.h"
 #include "notes_simulator/use_mark.h"
 #include "tests/torture/model.h"

@@ -1,6 +1,5 @@
 #include "tests/torture/traced_run.h"
-
-#include "client/file_io.h"
+#include "client/base/file_descriptor.h"
 #include "tests/torture/bytes_of.h"
 
 #include <cerrno>

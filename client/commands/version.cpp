@@ -1,9 +1,0 @@
-#include "client/commands/commands.h"
-
-namespace qrtln {
-
-const char* client_version() {
-    return QRTLN_VERSION;
-}
-
-} // namespace qrtln

@@ -1,0 +1,138 @@
+#include "client/module/own_process.h"
+
+#include "client/base/error.h"
+#include "client/base/file_descriptor.h"
+#include "client/base/file_io.h"
+#include "client/base/interrupt.h"
+#include "client/base/output.h"
+#include "client/module/environment.h"
+
+#include <array>
+#include <cerrno>
+#include <charconv>
+#include <cstdio>
+#include <fcntl.h>
+#include <string_view>
+#include <sys/prctl.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
+namespace qrtln {
+
+namespace {
+
+// A null-terminated array of the texts, which must outlive it.
+std::vector<char*> pointers_to(std::vector<std::string>& texts) {
+    std::vector<char*> pointers;
+    for (std::string& text : texts)
+        pointers.push_back(text.data());
+    pointers.push_back(nullptr);
+    return pointers;
+}
+
+[[noreturn]] void start_anew(const OwnProcessStart& start, int socket, char** words,
+                             char** environment, pid_t parent) {
+    ::prctl(PR_SET_PDEATHSIG, start.death_signal);
+    if (::getppid() != parent) // it died before the line above
+        ::_exit(1);
+    if (start.output >= 0) {
+        ::dup2(start.output, STDOUT_FILENO);
+        ::dup2(start.output, STDERR_FILENO);
+    }
+    ::fcntl(socket, F_SETFD, 0);
+    ::execve("/proc/self/exe", words, environment);
+    start.cannot_start(socket, "its process does not start: execve of /proc/self/exe: " +
+                                   system_error_text(errno));
+    ::_exit(1);
+}
+
+} // namespace
+
+OwnProcess start_own_process(const OwnProcessStart& start) {
+    std::array<int, 2> sockets{};
+    if (::socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, sockets.data()) != 0)
+        throw ClientError(ExitCode::failed,
+                          "cannot create a socket pair: " + system_error_text(errno));
+    OwnProcess process{-1, FileDescriptor(sockets[0])};
+    FileDescriptor its_socket(sockets[1]);
+    std::vector<std::string> words = {"qrtln", start.word, std::to_string(its_socket.get())};
+    std::vector<std::string> environment = environment_with(start.environment);
+    std::vector<char*> arguments = pointers_to(words);
+    std::vector<char*> variables = pointers_to(environment);
+    std::fflush(nullptr);
+    const pid_t own_pid = ::getpid();
+    {
+        InterruptsBlocked blocked;
+        process.pid = ::fork();
+        if (process.pid == 0)
+            start_anew(start, its_socket.get(), arguments.data(), variables.data(), own_pid);
+    }
+    if (process.pid < 0)
+        throw ClientError(ExitCode::failed, "cannot start a process for the server's library: " +
+                                                system_error_text(errno));
+    return process;
+}
+
+bool is_own_process(const char* word, int argc, char** argv) {
+    return argc > 1 && std::string_view(argv[1]) == word;
+}
+
+int inherited_socket(int argc, char** argv) {
+    int socket = -1;
+    bool number = argc == 3;
+    if (number) {
+        const std::string_view text = argv[2];
+        auto [end, error] = std::from_chars(text.data(), text.data() + text.size(), socket);
+        number = error == std::errc() && end == text.data() + text.size();
+    }
+    ucred maker{};
+    socklen_t size = sizeof maker;
+    if (number && socket > 2 && ::getsockopt(socket, SOL_SOCKET, SO_PEERCRED, &maker, &size) == 0 &&
+        maker.pid == ::getppid())
+        return socket;
+    print_error(std::string(argv[1]) +
+                    " is how qrtln starts a process for the server's library, no command",
+                "`qrtln --help` lists the commands");
+    return -1;
+}
+
+void close_on_exec() {
+    for (const std::string& name :
+         names_in_folder("/proc/self/fd").value_or(std::vector<std::string>())) {
+        int fd = -1;
+        std::from_chars(name.data(), name.data() + name.size(), fd);
+        if (fd > 2)
+            ::fcntl(fd, F_SETFD, FD_CLOEXEC);
+    }
+}
+
+void redirect_standard_streams() {
+    int null = ::open("/dev/null", O_RDWR | O_CLOEXEC);
+    if (null >= 0)
+        ::dup2(null, STDIN_FILENO);
+    ::dup2(STDERR_FILENO, STDOUT_FILENO);
+}
+
+void write_user(FrameWriter& frame, const std::optional<ServerUser>& user) {
+    frame.number(user ? 1 : 0);
+    if (user)
+        frame.text(std::to_string(user->uid))
+            .text(std::to_string(user->gid))
+            .text(user->name)
+            .text(user->home)
+            .number(user->has_entry ? 1 : 0);
+}
+
+std::optional<ServerUser> read_user(FrameReader& frame) {
+    if (frame.number() == 0)
+        return std::nullopt;
+    ServerUser user;
+    user.uid = static_cast<uid_t>(std::stoul(frame.text()));
+    user.gid = static_cast<gid_t>(std::stoul(frame.text()));
+    user.name = frame.text();
+    user.home = frame.text();
+    user.has_entry = frame.number() != 0;
+    return user;
+}
+
+} // namespace qrtln
