@@ -34,6 +34,7 @@ TEST_F(Commands, ArgumentsSelectAndOneThatSelectsNothingIsNamed) {
     for (const auto& [names, expected] : selected) {
         const json set = backup(0, "full", names);
         EXPECT_EQ(databases(set["set"]), expected);
+        EXPECT_THAT(m_errors, testing::MatchesRegex("warning: Notes_ExecDirectory [^\n]*\n"));
     }
     backup(3, "full", {"mail/user1.nsf", "readme.txt"}, "'readme.txt' selected nothing");
     const std::pair<std::string, const char*> refused[] = {
@@ -167,12 +168,13 @@ TEST_F(Commands, ASignalWhileTheModuleIsBusyEndsTheRunCleanly) {
 TEST_F(Commands, WhatAKilledRunOwesIsSavedFirstItsCopiesGoAndOnlyWhatIsStoredIsStruckOut) {
     const std::string names = m_data + "/names.nsf";
     domino("create", "gone.nsf");
+    fs::create_directories(m_store + "/objects"); // its making was killed
     backup(0);
     for (const std::string& path : {names, m_data + "/gone.nsf"})
         OwedDatabases(m_store + "/runtime/owed.jsonl").add(m_data, path);
     fs::remove(m_data + "/gone.nsf");
     for (const char* left : {"/objects/incoming-0.tmp", "/sets/20231114T221320Z-full.json.tmp",
-                             "/runtime/qrtln_DBIID.ini.4711"})
+                             "/runtime/qrtln_DBIID.ini.4711", "/runtime/recovery.json.tmp"})
         write_file(m_store + left, "half");
     // No process has a number beyond the kernel's limit of 2^22; another lives.
     write_file(m_scratch / "precious/file", "x");
@@ -188,6 +190,7 @@ TEST_F(Commands, WhatAKilledRunOwesIsSavedFirstItsCopiesGoAndOnlyWhatIsStoredIsS
         EXPECT_EQ(backup(0, "diff", {"mail"}).contains("owed"), was_owed);
         EXPECT_EQ(owed(), "");
     }
+    EXPECT_EQ(list()[1]["reason"], "owed");
     for (const auto& [name, content] : snapshot(m_store))
         EXPECT_NE(content, "half") << name;
     EXPECT_EQ(std::distance(fs::directory_iterator(m_tmp), {}), 2); // the link, and of who lives

@@ -38,6 +38,7 @@ TEST_F(Restore, ALostDatabaseComesBackWithItsFolderOwnerModeAndTime) {
     fs::create_directories(m_store + "/runtime/owed.jsonl"); // no list can be written
 
     const json planned = restore(0, {"mail/user1.nsf", "--activate", "--dry-run"});
+    EXPECT_EQ(m_errors, "");
     EXPECT_EQ(planned["recovery_logs"]["first"], 1); // what a recovery would need
     EXPECT_EQ(planned["recovery_logs"]["on_server"], json::array({1}));
     EXPECT_EQ(action(planned, m_user1), "activate");

@@ -116,6 +116,7 @@ TEST_F(SystemFiles, AreSavedWithTheWholeSystemAndComeBackAsTheyWere) {
     for (const std::string& path : {m_page, m_data + "/key.kyr", m_data + "/x.ft/index"})
         write_file(path, path);
     fs::create_symlink("domino", m_data + "/link");
+    fs::create_directory(m_data + "/empty");
     fs::permissions(m_page, fs::perms(0640));
     fs::remove(m_data + "/notes.ini"); // the one in use lies elsewhere
     EXPECT_EQ(saved(), (Words{"other/domino/a\n\xff.html", "other/key.kyr", "link/link"}));
@@ -134,6 +135,7 @@ TEST_F(SystemFiles, AreSavedWithTheWholeSystemAndComeBackAsTheyWere) {
     EXPECT_EQ(fs::status(m_page).permissions(), fs::perms(0640));
     EXPECT_EQ(read_file(m_data + "/key.kyr"), "changed");
     EXPECT_EQ(fs::read_symlink(m_data + "/link"), "nowhere");
+    EXPECT_TRUE(fs::is_directory(m_data + "/empty"));
 }
 
 TEST_F(SystemFiles, AreLeftOutAsSomebodySaysAndDatabasesBehindLinksAreNamed) {
