@@ -65,6 +65,8 @@ TEST(IniLoad, LinesBecomeEntriesByTheRules) {
         ASSERT_NE(d, nullptr);
         EXPECT_EQ(entriesOf(d.get()), entries) << content;
     }
+    const Dictionary two(iniparser_load(folder.write("f", "[a]\nk=1\n[b]\n").c_str()));
+    EXPECT_STREQ(iniparser_getsecname(two.get(), 1), "b");
     EXPECT_EQ(iniparser_load(folder.file("missing.ini").c_str()), nullptr);
     EXPECT_EQ(errno, ENOENT);
     ASSERT_NE(freopen(folder.write("in", "k=v\n").c_str(), "r", stdin), nullptr);

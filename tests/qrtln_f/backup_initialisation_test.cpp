@@ -31,6 +31,8 @@ TEST_F(BackupInitialisation, TheWholeSystemEndsTheArguments) {
         EXPECT_EQ(start("@/data/d*"), DB_NUM_E_FAILED) << "directories alone";
         EXPECT_EQ(takeErrorText(),
                   "QRTLN_InitBackup: No files found which match input QRT arguments");
+        EXPECT_EQ(start("@/data/a.nsf QRTLN:@/data/no.nsf"), DB_NUM_E_FAILED);
+        EXPECT_FALSE(g_sQRTLN_Global.bNotesInitialized);
     });
 }
 

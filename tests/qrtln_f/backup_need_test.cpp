@@ -76,6 +76,9 @@ TEST_F(DbiidIndex, WorkingCopyReadsLikeAWholeWriteAndTakesTheIndexsPlaceAtTheEnd
         EXPECT_EQ(copyContent(), wholeDump()) << path;
     }
     EXPECT_STREQ(storedDbIId("/d/b.nsf"), "0000ABCE-A1B2C3D4 00000001FFFFFFFF");
+    std::ofstream(copy, std::ios::app) << std::string(500, 'x'); // somebody else did
+    storeDbIId("/d/e.nsf", idText(++number).c_str());
+    EXPECT_EQ(copyContent(), wholeDump());
     EXPECT_EQ(indexContent(), old) << "untouched before the end";
     EXPECT_EQ(QRTLN_EndDBIIDIndexProcessing(TRUE), DB_NUM_I_OK);
     EXPECT_EQ(indexContent(), wholeDump());

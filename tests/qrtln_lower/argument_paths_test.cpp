@@ -75,6 +75,12 @@ TEST_F(DatabaseArgument, KindsOfFilesGoByTheExtensionInAnyCase) {
             EXPECT_EQ(kinds(name.c_str()), expected) << name;
         }
     }
+    char name[kPathSize];
+    for (const auto& [path, expected] :
+         {std::pair{"/d/e/a.nsf", "a.nsf"}, {"b", "b"}, {"/d/", "/"}}) {
+        getFileName(path, name);
+        EXPECT_STREQ(name, expected);
+    }
 }
 
 TEST_F(DatabaseArgument, AFileIsNewerByEitherOfItsTimesAndWhenInDoubt) {

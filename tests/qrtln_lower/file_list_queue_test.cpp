@@ -32,6 +32,7 @@ class FileListQueue : public OperationTest {
 
 // Callers that end a walk early rely on it, or suffer from it.
 TEST_F(FileListQueue, OneCursorServesAllQueuesAndOnlyTheEndSetsItBack) {
+    EXPECT_TRUE(messages.hasTrace("PushFIFOItemLN: z."));
     EXPECT_EQ(step(queue), "a");
     EXPECT_EQ(walk(other), "yz");
     EXPECT_EQ(walk(queue), "abcd");

@@ -27,6 +27,7 @@ TEST_F(FilePrimitives, CreatedFileKeepsWhatItDoesNotOverwriteAndAShortReadReturn
         errno = before;
         EXPECT_EQ(SysFileRead(stream, data, 16), before);
     }
+    EXPECT_TRUE(messages.hasTrace("SysFileRead error [12]"));
     EXPECT_EQ(SysFileClose(stream), 0);
 }
 
