@@ -49,20 +49,14 @@ void fuzz::runInput(std::string_view input) {
     copyText(g_sQRTLN_Global.szNotesDataDirectory, (folder() + "/data/").c_str());
 
     constexpr std::string_view kRollForward = "ROLLFORWARD";
-    std::vector<std::string> variables, moments;
-    for (const std::string_view line : split(input.substr(2), '\n')) {
-        variables.push_back(expanded(line));
-        if (variables.back().starts_with(kRollForward)) {
-            moments.push_back(variables.back().substr(
-                std::min(variables.back().size(), kRollForward.size() + 1)));
+    Variables variables(split(input.substr(2), '\n'));
+    std::vector<std::string> moments;
+    for (const std::string& variable : variables.texts) {
+        if (variable.starts_with(kRollForward)) {
+            moments.push_back(variable.substr(std::min(variable.size(), kRollForward.size() + 1)));
         }
     }
-    std::vector<char*> array;
-    for (std::string& variable : variables) {
-        array.push_back(variable.data());
-    }
-    array.push_back(nullptr);
-    const int result = ProcessCtrlVars(array.data());
+    const int result = ProcessCtrlVars(variables.array.data());
     checkRecord();
     if (result == DB_NUM_I_OK) {
         checkQueue(global.lhArgumentFileList);

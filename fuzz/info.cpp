@@ -5,11 +5,10 @@
 void fuzz::runInput(std::string_view input) {
     clearRecord();
     g_sQRTLN_Global.LNDocRecoveryType = LNDocRecoveryType_non;
-    std::string info = "INFO=" + expanded(input);
-    std::string database = "DATABASE=NOTES";
-    const std::string value = info;
-    char* variables[] = {info.data(), database.data(), nullptr};
-    require(ProcessCtrlVars(variables) == DB_NUM_I_OK, "INFO alone never fails an operation");
+    Variables variables({"INFO=" + std::string(input), "DATABASE=NOTES"});
+    const std::string value = variables.texts[0];
+    require(ProcessCtrlVars(variables.array.data()) == DB_NUM_I_OK,
+            "INFO alone never fails an operation");
 
     checkRecord();
     const QRTLN_Global& global = g_sQRTLN_Global;

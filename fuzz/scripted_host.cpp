@@ -48,21 +48,6 @@ void makeTree() {
     fuzz::files().write("run/qrtln_DBIID.ini", kIndex);
 }
 
-// An array of control variables as a host hands it over.
-struct Variables {
-    explicit Variables(std::string_view text) {
-        for (const std::string_view part : fuzz::split(text, '|')) {
-            texts.push_back(expanded(part));
-        }
-        for (std::string& variable : texts) {
-            array.push_back(variable.data());
-        }
-        array.push_back(nullptr);
-    }
-    std::vector<std::string> texts;
-    std::vector<char*> array;
-};
-
 // A buffer of the host: a byte more than is written behind its end shows at once.
 std::vector<char> bufferOf(const std::string& text) {
     std::vector<char> buffer(kPathSize, 'x');
@@ -149,7 +134,7 @@ class Host {
     }
 
     void close(std::string_view text) {
-        Variables variables(text);
+        fuzz::Variables variables(fuzz::split(text, '|'));
         bool succeeds = false;
         for (const std::string& variable : variables.texts) {
             take(variable);
@@ -187,7 +172,7 @@ class Host {
         if (text.size() < 2) {
             return;
         }
-        Variables variables(text.substr(2));
+        fuzz::Variables variables(fuzz::split(text.substr(2), '|'));
         m_hasOwnTemporary = false;
         for (const std::string& variable : variables.texts) {
             take(variable);

@@ -36,6 +36,21 @@ std::string expanded(std::string_view text);
 // The parts between the delimiters; one empty part for an empty text.
 std::vector<std::string_view> split(std::string_view text, char delimiter);
 
+// Control variables, expanded, and the array that a host hands over.
+struct Variables {
+    explicit Variables(const std::vector<std::string_view>& parts) {
+        for (const std::string_view part : parts) {
+            texts.push_back(expanded(part));
+        }
+        for (std::string& text : texts) {
+            array.push_back(text.data());
+        }
+        array.push_back(nullptr);
+    }
+    std::vector<std::string> texts;
+    std::vector<char*> array;
+};
+
 // Whether the path, as a text, lies in folder().
 bool isInside(std::string_view path);
 

@@ -1,8 +1,9 @@
 #include "notes_simulator/domino_sim/attachment.h"
 
-#include "notes_simulator/byte_codec.h"
+#include "notes_simulator/base/byte_codec.h"
+#include "notes_simulator/base/files.h"
+#include "notes_simulator/base/status.h"
 #include "notes_simulator/domino_sim/cli.h"
-#include "notes_simulator/status.h"
 
 #include <openssl/evp.h>
 

@@ -2,9 +2,9 @@
 // SHA-1, and the notes that refer to them.
 #pragma once
 
-#include "notes_simulator/database.h"
 #include "notes_simulator/domino_sim/content.h"
-#include "notes_simulator/server.h"
+#include "notes_simulator/engine/database.h"
+#include "notes_simulator/server/server.h"
 
 #include <filesystem>
 #include <string>

@@ -1,11 +1,12 @@
 #include "notes_simulator/domino_sim/cli.h"
 
+#include "notes_simulator/base/status.h"
+#include "notes_simulator/base/times.h"
 #include "notes_simulator/domino_sim/content.h"
-#include "notes_simulator/status.h"
-#include "notes_simulator/times.h"
-#include "notes_simulator/transaction.h"
-#include "notes_simulator/use_mark.h"
-#include "notes_simulator/vfs_shim.h"
+#include "notes_simulator/engine/transaction.h"
+#include "notes_simulator/server/server_lock.h"
+#include "notes_simulator/server/use_mark.h"
+#include "notes_simulator/storage/recording_vfs.h"
 
 #include <algorithm>
 

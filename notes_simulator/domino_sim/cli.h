@@ -1,9 +1,8 @@
 // What the commands of domino-sim share.
 #pragma once
 
-#include "notes_simulator/database.h"
-#include "notes_simulator/server.h"
-#include "notes_simulator/transaction_log.h"
+#include "notes_simulator/engine/database.h"
+#include "notes_simulator/server/server.h"
 
 #include <CLI/CLI.hpp>
 

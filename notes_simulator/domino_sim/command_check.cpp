@@ -1,10 +1,11 @@
 // check: whether a copy is exactly the database at one of its commits.
-#include "notes_simulator/backup_context.h"
+#include "notes_simulator/base/status.h"
+#include "notes_simulator/base/times.h"
 #include "notes_simulator/domino_sim/attachment.h"
 #include "notes_simulator/domino_sim/cli.h"
 #include "notes_simulator/domino_sim/manifest.h"
-#include "notes_simulator/status.h"
-#include "notes_simulator/times.h"
+#include "notes_simulator/engine/backup_context.h"
+#include "notes_simulator/server/server.h"
 
 #include <charconv>
 #include <iostream>

@@ -1,11 +1,12 @@
 // put, attach and delete: single changes to a database.
+#include "notes_simulator/base/status.h"
 #include "notes_simulator/domino_sim/attachment.h"
 #include "notes_simulator/domino_sim/cli.h"
 #include "notes_simulator/domino_sim/content.h"
 #include "notes_simulator/domino_sim/manifest.h"
-#include "notes_simulator/status.h"
-#include "notes_simulator/transaction.h"
-#include "notes_simulator/use_mark.h"
+#include "notes_simulator/engine/transaction.h"
+#include "notes_simulator/server/server.h"
+#include "notes_simulator/server/use_mark.h"
 
 #include <unistd.h>
 

@@ -1,10 +1,13 @@
 // compact, saved, damage and lose: what befalls databases beside users and backups.
-#include "notes_simulator/backup_context.h"
+#include "notes_simulator/base/status.h"
 #include "notes_simulator/domino_sim/cli.h"
-#include "notes_simulator/status.h"
-#include "notes_simulator/transaction.h"
-#include "notes_simulator/use_mark.h"
-#include "notes_simulator/vfs_shim.h"
+#include "notes_simulator/engine/backup_context.h"
+#include "notes_simulator/engine/transaction.h"
+#include "notes_simulator/log/extent.h"
+#include "notes_simulator/server/server.h"
+#include "notes_simulator/server/server_lock.h"
+#include "notes_simulator/server/use_mark.h"
+#include "notes_simulator/storage/side_files.h"
 
 #include <fcntl.h>
 #include <unistd.h>

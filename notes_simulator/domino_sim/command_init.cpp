@@ -1,9 +1,11 @@
 // init and create: a server folder, and databases in it.
+#include "notes_simulator/base/files.h"
+#include "notes_simulator/base/status.h"
+#include "notes_simulator/base/times.h"
 #include "notes_simulator/domino_sim/cli.h"
 #include "notes_simulator/domino_sim/content.h"
-#include "notes_simulator/status.h"
-#include "notes_simulator/times.h"
-#include "notes_simulator/transaction.h"
+#include "notes_simulator/engine/transaction.h"
+#include "notes_simulator/server/server.h"
 
 #include <cstdlib>
 #include <ctime>

@@ -1,9 +1,10 @@
 // hold, offline and online: who may use a database.
-#include "notes_simulator/backup_context.h"
+#include "notes_simulator/base/status.h"
 #include "notes_simulator/domino_sim/cli.h"
-#include "notes_simulator/offline.h"
-#include "notes_simulator/status.h"
-#include "notes_simulator/use_mark.h"
+#include "notes_simulator/engine/backup_context.h"
+#include "notes_simulator/engine/offline.h"
+#include "notes_simulator/server/server.h"
+#include "notes_simulator/server/use_mark.h"
 
 #include <csignal>
 #include <ctime>

@@ -1,14 +1,16 @@
 // show, backups and logs: what is in a database, and what the server remembers.
-#include "notes_simulator/backup_context.h"
+#include "notes_simulator/base/status.h"
+#include "notes_simulator/base/text_translation.h"
+#include "notes_simulator/base/times.h"
 #include "notes_simulator/domino_sim/cli.h"
 #include "notes_simulator/domino_sim/database_state.h"
-#include "notes_simulator/extent_files.h"
-#include "notes_simulator/status.h"
-#include "notes_simulator/text_translation.h"
-#include "notes_simulator/times.h"
-#include "notes_simulator/transaction.h"
-#include "notes_simulator/use_mark.h"
-#include "notes_simulator/vfs_shim.h"
+#include "notes_simulator/engine/backup_context.h"
+#include "notes_simulator/engine/transaction.h"
+#include "notes_simulator/log/extent.h"
+#include "notes_simulator/log/extent_files.h"
+#include "notes_simulator/server/server.h"
+#include "notes_simulator/server/server_lock.h"
+#include "notes_simulator/server/use_mark.h"
 
 #include <nlohmann/json.hpp>
 

@@ -1,11 +1,14 @@
 // workload: writers at full rate, and a manifest of what they commit.
+#include "notes_simulator/base/status.h"
 #include "notes_simulator/domino_sim/attachment.h"
 #include "notes_simulator/domino_sim/cli.h"
 #include "notes_simulator/domino_sim/content.h"
 #include "notes_simulator/domino_sim/manifest.h"
-#include "notes_simulator/status.h"
-#include "notes_simulator/transaction.h"
-#include "notes_simulator/use_mark.h"
+#include "notes_simulator/engine/transaction.h"
+#include "notes_simulator/log/extent.h"
+#include "notes_simulator/server/server.h"
+#include "notes_simulator/server/server_lock.h"
+#include "notes_simulator/server/use_mark.h"
 
 #include <sys/prctl.h>
 #include <sys/wait.h>
@@ -90,7 +93,7 @@ class Writer {
         if (m_content.below(kOneInLarge) == 0) {
             left = kLargeTransaction;
         }
-        const std::uint64_t most = TransactionLog::largestPayload(m_server);
+        const std::uint64_t most = largestPayload(m_server.extentSize);
         for (std::uint64_t size = 0; left > 0; --left) {
             NoteChange change = oneChange(present);
             size += change.note.body.size() + 256;

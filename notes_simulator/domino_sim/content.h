@@ -1,7 +1,7 @@
 // Made-up notes: the same seed gives the same notes.
 #pragma once
 
-#include "notes_simulator/database.h"
+#include "notes_simulator/engine/database.h"
 
 #include <cstdint>
 #include <random>

@@ -1,6 +1,6 @@
 #include "notes_simulator/domino_sim/database_state.h"
 
-#include "notes_simulator/status.h"
+#include "notes_simulator/base/status.h"
 
 #include <openssl/evp.h>
 

@@ -1,7 +1,7 @@
 // The whole logical content of a database, as digests that can be compared.
 #pragma once
 
-#include "notes_simulator/database.h"
+#include "notes_simulator/engine/database.h"
 
 #include <map>
 #include <string>

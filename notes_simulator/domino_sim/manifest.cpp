@@ -1,7 +1,7 @@
 #include "notes_simulator/domino_sim/manifest.h"
 
+#include "notes_simulator/base/status.h"
 #include "notes_simulator/domino_sim/cli.h"
-#include "notes_simulator/status.h"
 
 #include <nlohmann/json.hpp>
 

@@ -10,7 +10,7 @@
 #pragma once
 
 #include "notes_simulator/domino_sim/database_state.h"
-#include "notes_simulator/transaction.h"
+#include "notes_simulator/engine/transaction.h"
 
 #include <filesystem>
 #include <map>

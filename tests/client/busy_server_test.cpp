@@ -82,7 +82,7 @@ TEST_F(ModuleProcess, HasTheEnvironmentThatAServerWantsAndEndsWithASecondSignal)
     fs::create_directories(m_data + "/NOTES"); // must not become an argument
     add_to_notes_ini("SimStrict=slow\nSimSlow=NSFBackupStart=never");
     const std::string journal = m_scratch / "journal", programs = QRTLN_SIMULATOR_DIRECTORY;
-    RunningClient client(
+    Program client = start_client(
         on_server({"backup"}),
         {{"LD_LIBRARY_PATH", ":/inherited:"}, {"LC_ALL", "C"}, {"NOTES_SIM_JOURNAL", journal}});
     while (read_file(journal).find("NSFDbOpen(") == std::string::npos)

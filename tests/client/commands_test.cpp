@@ -147,8 +147,8 @@ TEST_F(Commands, ASignalWhileTheModuleIsBusyEndsTheRunCleanly) {
     ::signal(SIGHUP, SIG_IGN); // as nohup does
     for (const auto& [signal, words] :
          {std::pair<int, Words>{SIGTERM, {"backup"}}, {SIGINT, {"restore", "--all"}}}) {
-        RunningClient client(on_server(words),
-                             hook("prepare:*/names.nsf|set:*/names.nsf) " + waits));
+        Program client =
+            start_client(on_server(words), hook("prepare:*/names.nsf|set:*/names.nsf) " + waits));
         while (!fs::exists(mark))
             std::this_thread::sleep_for(std::chrono::milliseconds(5));
         ::kill(client.pid(), SIGHUP);

@@ -6,7 +6,7 @@
 #include "client/store/object_writer.h"
 #include "client/store/store.h"
 #include "tests/client/run_client.h"
-#include "tests/simulator/domino_sim.h"
+#include "tests/support/domino_sim.h"
 
 #include <algorithm>
 #include <cctype>

@@ -97,11 +97,39 @@ TEST(Times, OfABaseAreNeverReadAsLaterThanItsStart) {
     EXPECT_THROW(since_time_text(std::time_t{1} << 60), ClientError);
 }
 
+constexpr std::int64_t start = 1'000'000'020; // a whole minute
+
+// Started and ended at a minute; the identity of its log; items with the minute of their copy.
+using CopiedSet = std::tuple<std::string, int, int, const char*, const char*>;
+
+void write_set(Store& store, const CopiedSet& copied_set) {
+    const auto& [set, started, ended, log, contents] = copied_set;
+    Manifest manifest;
+    manifest.set = set;
+    manifest.level = set.substr(17);
+    manifest.started = start + 60 * started;
+    manifest.ended = start + 60 * ended;
+    manifest.complete = true;
+    manifest.whole_system = manifest.level == "full";
+    manifest.data_directory = "/d";
+    std::istringstream items(contents);
+    std::string path;
+    for (int copied = 0; items >> path >> copied;) {
+        ManifestItem& item = manifest.items.emplace_back();
+        item.path = path;
+        item.kind = item_kind_of(path);
+        item.status = ItemStatus::stored;
+        item.object = std::string(64, 'a');
+        item.copied = copied == 0 ? 0 : start + 60 * copied;
+        if (item.kind == ItemKind::log)
+            item.log = LogIdentity{1, log, false};
+    }
+    store.write_manifest(set, serialize(manifest));
+}
+
 // The newest copy of each, up to a minute; of one log, with its own control file.
 TEST(Times, ChooseWhatWasCopiedByThenAndTheLogsOfOneIdentity) {
-    constexpr std::int64_t start = 1'000'000'020; // a whole minute
-    // Started and ended at a minute; the identity of its log; items with the minute of their copy.
-    const std::tuple<std::string, int, int, const char*, const char*> sets[] = {
+    const CopiedSet sets[] = {
         {"20010909T014700Z-full", 0, 3, "aaaaaaaa",
          "/d/a.nsf 1 /d/b.nsf 2 /d/gone.nsf 3 /l/S1.TXN 3 /l/S2.TXN 3 /l/nlogctrl.lfh 3"},
         {"20010909T015700Z-full", 10, 20, "bbbbbbbb",
@@ -109,29 +137,8 @@ TEST(Times, ChooseWhatWasCopiedByThenAndTheLogsOfOneIdentity) {
         {"20010909T021700Z-copy", 30, 31, "", "/d/a.nsf 0 /l/nlogctrl.lfh 31"}};
     ScratchFolder scratch;
     auto store = open_directory_store(scratch / "store", StoreAccess::write);
-    for (const auto& [set, started, ended, log, contents] : sets) {
-        Manifest manifest;
-        manifest.set = set;
-        manifest.level = set.substr(17);
-        manifest.started = start + 60 * started;
-        manifest.ended = start + 60 * ended;
-        manifest.complete = true;
-        manifest.whole_system = manifest.level == "full";
-        manifest.data_directory = "/d";
-        std::istringstream items(contents);
-        std::string path;
-        for (int copied = 0; items >> path >> copied;) {
-            ManifestItem& item = manifest.items.emplace_back();
-            item.path = path;
-            item.kind = item_kind_of(path);
-            item.status = ItemStatus::stored;
-            item.object = std::string(64, 'a');
-            item.copied = copied == 0 ? 0 : start + 60 * copied;
-            if (item.kind == ItemKind::log)
-                item.log = LogIdentity{1, log, false};
-        }
-        store->write_manifest(set, serialize(manifest));
-    }
+    for (const CopiedSet& set : sets)
+        write_set(*store, set);
     const ServerScope scope{"", "", "/d", "/d"};
     EXPECT_EQ(load_stored_logs(*store, scope, {}).control->set, std::get<0>(sets[1]));
     // Each selected item as its name and the minute of its set; "!" is left out.

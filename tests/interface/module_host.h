@@ -15,7 +15,7 @@
 
 #include "notes_simulator/notes_sim_inspection.h"
 #include "qrt_lotus_notes/db_interface.h"
-#include "tests/simulator/domino_sim.h"
+#include "tests/support/domino_sim.h"
 #include "tests/support/temporary_folder.h"
 
 // A server folder with six databases, small log extents, and folders for copies and run-time data.

@@ -34,10 +34,10 @@ TEST(BackupUnderWriters, CopyIsExactWithItsChangesAndTornOrStaleWithoutThemInMos
             const std::string check = "check " + copy + " --database " + kDatabase +
                                       " --manifest " + workload.manifest() + " --server " +
                                       server.root();
-            const auto result = runDominoSim(check);
-            ASSERT_TRUE(result.exitCode == 0 || (!apply && result.exitCode == 4))
+            const auto result = qrtln::test::Program(dominoSimWords(check)).wait();
+            ASSERT_TRUE(result.exit_code == 0 || (!apply && result.exit_code == 4))
                 << "round " << round << ", try " << i << ": " << result.output;
-            bad += result.exitCode == 4 ? 1 : 0;
+            bad += result.exit_code == 4 ? 1 : 0;
             torn += result.output.find("integrity check failed") != std::string::npos ? 1 : 0;
         }
     }

@@ -96,16 +96,16 @@ TEST_F(Recover, ThatFailsNamesTheDatabaseAndChangesNothing) {
         {"the time is before the backup", {kLater, 1}, [] {}, TIMEDATE{{0, 2440588}}},
     };
     const std::string logs = server.root() + "/logs";
-    const std::string mailBefore = readFile(mail);
-    const std::string namesBefore = readFile(names);
+    const std::string mailBefore = qrtln::test::read_file(mail);
+    const std::string namesBefore = qrtln::test::read_file(names);
     fs::copy(logs, server.folder.file("logs"));
     for (const Case& failure : cases) {
         SCOPED_TRACE(failure.title);
         failure.harm();
-        const std::string harmed = readFile(names);
+        const std::string harmed = qrtln::test::read_file(names);
         EXPECT_EQ(recover({mail, names}, kNewDbiid, failure.until), failure.outcome);
-        EXPECT_TRUE(readFile(mail) == mailBefore);
-        EXPECT_TRUE(readFile(names) == harmed);
+        EXPECT_TRUE(qrtln::test::read_file(mail) == mailBefore);
+        EXPECT_TRUE(qrtln::test::read_file(names) == harmed);
         g_refused = 0;
         server.folder.write("copy-names.nsf", namesBefore);
         fs::copy(server.folder.file("logs"), logs,

@@ -8,7 +8,7 @@
 //   unflushed TEXT 1    flushes of a file whose path holds TEXT do nothing
 //   in_place TEXT 1     what is renamed to a path that holds TEXT is written over it instead
 //   late TEXT 1         what is renamed to a path that holds TEXT comes there at the process's end
-#include "tests/torture/bytes_of.h"
+#include "tests/support/files.h"
 #include "tests/torture/model_clock.h"
 
 #include <algorithm>
@@ -24,6 +24,7 @@
 
 namespace {
 
+using namespace qrtln::test;
 using namespace qrtln::torture;
 
 struct Fault {
@@ -111,7 +112,7 @@ struct LateRename {
 } late;
 
 int write_over(const char* from, const char* to) {
-    std::string bytes = bytes_of(from);
+    std::string bytes = read_file(from);
     std::ofstream file(to, std::ios::binary);
     file << bytes.substr(0, bytes.size() / 2) << std::flush << bytes.substr(bytes.size() / 2);
     return ::unlink(from);

@@ -5,7 +5,8 @@
 //
 // Prints the sums; ends with 1 when a rule was violated. With a planted defect it ends with 0 when
 // the rule that the defect violates was found violated.
-#include "notes_simulator/transaction_log.h"
+#include "notes_simulator/log/transaction_log.h"
+#include "notes_simulator/server/server_lock.h"
 #include "tests/support/temporary_folder.h"
 #include "tests/torture/durable_disk.h"
 #include "tests/torture/model.h"
@@ -146,7 +147,7 @@ class Crashes : private Model {
         fs::create_directories(to);
         for (const char* part : {"/disk", "/a"})
             fs::remove_all(to + part);
-        Run copy = run_program({"/bin/cp", "-a", from + "/disk", from + "/a", to}, {}, m_folder);
+        Run copy = run_program({"/bin/cp", "-a", from + "/disk", from + "/a", to});
         if (copy.exit_code != 0)
             throw std::runtime_error("cannot copy the server: " + copy.errors);
     }
@@ -176,7 +177,7 @@ class Crashes : private Model {
         take_new_sets();
     }
 
-    std::string index() const { return bytes_of(server().index_file()); }
+    std::string index() const { return read_file(server().index_file()); }
 
     // The extents that wait to be archived, with the SHA-256 of their bytes.
     std::map<std::uint32_t, std::string> waiting_extents() const {
@@ -184,7 +185,7 @@ class Crashes : private Model {
         notes_sim::ServerLock lock(server().server());
         notes_sim::TransactionLog log(server().server(), lock);
         for (std::uint32_t number : log.readyExtents())
-            waiting[number] = qrtln::sha256_hex(bytes_of(log.extentPath(number)));
+            waiting[number] = qrtln::sha256_hex(read_file(log.extentPath(number)));
         return waiting;
     }
 

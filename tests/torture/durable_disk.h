@@ -5,7 +5,7 @@
 
 #include "client/base/file_descriptor.h"
 #include "client/base/paths.h"
-#include "tests/torture/bytes_of.h"
+#include "tests/support/files.h"
 
 #include <fcntl.h>
 #include <filesystem>
@@ -16,6 +16,8 @@
 #include <system_error>
 
 namespace qrtln::torture {
+
+using test::read_file;
 
 // What a power cut may do with what was not flushed: whatever a file system happened to write.
 enum class PowerCut {
@@ -64,7 +66,7 @@ class DurableDisk {
         if (node.folder)
             node.names = names_now(node);
         else
-            node.content = bytes_of(path);
+            node.content = read_file(path);
     }
 
     // Or adds, with nothing flushed.
@@ -93,7 +95,7 @@ class DurableDisk {
         const Node& node = m_nodes.at(file);
         if (!node.folder) {
             std::ofstream(place, std::ios::binary)
-                << survivor(node.content, bytes_of(node.path()), kind, random);
+                << survivor(node.content, read_file(node.path()), kind, random);
             std::filesystem::permissions(place, std::filesystem::perms(0600));
             return;
         }

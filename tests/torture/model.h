@@ -5,7 +5,7 @@
 #include "client/base/file_descriptor.h"
 #include "client/store/digest.h"
 #include "notes_simulator/domino_sim/cli.h"
-#include "tests/torture/bytes_of.h"
+#include "tests/support/files.h"
 #include "tests/torture/model_clock.h"
 #include "tests/torture/server_history.h"
 
@@ -138,7 +138,7 @@ class Model {
               const CallObserver* observer = nullptr) {
         std::int64_t begun = m_clock.now();
         m_clock.go(1);
-        Run run = run_program(server().command(words), more, server().folder, kill, observer);
+        Run run = run_program(server().command(words), more, kill, observer);
         stand_still_after(begun);
         // A module that lost its client still ends its operation; both share the lock of the store.
         FileDescriptor lock(::open((m_store + "/lock").c_str(), O_RDONLY | O_CLOEXEC));
@@ -166,7 +166,7 @@ class Model {
             std::string name = entry.path().stem();
             if (entry.path().extension() != ".json")
                 continue;
-            std::string bytes = bytes_of(entry.path());
+            std::string bytes = read_file(entry.path());
             Json manifest = Json::parse(bytes, nullptr, false);
             require(manifest.is_object(), whole_store, "no manifest: " + name);
             if (!m_sets.contains(name))

@@ -2,8 +2,8 @@
 #pragma once
 
 #include "client/base/text.h"
-#include "notes_simulator/offline.h"
-#include "notes_simulator/use_mark.h"
+#include "notes_simulator/engine/offline.h"
+#include "notes_simulator/server/use_mark.h"
 #include "tests/torture/model.h"
 
 namespace qrtln::torture {
@@ -16,7 +16,7 @@ inline Files files_below(const std::string& folder) {
     if (fs::exists(folder))
         for (const auto& entry : fs::recursive_directory_iterator(folder))
             if (entry.is_regular_file())
-                files[entry.path()] = sha256_hex(bytes_of(entry.path()));
+                files[entry.path()] = sha256_hex(read_file(entry.path()));
     return files;
 }
 
@@ -119,13 +119,13 @@ class Rules : public Model {
     bool is_damaged(const Saved& saved) const { return m_damaged.contains(saved.object); }
 
     bool is_owed(const std::string& name) const {
-        std::string owed = bytes_of(m_store + "/runtime/owed.jsonl");
+        std::string owed = read_file(m_store + "/runtime/owed.jsonl");
         return owed.find(Json(server().path_of(name)).dump()) != std::string::npos;
     }
 
     void require_kept_sets() const {
         for (const auto& [name, set] : m_sets)
-            require(sha256_hex(bytes_of(m_store + "/sets/" + name + ".json")) == set.digest,
+            require(sha256_hex(read_file(m_store + "/sets/" + name + ".json")) == set.digest,
                     "a set stays as it is", name);
     }
 

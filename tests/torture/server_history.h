@@ -1,13 +1,13 @@
 // A simulated server whose whole history is remembered: what each database held after every commit.
 #pragma once
 
+#include "notes_simulator/base/times.h"
 #include "notes_simulator/domino_sim/cli.h"
 #include "notes_simulator/domino_sim/content.h"
 #include "notes_simulator/domino_sim/database_state.h"
-#include "notes_simulator/server.h"
-#include "notes_simulator/times.h"
-#include "notes_simulator/transaction.h"
-#include "notes_simulator/use_mark.h"
+#include "notes_simulator/engine/transaction.h"
+#include "notes_simulator/server/server.h"
+#include "notes_simulator/server/use_mark.h"
 #include "tests/torture/traced_run.h"
 
 #include <algorithm>
@@ -207,7 +207,7 @@ class History {
     void simulate(std::vector<std::string> words) const {
         words.insert(words.begin(), QRTLN_DOMINO_SIM);
         words.insert(words.begin() + 2, server_folder());
-        if (Run done = run_program(words, {}, folder); done.exit_code != 0)
+        if (Run done = run_program(words); done.exit_code != 0)
             throw std::runtime_error("domino-sim " + words[1] + ": " + done.errors);
     }
 

@@ -22,6 +22,15 @@ namespace {
 const std::map<std::string, std::size_t> parts = {
     {"fail_at_n", 2}, {"allocations", 4}, {"system_calls", 2}};
 
+const std::map<std::string, std::unique_ptr<Scenario> (*)()> scenarios = {
+    {"full", [] { return backup_scenario(DB_LEVEL_FULL); }},
+    {"incremental", [] { return backup_scenario(DB_LEVEL_INCR); }},
+    {"differential", [] { return backup_scenario(DB_LEVEL_DIFF); }},
+    {"activation", activation_scenario},
+    {"deleted", [] { return documents_scenario(false); }},
+    {"changed", [] { return documents_scenario(true); }},
+    {"recovery", recovery_scenario}};
+
 std::string part_of(const std::string& call) {
     const FailingCall* of_module = failing_call(call);
     return of_module == nullptr     ? "fail_at_n"

@@ -1,10 +1,7 @@
 #include "tests/torture/traced_run.h"
-#include "client/base/file_descriptor.h"
-#include "tests/torture/bytes_of.h"
 
 #include <cerrno>
 #include <csignal>
-#include <cstdlib>
 #include <fcntl.h>
 #include <set>
 #include <sys/ptrace.h>
@@ -46,10 +43,6 @@ bool changes_files(const __ptrace_syscall_info& info) {
     default:
         return always.contains(info.entry.nr);
     }
-}
-
-int exit_code_of(int status) {
-    return WIFEXITED(status) ? WEXITSTATUS(status) : -WTERMSIG(status);
 }
 
 // Follows one program until all of its processes are gone, or let go.
@@ -161,69 +154,16 @@ class Tracer {
 
 } // namespace
 
-Started::Started(const std::vector<std::string>& words, const Environment& more,
-                 const std::string& scratch, bool traced)
-    : m_scratch(scratch) {
-    std::vector<std::string> texts = words;
-    std::vector<char*> pointers;
-    for (std::string& text : texts)
-        pointers.push_back(text.data());
-    pointers.push_back(nullptr);
-    char* const* const program = pointers.data();
-    constexpr int flags = O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC;
-    FileDescriptor output(::open((scratch + "/output").c_str(), flags, 0600));
-    FileDescriptor errors(::open((scratch + "/errors").c_str(), flags, 0600));
-    for (const auto& [name, value] : more)
-        ::setenv(name.c_str(), value.c_str(), 1);
-    // To copy the pages of this process would take longer than the program.
-    m_pid = ::vfork();
-    if (m_pid == 0) {
-        ::dup2(output.get(), STDOUT_FILENO);
-        ::dup2(errors.get(), STDERR_FILENO);
-        if (traced)
-            ::ptrace(PTRACE_TRACEME, 0, nullptr, nullptr); // it stops at its beginning
-        ::execv(program[0], program);
-        ::_exit(127);
-    }
-    for (const auto& [name, value] : more)
-        ::unsetenv(name.c_str());
-    if (m_pid < 0)
-        fail("vfork");
-}
-
-Started::~Started() {
-    if (m_pid > 0) {
-        ::kill(m_pid, SIGKILL);
-        ::waitpid(m_pid, nullptr, 0);
-    }
-}
-
-bool Started::ended() const {
-    siginfo_t ended{};
-    return ::waitid(P_PID, static_cast<id_t>(m_pid), &ended, WEXITED | WNOHANG | WNOWAIT) == 0 &&
-           ended.si_pid == m_pid;
-}
-
-Run Started::finish() {
-    int status = 0;
-    if (::waitpid(m_pid, &status, 0) != m_pid)
-        fail("waitpid");
-    return finish({.exit_code = exit_code_of(status)});
-}
-
-Run Started::finish(Run run) {
-    m_pid = -1;
-    run.output = bytes_of(m_scratch + "/output");
-    run.errors = bytes_of(m_scratch + "/errors");
-    return run;
-}
-
-Run run_program(const std::vector<std::string>& words, const Environment& more,
-                const std::string& scratch, Kill kill, const CallObserver* observer) {
+Run run_program(const Words& words, const Environment& more, Kill kill,
+                const CallObserver* observer) {
     bool traced = kill.call != 0 || kill.moment != 0 || observer != nullptr;
-    Started program(words, more, scratch, traced);
-    return traced ? program.finish(Tracer(program.pid(), kill, observer).follow())
-                  : program.finish();
+    Program program(words, more, traced);
+    if (!traced)
+        return {program.wait()};
+    Run run = Tracer(program.pid(), kill, observer).follow();
+    program.waited();
+    static_cast<Outcome&>(run) = program.printed(run.exit_code);
+    return run;
 }
 
 } // namespace qrtln::torture

@@ -182,8 +182,8 @@ std::string content_of(const std::string& path) try {
 }
 
 bool same_content(const std::string& copy, const std::string& database) {
-    std::string bytes = bytes_of(copy);
-    if (!bytes.empty() && bytes == bytes_of(database))
+    std::string bytes = read_file(copy);
+    if (!bytes.empty() && bytes == read_file(database))
         return true;
     std::string content = content_of(copy);
     return !content.starts_with("unsound") && content == content_of(database);
@@ -207,13 +207,13 @@ RunResult run_once(const Workspace& workspace, Scenario& scenario, const Fault& 
     waitpid(child, &status, 0);
 
     RunResult result;
-    std::string said = bytes_of(errors);
+    std::string said = read_file(errors);
     if (fault.call == "malloc" && WIFEXITED(status) && WEXITSTATUS(status) == 255 &&
         said.find("malloc returned NULL") != std::string::npos) {
         result.fired = true; // it ended the process, as the lists do without memory
         return result;
     }
-    std::string report = bytes_of(workspace.folder.file("report"));
+    std::string report = read_file(workspace.folder.file("report"));
     if (status != 0 || report.empty()) {
         result.complaints.push_back("the host process died with status " + std::to_string(status));
         result.fired = true;

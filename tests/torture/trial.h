@@ -10,13 +10,14 @@
 #include <vector>
 
 #include "tests/interface/module_host.h"
-#include "tests/torture/bytes_of.h"
+#include "tests/support/files.h"
 #include "tests/torture/calls.h"
 #include "tests/torture/failing_calls.h"
 
 namespace qrtln::torture {
 
 namespace fs = std::filesystem;
+using test::read_file;
 
 // What users find in a database: every note and every unread mark, a line each. Begins with
 // "unsound" when the database is damaged or there is none. Its place, its identity and the times of
@@ -184,8 +185,10 @@ class Scenario {
     virtual bool may_need_retry(const Fault&) const { return false; }
 };
 
-// What makes each, by its name.
-extern const std::map<std::string, std::unique_ptr<Scenario> (*)()> scenarios;
+std::unique_ptr<Scenario> backup_scenario(DB_OPERATION_LEVEL level);
+std::unique_ptr<Scenario> activation_scenario();
+std::unique_ptr<Scenario> documents_scenario(bool changed); // or deleted
+std::unique_ptr<Scenario> recovery_scenario();
 
 // The result of a run, as its parent process knows it.
 struct RunResult {

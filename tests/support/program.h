@@ -1,0 +1,51 @@
+// Programs that tests run.
+#pragma once
+
+#include "tests/support/temporary_folder.h"
+
+#include <map>
+#include <nlohmann/json.hpp>
+#include <string>
+#include <sys/types.h>
+#include <vector>
+
+namespace qrtln::test {
+
+using Words = std::vector<std::string>;
+using Environment = std::map<std::string, std::string>; // "" takes a variable away
+
+struct Outcome {
+    int exit_code = -1; // minus the signal for a process that a signal ended
+    std::string output = {};
+    std::string errors = {};
+
+    // What it printed, null when that is nothing.
+    nlohmann::json document() const {
+        return output.empty() ? nlohmann::json() : nlohmann::json::parse(output);
+    }
+};
+
+int exit_code_of(int status);
+
+// A program that runs, words[0] with these words; wait() or the destructor ends it, and so does the
+// end of the test that started it. Throws std::system_error.
+class Program {
+  public:
+    // Under ptrace it stops at its beginning. REQUIRES: whoever traces it waits for it.
+    explicit Program(Words words, const Environment& environment = {}, bool traced = false);
+    ~Program();
+    Program(const Program&) = delete;
+    Program& operator=(const Program&) = delete;
+
+    pid_t pid() const { return m_pid; }
+    bool ended() const; // does not wait
+    Outcome printed(int exit_code = -1) const;
+    Outcome wait();
+    void waited() { m_pid = -1; } // somebody else waited for its end
+
+  private:
+    TemporaryFolder m_files;
+    pid_t m_pid = -1;
+};
+
+} // namespace qrtln::test
