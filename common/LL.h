@@ -26,7 +26,7 @@ t_LL ConsLL();                  // a new empty list; release it with DestLL
 t_LL InitLL(t_LL list);         // makes the head an empty list; returns it
 int IsEmptyLL(t_LL list);       // non-zero when there is no element
 void* FirstElmLL(t_LL list);    // the first element; of an empty list a non-element
-void* LastElmLL(t_LL list);     // the last element; of an empty list a non-element
+void* LastElmLL(t_LL list);     // the last element, likewise; called by nobody here
 void* NextElmLL(void* element); // the one after it; after the last a non-element
 int IsElmLL(void* element);     // non-zero for an element, 0 for the head
 void DelElmLL(void* element);   // unlinks and frees
@@ -40,7 +40,7 @@ void* InsLastLLf(t_LL list, std::size_t size, const void* data);
 // The general insertion: `link` puts the new element's header next to `anchor`.
 void* InsLLf(s_list* anchor, std::size_t size, const void* data, LinkFunction link);
 void linkBefore(s_list* anchor, s_list* link);
-void linkAfter(s_list* anchor, s_list* link);
+void linkAfter(s_list* anchor, s_list* link); // for a caller's insertion; no caller here
 
 void l_linit(s_list* link);  // both links of the link to itself
 void l_unlink(s_list* link); // joins its neighbours

@@ -43,3 +43,11 @@ bool appendText(char (&dst)[size], const char* src) {
     va_end(arguments);
     return length >= 0 && static_cast<std::size_t>(length) < size;
 }
+
+// Writes a directory's path and a name below it, with "/" between them unless the directory ends in
+// one. Returns false when it was cut. Neither may lie in dst.
+inline bool joinPath(char* dst, std::size_t size, const char* directory, const char* name) {
+    const std::size_t length = std::strlen(directory);
+    const bool delimited = length > 0 && directory[length - 1] == '/';
+    return formatText(dst, size, "%s%s%s", directory, delimited ? "" : "/", name);
+}

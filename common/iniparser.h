@@ -36,6 +36,7 @@ char* iniparser_getstr(const dictionary* d, const char* key);
 int iniparser_getnsec(const dictionary* d);
 
 // The name of section n (from 0, in slot order), owned by d; NULL when there is no such section.
+// Called by nobody here: part of the unit's interface.
 char* iniparser_getsecname(const dictionary* d, int n);
 
 // Where the entries lie in a file that iniparser_update_dump keeps. Empty: not known.

@@ -99,37 +99,14 @@ class TapedNotes : public NotesApiFake {
         }
     }
 
-    // What a function does with the handles among its numbers, in their order: d database, b
-    // backup, a application of changes, t table, m memory, "." no handle. A capital letter gives it
-    // back, one behind "+" comes out of a success. Checks them; returns what comes out.
+    // Checks the handles of a call by the list of functions; returns the kind of one that comes
+    // out.
     char takeHandles(const NotesCall& call) {
-        static constexpr std::pair<std::string_view, std::string_view> functions[] = {
-            {"+a", " NSFBackupStartApplyChangeInfo "},
-            {"+d", " NSFDbOpen "},
-            {"+m", " OSMemAlloc "},
-            {"a", " NSFBackupApplyNextChangeInfo "},
-            {"A", " NSFBackupEndApplyChangeInfo "},
-            {"D", " NSFDbClose "},
-            {"d", " NSFDbGetBuildVersion NSFDbGetLogInfo NSFDbIDGet NSFNoteDelete "},
-            {"d+b", " NSFBackupStart "},
-            {"d+t", " NSFDbGetModifiedNoteTable NSFDbGetUnreadNoteTable "},
-            {"d..tt", " NSFDbSetUnreadNoteTable "},
-            {"d.d", " NSFDbCopyNote "},
-            {"dB", " NSFBackupEnd "},
-            {"db", " NSFBackupGetChangeInfoSize NSFBackupGetNextChangeInfo "
-                   "NSFBackupSetHighWaterMark NSFBackupStop "},
-            {"dt", " NSFDbUpdateUnread "},
-            {"m", " OSLockObject OSUnlockObject "},
-            {"M", " OSMemFree "},
-            {"T", " IDDestroyTable "},
-            {"t", " IDEntries IDInsert IDIsPresent IDScan "},
-            {"t+t", " IDTableCopy "}};
-        const std::string word = " " + std::string(call.function) + " ";
-        const auto found =
-            std::find_if(std::begin(functions), std::end(functions), [&](const auto& each) {
-                return each.second.find(word) != std::string_view::npos;
-            });
-        const std::string_view kinds = found == std::end(functions) ? "" : found->first;
+        static const std::map<std::string_view, std::string_view> functions = {
+#define NOTES_FUNCTION(result, name, parameters, handles) {#name, handles},
+#include "notes_api/functions.h"
+        };
+        const std::string_view kinds = functions.at(call.function);
         for (std::size_t i = 0; i < kinds.size(); ++i) {
             if (kinds[i] == '+') {
                 return kinds[i + 1];

@@ -11,7 +11,7 @@
  *      SERVER/logs/        the transaction log: S0000001.TXN ... and nlogctrl.lfh
  *      SERVER/state/       what the server's processes share: backup contexts, what was backed up,
  *                          what is offline, locks. The administrator's business is everything but
- * this folder.
+ *                          this folder.
  *
  *    Variables of notes.ini that count here: Directory, NotesProgram, TRANSLOG_Status (1: logging
  *    is on), TRANSLOG_Style (0 circular, 1 archive, 2 linear), TRANSLOG_Path, TRANSLOG_MaxSize

@@ -5,22 +5,24 @@
  *  1. The client loads the library at run time and calls the twelve DB_ functions below, one at a
  *     time from one thread. DB_Terminate alone may be called while another call is running.
  *  2. Every function returns a status code (DB_NUM_...). None throws, none ends the process but
- * when memory runs out inside the module's lists.
+ *     when memory runs out inside the module's lists.
  *  3. BOOL is a 32-bit int: 0 is false, everything else true. Strings are NUL-terminated byte
- *     strings; paths are native byte strings with "/" as delimiter, at most 1028 bytes with the
- * NUL.
+ *     strings; paths are native byte strings with "/" as delimiter, at most 1028 bytes with
+ *     the NUL.
  *  4. The client owns every buffer that it passes. Texts that the module hands to a callback are
  *     valid only during the call; the strings of DB_GetInfo are static.
  *  5. Control variables are a NULL-terminated array of "NAME=value" strings.
  *  6. The client may export `void resolve_path(char* path)` (C linkage): it replaces a symbolic
  *     directory prefix ("gv_rw_times:", the directory of run-time data) in place, within 1028
- * bytes. Without it the path stays as it is.
+ *     bytes. Without it the path stays as it is.
  */
 #ifndef QRT_LOTUS_NOTES_DB_INTERFACE_H
 #define QRT_LOTUS_NOTES_DB_INTERFACE_H
 
-/* A client may pass any number where an enumeration stands: the module answers those that it does
- * not know. C++ has to be told so; C takes this type anyhow. */
+/*
+ * A client may pass any number where an enumeration stands: the module answers those that it does
+ * not know. C++ has to be told so; C takes this type anyhow.
+ */
 #ifdef __cplusplus
 #define DB_ANY_NUMBER : unsigned int
 extern "C" {
@@ -69,8 +71,7 @@ typedef enum DB_ANY_NUMBER {
 
 /* How the client is to handle items. */
 typedef enum DB_ANY_NUMBER {
-    DB_FILE_PREPARE =
-        0, /* it reads or writes the files itself, after DB_PrepareItem or DB_SetItem */
+    DB_FILE_PREPARE = 0, /* it reads or writes the files, after DB_PrepareItem or DB_SetItem */
     DB_STREAM = 1,
     DB_FILE = 2,
     DB_FILE_STREAM = 3,
@@ -193,7 +194,7 @@ int DB_ItemFinishStatus(DB_ITEM_RESULT e_ItemFinishStatus);
  */
 int DB_CloseOperation(char** cppI_CtrlVars);
 
-/* Listing is not supported. Returns 3001. */
+/* Listing is not supported. Returns 3001. For hosts that ask; no client here does. */
 int DB_DirItem(sFormat* cpItem);
 
 /* Asks the running copy to stop; it stops within 32 KiB. Returns 3000. */

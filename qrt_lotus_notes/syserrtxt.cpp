@@ -4,7 +4,6 @@
 #include <cstring>
 
 #include "common/bounded_text.h"
-#include "qrt_lotus_notes/qrtln_u/messages.h"
 
 namespace {
 

@@ -1,5 +1,4 @@
-// What the entry points share: the frame that keeps exceptions in, the state checks, and the state
-// that lives between them.
+// What the entry points share: the frame that keeps exceptions in, and the state checks.
 #pragma once
 
 #include <new>
@@ -63,7 +62,3 @@ inline const char* shown(const char* text) {
 }
 
 } // namespace entry_point
-
-// The item that DB_ItemFinishStatus finished last and keeps as an anchor in
-// LL_CurrentItemList; NULL when there is none. Reset with the list.
-extern s_CurrentItem* psCurrentListItem;

@@ -1,6 +1,8 @@
 // The entry points that open and close an operation, stop it and identify the module.
+#include "common/non_copyable.h"
 #include "qrt_lotus_notes/qrtln/build_identification.h"
 #include "qrt_lotus_notes/qrtln/entry_point.h"
+#include "qrt_lotus_notes/qrtln/item_list.h"
 #include "qrt_lotus_notes/qrtln_f/backup_initialisation.h"
 #include "qrt_lotus_notes/qrtln_f/dbiid_index.h"
 #include "qrt_lotus_notes/qrtln_f/recovery.h"
@@ -49,7 +51,7 @@ bool s_archivingToEnd = false;
 
 // Keeps the error record as it is while another operation is undone: what that reports is logged,
 // but is no error of the operation that starts.
-class ErrorRecordKeeper {
+class ErrorRecordKeeper : NonCopyable {
   public:
     ErrorRecordKeeper() : m_code(g_sQRTLN_Global.ulDBErrorCode) {
         copyText(m_type, g_sQRTLN_Global.szDBErrorType);
@@ -60,8 +62,6 @@ class ErrorRecordKeeper {
         copyText(g_sQRTLN_Global.szDBErrorType, m_type);
         copyText(g_sQRTLN_Global.szDBErrorMsg, m_message);
     }
-    ErrorRecordKeeper(const ErrorRecordKeeper&) = delete;
-    ErrorRecordKeeper& operator=(const ErrorRecordKeeper&) = delete;
 
   private:
     unsigned long m_code;
@@ -99,16 +99,9 @@ void abandonOperation() {
 }
 
 const char* levelName(DB_OPERATION_LEVEL level) {
-    switch (level) {
-    case DB_LEVEL_COPY:
-        return "DB_LEVEL_COPY";
-    case DB_LEVEL_FULL:
-        return "DB_LEVEL_FULL";
-    case DB_LEVEL_DIFF:
-        return "DB_LEVEL_DIFF";
-    default:
-        return "DB_LEVEL_INCR";
-    }
+    constexpr const char* kNames[] = {"DB_LEVEL_COPY", "DB_LEVEL_FULL", "DB_LEVEL_DIFF",
+                                      "DB_LEVEL_INCR"};
+    return kNames[level < DB_LEVEL_INCR ? level : DB_LEVEL_INCR];
 }
 
 // Makes a directory end in "/". False (reported) when it leaves no room for it.

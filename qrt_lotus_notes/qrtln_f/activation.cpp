@@ -14,16 +14,14 @@ namespace {
 bool buildTarget(const char* cpFile, const char* cpOriginalDirectory, char (&szTarget)[kPathSize]) {
     const char* delimiter = std::strrchr(cpFile, kDelimiter);
     const char* cpFileName = delimiter != nullptr ? delimiter + 1 : cpFile;
-    const std::size_t length = std::strlen(cpOriginalDirectory);
-    if (length == 0) {
+    if (*cpOriginalDirectory == '\0') {
         // Joined with "/" all the same, it would be a file in the root.
         DB_ErrHandler(0, kErrorKindNone,
                       "QRTLN_Activate(): no directory was announced for file [%s]",
                       getUTF8FileName(cpFileName));
         return false;
     }
-    if (!formatText(szTarget, sizeof szTarget, "%s%s%s", cpOriginalDirectory,
-                    cpOriginalDirectory[length - 1] == kDelimiter ? "" : "/", cpFileName)) {
+    if (!joinPath(szTarget, sizeof szTarget, cpOriginalDirectory, cpFileName)) {
         DB_ErrHandler(0, kErrorKindNone,
                       "QRTLN_Activate(): the path of the live database is too long: [%s]",
                       getUTF8FileName(cpFileName));

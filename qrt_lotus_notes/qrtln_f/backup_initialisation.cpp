@@ -17,40 +17,22 @@ bool isFullOrCopy() {
 }
 
 void traceLevel() {
-    switch (g_sQRTLN_Global.eI_OperationLevel) {
-    case DB_LEVEL_COPY:
-        DB_TraceExt("QRTLN_InitBackup(): Copy Backup");
-        break;
-    case DB_LEVEL_FULL:
-        DB_TraceExt("QRTLN_InitBackup(): Full Backup");
-        break;
-    case DB_LEVEL_DIFF:
-        DB_TraceExt("QRTLN_InitBackup(): Differential Backup");
-        break;
-    case DB_LEVEL_INCR:
-        DB_TraceExt("QRTLN_InitBackup(): Incremental Backup");
-        break;
-    default:
-        break;
+    constexpr const char* kLevels[] = {"Copy", "Full", "Differential", "Incremental"};
+    if (g_sQRTLN_Global.eI_OperationLevel <= DB_LEVEL_INCR) {
+        DB_TraceExt("QRTLN_InitBackup(): %s Backup", kLevels[g_sQRTLN_Global.eI_OperationLevel]);
     }
 }
 
 void traceWholeSystem() {
-    if (isFullOrCopy()) {
-        DB_TraceExt("QRTLN_InitBackup(): Whole Lotus Notes System full backup.");
-    } else {
-        DB_TraceExt("QRTLN_InitBackup(): Whole Lotus Notes System differential backup.");
-    }
+    DB_TraceExt("QRTLN_InitBackup(): Whole Lotus Notes System %s backup.",
+                isFullOrCopy() ? "full" : "differential");
 }
 
 void traceParticular() {
-    if (isFullOrCopy()) {
-        DB_TraceExt("QRTLN_InitBackup(): Particular Lotus Notes full backup.");
-    } else if (g_sQRTLN_Global.eI_OperationLevel == DB_LEVEL_DIFF) {
-        DB_TraceExt("QRTLN_InitBackup(): Particular Lotus Notes differential backup.");
-    } else {
-        DB_TraceExt("QRTLN_InitBackup(): Particular Lotus Notes incremental backup.");
-    }
+    const bool bDiff = g_sQRTLN_Global.eI_OperationLevel == DB_LEVEL_DIFF;
+    DB_TraceExt("QRTLN_InitBackup(): Particular Lotus Notes %s backup.", isFullOrCopy() ? "full"
+                                                                         : bDiff ? "differential"
+                                                                                 : "incremental");
 }
 
 enum class Arguments { wholeSystem, particular, failed };
@@ -87,6 +69,39 @@ Arguments takeArguments(FifoList& lhListIncludePatterns) {
     return Arguments::particular;
 }
 
+// How a backup of the whole system goes on after its logs were looked for.
+enum class LogStart { goOn, withoutLogs, failed };
+
+// Begins the archiving of logs for a backup of the whole system that is to have them.
+LogStart beginWholeSystemLogs() {
+    if (!isFullOrCopy()) {
+        return LogStart::goOn;
+    }
+    if (!g_sQRTLN_Global.bWithArchiveLogs) {
+        // A full backup always comes this way: DB_InitOperation sets bWithArchiveLogs only after
+        // QRTLN_InitBackup. It asks for logs all the same, without a session begun here.
+        DB_TraceExt("QRTLN_InitBackup(): bWithArchiveLogs %d >> no archive logs will be "
+                    "backed up",
+                    g_sQRTLN_Global.bWithArchiveLogs);
+        return LogStart::goOn;
+    }
+    switch (QRTLN_InitArchiveLogs()) {
+    case DB_NUM_I_OK:
+        return LogStart::goOn;
+    case DB_NUM_I_CIRCULAR_LOG:
+        DB_TraceExt("QRTLN_InitBackup(): Whole system backup detect circular logging "
+                    "style. Archive log skipped.");
+        return LogStart::withoutLogs;
+    case DB_NUM_I_NOTRANSLOGGING:
+        DB_TraceExt("QRTLN_InitBackup(): There is no transaction logging. Archive log "
+                    "skipped.");
+        return LogStart::withoutLogs;
+    default:
+        DB_TraceExt("QRTLN_InitBackup(): Initiation of transaction logs archive failed");
+        return LogStart::failed;
+    }
+}
+
 } // namespace
 
 int QRTLN_InitBackup() {
@@ -117,28 +132,8 @@ int QRTLN_InitBackup() {
         if (getNotesFileList(g_sQRTLN_Global.szNotesDataDirectory, eLevel) != DB_NUM_I_OK) {
             return DB_NUM_E_FAILED;
         }
-        if (isFullOrCopy() && g_sQRTLN_Global.bWithArchiveLogs) {
-            switch (QRTLN_InitArchiveLogs()) {
-            case DB_NUM_I_OK:
-                break;
-            case DB_NUM_I_CIRCULAR_LOG:
-                DB_TraceExt("QRTLN_InitBackup(): Whole system backup detect circular logging "
-                            "style. Archive log skipped.");
-                return DB_NUM_I_OK;
-            case DB_NUM_I_NOTRANSLOGGING:
-                DB_TraceExt("QRTLN_InitBackup(): There is no transaction logging. Archive log "
-                            "skipped.");
-                return DB_NUM_I_OK;
-            default:
-                DB_TraceExt("QRTLN_InitBackup(): Initiation of transaction logs archive failed");
-                return DB_NUM_E_FAILED;
-            }
-        } else if (isFullOrCopy()) {
-            // A full backup always comes this way: DB_InitOperation sets bWithArchiveLogs only
-            // after this function. It asks for logs all the same, without a session begun here.
-            DB_TraceExt("QRTLN_InitBackup(): bWithArchiveLogs %d >> no archive logs will be "
-                        "backed up",
-                        g_sQRTLN_Global.bWithArchiveLogs);
+        if (const LogStart logs = beginWholeSystemLogs(); logs != LogStart::goOn) {
+            return logs == LogStart::withoutLogs ? DB_NUM_I_OK : DB_NUM_E_FAILED;
         }
     } else {
         result = getParticularFileList(lhListIncludePatterns.get());

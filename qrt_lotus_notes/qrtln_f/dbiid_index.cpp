@@ -10,6 +10,7 @@
 
 #include "common/bounded_text.h"
 #include "common/iniparser.h"
+#include "common/non_copyable.h"
 #include "common/strlib.h"
 #include "qrt_lotus_notes/qrtln_o/disk_flush.h"
 #include "qrt_lotus_notes/qrtln_o/file_primitives.h"
@@ -46,11 +47,9 @@ enum class IndexRun {
 IndexRun s_run = IndexRun::none;
 
 // A file descriptor that is closed at the end of its scope.
-class FileDescriptor {
+class FileDescriptor : NonCopyable {
   public:
     explicit FileDescriptor(int descriptor) : m_descriptor(descriptor) {}
-    FileDescriptor(const FileDescriptor&) = delete;
-    FileDescriptor& operator=(const FileDescriptor&) = delete;
     ~FileDescriptor() {
         if (m_descriptor >= 0) {
             close(m_descriptor);

@@ -3,6 +3,7 @@
 
 #include <memory>
 
+#include "common/non_copyable.h"
 #include "qrt_lotus_notes/qrtln_l/file_list_queue.h"
 
 struct DestroyFifo {
@@ -12,10 +13,7 @@ using FifoList = std::unique_ptr<LIST_INFO, DestroyFifo>;
 
 // Destroys the database arguments of the operation when the initialisation that consumes them ends,
 // however it ends.
-struct ArgumentListRelease {
-    ArgumentListRelease() = default;
-    ArgumentListRelease(const ArgumentListRelease&) = delete;
-    ArgumentListRelease& operator=(const ArgumentListRelease&) = delete;
+struct ArgumentListRelease : NonCopyable {
     ~ArgumentListRelease() {
         DestroyFIFOList(g_sQRTLN_Global.lhArgumentFileList);
         g_sQRTLN_Global.lhArgumentFileList = nullptr;

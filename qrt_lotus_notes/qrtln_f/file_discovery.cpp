@@ -2,8 +2,6 @@
 
 #include <algorithm>
 #include <cerrno>
-#include <climits>
-#include <dirent.h>
 #include <fnmatch.h>
 #include <string>
 #include <sys/stat.h>
@@ -11,16 +9,14 @@
 #include <vector>
 
 #include "common/bounded_text.h"
+#include "qrt_lotus_notes/qrtln_f/directory_reader.h"
 #include "qrt_lotus_notes/qrtln_f/fifo_list.h"
 #include "qrt_lotus_notes/qrtln_f/path_text.h"
+#include "qrt_lotus_notes/qrtln_f/sub_directories.h"
 #include "qrt_lotus_notes/qrtln_u/argument_paths.h"
 #include "qrt_lotus_notes/qrtln_u/messages.h"
 
 namespace {
-
-// Room for a path buffer, a delimiter and one more path: what a name may grow to before it is
-// measured.
-constexpr std::size_t kUnmeasuredPathSize = 2 * kPathSize + NAME_MAX;
 
 struct Pattern {
     const char* szPattern;
@@ -45,36 +41,6 @@ constexpr std::size_t kDatabasePatterns =
 // Attachment store files: scanned for in a pass of their own, so that they come last.
 constexpr Pattern kAttachmentPatterns[] = {{"*.nlo", DB_BACKUP_FILE_TYPE_SYS}};
 
-// Closes a directory stream; close() says whether there was one to close.
-class Directory {
-  public:
-    explicit Directory(const char* path) : m_stream(opendir(*path ? path : "/")) {}
-    Directory(const Directory&) = delete;
-    Directory& operator=(const Directory&) = delete;
-    ~Directory() { close(); }
-
-    explicit operator bool() const { return m_stream != nullptr; }
-
-    // The next entry; nullptr at the end and on an error, which errno tells apart (0: the end).
-    const dirent* read() {
-        errno = 0;
-        return readdir(m_stream);
-    }
-
-    bool close() {
-        DIR* stream = m_stream;
-        m_stream = nullptr;
-        return stream != nullptr && closedir(stream) == 0;
-    }
-
-  private:
-    DIR* m_stream;
-};
-
-bool isDotEntry(const char* name) {
-    return std::strcmp(name, ".") == 0 || std::strcmp(name, "..") == 0;
-}
-
 FifoList makeList(const Pattern* patterns, std::size_t count) {
     FifoList list(CreateFIFOList());
     for (std::size_t i = 0; i < count; ++i) {
@@ -86,96 +52,6 @@ FifoList makeList(const Pattern* patterns, std::size_t count) {
 BOOL isBackupLevel(DB_OPERATION_LEVEL level) {
     return level == DB_LEVEL_COPY || level == DB_LEVEL_FULL || level == DB_LEVEL_DIFF ||
            level == DB_LEVEL_INCR;
-}
-
-// Tells the client of what is left out because its directory could not be read, in whichever pass.
-// What has vanished holds nothing.
-void tellLeftOut(const char* cpFunction, const char* cpPath, int error) {
-    if (error != ENOENT && error != ENOTDIR) {
-        DB_LogExt("%s(): directory [%s] cannot be read, its files are left out (%d): %s",
-                  cpFunction, cpPath, error, std::strerror(error));
-    }
-}
-
-void tellNotReadToEnd(const char* cpFunction, const char* cpPath, int error) {
-    if (error != 0) {
-        DB_LogExt("%s(): directory [%s] could not be read to its end (%d): %s", cpFunction, cpPath,
-                  error, std::strerror(error));
-    }
-}
-
-// Whether the link at `directory`/name leads back to a directory on its own path: entering it would
-// never end.
-bool isOwnAncestor(const char* directory, const struct stat& target) {
-    char szAncestor[kPathSize];
-    copyText(szAncestor, directory);
-    removeTrailingDelimiter(szAncestor);
-    for (;;) {
-        struct stat status;
-        if (stat(*szAncestor ? szAncestor : "/", &status) == 0 && status.st_dev == target.st_dev &&
-            status.st_ino == target.st_ino) {
-            return true;
-        }
-        char* delimiter = std::strrchr(szAncestor, kDelimiter);
-        if (delimiter == nullptr) {
-            return false; // that was the root, or the first component of a relative path
-        }
-        *delimiter = '\0';
-    }
-}
-
-int collectSubDirectories(const char* cpFullPattern, const char* cpITEM_PATH,
-                          LIST_INFO* _lhSubDirList, bool bReport) {
-    char szDirectory[kPathSize + 1];
-    copyText(szDirectory, cpFullPattern);
-    if (char* delimiter = std::strrchr(szDirectory, kDelimiter)) {
-        delimiter[1] = '\0';
-    } else {
-        formatText(szDirectory, sizeof szDirectory, "%s%c", cpITEM_PATH, kDelimiter);
-    }
-    Directory directory(szDirectory);
-    if (!directory) {
-        tellLeftOut("getSubDirectories", szDirectory, errno);
-        return DB_NUM_E_FAILED;
-    }
-    const dirent* entry = nullptr;
-    while ((entry = directory.read()) != nullptr) {
-        // Where the file system says what an entry is, a file is not asked for: most entries are.
-        if (isDotEntry(entry->d_name) || entry->d_type == DT_REG) {
-            continue;
-        }
-        char szPath[kUnmeasuredPathSize];
-        formatText(szPath, sizeof szPath, "%s%s", szDirectory, entry->d_name);
-        struct stat status;
-        if (stat(szPath, &status) != 0) {
-            const int error = errno;
-            DB_LogExt("getSubDirectories(): stat() for [%s] returned error (%d): %s", szPath, error,
-                      std::strerror(error));
-            // A link that leads nowhere is none of these.
-            if (error != ELOOP) {
-                tellLeftOut("getSubDirectories", szPath, error);
-            }
-            continue;
-        }
-        if (!S_ISDIR(status.st_mode)) {
-            continue;
-        }
-        struct stat link;
-        if (lstat(szPath, &link) == 0 && S_ISLNK(link.st_mode) &&
-            isOwnAncestor(szDirectory, status)) {
-            if (bReport) {
-                DB_LogExt("getSubDirectories(): [%s] is a symbolic link to a directory that holds "
-                          "it and is not entered again",
-                          szPath);
-            }
-            continue;
-        }
-        if (std::strlen(szPath) < kPathSize || bReport) {
-            pushPath(_lhSubDirList, szPath, DB_BACKUP_FILE_TYPE_DB);
-        }
-    }
-    tellNotReadToEnd("getSubDirectories", szDirectory, errno);
-    return DB_NUM_I_OK;
 }
 
 // One call of fillFileList.
@@ -288,7 +164,7 @@ Walk classifyOpenError(const FileScan& scan, int error) {
 }
 
 // Reads on to the next entry that matches; false at the end.
-bool readMatchingName(const FileScan& scan, Directory& directory, int iFlags,
+bool readMatchingName(const FileScan& scan, DirectoryReader& directory, int iFlags,
                       char (&szName)[kPathSize]) {
     while (const dirent* entry = directory.read()) {
         if (!isDotEntry(entry->d_name) && fnmatch(scan.szPattern, entry->d_name, iFlags) == 0) {
@@ -362,7 +238,7 @@ Walk scanDirectory(FileScan& scan) {
         collectSubDirectories(scan.szFullPattern, scan.szITEM_PATH, scan.hSubDirList.get(),
                               scan.bReport);
     }
-    Directory directory(scan.szITEM_PATH);
+    DirectoryReader directory(scan.szITEM_PATH);
     const int iOpenError = errno;
     const bool bOpen = static_cast<bool>(directory);
     char szITEM_NAME[kPathSize] = "";
@@ -477,7 +353,7 @@ BOOL IsValidPattern(const char* cpPattern) {
         copyText(szDirectory, g_sQRTLN_Global.szNotesDataDirectory);
         removeTrailingDelimiter(szDirectory);
     }
-    Directory directory(szDirectory);
+    DirectoryReader directory(szDirectory);
     if (!directory) {
         return FALSE;
     }
@@ -499,36 +375,4 @@ std::string relocatedName(const char* cpItem) {
     copyText(szItem, cpItem);
     relocate(szItem);
     return szItem;
-}
-
-void getDatabasesIn(const char* cpDirectory, LIST_INFO* _lhDatabases) {
-    Directory directory(cpDirectory);
-    if (!directory) {
-        tellLeftOut("getDatabasesIn", cpDirectory, errno);
-        return;
-    }
-    const dirent* entry = nullptr;
-    while ((entry = directory.read()) != nullptr) {
-        char szPath[kUnmeasuredPathSize];
-        formatText(szPath, sizeof szPath, "%s%c%s", cpDirectory, kDelimiter, entry->d_name);
-        struct stat status;
-        if (!isFileNotesNSF(entry->d_name)) {
-            continue;
-        }
-        if (stat(szPath, &status) != 0) {
-            // Not run by a test: the long form of the failing calls does.
-            if (errno != ENOENT) {
-                DB_LogExt("getDatabasesIn(): [%s] cannot be read and is left out (%d): %s", szPath,
-                          errno, std::strerror(errno));
-            }
-        } else if (S_ISREG(status.st_mode)) {
-            pushPath(_lhDatabases, szPath, DB_BACKUP_FILE_TYPE_DB);
-        }
-    }
-    tellNotReadToEnd("getDatabasesIn", cpDirectory, errno);
-}
-
-int getSubDirectories(const char* cpFullPattern, const char* cpITEM_PATH,
-                      LIST_INFO* _lhSubDirList) {
-    return collectSubDirectories(cpFullPattern, cpITEM_PATH, _lhSubDirList, true);
 }

@@ -4,6 +4,7 @@
 #include <string>
 
 #include "qrt_lotus_notes/operation_state.h"
+#include "qrt_lotus_notes/qrtln_f/sub_directories.h" // of this unit's interface
 
 // Queues every Domino file under a directory (or matching a pattern). 3000 when the queue holds at
 // least one entry, else 1000 (reported).
@@ -21,14 +22,5 @@ int fillFileList(LIST_INFO* hFilePatterns, LIST_INFO* hMatchPatterns);
 // The name of an item that is not searched for but given, as a relocated restore rewrites it.
 std::string relocatedName(const char* cpItem);
 
-// Appends the databases that lie in a directory, as restores know databases. What cannot be read is
-// logged.
-void getDatabasesIn(const char* cpDirectory, LIST_INFO* _lhDatabases);
-
 // TRUE if a directory entry matches the pattern or, for a restore, also when none does.
 BOOL IsValidPattern(const char* cpPattern);
-
-// Appends the sub-directories of the directory part of cpFullPattern (of cpITEM_PATH when it has
-// none). A symbolic link to one of its own ancestors is left out with a log line. 3000, or 1000
-// when the directory cannot be opened.
-int getSubDirectories(const char* cpFullPattern, const char* cpITEM_PATH, LIST_INFO* _lhSubDirList);

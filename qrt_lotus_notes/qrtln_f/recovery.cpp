@@ -25,10 +25,6 @@ constexpr char kPendingPattern[] = "*.nsf";
 // name, and covers that name alone, whatever characters it has.
 std::vector<std::string> s_patterns;
 
-const RecoveryChoices& choices() {
-    return g_sQRTLN_Global.sRecoveryChoices;
-}
-
 bool isRelocated() {
     return *g_sQRTLN_Global.szRelocationDir != '\0';
 }
@@ -63,7 +59,7 @@ void takeSelected(const char* cpArgument, FifoList& lhListIncludePatterns) {
         lhListIncludePatterns.reset(CreateFIFOList());
     }
     const bool bExists = IsValidPattern(cpArgument) != FALSE;
-    if (choices().bSelectsWhatIsMissing && (!bExists || hasWildcard(cpArgument))) {
+    if (recoveryChoices().bSelectsWhatIsMissing && (!bExists || hasWildcard(cpArgument))) {
         s_patterns.push_back(relocatedName(cpArgument));
     }
     if (bExists) {
@@ -72,7 +68,7 @@ void takeSelected(const char* cpArgument, FifoList& lhListIncludePatterns) {
     }
     DB_TraceExt("QRTLN_InitRecovery(): Pattern does not assign any existing file: [%s]",
                 cpArgument);
-    if (choices().bSelectsWhatIsMissing) {
+    if (recoveryChoices().bSelectsWhatIsMissing) {
         // It may be just what was lost.
         pushPath(g_sQRTLN_Global.lhNotesFileList, relocatedName(cpArgument).c_str(),
                  DB_BACKUP_FILE_TYPE_DB);
@@ -102,7 +98,7 @@ void searchDirectory(const char* szFullPattern, LIST_INFO* lhSubDirList,
         DB_TraceExt("QRTLN_GetRecoveryPendingFiles(): findFirst [%s]", szFullPattern);
     }
     // By itself the search ends here, with nothing listed.
-    if (choices().bFindsPending) {
+    if (recoveryChoices().bFindsPending) {
         getDatabasesIn(szITEM_PATH, lhRecoveryPendingList);
     }
 }
@@ -219,7 +215,7 @@ bool listPending(LIST_INFO* lhRecoveryList) {
     if (!bWaiting) {
         DB_TraceExt("QRTLN_Recovery(): There is no files waiting to be recovered !");
         DB_TraceExt("QRTLN_Recovery(): The Database restore files COULD NOT be found.");
-        if (choices().bTellsOutcome) {
+        if (recoveryChoices().bTellsOutcome) {
             DB_ErrHandler(0, kErrorKindNone,
                           "QRTLN_Recovery(): no restored database waits for recovery in [%s]",
                           getUTF8FileName(szRoot));

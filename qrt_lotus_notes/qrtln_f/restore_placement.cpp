@@ -193,7 +193,7 @@ int placeDatabase(char* cpFile) {
 
 // --- Files: whether one is restored ---
 
-// Which of the six ways selected the file; none skips it.
+// Which of the six ways selected the file, by the number that its trace line has; none skips it.
 enum class Selected {
     none = 0,
     transactionLog = 1,
@@ -261,8 +261,7 @@ Selected findListed(const char* szFile) {
 // Whether the file's name in the directory announced last matches the list.
 bool matchesInOriginalDirectory(const char* szFile, const char* cpOriginalDir) {
     char szOriginal[kPathSize];
-    if (!formatText(szOriginal, sizeof szOriginal, "%s%s%s", cpOriginalDir,
-                    endsWithDelimiter(cpOriginalDir) ? "" : "/", lastComponent(szFile))) {
+    if (!joinPath(szOriginal, sizeof szOriginal, cpOriginalDir, lastComponent(szFile))) {
         DB_LogExt("QRTLN_SetFile(): the path of [%s] in [%s] is too long, it is not restored",
                   lastComponent(szFile), cpOriginalDir);
         return false;
@@ -379,27 +378,11 @@ int QRTLN_SetFile(char* cpFile, const char* cpOriginalDir) {
     if (isFileNotesNSF(cpFile) && placeDatabase(cpFile) != DB_NUM_I_OK) {
         return DB_NUM_E_FAILED;
     }
-    switch (select(szFile, cpOriginalDir)) {
-    case Selected::none:
+    const Selected selected = select(szFile, cpOriginalDir);
+    if (selected == Selected::none) {
         return DB_NUM_I_NOT_SELECTED;
-    case Selected::transactionLog:
-        DB_TraceExt("QRTLN_SetFile(): Go for RESTORE(1) [%s]...", getUTF8FileName(szFile));
-        break;
-    case Selected::sameName:
-        DB_TraceExt("QRTLN_SetFile(): Go for RESTORE(2) [%s]...", getUTF8FileName(szFile));
-        break;
-    case Selected::wholeSystem:
-        DB_TraceExt("QRTLN_SetFile(): Go for RESTORE(3) [%s]...", getUTF8FileName(szFile));
-        break;
-    case Selected::listed:
-        DB_TraceExt("QRTLN_SetFile(): Go for RESTORE(4) [%s]...", getUTF8FileName(szFile));
-        break;
-    case Selected::listedBelowRoot:
-        DB_TraceExt("QRTLN_SetFile(): Go for RESTORE(5) [%s]...", getUTF8FileName(szFile));
-        break;
-    case Selected::inOriginalDirectory:
-        DB_TraceExt("QRTLN_SetFile(): Go for RESTORE(6) [%s]...", getUTF8FileName(szFile));
-        break;
     }
+    DB_TraceExt("QRTLN_SetFile(): Go for RESTORE(%d) [%s]...", static_cast<int>(selected),
+                getUTF8FileName(szFile));
     return DB_NUM_I_OK;
 }

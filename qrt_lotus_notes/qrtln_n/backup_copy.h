@@ -12,9 +12,10 @@ int PrepareOpenDbForBackup(const char* cpOriginalFile, char* cpBackupDirectory,
 
 // Applies the recorded changes to the database itself and leaves it and its backup context open in
 // the global record, until CloseDbBackup. cpBackupDirectory receives its directory. Returns as
-// above; 3000 also for a file that is no database.
+// above; 3000 also for a file that is no database. Called for a database that is known to be
+// closed, which today is none: part of the unit's interface.
 int PrepareDbForBackup(const char* cpOriginalFile, char* cpBackupDirectory,
                        UNIVERSALNOTEID* pDbIID);
 
-// Ends what PrepareDbForBackup left open, if anything. Returns 3000.
+// Ends what PrepareDbForBackup left open, if anything: nothing here, see above. Returns 3000.
 int CloseDbBackup(const char* cpFile);

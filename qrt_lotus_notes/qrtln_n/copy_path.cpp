@@ -31,14 +31,11 @@ bool buildCopyPath(const char* cpDatabase, char (&szCopy)[kPathSize]) {
     if (relative == nullptr) {
         return false;
     }
-    const std::string_view tmpDir = g_sQRTLN_Global.szTmpDir;
-    if (tmpDir.empty()) {
+    if (*g_sQRTLN_Global.szTmpDir == '\0') {
         // Not run by a test: the caller has refused such a path, or built it so that it fits.
         return false;
     }
-    const bool delimited = tmpDir.back() == kDelimiter;
-    return formatText(szCopy, sizeof szCopy, "%s%s%s", g_sQRTLN_Global.szTmpDir,
-                      delimited ? "" : "/", relative);
+    return joinPath(szCopy, sizeof szCopy, g_sQRTLN_Global.szTmpDir, relative);
 }
 
 bool isSameFile(const char* cpFirst, const char* cpSecond) {

@@ -75,6 +75,40 @@ int reportInvalidPath(const char* file) {
     return DB_NUM_E_FAILED;
 }
 
+// How the server logs, for a database that is logged. Answers as isDatabaseLogged.
+int readServerStyle(DatabaseGuard& database, BOOL* bpLogged, DB_LOGGING_STYLE* ep_LoggingStyle) {
+    WORD wLogType = 0;
+    const STATUS status = notes_api.NSFGetTransLogStyle(&wLogType);
+    if (status != kNotesNoError) {
+        reportNotesError(status);
+        DB_TraceExt("isDatabaseLogged(): NSFGetTransLogStyle failed: %s ",
+                    getLotusNotesApiError(status, FALSE));
+        if (!isStatus(status, kNotesLoggingNotInEffect)) {
+            return DB_NUM_E_FAILED;
+        }
+        // By contract the handle stays open here: the database stays in use while the process
+        // lives.
+        database.release();
+        *bpLogged = FALSE;
+        return DB_NUM_I_OK;
+    }
+    switch (wLogType) {
+    case kLogStyleArchive:
+        *ep_LoggingStyle = DB_LOGGING_STYLE_ARCH;
+        return DB_NUM_I_OK;
+    case kLogStyleCircular:
+        *ep_LoggingStyle = DB_LOGGING_STYLE_CIRC;
+        return DB_NUM_I_OK;
+    default:
+        // Linear logging too. What is reported is the text of the call's own status, which is that
+        // of no error: hosts compare it.
+        reportNotesError(status);
+        DB_TraceExt("isDatabaseLogged(): NSFGetTransLogStyle failed: Could not determine logging "
+                    "style");
+        return DB_NUM_E_FAILED;
+    }
+}
+
 } // namespace
 
 int isNotesDbOpen(const char* cpNotesDbFile, BOOL* bpDbIsOpen) {
@@ -178,37 +212,7 @@ int isDatabaseLogged(const char* cpFile, BOOL* bpLogged, DB_LOGGING_STYLE* ep_Lo
     DB_TraceExt("isDatabaseLogged: Database [%s] is logged, DBIID %s", getUTF8FileName(cpFile),
                 DbIIdText(info.DbIID).szText);
 
-    // How the server logs.
-    WORD wLogType = 0;
-    const STATUS status = notes_api.NSFGetTransLogStyle(&wLogType);
-    if (status != kNotesNoError) {
-        reportNotesError(status);
-        DB_TraceExt("isDatabaseLogged(): NSFGetTransLogStyle failed: %s ",
-                    getLotusNotesApiError(status, FALSE));
-        if (!isStatus(status, kNotesLoggingNotInEffect)) {
-            return DB_NUM_E_FAILED;
-        }
-        // By contract the handle stays open here: the database stays in use while the process
-        // lives.
-        database.release();
-        *bpLogged = FALSE;
-        return DB_NUM_I_OK;
-    }
-    switch (wLogType) {
-    case kLogStyleArchive:
-        *ep_LoggingStyle = DB_LOGGING_STYLE_ARCH;
-        return DB_NUM_I_OK;
-    case kLogStyleCircular:
-        *ep_LoggingStyle = DB_LOGGING_STYLE_CIRC;
-        return DB_NUM_I_OK;
-    default:
-        // Linear logging too. What is reported is the text of the call's own status, which is that
-        // of no error: hosts compare it.
-        reportNotesError(status);
-        DB_TraceExt("isDatabaseLogged(): NSFGetTransLogStyle failed: Could not determine logging "
-                    "style");
-        return DB_NUM_E_FAILED;
-    }
+    return readServerStyle(database, bpLogged, ep_LoggingStyle);
 }
 
 BOOL isBackupNeeded(const char* cpFile, DWORD dwComfortSpan, BOOL* bpUnanswered) {

@@ -6,7 +6,8 @@
 #include "qrt_lotus_notes/operation_state.h"
 
 // Whether another process has a lock on the file. Returns 3000 with the answer, else 1000
-// (reported).
+// (reported). Called by nobody here: part of the unit's interface. A backup takes every database as
+// open, without asking.
 int isNotesDbOpen(const char* cpNotesDbFile, BOOL* bpDbIsOpen);
 
 // TRUE when at least one note changed after cal_time; FALSE also for every failure.

@@ -1,10 +1,12 @@
 // Single documents from a restored copy of a database (the backup) back into the live one (the
 // original). Nothing is rolled back: what was copied or deleted before a failure stays so.
 //
+// REQUIRES for all: the runtime is up. Both paths are the caller's, native and full.
 // The two outer functions take the backup first, the inner ones the original first.
 #pragma once
 
 #include "qrt_lotus_notes/operation_state.h"
+#include "qrt_lotus_notes/qrtln_n/unread_marks.h" // of this unit's interface
 
 // Copies back what was deleted since szPointInTime. 3000 or 1000. The backup stays.
 int DeletedDocumentsRecovery(const char* cpBackupDb, const char* cpOriginalDb);
@@ -24,7 +26,3 @@ int RestoreDeletedDocuments(const char* cpOriginalDb, const char* cpBackupDb,
 // in lhInputNoteIds (not changed) by the backup's. Results as above.
 int RestoreChangedDocuments(const char* cpOriginalDb, const char* cpBackupDb,
                             LIST_INFO* lhInputNoteIds, const char* cpChangedSinceDate);
-
-// Marks a note of an open database as unread for the user under whom the module runs. 3000, or 1000
-// (only traced).
-int setNotesAsUnread(DHANDLE hDb, NOTEID NotedId);

@@ -9,6 +9,7 @@
 #include <cstdio>
 #include <cstring>
 
+#include "common/non_copyable.h"
 #include "notes_api/notes_api.h"
 #include "qrt_lotus_notes/qrtln_o/file_primitives.h"
 
@@ -19,12 +20,9 @@ inline constexpr DWORD kBackupAbort = 1;
 inline constexpr WORD kBufferBlockType = 0x8000;
 
 // An open database; closed at the end of scope.
-class DatabaseGuard {
+class DatabaseGuard : NonCopyable {
   public:
-    DatabaseGuard() = default;
     ~DatabaseGuard() { close(); }
-    DatabaseGuard(const DatabaseGuard&) = delete;
-    DatabaseGuard& operator=(const DatabaseGuard&) = delete;
 
     STATUS open(const char* lmbcsPath) {
         const STATUS status = notes_api.NSFDbOpen(lmbcsPath, &m_handle);
@@ -50,12 +48,9 @@ class DatabaseGuard {
 };
 
 // A table of note ids; destroyed at the end of scope.
-class IdTableGuard {
+class IdTableGuard : NonCopyable {
   public:
-    IdTableGuard() = default;
     ~IdTableGuard() { destroy(); }
-    IdTableGuard(const IdTableGuard&) = delete;
-    IdTableGuard& operator=(const IdTableGuard&) = delete;
 
     // Takes over what the call puts into the handle when it succeeds. Returns its status.
     template <typename Call>
@@ -81,7 +76,7 @@ class IdTableGuard {
 
 // A backup context of an open database; aborted at the end of scope. REQUIRES: outlived by the
 // database.
-class BackupContextGuard {
+class BackupContextGuard : NonCopyable {
   public:
     explicit BackupContextGuard(DBHANDLE hDB) : m_hDB(hDB) {}
     ~BackupContextGuard() {
@@ -89,8 +84,6 @@ class BackupContextGuard {
             end(kBackupAbort);
         }
     }
-    BackupContextGuard(const BackupContextGuard&) = delete;
-    BackupContextGuard& operator=(const BackupContextGuard&) = delete;
 
     STATUS start(DWORD* sizeLow, DWORD* sizeHigh) {
         const STATUS status = notes_api.NSFBackupStart(m_hDB, 0, &m_context, sizeLow, sizeHigh);
@@ -115,7 +108,7 @@ class BackupContextGuard {
 };
 
 // The working buffer, a locked memory object of QRTLN_BUFFER_SIZE bytes.
-class BufferGuard {
+class BufferGuard : NonCopyable {
   public:
     enum class Release {
         unlockAndFree,
@@ -124,8 +117,6 @@ class BufferGuard {
 
     explicit BufferGuard(Release release) : m_release(release) {}
     ~BufferGuard() { free(); }
-    BufferGuard(const BufferGuard&) = delete;
-    BufferGuard& operator=(const BufferGuard&) = delete;
 
     STATUS allocate() {
         const STATUS status = notes_api.OSMemAlloc(kBufferBlockType, QRTLN_BUFFER_SIZE, &m_handle);
@@ -156,16 +147,13 @@ class BufferGuard {
 };
 
 // The application of change information to a file; aborted at the end of scope.
-class ApplyContextGuard {
+class ApplyContextGuard : NonCopyable {
   public:
-    ApplyContextGuard() = default;
     ~ApplyContextGuard() {
         if (m_active) {
             end(kBackupAbort);
         }
     }
-    ApplyContextGuard(const ApplyContextGuard&) = delete;
-    ApplyContextGuard& operator=(const ApplyContextGuard&) = delete;
 
     STATUS start(char* lmbcsPath, DWORD sizeLow, DWORD sizeHigh) {
         const STATUS status =
@@ -185,12 +173,9 @@ class ApplyContextGuard {
 };
 
 // A stream opened by the file primitives; closed at the end of scope.
-class StreamGuard {
+class StreamGuard : NonCopyable {
   public:
-    StreamGuard() = default;
     ~StreamGuard() { close(); }
-    StreamGuard(const StreamGuard&) = delete;
-    StreamGuard& operator=(const StreamGuard&) = delete;
 
     FILE** slot() { return &m_stream; }
     FILE* stream() const { return m_stream; }
@@ -207,7 +192,7 @@ class StreamGuard {
 
 // The copy of a database under the temporary directory: its stream is closed and the file deleted
 // at the end of scope, unless it is kept. The path is not copied.
-class TemporaryCopyGuard {
+class TemporaryCopyGuard : NonCopyable {
   public:
     explicit TemporaryCopyGuard(const char* path) : m_path(path) {}
     ~TemporaryCopyGuard() {
@@ -216,8 +201,6 @@ class TemporaryCopyGuard {
             SysFileDelete(m_path);
         }
     }
-    TemporaryCopyGuard(const TemporaryCopyGuard&) = delete;
-    TemporaryCopyGuard& operator=(const TemporaryCopyGuard&) = delete;
 
     int create() {
         const int error = SysFileCreate(m_path, m_stream.slot());

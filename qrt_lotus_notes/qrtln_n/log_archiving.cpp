@@ -1,6 +1,7 @@
 #include "qrt_lotus_notes/qrtln_n/log_archiving.h"
 
 #include <cstring>
+#include <utility>
 
 #include "common/bounded_text.h"
 #include "notes_api/notes_api.h"
@@ -69,12 +70,9 @@ int getSystemLogStyle(DB_LOGGING_STYLE* ep_DbLoggingStyle) {
     }
     switch (wLogType) {
     case kLogStyleCircular:
-        DB_TraceExt("getSystemLogStyle(): Got Log style 'CIRCULAR'");
-        *ep_DbLoggingStyle = DB_LOGGING_STYLE_CIRC;
-        return DB_NUM_I_OK;
-    case kLogStyleLinear:
-        // Has no extents to archive either: callers treat both alike.
-        DB_TraceExt("getSystemLogStyle(): Got Log style 'LINEAR'");
+    case kLogStyleLinear: // has no extents to archive either: callers treat both alike
+        DB_TraceExt("getSystemLogStyle(): Got Log style '%s'",
+                    wLogType == kLogStyleCircular ? "CIRCULAR" : "LINEAR");
         *ep_DbLoggingStyle = DB_LOGGING_STYLE_CIRC;
         return DB_NUM_I_OK;
     case kLogStyleArchive:
@@ -107,12 +105,9 @@ int beginArchiveLogs() {
         }
         return DB_NUM_E_FAILED;
     }
-    if (wLogType == kLogStyleCircular) {
-        DB_LogExt("Lotus Notes has circular logging style enabled");
-        return DB_NUM_I_CIRCULAR_LOG;
-    }
-    if (wLogType == kLogStyleLinear) {
-        DB_LogExt("Lotus Notes has linear logging style enabled");
+    if (wLogType == kLogStyleCircular || wLogType == kLogStyleLinear) {
+        DB_LogExt("Lotus Notes has %s logging style enabled",
+                  wLogType == kLogStyleCircular ? "circular" : "linear");
         return DB_NUM_I_CIRCULAR_LOG;
     }
 
@@ -267,22 +262,18 @@ int QRTLN_GetArchiveFile(char* cpFile, char* cpBackupDirectory, BOOL bFirstPass,
                          DWORD* pdwLogNumber, UNIVERSALNOTEID* LogId, BOOL* bpActiveLogBackup) {
     const int result = getArchiveLog(cpFile, cpBackupDirectory, bFirstPass, pdwLogNumber, LogId,
                                      bpActiveLogBackup);
-    switch (result) {
-    case DB_NUM_I_OK:
-        DB_TraceExt("QRTLN_GetArchiveFile: return DB_NUM_I_OK");
-        return result;
-    case DB_NUM_I_COMPLETE:
-        DB_TraceExt("QRTLN_GetArchiveFile: return %s", "DB_NUM_I_COMPLETE");
-        return result;
-    case DB_NUM_I_CIRCULAR_LOG:
-        DB_TraceExt("QRTLN_GetArchiveFile: return %s", "DB_NUM_I_CIRCULAR_LOG");
-        return result;
-    case DB_NUM_I_NOTRANSLOGGING:
-        DB_TraceExt("QRTLN_GetArchiveFile: return %s", "DB_NUM_I_NOTRANSLOGGING");
-        return result;
-    default:
-        DB_TraceExt("QRTLN_GetArchiveFile: return DB_NUM_E_FAILED");
-        DB_TraceExt("Initialization of archive logs failed");
-        return DB_NUM_E_FAILED;
+    constexpr std::pair<int, const char*> kNames[] = {
+        {DB_NUM_I_OK, "DB_NUM_I_OK"},
+        {DB_NUM_I_COMPLETE, "DB_NUM_I_COMPLETE"},
+        {DB_NUM_I_CIRCULAR_LOG, "DB_NUM_I_CIRCULAR_LOG"},
+        {DB_NUM_I_NOTRANSLOGGING, "DB_NUM_I_NOTRANSLOGGING"}};
+    for (const auto& [answer, name] : kNames) {
+        if (result == answer) {
+            DB_TraceExt("QRTLN_GetArchiveFile: return %s", name);
+            return result;
+        }
     }
+    DB_TraceExt("QRTLN_GetArchiveFile: return DB_NUM_E_FAILED");
+    DB_TraceExt("Initialization of archive logs failed");
+    return DB_NUM_E_FAILED;
 }

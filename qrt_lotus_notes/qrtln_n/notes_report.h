@@ -1,5 +1,5 @@
-// What every unit that calls the Notes C API needs around the calls: whether it may call, and the
-// report of a failed call; and how log lines show an identity.
+// What every unit that calls the Notes C API needs around the calls: the report of a failed call,
+// paths as the server takes them, and how log lines show an identity.
 #pragma once
 
 #include "common/bounded_text.h"
@@ -8,20 +8,9 @@
 #include "qrt_lotus_notes/qrtln_n/runtime_session.h"
 #include "qrt_lotus_notes/qrtln_u/messages.h"
 
-// Whether the table of functions is filled. It stays so when the runtime has been shut down: ending
-// an archiving session is allowed then.
-inline bool isNotesApiLoaded() {
-    return notes_api.NotesInitExtended.address() != nullptr;
-}
-
 // Records the text of a failed call's status for the client; the text is logged on its own too.
 inline void reportNotesError(int status) {
     DB_ErrHandler(0, kErrorKindNone, "%s", getLotusNotesApiError(status, TRUE));
-}
-
-// Records that the runtime is not up.
-inline void reportRuntimeNotInitialized() {
-    DB_ErrHandler(0, kErrorKindNone, "%s", kRuntimeNotInitialized);
 }
 
 // Writes the LMBCS form of a path. Returns false, reported, when the server cannot be given it: it

@@ -1,6 +1,7 @@
 #include "qrt_lotus_notes/qrtln_n/notes_time.h"
 
 #include "qrt_lotus_notes/qrtln_n/notes_report.h"
+#include "qrt_lotus_notes/qrtln_u/local_time.h"
 
 namespace {
 
@@ -15,8 +16,8 @@ constexpr DWORD kJulianDayMask = 0xFFFFFF;
 
 // Writes a time as the settings separate its parts. False when there is no local time for it.
 bool formatTime(const INTLFORMAT& intl, time_t time, TimeText& text) {
-    struct tm local;
-    if (localtime_r(&time, &local) == nullptr) {
+    struct tm local = {};
+    if (!localFieldsOf(time, local)) {
         return false;
     }
     // The separators fill their fields or end with a NUL.

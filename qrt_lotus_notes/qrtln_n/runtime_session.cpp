@@ -5,7 +5,7 @@
 
 #include "common/bounded_text.h"
 #include "notes_api/notes_api.h"
-#include "qrt_lotus_notes/qrtln_n/notes_report.h"
+#include "qrt_lotus_notes/qrtln_n/file_name_text.h"
 #include "qrt_lotus_notes/qrtln_o/file_primitives.h"
 #include "qrt_lotus_notes/qrtln_u/control_variables.h"
 #include "qrt_lotus_notes/qrtln_u/messages.h"
@@ -23,33 +23,26 @@ const char* environmentText(const char* variable) {
 
 // Tells an administrator on standard error which environment the runtime needs, and what it has.
 void writeEnvironmentHelp() {
-    std::fputs("\nEnsure that the following environment variables are set and exported:\n", stderr);
-    std::fprintf(stderr,
-                 "* LANG environment variable is correctly set to your proper locale, e.g. \"C\"\n"
-                 "  LANG=\"%s\"\n",
-                 environmentText("LANG"));
-    std::fprintf(stderr,
-                 "* LOTUS is set to your lotus directory, e.g. \"/opt/lotus\"\n"
-                 "  LOTUS=\"%s\"\n",
-                 environmentText("LOTUS"));
-    std::fprintf(stderr,
-                 "* Notes_ExecDirectory is set to specify the Notes executable directory, e.g. "
-                 "\"/opt/lotus/notes/latest/linux\"\n"
-                 "  Notes_ExecDirectory=\"%s\"\n",
-                 environmentText("Notes_ExecDirectory"));
-    std::fputs("* PATH is set to include the following directories:\n", stderr);
-    std::fputs("  ** Notes Resource directory, e.g. \"$LOTUS/notes/latest/linux/res[/$LANG]\"\n",
-               stderr);
-    std::fputs("  ** Lotus executable directory: $Notes_ExecDirectory\n", stderr);
-    std::fputs("  ** Notes data directory (locates notes.ini file), e.g. "
-               "\"/home/notes/notesdata\"\n",
-               stderr);
-    std::fprintf(stderr, "  PATH=\"%s\"\n", environmentText("PATH"));
-    std::fprintf(stderr,
-                 "* LD_LIBRARY_PATH is set to include the following directory: "
-                 "$Notes_ExecDirectory and other product library directories\n"
-                 "  LD_LIBRARY_PATH=\"%s\"\n",
-                 environmentText("LD_LIBRARY_PATH"));
+    std::fprintf(
+        stderr,
+        "\nEnsure that the following environment variables are set and exported:\n"
+        "* LANG environment variable is correctly set to your proper locale, e.g. \"C\"\n"
+        "  LANG=\"%s\"\n"
+        "* LOTUS is set to your lotus directory, e.g. \"/opt/lotus\"\n"
+        "  LOTUS=\"%s\"\n"
+        "* Notes_ExecDirectory is set to specify the Notes executable directory, e.g. "
+        "\"/opt/lotus/notes/latest/linux\"\n"
+        "  Notes_ExecDirectory=\"%s\"\n"
+        "* PATH is set to include the following directories:\n"
+        "  ** Notes Resource directory, e.g. \"$LOTUS/notes/latest/linux/res[/$LANG]\"\n"
+        "  ** Lotus executable directory: $Notes_ExecDirectory\n"
+        "  ** Notes data directory (locates notes.ini file), e.g. \"/home/notes/notesdata\"\n"
+        "  PATH=\"%s\"\n"
+        "* LD_LIBRARY_PATH is set to include the following directory: "
+        "$Notes_ExecDirectory and other product library directories\n"
+        "  LD_LIBRARY_PATH=\"%s\"\n",
+        environmentText("LANG"), environmentText("LOTUS"), environmentText("Notes_ExecDirectory"),
+        environmentText("PATH"), environmentText("LD_LIBRARY_PATH"));
 }
 
 const char* explainInitStatus(STATUS status) {

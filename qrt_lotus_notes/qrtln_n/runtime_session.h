@@ -1,7 +1,20 @@
 // The Notes runtime inside the host process.
 #pragma once
 
+#include "notes_api/notes_api.h"
 #include "qrt_lotus_notes/operation_state.h"
+#include "qrt_lotus_notes/qrtln_u/messages.h"
+
+// Whether the table of functions is filled. It stays so when the runtime has been shut down: ending
+// an archiving session is allowed then.
+inline bool isNotesApiLoaded() {
+    return notes_api.NotesInitExtended.address() != nullptr;
+}
+
+// Records that the runtime is not up.
+inline void reportRuntimeNotInitialized() {
+    DB_ErrHandler(0, kErrorKindNone, "%s", kRuntimeNotInitialized);
+}
 
 // Loads the Notes C API at the first start and initialises the runtime. Returns 3000 with
 // bNotesInitialized set, else 1000 (reported; environment help goes to standard error).

@@ -17,15 +17,32 @@ namespace {
 char szInBuffer[kStreamBufferSize];
 char szOutBuffer[kStreamBufferSize];
 
-// What a message about a stream's buffer says beside the name.
-constexpr long kBufferSizeText = static_cast<long>(kStreamBufferSize);
-constexpr long kChunkSizeText = static_cast<long>(QRTLN_BUFFER_SIZE);
+constexpr char kChunkSizeText[] = ", QRTLN_BUFFER_SIZE 32768";
+static_assert(QRTLN_BUFFER_SIZE == 32768);
 // Of a copy, so that a host which waits gets a sign of life.
 constexpr unsigned long kBytesBetweenTraces = 100 * 8192;
 
-// A stream without the large buffer is slower and nothing else, so the open has succeeded.
-int setBuffer(FILE* stream, char* buffer) {
-    return std::setvbuf(stream, buffer, _IOFBF, kStreamBufferSize);
+// Opens a stream for the function of that name. Returns 0 or an error number.
+int openStream(const char* function, const char* name, const char* mode, FILE** stream) {
+    *stream = std::fopen(name, mode);
+    if (*stream != nullptr) {
+        return 0;
+    }
+    const int error = errno;
+    DB_TraceExt("%s [%s] error [%ld]", function, getUTF8FileName(name), static_cast<long>(error));
+    return error;
+}
+
+// Gives a stream its large buffer (NULL: one of its own). Without it the stream is slower and
+// nothing else, so the open has succeeded. `tail` is what the message says beside.
+void setBuffer(const char* function, const char* name, FILE* stream, char* buffer,
+               const char* tail) {
+    const int result = std::setvbuf(stream, buffer, _IOFBF, kStreamBufferSize);
+    if (result != 0) {
+        // Not run by a test: libc and the kernel do not fail so with these arguments.
+        DB_LogExt("%s [%s] setvbuf [%ld] returned %d%s", function, getUTF8FileName(name),
+                  static_cast<long>(kStreamBufferSize), result, tail);
+    }
 }
 
 bool isSameFile(FILE* source, const char* target) {
@@ -128,20 +145,12 @@ int SysFileCreateDirectory(char* cpDirectory) {
 int SysFileCreate(const char* cpFileName, FILE** fhRetFile) {
     // An existing file is overwritten from its start and never truncated: a target that is being
     // replaced keeps its identity and its blocks, and whoever needs it shorter deletes it first.
-    *fhRetFile = std::fopen(cpFileName, SysFileExists(cpFileName) ? "rb+" : "wb");
-    if (*fhRetFile == nullptr) {
-        const int error = errno;
-        DB_TraceExt("SysFileCreate [%s] error [%ld]", getUTF8FileName(cpFileName),
-                    static_cast<long>(error));
-        return error;
+    const char* mode = SysFileExists(cpFileName) ? "rb+" : "wb";
+    const int error = openStream("SysFileCreate", cpFileName, mode, fhRetFile);
+    if (error == 0) {
+        setBuffer("SysFileCreate", cpFileName, *fhRetFile, szOutBuffer, "");
     }
-    const int result = setBuffer(*fhRetFile, szOutBuffer);
-    if (result != 0) {
-        // Not run by a test: libc and the kernel do not fail so with these arguments.
-        DB_LogExt("SysFileCreate [%s] setvbuf [%ld] returned %d", getUTF8FileName(cpFileName),
-                  kBufferSizeText, result);
-    }
-    return 0;
+    return error;
 }
 
 int SysFileClose(FILE* hFile) {
@@ -150,38 +159,20 @@ int SysFileClose(FILE* hFile) {
 
 int SysFileOpen(const char* cpFileName, FILE** fhRetFile) {
     DB_TraceExt("SysFileOpen [%s]", getUTF8FileName(cpFileName));
-    *fhRetFile = std::fopen(cpFileName, "rb+");
-    if (*fhRetFile == nullptr) {
-        const int error = errno;
-        DB_TraceExt("SysFileOpen [%s] error [%ld]", getUTF8FileName(cpFileName),
-                    static_cast<long>(error));
-        return error;
+    const int error = openStream("SysFileOpen", cpFileName, "rb+", fhRetFile);
+    if (error == 0) {
+        setBuffer("SysFileOpen", cpFileName, *fhRetFile, nullptr, kChunkSizeText);
     }
-    const int result = setBuffer(*fhRetFile, nullptr);
-    if (result != 0) {
-        // Not run by a test: libc and the kernel do not fail so with these arguments.
-        DB_LogExt("SysFileOpen [%s] setvbuf [%ld] returned %d, QRTLN_BUFFER_SIZE %ld",
-                  getUTF8FileName(cpFileName), kBufferSizeText, result, kChunkSizeText);
-    }
-    return 0;
+    return error;
 }
 
 int SysFileOpenRead(const char* cpFileName, FILE** fhRetFile) {
     DB_TraceExt("SysFileOpenRead [%s]", getUTF8FileName(cpFileName));
-    *fhRetFile = std::fopen(cpFileName, "rb");
-    if (*fhRetFile == nullptr) {
-        const int error = errno;
-        DB_TraceExt("SysFileOpenRead [%s] error [%ld]", getUTF8FileName(cpFileName),
-                    static_cast<long>(error));
-        return error;
+    const int error = openStream("SysFileOpenRead", cpFileName, "rb", fhRetFile);
+    if (error == 0) {
+        setBuffer("SysFileOpenRead", cpFileName, *fhRetFile, szInBuffer, kChunkSizeText);
     }
-    const int result = setBuffer(*fhRetFile, szInBuffer);
-    if (result != 0) {
-        // Not run by a test: libc and the kernel do not fail so with these arguments.
-        DB_LogExt("SysFileOpenRead [%s] setvbuf [%ld] returned %d, QRTLN_BUFFER_SIZE %ld",
-                  getUTF8FileName(cpFileName), kBufferSizeText, result, kChunkSizeText);
-    }
-    return 0;
+    return error;
 }
 
 int SysFileSeek(FILE* hFile, DWORD dwPos, DWORD dwLoc) {

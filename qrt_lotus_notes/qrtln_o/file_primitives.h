@@ -54,7 +54,7 @@ BOOL SysFileCopy(const char* cpSource, const char* cpTarget, BOOL bFailIfExists)
 // Stand-ins for what only other platforms have.
 BOOL OSIsArchiveAttributeSet(const char* cpFile); // always TRUE
 int OSResetArchiveAttribute(const char* cpFile);  // always 0
-BOOL OSIsDevice(const char* cpPath);              // always FALSE
+BOOL OSIsDevice(const char* cpPath);              // always FALSE; called by nobody here
 
 // Compares the first iLen characters of two directory names, case-sensitively: 0 when equal.
 int OSStrnCmpDir(const char* cpDir1, const char* cpDir2, int iLen);

@@ -15,6 +15,7 @@
 #include "common/bounded_text.h"
 #include "qrt_lotus_notes/qrtln_l/file_list_queue.h"
 #include "qrt_lotus_notes/qrtln_o/file_primitives.h"
+#include "qrt_lotus_notes/qrtln_u/local_time.h"
 #include "qrt_lotus_notes/qrtln_u/messages.h"
 
 namespace {
@@ -190,9 +191,8 @@ void getFileName(const char* path, char* out) {
 
 int getCurrentTime(char* day, char* month, char* year, char* hour, char* minute) {
     constexpr std::size_t kNumberSize = 12;
-    const time_t now = std::time(nullptr);
-    struct tm local;
-    if (localtime_r(&now, &local) == nullptr) {
+    struct tm local = {};
+    if (!localFieldsOf(std::time(nullptr), local)) {
         // Not run by a test: libc and the kernel do not fail so with these arguments.
         return 0;
     }

@@ -38,5 +38,6 @@ int isFileNotesNSF(const char* name);
 int isFileNotesNTF(const char* name);
 int isFileNotesTXN(const char* name);
 
-// Gives target's drive letter the case of source's.
+// Gives target's drive letter the case of source's. Called by nobody here: part of the unit's
+// interface, for platforms that have drives.
 void AdaptDriveLetter(char* target, const char* source);

@@ -11,6 +11,7 @@
 #include "common/file_stream.h"
 #include "qrt_lotus_notes/qrtln_l/file_list_queue.h"
 #include "qrt_lotus_notes/qrtln_u/argument_paths.h"
+#include "qrt_lotus_notes/qrtln_u/local_time.h"
 #include "qrt_lotus_notes/qrtln_u/messages.h"
 #include "qrt_lotus_notes/qrtln_u/roll_forward.h"
 
@@ -46,12 +47,12 @@ void setSinceTime(const char* value) {
     setField(g_sQRTLN_Global.szDB_SinceTime, "SNC_TIME", value);
     g_sQRTLN_Global.tSinceTime = 0;
     struct tm since = {};
-    since.tm_isdst = -1; // whether daylight saving applied then is for mktime to find out
     if (cm_strptime(value, "%Y%m%d%H%M%S", &since) == nullptr) {
         DB_TraceExt("ProcessCtrlVars(): Could not convert [%s] to a valid tm structure.", value);
         return;
     }
-    const time_t seconds = std::mktime(&since);
+    // Where the clock repeats or skips it, the earlier moment: nothing that changed is passed over.
+    const time_t seconds = earliestMomentOf(since);
     if (seconds == static_cast<time_t>(-1)) {
         DB_TraceExt("ProcessCtrlVars(): Could not convert [%s] to a valid time_t calendar time.",
                     value);

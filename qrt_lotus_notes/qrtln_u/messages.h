@@ -4,12 +4,7 @@
 
 #include "common/trace.h"
 #include "qrt_lotus_notes/operation_state.h"
-
-// The kinds of DB_ErrHandler and syserrtxt.
-inline constexpr int kErrorKindNone = 0;
-inline constexpr int kErrorKindErrno = 1;
-inline constexpr int kErrorKindApi = 2;
-inline constexpr int kErrorKindResolver = 5;
+#include "qrt_lotus_notes/syserrtxt.h"
 
 // Texts that several units report.
 inline constexpr char kRuntimeNotInitialized[] = "The Notes runtime system is not initialized!";

@@ -1,9 +1,9 @@
 #include "qrt_lotus_notes/qrtln_u/roll_forward.h"
 
-#include <algorithm>
 #include <cstring>
 #include <vector>
 
+#include "qrt_lotus_notes/qrtln_u/local_time.h"
 #include "qrt_lotus_notes/qrtln_u/messages.h"
 
 namespace {
@@ -22,12 +22,6 @@ constexpr RecoveryChoices kRollForward = {
     .bToMoment = FALSE,
     .tMoment = 0,
 };
-
-bool haveEqualFields(const struct tm& first, const struct tm& second) {
-    return first.tm_year == second.tm_year && first.tm_mon == second.tm_mon &&
-           first.tm_mday == second.tm_mday && first.tm_hour == second.tm_hour &&
-           first.tm_min == second.tm_min && first.tm_sec == second.tm_sec;
-}
 
 int numberAt(const char* digits, int count) {
     int number = 0;
@@ -48,29 +42,6 @@ struct tm fieldsOf(const char* digits) {
     return fields;
 }
 
-// Every moment at which the local clock shows the fields. mktime would settle for one of two, and
-// knows repeated hours only where daylight saving makes them: a zone that moved has them too.
-std::vector<time_t> momentsOf(const struct tm& fields) {
-    constexpr time_t kFarthestOffset = 26 * 3600L; // between a zone's local time and UTC
-    constexpr time_t kStep = 15 * 60;              // no offset lasts shorter than this
-    struct tm copy = fields;
-    const time_t asUtc = timegm(&copy);
-    std::vector<time_t> moments;
-    for (time_t at = asUtc - kFarthestOffset; at <= asUtc + kFarthestOffset; at += kStep) {
-        struct tm local;
-        if (localtime_r(&at, &local) == nullptr) {
-            // Not run by a test: libc and the kernel do not fail so with these arguments.
-            continue;
-        }
-        const time_t candidate = asUtc - local.tm_gmtoff;
-        if (localtime_r(&candidate, &local) != nullptr && haveEqualFields(local, fields) &&
-            std::find(moments.begin(), moments.end(), candidate) == moments.end()) {
-            moments.push_back(candidate);
-        }
-    }
-    return moments;
-}
-
 bool tells() {
     return g_sQRTLN_Global.sRecoveryChoices.bTellsOutcome != FALSE;
 }
@@ -82,13 +53,10 @@ bool refuse(const char* value, const char* why) {
 
 bool readMoment(const char* value, time_t& moment) {
     const struct tm fields = fieldsOf(value);
-    struct tm calendar = fields;
-    timegm(&calendar);
-    if (!haveEqualFields(calendar, fields)) {
+    if (!isCalendarTime(fields)) {
         return refuse(value, "there is no such date or time");
     }
-    tzset();
-    const std::vector<time_t> moments = momentsOf(fields);
+    const std::vector<time_t> moments = momentsShownAs(fields);
     if (moments.empty()) {
         return refuse(value, "the local clock skips this time, give one that it showed");
     }

@@ -58,9 +58,7 @@ TEST_F(ControlVariables, SetTheirFields) {
         // Of a switch the three capital letters count, and no separator is looked at.
         {"RECOVERY=YESNO", " recovery"},
         {"RECOVERY=yes", ""},
-        // Local time, with daylight saving where it applies.
         {"SNC_TIME=20240715120000", " since 1721037600"},
-        {"SNC_TIME=20240115120000", " since 1705316400"},
         {"SNC_TIME=19700101005959", ""}, // the last second before 1970 UTC
         {"INFO=-R \"/r/s t\"", " -R /r/s t"},
         {"INFO=cmd -R  \"\"/r\" -R \"/second\"", " -R /r"},
@@ -117,41 +115,57 @@ TEST_F(ControlVariables, ExistingArgumentHidesThoseAfterIt) {
     EXPECT_EQ(drain(global.lhArgumentFileList), "first @/ @ @ NOTES d.nsf / e.nsf");
 }
 
-TEST_F(ControlVariables, RollForwardIsYesOrATimeThatExistsOnce) {
-    // The rules of 2024 for Berlin, and for Santiago, where the skipped and the repeated hour lie
-    // at midnight. -1: refused; 0: to the end of the logs.
-    const std::string berlin = "CET-1CEST,M3.5.0,M10.5.0/3 ";
-    const std::string santiago = "CLT4CLST,M9.1.6/24,M4.1.6/24 ";
-    std::vector<std::pair<std::string, time_t>> cases = {
-        {berlin + "YES", 0},
-        {berlin + "20240115123015", 1705318215},
-        {berlin + "20240331025959", -1}, // skipped
-        {berlin + "20240331030000", 1711846800},
-        {berlin + "20241027015959", 1729987199},
-        {berlin + "20241027020000", -1}, // repeated
-        {berlin + "20241027030000", 1729994400},
-        {santiago + "20240908003000", -1},
-        {santiago + "20240406233000", -1},
-        {"UTC 20240229000000", 1709164800},
+// One table of clocks for both times: SNC_TIME is the earlier of two, ROLLFORWARD refuses what is
+// not one.
+TEST_F(ControlVariables, TimesThatAClockRepeatsOrSkipsAreTheEarlierOrRefused) {
+    constexpr bool once = true, notOnce = false;
+    const struct {
+        std::string zone, time;
+        time_t earliest;
+        bool exists;
+    } cases[] = {
+        {"Europe/Berlin", "20240115123015", 1705318215, once},
+        {"Europe/Berlin", "20240331023000", 1711845000, notOnce}, // skipped
+        {"Europe/Berlin", "20240331030000", 1711846800, once},
+        {"Europe/Berlin", "20241027015959", 1729987199, once},
+        {"Europe/Berlin", "20241027020000", 1729987200, notOnce}, // repeated
+        {"Europe/Berlin", "20241027030000", 1729994400, once},
+        {"Europe/Berlin", "20400325023000", 2216248200, notOnce}, // behind 2038
+        {"America/Santiago", "20240908003000", 1725766200, notOnce},
+        {"America/Santiago", "20240406233000", 1712457000, notOnce},    // at midnight
+        {"Australia/Lord_Howe", "20260405014500", 1775313900, notOnce}, // half an hour
+        {"Australia/Lord_Howe", "20260405020000", 1775316600, once},
+        {"Africa/Casablanca", "20260215023000", 1771119000, notOnce}, // in winter, back in spring
+        {"Africa/Casablanca", "20260322023000", 1774143000, notOnce},
+        {"Pacific/Kiritimati", "20260101000000", 1767175200, once},   // 14 hours east
+        {"Pacific/Kiritimati", "19941231120000", 788824800, notOnce}, // moved: no such day
+        {"Pacific/Kwajalein", "19690930120000", -8031600, notOnce},   // moved: this day twice
+        {"Pacific/Kwajalein", "19691001000000", -7905600, once},
+        {"UTC", "20240229000000", 1709164800, once},
     };
-    for (const char* refused :
+    for (const auto& [zone, time, earliest, exists] : cases) {
+        SCOPED_TRACE(zone + " " + time);
+        startAfresh(zone.c_str());
+        global.eI_OperationType = DB_TYPE_RST;
+        EXPECT_EQ(process({"SNC_TIME=" + time, "DATABASE=a.nsf"}), DB_NUM_I_OK);
+        EXPECT_EQ(global.tSinceTime, earliest);
+        EXPECT_EQ(process({"RECOVERY=YES", "ROLLFORWARD=" + time, "DATABASE=a.nsf"}),
+                  exists ? DB_NUM_I_OK : DB_NUM_E_FAILED);
+        EXPECT_EQ(global.sRecoveryChoices.bToMoment, exists);
+        EXPECT_EQ(global.sRecoveryChoices.tMoment, exists ? earliest : 0);
+    }
+}
+
+TEST_F(ControlVariables, RollForwardIsRefusedForWhatIsNeitherYesNorATime) {
+    global.eI_OperationType = DB_TYPE_RST;
+    for (const std::string refused :
          {"20230229000000", "20240115240000", "", "yes", "YES ", "202401151230150",
           "2024 115123015", "+2024011512301", "%s%n%s%n%s%n%s"}) {
-        cases.emplace_back(std::string("UTC ") + refused, -1);
-    }
-    for (const auto& [zoneAndValue, moment] : cases) {
-        SCOPED_TRACE(zoneAndValue);
-        const std::size_t blank = zoneAndValue.find(' ');
-        startAfresh(zoneAndValue.substr(0, blank).c_str());
-        global.eI_OperationType = DB_TYPE_RST;
-        const std::string variable = "ROLLFORWARD=" + zoneAndValue.substr(blank + 1);
-        EXPECT_EQ(process({"RECOVERY=YES", variable, "DATABASE=a.nsf"}),
-                  moment < 0 ? DB_NUM_E_FAILED : DB_NUM_I_OK);
-        EXPECT_EQ(global.sRecoveryChoices.bFindsPending, moment >= 0);
-        EXPECT_EQ(global.sRecoveryChoices.bToMoment, moment > 0);
-        EXPECT_EQ(global.sRecoveryChoices.tMoment, moment < 0 ? 0 : moment);
-        EXPECT_EQ(takeErrorText().starts_with(variable + ": "), moment < 0);
-        EXPECT_EQ(global.lhArgumentFileList == nullptr, moment < 0);
+        const std::string variable = "ROLLFORWARD=" + refused;
+        EXPECT_EQ(process({"RECOVERY=YES", variable, "DATABASE=a.nsf"}), DB_NUM_E_FAILED);
+        EXPECT_FALSE(global.sRecoveryChoices.bFindsPending) << refused;
+        EXPECT_TRUE(takeErrorText().starts_with(variable + ": "));
+        EXPECT_EQ(global.lhArgumentFileList, nullptr);
     }
 }
 

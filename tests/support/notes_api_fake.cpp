@@ -72,31 +72,18 @@ void fillSlot(NotesFunction<Result(Arguments...)>& slot) {
         handOutAll(answer, arguments...);
         if constexpr (std::is_same_v<Result, BOOL>) {
             return answer.status == kNotesNoError;
+        } else if constexpr (std::is_pointer_v<Result>) {
+            return nullptr;
         } else if constexpr (!std::is_void_v<Result>) {
             return answer.status;
         }
     };
 }
 
-template <auto... Slots>
-void fillSlots() {
-    (fillSlot<Slots>(notes_api.*Slots), ...);
-}
-
+// Every slot, so that one without a function of its own below has this.
 void fillBySignature() {
-    fillSlots<&NotesApi::NotesTerm, &NotesApi::OSMemAlloc, &NotesApi::OSUnlockObject,
-              &NotesApi::OSMemFree, &NotesApi::NSFDbOpen, &NotesApi::NSFDbClose,
-              &NotesApi::NSFDbGetBuildVersion, &NotesApi::NSFDbIDGet, &NotesApi::NSFDbGetLogInfo,
-              &NotesApi::NSFDbGetModifiedNoteTable, &NotesApi::NSFTakeDatabaseOffline,
-              &NotesApi::NSFBringDatabaseOnline, &NotesApi::NSFDbCopyNote, &NotesApi::NSFNoteDelete,
-              &NotesApi::NSFDbUpdateUnread, &NotesApi::NSFDbGetUnreadNoteTable,
-              &NotesApi::NSFDbSetUnreadNoteTable, &NotesApi::IDTableCopy, &NotesApi::IDDestroyTable,
-              &NotesApi::NSFBackupStart, &NotesApi::NSFBackupSetHighWaterMark,
-              &NotesApi::NSFBackupStop, &NotesApi::NSFBackupGetChangeInfoSize,
-              &NotesApi::NSFBackupStartApplyChangeInfo, &NotesApi::NSFBackupEndApplyChangeInfo,
-              &NotesApi::NSFBackupEnd, &NotesApi::NSFIsNewBackupNeeded,
-              &NotesApi::NSFGetTransLogStyle, &NotesApi::NSFBeginArchivingLogs,
-              &NotesApi::NSFEndArchivingLogs>();
+#define NOTES_FUNCTION(result, name, parameters, handles) fillSlot<&NotesApi::name>(notes_api.name);
+#include "notes_api/functions.h"
 }
 
 void fillRuntime() {
