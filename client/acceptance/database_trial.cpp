@@ -6,6 +6,7 @@
 
 #include <algorithm>
 #include <filesystem>
+#include <fmt/format.h>
 #include <sys/stat.h>
 
 namespace qrtln::acceptance {
@@ -15,7 +16,7 @@ namespace {
 constexpr std::size_t documents_to_move = 8;
 
 std::string in_folder(const ProbeRequest& request, const char* name) {
-    return request.folder + "/" + name;
+    return fmt::format("{}/{}", request.folder, name);
 }
 
 NamedDatabase copy_in(const ProbeRequest& request, const char* name) {
@@ -48,9 +49,11 @@ void judge_busy_copy(Teller& teller, const std::set<NOTEID>& before, NOTEID last
     else if (has_last && copied.size() == before.size())
         teller.told("writes", "the copy opens and is as of NSFBackupStart; " + recorded);
     else
-        teller.stop("writes", "the copy has " + counted(copied.size()) +
-                                  ": neither those of its start, " + std::to_string(before.size()) +
-                                  ", nor one less, as at its stop; " + recorded);
+        teller.stop(
+            "writes",
+            fmt::format(
+                "the copy has {}: neither those of its start, {}, nor one less, as at its stop; {}",
+                counted(copied.size()), before.size(), recorded));
     if (changes == 0)
         teller.told("writes", "no change was recorded although documents were deleted meanwhile");
 }
@@ -96,12 +99,13 @@ void roll_forward(Teller& teller, const std::string& copy) {
     const STATUS status =
         notes_api.NSFRecoverDatabases(names.data(), on_log_asked, keep_identity, &place, nullptr);
     const Statuses statuses = {{"NSFRecoverDatabases", status}};
-    const std::string logs = std::to_string(asked_logs.asked) + " logs were asked for, " +
-                             std::to_string(asked_logs.missing) + " were not there";
+    const std::string logs = fmt::format("{} logs were asked for, {} were not there",
+                                         asked_logs.asked, asked_logs.missing);
     if (status != kNotesNoError)
-        teller.stop("recovery",
-                    "the copy is not rolled forward: " + status_text(status) + "; " + logs,
-                    statuses);
+        teller.stop(
+            "recovery",
+            fmt::format("the copy is not rolled forward: {}; {}", status_text(status), logs),
+            statuses);
     teller.ok("recovery", "the copy is rolled forward to the end of the logs; " + logs, statuses);
 }
 
@@ -119,7 +123,7 @@ class OfflineDatabase {
     OfflineDatabase(const OfflineDatabase&) = delete;
     OfflineDatabase& operator=(const OfflineDatabase&) = delete;
     STATUS online() {
-        m_teller.undoing("NSFBringDatabaseOnline(" + m_shown + ")");
+        m_teller.undoing(fmt::format("NSFBringDatabaseOnline({})", m_shown));
         const STATUS status = notes_api.NSFBringDatabaseOnline(m_path.data(), 0);
         m_offline = status != kNotesNoError;
         if (!m_offline)
@@ -142,9 +146,9 @@ void trial_quiet_backup(Teller& teller, const ProbeRequest& request) {
     OpenDatabase live(teller, test);
     const std::set<NOTEID> documents = documents_of(teller, live, test.shown);
     if (documents.size() > most_test_documents)
-        teller.stop("documents", test.shown + " has " + counted(documents.size()) +
-                                     ": make a small database for this, of at most " +
-                                     std::to_string(most_test_documents));
+        teller.stop("documents",
+                    fmt::format("{} has {}: make a small database for this, of at most {}",
+                                test.shown, counted(documents.size()), most_test_documents));
     {
         Backup given_up(teller, live, test);
         given_up.end(give_up);
@@ -157,16 +161,16 @@ void trial_quiet_backup(Teller& teller, const ProbeRequest& request) {
     backup.copy(target, 0, size);
     backup.apply_changes(target);
     backup.end(complete);
-    const std::string sizes = "NSFBackupStart says " + std::to_string(size) +
-                              " bytes, the file has " + std::to_string(in_file);
+    const std::string sizes =
+        fmt::format("NSFBackupStart says {} bytes, the file has {}", size, in_file);
     if (size != in_file)
         teller.told("size", sizes);
     teller.ok("backup", "begun, copied and completed; " + sizes,
               {{"NSFBackupStart", 0}, {"NSFBackupEnd 0", 0}});
     const std::set<NOTEID> copied = documents_in(teller, copy_in(request, quiet_copy));
     if (copied != documents)
-        teller.stop("copy", "the copy has " + counted(copied.size()) + ", the database " +
-                                std::to_string(documents.size()));
+        teller.stop("copy", fmt::format("the copy has {}, the database {}", counted(copied.size()),
+                                        documents.size()));
     teller.ok("copy", "it opens and has the same " + counted(copied.size()));
 }
 
@@ -191,8 +195,8 @@ void trial_busy_backup(Teller& teller, const ProbeRequest& request) {
     judge_busy_copy(teller, before, moved.back(), copied, changes);
     const std::set<NOTEID> after = documents_of(teller, live, test.shown);
     if (after.size() != before.size())
-        teller.stop("documents", test.shown + " has " + counted(after.size()) + " now, it had " +
-                                     std::to_string(before.size()) + ".");
+        teller.stop("documents", fmt::format("{} has {} now, it had {}.", test.shown,
+                                             counted(after.size()), before.size()));
     if (after != before)
         teller.told("documents", "documents that were brought back have other note ids");
     else
@@ -209,7 +213,7 @@ void trial_recovery(Teller& teller, const ProbeRequest& request) {
         UNIVERSALNOTEID log{};
         UNIVERSALNOTEID instance{};
         DWORD extent = 0;
-        teller.calling("NSFDbGetLogInfo(" + request.test_database.shown + ")");
+        teller.calling(fmt::format("NSFDbGetLogInfo({})", request.test_database.shown));
         const STATUS status =
             notes_api.NSFDbGetLogInfo(live.handle(), 0, &logged, &log, &instance, &extent);
         if (status != kNotesNoError || logged == 0)
@@ -220,28 +224,29 @@ void trial_recovery(Teller& teller, const ProbeRequest& request) {
     const std::set<NOTEID> live = documents_in(teller, request.test_database);
     const std::set<NOTEID> recovered = documents_in(teller, copy_in(request, recovered_copy));
     if (recovered != live)
-        teller.stop("recovery", "the recovered copy has " + counted(recovered.size()) +
-                                    ", the live database " + std::to_string(live.size()) +
-                                    ", or others");
-    teller.ok("recovery", "it has the " + counted(live.size()) + " of the live database");
+        teller.stop("recovery",
+                    fmt::format("the recovered copy has {}, the live database {}, or others",
+                                counted(recovered.size()), live.size()));
+    teller.ok("recovery", fmt::format("it has the {} of the live database", counted(live.size())));
 }
 
 void trial_offline(Teller& teller, const ProbeRequest& request) {
     const NamedDatabase& test = request.test_database;
     Runtime runtime(teller, request.ini);
     std::vector<char> path = lmbcs_path(teller, test);
-    teller.calling("NSFTakeDatabaseOffline(" + test.shown + ")");
+    teller.calling(fmt::format("NSFTakeDatabaseOffline({})", test.shown));
     teller.leaves("offline", test.shown + " may be offline: look, and bring it online at the "
                                           "server's console");
     const STATUS taken = notes_api.NSFTakeDatabaseOffline(path.data(), 0, 0);
     if (taken != kNotesNoError)
         teller.leaves("offline", "");
     if (taken != kNotesNoError)
-        teller.stop("offline", test.shown + " is not taken offline: " + status_text(taken),
+        teller.stop("offline",
+                    fmt::format("{} is not taken offline: {}", test.shown, status_text(taken)),
                     {{"NSFTakeDatabaseOffline", taken}});
     OfflineDatabase offline(teller, test, path);
     DBHANDLE handle = 0;
-    teller.calling("NSFDbOpen(" + test.shown + "), which is offline");
+    teller.calling(fmt::format("NSFDbOpen({}), which is offline", test.shown));
     const STATUS opened = notes_api.NSFDbOpen(path.data(), &handle);
     if (opened == kNotesNoError) {
         notes_api.NSFDbClose(handle);
@@ -250,7 +255,7 @@ void trial_offline(Teller& teller, const ProbeRequest& request) {
     }
     const STATUS online = offline.online();
     if (online != kNotesNoError)
-        teller.stop("online", test.shown + " stays offline: " + status_text(online),
+        teller.stop("online", fmt::format("{} stays offline: {}", test.shown, status_text(online)),
                     {{"NSFBringDatabaseOnline", online}});
     documents_in(teller, test);
     teller.ok("offline",

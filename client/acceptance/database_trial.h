@@ -2,7 +2,8 @@
 // the server they end, also when a call fails; documents that they delete they bring back.
 #pragma once
 
-#include "client/acceptance/probe.h"
+#include "client/acceptance/probe_request.h"
+#include "client/acceptance/teller.h"
 
 namespace qrtln::acceptance {
 

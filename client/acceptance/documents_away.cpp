@@ -1,11 +1,13 @@
 #include "client/acceptance/documents_away.h"
 
+#include <fmt/format.h>
+
 namespace qrtln::acceptance {
 
 DocumentsAway::DocumentsAway(Teller& teller, const OpenDatabase& live, const OpenDatabase& source,
                              const std::string& shown)
     : m_teller(teller), m_live(live), m_source(source), m_shown(shown) {
-    teller.calling("NSFDbIDGet(" + m_shown + ")");
+    teller.calling(fmt::format("NSFDbIDGet({})", m_shown));
     notes_api.NSFDbIDGet(live.handle(), &m_live_id);
     notes_api.NSFDbIDGet(source.handle(), &m_source_id);
 }
@@ -13,7 +15,7 @@ DocumentsAway::DocumentsAway(Teller& teller, const OpenDatabase& live, const Ope
 DocumentsAway::~DocumentsAway() {
     const std::set<NOTEID> away = m_away;
     for (NOTEID id : away) {
-        m_teller.undoing("NSFDbCopyNote(" + m_shown + ")");
+        m_teller.undoing(fmt::format("NSFDbCopyNote({})", m_shown));
         if (copy(id) == kNotesNoError)
             m_away.erase(id);
     }
@@ -21,7 +23,8 @@ DocumentsAway::~DocumentsAway() {
 }
 
 void DocumentsAway::take(NOTEID id) {
-    m_teller.calling("NSFNoteDelete(" + m_shown + ")"); // which may be the end: before it is away
+    m_teller.calling(
+        fmt::format("NSFNoteDelete({})", m_shown)); // which may be the end: before it is away
     m_away.insert(id);
     tell_what_is_away();
     const STATUS status = notes_api.NSFNoteDelete(m_live.handle(), id, 0);
@@ -31,7 +34,7 @@ void DocumentsAway::take(NOTEID id) {
 }
 
 void DocumentsAway::bring_back(NOTEID id) {
-    m_teller.calling("NSFDbCopyNote(" + m_shown + ")");
+    m_teller.calling(fmt::format("NSFDbCopyNote({})", m_shown));
     check("NSFDbCopyNote", copy(id));
     m_away.erase(id);
     tell_what_is_away();
@@ -44,16 +47,16 @@ STATUS DocumentsAway::copy(NOTEID id) {
 
 void DocumentsAway::check(const char* call, STATUS status) {
     if (status != kNotesNoError)
-        m_teller.stop("documents",
-                      std::string(call) + " in " + m_shown + ": " + status_text(status),
+        m_teller.stop("documents", fmt::format("{} in {}: {}", call, m_shown, status_text(status)),
                       {{call, status}});
 }
 
 void DocumentsAway::tell_what_is_away() noexcept {
-    m_teller.leaves("documents", m_away.empty()
-                                     ? ""
-                                     : std::to_string(m_away.size()) + " documents of " + m_shown +
-                                           " are deleted, and in the copy quiet.nsf");
+    m_teller.leaves("documents",
+                    m_away.empty()
+                        ? ""
+                        : fmt::format("{} documents of {} are deleted, and in the copy quiet.nsf",
+                                      m_away.size(), m_shown));
 }
 
 } // namespace qrtln::acceptance

@@ -7,6 +7,7 @@
 #include <algorithm>
 #include <array>
 #include <fcntl.h>
+#include <fmt/format.h>
 #include <map>
 
 namespace qrtln::acceptance {
@@ -50,12 +51,13 @@ void check_duplicates(Report& report, const std::string& content) {
             continue;
         bool decides = std::find(decisive.begin(), decisive.end(), name) != decisive.end();
         // Other values may be secrets.
-        std::string shown = decides ? ": " + printable_utf8(values.front()) + " first, " +
-                                          printable_utf8(values.back()) + " last"
-                                    : "";
+        std::string shown = decides
+                                ? fmt::format(": {} first, {} last", printable_utf8(values.front()),
+                                              printable_utf8(values.back()))
+                                : "";
         add(report, decides ? Verdict::stop : Verdict::told,
-            printable_utf8(name) + " is there " + std::to_string(values.size()) +
-                " times, with values that differ" + shown);
+            fmt::format("{} is there {} times, with values that differ{}", printable_utf8(name),
+                        values.size(), shown));
     }
 }
 
@@ -68,14 +70,14 @@ std::string ini_value(const NotesIni& ini, const std::string& name) {
 void check_notes_ini(Report& report, const NotesIni& ini) {
     const std::string content = content_of(ini);
     auto variables = parse_notes_ini(content);
-    std::string text = printable_utf8(ini.file) +
-                       ": Directory=" + printable_utf8(ini.data_directory) +
-                       ", NotesProgram=" + printable_utf8(ini.program_directory);
+    std::string text =
+        fmt::format("{}: Directory={}, NotesProgram={}", printable_utf8(ini.file),
+                    printable_utf8(ini.data_directory), printable_utf8(ini.program_directory));
     for (const char* name : {"ServerName", "TRANSLOG_Status", "TRANSLOG_Style", "TRANSLOG_Path"}) {
         std::string lower = name;
         for (char& letter : lower)
             letter = static_cast<char>(std::tolower(static_cast<unsigned char>(letter)));
-        text += ", " + std::string(name) + "=" + printable_utf8(variables[lower]);
+        text += fmt::format(", {}={}", name, printable_utf8(variables[lower]));
     }
     add(report, Verdict::ok, text);
     if (content.find('\r') != std::string::npos)

@@ -6,6 +6,8 @@
 #include "client/domino/database_link.h"
 #include "client/domino/notes_ini.h"
 
+#include <fmt/format.h>
+
 namespace qrtln::acceptance {
 
 namespace {
@@ -24,7 +26,9 @@ class Named {
     }
     std::size_t count() const { return m_count; }
     std::string text() const {
-        return m_text.empty() ? "" : ": " + m_text + (m_count > links_named_at_most ? ", ..." : "");
+        return m_text.empty()
+                   ? ""
+                   : fmt::format(": {}{}", m_text, m_count > links_named_at_most ? ", ..." : "");
     }
 
   private:
@@ -50,16 +54,16 @@ class Links {
         std::optional<std::string> target = database_link_target(path);
         if (!target)
             return false;
-        m_databases.add(path, " (leads to " + for_terminal(*target) + ")");
+        m_databases.add(path, fmt::format(" (leads to {})", for_terminal(*target)));
         return true;
     }
     void pass_over(const std::string& path, const std::string& reason) {
-        m_unreadable.add(path, " (" + printable_utf8(reason) + ")");
+        m_unreadable.add(path, fmt::format(" ({})", printable_utf8(reason)));
     }
     void tell() {
         say(m_symbolic, " symbolic links", false);
-        say(m_folders,
-            " directory links, with " + std::to_string(m_behind) + " databases behind them", true);
+        say(m_folders, fmt::format(" directory links, with {} databases behind them", m_behind),
+            true);
         say(m_databases, " database links", true);
         say(m_unreadable, " things that a backup would pass over", true);
         if (m_symbolic.count() + m_folders.count() + m_databases.count() + m_unreadable.count() ==

@@ -1,8 +1,12 @@
 // What lies below a data directory under a name and really elsewhere.
 #pragma once
 
-#include "client/acceptance/local_checks.h"
+#include "client/acceptance/local_request.h"
+#include "client/acceptance/report.h"
 #include "client/backup/arguments.h"
+
+#include <string>
+#include <vector>
 
 namespace qrtln::acceptance {
 

@@ -18,6 +18,7 @@
 #include <algorithm>
 #include <cstdlib>
 #include <fcntl.h>
+#include <fmt/format.h>
 #include <langinfo.h>
 #include <locale.h>
 #include <sys/stat.h>
@@ -43,12 +44,13 @@ class Checks {
             add("user", Verdict::ok, own + ", who owns the data directory");
         else if (user)
             add("user", user->has_entry ? Verdict::ok : Verdict::told,
-                "the library runs as " + user->name + ", who owns the data directory" +
-                    (user->has_entry ? "" : "; the system has no entry for that user"));
+                fmt::format("the library runs as {}, who owns the data directory{}", user->name,
+                            user->has_entry ? "" : "; the system has no entry for that user"));
         else
             add("user", Verdict::told,
-                "the library runs as " + own + ", the data directory is " + owner +
-                    "'s: it may fail, or make files that the server cannot write");
+                fmt::format("the library runs as {}, the data directory is {}'s: it may fail, or "
+                            "make files that the server cannot write",
+                            own, owner));
     }
 
     void environment() {
@@ -61,7 +63,7 @@ class Checks {
             add("environment", Verdict::ok, "libnotes.so is in " + folder);
         else
             add("environment", Verdict::told,
-                "libnotes.so is not in " + folder + ": the loader has to find it");
+                fmt::format("libnotes.so is not in {}: the loader has to find it", folder));
     }
 
     void locale(const std::vector<std::string>& databases) {
@@ -73,12 +75,12 @@ class Checks {
         bool good = codeset == "UTF-8";
         for (const auto& [name, value] : m_request.environment.variables)
             if (name.starts_with("LC_")) {
-                codeset += ", and " + name + "=" + value + " for the library";
+                codeset += fmt::format(", and {}={} for the library", name, value);
                 good = true;
             }
         add("locale", good ? Verdict::ok : Verdict::told,
-            "codeset " + codeset + "; " + std::to_string(foreign) +
-                " databases have names that are not ASCII");
+            fmt::format("codeset {}; {} databases have names that are not ASCII", codeset,
+                        foreign));
     }
 
     void room(const SelectionScan& scan) {
@@ -91,11 +93,12 @@ class Checks {
         std::optional<std::uint64_t> free = free_bytes(m_request.tmp_dir);
         bool writable = ::access(m_request.tmp_dir.c_str(), W_OK | X_OK) == 0;
         if (!free || !writable)
-            return add("room", Verdict::stop,
-                       "cannot use " + m_request.tmp_dir + ": " + system_error_text(errno));
+            return add(
+                "room", Verdict::stop,
+                fmt::format("cannot use {}: {}", m_request.tmp_dir, system_error_text(errno)));
         add("room", *free >= scan.largest ? Verdict::ok : Verdict::stop,
-            human_bytes(*free) + " free in " + m_request.tmp_dir + ", the largest database has " +
-                largest);
+            fmt::format("{} free in {}, the largest database has {}", human_bytes(*free),
+                        m_request.tmp_dir, largest));
     }
 
     void attachments() {
@@ -105,16 +108,18 @@ class Checks {
             return add("attachments", Verdict::ok, "no attachment store");
         bool outside = !is_below(folder, m_ini.data_directory);
         bool readable = ::access(folder.c_str(), R_OK | X_OK) == 0;
-        std::string text = "DAOSEnable=" + enabled + ", the attachment store is " + folder;
+        std::string text =
+            fmt::format("DAOSEnable={}, the attachment store is {}", enabled, folder);
         if (!readable)
-            add("attachments", Verdict::stop, text + ": " + system_error_text(errno));
+            add("attachments", Verdict::stop,
+                fmt::format("{}: {}", text, system_error_text(errno)));
         else
             add("attachments", outside ? Verdict::told : Verdict::ok,
                 text + (outside ? ", outside the data directory" : ""));
     }
 
     void archivers() {
-        std::string note = m_ini.data_directory + "/" + log_archive_file;
+        std::string note = fmt::format("{}/{}", m_ini.data_directory, log_archive_file);
         if (exists(note))
             add("archivers", Verdict::told, "its logs are archived already: " + archiver(note));
         else
@@ -138,14 +143,14 @@ class Checks {
         std::optional<std::vector<std::string>> names = names_in_folder(folder);
         if (!names)
             return add("log", Verdict::stop,
-                       "the logs' folder " + folder +
-                           " cannot be read: " + system_error_text(errno));
+                       fmt::format("the logs' folder {} cannot be read: {}", folder,
+                                   system_error_text(errno)));
         auto extents = std::count_if(names->begin(), names->end(), [](const std::string& name) {
             return name.ends_with(".TXN") || name.ends_with(".txn");
         });
         add("log", m_ini.archives_logs ? Verdict::ok : Verdict::told,
-            style + ", extents in " + folder + ": " + std::to_string(extents) +
-                (m_ini.archives_logs ? "" : ": no incremental backup, no roll-forward"));
+            fmt::format("{}, extents in {}: {}{}", style, folder, extents,
+                        m_ini.archives_logs ? "" : ": no incremental backup, no roll-forward"));
     }
 
   private:
@@ -158,8 +163,8 @@ class Checks {
         std::string problem;
         std::optional<std::string> bytes = read_small_file(AT_FDCWD, note, 65536);
         auto document = bytes ? from_canonical(*bytes, problem) : std::nullopt;
-        return document ? "into " + get_bytes(*document, "store") + " since " +
-                              document->value("since", "")
+        return document ? fmt::format("into {} since {}", get_bytes(*document, "store"),
+                                      document->value("since", ""))
                         : note + " cannot be read";
     }
 

@@ -1,22 +1,13 @@
 // What can be seen of a server without its library.
 #pragma once
 
+#include "client/acceptance/local_request.h"
 #include "client/acceptance/report.h"
-#include "client/domino/notes_ini.h"
-#include "client/module/environment.h"
 
 #include <string>
 #include <vector>
 
 namespace qrtln::acceptance {
-
-struct LocalRequest {
-    NotesIni ini;
-    ModuleEnvironment environment; // of the server's library
-    std::string tmp_dir;
-    std::string store;       // empty: none is named
-    bool hide_names = false; // of databases and files
-};
 
 // Adds the findings of the first step: user, notes.ini, environment, locale, room, links,
 // attachment store, other archivers, transaction log. Reads only. Returns the full paths of the

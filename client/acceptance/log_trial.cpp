@@ -12,6 +12,7 @@
 #include <array>
 #include <cstdio>
 #include <fcntl.h>
+#include <fmt/format.h>
 
 namespace qrtln::acceptance {
 
@@ -40,8 +41,8 @@ std::string identity(const UNIVERSALNOTEID& id) {
 }
 
 std::string described(const Log& log) {
-    return "number " + std::to_string(log.number) + ", " + printable_utf8(log.path) +
-           ", identity " + identity(log.id);
+    return fmt::format("number {}, {}, identity {}", log.number, printable_utf8(log.path),
+                       identity(log.id));
 }
 
 // Goes on until a call fails; that there is no more is a failure with a number of its own.
@@ -70,7 +71,7 @@ void tell_listing(Teller& teller, const Listing& listing, const std::string& whe
     const Statuses statuses = {{listing.call, listing.last}};
     if (!isStatus(listing.last, kNotesNoLogToArchive)) {
         const std::string text =
-            "the logs are not listed " + when + ": " + status_text(listing.last);
+            fmt::format("the logs are not listed {}: {}", when, status_text(listing.last));
         if (session)
             teller.stop("listing", text, statuses);
         return teller.told("listing", text + "; full backups take them with --log-session",
@@ -78,13 +79,13 @@ void tell_listing(Teller& teller, const Listing& listing, const std::string& whe
     }
     std::string first = listing.ready.empty() ? "" : "; the first: " + described(listing.ready[0]);
     teller.ok("listing",
-              std::to_string(listing.ready.size()) + " logs are ready " + when +
-                  "; the active one: " + described(listing.active) + first,
+              fmt::format("{} logs are ready {}; the active one: {}{}", listing.ready.size(), when,
+                          described(listing.active), first),
               statuses);
 }
 
 [[noreturn]] void fail(const std::string& what, int error) {
-    throw ClientError(ExitCode::failed, what + ": " + system_error_text(error));
+    throw ClientError(ExitCode::failed, fmt::format("{}: {}", what, system_error_text(error)));
 }
 
 // Reads a file to its end, for its digest; a copy goes to `target` where that is a descriptor.
@@ -110,7 +111,7 @@ std::string read_through(Teller& teller, const std::string& path, int target) {
 
 // Keeps a log and compares it, down to the disk. Returns its new path.
 std::string keep_log(Teller& teller, const Log& log, const std::string& folder) {
-    std::string kept = folder + "/" + std::to_string(log.number) + "-" + name_of(log.path);
+    std::string kept = fmt::format("{}/{}-{}", folder, log.number, name_of(log.path));
     FileDescriptor target(
         ::open(kept.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC | O_NOFOLLOW, 0600));
     if (!target)
@@ -123,8 +124,9 @@ std::string keep_log(Teller& teller, const Log& log, const std::string& folder) 
     if (int error = flush_directory(AT_FDCWD, folder); error != 0)
         fail("cannot flush " + for_terminal(folder), error);
     if (read_through(teller, kept, -1) != digest || read_through(teller, log.path, -1) != digest)
-        teller.stop("kept log", "what was kept in " + for_terminal(kept) +
-                                    " is not what the server has; it was not marked");
+        teller.stop("kept log",
+                    fmt::format("what was kept in {} is not what the server has; it was not marked",
+                                for_terminal(kept)));
     return kept;
 }
 
@@ -136,10 +138,12 @@ class Session {
         const STATUS status = notes_api.NSFBeginArchivingLogs();
         const Statuses statuses = {{"NSFBeginArchivingLogs", status}};
         if (isStatus(status, kNotesArchivingInProgress))
-            teller.stop("session",
-                        "another program archives the logs, or left its session: " +
-                            status_text(status) + "; it was left alone",
-                        statuses);
+            teller.stop(
+                "session",
+                fmt::format(
+                    "another program archives the logs, or left its session: {}; it was left alone",
+                    status_text(status)),
+                statuses);
         if (status != kNotesNoError)
             teller.stop("session", "no archiving session is begun: " + status_text(status),
                         statuses);
@@ -174,20 +178,21 @@ bool is_listed(const Listing& listing, const Log& log) {
 }
 
 void mark(Teller& teller, Log log, const std::string& kept) {
-    teller.calling("NSFDoneArchivingLog(number " + std::to_string(log.number) + ")");
-    teller.leaves("log", "the log that is kept in " + for_terminal(kept) +
-                             " may be marked as archived: keep it, a recovery needs it then");
+    teller.calling(fmt::format("NSFDoneArchivingLog(number {})", log.number));
+    teller.leaves("log", fmt::format("the log that is kept in {} may be marked as archived: keep "
+                                     "it, a recovery needs it then",
+                                     for_terminal(kept)));
     const STATUS status = notes_api.NSFDoneArchivingLog(&log.id, &log.number);
     teller.leaves("log", "");
     const Statuses statuses = {{"NSFDoneArchivingLog", status}};
     if (status != kNotesNoError)
         teller.stop("marking",
-                    "the log that is kept in " + for_terminal(kept) +
-                        " is not marked as archived: " + status_text(status),
+                    fmt::format("the log that is kept in {} is not marked as archived: {}",
+                                for_terminal(kept), status_text(status)),
                     statuses);
     teller.ok("marking",
-              "number " + std::to_string(log.number) + " is kept in " + for_terminal(kept) +
-                  ", compared, and marked as archived",
+              fmt::format("number {} is kept in {}, compared, and marked as archived", log.number,
+                          for_terminal(kept)),
               statuses);
 }
 

@@ -1,7 +1,8 @@
 // The groups that list the transaction logs, and archive one of them, on a test server.
 #pragma once
 
-#include "client/acceptance/probe.h"
+#include "client/acceptance/probe_request.h"
+#include "client/acceptance/teller.h"
 
 namespace qrtln::acceptance {
 

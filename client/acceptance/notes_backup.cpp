@@ -7,6 +7,7 @@
 #include <algorithm>
 #include <array>
 #include <fcntl.h>
+#include <fmt/format.h>
 
 namespace qrtln::acceptance {
 
@@ -68,14 +69,14 @@ std::set<NOTEID> documents_of(Teller& teller, const OpenDatabase& database,
     IdTable table;
     teller.calling("TimeConstant(2)");
     notes_api.TimeConstant(kTimeWildcard, &since);
-    teller.calling("NSFDbGetModifiedNoteTable(" + shown + ")");
+    teller.calling(fmt::format("NSFDbGetModifiedNoteTable({})", shown));
     const STATUS status = notes_api.NSFDbGetModifiedNoteTable(database.handle(), documents, since,
                                                               &until, table.slot());
     if (isStatus(status, kNotesNoNoteModified))
         return {};
     if (status != kNotesNoError)
         teller.stop("documents",
-                    "the documents of " + shown + " are not told: " + status_text(status),
+                    fmt::format("the documents of {} are not told: {}", shown, status_text(status)),
                     {{"NSFDbGetModifiedNoteTable", status}});
     return table.ids();
 }
@@ -84,19 +85,21 @@ Backup::Backup(Teller& teller, const OpenDatabase& database, const NamedDatabase
     : m_teller(teller), m_database(database.handle()), m_named(named) {
     DWORD low = 0;
     DWORD high = 0;
-    teller.calling("NSFBackupStart(" + named.shown + ")");
+    teller.calling(fmt::format("NSFBackupStart({})", named.shown));
     check("NSFBackupStart", notes_api.NSFBackupStart(m_database, 0, &m_context, &low, &high));
     m_open = true;
     m_size = joined(low, high);
-    teller.leaves("backup", "a backup of " + named.shown +
-                                " stays begun on the server: the next backup of "
-                                "it answers 3748 once");
+    teller.leaves(
+        "backup",
+        fmt::format(
+            "a backup of {} stays begun on the server: the next backup of it answers 3748 once",
+            named.shown));
 }
 
 Backup::~Backup() {
     if (!m_open)
         return;
-    m_teller.undoing("NSFBackupEnd(" + m_named.shown + ", 1)");
+    m_teller.undoing(fmt::format("NSFBackupEnd({}, 1)", m_named.shown));
     notes_api.NSFBackupEnd(m_database, m_context, give_up);
     m_teller.leaves("backup", "");
 }
@@ -104,7 +107,7 @@ Backup::~Backup() {
 void Backup::check(const char* call, STATUS status) {
     if (status != kNotesNoError)
         m_teller.stop("backup",
-                      std::string(call) + " of " + m_named.shown + ": " + status_text(status),
+                      fmt::format("{} of {}: {}", call, m_named.shown, status_text(status)),
                       {{call, status}});
 }
 
@@ -113,8 +116,8 @@ void Backup::copy(const std::string& target, std::uint64_t begin, std::uint64_t 
     const int mode = begin == 0 ? O_CREAT | O_TRUNC : O_APPEND;
     FileDescriptor to(::open(target.c_str(), O_WRONLY | O_CLOEXEC | O_NOFOLLOW | mode, 0600));
     if (!from || !to || ::lseek(from.get(), static_cast<off_t>(begin), SEEK_SET) < 0)
-        throw ClientError(ExitCode::failed,
-                          "cannot copy " + m_named.shown + ": " + system_error_text(errno));
+        throw ClientError(ExitCode::failed, fmt::format("cannot copy {}: {}", m_named.shown,
+                                                        system_error_text(errno)));
     std::array<std::byte, buffer_size> buffer{};
     for (std::uint64_t at = begin; at < end;) {
         const std::size_t size = std::min<std::uint64_t>(buffer.size(), end - at);
@@ -125,8 +128,8 @@ void Backup::copy(const std::string& target, std::uint64_t begin, std::uint64_t 
         const int error =
             got < 0 ? static_cast<int>(-got) : write_all(to.get(), Bytes(buffer.data(), size));
         if (error != 0)
-            throw ClientError(ExitCode::failed,
-                              "cannot copy " + m_named.shown + ": " + system_error_text(error));
+            throw ClientError(ExitCode::failed, fmt::format("cannot copy {}: {}", m_named.shown,
+                                                            system_error_text(error)));
         at += size;
         m_teller.calling("copying " + m_named.shown);
     }
@@ -136,13 +139,13 @@ void Backup::fetch_and_apply(DHANDLE apply) {
     std::vector<BYTE> buffer(buffer_size);
     for (DWORD filled = 1; filled != 0;) {
         filled = 0;
-        m_teller.calling("NSFBackupGetNextChangeInfo(" + m_named.shown + ")");
+        m_teller.calling(fmt::format("NSFBackupGetNextChangeInfo({})", m_named.shown));
         check("NSFBackupGetNextChangeInfo",
               notes_api.NSFBackupGetNextChangeInfo(m_database, m_context, 0, buffer.data(),
                                                    buffer_size, &filled));
         if (filled > buffer_size)
-            m_teller.stop("backup", "NSFBackupGetNextChangeInfo filled " + std::to_string(filled) +
-                                        " bytes of " + std::to_string(buffer_size));
+            m_teller.stop("backup", fmt::format("NSFBackupGetNextChangeInfo filled {} bytes of {}",
+                                                filled, buffer_size));
         m_teller.calling("NSFBackupApplyNextChangeInfo(the copy)");
         check("NSFBackupApplyNextChangeInfo",
               notes_api.NSFBackupApplyNextChangeInfo(apply, 0, buffer.data(), filled));
@@ -152,9 +155,9 @@ void Backup::fetch_and_apply(DHANDLE apply) {
 std::uint64_t Backup::apply_changes(const std::string& target) {
     DWORD low = 0;
     DWORD high = 0;
-    m_teller.calling("NSFBackupStop(" + m_named.shown + ")");
+    m_teller.calling(fmt::format("NSFBackupStop({})", m_named.shown));
     check("NSFBackupStop", notes_api.NSFBackupStop(m_database, m_context));
-    m_teller.calling("NSFBackupGetChangeInfoSize(" + m_named.shown + ")");
+    m_teller.calling(fmt::format("NSFBackupGetChangeInfoSize({})", m_named.shown));
     check("NSFBackupGetChangeInfoSize",
           notes_api.NSFBackupGetChangeInfoSize(m_database, m_context, 0, &low, &high));
     std::vector<char> path = lmbcs_path(m_teller, target);
@@ -169,7 +172,7 @@ std::uint64_t Backup::apply_changes(const std::string& target) {
 }
 
 void Backup::end(DWORD option) {
-    m_teller.calling("NSFBackupEnd(" + m_named.shown + ", " + std::to_string(option) + ")");
+    m_teller.calling(fmt::format("NSFBackupEnd({}, {})", m_named.shown, option));
     m_open = false;
     check("NSFBackupEnd", notes_api.NSFBackupEnd(m_database, m_context, option));
     m_teller.leaves("backup", "");

@@ -1,7 +1,8 @@
 // The runtime of the server's library in a probe, and what every group asks of it.
 #pragma once
 
-#include "client/acceptance/probe.h"
+#include "client/acceptance/probe_request.h"
+#include "client/acceptance/teller.h"
 #include "client/domino/notes_ini.h"
 #include "notes_api/notes_api.h"
 

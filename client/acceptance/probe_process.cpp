@@ -3,6 +3,7 @@
 #include "client/acceptance/database_trial.h"
 #include "client/acceptance/log_trial.h"
 #include "client/acceptance/probes.h"
+#include "client/acceptance/teller.h"
 #include "client/base/error.h"
 #include "client/domino/notes_ini.h"
 
@@ -18,6 +19,8 @@ namespace qrtln::acceptance {
 namespace {
 
 constexpr const char* probe_process_word = "probe-process";
+
+using Probe = void (*)(Teller& teller, const ProbeRequest& request);
 
 struct GroupEntry {
     Group group;
@@ -139,7 +142,7 @@ int run_probe_process(int argc, char** argv) {
         std::string payload;
         if (receive_frame(socket, payload) != ReceiveResult::frame)
             ::_exit(1);
-        FrameReader frame(std::move(payload));
+        FrameReader frame(payload);
         ProbeRequest request;
         const Group group = read_request(frame, request);
         run_group(socket, group, request);

@@ -1,7 +1,8 @@
 // The process of one group: it is started by the client, takes the request, and tells its findings.
 #pragma once
 
-#include "client/acceptance/probe.h"
+#include "client/acceptance/probe_request.h"
+#include "client/acceptance/report.h"
 #include "client/module/own_process.h"
 
 namespace qrtln::acceptance {

@@ -7,6 +7,7 @@
 #include <cstdlib>
 #include <cstring>
 #include <ctime>
+#include <fmt/format.h>
 #include <iomanip>
 #include <sstream>
 
@@ -73,8 +74,8 @@ std::string with_separators(const INTLFORMAT& intl, std::time_t time) {
     const std::string date = field(intl.DateString, sizeof intl.DateString);
     const std::string clock = field(intl.TimeString, sizeof intl.TimeString);
     auto part = [time](const char* format) { return formatted(time, format); };
-    return part("%d") + date + part("%m") + date + part("%Y") + " " + part("%H") + clock +
-           part("%M") + clock + part("%S");
+    return fmt::format("{}{}{}{}{} {}{}{}{}{}", part("%d"), date, part("%m"), date, part("%Y"),
+                       part("%H"), clock, part("%M"), clock, part("%S"));
 }
 
 std::int64_t moment_of(const TIMEDATE& time) {
@@ -89,7 +90,7 @@ struct Reading {
 
 Reading read_by_server(Teller& teller, const INTLFORMAT* intl, const std::string& text,
                        std::time_t moment) {
-    teller.calling("ConvertTextToTIMEDATE(" + printable_utf8(text) + ")");
+    teller.calling(fmt::format("ConvertTextToTIMEDATE({})", printable_utf8(text)));
     std::string copy = text;
     char* rest = copy.data(); // the call moves it
     Reading reading;
@@ -97,27 +98,29 @@ Reading read_by_server(Teller& teller, const INTLFORMAT* intl, const std::string
         notes_api.ConvertTextToTIMEDATE(intl, intl != nullptr ? &date_and_time : nullptr, &rest,
                                         static_cast<WORD>(copy.size()), &reading.time);
     if (status != kNotesNoError)
-        teller.stop("times",
-                    "the server does not read the time " + text + ": " + status_text(status),
-                    {{"ConvertTextToTIMEDATE", status}});
+        teller.stop(
+            "times",
+            fmt::format("the server does not read the time {}: {}", text, status_text(status)),
+            {{"ConvertTextToTIMEDATE", status}});
     reading.difference = moment_of(reading.time) - static_cast<std::int64_t>(moment);
     return reading;
 }
 
 void write_back(Teller& teller, const INTLFORMAT& intl, const TIMEDATE& time,
                 const std::string& expected) {
-    teller.calling("ConvertTIMEDATEToText(" + printable_utf8(expected) + ")");
+    teller.calling(fmt::format("ConvertTIMEDATEToText({})", printable_utf8(expected)));
     char buffer[81] = "";
     WORD length = 0;
     const STATUS status =
         notes_api.ConvertTIMEDATEToText(&intl, &date_and_time, &time, buffer, 80, &length);
     const std::string text = field(buffer, std::min<std::size_t>(length, 80));
     if (status != kNotesNoError)
-        teller.stop("times",
-                    "the server does not write the time " + expected + ": " + status_text(status),
-                    {{"ConvertTIMEDATEToText", status}});
+        teller.stop(
+            "times",
+            fmt::format("the server does not write the time {}: {}", expected, status_text(status)),
+            {{"ConvertTIMEDATEToText", status}});
     if (text != expected)
-        teller.told("times", "the server writes \"" + expected + "\" as \"" + text + "\"",
+        teller.told("times", fmt::format("the server writes \"{}\" as \"{}\"", expected, text),
                     {{"ConvertTIMEDATEToText", status}});
 }
 
@@ -145,15 +148,19 @@ void probe_times(Teller& teller) {
         const Reading minutes =
             read_by_server(teller, nullptr, formatted(moment, "%m/%d/%Y %H:%M"), moment);
         same = same && full.difference == 0 && minutes.difference == 0;
-        differences += std::string(differences.empty() ? "" : "; ") + name + " " + text + " " +
-                       formatted(moment, "%z") + ": " + signed_seconds(full.difference) +
-                       ", month first " + signed_seconds(minutes.difference);
+        differences +=
+            fmt::format("{}{} {} {}: {}, month first {}", differences.empty() ? "" : "; ", name,
+                        text, formatted(moment, "%z"), signed_seconds(full.difference),
+                        signed_seconds(minutes.difference));
     }
     if (!same)
-        teller.stop("zone", "the server reads our times as others (" + zone_in_use() +
-                                "; set TZ to the server's): " + differences);
-    teller.ok("times", "a winter, a summer and the present time are read as meant (" +
-                           zone_in_use() + ", now " + formatted(present(), "%z") + ")");
+        teller.stop(
+            "zone",
+            fmt::format("the server reads our times as others ({}; set TZ to the server's): {}",
+                        zone_in_use(), differences));
+    teller.ok("times",
+              fmt::format("a winter, a summer and the present time are read as meant ({}, now {})",
+                          zone_in_use(), formatted(present(), "%z")));
 }
 
 } // namespace qrtln::acceptance

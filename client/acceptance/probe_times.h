@@ -1,7 +1,7 @@
 // Moments as the module writes them, and how the server reads them.
 #pragma once
 
-#include "client/acceptance/probe.h"
+#include "client/acceptance/teller.h"
 
 namespace qrtln::acceptance {
 

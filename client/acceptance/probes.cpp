@@ -10,6 +10,7 @@
 
 #include <algorithm>
 #include <cstring>
+#include <fmt/format.h>
 #include <map>
 #include <set>
 #include <sys/stat.h>
@@ -32,9 +33,10 @@ void compare_directories(Teller& teller, const NotesIni& ini) {
     const std::string data = buffer.data();
     if (length == 0 || !is_same_place(data, ini.data_directory))
         teller.stop("directory",
-                    length == 0 ? "the library tells no data directory"
-                                : "the library's data directory is " + printable_utf8(data) +
-                                      ", that of notes.ini " + printable_utf8(ini.data_directory),
+                    length == 0
+                        ? "the library tells no data directory"
+                        : fmt::format("the library's data directory is {}, that of notes.ini {}",
+                                      printable_utf8(data), printable_utf8(ini.data_directory)),
                     {{"OSGetDataDirectory", length}});
     std::fill(buffer.begin(), buffer.end(), '\0');
     teller.calling("OSGetEnvironmentString(NotesProgram)");
@@ -45,9 +47,9 @@ void compare_directories(Teller& teller, const NotesIni& ini) {
                     {{"OSGetEnvironmentString", 0}});
     const std::string program = buffer.data();
     if (!ini.program_directory.empty() && !is_same_place(program, ini.program_directory))
-        teller.told("directory", "the library's NotesProgram is " + printable_utf8(program) +
-                                     ", that of notes.ini " +
-                                     printable_utf8(ini.program_directory));
+        teller.told("directory",
+                    fmt::format("the library's NotesProgram is {}, that of notes.ini {}",
+                                printable_utf8(program), printable_utf8(ini.program_directory)));
     teller.ok("directory", "the library has the data directory of notes.ini");
 }
 
@@ -56,7 +58,7 @@ std::string there_and_back(Teller& teller, const NamedDatabase& name) {
     const std::vector<char> lmbcs = lmbcs_path(teller, name);
     std::vector<char> back(path_buffer_size);
     constexpr WORD lmbcs_to_native = 1;
-    teller.calling("OSTranslate(1, " + name.shown + ")");
+    teller.calling(fmt::format("OSTranslate(1, {})", name.shown));
     notes_api.OSTranslate(lmbcs_to_native, lmbcs.data(), kTranslateWholeString, back.data(),
                           static_cast<WORD>(back.size() - 1));
     back.back() = '\0';
@@ -75,16 +77,20 @@ void translate_names(Teller& teller, const ProbeRequest& request) {
             lost += (lost.empty() ? "" : ", ") + database.shown;
     }
     if (lost_count > 0)
-        teller.stop("names", "not every name comes back from the server's character set (codeset " +
-                                 environment_codeset() + "): " + lost + "; " +
-                                 std::to_string(lost_count) + " in all");
-    teller.ok("names", std::to_string(request.databases.size()) + " names, " +
-                           std::to_string(others) +
-                           " of them not ASCII, come back from the server's character set");
+        teller.stop("names", fmt::format("not every name comes back from the server's character "
+                                         "set (codeset {}): {}; {} in all",
+                                         environment_codeset(), lost, lost_count));
+    teller.ok(
+        "names",
+        fmt::format("{} names, {} of them not ASCII, come back from the server's character set",
+                    request.databases.size(), others));
     const NamedDatabase sample{"\xC3\xA4\xE2\x82\xAC", "\xC3\xA4\xE2\x82\xAC"};
     if (there_and_back(teller, sample) != sample.path)
-        teller.told("names", "a made-up name, " + sample.shown +
-                                 ", does not come back: databases with such names would fail");
+        teller.told(
+            "names",
+            fmt::format(
+                "a made-up name, {}, does not come back: databases with such names would fail",
+                sample.shown));
 }
 
 // What all databases together tell.
@@ -107,12 +113,12 @@ void ask_logging(Teller& teller, DBHANDLE handle, const NamedDatabase& database,
     UNIVERSALNOTEID log{};
     UNIVERSALNOTEID instance{};
     DWORD extent = 0;
-    teller.calling("NSFDbGetLogInfo(" + database.shown + ")");
+    teller.calling(fmt::format("NSFDbGetLogInfo({})", database.shown));
     const STATUS status = notes_api.NSFDbGetLogInfo(handle, 0, &logged, &log, &instance, &extent);
     if (status != kNotesNoError) {
         teller.told("logging",
-                    database.shown +
-                        ": it is not known whether it is logged: " + status_text(status),
+                    fmt::format("{}: it is not known whether it is logged: {}", database.shown,
+                                status_text(status)),
                     {{"NSFDbGetLogInfo", status}});
         return;
     }
@@ -122,17 +128,19 @@ void ask_logging(Teller& teller, DBHANDLE handle, const NamedDatabase& database,
     all.logs.insert(bytes_of(log));
     auto [other, fresh] = all.instances.emplace(bytes_of(instance), database.shown);
     if (!fresh)
-        teller.told("instances", database.shown + " has the instance identity of " + other->second +
-                                     ": one is a copy of the other");
+        teller.told("instances",
+                    fmt::format("{} has the instance identity of {}: one is a copy of the other",
+                                database.shown, other->second));
 }
 
 void ask_build(Teller& teller, DBHANDLE handle, const NamedDatabase& database, Databases& all) {
-    teller.calling("NSFDbGetBuildVersion(" + database.shown + ")");
+    teller.calling(fmt::format("NSFDbGetBuildVersion({})", database.shown));
     const STATUS status = notes_api.NSFDbGetBuildVersion(handle, &all.build);
     if (status != kNotesNoError)
-        teller.told("build",
-                    "the release of " + database.shown + " is not told: " + status_text(status),
-                    {{"NSFDbGetBuildVersion", status}});
+        teller.told(
+            "build",
+            fmt::format("the release of {} is not told: {}", database.shown, status_text(status)),
+            {{"NSFDbGetBuildVersion", status}});
 }
 
 void look_at(Teller& teller, const NamedDatabase& database, Databases& all) {
@@ -178,18 +186,17 @@ void probe_databases(Teller& teller, const ProbeRequest& request) {
     Databases all;
     for (const NamedDatabase& database : request.databases)
         look_at(teller, database, all);
-    const std::string counts =
-        std::to_string(all.opened) + " of " + std::to_string(request.databases.size()) +
-        " databases opened and closed, " + std::to_string(all.logged) + " logged, " +
-        human_bytes(all.bytes) + " in their files, build " + std::to_string(all.build);
+    const std::string counts = fmt::format(
+        "{} of {} databases opened and closed, {} logged, {} in their files, build {}", all.opened,
+        request.databases.size(), all.logged, human_bytes(all.bytes), all.build);
     if (all.opened == 0 && all.failed > 0)
         teller.stop("databases", "none can be opened: " + counts);
     if (all.failed > named_at_most)
         teller.told("open", std::to_string(all.failed - named_at_most) + " more cannot be opened",
                     {}, true);
     if (all.logs.size() > 1)
-        teller.told("logging", "the databases name " + std::to_string(all.logs.size()) +
-                                   " different transaction logs");
+        teller.told("logging", fmt::format("the databases name {} different transaction logs",
+                                           all.logs.size()));
     teller.ok("databases", counts);
 }
 
@@ -203,8 +210,7 @@ void probe_log_style(Teller& teller, const ProbeRequest& request) {
     if (status != kNotesNoError && !none)
         teller.stop("style", "the style of the log is not told: " + status_text(status), statuses);
     if (!none && style > kLogStyleLinear)
-        teller.stop("style",
-                    "the style of the log is " + std::to_string(style) + ", none that is known",
+        teller.stop("style", fmt::format("the style of the log is {}, none that is known", style),
                     statuses);
     static constexpr const char* names[] = {"circular", "archive", "linear"};
     const NotesIni& ini = request.ini;
@@ -215,8 +221,9 @@ void probe_log_style(Teller& teller, const ProbeRequest& request) {
                                                       : "circular";
     if (told != expected)
         teller.stop("style",
-                    "the library says: " + told + ", notes.ini: " + expected +
-                        "; was the server restarted since notes.ini was changed?",
+                    fmt::format("the library says: {}, notes.ini: {}; was the server restarted "
+                                "since notes.ini was changed?",
+                                told, expected),
                     statuses);
     teller.ok("style", told, statuses);
 }

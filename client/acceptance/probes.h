@@ -1,7 +1,8 @@
 // The groups that only look. None of them starts or changes anything on the server.
 #pragma once
 
-#include "client/acceptance/probe.h"
+#include "client/acceptance/probe_request.h"
+#include "client/acceptance/teller.h"
 
 namespace qrtln::acceptance {
 

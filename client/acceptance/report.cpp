@@ -7,6 +7,7 @@
 #include <algorithm>
 #include <array>
 #include <cctype>
+#include <fmt/format.h>
 
 namespace qrtln::acceptance {
 
@@ -35,12 +36,12 @@ json statuses_of(const Finding& finding) {
 }
 
 std::string line_of(const Finding& finding) {
-    std::string line = "  [" + std::string(name_of(finding.verdict)) + "]";
+    std::string line = fmt::format("  [{}]", name_of(finding.verdict));
     line.resize(9, ' ');
-    line += finding.name + ": " + for_terminal(finding.text);
+    line += fmt::format("{}: {}", finding.name, for_terminal(finding.text));
     std::string separator = "  (";
     for (const auto& [call, status] : finding.statuses) {
-        line += separator + call + " " + std::to_string(status);
+        line += fmt::format("{}{} {}", separator, call, status);
         separator = ", ";
     }
     return line + (finding.statuses.empty() ? "\n" : ")\n");
@@ -80,8 +81,8 @@ Report::Report(std::string title, bool as_text) : m_title(std::move(title)), m_a
 
 void Report::add(Finding finding) {
     if (m_as_text && finding.step != m_last_step)
-        print_output(std::to_string(static_cast<int>(finding.step)) + ". " + name_of(finding.step) +
-                     "\n");
+        print_output(
+            fmt::format("{}. {}\n", static_cast<int>(finding.step), name_of(finding.step)));
     if (m_as_text)
         print_output(line_of(finding));
     m_last_step = finding.step;
@@ -93,7 +94,7 @@ void Report::add(Finding finding) {
 void Report::add_at_interruption(const Finding& finding) {
     add(finding);
     if (!m_as_text)
-        print_message(finding.name + ": " + for_terminal(finding.text));
+        print_message(fmt::format("{}: {}", finding.name, for_terminal(finding.text)));
 }
 
 void Report::not_tried(const std::string& what, const std::string& why) {
@@ -119,8 +120,9 @@ void Report::end(int exit_code, const std::string& conclusion) const {
     if (m_as_text) {
         std::string text;
         for (const auto& [what, why] : m_not_tried)
-            text += "  " + what + ": " + why + "\n";
-        print_output((text.empty() ? text : "not tried:\n" + text) + conclusion + "\n");
+            text += fmt::format("  {}: {}\n", what, why);
+        print_output(
+            fmt::format("{}{}\n", text.empty() ? text : "not tried:\n" + text, conclusion));
         return;
     }
     json findings = json::array();

@@ -1,4 +1,5 @@
-#include "client/acceptance/probe.h"
+#include "client/acceptance/teller.h"
+
 #include "client/base/file_io.h"
 
 #include <sys/socket.h>

@@ -9,6 +9,7 @@
 #include <cstdint>
 #include <ctime>
 #include <fcntl.h>
+#include <fmt/format.h>
 #include <unistd.h>
 
 namespace qrtln {
@@ -93,8 +94,8 @@ int interrupt_descriptor() {
 
 void throw_if_interrupted() {
     if (int signal = interrupt_signal(); signal != 0)
-        throw ClientError(128 + signal, "interrupted by signal " + std::to_string(signal) + " (" +
-                                            ::strsignal(signal) + ")");
+        throw ClientError(128 + signal, fmt::format("interrupted by signal {} ({})", signal,
+                                                    ::strsignal(signal)));
 }
 
 InterruptsBlocked::InterruptsBlocked() {

@@ -3,6 +3,7 @@
 #include "client/base/paths.h"
 
 #include <algorithm>
+#include <fmt/format.h>
 #include <string_view>
 
 namespace qrtln {
@@ -17,8 +18,8 @@ std::string path_problem(const std::string& path, std::size_t limit) {
     if (path.empty() || path.front() != '/')
         return "its path is not absolute";
     if (path.size() >= limit)
-        return "its path is longer than the " +
-               std::string(limit == module_path_size ? "module" : "system") + " takes";
+        return fmt::format("its path is longer than the {} takes",
+                           limit == module_path_size ? "module" : "system");
     if (path.find('\0') != std::string::npos)
         return "its path holds a NUL byte";
     if (path.back() == '/' || steps_out(std::string_view(path).substr(1)))

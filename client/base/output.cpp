@@ -6,6 +6,7 @@
 
 #include <algorithm>
 #include <cstdio>
+#include <fmt/format.h>
 #include <unistd.h>
 
 namespace qrtln {
@@ -39,7 +40,7 @@ void print_warnings(const std::vector<std::string>& warnings) {
 }
 
 void print_error(const std::string& message, const std::string& hint) {
-    print_message("qrtln: " + message + (hint.empty() ? "" : "\n  hint: " + hint));
+    print_message(fmt::format("qrtln: {}{}", message, hint.empty() ? "" : "\n  hint: " + hint));
 }
 
 void print_output(const std::string& text) {
@@ -83,9 +84,9 @@ void Progress::add_bytes(std::uint64_t bytes) {
 void Progress::draw() {
     double seconds = std::chrono::duration<double>(m_last_drawn - m_start).count();
     auto rate = static_cast<std::uint64_t>(static_cast<double>(m_bytes) / std::max(seconds, 0.001));
-    std::string line = "database " + std::to_string(m_database) + " of " +
-                       std::to_string(std::max(m_databases, m_database)) + ", " +
-                       human_bytes(m_bytes) + ", " + human_bytes(rate) + "/s";
+    std::string line =
+        fmt::format("database {} of {}, {}, {}/s", m_database, std::max(m_databases, m_database),
+                    human_bytes(m_bytes), human_bytes(rate));
     write_error_stream("\r" + line + "\x1b[K");
     progress_shown = true;
 }

@@ -6,6 +6,7 @@
 #include "client/base/text.h"
 
 #include <fcntl.h>
+#include <fmt/format.h>
 #include <pwd.h>
 #include <sys/stat.h>
 #include <vector>
@@ -69,22 +70,26 @@ void throw_if_no_permission(const std::string& doing, const std::string& path, i
     std::string store_owner = user_text(store.st_uid);
     std::string shown = for_terminal(root);
     std::string text =
-        "cannot " + doing + ", " + for_terminal(path) + ": " + system_error_text(error);
+        fmt::format("cannot {}, {}: {}", doing, for_terminal(path), system_error_text(error));
     if (known)
         text +=
-            (culprit == path ? ": it belongs to " : ": " + for_terminal(culprit) + " belongs to ") +
-            owner + ", and this is run by " + who;
+            fmt::format("{}{}, and this is run by {}",
+                        culprit == path ? ": it belongs to "
+                                        : fmt::format(": {} belongs to ", for_terminal(culprit)),
+                        owner, who);
     std::string hint;
     if (known && denied.st_uid == user)
-        hint = "`chmod -R u+rwX " + shown + "` gives its owner the right";
+        hint = fmt::format("`chmod -R u+rwX {}` gives its owner the right", shown);
     else if (above && path != culprit)
         hint = "run it as a user that may pass this folder";
     else if (store.st_uid == user || denied.st_uid != store.st_uid)
-        hint = "as root: `chown -R " + store_owner + " " + shown + "`" +
-               (store.st_uid == user ? std::string() : ", then run it as " + store_owner);
+        hint =
+            fmt::format("as root: `chown -R {} {}`{}", store_owner, shown,
+                        store.st_uid == user ? std::string() : ", then run it as " + store_owner);
     else
-        hint = "run it as " + store_owner + ", whose store it is; or make it the store of " + who +
-               ", as root: `chown -R " + who + " " + shown + "`";
+        hint = fmt::format("run it as {}, whose store it is; or make it the store of {}, as root: "
+                           "`chown -R {} {}`",
+                           store_owner, who, who, shown);
     throw ClientError(ExitCode::no_permission, text, hint);
 }
 
@@ -93,11 +98,15 @@ std::string other_owner_warning(const std::string& directory, uid_t owner, bool 
     if (user == owner)
         return {};
     std::string name = user_text(owner);
-    std::string text = "the store " + directory + " belongs to " + name + ", and this is run by " +
-                       user_text(user) + ": what it writes there ";
-    return text + (given_away ? "is given to " + name
-                              : "stays " + user_text(user) + "'s, and runs as " + name +
-                                    " may then be refused (exit code 12); run it as " + name);
+    std::string text =
+        fmt::format("the store {} belongs to {}, and this is run by {}: what it writes there ",
+                    directory, name, user_text(user));
+    return text +
+           (given_away
+                ? "is given to " + name
+                : fmt::format(
+                      "stays {}'s, and runs as {} may then be refused (exit code 12); run it as {}",
+                      user_text(user), name, name));
 }
 
 } // namespace qrtln

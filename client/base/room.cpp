@@ -5,6 +5,7 @@
 #include "client/base/text.h"
 
 #include <algorithm>
+#include <fmt/format.h>
 #include <sys/statvfs.h>
 
 namespace qrtln {
@@ -45,20 +46,20 @@ void require_room(const std::vector<RoomNeeded>& rooms, const std::string& optio
     for (const RoomNeeded& room : rooms)
         if (room.available < room.needed)
             throw ClientError(ExitCode::failed,
-                              "the file system of " + for_terminal(room.place) + " has " +
-                                  human_bytes(room.available) + " (" +
-                                  std::to_string(room.available) + " bytes) free, and this needs " +
-                                  human_bytes(room.needed) + " (" + std::to_string(room.needed) +
-                                  " bytes): nothing was written",
+                              fmt::format("the file system of {} has {} ({} bytes) free, and this "
+                                          "needs {} ({} bytes): nothing was written",
+                                          for_terminal(room.place), human_bytes(room.available),
+                                          room.available, human_bytes(room.needed), room.needed),
                               "make room there, or name another folder with " + options);
 }
 
 std::string room_text(const std::vector<RoomNeeded>& rooms) {
     std::string text;
     for (const RoomNeeded& room : rooms)
-        text += "room on the file system of " + for_terminal(room.place) + ": " +
-                human_bytes(room.needed) + " needed, " + human_bytes(room.available) + " free" +
-                (room.available < room.needed ? ": NOT ENOUGH" : "") + "\n";
+        text += fmt::format("room on the file system of {}: {} needed, {} free{}\n",
+                            for_terminal(room.place), human_bytes(room.needed),
+                            human_bytes(room.available),
+                            room.available < room.needed ? ": NOT ENOUGH" : "");
     return text;
 }
 

@@ -7,6 +7,7 @@
 
 #include <cerrno>
 #include <fcntl.h>
+#include <fmt/format.h>
 #include <linux/openat2.h>
 #include <sys/syscall.h>
 #include <unistd.h>
@@ -25,8 +26,8 @@ std::string why(int error, const std::string& path) {
     if (error == EXDEV || error == ELOOP)
         return shown + " leads out of its folder through a symbolic link";
     if (error == ENOTDIR)
-        return "a folder above " + shown + " is a file or a symbolic link";
-    return "cannot open " + shown + ": " + system_error_text(error);
+        return fmt::format("a folder above {} is a file or a symbolic link", shown);
+    return fmt::format("cannot open {}: {}", shown, system_error_text(error));
 }
 
 } // namespace
@@ -35,8 +36,9 @@ SafeFolder::SafeFolder(const std::string& directory, bool kernel_resolves)
     : m_path(directory), m_folder(::open(directory.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC)),
       m_kernel_resolves(kernel_resolves) {
     if (!m_folder)
-        throw ClientError(ExitCode::failed, "cannot open the folder " + for_terminal(directory) +
-                                                ": " + system_error_text(errno));
+        throw ClientError(ExitCode::failed,
+                          fmt::format("cannot open the folder {}: {}", for_terminal(directory),
+                                      system_error_text(errno)));
 }
 
 FileDescriptor SafeFolder::open_below(const std::string& relative, int flags) const {
@@ -67,10 +69,10 @@ FileDescriptor SafeFolder::open_below(const std::string& relative, int flags) co
 FileDescriptor SafeFolder::open_folder(const std::string& relative, std::string& problem,
                                        const FolderCreated& created) const {
     problem.clear();
-    std::string shown = m_path + "/" + relative;
+    std::string shown = fmt::format("{}/{}", m_path, relative);
     if (steps_out(relative)) {
         errno = EINVAL;
-        problem = for_terminal(shown) + " is no place below " + for_terminal(m_path);
+        problem = fmt::format("{} is no place below {}", for_terminal(shown), for_terminal(m_path));
         return {};
     }
     constexpr int flags = O_RDONLY | O_DIRECTORY;
@@ -86,7 +88,8 @@ FileDescriptor SafeFolder::open_folder(const std::string& relative, std::string&
         if (folder && is_new) {
             created(folder.get(), relative);
             if (int error = flush_folder(parent.get()); error != 0) {
-                problem = "cannot flush " + for_terminal(shown) + ": " + system_error_text(error);
+                problem = fmt::format("cannot flush {}: {}", for_terminal(shown),
+                                      system_error_text(error));
                 return {};
             }
         }
@@ -112,7 +115,7 @@ std::optional<struct stat> SafeFolder::look_at(const std::string& relative,
     if (::fstatat(folder.get(), name.c_str(), &status, AT_SYMLINK_NOFOLLOW) == 0)
         return status;
     if (errno != ENOENT)
-        problem = why(errno, m_path + "/" + relative);
+        problem = why(errno, fmt::format("{}/{}", m_path, relative));
     return std::nullopt;
 }
 
@@ -124,9 +127,10 @@ FileDescriptor SafeFolder::open_file(const std::string& relative, std::string& p
                                  O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_NOCTTY | O_CLOEXEC));
     struct stat status {};
     if (!file || ::fstat(file.get(), &status) != 0)
-        problem = why(errno, m_path + "/" + relative);
+        problem = why(errno, fmt::format("{}/{}", m_path, relative));
     else if (!S_ISREG(status.st_mode))
-        problem = for_terminal(m_path + "/" + relative) + " is " + file_type_name(status.st_mode);
+        problem = fmt::format("{} is {}", for_terminal(fmt::format("{}/{}", m_path, relative)),
+                              file_type_name(status.st_mode));
     return problem.empty() ? std::move(file) : FileDescriptor();
 }
 

@@ -1,6 +1,7 @@
 #include "client/acceptance/database_trial.h"
 #include "client/acceptance/local_checks.h"
-#include "client/acceptance/probe.h"
+#include "client/acceptance/probe_runner.h"
+#include "client/acceptance/teller.h"
 #include "client/backup/arguments.h"
 #include "client/base/error.h"
 #include "client/base/file_descriptor.h"
@@ -9,7 +10,7 @@
 #include "client/base/paths.h"
 #include "client/base/text.h"
 #include "client/base/version.h"
-#include "client/commands/commands.h"
+#include "client/commands/command.h"
 #include "client/commands/server.h"
 #include "client/domino/database_names.h"
 #include "client/domino/notes_ini.h"
@@ -21,10 +22,8 @@
 #include <algorithm>
 #include <array>
 #include <ctime>
-#include <fcntl.h>
+#include <fmt/format.h>
 #include <iostream>
-#include <memory>
-#include <string_view>
 #include <strings.h>
 #include <sys/stat.h>
 #include <sys/utsname.h>
@@ -32,6 +31,21 @@
 namespace qrtln {
 
 namespace {
+
+constexpr const char* check_help =
+    R"(Look at a server before the first backup, and with --try at its library, in processes of its
+own: each step says what it found, and the first surprise ends the report. Nothing of the
+server is changed but by --database and --logs. docs/first-contact.md explains each finding.)";
+
+struct CheckOptions : ServerOptions {
+    bool try_library = false; // else nothing but what can be seen without the server's library
+    bool no_names = false;    // numbers instead of the names of databases
+    int step_timeout = 120;   // seconds without an answer
+    std::string database;     // one that may be written to; empty: none
+    bool logs = false;        // one log is archived for good
+    std::string keep_log;     // with logs: the folder where it is kept
+    std::string confirmed;    // with logs: the server's name, where nobody can type it
+};
 
 using namespace acceptance;
 
@@ -42,7 +56,7 @@ constexpr std::array servers_own = {"names.nsf",    "admin4.nsf",  "log.nsf",   
 
 [[noreturn]] void refuse(const std::string& option, const std::string& reason,
                          const std::string& hint) {
-    throw ClientError(ExitCode::failed, option + ": " + reason, hint);
+    throw ClientError(ExitCode::failed, fmt::format("{}: {}", option, reason), hint);
 }
 
 // The full path of the database that may be written to.
@@ -50,7 +64,7 @@ std::string test_database_path(const std::string& given, const NotesIni& ini) {
     const DatabaseArgument argument =
         resolve_database_arguments({given}, ini.data_directory).front();
     const std::string name = name_of(argument.path);
-    const std::string shown = "--database '" + for_terminal(given) + "'";
+    const std::string shown = fmt::format("--database '{}'", for_terminal(given));
     const char* hint = "make a small database for this with the server, with a few documents";
     struct stat status {};
     if (argument.directory || !is_database_name(name) || ::lstat(argument.path.c_str(), &status) ||
@@ -72,13 +86,13 @@ void require_keep_log_of_user(const std::string& folder, const std::string& data
         return;
     const std::string user = server_user(data_directory)->name;
     refuse("--keep-log",
-           for_terminal(folder) + " cannot be written by " + user +
-               ", who owns the data directory and runs the server's library: " +
-               for_terminal(refused) + " is closed to that user",
+           fmt::format("{} cannot be written by {}, who owns the data directory and runs the "
+                       "server's library: {} is closed to that user",
+                       for_terminal(folder), user, for_terminal(refused)),
            refused == absolute_path(folder)
-               ? "`chown " + user + " " + for_terminal(folder) + "`, or name another folder"
-               : "name a folder that " + user + " can reach, or `chmod o+x " +
-                     for_terminal(refused) + "`");
+               ? fmt::format("`chown {} {}`, or name another folder", user, for_terminal(folder))
+               : fmt::format("name a folder that {} can reach, or `chmod o+x {}`", user,
+                             for_terminal(refused)));
 }
 
 // One log leaves the server for good: whoever asks for that names the server.
@@ -86,7 +100,7 @@ void confirm_logs(const CheckOptions& options, const NotesIni& ini) {
     const std::string name = ini.own_name.empty() ? ini.server_name : ini.own_name;
     if (!ini.archives_logs)
         refuse("--logs", "notes.ini has no archive-style transaction logging", "leave --logs out");
-    if (exists(ini.data_directory + "/" + log_archive_file))
+    if (exists(fmt::format("{}/{}", ini.data_directory, log_archive_file)))
         refuse("--logs", "a store archives the logs of this server, and would lack one",
                "use a test server");
     struct stat status {};
@@ -95,23 +109,23 @@ void confirm_logs(const CheckOptions& options, const NotesIni& ini) {
     require_keep_log_of_user(options.keep_log, ini.data_directory);
     std::string typed = options.confirmed;
     if (typed.empty() && ::isatty(STDIN_FILENO) == 1) {
-        print_message("One transaction log of " + for_terminal(name) + " is going to be kept in " +
-                      for_terminal(options.keep_log) +
-                      " and removed by the server.\nType the server's name:");
+        print_message(fmt::format("One transaction log of {} is going to be kept in {} and removed "
+                                  "by the server.\nType the server's name:",
+                                  for_terminal(name), for_terminal(options.keep_log)));
         std::getline(std::cin, typed);
     }
     if (typed != name)
         refuse("--logs", "the name of this server was not given",
-               "type it, or say --yes-mark-one-log '" + for_terminal(name) + "'");
+               fmt::format("type it, or say --yes-mark-one-log '{}'", for_terminal(name)));
 }
 
 std::string title(const CheckOptions& options) {
     struct utsname system {};
     ::uname(&system);
-    return std::string("qrtln ") + client_version() + " check" +
-           (options.try_library ? " --try" : "") + (options.database.empty() ? "" : " --database") +
-           (options.logs ? " --logs" : "") + ", " + utc_time(std::time(nullptr)) + ", " +
-           system.sysname + " " + system.release + " " + system.machine;
+    return fmt::format(
+        "qrtln {} check{}{}{}, {}, {} {} {}", client_version(), options.try_library ? " --try" : "",
+        options.database.empty() ? "" : " --database", options.logs ? " --logs" : "",
+        utc_time(std::time(nullptr)), system.sysname, system.release, system.machine);
 }
 
 class Check {
@@ -167,7 +181,7 @@ bool Check::look() {
 
 // What was deleted and not brought back is in the copy alone.
 void Check::keep_copies(TemporaryDirectory& folder) {
-    if (!m_report.found(left_finding) || !exists(folder.path() + "/" + quiet_copy))
+    if (!m_report.found(left_finding) || !exists(fmt::format("{}/{}", folder.path(), quiet_copy)))
         return;
     const std::string text = "the copies are kept in " + for_terminal(folder.keep());
     const Finding finding{Step::test_database, "copies", Verdict::told, text, {}, false};
@@ -235,29 +249,82 @@ int Check::run(const std::string& test_database) {
     if (m_options.no_names)
         for (const NamedDatabase& database : m_request.databases)
             if (m_report.mentions(database.shown))
-                print_message(database.shown + " is " + for_terminal(database.path));
+                print_message(fmt::format("{} is {}", database.shown, for_terminal(database.path)));
     const std::string found =
         m_report.stopped()
             ? "stopped: do not back this server up before the finding [stop] is understood"
         : m_report.incomplete() ? "incomplete: a backup would lack what is told above"
                                 : "clean: nothing stands against a backup";
-    m_report.end(exit_code(),
-                 found + ". Please send this report; it has no contents of databases" +
-                     (m_options.no_names ? "" : ", and their names are left out with --no-names") +
-                     ".");
+    m_report.end(
+        exit_code(),
+        fmt::format("{}. Please send this report; it has no contents of databases{}.", found,
+                    m_options.no_names ? "" : ", and their names are left out with --no-names"));
     return exit_code();
 }
 
-} // namespace
-
 int run_check(const CheckOptions& options) {
     install_interrupt_handlers();
-    NotesIni ini = load_server(options);
+    NotesIni ini = CommandServer(options).ini;
     const std::string test_database =
         options.database.empty() ? "" : test_database_path(options.database, ini);
     if (options.logs)
         confirm_logs(options, ini);
     return Check(options, std::move(ini)).run(test_database);
 }
+
+void add_trial_options(CLI::App& command, CheckOptions& check, CLI::Option* trying) {
+    command
+        .add_option("--database", check.database,
+                    "A small database that was made for this: it is backed up while documents in "
+                    "it are deleted and brought back, rolled forward, taken offline and online")
+        ->type_name("FILE")
+        ->needs(trying);
+    CLI::Option* logs =
+        command
+            .add_flag("--logs", check.logs,
+                      "For test servers alone: archive one transaction log, after the server's "
+                      "name was typed")
+            ->needs(trying);
+    CLI::Option* keep = command
+                            .add_option("--keep-log", check.keep_log,
+                                        "With --logs: the folder where that log is kept")
+                            ->type_name("DIR")
+                            ->needs(logs);
+    logs->needs(keep);
+    command
+        .add_option("--yes-mark-one-log", check.confirmed,
+                    "With --logs: the server's name, where nobody is there to type it")
+        ->type_name("NAME")
+        ->needs(logs);
+}
+
+void add_check(CLI::App& command, CommandRuns& runs) {
+    auto& check = runs.add(command, run_check);
+    command.add_option("--notes-ini", check.notes_ini, "The server's notes.ini")
+        ->type_name("FILE")
+        ->required();
+    command.add_option("--store", check.store, "The folder of the store, if there is one")
+        ->envname("QRTLN_STORE")
+        ->type_name("DIR");
+    CLI::Option* trying =
+        command.add_flag("--try", check.try_library,
+                         "Load the server's library, open every database, and look at the log");
+    add_trial_options(command, check, trying);
+    command
+        .add_option("--step-timeout", check.step_timeout,
+                    "Seconds without an answer, after which a step is ended")
+        ->type_name("SECONDS")
+        ->check(CLI::Range(1, 86400))
+        ->capture_default_str();
+    command.add_flag("--no-names", check.no_names,
+                     "Numbers instead of the names of databases, in the order of their paths");
+    add_tmp_dir(command, check.tmp_dir, "Where backups are going to copy databases to");
+    add_as_other_user(command, check.as_other_user);
+    command.add_flag("--json", check.json, "One JSON document on standard output");
+}
+
+} // namespace
+
+const Command check_command = {"check", check_help, add_check};
 
 } // namespace qrtln

@@ -1,80 +1,48 @@
 // `qrtln documents`: deleted or changed documents come back from the store.
 
 #include "client/base/error.h"
-#include "client/base/file_descriptor.h"
 #include "client/base/interrupt.h"
 #include "client/base/output.h"
 #include "client/base/paths.h"
 #include "client/base/text.h"
+#include "client/commands/command.h"
+#include "client/commands/documents_text.h"
 #include "client/commands/server.h"
 #include "client/documents/lost_documents.h"
 #include "client/documents/operation.h"
-#include "client/domino/notes_ini.h"
 #include "client/module/temporary_directory.h"
 #include "client/restore/operation.h"
 #include "client/restore/selection.h"
 #include "client/sets/manifest.h"
-#include "client/store/canonical_json.h"
 
 #include <algorithm>
-#include <array>
+#include <fmt/format.h>
 #include <sys/stat.h>
 
 namespace qrtln {
 
 namespace {
 
-struct OutcomeText {
-    DocumentOutcome outcome;
-    const char* name; // in JSON
-    const char* text;
-    bool failed; // counts as failed
+constexpr const char* documents_help =
+    R"(Bring deleted or changed documents back into a live database, from the newest set that has
+the database. The set's copy is checked before the server hears of it; what came back is told
+document by document.)";
+
+struct DocumentsOptions : ServerOptions {
+    bool changed = false; // else deleted
+    std::string database;
+    std::string since;
+    std::string ids_file; // of changed: the note ids; "-" is standard input
+    std::string set;      // "" for the newest
+    std::string at;       // or a moment
+    bool dry_run = false;
 };
-
-constexpr std::array outcome_texts = {
-    OutcomeText{DocumentOutcome::candidate, "candidate", "would come back", false},
-    OutcomeText{DocumentOutcome::back_unread, "back_unread", "brought back, marked unread", false},
-    OutcomeText{DocumentOutcome::back, "back", "brought back, but not marked unread", false},
-    OutcomeText{DocumentOutcome::replaced, "replaced", "replaced by the set's version", false},
-    OutcomeText{DocumentOutcome::unchanged, "unchanged",
-                "left alone: not changed since then, or deleted", false},
-    OutcomeText{DocumentOutcome::missing, "not_in_set", "not in the set", true},
-    OutcomeText{DocumentOutcome::failed, "failed", "failed, left as it was", true},
-    OutcomeText{DocumentOutcome::lost, "lost",
-                "DELETED, and its copy could not be put in its place", true},
-    OutcomeText{DocumentOutcome::not_reached, "not_reached", "not reached, left as it was", true},
-    OutcomeText{DocumentOutcome::unknown, "unknown", "unknown: the server's library died at it",
-                true},
-};
-
-const OutcomeText& text_of(DocumentOutcome outcome) {
-    const auto* found =
-        std::find_if(outcome_texts.begin(), outcome_texts.end(),
-                     [&](const OutcomeText& entry) { return entry.outcome == outcome; });
-    return found == outcome_texts.end() ? outcome_texts.back() : *found;
-}
-
-bool came_back(const DocumentResult& document) {
-    return document.outcome == DocumentOutcome::back_unread ||
-           document.outcome == DocumentOutcome::back ||
-           document.outcome == DocumentOutcome::replaced ||
-           document.outcome == DocumentOutcome::candidate;
-}
-
-std::string time_range(const DocumentResult& document) {
-    if (document.outcome != DocumentOutcome::candidate)
-        return "";
-    std::string text = utc_time(document.earliest);
-    if (document.latest - document.earliest > 60)
-        text += " to " + utc_time(document.latest);
-    return text;
-}
 
 class DocumentsCommand {
   public:
-    explicit DocumentsCommand(const DocumentsOptions& options)
-        : m_options(options),
-          m_kind(options.changed ? DocumentKind::changed : DocumentKind::deleted) {}
+    DocumentsCommand(const DocumentsOptions& options, DocumentRequest request)
+        : m_options(options), m_server(options), m_ini(m_server.ini),
+          m_request(std::move(request)) {}
     int run();
 
   private:
@@ -84,19 +52,15 @@ class DocumentsCommand {
     void note_lost(const std::vector<NoteId>& ids, const PointInTime& before);
     void strike_returned(const DocumentsResult& result);
     std::string bring_back_command(const LostDocuments& lost) const;
+    std::string bring_back() const;
     std::string advice(const DocumentsResult& result) const;
     void check_live() const;
     void warn() const;
     int report(const DocumentsResult& result) const;
-    int code_of(const DocumentsResult& result) const;
-    std::string text(const DocumentsResult& result) const;
-    nlohmann::json json(const DocumentsResult& result, int code) const;
-    const char* kind() const { return m_options.changed ? "changed" : "deleted"; }
 
     const DocumentsOptions& m_options;
-    DocumentKind m_kind;
-    NotesIni m_ini;
-    std::unique_ptr<Store> m_store;
+    CommandServer m_server;
+    const NotesIni& m_ini;
     DocumentRequest m_request;
     std::string m_set;
     std::int64_t m_set_started = 0;
@@ -106,27 +70,21 @@ class DocumentsCommand {
 };
 
 int DocumentsCommand::run() {
-    m_request.kind = m_kind;
-    m_request.since = parse_since(m_options.since, std::time(nullptr));
-    if (m_options.changed)
-        m_request.ids = read_note_ids(m_options.ids_file);
-    m_ini = load_server(m_options);
     require_usable_tmp_dir(m_options.tmp_dir, m_ini.data_directory);
     open_store();
-    use_server(*m_store, m_ini, m_options);
+    m_server.use_sets();
     choose_database();
     check_live();
     if (!m_options.dry_run)
         look_at_lost();
     warn();
-    FileDescriptor trace = open_trace_file(m_options.trace_file);
-    OperationContext context = operation_context(m_ini, *m_store, m_options, trace.get());
+    OperationContext context = m_server.begin_operations();
     if (!m_options.dry_run) {
         DocumentsResult result = restore_documents(context, m_request);
         strike_returned(result);
         return report(result);
     }
-    OwedDatabases owed(owed_file_of(*m_store));
+    OwedDatabases owed(owed_file_of(*m_server.store));
     return report(find_documents(context, owed, m_request));
 }
 
@@ -134,18 +92,18 @@ int DocumentsCommand::run() {
 // which documents it deletes.
 void DocumentsCommand::open_store() {
     if (m_options.dry_run)
-        m_store = open_directory_store(m_options.store, StoreAccess::change);
+        m_server.store = open_directory_store(m_options.store, StoreAccess::change);
     else if (m_options.changed)
-        m_store = open_store_for_notes(m_options.store, m_ini.server_name, m_not_noted);
+        m_server.store = open_store_for_notes(m_options.store, m_ini.server_name, m_not_noted);
     else
-        m_store = open_directory_store(m_options.store, StoreAccess::read);
+        m_server.store = open_directory_store(m_options.store, StoreAccess::read);
 }
 
 // What an earlier restore deleted and did not replace comes back first: each further one may delete
 // another document.
 void DocumentsCommand::look_at_lost() {
     try {
-        m_lost_file.emplace(*m_store);
+        m_lost_file.emplace(*m_server.store);
     } catch (const ClientError& failure) {
         if (m_options.changed)
             throw;
@@ -158,16 +116,15 @@ void DocumentsCommand::look_at_lost() {
         for (std::size_t i = 0; i < m_lost->ids.size(); ++i)
             ids += (i == 0 ? "" : ", ") + note_id_text(m_lost->ids[i]);
         throw ClientError(ExitCode::failed,
-                          "an earlier restore deleted documents of " +
-                              for_terminal(m_request.item.path) +
-                              ", or ended before it told so, and they are not back: " + ids +
-                              ": nothing was done",
-                          "bring them back first: " + bring_back_command(*m_lost) +
-                              "; to give them up, move lost_documents.json in the store's folder "
-                              "runtime away");
+                          fmt::format("an earlier restore deleted documents of {}, or ended before "
+                                      "it told so, and they are not back: {}: nothing was done",
+                                      for_terminal(m_request.item.path), ids),
+                          fmt::format("bring them back first: {}; to give them up, move "
+                                      "lost_documents.json in the store's folder runtime away",
+                                      bring_back_command(*m_lost)));
     }
     if (m_lost) // it may be struck out
-        m_store = open_store_for_notes(m_options.store, m_ini.server_name, m_not_noted);
+        m_server.store = open_store_for_notes(m_options.store, m_ini.server_name, m_not_noted);
     if (m_options.changed && !m_not_noted.empty())
         print_warnings(
             {"which documents are about to be deleted cannot be written down: " + m_not_noted});
@@ -188,7 +145,7 @@ void DocumentsCommand::strike_returned(const DocumentsResult& result) {
     if (m_options.changed || !m_lost)
         return;
     bool searched =
-        code_of(result) == 0 && m_set == m_lost->set && m_request.since.time <= m_lost->since;
+        exit_code_of(result) == 0 && m_set == m_lost->set && m_request.since.time <= m_lost->since;
     std::erase_if(m_lost->ids, [&](NoteId id) {
         return searched || std::any_of(result.documents.begin(), result.documents.end(),
                                        [&](const DocumentResult& document) {
@@ -206,9 +163,9 @@ void DocumentsCommand::strike_returned(const DocumentsResult& result) {
 }
 
 std::string DocumentsCommand::bring_back_command(const LostDocuments& lost) const {
-    return "qrtln documents deleted --since " + utc_time(lost.since) + " --set " + lost.set +
-           " --notes-ini " + for_terminal(m_options.notes_ini) + " --store " +
-           for_terminal(m_options.store) + " " + for_terminal(m_request.item.path);
+    return fmt::format("qrtln documents deleted --since {} --set {} --notes-ini {} --store {} {}",
+                       utc_time(lost.since), lost.set, for_terminal(m_options.notes_ini),
+                       for_terminal(m_options.store), for_terminal(m_request.item.path));
 }
 
 void DocumentsCommand::choose_database() {
@@ -216,16 +173,17 @@ void DocumentsCommand::choose_database() {
     wanted.names = {m_options.database};
     wanted.set = m_options.set;
     wanted.at = m_options.at;
-    RestoreSelection selection = select_for_restore(*m_store, m_ini.sets, wanted);
+    RestoreSelection selection = select_for_restore(*m_server.store, m_ini.sets, wanted);
     print_warnings(selection.warnings);
     auto found = std::find_if(selection.items.begin(), selection.items.end(),
                               [](const SelectedItem& selected) {
                                   return selected.named && selected.item.kind == ItemKind::database;
                               });
     if (found == selection.items.end())
-        throw ClientError(ExitCode::failed, "'" + for_terminal(m_options.database) +
-                                                "' is no database in the sets: documents come "
-                                                "back into one database");
+        throw ClientError(
+            ExitCode::failed,
+            fmt::format("'{}' is no database in the sets: documents come back into one database",
+                        for_terminal(m_options.database)));
     m_request.item = found->item;
     m_set = found->set;
     m_set_started = m_request.item.copied != 0 ? m_request.item.copied
@@ -233,8 +191,8 @@ void DocumentsCommand::choose_database() {
     const std::string& path = m_request.item.path;
     if (!is_below(path, m_ini.data_directory))
         throw ClientError(ExitCode::failed,
-                          for_terminal(path) + " lies outside the data directory " +
-                              for_terminal(m_ini.data_directory),
+                          fmt::format("{} lies outside the data directory {}", for_terminal(path),
+                                      for_terminal(m_ini.data_directory)),
                           "restore it to another folder with `qrtln restore --to`");
 }
 
@@ -244,8 +202,9 @@ void DocumentsCommand::check_live() const {
     int error = ::stat(path.c_str(), &status) != 0 ? errno : S_ISREG(status.st_mode) ? 0 : EINVAL;
     if (error != 0)
         throw ClientError(ExitCode::failed,
-                          "the live database " + for_terminal(path) + " cannot take documents: " +
-                              (error == EINVAL ? "it is no file" : system_error_text(error)),
+                          fmt::format("the live database {} cannot take documents: {}",
+                                      for_terminal(path),
+                                      error == EINVAL ? "it is no file" : system_error_text(error)),
                           "a lost database comes back whole: `qrtln restore --activate`");
 }
 
@@ -253,41 +212,43 @@ void DocumentsCommand::warn() const {
     if (m_request.since.cut)
         print_message("the server takes minutes: since " + utc_time(m_request.since.time));
     if (m_set_started >= m_request.since.time + 60) // not for the rounding alone
-        print_message("warning: the set " + m_set + " was taken after --since: " +
-                      (m_options.changed ? "what was changed before that, comes back as changed"
-                                         : "what was deleted before that, is not in it") +
-                      "; --at takes an older set");
+        print_message(fmt::format(
+            "warning: the set {} was taken after --since: {}; --at takes an older set", m_set,
+            m_options.changed ? "what was changed before that, comes back as changed"
+                              : "what was deleted before that, is not in it"));
 }
 
-int DocumentsCommand::code_of(const DocumentsResult& result) const {
-    if (result.failure)
-        return result.failure->exit_code();
-    bool failed = std::any_of(
-        result.documents.begin(), result.documents.end(),
-        [](const DocumentResult& document) { return text_of(document.outcome).failed; });
-    return static_cast<int>(failed ? ExitCode::items_failed : ExitCode::complete);
+// The command that brings back what is deleted now; empty: nothing is.
+std::string DocumentsCommand::bring_back() const {
+    return m_options.changed && m_lost && !m_lost->ids.empty() ? bring_back_command(*m_lost) : "";
 }
 
 int DocumentsCommand::report(const DocumentsResult& result) const {
     print_warnings(result.warnings);
     if (std::string text = advice(result); !text.empty())
         print_message(text);
-    int code = code_of(result);
-    m_options.json ? print_json(json(result, code)) : print_output(text(result));
+    const DocumentsTold told = {m_options.changed,
+                                m_options.dry_run,
+                                absolute_path(m_options.store),
+                                m_request.item.path,
+                                m_set,
+                                m_request.since.time,
+                                bring_back()};
+    m_options.json ? print_json(documents_json(result, told))
+                   : print_output(documents_text(result, told));
     if (result.failure)
         print_error(result.failure->what(),
-                    m_options.changed && m_lost && !m_lost->ids.empty()
-                        ? "bring back what may be deleted: " + bring_back_command(*m_lost)
-                        : "run the same command again for the rest");
-    return code;
+                    told.bring_back.empty() ? "run the same command again for the rest"
+                                            : "bring back what may be deleted: " + told.bring_back);
+    return exit_code_of(result);
 }
 
 // What the server's end at a document means for the others, which it tells nothing about.
 std::string DocumentsCommand::advice(const DocumentsResult& result) const {
-    if (m_options.changed && m_lost && !m_lost->ids.empty())
+    if (std::string command = bring_back(); !command.empty())
         return "do not run the same command again: it would delete another document. Mend what is "
                "told above, then bring back what is deleted: " +
-               bring_back_command(*m_lost);
+               command;
     if (!result.ended_at_failure)
         return {};
     if (m_options.changed)
@@ -300,73 +261,62 @@ std::string DocumentsCommand::advice(const DocumentsResult& result) const {
            "folder";
 }
 
-std::string DocumentsCommand::text(const DocumentsResult& result) const {
-    std::string what = for_terminal(m_request.item.path) + ", " + kind() + " since " +
-                       utc_time(m_request.since.time) + ", from the set " + m_set;
-    auto back = std::count_if(result.documents.begin(), result.documents.end(), came_back);
-    std::string text;
-    if (!result.documents.empty()) {
-        std::vector<std::string> headings = {"NOTE ", "HEXADECIMAL", "RESULT"};
-        if (m_options.dry_run)
-            headings.insert(headings.begin() + 2, m_options.changed ? "CHANGED" : "DELETED");
-        Table table(headings);
-        for (const DocumentResult& document : result.documents) {
-            std::string outcome = text_of(document.outcome).text;
-            if (!document.reason.empty())
-                outcome += ": " + for_terminal(document.reason);
-            std::vector<std::string> row = {std::to_string(document.id), note_id_text(document.id),
-                                            outcome};
-            if (m_options.dry_run)
-                row.insert(row.begin() + 2, time_range(document));
-            table.add(std::move(row));
-        }
-        text = table.text();
-    }
-    if (result.documents.empty())
-        return "nothing to do: the set has no document of " + what + "\n";
-    return text + std::to_string(back) + " of " + std::to_string(result.documents.size()) +
-           " documents " + (m_options.dry_run ? "would come back" : "came back") + ": " + what +
-           "\n";
+int run_documents(const DocumentsOptions& options) {
+    install_interrupt_handlers();
+    DocumentRequest request;
+    request.kind = options.changed ? DocumentKind::changed : DocumentKind::deleted;
+    request.since = parse_since(options.since, std::time(nullptr));
+    if (options.changed)
+        request.ids = read_note_ids(options.ids_file);
+    return DocumentsCommand(options, std::move(request)).run();
 }
 
-nlohmann::json DocumentsCommand::json(const DocumentsResult& result, int code) const {
-    nlohmann::json documents = nlohmann::json::array();
-    for (const DocumentResult& document : result.documents) {
-        nlohmann::json entry = {{"id", document.id},
-                                {"hexadecimal", note_id_text(document.id)},
-                                {"outcome", text_of(document.outcome).name},
-                                {"text", text_of(document.outcome).text}};
-        if (!document.reason.empty())
-            entry["reason"] = printable_utf8(document.reason);
-        if (document.outcome == DocumentOutcome::candidate) {
-            entry["earliest"] = utc_time(document.earliest);
-            entry["before"] = utc_time(document.latest);
-        }
-        documents.push_back(std::move(entry));
-    }
-    nlohmann::json document = {{"command", "documents"},
-                               {"kind", kind()},
-                               {"dry_run", m_options.dry_run},
-                               {"store", printable_utf8(absolute_path(m_options.store))},
-                               {"database", printable_utf8(m_request.item.path)},
-                               {"set", m_set},
-                               {"since", utc_time(m_request.since.time)},
-                               {"documents", documents},
-                               {"warnings", printable_list(result.warnings)},
-                               {"operations", result.operations},
-                               {"exit_code", code}};
-    if (result.failure)
-        document["error"] = printable_utf8(result.failure->what());
-    if (m_options.changed && m_lost && !m_lost->ids.empty())
-        document["bring_back"] = printable_utf8(bring_back_command(*m_lost));
-    return document;
+void add_documents_options(CLI::App& command, DocumentsOptions& documents) {
+    add_server_options(command, documents);
+    add_origin_options(command, documents);
+    command
+        .add_option("--since", documents.since,
+                    std::string("Deleted or changed then or later, to the minute: ") + time_help)
+        ->type_name("TIME")
+        ->required();
+    CLI::Option* set = command.add_option(
+        "--set", documents.set, "From this set: its name, the beginning of it, \"latest\"");
+    command.add_option("--at", documents.at, "From the newest set up to this time, as in --since")
+        ->type_name("TIME")
+        ->excludes(set);
+    command.add_flag("--dry-run", documents.dry_run,
+                     "List the documents that would come back, with the times of their change, and "
+                     "leave the database as it is; takes a copy of it, as a backup does");
+    add_tmp_dir(command, documents.tmp_dir,
+                "Where the set's copy is placed; not in the data directory");
+    command
+        .add_option("DATABASE", documents.database,
+                    "The database; a relative name is below the data directory")
+        ->required();
+    add_module_options(command, documents);
+}
+
+void add_documents(CLI::App& command, CommandRuns& runs) {
+    command.require_subcommand(1);
+    CLI::App& deleted = *command.add_subcommand(
+        "deleted",
+        "Bring back what was deleted since TIME, and mark it unread for the server's user.");
+    add_documents_options(deleted, runs.add(deleted, run_documents));
+    CLI::App& changed = *command.add_subcommand(
+        "changed", "Replace the listed documents that changed since TIME by the set's versions.");
+    DocumentsOptions& options = runs.add(changed, run_documents);
+    options.changed = true;
+    changed
+        .add_option("--ids", options.ids_file,
+                    "The note ids, one a line, decimal or as 0x8F6 or NT000008F6; - reads standard "
+                    "input")
+        ->type_name("FILE")
+        ->required();
+    add_documents_options(changed, options);
 }
 
 } // namespace
 
-int run_documents(const DocumentsOptions& options) {
-    install_interrupt_handlers();
-    return DocumentsCommand(options).run();
-}
+const Command documents_command = {"documents", documents_help, add_documents};
 
 } // namespace qrtln

@@ -4,18 +4,30 @@
 #include "client/base/file_io.h"
 #include "client/base/interrupt.h"
 #include "client/base/text.h"
-#include "client/commands/commands.h"
+#include "client/commands/command.h"
+#include "client/commands/options.h"
 #include "client/restore/object_content.h"
 #include "client/sets/catalogue.h"
 #include "client/sets/manifest.h"
 #include "client/sets/set_items.h"
 #include "client/store/store.h"
 
+#include <fmt/format.h>
 #include <unistd.h>
 
 namespace qrtln {
 
 namespace {
+
+constexpr const char* dump_help =
+    R"(Write one database or file of a set to standard output. Only exit code 0 says that what was
+written is whole. Needs nothing but the store.)";
+
+struct DumpOptions {
+    std::string store;
+    std::string set;
+    std::string path;
+};
 
 constexpr const char* not_to_be_used = "; the output is not to be used";
 
@@ -24,16 +36,15 @@ const ManifestItem& only_content(const Manifest& manifest, const std::string& gi
     const ManifestItem& item = *items[0];
     if (items.size() > 1 || item.kind == ItemKind::directory)
         throw ClientError(ExitCode::failed,
-                          "'" + for_terminal(given) + "' is a folder in the set " + manifest.set +
-                              ": dump writes one content",
+                          fmt::format("'{}' is a folder in the set {}: dump writes one content",
+                                      for_terminal(given), manifest.set),
                           "`qrtln extract` writes what is below a folder to another one");
     if (item.status != ItemStatus::stored)
-        throw ClientError(ExitCode::failed, for_terminal(item.path) + " is not in the set " +
-                                                manifest.set + ": " + for_terminal(item.reason));
+        throw ClientError(ExitCode::failed,
+                          fmt::format("{} is not in the set {}: {}", for_terminal(item.path),
+                                      manifest.set, for_terminal(item.reason)));
     return item;
 }
-
-} // namespace
 
 int run_dump(const DumpOptions& options) {
     install_interrupt_handlers();
@@ -59,14 +70,25 @@ int run_dump(const DumpOptions& options) {
                           failure.hint());
     }
     if (!written.problem.empty())
-        throw ClientError(ExitCode::failed,
-                          "cannot write to standard output: " + written.problem + not_to_be_used);
+        throw ClientError(ExitCode::failed, fmt::format("cannot write to standard output: {}{}",
+                                                        written.problem, not_to_be_used));
     if (!written.damage.empty())
         throw ClientError(ExitCode::damage_found,
-                          for_terminal(item.path) + " is damaged in the store: " +
-                              for_terminal(written.damage) + not_to_be_used,
+                          fmt::format("{} is damaged in the store: {}{}", for_terminal(item.path),
+                                      for_terminal(written.damage), not_to_be_used),
                           "`qrtln verify` tells more; an older set may have a whole copy");
     return static_cast<int>(ExitCode::complete);
 }
+
+void add_dump(CLI::App& command, CommandRuns& runs) {
+    auto& dump = runs.add(command, run_dump);
+    add_store_option(command, dump.store);
+    add_set_argument(command, dump.set);
+    command.add_option("PATH", dump.path, "A database or a file of the set")->required();
+}
+
+} // namespace
+
+const Command dump_command = {"dump", dump_help, add_dump};
 
 } // namespace qrtln

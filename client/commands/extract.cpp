@@ -9,7 +9,8 @@
 #include "client/base/room.h"
 #include "client/base/safe_folder.h"
 #include "client/base/text.h"
-#include "client/commands/commands.h"
+#include "client/commands/command.h"
+#include "client/commands/options.h"
 #include "client/restore/created_folders.h"
 #include "client/restore/object_content.h"
 #include "client/restore/operation.h"
@@ -21,6 +22,7 @@
 #include "client/store/store.h"
 
 #include <algorithm>
+#include <fmt/format.h>
 #include <limits>
 #include <map>
 #include <optional>
@@ -29,6 +31,17 @@
 namespace qrtln {
 
 namespace {
+
+constexpr const char* extract_help =
+    R"(Write databases, files and folders of a set to a folder, or the whole set with --all. Needs
+nothing but the store: no server, no notes.ini.)";
+
+struct ExtractOptions : StoreOptions {
+    std::string set;
+    std::vector<std::string> paths; // full, or below the set's data directory
+    bool all = false;               // the whole set
+    std::string to;
+};
 
 class Extraction {
   public:
@@ -80,7 +93,7 @@ std::string Extraction::relative_of(const ManifestItem& item) const {
 }
 
 void Extraction::fail(const ManifestItem& item, const std::string& reason) {
-    print_message("failed: " + for_terminal(item.path) + ": " + for_terminal(reason));
+    print_message(fmt::format("failed: {}: {}", for_terminal(item.path), for_terminal(reason)));
     m_failed.push_back({item.path, reason});
 }
 
@@ -114,7 +127,8 @@ void Extraction::plan(const std::vector<const ManifestItem*>& items) {
         if (problem.empty() && item->kind != ItemKind::directory) {
             auto [place, is_free] = places.try_emplace(planned.relative, item->path);
             if (!is_free)
-                problem = "its place is that of " + place->second + ": extract it by itself";
+                problem =
+                    fmt::format("its place is that of {}: extract it by itself", place->second);
         }
         problem.empty() ? m_planned.push_back(std::move(planned)) : fail(*item, problem);
     }
@@ -141,8 +155,8 @@ void Extraction::run(const std::vector<const ManifestItem*>& items) {
     if (created) {
         if (int error = ::mkdir(m_to.c_str(), 0700) == 0 ? 0 : errno; error != 0)
             throw ClientError(ExitCode::failed,
-                              "cannot create the folder " + for_terminal(m_to) + ": " +
-                                  system_error_text(error),
+                              fmt::format("cannot create the folder {}: {}", for_terminal(m_to),
+                                          system_error_text(error)),
                               error == ENOENT ? "create the folder above it first" : "");
         m_root.emplace(m_to);
     }
@@ -210,7 +224,8 @@ void Extraction::write_item(const Planned& planned) {
         problem = written.problem;
     }
     if (!written.damage.empty()) {
-        print_message("damaged: " + for_terminal(item.path) + ": " + for_terminal(written.damage));
+        print_message(
+            fmt::format("damaged: {}: {}", for_terminal(item.path), for_terminal(written.damage)));
         m_damaged.push_back({item.path, written.damage});
         return;
     }
@@ -261,9 +276,9 @@ int Extraction::report(bool json) const {
                     {"exit_code", exit_code()}});
         return exit_code();
     }
-    std::string text = "extracted " + std::to_string(m_extracted.size()) + " items of the set " +
-                       m_manifest.set + " to " + for_terminal(m_to) + ", " + human_bytes(m_bytes) +
-                       " written\n";
+    std::string text =
+        fmt::format("extracted {} items of the set {} to {}, {} written\n", m_extracted.size(),
+                    m_manifest.set, for_terminal(m_to), human_bytes(m_bytes));
     if (!m_damaged.empty())
         text += std::to_string(m_damaged.size()) +
                 " damaged in the store and not extracted: `qrtln verify` tells more, an older set "
@@ -279,11 +294,9 @@ void refuse_store(const std::string& to, const std::string& store) {
     std::optional<std::string> real_to = real_path_of_new(to);
     if (real_to && lies_in(*real_to, store))
         throw ClientError(ExitCode::failed,
-                          "the folder " + for_terminal(to) + " is inside the store",
+                          fmt::format("the folder {} is inside the store", for_terminal(to)),
                           "name a folder elsewhere with --to");
 }
-
-} // namespace
 
 int run_extract(const ExtractOptions& options) {
     install_interrupt_handlers();
@@ -315,5 +328,26 @@ int run_extract(const ExtractOptions& options) {
     extraction.run(items);
     return extraction.report(options.json);
 }
+
+void add_extract(CLI::App& command, CommandRuns& runs) {
+    auto& extract = runs.add(command, run_extract);
+    add_store_options(command, extract);
+    add_set_argument(command, extract.set);
+    CLI::Option* paths = command.add_option(
+        "PATH", extract.paths,
+        "A database, a file or a folder of the set; relative names are below the data directory "
+        "that it recorded");
+    command.add_flag("--all", extract.all, "Everything that the set holds")->excludes(paths);
+    command
+        .add_option("--to", extract.to,
+                    "Write below this folder, and never over what is there; what is outside the "
+                    "data directory comes with its whole path")
+        ->type_name("DIR")
+        ->required();
+}
+
+} // namespace
+
+const Command extract_command = {"extract", extract_help, add_extract};
 
 } // namespace qrtln

@@ -4,19 +4,29 @@
 #include "client/base/interrupt.h"
 #include "client/base/output.h"
 #include "client/base/text.h"
-#include "client/commands/commands.h"
+#include "client/commands/command.h"
+#include "client/commands/options.h"
 #include "client/sets/catalogue.h"
 #include "client/sets/set_links.h"
 #include "client/store/canonical_json.h"
 #include "client/store/store.h"
 
 #include <algorithm>
+#include <fmt/format.h>
 #include <map>
 #include <set>
 
 namespace qrtln {
 
 namespace {
+
+constexpr const char* forget_help =
+    R"(Forget sets: remove them, or say of missing ones that they are gone for good.
+Their contents stay in the store.)";
+
+struct ForgetOptions : StoreOptions {
+    std::vector<std::string> sets;
+};
 
 // The full names; of sets that are missing only these will do.
 std::set<std::string> names_of(Store& store, const std::vector<std::string>& given,
@@ -29,8 +39,6 @@ std::set<std::string> names_of(Store& store, const std::vector<std::string>& giv
         names.insert(missing.contains(name) ? name : resolve_set(store, name));
     return names;
 }
-
-} // namespace
 
 int run_forget(const ForgetOptions& options) {
     install_interrupt_handlers();
@@ -53,9 +61,10 @@ int run_forget(const ForgetOptions& options) {
     for (const std::string& name : names)
         if (std::string by = kept.built_on(name);
             !by.empty() && std::find(there.begin(), there.end(), name) != there.end())
-            throw ClientError(ExitCode::failed,
-                              "the set " + by + " builds on " + name + ": nothing was forgotten",
-                              "name both, or keep both");
+            throw ClientError(
+                ExitCode::failed,
+                fmt::format("the set {} builds on {}: nothing was forgotten", by, name),
+                "name both, or keep both");
     for (const std::string& name : names)
         store->forget_set(name, servers[name]);
     std::vector<std::string> list(names.begin(), names.end());
@@ -63,8 +72,19 @@ int run_forget(const ForgetOptions& options) {
         print_json({{"command", "forget"}, {"forgotten", printable_list(list)}, {"exit_code", 0}});
     else
         for (const std::string& name : list)
-            print_output("forgotten: " + for_terminal(name) + "\n");
+            print_output(fmt::format("forgotten: {}\n", for_terminal(name)));
     return 0;
 }
+
+void add_forget(CLI::App& command, CommandRuns& runs) {
+    auto& forget = runs.add(command, run_forget);
+    add_store_options(command, forget);
+    command.add_option("SET", forget.sets, "The sets' names, or the beginnings of them")
+        ->required();
+}
+
+} // namespace
+
+const Command forget_command = {"forget", forget_help, add_forget};
 
 } // namespace qrtln

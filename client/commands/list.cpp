@@ -3,7 +3,8 @@
 #include "client/base/error.h"
 #include "client/base/output.h"
 #include "client/base/text.h"
-#include "client/commands/commands.h"
+#include "client/commands/command.h"
+#include "client/commands/options.h"
 #include "client/sets/catalogue.h"
 #include "client/sets/log_chain.h"
 #include "client/sets/manifest.h"
@@ -13,6 +14,7 @@
 
 #include <algorithm>
 #include <array>
+#include <fmt/format.h>
 #include <functional>
 #include <optional>
 
@@ -20,10 +22,12 @@ namespace qrtln {
 
 namespace {
 
+constexpr const char* list_help = "List the sets of the store.";
+
 // A full of the whole server is more than one of some databases.
 std::string level_text(const Manifest& manifest) {
     if (!manifest.reason.empty())
-        return manifest.level + " (" + manifest.reason + ")";
+        return fmt::format("{} ({})", manifest.level, manifest.reason);
     return manifest.whole_system ? manifest.level : manifest.level + " (named)";
 }
 
@@ -162,11 +166,17 @@ int SetList::print(bool json) {
     return code;
 }
 
-} // namespace
-
 int run_list(const StoreOptions& options) {
     std::unique_ptr<Store> store = open_directory_store(options.store, StoreAccess::read);
     return SetList(*store).print(options.json);
 }
+
+void add_list(CLI::App& command, CommandRuns& runs) {
+    add_store_options(command, runs.add(command, run_list));
+}
+
+} // namespace
+
+const Command list_command = {"list", list_help, add_list};
 
 } // namespace qrtln

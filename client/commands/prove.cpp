@@ -2,14 +2,13 @@
 // read by the server's library. No live database is touched.
 
 #include "client/base/error.h"
-#include "client/base/file_descriptor.h"
 #include "client/base/interrupt.h"
 #include "client/base/output.h"
 #include "client/base/paths.h"
 #include "client/base/text.h"
 #include "client/base/version.h"
+#include "client/commands/command.h"
 #include "client/commands/server.h"
-#include "client/domino/notes_ini.h"
 #include "client/domino/point_in_time.h"
 #include "client/module/control_variables.h"
 #include "client/module/temporary_directory.h"
@@ -22,11 +21,22 @@
 
 #include <algorithm>
 #include <ctime>
+#include <fmt/format.h>
 #include <map>
 
 namespace qrtln {
 
 namespace {
+
+constexpr const char* prove_help =
+    R"(Prove that the server, or a set, can be recovered: databases are restored and rolled forward into a
+scratch folder, and the server's library reads each of them. The proof is recorded, and
+`qrtln list` shows its date. No live database is touched.)";
+
+struct ProveOptions : ServerOptions {
+    std::string set;   // "" for the whole server as all sets have it
+    std::string state; // keeps what must be written, "" for the store
+};
 
 constexpr const char* proof_journal_name = "/proof.json";
 
@@ -63,7 +73,7 @@ Target choose_target(Store& store, const std::string& given, const ServerScope& 
         if (!entry.problem.empty())
             throw ClientError(
                 ExitCode::damage_found,
-                "the manifest of the set " + for_terminal(*name) + " " + entry.problem,
+                fmt::format("the manifest of the set {} {}", for_terminal(*name), entry.problem),
                 "`qrtln verify` tells what else is damaged; an older set can be named");
         if (!entry.manifest)
             continue;
@@ -76,8 +86,8 @@ Target choose_target(Store& store, const std::string& given, const ServerScope& 
     }
     OtherServers others = other_servers(store, scope);
     throw ClientError(ExitCode::failed,
-                      store.description() + " has no set of this whole server" +
-                          (others.what.empty() ? "" : ": " + others.what),
+                      fmt::format("{} has no set of this whole server{}", store.description(),
+                                  others.what.empty() ? "" : ": " + others.what),
                       others.hint.empty()
                           ? "`qrtln backup` stores one; name a set to prove it alone"
                           : others.hint);
@@ -201,53 +211,25 @@ void clean_up(const RecoveryJournalFile& file) {
     }
 }
 
-} // namespace
-
-int run_prove(const ProveOptions& options) {
-    install_interrupt_handlers();
-    NotesIni ini = load_server(options);
-    require_usable_tmp_dir(options.tmp_dir, ini.data_directory);
-    std::unique_ptr<Store> store =
-        open_store_or_state({options.state, options.store, ini.data_directory},
-                            "keep what must be written elsewhere: --state DIR");
-    use_server(*store, ini, options);
-    const Target target = choose_target(*store, options.set, ini.sets);
-    RecoveryJournalFile file(store->runtime_directory() + proof_journal_name);
-    clean_up(file); // what a killed run left
-    FileDescriptor trace = open_trace_file(options.trace_file);
-    OperationContext context = operation_context(ini, *store, options, trace.get());
-    bool damaged = false;
-    Proof proof;
-    try {
-        proof = prove(context, options, target, file, damaged);
-    } catch (const ClientError& failure) {
-        clean_up(file);
-        if (failure.exit_code() == static_cast<int>(ExitCode::logs_missing))
-            record_missing_logs(*store, target.manifest, ini, failure.what());
-        throw;
-    } catch (...) {
-        clean_up(file);
-        throw;
-    }
-    clean_up(file);
-    std::string proof_file = record_proof(*store, proof);
+int report(const ProveOptions& options, const Target& target, const Proof& proof,
+           const std::string& proof_file, bool damaged) {
     int code = static_cast<int>(damaged                  ? ExitCode::damage_found
                                 : proof.failures.empty() ? ExitCode::complete
                                                          : ExitCode::items_failed);
     nlohmann::json failures = nlohmann::json::array();
-    std::string text =
-        std::to_string(proof.databases) + " databases of " +
-        (target.newest_state ? "the whole server, up to the set " : std::string("the set ")) +
-        proof.set + ", were recovered, and read by the server's library\n";
+    std::string text = fmt::format(
+        "{} databases of {}{}, were recovered, and read by the server's library\n", proof.databases,
+        target.newest_state ? "the whole server, up to the set " : std::string("the set "),
+        proof.set);
     for (const ProofFailure& failure : proof.failures) {
-        text +=
-            "failed: " + for_terminal(failure.path) + ": " + for_terminal(failure.reason) + "\n";
+        text += fmt::format("failed: {}: {}\n", for_terminal(failure.path),
+                            for_terminal(failure.reason));
         failures.push_back(
             {{"path", printable_utf8(failure.path)}, {"reason", printable_utf8(failure.reason)}});
     }
     if (!options.state.empty())
-        text += "the proof is in " + for_terminal(proof_file) +
-                ", not in the store: `qrtln list` does not show it\n";
+        text += fmt::format("the proof is in {}, not in the store: `qrtln list` does not show it\n",
+                            for_terminal(proof_file));
     if (options.json)
         print_json({{"command", "prove"},
                     {"proof_file", printable_utf8(proof_file)},
@@ -261,5 +243,54 @@ int run_prove(const ProveOptions& options) {
         print_output(text);
     return code;
 }
+
+int run_prove(const ProveOptions& options) {
+    install_interrupt_handlers();
+    CommandServer server(options);
+    const NotesIni& ini = server.ini;
+    require_usable_tmp_dir(options.tmp_dir, ini.data_directory);
+    server.store = open_store_or_state({options.state, options.store, ini.data_directory},
+                                       "keep what must be written elsewhere: --state DIR");
+    Store& store = *server.store;
+    server.use_sets();
+    const Target target = choose_target(store, options.set, ini.sets);
+    RecoveryJournalFile file(store.runtime_directory() + proof_journal_name);
+    clean_up(file); // what a killed run left
+    OperationContext context = server.begin_operations();
+    bool damaged = false;
+    Proof proof;
+    try {
+        proof = prove(context, options, target, file, damaged);
+    } catch (const ClientError& failure) {
+        clean_up(file);
+        if (failure.exit_code() == static_cast<int>(ExitCode::logs_missing))
+            record_missing_logs(store, target.manifest, ini, failure.what());
+        throw;
+    } catch (...) {
+        clean_up(file);
+        throw;
+    }
+    clean_up(file);
+    return report(options, target, proof, record_proof(store, proof), damaged);
+}
+
+void add_prove(CLI::App& command, CommandRuns& runs) {
+    auto& prove = runs.add(command, run_prove);
+    add_server_options(command, prove);
+    add_origin_options(command, prove);
+    command.add_option("SET", prove.set,
+                       "The set's name, the beginning of it, or \"latest\" (default: the whole "
+                       "server, as it could be recovered now from all sets)");
+    add_state_option(command, prove.state,
+                     "The store is only read, and what must be written (lock, journal, the proof) "
+                     "kept in this folder");
+    add_tmp_dir(command, prove.tmp_dir,
+                "Where the scratch folder is made: needs room for all its databases");
+    add_module_options(command, prove);
+}
+
+} // namespace
+
+const Command prove_command = {"prove", prove_help, add_prove};
 
 } // namespace qrtln

@@ -9,13 +9,17 @@
 #include "client/sets/server_runtime.h"
 #include "client/sets/server_scope.h"
 
+#include <fmt/format.h>
+#include <unistd.h>
+
 namespace qrtln {
 
 namespace {
 
 void check_name(const std::string& option, const std::string& name) {
     if (std::string problem = server_name_problem(name); !problem.empty())
-        throw ClientError(ExitCode::usage, option + " '" + for_terminal(name) + "': " + problem,
+        throw ClientError(ExitCode::usage,
+                          fmt::format("{} '{}': {}", option, for_terminal(name), problem),
                           "any short name will do, the same for each backup of this server");
 }
 
@@ -23,7 +27,7 @@ void check_name(const std::string& option, const std::string& name) {
 std::string old_data_directory(const std::string& given, const std::string& now) {
     auto refuse = [&](const std::string& reason) {
         throw ClientError(ExitCode::usage,
-                          "--data-directory '" + for_terminal(given) + "': " + reason,
+                          fmt::format("--data-directory '{}': {}", for_terminal(given), reason),
                           "say OLD=NEW: where the data directory was when the sets were made "
                           "(`qrtln show` tells), and where notes.ini says that it is now, " +
                               for_terminal(now));
@@ -59,52 +63,53 @@ void take_any_data_directory(Store& store, ServerScope& scope) {
 
 } // namespace
 
-NotesIni load_server(const ServerOptions& options, bool data_directory_may_be_missing) {
+CommandServer::CommandServer(const ServerOptions& options, bool data_directory_may_be_missing)
+    : m_options(options) {
     if (!options.as_other_user)
         require_readable_notes_ini(options.notes_ini);
-    NotesIni ini = load_notes_ini(options.notes_ini, data_directory_may_be_missing);
+    ini = load_notes_ini(options.notes_ini, data_directory_may_be_missing);
     if (!options.as_other_user)
         require_server_user(ini.data_directory);
     if (std::optional<ServerUser> user = server_user(ini.data_directory); user && options.verbose)
-        print_message("the server's library is run as " + user->name +
-                      ", the owner of the data directory");
+        print_message(fmt::format(
+            "the server's library is run as {}, the owner of the data directory", user->name));
     if (std::string refused = refused_to_server_user(ini.file, R_OK, ini.data_directory);
         !refused.empty())
-        throw ClientError(ExitCode::failed,
-                          "the notes.ini " + for_terminal(ini.file) + " cannot be read by " +
-                              server_user(ini.data_directory)->name +
-                              ", who owns the data directory and runs the server's library: " +
-                              for_terminal(refused) + " is closed to that user",
-                          "name one with --notes-ini that this user may read, or give the right");
+        throw ClientError(
+            ExitCode::failed,
+            fmt::format("the notes.ini {} cannot be read by {}, who owns the data directory and "
+                        "runs the server's library: {} is closed to that user",
+                        for_terminal(ini.file), server_user(ini.data_directory)->name,
+                        for_terminal(refused)),
+            "name one with --notes-ini that this user may read, or give the right");
     if (!options.server.empty())
         ini.server_name = options.server;
     check_name("--server", ini.server_name);
     ini.sets.name = ini.server_name;
-    return ini;
 }
 
-void use_server(Store& store, NotesIni& ini, const ServerOptions& options, bool elsewhere) {
-    use_runtime_of(store, ini.server_name);
-    if (!options.from_server.empty()) {
-        check_name("--from-server", options.from_server);
-        ini.sets.name = options.from_server;
+void CommandServer::use_sets(const ServerOptions& origin, bool elsewhere) {
+    use_runtime_of(*store, ini.server_name);
+    if (!origin.from_server.empty()) {
+        check_name("--from-server", origin.from_server);
+        ini.sets.name = origin.from_server;
         ini.sets.own_name.clear(); // whichever it was
     }
-    if (!options.moved.empty())
-        ini.sets.recorded_data_directory = old_data_directory(options.moved, ini.data_directory);
+    if (!origin.moved.empty())
+        ini.sets.recorded_data_directory = old_data_directory(origin.moved, ini.data_directory);
     else if (elsewhere)
-        take_any_data_directory(store, ini.sets);
+        take_any_data_directory(*store, ini.sets);
 }
 
-OperationContext operation_context(const NotesIni& ini, Store& store, const ServerOptions& options,
-                                   int trace) {
+OperationContext CommandServer::begin_operations() {
+    m_trace = open_trace_file(m_options.trace_file);
     return {.ini = ini,
-            .store = store,
-            .tmp_dir = options.tmp_dir,
-            .module = options.module,
-            .trace = trace,
-            .verbose = options.verbose,
-            .call_timeout = std::chrono::seconds(options.call_timeout)};
+            .store = *store,
+            .tmp_dir = m_options.tmp_dir,
+            .module = m_options.module,
+            .trace = m_trace.get(),
+            .verbose = m_options.verbose,
+            .call_timeout = std::chrono::seconds(m_options.call_timeout)};
 }
 
 } // namespace qrtln

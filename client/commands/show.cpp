@@ -2,48 +2,56 @@
 
 #include "client/base/output.h"
 #include "client/base/text.h"
-#include "client/commands/commands.h"
+#include "client/commands/command.h"
+#include "client/commands/options.h"
 #include "client/sets/catalogue.h"
 #include "client/sets/log_chain.h"
 #include "client/sets/manifest.h"
 #include "client/sets/server_scope.h"
 #include "client/store/store.h"
 
+#include <fmt/format.h>
+
 namespace qrtln {
 
-int run_show(const StoreOptions& options) {
-    std::unique_ptr<Store> store = open_directory_store(options.store, StoreAccess::read);
-    Manifest manifest = require_set(*store, options.set);
-    if (options.json) {
-        // The manifest is the document: one form for scripts.
-        print_output(json_for_terminal(serialize(manifest)));
-        return 0;
-    }
-    std::string text =
-        "set " + manifest.set + ": " + manifest.level + ", " + status_text(manifest) +
-        "\nstarted " + utc_time(manifest.started) + ", ended " + utc_time(complete_at(manifest)) +
-        "\nserver " + server_text(manifest) + " on " + for_terminal(manifest.host) +
-        ", notes.ini " + for_terminal(manifest.notes_ini) +
-        (manifest.id_file.empty() ? "" : ", ID file " + for_terminal(manifest.id_file)) +
-        "\nmodule " + for_terminal(manifest.module_client) + " " +
-        for_terminal(manifest.module_version) + "\n";
+namespace {
+
+constexpr const char* show_help = "Show the items of one set.";
+
+struct ShowOptions : StoreOptions {
+    std::string set;
+};
+
+std::string head_text(const Manifest& manifest) {
+    std::string text = fmt::format(
+        "set {}: {}, {}\nstarted {}, ended {}\nserver {} on {}, notes.ini {}{}\nmodule {} {}\n",
+        manifest.set, manifest.level, status_text(manifest), utc_time(manifest.started),
+        utc_time(complete_at(manifest)), server_text(manifest), for_terminal(manifest.host),
+        for_terminal(manifest.notes_ini),
+        manifest.id_file.empty() ? "" : ", ID file " + for_terminal(manifest.id_file),
+        for_terminal(manifest.module_client), for_terminal(manifest.module_version));
     if (manifest.reason == "owed")
         text += "saves what an earlier run prepared and did not store\n";
     if (!manifest.base.empty())
-        text += "builds on " + manifest.base +
-                (manifest.previous.empty() ? "" : ", its logs continue " + manifest.previous) +
-                "\n";
+        text += fmt::format("builds on {}{}\n", manifest.base,
+                            manifest.previous.empty() ? ""
+                                                      : ", its logs continue " + manifest.previous);
     if (std::string logs = log_range_text(manifest); logs != "-")
-        text += "transaction logs " + logs + "\n";
+        text += fmt::format("transaction logs {}\n", logs);
     if (!manifest.predecessor.empty())
-        text += "came after " + manifest.predecessor + "\n";
+        text += fmt::format("came after {}\n", manifest.predecessor);
     for (const LogGap& gap : manifest.log_gaps)
         text += describe(gap) + "\n";
     if (manifest.left_out.any())
         text += left_out_text(manifest.left_out) + "\n";
     text += left_out_databases_text(manifest);
     if (!manifest.close_error.empty())
-        text += "the server did not close the backup: " + for_terminal(manifest.close_error) + "\n";
+        text += fmt::format("the server did not close the backup: {}\n",
+                            for_terminal(manifest.close_error));
+    return text;
+}
+
+std::string items_text(const Manifest& manifest) {
     Table table({"KIND", "BYTES ", "MODIFIED", "OWNER", "PATH"});
     for (const ManifestItem& item : manifest.items) {
         table.add({item.status == ItemStatus::stored   ? item_kind_name(item.kind)
@@ -54,21 +62,51 @@ int run_show(const StoreOptions& options) {
                    item.owner.empty() ? std::to_string(item.uid) : for_terminal(item.owner),
                    for_terminal(item.path)});
     }
-    text += "\n" + table.text();
+    return table.text();
+}
+
+// What of the items the table has no room for.
+std::string notes_text(const Manifest& manifest) {
     std::string notes;
     for (const ManifestItem& item : manifest.items) {
         if (item.log)
-            notes += "log " + std::to_string(item.log->number) +
-                     (item.log->active ? " (active)" : "") + ": " + for_terminal(item.path) + "\n";
+            notes += fmt::format("log {}{}: {}\n", item.log->number,
+                                 item.log->active ? " (active)" : "", for_terminal(item.path));
         if (!item.target.empty())
-            notes += "link: " + for_terminal(item.path) + " -> " + for_terminal(item.target) + "\n";
+            notes +=
+                fmt::format("link: {} -> {}\n", for_terminal(item.path), for_terminal(item.target));
         if (item.status == ItemStatus::failed)
-            notes += "failed: " + for_terminal(item.path) + ": " + for_terminal(item.reason) + "\n";
+            notes +=
+                fmt::format("failed: {}: {}\n", for_terminal(item.path), for_terminal(item.reason));
         for (const std::string& warning : item.warnings)
-            notes += "warning: " + for_terminal(item.path) + ": " + for_terminal(warning) + "\n";
+            notes +=
+                fmt::format("warning: {}: {}\n", for_terminal(item.path), for_terminal(warning));
     }
-    print_output(text + (notes.empty() ? "" : "\n" + notes));
+    return notes;
+}
+
+int run_show(const ShowOptions& options) {
+    std::unique_ptr<Store> store = open_directory_store(options.store, StoreAccess::read);
+    Manifest manifest = require_set(*store, options.set);
+    if (options.json) {
+        // The manifest is the document: one form for scripts.
+        print_output(json_for_terminal(serialize(manifest)));
+        return 0;
+    }
+    const std::string notes = notes_text(manifest);
+    print_output(fmt::format("{}\n{}{}", head_text(manifest), items_text(manifest),
+                             notes.empty() ? "" : "\n" + notes));
     return 0;
 }
+
+void add_show(CLI::App& command, CommandRuns& runs) {
+    auto& show = runs.add(command, run_show);
+    add_store_options(command, show);
+    add_set_argument(command, show.set);
+}
+
+} // namespace
+
+const Command show_command = {"show", show_help, add_show};
 
 } // namespace qrtln

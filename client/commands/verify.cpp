@@ -5,7 +5,8 @@
 #include "client/base/interrupt.h"
 #include "client/base/output.h"
 #include "client/base/text.h"
-#include "client/commands/commands.h"
+#include "client/commands/command.h"
+#include "client/commands/options.h"
 #include "client/sets/catalogue.h"
 #include "client/sets/index_guard.h"
 #include "client/sets/manifest.h"
@@ -15,6 +16,7 @@
 #include "client/store/store.h"
 
 #include <algorithm>
+#include <fmt/format.h>
 #include <functional>
 #include <map>
 #include <set>
@@ -22,6 +24,13 @@
 namespace qrtln {
 
 namespace {
+
+constexpr const char* verify_help =
+    "Read everything that the sets refer to and compare it with its checksums.";
+
+struct VerifyOptions : StoreOptions {
+    std::string set; // "" for all
+};
 
 struct Damage {
     std::string what; // a manifest, an object or store.json
@@ -48,7 +57,7 @@ bool permitted(Verification& result, const std::function<void()>& read) {
         return true;
     } catch (const ClientError& failure) {
         if (failure.exit_code() == static_cast<int>(ExitCode::damage_found)) {
-            result.damage.push_back({failure.what(), "(" + failure.hint() + ")", {}});
+            result.damage.push_back({failure.what(), fmt::format("({})", failure.hint()), {}});
             return false;
         }
         if (failure.exit_code() != static_cast<int>(ExitCode::no_permission))
@@ -101,8 +110,8 @@ void check_objects(Store& store, const References& references, Verification& res
         ++result.objects;
         result.bytes += check.size;
         if (check.problem.empty() && (sizes.size() != 1 || *sizes.begin() != check.size))
-            check.problem = "has " + std::to_string(check.size) +
-                            " bytes, which is not the size in the manifest";
+            check.problem =
+                fmt::format("has {} bytes, which is not the size in the manifest", check.size);
         if (!check.problem.empty()) {
             damaged[hash] = result.damage.size();
             result.damage.push_back({"object " + hash, check.problem, {}});
@@ -164,8 +173,8 @@ int report(const Verification& result, bool json) {
     for (const ClientError& failure : result.denied)
         denied.push_back(printable_utf8(failure.what()));
     if (!result.denied.empty())
-        print_error(std::to_string(result.denied.size()) +
-                        " could not be checked: " + result.denied[0].what(),
+        print_error(fmt::format("{} could not be checked: {}", result.denied.size(),
+                                result.denied[0].what()),
                     result.denied[0].hint());
     if (json) {
         nlohmann::json damage = nlohmann::json::array();
@@ -190,28 +199,24 @@ int report(const Verification& result, bool json) {
     }
     std::string text;
     for (const Damage& one : result.damage) {
-        text += "damaged: " + for_terminal(one.what) + " " + for_terminal(one.problem) + "\n";
+        text += fmt::format("damaged: {} {}\n", for_terminal(one.what), for_terminal(one.problem));
         for (const auto& [set, path] : one.items)
-            text += "  concerns " + for_terminal(set) + ": " + for_terminal(path) + "\n";
+            text += fmt::format("  concerns {}: {}\n", for_terminal(set), for_terminal(path));
     }
     for (const ClientError& failure : result.denied)
-        text += "no permission: " + std::string(failure.what()) + "\n";
+        text += fmt::format("no permission: {}\n", failure.what());
     for (const std::string& line : result.information)
-        text += "note: " + for_terminal(line) + "\n";
-    text +=
-        std::to_string(result.sets) + " sets, " + std::to_string(result.objects) + " objects, " +
-        human_bytes(result.bytes) + " checked: " +
-        (result.damage.empty() ? "no damage" : std::to_string(result.damage.size()) + " damaged") +
-        (result.denied.empty() ? ""
-                               : ", " + std::to_string(result.denied.size()) + " not checked") +
-        "\n";
+        text += fmt::format("note: {}\n", for_terminal(line));
+    text += fmt::format(
+        "{} sets, {} objects, {} checked: {}{}\n", result.sets, result.objects,
+        human_bytes(result.bytes),
+        result.damage.empty() ? "no damage" : std::to_string(result.damage.size()) + " damaged",
+        result.denied.empty() ? "" : fmt::format(", {} not checked", result.denied.size()));
     print_output(text);
     return code;
 }
 
-} // namespace
-
-int run_verify(const StoreOptions& options) {
+int run_verify(const VerifyOptions& options) {
     install_interrupt_handlers();
     std::string format_damage;
     std::unique_ptr<Store> store =
@@ -257,5 +262,15 @@ int run_verify(const StoreOptions& options) {
     }
     return report(result, options.json);
 }
+
+void add_verify(CLI::App& command, CommandRuns& runs) {
+    auto& verify = runs.add(command, run_verify);
+    add_store_options(command, verify);
+    command.add_option("SET", verify.set, "Only this set");
+}
+
+} // namespace
+
+const Command verify_command = {"verify", verify_help, add_verify};
 
 } // namespace qrtln

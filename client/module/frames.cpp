@@ -6,6 +6,7 @@
 #include <cstring>
 #include <stdexcept>
 #include <sys/socket.h>
+#include <utility>
 
 namespace qrtln {
 
@@ -14,52 +15,94 @@ namespace {
 // Enough for tens of thousands of DATABASE variables; a longer length is a fault, not a message.
 constexpr std::uint32_t maximal_frame = 64U << 20;
 
-} // namespace
-
-FrameWriter::FrameWriter(FrameKind kind) : m_bytes(sizeof(std::uint32_t), '\0') {
-    m_bytes += static_cast<char>(kind);
+[[noreturn]] void refuse_frame() {
+    throw std::runtime_error("a message of the module's process cannot be read");
 }
 
+// Collects the fields of a frame while it is parsed, and ends that at anything else: nothing in a
+// frame lies deeper than its fields.
+class FieldCollector final : public nlohmann::json_sax<nlohmann::json> {
+  public:
+    explicit FieldCollector(std::vector<FrameReader::Field>& fields) : m_fields(fields) {}
+
+    bool null() override { return false; }
+    bool boolean(bool) override { return false; }
+    bool number_integer(number_integer_t value) override { return add(std::int64_t{value}); }
+    bool number_unsigned(number_unsigned_t value) override {
+        return add(static_cast<std::int64_t>(value));
+    }
+    bool number_float(number_float_t, const string_t&) override { return false; }
+    bool string(string_t&) override { return false; }
+    bool binary(binary_t& bytes) override { return add(std::string(bytes.begin(), bytes.end())); }
+    bool start_object(std::size_t) override { return false; }
+    bool key(string_t&) override { return false; }
+    bool end_object() override { return false; }
+    bool start_array(std::size_t) override { return !std::exchange(m_begun, true); }
+    bool end_array() override { return true; }
+    bool parse_error(std::size_t, const std::string&, const nlohmann::json::exception&) override {
+        return false;
+    }
+
+  private:
+    template <typename Value>
+    bool add(Value value) {
+        m_fields.emplace_back(std::move(value));
+        return m_begun;
+    }
+
+    std::vector<FrameReader::Field>& m_fields;
+    bool m_begun = false;
+};
+
+} // namespace
+
+FrameWriter::FrameWriter(FrameKind kind)
+    : m_fields(nlohmann::json::array({static_cast<int>(kind)})) {}
+
 FrameWriter& FrameWriter::number(std::int32_t value) {
-    char bytes[sizeof value];
-    std::memcpy(bytes, &value, sizeof value);
-    m_bytes.append(bytes, sizeof value);
+    m_fields.push_back(value);
     return *this;
 }
 
 FrameWriter& FrameWriter::text(std::string_view bytes) {
-    number(static_cast<std::int32_t>(bytes.size()));
-    m_bytes += bytes;
+    m_fields.push_back(nlohmann::json::binary({bytes.begin(), bytes.end()}));
     return *this;
 }
 
-std::string FrameWriter::finish() {
-    auto length = static_cast<std::uint32_t>(m_bytes.size() - sizeof(std::uint32_t));
-    std::memcpy(m_bytes.data(), &length, sizeof length);
-    return std::move(m_bytes);
+std::string FrameWriter::finish() const {
+    std::string frame(sizeof(std::uint32_t), '\0');
+    nlohmann::json::to_msgpack(m_fields, frame);
+    auto length = static_cast<std::uint32_t>(frame.size() - sizeof(std::uint32_t));
+    std::memcpy(frame.data(), &length, sizeof length);
+    return frame;
 }
 
-FrameReader::FrameReader(std::string payload) : m_payload(std::move(payload)) {
-    m_kind = static_cast<FrameKind>(static_cast<std::uint8_t>(take(1)[0]));
+FrameReader::FrameReader(std::string_view payload) {
+    FieldCollector collector(m_fields);
+    if (!nlohmann::json::sax_parse(payload, &collector, nlohmann::json::input_format_t::msgpack))
+        refuse_frame();
+    m_kind = static_cast<FrameKind>(number());
 }
 
-std::string_view FrameReader::take(std::size_t size) {
-    if (m_payload.size() - m_position < size)
+template <typename Value>
+Value& FrameReader::next() {
+    if (m_next == m_fields.size())
         throw std::runtime_error("a message of the module's process is too short");
-    std::string_view field = std::string_view(m_payload).substr(m_position, size);
-    m_position += size;
-    return field;
+    Value* value = std::get_if<Value>(&m_fields[m_next++]);
+    if (value == nullptr)
+        refuse_frame();
+    return *value;
 }
 
 std::int32_t FrameReader::number() {
-    std::int32_t value = 0;
-    std::memcpy(&value, take(sizeof value).data(), sizeof value);
-    return value;
+    const std::int64_t value = next<std::int64_t>();
+    if (!std::in_range<std::int32_t>(value))
+        refuse_frame();
+    return static_cast<std::int32_t>(value);
 }
 
 std::string FrameReader::text() {
-    auto size = static_cast<std::uint32_t>(number());
-    return std::string(take(size));
+    return std::move(next<std::string>());
 }
 
 int send_frame(int socket, std::string_view frame) {

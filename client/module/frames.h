@@ -1,14 +1,19 @@
 // The frames between the client and the child process that hosts the module.
 //
-// A frame is a 32-bit length (host byte order, of what follows), one byte that tells its kind, and
-// the fields: 32-bit numbers, and byte strings as a 32-bit length and the bytes. Names are bytes,
-// never text. Both sides are the same program, so there is no version.
+// A frame is a 32-bit length (host byte order, of what follows) and a MessagePack array: its kind,
+// and the fields, 32-bit numbers and byte strings. Names are bytes, never text. Both sides are the
+// same program, so there is no version. It is not CBOR: there a byte string in pieces may have
+// pieces in pieces, which the library reads by recursion, as deep as a hostile sender likes.
 #pragma once
+
+#include <nlohmann/json.hpp>
 
 #include <cstddef>
 #include <cstdint>
 #include <string>
 #include <string_view>
+#include <variant>
+#include <vector>
 
 namespace qrtln {
 
@@ -36,25 +41,31 @@ class FrameWriter {
     explicit FrameWriter(FrameKind kind);
     FrameWriter& number(std::int32_t value);
     FrameWriter& text(std::string_view bytes);
-    // The whole frame, its length filled in.
-    std::string finish();
+    // The whole frame, its length before it.
+    std::string finish() const;
 
   private:
-    std::string m_bytes;
+    nlohmann::json m_fields;
 };
 
-// Takes one frame apart. A field that is not there throws std::runtime_error.
+// Takes one frame apart, field by field in their order. What is no frame, and a field that is not
+// there or another one, throws std::runtime_error.
 class FrameReader {
   public:
-    explicit FrameReader(std::string payload);
+    // A number or a byte string.
+    using Field = std::variant<std::int64_t, std::string>;
+
+    explicit FrameReader(std::string_view payload);
     FrameKind kind() const { return m_kind; }
     std::int32_t number();
     std::string text();
 
   private:
-    std::string_view take(std::size_t size);
-    std::string m_payload;
-    std::size_t m_position = 0;
+    template <typename Value>
+    Value& next();
+
+    std::vector<Field> m_fields;
+    std::size_t m_next = 0;
     FrameKind m_kind{};
 };
 

@@ -298,8 +298,7 @@ void abandon_operation() {
 void serve() {
     std::string payload;
     while (receive_frame(server().socket, payload) == ReceiveResult::frame) {
-        FrameReader frame(std::move(payload));
-        payload.clear();
+        FrameReader frame(payload);
         switch (frame.kind()) {
         case FrameKind::get_info:
             answer_info();
@@ -355,7 +354,7 @@ bool start(pid_t parent) {
     std::string payload;
     if (receive_frame(server().socket, payload) != ReceiveResult::frame)
         return false;
-    FrameReader frame(std::move(payload));
+    FrameReader frame(payload);
     if (frame.kind() != FrameKind::start)
         return false;
     const std::string module_file = frame.text();

@@ -4,6 +4,7 @@
 
 #include <array>
 #include <cstring>
+#include <fmt/format.h>
 #include <zstd.h>
 
 namespace qrtln {
@@ -20,7 +21,7 @@ constexpr std::array<unsigned char, 6> frame_header = {0x28, 0xB5, 0x2F, 0xFD, 0
 void check(std::size_t result, const char* doing) {
     if (ZSTD_isError(result))
         throw ClientError(ExitCode::failed,
-                          std::string("cannot ") + doing + ": " + ZSTD_getErrorName(result));
+                          fmt::format("cannot {}: {}", doing, ZSTD_getErrorName(result)));
 }
 
 // A shorter one is left to the decompressor.

@@ -32,30 +32,26 @@ bool same_bytes(int left, int right) {
 
 } // namespace
 
-std::string object_file_name(const std::string& hash) {
-    return hash.substr(0, 2) + "/" + hash + ".zst";
-}
-
-DirectoryObjectWriter::DirectoryObjectWriter(DirectoryStore& store)
-    : m_store(store), m_temporary("incoming-" + std::to_string(store.m_next_temporary++) + ".tmp"),
+DirectoryObjectWriter::DirectoryObjectWriter(ObjectFolder& objects)
+    : m_objects(objects), m_temporary(objects.temporary_name()),
       m_compressor([this](Bytes compressed) { append(compressed); }) {
-    m_file = FileDescriptor(::openat(store.m_objects.get(), m_temporary.c_str(),
+    m_file = FileDescriptor(::openat(objects.descriptor(), m_temporary.c_str(),
                                      O_RDWR | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, 0600));
     if (!m_file) {
         m_temporary.clear();
-        store.fail("create an object", errno, "objects");
+        objects.place().fail("create an object", errno, "objects");
     }
-    (void)give_to_owner_of(store.m_folder.get(), m_file.get());
+    (void)give_to_owner_of(objects.store(), m_file.get());
 }
 
 DirectoryObjectWriter::~DirectoryObjectWriter() {
     if (!m_temporary.empty())
-        ::unlinkat(m_store.m_objects.get(), m_temporary.c_str(), 0);
+        ::unlinkat(m_objects.descriptor(), m_temporary.c_str(), 0);
 }
 
 void DirectoryObjectWriter::append(Bytes compressed) {
     if (int error = write_all(m_file.get(), compressed); error != 0)
-        m_store.fail("write an object", error);
+        m_objects.place().fail("write an object", error);
     m_stored_size += compressed.size();
 }
 
@@ -69,7 +65,7 @@ void DirectoryObjectWriter::write(Bytes bytes) {
 // good copy at hand, which mends older sets too.
 bool DirectoryObjectWriter::existing_is_whole(const std::string& name, const std::string& hash,
                                               std::uint64_t& stored_size) {
-    FileDescriptor existing(::openat(m_store.m_objects.get(), name.c_str(),
+    FileDescriptor existing(::openat(m_objects.descriptor(), name.c_str(),
                                      O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC));
     struct stat status {};
     if (!existing || ::fstat(existing.get(), &status) != 0 || !S_ISREG(status.st_mode))
@@ -79,7 +75,7 @@ bool DirectoryObjectWriter::existing_is_whole(const std::string& name, const std
         same_bytes(existing.get(), m_file.get()))
         return true;
     // Another version of the compressor may have written other bytes for the same content.
-    ObjectCheck check = m_store.read_object(hash, [](Bytes) {});
+    ObjectCheck check = m_objects.read(hash, [](Bytes) {});
     return check.problem.empty() && check.size == m_size;
 }
 
@@ -90,15 +86,12 @@ StoredObject DirectoryObjectWriter::finish() {
     object.size = m_size;
     object.stored_size = m_stored_size;
 
-    std::string folder = object.hash.substr(0, 2);
     std::string name = object_file_name(object.hash);
-    int objects = m_store.m_objects.get();
+    int objects = m_objects.descriptor();
+    const StorePlace& place = m_objects.place();
     // One that is taken for new is taken back with a run that fails.
-    bool exists = m_store.exists(objects, name);
-    // The folder is flushed even for an object that was there: the run that wrote it may have been
-    // killed before it did.
-    m_store.m_unflushed.insert(folder);
-    m_store.m_objects_unflushed = true;
+    bool exists = place.exists(objects, name);
+    m_objects.expect_flush(object.hash);
     if (exists) {
         std::uint64_t stored_size = 0;
         if (existing_is_whole(name, object.hash, stored_size)) {
@@ -106,19 +99,20 @@ StoredObject DirectoryObjectWriter::finish() {
             return object;
         }
     }
+    std::string folder = object.hash.substr(0, 2);
     if (::fsync(m_file.get()) != 0)
-        m_store.fail("flush an object", errno);
+        place.fail("flush an object", errno);
     if (int error = m_file.close_checked(); error != 0)
-        m_store.fail("close an object", error);
-    if (int error = make_folder(objects, folder, m_store.m_folder.get()); error != 0)
-        m_store.fail("create a folder for objects", error, "objects");
+        place.fail("close an object", error);
+    if (int error = make_folder(objects, folder, m_objects.store()); error != 0)
+        place.fail("create a folder for objects", error, "objects");
     if (::renameat(objects, m_temporary.c_str(), objects, name.c_str()) != 0)
-        m_store.fail("put an object in place", errno, "objects/" + folder);
+        place.fail("put an object in place", errno, "objects/" + folder);
     m_temporary.clear();
     object.added = true;
     // A mended object belongs to older sets: it is not taken back with this run.
     if (!exists)
-        m_store.m_added.push_back(name);
+        m_objects.note_added(name);
     return object;
 }
 

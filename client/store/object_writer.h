@@ -5,13 +5,15 @@
 #include "client/base/file_io.h"
 #include "client/store/compression.h"
 #include "client/store/digest.h"
-#include "client/store/directory_store.h"
+#include "client/store/object_folder.h"
+#include "client/store/store.h"
 
 namespace qrtln {
 
 class DirectoryObjectWriter final : public ObjectWriter {
   public:
-    explicit DirectoryObjectWriter(DirectoryStore& store);
+    // Throws ClientError where no file can be made. The folder outlives it.
+    explicit DirectoryObjectWriter(ObjectFolder& objects);
     ~DirectoryObjectWriter() override;
     void write(Bytes bytes) override;
     StoredObject finish() override;
@@ -21,7 +23,7 @@ class DirectoryObjectWriter final : public ObjectWriter {
     bool existing_is_whole(const std::string& name, const std::string& hash,
                            std::uint64_t& stored_size);
 
-    DirectoryStore& m_store;
+    ObjectFolder& m_objects;
     std::string m_temporary; // its name below objects/, empty once it is gone
     FileDescriptor m_file;
     Sha256 m_digest;
@@ -29,8 +31,5 @@ class DirectoryObjectWriter final : public ObjectWriter {
     std::uint64_t m_stored_size = 0;
     Compressor m_compressor;
 };
-
-// The name of an object's file below objects/.
-std::string object_file_name(const std::string& hash);
 
 } // namespace qrtln

@@ -11,6 +11,7 @@
 #include <csignal>
 #include <dirent.h>
 #include <fcntl.h>
+#include <fmt/format.h>
 #include <sys/file.h>
 #include <sys/stat.h>
 #include <vector>
@@ -23,9 +24,9 @@ constexpr std::string_view unfinished_proof_suffix = ".proof.tmp";
 
 [[noreturn]] void fail_state(const std::string& directory, const std::string& why,
                              const std::string& hint = {}) {
-    throw ClientError(ExitCode::failed,
-                      "cannot use the folder " + for_terminal(directory) + " of --state: " + why,
-                      hint);
+    throw ClientError(
+        ExitCode::failed,
+        fmt::format("cannot use the folder {} of --state: {}", for_terminal(directory), why), hint);
 }
 
 std::vector<std::string> names_in(const std::string& directory) {
@@ -39,23 +40,24 @@ std::vector<std::string> names_in(const std::string& directory) {
 // does no harm. A store has them, too.
 void require_new_or_ours(const std::string& given, const std::string& directory) {
     std::vector<std::string> names = names_in(directory);
-    bool ours = exists(directory + "/" + lock_file) && exists(directory + "/runtime") &&
-                !exists(directory + "/store.json");
+    bool ours = exists(fmt::format("{}/{}", directory, lock_file)) &&
+                exists(directory + "/runtime") && !exists(directory + "/store.json");
     std::erase_if(names, [](const std::string& name) { // of one that is being made
         return name == lock_file || name == "runtime";
     });
     if (!ours && !names.empty())
-        fail_state(given, "it is not empty, and '" + for_terminal(names[0]) + "' is no state",
+        fail_state(given,
+                   fmt::format("it is not empty, and '{}' is no state", for_terminal(names[0])),
                    "name a new or empty folder, or the one of an earlier run");
 }
 
 void remove_leftovers(const std::string& directory) {
     for (const std::string& name : names_in(directory))
         if (name.ends_with(unfinished_proof_suffix))
-            ::unlink((directory + "/" + name).c_str());
+            ::unlink((fmt::format("{}/{}", directory, name)).c_str());
     for (const std::string& name : names_in(directory + "/runtime"))
         if (is_unfinished(name))
-            ::unlink((directory + "/runtime/" + name).c_str());
+            ::unlink((fmt::format("{}/runtime/{}", directory, name)).c_str());
 }
 
 } // namespace
@@ -80,12 +82,13 @@ FileDescriptor lock_folder(int folder, const std::string& description,
             std::string who =
                 process > 0 ? "process " + std::to_string(process) : "another process";
             bool gone = process > 0 && ::kill(process, 0) != 0 && errno == ESRCH;
-            throw ClientError(ExitCode::locked,
-                              description + " is locked by " + who +
-                                  (gone ? ", which ended: its child still closes the operation on "
-                                          "the server"
-                                        : ""),
-                              "wait until it has ended");
+            throw ClientError(
+                ExitCode::locked,
+                fmt::format("{} is locked by {}{}", description, who,
+                            gone ? ", which ended: its child still closes the operation on "
+                                   "the server"
+                                 : ""),
+                "wait until it has ended");
         }
         // A run that created a store and failed removes the lock file: then this is the wrong one.
         struct stat locked {};
@@ -137,12 +140,13 @@ StateFolder::StateFolder(const StateRequest& request) {
     if (!request.writes)
         return;
     auto fail = [&](const std::string& doing, int error) {
-        fail_state(given, "cannot " + doing + ": " + system_error_text(error));
+        fail_state(given, fmt::format("cannot {}: {}", doing, system_error_text(error)));
     };
     FileDescriptor folder(::open(m_directory.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
     if (!folder)
         fail("open it", errno);
-    m_lock = lock_folder(folder.get(), "the folder " + for_terminal(given) + " of --state", fail);
+    m_lock = lock_folder(folder.get(), fmt::format("the folder {} of --state", for_terminal(given)),
+                         fail);
     if (::mkdirat(folder.get(), "runtime", 0700) != 0 && errno != EEXIST)
         fail("create the folder runtime", errno);
     // What a run leaves unfinished on the server is only known from here.

@@ -1,6 +1,7 @@
-#include "client/acceptance/probe.h"
+#include "client/acceptance/probe_runner.h"
 
 #include "client/acceptance/probe_process.h"
+#include "client/acceptance/teller.h"
 #include "client/base/error.h"
 #include "client/base/file_descriptor.h"
 #include "client/base/interrupt.h"
@@ -12,6 +13,7 @@
 #include <cstdio>
 #include <cstring>
 #include <fcntl.h>
+#include <fmt/format.h>
 #include <map>
 #include <poll.h>
 #include <sys/socket.h>
@@ -178,10 +180,10 @@ void RunningProbe::tell_output(bool hide) {
         m_library_text.pop_back();
     if (m_library_bytes == 0)
         return;
-    std::string text = "the library wrote " + std::to_string(m_library_bytes) + " bytes";
+    std::string text = fmt::format("the library wrote {} bytes", m_library_bytes);
     if (!hide)
-        text +=
-            ": " + printable_utf8(m_library_text) + (m_library_bytes > kept_output ? " ..." : "");
+        text += fmt::format(": {}{}", printable_utf8(m_library_text),
+                            m_library_bytes > kept_output ? " ..." : "");
     m_report.add({m_step, "output", Verdict::told, text, {}, false});
 }
 
@@ -190,19 +192,19 @@ void RunningProbe::tell_end(int status, bool silent) {
     const char* name = "ended";
     if (silent) {
         name = "hang";
-        text = "no answer for " + std::to_string(m_limit.count()) + " s from " + m_call +
-               "; the process was ended";
+        text = fmt::format("no answer for {} s from {}; the process was ended", m_limit.count(),
+                           m_call);
     } else if (WIFSIGNALED(status)) {
         name = "crash";
-        text = "the library crashed with signal " + std::to_string(WTERMSIG(status)) + " (" +
-               ::strsignal(WTERMSIG(status)) + ") in " + m_call;
+        text = fmt::format("the library crashed with signal {} ({}) in {}", WTERMSIG(status),
+                           ::strsignal(WTERMSIG(status)), m_call);
     } else if (WEXITSTATUS(status) == loader_failed && m_call == first_call) {
         name = "library";
         text = "the process for it does not start: a library in the server's program directory "
                "stands in for one of the system's";
     } else {
-        text = "the library ended the process with exit status " +
-               std::to_string(WEXITSTATUS(status)) + " in " + m_call;
+        text = fmt::format("the library ended the process with exit status {} in {}",
+                           WEXITSTATUS(status), m_call);
     }
     m_report.add({m_step, name, Verdict::stop, text, {}, false});
 }
@@ -228,8 +230,9 @@ bool RunningProbe::wait(bool hide_output) {
             std::chrono::ceil<std::chrono::milliseconds>(m_last_message + m_limit - Clock::now());
         (void)::poll(ready, 3, std::max(0, static_cast<int>(left.count())));
         if (interrupt_signal() != 0) {
-            print_message("waiting for the server's library: " + for_terminal(m_call) +
-                          " (a second signal ends its process at once)");
+            print_message(fmt::format(
+                "waiting for the server's library: {} (a second signal ends its process at once)",
+                for_terminal(m_call)));
             end_process();
             tell_what_is_left();
             throw_if_interrupted();

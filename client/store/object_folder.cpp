@@ -1,0 +1,136 @@
+#include "client/store/object_folder.h"
+
+#include "client/base/error.h"
+#include "client/base/file_io.h"
+#include "client/base/permission.h"
+#include "client/base/text.h"
+#include "client/store/compression.h"
+#include "client/store/digest.h"
+#include "client/store/state_folder.h"
+
+#include <algorithm>
+#include <cerrno>
+#include <fcntl.h>
+#include <fmt/format.h>
+#include <string_view>
+#include <sys/stat.h>
+#include <unistd.h>
+
+namespace qrtln {
+
+namespace {
+
+constexpr std::string_view object_suffix = ".zst";
+
+// Objects lie in folders by the beginnings of their hashes.
+std::string folder_of_hash(const std::string& hash) {
+    return hash.substr(0, 2);
+}
+
+} // namespace
+
+std::string object_file_name(const std::string& hash) {
+    return fmt::format("{}/{}{}", folder_of_hash(hash), hash, object_suffix);
+}
+
+void ObjectFolder::open(FileDescriptor folder, int store) {
+    m_folder = std::move(folder);
+    m_store = store;
+}
+
+std::string ObjectFolder::temporary_name() {
+    return fmt::format("incoming-{}{}", m_next_temporary++, temporary_suffix);
+}
+
+void ObjectFolder::expect_flush(const std::string& hash) {
+    m_unflushed.insert(folder_of_hash(hash));
+    m_itself_unflushed = true;
+}
+
+ObjectCheck ObjectFolder::read(const std::string& hash,
+                               const std::function<void(Bytes)>& sink) const {
+    ObjectCheck check;
+    FileDescriptor file(::openat(m_folder.get(), object_file_name(hash).c_str(),
+                                 O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC));
+    struct stat status {};
+    if (!file || ::fstat(file.get(), &status) != 0) {
+        int error = errno;
+        throw_if_no_permission("read an object", m_place.path("objects/" + object_file_name(hash)),
+                               error);
+        check.problem =
+            error == ENOENT ? "is missing" : "cannot be opened: " + system_error_text(error);
+        m_place.require_there();
+        return check;
+    }
+    if (!S_ISREG(status.st_mode)) {
+        check.problem = "is no file";
+        return check;
+    }
+    Sha256 digest;
+    check.problem = decompress(file.get(), [&](Bytes bytes) {
+        digest.update(bytes);
+        check.size += bytes.size();
+        sink(bytes);
+    });
+    if (check.problem.empty() && digest.finish() != hash)
+        check.problem = "does not have the content that its name tells";
+    if (!check.problem.empty())
+        m_place.require_there();
+    return check;
+}
+
+std::vector<std::string> ObjectFolder::list(std::vector<std::string>* foreign) const {
+    std::vector<std::string> hashes;
+    for (const std::string& folder : m_place.list_folder(m_folder.get(), ".")) {
+        bool object_folder = folder.size() == 2 && from_hex(folder).has_value();
+        if (!object_folder) {
+            if (foreign != nullptr)
+                foreign->push_back("objects/" + folder);
+            continue;
+        }
+        const std::string shown = fmt::format("objects/{}/", folder);
+        for (const std::string& name : m_place.list_folder(m_folder.get(), folder)) {
+            std::string hash = name.substr(0, name.rfind('.'));
+            if (name == hash + std::string(object_suffix) && is_sha256_hex(hash) &&
+                hash.starts_with(folder))
+                hashes.push_back(hash);
+            else if (foreign != nullptr)
+                foreign->push_back(shown + name);
+        }
+    }
+    return hashes;
+}
+
+bool ObjectFolder::has(const std::string& hash, std::uint64_t stored_size) const {
+    struct stat status {};
+    return ::fstatat(m_folder.get(), object_file_name(hash).c_str(), &status,
+                     AT_SYMLINK_NOFOLLOW) == 0 &&
+           S_ISREG(status.st_mode) && static_cast<std::uint64_t>(status.st_size) == stored_size;
+}
+
+void ObjectFolder::flush() {
+    for (const std::string& folder : m_unflushed)
+        if (int error = flush_directory(m_folder.get(), folder); error != 0)
+            m_place.fail("flush the folder objects/" + folder, error);
+    m_unflushed.clear();
+    if (int error = m_itself_unflushed ? flush_folder(m_folder.get()) : 0; error != 0)
+        m_place.fail("flush the folder objects", error);
+    m_itself_unflushed = false;
+}
+
+void ObjectFolder::discard(const std::string& hash) noexcept {
+    // Its folder stays: it is flushed with the others.
+    if (auto added = std::find(m_added.begin(), m_added.end(), object_file_name(hash));
+        added != m_added.end() && ::unlinkat(m_folder.get(), added->c_str(), 0) == 0)
+        m_added.erase(added);
+}
+
+void ObjectFolder::discard_added() noexcept {
+    for (const std::string& name : m_added) {
+        ::unlinkat(m_folder.get(), name.c_str(), 0);
+        ::unlinkat(m_folder.get(), folder_of_hash(name).c_str(), AT_REMOVEDIR); // when it is empty
+    }
+    m_added.clear();
+}
+
+} // namespace qrtln

@@ -1,0 +1,66 @@
+// The folder of a store that holds its objects, a file each, and what this run did there: what it
+// added, which is taken back when it fails, and what is not flushed yet.
+#pragma once
+
+#include "client/base/file_descriptor.h"
+#include "client/store/store.h"
+#include "client/store/store_place.h"
+
+#include <cstdint>
+#include <functional>
+#include <set>
+#include <string>
+#include <vector>
+
+namespace qrtln {
+
+// The name of an object's file below objects/.
+std::string object_file_name(const std::string& hash);
+
+class ObjectFolder {
+  public:
+    // `place` outlives it.
+    explicit ObjectFolder(const StorePlace& place) : m_place(place) {}
+
+    // Takes the open folder objects/, and the one of the store, whose owner new files get.
+    void open(FileDescriptor folder, int store);
+    bool is_open() const { return static_cast<bool>(m_folder); }
+
+    // As the functions of the Store say. REQUIRES for these and everything below: it is open.
+    ObjectCheck read(const std::string& hash, const std::function<void(Bytes)>& sink) const;
+    bool has(const std::string& hash, std::uint64_t stored_size) const;
+    std::vector<std::string> list(std::vector<std::string>* foreign) const;
+
+    // --- for the writer of an object
+    const StorePlace& place() const { return m_place; }
+    int descriptor() const { return m_folder.get(); }
+    int store() const { return m_store; }
+    // A name for a file that is being written: it is unlike that of any other of this run.
+    std::string temporary_name();
+    // The folder of a hash is to be flushed, and objects/ itself. Also for an object that was
+    // there: the run that wrote it may have been killed before it did that.
+    void expect_flush(const std::string& hash);
+    // A new object lies under its name below objects/, and is taken back with this run.
+    void note_added(const std::string& name) { m_added.push_back(name); }
+
+    // --- the run
+    // Flushes every folder that an object went to. Throws ClientError.
+    void flush();
+    // Removes an object that this run added; any other stays.
+    void discard(const std::string& hash) noexcept;
+    // Removes all of them, as far as that goes.
+    void discard_added() noexcept;
+    // They stay from here on.
+    void keep_added() noexcept { m_added.clear(); }
+
+  private:
+    const StorePlace& m_place;
+    FileDescriptor m_folder;
+    int m_store = -1;
+    unsigned m_next_temporary = 0;
+    std::vector<std::string> m_added;  // names below objects/
+    std::set<std::string> m_unflushed; // folders below objects/ that a rename changed
+    bool m_itself_unflushed = false;   // objects/
+};
+
+} // namespace qrtln
