@@ -1,5 +1,6 @@
 #include "client/acceptance/links_check.h"
 
+#include "client/backup/directory_links.h"
 #include "client/backup/system_files.h"
 #include "client/base/paths.h"
 #include "client/base/text.h"

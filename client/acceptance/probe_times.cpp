@@ -2,6 +2,7 @@
 
 #include "client/acceptance/notes_runtime.h"
 #include "client/base/text.h"
+#include "client/domino/local_time.h"
 
 #include <algorithm>
 #include <cstdlib>
@@ -45,16 +46,7 @@ std::time_t moment_in(int month) {
 
 // The present, or a little before where the clock shows it twice: that has two readings.
 std::time_t present() {
-    std::time_t now = std::time(nullptr) / 60 * 60;
-    struct tm local {};
-    ::localtime_r(&now, &local);
-    struct tm other = local;
-    other.tm_isdst = local.tm_isdst > 0 ? 0 : 1;
-    const std::time_t other_reading = ::mktime(&other);
-    ::localtime_r(&other_reading, &other);
-    const bool twice =
-        other_reading != now && other.tm_hour == local.tm_hour && other.tm_mday == local.tm_mday;
-    return twice ? now - 3 * 3600 : now;
+    return shown_once_until(std::time(nullptr) / 60 * 60);
 }
 
 std::string field(const char* text, std::size_t size) {

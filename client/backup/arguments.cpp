@@ -14,6 +14,7 @@
 #include <array>
 #include <cerrno>
 #include <dirent.h>
+#include <fmt/format.h>
 #include <fnmatch.h>
 #include <map>
 #include <memory>
@@ -26,16 +27,14 @@ namespace qrtln {
 
 namespace {
 
-constexpr std::string_view value_prefix = "QRTLN:";
-
 std::string_view last_component(std::string_view path) {
     return path.substr(path.rfind('/') + 1);
 }
 
 [[noreturn]] void refuse_argument(const std::string& given, const std::string& reason,
                                   const std::string& hint = {}) {
-    throw ClientError(ExitCode::failed, "cannot back up '" + for_terminal(given) + "': " + reason,
-                      hint);
+    throw ClientError(ExitCode::failed,
+                      fmt::format("cannot back up '{}': {}", for_terminal(given), reason), hint);
 }
 
 // The module cuts the data directory's text off each path, so a path must begin with that text. One
@@ -74,27 +73,24 @@ DatabaseArgument resolve(const std::string& given, const std::string& data_direc
     struct stat status {};
     if (::stat(argument.path.c_str(), &status) != 0)
         refuse_argument(
-            given, system_error_text(errno) + " (" + for_terminal(argument.path) + ")",
+            given, fmt::format("{} ({})", system_error_text(errno), for_terminal(argument.path)),
             given.find('*') != std::string::npos
                 ? "names are taken as they are: name the databases, or the folder they are in"
                 : "relative names are below the data directory " + for_terminal(data_directory));
     argument.directory = S_ISDIR(status.st_mode);
-    std::string escaped = escape_last_component(argument.path);
-    if (argument.directory &&
-        (escaped != argument.path || argument.path.find('*') != std::string::npos)) {
+    argument.value = database_value(argument.path);
+    if (argument.directory && is_pattern(argument.path)) {
         // A folder's name is taken literally only when a pattern follows it.
         if (!folder_has_match(argument.path))
             refuse_argument(given,
                             "the folder holds no name with a dot in it, and its own name has "
                             "characters of a pattern",
                             "name the folders below it");
-        escaped = argument.path + "/*.*";
+        argument.value = folder_content_value(argument.path);
     }
-    argument.value = std::string(value_prefix) + escaped;
     if (argument.value.size() >= module_path_size)
-        refuse_argument(given, "the path is longer than the module takes (" +
-                                   std::to_string(module_path_size - 1 - value_prefix.size()) +
-                                   " bytes)");
+        refuse_argument(given, fmt::format("the path is longer than the module takes ({} bytes)",
+                                           maximal_database_path()));
     return argument;
 }
 

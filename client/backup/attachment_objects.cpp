@@ -11,6 +11,7 @@
 #include <algorithm>
 #include <cerrno>
 #include <dirent.h>
+#include <fmt/format.h>
 #include <memory>
 #include <optional>
 #include <sys/stat.h>
@@ -170,12 +171,13 @@ void AttachmentObjects::require_folder(ObjectPlan& plan, const std::set<std::str
                             [&](const ManifestItem& item) { return item.path == folder; });
     if (!none_there || !expected || told || m_search.folder_may_be_empty || m_search.comes_first)
         return;
-    plan.failed.push_back(failed_item(
-        folder, ItemKind::directory,
-        std::string(exists(folder) ? "the folder holds no attachment object"
-                                   : "the folder of the attachment objects is missing") +
-            ", but the sets have " + std::to_string(m_held.size()) +
-            ": mount its disk; if they were removed for good, say --removed " + folder));
+    plan.failed.push_back(
+        failed_item(folder, ItemKind::directory,
+                    fmt::format("{}, but the sets have {}: mount its disk; if they were removed "
+                                "for good, say --removed {}",
+                                exists(folder) ? "the folder holds no attachment object"
+                                               : "the folder of the attachment objects is missing",
+                                m_held.size(), folder)));
 }
 
 ObjectPlan AttachmentObjects::plan() {
@@ -270,10 +272,10 @@ NeededObjects needed_objects(Store& store, const ServerScope& scope,
 std::string needed_objects_text(const NeededObjects& needed) {
     if (needed.missing == 0)
         return {};
-    return "the restored databases may need attachment objects: " + std::to_string(needed.missing) +
-           " of " + std::to_string(needed.held) + " that the sets hold are missing in " +
-           for_terminal(needed.folder) + ";\n`qrtln restore ... " + for_terminal(needed.folder) +
-           "` brings them back\n";
+    return fmt::format("the restored databases may need attachment objects: {} of {} that the sets "
+                       "hold are missing in {};\n`qrtln restore ... {}` brings them back\n",
+                       needed.missing, needed.held, for_terminal(needed.folder),
+                       for_terminal(needed.folder));
 }
 
 nlohmann::json needed_objects_json(const NeededObjects& needed) {

@@ -1,6 +1,7 @@
 #include "client/backup/log_session.h"
 
 #include "client/base/interrupt.h"
+#include "client/module/control_variables.h"
 #include "client/module/host.h"
 
 #include <utility>
@@ -23,8 +24,9 @@ LogSession::LogSession(const OperationContext& context, const std::string& folde
 
 bool LogSession::take(const std::function<bool(const std::string& path)>& wanted,
                       const std::function<void(const std::string& path)>& store) {
-    int status = m_session.init(DB_TYPE_BCK, DB_LEVEL_INCR,
-                                {"TMP_DIR=" + m_context.runtime_directory, "DATABASE=NOTES"});
+    int status =
+        m_session.init(DB_TYPE_BCK, DB_LEVEL_INCR,
+                       {tmp_dir_variable(m_context.runtime_directory), whole_server_variable});
     while (status == DB_NUM_I_OK) {
         throw_if_interrupted();
         m_session.forget_reasons();

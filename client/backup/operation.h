@@ -9,7 +9,7 @@
 
 #include "client/backup/arguments.h"
 #include "client/backup/busy_wait.h"
-#include "client/backup/system_files.h"
+#include "client/backup/path_rules.h"
 #include "client/module/session.h"
 #include "client/sets/index_guard.h"
 #include "client/sets/manifest.h"

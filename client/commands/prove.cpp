@@ -42,15 +42,7 @@ constexpr const char* proof_journal_name = "/proof.json";
 
 // A moment behind everything that the set holds, which local time names unmistakably.
 std::int64_t moment_behind(const Manifest& manifest) {
-    std::int64_t moment = complete_at(manifest);
-    for (;;) {
-        try {
-            (void)rollforward_value(moment);
-            return moment;
-        } catch (const ClientError&) {
-            moment += quarter_hour; // an hour that the clock repeats
-        }
-    }
+    return shown_once_from(complete_at(manifest));
 }
 
 // What is proven: a set, or the whole server as all sets have it.
@@ -131,7 +123,7 @@ std::vector<ProofFailure> read_databases(const OperationContext& context,
     std::map<std::string, std::string> values; // likewise
     for (const DatabaseRecovery& database : databases) {
         paths[database.target] = database.path;
-        values[database.target] = "QRTLN:" + escape_last_component(database.target);
+        values[database.target] = database_value(database.target);
     }
     if (values.empty())
         return failures;

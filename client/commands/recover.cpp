@@ -11,6 +11,7 @@
 #include "client/commands/server.h"
 #include "client/domino/point_in_time.h"
 #include "client/domino/server_user.h"
+#include "client/module/control_variables.h"
 #include "client/module/temporary_directory.h"
 #include "client/recovery/journal.h"
 #include "client/recovery/operation.h"

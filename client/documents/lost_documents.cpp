@@ -9,6 +9,7 @@
 
 #include <algorithm>
 #include <fcntl.h>
+#include <fmt/format.h>
 
 namespace qrtln {
 
@@ -66,8 +67,8 @@ LostDocumentsFile::LostDocumentsFile(const Store& store)
         problem = printable_utf8(failure.what());
     }
     throw ClientError(ExitCode::failed,
-                      "the note of documents that are not back, " + for_terminal(m_file) + ", " +
-                          problem,
+                      fmt::format("the note of documents that are not back, {}, {}",
+                                  for_terminal(m_file), problem),
                       "what `qrtln documents deleted` brings back is not lost; then move the file "
                       "away");
 }
@@ -95,9 +96,10 @@ void LostDocumentsFile::put(const LostDocuments& lost) {
             ::unlink(m_file.c_str()) == 0 ? flush_directory(AT_FDCWD, folder_of(m_file)) : errno;
     throw_if_no_permission("write the note of documents that are not back", m_file, error, true);
     if (error != 0)
-        throw ClientError(ExitCode::failed,
-                          "cannot write the note of documents that are not back, " +
-                              for_terminal(m_file) + ": " + system_error_text(error));
+        throw ClientError(
+            ExitCode::failed,
+            fmt::format("cannot write the note of documents that are not back, {}: {}",
+                        for_terminal(m_file), system_error_text(error)));
     m_entries = std::move(entries);
 }
 

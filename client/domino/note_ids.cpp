@@ -11,6 +11,7 @@
 #include <charconv>
 #include <cstdio>
 #include <fcntl.h>
+#include <fmt/format.h>
 #include <set>
 #include <sys/stat.h>
 
@@ -41,8 +42,8 @@ bool read_id(std::string_view line, NoteId& id) {
 [[noreturn]] void refuse_line(const std::string& source, std::size_t number, std::string_view line,
                               const std::string& reason) {
     throw ClientError(ExitCode::usage,
-                      source + ", line " + std::to_string(number) + ": '" +
-                          for_terminal(line.substr(0, shown_length)) + "' " + reason,
+                      fmt::format("{}, line {}: '{}' {}", source, number,
+                                  for_terminal(line.substr(0, shown_length)), reason),
                       "one note id a line: decimal, or hexadecimal as 0x8F6 or NT000008F6");
 }
 
@@ -50,12 +51,12 @@ std::string read_everything(int fd, const std::string& source) {
     std::string text(largest_file + 1, '\0');
     ssize_t got = read_up_to(fd, std::as_writable_bytes(std::span<char>(text)));
     if (got < 0)
-        throw ClientError(ExitCode::failed, "cannot read " + source + ": " +
-                                                system_error_text(static_cast<int>(-got)));
+        throw ClientError(ExitCode::failed, fmt::format("cannot read {}: {}", source,
+                                                        system_error_text(static_cast<int>(-got))));
     text.resize(static_cast<std::size_t>(got));
     if (text.size() > largest_file)
-        throw ClientError(ExitCode::usage, source + " is larger than " + human_bytes(largest_file) +
-                                               ": no list of note ids");
+        throw ClientError(ExitCode::usage, fmt::format("{} is larger than {}: no list of note ids",
+                                                       source, human_bytes(largest_file)));
     return text;
 }
 
@@ -98,8 +99,8 @@ std::vector<NoteId> read_note_ids(const std::string& file) {
     std::string source = for_terminal(file);
     FileDescriptor list(::open(file.c_str(), O_RDONLY | O_CLOEXEC));
     if (!list)
-        throw ClientError(ExitCode::usage, "cannot open the list of note ids " + source + ": " +
-                                               system_error_text(errno));
+        throw ClientError(ExitCode::usage, fmt::format("cannot open the list of note ids {}: {}",
+                                                       source, system_error_text(errno)));
     return parse_note_ids(read_everything(list.get(), source), source);
 }
 
@@ -124,9 +125,9 @@ void NoteIdList::place(const std::vector<NoteId>& ids) {
     if (!file && errno == EEXIST)
         require_none();
     auto fail = [this](int error) {
-        throw ClientError(ExitCode::failed, "cannot write the list of note ids " +
-                                                for_terminal(m_path) + ": " +
-                                                system_error_text(error));
+        throw ClientError(ExitCode::failed,
+                          fmt::format("cannot write the list of note ids {}: {}",
+                                      for_terminal(m_path), system_error_text(error)));
     };
     struct stat status {};
     if (!file)

@@ -10,6 +10,7 @@
 #include <cctype>
 #include <cstdlib>
 #include <fcntl.h>
+#include <fmt/format.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -65,10 +66,11 @@ NotesIni load_notes_ini(const std::string& file, bool data_directory_may_be_miss
     if (resolved)
         content = read_small_file(AT_FDCWD, *resolved, maximal_size);
     if (!content)
-        throw ClientError(ExitCode::server_error,
-                          "cannot read the notes.ini " + shown + ": " +
-                              (errno == EINVAL ? "it is not a file" : system_error_text(errno)),
-                          "name the server's notes.ini with --notes-ini");
+        throw ClientError(
+            ExitCode::server_error,
+            fmt::format("cannot read the notes.ini {}: {}", shown,
+                        errno == EINVAL ? "it is not a file" : system_error_text(errno)),
+            "name the server's notes.ini with --notes-ini");
     auto variables = parse_notes_ini(*content);
     ini.data_directory = directory_value(variables, "directory");
     ini.program_directory = directory_value(variables, "notesprogram");
@@ -79,13 +81,14 @@ NotesIni load_notes_ini(const std::string& file, bool data_directory_may_be_miss
     ini.server_name = host_name();
     ini.sets = {ini.server_name, ini.own_name, ini.data_directory, ini.data_directory};
     if (!ini.data_directory.starts_with('/'))
-        throw ClientError(ExitCode::server_error,
-                          ini.data_directory.empty()
-                              ? "the notes.ini " + shown + " does not set Directory"
-                              : "the notes.ini " + shown + " sets Directory to '" +
-                                    for_terminal(ini.data_directory) +
-                                    "', which is not an absolute path",
-                          "name the notes.ini of a server with --notes-ini");
+        throw ClientError(
+            ExitCode::server_error,
+            ini.data_directory.empty()
+                ? fmt::format("the notes.ini {} does not set Directory", shown)
+                : fmt::format(
+                      "the notes.ini {} sets Directory to '{}', which is not an absolute path",
+                      shown, for_terminal(ini.data_directory)),
+            "name the notes.ini of a server with --notes-ini");
     std::string objects = directory_value(variables, "daosbasepath");
     if (objects.empty())
         objects = "DAOS";
@@ -100,8 +103,9 @@ NotesIni load_notes_ini(const std::string& file, bool data_directory_may_be_miss
                                                                  : ENOTDIR;
     if (error != 0 && !(data_directory_may_be_missing && error == ENOENT))
         throw ClientError(ExitCode::server_error,
-                          "cannot open the data directory " + for_terminal(ini.data_directory) +
-                              " of " + shown + ": " + system_error_text(error),
+                          fmt::format("cannot open the data directory {} of {}: {}",
+                                      for_terminal(ini.data_directory), shown,
+                                      system_error_text(error)),
                           "is the server's disk mounted, and is this its notes.ini?");
     return ini;
 }

@@ -4,6 +4,7 @@
 #include "client/base/file_io.h"
 #include "client/domino/database_names.h"
 
+#include <fmt/format.h>
 #include <grp.h>
 #include <pwd.h>
 #include <strings.h>
@@ -34,7 +35,7 @@ ManifestItem OriginalReader::look_at(const std::string& path) {
     if (S_ISDIR(status.st_mode))
         item.kind = ItemKind::directory;
     else if (!S_ISREG(status.st_mode))
-        item.reason = std::string("it is ") + file_type_name(status.st_mode) + ", no file";
+        item.reason = fmt::format("it is {}, no file", file_type_name(status.st_mode));
     return item;
 }
 

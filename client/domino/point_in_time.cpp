@@ -3,24 +3,18 @@
 #include "client/base/error.h"
 #include "client/base/text.h"
 
-#include <array>
-#include <cstdio>
-#include <set>
+#include <fmt/format.h>
 #include <string_view>
+#include <vector>
 
 namespace qrtln {
 
 namespace {
 
-bool same_fields(const std::tm& a, const std::tm& b) {
-    return a.tm_year == b.tm_year && a.tm_mon == b.tm_mon && a.tm_mday == b.tm_mday &&
-           a.tm_hour == b.tm_hour && a.tm_min == b.tm_min && a.tm_sec == b.tm_sec;
-}
-
 [[noreturn]] void refuse_time(const std::string& text, const std::string& option,
                               const std::string& reason, const std::string& hint = {}) {
     throw ClientError(
-        ExitCode::usage, option + " '" + for_terminal(text) + "': " + reason,
+        ExitCode::usage, fmt::format("{} '{}': {}", option, for_terminal(text), reason),
         !hint.empty() ? hint
                       : "give the time as \"2026-11-21T02:49:23Z\", with +01:00 or the like for "
                         "another zone than UTC, as local time \"2026-11-21 02:49:23\" or "
@@ -121,15 +115,18 @@ std::time_t read_local(const std::string& text, const std::string& option, const
         return times.front();
     bool skipped = times.empty();
     if (skipped)
-        for (int summer : {1, 0}) { // the clock as it was before, and as it is after
-            std::tm copy = fields;
-            copy.tm_isdst = summer;
-            times.push_back(::mktime(&copy));
-        }
+        times = times_beside_skipped(fields);
     refuse_time(text, option,
                 skipped ? "the clock skips this time" : "the clock shows this time twice",
-                "give it with its zone: " + zoned_time(times.front()) +
-                    (times.back() == times.front() ? "" : " or " + zoned_time(times.back())));
+                fmt::format("give it with its zone: {}{}", zoned_time(times.front()),
+                            times.size() == 1 ? "" : " or " + zoned_time(times.back())));
+}
+
+// Whether a calendar has this date, and a day this time.
+bool exists_as_written(const std::tm& fields, const std::tm& normal) {
+    return normal.tm_year == fields.tm_year && normal.tm_mon == fields.tm_mon &&
+           normal.tm_mday == fields.tm_mday && normal.tm_hour == fields.tm_hour &&
+           normal.tm_min == fields.tm_min && normal.tm_sec == fields.tm_sec;
 }
 
 } // namespace
@@ -144,7 +141,7 @@ Moment parse_moment(const std::string& text, const std::string& option) {
         refuse_time(text, option, "fractions of a second are not taken");
     std::tm normal = written->fields;
     std::time_t as_utc = ::timegm(&normal);
-    if (!same_fields(normal, written->fields) || !written->zone_exists)
+    if (!exists_as_written(written->fields, normal) || !written->zone_exists)
         refuse_time(text, option, "there is no such time");
     Moment moment;
     moment.time =
@@ -154,77 +151,26 @@ Moment parse_moment(const std::string& text, const std::string& option) {
     return moment;
 }
 
-std::string zoned_time(std::time_t time) {
-    std::tm local{};
-    std::array<char, 32> text{};
-    if (::localtime_r(&time, &local) == nullptr || local.tm_gmtoff % 60 != 0 ||
-        std::strftime(text.data(), text.size(), "%Y-%m-%dT%H:%M:%S", &local) == 0)
-        return utc_time(time);
-    long minutes = (local.tm_gmtoff < 0 ? -local.tm_gmtoff : local.tm_gmtoff) / 60;
-    std::array<char, 32> zone{};
-    std::snprintf(zone.data(), zone.size(), "%c%02ld:%02ld", local.tm_gmtoff < 0 ? '-' : '+',
-                  minutes / 60, minutes % 60);
-    return std::string(text.data()) + zone.data();
-}
-
-std::vector<std::time_t> times_shown_as(const std::tm& local) {
-    std::set<std::time_t> times;
-    auto take = [&](std::time_t time) {
-        std::tm shown{};
-        if (::localtime_r(&time, &shown) != nullptr && same_fields(shown, local))
-            times.insert(time);
-    };
-    for (int summer : {0, 1}) {
-        std::tm copy = local;
-        copy.tm_isdst = summer;
-        if (std::time_t time = ::mktime(&copy); time != -1)
-            take(time);
-    }
-    // A zone may change for good, without a summer time.
-    if (!times.empty())
-        for (std::time_t first = *times.begin(), shift = -longest_repetition;
-             shift <= longest_repetition; shift += quarter_hour)
-            take(first + shift);
-    return {times.begin(), times.end()};
-}
-
-std::string times_shown_once_beside(std::time_t time) {
-    auto shown_once = [](std::time_t at) {
-        std::tm local{};
-        return ::localtime_r(&at, &local) == nullptr || times_shown_as(local).size() == 1;
-    };
-    // Clocks are changed at a quarter of an hour.
-    std::time_t before = time - time % quarter_hour;
-    std::time_t after = before;
-    while (!shown_once(before))
-        before -= quarter_hour;
-    while (!shown_once(after))
-        after += quarter_hour;
-    return zoned_time(before + quarter_hour - 1) + " or before, " + zoned_time(after) + " or later";
-}
-
 std::optional<PointInTime> point_in_time(std::time_t time) {
     std::tm local{};
-    if (time < 0 || ::localtime_r(&time, &local) == nullptr || local.tm_year > 8099)
+    if (time < 0 || ::localtime_r(&time, &local) == nullptr)
         return std::nullopt;
     PointInTime point;
     point.cut = local.tm_sec != 0;
     point.time = time - local.tm_sec;
-    local.tm_sec = 0;
-    if (times_shown_as(local) != std::vector<std::time_t>{point.time})
+    std::optional<std::string> digits = local_digits(point.time);
+    if (!digits || !is_shown_once(point.time))
         return std::nullopt;
-    std::array<char, 16> digits{};
-    if (std::strftime(digits.data(), digits.size(), "%Y%m%d%H%M", &local) == 0)
-        return std::nullopt;
-    point.digits = digits.data();
+    point.digits = digits->substr(0, digits->size() - 2);
     return point;
 }
 
 PointInTime parse_since(const std::string& text, std::time_t now) {
     Moment moment = parse_moment(text, "--since");
     if (moment.time > now)
-        throw ClientError(ExitCode::usage, "--since '" + for_terminal(text) +
-                                               "' is in the future: nothing has changed since");
+        throw ClientError(ExitCode::usage,
+                          fmt::format("--since '{}' is in the future: nothing has changed since",
+                                      for_terminal(text)));
     std::optional<PointInTime> point = point_in_time(moment.time);
     if (!point && moment.time < 0)
         refuse_time(text, "--since", "the server takes no time before 1970");

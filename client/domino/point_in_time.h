@@ -2,17 +2,14 @@
 // takes.
 #pragma once
 
+#include "client/domino/local_time.h"
+
 #include <cstdint>
 #include <ctime>
 #include <optional>
 #include <string>
-#include <vector>
 
 namespace qrtln {
-
-// Clocks are set by whole ones, and none was ever set back by more than a day.
-inline constexpr std::time_t quarter_hour = 900;
-inline constexpr std::time_t longest_repetition = 24 * 3600;
 
 // A time that was given: the moment up to which copies count, changes are replayed, or from which
 // on they are wanted.
@@ -27,17 +24,6 @@ struct Moment {
 // ClientError(usage) that names `option` for anything else, for dates that do not exist, and for
 // local times that the clock skips or shows twice, with both readings.
 Moment parse_moment(const std::string& text, const std::string& option);
-
-// "2026-11-21T03:49:23+01:00": local time with its zone.
-std::string zoned_time(std::time_t time);
-
-// The times, earliest first, that the clock shows as these local fields: none where it skips them,
-// several where it repeats them. tm_isdst is ignored.
-std::vector<std::time_t> times_shown_as(const std::tm& local);
-
-// Of a time that the clock shows twice: the last one before and the first one after it that it
-// shows once, "2026-10-25T01:59:59+02:00 or before, 2026-10-25T03:00:00+01:00 or later".
-std::string times_shown_once_beside(std::time_t time);
 
 struct PointInTime {
     std::time_t time = 0; // the start of a minute

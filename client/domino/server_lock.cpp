@@ -13,6 +13,7 @@
 #include <cstdio>
 #include <ctime>
 #include <fcntl.h>
+#include <fmt/format.h>
 #include <fstream>
 #include <iterator>
 #include <sstream>
@@ -43,7 +44,7 @@ bool is_same_folder(const std::string& one, const std::string& other) {
 
 // The command line of a process, for a person; empty where it cannot be read.
 std::string command_of(const std::string& process) {
-    std::ifstream file("/proc/" + process + "/cmdline", std::ios::binary);
+    std::ifstream file(fmt::format("/proc/{}/cmdline", process), std::ios::binary);
     std::string text{std::istreambuf_iterator<char>(file), {}};
     while (!text.empty() && text.back() == '\0')
         text.pop_back();
@@ -68,8 +69,9 @@ std::string holder_of(const std::string& path) {
         if (kind != "FLOCK" || where != place)
             continue;
         std::string command = command_of(process);
-        return "process " + process +
-               (command.empty() ? ", or one that it left" : " (" + command + ")");
+        return fmt::format("process {}{}", process,
+                           command.empty() ? ", or one that it left"
+                                           : fmt::format(" ({})", command));
     }
     return {};
 }
@@ -89,13 +91,13 @@ FileDescriptor lock_server(const NotesIni& ini) {
     if (folder && error == EWOULDBLOCK) {
         std::string holder = holder_of(directory);
         throw ClientError(ExitCode::locked,
-                          "another run backs up databases of the server " +
-                              for_terminal(directory) + (holder.empty() ? "" : ": " + holder),
+                          fmt::format("another run backs up databases of the server {}{}",
+                                      for_terminal(directory), holder.empty() ? "" : ": " + holder),
                           "wait until it has ended");
     }
-    print_message("warning: the data directory " + for_terminal(directory) +
-                  " cannot be locked: " + system_error_text(error) +
-                  ": see that no two runs of qrtln back up this server at once");
+    print_message(fmt::format("warning: the data directory {} cannot be locked: {}: see that no "
+                              "two runs of qrtln back up this server at once",
+                              for_terminal(directory), system_error_text(error)));
     return {};
 }
 
@@ -116,25 +118,27 @@ std::string other_log_archive(const NotesIni& ini, const Store& store) {
             bool same_place = place == store.location() || is_same_folder(place, store.location());
             bool other_id = !id.empty() && !store.id().empty() && id != store.id();
             if (same_place && other_id)
-                return "the store that archives the transaction logs of this server was at this "
-                       "place, " +
-                       for_terminal(place) +
-                       ", but is another one: perhaps its disk is not mounted";
+                return fmt::format(
+                    "the store that archives the transaction logs of this server was at this "
+                    "place, {}, but is another one: perhaps its disk is not mounted",
+                    for_terminal(place));
             // One that was moved is still the same; a copy beside it is not.
             bool moved = !id.empty() && id == store.id() && store_id_at(place) != id;
             if (moved || same_place)
                 return {};
-            return "the store " + for_terminal(place) +
-                   " archives the transaction logs of this server: with some of them elsewhere "
-                   "its chain would be torn";
+            return fmt::format("the store {} archives the transaction logs of this server: with "
+                               "some of them elsewhere its chain would be torn",
+                               for_terminal(place));
         }
     } catch (const json::exception&) {
         problem = "is not in its form";
     }
-    throw ClientError(ExitCode::failed,
-                      "the note of the store that archives the transaction logs, " +
-                          for_terminal(note_path(ini)) + ", cannot be read: " + problem,
-                      "if it is this store, say --take-over");
+    throw ClientError(
+        ExitCode::failed,
+        fmt::format(
+            "the note of the store that archives the transaction logs, {}, cannot be read: {}",
+            for_terminal(note_path(ini)), problem),
+        "if it is this store, say --take-over");
 }
 
 std::string note_log_archive(const NotesIni& ini, const Store& store) {
@@ -143,9 +147,9 @@ std::string note_log_archive(const NotesIni& ini, const Store& store) {
     put_bytes(note, "store", store.location());
     std::string bytes = to_canonical(note);
     int error = replace_file(note_path(ini), bytes);
-    return error == 0
-               ? ""
-               : "cannot write " + for_terminal(note_path(ini)) + ": " + system_error_text(error);
+    return error == 0 ? ""
+                      : fmt::format("cannot write {}: {}", for_terminal(note_path(ini)),
+                                    system_error_text(error));
 }
 
 } // namespace qrtln

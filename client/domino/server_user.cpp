@@ -12,6 +12,7 @@
 #include <cstdlib>
 #include <fcntl.h>
 #include <filesystem>
+#include <fmt/format.h>
 #include <fstream>
 #include <grp.h>
 #include <iterator>
@@ -77,7 +78,7 @@ std::string command_as(uid_t user) {
     std::string variables;
     for (const char* name : passed_variables)
         if (const char* value = std::getenv(name); value != nullptr)
-            variables += " " + for_shell(std::string(name) + "=" + value);
+            variables += " " + for_shell(fmt::format("{}={}", name, value));
     if (!variables.empty())
         command += " env" + variables;
     std::ifstream file("/proc/self/cmdline", std::ios::binary);
@@ -90,12 +91,12 @@ std::string command_as(uid_t user) {
     std::string name = user_text(owner);
     throw ClientError(
         ExitCode::no_permission,
-        for_terminal(path) + " belongs to " + name + ", and this is run by " +
-            user_text(::geteuid()) +
-            ": as another user than its own the server's library may fail, or make files that the "
-            "server cannot write",
-        "run `" + command_as(owner) + "`, or the same as root, which becomes " + name +
-            " for this by itself; --as-other-user runs it as " + user_text(::geteuid()));
+        fmt::format("{} belongs to {}, and this is run by {}: as another user than its own the "
+                    "server's library may fail, or make files that the server cannot write",
+                    for_terminal(path), name, user_text(::geteuid())),
+        fmt::format("run `{}`, or the same as root, which becomes {} for this by itself; "
+                    "--as-other-user runs it as {}",
+                    command_as(owner), name, user_text(::geteuid())));
 }
 
 } // namespace
@@ -114,8 +115,8 @@ std::optional<ServerUser> server_user(const std::string& data_directory) {
 
 std::string become(const ServerUser& user) {
     auto failure = [&](const std::string& why) {
-        return "this process cannot become " + for_terminal(user.name) +
-               ", the owner of the data directory: " + why;
+        return fmt::format("this process cannot become {}, the owner of the data directory: {}",
+                           for_terminal(user.name), why);
     };
     if (::setenv("HOME", user.home.c_str(), 1) != 0 ||
         ::setenv("USER", user.name.c_str(), 1) != 0 ||

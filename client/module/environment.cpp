@@ -2,10 +2,12 @@
 
 #include "client/base/paths.h"
 #include "client/base/text.h"
+#include "client/module/told_server.h"
 
 #include <algorithm>
 #include <clocale>
 #include <cstdlib>
+#include <fmt/format.h>
 #include <langinfo.h>
 #include <strings.h>
 #include <sys/stat.h>
@@ -88,9 +90,9 @@ void choose_locale(ModuleEnvironment& environment) {
     auto found = std::find_if(candidates.begin(), candidates.end(), is_utf8_locale);
     if (found == candidates.end()) {
         environment.warnings.push_back(
-            "this system has no UTF-8 locale: databases whose names are not ASCII cannot be saved "
-            "or restored; install " +
-            (candidates.front() == "C.UTF-8" ? "" : candidates.front() + " or ") + "C.UTF-8");
+            fmt::format("this system has no UTF-8 locale: databases whose names are not ASCII "
+                        "cannot be saved or restored; install {}C.UTF-8",
+                        candidates.front() == "C.UTF-8" ? "" : candidates.front() + " or "));
         return;
     }
     environment.variables.emplace_back(all.empty() ? "LC_CTYPE" : "LC_ALL", *found);
@@ -105,8 +107,9 @@ void compare_program_directories(const NotesIni& ini, ModuleEnvironment& environ
         is_same_place(inherited, ini.program_directory))
         return;
     environment.warnings.push_back(
-        "Notes_ExecDirectory is " + inherited + ", but NotesProgram of " + ini.file + " is " +
-        ini.program_directory + ": the server's library is taken from the first");
+        fmt::format("Notes_ExecDirectory is {}, but NotesProgram of {} is {}: the server's library "
+                    "is taken from the first",
+                    inherited, ini.file, ini.program_directory));
 }
 
 // The word before this text; empty when the text is not there.
@@ -158,7 +161,7 @@ environment_with(const std::vector<std::pair<std::string, std::string>>& variabl
             result.emplace_back(text);
     }
     for (const auto& [name, value] : variables)
-        result.push_back(name + "=" + value);
+        result.push_back(fmt::format("{}={}", name, value));
     return result;
 }
 
@@ -171,23 +174,24 @@ std::string loader_hint(const std::string& text, const NotesIni& ini) {
         !program.empty() && ::access((program + "/" + server_library).c_str(), F_OK) == 0;
     if (std::string file = word_before(text, ": cannot open shared object file"); !file.empty()) {
         if (file.ends_with(server_library) && !has_library)
-            return "there is no libnotes.so in " + where +
-                   ": set Notes_ExecDirectory to the folder of the server's libnotes.so, or "
-                   "NotesProgram in " +
-                   for_terminal(ini.file);
+            return fmt::format("there is no libnotes.so in {}: set Notes_ExecDirectory to the "
+                               "folder of the server's libnotes.so, or NotesProgram in {}",
+                               where, for_terminal(ini.file));
         if (text.find("No such file") == std::string::npos)
-            return "look at the mode of " + for_terminal(file) + ", and of the folders above it";
-        return for_terminal(file) + " is missing in " + where +
-               ": add its folder to LD_LIBRARY_PATH, or install it";
+            return fmt::format("look at the mode of {}, and of the folders above it",
+                               for_terminal(file));
+        return fmt::format("{} is missing in {}: add its folder to LD_LIBRARY_PATH, or install it",
+                           for_terminal(file), where);
     }
     if (std::string symbol = word_after(text, "undefined symbol: "); !symbol.empty())
-        return "no library has " + for_terminal(symbol) + ", which " +
-               for_terminal(word_before(text, ": undefined symbol: ")) +
-               " wants; they were looked for in " + where +
-               ": are all of them of the same release of the server?";
-    if (std::string function = word_after(text, "the first is "); !function.empty())
-        return "libnotes.so was looked for in " + where + ", and the one that was found has no " +
-               for_terminal(function) + ": is it that of a server?";
+        return fmt::format("no library has {}, which {} wants; they were looked for in {}: are all "
+                           "of them of the same release of the server?",
+                           for_terminal(symbol),
+                           for_terminal(word_before(text, ": undefined symbol: ")), where);
+    if (std::string function = parse_missing_function(text); !function.empty())
+        return fmt::format("libnotes.so was looked for in {}, and the one that was found has no "
+                           "{}: is it that of a server?",
+                           where, for_terminal(function));
     return {};
 }
 

@@ -11,6 +11,7 @@
 #include <algorithm>
 #include <cerrno>
 #include <csignal>
+#include <fmt/format.h>
 #include <poll.h>
 #include <sys/socket.h>
 #include <sys/wait.h>
@@ -78,10 +79,10 @@ ModuleHost::ModuleHost(ModuleOptions options) : m_options(std::move(options)) {
         wait_for_child();
         std::string hint = "name the file with --module or QRTLN_MODULE";
         if (m_options.user)
-            hint += "; " + m_options.user->name + ", who runs it, must be able to read it";
+            hint += fmt::format("; {}, who runs it, must be able to read it", m_options.user->name);
         throw ClientError(ExitCode::server_error,
-                          "cannot load the module " + for_terminal(m_options.module_file) + ": " +
-                              for_terminal(text),
+                          fmt::format("cannot load the module {}: {}",
+                                      for_terminal(m_options.module_file), for_terminal(text)),
                           hint);
     }
 }
@@ -130,7 +131,7 @@ void ModuleHost::report_end(const std::string& doing) {
     std::string how;
     if (WIFSIGNALED(status)) {
         int signal = WTERMSIG(status);
-        how = "crashed with signal " + std::to_string(signal) + " (" + ::strsignal(signal) + ")";
+        how = fmt::format("crashed with signal {} ({})", signal, ::strsignal(signal));
     } else if (WEXITSTATUS(status) == loader_failed && doing.starts_with("loading ")) {
         throw ClientError(ExitCode::server_error,
                           "the module's process does not start: see the loader's message above",
@@ -139,7 +140,8 @@ void ModuleHost::report_end(const std::string& doing) {
     } else {
         how = "ended the process with exit status " + std::to_string(WEXITSTATUS(status));
     }
-    throw ClientError(ExitCode::server_error, "the server's library " + how + " while " + doing,
+    throw ClientError(ExitCode::server_error,
+                      fmt::format("the server's library {} while {}", how, doing),
                       "look into the server's console and log; " + what_is_left());
 }
 
@@ -189,8 +191,8 @@ void ModuleHost::give_up(const std::string& doing, std::chrono::seconds silence)
     throw_if_interrupted();
     throw ClientError(
         ExitCode::server_error,
-        "the server's library kept silent for " + std::to_string(silence.count()) + " s while " +
-            doing + ": its process was ended",
+        fmt::format("the server's library kept silent for {} s while {}: its process was ended",
+                    silence.count(), doing),
         "look at the server's console; if the server is only slow, raise --call-timeout; " +
             what_is_left());
 }
@@ -208,10 +210,10 @@ bool ModuleHost::wait_for_message(Patience& patience, const std::string& doing) 
         case Patience::Step::give_up:
             give_up(doing, silence);
         case Patience::Step::tell:
-            print_message(
-                "waiting for the server for " + std::to_string(silence.count()) + " s: " + doing +
-                (m_interrupt_forwarded ? " (a second signal ends the module's process at once)"
-                                       : ""));
+            print_message(fmt::format(
+                "waiting for the server for {} s: {}{}", silence.count(), doing,
+                m_interrupt_forwarded ? " (a second signal ends the module's process at once)"
+                                      : ""));
             break;
         case Patience::Step::wait:
             break;
@@ -248,8 +250,8 @@ std::string ModuleHost::wait_for_reply(const std::string& doing) {
             report_end(doing);
         case ReceiveResult::failed:
             throw ClientError(ExitCode::server_error,
-                              "cannot read from the module's process while " + doing + ": " +
-                                  system_error_text(errno));
+                              fmt::format("cannot read from the module's process while {}: {}",
+                                          doing, system_error_text(errno)));
         case ReceiveResult::frame:
             break;
         }
@@ -288,12 +290,13 @@ int ModuleHost::init(DB_OPERATION_TYPE type, DB_OPERATION_LEVEL level,
     FrameReader reply(call(variables_frame(frame, variables), "starting the operation"));
     int status = reply.number();
     if (std::string other = reply.text(); !other.empty())
-        throw ClientError(ExitCode::server_error,
-                          "the server's library works with the data directory " +
-                              for_terminal(other) + ", but notes.ini names " +
-                              for_terminal(m_options.data_directory),
-                          "it has read another notes.ini: nothing was done; is the one of "
-                          "--notes-ini this server's?");
+        throw ClientError(
+            ExitCode::server_error,
+            fmt::format(
+                "the server's library works with the data directory {}, but notes.ini names {}",
+                for_terminal(other), for_terminal(m_options.data_directory)),
+            "it has read another notes.ini: nothing was done; is the one of "
+            "--notes-ini this server's?");
     return status;
 }
 

@@ -8,6 +8,7 @@
 
 #include <array>
 #include <cerrno>
+#include <fmt/format.h>
 #include <sys/stat.h>
 #include <vector>
 
@@ -63,14 +64,16 @@ NeutralPath::NeutralPath(const std::string& folder, const std::string& data_dire
                  (::stat(m_path.c_str(), &status) == 0 || errno == ENOENT))
             return;
         else
-            problem = m_path + ": " + system_error_text(errno);
+            problem = fmt::format("{}: {}", m_path, system_error_text(errno));
         m_private.reset();
     }
-    throw ClientError(ExitCode::failed,
-                      "the module would misread the path " + for_terminal(folder) +
-                          ", and no private link to it can be made: " + for_terminal(problem),
-                      "make /tmp or /var/tmp writable for this user, or name a folder without -o, "
-                      "-R, deld and chgd in its path");
+    throw ClientError(
+        ExitCode::failed,
+        fmt::format(
+            "the module would misread the path {}, and no private link to it can be made: {}",
+            for_terminal(folder), for_terminal(problem)),
+        "make /tmp or /var/tmp writable for this user, or name a folder without -o, "
+        "-R, deld and chgd in its path");
 }
 
 std::string NeutralPath::for_module(const std::string& path) const {

@@ -4,6 +4,7 @@
 #include "client/base/interrupt.h"
 #include "client/base/limits.h"
 #include "client/base/paths.h"
+#include "client/module/control_variables.h"
 #include "client/module/frames.h"
 #include "client/module/told.h"
 #include "qrt_lotus_notes/db_interface.h"
@@ -13,6 +14,7 @@
 #include <csignal>
 #include <cstring>
 #include <dlfcn.h>
+#include <fmt/format.h>
 #include <mutex>
 #include <string_view>
 #include <sys/prctl.h>
@@ -100,8 +102,8 @@ void enter_data_directory() {
     const std::string& directory = server().data_directory;
     if (!directory.empty() && ::chdir(directory.c_str()) != 0)
         send(FrameWriter(FrameKind::notice)
-                 .text("the server's library runs in \"/\": cannot enter " + directory + ": " +
-                       system_error_text(errno))
+                 .text(fmt::format("the server's library runs in \"/\": cannot enter {}: {}",
+                                   directory, system_error_text(errno)))
                  .finish());
 }
 
@@ -109,7 +111,7 @@ extern "C" void on_module_log(const char* text) {
     if (text == nullptr)
         return;
     send(FrameWriter(FrameKind::log).text(text).finish());
-    if (std::string_view(text).starts_with("Call NotesInitExtended("))
+    if (says_library_starts(text))
         enter_data_directory();
 }
 
@@ -290,7 +292,7 @@ void abandon_operation() {
     if (server().item_pending)
         server().module.item_finish_status(DB_ITEM_FAIL);
     if (server().operation_open.exchange(false)) {
-        ControlVariables failed("STATUS=1");
+        ControlVariables failed(status_variable(false));
         server().module.close_operation(failed.get());
     }
 }

@@ -11,6 +11,7 @@
 
 #include <cerrno>
 #include <fcntl.h>
+#include <fmt/format.h>
 
 namespace qrtln {
 
@@ -45,8 +46,9 @@ void ModuleRuntime::lend_index() const {
         error = close_error;
     if (error != 0) // half an index would be one that lost entries
         throw ClientError(ExitCode::failed,
-                          "cannot copy the index of databases " + for_terminal(index) + " to " +
-                              for_terminal(path()) + ": " + system_error_text(error));
+                          fmt::format("cannot copy the index of databases {} to {}: {}",
+                                      for_terminal(index), for_terminal(path()),
+                                      system_error_text(error)));
 }
 
 } // namespace qrtln

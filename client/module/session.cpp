@@ -6,17 +6,16 @@
 #include "client/base/output.h"
 #include "client/base/paths.h"
 #include "client/base/text.h"
+#include "client/module/control_variables.h"
 #include "client/module/environment.h"
 #include "client/module/told.h"
 
 #include <fcntl.h>
+#include <fmt/format.h>
 
 namespace qrtln {
 
 namespace {
-
-constexpr const char* status_ok = "STATUS=0";
-constexpr const char* status_failed = "STATUS=1";
 
 // A command may run the module several times.
 void warn_once(const std::string& warning) {
@@ -29,9 +28,9 @@ void compare_program_directory(const std::string& trace_line, const NotesIni& in
     std::optional<ReportedDirectory> reported = parse_reported_directory(trace_line);
     if (reported && reported->kind == ReportedDirectory::Kind::program &&
         !ini.program_directory.empty() && !is_same_place(reported->path, ini.program_directory))
-        warn_once("the server's library takes " + reported->path +
-                  " for its program directory, but NotesProgram of " + ini.file + " is " +
-                  ini.program_directory);
+        warn_once(fmt::format(
+            "the server's library takes {} for its program directory, but NotesProgram of {} is {}",
+            reported->path, ini.file, ini.program_directory));
 }
 
 } // namespace
@@ -41,8 +40,9 @@ FileDescriptor open_trace_file(const std::string& file) {
         return {};
     FileDescriptor trace(::open(file.c_str(), O_WRONLY | O_CREAT | O_APPEND | O_CLOEXEC, 0600));
     if (!trace)
-        throw ClientError(ExitCode::failed, "cannot open the trace file " + for_terminal(file) +
-                                                ": " + system_error_text(errno));
+        throw ClientError(ExitCode::failed,
+                          fmt::format("cannot open the trace file {}: {}", for_terminal(file),
+                                      system_error_text(errno)));
     return trace;
 }
 
@@ -67,7 +67,7 @@ ModuleSession::ModuleSession(const OperationContext& context, Observer on_log, O
     // A trace that cannot be written must not fail the operation.
     module.on_trace = [&context, observe = std::move(on_trace)](const std::string& line) {
         if (context.trace >= 0)
-            (void)write_all(context.trace, as_bytes("trace: " + line + "\n"));
+            (void)write_all(context.trace, as_bytes(fmt::format("trace: {}\n", line)));
         compare_program_directory(line, context.ini);
         if (observe)
             observe(line);
@@ -80,14 +80,14 @@ void ModuleSession::on_log(const std::string& line) {
     if (m_context.verbose)
         print_message("module: " + for_terminal(line));
     if (m_context.trace >= 0)
-        (void)write_all(m_context.trace, as_bytes("log: " + line + "\n"));
+        (void)write_all(m_context.trace, as_bytes(fmt::format("log: {}\n", line)));
     if (m_on_log)
         m_on_log(line);
 }
 
 int ModuleSession::init(DB_OPERATION_TYPE type, DB_OPERATION_LEVEL level,
                         std::vector<std::string> variables) {
-    variables.insert(variables.begin(), "NOTESINI=" + m_context.ini.file);
+    variables.insert(variables.begin(), notes_ini_variable(m_context.ini.file));
     if (type == DB_TYPE_BCK)
         m_runtime.lend_index();
     m_open = true;
@@ -100,15 +100,15 @@ void ModuleSession::report_failed_start(const std::string& what, const std::stri
     if (hint.empty())
         hint = loader_hint(reason, m_context.ini);
     if (hint.empty()) {
-        bool no_library = reason.find("libnotes") != std::string::npos ||
-                          reason.find("Notes C API") != std::string::npos;
-        hint = no_library ? "set Notes_ExecDirectory to the folder of the server's libnotes.so, or "
-                            "NotesProgram in " +
-                                for_terminal(m_context.ini.file)
-                          : "look at the server's console; --verbose shows what the module did";
+        hint = says_library_missing(reason)
+                   ? "set Notes_ExecDirectory to the folder of the server's libnotes.so, or "
+                     "NotesProgram in " +
+                         for_terminal(m_context.ini.file)
+                   : "look at the server's console; --verbose shows what the module did";
     }
-    throw ClientError(ExitCode::server_error,
-                      "cannot start the " + what + " on the server: " + for_terminal(reason), hint);
+    throw ClientError(
+        ExitCode::server_error,
+        fmt::format("cannot start the {} on the server: {}", what, for_terminal(reason)), hint);
 }
 
 int ModuleSession::finish(DB_ITEM_RESULT result) {
@@ -137,10 +137,10 @@ ModuleSession::take_copies(const std::string& what, const std::string& tmp_dir,
                            const std::map<std::string, std::string>& databases,
                            const std::function<bool(const std::string& path)>& take) {
     std::set<std::string> missing;
-    std::vector<std::string> variables = {"TMP_DIR=" + tmp_dir};
+    std::vector<std::string> variables = {tmp_dir_variable(tmp_dir)};
     for (const auto& [path, value] : databases) {
         missing.insert(path);
-        variables.push_back("DATABASE=" + value);
+        variables.push_back(database_variable(value));
     }
     if (init(DB_TYPE_BCK, DB_LEVEL_COPY, std::move(variables)) != DB_NUM_I_OK)
         report_failed_start(what, reason());
@@ -166,7 +166,7 @@ void ModuleSession::finish_failed() {
 
 int ModuleSession::close(bool good) {
     m_open = false;
-    return m_host->close({good ? status_ok : status_failed});
+    return m_host->close({status_variable(good)});
 }
 
 void ModuleSession::abandon() noexcept {

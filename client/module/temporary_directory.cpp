@@ -16,6 +16,7 @@
 #include <cstdlib>
 #include <dirent.h>
 #include <fcntl.h>
+#include <fmt/format.h>
 #include <string_view>
 #include <sys/file.h>
 #include <sys/stat.h>
@@ -62,24 +63,25 @@ std::string usable_base(const std::string& base, const std::string& data_directo
     std::optional<std::string> real_base = real_path(base);
     if (!real_base)
         throw ClientError(ExitCode::failed,
-                          "cannot use the temporary directory " + shown + ": " +
-                              system_error_text(errno),
+                          fmt::format("cannot use the temporary directory {}: {}", shown,
+                                      system_error_text(errno)),
                           "name a folder with room for the largest database with --tmp-dir");
     std::optional<std::string> real_data = real_path(data_directory);
     if (real_data && is_below(*real_base, *real_data))
         throw ClientError(ExitCode::failed,
-                          "the temporary directory " + shown + " is inside the data directory " +
-                              for_terminal(data_directory),
+                          fmt::format("the temporary directory {} is inside the data directory {}",
+                                      shown, for_terminal(data_directory)),
                           "name a folder elsewhere with --tmp-dir");
     if (std::string refused = refused_to_server_user(*real_base, X_OK, data_directory);
         !refused.empty()) {
         std::string user = server_user(data_directory)->name;
-        throw ClientError(ExitCode::failed,
-                          "the temporary directory " + shown + " cannot be reached by " + user +
-                              ", who owns the data directory and runs the server's library: " +
-                              for_terminal(refused) + " is closed to that user",
-                          "name a folder with --tmp-dir that " + user +
-                              " may pass, or `chmod o+x " + for_terminal(refused) + "`");
+        throw ClientError(
+            ExitCode::failed,
+            fmt::format("the temporary directory {} cannot be reached by {}, who owns the data "
+                        "directory and runs the server's library: {} is closed to that user",
+                        shown, user, for_terminal(refused)),
+            fmt::format("name a folder with --tmp-dir that {} may pass, or `chmod o+x {}`", user,
+                        for_terminal(refused)));
     }
     return *real_base;
 }
@@ -126,33 +128,34 @@ std::string make_folder_for_copies(const std::string& base, const std::string& d
     std::string path = make_random_folder((real_base == "/" ? "" : real_base) + "/" + prefix);
     if (path.empty())
         throw ClientError(ExitCode::failed,
-                          "cannot create a folder in the temporary directory " +
-                              for_terminal(base) + ": " + system_error_text(errno),
+                          fmt::format("cannot create a folder in the temporary directory {}: {}",
+                                      for_terminal(base), system_error_text(errno)),
                           "name a folder with room for the largest database with --tmp-dir");
     int error = give_folder_to_server_user(path, data_directory);
     if (error != 0) {
         ::rmdir(path.c_str());
-        throw ClientError(ExitCode::failed,
-                          "cannot give the temporary folder " + for_terminal(path) +
-                              " to the server's user: " + system_error_text(error),
-                          "name a folder on a local file system with --tmp-dir");
+        throw ClientError(
+            ExitCode::failed,
+            fmt::format("cannot give the temporary folder {} to the server's user: {}",
+                        for_terminal(path), system_error_text(error)),
+            "name a folder on a local file system with --tmp-dir");
     }
     return path;
 }
 
 TemporaryDirectory::TemporaryDirectory(const std::string& base, const std::string& data_directory) {
     remove_what_killed_runs_left(usable_base(base, data_directory), data_directory);
-    std::string path = make_folder_for_copies(
-        base, data_directory, std::string(name_prefix) + std::to_string(::getpid()) + "-");
+    std::string path =
+        make_folder_for_copies(base, data_directory, fmt::format("{}{}-", name_prefix, ::getpid()));
     m_path = path;
     // Without O_CLOEXEC: the module's process keeps it until it has ended, too.
     m_lock = FileDescriptor(::open(path.c_str(), O_RDONLY | O_DIRECTORY | O_NOFOLLOW));
     if (!m_lock || ::flock(m_lock.get(), LOCK_EX | LOCK_NB) != 0) {
         int error = errno;
         remove();
-        throw ClientError(ExitCode::failed, "cannot lock the temporary folder " +
-                                                for_terminal(path) + ": " +
-                                                system_error_text(error));
+        throw ClientError(ExitCode::failed,
+                          fmt::format("cannot lock the temporary folder {}: {}", for_terminal(path),
+                                      system_error_text(error)));
     }
 }
 

@@ -34,9 +34,6 @@ namespace qrtln {
 namespace {
 
 // Reasons that the module gives, and what begins another.
-constexpr std::string_view failed_elsewhere = "the recovery failed at another database";
-constexpr std::string_view unknown_to_log = "the transaction log does not know it";
-constexpr std::string_view no_new_dbiid = "the server gives it no new DBIID"; // but it is in place
 
 // Below the pending folder; copies have no names like those of the links in it.
 constexpr const char* links_folder = "/qrtln-links";
@@ -549,14 +546,14 @@ void Recovery::roll_forward() {
 std::vector<std::string>
 Recovery::variables(const std::vector<const RecoveringDatabase*>& databases,
                     const std::string& temporary, const std::string& into) const {
-    std::vector<std::string> variables = {"TMP_DIR=" + temporary, "RECOVERY=YES",
-                                          "ROLLFORWARD=" + rollforward_value(m_plan.to)};
+    std::vector<std::string> variables = {tmp_dir_variable(temporary), recovery_variable,
+                                          rollforward_variable(m_plan.to)};
     if (m_plan.new_dbiid)
-        variables.emplace_back("NEWDBIID=YES");
+        variables.emplace_back(new_dbiid_variable);
     if (!in_place())
-        variables.push_back("INFO=" + relocation_info(into, false));
+        variables.push_back(relocation_variable(into, false));
     for (const RecoveringDatabase* database : databases)
-        variables.push_back("DATABASE=QRTLN:" + escape_last_component(database->planned.item.path));
+        variables.push_back(database_variable(database_value(database->planned.item.path)));
     return variables;
 }
 
@@ -614,12 +611,12 @@ Recovery::roll_forward_once(const std::vector<const RecoveringDatabase*>& databa
             report_recovered(*database);
             give_owner_and_mode(*database);
         } else if (outcome->outcome != RecoveryOutcome::failed ||
-                   outcome->reason.starts_with(no_new_dbiid)) {
+                   meaning_of(outcome->reason) == NotRolledForward::no_new_dbiid) {
             report(*database, RecoveryOutcome::uncertain, outcome->reason).rolled_forward = false;
             give_owner_and_mode(*database);
-        } else if (outcome->reason == failed_elsewhere) {
+        } else if (meaning_of(outcome->reason) == NotRolledForward::failed_elsewhere) {
             again.push_back(database);
-        } else if (outcome->reason.starts_with(unknown_to_log)) {
+        } else if (meaning_of(outcome->reason) == NotRolledForward::unknown_to_log) {
             report(*database, RecoveryOutcome::only_its_set,
                    is_template(database->planned.item.path) ? template_reason : outcome->reason);
             if (in_place())

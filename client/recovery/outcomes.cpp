@@ -2,16 +2,23 @@
 
 #include "client/recovery/plan.h"
 
-#include <array>
 #include <utility>
 
 namespace qrtln {
 
 namespace {
 
-// Reasons that the module gives without the server's.
-constexpr std::string_view not_taken = "it cannot be taken offline";
-constexpr std::string_view not_online = "it is in place, but could not be brought online";
+RecoveryOutcome outcome_of(RolledForward::Verdict verdict) {
+    switch (verdict) {
+    case RolledForward::Verdict::recovered:
+        return RecoveryOutcome::recovered;
+    case RolledForward::Verdict::perhaps:
+        return RecoveryOutcome::uncertain;
+    case RolledForward::Verdict::not_recovered:
+        break;
+    }
+    return RecoveryOutcome::failed;
+}
 
 } // namespace
 
@@ -55,36 +62,20 @@ void ToldOutcomes::read_trace(const std::string& line) {
 }
 
 void ToldOutcomes::read(std::string_view line) {
-    constexpr std::string_view missing = "ROLLFORWARD: missing transaction log [";
-    if (line.starts_with(missing)) {
-        m_missing_log = line.substr(missing.size(), line.rfind(']') - missing.size());
+    if (std::string log = parse_missing_log(line); !log.empty())
+        m_missing_log = log;
+    std::optional<RolledForward> database = parse_rolled_forward(
+        line, [this](const std::string& path) { return m_told.contains(path); });
+    if (!database)
         return;
-    }
-    constexpr std::array<std::pair<std::string_view, RecoveryOutcome>, 3> forms = {
-        {{"ROLLFORWARD: recovered [", RecoveryOutcome::recovered},
-         {"ROLLFORWARD: NOT recovered [", RecoveryOutcome::failed},
-         {"ROLLFORWARD: perhaps recovered [", RecoveryOutcome::uncertain}}};
-    for (const auto& [beginning, outcome] : forms) {
-        if (!line.starts_with(beginning))
-            continue;
-        std::string_view rest = line.substr(beginning.size());
-        // A path may hold brackets, even those of another one: the longest that is known counts.
-        for (std::size_t end = rest.rfind(']'); end != std::string_view::npos && end > 0;
-             end = rest.rfind(']', end - 1)) {
-            auto told = m_told.find(std::string(rest.substr(0, end)));
-            std::string_view reason = rest.substr(end + 1);
-            if (told == m_told.end() || !(reason.empty() || reason.starts_with(": ")))
-                continue;
-            reason.remove_prefix(reason.empty() ? 0 : 2);
-            told->second = Told{outcome, std::string(reason)};
-            if (reason == not_taken && !m_status.text.empty())
-                told->second->reason += ": " + m_status.text + ": " + advice_on(m_status);
-            else if (reason == not_online && !m_status.text.empty())
-                told->second->reason += ": " + m_status.text;
-            m_status = {};
-            return;
-        }
-    }
+    Told told{outcome_of(database->verdict), database->reason};
+    const NotRolledForward meaning = meaning_of(told.reason);
+    if (meaning == NotRolledForward::not_taken_offline && !m_status.text.empty())
+        told.reason += ": " + m_status.text + ": " + advice_on(m_status);
+    else if (meaning == NotRolledForward::not_online && !m_status.text.empty())
+        told.reason += ": " + m_status.text;
+    m_told[database->path] = std::move(told);
+    m_status = {};
 }
 
 } // namespace qrtln

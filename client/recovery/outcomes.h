@@ -38,9 +38,7 @@ struct DatabaseRecovery {
     bool falls_short() const;
 };
 
-// What the module tells of the databases, in lines of its protocol: "ROLLFORWARD: recovered
-// [PATH]", "ROLLFORWARD: NOT recovered [PATH]: REASON", "ROLLFORWARD: perhaps recovered [PATH]:
-// REASON".
+// What the module tells of the databases, line by line.
 class ToldOutcomes {
   public:
     struct Told {

@@ -117,13 +117,7 @@ RecoveryPlanner::find_reachable(std::optional<std::int64_t> moment) const {
     for (int attempt = 0; moment && attempt < attempts; ++attempt) {
         RecoveryRequest trial = m_request;
         trial.searches_reachable = true;
-        trial.to = moment;
-        try {
-            (void)rollforward_value(moment);
-        } catch (const ClientError&) {
-            moment = *moment - quarter_hour; // in an hour that the clock repeats
-            continue;
-        }
+        trial.to = moment = shown_once_until(*moment); // the server is told local time
         RecoveryPlan plan;
         try {
             plan = RecoveryPlanner(m_store, m_ini, trial, m_situation).run();
@@ -531,23 +525,6 @@ void require_logs(const RecoveryPlan& plan) {
     throw ClientError(
         ExitCode::logs_missing,
         "cannot recover: " + describe(missing) + reachable + ": no database was touched", hint);
-}
-
-std::string rollforward_value(const std::optional<std::int64_t>& to) {
-    if (!to)
-        return "YES";
-    std::time_t time = *to;
-    std::tm local{};
-    std::array<char, 32> text{};
-    if (::localtime_r(&time, &local) == nullptr || local.tm_year < -900 || local.tm_year > 8099 ||
-        std::strftime(text.data(), text.size(), "%Y%m%d%H%M%S", &local) == 0)
-        throw ClientError(ExitCode::usage, "--to: the time has no date of four-digit year");
-    if (times_shown_as(local).size() > 1)
-        throw ClientError(ExitCode::usage,
-                          "--to " + utc_time(time) +
-                              ": the server is told local time, and the clock shows this one twice",
-                          "take " + times_shown_once_beside(time) + ", or run with TZ=UTC");
-    return text.data();
 }
 
 std::string plan_text(const RecoveryPlan& plan) {

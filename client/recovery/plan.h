@@ -106,10 +106,6 @@ void require_logs(const RecoveryPlan& plan);
 // The log's full path in the folder of the server's logs.
 std::string log_target(const RecoveryPlan& plan, const StoredLog& log);
 
-// The value of ROLLFORWARD: "YES", or the time as YYYYMMDDhhmmss in local time. Throws
-// ClientError(usage) for a time that the clock shows twice: the module would refuse it.
-std::string rollforward_value(const std::optional<std::int64_t>& to);
-
 // The logs with which the databases among these items could be rolled forward later, to the end of
 // the logs. Nothing when none of them is logged.
 struct LaterRecovery {

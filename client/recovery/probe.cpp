@@ -14,17 +14,25 @@ namespace qrtln {
 
 namespace {
 
+LiveDatabase::State state_of(AskedDatabase::State state) {
+    switch (state) {
+    case AskedDatabase::State::logged:
+        return LiveDatabase::State::logged;
+    case AskedDatabase::State::not_logged:
+        return LiveDatabase::State::not_logged;
+    case AskedDatabase::State::unopenable:
+        break;
+    }
+    return LiveDatabase::State::unopenable;
+}
+
 // What the trace told since the last item: the module asks about a database right before it hands
 // it out.
 class Answer {
   public:
     void read(const std::string& line) {
-        if (std::string dbiid = parse_asked_dbiid(line); !dbiid.empty())
-            m_told = LiveDatabase{LiveDatabase::State::logged, dbiid, {}};
-        else if (line == "The database is not being logged")
-            m_told = LiveDatabase{LiveDatabase::State::not_logged, {}, {}};
-        else if (line.starts_with("Notes API NSFDbOpen() failure on file: "))
-            m_told = LiveDatabase{LiveDatabase::State::unopenable, {}, {}};
+        if (std::optional<AskedDatabase> asked = parse_asked_database(line))
+            m_told = LiveDatabase{state_of(asked->state), asked->dbiid, {}};
     }
     LiveDatabase take(ModuleSession& session) {
         LiveDatabase told = m_told.value_or(LiveDatabase{});
@@ -85,9 +93,9 @@ void LiveDatabases::ask_server(const std::vector<std::string>& paths, bool& star
     TemporaryDirectory temporary(absolute_path(m_context.tmp_dir), m_context.ini.data_directory);
     OperationContext context = m_context;
     context.runtime_directory = temporary.path(); // the index of instances is not asked
-    std::vector<std::string> variables = {"TMP_DIR=" + temporary.path()};
+    std::vector<std::string> variables = {tmp_dir_variable(temporary.path())};
     for (const std::string& path : paths)
-        variables.push_back("DATABASE=QRTLN:" + escape_last_component(path));
+        variables.push_back(database_variable(database_value(path)));
     const std::set<std::string> wanted(paths.begin(), paths.end());
     Answer answer;
     ModuleSession session(context, {}, [&](const std::string& line) { answer.read(line); });

@@ -35,12 +35,6 @@ namespace qrtln {
 
 namespace {
 
-// The module says so when the server does not take a database offline.
-constexpr std::string_view not_taken_line = "QRTLN_Activate(): WARNING: Please shutdown";
-// And so when it does.
-constexpr std::string_view taken_line_start = "TakeDbsOffline(): Database ";
-constexpr std::string_view taken_line_end = " taken offline";
-
 // A folder of the server's that nothing is restored to.
 constexpr const char* no_folder = "qrtln-nothing";
 
@@ -179,19 +173,19 @@ void RestoreOperation::start() {
     m_session.emplace(
         m_context,
         [this](const std::string& line) {
-            m_not_taken = m_not_taken || line.starts_with(not_taken_line);
+            m_not_taken = m_not_taken || says_not_taken_offline(line);
         },
         [this](const std::string& line) {
             if (std::optional<ServerStatus> status = parse_server_status(line); status)
                 m_status = m_not_taken ? m_status : status;
-            m_taken =
-                m_taken || (line.starts_with(taken_line_start) && line.ends_with(taken_line_end));
+            m_taken = m_taken || says_taken_offline(line);
         });
-    std::vector<std::string> variables = {"TMP_DIR=" + temporary_folder(), "DATABASE=NOTES"};
+    std::vector<std::string> variables = {tmp_dir_variable(temporary_folder()),
+                                          whole_server_variable};
     if (m_plan.activate)
-        variables.emplace_back("ACTIVATE=YES");
+        variables.emplace_back(activate_variable);
     if (!m_plan.to.empty())
-        variables.push_back("INFO=" + relocation_info(m_to.path(), m_plan.plain));
+        variables.push_back(relocation_variable(m_to.path(), m_plan.plain));
     if (m_session->init(DB_TYPE_RST, m_plan.extents_only ? DB_LEVEL_INCR : DB_LEVEL_FULL,
                         std::move(variables)) != DB_NUM_I_OK)
         m_session->report_failed_start("restore", m_session->reason());

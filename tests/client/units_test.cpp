@@ -5,7 +5,7 @@
 #include "client/domino/notes_ini.h"
 #include "client/domino/original.h"
 #include "client/domino/point_in_time.h"
-#include "client/domino/since_time.h"
+#include "client/module/control_variables.h"
 #include "client/module/environment.h"
 #include "client/recovery/logs.h"
 #include "client/restore/selection.h"
@@ -79,22 +79,39 @@ TEST(Times, SinceWhenDocumentsAreSoughtAreMinutesThatTheServerReadsAsNoOther) {
     EXPECT_EQ(parse_since("20261025T020000Z", now).digits, "202610250300");
 }
 
-TEST(Times, OfABaseAreNeverReadAsLaterThanItsStart) {
-    const std::tuple<const char*, std::time_t, const char*> cases[] = {
-        {"UTC0", 1709647629, "20240305140709"},
-        // 2024-10-27: 02:30 summer time, then 02:30 winter time; 01:59:59 and 03:00 are clear.
-        {berlin, 1729987199, "20241027015959"},
-        {berlin, 1729989000, "20241027014500"},
-        {berlin, 1729992600, "20241027023000"},
-        {berlin, 1729994400, "20241027030000"},
-        // The hour that was skipped in spring never was a local time.
-        {berlin, 1711846800, "20240331030000"},
+TEST(Times, ThatTheClockShowsTwiceOrNeverAreNotGuessed) {
+    // Local time, what it may be, and as what the first of these is told as the start of a base.
+    const std::tuple<const char*, const char*, const char*, const char*> cases[] = {
+        {"UTC0", "1969-12-31 23:59:59", "19691231T235959Z", "19691231235959"},
+        {berlin, "2024-10-27 03:00", "20241027T020000Z", "20241027030000"},
+        {berlin, "2038-10-31 02:30", "20381031T003000Z 20381031T013000Z", "20381031014500"},
+        {"Australia/Lord_Howe", "2024-04-07 01:45", "20240406T144500Z 20240406T151500Z",
+         "20240407011500"},
+        {"Africa/Casablanca", "2024-03-10 02:30", "20240310T013000Z 20240310T023000Z",
+         "20240310014500"},
+        {"Pacific/Kiritimati", "1994-12-31 12:00", "", ""},
+        {"Pacific/Kwajalein", "1969-09-30 12:00", "19690930T010000Z 19691001T000000Z",
+         "19690930004500"},
     };
-    for (const auto& [name, start, text] : cases) {
+    for (const auto& [name, local, moments, base] : cases) {
         const Zone zone(name);
-        EXPECT_EQ(since_time_text(start), text);
+        std::istringstream words(moments);
+        std::vector<std::time_t> times;
+        for (std::string text; words >> text;)
+            times.push_back(parse_moment(text, "--to").time);
+        if (times.size() == 1) {
+            EXPECT_EQ(rollforward_value(parse_moment(local, "--to").time), base) << name;
+        } else {
+            EXPECT_THROW(parse_moment(local, "--to"), ClientError) << name;
+        }
+        if (times.size() == 2) {
+            EXPECT_THROW(rollforward_value(times[1]), ClientError) << name;
+        }
+        if (!times.empty()) {
+            EXPECT_EQ(base_time_variable(times[0]), std::string("SNC_TIME=") + base);
+        }
     }
-    EXPECT_THROW(since_time_text(std::time_t{1} << 60), ClientError);
+    EXPECT_THROW(base_time_variable(std::time_t{1} << 60), ClientError);
 }
 
 constexpr std::int64_t start = 1'000'000'020; // a whole minute

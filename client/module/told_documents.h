@@ -1,4 +1,4 @@
-// What the module's trace tells about single documents: the one place that knows these texts.
+// What the module's trace tells about the documents of a restore, one by one.
 #pragma once
 
 #include "client/domino/note_ids.h"

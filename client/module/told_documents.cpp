@@ -1,4 +1,4 @@
-#include "client/module/document_trace.h"
+#include "client/module/told_documents.h"
 
 #include <charconv>
 #include <optional>

@@ -1,83 +1,13 @@
-#include "client/module/told.h"
+#include "client/module/told_backup.h"
 
 #include "client/base/text.h"
 
 #include <algorithm>
 #include <charconv>
+#include <fmt/format.h>
 #include <string_view>
 
 namespace qrtln {
-
-std::optional<AnnouncedLog> parse_log_announcement(const std::string& line) {
-    std::string_view rest = line;
-    auto skip = [&](std::string_view text) {
-        bool found = rest.starts_with(text);
-        if (found)
-            rest.remove_prefix(text.size());
-        return found;
-    };
-    AnnouncedLog log;
-    if (skip("Back up active archive ID "))
-        log.identity.active = true;
-    else if (!skip("Archive ID "))
-        return std::nullopt;
-    constexpr std::size_t id_digits = 8;
-    if (rest.find_first_not_of("0123456789abcdef") != id_digits)
-        return std::nullopt;
-    log.identity.archive_id = rest.substr(0, id_digits);
-    rest.remove_prefix(id_digits);
-    if (!skip(", Log number "))
-        return std::nullopt;
-    auto [end, error] =
-        std::from_chars(rest.data(), rest.data() + rest.size(), log.identity.number);
-    if (error != std::errc())
-        return std::nullopt;
-    rest.remove_prefix(static_cast<std::size_t>(end - rest.data()));
-    if (!skip(", log path [") || !rest.ends_with(']'))
-        return std::nullopt;
-    log.path = rest.substr(0, rest.size() - 1);
-    return log;
-}
-
-namespace {
-
-// The identity that stands between these texts. A path before it may hold brackets.
-std::string dbiid_between(std::string_view text, std::string_view beginning,
-                          std::string_view before, std::string_view end) {
-    constexpr std::string_view none = "00000000-00000000 0000000000000000";
-    std::size_t start = text.rfind(before);
-    if (!text.starts_with(beginning) || start == std::string_view::npos || !text.ends_with(end))
-        return {};
-    text.remove_prefix(start + before.size());
-    text.remove_suffix(end.size());
-    return text.size() != none.size() || text == none ? std::string() : std::string(text);
-}
-
-} // namespace
-
-std::string parse_whole_identity(const std::string& line, std::uint32_t number) {
-    return dbiid_between(line, "Archive identity [", "[",
-                         "], Log number " + std::to_string(number));
-}
-
-std::string parse_prepared_dbiid(const std::string& line) {
-    return dbiid_between(line, "QRTLN_PrepareForBackup: got database [", "], DBIID [", "])");
-}
-
-std::string parse_asked_dbiid(const std::string& line) {
-    return dbiid_between(line, "isDatabaseLogged: Database [", "] is logged, DBIID ", "");
-}
-
-std::optional<ReportedDirectory> parse_reported_directory(const std::string& line) {
-    constexpr std::string_view data = "getNotesDirectories(): got Directory=[";
-    constexpr std::string_view program = "getNotesDirectories(): got NotesProgram=[";
-    for (auto [before, kind] : {std::pair{data, ReportedDirectory::Kind::data},
-                                std::pair{program, ReportedDirectory::Kind::program}})
-        if (line.starts_with(before) && line.ends_with(']'))
-            return ReportedDirectory{kind,
-                                     line.substr(before.size(), line.size() - before.size() - 1)};
-    return std::nullopt;
-}
 
 ModifiedTest parse_modified_test(const std::string& line) {
     using Step = ModifiedTest::Step;
@@ -122,39 +52,7 @@ std::optional<OtherMoment> parse_other_moment(const std::string& line) {
 }
 
 std::string describe(const OtherMoment& other) {
-    return "the server reads " + utc_time(other.meant) + " as " + utc_time(other.read);
-}
-
-std::optional<ServerStatus> parse_server_status(const std::string& line) {
-    constexpr std::string_view beginning = "Got Notes error: ";
-    std::size_t number = line.rfind(" (");
-    if (!line.starts_with(beginning) || !line.ends_with(')') || number < beginning.size())
-        return std::nullopt;
-    ServerStatus status;
-    status.text = line.substr(beginning.size(), number - beginning.size());
-    const char* end = line.data() + line.size() - 1;
-    auto [last, error] = std::from_chars(line.data() + number + 2, end, status.number);
-    return error == std::errc() && last == end ? std::optional(status) : std::nullopt;
-}
-
-std::string advice_on(const ServerStatus& status) {
-    constexpr unsigned access_denied = 272;
-    constexpr unsigned no_database = 513;
-    switch (status.number) {
-    case status_in_use:
-        return "shut down the task that uses it, or the server";
-    case access_denied:
-        return "run as the user that owns the server's data directory, and look at the mode of the "
-               "file";
-    case no_database:
-        return "what is in its place is no database any more: move it away";
-    default:
-        return "look at the file, its disk and the server's console";
-    }
-}
-
-bool says_archiving_in_progress(const std::string& line) {
-    return line.find("ERR_TRANSLOG_ARCHIVE_IN_PROGRESS") != std::string::npos;
+    return fmt::format("the server reads {} as {}", utc_time(other.meant), utc_time(other.read));
 }
 
 namespace {
@@ -258,16 +156,6 @@ IndexEvent parse_index_event(const std::string& line) {
         text.find(" failed with errno (") != std::string_view::npos)
         return IndexEvent::entry_lost;
     return IndexEvent::none;
-}
-
-std::string logging_without_archive(const std::string& line) {
-    if (line == "Lotus Notes has circular logging style enabled")
-        return "circular transaction logging";
-    if (line == "Lotus Notes has linear logging style enabled")
-        return "linear transaction logging";
-    if (line == "beginArchiveLogs(): Transactional logging is not in effect.")
-        return "no transaction logging";
-    return {};
 }
 
 } // namespace qrtln

@@ -1,0 +1,155 @@
+#include "client/backup/content_reader.h"
+
+#include "client/base/error.h"
+#include "client/base/file_io.h"
+#include "client/base/interrupt.h"
+#include "client/base/paths.h"
+#include "client/base/text.h"
+#include "client/domino/database_names.h"
+#include "client/domino/original.h"
+#include "client/module/host.h"
+#include "client/store/store.h"
+
+#include <algorithm>
+#include <chrono>
+#include <ctime>
+#include <fcntl.h>
+#include <fmt/format.h>
+#include <sys/stat.h>
+#include <thread>
+#include <unistd.h>
+
+namespace qrtln {
+
+namespace {
+
+constexpr std::size_t read_block = std::size_t{1} << 20;
+
+// A change in the same tick of a file system's clock leaves the time as it is, and no later backup
+// would find it: the file is read when its time is past.
+void wait_for_another_time(const timespec& changed) {
+    using namespace std::chrono;
+    // Whole seconds are those of a file system that has no others.
+    const nanoseconds tick = changed.tv_nsec == 0 ? nanoseconds(seconds(2)) : milliseconds(20);
+    timespec now{};
+    if (::clock_gettime(CLOCK_REALTIME, &now) != 0)
+        return;
+    const nanoseconds age =
+        seconds(now.tv_sec - changed.tv_sec) + nanoseconds(now.tv_nsec - changed.tv_nsec);
+    if (age >= nanoseconds(0) && age < tick)
+        std::this_thread::sleep_for(tick - age);
+}
+
+std::uint64_t size_of(const struct stat& status) {
+    return static_cast<std::uint64_t>(status.st_size);
+}
+
+// Nobody but us writes to a database's copy, and nobody at all to a log that is full.
+bool stays_as_it_is(const ManifestItem& item) {
+    return item.kind == ItemKind::database || (item.log && !item.log->active);
+}
+
+// What became of the file while `read` bytes were read, as the item's reason or warning. Returns
+// whether another try may do.
+bool judge_changes(ManifestItem& item, const struct stat& before, const struct stat& after,
+                   std::uint64_t read) {
+    const std::uint64_t expected = size_of(before);
+    const std::uint64_t now = size_of(after);
+    const std::string change =
+        fmt::format("its size changed from {} to {} bytes while it was read", expected, now);
+    const bool whole_or_nothing = is_attachment_object(item.path);
+    if (read < expected || now < expected) {
+        item.reason = now != expected
+                          ? change
+                          : fmt::format("only {} of its {} bytes could be read", read, expected);
+        return now != expected;
+    }
+    if (now > expected && (stays_as_it_is(item) || whole_or_nothing)) {
+        item.reason = change;
+        return whole_or_nothing;
+    }
+    if (now > expected)
+        item.warnings.push_back(fmt::format("{}; {} bytes are stored", change, read));
+    bool same_time = after.st_mtim.tv_sec == before.st_mtim.tv_sec &&
+                     after.st_mtim.tv_nsec == before.st_mtim.tv_nsec;
+    if (item.kind == ItemKind::other && now == expected && !same_time) {
+        item.reason = "it was changed while it was read";
+        return true;
+    }
+    return false;
+}
+
+} // namespace
+
+bool ContentReader::read(ManifestItem& item, const std::string& file) {
+    // O_NONBLOCK: a FIFO that took the file's place must not hang the run.
+    FileDescriptor content =
+        is_below(file, m_run.temporary->path())
+            ? m_run.temporary->open_file(file)
+            : FileDescriptor(::open(file.c_str(), O_RDONLY | O_NONBLOCK | O_NOCTTY | O_CLOEXEC));
+    if (content)
+        return read(item, std::move(content));
+    item.reason = errno == ENOENT ? "it is gone: it was there when the module listed it"
+                                  : "cannot open it: " + system_error_text(errno);
+    return false;
+}
+
+bool ContentReader::read(ManifestItem& item, FileDescriptor content) {
+    struct stat before {};
+    if (::fstat(content.get(), &before) != 0) {
+        item.reason = "cannot look at it: " + system_error_text(errno);
+        return false;
+    }
+    if (!S_ISREG(before.st_mode)) {
+        item.reason = fmt::format("it is {}, no file", file_type_name(before.st_mode));
+        return false;
+    }
+    if (!stays_as_it_is(item))
+        wait_for_another_time(before.st_mtim);
+    ::posix_fadvise(content.get(), 0, 0, POSIX_FADV_SEQUENTIAL);
+    // One consistent length: what is there now, even if the file grows meanwhile.
+    std::unique_ptr<ObjectWriter> object = m_run.context.store.create_object();
+    const std::uint64_t read = copy(content, *object, size_of(before), item.reason);
+    if (!item.reason.empty())
+        return false;
+    struct stat after {};
+    if (::fstat(content.get(), &after) != 0) {
+        item.reason = "cannot look at it: " + system_error_text(errno);
+        return false;
+    }
+    const bool may_do_again = judge_changes(item, before, after, read);
+    if (!item.reason.empty())
+        return may_do_again;
+    StoredObject stored = object->finish();
+    item.object = stored.hash;
+    item.size = stored.size;
+    item.stored_size = stored.stored_size;
+    m_run.set.note_object(stored);
+    return false;
+}
+
+// Copies no more than what was there at first. Returns how much there was.
+std::uint64_t ContentReader::copy(FileDescriptor& content, ObjectWriter& object,
+                                  std::uint64_t expected, std::string& problem) {
+    m_buffer.resize(read_block);
+    std::uint64_t read = 0;
+    while (read < expected) {
+        m_run.items().host().forward_interrupt();
+        if (interrupt_signal() != 0) {
+            problem = "interrupted";
+            break;
+        }
+        std::size_t wanted = std::min<std::uint64_t>(m_buffer.size(), expected - read);
+        ssize_t got = read_up_to(content.get(), std::span(m_buffer.data(), wanted));
+        if (got < 0)
+            problem = "cannot read it: " + system_error_text(static_cast<int>(-got));
+        if (got <= 0)
+            break;
+        object.write(Bytes(m_buffer.data(), static_cast<std::size_t>(got)));
+        read += static_cast<std::uint64_t>(got);
+        m_run.progress->add_bytes(static_cast<std::uint64_t>(got));
+    }
+    return read;
+}
+
+} // namespace qrtln

@@ -1,0 +1,32 @@
+// Reads one file into the store: one consistent content, or a reason why there is none.
+#pragma once
+
+#include "client/backup/run.h"
+#include "client/base/file_descriptor.h"
+
+#include <cstddef>
+#include <string>
+#include <vector>
+
+namespace qrtln {
+
+class ContentReader {
+  public:
+    // `run` outlives it.
+    explicit ContentReader(BackupRun& run) : m_run(run) {}
+
+    // Reads a file, or what was opened for it, as the content of `item`: sets its object and sizes,
+    // and warnings where the file grew meanwhile, or its reason. Returns whether the file changed
+    // so that another try may do. An interruption is a reason, too. Throws what the store throws.
+    bool read(ManifestItem& item, const std::string& file);
+    bool read(ManifestItem& item, FileDescriptor content);
+
+  private:
+    std::uint64_t copy(FileDescriptor& content, ObjectWriter& object, std::uint64_t expected,
+                       std::string& problem);
+
+    BackupRun& m_run;
+    std::vector<std::byte> m_buffer;
+};
+
+} // namespace qrtln
