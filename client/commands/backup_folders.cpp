@@ -77,6 +77,7 @@ find_missing_folders(Store& store, const NotesIni& ini, const std::vector<std::s
         ++count;
     }
     std::vector<std::pair<std::string, std::string>> folders;
+    folders.reserve(missing.size());
     for (const auto& [path, what] : missing)
         folders.emplace_back(path,
                              fmt::format("{}, but the set {} has {} databases below it: mount its "

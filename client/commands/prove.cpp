@@ -13,6 +13,7 @@
 #include "client/module/control_variables.h"
 #include "client/module/temporary_directory.h"
 #include "client/recovery/journal.h"
+#include "client/recovery/leftovers.h"
 #include "client/recovery/operation.h"
 #include "client/sets/catalogue.h"
 #include "client/sets/manifest.h"
@@ -90,6 +91,7 @@ RecoveryRequest make_request(const ProveOptions& options, const Target& target,
                              const std::string& scratch) {
     const Manifest& manifest = target.manifest;
     RecoveryRequest request;
+    request.kind = RecoveryKind::proof;
     bool by_itself = !target.newest_state && (manifest.level == "full" || manifest.level == "copy");
     request.selection.all = manifest.whole_system || manifest.arguments.empty();
     if (target.newest_state)
@@ -107,9 +109,6 @@ RecoveryRequest make_request(const ProveOptions& options, const Target& target,
     }
     request.to = target.moment;
     request.into = scratch;
-    request.databases_only = true;
-    request.keeps_log_folder = true;
-    request.leaves_journal = true;
     request.tmp_dir = options.tmp_dir;
     return request;
 }

@@ -14,7 +14,9 @@
 #include "client/module/control_variables.h"
 #include "client/module/temporary_directory.h"
 #include "client/recovery/journal.h"
+#include "client/recovery/leftovers.h"
 #include "client/recovery/operation.h"
+#include "client/recovery/plan_text.h"
 #include "client/restore/plan.h"
 #include "client/sets/server_runtime.h"
 #include "client/store/canonical_json.h"
@@ -180,15 +182,15 @@ void require_usable_into(const std::string& into, const Store& store,
                                       for_terminal(refused)));
 }
 
-int dry_run(const RecoverOptions& options, const OperationContext& context, RecoveryRequest request,
-            const std::optional<RecoveryJournal>& journal) {
-    request.log_folder_was_lost = journal && journal->log_folder_lost;
+int dry_run(const RecoverOptions& options, const OperationContext& context,
+            const RecoveryRequest& request, const std::optional<RecoveryJournal>& journal) {
     TemporaryDirectory temporary(absolute_path(options.tmp_dir), {}); // the client's alone
     // It has no lock: it looks at a copy, which reading may cut.
     OwedDatabases owed(copy_owed(context.store, temporary.path()));
     LiveDatabases live(context);
-    RecoveryPlan plan = make_recovery_plan(context.store, context.ini, request,
-                                           {&live, &owed, journal ? &*journal : nullptr});
+    RecoveryPlan plan = make_recovery_plan(
+        context.store, context.ini, request,
+        {&live, &owed, journal ? &*journal : nullptr, journal && journal->log_folder_lost});
     print_warnings(plan.warnings);
     int code = exit_code_of(plan);
     if (options.json)
@@ -261,6 +263,7 @@ int run_recover(const RecoverOptions& options) {
         return abandon(options, ini, file, journal);
     require_usable_tmp_dir(options.tmp_dir, ini.data_directory);
     RecoveryRequest request = make_request(options, ini, journal);
+    request.kind = request.into.empty() ? RecoveryKind::in_place : RecoveryKind::into_folder;
     use_sets_of(request, options, server);
     check_time(request);
     require_usable_into(request.into, *server.store, ini.data_directory);

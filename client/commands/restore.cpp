@@ -12,9 +12,10 @@
 #include "client/commands/server.h"
 #include "client/domino/notes_ini.h"
 #include "client/module/temporary_directory.h"
-#include "client/recovery/plan.h"
+#include "client/recovery/plan_text.h"
 #include "client/restore/operation.h"
 #include "client/restore/plan.h"
+#include "client/restore/plan_text.h"
 #include "client/sets/manifest.h"
 
 #include <algorithm>

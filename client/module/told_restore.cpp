@@ -4,7 +4,7 @@
 
 namespace qrtln {
 
-bool says_not_taken_offline(const std::string& line) {
+bool says_not_taken_offline(std::string_view line) {
     return line.starts_with("QRTLN_Activate(): WARNING: Please shutdown");
 }
 

@@ -9,7 +9,7 @@
 namespace qrtln {
 
 // Whether a line of the protocol says that the server does not take a database offline.
-bool says_not_taken_offline(const std::string& line);
+bool says_not_taken_offline(std::string_view line);
 // Whether a line of the trace says that it did.
 bool says_taken_offline(const std::string& line);
 

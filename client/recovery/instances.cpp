@@ -5,6 +5,7 @@
 #include "client/sets/server_scope.h"
 
 #include <algorithm>
+#include <fmt/format.h>
 
 namespace qrtln {
 
@@ -72,23 +73,26 @@ std::string reason_to_keep(const LiveDatabase* live, bool restored,
     case State::unopenable:
         return {};
     case State::untold:
-        return "the server does not tell which instance the live database is (" + live->reason +
-               "), so that it may hold what no set leads to; --replace-live replaces it all the "
-               "same";
+        return fmt::format("the server does not tell which instance the live database is ({}), so "
+                           "that it may hold what no set leads to; --replace-live replaces it all "
+                           "the same",
+                           live->reason);
     case State::logged:
         if (newest.dbiid.empty())
-            return "the live database is transaction-logged, and its newest saved copy, in the "
-                   "set " +
-                   newest.set + ", is not, or not known to be the same instance: " + advice;
+            return fmt::format("the live database is transaction-logged, and its newest saved "
+                               "copy, in the set {}, is not, or not known to be the same instance: "
+                               "{}",
+                               newest.set, advice);
         if (live->dbiid != newest.dbiid)
-            return "the live database is another instance than its newest saved copy, in the set " +
-                   newest.set + " (since a compaction, a restore or a repair): " + advice;
+            return fmt::format("the live database is another instance than its newest saved copy, "
+                               "in the set {} (since a compaction, a restore or a repair): {}",
+                               newest.set, advice);
         break;
     case State::not_logged:
         if (!newest.dbiid.empty())
-            return "the live database is not transaction-logged any more, as its newest saved "
-                   "copy, in the set " +
-                   newest.set + ", was: " + advice;
+            return fmt::format("the live database is not transaction-logged any more, as its "
+                               "newest saved copy, in the set {}, was: {}",
+                               newest.set, advice);
         break;
     }
     if (restored)
@@ -115,10 +119,12 @@ std::string reason_against_older(const std::vector<SavedCopy>& copies, const std
     }
     if (!found || (!newest.empty() && newest == older && !restored))
         return {};
-    return "the older copy in the set " + set +
-           (newest.empty() || older.empty() ? " cannot be rolled forward to the same end"
-                                            : " is another instance, which no log leads on from") +
-           ": `qrtln restore --set " + set + "` gives it by name";
+    return fmt::format("the older copy in the set {0} {1}: `qrtln restore --set {0}` gives it by "
+                       "name",
+                       set,
+                       newest.empty() || older.empty()
+                           ? "cannot be rolled forward to the same end"
+                           : "is another instance, which no log leads on from");
 }
 
 std::int64_t same_instance_until(const std::vector<SavedCopy>& copies, const std::string& set) {
@@ -140,20 +146,20 @@ std::string reason_for_doubt(const std::vector<SavedCopy>& copies, const std::st
     bool other =
         live != nullptr && live->state != State::unopenable && !is_instance(*live, *chosen);
     if (chosen->dbiid.empty() && (next != copies.end() || other))
-        return "the set " + set +
-               " does not tell which instance it holds: it may have become "
-               "another (a compaction, a restore or a repair) before this moment";
+        return fmt::format("the set {} does not tell which instance it holds: it may have become "
+                           "another (a compaction, a restore or a repair) before this moment",
+                           set);
     if (next != copies.end())
-        return "it became another instance (a compaction, a restore or a repair) between the "
-               "sets " +
-               last->set + " and " + next->set + consequence;
+        return fmt::format("it became another instance (a compaction, a restore or a repair) "
+                           "between the sets {} and {}{}",
+                           last->set, next->set, consequence);
     if (other)
-        return "the live database is another instance (a compaction, a restore or a repair) than "
-               "its newest saved copy, in the set " +
-               last->set + consequence;
+        return fmt::format("the live database is another instance (a compaction, a restore or a "
+                           "repair) than its newest saved copy, in the set {}{}",
+                           last->set, consequence);
     if (restored)
-        return "a restore or recovery put it in place, or began to, since the set " + last->set +
-               consequence;
+        return fmt::format("a restore or recovery put it in place, or began to, since the set {}{}",
+                           last->set, consequence);
     return {};
 }
 

@@ -5,14 +5,12 @@
 #include "client/base/paths.h"
 #include "client/base/permission.h"
 #include "client/base/text.h"
-#include "client/module/temporary_directory.h"
 #include "client/store/canonical_json.h"
-#include "client/store/digest.h"
-#include "client/store/file_digest.h"
 
 #include <algorithm>
 #include <cerrno>
 #include <fcntl.h>
+#include <fmt/format.h>
 #include <sys/stat.h>
 
 namespace qrtln {
@@ -23,7 +21,6 @@ using nlohmann::json;
 
 constexpr int journal_format = 1;
 constexpr std::size_t maximal_journal = std::size_t{1} << 30;
-constexpr std::string_view folder_prefix = "qrtln-recovery_";
 
 json paths_to_json(const std::vector<std::string>& paths) {
     json array = json::array();
@@ -148,10 +145,6 @@ const Entry* find_entry(const std::vector<Entry>& entries, const std::string& pa
     return found == entries.end() ? nullptr : &*found;
 }
 
-bool is_pending_folder(const std::string& folder) {
-    return name_of(folder).starts_with(folder_prefix) && exists(folder);
-}
-
 } // namespace
 
 FileState file_state(const std::string& path) {
@@ -161,8 +154,6 @@ FileState file_state(const std::string& path) {
     return {true, status.st_ino, status.st_size, modification_time_ns(status)};
 }
 
-namespace {} // namespace
-
 const PendingDatabase* RecoveryJournal::entry_of(const std::string& path) const {
     return find_entry(databases, path);
 }
@@ -171,18 +162,24 @@ const DoneDatabase* RecoveryJournal::done_of(const std::string& path) const {
     return find_entry(done, path);
 }
 
-bool RecoveryJournal::was_put_in_place(const std::string& path) const {
-    if (!into.empty() || !recovering)
-        return false;
-    if (done_of(path) != nullptr)
-        return true;
+DatabaseState RecoveryJournal::state_of(const std::string& path) const {
+    const bool server_was_told = recovering && into.empty(); // before that it put nothing in place
+    if (server_was_told && done_of(path) != nullptr)
+        return DatabaseState::in_place;
     const PendingDatabase* pending = entry_of(path);
-    if (pending == nullptr || pending->copy.empty() || exists(pending->copy))
-        return false;
+    if (pending == nullptr)
+        return DatabaseState::not_listed;
+    if (pending->copy.empty())
+        return DatabaseState::to_restore;
+    if (exists(pending->copy))
+        return DatabaseState::copy_waits;
+    if (!server_was_told)
+        return DatabaseState::to_restore;
     // Somebody who clears the folder takes the link, too; and what is as it was before was not
     // written by the server.
     bool cleaned_away = !pending->link.empty() && !exists(pending->link);
-    return !cleaned_away && pending->before && file_state(path) != *pending->before;
+    bool changed = pending->before && file_state(path) != *pending->before;
+    return cleaned_away || !changed ? DatabaseState::copy_lost : DatabaseState::in_place;
 }
 
 std::optional<RecoveryJournal> RecoveryJournalFile::read() const {
@@ -201,11 +198,11 @@ std::optional<RecoveryJournal> RecoveryJournalFile::read() const {
     } catch (const std::exception& failure) {
         problem = "does not read as one: " + printable_utf8(failure.what());
     }
-    throw ClientError(ExitCode::failed,
-                      "the journal of an unfinished recovery, " + for_terminal(m_file) + ", " +
-                          problem,
-                      "move it away and run the recovery again; restored copies that waited are in "
-                      "the folder for temporary files, in qrtln-recovery_*");
+    throw ClientError(
+        ExitCode::failed,
+        fmt::format("the journal of an unfinished recovery, {}, {}", for_terminal(m_file), problem),
+        "move it away and run the recovery again; restored copies that waited are in "
+        "the folder for temporary files, in qrtln-recovery_*");
 }
 
 void RecoveryJournalFile::write(const RecoveryJournal& journal) const {
@@ -213,8 +210,8 @@ void RecoveryJournalFile::write(const RecoveryJournal& journal) const {
     throw_if_no_permission("write the journal of the recovery", m_file, error, true);
     if (error != 0)
         throw ClientError(ExitCode::failed,
-                          "cannot write the journal of the recovery, " + for_terminal(m_file) +
-                              ": " + system_error_text(error),
+                          fmt::format("cannot write the journal of the recovery, {}: {}",
+                                      for_terminal(m_file), system_error_text(error)),
                           error == ENOSPC || error == EDQUOT ? "make room on its file system" : "");
 }
 
@@ -224,49 +221,9 @@ void RecoveryJournalFile::remove() const {
         error = flush_directory(AT_FDCWD, m_file.substr(0, m_file.rfind('/')));
     throw_if_no_permission("remove the journal of the recovery", m_file, error, true);
     if (error != 0)
-        throw ClientError(ExitCode::failed, "cannot remove the journal of the recovery, " +
-                                                for_terminal(m_file) + ": " +
-                                                system_error_text(error));
-}
-
-std::string make_pending_folder(const std::string& tmp_dir, const std::string& data_directory) {
-    return make_folder_for_copies(tmp_dir, data_directory, std::string(folder_prefix));
-}
-
-std::string make_folder_for_proof(const std::string& tmp_dir, const std::string& data_directory) {
-    return make_folder_for_copies(tmp_dir, data_directory, std::string(folder_prefix) + "proof_");
-}
-
-std::vector<std::string> leftovers_of(const RecoveryJournal& journal) {
-    std::vector<std::string> leftovers;
-    for (const PutBackLog& log : journal.extents)
-        if (file_has_content(log.path, log.object))
-            leftovers.push_back(log.path);
-    if (is_pending_folder(journal.pending_folder))
-        leftovers.push_back(journal.pending_folder);
-    return leftovers;
-}
-
-std::vector<std::string> abandon_recovery(const RecoveryJournal& journal) {
-    std::vector<std::string> warnings;
-    // Whatever the journal says, only what a recovery makes is removed.
-    for (const PutBackLog& log : journal.extents) {
-        if (!exists(log.path))
-            continue;
-        if (!file_has_content(log.path, log.object))
-            warnings.push_back("the transaction log " + log.path +
-                               " is not the one that was put back there (the server may have begun "
-                               "a new log): it is left alone");
-        else if (::unlink(log.path.c_str()) != 0 && errno != ENOENT)
-            warnings.push_back("cannot remove the restored transaction log " + log.path + ": " +
-                               system_error_text(errno));
-    }
-    const std::string& folder = journal.pending_folder;
-    if (is_pending_folder(folder))
-        if (int error = remove_tree(AT_FDCWD, folder); error != 0)
-            warnings.push_back("cannot remove the folder of restored copies " + folder + ": " +
-                               system_error_text(error));
-    return warnings;
+        throw ClientError(ExitCode::failed,
+                          fmt::format("cannot remove the journal of the recovery, {}: {}",
+                                      for_terminal(m_file), system_error_text(error)));
 }
 
 } // namespace qrtln

@@ -48,6 +48,21 @@ struct PutBackLog {
     bool operator==(const PutBackLog&) const = default;
 };
 
+// Where a recovery left a database. What is in its place is noted positively; after a kill it is
+// concluded from the copy's second name and from the place itself, never from absence alone.
+enum class DatabaseState {
+    // State     what the journal and the files say                       what a second run does
+    not_listed, // neither list has it                                    restores and recovers it
+    to_restore, // `databases` has it, no copy is named, or the server    restores the copy
+                // was told nothing when the copy went
+    copy_waits, // its copy is there, perhaps half written                checks it, uses it if
+                // whole
+    copy_lost,  // its copy is gone, its link too or the original is      restores the copy again
+                // as it was `before`
+    in_place, // `done` has it, or: its copy is gone, its link is       leaves it alone, unless the
+              // there, the original is not as it was `before`          server cannot open it
+};
+
 struct RecoveryJournal {
     // The request, as the command had it.
     std::string data_directory;
@@ -72,9 +87,8 @@ struct RecoveryJournal {
     // Nullptr for one that is not listed.
     const PendingDatabase* entry_of(const std::string& path) const;
     const DoneDatabase* done_of(const std::string& path) const;
-    // Whether an earlier run of this recovery put the database in its place: it noted so, or was
-    // killed after the server had taken the copy.
-    bool was_put_in_place(const std::string& path) const;
+    // Where an earlier run of this recovery left the database. Looks at the files that are named.
+    DatabaseState state_of(const std::string& path) const;
 };
 
 // The journal of one store, a file in its folder of run-time data. REQUIRES: the store is locked.
@@ -92,16 +106,5 @@ class RecoveryJournalFile {
   private:
     std::string m_file;
 };
-
-// Makes a folder for restored copies, or a scratch folder for a proof. Throws ClientError(failed).
-std::string make_pending_folder(const std::string& tmp_dir, const std::string& data_directory);
-std::string make_folder_for_proof(const std::string& tmp_dir, const std::string& data_directory);
-
-// What an unfinished recovery has on the server: the folder of its copies, and logs that still have
-// the content that was put back.
-std::vector<std::string> leftovers_of(const RecoveryJournal& journal);
-// Removes that. Returns warnings about what could not be removed, and logs that were left because
-// they are others by now.
-std::vector<std::string> abandon_recovery(const RecoveryJournal& journal);
 
 } // namespace qrtln

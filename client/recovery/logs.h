@@ -1,68 +1,15 @@
 // The transaction logs that a recovery replays: which numbers it needs, and where each of them is.
 #pragma once
 
-#include "client/sets/manifest.h"
-#include "client/sets/server_scope.h"
-#include "client/store/store.h"
+#include "client/recovery/server_logs.h"
+#include "client/recovery/stored_logs.h"
 
 #include <cstdint>
-#include <functional>
-#include <map>
 #include <optional>
-#include <set>
 #include <string>
-#include <utility>
 #include <vector>
 
 namespace qrtln {
-
-// An item of a set: a transaction log, or the log control file.
-struct StoredLog {
-    std::string set;
-    ManifestItem item;
-    // Its object is known to be: the number is known, the content is not there.
-    bool damaged = false;
-    std::int64_t set_started = 0; // seconds since 1970: what was committed before is in the log
-    std::string target_name = {}; // that it comes back under; empty: its own
-};
-
-// What the sets of one server hold, oldest set first.
-struct StoredLogs {
-    std::vector<StoredLog> logs;
-    // Of the newest set that has one undamaged and logs of the newest identity beside it.
-    std::optional<StoredLog> control;
-};
-
-// The stored logs of all sets with this data directory. Items that are known to be damaged are
-// named by path and object. Sets whose manifests cannot be read are left out.
-StoredLogs load_stored_logs(Store& store, const ServerScope& scope,
-                            const std::set<std::pair<std::string, std::string>>& damaged);
-
-// The folder of the server's own logs as it is now.
-struct ServerLogs {
-    std::string directory;                           // absolute; empty: unknown
-    bool missing = false;                            // lost: no such folder, or an empty one
-    bool has_control = false;                        // the log control file is there
-    std::map<std::uint32_t, std::int64_t> last_used; // by number: modification time, nanoseconds
-    // Names of files tell the numbers of the logs in them. If not, last_used has what
-    // compare_with_stored() found, and nobody can see beforehand which logs behind the stored ones
-    // are there.
-    bool names_tell = true;
-};
-
-// Looks at the folder; a file counts as a log when its name has the form of one. Throws
-// ClientError(failed) for a folder that is there and cannot be read.
-ServerLogs look_at_server_logs(const std::string& directory);
-
-// Looks whether names can be relied on: a server may use the file of an archived log again for a
-// later one. A stored log whose name has another number, or none, and a file that has the name of a
-// stored log and other content say that they cannot. `between` is called now and then and ends it
-// by throwing.
-void compare_with_stored(ServerLogs& server, const StoredLogs& stored,
-                         const std::function<void()>& between = {});
-
-// The number in a log's file name, "S0000012.TXN", or nothing.
-std::optional<std::uint32_t> log_number_of(const std::string& file_name);
 
 struct RecoveryLogNeeds {
     // The oldest set that a database comes from which is to be rolled forward.
@@ -98,10 +45,6 @@ struct RecoveryLogs {
 // each, which knows nothing of what was before it.
 RecoveryLogs find_recovery_logs(const StoredLogs& stored, const ServerLogs& server,
                                 const RecoveryLogNeeds& needs);
-
-// Whether the logs that a set holds, or the nearest set before it that holds some, else behind it,
-// are of the newest archive; true when no set has any.
-bool has_newest_archive(const StoredLogs& stored, const std::string& set);
 
 // "the transaction logs 5 to 7 are missing; with those before them ... is reachable".
 std::string describe(const MissingLogs& missing);

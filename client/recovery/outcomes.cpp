@@ -2,6 +2,7 @@
 
 #include "client/recovery/plan.h"
 
+#include <fmt/format.h>
 #include <utility>
 
 namespace qrtln {
@@ -71,7 +72,7 @@ void ToldOutcomes::read(std::string_view line) {
     Told told{outcome_of(database->verdict), database->reason};
     const NotRolledForward meaning = meaning_of(told.reason);
     if (meaning == NotRolledForward::not_taken_offline && !m_status.text.empty())
-        told.reason += ": " + m_status.text + ": " + advice_on(m_status);
+        told.reason += fmt::format(": {}: {}", m_status.text, advice_on(m_status));
     else if (meaning == NotRolledForward::not_online && !m_status.text.empty())
         told.reason += ": " + m_status.text;
     m_told[database->path] = std::move(told);

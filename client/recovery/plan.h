@@ -6,41 +6,45 @@
 #include "client/recovery/instances.h"
 #include "client/recovery/journal.h"
 #include "client/recovery/logs.h"
+#include "client/recovery/plan_logs.h"
 #include "client/restore/plan.h"
 #include "client/sets/owed.h"
 
 #include <cstdint>
 #include <map>
-#include <nlohmann/json.hpp>
 #include <optional>
 #include <string>
 #include <vector>
 
 namespace qrtln {
 
+enum class RecoveryKind {
+    in_place,    // the databases take the places of the live ones
+    into_folder, // they are written below another folder, the live ones stay
+    proof,       // likewise, and nothing but databases: no files or folders beside them, no lost
+                 // folder of logs; the caller looks at the databases and cleans up
+};
+
 struct RecoveryRequest {
-    SelectionRequest selection;     // its moment and its `elsewhere` are set by the plan
+    RecoveryKind kind = RecoveryKind::in_place;
+    SelectionRequest selection;     // its moment is set by the plan
     std::optional<std::int64_t> to; // seconds since 1970; nothing: to the end of the logs
-    std::string into;               // empty: in place of the live databases
+    std::string into;               // the other folder, absolute; empty in place, and only there
     bool new_dbiid = false;
-    bool replace_live = false;        // also databases that hold what no set leads to
-    bool logs_lost = false;           // the server's own logs are not only not mounted
-    std::string from_server;          // as the options say it, for the journal
-    std::string moved;                // likewise
-    bool databases_only = false;      // no folders or files beside them
-    bool keeps_log_folder = false;    // a lost folder of transaction logs is not made again
-    bool log_folder_was_lost = false; // an earlier run of the same recovery found it lost
-    bool leaves_journal = false;      // for the caller to clean up after a look at the result
-    bool searches_reachable = false;  // a trial plan, for the latest moment that can be reached
-    std::string tmp_dir;              // below it the restored copies wait
+    bool replace_live = false; // also databases that hold what no set leads to
+    bool logs_lost = false;    // the server's own logs are not only not mounted
+    std::string from_server;   // as the options say it, for the journal
+    std::string moved;         // likewise
+    std::string tmp_dir;       // below it the restored copies wait
 };
 
 // What is known beside the store when a recovery is planned; each may be nullptr. All outlive it.
 struct RecoverySituation {
-    LiveDatabases* live =
-        nullptr; // not asked: whatever lies in the places of databases is replaced
+    // Not asked without it: whatever lies in the places of databases is replaced.
+    LiveDatabases* live = nullptr;
     const OwedDatabases* owed = nullptr;
     const RecoveryJournal* journal = nullptr; // of the same request, from an earlier run
+    bool log_folder_was_lost = false;         // when this recovery began, whatever is there by now
 };
 
 // Why a database without transaction logging is brought back as it is in its set.
@@ -71,6 +75,7 @@ struct RecoveringDatabase {
 };
 
 struct RecoveryPlan {
+    RecoveryKind kind = RecoveryKind::in_place;
     std::string data_directory;
     bool data_directory_missing = false;
     std::optional<std::int64_t> to;
@@ -78,7 +83,8 @@ struct RecoveryPlan {
     bool new_dbiid = false;
     std::vector<RecoveringDatabase> databases;
     std::vector<PlannedItem> refused;
-    std::vector<RecoveringDatabase> in_place; // since an earlier run of the same recovery
+    // In their places since an earlier run of the same recovery, and left alone.
+    std::vector<RecoveringDatabase> in_place_before;
     // Of databases of which only older copies are whole: why those do not reach the same end.
     std::map<std::string, std::string> no_whole_copy; // by path
     RestorePlan others;                               // folders and files that are missing
@@ -86,6 +92,12 @@ struct RecoveryPlan {
     ServerLogs server_logs;
     std::vector<RoomNeeded> room;
     std::vector<std::string> warnings;
+
+    bool in_place() const { return kind == RecoveryKind::in_place; }
+    // Whether logs are needed: not all databases come back as they are in their sets.
+    bool rolls_forward() const;
+    // The folder of the server's own logs is lost, and comes back with the stored ones.
+    bool restores_log_folder() const { return server_logs.missing && !logs.restore.empty(); }
 };
 
 // Makes the plan; writes nothing. Throws ClientError for a request that cannot be carried out, and
@@ -98,26 +110,7 @@ RecoveryPlan make_recovery_plan(Store& store, const NotesIni& ini, const Recover
 std::vector<RoomNeeded> recovery_room(const RecoveryPlan& plan, const std::string& tmp_dir,
                                       const std::map<std::string, std::string>& whole);
 
-// Throws ClientError(logs_missing) when logs are missing that the plan needs, with the latest time
-// that can be reached without them.
-// REQUIRES: the plan's `reachable` is one for which there is a plan.
-void require_logs(const RecoveryPlan& plan);
-
 // The log's full path in the folder of the server's logs.
 std::string log_target(const RecoveryPlan& plan, const StoredLog& log);
-
-// The logs with which the databases among these items could be rolled forward later, to the end of
-// the logs. Nothing when none of them is logged.
-struct LaterRecovery {
-    RecoveryLogs logs;
-    ServerLogs server_logs;
-};
-std::optional<LaterRecovery> plan_later_recovery(Store& store, const NotesIni& ini,
-                                                 const std::vector<PlannedItem>& items);
-std::string later_recovery_text(const LaterRecovery& later);
-nlohmann::json later_recovery_json(const LaterRecovery& later);
-
-std::string plan_text(const RecoveryPlan& plan);
-nlohmann::json plan_json(const RecoveryPlan& plan);
 
 } // namespace qrtln

@@ -1,19 +1,9 @@
 #include "client/recovery/restores.h"
 
-#include "client/base/error.h"
-#include "client/base/file_descriptor.h"
-#include "client/base/file_io.h"
 #include "client/base/paths.h"
-#include "client/base/safe_folder.h"
-#include "client/base/text.h"
 #include "client/sets/manifest.h"
 
-#include <cerrno>
-#include <cstdio>
-#include <ctime>
-#include <fcntl.h>
 #include <set>
-#include <sys/stat.h>
 #include <utility>
 
 namespace qrtln {
@@ -58,8 +48,8 @@ RestorePlan plan_copies(const RecoveryPlan& recovery, const std::string& pending
                         const std::map<std::string, std::string>& whole) {
     RestorePlan plan = recovery.others;
     plan.pending_folder = pending_folder;
-    plan.databases_wait = true;
-    if (recovery.into.empty())
+    plan.kind = RestoreKind::copies;
+    if (recovery.in_place())
         add_parent_folders(recovery, plan);
     if (recovery.server_logs.missing) {
         for (const StoredLog& log : recovery.logs.restore)
@@ -68,7 +58,7 @@ RestorePlan plan_copies(const RecoveryPlan& recovery, const std::string& pending
             plan.items.push_back(planned_log(recovery, *recovery.logs.control));
     }
     for (const RecoveringDatabase& database : recovery.databases) {
-        bool activated_later = recovery.into.empty() && !database.only_its_set.empty();
+        bool activated_later = recovery.in_place() && !database.only_its_set.empty();
         if (!activated_later && !whole.contains(database.planned.item.path))
             plan.items.push_back(database.planned);
     }
@@ -78,7 +68,7 @@ RestorePlan plan_copies(const RecoveryPlan& recovery, const std::string& pending
 RestorePlan plan_extents(const RecoveryPlan& recovery) {
     RestorePlan plan;
     plan.data_directory = recovery.data_directory;
-    plan.extents_only = true;
+    plan.kind = RestoreKind::logs;
     if (!recovery.server_logs.missing)
         for (const StoredLog& log : recovery.logs.restore)
             plan.items.push_back(planned_log(recovery, log));
@@ -89,33 +79,12 @@ RestorePlan plan_activation(const RecoveryPlan& recovery, const std::string& pen
                             const RecoveringDatabase& database) {
     RestorePlan plan;
     plan.data_directory = recovery.data_directory;
+    plan.kind = RestoreKind::activation;
     plan.activate = true;
     plan.pending_folder = pending_folder;
     plan.items.push_back(database.planned);
     plan.items.back().action = RestoreAction::activate;
     return plan;
-}
-
-std::string set_aside(const PlannedItem& planned, std::string& problem) {
-    std::string path = folder_of(planned.target);
-    FileDescriptor folder =
-        SafeFolder(planned.root)
-            .open_folder(path == planned.root ? "" : path_below(path, planned.root), problem);
-    if (!folder)
-        return {};
-    std::string name = name_of(planned.target);
-    std::string other = name + ".damaged-" + utc_time_compact(std::time(nullptr));
-    int result =
-        ::renameat2(folder.get(), name.c_str(), folder.get(), other.c_str(), RENAME_NOREPLACE);
-    struct stat status {};
-    // Not every file system knows the flag.
-    if (result != 0 && errno == EINVAL &&
-        ::fstatat(folder.get(), other.c_str(), &status, AT_SYMLINK_NOFOLLOW) != 0)
-        result = ::renameat(folder.get(), name.c_str(), folder.get(), other.c_str());
-    int error = result != 0 ? errno : flush_folder(folder.get());
-    if (error != 0)
-        problem = system_error_text(error);
-    return problem.empty() ? path + "/" + other : std::string();
 }
 
 } // namespace qrtln

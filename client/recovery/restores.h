@@ -21,8 +21,4 @@ RestorePlan plan_extents(const RecoveryPlan& recovery);
 RestorePlan plan_activation(const RecoveryPlan& recovery, const std::string& pending_folder,
                             const RecoveringDatabase& database);
 
-// Renames what lies at the item's target to NAME.damaged-TIME in its folder, replacing nothing, and
-// flushes the folder. Returns the new full path, or an empty one with the problem.
-std::string set_aside(const PlannedItem& planned, std::string& problem);
-
 } // namespace qrtln

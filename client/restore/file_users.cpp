@@ -8,6 +8,7 @@
 #include <charconv>
 #include <dirent.h>
 #include <fcntl.h>
+#include <fmt/format.h>
 #include <memory>
 
 namespace qrtln {
@@ -17,7 +18,7 @@ namespace {
 using OpenFolder = std::unique_ptr<DIR, int (*)(DIR*)>;
 
 std::string process_name(pid_t pid) {
-    std::string path = "/proc/" + std::to_string(pid) + "/comm";
+    std::string path = fmt::format("/proc/{}/comm", pid);
     FileDescriptor file(::open(path.c_str(), O_RDONLY | O_CLOEXEC));
     std::string name(64, '\0');
     ssize_t got = file ? ::read(file.get(), name.data(), name.size()) : 0;
@@ -64,7 +65,7 @@ std::string FileUsers::describe(const struct stat& file) const {
     if (found == m_users.end())
         return text;
     for (pid_t pid : found->second)
-        text += (text.empty() ? "" : ", ") + std::to_string(pid) + " (" + process_name(pid) + ")";
+        text += fmt::format("{}{} ({})", text.empty() ? "" : ", ", pid, process_name(pid));
     return text;
 }
 

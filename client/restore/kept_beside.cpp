@@ -12,6 +12,7 @@
 #include <cerrno>
 #include <ctime>
 #include <fcntl.h>
+#include <fmt/format.h>
 #include <sys/stat.h>
 #include <vector>
 
@@ -21,7 +22,8 @@ namespace {
 
 // The file's own name and time, and a number where several are kept within a second.
 std::string free_name(int folder, const std::string& name) {
-    const std::string base = name + ".replaced-" + utc_time_compact(std::time(nullptr));
+    const std::string base =
+        fmt::format("{}.replaced-{}", name, utc_time_compact(std::time(nullptr)));
     std::string candidate = base;
     struct stat status {};
     for (unsigned number = 2;

@@ -4,6 +4,8 @@
 #include "client/restore/safe_file.h"
 #include "client/sets/manifest.h"
 
+#include <fmt/format.h>
+
 namespace qrtln {
 
 namespace {
@@ -35,16 +37,14 @@ WrittenContent read_content(Store& store, const ManifestItem& item,
         written.problem = failed.problem;
         return written;
     } catch (const LongerThanTold&) {
-        check = {"is longer than the " + std::to_string(item.size) + " bytes of the set",
-                 item.size};
+        check = {fmt::format("is longer than the {} bytes of the set", item.size), item.size};
     }
     if (check.problem.empty() && check.size != item.size)
-        check.problem = "has " + std::to_string(check.size) + " bytes, not the " +
-                        std::to_string(item.size) + " of the set";
+        check.problem = fmt::format("has {} bytes, not the {} of the set", check.size, item.size);
     if (check.problem.empty())
         written.bytes = check.size;
     else
-        written.damage = "its object " + item.object + " " + check.problem;
+        written.damage = fmt::format("its object {} {}", item.object, check.problem);
     return written;
 }
 

@@ -11,6 +11,7 @@
 #include <cstdio>
 #include <dirent.h>
 #include <fcntl.h>
+#include <fmt/format.h>
 #include <grp.h>
 #include <linux/openat2.h>
 #include <pwd.h>
@@ -59,7 +60,7 @@ std::string apply_metadata(int fd, const ManifestItem& item) {
     std::string problem;
     auto note = [&](const char* doing) {
         if (problem.empty())
-            problem = std::string("cannot set its ") + doing + ": " + system_error_text(errno);
+            problem = fmt::format("cannot set its {}: {}", doing, system_error_text(errno));
     };
     bool root = ::geteuid() == 0;
     uid_t uid = owner_id(item);
@@ -118,8 +119,7 @@ std::string SafeFile::create_link(const std::string& target) {
 std::string SafeFile::create_named(const std::function<bool(const std::string& name)>& make) {
     for (unsigned number = 0;; ++number) {
         // The name of a killed run's file is passed over. No database's ending: nobody opens it.
-        std::string name =
-            std::string(part_prefix) + std::to_string(::getpid()) + "-" + std::to_string(number);
+        std::string name = fmt::format("{}{}-{}", part_prefix, ::getpid(), number);
         if (make(name)) {
             m_temporary = name;
             return {};
@@ -137,7 +137,7 @@ std::string SafeFile::write(Bytes bytes) {
 // The owner is set already: a change of it would take some away again.
 void SafeFile::take_attributes(const ManifestItem& metadata) {
     // By this name no right to read the old file is needed, and no link is followed.
-    std::string old = "/proc/self/fd/" + std::to_string(m_folder.get()) + "/" + m_name;
+    std::string old = fmt::format("/proc/self/fd/{}/{}", m_folder.get(), m_name);
     std::vector<char> names(maximal_attribute);
     ssize_t size = ::llistxattr(old.c_str(), names.data(), names.size());
     if (size < 0 && errno != ENOTSUP)
@@ -158,8 +158,8 @@ void SafeFile::take_attributes(const ManifestItem& metadata) {
                         0) != 0)
             error = errno;
         if (error != 0)
-            m_warnings.push_back("its extended attribute " + name +
-                                 " is not kept: " + system_error_text(error));
+            m_warnings.push_back(fmt::format("its extended attribute {} is not kept: {}", name,
+                                             system_error_text(error)));
     }
     // An access list brings the old file's mode with it.
     if (metadata.has_metadata && ::fchmod(m_file.get(), metadata.mode & restored_bits) != 0)
@@ -186,8 +186,8 @@ std::string SafeFile::settle_file(const ManifestItem* metadata, bool exists, nli
     if (exists && metadata != nullptr)
         take_attributes(*metadata);
     if (exists && names > 1)
-        m_warnings.push_back("its " + std::to_string(names - 1) +
-                             " other names (hard links) keep the old content");
+        m_warnings.push_back(
+            fmt::format("its {} other names (hard links) keep the old content", names - 1));
     if (::fsync(m_file.get()) != 0)
         return "cannot flush it: " + system_error_text(errno);
     if (int error = m_file.close_checked(); error != 0)

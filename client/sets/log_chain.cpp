@@ -1,10 +1,12 @@
 #include "client/sets/log_chain.h"
 
 #include "client/sets/catalogue.h"
+#include "client/sets/log_gaps.h"
 #include "client/sets/log_positions.h"
 #include "client/sets/server_scope.h"
 
 #include <algorithm>
+#include <fmt/format.h>
 #include <iterator>
 #include <map>
 #include <optional>
@@ -26,21 +28,25 @@ using Segment = std::map<std::int64_t, Coverage>; // by position, of one archive
 void add_gaps(const Segment& segment, std::vector<LogGap>& gaps) {
     if (segment.empty())
         return;
-    for (auto here = segment.begin(), next = std::next(here); next != segment.end();
-         here = next++) {
-        std::int64_t needed = here->second.whole ? here->first + 1 : here->first;
-        if (needed < next->first)
-            gaps.push_back({here->second.last_set,
-                            next->second.first_set,
-                            LogPositions::number(needed),
-                            LogPositions::number(next->first - 1),
-                            {}});
+    LogCopies copies;
+    for (const auto& [position, coverage] : segment)
+        copies[position] = coverage.whole ? LogCopy::whole : LogCopy::partial;
+    for (const auto& [first, last] :
+         find_gaps(copies, segment.begin()->first, segment.rbegin()->first)) {
+        auto next = segment.upper_bound(first); // there is one: a gap ends before a log
+        auto before = std::prev(next);
+        gaps.push_back({before->second.last_set,
+                        next->second.first_set,
+                        LogPositions::number(first),
+                        LogPositions::number(last),
+                        {}});
     }
 }
 
 std::string set_or_sets(const LogGap& gap) {
-    return gap.after == gap.before ? "in the set " + gap.after
-                                   : "between the sets " + gap.after + " and " + gap.before;
+    return gap.after == gap.before
+               ? "in the set " + gap.after
+               : fmt::format("between the sets {} and {}", gap.after, gap.before);
 }
 
 struct LogRange {
@@ -67,9 +73,9 @@ std::optional<LogRange> log_range(const Manifest& manifest) {
 // With the whole identities where both are known.
 std::string new_log_text(const LogIdentity& before, const LogIdentity& after) {
     bool whole = !before.whole_id.empty() && !after.whole_id.empty();
-    return "the server began a new transaction log (archive identity " +
-           (whole ? before.whole_id : before.archive_id) + " became " +
-           (whole ? after.whole_id : after.archive_id) + ")";
+    return fmt::format("the server began a new transaction log (archive identity {} became {})",
+                       whole ? before.whole_id : before.archive_id,
+                       whole ? after.whole_id : after.archive_id);
 }
 
 } // namespace
@@ -144,11 +150,7 @@ std::vector<LogGap> find_log_gaps(const std::vector<ChainLink>& chain) {
 std::string describe(const LogGap& gap) {
     if (!gap.reason.empty())
         return gap.reason + ", " + set_or_sets(gap);
-    std::string numbers = gap.first == gap.last
-                              ? "the transaction log " + std::to_string(gap.first) + " is missing "
-                              : "the transaction logs " + std::to_string(gap.first) + " to " +
-                                    std::to_string(gap.last) + " are missing ";
-    return numbers + set_or_sets(gap);
+    return fmt::format("{} {}", missing_logs_text(gap.first, gap.last), set_or_sets(gap));
 }
 
 std::vector<ChainLink> load_log_chain(Store& store, const std::string& base,
@@ -184,7 +186,7 @@ std::string log_range_text(const Manifest& manifest) {
     std::string text = std::to_string(range->first);
     if (range->last != range->first)
         text += "-" + std::to_string(range->last);
-    return range->active ? text + ", " + std::to_string(*range->active) + " active" : text;
+    return range->active ? fmt::format("{}, {} active", text, *range->active) : text;
 }
 
 nlohmann::json log_range_json(const Manifest& manifest) {

@@ -5,6 +5,7 @@
 #include "client/sets/log_chain.h"
 #include "client/sets/server_scope.h"
 
+#include <fmt/format.h>
 #include <string>
 #include <vector>
 
@@ -18,9 +19,9 @@ std::string last_close_problem(Store& store, const ServerScope& scope) {
             continue;
         if (entry.manifest->close_error.empty())
             return {};
-        return "the server did not close the backup of the set " + *name + ": " +
-               for_terminal(entry.manifest->close_error) +
-               "; it keeps transaction logs that are stored, until a later backup is closed well";
+        return fmt::format("the server did not close the backup of the set {}: {}; it keeps "
+                           "transaction logs that are stored, until a later backup is closed well",
+                           *name, for_terminal(entry.manifest->close_error));
     }
     return {};
 }

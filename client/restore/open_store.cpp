@@ -1,0 +1,59 @@
+#include "client/restore/open_store.h"
+
+#include "client/base/error.h"
+#include "client/sets/server_runtime.h"
+
+#include <cerrno>
+#include <fcntl.h>
+#include <unistd.h>
+
+namespace qrtln {
+
+namespace {
+
+bool can_only_be_read(const std::string& directory) {
+    try {
+        (void)open_directory_store(directory, StoreAccess::read);
+    } catch (const ClientError&) {
+        return false;
+    }
+    auto refused = [](const std::string& path) {
+        return ::faccessat(AT_FDCWD, path.c_str(), W_OK, AT_EACCESS) != 0 &&
+               (errno == EROFS || errno == EACCES || errno == EPERM);
+    };
+    return refused(directory) || refused(directory + "/lock");
+}
+
+} // namespace
+
+std::unique_ptr<Store> open_store_for_notes(const std::string& directory, const std::string& server,
+                                            std::string& problem) {
+    try {
+        std::unique_ptr<Store> store = open_directory_store(directory, StoreAccess::change);
+        use_runtime_of(*store, server);
+        return store;
+    } catch (const ClientError& failure) {
+        if (failure.exit_code() == static_cast<int>(ExitCode::locked))
+            throw;
+        problem = failure.what();
+    }
+    return open_directory_store(directory, StoreAccess::read);
+}
+
+std::unique_ptr<Store> open_store_or_state(const StateRequest& request,
+                                           const std::string& way_out) {
+    if (!request.directory.empty())
+        return open_store_with_state(request);
+    if (!request.writes)
+        return open_directory_store(request.store, StoreAccess::read);
+    try {
+        return open_directory_store(request.store, StoreAccess::change);
+    } catch (const ClientError& failure) {
+        if (!can_only_be_read(request.store))
+            throw;
+        throw ClientError(failure.exit_code(), failure.what(),
+                          failure.hint() + (failure.hint().empty() ? "" : "; or ") + way_out);
+    }
+}
+
+} // namespace qrtln
