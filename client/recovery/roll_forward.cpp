@@ -60,7 +60,7 @@ RollForward::Databases RollForward::run_once(const Databases& databases) {
         std::optional<ToldOutcomes::Told> outcome =
             told.of(m_into.for_module(database->planned.target));
         if (outcome)
-            take_outcome(*database, std::move(*outcome), round);
+            take_outcome(*database, *outcome, round);
         else
             take_silence(*database, round);
     }
@@ -88,7 +88,7 @@ void RollForward::take_silence(const RecoveringDatabase& database, const Round& 
                                        : round.reason);
 }
 
-void RollForward::take_outcome(const RecoveringDatabase& database, ToldOutcomes::Told told,
+void RollForward::take_outcome(const RecoveringDatabase& database, const ToldOutcomes::Told& told,
                                Round& round) {
     const std::string reason = m_into.in_text(told.reason);
     const NotRolledForward meaning = meaning_of(reason);

@@ -43,7 +43,8 @@ class RollForward {
     std::vector<std::string> variables(const Databases& databases,
                                        const std::string& temporary) const;
     void take_silence(const RecoveringDatabase& database, const Round& round);
-    void take_outcome(const RecoveringDatabase& database, ToldOutcomes::Told told, Round& round);
+    void take_outcome(const RecoveringDatabase& database, const ToldOutcomes::Told& told,
+                      Round& round);
     bool copy_waits(const RecoveringDatabase& database) const;
     void tell_recovered(const RecoveringDatabase& database);
 
