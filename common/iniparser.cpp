@@ -305,7 +305,6 @@ int iniparser_getnsec(const dictionary* d) {
     return sections;
 }
 
-// Not run by a test: no caller in the module.
 char* iniparser_getsecname(const dictionary* d, int n) {
     if (d == nullptr || n < 0) {
         return nullptr;

@@ -12,8 +12,8 @@ bool appendRecord(t_LL list, const s_CurrentItem& item) {
     return list != nullptr && InsLastLLf(list, sizeof item, &item) != nullptr;
 }
 
+// Not run by a test: the lists end the process before they return nothing.
 int reportNoRecord(const char* cpFunction) {
-    // Not run by a test: the lists end the process before they return nothing.
     const int error = errno;
     DB_LogExt("%s: InsLastLL returned malloc error (%d): %s", cpFunction, error,
               getSysMsg(static_cast<unsigned int>(error)));

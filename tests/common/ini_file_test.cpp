@@ -67,6 +67,8 @@ TEST(IniLoad, LinesBecomeEntriesByTheRules) {
     }
     const Dictionary two(iniparser_load(folder.write("f", "[a]\nk=1\n[b]\n").c_str()));
     EXPECT_STREQ(iniparser_getsecname(two.get(), 1), "b");
+    EXPECT_EQ(iniparser_getsecname(two.get(), 2), nullptr);
+    EXPECT_EQ(iniparser_getsecname(nullptr, 0), nullptr);
     EXPECT_EQ(iniparser_load(folder.file("missing.ini").c_str()), nullptr);
     EXPECT_EQ(errno, ENOENT);
     ASSERT_NE(freopen(folder.write("in", "k=v\n").c_str(), "r", stdin), nullptr);
