@@ -247,6 +247,7 @@ void AdaptDriveLetter(char* target, const char* source) {
         // Not run by a test: drive letters are of other platforms.
         *target = static_cast<char>(std::tolower(targetLetter));
     } else if (std::isupper(sourceLetter) != 0 && std::islower(targetLetter) != 0) {
+        // Not run by a test: likewise.
         *target = static_cast<char>(std::toupper(targetLetter));
     }
 }
