@@ -7,6 +7,7 @@
 // What is accepted must say what the bytes say, and write itself as the same bytes from then on. A
 // store is listed, read and verified, or opened for writing; nothing outside of it may change.
 #include <algorithm>
+#include <charconv>
 #include <filesystem>
 #include <set>
 
@@ -79,7 +80,8 @@ void runManifest(std::string_view bytes) {
 }
 
 void runNested(std::string_view digits) {
-    const std::size_t levels = std::strtoul(std::string(digits.substr(0, 6)).c_str(), nullptr, 10);
+    std::size_t levels = 0; // no digits: none
+    std::from_chars(digits.data(), digits.data() + std::min<std::size_t>(digits.size(), 6), levels);
     checkManifest("{\"checksum\":\"\",\"x\":" + std::string(levels, '[') +
                       std::string(levels, ']') + "}",
                   kSet);
