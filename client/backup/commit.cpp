@@ -116,6 +116,7 @@ void close_operation(BackupRun& run) {
 void commit_set(BackupRun& run, LogChecks& logs) {
     run.progress.reset();
     run.manifest.complete = totals(run.manifest).failed_items == 0;
+    run.set.place_contents(run.context.store.finish_contents());
     run.context.store.flush();
     logs.check_chain();
     run.manifest.new_bytes = run.set.new_bytes();

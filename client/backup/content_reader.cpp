@@ -49,6 +49,16 @@ bool stays_as_it_is(const ManifestItem& item) {
     return item.kind == ItemKind::database || (item.log && !item.log->active);
 }
 
+// Databases change here and there; of small files many share a pack. The others are whole objects,
+// and so is what sets share by its hash.
+bool goes_into_blocks(const ManifestItem& item, std::uint64_t size) {
+    constexpr std::uint64_t small_file = std::uint64_t{64} << 10;
+    if (item.kind == ItemKind::database)
+        return true;
+    return (item.kind == ItemKind::file || item.kind == ItemKind::other) && size < small_file &&
+           !is_attachment_object(item.path);
+}
+
 // What became of the file while `read` bytes were read, as the item's reason or warning. Returns
 // whether another try may do.
 bool judge_changes(ManifestItem& item, const struct stat& before, const struct stat& after,
@@ -94,6 +104,15 @@ bool ContentReader::read(ManifestItem& item, const std::string& file) {
     return false;
 }
 
+std::unique_ptr<ObjectWriter> ContentReader::create(const ManifestItem& item, std::uint64_t size) {
+    Store& store = m_run.context.store;
+    if (!goes_into_blocks(item, size))
+        return store.create_object();
+    auto earlier = m_run.earlier.find(item.path);
+    return store.create_content(earlier != m_run.earlier.end() ? std::optional(earlier->second)
+                                                               : std::nullopt);
+}
+
 bool ContentReader::read(ManifestItem& item, FileDescriptor content) {
     struct stat before {};
     if (::fstat(content.get(), &before) != 0) {
@@ -108,7 +127,7 @@ bool ContentReader::read(ManifestItem& item, FileDescriptor content) {
         wait_for_another_time(before.st_mtim);
     ::posix_fadvise(content.get(), 0, 0, POSIX_FADV_SEQUENTIAL);
     // One consistent length: what is there now, even if the file grows meanwhile.
-    std::unique_ptr<ObjectWriter> object = m_run.context.store.create_object();
+    std::unique_ptr<ObjectWriter> object = create(item, size_of(before));
     const std::uint64_t read = copy(content, *object, size_of(before), item.reason);
     if (!item.reason.empty())
         return false;
@@ -124,6 +143,10 @@ bool ContentReader::read(ManifestItem& item, FileDescriptor content) {
     item.object = stored.hash;
     item.size = stored.size;
     item.stored_size = stored.stored_size;
+    item.changed_size = stored.changed_size;
+    item.map = stored.map;
+    if (!stored.warning.empty())
+        item.warnings.push_back(stored.warning);
     m_run.set.note_object(stored);
     return false;
 }

@@ -5,6 +5,8 @@
 #include "client/base/file_descriptor.h"
 
 #include <cstddef>
+#include <cstdint>
+#include <memory>
 #include <string>
 #include <vector>
 
@@ -22,6 +24,7 @@ class ContentReader {
     bool read(ManifestItem& item, FileDescriptor content);
 
   private:
+    std::unique_ptr<ObjectWriter> create(const ManifestItem& item, std::uint64_t size);
     std::uint64_t copy(FileDescriptor& content, ObjectWriter& object, std::uint64_t expected,
                        std::string& problem);
 

@@ -12,6 +12,7 @@
 #include "client/module/temporary_directory.h"
 #include "client/sets/manifest.h"
 
+#include <map>
 #include <optional>
 #include <string>
 
@@ -45,6 +46,7 @@ struct BackupRun {
     SetContents set; // the manifest's items
     ModuleReport told;
     OriginalReader originals;
+    std::map<std::string, BlockContent> earlier; // the newest version of each file, by its path
     bool listing_failed = false; // the module ended before it had handed out everything
     // The session goes first: its child has the temporary folder in use.
     std::optional<TemporaryDirectory> temporary;

@@ -71,12 +71,22 @@ void SetContents::fail(ManifestItem& item, const std::string& reason) {
 }
 
 void SetContents::note_object(const StoredObject& object) {
-    if (object.added)
+    if (object.number)
+        m_contents[object.hash] = *object.number;
+    else if (object.added)
         m_objects[object.hash] = object.stored_size;
 }
 
+void SetContents::place_contents(const FinishedContents& contents) {
+    for (ManifestItem& item : m_manifest.items)
+        if (auto found = m_contents.find(item.object);
+            found != m_contents.end() && !is_in_blocks(item))
+            item.map = contents.places.at(found->second);
+    m_content_bytes = contents.stored_size;
+}
+
 std::uint64_t SetContents::new_bytes() const {
-    std::uint64_t bytes = 0;
+    std::uint64_t bytes = m_content_bytes;
     for (const auto& [object, size] : m_objects)
         bytes += size;
     return bytes;

@@ -6,6 +6,7 @@
 #include "client/sets/manifest.h"
 #include "client/store/store.h"
 
+#include <cstddef>
 #include <cstdint>
 #include <map>
 #include <set>
@@ -46,7 +47,9 @@ class SetContents {
 
     // An object was written for an item.
     void note_object(const StoredObject& object);
-    // The stored bytes of the objects that this set brought.
+    // The contents in blocks have their places: the items tell them from here on.
+    void place_contents(const FinishedContents& contents);
+    // The bytes that this set brought to the store.
     std::uint64_t new_bytes() const;
 
   private:
@@ -60,6 +63,8 @@ class SetContents {
     bool m_verbose;
     std::set<std::string> m_met;
     std::map<std::string, std::uint64_t> m_objects; // of this run, with their stored sizes
+    std::map<std::string, std::size_t> m_contents;  // likewise in blocks, with their numbers
+    std::uint64_t m_content_bytes = 0;              // that those added to the store
 };
 
 } // namespace qrtln

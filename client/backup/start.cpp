@@ -12,6 +12,7 @@
 #include "client/module/control_variables.h"
 #include "client/module/host.h"
 #include "client/sets/catalogue.h"
+#include "client/sets/latest_contents.h"
 
 #include <ctime>
 #include <fmt/format.h>
@@ -120,6 +121,7 @@ void describe_set(BackupRun& run) {
     for (const DatabaseArgument& argument : run.request.arguments)
         set.arguments.push_back(argument.path);
     set.predecessor = newest_set(run.context.store, run.ini.sets);
+    run.earlier = latest_contents(run.context.store, run.ini.sets);
     set.server_name = run.ini.server_name;
     set.names_server = true;
     set.own_name = run.ini.own_name;

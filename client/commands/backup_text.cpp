@@ -68,8 +68,9 @@ void report_gaps(const Manifest& manifest) {
 std::string set_lines(const Manifest& manifest) {
     ManifestTotals sum = totals(manifest);
     std::string text = fmt::format(
-        "set {}: {}\n  {} databases, {} items, {}, {} new in the store, {}\n", manifest.set,
-        status_text(manifest), sum.databases, sum.stored_items, human_bytes(sum.bytes),
+        "set {}: {}\n  {} databases, {} items, {}, {} of it changed, {} new in the store, {}\n",
+        manifest.set, status_text(manifest), sum.databases, sum.stored_items,
+        human_bytes(sum.bytes), human_bytes(sum.changed_bytes.value_or(sum.bytes)),
         human_bytes(manifest.new_bytes), human_duration(manifest.ended - manifest.started));
     if (!manifest.base.empty())
         text += fmt::format("  builds on {}\n", manifest.base);
@@ -122,6 +123,7 @@ nlohmann::json set_summary(const Manifest& manifest) {
             {"left_out", left_out_json(manifest.left_out)},
             {"left_out_databases", left_out},
             {"bytes", sum.bytes},
+            {"changed_bytes", sum.changed_bytes.value_or(sum.bytes)},
             {"new_bytes", manifest.new_bytes},
             {"logs", log_range_json(manifest)},
             {"log_gaps", gaps},

@@ -45,6 +45,11 @@ std::string head_text(const Manifest& manifest) {
     if (manifest.left_out.any())
         text += left_out_text(manifest.left_out) + "\n";
     text += left_out_databases_text(manifest);
+    ManifestTotals sum = totals(manifest);
+    text += fmt::format(
+        "{}{}, {} new in the store\n", human_bytes(sum.bytes),
+        sum.changed_bytes ? fmt::format(", {} of it changed", human_bytes(*sum.changed_bytes)) : "",
+        human_bytes(manifest.new_bytes));
     if (!manifest.close_error.empty())
         text += fmt::format("the server did not close the backup: {}\n",
                             for_terminal(manifest.close_error));
@@ -52,12 +57,14 @@ std::string head_text(const Manifest& manifest) {
 }
 
 std::string items_text(const Manifest& manifest) {
-    Table table({"KIND", "BYTES ", "MODIFIED", "OWNER", "PATH"});
+    Table table({"KIND", "BYTES ", "CHANGED ", "STORED ", "MODIFIED", "OWNER", "PATH"});
     for (const ManifestItem& item : manifest.items) {
         table.add({item.status == ItemStatus::stored   ? item_kind_name(item.kind)
                    : item.status == ItemStatus::failed ? "FAILED"
                                                        : "LEFT OUT",
                    item.object.empty() ? "-" : std::to_string(item.size),
+                   item.changed_size ? std::to_string(*item.changed_size) : "-",
+                   item.object.empty() ? "-" : std::to_string(item.stored_size),
                    item.has_metadata ? utc_time(item.mtime_ns / 1'000'000'000) : "-",
                    item.owner.empty() ? std::to_string(item.uid) : for_terminal(item.owner),
                    for_terminal(item.path)});

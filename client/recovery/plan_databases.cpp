@@ -5,6 +5,7 @@
 #include "client/base/interrupt.h"
 #include "client/base/paths.h"
 #include "client/base/safe_folder.h"
+#include "client/sets/item_content.h"
 #include "client/sets/manifest.h"
 #include "client/store/file_digest.h"
 
@@ -220,7 +221,7 @@ bool DatabasePlanner::is_destroyed(const PlannedItem& planned) const {
         return false;
     std::vector<std::byte> saved;
     try {
-        (void)m_planning.store.read_object(planned.item.object, [&](Bytes bytes) {
+        (void)read_item(m_planning.store, planned.item, [&](Bytes bytes) {
             saved.insert(saved.end(), bytes.begin(), bytes.end());
             if (saved.size() >= mark)
                 throw Enough{};

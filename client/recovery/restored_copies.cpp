@@ -6,6 +6,7 @@
 #include "client/base/text.h"
 #include "client/recovery/restores.h"
 #include "client/restore/operation.h"
+#include "client/sets/item_content.h"
 #include "client/store/file_digest.h"
 
 #include <fmt/format.h>
@@ -74,7 +75,7 @@ bool RestoredCopies::check_only_its_set(const RecoveryPlan& plan) {
             continue;
         const PlannedItem& planned = database.planned;
         ObjectCheck check =
-            m_context.store.read_object(planned.item.object, [](Bytes) { throw_if_interrupted(); });
+            read_item(m_context.store, planned.item, [](Bytes) { throw_if_interrupted(); });
         if (check.problem.empty())
             continue;
         note_damage(planned, fmt::format("its object {} {}", planned.item.object, check.problem));

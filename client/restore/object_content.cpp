@@ -2,6 +2,7 @@
 
 #include "client/base/file_io.h"
 #include "client/restore/safe_file.h"
+#include "client/sets/item_content.h"
 #include "client/sets/manifest.h"
 
 #include <fmt/format.h>
@@ -26,7 +27,7 @@ WrittenContent read_content(Store& store, const ManifestItem& item,
     ObjectCheck check;
     std::uint64_t read = 0;
     try {
-        check = store.read_object(item.object, [&](Bytes bytes) {
+        check = read_item(store, item, [&](Bytes bytes) {
             read += bytes.size();
             if (read > item.size)
                 throw LongerThanTold{};

@@ -1,6 +1,7 @@
 #include "client/sets/manifest.h"
 
 #include "client/base/text.h"
+#include "client/store/block_hash.h"
 #include "client/store/canonical_json.h"
 #include "client/store/digest.h"
 
@@ -67,6 +68,11 @@ json item_to_json(const ManifestItem& item) {
         out["object"] = item.object;
         out["size"] = item.size;
         out["stored_size"] = item.stored_size;
+        if (item.changed_size)
+            out["changed_size"] = *item.changed_size;
+        if (is_in_blocks(item))
+            out["map"] = {
+                {"file", item.map.file}, {"offset", item.map.offset}, {"size", item.map.size}};
     }
     if (!item.target.empty())
         put_bytes(out, "target", item.target);
@@ -100,6 +106,14 @@ LogGap gap_from_json(const json& in) {
     return gap;
 }
 
+MapPlace map_place(const json& in) {
+    MapPlace place{in.at("file").get<std::string>(), number_of<std::uint64_t>(in, "offset"),
+                   number_of<std::uint64_t>(in, "size")};
+    if (!is_sha256_hex(place.file))
+        throw std::runtime_error("a file of maps whose name is no digest");
+    return place;
+}
+
 ManifestItem item_from_json(const json& in) {
     ManifestItem item;
     item.path = get_bytes(in, "path");
@@ -122,10 +136,14 @@ ManifestItem item_from_json(const json& in) {
     }
     if (in.contains("object")) {
         item.object = in.at("object").get<std::string>();
-        if (!is_sha256_hex(item.object))
+        if (in.contains("map"))
+            item.map = map_place(in.at("map"));
+        if (is_in_blocks(item) ? block_size_of(item.object) == 0 : !is_sha256_hex(item.object))
             throw std::runtime_error("an object name that is no digest");
         item.size = number_of<std::uint64_t>(in, "size");
         item.stored_size = number_of<std::uint64_t>(in, "stored_size");
+        if (in.contains("changed_size"))
+            item.changed_size = number_of<std::uint64_t>(in, "changed_size");
     }
     if (in.contains("target"))
         item.target = get_bytes(in, "target");
@@ -187,6 +205,10 @@ ManifestTotals totals(const Manifest& manifest) {
         } else if (item.kind != ItemKind::directory) {
             ++sum.stored_items;
             sum.bytes += item.size;
+            if (!item.object.empty() && !item.changed_size)
+                sum.changed_bytes.reset();
+            else if (sum.changed_bytes)
+                *sum.changed_bytes += item.changed_size.value_or(0);
             sum.databases += item.kind == ItemKind::database ? 1 : 0;
             bool object = is_attachment_object(item.path);
             bool other = item.kind == ItemKind::other || item.kind == ItemKind::link;

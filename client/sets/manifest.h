@@ -2,6 +2,7 @@
 #pragma once
 
 #include "client/base/version.h"
+#include "client/store/content_map.h"
 
 #include <cstdint>
 #include <map>
@@ -55,10 +56,14 @@ struct ManifestItem {
     std::string owner; // names, empty when the system has none
     std::string group;
     std::int64_t mtime_ns = 0; // nanoseconds since 1970
-    // content, of everything stored but directories and links
-    std::string object;
+    // content, of everything stored but directories and links: an object, or blocks with a map
+    std::string object; // its name in the store
     std::uint64_t size = 0;
-    std::uint64_t stored_size = 0;
+    std::uint64_t stored_size = 0; // of blocks: of those that the set added
+    MapPlace map;
+    // the plain bytes that no set before had in the same place; not known of sets of earlier
+    // releases
+    std::optional<std::uint64_t> changed_size;
     std::string target;     // of a link: what it names, byte for byte
     int prepare_status = 0; // what the module answered, 0 when it was not asked
     // of a database that is transaction-logged: its instance, 34 characters as the module writes
@@ -116,6 +121,11 @@ struct Manifest {
 
 const char* item_kind_name(ItemKind kind);
 
+// Whether the content of the item is stored in blocks.
+inline bool is_in_blocks(const ManifestItem& item) {
+    return !item.map.file.empty();
+}
+
 // Whether a file of this name is an attachment object: ".nlo". Databases refer to it, and it is
 // never changed.
 bool is_attachment_object(const std::string& path);
@@ -133,6 +143,7 @@ struct ManifestTotals {
     std::size_t left_out_databases = 0;
     std::size_t warnings = 0;
     std::uint64_t bytes = 0;
+    std::optional<std::uint64_t> changed_bytes = 0; // nothing: a set of an earlier release
 };
 ManifestTotals totals(const Manifest& manifest);
 

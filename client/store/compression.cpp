@@ -12,6 +12,7 @@ namespace qrtln {
 namespace {
 
 constexpr std::size_t input_block = 256 * 1024;
+constexpr int compression_level = 3;
 constexpr int window_log = 21; // 2 MiB, what level 3 has by itself
 
 // How every frame begins: magic number, a checksum and no size in the header, the window. Bits of
@@ -37,7 +38,8 @@ Compressor::Compressor(Sink sink)
       m_output(ZSTD_CStreamOutSize()) {
     if (!m_context)
         throw ClientError(ExitCode::failed, "cannot compress: out of memory");
-    check(ZSTD_CCtx_setParameter(m_context.get(), ZSTD_c_compressionLevel, 3), "compress");
+    check(ZSTD_CCtx_setParameter(m_context.get(), ZSTD_c_compressionLevel, compression_level),
+          "compress");
     check(ZSTD_CCtx_setParameter(m_context.get(), ZSTD_c_windowLog, window_log), "compress");
     check(ZSTD_CCtx_setParameter(m_context.get(), ZSTD_c_checksumFlag, 1), "compress");
     // One worker compresses while this thread reads and hashes. Small jobs keep its memory small.
@@ -113,6 +115,58 @@ std::string decompress(int fd, const std::function<void(Bytes)>& sink) {
             sink(Bytes(output_bytes.data(), output.pos));
         }
     }
+}
+
+// --- single frames
+
+namespace {
+
+constexpr std::size_t frame_descriptor = 4; // behind the magic number
+// Bits that mean nothing: set in no frame of ours, and decompressed all the same.
+constexpr unsigned unused_bits = 0x18;
+
+bool is_as_written(Bytes frame) {
+    return frame.size() > frame_descriptor &&
+           (std::to_integer<unsigned>(frame[frame_descriptor]) & unused_bits) == 0;
+}
+
+} // namespace
+
+FrameCompressor::FrameCompressor() : m_context(ZSTD_createCCtx(), ZSTD_freeCCtx) {
+    if (!m_context)
+        throw ClientError(ExitCode::failed, "cannot compress: out of memory");
+    check(ZSTD_CCtx_setParameter(m_context.get(), ZSTD_c_compressionLevel, compression_level),
+          "compress");
+    check(ZSTD_CCtx_setParameter(m_context.get(), ZSTD_c_checksumFlag, 1), "compress");
+}
+
+Bytes FrameCompressor::compress(Bytes plain) {
+    m_output.resize(ZSTD_compressBound(plain.size()));
+    std::size_t size = ZSTD_compress2(m_context.get(), m_output.data(), m_output.size(),
+                                      plain.data(), plain.size());
+    check(size, "compress");
+    return {m_output.data(), size};
+}
+
+FrameDecompressor::FrameDecompressor() : m_context(ZSTD_createDCtx(), ZSTD_freeDCtx) {
+    if (!m_context)
+        throw ClientError(ExitCode::failed, "cannot decompress: out of memory");
+}
+
+std::string FrameDecompressor::decompress(Bytes frame, std::span<std::byte> plain) {
+    if (!is_as_written(frame) ||
+        ZSTD_findFrameCompressedSize(frame.data(), frame.size()) != frame.size())
+        return "is no frame";
+    std::size_t size = ZSTD_decompressDCtx(m_context.get(), plain.data(), plain.size(),
+                                           frame.data(), frame.size());
+    if (ZSTD_isError(size))
+        return std::string("does not decompress: ") + ZSTD_getErrorName(size);
+    return size == plain.size() ? "" : "has another size than is told of it";
+}
+
+std::optional<std::size_t> plain_size(Bytes frame, std::size_t limit) {
+    unsigned long long size = ZSTD_getFrameContentSize(frame.data(), frame.size());
+    return size <= limit ? std::optional<std::size_t>(size) : std::nullopt; // errors are larger
 }
 
 } // namespace qrtln

@@ -20,18 +20,29 @@ namespace qrtln {
 
 namespace {
 
-constexpr int store_format = 1;
+constexpr int store_format = 2;
+constexpr int whole_objects_format = 1; // without packs
 constexpr std::size_t maximal_format_file = 65536;
 constexpr const char* format_temporary = "store.json.tmp";
 constexpr int forgotten_format = 1;
 constexpr const char* forgotten_file = "forgotten.json";
-constexpr std::array skeleton_folders = {"objects", "sets", "runtime"};
+constexpr std::array skeleton_folders = {"objects", "sets", "runtime", pack_folder, map_folder};
+
+bool is_of_packs(std::string_view folder) {
+    return folder == pack_folder || folder == map_folder;
+}
 
 std::string new_store_id() {
     std::array<char, 16> random{};
     return ::getentropy(random.data(), random.size()) == 0
                ? to_hex(std::string_view(random.data(), random.size()))
                : "";
+}
+
+std::uint64_t block_size_in(const nlohmann::json& format_document) {
+    auto size = format_document.find("block_size");
+    return size != format_document.end() && size->is_number_unsigned() ? size->get<std::uint64_t>()
+                                                                       : 0;
 }
 
 std::string id_of(const nlohmann::json& format_document) {
@@ -52,33 +63,38 @@ std::string store_id_at(const std::string& directory) {
 }
 
 std::unique_ptr<Store> open_directory_store(const std::string& directory, StoreAccess access,
-                                            std::string* damage) {
-    auto store = std::make_unique<DirectoryStore>(directory, access, damage);
+                                            std::string* damage, std::uint32_t block_size) {
+    auto store = std::make_unique<DirectoryStore>(directory, access, damage, block_size);
     if (!store->warning().empty())
         print_warnings({store->warning()});
     return store;
 }
 
 std::unique_ptr<Store> open_store_with_state(const StateRequest& request) {
-    auto store = std::make_unique<DirectoryStore>(request.store, StoreAccess::read, nullptr);
+    auto store = std::make_unique<DirectoryStore>(request.store, StoreAccess::read, nullptr, 0);
     store->keep_state_in(request);
     return store;
 }
 
 DirectoryStore::DirectoryStore(const std::string& directory, StoreAccess access,
-                               std::string* damage)
-    : m_place(directory), m_runtime(m_place.path("runtime")), m_objects(m_place), m_sets(m_place) {
+                               std::string* damage, std::uint32_t block_size)
+    : m_place(directory), m_runtime(m_place.path("runtime")), m_objects(m_place), m_sets(m_place),
+      m_packs(m_place) {
     try {
         open_folder(access);
         bool locks = access == StoreAccess::write || access == StoreAccess::change;
         if (locks) {
             lock();
             if (!m_place.exists(m_folder.get(), format_file))
-                create_skeleton();
+                create_skeleton(block_size != 0 ? block_size : usual_block);
         }
         check_format(access == StoreAccess::read_damaged ? damage : nullptr);
+        if (access == StoreAccess::write)
+            require_block_size(block_size);
         m_objects.open(open_part("objects"), m_folder.get());
         m_sets.open(open_part("sets"), m_folder.get());
+        if (has_packs())
+            m_packs.open(open_part(pack_folder), open_part(map_folder), m_folder.get());
         m_place.watch();
         if (locks) {
             if (int error = make_folder(m_folder.get(), "runtime", m_folder.get()); error != 0)
@@ -108,7 +124,8 @@ FileDescriptor DirectoryStore::open_part(const char* name) const {
 // Before a backup has done its work, not when its first object is there.
 void DirectoryStore::require_writable_folders() const {
     for (const char* name : skeleton_folders)
-        if (::faccessat(m_folder.get(), name, R_OK | W_OK | X_OK, AT_EACCESS) != 0)
+        if ((has_packs() || !is_of_packs(name)) &&
+            ::faccessat(m_folder.get(), name, R_OK | W_OK | X_OK, AT_EACCESS) != 0)
             m_place.fail("write to the folder", errno, name);
 }
 
@@ -196,7 +213,7 @@ void DirectoryStore::lock() {
             other_owner_warning(m_place.directory(), status.st_uid, given && ::geteuid() == 0);
 }
 
-void DirectoryStore::create_skeleton() {
+void DirectoryStore::create_skeleton(std::uint32_t block_size) {
     m_skeleton_created = true;
     for (const char* name : skeleton_folders)
         if (int error = make_folder(m_folder.get(), name, m_folder.get()); error != 0)
@@ -205,8 +222,10 @@ void DirectoryStore::create_skeleton() {
     // the folders are there.
     if (int error = flush_folder(m_folder.get()); error != 0)
         m_place.fail("flush the folder", error);
-    std::string content =
-        to_canonical({{"format", store_format}, {"type", "qrtln store"}, {"id", new_store_id()}});
+    std::string content = to_canonical({{"format", store_format},
+                                        {"type", "qrtln store"},
+                                        {"id", new_store_id()},
+                                        {"block_size", block_size}});
     if (int error = write_flushed(m_folder.get(), format_temporary, content, m_folder.get());
         error != 0)
         m_place.fail("write store.json", error);
@@ -240,15 +259,21 @@ void DirectoryStore::check_format(std::string* damage) {
         if (document->value("type", nlohmann::json()) != "qrtln store" ||
             format == document->end() || !format->is_number_integer())
             problem = "is not the format file of a store";
-        else if (*format != store_format)
+        else if (*format != store_format && *format != whole_objects_format)
             throw ClientError(
                 ExitCode::no_store,
                 fmt::format("{} has the format {}, which this version of qrtln does not know",
                             description(), format->dump()),
                 "use the version of qrtln that wrote it, or a newer one");
     }
+    if (problem.empty() && *document->find("format") == store_format &&
+        !is_block_size(block_size_in(*document)))
+        problem = "does not tell a size of blocks that a store can have";
     if (problem.empty()) {
         m_id = id_of(*document);
+        m_format = document->at("format").get<std::uint64_t>();
+        m_block_size = static_cast<std::uint32_t>(block_size_in(*document));
+        m_new_packs.set_block_size(m_block_size);
         return;
     }
     if (damage == nullptr)
@@ -268,10 +293,23 @@ void DirectoryStore::remove_unfinished(int above, const std::string& folder) con
                 ::unlinkat(runtime.get(), name.c_str(), 0);
 }
 
+void DirectoryStore::require_block_size(std::uint32_t block_size) const {
+    if (block_size != 0 && block_size != m_block_size)
+        throw ClientError(ExitCode::failed,
+                          fmt::format("{} has {}", description(),
+                                      has_packs() ? fmt::format("blocks of {} bytes, not of {}",
+                                                                m_block_size, block_size)
+                                                  : "no blocks, but whole objects"),
+                          "leave --block-size out: it is for a store that is made");
+}
+
 // Only this process uses the store: what has a temporary name was left by a run that was killed.
 void DirectoryStore::remove_leftovers() noexcept {
     try {
-        for (int folder : {m_objects.descriptor(), m_sets.descriptor()})
+        std::vector<int> folders = {m_objects.descriptor(), m_sets.descriptor()};
+        if (m_packs.is_open())
+            folders.insert(folders.end(), {m_packs.pack_descriptor(), m_packs.map_descriptor()});
+        for (int folder : folders)
             for (const std::string& name : m_place.list_folder(folder, "."))
                 if (name.ends_with(temporary_suffix))
                     ::unlinkat(folder, name.c_str(), 0);
@@ -315,6 +353,7 @@ void DirectoryStore::forget_set(const std::string& set, const std::string& serve
 // Best effort: this runs because something failed already, and that is what gets reported.
 void DirectoryStore::discard_added() noexcept {
     m_objects.discard_added();
+    m_new_packs.discard();
     if (m_lock && m_objects.is_open())
         remove_leftovers();
     try {

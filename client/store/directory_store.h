@@ -3,8 +3,11 @@
 #pragma once
 
 #include "client/base/file_descriptor.h"
+#include "client/store/content_writer.h"
+#include "client/store/new_packs.h"
 #include "client/store/object_folder.h"
 #include "client/store/object_writer.h"
+#include "client/store/pack_folder.h"
 #include "client/store/set_folder.h"
 #include "client/store/state_folder.h"
 #include "client/store/store.h"
@@ -17,7 +20,8 @@ namespace qrtln {
 class DirectoryStore final : public Store {
   public:
     // Opens it as open_directory_store() says.
-    DirectoryStore(const std::string& directory, StoreAccess access, std::string* damage);
+    DirectoryStore(const std::string& directory, StoreAccess access, std::string* damage,
+                   std::uint32_t block_size);
 
     // From here on notes and run-time data go there. REQUIRES: it was opened for reading.
     void keep_state_in(const StateRequest& request) { m_state.emplace(request); }
@@ -35,6 +39,18 @@ class DirectoryStore final : public Store {
 
     std::unique_ptr<ObjectWriter> create_object() override {
         return std::make_unique<DirectoryObjectWriter>(m_objects);
+    }
+    std::unique_ptr<ObjectWriter>
+    create_content(const std::optional<BlockContent>& earlier) override {
+        if (has_packs())
+            return std::make_unique<ContentWriter>(m_new_packs, earlier);
+        return create_object();
+    }
+    FinishedContents finish_contents() override { return m_new_packs.finish(); }
+    const PackFolder& packs() const override { return m_packs; }
+    ObjectCheck read_content(const BlockContent& content,
+                             const std::function<void(Bytes)>& sink) override {
+        return m_packs.read_content(content.name, content.map, sink);
     }
     ObjectCheck read_object(const std::string& hash,
                             const std::function<void(Bytes)>& sink) override {
@@ -73,17 +89,25 @@ class DirectoryStore final : public Store {
         return m_sets.write_note(set, note, bytes, m_state);
     }
 
-    void flush() override { m_objects.flush(); }
+    void flush() override {
+        m_objects.flush();
+        m_new_packs.flush();
+    }
     void discard_added() noexcept override;
-    void keep_added() noexcept override { m_objects.keep_added(); }
+    void keep_added() noexcept override {
+        m_objects.keep_added();
+        m_new_packs.keep();
+    }
 
   private:
     void open_folder(StoreAccess access);
     FileDescriptor open_part(const char* name) const;
+    bool has_packs() const { return m_block_size != 0; }
     void lock();
-    void create_skeleton();
+    void create_skeleton(std::uint32_t block_size);
     void flush_skeleton();
     void check_format(std::string* damage);
+    void require_block_size(std::uint32_t block_size) const;
     void require_writable_folders() const;
     void remove_leftovers() noexcept;
     void remove_unfinished(int above, const std::string& folder) const;
@@ -92,10 +116,14 @@ class DirectoryStore final : public Store {
     const StorePlace m_place;
     std::string m_runtime; // absolute
     std::string m_id;
+    std::uint64_t m_format = 0;
+    std::uint32_t m_block_size = 0; // 0: its format has no blocks
     FileDescriptor m_folder;
     FileDescriptor m_lock;
     ObjectFolder m_objects;
     SetFolder m_sets;
+    PackFolder m_packs;
+    NewPacks m_new_packs{m_packs};
     std::optional<StateFolder> m_state;
     std::string m_warning;
     bool m_folder_created = false;   // by this run

@@ -10,7 +10,8 @@ namespace qrtln {
 // or cannot be read. `between` as below.
 std::string file_digest(const std::string& path, const std::function<void()>& between = {});
 
-// Whether a regular file has this content. `between` is called now and then and ends it by
+// Whether a regular file has the content that this name of an object, or of a content in blocks, is
+// of. `between` is called now and then and ends it by
 // throwing.
 bool file_has_content(const std::string& path, const std::string& object,
                       const std::function<void()>& between = {});

@@ -110,6 +110,7 @@ StoredObject DirectoryObjectWriter::finish() {
         place.fail("put an object in place", errno, "objects/" + folder);
     m_temporary.clear();
     object.added = true;
+    object.changed_size = m_size;
     // A mended object belongs to older sets: it is not taken back with this run.
     if (!exists)
         m_objects.note_added(name);

@@ -3,6 +3,7 @@
 #pragma once
 
 #include "client/base/file_io.h"
+#include "client/store/content_map.h"
 
 #include <cstdint>
 #include <functional>
@@ -15,10 +16,27 @@
 namespace qrtln {
 
 struct StoredObject {
-    std::string hash;              // SHA-256 of the plain bytes, lower-case hexadecimal
+    // SHA-256 of the plain bytes, lower-case hexadecimal; of a content in blocks its ContentName.
+    std::string hash;
     std::uint64_t size = 0;        // plain bytes
-    std::uint64_t stored_size = 0; // bytes in the store
+    std::uint64_t stored_size = 0; // bytes in the store; of a content in blocks those of new ones
     bool added = false;            // false: the store had it already
+    // --- of a content in blocks
+    std::uint64_t changed_size = 0;         // plain bytes of the blocks that are new
+    MapPlace map = {};                      // of one that is as its earlier version
+    std::optional<std::size_t> number = {}; // of any other: its place is known at the end
+    std::string warning = {};               // the earlier version could not be used; else empty
+};
+
+struct FinishedContents {
+    std::vector<MapPlace> places;  // of the map of each, by its number
+    std::uint64_t stored_size = 0; // bytes that they added to the store
+};
+
+// Where a content of the store is that was made of blocks.
+struct BlockContent {
+    std::string name;
+    MapPlace map;
 };
 
 // Takes the content of one object. Destroyed without finish(), it leaves nothing behind.
@@ -41,6 +59,8 @@ enum class SetNote {
     proof, // what became of a try to recover from it
     index, // the index of database instances as it left it
 };
+
+class PackFolder;
 
 class Store {
   public:
@@ -66,6 +86,18 @@ class Store {
 
     // --- objects. REQUIRES for everything that writes: the store was opened for writing.
     virtual std::unique_ptr<ObjectWriter> create_object() = 0;
+    // Likewise for a content that is stored in blocks, of which those are new that `earlier`, the
+    // version of it that is nearest, has not in the same place. One at a time.
+    virtual std::unique_ptr<ObjectWriter>
+    create_content(const std::optional<BlockContent>& earlier) = 0;
+    // Makes those that were written since the last time part of the store, durable after its next
+    // flush(). Throws ClientError.
+    virtual FinishedContents finish_contents() = 0;
+    // The packs and maps that such contents lie in.
+    virtual const PackFolder& packs() const = 0;
+    // Reads such a content into `sink`, and compares every block before that.
+    virtual ObjectCheck read_content(const BlockContent& content,
+                                     const std::function<void(Bytes)>& sink) = 0;
     // Decompresses an object into `sink` and compares it with its hash; `sink` has seen the bytes
     // before the check is complete.
     virtual ObjectCheck read_object(const std::string& hash,
@@ -129,9 +161,11 @@ enum class StoreAccess {
 
 // Opens the store in the folder `directory`. Throws ClientError: no_store, locked, no_permission,
 // failed. Warns when this user writes to the store of another.
-// In `damage`, when given, read_damaged leaves what is wrong with store.json.
+// In `damage`, when given, read_damaged leaves what is wrong with store.json. `block_size`: of a
+// store that is made, in bytes, and of no other than that it has; 0: the usual one, and any.
 std::unique_ptr<Store> open_directory_store(const std::string& directory, StoreAccess access,
-                                            std::string* damage = nullptr);
+                                            std::string* damage = nullptr,
+                                            std::uint32_t block_size = 0);
 
 // The id of the store in a folder; empty where there is none, or it has none.
 std::string store_id_at(const std::string& directory);

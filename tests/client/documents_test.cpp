@@ -199,11 +199,11 @@ TEST_F(Documents, WhatMakesNoSenseOrIsDamagedEndsBeforeTheServerHearsOfIt) {
     run(2, {"documents", "deleted", "mail/user1.nsf", "--since", "2199-01-01 00:00"});
     run(1, {"documents", "deleted", "user.id", "--since", "2020-01-01 00:00"});
     changed(2, "12\nnonsense\n");
-    flip_a_bit(object_file(m_set, m_user1));
+    flip(m_set, m_user1);
     documents(4, {"deleted", "--dry-run"});
     changed(4, m_ids[1]);
     EXPECT_EQ(snapshot(m_data), server);
-    flip_a_bit(object_file(m_set, m_user1));
+    flip(m_set, m_user1);
 
     fs::create_symlink(m_scratch / "elsewhere", m_list); // another's list, that a link leads to
     for (const char* how : {"--dry-run", "--verbose"}) {

@@ -158,14 +158,14 @@ TEST_F(Recover, AnOlderCopyMakesUpForADamagedOneUnlessItLeadsElsewhere) {
     put("mail/user1.nsf", "--text second");
     const std::string last = digest("mail/user1.nsf"), compacted = read_file(names);
     for (const std::string& path : {names, m_user1})
-        flip_a_bit(object_file(newest, path));
+        flip(newest, path);
     const json done = recover(4, {"names.nsf", "mail/user1.nsf"});
     EXPECT_EQ(read_file(names), compacted);
     EXPECT_THAT(done["result"]["damaged"][0]["reason"], HasSubstr("restore --set " + old));
     EXPECT_EQ(of(done, m_user1)["set"], old);
     EXPECT_EQ(done["result"]["replaced"][0]["path"], m_user1);
     EXPECT_EQ(digest("mail/user1.nsf"), last);
-    flip_a_bit(object_file(old, m_user1)); // then no copy is whole
+    flip(old, m_user1); // then no copy is whole
     EXPECT_EQ(recover(4, {"mail"})["result"]["damaged"][0]["path"], m_user1);
     EXPECT_EQ(digest("mail/user1.nsf"), last);
 }
@@ -255,9 +255,9 @@ TEST_F(Recover, AProofTouchesNoLiveDatabaseAndIsReplacedByTheNext) {
     EXPECT_EQ(done["databases"], 6);
     EXPECT_LE(done["recovered_to"], done["time"]);
     EXPECT_EQ(list()[1]["proven"], "-");
-    flip_a_bit(object_file(full, m_user2));
+    flip(full, m_user2);
     EXPECT_EQ(prove(4)["failures"][0]["path"], m_user2);
-    flip_a_bit(object_file(full, m_user2)); // back
+    flip(full, m_user2); // back
     prove(0);
     fs::remove(object_file(incr, m_server + "/logs/S0000001.TXN"));
     prove(16);

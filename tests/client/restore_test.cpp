@@ -91,7 +91,7 @@ TEST_F(Restore, ADatabaseInUseIsNotTouchedAndASecondCommandFinishes) {
 }
 
 TEST_F(Restore, ARetryUsesTheCopyThatWaitsIfItIsWholeAndThisUsersAlone) {
-    const std::string object = object_file(backup(0)["set"], m_user1);
+    const std::string set = backup(0)["set"];
     const std::pair<const char*, std::function<void(const std::string&)>> cases[] = {
         {"whole", [](auto&) {}},
         {"changed", [&](auto& copy) { flip_a_bit(copy); }},
@@ -109,9 +109,9 @@ TEST_F(Restore, ARetryUsesTheCopyThatWaitsIfItIsWholeAndThisUsersAlone) {
                            fault("NSFTakeDatabaseOffline=5098"))["result"];
         EXPECT_THAT(std::vector<fs::path>(fs::directory_iterator(m_tmp), {}), SizeIs(1));
         happens(done["waiting"][0]["copy"]);
-        flip_a_bit(object);
+        flip(set, m_user1);
         restore(used ? 0 : 4, {"mail/user1.nsf", "--activate"});
-        flip_a_bit(object);                   // back
+        flip(set, m_user1);                   // back
         EXPECT_EQ(fs::is_empty(m_tmp), used); // what is not its own is left alone
     }
 }

@@ -7,6 +7,7 @@
 #include "client/store/store.h"
 #include "tests/client/run_client.h"
 #include "tests/support/domino_sim.h"
+#include "tests/support/stored_content.h"
 
 #include <algorithm>
 #include <cctype>
@@ -138,6 +139,10 @@ class OverTheSimulator : public testing::Test {
     }
     std::string object_file(const std::string& set, const std::string& path) const {
         return m_store + "/objects/" + object_file_name(item(set, path).object);
+    }
+    // Changes a bit of its content in the store, or back.
+    void flip(const std::string& set, const std::string& path) const {
+        flip_content(m_store, item(set, path));
     }
     // The names of the stored databases of a set, below the data directory, sorted.
     Words databases(const std::string& set) const {

@@ -7,7 +7,11 @@
 #include "client/sets/manifest.h"
 #include "client/sets/owed.h"
 #include "client/store/canonical_json.h"
+#include "client/store/content_check.h"
 #include "tests/client/run_client.h"
+
+#include <array>
+#include <random>
 
 namespace qrtln::test {
 namespace {
@@ -83,6 +87,116 @@ TEST(Catalogue, ResolvesNamesPrefixesAndLatest) {
     fs::rename(scratch / "store", scratch / "away");
     fs::create_directory(scratch / "store");
     EXPECT_THROW(read(), ClientError);
+}
+
+// Versions of some contents, changed here and there as users change databases, or anew, or not.
+class ContentHistories {
+  public:
+    explicit ContentHistories(Store& store) : m_store(store) {}
+
+    // Stores the next version of each; some break off first.
+    void store_versions() {
+        std::vector<std::pair<StoredObject, std::string>> stored;
+        for (std::string& bytes : m_bytes) {
+            auto earlier = m_versions.find(&bytes);
+            const bool known = earlier != m_versions.end();
+            const std::uint64_t changed = known ? change(bytes) : fill(bytes, 70'000);
+            const auto before = known ? std::optional(earlier->second.back().first) : std::nullopt;
+            if (m_random() % 4 == 0)
+                m_store.create_content(before)->write(as_bytes(bytes)); // it is left at that
+            std::unique_ptr<ObjectWriter> writer = m_store.create_content(before);
+            for (std::size_t at = 0, piece = 0; at < bytes.size(); at += piece)
+                writer->write(
+                    as_bytes(std::string_view(bytes).substr(at, piece = 1 + m_random() % 30'000)));
+            stored.emplace_back(writer->finish(), bytes);
+            const std::uint64_t stored_plain = stored.back().first.changed_size;
+            EXPECT_TRUE(stored_plain <= changed || stored_plain == bytes.size()); // whole at times
+        }
+        const FinishedContents finished = m_store.finish_contents();
+        for (std::size_t i = 0; i < stored.size(); ++i) {
+            const auto& [object, bytes] = stored[i];
+            m_versions[&m_bytes[i]].emplace_back(
+                BlockContent{object.hash,
+                             object.number ? finished.places.at(*object.number) : object.map},
+                bytes);
+        }
+        m_store.keep_added();
+    }
+
+    // All of them are as they were, by each way to read them.
+    void check_versions() {
+        ContentCheck check(m_store.packs(), [] {});
+        for (const auto& [bytes, versions] : m_versions)
+            for (const auto& [content, expected] : versions) {
+                std::string read;
+                EXPECT_EQ(m_store
+                              .read_content(content,
+                                            [&](Bytes part) {
+                                                read.append(
+                                                    reinterpret_cast<const char*>(part.data()),
+                                                    part.size());
+                                            })
+                              .problem,
+                          "");
+                EXPECT_TRUE(read == expected);
+                EXPECT_EQ(check.add(content, expected.size()), "");
+                EXPECT_LE(m_store.packs().read_map(content.map, content.name).packs.size(), 32U);
+            }
+        for (const std::string& pack : m_store.packs().packs(nullptr))
+            check.check_pack(pack, true);
+        EXPECT_TRUE(check.damaged().empty());
+        for (const auto& [bytes, versions] : m_versions)
+            for (const auto& [content, expected] : versions)
+                EXPECT_EQ(check.problem_of(content), "");
+    }
+
+  private:
+    std::uint64_t fill(std::string& bytes, std::size_t most) {
+        bytes.resize(m_random() % most);
+        for (char& byte : bytes)
+            byte = static_cast<char>(m_random());
+        return bytes.size();
+    }
+    // Returns how many bytes of blocks that concerns at most.
+    std::uint64_t change(std::string& bytes) {
+        constexpr std::uint64_t block = 4096;
+        const std::size_t size = bytes.size();
+        switch (m_random() % 8) {
+        case 0:
+            return fill(bytes, 200'000);
+        case 1:
+            return 0;
+        case 2:
+            bytes.append(m_random() % 9000, 'a');
+            return bytes.size() - size + block;
+        case 3:
+            bytes.resize(size - std::min<std::size_t>(size, m_random() % 9000));
+            return block;
+        default:
+            for (std::size_t i = 0, at = 0; size > 0 && i < 3; ++i, at = m_random() % size)
+                bytes[at] = static_cast<char>(m_random());
+            return 3 * block;
+        }
+    }
+
+    Store& m_store;
+    std::mt19937 m_random{20261122};
+    std::array<std::string, 4> m_bytes;
+    std::map<const std::string*, std::vector<std::pair<BlockContent, std::string>>> m_versions;
+};
+
+TEST(Contents, EveryVersionOfManyReadsAsItWasWritten) {
+    ScratchFolder scratch;
+    auto store = open_directory_store(scratch / "store", StoreAccess::write, nullptr, 4096);
+    ContentHistories histories(*store);
+    for (int i = 0; i < 100; ++i)
+        histories.store_versions();
+    histories.check_versions();
+    EXPECT_EQ(exit_code_of([&] { // a store keeps the size of its blocks
+                  store.reset();
+                  open_directory_store(scratch / "store", StoreAccess::write, nullptr, 8192);
+              }),
+              1);
 }
 
 TEST(OwedDatabases, SurviveAHalfWrittenLineAndAStrikeThatFailed) {

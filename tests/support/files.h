@@ -22,10 +22,13 @@ inline void write_file(const std::string& path, const std::string& content) {
 }
 
 // In the middle of a file; a second time flips it back.
-inline void flip_a_bit(const std::string& file) {
+inline void flip_a_bit(const std::string& file, std::size_t offset) {
     std::string bytes = read_file(file);
-    bytes[bytes.size() / 2] ^= 4;
+    bytes.at(offset) ^= 4;
     write_file(file, bytes);
+}
+inline void flip_a_bit(const std::string& file) {
+    flip_a_bit(file, read_file(file).size() / 2);
 }
 
 // Every file, folder and content below a folder, to compare states.

@@ -189,8 +189,8 @@ class Model {
     std::vector<std::unique_ptr<History>> m_servers;
     std::size_t m_server = 0; // that this step is about
     std::map<std::string, Set> m_sets;
-    std::set<std::string> m_damaged; // objects
-    bool m_leftovers = false;        // a run was killed or failed: objects may belong to no set
+    std::set<std::string> m_harmed; // packs in which bits were changed
+    bool m_leftovers = false;       // a run was killed or failed: objects may belong to no set
     std::string m_doing;
 
   private:
@@ -214,9 +214,12 @@ class Model {
             if (known == server().databases.end())
                 continue;
             ModelDatabase& database = known->second;
-            database.saved.push_back({name, set.ended, database.commits_before,
-                                      database.commits.size() - 1, item.at("object")});
-            m_damaged.erase(item.at("object")); // a damaged object is replaced when it comes again
+            ManifestItem content;
+            content.object = item.at("object");
+            content.map = {item.at("map").at("file"), item.at("map").at("offset"),
+                           item.at("map").at("size")};
+            database.saved.push_back(
+                {name, set.ended, database.commits_before, database.commits.size() - 1, content});
         }
     }
 };

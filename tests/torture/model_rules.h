@@ -2,6 +2,7 @@
 #pragma once
 
 #include "client/base/text.h"
+#include "client/sets/item_content.h"
 #include "notes_simulator/engine/offline.h"
 #include "notes_simulator/server/use_mark.h"
 #include "tests/torture/model.h"
@@ -116,7 +117,12 @@ class Rules : public Model {
 
     // --- what is in the store
 
-    bool is_damaged(const Saved& saved) const { return m_damaged.contains(saved.object); }
+    bool is_damaged(const Saved& saved) const {
+        if (m_harmed.empty())
+            return false;
+        auto store = open_directory_store(m_store, StoreAccess::read);
+        return !read_item(*store, saved.item, [](Bytes) {}).problem.empty();
+    }
 
     bool is_owed(const std::string& name) const {
         std::string owed = read_file(m_store + "/runtime/owed.jsonl");
@@ -168,8 +174,12 @@ class Rules : public Model {
         for (const Json& damage : told.at("damage")) {
             std::string what = damage.at("what");
             bool index = what.find("index of databases") != std::string::npos;
-            bool object = what.starts_with("object ") && m_damaged.contains(what.substr(7));
-            require(object || (index && m_index_harmed), whole_store, damage.dump());
+            std::string told_of = what + damage.at("problem").get<std::string>();
+            bool content =
+                std::any_of(m_harmed.begin(), m_harmed.end(), [&](const std::string& pack) {
+                    return told_of.find("pack " + pack) != told_of.npos;
+                });
+            require(content || (index && m_index_harmed), whole_store, damage.dump());
         }
         for (const std::string text : told.at("information"))
             require(m_leftovers || text.find("no readable set") == text.npos,

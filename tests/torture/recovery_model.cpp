@@ -6,6 +6,7 @@
 //
 // Prints a line for each history; one ends at the first rule that does not hold, with its seed.
 // Ends with 1 when there is any.
+#include "tests/support/stored_content.h"
 #include "tests/support/temporary_folder.h"
 #include "tests/torture/model_commands.h"
 
@@ -172,9 +173,11 @@ class Steps : public Commands {
         std::string name = choose(server().saved());
         if (name.empty())
             return;
-        const std::string& object = server().database(name).saved.back().object;
-        if (m_damaged.insert(object).second)
-            flip_a_bit(m_store + "/objects/" + object.substr(0, 2) + "/" + object + ".zst");
+        const Saved& saved = server().database(name).saved.back();
+        if (is_damaged(saved))
+            return;
+        qrtln::test::flip_content(m_store, saved.item);
+        m_harmed.insert(fs::path(qrtln::test::content_place(m_store, saved.item).file).stem());
     }
 
     void destroy_database() {

@@ -1,6 +1,7 @@
 // A simulated server whose whole history is remembered: what each database held after every commit.
 #pragma once
 
+#include "client/sets/manifest.h"
 #include "notes_simulator/base/times.h"
 #include "notes_simulator/domino_sim/cli.h"
 #include "notes_simulator/domino_sim/content.h"
@@ -67,7 +68,7 @@ struct Saved {
     std::int64_t ended = 0; // of the set, seconds since 1970
     std::size_t at_least = 0;
     std::size_t at_most = 0;
-    std::string object = {};
+    ManifestItem item = {};
 
     bool is_exact() const { return at_least == at_most; }
 };

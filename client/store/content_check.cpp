@@ -1,0 +1,106 @@
+#include "client/store/content_check.h"
+
+#include <fmt/format.h>
+#include <utility>
+
+namespace qrtln {
+
+ContentCheck::ContentCheck(const PackFolder& folder, std::function<void()> between)
+    : m_folder(folder), m_between(std::move(between)) {}
+
+std::string ContentCheck::add(const BlockContent& content, std::uint64_t size) {
+    try {
+        ContentMap map = m_folder.read_map(content.map, content.name);
+        if (map.size != size)
+            return fmt::format("has {} bytes, which is not the size in the manifest", map.size);
+        m_use.add(map);
+        return {};
+    } catch (const PackDamage& damage) {
+        return damage.problem;
+    }
+}
+
+void ContentCheck::check_pack(const std::string& id, bool all_blocks) {
+    try {
+        std::unique_ptr<PackReader> pack = m_folder.open_pack(id);
+        if (pack->id() != id)
+            throw PackDamage{"has hashes of blocks that do not make up its name"};
+        check_blocks(*pack, id, all_blocks);
+    } catch (const PackDamage& damage) {
+        m_damaged[id].problem = damage.problem;
+    }
+}
+
+void ContentCheck::check_blocks(PackReader& pack, const std::string& id, bool all_blocks) {
+    std::set<std::uint32_t> damaged;
+    for (const PackFrame& frame : pack.table().frames) {
+        m_between();
+        bool wanted = all_blocks;
+        for (std::uint32_t i = 0; i < frame.blocks && !wanted; ++i)
+            wanted = m_use.uses(id, frame.first_block + i);
+        if (wanted)
+            check_frame(pack, frame, damaged);
+    }
+    // What contents are made of is there at all: a pack that was written anew lacks what is dead.
+    if (auto used = m_use.packs().find(id); used != m_use.packs().end())
+        for (std::uint32_t block = 0; block < used->second.size(); ++block)
+            if (used->second[block] && pack.table().frame_of(block) == nullptr)
+                damaged.insert(block);
+    if (!damaged.empty())
+        m_damaged[id].blocks = std::move(damaged);
+}
+
+void ContentCheck::check_frame(PackReader& pack, const PackFrame& frame,
+                               std::set<std::uint32_t>& damaged) {
+    PackReader::Blocks read;
+    try {
+        read = pack.blocks_from(frame.first_block, frame.blocks);
+    } catch (const PackDamage&) { // none of its blocks can be had
+    }
+    m_checked_bytes += read.bytes.size();
+    for (std::uint32_t i = 0; i < frame.blocks; ++i) {
+        std::uint32_t block = frame.first_block + i;
+        std::uint32_t size = pack.table().size_of(block);
+        if (i >= read.count || m_hasher(read.bytes.first(size)) != pack.hash(block))
+            damaged.insert(block);
+        if (i < read.count)
+            read.bytes = read.bytes.subspan(size);
+    }
+}
+
+std::string ContentCheck::problem_of(const BlockContent& content) {
+    try {
+        return problem_by_hashes(m_folder.read_map(content.map, content.name));
+    } catch (const PackDamage& damage) { // since its pack was checked
+        return damage.problem;
+    }
+}
+
+std::string ContentCheck::problem_by_hashes(const ContentMap& map) {
+    ContentName name(map.block_size);
+    std::uint64_t size = 0;
+    std::vector<std::unique_ptr<PackReader>> packs(map.packs.size());
+    for (const BlockRun& run : map.runs) {
+        const std::string& id = map.packs[run.pack].id;
+        auto damaged = m_damaged.find(id);
+        bool lost = damaged != m_damaged.end() && !damaged->second.problem.empty();
+        for (std::uint32_t i = 0; i < run.blocks && !lost; ++i)
+            lost = damaged != m_damaged.end() && damaged->second.blocks.contains(run.first + i);
+        if (lost)
+            return fmt::format("lies in the pack {}, which is damaged there", id);
+        if (!packs[run.pack])
+            packs[run.pack] = m_folder.open_pack(id);
+        PackReader& pack = *packs[run.pack];
+        if (pack.table().block_size != map.block_size)
+            return fmt::format("lies in the pack {}, which has blocks of another size", id);
+        for (std::uint32_t i = 0; i < run.blocks; ++i)
+            name.add(pack.hash(run.first + i));
+        size += pack.table().plain_size_of(run.first, run.blocks);
+        m_between();
+    }
+    return size == map.size && name.finish() == map.name
+               ? ""
+               : "does not have the content that its name tells";
+}
+
+} // namespace qrtln

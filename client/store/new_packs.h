@@ -1,0 +1,97 @@
+// The packs and maps that a run makes. They have temporary names until the run's contents are all
+// there: a run that is killed before leaves nothing that the next one does not remove.
+#pragma once
+
+#include "client/base/file_descriptor.h"
+#include "client/store/content_map.h"
+#include "client/store/digest.h"
+#include "client/store/pack_folder.h"
+#include "client/store/pack_writer.h"
+
+#include <cstdint>
+#include <optional>
+#include <string>
+#include <vector>
+
+namespace qrtln {
+
+// A block of an older pack that is damaged, and its good copy in a new one.
+struct BlockMend {
+    std::string pack;
+    std::uint32_t block = 0;
+    std::uint32_t copy = 0;
+};
+
+class NewPacks {
+  public:
+    // `folder` outlives it.
+    explicit NewPacks(PackFolder& folder) : m_folder(folder) {}
+    ~NewPacks() { discard(); }
+    NewPacks(const NewPacks&) = delete;
+    NewPacks& operator=(const NewPacks&) = delete;
+
+    void set_block_size(std::uint32_t size) { m_block_size = size; }
+    std::uint32_t block_size() const { return m_block_size; }
+    const PackFolder& folder() const { return m_folder; }
+
+    // --- for the writer of a content. All of it throws ClientError.
+    // The pack that takes the next blocks. One of several contents, until it is large enough.
+    PackWriter& pack();
+    // A content is whole. In its map the pack that pack() gave has an empty id. Returns its number,
+    // from 0 on.
+    // `mends` have their copies in that pack.
+    std::size_t add(ContentMap map, std::vector<BlockMend> mends);
+    // A content of which that pack has the blocks from `first` on does not come to its end.
+    void abandon(std::uint32_t first) noexcept;
+
+    // --- the run
+    // As the function of the Store says. The numbers of contents begin anew.
+    FinishedContents finish();
+    // Flushes the folders. Throws ClientError.
+    void flush();
+    // Removes what this run made, as far as that goes.
+    void discard() noexcept;
+    // It stays from here on.
+    void keep() noexcept { m_added.clear(); }
+
+  private:
+    struct File {
+        FileDescriptor file;
+        std::string temporary; // its name in its folder
+    };
+    struct AddedFile {
+        int folder;
+        std::string name;
+    };
+    struct ClosedPack {
+        std::string temporary;
+        std::string id;
+        std::vector<BlockMend> mends;
+    };
+
+    File create(int folder, const char* what);
+    void close(File& file, const char* what);
+    void put_in_place(int folder, const std::string& temporary, const std::string& name);
+    std::vector<AddedFile>::iterator added(const std::string& name) noexcept;
+    void forget_added(const std::string& name) noexcept; // REQUIRES: it is noted
+    void close_pack();
+    void mend();
+    void write_map(const ContentMap& map, std::size_t number);
+
+    PackFolder& m_folder;
+    std::uint32_t m_block_size = usual_block;
+    unsigned m_next_temporary = 0;
+    File m_pack_file;
+    std::optional<PackWriter> m_pack;                          // the open one
+    std::vector<std::pair<std::size_t, ContentMap>> m_waiting; // for its id, with their numbers
+    std::vector<BlockMend> m_mends;                            // with copies in the open pack
+    std::vector<ClosedPack> m_closed;
+    File m_map_file;
+    std::optional<Sha256> m_map_digest;
+    std::uint64_t m_map_size = 0;
+    FinishedContents m_contents;
+    std::vector<AddedFile> m_added;
+    bool m_renamed = false; // a file of the folders was, and they are not flushed yet
+};
+
+} // namespace qrtln

@@ -1,0 +1,54 @@
+// Reads a pack.
+#pragma once
+
+#include "client/base/file_io.h"
+#include "client/store/compression.h"
+#include "client/store/pack_table.h"
+
+#include <cstdint>
+#include <functional>
+#include <string>
+#include <vector>
+
+namespace qrtln {
+
+// Where a pack's bytes come from.
+struct PackSource {
+    std::uint64_t size = 0; // of the file
+    // Fills the buffer from an offset on. Throws PackDamage.
+    std::function<void(std::uint64_t offset, std::span<std::byte> buffer)> read;
+};
+
+class PackReader {
+  public:
+    // Reads the trailer and the table. Throws PackDamage, as everything below does.
+    explicit PackReader(PackSource source);
+
+    const PackTable& table() const { return m_table; }
+    // The hash that the pack has of a block, also of one that is dead.
+    const BlockHash& hash(std::uint32_t block);
+    // The plain bytes of a block and of those behind it, at most `most` and to the end of its
+    // frame; valid until the next call. They are not compared with their hashes.
+    struct Blocks {
+        Bytes bytes;
+        std::uint32_t count = 0;
+    };
+    Blocks blocks_from(std::uint32_t block, std::uint32_t most);
+    // The id by the hashes in the file, 64 hexadecimal digits.
+    std::string id();
+
+  private:
+    void load(const PackFrame& frame);
+
+    PackSource m_source;
+    FrameDecompressor m_decompressor;
+    PackTrailer m_trailer;
+    PackTable m_table;
+    std::uint32_t m_first_hash = 0; // of those in memory
+    std::vector<BlockHash> m_hashes;
+    const PackFrame* m_frame = nullptr; // the one in memory
+    std::vector<std::byte> m_plain;
+    std::vector<std::byte> m_stored;
+};
+
+} // namespace qrtln

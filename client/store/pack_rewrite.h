@@ -1,0 +1,30 @@
+// Writes a pack anew under its own name: without blocks that nothing uses any more, or with good
+// ones in the place of damaged ones.
+#pragma once
+
+#include "client/store/pack_folder.h"
+
+#include <cstdint>
+#include <functional>
+#include <set>
+#include <string>
+#include <vector>
+
+namespace qrtln {
+
+struct RewriteRequest {
+    std::string id;
+    // Whether a block that is there stays.
+    std::function<bool(std::uint32_t block)> keep;
+    // A good copy of a block; empty: the pack's own is to be used.
+    std::function<std::vector<std::byte>(std::uint32_t block)> replacement;
+};
+
+// A crash leaves the pack as it was or as it is to be, flushed. Returns the blocks that should stay
+// and are damaged without a replacement: with `drops_damaged` the new pack has not got them, else
+// the pack stays as it is when there are any. Throws PackDamage, and ClientError when the store
+// cannot take it; the pack is then as it was.
+std::set<std::uint32_t> rewrite_pack(const PackFolder& folder, const RewriteRequest& request,
+                                     bool drops_damaged);
+
+} // namespace qrtln

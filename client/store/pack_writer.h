@@ -1,0 +1,52 @@
+// Writes a pack: blocks of contents, compressed in frames of neighbours, in one immutable file.
+//
+// Its id is the SHA-256 of the hashes of its blocks, so that it says what is in it. A pack that is
+// written anew because most of it is dead keeps the numbers and hashes of all its blocks, and with
+// them its id: what refers to it stays as it is.
+#pragma once
+
+#include "client/base/file_io.h"
+#include "client/store/compression.h"
+#include "client/store/pack_table.h"
+
+#include <cstdint>
+#include <functional>
+#include <string>
+#include <vector>
+
+namespace qrtln {
+
+class PackWriter {
+  public:
+    using Sink = std::function<void(Bytes)>;
+    // `sink` gets the bytes of the file, in their order.
+    PackWriter(std::uint32_t block_size, Sink sink);
+
+    // Adds a block of at most block_size bytes and returns its number.
+    std::uint32_t add(Bytes block, const BlockHash& hash);
+    // In a pack that is written anew: a block that it has no more.
+    void add_dead(const BlockHash& hash, std::uint32_t size);
+    // The next block begins a frame. Every content has frames of its own.
+    void end_frame();
+
+    std::uint32_t blocks() const { return static_cast<std::uint32_t>(m_hashes.size()); }
+    // Bytes of the file so far.
+    std::uint64_t stored_size() const { return m_offset; }
+
+    // Writes what stands behind the frames, and returns the pack's id, 64 hexadecimal digits.
+    std::string finish();
+
+  private:
+    void note(const BlockHash& hash, std::size_t size);
+    void write(Bytes bytes);
+
+    Sink m_sink;
+    std::uint64_t m_offset = 0;
+    std::vector<std::byte> m_plain; // of the frame under way
+    std::uint32_t m_plain_blocks = 0;
+    FrameCompressor m_compressor;
+    PackTable m_table;
+    std::vector<BlockHash> m_hashes;
+};
+
+} // namespace qrtln
