@@ -72,7 +72,8 @@ int BackupRun::run() {
     check_selection();
     check_place_of_store();
     require_usable_tmp_dir(m_options.tmp_dir, m_ini.data_directory);
-    m_server.store = open_directory_store(m_options.store, StoreAccess::write);
+    m_server.store =
+        open_directory_store(m_options.store, StoreAccess::write, nullptr, m_options.block_size);
     try {
         open_store();
         m_base->choose(m_request);

@@ -16,6 +16,12 @@ void add_level(CLI::App& command, BackupOptions& backup) {
         ->capture_default_str();
     command.add_flag("--auto-full", backup.auto_full,
                      "Take a full backup where diff or incr has none to build on");
+    command
+        .add_option("--block-size", backup.block_size,
+                    "Of a store that is made: in how large blocks databases are compared and "
+                    "stored, 4096 to 65536 bytes (default: 16384)")
+        ->type_name("BYTES")
+        ->check(CLI::IsMember({4096, 8192, 16384, 32768, 65536}));
     command.add_flag("--take-over", backup.take_over,
                      "This store archives the server's transaction logs from now on, no other");
 }

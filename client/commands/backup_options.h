@@ -19,6 +19,7 @@ struct BackupOptions : ServerOptions {
     bool databases_only = false;      // nothing that the module does not hand out
     std::vector<PathRule> rules;      // of the other files, in the order of the command line
     std::vector<std::string> databases;
+    std::uint32_t block_size = 0;           // of a store that is made, in bytes; 0: the usual
     unsigned busy_wait = default_busy_wait; // seconds for databases that others back up or compact
 };
 

@@ -96,7 +96,7 @@ void DocumentsCommand::open_store() {
     else if (m_options.changed)
         m_server.store = open_store_for_notes(m_options.store, m_ini.server_name, m_not_noted);
     else
-        m_server.store = open_directory_store(m_options.store, StoreAccess::read);
+        m_server.store = open_store_for_reading(m_options.store);
 }
 
 // What an earlier restore deleted and did not replace comes back first: each further one may delete

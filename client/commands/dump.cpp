@@ -54,6 +54,7 @@ int run_dump(const DumpOptions& options) {
                           "redirect them: `qrtln dump … > FILE`");
     std::unique_ptr<Store> store = open_directory_store(options.store, StoreAccess::read);
     Manifest manifest = require_set(*store, options.set);
+    store->hold_sets({manifest.set});
     const ManifestItem& item = only_content(manifest, options.path);
     WrittenContent written;
     try {

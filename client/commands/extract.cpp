@@ -307,6 +307,7 @@ int run_extract(const ExtractOptions& options) {
                           "`qrtln show` lists what a set holds");
     std::unique_ptr<Store> store = open_directory_store(options.store, StoreAccess::read);
     Manifest manifest = require_set(*store, options.set);
+    store->hold_sets({manifest.set});
     std::vector<const ManifestItem*> items;
     bool folders = options.all;
     for (const ManifestItem& item : manifest.items)

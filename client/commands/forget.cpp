@@ -1,86 +1,50 @@
-// `qrtln forget SET…`: sets that are no longer wanted, or that are gone for good.
+// `qrtln forget`: sets that are no longer wanted go, and what only they needed; or sets that are
+// gone for good are no longer missed.
 
 #include "client/base/error.h"
 #include "client/base/interrupt.h"
 #include "client/base/output.h"
 #include "client/base/text.h"
 #include "client/commands/command.h"
+#include "client/commands/forget_sets.h"
 #include "client/commands/options.h"
-#include "client/sets/catalogue.h"
-#include "client/sets/set_links.h"
-#include "client/store/canonical_json.h"
 #include "client/store/store.h"
-
-#include <algorithm>
-#include <fmt/format.h>
-#include <map>
-#include <set>
 
 namespace qrtln {
 
 namespace {
 
 constexpr const char* forget_help =
-    R"(Forget sets: remove them, or say of missing ones that they are gone for good.
-Their contents stay in the store.)";
+    R"(Forget sets, by name or by a policy, and take back the room that only they used.
+A policy keeps the sets that one of its options names, and what these build on. It is applied to each
+server by itself. Whatever it says, these stay: the newest full set of the whole server and what came
+after it, the newest set that has a database, and sets that somebody reads.
+A missing set is named to say that it is gone for good.)";
 
 struct ForgetOptions : StoreOptions {
-    std::vector<std::string> sets;
+    ForgetRequest request;
 };
-
-// The full names; of sets that are missing only these will do.
-std::set<std::string> names_of(Store& store, const std::vector<std::string>& given,
-                               const SetLinks& links) {
-    std::set<std::string> missing;
-    for (const MissingSet& set : links.missing(store))
-        missing.insert(set.set);
-    std::set<std::string> names;
-    for (const std::string& name : given)
-        names.insert(missing.contains(name) ? name : resolve_set(store, name));
-    return names;
-}
 
 int run_forget(const ForgetOptions& options) {
     install_interrupt_handlers();
+    if (options.request.sets.empty() && !options.request.policy.any())
+        throw ClientError(ExitCode::usage, "nothing says which sets are to be forgotten",
+                          "name sets, or give one of the options --keep-…");
     std::unique_ptr<Store> store = open_directory_store(options.store, StoreAccess::change);
-    std::vector<std::string> there = store->set_names();
-    SetLinks all;
-    std::map<std::string, std::string> servers; // of the sets that can be read
-    for (const std::string& set : there) {
-        CatalogueEntry entry = load_set(*store, set);
-        if (!entry.manifest)
-            continue;
-        all.add(*entry.manifest);
-        servers[set] = entry.manifest->server_name;
-    }
-    std::set<std::string> names = names_of(*store, options.sets, all);
-    SetLinks kept; // what the others need
-    for (const std::string& set : there)
-        if (CatalogueEntry entry = load_set(*store, set); entry.manifest && !names.contains(set))
-            kept.add(*entry.manifest);
-    for (const std::string& name : names)
-        if (std::string by = kept.built_on(name);
-            !by.empty() && std::find(there.begin(), there.end(), name) != there.end())
-            throw ClientError(
-                ExitCode::failed,
-                fmt::format("the set {} builds on {}: nothing was forgotten", by, name),
-                "name both, or keep both");
-    for (const std::string& name : names)
-        store->forget_set(name, servers[name]);
-    std::vector<std::string> list(names.begin(), names.end());
+    Forgetting done = forget_sets(*store, options.request);
     if (options.json)
-        print_json({{"command", "forget"}, {"forgotten", printable_list(list)}, {"exit_code", 0}});
+        print_json(forgetting_json(done));
     else
-        for (const std::string& name : list)
-            print_output(fmt::format("forgotten: {}\n", for_terminal(name)));
+        print_output(forgetting_text(done));
     return 0;
 }
 
 void add_forget(CLI::App& command, CommandRuns& runs) {
     auto& forget = runs.add(command, run_forget);
     add_store_options(command, forget);
-    command.add_option("SET", forget.sets, "The sets' names, or the beginnings of them")
-        ->required();
+    command.add_option("SET", forget.request.sets, "The sets' names, or the beginnings of them");
+    add_policy_options(command, forget.request);
+    command.add_flag("--dry-run", forget.request.dry_run, "Only show what would go");
 }
 
 } // namespace

@@ -124,7 +124,7 @@ int RestoreRun::run() {
 void RestoreRun::open_store() {
     m_server.store = m_in_place
                          ? open_store_for_notes(m_options.store, m_ini.server_name, m_not_owed)
-                         : open_directory_store(m_options.store, StoreAccess::read);
+                         : open_store_for_reading(m_options.store);
     m_server.use_sets(!m_options.to.empty());
 }
 

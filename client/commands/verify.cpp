@@ -90,6 +90,7 @@ int run_verify(const VerifyOptions& options) {
     std::vector<std::string> sets =
         all ? store->set_names(&files.foreign)
             : std::vector<std::string>{resolve_set(*store, options.set)};
+    (void)permitted(result, [&] { store->hold_sets(sets); });
     verify_sets(*store, sets, all ? &files : nullptr, result);
     verify_notes(*store, sets, result);
     std::vector<MissingSet> missing_sets;

@@ -81,6 +81,13 @@ std::optional<LostDocuments> LostDocumentsFile::of(const std::string& data_direc
     return std::nullopt;
 }
 
+std::vector<std::string> LostDocumentsFile::sets() const {
+    std::vector<std::string> sets;
+    for (const LostDocuments& entry : m_entries)
+        sets.push_back(entry.set);
+    return sets;
+}
+
 void LostDocumentsFile::put(const LostDocuments& lost) {
     std::vector<LostDocuments> entries = m_entries;
     std::erase_if(entries, [&](const LostDocuments& entry) {

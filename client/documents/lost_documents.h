@@ -29,6 +29,9 @@ class LostDocumentsFile {
     std::optional<LostDocuments> of(const std::string& data_directory,
                                     const std::string& path) const;
 
+    // The sets that have documents which are not back.
+    std::vector<std::string> sets() const;
+
     // Puts this entry in the place of the database's one, or removes that when it has no ids;
     // flushed to disk before it returns. Throws ClientError(failed), and then the live database
     // must not be touched. REQUIRES: the store is locked for writing.

@@ -24,7 +24,16 @@ bool can_only_be_read(const std::string& directory) {
     return refused(directory) || refused(directory + "/lock");
 }
 
+std::unique_ptr<Store> hold_all(std::unique_ptr<Store> store) {
+    store->hold_sets(store->set_names());
+    return store;
+}
+
 } // namespace
+
+std::unique_ptr<Store> open_store_for_reading(const std::string& directory) {
+    return hold_all(open_directory_store(directory, StoreAccess::read));
+}
 
 std::unique_ptr<Store> open_store_for_notes(const std::string& directory, const std::string& server,
                                             std::string& problem) {
@@ -37,15 +46,15 @@ std::unique_ptr<Store> open_store_for_notes(const std::string& directory, const 
             throw;
         problem = failure.what();
     }
-    return open_directory_store(directory, StoreAccess::read);
+    return open_store_for_reading(directory);
 }
 
 std::unique_ptr<Store> open_store_or_state(const StateRequest& request,
                                            const std::string& way_out) {
     if (!request.directory.empty())
-        return open_store_with_state(request);
+        return hold_all(open_store_with_state(request));
     if (!request.writes)
-        return open_directory_store(request.store, StoreAccess::read);
+        return open_store_for_reading(request.store);
     try {
         return open_directory_store(request.store, StoreAccess::change);
     } catch (const ClientError& failure) {

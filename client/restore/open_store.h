@@ -9,6 +9,10 @@
 
 namespace qrtln {
 
+// Opens a store for reading. All its sets are held: what is planned from any of them is there until
+// it is done. Throws as the store does.
+std::unique_ptr<Store> open_store_for_reading(const std::string& directory);
+
 // Opens the store to write notes about the live databases in it. Getting data out must not need the
 // right to write: a store that can only be read is opened so, and `problem` says why. Throws
 // ClientError: no_store, locked, failed. The run-time data are those of `server`.

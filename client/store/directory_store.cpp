@@ -95,6 +95,7 @@ DirectoryStore::DirectoryStore(const std::string& directory, StoreAccess access,
         m_sets.open(open_part("sets"), m_folder.get());
         if (has_packs())
             m_packs.open(open_part(pack_folder), open_part(map_folder), m_folder.get());
+        m_readers.open(m_folder.get(), locks);
         m_place.watch();
         if (locks) {
             if (int error = make_folder(m_folder.get(), "runtime", m_folder.get()); error != 0)
@@ -140,7 +141,7 @@ void DirectoryStore::use_runtime_directory(const RuntimeChoice& choose) {
 bool DirectoryStore::is_unfinished_skeleton() const {
     int folder = m_folder.get();
     for (const std::string& name : m_place.list_folder(folder, ".")) {
-        bool known = name == lock_file || name == format_temporary ||
+        bool known = name == lock_file || name == readers_file || name == format_temporary ||
                      std::find(skeleton_folders.begin(), skeleton_folders.end(), name) !=
                          skeleton_folders.end();
         if (!known)
@@ -341,6 +342,15 @@ std::map<std::string, std::string> DirectoryStore::forgotten_sets() {
                       "that `qrtln verify` misses again");
 }
 
+void DirectoryStore::hold_sets(const std::vector<std::string>& sets) {
+    for (const std::string& set : sets)
+        if (!m_readers.share(set) || !m_sets.has(set))
+            throw ClientError(
+                ExitCode::failed,
+                fmt::format("the set {} is being forgotten, or was just now", for_terminal(set)),
+                "`qrtln list` shows the sets that there are");
+}
+
 void DirectoryStore::forget_set(const std::string& set, const std::string& server) {
     std::map<std::string, std::string> forgotten = forgotten_sets();
     forgotten.emplace(set, server);
@@ -365,6 +375,7 @@ void DirectoryStore::discard_added() noexcept {
             for (const char* name : skeleton_folders)
                 remove_tree(m_folder.get(), name);
             ::unlinkat(m_folder.get(), lock_file, 0);
+            ::unlinkat(m_folder.get(), readers_file, 0);
         }
     } catch (...) {
         return; // out of memory while listing: the empty store stays
@@ -375,6 +386,7 @@ void DirectoryStore::discard_added() noexcept {
         ::fstatat(m_folder.get(), format_file, &status, AT_SYMLINK_NOFOLLOW) != 0 &&
         errno == ENOENT) {
         ::unlinkat(m_folder.get(), lock_file, 0);
+        ::unlinkat(m_folder.get(), readers_file, 0);
         ::rmdir(m_place.directory().c_str());
     }
 }

@@ -8,6 +8,8 @@
 #include "client/store/object_folder.h"
 #include "client/store/object_writer.h"
 #include "client/store/pack_folder.h"
+#include "client/store/reader_locks.h"
+#include "client/store/reclaim.h"
 #include "client/store/set_folder.h"
 #include "client/store/state_folder.h"
 #include "client/store/store.h"
@@ -60,6 +62,11 @@ class DirectoryStore final : public Store {
         return m_objects.has(hash, stored_size);
     }
     void discard_object(const std::string& hash) noexcept override { m_objects.discard(hash); }
+    Reclaimed reclaim(const StoreUse& use, bool dry_run,
+                      const std::function<void()>& between) override {
+        Reclaim reclaim(m_objects, m_packs, use, between);
+        return dry_run ? reclaim.plan() : reclaim.run();
+    }
     std::vector<std::string> objects(std::vector<std::string>* foreign) override {
         return m_objects.list(foreign);
     }
@@ -69,6 +76,8 @@ class DirectoryStore final : public Store {
     }
     std::vector<std::string> noted_sets() override { return m_sets.noted(); }
     std::map<std::string, std::string> forgotten_sets() override;
+    void hold_sets(const std::vector<std::string>& sets) override;
+    bool take_set(const std::string& set) override { return m_readers.take(set); }
     void forget_set(const std::string& set, const std::string& server) override;
     std::optional<std::string> read_manifest(const std::string& set,
                                              std::string& problem) override {
@@ -123,6 +132,7 @@ class DirectoryStore final : public Store {
     ObjectFolder m_objects;
     SetFolder m_sets;
     PackFolder m_packs;
+    ReaderLocks m_readers;
     NewPacks m_new_packs{m_packs};
     std::optional<StateFolder> m_state;
     std::string m_warning;

@@ -90,6 +90,10 @@ std::vector<std::string> SetFolder::names(std::vector<std::string>* foreign) con
     return names;
 }
 
+bool SetFolder::has(const std::string& set) const {
+    return m_place.exists(m_folder.get(), manifest_name(set));
+}
+
 std::vector<std::string> SetFolder::noted() const {
     std::vector<std::string> names;
     for (const std::string& name : m_place.list_folder(m_folder.get(), "."))

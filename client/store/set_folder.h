@@ -27,6 +27,7 @@ class SetFolder {
 
     // As the functions of the Store say. REQUIRES for these and everything below: it is open.
     std::vector<std::string> names(std::vector<std::string>* foreign) const;
+    bool has(const std::string& set) const;
     std::vector<std::string> noted() const;
     std::optional<std::string> read_manifest(const std::string& set, std::string& problem) const;
     // Likewise; `may_replace`: one that is there.

@@ -61,6 +61,8 @@ enum class SetNote {
 };
 
 class PackFolder;
+struct Reclaimed;
+struct StoreUse;
 
 class Store {
   public:
@@ -122,6 +124,12 @@ class Store {
     // Writes down that the set is forgotten, flushed, then removes its manifest and notes, as far
     // as they are there. Its objects stay. Throws ClientError.
     virtual void forget_set(const std::string& set, const std::string& server) = 0;
+    // From here on, until this store is closed, nobody forgets these sets. For who reads contents
+    // of a store that is not opened for writing. Throws ClientError(failed) for a set that somebody
+    // forgets, or that is gone.
+    virtual void hold_sets(const std::vector<std::string>& sets) = 0;
+    // Whether nobody holds a set, nor will, until this store is closed.
+    virtual bool take_set(const std::string& set) = 0;
     // The bytes of a manifest, or nothing with `problem` set. This and everything else that reads
     // throws ClientError(no_permission) for what this user may not read: that is no damage.
     virtual std::optional<std::string> read_manifest(const std::string& set,
@@ -138,6 +146,12 @@ class Store {
                                                  std::string& problem) = 0;
     virtual std::string write_note(const std::string& set, SetNote note,
                                    const std::string& bytes) = 0;
+
+    // Removes every object, pack and map that `use` does not name, and writes packs anew that are
+    // mostly unused; with `dry_run` says what that would be. `between` is called now and then, and
+    // ends it by throwing: nothing that is used is lost by that. REQUIRES: as for writing.
+    virtual Reclaimed reclaim(const StoreUse& use, bool dry_run,
+                              const std::function<void()>& between) = 0;
 
     // --- the run
     // Flushes every folder that a finished object went to. Throws ClientError.

@@ -8,6 +8,7 @@
 #include "client/sets/owed.h"
 #include "client/store/canonical_json.h"
 #include "client/store/content_check.h"
+#include "client/store/reclaim.h"
 #include "tests/client/run_client.h"
 
 #include <array>
@@ -150,6 +151,25 @@ class ContentHistories {
                 EXPECT_EQ(check.problem_of(content), "");
     }
 
+    // Only the newest versions stay, and their room.
+    void forget_versions() {
+        StoreUse use;
+        for (auto& [bytes, versions] : m_versions) {
+            versions.erase(versions.begin(), versions.end() - 2);
+            for (const auto& [content, expected] : versions) {
+                use.maps.insert(content.map.file);
+                use.blocks.add(m_store.packs().read_map(content.map, content.name));
+            }
+        }
+        const Reclaimed planned = m_store.reclaim(use, true, [] {});
+        const Reclaimed done = m_store.reclaim(use, false, [] {});
+        EXPECT_EQ(done.packs, planned.packs);
+        EXPECT_GT(done.packs, 0U);
+        EXPECT_GT(done.rewritten, 0U);
+        const Reclaimed again = m_store.reclaim(use, false, [] {});
+        EXPECT_EQ(again.packs + again.rewritten + again.bytes, 0U);
+    }
+
   private:
     std::uint64_t fill(std::string& bytes, std::size_t most) {
         bytes.resize(m_random() % most);
@@ -191,6 +211,11 @@ TEST(Contents, EveryVersionOfManyReadsAsItWasWritten) {
     ContentHistories histories(*store);
     for (int i = 0; i < 100; ++i)
         histories.store_versions();
+    histories.check_versions();
+    histories.forget_versions();
+    histories.check_versions();
+    for (int i = 0; i < 10; ++i)
+        histories.store_versions(); // they build on packs that were written anew
     histories.check_versions();
     EXPECT_EQ(exit_code_of([&] { // a store keeps the size of its blocks
                   store.reset();
