@@ -47,7 +47,8 @@ class BackupRun {
     void claim_logs();
     void back_up();
     bool takes_all() const { return m_request.level == "full" && m_request.arguments.empty(); }
-    int report() const;
+    int forget();
+    int report();
     void print_report(int code) const;
 
     const BackupOptions& m_options;
@@ -63,6 +64,7 @@ class BackupRun {
     std::optional<BackupContext> m_context;
     std::optional<BackupFirst> m_first;
     Manifest m_manifest; // of the set that was asked for
+    std::optional<Forgetting> m_forgotten;
 };
 
 // 1. What is to be saved, and where to: nothing is touched. 2. The store, and the locks of both.
@@ -165,9 +167,26 @@ void BackupRun::back_up() {
     m_first->report_unnamed(m_manifest, m_request);
 }
 
-int BackupRun::report() const {
+// What goes wrong leaves the new set, and those that were to go.
+int BackupRun::forget() {
+    ForgetRequest request = *m_options.forget;
+    request.server = m_ini.server_name;
+    try {
+        m_forgotten = forget_sets(*m_server.store, request);
+        return 0;
+    } catch (const ClientError& failure) {
+        print_error(fmt::format("the set {} is stored, but older ones were not forgotten: {}",
+                                m_manifest.set, failure.what()),
+                    failure.hint());
+        return failure.exit_code();
+    }
+}
+
+int BackupRun::report() {
     int code = exit_code_of(m_manifest);
     code = code != 0 ? code : m_first->exit_code();
+    if (code == 0 && m_options.forget)
+        code = forget();
     try {
         print_report(code);
     } catch (const ClientError& failure) {
@@ -181,7 +200,8 @@ int BackupRun::report() const {
 void BackupRun::print_report(int code) const {
     const std::optional<Manifest>& first = m_first->set();
     if (!m_options.json) {
-        print_output((first ? set_lines(*first) : "") + set_lines(m_manifest));
+        print_output((first ? set_lines(*first) : "") + set_lines(m_manifest) +
+                     (m_forgotten ? forgetting_text(*m_forgotten) : ""));
         return;
     }
     nlohmann::json document = set_summary(m_manifest);
@@ -190,6 +210,8 @@ void BackupRun::print_report(int code) const {
                      {"store", printable_utf8(absolute_path(m_options.store))}});
     if (first)
         document["owed"] = set_summary(*first);
+    if (m_forgotten)
+        document["forget"] = forgetting_json(*m_forgotten);
     print_json(document);
 }
 

@@ -17,6 +17,13 @@ void add_level(CLI::App& command, BackupOptions& backup) {
     command.add_flag("--auto-full", backup.auto_full,
                      "Take a full backup where diff or incr has none to build on");
     command
+        .add_option_function<std::string>(
+            "--forget",
+            [&backup](const std::string& options) { backup.forget = parse_policy(options); },
+            "After a complete set forget older ones of this server, as `qrtln forget` does with "
+            "these options: --forget \"--keep-daily 14 --keep-weekly 8\"")
+        ->type_name("OPTIONS");
+    command
         .add_option("--block-size", backup.block_size,
                     "Of a store that is made: in how large blocks databases are compared and "
                     "stored, 4096 to 65536 bytes (default: 16384)")

@@ -3,8 +3,11 @@
 
 #include "client/backup/busy_wait.h"
 #include "client/backup/system_files.h"
+#include "client/commands/forget_sets.h"
 #include "client/commands/options.h"
 
+#include <cstdint>
+#include <optional>
 #include <string>
 #include <vector>
 
@@ -19,6 +22,7 @@ struct BackupOptions : ServerOptions {
     bool databases_only = false;      // nothing that the module does not hand out
     std::vector<PathRule> rules;      // of the other files, in the order of the command line
     std::vector<std::string> databases;
+    std::optional<ForgetRequest> forget;    // after a complete set
     std::uint32_t block_size = 0;           // of a store that is made, in bytes; 0: the usual
     unsigned busy_wait = default_busy_wait; // seconds for databases that others back up or compact
 };

@@ -139,6 +139,9 @@ void ForgetPlan::choose_by_policy() {
         throw ClientError(ExitCode::damage_found, describe(missing[0]) + ": nothing was forgotten",
                           missing_set_hint);
     Retention retention(m_sets);
+    for (const RetentionSet& set : m_sets)
+        if (!m_request.server.empty() && set.server != m_request.server)
+            retention.keep(set.set, "is of another server");
     retention.keep_by(m_request.policy);
     retention.keep_current_chains();
     if (!m_request.even_last)
@@ -216,6 +219,16 @@ nlohmann::json forgetting_json(const Forgetting& done) {
             {"rewritten_packs", done.reclaimed.rewritten},
             {"warnings", printable_list(done.reclaimed.problems)},
             {"exit_code", 0}};
+}
+
+ForgetRequest parse_policy(const std::string& options) {
+    ForgetRequest request;
+    CLI::App parser;
+    add_policy_options(parser, request);
+    parser.parse(options);
+    if (!request.policy.any())
+        throw CLI::ValidationError("it has none of the options --keep-… of `qrtln forget`");
+    return request;
 }
 
 void add_policy_options(CLI::App& command, ForgetRequest& request) {

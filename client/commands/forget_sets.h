@@ -17,11 +17,14 @@ struct ForgetRequest {
     std::vector<std::string> sets; // by name; without a policy
     RetentionPolicy policy;
     bool even_last = false; // also the newest set that has a database
+    std::string server;     // a policy concerns only its sets; empty: those of every server
     bool dry_run = false;
 };
 
 // --keep-last and its like, and --even-last.
 void add_policy_options(CLI::App& command, ForgetRequest& request);
+// Reads these from one text. Throws CLI::ParseError.
+ForgetRequest parse_policy(const std::string& options);
 
 struct Forgetting {
     bool dry_run = false;
