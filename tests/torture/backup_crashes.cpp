@@ -1,7 +1,7 @@
-// Kills backups: at each call that changes a file, at random moments, and by power cuts that take
-// what was not flushed. Whatever the moment, the index of databases is the old or the new one, no
-// transaction log is marked as archived that the store does not hold, the store verifies, and the
-// next run saves what the killed one owed, without a hand.
+// Kills backups, and the forgetting of sets: at each call that changes a file, at random moments,
+// and by power cuts that take what was not flushed. Whatever the moment, the index of databases is
+// the old or the new one, no transaction log is marked as archived that the store does not hold,
+// the store verifies, and the next run saves what the killed one owed, without a hand.
 //
 // Prints the sums; ends with 1 when a rule was violated. With a planted defect it ends with 0 when
 // the rule that the defect violates was found violated.
@@ -57,11 +57,13 @@ struct Plant {
     const char* faults; // of the altered process
     const char* rule;   // that it violates
     const Kind& kind;   // that shows it
+    const char* state = "changed";
 };
 
 constexpr Plant plants[] = {{"marking", "late Z-full.json 1", rule::extents, kinds[0]},
                             {"flush", "unflushed /disk/ 1", whole_store, kinds[1]},
-                            {"index", "in_place qrtln_DBIID.ini 1", rule::index, kinds[0]}};
+                            {"index", "in_place qrtln_DBIID.ini 1", rule::index, kinds[0]},
+                            {"rewritten", "unflushed /packs/ 1", whole_store, kinds[1], "aged"}};
 
 // The state that a killed backup begins with, and what a run that is not killed makes of it.
 struct Scenario {
@@ -72,7 +74,8 @@ struct Scenario {
     std::vector<std::size_t> owing = {}; // calls before which databases are owed
     std::set<std::string> indexes = {};  // that such a run ever leaves
 
-    std::string name() const { return kept + (full ? "-full" : "-incr"); }
+    bool forgets() const { return kept == "aged"; }
+    std::string name() const { return kept + (forgets() ? "-forget" : full ? "-full" : "-incr"); }
 };
 
 class Crashes : private Model {
@@ -98,11 +101,13 @@ class Crashes : private Model {
 
     // From the end on, where a run gives its word: until the rule is violated.
     int find_planted(const Plant& plant) {
-        Scenario scenario = look_at("changed", true);
+        if (plant.state != std::string("changed"))
+            make_aged();
+        Scenario scenario = look_at(plant.state, true);
         m_faults = {{"QRTLN_MODEL_FAULTS", plant.faults}};
-        bring_back("changed");
+        bring_back(plant.state);
         CallObserver counter;
-        for (std::size_t call = back_up(true, {}, &counter).calls + 1; call > 0; --call)
+        for (std::size_t call = work(scenario, {}, &counter).calls + 1; call > 0; --call)
             if (try_at(scenario, plant.kind, {.call = call}).starts_with(plant.rule)) {
                 std::cout << plant.name << " was found by its rule at kill " << m_kills
                           << std::endl;
@@ -171,6 +176,25 @@ class Crashes : private Model {
                      observer);
     }
 
+    // What the scenario kills.
+    Run work(const Scenario& scenario, Kill kill = {}, const CallObserver* observer = nullptr) {
+        return scenario.forgets() ? qrtln({"forget", "--keep-last", "1"}, m_faults, kill, observer)
+                                  : back_up(scenario.full, kill, observer);
+    }
+
+    // Several sets of which only the last are wanted; most of what was stored first is used no
+    // more.
+    void make_aged() {
+        bring_back("changed");
+        for (int i = 0; i < 2; ++i) {
+            for (const std::string& name : server().live())
+                if (name != "names.nsf")
+                    commit(name);
+            back_up_well(true);
+        }
+        keep("aged");
+    }
+
     void back_up_well(bool full) {
         Run run = back_up(full);
         require(run.exit_code == 0, rule::next_run, run.errors);
@@ -201,11 +225,13 @@ class Crashes : private Model {
             if (fs::exists(m_store + "/runtime/owed.jsonl"))
                 scenario.owing.push_back(scenario.calls);
         };
-        Run whole = back_up(full, {}, &watcher);
+        Run whole = work(scenario, {}, &watcher);
         scenario.moments = whole.moments;
         scenario.indexes.insert(index());
         if (whole.exit_code != 0)
             throw std::runtime_error("a backup that was not killed failed: " + whole.errors);
+        if (scenario.forgets())
+            return scenario;
         if (waiting == waiting_extents().size() || scenario.indexes.size() < 2)
             throw std::runtime_error("the backup marks no extent, or does not change the index");
         // When the module dies over what is owed, the run goes on with what was asked for.
@@ -231,6 +257,8 @@ class Crashes : private Model {
             database.saved.clear();
         keep("first");
         scenarios.push_back(look_at("first", true));
+        make_aged();
+        scenarios.push_back(look_at("aged", true));
         return scenarios;
     }
 
@@ -279,7 +307,7 @@ class Crashes : private Model {
             watcher.flushed = [&](const std::string& descriptor) { disk->flushed(descriptor); };
         }
         kill.victim = kind.victim;
-        Run run = back_up(scenario.full, kill, &watcher);
+        Run run = work(scenario, kill, &watcher);
         ++m_kills;
         m_missed += run.killed ? 0 : 1;
         if (kind.in_next_run)
@@ -293,7 +321,7 @@ class Crashes : private Model {
     void strike_next(const Scenario& scenario, CallObserver watcher) {
         std::size_t call = m_random() % 4 == 0 ? 0 : 1 + m_random() % scenario.calls;
         watcher.before_call = [this] { m_indexes.insert(index()); };
-        Run next = back_up(scenario.full, {.call = call}, &watcher);
+        Run next = work(scenario, {.call = call}, &watcher);
         watcher.before_call();
         m_doing += ", the next one at " + std::to_string(call);
         require(next.killed || next.exit_code == 0, rule::next_run, next.errors);
@@ -323,6 +351,13 @@ class Crashes : private Model {
     // Users go on, the same command is given again, and after a full backup an incremental one;
     // then everything is recovered beside the live databases.
     void judge_next_runs(const Scenario& scenario) {
+        if (scenario.forgets()) { // it finishes what the killed one began
+            Run run = work(scenario);
+            require(run.exit_code == 0, rule::next_run, run.errors);
+            Run told = qrtln({"verify"});
+            require(told.output.find("belong to no") == std::string::npos, rule::leftovers,
+                    told.output);
+        }
         for (bool full : scenario.full ? std::vector{true, false} : std::vector{false}) {
             for (const char* name : {"mail/user1.nsf", "unlogged.nsf"})
                 commit(name);
@@ -368,9 +403,10 @@ int main(int argc, char** argv) try {
     CLI::App app{"Kills backups, and judges what they leave and what the next ones make of it"};
     Options options;
     app.add_option("--scenario", options.scenario, "Only this one")
-        ->check(CLI::IsMember({"changed-full", "changed-incr", "owing-incr", "first-full"}));
+        ->check(CLI::IsMember(
+            {"changed-full", "changed-incr", "owing-incr", "first-full", "aged-forget"}));
     app.add_option("--plant", options.plant, "Look for this defect instead")
-        ->check(CLI::IsMember({"marking", "flush", "index"}));
+        ->check(CLI::IsMember({"marking", "flush", "index", "rewritten"}));
     app.add_flag("--long", options.all, "In every way at every call, and at 250 moments of each");
     app.add_option("--seed", options.seed, "Of everything random")->capture_default_str();
     CLI11_PARSE(app, argc, argv);

@@ -198,7 +198,7 @@ class History {
         std::vector<std::string> all = {QRTLN_EXECUTABLE};
         all.insert(all.end(), words.begin(), words.end());
         all.insert(all.end(), {"--store", store});
-        if (words.front() != "verify")
+        if (words.front() != "verify" && words.front() != "forget")
             all.insert(all.end(),
                        {"--notes-ini", server_folder() + "/notes.ini", "--tmp-dir", temporary()});
         return all;
