@@ -31,14 +31,14 @@ std::string wholeDump() {
     return result;
 }
 
-// What comes back of a path without a line end: it ends at its first "=", and the blanks before
-// that go.
+// What comes back of a path without a line end: it ends at its first "=", and the blanks at both
+// ends go.
 std::string readBack(const std::string& path) {
     std::string text = path.substr(0, path.find('='));
     while (!text.empty() && std::isspace(static_cast<unsigned char>(text.back())) != 0) {
         text.pop_back();
     }
-    return text;
+    return text.substr(std::min(text.find_first_not_of(" \t\n\v\f\r"), text.size()));
 }
 
 void checkLookUps(const std::map<std::string, std::string>& entries, const char* what) {
@@ -88,6 +88,14 @@ void fuzz::runInput(std::string_view input) {
         }
     }
     checkLookUps(entries, "an entry is there once it is set");
+    // The file may have such paths, too, as names of sections.
+    for (int slot = 0; gdcDBIID != nullptr && slot < gdcDBIID->n; ++slot) {
+        const std::string key = gdcDBIID->key[slot];
+        const std::string path = key.substr(std::min(key.find(':'), key.size() - 1) + 1);
+        if (readBack(path) != path) {
+            ambiguous.insert(readBack(path));
+        }
+    }
     const bool hasCopy = files().exists(workingCopy);
     require((QRTLN_EndDBIIDIndexProcessing(TRUE) == DB_NUM_I_OK) == hasCopy,
             "a working copy replaces the index");
