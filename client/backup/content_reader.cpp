@@ -8,6 +8,7 @@
 #include "client/domino/database_names.h"
 #include "client/domino/original.h"
 #include "client/module/host.h"
+#include "client/sets/item_content.h"
 #include "client/store/store.h"
 
 #include <algorithm>
@@ -47,16 +48,6 @@ std::uint64_t size_of(const struct stat& status) {
 // Nobody but us writes to a database's copy, and nobody at all to a log that is full.
 bool stays_as_it_is(const ManifestItem& item) {
     return item.kind == ItemKind::database || (item.log && !item.log->active);
-}
-
-// Databases change here and there; of small files many share a pack. The others are whole objects,
-// and so is what sets share by its hash.
-bool goes_into_blocks(const ManifestItem& item, std::uint64_t size) {
-    constexpr std::uint64_t small_file = std::uint64_t{64} << 10;
-    if (item.kind == ItemKind::database)
-        return true;
-    return (item.kind == ItemKind::file || item.kind == ItemKind::other) && size < small_file &&
-           !is_attachment_object(item.path);
 }
 
 // What became of the file while `read` bytes were read, as the item's reason or warning. Returns

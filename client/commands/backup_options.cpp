@@ -23,12 +23,7 @@ void add_level(CLI::App& command, BackupOptions& backup) {
             "After a complete set forget older ones of this server, as `qrtln forget` does with "
             "these options: --forget \"--keep-daily 14 --keep-weekly 8\"")
         ->type_name("OPTIONS");
-    command
-        .add_option("--block-size", backup.block_size,
-                    "Of a store that is made: in how large blocks databases are compared and "
-                    "stored, 4096 to 65536 bytes (default: 16384)")
-        ->type_name("BYTES")
-        ->check(CLI::IsMember({4096, 8192, 16384, 32768, 65536}));
+    add_block_size_option(command, backup.block_size);
     command.add_flag("--take-over", backup.take_over,
                      "This store archives the server's transaction logs from now on, no other");
 }

@@ -76,5 +76,6 @@ extern const Command verify_command;
 extern const Command forget_command;
 extern const Command extract_command;
 extern const Command dump_command;
+extern const Command convert_command;
 
 } // namespace qrtln

@@ -16,6 +16,15 @@ void add_store_options(CLI::App& command, StoreOptions& options) {
     command.add_flag("--json", options.json, "One JSON document on standard output");
 }
 
+void add_block_size_option(CLI::App& command, std::uint32_t& block_size) {
+    command
+        .add_option("--block-size", block_size,
+                    "Of a store that is made or converted: in how large blocks databases are "
+                    "compared and stored, 4096 to 65536 bytes (default: 16384)")
+        ->type_name("BYTES")
+        ->check(CLI::IsMember({4096, 8192, 16384, 32768, 65536}));
+}
+
 void add_set_argument(CLI::App& command, std::string& set) {
     command.add_option("SET", set, "The set's name, the beginning of it, or \"latest\"")
         ->required();

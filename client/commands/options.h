@@ -37,6 +37,8 @@ inline constexpr const char* time_help =
 void add_store_option(CLI::App& command, std::string& store);
 // That and --json.
 void add_store_options(CLI::App& command, StoreOptions& options);
+// --block-size, of a store that gets packs; 0 unless it is given.
+void add_block_size_option(CLI::App& command, std::uint32_t& block_size);
 // SET, which must be given.
 void add_set_argument(CLI::App& command, std::string& set);
 // --notes-ini, --server, --store and --json.

@@ -4,6 +4,7 @@
 #include "client/base/interrupt.h"
 #include "client/base/text.h"
 #include "client/sets/catalogue.h"
+#include "client/sets/set_links.h"
 
 #include <fmt/format.h>
 
@@ -23,6 +24,7 @@ namespace {
 
 StoreUse store_use(Store& store, const std::set<std::string>& without) {
     StoreUse use;
+    SetLinks links;
     std::set<MapPlace> met;
     for (const std::string& set : store.set_names()) {
         throw_if_interrupted();
@@ -31,6 +33,7 @@ StoreUse store_use(Store& store, const std::set<std::string>& without) {
         CatalogueEntry entry = load_set(store, set);
         if (!entry.manifest)
             fail(set, "its manifest " + for_terminal(entry.problem));
+        links.add(*entry.manifest);
         for (const ManifestItem& item : entry.manifest->items) {
             if (!is_in_blocks(item)) {
                 use.objects.insert(item.object);
@@ -46,6 +49,9 @@ StoreUse store_use(Store& store, const std::set<std::string>& without) {
             }
         }
     }
+    for (const MissingSet& missing : links.missing(store)) // its contents are there, for its return
+        if (!without.contains(missing.set))
+            throw ClientError(ExitCode::damage_found, describe(missing), missing_set_hint);
     return use;
 }
 

@@ -10,7 +10,7 @@
 namespace qrtln {
 
 // Of all sets but `without`. Throws ClientError(damage_found) where that cannot be known: a
-// manifest or a map is damaged.
+// manifest or a map is damaged, or a set is missing.
 StoreUse store_use(Store& store, const std::set<std::string>& without);
 
 } // namespace qrtln

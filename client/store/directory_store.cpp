@@ -223,15 +223,35 @@ void DirectoryStore::create_skeleton(std::uint32_t block_size) {
     // the folders are there.
     if (int error = flush_folder(m_folder.get()); error != 0)
         m_place.fail("flush the folder", error);
-    std::string content = to_canonical({{"format", store_format},
-                                        {"type", "qrtln store"},
-                                        {"id", new_store_id()},
-                                        {"block_size", block_size}});
-    if (int error = write_flushed(m_folder.get(), format_temporary, content, m_folder.get());
+    write_format(block_size, new_store_id());
+}
+
+void DirectoryStore::write_format(std::uint32_t block_size, const std::string& id) {
+    nlohmann::json format = {
+        {"format", store_format}, {"type", "qrtln store"}, {"block_size", block_size}};
+    if (!id.empty())
+        format["id"] = id;
+    if (int error =
+            write_flushed(m_folder.get(), format_temporary, to_canonical(format), m_folder.get());
         error != 0)
         m_place.fail("write store.json", error);
     if (::renameat(m_folder.get(), format_temporary, m_folder.get(), format_file) != 0)
         m_place.fail("put store.json in place", errno);
+}
+
+// The folders are there before store.json says so, as when a store is made.
+void DirectoryStore::add_packs(std::uint32_t block_size) {
+    for (const char* name : {pack_folder, map_folder})
+        if (int error = make_folder(m_folder.get(), name, m_folder.get()); error != 0)
+            m_place.fail("create the folder " + std::string(name), error);
+    if (int error = flush_folder(m_folder.get()); error != 0)
+        m_place.fail("flush the folder", error);
+    write_format(block_size, m_id);
+    if (int error = flush_folder(m_folder.get()); error != 0)
+        m_place.fail("flush the folder", error);
+    m_block_size = block_size;
+    m_new_packs.set_block_size(block_size);
+    m_packs.open(open_part(pack_folder), open_part(map_folder), m_folder.get());
 }
 
 // Also of a store that was there: the run that created it may have been killed before it did this.
@@ -272,7 +292,6 @@ void DirectoryStore::check_format(std::string* damage) {
         problem = "does not tell a size of blocks that a store can have";
     if (problem.empty()) {
         m_id = id_of(*document);
-        m_format = document->at("format").get<std::uint64_t>();
         m_block_size = static_cast<std::uint32_t>(block_size_in(*document));
         m_new_packs.set_block_size(m_block_size);
         return;

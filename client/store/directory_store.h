@@ -32,6 +32,8 @@ class DirectoryStore final : public Store {
 
     std::string description() const override { return m_place.description(); }
     std::string location() const override { return m_place.directory(); }
+    std::uint32_t block_size() const override { return m_block_size; }
+    void add_packs(std::uint32_t block_size) override;
     std::string id() const override { return m_id; }
     std::string runtime_directory() const override {
         return m_state ? m_state->runtime_directory() : m_runtime;
@@ -114,6 +116,7 @@ class DirectoryStore final : public Store {
     bool has_packs() const { return m_block_size != 0; }
     void lock();
     void create_skeleton(std::uint32_t block_size);
+    void write_format(std::uint32_t block_size, const std::string& id);
     void flush_skeleton();
     void check_format(std::string* damage);
     void require_block_size(std::uint32_t block_size) const;
@@ -125,7 +128,6 @@ class DirectoryStore final : public Store {
     const StorePlace m_place;
     std::string m_runtime; // absolute
     std::string m_id;
-    std::uint64_t m_format = 0;
     std::uint32_t m_block_size = 0; // 0: its format has no blocks
     FileDescriptor m_folder;
     FileDescriptor m_lock;

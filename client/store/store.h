@@ -72,6 +72,11 @@ class Store {
     virtual std::string description() const = 0;
     // Where it is: an absolute path.
     virtual std::string location() const = 0;
+    // In blocks of which size it stores contents; 0: it has no packs, only whole objects.
+    virtual std::uint32_t block_size() const = 0;
+    // Gives it packs with blocks of this size; earlier releases refuse it from then on. Throws
+    // ClientError. REQUIRES: it has none, and is locked for writing.
+    virtual void add_packs(std::uint32_t block_size) = 0;
     // Made by chance when the store was; empty for stores of earlier releases.
     virtual std::string id() const = 0;
     // The folder of the run-time data of this run: the module's, and what a command has under way.

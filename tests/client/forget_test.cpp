@@ -1,5 +1,6 @@
 // Sets that go, and what must stay.
 #include "client/sets/retention.h"
+#include "client/store/canonical_json.h"
 #include "tests/client/simulated_server.h"
 
 namespace qrtln::test {
@@ -117,8 +118,52 @@ TEST_F(Forget, WhatGoesFreesItsRoomAndWhatStaysIsWhole) {
     const auto damaged = snapshot(m_store);
     forget(4, {sets[0], "--even-last"});
     EXPECT_EQ(snapshot(m_store), damaged);
+    fs::rename(manifest, m_scratch / "manifest"); // it may come back from a copy
+    forget(4, {sets[0], "--even-last"});
+    EXPECT_THAT(m_errors, HasSubstr("the set " + sets[5] + " is missing"));
+    fs::rename(m_scratch / "manifest", manifest);
     write_file(manifest, text);
     forget(0, {sets[0], "--even-last"});
+    EXPECT_EQ(verify(), 0);
+}
+
+// A store of an earlier release, which has whole objects alone.
+TEST_F(Forget, AStoreOfAnEarlierReleaseGoesOnAndCanBeConverted) {
+    for (const char* folder : {"/objects", "/sets", "/runtime"})
+        fs::create_directories(m_store + folder);
+    write_file(m_store + "/store.json", to_canonical({{"format", 1}, {"type", "qrtln store"}}));
+    const std::string first = backup(0)["set"], names = m_data + "/names.nsf";
+    put("mail/user1.nsf");
+    const std::string second = backup(0)["set"];
+    EXPECT_EQ(item(second, names).object, item(first, names).object);
+    EXPECT_FALSE(is_in_blocks(item(second, names)));
+    flip(first, m_user2);
+    flip(second, m_user2); // back, as it is the same object
+    const std::string damaged =
+        m_store + "/objects/" + object_file_name(item(first, m_user1).object);
+    flip_a_bit(damaged);
+
+    auto reader = open_directory_store(m_store, StoreAccess::read);
+    reader->hold_sets({second});
+    const auto convert = [&](int code) {
+        const Outcome outcome = on_store({"convert", "--json"});
+        EXPECT_EQ(outcome.exit_code, code) << outcome.errors;
+        return json::parse(outcome.output)["left_over"];
+    };
+    EXPECT_EQ(convert(3).size(), 2U); // the damaged object, and that objects are read
+    reader.reset();
+    flip_a_bit(damaged);
+    EXPECT_EQ(convert(0), json::array());
+    EXPECT_EQ(convert(0), json::array()); // nothing is left to do
+    EXPECT_EQ(verify(), 0);
+    EXPECT_THAT(on_store({"verify"}).output, Not(HasSubstr("belong to no")));
+    for (const std::string& set : {first, second})
+        for (const std::string& path : {names, m_user1, m_user2})
+            EXPECT_TRUE(is_in_blocks(item(set, path)));
+    EXPECT_EQ(item(second, names).map, item(first, names).map);
+    put("mail/user1.nsf");
+    EXPECT_LT(backup(0)["changed_bytes"], item(first, m_user1).size);
+    run(0, {"restore", "mail/user1.nsf", "--set", first, "--activate"});
     EXPECT_EQ(verify(), 0);
 }
 
