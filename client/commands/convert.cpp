@@ -59,8 +59,7 @@ int run_convert(const ConvertOptions& options) {
                           fmt::format("{} has blocks of {} bytes already", store->description(),
                                       store->block_size()),
                           "leave --block-size out");
-    return report(convert_sets(*store, [](const std::string&) { throw_if_interrupted(); }),
-                  options.json);
+    return report(convert_sets(*store), options.json);
 }
 
 void add_convert(CLI::App& command, CommandRuns& runs) {

@@ -31,8 +31,8 @@ class ForgetPlan {
     // Chooses by name or by policy. Throws where a name must not go.
     void choose();
     // Those that go, the newest first, those that are missing last; and those that stay, with why.
-    std::vector<std::string> going() const;
-    std::vector<std::pair<std::string, std::string>> staying() const;
+    const std::vector<std::string>& going() const { return m_going; }
+    const std::vector<std::pair<std::string, std::string>>& staying() const { return m_staying; }
     std::string server_of(const std::string& set) const;
 
   private:
@@ -155,14 +155,6 @@ void ForgetPlan::choose_by_policy() {
     for (const RetentionSet& set : m_sets)
         if (std::string why = retention.reason(set.set); !why.empty())
             m_staying.emplace_back(set.set, why);
-}
-
-std::vector<std::string> ForgetPlan::going() const {
-    return m_going;
-}
-
-std::vector<std::pair<std::string, std::string>> ForgetPlan::staying() const {
-    return m_staying;
 }
 
 std::string ForgetPlan::server_of(const std::string& set) const {

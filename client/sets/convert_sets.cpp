@@ -143,15 +143,12 @@ bool is_read(Store& store) {
 
 } // namespace
 
-ConvertedSets convert_sets(Store& store,
-                           const std::function<void(const std::string& set)>& progress) {
+ConvertedSets convert_sets(Store& store) {
     ConvertedSets result;
     SetConverter converter(store, result);
     try {
-        for (const std::string& set : store.set_names()) {
-            progress(set);
+        for (const std::string& set : store.set_names())
             converter.convert(set);
-        }
     } catch (...) {
         store.discard_added();
         throw;

@@ -4,7 +4,6 @@
 #include "client/store/store.h"
 
 #include <cstdint>
-#include <functional>
 #include <string>
 #include <vector>
 
@@ -22,9 +21,8 @@ struct ConvertedSets {
 // content the plain bytes are read back and compared with the name of its object before the set
 // refers to it; a set is replaced by one that says the same of everything else. Objects that no set
 // needs any more go at the end, when nobody reads a set. What is damaged stays as it is. A crash
-// leaves some sets converted: the next call goes on. `progress` hears of each set. Throws
+// leaves some sets converted: the next call goes on. Throws
 // ClientError. REQUIRES: the store has packs, and is locked for writing.
-ConvertedSets convert_sets(Store& store,
-                           const std::function<void(const std::string& set)>& progress);
+ConvertedSets convert_sets(Store& store);
 
 } // namespace qrtln

@@ -7,7 +7,6 @@
 #include <ctime>
 #include <fmt/chrono.h>
 #include <fmt/format.h>
-#include <functional>
 
 namespace qrtln {
 

@@ -66,8 +66,7 @@ class DirectoryStore final : public Store {
     void discard_object(const std::string& hash) noexcept override { m_objects.discard(hash); }
     Reclaimed reclaim(const StoreUse& use, bool dry_run,
                       const std::function<void()>& between) override {
-        Reclaim reclaim(m_objects, m_packs, use, between);
-        return dry_run ? reclaim.plan() : reclaim.run();
+        return Reclaim(m_objects, m_packs, use, between).run(!dry_run);
     }
     std::vector<std::string> objects(std::vector<std::string>* foreign) override {
         return m_objects.list(foreign);

@@ -140,9 +140,10 @@ void NewPacks::mend() {
             return {bytes.begin(), bytes.end()};
         };
         try {
-            (void)m_folder.note_damage(
-                id,
-                rewrite_pack(m_folder, {id, [](std::uint32_t) { return true; }, copy_of}, true));
+            RewriteResult result = rewrite_pack(m_folder, {id, [](std::uint32_t) { return true; },
+                                                           copy_of, m_folder.damaged_blocks(id)});
+            if (result.rewritten)
+                (void)m_folder.note_damage(id, result.damaged);
         } catch (const PackDamage&) {
         } catch (const ClientError&) {
         }

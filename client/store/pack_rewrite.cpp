@@ -4,6 +4,7 @@
 #include "client/store/pack_writer.h"
 #include "client/store/state_folder.h"
 
+#include <algorithm>
 #include <cerrno>
 #include <fcntl.h>
 #include <unistd.h>
@@ -74,8 +75,7 @@ class PackCopy {
 
 } // namespace
 
-std::set<std::uint32_t> rewrite_pack(const PackFolder& folder, const RewriteRequest& request,
-                                     bool drops_damaged) {
+RewriteResult rewrite_pack(const PackFolder& folder, const RewriteRequest& request) {
     std::unique_ptr<PackReader> from = folder.open_pack(request.id);
     std::string temporary = request.id + std::string(temporary_suffix);
     int packs = folder.pack_descriptor();
@@ -93,9 +93,11 @@ std::set<std::uint32_t> rewrite_pack(const PackFolder& folder, const RewriteRequ
         bool same = to.finish() == request.id;
         if (!same)
             throw PackDamage{"has hashes of blocks that do not make up its name"};
-        if (!damaged.empty() && !drops_damaged) {
+        // What cannot be read just now may be there the next time.
+        if (!std::includes(request.lost.begin(), request.lost.end(), damaged.begin(),
+                           damaged.end())) {
             ::unlinkat(packs, temporary.c_str(), 0);
-            return damaged;
+            return {false, damaged};
         }
         if (::fsync(file.get()) != 0)
             folder.place().fail("flush a pack", errno);
@@ -105,7 +107,7 @@ std::set<std::uint32_t> rewrite_pack(const PackFolder& folder, const RewriteRequ
             folder.place().fail("put a pack in place", errno);
         if (int error = flush_folder(packs); error != 0)
             folder.place().fail("flush the folder of packs", error);
-        return damaged;
+        return {true, damaged};
     } catch (...) {
         ::unlinkat(packs, temporary.c_str(), 0);
         throw;

@@ -18,13 +18,17 @@ struct RewriteRequest {
     std::function<bool(std::uint32_t block)> keep;
     // A good copy of a block; empty: the pack's own is to be used.
     std::function<std::vector<std::byte>(std::uint32_t block)> replacement;
+    // Blocks that are known to be lost: the new pack may go without them.
+    std::set<std::uint32_t> lost = {};
 };
 
-// A crash leaves the pack as it was or as it is to be, flushed. Returns the blocks that should stay
-// and are damaged without a replacement: with `drops_damaged` the new pack has not got them, else
-// the pack stays as it is when there are any. Throws PackDamage, and ClientError when the store
-// cannot take it; the pack is then as it was.
-std::set<std::uint32_t> rewrite_pack(const PackFolder& folder, const RewriteRequest& request,
-                                     bool drops_damaged);
+struct RewriteResult {
+    bool rewritten = false;          // else the pack is as it was: another block is damaged, too
+    std::set<std::uint32_t> damaged; // that should stay and have no good copy
+};
+
+// A crash leaves the pack as it was or as it is to be, flushed. Throws PackDamage, and ClientError
+// when the store cannot take it; the pack is then as it was.
+RewriteResult rewrite_pack(const PackFolder& folder, const RewriteRequest& request);
 
 } // namespace qrtln

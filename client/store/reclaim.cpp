@@ -31,16 +31,8 @@ Reclaim::Reclaim(const ObjectFolder& objects, const PackFolder& packs, const Sto
                  std::function<void()> between)
     : m_objects(objects), m_packs(packs), m_use(use), m_between(std::move(between)) {}
 
-Reclaimed Reclaim::plan() {
-    return look(false);
-}
-
-Reclaimed Reclaim::run() {
-    return look(true);
-}
-
 // What goes as a whole first: what is written anew needs room.
-Reclaimed Reclaim::look(bool changes) {
+Reclaimed Reclaim::run(bool changes) {
     Reclaimed result;
     remove_objects(result, changes);
     if (!m_packs.is_open())
@@ -112,7 +104,7 @@ void Reclaim::rewrite(const std::string& id, Reclaimed& result) {
         return m_use.blocks.uses(id, block);
     };
     auto none = [](std::uint32_t) { return std::vector<std::byte>(); };
-    std::set<std::uint32_t> damaged = rewrite_pack(m_packs, {id, keep, none}, false);
+    std::set<std::uint32_t> damaged = rewrite_pack(m_packs, {id, keep, none}).damaged;
     std::uint64_t after = size_of(m_packs.pack_descriptor(), name);
     result.bytes += before - std::min(before, after);
     if (!damaged.empty())

@@ -35,14 +35,11 @@ class Reclaim {
     Reclaim(const ObjectFolder& objects, const PackFolder& packs, const StoreUse& use,
             std::function<void()> between);
 
-    // What run() would do.
-    Reclaimed plan();
-    // REQUIRES: the sets that referred to what goes are gone from the disk; nobody else writes to
-    // the store.
-    Reclaimed run();
+    // Without `changes`: what it would do. REQUIRES, with them: the sets that referred to what goes
+    // are gone from the disk; nobody else writes to the store.
+    Reclaimed run(bool changes);
 
   private:
-    Reclaimed look(bool changes);
     void remove_objects(Reclaimed& result, bool changes);
     void remove_maps(Reclaimed& result, bool changes);
     void take_packs(Reclaimed& result, bool changes);
