@@ -66,6 +66,8 @@ class DirectoryStore final : public Store {
     void discard_object(const std::string& hash) noexcept override { m_objects.discard(hash); }
     Reclaimed reclaim(const StoreUse& use, bool dry_run,
                       const std::function<void()>& between) override {
+        if (!dry_run) // a run that was killed may have removed manifests, and not flushed that
+            m_sets.flush();
         return Reclaim(m_objects, m_packs, use, between).run(!dry_run);
     }
     std::vector<std::string> objects(std::vector<std::string>* foreign) override {

@@ -184,6 +184,10 @@ void SetFolder::remove(const std::string& set) const {
         if (::unlinkat(m_folder.get(), (set + std::string(suffix)).c_str(), 0) != 0 &&
             errno != ENOENT)
             m_place.fail(fmt::format("remove {}{}", set, suffix), errno);
+    flush();
+}
+
+void SetFolder::flush() const {
     if (int error = flush_folder(m_folder.get()); error != 0)
         m_place.fail("flush the folder sets", error);
 }

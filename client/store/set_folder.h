@@ -41,6 +41,8 @@ class SetFolder {
     // Removes the manifest and the notes of a set, as far as they are there, flushed. Throws
     // ClientError.
     void remove(const std::string& set) const;
+    // What is in it, and no longer in it, is so after a power cut. Throws ClientError.
+    void flush() const;
 
   private:
     void write_document(const std::string& name, const std::string& what, const std::string& bytes,
