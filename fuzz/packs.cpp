@@ -2,7 +2,7 @@
 //   'm'  the rest is the JSON of a map, "PACK" in it standing for the id of a pack of five blocks
 //   't'  a line of JSON, the table of a pack, then the plain bytes of its blocks, one frame of at
 //   most
-//        32 blocks of 4096 bytes after the other
+//        64 blocks of 4096 bytes after the other
 //   'p'  the rest is a whole pack
 //   'f'  the rest is the frame of a map, as it lies in a file
 // The JSON gets its canonical form and checksum. What a reader accepts has the content that its
@@ -133,15 +133,15 @@ void runTable(std::string_view input) {
     }
     const std::string plain(input.substr(std::min(line + 1, input.size())));
     std::string bytes;
-    for (std::size_t at = 0; at < plain.size(); at += std::size_t{32} * 4096) {
-        bytes += compressed(plain.substr(at, std::size_t{32} * 4096));
+    for (std::size_t at = 0; at < plain.size(); at += std::size_t{64} * 4096) {
+        bytes += compressed(plain.substr(at, std::size_t{64} * 4096));
     }
     const json count = document.value("blocks", json());
     const std::size_t blocks = count.is_number_unsigned() ? count.get<std::size_t>() % 10'000 : 0;
     const std::string table = compressed(qrtln::to_canonical(document));
     const qrtln::PackTrailer trailer{bytes.size(), table.size(), blocks,
                                      qrtln::BlockHasher()(qrtln::as_bytes(table))};
-    bytes += table + std::string(blocks * sizeof(qrtln::BlockHash), 'h') + serialize(trailer);
+    bytes += table + std::string(blocks * sizeof(qrtln::ShortHash), 'h') + serialize(trailer);
     runPack(bytes);
 }
 

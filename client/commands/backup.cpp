@@ -133,6 +133,10 @@ void BackupRun::open_store() {
     m_server_lock = lock_server(m_ini);
     if (std::string problem = last_close_problem(store, m_ini.sets); !problem.empty())
         print_message("warning: " + problem);
+    if (store.block_size() == 0)
+        print_message(
+            "note: this store is of an earlier release, where a changed database is stored "
+            "as a whole: `qrtln convert` makes it store what changed");
 }
 
 // Only one store may archive the server's logs.

@@ -20,7 +20,7 @@ void add_block_size_option(CLI::App& command, std::uint32_t& block_size) {
     command
         .add_option("--block-size", block_size,
                     "Of a store that is made or converted: in how large blocks databases are "
-                    "compared and stored, 4096 to 65536 bytes (default: 16384)")
+                    "compared and stored, 4096 to 65536 bytes (default: 8192)")
         ->type_name("BYTES")
         ->check(CLI::IsMember({4096, 8192, 16384, 32768, 65536}));
 }

@@ -26,6 +26,12 @@ BlockHash BlockHasher::operator()(Bytes block) {
     return hash;
 }
 
+ShortHash shorten(const BlockHash& hash) {
+    ShortHash half;
+    std::copy_n(hash.begin(), half.size(), half.begin());
+    return half;
+}
+
 std::string_view text_of(const BlockHash& hash) {
     return {reinterpret_cast<const char*>(hash.data()), hash.size()};
 }

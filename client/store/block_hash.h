@@ -16,7 +16,16 @@ namespace qrtln {
 
 using BlockHash = std::array<std::byte, 32>; // the SHA-256 of a block's plain bytes
 
+// Its first half, which a pack has of each block: small beside small blocks, and found by nobody
+// for another content. That no two contents pass for one even where somebody can make two blocks
+// with one such half is up to the name of the whole, which is made of whole hashes.
+using ShortHash = std::array<std::byte, 16>;
+ShortHash shorten(const BlockHash& hash);
+
 std::string_view text_of(const BlockHash& hash); // its 32 bytes
+
+// So many are read from a file at once.
+inline constexpr std::uint32_t hashes_at_once = 4096;
 
 class BlockHasher {
   public:
@@ -30,12 +39,12 @@ class BlockHasher {
 // Blocks have one of these sizes; the last one of a content is what is left.
 inline constexpr std::uint32_t smallest_block = 4096;
 inline constexpr std::uint32_t largest_block = 65536;
-inline constexpr std::uint32_t usual_block = 16384;
+inline constexpr std::uint32_t usual_block = 8192;
 bool is_block_size(std::uint64_t size);
 
-// Names a content by its blocks: "16384-" and the SHA-256 of a text that has a line for each, its
+// Names a content by its blocks: "8192-" and the SHA-256 of a text that has a line for each, its
 // hash in hexadecimal. Contents of the same bytes and block size have the same name, others never:
-// split -b 16384 --filter=sha256sum FILE | cut -c 1-64 | sha256sum
+// split -b 8192 --filter=sha256sum FILE | cut -c 1-64 | sha256sum
 class ContentName {
   public:
     explicit ContentName(std::uint32_t block_size);

@@ -33,6 +33,7 @@ void ContentCheck::check_pack(const std::string& id, bool all_blocks) {
 
 void ContentCheck::check_blocks(PackReader& pack, const std::string& id, bool all_blocks) {
     std::set<std::uint32_t> damaged;
+    m_found.begin_pack(id, pack.table().blocks);
     for (const PackFrame& frame : pack.table().frames) {
         m_between();
         bool wanted = all_blocks;
@@ -58,13 +59,26 @@ void ContentCheck::check_frame(PackReader& pack, const PackFrame& frame,
     } catch (const PackDamage&) { // none of its blocks can be had
     }
     m_checked_bytes += read.bytes.size();
+    std::vector<BlockHash> found;
     for (std::uint32_t i = 0; i < frame.blocks; ++i) {
         std::uint32_t block = frame.first_block + i;
         std::uint32_t size = pack.table().size_of(block);
-        if (i >= read.count || m_hasher(read.bytes.first(size)) != pack.hash(block))
+        if (i < read.count)
+            found.push_back(m_hasher(read.bytes.first(size)));
+        if (i >= read.count || shorten(found.back()) != pack.hash(block))
             damaged.insert(block);
         if (i < read.count)
             read.bytes = read.bytes.subspan(size);
+    }
+    m_found.put(frame.first_block, found);
+}
+
+void ContentCheck::add_to_name(ContentName& name, const BlockRun& run, const std::string& id) {
+    for (std::uint32_t done = 0; done < run.blocks;) {
+        std::span<const BlockHash> hashes = m_found.get(id, run.first + done, run.blocks - done);
+        for (const BlockHash& hash : hashes)
+            name.add(hash);
+        done += static_cast<std::uint32_t>(hashes.size());
     }
 }
 
@@ -93,8 +107,7 @@ std::string ContentCheck::problem_by_hashes(const ContentMap& map) {
         PackReader& pack = *packs[run.pack];
         if (pack.table().block_size != map.block_size)
             return fmt::format("lies in the pack {}, which has blocks of another size", id);
-        for (std::uint32_t i = 0; i < run.blocks; ++i)
-            name.add(pack.hash(run.first + i));
+        add_to_name(name, run, id);
         size += pack.table().plain_size_of(run.first, run.blocks);
         m_between();
     }

@@ -1,6 +1,7 @@
 // Whether contents in blocks are whole: each pack is read once, however many contents lie in it.
 #pragma once
 
+#include "client/store/found_hashes.h"
 #include "client/store/pack_folder.h"
 #include "client/store/pack_use.h"
 #include "client/store/store.h"
@@ -42,11 +43,13 @@ class ContentCheck {
     std::string problem_by_hashes(const ContentMap& map);
     void check_blocks(PackReader& pack, const std::string& id, bool all_blocks);
     void check_frame(PackReader& pack, const PackFrame& frame, std::set<std::uint32_t>& damaged);
+    void add_to_name(ContentName& name, const BlockRun& run, const std::string& id);
 
     const PackFolder& m_folder;
     std::function<void()> m_between;
     PackUse m_use;
     BlockHasher m_hasher;
+    FoundHashes m_found; // of the blocks of packs in use that could be read
     std::map<std::string, DamagedPack> m_damaged;
     std::uint64_t m_checked_bytes = 0;
 };

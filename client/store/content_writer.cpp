@@ -50,7 +50,7 @@ void ContentWriter::add_block(Bytes block) {
     std::optional<EarlierBlocks::Block> earlier;
     if (m_earlier)
         earlier = m_earlier->next();
-    if (earlier && earlier->hash != hash)
+    if (earlier && earlier->hash != shorten(hash))
         earlier.reset();
     if (earlier && !earlier->damaged) {
         m_map.add(earlier->pack, earlier->number);
@@ -70,7 +70,7 @@ std::uint32_t ContentWriter::add_to_pack(Bytes block, const BlockHash& hash) {
         m_stored_before = pack.stored_size();
     }
     m_changed_size += block.size();
-    return pack.add(block, hash);
+    return pack.add(block, shorten(hash));
 }
 
 bool ContentWriter::is_as_earlier(const std::string& name) const {

@@ -24,7 +24,7 @@ class EarlierBlocks {
     struct Block {
         std::uint32_t pack = 0; // in the map's packs
         std::uint32_t number = 0;
-        BlockHash hash;
+        ShortHash hash;
         bool damaged = false; // it is known to be; its hash is good
     };
     // The next one. Nothing behind the last one, and for one that cannot be reached.

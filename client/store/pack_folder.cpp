@@ -125,7 +125,7 @@ class ContentSource {
         for (std::uint32_t i = 0; i < count; ++i) {
             std::uint32_t size = pack.table().size_of(first + i);
             BlockHash hash = m_hasher(bytes.first(size));
-            if (hash != pack.hash(first + i))
+            if (shorten(hash) != pack.hash(first + i))
                 throw PackDamage{
                     fmt::format("has a block {} that differs from its SHA-256", first + i)};
             m_name.add(hash);

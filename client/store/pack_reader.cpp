@@ -13,7 +13,6 @@ namespace qrtln {
 namespace {
 
 constexpr std::size_t maximal_table = std::size_t{256} << 20; // of a pack of 40 TiB
-constexpr std::size_t hashes_at_once = 4096;
 
 PackTrailer read_trailer(const PackSource& source) {
     if (source.size < PackTrailer::size)
@@ -45,13 +44,13 @@ PackReader::PackReader(PackSource source)
     : m_source(std::move(source)), m_trailer(read_trailer(m_source)),
       m_table(read_table(m_source, m_trailer, m_decompressor)) {}
 
-const BlockHash& PackReader::hash(std::uint32_t block) {
+const ShortHash& PackReader::hash(std::uint32_t block) {
     if (block >= m_table.blocks)
         throw PackDamage{fmt::format("has no block {}", block)};
     if (block < m_first_hash || block - m_first_hash >= m_hashes.size()) {
-        m_hashes.resize(std::min<std::size_t>(hashes_at_once, m_table.blocks - block));
+        m_hashes.resize(std::min(hashes_at_once, m_table.blocks - block));
         m_first_hash = block;
-        m_source.read(m_trailer.hashes_at() + std::uint64_t{block} * sizeof(BlockHash),
+        m_source.read(m_trailer.hashes_at() + std::uint64_t{block} * sizeof(ShortHash),
                       std::as_writable_bytes(std::span(m_hashes)));
     }
     return m_hashes[block - m_first_hash];

@@ -25,8 +25,8 @@ class PackReader {
     explicit PackReader(PackSource source);
 
     const PackTable& table() const { return m_table; }
-    // The hash that the pack has of a block, also of one that is dead.
-    const BlockHash& hash(std::uint32_t block);
+    // What the pack has of the hash of a block, also of one that is dead.
+    const ShortHash& hash(std::uint32_t block);
     // The plain bytes of a block and of those behind it, at most `most` and to the end of its
     // frame; valid until the next call. They are not compared with their hashes.
     struct Blocks {
@@ -45,7 +45,7 @@ class PackReader {
     PackTrailer m_trailer;
     PackTable m_table;
     std::uint32_t m_first_hash = 0; // of those in memory
-    std::vector<BlockHash> m_hashes;
+    std::vector<ShortHash> m_hashes;
     const PackFrame* m_frame = nullptr; // the one in memory
     std::vector<std::byte> m_plain;
     std::vector<std::byte> m_stored;

@@ -59,7 +59,7 @@ class PackCopy {
             } catch (const PackDamage&) { // its frame cannot be read
             }
         }
-        if (bytes.empty() || m_hasher(bytes) != m_from.hash(block)) {
+        if (bytes.empty() || shorten(m_hasher(bytes)) != m_from.hash(block)) {
             m_damaged.insert(block);
             bytes.clear();
         }

@@ -82,7 +82,7 @@ PackTrailer parse_pack_trailer(Bytes bytes, std::uint64_t file_size) {
     std::uint64_t before = file_size - PackTrailer::size;
     bool fits = trailer.blocks <= std::numeric_limits<std::uint32_t>::max() &&
                 trailer.table_at <= before && trailer.table_size <= before - trailer.table_at &&
-                trailer.blocks * sizeof(BlockHash) == before - trailer.hashes_at();
+                trailer.blocks * sizeof(ShortHash) == before - trailer.hashes_at();
     if (std::memcmp(bytes.data() + magic_at, magic.data(), magic.size()) != 0 || !fits)
         throw PackDamage{"does not end as every pack does"};
     return trailer;

@@ -18,7 +18,7 @@ struct PackDamage {
 };
 
 // Frames end after so many blocks: enough for the compressor, little to read for a single block.
-inline constexpr std::uint32_t blocks_per_frame = 32;
+inline constexpr std::uint32_t blocks_per_frame = 64;
 
 // Blocks that were compressed together. They are neighbours in the pack.
 struct PackFrame {
@@ -43,7 +43,7 @@ struct PackTable {
     std::uint64_t present_blocks() const;
 };
 
-// The last bytes of a pack. Behind the table come the hashes of the blocks, 32 bytes each.
+// The last bytes of a pack. Behind the table come the short hashes of the blocks.
 struct PackTrailer {
     std::uint64_t table_at = 0;   // offset of the table, and the end of the frames
     std::uint64_t table_size = 0; // compressed

@@ -16,13 +16,13 @@ void PackWriter::write(Bytes bytes) {
     m_offset += bytes.size();
 }
 
-void PackWriter::note(const BlockHash& hash, std::size_t size) {
+void PackWriter::note(const ShortHash& hash, std::size_t size) {
     if (size != m_table.block_size)
         m_table.shorter.emplace_back(blocks(), static_cast<std::uint32_t>(size));
     m_hashes.push_back(hash);
 }
 
-std::uint32_t PackWriter::add(Bytes block, const BlockHash& hash) {
+std::uint32_t PackWriter::add(Bytes block, const ShortHash& hash) {
     std::uint32_t number = blocks();
     m_plain.insert(m_plain.end(), block.begin(), block.end());
     ++m_plain_blocks;
@@ -32,7 +32,7 @@ std::uint32_t PackWriter::add(Bytes block, const BlockHash& hash) {
     return number;
 }
 
-void PackWriter::add_dead(const BlockHash& hash, std::uint32_t size) {
+void PackWriter::add_dead(const ShortHash& hash, std::uint32_t size) {
     end_frame();
     note(hash, size);
 }

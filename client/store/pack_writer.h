@@ -1,8 +1,8 @@
 // Writes a pack: blocks of contents, compressed in frames of neighbours, in one immutable file.
 //
-// Its id is the SHA-256 of the hashes of its blocks, so that it says what is in it. A pack that is
-// written anew because most of it is dead keeps the numbers and hashes of all its blocks, and with
-// them its id: what refers to it stays as it is.
+// Its id is the SHA-256 of the short hashes of its blocks, so that it says what is in it. A pack
+// that is written anew because most of it is dead keeps the numbers and hashes of all its blocks,
+// and with them its id: what refers to it stays as it is.
 #pragma once
 
 #include "client/base/file_io.h"
@@ -23,9 +23,9 @@ class PackWriter {
     PackWriter(std::uint32_t block_size, Sink sink);
 
     // Adds a block of at most block_size bytes and returns its number.
-    std::uint32_t add(Bytes block, const BlockHash& hash);
+    std::uint32_t add(Bytes block, const ShortHash& hash);
     // In a pack that is written anew: a block that it has no more.
-    void add_dead(const BlockHash& hash, std::uint32_t size);
+    void add_dead(const ShortHash& hash, std::uint32_t size);
     // The next block begins a frame. Every content has frames of its own.
     void end_frame();
 
@@ -37,7 +37,7 @@ class PackWriter {
     std::string finish();
 
   private:
-    void note(const BlockHash& hash, std::size_t size);
+    void note(const ShortHash& hash, std::size_t size);
     void write(Bytes bytes);
 
     Sink m_sink;
@@ -46,7 +46,7 @@ class PackWriter {
     std::uint32_t m_plain_blocks = 0;
     FrameCompressor m_compressor;
     PackTable m_table;
-    std::vector<BlockHash> m_hashes;
+    std::vector<ShortHash> m_hashes;
 };
 
 } // namespace qrtln

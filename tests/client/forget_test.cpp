@@ -133,6 +133,7 @@ TEST_F(Forget, AStoreOfAnEarlierReleaseGoesOnAndCanBeConverted) {
         fs::create_directories(m_store + folder);
     write_file(m_store + "/store.json", to_canonical({{"format", 1}, {"type", "qrtln store"}}));
     const std::string first = backup(0)["set"], names = m_data + "/names.nsf";
+    EXPECT_THAT(m_errors, HasSubstr("`qrtln convert`"));
     put("mail/user1.nsf");
     const std::string second = backup(0)["set"];
     EXPECT_EQ(item(second, names).object, item(first, names).object);
