@@ -4,6 +4,7 @@
 //   read TEXT BYTES     a file whose path holds TEXT ends after so many bytes
 //   rename TEXT ERRNO   nothing can be renamed to a path that holds TEXT
 //   lookup TEXT ERRNO   a path that holds TEXT cannot be looked up
+//   full TEXT NUMBER    the disk is full from this write on to files whose path holds TEXT
 // Defects of a client and its module, which a harness must find:
 //   unflushed TEXT 1    flushes of a file whose path holds TEXT do nothing
 //   in_place TEXT 1     what is renamed to a path that holds TEXT is written over it instead
@@ -13,6 +14,7 @@
 
 #include <algorithm>
 #include <array>
+#include <atomic>
 #include <cerrno>
 #include <cstdio>
 #include <cstdlib>
@@ -153,6 +155,19 @@ ssize_t read(int fd, void* buffer, size_t size) {
     if (position >= 0)
         size = std::min(size, static_cast<size_t>(std::max(0L, end - position)));
     return next(fd, buffer, size);
+}
+
+// The first one that does not fit writes a part.
+ssize_t write(int fd, const void* bytes, size_t size) {
+    static const auto next = original(&::write, "write");
+    static std::atomic<long> writes = 0;
+    long first = fault_of("full", fd);
+    long left = first != 0 ? first - ++writes : 1;
+    if (left < 0 || (left == 0 && size < 2)) {
+        errno = ENOSPC;
+        return -1;
+    }
+    return next(fd, bytes, left == 0 ? size / 2 : size);
 }
 
 int fsync(int fd) {

@@ -1,10 +1,12 @@
-// Kills backups, and the forgetting of sets: at each call that changes a file, at random moments,
-// and by power cuts that take what was not flushed. Whatever the moment, the index of databases is
-// the old or the new one, no transaction log is marked as archived that the store does not hold,
-// the store verifies, and the next run saves what the killed one owed, without a hand.
+// Kills backups, the forgetting of sets and the conversion of stores: at each call that changes a
+// file, at random moments, by power cuts that take what was not flushed; and fills the disk at each
+// write. Whatever the moment, the index of databases is the old or the new one, no transaction log
+// is marked as archived that the store does not hold, the store verifies, and the next run saves
+// what the killed one owed, without a hand.
 //
 // Prints the sums; ends with 1 when a rule was violated. With a planted defect it ends with 0 when
 // the rule that the defect violates was found violated.
+#include "client/store/canonical_json.h"
 #include "notes_simulator/log/transaction_log.h"
 #include "notes_simulator/server/server_lock.h"
 #include "tests/support/temporary_folder.h"
@@ -41,6 +43,7 @@ struct Kind {
     Victim victim;
     std::optional<PowerCut> cut = {};
     bool in_next_run = false; // or after it: it may rely on what the killed one did not flush
+    bool disk_full = false;   // in place of a kill
 };
 
 constexpr Kind kinds[] = {{"client and module killed", Victim::everything},
@@ -50,7 +53,8 @@ constexpr Kind kinds[] = {{"client and module killed", Victim::everything},
                           {"module killed", Victim::module_process},
                           {"power cut at random", Victim::everything, PowerCut::at_random},
                           {"killed, and power cut in or after the next run", Victim::everything,
-                           PowerCut::nothing_kept, true}};
+                           PowerCut::nothing_kept, true},
+                          {"disk full", Victim::everything, {}, false, true}};
 
 struct Plant {
     const char* name;
@@ -65,17 +69,18 @@ constexpr Plant plants[] = {{"marking", "late Z-full.json 1", rule::extents, kin
                             {"index", "in_place qrtln_DBIID.ini 1", rule::index, kinds[0]},
                             {"rewritten", "unflushed /packs/ 1", whole_store, kinds[1], "aged"}};
 
-// The state that a killed backup begins with, and what a run that is not killed makes of it.
+// The state that a killed run begins with, what it does, and what one that is not killed makes of
+// it.
 struct Scenario {
-    std::string kept; // its name
-    bool full = false;
+    std::string kept;    // its name
+    std::string command; // "full" and "incr" are backups
     std::size_t calls = 0;
     std::size_t moments = 0;
     std::vector<std::size_t> owing = {}; // calls before which databases are owed
     std::set<std::string> indexes = {};  // that such a run ever leaves
 
-    bool forgets() const { return kept == "aged"; }
-    std::string name() const { return kept + (forgets() ? "-forget" : full ? "-full" : "-incr"); }
+    bool is_backup() const { return command == "full" || command == "incr"; }
+    std::string name() const { return kept + "-" + command; }
 };
 
 class Crashes : private Model {
@@ -101,9 +106,10 @@ class Crashes : private Model {
 
     // From the end on, where a run gives its word: until the rule is violated.
     int find_planted(const Plant& plant) {
-        if (plant.state != std::string("changed"))
+        bool aged = plant.state == std::string("aged");
+        if (aged)
             make_aged();
-        Scenario scenario = look_at(plant.state, true);
+        Scenario scenario = look_at(plant.state, aged ? "forget" : "full");
         m_faults = {{"QRTLN_MODEL_FAULTS", plant.faults}};
         bring_back(plant.state);
         CallObserver counter;
@@ -134,8 +140,8 @@ class Crashes : private Model {
                 commit(name);
         };
         change_all();
-        for (bool full : {true, true, false}) { // the second one gives the databases their entries
-            back_up_well(full);
+        for (const char* level : {"full", "full", "incr"}) { // the second one gives entries
+            back_up_well(level);
             change_all();
         }
         server().create("mail/new.nsf", m_options.seed);
@@ -170,16 +176,42 @@ class Crashes : private Model {
         m_sets = m_kept.at(name).sets;
     }
 
-    Run back_up(bool full, Kill kill = {}, const CallObserver* observer = nullptr) {
+    Run back_up(const std::string& level, Kill kill = {}, const CallObserver* observer = nullptr) {
         note_commits();
-        return qrtln({"backup", "--json", "--level", full ? "full" : "incr"}, m_faults, kill,
-                     observer);
+        return qrtln({"backup", "--json", "--level", level}, m_faults, kill, observer);
     }
 
     // What the scenario kills.
     Run work(const Scenario& scenario, Kill kill = {}, const CallObserver* observer = nullptr) {
-        return scenario.forgets() ? qrtln({"forget", "--keep-last", "1"}, m_faults, kill, observer)
-                                  : back_up(scenario.full, kill, observer);
+        if (scenario.is_backup())
+            return back_up(scenario.command, kill, observer);
+        std::vector<std::string> words = {scenario.command};
+        if (scenario.command == "forget")
+            words.insert(words.end(), {"--keep-last", "1"});
+        return qrtln(words, m_faults, kill, observer);
+    }
+
+    // No store, and nothing that tells of one.
+    void begin_anew() {
+        bring_back("changed");
+        fs::remove_all(m_store);
+        fs::remove(server().path_of("qrtln_archive.json")); // it would keep another store out
+        m_sets.clear();
+        for (auto& [name, database] : server().databases)
+            database.saved.clear();
+    }
+
+    // A store of an earlier release, with whole objects.
+    void make_older() {
+        begin_anew();
+        for (const char* folder : {"/objects", "/sets", "/runtime"})
+            fs::create_directories(m_store + folder);
+        write_file(m_store + "/store.json",
+                   qrtln::to_canonical({{"format", 1}, {"type", "qrtln store"}}));
+        back_up_well("full");
+        commit("mail/user1.nsf");
+        back_up_well("full");
+        keep("older");
     }
 
     // Several sets of which only the last are wanted; most of what was stored first is used no
@@ -190,13 +222,13 @@ class Crashes : private Model {
             for (const std::string& name : server().live())
                 if (name != "names.nsf")
                     commit(name);
-            back_up_well(true);
+            back_up_well("full");
         }
         keep("aged");
     }
 
-    void back_up_well(bool full) {
-        Run run = back_up(full);
+    void back_up_well(const std::string& level) {
+        Run run = back_up(level);
         require(run.exit_code == 0, rule::next_run, run.errors);
         take_new_sets();
     }
@@ -214,8 +246,8 @@ class Crashes : private Model {
     }
 
     // A run that is not killed shows what there is to kill, and what the index may be.
-    Scenario look_at(const std::string& kept, bool full) {
-        Scenario scenario = {.kept = kept, .full = full};
+    Scenario look_at(const std::string& kept, const std::string& command) {
+        Scenario scenario = {.kept = kept, .command = command};
         bring_back(kept);
         std::size_t waiting = waiting_extents().size();
         CallObserver watcher;
@@ -230,35 +262,32 @@ class Crashes : private Model {
         scenario.indexes.insert(index());
         if (whole.exit_code != 0)
             throw std::runtime_error("a backup that was not killed failed: " + whole.errors);
-        if (scenario.forgets())
+        if (!scenario.is_backup())
             return scenario;
         if (waiting == waiting_extents().size() || scenario.indexes.size() < 2)
             throw std::runtime_error("the backup marks no extent, or does not change the index");
         // When the module dies over what is owed, the run goes on with what was asked for.
         bring_back(kept);
-        (void)back_up(full, {.victim = Victim::module_process, .call = 1});
+        (void)work(scenario, {.victim = Victim::module_process, .call = 1});
         scenario.indexes.insert(index());
         return scenario;
     }
 
     std::vector<Scenario> make_scenarios() {
-        std::vector<Scenario> scenarios = {look_at("changed", true), look_at("changed", false)};
+        std::vector<Scenario> scenarios = {look_at("changed", "full"), look_at("changed", "incr")};
         // After a run whose databases were prepared and are in no set.
         bring_back("changed");
         const std::vector<std::size_t>& owing = scenarios.back().owing;
-        (void)back_up(false, {.call = owing.at(owing.size() / 2)});
+        (void)back_up("incr", {.call = owing.at(owing.size() / 2)});
         keep("owing");
-        scenarios.push_back(look_at("owing", false));
-        bring_back("changed");
-        fs::remove_all(m_store);
-        fs::remove(server().path_of("qrtln_archive.json")); // it would keep another store out
-        m_sets.clear();
-        for (auto& [name, database] : server().databases)
-            database.saved.clear();
+        scenarios.push_back(look_at("owing", "incr"));
+        begin_anew();
         keep("first");
-        scenarios.push_back(look_at("first", true));
+        scenarios.push_back(look_at("first", "full"));
         make_aged();
-        scenarios.push_back(look_at("aged", true));
+        scenarios.push_back(look_at("aged", "forget"));
+        make_older();
+        scenarios.push_back(look_at("older", "convert"));
         return scenarios;
     }
 
@@ -307,9 +336,15 @@ class Crashes : private Model {
             watcher.flushed = [&](const std::string& descriptor) { disk->flushed(descriptor); };
         }
         kill.victim = kind.victim;
-        Run run = work(scenario, kill, &watcher);
+        if (kind.disk_full) {
+            m_faults = {{"QRTLN_MODEL_FAULTS", "full /disk/ " + std::to_string(kill.call)}};
+            kill = {};
+        }
+        Run run = work(scenario, kill, kind.disk_full ? nullptr : &watcher);
         ++m_kills;
-        m_missed += run.killed ? 0 : 1;
+        m_missed += run.killed || run.exit_code != 0 ? 0 : 1;
+        if (kind.disk_full)
+            m_faults = {};
         if (kind.in_next_run)
             strike_next(scenario, watcher);
         if (disk)
@@ -351,17 +386,19 @@ class Crashes : private Model {
     // Users go on, the same command is given again, and after a full backup an incremental one;
     // then everything is recovered beside the live databases.
     void judge_next_runs(const Scenario& scenario) {
-        if (scenario.forgets()) { // it finishes what the killed one began
+        if (!scenario.is_backup()) { // it finishes what the killed one began
             Run run = work(scenario);
             require(run.exit_code == 0, rule::next_run, run.errors);
             Run told = qrtln({"verify"});
             require(told.output.find("belong to no") == std::string::npos, rule::leftovers,
                     told.output);
         }
-        for (bool full : scenario.full ? std::vector{true, false} : std::vector{false}) {
+        using Levels = std::vector<std::string>;
+        for (const std::string& level :
+             scenario.command == "incr" ? Levels{"incr"} : Levels{"full", "incr"}) {
             for (const char* name : {"mail/user1.nsf", "unlogged.nsf"})
                 commit(name);
-            back_up_well(full);
+            back_up_well(level);
         }
         for (const auto& entry : fs::recursive_directory_iterator(m_folder + "/disk")) {
             std::string name = entry.path().filename();
@@ -403,8 +440,8 @@ int main(int argc, char** argv) try {
     CLI::App app{"Kills backups, and judges what they leave and what the next ones make of it"};
     Options options;
     app.add_option("--scenario", options.scenario, "Only this one")
-        ->check(CLI::IsMember(
-            {"changed-full", "changed-incr", "owing-incr", "first-full", "aged-forget"}));
+        ->check(CLI::IsMember({"changed-full", "changed-incr", "owing-incr", "first-full",
+                               "aged-forget", "older-convert"}));
     app.add_option("--plant", options.plant, "Look for this defect instead")
         ->check(CLI::IsMember({"marking", "flush", "index", "rewritten"}));
     app.add_flag("--long", options.all, "In every way at every call, and at 250 moments of each");

@@ -216,8 +216,8 @@ class Model {
             ModelDatabase& database = known->second;
             ManifestItem content;
             content.object = item.at("object");
-            content.map = {item.at("map").at("file"), item.at("map").at("offset"),
-                           item.at("map").at("size")};
+            if (auto map = item.find("map"); map != item.end())
+                content.map = {map->at("file"), map->at("offset"), map->at("size")};
             database.saved.push_back(
                 {name, set.ended, database.commits_before, database.commits.size() - 1, content});
         }

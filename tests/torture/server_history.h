@@ -198,7 +198,8 @@ class History {
         std::vector<std::string> all = {QRTLN_EXECUTABLE};
         all.insert(all.end(), words.begin(), words.end());
         all.insert(all.end(), {"--store", store});
-        if (words.front() != "verify" && words.front() != "forget")
+        static const std::set<std::string> of_the_store = {"verify", "forget", "convert"};
+        if (!of_the_store.contains(words.front()))
             all.insert(all.end(),
                        {"--notes-ini", server_folder() + "/notes.ini", "--tmp-dir", temporary()});
         return all;
