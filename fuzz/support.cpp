@@ -70,8 +70,9 @@ const TemporaryFolder& files() {
 const std::string& folder() {
     static const std::string path = files().path();
     // One spelling alone: the checks compare paths as texts.
-    static const bool isEntered =
-        std::filesystem::canonical(path) == path && chdir(path.c_str()) == 0;
+    static const bool isEntered = std::filesystem::canonical(path) == path &&
+                                  chdir(path.c_str()) == 0 &&
+                                  setenv("TMPDIR", path.c_str(), 1) == 0;
     require(isEntered, "the folder for temporary files (TMPDIR) has one name and can be entered");
     return path;
 }
