@@ -54,6 +54,7 @@ class ForgetPlan {
 
 void ForgetPlan::read_sets() {
     m_there = m_store.set_names();
+    KnownDamage damage(m_store);
     std::set<std::string> servers;
     for (const std::string& set : m_there) {
         throw_if_interrupted();
@@ -65,7 +66,7 @@ void ForgetPlan::read_sets() {
         m_links.add(*entry.manifest);
         m_servers[set] = entry.manifest->server_name;
         servers.insert(entry.manifest->server_name);
-        m_sets.push_back(retention_set(*entry.manifest, proof && proof->failures.empty()));
+        m_sets.push_back(retention_set(*entry.manifest, proof && proof->failures.empty(), damage));
     }
     for (const std::string& server : servers) {
         use_runtime_of(m_store, server);

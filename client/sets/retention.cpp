@@ -52,7 +52,7 @@ std::optional<std::chrono::seconds> parse_retention_time(const std::string& text
     return text.empty() ? std::nullopt : std::optional(sum);
 }
 
-RetentionSet retention_set(const Manifest& manifest, bool proven) {
+RetentionSet retention_set(const Manifest& manifest, bool proven, KnownDamage& damage) {
     RetentionSet set;
     set.set = manifest.set;
     set.server = manifest.server_name;
@@ -65,7 +65,8 @@ RetentionSet retention_set(const Manifest& manifest, bool proven) {
         if (!needed.empty())
             set.needs.push_back(needed);
     for (const ManifestItem& item : manifest.items)
-        if (item.kind == ItemKind::database && item.status == ItemStatus::stored)
+        if (item.kind == ItemKind::database && item.status == ItemStatus::stored &&
+            !damage.has(item))
             set.databases.push_back(item.path);
     return set;
 }

@@ -1,6 +1,7 @@
 // Which sets stay in a store: by a policy, and because something that stays needs them.
 #pragma once
 
+#include "client/sets/known_damage.h"
 #include "client/sets/manifest.h"
 
 #include <chrono>
@@ -37,9 +38,9 @@ struct RetentionSet {
     bool is_base = false; // a complete full set of the whole server, that the server closed
     bool proven = false;
     std::vector<std::string> needs;     // the sets that it builds on
-    std::vector<std::string> databases; // that it has stored
+    std::vector<std::string> databases; // that it has stored, and are not known to be damaged
 };
-RetentionSet retention_set(const Manifest& manifest, bool proven);
+RetentionSet retention_set(const Manifest& manifest, bool proven, KnownDamage& damage);
 
 class Retention {
   public:

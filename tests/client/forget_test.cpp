@@ -87,6 +87,11 @@ TEST_F(Forget, WhatGoesFreesItsRoomAndWhatStaysIsWhole) {
         if (i == 0)
             fs::remove(m_user2);
     }
+    flip(sets[4], m_user1); // a copy that is known to be damaged does not count
+    EXPECT_EQ(verify(), 4);
+    EXPECT_EQ(forget(0, {"--keep-last", "1", "--dry-run"})["forgotten"], json({sets[2], sets[1]}));
+    flip(sets[4], m_user1);
+    EXPECT_EQ(verify(), 0);
     const auto before = snapshot(m_store);
     EXPECT_EQ(forget(0, {"--keep-last", "1", "--dry-run"})["forgotten"].size(), 3U);
     EXPECT_EQ(snapshot(m_store), before);

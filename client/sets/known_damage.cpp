@@ -1,0 +1,38 @@
+#include "client/sets/known_damage.h"
+
+#include <algorithm>
+
+namespace qrtln {
+
+KnownDamage::KnownDamage(Store& store) : m_store(store) {
+    for (std::string& object : store.objects())
+        m_objects.insert(std::move(object));
+    for (const std::string& pack : store.packs().packs(nullptr))
+        m_packs.emplace(pack, store.packs().damaged_blocks(pack));
+}
+
+bool KnownDamage::has(const ManifestItem& item) {
+    if (!is_in_blocks(item))
+        return !m_objects.contains(item.object);
+    auto [known, is_new] = m_maps.try_emplace(item.map, false);
+    if (is_new)
+        known->second = has_map(item);
+    return known->second;
+}
+
+bool KnownDamage::has_map(const ManifestItem& item) const {
+    try {
+        const ContentMap map = m_store.packs().read_map(item.map, item.object);
+        return std::any_of(map.runs.begin(), map.runs.end(), [&](const BlockRun& run) {
+            auto pack = m_packs.find(map.packs[run.pack].id);
+            if (pack == m_packs.end())
+                return true;
+            auto damaged = pack->second.lower_bound(run.first);
+            return damaged != pack->second.end() && *damaged - run.first < run.blocks;
+        });
+    } catch (const PackDamage&) {
+        return true;
+    }
+}
+
+} // namespace qrtln
