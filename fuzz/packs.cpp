@@ -94,7 +94,8 @@ void runMap(const std::string& frame) {
     writer->write(qrtln::as_bytes(std::string(4096, 'a') + std::string(5000, 'x')));
     const qrtln::StoredObject stored = writer->finish();
     const qrtln::FinishedContents finished = pack.store->finish_contents();
-    const qrtln::MapPlace place = stored.number ? finished.places.at(*stored.number) : stored.map;
+    const qrtln::MapPlace place =
+        stored.number ? finished.contents.at(*stored.number).place : stored.map;
     require(pack.store->read_content({stored.hash, place}, [](qrtln::Bytes) {}).problem.empty(),
             "what was stored can be read, whatever was there before");
     pack.store->discard_added();

@@ -80,8 +80,10 @@ void SetContents::note_object(const StoredObject& object) {
 void SetContents::place_contents(const FinishedContents& contents) {
     for (ManifestItem& item : m_manifest.items)
         if (auto found = m_contents.find(item.object);
-            found != m_contents.end() && !is_in_blocks(item))
-            item.map = contents.places.at(found->second);
+            found != m_contents.end() && !is_in_blocks(item)) {
+            item.map = contents.contents.at(found->second).place;
+            item.stored_size = contents.contents.at(found->second).stored_size;
+        }
     m_content_bytes = contents.stored_size;
 }
 

@@ -109,8 +109,11 @@ void SetConverter::place() {
     m_stored_size += finished.stored_size;
     for (Rewritten& one : m_rewritten) {
         one.item->object = one.stored.hash;
-        one.item->map = one.stored.number ? finished.places.at(*one.stored.number) : one.stored.map;
-        one.item->stored_size = one.stored.stored_size;
+        FinishedContents::Content content{one.stored.map, 0};
+        if (one.stored.number)
+            content = finished.contents.at(*one.stored.number);
+        one.item->map = content.place;
+        one.item->stored_size = content.stored_size;
         one.item->changed_size = one.stored.changed_size;
         require_same(one);
         m_by_object[one.object] = {one.item->object, one.item->map};

@@ -67,7 +67,7 @@ std::uint32_t ContentWriter::add_to_pack(Bytes block, const BlockHash& hash) {
     if (!m_first_new) {
         pack.end_frame(); // of a content that did not come to its end
         m_first_new = pack.blocks();
-        m_stored_before = pack.stored_size();
+        m_first_frame = pack.frames();
     }
     m_changed_size += block.size();
     return pack.add(block, shorten(hash));
@@ -112,12 +112,13 @@ StoredObject ContentWriter::finish() {
         stored.map = m_earlier_content->map;
         return stored;
     }
+    FrameRange frames;
     if (m_first_new) {
         m_packs.pack().end_frame();
-        stored.stored_size = m_packs.pack().stored_size() - m_stored_before;
+        frames = {m_first_frame, m_packs.pack().frames()};
     }
     stored.added = true;
-    stored.number = m_packs.add(map(stored.hash), std::move(m_mends));
+    stored.number = m_packs.add(map(stored.hash), frames, std::move(m_mends));
     return stored;
 }
 

@@ -36,7 +36,7 @@ class ContentWriter final : public ObjectWriter {
     ContentMap m_map;
     std::uint32_t m_new_pack = 0;             // in m_map.packs
     std::optional<std::uint32_t> m_first_new; // in the new pack
-    std::uint64_t m_stored_before = 0;        // bytes of the new pack
+    std::size_t m_first_frame = 0;            // of the new pack
     std::uint64_t m_changed_size = 0;
     std::vector<BlockMend> m_mends;
     bool m_finished = false;

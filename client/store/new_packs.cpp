@@ -46,6 +46,7 @@ void NewPacks::close(File& file, const char* what) {
 PackWriter& NewPacks::pack() {
     if (!m_pack) {
         m_pack_file = create(m_folder.pack_descriptor(), "a pack");
+        m_full_at = enough_for_a_pack;
         m_pack.emplace(m_block_size, [this](Bytes bytes) {
             if (int error = write_all(m_pack_file.file.get(), bytes); error != 0)
                 m_folder.place().fail("write a pack", error);
@@ -54,18 +55,24 @@ PackWriter& NewPacks::pack() {
     return *m_pack;
 }
 
-std::size_t NewPacks::add(ContentMap map, std::vector<BlockMend> mends) {
+std::size_t NewPacks::add(ContentMap map, FrameRange frames, std::vector<BlockMend> mends) {
     m_mends.insert(m_mends.end(), mends.begin(), mends.end());
-    std::size_t number = m_contents.places.size();
-    m_contents.places.emplace_back();
+    std::size_t number = m_contents.contents.size();
+    m_contents.contents.emplace_back();
     bool waits = std::any_of(map.packs.begin(), map.packs.end(),
                              [](const UsedPack& pack) { return pack.id.empty(); });
     if (!waits)
         write_map(map, number);
     else
-        m_waiting.emplace_back(number, std::move(map));
-    if (m_pack && m_pack->stored_size() >= enough_for_a_pack)
-        close_pack();
+        m_waiting.push_back({number, std::move(map), frames});
+    // How large it is is known only when nothing of it is compressed any more.
+    if (m_pack && m_pack->plain_size() >= m_full_at) {
+        m_pack->settle();
+        if (m_pack->stored_size() >= enough_for_a_pack)
+            close_pack();
+        else
+            m_full_at = m_pack->plain_size() + enough_for_a_pack - m_pack->stored_size();
+    }
     return number;
 }
 
@@ -83,13 +90,16 @@ void NewPacks::close_pack() {
     std::string id = m_pack->finish();
     close(m_pack_file, "a pack");
     m_contents.stored_size += m_pack->stored_size();
+    for (const WaitingContent& content : m_waiting)
+        m_contents.contents[content.number].stored_size =
+            m_pack->size_of_frames(content.frames.first, content.frames.behind);
     m_pack.reset();
     m_closed.push_back({m_pack_file.temporary, id, std::exchange(m_mends, {})});
-    for (auto& [number, map] : std::exchange(m_waiting, {})) {
-        for (UsedPack& pack : map.packs)
+    for (WaitingContent& content : std::exchange(m_waiting, {})) {
+        for (UsedPack& pack : content.map.packs)
             if (pack.id.empty())
                 pack.id = id;
-        write_map(map, number);
+        write_map(content.map, content.number);
     }
 }
 
@@ -103,7 +113,7 @@ void NewPacks::write_map(const ContentMap& map, std::size_t number) {
     if (int error = write_all(m_map_file.file.get(), as_bytes(frame)); error != 0)
         m_folder.place().fail("write a map", error);
     m_map_digest->update(as_bytes(frame));
-    m_contents.places[number] = {"", m_map_size, frame.size()};
+    m_contents.contents[number].place = {"", m_map_size, frame.size()};
     m_map_size += frame.size();
 }
 
@@ -162,8 +172,8 @@ FinishedContents NewPacks::finish() {
         std::string hash = m_map_digest->finish();
         put_in_place(m_folder.map_descriptor(), m_map_file.temporary, map_file_name(hash));
         m_contents.stored_size += m_map_size;
-        for (MapPlace& place : m_contents.places)
-            place.file = hash;
+        for (FinishedContents::Content& content : m_contents.contents)
+            content.place.file = hash;
     }
     return std::exchange(m_contents, {});
 }

@@ -22,6 +22,12 @@ struct BlockMend {
     std::uint32_t copy = 0;
 };
 
+// Frames of the open pack.
+struct FrameRange {
+    std::size_t first = 0;
+    std::size_t behind = 0;
+};
+
 class NewPacks {
   public:
     // `folder` outlives it.
@@ -37,10 +43,9 @@ class NewPacks {
     // --- for the writer of a content. All of it throws ClientError.
     // The pack that takes the next blocks. One of several contents, until it is large enough.
     PackWriter& pack();
-    // A content is whole. In its map the pack that pack() gave has an empty id. Returns its number,
-    // from 0 on.
-    // `mends` have their copies in that pack.
-    std::size_t add(ContentMap map, std::vector<BlockMend> mends);
+    // A content is whole. In its map the pack that pack() gave has an empty id, which has its new
+    // blocks in `frames`; `mends` have their copies there. Returns its number, from 0 on.
+    std::size_t add(ContentMap map, FrameRange frames, std::vector<BlockMend> mends);
     // A content of which that pack has the blocks from `first` on does not come to its end.
     void abandon(std::uint32_t first) noexcept;
 
@@ -82,9 +87,15 @@ class NewPacks {
     std::uint32_t m_block_size = usual_block;
     unsigned m_next_temporary = 0;
     File m_pack_file;
-    std::optional<PackWriter> m_pack;                          // the open one
-    std::vector<std::pair<std::size_t, ContentMap>> m_waiting; // for its id, with their numbers
-    std::vector<BlockMend> m_mends;                            // with copies in the open pack
+    std::optional<PackWriter> m_pack; // the open one
+    std::uint64_t m_full_at = 0;      // plain bytes of it with which it may be large enough
+    struct WaitingContent {
+        std::size_t number;
+        ContentMap map;
+        FrameRange frames;
+    };
+    std::vector<WaitingContent> m_waiting; // for its id
+    std::vector<BlockMend> m_mends;        // with copies in the open pack
     std::vector<ClosedPack> m_closed;
     File m_map_file;
     std::optional<Sha256> m_map_digest;

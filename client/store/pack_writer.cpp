@@ -1,14 +1,16 @@
 #include "client/store/pack_writer.h"
 
+#include "client/store/compression.h"
 #include "client/store/digest.h"
 
+#include <numeric>
 #include <utility>
 
 namespace qrtln {
 
-PackWriter::PackWriter(std::uint32_t block_size, Sink sink) : m_sink(std::move(sink)) {
+PackWriter::PackWriter(std::uint32_t block_size, Sink sink)
+    : m_sink(std::move(sink)), m_queue([this](Bytes frame) { write_frame(frame); }) {
     m_table.block_size = block_size;
-    m_plain.reserve(std::size_t{block_size} * blocks_per_frame);
 }
 
 void PackWriter::write(Bytes bytes) {
@@ -24,7 +26,12 @@ void PackWriter::note(const ShortHash& hash, std::size_t size) {
 
 std::uint32_t PackWriter::add(Bytes block, const ShortHash& hash) {
     std::uint32_t number = blocks();
+    if (m_plain_blocks == 0) {
+        m_plain = m_queue.buffer();
+        m_plain.reserve(std::size_t{m_table.block_size} * blocks_per_frame);
+    }
     m_plain.insert(m_plain.end(), block.begin(), block.end());
+    m_plain_size += block.size();
     ++m_plain_blocks;
     note(hash, block.size());
     if (m_plain_blocks == blocks_per_frame)
@@ -40,19 +47,35 @@ void PackWriter::add_dead(const ShortHash& hash, std::uint32_t size) {
 void PackWriter::end_frame() {
     if (m_plain_blocks == 0)
         return;
-    Bytes frame = m_compressor.compress(m_plain);
-    m_table.frames.push_back({m_offset, static_cast<std::uint32_t>(frame.size()),
-                              blocks() - m_plain_blocks, m_plain_blocks});
-    write(frame);
-    m_plain.clear();
+    m_compressed.push_back({0, 0, blocks() - m_plain_blocks, m_plain_blocks});
     m_plain_blocks = 0;
+    m_queue.add(std::move(m_plain));
+}
+
+void PackWriter::write_frame(Bytes bytes) {
+    PackFrame frame = m_compressed.front();
+    m_compressed.pop_front();
+    frame.offset = m_offset;
+    frame.stored_size = static_cast<std::uint32_t>(bytes.size());
+    m_table.frames.push_back(frame);
+    write(bytes);
+}
+
+std::uint64_t PackWriter::size_of_frames(std::size_t first, std::size_t behind) const {
+    auto begin = m_table.frames.begin();
+    return std::accumulate(
+        begin + static_cast<std::ptrdiff_t>(first), begin + static_cast<std::ptrdiff_t>(behind),
+        std::uint64_t{0},
+        [](std::uint64_t size, const PackFrame& frame) { return size + frame.stored_size; });
 }
 
 std::string PackWriter::finish() {
     end_frame();
+    settle();
     m_table.blocks = blocks();
     std::string table = serialize(m_table);
-    Bytes frame = m_compressor.compress(as_bytes(table));
+    FrameCompressor compressor;
+    Bytes frame = compressor.compress(as_bytes(table));
     PackTrailer trailer{m_offset, frame.size(), m_hashes.size(), BlockHasher()(frame)};
     write(frame);
     Bytes hashes = std::as_bytes(std::span(m_hashes));

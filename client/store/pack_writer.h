@@ -6,10 +6,11 @@
 #pragma once
 
 #include "client/base/file_io.h"
-#include "client/store/compression.h"
+#include "client/store/frame_queue.h"
 #include "client/store/pack_table.h"
 
 #include <cstdint>
+#include <deque>
 #include <functional>
 #include <string>
 #include <vector>
@@ -30,8 +31,15 @@ class PackWriter {
     void end_frame();
 
     std::uint32_t blocks() const { return static_cast<std::uint32_t>(m_hashes.size()); }
-    // Bytes of the file so far.
+    // The frames that have ended.
+    std::size_t frames() const { return m_table.frames.size() + m_compressed.size(); }
+    // Plain bytes of the blocks that were added.
+    std::uint64_t plain_size() const { return m_plain_size; }
+    // Waits until these frames are written; they are compressed meanwhile.
+    void settle() { m_queue.finish(); }
+    // Bytes of the file so far, and those of some of its frames. REQUIRES: settle() or finish().
     std::uint64_t stored_size() const { return m_offset; }
+    std::uint64_t size_of_frames(std::size_t first, std::size_t behind) const;
 
     // Writes what stands behind the frames, and returns the pack's id, 64 hexadecimal digits.
     std::string finish();
@@ -39,14 +47,17 @@ class PackWriter {
   private:
     void note(const ShortHash& hash, std::size_t size);
     void write(Bytes bytes);
+    void write_frame(Bytes frame);
 
     Sink m_sink;
     std::uint64_t m_offset = 0;
     std::vector<std::byte> m_plain; // of the frame under way
     std::uint32_t m_plain_blocks = 0;
-    FrameCompressor m_compressor;
+    std::uint64_t m_plain_size = 0;
     PackTable m_table;
+    std::deque<PackFrame> m_compressed; // at the moment: place and size are not known yet
     std::vector<ShortHash> m_hashes;
+    FrameQueue m_queue;
 };
 
 } // namespace qrtln

@@ -19,18 +19,22 @@ struct StoredObject {
     // SHA-256 of the plain bytes, lower-case hexadecimal; of a content in blocks its ContentName.
     std::string hash;
     std::uint64_t size = 0;        // plain bytes
-    std::uint64_t stored_size = 0; // bytes in the store; of a content in blocks those of new ones
+    std::uint64_t stored_size = 0; // bytes in the store; of a content in blocks known at the end
     bool added = false;            // false: the store had it already
     // --- of a content in blocks
     std::uint64_t changed_size = 0;         // plain bytes of the blocks that are new
     MapPlace map = {};                      // of one that is as its earlier version
-    std::optional<std::size_t> number = {}; // of any other: its place is known at the end
+    std::optional<std::size_t> number = {}; // of any other, whose place is known at the end
     std::string warning = {};               // the earlier version could not be used; else empty
 };
 
 struct FinishedContents {
-    std::vector<MapPlace> places;  // of the map of each, by its number
-    std::uint64_t stored_size = 0; // bytes that they added to the store
+    struct Content {
+        MapPlace place = {};           // of its map
+        std::uint64_t stored_size = 0; // bytes of its new blocks
+    };
+    std::vector<Content> contents; // by their numbers
+    std::uint64_t stored_size = 0; // bytes that they added to the store, with what describes them
 };
 
 // Where a content of the store is that was made of blocks.

@@ -117,8 +117,8 @@ class ContentHistories {
         for (std::size_t i = 0; i < stored.size(); ++i) {
             const auto& [object, bytes] = stored[i];
             m_versions[&m_bytes[i]].emplace_back(
-                BlockContent{object.hash,
-                             object.number ? finished.places.at(*object.number) : object.map},
+                BlockContent{object.hash, object.number ? finished.contents.at(*object.number).place
+                                                        : object.map},
                 bytes);
         }
         m_store.keep_added();
