@@ -1,5 +1,7 @@
 #include "client/sets/known_damage.h"
 
+#include "client/store/pack_folder.h"
+
 #include <algorithm>
 
 namespace qrtln {
