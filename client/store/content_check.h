@@ -49,7 +49,7 @@ class ContentCheck {
     std::function<void()> m_between;
     PackUse m_use;
     BlockHasher m_hasher;
-    FoundHashes m_found; // of the blocks of packs in use that could be read
+    FoundHashes m_found; // of the blocks that could be read
     std::map<std::string, DamagedPack> m_damaged;
     std::uint64_t m_checked_bytes = 0;
 };
