@@ -77,4 +77,17 @@ TEST_F(FileDiscovery, WithoutDescriptorsEveryPatternIsGivenUpAndTold) {
     EXPECT_EQ(logsWith("cannot be read, its files are left out (24)"), 2);
 }
 
+TEST_F(FileDiscovery, APathThatIsTooLongIsLeftOutAndToldAndTheNextIsRead) {
+    std::string deep = full("@/data");
+    while (deep.size() < kPathSize - 3) {
+        deep += "/" + std::string(std::min<std::size_t>(200, kPathSize - 4 - deep.size()), 'd');
+    }
+    fs::create_directories(deep);
+    addAll("b/y.nsf");
+    scan(deep + " @/data/b/y.nsf");
+    EXPECT_EQ(items(), "@/data/b @/data/b/y.nsf");
+    EXPECT_EQ(logsWith("is too long for its files, skipped"), 1);
+    EXPECT_FALSE(IsValidPattern((deep + "/deeper/y.nsf").c_str()));
+}
+
 } // namespace

@@ -278,6 +278,12 @@ TEST_F(BackupCopyTest, WhatTheCopyDidNotCreateIsNotItsToDelete) {
         EXPECT_TRUE(std::filesystem::exists(copy));
         std::filesystem::remove(database);
     }
+    useDatabase("box/mail/user.nsf", "content");
+    const std::string box = folder.write("tmp/box", "a file in the place of the copy's folder");
+    script.play(failingAt(2, 0, preparation(true)) + Steps{abort, close});
+    EXPECT_EQ(prepare(true), 1000);
+    EXPECT_EQ(takeErrorText(), std::strerror(EEXIST));
+    EXPECT_TRUE(std::filesystem::is_regular_file(box));
 }
 
 TEST(CopyPasses, AddUpToTheWholeSize) {
