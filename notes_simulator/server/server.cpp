@@ -1,5 +1,6 @@
 #include "notes_simulator/server/server.h"
 
+#include "notes_simulator/base/files.h"
 #include "notes_simulator/base/status.h"
 #include "notes_simulator/base/times.h"
 #include "notes_simulator/server/slowness.h"
@@ -25,9 +26,11 @@ bool liesIn(const fs::path& path, const fs::path& directory) {
 }
 
 fs::path canonicalForm(const fs::path& path) {
-    std::error_code error;
-    const fs::path result = fs::weakly_canonical(path, error);
-    return error ? path.lexically_normal() : result;
+    try {
+        return canonicalPath(path);
+    } catch (const fs::filesystem_error&) {
+        return path.lexically_normal();
+    }
 }
 
 /// 64-bit FNV-1a; only shortens file names, so that no strength is asked of it.

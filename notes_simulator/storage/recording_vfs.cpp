@@ -1,5 +1,6 @@
 #include "notes_simulator/storage/recording_vfs.h"
 
+#include "notes_simulator/base/files.h"
 #include "notes_simulator/base/status.h"
 #include "notes_simulator/storage/before_images.h"
 #include "notes_simulator/storage/side_files.h"
@@ -250,7 +251,7 @@ int shimAccess(sqlite3_vfs*, const char* name, int flags, int* result) try {
 
 // The layer below ends at 512 bytes, which is too short for the paths of a server.
 int shimFullPathname(sqlite3_vfs*, const char* name, int length, char* out) try {
-    const std::string full = fs::weakly_canonical(name).string();
+    const std::string full = canonicalPath(name).string();
     if (full.size() >= static_cast<std::size_t>(length)) {
         return SQLITE_CANTOPEN;
     }
