@@ -3,17 +3,60 @@
 #include "client/base/error.h"
 #include "client/base/text.h"
 #include "client/sets/server_scope.h"
+#include "client/store/digest.h"
 
 #include <algorithm>
 #include <ctime>
+#include <list>
 #include <set>
 
 namespace qrtln {
 
+namespace {
+
+// Manifests that were parsed last, by the hash of their bytes: a run asks for the same ones many
+// times, and to parse one of many databases takes longer than to pass over all of them.
+class ParsedManifests {
+  public:
+    std::optional<Manifest> parse(const std::string& bytes, const std::string& set,
+                                  std::string& problem) {
+        const std::string hash = sha256_hex(bytes) + set;
+        auto known = std::find_if(m_manifests.begin(), m_manifests.end(),
+                                  [&](const Parsed& parsed) { return parsed.hash == hash; });
+        if (known != m_manifests.end()) {
+            m_manifests.splice(m_manifests.begin(), m_manifests, known);
+            return known->manifest;
+        }
+        std::optional<Manifest> manifest = parse_manifest(bytes, set, problem);
+        if (manifest) {
+            m_manifests.push_front({hash, bytes.size(), *manifest});
+            m_size += bytes.size();
+            while (m_size > most_bytes) {
+                m_size -= m_manifests.back().size;
+                m_manifests.pop_back();
+            }
+        }
+        return manifest;
+    }
+
+  private:
+    static constexpr std::size_t most_bytes = std::size_t{24} << 20; // of manifests as they lie
+    struct Parsed {
+        std::string hash;
+        std::size_t size;
+        Manifest manifest;
+    };
+    std::list<Parsed> m_manifests; // the one used last is the first
+    std::size_t m_size = 0;
+};
+
+} // namespace
+
 CatalogueEntry load_set(Store& store, const std::string& set) {
+    static ParsedManifests parsed;
     CatalogueEntry entry{set, std::nullopt, {}};
     if (std::optional<std::string> bytes = store.read_manifest(set, entry.problem))
-        entry.manifest = parse_manifest(*bytes, set, entry.problem);
+        entry.manifest = parsed.parse(*bytes, set, entry.problem);
     return entry;
 }
 
