@@ -54,7 +54,7 @@ StoreWithPack& storeWithPack() {
 }
 
 std::string compressed(const std::string& text) {
-    qrtln::FrameCompressor compressor;
+    qrtln::FrameCompressor compressor(qrtln::usual_compression);
     const qrtln::Bytes frame = compressor.compress(qrtln::as_bytes(text));
     return {reinterpret_cast<const char*>(frame.data()), frame.size()};
 }

@@ -25,6 +25,7 @@ void AttachmentBackup::store_all() {
                                .named = !m_run.is_whole_system(),
                                .comes_first = !m_run.request.reason.empty(),
                                .folder_may_be_empty = m_run.request.attachments_may_be_gone,
+                               .reread = m_run.request.reread,
                                .listed = std::move(m_listed)});
     ObjectPlan plan = objects.plan();
     for (std::vector<ManifestItem>* items : {&plan.folders, &plan.failed, &plan.refer})

@@ -137,7 +137,7 @@ void AttachmentObjects::load_sets() {
 bool AttachmentObjects::is_held(const ManifestItem& now, std::uint64_t size,
                                 const Held*& held) const {
     auto found = m_held.find(now.path);
-    if (found == m_held.end())
+    if (found == m_held.end() || m_search.reread)
         return false;
     held = &found->second;
     const ManifestItem& item = held->item;

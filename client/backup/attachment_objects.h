@@ -29,6 +29,7 @@ struct ObjectSearch {
     bool named = false;       // of some databases
     bool comes_first = false; // a set that the backup which was asked for follows
     bool folder_may_be_empty = false;
+    bool reread = false;               // also those that a set has
     std::set<std::string> listed = {}; // that were there when the backup began
 };
 

@@ -15,7 +15,8 @@ namespace qrtln {
 namespace {
 
 void strike_owed(BackupRun& run) {
-    std::vector<std::string> stored;
+    std::vector<std::string> stored(run.owed_ahead.unprepared().begin(),
+                                    run.owed_ahead.unprepared().end());
     for (const ManifestItem& item : run.manifest.items)
         if (is_database_name(item.path) && item.status == ItemStatus::stored)
             stored.push_back(item.path);

@@ -9,6 +9,7 @@
 #include "client/domino/original.h"
 #include "client/module/host.h"
 #include "client/sets/item_content.h"
+#include "client/store/block_hash.h"
 #include "client/store/store.h"
 
 #include <algorithm>
@@ -26,19 +27,34 @@ namespace {
 
 constexpr std::size_t read_block = std::size_t{1} << 20;
 
-// A change in the same tick of a file system's clock leaves the time as it is, and no later backup
-// would find it: the file is read when its time is past.
-void wait_for_another_time(const timespec& changed) {
+// How long a time of a file is still that of now: a change in the same tick of a file system's
+// clock leaves it as it is.
+std::chrono::nanoseconds left_of_tick(const timespec& changed) {
     using namespace std::chrono;
     // Whole seconds are those of a file system that has no others.
     const nanoseconds tick = changed.tv_nsec == 0 ? nanoseconds(seconds(2)) : milliseconds(20);
     timespec now{};
     if (::clock_gettime(CLOCK_REALTIME, &now) != 0)
-        return;
+        return nanoseconds(0);
     const nanoseconds age =
         seconds(now.tv_sec - changed.tv_sec) + nanoseconds(now.tv_nsec - changed.tv_nsec);
-    if (age >= nanoseconds(0) && age < tick)
-        std::this_thread::sleep_for(tick - age);
+    return age >= nanoseconds(0) && age < tick ? tick - age : nanoseconds(0);
+}
+
+// No later backup would find such a change: the file is read when its time is past.
+void wait_for_another_time(const timespec& changed) {
+    if (const std::chrono::nanoseconds left = left_of_tick(changed); left.count() > 0)
+        std::this_thread::sleep_for(left);
+}
+
+std::int64_t change_time_ns(const struct stat& status) {
+    return status.st_ctim.tv_sec * std::int64_t{1000000000} + status.st_ctim.tv_nsec;
+}
+
+// What is known by size, times and inode to be as it was. A database is a copy, and a log changes
+// its name.
+bool has_identity(const ManifestItem& item) {
+    return item.kind == ItemKind::file || item.kind == ItemKind::other;
 }
 
 std::uint64_t size_of(const struct stat& status) {
@@ -95,13 +111,42 @@ bool ContentReader::read(ManifestItem& item, const std::string& file) {
     return false;
 }
 
+// Whether an earlier set has the file as it is, in a store that has its content: that is taken.
+bool ContentReader::take_unchanged(ManifestItem& item, const struct stat& status) {
+    auto found = m_run.earlier.find(item.path);
+    if (!has_identity(item) || m_run.request.reread || found == m_run.earlier.end())
+        return false;
+    const LatestContent& held = found->second;
+    if (held.inode != status.st_ino || held.size != size_of(status) ||
+        held.ctime_ns != change_time_ns(status) || held.mtime_ns != modification_time_ns(status))
+        return false;
+    ManifestItem same = item;
+    same.object = held.content.name;
+    same.map = held.content.map;
+    const bool in_blocks = is_in_blocks(same);
+    if (in_blocks && !m_damage)
+        m_damage.emplace(m_run.context.store);
+    if (in_blocks ? m_damage->has(same)
+                  : !m_run.context.store.has_object(same.object, held.stored_size))
+        return false;
+    item = std::move(same);
+    item.size = held.size;
+    item.stored_size = in_blocks ? 0 : held.stored_size;
+    item.changed_size = 0;
+    item.ctime_ns = held.ctime_ns;
+    item.inode = held.inode;
+    return true;
+}
+
 std::unique_ptr<ObjectWriter> ContentReader::create(const ManifestItem& item, std::uint64_t size) {
     Store& store = m_run.context.store;
     if (!goes_into_blocks(item, size))
         return store.create_object();
     auto earlier = m_run.earlier.find(item.path);
-    return store.create_content(earlier != m_run.earlier.end() ? std::optional(earlier->second)
-                                                               : std::nullopt);
+    std::optional<BlockContent> content;
+    if (earlier != m_run.earlier.end() && block_size_of(earlier->second.content.name) != 0)
+        content = earlier->second.content;
+    return store.create_content(content);
 }
 
 bool ContentReader::read(ManifestItem& item, FileDescriptor content) {
@@ -114,8 +159,11 @@ bool ContentReader::read(ManifestItem& item, FileDescriptor content) {
         item.reason = fmt::format("it is {}, no file", file_type_name(before.st_mode));
         return false;
     }
+    if (take_unchanged(item, before))
+        return false;
     if (!stays_as_it_is(item))
         wait_for_another_time(before.st_mtim);
+    const bool has_past = left_of_tick(before.st_ctim).count() == 0;
     ::posix_fadvise(content.get(), 0, 0, POSIX_FADV_SEQUENTIAL);
     // One consistent length: what is there now, even if the file grows meanwhile.
     std::unique_ptr<ObjectWriter> object = create(item, size_of(before));
@@ -136,6 +184,11 @@ bool ContentReader::read(ManifestItem& item, FileDescriptor content) {
     item.stored_size = stored.stored_size;
     item.changed_size = stored.changed_size;
     item.map = stored.map;
+    if (has_identity(item) && has_past && read == size_of(after) &&
+        item.mtime_ns == modification_time_ns(before)) {
+        item.ctime_ns = change_time_ns(before);
+        item.inode = before.st_ino;
+    }
     if (!stored.warning.empty())
         item.warnings.push_back(stored.warning);
     m_run.set.note_object(stored);

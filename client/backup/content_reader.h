@@ -3,11 +3,14 @@
 
 #include "client/backup/run.h"
 #include "client/base/file_descriptor.h"
+#include "client/sets/known_damage.h"
 
 #include <cstddef>
 #include <cstdint>
 #include <memory>
+#include <optional>
 #include <string>
+#include <sys/stat.h>
 #include <vector>
 
 namespace qrtln {
@@ -24,11 +27,13 @@ class ContentReader {
     bool read(ManifestItem& item, FileDescriptor content);
 
   private:
+    bool take_unchanged(ManifestItem& item, const struct stat& status);
     std::unique_ptr<ObjectWriter> create(const ManifestItem& item, std::uint64_t size);
     std::uint64_t copy(FileDescriptor& content, ObjectWriter& object, std::uint64_t expected,
                        std::string& problem);
 
     BackupRun& m_run;
+    std::optional<KnownDamage> m_damage; // of contents that are not read again
     std::vector<std::byte> m_buffer;
 };
 

@@ -94,6 +94,7 @@ void BackupOperation::give_up() noexcept {
         m_run.session->abandon();
     m_run.session.reset();
     m_run.context.store.discard_added();
+    m_run.owed_ahead.strike_unprepared();
     m_run.temporary.reset();
 }
 

@@ -48,6 +48,7 @@ struct BackupRequest {
     // not.
     bool other_files = false;
     std::vector<PathRule> rules;
+    bool reread = false;                  // also files that are as they were in an earlier set
     bool attachments_may_be_gone = false; // their folder may be missing or without any
     // Databases that could not be saved before this backup and may be missing.
     std::vector<ManifestItem> left_out;

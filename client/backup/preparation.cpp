@@ -102,7 +102,7 @@ std::string prepare_item(BackupRun& run, ManifestItem& item) {
             return {};
         }
         // From here on the server may count it as backed up.
-        run.context.owed.add(run.ini.data_directory, item.path);
+        run.owed_ahead.add(item.path);
         item.restored = run.context.owed.is_restored(run.ini.data_directory, item.path);
     }
     run.told.forget_copy();

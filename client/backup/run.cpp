@@ -13,6 +13,8 @@ BackupRun::BackupRun(const BackupContext& given, BackupRequest asked)
     : context(given), request(std::move(asked)), ini(given.ini),
       rules(request.rules, ini.data_directory),
       set(context.store, manifest, rules, ini.data_directory, context.verbose),
+      owed_ahead(context.owed, ini.data_directory,
+                 selects_changes() ? std::vector<std::string>() : request.scan.databases),
       told(request.base_started) {}
 
 void BackupRun::heed_interrupt() {

@@ -4,12 +4,14 @@
 #include "client/backup/log_session.h"
 #include "client/backup/module_report.h"
 #include "client/backup/operation.h"
+#include "client/backup/owed_ahead.h"
 #include "client/backup/path_rules.h"
 #include "client/backup/set_contents.h"
 #include "client/base/output.h"
 #include "client/domino/original.h"
 #include "client/module/session.h"
 #include "client/module/temporary_directory.h"
+#include "client/sets/latest_contents.h"
 #include "client/sets/manifest.h"
 
 #include <map>
@@ -44,9 +46,10 @@ struct BackupRun {
     const PathRules rules;
     Manifest manifest;
     SetContents set; // the manifest's items
+    OwedAhead owed_ahead;
     ModuleReport told;
     OriginalReader originals;
-    std::map<std::string, BlockContent> earlier; // the newest version of each file, by its path
+    std::map<std::string, LatestContent> earlier; // the newest version of each file, by its path
     bool listing_failed = false; // the module ended before it had handed out everything
     // The session goes first: its child has the temporary folder in use.
     std::optional<TemporaryDirectory> temporary;

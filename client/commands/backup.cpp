@@ -76,6 +76,7 @@ int BackupRun::run() {
     require_usable_tmp_dir(m_options.tmp_dir, m_ini.data_directory);
     m_server.store =
         open_directory_store(m_options.store, StoreAccess::write, nullptr, m_options.block_size);
+    m_server.store->compress_at(m_options.compression);
     try {
         open_store();
         m_base->choose(m_request);
@@ -96,6 +97,7 @@ void BackupRun::check_selection() {
     m_request.other_files = !m_options.databases_only;
     m_request.log_session = m_options.log_session;
     m_request.rules = m_options.rules;
+    m_request.reread = m_options.reread;
     (void)PathRules(m_options.rules, m_ini.data_directory);
     m_request.arguments = resolve_database_arguments(m_options.databases, m_ini.data_directory);
     m_request.scan = scan_selection(m_ini.data_directory, m_request.arguments);

@@ -23,6 +23,10 @@ void add_level(CLI::App& command, BackupOptions& backup) {
             "After a complete set forget older ones of this server, as `qrtln forget` does with "
             "these options: --forget \"--keep-daily 14 --keep-weekly 8\"")
         ->type_name("OPTIONS");
+    command.add_flag("--reread", backup.reread,
+                     "Read the files that are no databases also where size, times and inode are "
+                     "those of the newest set, whose content is taken otherwise");
+    add_compression_option(command, backup.compression);
     add_block_size_option(command, backup.block_size);
     command.add_flag("--take-over", backup.take_over,
                      "This store archives the server's transaction logs from now on, no other");

@@ -24,6 +24,7 @@ Each set is read back before it counts, and what only the old form needed goes a
 the store needs room for both. What is interrupted goes on when it is called again.)";
 
 struct ConvertOptions : StoreOptions {
+    CompressionLevel compression = usual_compression;
     std::uint32_t block_size = 0; // the usual, or that of a store that is half converted
 };
 
@@ -52,6 +53,7 @@ int report(const ConvertedSets& done, bool json) {
 int run_convert(const ConvertOptions& options) {
     install_interrupt_handlers();
     std::unique_ptr<Store> store = open_directory_store(options.store, StoreAccess::change);
+    store->compress_at(options.compression);
     if (store->block_size() == 0)
         store->add_packs(options.block_size != 0 ? options.block_size : usual_block);
     else if (options.block_size != 0 && options.block_size != store->block_size())
@@ -65,6 +67,7 @@ int run_convert(const ConvertOptions& options) {
 void add_convert(CLI::App& command, CommandRuns& runs) {
     auto& convert = runs.add(command, run_convert);
     add_store_options(command, convert);
+    add_compression_option(command, convert.compression);
     add_block_size_option(command, convert.block_size);
 }
 

@@ -16,6 +16,17 @@ void add_store_options(CLI::App& command, StoreOptions& options) {
     command.add_flag("--json", options.json, "One JSON document on standard output");
 }
 
+void add_compression_option(CLI::App& command, CompressionLevel& level) {
+    const std::map<std::string, CompressionLevel> words = {{"off", no_compression}};
+    command
+        .add_option("--compression", level,
+                    "How strongly what is stored is compressed: from 1, the fastest, to 19; or off "
+                    "(default: 3)")
+        ->type_name("LEVEL")
+        ->transform(CLI::Transformer(words))
+        ->check(CLI::Range(no_compression, strongest_compression));
+}
+
 void add_block_size_option(CLI::App& command, std::uint32_t& block_size) {
     command
         .add_option("--block-size", block_size,

@@ -1,6 +1,8 @@
 // The options that several commands take: their values, and how each is described, once.
 #pragma once
 
+#include "client/store/compression.h"
+
 #include <CLI/CLI.hpp>
 
 #include <string>
@@ -37,6 +39,8 @@ inline constexpr const char* time_help =
 void add_store_option(CLI::App& command, std::string& store);
 // That and --json.
 void add_store_options(CLI::App& command, StoreOptions& options);
+// --compression of what a run stores.
+void add_compression_option(CLI::App& command, CompressionLevel& level);
 // --block-size, of a store that gets packs; 0 unless it is given.
 void add_block_size_option(CLI::App& command, std::uint32_t& block_size);
 // SET, which must be given.

@@ -74,6 +74,7 @@ class Verifier {
   private:
     void note_damage(const Reference& reference, const std::string& what,
                      const std::string& problem);
+    void note_object(const std::string& hash, bool damaged);
     void check_packs(const StoreFiles* files);
     void report_packs();
 
@@ -127,12 +128,23 @@ void Verifier::check_objects() {
             continue;
         ++m_result.objects;
         m_result.bytes += check.size;
+        note_object(reference.first, !check.problem.empty());
         if (check.problem.empty() && (sizes.size() != 1 || *sizes.begin() != check.size))
             check.problem =
                 fmt::format("has {} bytes, which is not the size in the manifest", check.size);
         if (!check.problem.empty())
             note_damage(reference, "object", check.problem);
     }
+}
+
+// Beside the object, so that the next backup stores it again.
+void Verifier::note_object(const std::string& hash, bool damaged) {
+    if (damaged == m_store.is_noted_damaged(hash) || m_store.note_object_damage(hash, damaged) == 0)
+        return;
+    m_result.information.push_back(
+        fmt::format("the damage of the object {} could not be noted beside it: the next backup "
+                    "stores it again only after a `qrtln verify` by who may write to the store",
+                    hash));
 }
 
 void Verifier::check_contents(const StoreFiles* files) {

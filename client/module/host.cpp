@@ -25,7 +25,8 @@ namespace {
 constexpr const char* module_name = "libqrtln.so";
 // The name with the version of the interface that this client is written for.
 constexpr const char* module_soname = "libqrtln.so.1";
-constexpr int looks_again = 200; // milliseconds, where a signal may come that wakes nobody
+// Milliseconds: neither a line that the module tells wakes the client, nor every signal.
+constexpr int looks_again = 200;
 
 std::string variables_frame(FrameWriter& frame, const std::vector<std::string>& variables) {
     frame.number(static_cast<std::int32_t>(variables.size()));
@@ -71,6 +72,7 @@ ModuleHost::ModuleHost(ModuleOptions options) : m_options(std::move(options)) {
     OwnProcess process = start_own_process(start);
     m_pid = process.pid;
     m_socket = std::move(process.socket);
+    m_lines = std::move(process.lines);
     m_started_pid = m_pid;
     FrameReader answer(call(start_frame(m_options), "loading " + m_options.module_file));
     if (answer.number() != DB_NUM_I_OK) {
@@ -101,8 +103,10 @@ void ModuleHost::end_child() {
         Patience left = patience();
         std::string payload;
         while (wait_for_message(left, "ending the operation") &&
-               receive_frame(m_socket.get(), payload) == ReceiveResult::frame)
+               receive_frame(m_socket.get(), payload) == ReceiveResult::frame) {
             left.heard(Patience::Clock::now());
+            drop_lines();
+        }
     } catch (const std::exception&) {
         signal_child(SIGKILL); // it cannot be waited for
     }
@@ -180,6 +184,7 @@ void ModuleHost::give_up(const std::string& doing, std::chrono::seconds silence)
         while (Patience::Clock::now() < until && !interrupted_again()) {
             pollfd ready = {m_socket.get(), POLLIN, 0};
             std::string payload;
+            drop_lines(); // it may wait until they are taken
             if (::poll(&ready, 1, looks_again) > 0 &&
                 receive_frame(m_socket.get(), payload) != ReceiveResult::frame)
                 break;
@@ -222,22 +227,33 @@ bool ModuleHost::wait_for_message(Patience& patience, const std::string& doing) 
         pollfd ready[2] = {{m_socket.get(), POLLIN, 0}, {interrupt_descriptor(), POLLIN, 0}};
         // Once the interruption is passed on, only the reply matters, and a second signal.
         bool passed_on = m_interrupt_forwarded || interrupt_descriptor() < 0;
-        if (::poll(ready, passed_on ? 1 : 2, passed_on ? std::min(left, looks_again) : left) < 0 &&
-            errno != EINTR)
+        if (::poll(ready, passed_on ? 1 : 2, std::min(left, looks_again)) < 0 && errno != EINTR)
             throw ClientError(ExitCode::failed,
                               "cannot wait for the module: " + system_error_text(errno));
         if ((ready[0].revents & (POLLIN | POLLHUP | POLLERR)) != 0)
             return true;
+        if (take_lines())
+            patience.heard(Patience::Clock::now());
     }
 }
 
-void ModuleHost::take_message(const std::string& payload) {
+// Returns whether there were any.
+bool ModuleHost::take_lines() {
+    return m_line_receiver.receive(m_lines.get(), [this](LineKind kind, const std::string& text) {
+        const auto& callback = kind == LineKind::log ? m_options.on_log : m_options.on_trace;
+        if (callback)
+            callback(text);
+    });
+}
+
+void ModuleHost::drop_lines() {
+    (void)m_line_receiver.receive(m_lines.get(), [](LineKind, const std::string&) {});
+}
+
+void ModuleHost::take_notice(const std::string& payload) {
     FrameReader frame(payload);
-    const auto& callback = frame.kind() == FrameKind::log     ? m_options.on_log
-                           : frame.kind() == FrameKind::trace ? m_options.on_trace
-                                                              : m_options.on_notice;
-    if (callback)
-        callback(frame.text());
+    if (frame.kind() == FrameKind::notice && m_options.on_notice)
+        m_options.on_notice(frame.text());
 }
 
 std::string ModuleHost::wait_for_reply(const std::string& doing) {
@@ -245,7 +261,9 @@ std::string ModuleHost::wait_for_reply(const std::string& doing) {
     for (;;) {
         (void)wait_for_message(left, doing);
         std::string payload;
-        switch (receive_frame(m_socket.get(), payload)) {
+        const ReceiveResult received = receive_frame(m_socket.get(), payload);
+        (void)take_lines(); // what was told before that
+        switch (received) {
         case ReceiveResult::closed:
             report_end(doing);
         case ReceiveResult::failed:
@@ -258,7 +276,7 @@ std::string ModuleHost::wait_for_reply(const std::string& doing) {
         if (FrameReader(payload).kind() == FrameKind::reply)
             return payload;
         left.heard(Patience::Clock::now());
-        take_message(payload);
+        take_notice(payload);
     }
 }
 

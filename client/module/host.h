@@ -7,6 +7,7 @@
 
 #include "client/base/file_descriptor.h"
 #include "client/domino/server_user.h"
+#include "client/module/frames.h"
 #include "client/module/patience.h"
 #include "qrt_lotus_notes/db_interface.h"
 
@@ -93,7 +94,9 @@ class ModuleHost {
     bool wait_for_message(Patience& patience, const std::string& doing);
     Patience patience() const;
     std::chrono::seconds grace() const;
-    void take_message(const std::string& payload);
+    bool take_lines();
+    void drop_lines();
+    void take_notice(const std::string& payload);
     [[noreturn]] void give_up(const std::string& doing, std::chrono::seconds silence);
     std::string what_is_left() const;
     [[noreturn]] void report_end(const std::string& doing);
@@ -103,6 +106,8 @@ class ModuleHost {
 
     ModuleOptions m_options;
     FileDescriptor m_socket;
+    FileDescriptor m_lines; // nobody waits there: what a call told is taken with its reply
+    LineReceiver m_line_receiver;
     pid_t m_pid = -1;
     pid_t m_started_pid = -1;
     bool m_interrupt_forwarded = false;

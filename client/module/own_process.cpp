@@ -30,7 +30,16 @@ std::vector<char*> pointers_to(std::vector<std::string>& texts) {
     return pointers;
 }
 
-[[noreturn]] void start_anew(const OwnProcessStart& start, int socket, char** words,
+// Throws ClientError.
+std::pair<FileDescriptor, FileDescriptor> make_socket_pair() {
+    std::array<int, 2> sockets{};
+    if (::socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, sockets.data()) != 0)
+        throw ClientError(ExitCode::failed,
+                          "cannot create a socket pair: " + system_error_text(errno));
+    return {FileDescriptor(sockets[0]), FileDescriptor(sockets[1])};
+}
+
+[[noreturn]] void start_anew(const OwnProcessStart& start, int socket, int lines, char** words,
                              char** environment, pid_t parent) {
     ::prctl(PR_SET_PDEATHSIG, start.death_signal);
     if (::getppid() != parent) // it died before the line above
@@ -40,6 +49,8 @@ std::vector<char*> pointers_to(std::vector<std::string>& texts) {
         ::dup2(start.output, STDERR_FILENO);
     }
     ::fcntl(socket, F_SETFD, 0);
+    if (lines >= 0)
+        ::fcntl(lines, F_SETFD, 0);
     ::execve("/proc/self/exe", words, environment);
     start.cannot_start(socket, "its process does not start: execve of /proc/self/exe: " +
                                    system_error_text(errno));
@@ -49,13 +60,15 @@ std::vector<char*> pointers_to(std::vector<std::string>& texts) {
 } // namespace
 
 OwnProcess start_own_process(const OwnProcessStart& start) {
-    std::array<int, 2> sockets{};
-    if (::socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, sockets.data()) != 0)
-        throw ClientError(ExitCode::failed,
-                          "cannot create a socket pair: " + system_error_text(errno));
-    OwnProcess process{-1, FileDescriptor(sockets[0])};
-    FileDescriptor its_socket(sockets[1]);
+    OwnProcess process;
+    FileDescriptor its_socket;
+    FileDescriptor its_lines;
+    std::tie(process.socket, its_socket) = make_socket_pair();
+    if (start.tells_lines)
+        std::tie(process.lines, its_lines) = make_socket_pair();
     std::vector<std::string> words = {"qrtln", start.word, std::to_string(its_socket.get())};
+    if (start.tells_lines)
+        words.push_back(std::to_string(its_lines.get()));
     std::vector<std::string> environment = environment_with(start.environment);
     std::vector<char*> arguments = pointers_to(words);
     std::vector<char*> variables = pointers_to(environment);
@@ -65,7 +78,8 @@ OwnProcess start_own_process(const OwnProcessStart& start) {
         InterruptsBlocked blocked;
         process.pid = ::fork();
         if (process.pid == 0)
-            start_anew(start, its_socket.get(), arguments.data(), variables.data(), own_pid);
+            start_anew(start, its_socket.get(), its_lines.get(), arguments.data(), variables.data(),
+                       own_pid);
     }
     if (process.pid < 0)
         throw ClientError(ExitCode::failed, "cannot start a process for the server's library: " +
@@ -77,23 +91,33 @@ bool is_own_process(const char* word, int argc, char** argv) {
     return argc > 1 && std::string_view(argv[1]) == word;
 }
 
-int inherited_socket(int argc, char** argv) {
+namespace {
+
+// The socket that a word names, if this process's parent made it; otherwise -1.
+int socket_of_parent(std::string_view word) {
     int socket = -1;
-    bool number = argc == 3;
-    if (number) {
-        const std::string_view text = argv[2];
-        auto [end, error] = std::from_chars(text.data(), text.data() + text.size(), socket);
-        number = error == std::errc() && end == text.data() + text.size();
-    }
+    auto [end, error] = std::from_chars(word.data(), word.data() + word.size(), socket);
     ucred maker{};
     socklen_t size = sizeof maker;
-    if (number && socket > 2 && ::getsockopt(socket, SOL_SOCKET, SO_PEERCRED, &maker, &size) == 0 &&
-        maker.pid == ::getppid())
-        return socket;
-    print_error(std::string(argv[1]) +
-                    " is how qrtln starts a process for the server's library, no command",
-                "`qrtln --help` lists the commands");
-    return -1;
+    const bool is_one = error == std::errc() && end == word.data() + word.size() && socket > 2 &&
+                        ::getsockopt(socket, SOL_SOCKET, SO_PEERCRED, &maker, &size) == 0 &&
+                        maker.pid == ::getppid();
+    return is_one ? socket : -1;
+}
+
+} // namespace
+
+int inherited_socket(int argc, char** argv, int* lines) {
+    int socket = -1;
+    if (argc == (lines != nullptr ? 4 : 3))
+        socket = socket_of_parent(argv[2]);
+    if (socket >= 0 && lines != nullptr && (*lines = socket_of_parent(argv[3])) < 0)
+        socket = -1;
+    if (socket < 0)
+        print_error(std::string(argv[1]) +
+                        " is how qrtln starts a process for the server's library, no command",
+                    "`qrtln --help` lists the commands");
+    return socket;
 }
 
 void close_on_exec() {

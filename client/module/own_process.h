@@ -20,8 +20,9 @@ inline constexpr int loader_failed = 127;
 struct OwnProcessStart {
     const char* word = ""; // the first on its command line; the second is the number of its socket
     std::vector<std::pair<std::string, std::string>> environment; // beside the inherited
-    int death_signal = 0; // sent to it when its parent dies; 0: it notices by itself
-    int output = -1;      // its standard output and error; -1: they are inherited
+    int death_signal = 0;     // sent to it when its parent dies; 0: it notices by itself
+    bool tells_lines = false; // through a second socket: the third on its command line
+    int output = -1;          // its standard output and error; -1: they are inherited
     // Called in its place where it cannot be started, with its end of the socket and the reason.
     void (*cannot_start)(int socket, const std::string& reason) = nullptr;
 };
@@ -29,6 +30,7 @@ struct OwnProcessStart {
 struct OwnProcess {
     pid_t pid = -1;
     FileDescriptor socket;
+    FileDescriptor lines; // if it tells any
 };
 
 // Starts one, with the interrupting signals blocked: in a terminal they come to both. Throws
@@ -39,7 +41,8 @@ OwnProcess start_own_process(const OwnProcessStart& start);
 bool is_own_process(const char* word, int argc, char** argv);
 
 // In such a process: its socket, made by its parent; -1 after an error message when there is none.
-int inherited_socket(int argc, char** argv);
+// `lines` gets the second one, and is nullptr where it has none.
+int inherited_socket(int argc, char** argv, int* lines = nullptr);
 
 // In such a process: what it starts itself must not keep the client's locks, nor the socket.
 void close_on_exec();

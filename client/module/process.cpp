@@ -67,6 +67,7 @@ struct EntryPoints {
 // One for the process: the callbacks of the module carry no argument of ours.
 struct Server {
     int socket = -1;
+    int lines = -1;
     std::mutex send_mutex; // a trace text may come from the thread that calls DB_Terminate
     EntryPoints module{};
     std::string data_directory;
@@ -85,6 +86,13 @@ void send(const std::string& frame) {
     std::lock_guard lock(server().send_mutex);
     // A client that went away is noticed by the next receive.
     (void)send_frame(server().socket, frame);
+}
+
+void tell(LineKind kind, const char* text) {
+    std::lock_guard lock(server().send_mutex);
+    (void)send_line(server().lines, kind, text, [] {
+        (void)send_frame(server().socket, FrameWriter(FrameKind::lines).finish());
+    });
 }
 
 void reply(int status, const std::vector<std::string>& fields = {}) {
@@ -110,7 +118,7 @@ void enter_data_directory() {
 extern "C" void on_module_log(const char* text) {
     if (text == nullptr)
         return;
-    send(FrameWriter(FrameKind::log).text(text).finish());
+    tell(LineKind::log, text);
     if (says_library_starts(text))
         enter_data_directory();
 }
@@ -122,7 +130,7 @@ struct OtherDataDirectory {};
 extern "C" void on_module_trace(const char* text) {
     if (text == nullptr)
         return;
-    send(FrameWriter(FrameKind::trace).text(text).finish());
+    tell(LineKind::trace, text);
     const std::string& expected = server().data_directory;
     std::optional<ReportedDirectory> reported = parse_reported_directory(text);
     if (!reported || reported->kind != ReportedDirectory::Kind::data || expected.empty() ||
@@ -338,6 +346,7 @@ OwnProcessStart module_process_start() {
     OwnProcessStart start;
     start.word = module_process_word;
     start.death_signal = SIGTERM;
+    start.tells_lines = true;
     start.cannot_start = [](int socket, const std::string& reason) {
         server().socket = socket;
         reply(DB_NUM_E_FAILED, {reason});
@@ -383,7 +392,7 @@ bool start(pid_t parent) {
 int run_module_process(int argc, char** argv) {
     try {
         const pid_t parent = ::getppid();
-        server().socket = inherited_socket(argc, argv);
+        server().socket = inherited_socket(argc, argv, &server().lines);
         if (server().socket < 0)
             return static_cast<int>(ExitCode::usage);
         ::prctl(PR_SET_NAME, "qrtln-module");

@@ -15,7 +15,7 @@ KnownDamage::KnownDamage(Store& store) : m_store(store) {
 
 bool KnownDamage::has(const ManifestItem& item) {
     if (!is_in_blocks(item))
-        return !m_objects.contains(item.object);
+        return !m_objects.contains(item.object) || m_store.is_noted_damaged(item.object);
     auto [known, is_new] = m_maps.try_emplace(item.map, false);
     if (is_new)
         known->second = has_map(item);

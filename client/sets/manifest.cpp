@@ -70,6 +70,10 @@ json item_to_json(const ManifestItem& item) {
         out["stored_size"] = item.stored_size;
         if (item.changed_size)
             out["changed_size"] = *item.changed_size;
+        if (item.inode != 0) {
+            out["ctime_ns"] = item.ctime_ns;
+            out["inode"] = item.inode;
+        }
         if (is_in_blocks(item))
             out["map"] = {
                 {"file", item.map.file}, {"offset", item.map.offset}, {"size", item.map.size}};
@@ -144,6 +148,10 @@ ManifestItem item_from_json(const json& in) {
         item.stored_size = number_of<std::uint64_t>(in, "stored_size");
         if (in.contains("changed_size"))
             item.changed_size = number_of<std::uint64_t>(in, "changed_size");
+        if (in.contains("inode")) {
+            item.ctime_ns = number_of<std::int64_t>(in, "ctime_ns");
+            item.inode = number_of<std::uint64_t>(in, "inode");
+        }
     }
     if (in.contains("target"))
         item.target = get_bytes(in, "target");

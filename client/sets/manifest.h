@@ -61,6 +61,10 @@ struct ManifestItem {
     std::uint64_t size = 0;
     std::uint64_t stored_size = 0; // of blocks: of those that the set added
     MapPlace map;
+    // of a file that is no database: what says, with its size and mtime_ns, that it is the same one
+    // still; 0: not known
+    std::int64_t ctime_ns = 0;
+    std::uint64_t inode = 0;
     // the plain bytes that no set before had in the same place; not known of sets of earlier
     // releases
     std::optional<std::uint64_t> changed_size;

@@ -103,6 +103,10 @@ std::vector<std::string> OwedDatabases::of(const std::string& data_directory) co
     return paths;
 }
 
+bool OwedDatabases::has(const std::string& data_directory, const std::string& path) const {
+    return m_entries.contains({data_directory, path});
+}
+
 bool OwedDatabases::is_restored(const std::string& data_directory, const std::string& path) const {
     auto found = m_entries.find({data_directory, path});
     return found != m_entries.end() && found->second;
@@ -115,15 +119,21 @@ std::string OwedDatabases::lines() const {
     return content;
 }
 
-void OwedDatabases::add(const std::string& data_directory, const std::string& path, bool restored) {
+void OwedDatabases::add(const std::string& data_directory, const std::vector<std::string>& paths,
+                        bool restored) {
     if (m_unsettled) {
         if (int error = replace_file(m_file, lines()); error != 0)
             fail("write", error);
         m_exists = true;
         m_unsettled = false;
     }
-    auto known = m_entries.find({data_directory, path});
-    if (known != m_entries.end() && (known->second || !restored))
+    std::string added;
+    for (const std::string& path : paths) {
+        auto known = m_entries.find({data_directory, path});
+        if (known == m_entries.end() || (!known->second && restored))
+            added += line_of(data_directory, path, restored) + "\n";
+    }
+    if (added.empty())
         return;
     FileDescriptor file(
         ::open(m_file.c_str(), O_WRONLY | O_APPEND | O_CREAT | O_NOFOLLOW | O_CLOEXEC, 0600));
@@ -132,7 +142,7 @@ void OwedDatabases::add(const std::string& data_directory, const std::string& pa
     off_t size = file ? ::lseek(file.get(), 0, SEEK_END) : -1;
     if (size < 0)
         fail("open", errno);
-    int error = write_all(file.get(), as_bytes(line_of(data_directory, path, restored) + "\n"));
+    int error = write_all(file.get(), as_bytes(added));
     if (error == 0 && ::fdatasync(file.get()) != 0)
         error = errno;
     if (error == 0 && !m_exists)
@@ -144,7 +154,8 @@ void OwedDatabases::add(const std::string& data_directory, const std::string& pa
         fail("write", error);
     }
     m_exists = true;
-    m_entries[{data_directory, path}] |= restored;
+    for (const std::string& path : paths)
+        m_entries[{data_directory, path}] |= restored;
 }
 
 void OwedDatabases::add_restored(const std::string& data_directory,

@@ -39,11 +39,17 @@ class OwedDatabases {
     // nothing. `restored`: a restore or recovery is about to put it in place; such an entry stays
     // one when it is written down again. Throws ClientError(failed), and then the database must not
     // be prepared, or put in place.
-    void add(const std::string& data_directory, const std::string& path, bool restored = false);
+    void add(const std::string& data_directory, const std::string& path, bool restored = false) {
+        add(data_directory, std::vector<std::string>{path}, restored);
+    }
+    // Likewise several, with one flush.
+    void add(const std::string& data_directory, const std::vector<std::string>& paths,
+             bool restored = false);
 
     // Writes all of them down as restored, at once: the logs that led to what they are were lost.
     void add_restored(const std::string& data_directory, const std::vector<std::string>& paths);
 
+    bool has(const std::string& data_directory, const std::string& path) const;
     // Whether it was put in place by a restore, and is in no set as it is since then.
     bool is_restored(const std::string& data_directory, const std::string& path) const;
 

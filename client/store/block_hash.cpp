@@ -12,12 +12,16 @@
 
 namespace qrtln {
 
-BlockHasher::BlockHasher() : m_context(EVP_MD_CTX_new(), EVP_MD_CTX_free) {}
+BlockHasher::BlockHasher() : m_context(EVP_MD_CTX_new(), EVP_MD_CTX_free) {
+    if (!m_context || EVP_DigestInit_ex(m_context.get(), EVP_sha256(), nullptr) != 1)
+        throw ClientError(ExitCode::failed, "cannot compute a SHA-256 digest");
+}
 
 BlockHash BlockHasher::operator()(Bytes block) {
     BlockHash hash;
     unsigned size = 0;
-    if (!m_context || EVP_DigestInit_ex(m_context.get(), EVP_sha256(), nullptr) != 1 ||
+    // The algorithm stays: to look for it takes a lock, and as long as a small block.
+    if (EVP_DigestInit_ex(m_context.get(), nullptr, nullptr) != 1 ||
         EVP_DigestUpdate(m_context.get(), block.data(), block.size()) != 1 ||
         EVP_DigestFinal_ex(m_context.get(), reinterpret_cast<unsigned char*>(hash.data()), &size) !=
             1 ||

@@ -12,8 +12,9 @@ namespace qrtln {
 namespace {
 
 constexpr std::size_t input_block = 256 * 1024;
-constexpr int compression_level = 3;
-constexpr int window_log = 21; // 2 MiB, what level 3 has by itself
+constexpr int window_log = 21; // 2 MiB
+// Up to this level the compressor passes over what does not compress faster than a sample is made.
+constexpr CompressionLevel needs_no_sample = 4;
 
 // How every frame begins: magic number, a checksum and no size in the header, the window. Bits of
 // it can change without a change of the content; compared, none goes unnoticed.
@@ -31,15 +32,54 @@ bool begins_as_written(Bytes bytes) {
            std::memcmp(bytes.data(), frame_header.data(), frame_header.size()) == 0;
 }
 
+using Context = std::unique_ptr<ZSTD_CCtx, std::size_t (*)(ZSTD_CCtx*)>;
+
+Context make_context() {
+    Context context(ZSTD_createCCtx(), ZSTD_freeCCtx);
+    if (!context)
+        throw ClientError(ExitCode::failed, "cannot compress: out of memory");
+    return context;
+}
+
+// Without compression frames stay what they are, with blocks as they lie.
+void set_level(const Context& context, CompressionLevel level) {
+    check(ZSTD_CCtx_setParameter(context.get(), ZSTD_c_compressionLevel,
+                                 level == no_compression ? ZSTD_minCLevel() : level),
+          "compress");
+}
+
 } // namespace
 
-Compressor::Compressor(Sink sink)
-    : m_sink(std::move(sink)), m_context(ZSTD_createCCtx(), ZSTD_freeCCtx),
-      m_output(ZSTD_CStreamOutSize()) {
-    if (!m_context)
-        throw ClientError(ExitCode::failed, "cannot compress: out of memory");
-    check(ZSTD_CCtx_setParameter(m_context.get(), ZSTD_c_compressionLevel, compression_level),
-          "compress");
+CompressionLevel CompressibleSample::level_for(Bytes bytes, CompressionLevel asked) {
+    constexpr std::size_t piece = std::size_t{8} << 10;
+    constexpr std::size_t pieces = 4;
+    if (asked <= needs_no_sample || bytes.size() <= piece * pieces)
+        return asked;
+    if (!m_context) {
+        m_context = make_context();
+        set_level(m_context, usual_compression);
+    }
+    m_pieces.clear();
+    for (std::size_t i = 0; i < pieces; ++i) {
+        Bytes taken = bytes.subspan((bytes.size() - piece) / (pieces - 1) * i, piece);
+        m_pieces.insert(m_pieces.end(), taken.begin(), taken.end());
+    }
+    m_output.resize(ZSTD_compressBound(m_pieces.size()));
+    std::size_t size = ZSTD_compress2(m_context.get(), m_output.data(), m_output.size(),
+                                      m_pieces.data(), m_pieces.size());
+    check(size, "compress");
+    return size > m_pieces.size() / 100 * 97 ? no_compression : asked;
+}
+
+Compressor::Compressor(CompressionLevel level, Sink sink)
+    : m_sink(std::move(sink)), m_level(level), m_context(make_context()),
+      m_output(ZSTD_CStreamOutSize()) {}
+
+Compressor::~Compressor() = default;
+
+void Compressor::begin(CompressionLevel level) {
+    m_level.reset();
+    set_level(m_context, level);
     check(ZSTD_CCtx_setParameter(m_context.get(), ZSTD_c_windowLog, window_log), "compress");
     check(ZSTD_CCtx_setParameter(m_context.get(), ZSTD_c_checksumFlag, 1), "compress");
     // One worker compresses while this thread reads and hashes. Small jobs keep its memory small.
@@ -48,8 +88,6 @@ Compressor::Compressor(Sink sink)
         ZSTD_CCtx_setParameter(m_context.get(), ZSTD_c_jobSize, 2 << 20);
     run({}, false); // begins a frame of unknown size: an empty one has the header of all others
 }
-
-Compressor::~Compressor() = default;
 
 void Compressor::run(Bytes bytes, bool last) {
     ZSTD_inBuffer input{bytes.data(), bytes.size(), 0};
@@ -66,11 +104,16 @@ void Compressor::run(Bytes bytes, bool last) {
 }
 
 void Compressor::write(Bytes bytes) {
-    if (!bytes.empty())
-        run(bytes, false);
+    if (bytes.empty())
+        return;
+    if (m_level)
+        begin(CompressibleSample().level_for(bytes, *m_level));
+    run(bytes, false);
 }
 
 void Compressor::finish() {
+    if (m_level)
+        begin(*m_level);
     run({}, true);
 }
 
@@ -132,15 +175,13 @@ bool is_as_written(Bytes frame) {
 
 } // namespace
 
-FrameCompressor::FrameCompressor() : m_context(ZSTD_createCCtx(), ZSTD_freeCCtx) {
-    if (!m_context)
-        throw ClientError(ExitCode::failed, "cannot compress: out of memory");
-    check(ZSTD_CCtx_setParameter(m_context.get(), ZSTD_c_compressionLevel, compression_level),
-          "compress");
+FrameCompressor::FrameCompressor(CompressionLevel level)
+    : m_level(level), m_context(make_context()) {
     check(ZSTD_CCtx_setParameter(m_context.get(), ZSTD_c_checksumFlag, 1), "compress");
 }
 
 Bytes FrameCompressor::compress(Bytes plain) {
+    set_level(m_context, m_sample.level_for(plain, m_level));
     m_output.resize(ZSTD_compressBound(plain.size()));
     std::size_t size = ZSTD_compress2(m_context.get(), m_output.data(), m_output.size(),
                                       plain.data(), plain.size());

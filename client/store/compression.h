@@ -15,11 +15,18 @@ struct ZSTD_DCtx_s;
 
 namespace qrtln {
 
+// How strongly is compressed: a level of Zstandard, or not at all. The usual is with frames as long
+// as ours as fast as the first, smaller, and faster to read.
+using CompressionLevel = int;
+inline constexpr CompressionLevel no_compression = 0;
+inline constexpr CompressionLevel usual_compression = 3;
+inline constexpr CompressionLevel strongest_compression = 19;
+
 class Compressor {
   public:
     using Sink = std::function<void(Bytes)>;
     // `sink` receives the compressed bytes. Throws ClientError when there is no memory.
-    explicit Compressor(Sink sink);
+    Compressor(CompressionLevel level, Sink sink);
     ~Compressor();
     Compressor(const Compressor&) = delete;
     Compressor& operator=(const Compressor&) = delete;
@@ -28,8 +35,10 @@ class Compressor {
     void finish();
 
   private:
+    void begin(CompressionLevel level);
     void run(Bytes bytes, bool last);
     Sink m_sink;
+    std::optional<CompressionLevel> m_level; // until it has begun
     std::unique_ptr<ZSTD_CCtx_s, std::size_t (*)(ZSTD_CCtx_s*)> m_context;
     std::vector<std::byte> m_output;
 };
@@ -38,14 +47,29 @@ class Compressor {
 // data: a read error, damage, or bytes before or after the frame's end.
 std::string decompress(int fd, const std::function<void(Bytes)>& sink);
 
+// Whether bytes are compressed already, by a few samples of them, where finding that out while they
+// are compressed would take long.
+class CompressibleSample {
+  public:
+    // The level for these bytes: the one asked for, or none.
+    CompressionLevel level_for(Bytes bytes, CompressionLevel asked);
+
+  private:
+    std::unique_ptr<ZSTD_CCtx_s, std::size_t (*)(ZSTD_CCtx_s*)> m_context{nullptr, nullptr};
+    std::vector<std::byte> m_pieces;
+    std::vector<std::byte> m_output;
+};
+
 // Frames that tell their plain size and have a checksum.
 class FrameCompressor {
   public:
-    FrameCompressor();
+    explicit FrameCompressor(CompressionLevel level);
     // Valid until the next call. Throws ClientError when there is no memory.
     Bytes compress(Bytes plain);
 
   private:
+    CompressionLevel m_level;
+    CompressibleSample m_sample;
     std::unique_ptr<ZSTD_CCtx_s, std::size_t (*)(ZSTD_CCtx_s*)> m_context;
     std::vector<std::byte> m_output;
 };

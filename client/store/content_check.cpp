@@ -1,5 +1,7 @@
 #include "client/store/content_check.h"
 
+#include "client/base/ordered_work.h"
+
 #include <fmt/format.h>
 #include <utility>
 
@@ -34,14 +36,26 @@ void ContentCheck::check_pack(const std::string& id, bool all_blocks) {
 void ContentCheck::check_blocks(PackReader& pack, const std::string& id, bool all_blocks) {
     std::set<std::uint32_t> damaged;
     m_found.begin_pack(id, pack.table().blocks);
+    OrderedWork work(most_loaded_bytes);
+    m_loaders.resize(work.workers());
     for (const PackFrame& frame : pack.table().frames) {
         m_between();
         bool wanted = all_blocks;
         for (std::uint32_t i = 0; i < frame.blocks && !wanted; ++i)
             wanted = m_use.uses(id, frame.first_block + i);
-        if (wanted)
-            check_frame(pack, frame, damaged);
+        if (!wanted)
+            continue;
+        std::shared_ptr<LoadedFrame> loaded = m_frames.get();
+        work.add(
+            pack.table().plain_size_of(frame.first_block, frame.blocks),
+            [&, loaded](std::size_t worker) {
+                if (!m_loaders[worker])
+                    m_loaders[worker] = std::make_unique<FrameLoader>();
+                pack.load(frame, *m_loaders[worker], *loaded);
+            },
+            [&, loaded] { take_frame(pack, frame, *loaded, damaged); });
     }
+    work.finish();
     // What contents are made of is there at all: a pack that was written anew lacks what is dead.
     if (auto used = m_use.packs().find(id); used != m_use.packs().end())
         for (std::uint32_t block = 0; block < used->second.size(); ++block)
@@ -51,26 +65,15 @@ void ContentCheck::check_blocks(PackReader& pack, const std::string& id, bool al
         m_damaged[id].blocks = std::move(damaged);
 }
 
-void ContentCheck::check_frame(PackReader& pack, const PackFrame& frame,
-                               std::set<std::uint32_t>& damaged) {
-    PackReader::Blocks read;
-    try {
-        read = pack.blocks_from(frame.first_block, frame.blocks);
-    } catch (const PackDamage&) { // none of its blocks can be had
-    }
-    m_checked_bytes += read.bytes.size();
-    std::vector<BlockHash> found;
-    for (std::uint32_t i = 0; i < frame.blocks; ++i) {
-        std::uint32_t block = frame.first_block + i;
-        std::uint32_t size = pack.table().size_of(block);
-        if (i < read.count)
-            found.push_back(m_hasher(read.bytes.first(size)));
-        if (i >= read.count || shorten(found.back()) != pack.hash(block))
-            damaged.insert(block);
-        if (i < read.count)
-            read.bytes = read.bytes.subspan(size);
-    }
-    m_found.put(frame.first_block, found);
+// Of a frame that cannot be read no block can be had.
+void ContentCheck::take_frame(PackReader& pack, const PackFrame& frame, const LoadedFrame& loaded,
+                              std::set<std::uint32_t>& damaged) {
+    m_checked_bytes += loaded.plain.size();
+    for (std::uint32_t i = 0; i < frame.blocks; ++i)
+        if (i >= loaded.hashes.size() ||
+            shorten(loaded.hashes[i]) != pack.hash(frame.first_block + i))
+            damaged.insert(frame.first_block + i);
+    m_found.put(frame.first_block, loaded.hashes);
 }
 
 void ContentCheck::add_to_name(ContentName& name, const BlockRun& run, const std::string& id) {

@@ -42,14 +42,16 @@ class ContentCheck {
   private:
     std::string problem_by_hashes(const ContentMap& map);
     void check_blocks(PackReader& pack, const std::string& id, bool all_blocks);
-    void check_frame(PackReader& pack, const PackFrame& frame, std::set<std::uint32_t>& damaged);
+    void take_frame(PackReader& pack, const PackFrame& frame, const LoadedFrame& loaded,
+                    std::set<std::uint32_t>& damaged);
     void add_to_name(ContentName& name, const BlockRun& run, const std::string& id);
 
     const PackFolder& m_folder;
     std::function<void()> m_between;
     PackUse m_use;
-    BlockHasher m_hasher;
-    FoundHashes m_found; // of the blocks that could be read
+    LoadedFrames m_frames;
+    std::vector<std::unique_ptr<FrameLoader>> m_loaders; // one a thread
+    FoundHashes m_found;                                 // of the blocks that could be read
     std::map<std::string, DamagedPack> m_damaged;
     std::uint64_t m_checked_bytes = 0;
 };

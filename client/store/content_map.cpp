@@ -88,7 +88,7 @@ std::string serialize(const ContentMap& map) {
                                      {"size", map.size},
                                      {"packs", packs},
                                      {"runs", runs}});
-    FrameCompressor compressor;
+    FrameCompressor compressor(usual_compression);
     Bytes frame = compressor.compress(as_bytes(text));
     return {reinterpret_cast<const char*>(frame.data()), frame.size()};
 }

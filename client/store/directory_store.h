@@ -63,6 +63,12 @@ class DirectoryStore final : public Store {
     bool has_object(const std::string& hash, std::uint64_t stored_size) override {
         return m_objects.has(hash, stored_size);
     }
+    int note_object_damage(const std::string& hash, bool damaged) override {
+        return m_objects.note_damage(hash, damaged);
+    }
+    bool is_noted_damaged(const std::string& hash) override {
+        return m_objects.is_noted_damaged(hash);
+    }
     void discard_object(const std::string& hash) noexcept override { m_objects.discard(hash); }
     Reclaimed reclaim(const StoreUse& use, bool dry_run,
                       const std::function<void()>& between) override {
@@ -101,6 +107,10 @@ class DirectoryStore final : public Store {
         return m_sets.write_note(set, note, bytes, m_state);
     }
 
+    void compress_at(CompressionLevel level) override {
+        m_objects.compress_at(level);
+        m_new_packs.compress_at(level);
+    }
     void flush() override {
         m_objects.flush();
         m_new_packs.flush();

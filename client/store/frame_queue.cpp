@@ -1,37 +1,18 @@
 #include "client/store/frame_queue.h"
 
-#include "client/store/compression.h"
-
-#include <algorithm>
-#include <csignal>
-#include <system_error>
 #include <utility>
 
 namespace qrtln {
 
 namespace {
 
-// More would wait for the disk, and each one has a compressor's memory.
-constexpr unsigned most_threads = 8;
+// Plain bytes under way: enough to keep all busy while the server copies the next database.
+constexpr std::size_t most_compressed_bytes = std::size_t{48} << 20;
 
 } // namespace
 
-FrameQueue::FrameQueue(std::function<void(Bytes)> take)
-    : m_take(std::move(take)),
-      m_most_threads(std::min(std::thread::hardware_concurrency(), most_threads)) {
-    if (m_most_threads < 2)
-        m_most_threads = 0;
-}
-
-FrameQueue::~FrameQueue() {
-    {
-        std::lock_guard lock(m_mutex);
-        m_ends = true;
-        m_next = m_jobs.size();
-    }
-    m_added.notify_all();
-    for (std::thread& thread : m_threads)
-        thread.join();
+FrameQueue::FrameQueue(CompressionLevel level) : m_level(level), m_work(most_compressed_bytes) {
+    m_compressors.resize(m_work.workers());
 }
 
 std::vector<std::byte> FrameQueue::buffer() {
@@ -43,78 +24,26 @@ std::vector<std::byte> FrameQueue::buffer() {
     return buffer;
 }
 
-// Signals are the other threads' concern. Without a thread the caller compresses.
-void FrameQueue::start_thread() {
-    sigset_t all;
-    sigset_t before;
-    ::sigfillset(&all);
-    ::pthread_sigmask(SIG_SETMASK, &all, &before);
-    try {
-        m_threads.emplace_back([this] { compress(); });
-    } catch (const std::system_error&) {
-        m_most_threads = m_threads.size();
-    }
-    ::pthread_sigmask(SIG_SETMASK, &before, nullptr);
-}
-
-void FrameQueue::compress() {
-    std::unique_ptr<FrameCompressor> compressor;
-    std::unique_lock lock(m_mutex);
-    for (;;) {
-        m_added.wait(lock, [this] { return m_ends || m_next < m_jobs.size(); });
-        if (m_next == m_jobs.size())
-            return;
-        Job& job = *m_jobs[m_next++];
-        lock.unlock();
-        try {
+void FrameQueue::add(std::vector<std::byte> plain, Take take) {
+    struct Frame {
+        std::vector<std::byte> plain;
+        std::vector<std::byte> compressed;
+    };
+    auto frame = std::make_shared<Frame>();
+    frame->plain = std::move(plain);
+    m_work.add(
+        frame->plain.size(),
+        [this, frame](std::size_t worker) {
+            std::unique_ptr<FrameCompressor>& compressor = m_compressors[worker];
             if (!compressor)
-                compressor = std::make_unique<FrameCompressor>();
-            Bytes frame = compressor->compress(job.plain);
-            job.frame.assign(frame.begin(), frame.end());
-        } catch (...) {
-            job.failure = std::current_exception();
-        }
-        lock.lock();
-        job.done = true;
-        m_done.notify_one();
-    }
-}
-
-void FrameQueue::add(std::vector<std::byte> plain) {
-    if (m_threads.size() < m_most_threads)
-        start_thread();
-    if (m_threads.empty()) {
-        if (!m_own)
-            m_own = std::make_unique<FrameCompressor>();
-        m_take(m_own->compress(plain));
-        m_buffers.push_back(std::move(plain));
-        return;
-    }
-    std::unique_lock lock(m_mutex);
-    m_jobs.push_back(std::make_unique<Job>());
-    m_jobs.back()->plain = std::move(plain);
-    m_added.notify_one();
-    while (!m_jobs.empty() && (m_jobs.front()->done || m_jobs.size() > 2 * m_threads.size()))
-        take_first(lock);
-}
-
-void FrameQueue::finish() {
-    std::unique_lock lock(m_mutex);
-    while (!m_jobs.empty())
-        take_first(lock);
-}
-
-void FrameQueue::take_first(std::unique_lock<std::mutex>& lock) {
-    m_done.wait(lock, [this] { return m_jobs.front()->done; });
-    std::unique_ptr<Job> job = std::move(m_jobs.front());
-    m_jobs.pop_front();
-    --m_next;
-    lock.unlock();
-    if (job->failure)
-        std::rethrow_exception(job->failure);
-    m_take(job->frame);
-    m_buffers.push_back(std::move(job->plain));
-    lock.lock();
+                compressor = std::make_unique<FrameCompressor>(m_level);
+            Bytes bytes = compressor->compress(frame->plain);
+            frame->compressed.assign(bytes.begin(), bytes.end());
+        },
+        [this, frame, take = std::move(take)] {
+            take(frame->compressed);
+            m_buffers.push_back(std::move(frame->plain));
+        });
 }
 
 } // namespace qrtln

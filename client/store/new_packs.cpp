@@ -18,8 +18,12 @@ namespace qrtln {
 
 namespace {
 
-// Of small contents many share a pack of about this size.
-constexpr std::uint64_t enough_for_a_pack = std::uint64_t{16} << 20;
+// Of small contents many share a pack of about this size, in plain bytes.
+constexpr std::uint64_t enough_for_a_pack = std::uint64_t{64} << 20;
+// Packs are flushed together at the end, and stay open until then: this many.
+constexpr std::size_t most_unflushed = 64;
+// The disk gets to work while a pack grows, so that little is left to flush.
+constexpr std::uint64_t written_back_at_once = std::uint64_t{8} << 20;
 
 } // namespace
 
@@ -44,13 +48,21 @@ void NewPacks::close(File& file, const char* what) {
 }
 
 PackWriter& NewPacks::pack() {
+    drop_abandoned();
     if (!m_pack) {
         m_pack_file = create(m_folder.pack_descriptor(), "a pack");
-        m_full_at = enough_for_a_pack;
-        m_pack.emplace(m_block_size, [this](Bytes bytes) {
-            if (int error = write_all(m_pack_file.file.get(), bytes); error != 0)
-                m_folder.place().fail("write a pack", error);
-        });
+        if (!m_queue)
+            m_queue.emplace(m_level);
+        m_pack = std::make_unique<PackWriter>(
+            m_block_size, *m_queue,
+            [this, fd = m_pack_file.file.get(), unwritten = std::uint64_t{0}](Bytes bytes) mutable {
+                if (int error = write_all(fd, bytes); error != 0)
+                    m_folder.place().fail("write a pack", error);
+                if ((unwritten += bytes.size()) >= written_back_at_once) {
+                    (void)::sync_file_range(fd, 0, 0, SYNC_FILE_RANGE_WRITE);
+                    unwritten = 0;
+                }
+            });
     }
     return *m_pack;
 }
@@ -65,21 +77,22 @@ std::size_t NewPacks::add(ContentMap map, FrameRange frames, std::vector<BlockMe
         write_map(map, number);
     else
         m_waiting.push_back({number, std::move(map), frames});
-    // How large it is is known only when nothing of it is compressed any more.
-    if (m_pack && m_pack->plain_size() >= m_full_at) {
-        m_pack->settle();
-        if (m_pack->stored_size() >= enough_for_a_pack)
-            close_pack();
-        else
-            m_full_at = m_pack->plain_size() + enough_for_a_pack - m_pack->stored_size();
-    }
+    if (m_pack && m_pack->plain_size() >= enough_for_a_pack)
+        close_pack();
+    write_closed(false);
     return number;
 }
 
 void NewPacks::abandon(std::uint32_t first) noexcept {
     // Other contents have blocks before it: its own stay, until the pack is written anew.
-    if (!m_pack || first > 0)
+    if (m_pack && first == 0)
+        m_abandoned = true;
+}
+
+void NewPacks::drop_abandoned() {
+    if (!std::exchange(m_abandoned, false))
         return;
+    m_queue->finish(); // its frames go nowhere from here on
     m_pack.reset();
     m_pack_file.file.reset();
     ::unlinkat(m_folder.pack_descriptor(), m_pack_file.temporary.c_str(), 0);
@@ -87,19 +100,36 @@ void NewPacks::abandon(std::uint32_t first) noexcept {
 }
 
 void NewPacks::close_pack() {
-    std::string id = m_pack->finish();
-    close(m_pack_file, "a pack");
-    m_contents.stored_size += m_pack->stored_size();
-    for (const WaitingContent& content : m_waiting)
-        m_contents.contents[content.number].stored_size =
-            m_pack->size_of_frames(content.frames.first, content.frames.behind);
-    m_pack.reset();
-    m_closed.push_back({m_pack_file.temporary, id, std::exchange(m_mends, {})});
+    ClosedPack closed;
+    closed.id = m_pack->end();
+    closed.writer = std::move(m_pack);
+    closed.file = std::move(m_pack_file);
+    closed.mends = std::exchange(m_mends, {});
     for (WaitingContent& content : std::exchange(m_waiting, {})) {
         for (UsedPack& pack : content.map.packs)
             if (pack.id.empty())
-                pack.id = id;
+                pack.id = closed.id;
         write_map(content.map, content.number);
+        closed.contents.emplace_back(content.number, content.frames);
+    }
+    m_closed.push_back(std::move(closed));
+}
+
+// Those whose frames are compressed, or all.
+void NewPacks::write_closed(bool all) {
+    for (; m_first_unwritten < m_closed.size(); ++m_first_unwritten) {
+        ClosedPack& closed = m_closed[m_first_unwritten];
+        if (!all && !closed.writer->settled())
+            break;
+        closed.writer->finish();
+        m_contents.stored_size += closed.writer->stored_size();
+        for (const auto& [number, frames] : closed.contents)
+            m_contents.contents[number].stored_size =
+                closed.writer->size_of_frames(frames.first, frames.behind);
+        closed.writer.reset();
+        (void)::sync_file_range(closed.file.file.get(), 0, 0, SYNC_FILE_RANGE_WRITE);
+        if (m_first_unwritten - m_first_unflushed >= most_unflushed)
+            close(m_closed[m_first_unflushed++].file, "a pack");
     }
 }
 
@@ -161,12 +191,16 @@ void NewPacks::mend() {
 }
 
 FinishedContents NewPacks::finish() {
+    drop_abandoned();
     if (m_pack)
         close_pack();
+    write_closed(true);
+    while (m_first_unflushed < m_closed.size())
+        close(m_closed[m_first_unflushed++].file, "a pack");
     for (const ClosedPack& pack : m_closed)
-        put_in_place(m_folder.pack_descriptor(), pack.temporary, pack_file_name(pack.id));
+        put_in_place(m_folder.pack_descriptor(), pack.file.temporary, pack_file_name(pack.id));
     mend();
-    m_closed.clear();
+    forget_closed();
     if (m_map_file.file) {
         close(m_map_file, "a file of maps");
         std::string hash = m_map_digest->finish();
@@ -196,14 +230,22 @@ void NewPacks::forget_added(const std::string& name) noexcept {
     m_added.erase(added(name));
 }
 
+void NewPacks::forget_closed() noexcept {
+    m_closed.clear();
+    m_first_unwritten = 0;
+    m_first_unflushed = 0;
+}
+
 void NewPacks::discard() noexcept {
     for (const AddedFile& file : m_added)
         ::unlinkat(file.folder, file.name.c_str(), 0);
     m_added.clear();
+    m_queue.reset(); // its frames go nowhere from here on
     m_pack.reset();
+    m_abandoned = false;
     m_waiting.clear();
     m_mends.clear();
-    m_closed.clear();
+    forget_closed();
     m_map_file.file.reset();
     m_contents = {};
 }

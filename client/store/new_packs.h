@@ -9,8 +9,11 @@
 #include "client/store/pack_writer.h"
 
 #include <cstdint>
+#include <deque>
+#include <memory>
 #include <optional>
 #include <string>
+#include <utility>
 #include <vector>
 
 namespace qrtln {
@@ -37,6 +40,7 @@ class NewPacks {
     NewPacks& operator=(const NewPacks&) = delete;
 
     void set_block_size(std::uint32_t size) { m_block_size = size; }
+    void compress_at(CompressionLevel level) { m_level = level; }
     std::uint32_t block_size() const { return m_block_size; }
     const PackFolder& folder() const { return m_folder; }
 
@@ -68,10 +72,13 @@ class NewPacks {
         int folder;
         std::string name;
     };
+    // Nothing is added to it any more.
     struct ClosedPack {
-        std::string temporary;
+        std::unique_ptr<PackWriter> writer; // nothing once it is written
+        File file;
         std::string id;
         std::vector<BlockMend> mends;
+        std::vector<std::pair<std::size_t, FrameRange>> contents; // by their numbers
     };
 
     File create(int folder, const char* what);
@@ -79,16 +86,21 @@ class NewPacks {
     void put_in_place(int folder, const std::string& temporary, const std::string& name);
     std::vector<AddedFile>::iterator added(const std::string& name) noexcept;
     void forget_added(const std::string& name) noexcept; // REQUIRES: it is noted
+    void drop_abandoned();
     void close_pack();
+    void write_closed(bool all);
+    void forget_closed() noexcept;
     void mend();
     void write_map(const ContentMap& map, std::size_t number);
 
     PackFolder& m_folder;
     std::uint32_t m_block_size = usual_block;
+    CompressionLevel m_level = usual_compression;
     unsigned m_next_temporary = 0;
+    std::optional<FrameQueue> m_queue;
     File m_pack_file;
-    std::optional<PackWriter> m_pack; // the open one
-    std::uint64_t m_full_at = 0;      // plain bytes of it with which it may be large enough
+    std::unique_ptr<PackWriter> m_pack; // the open one
+    bool m_abandoned = false;           // no content uses it, nor will
     struct WaitingContent {
         std::size_t number;
         ContentMap map;
@@ -96,7 +108,9 @@ class NewPacks {
     };
     std::vector<WaitingContent> m_waiting; // for its id
     std::vector<BlockMend> m_mends;        // with copies in the open pack
-    std::vector<ClosedPack> m_closed;
+    std::deque<ClosedPack> m_closed;
+    std::size_t m_first_unwritten = 0; // of these
+    std::size_t m_first_unflushed = 0;
     File m_map_file;
     std::optional<Sha256> m_map_digest;
     std::uint64_t m_map_size = 0;

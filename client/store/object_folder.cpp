@@ -2,6 +2,7 @@
 
 #include "client/base/error.h"
 #include "client/base/file_io.h"
+#include "client/base/ownership.h"
 #include "client/base/permission.h"
 #include "client/base/text.h"
 #include "client/store/compression.h"
@@ -21,10 +22,15 @@ namespace qrtln {
 namespace {
 
 constexpr std::string_view object_suffix = ".zst";
+constexpr std::string_view damage_suffix = ".damaged";
 
 // Objects lie in folders by the beginnings of their hashes.
 std::string folder_of_hash(const std::string& hash) {
     return hash.substr(0, 2);
+}
+
+std::string damage_note_of(const std::string& hash) {
+    return fmt::format("{}/{}{}", folder_of_hash(hash), hash, damage_suffix);
 }
 
 } // namespace
@@ -94,7 +100,7 @@ std::vector<std::string> ObjectFolder::list(std::vector<std::string>* foreign) c
             if (name == hash + std::string(object_suffix) && is_sha256_hex(hash) &&
                 hash.starts_with(folder))
                 hashes.push_back(hash);
-            else if (foreign != nullptr)
+            else if (foreign != nullptr && name != hash + std::string(damage_suffix))
                 foreign->push_back(shown + name);
         }
     }
@@ -105,7 +111,28 @@ bool ObjectFolder::has(const std::string& hash, std::uint64_t stored_size) const
     struct stat status {};
     return ::fstatat(m_folder.get(), object_file_name(hash).c_str(), &status,
                      AT_SYMLINK_NOFOLLOW) == 0 &&
-           S_ISREG(status.st_mode) && static_cast<std::uint64_t>(status.st_size) == stored_size;
+           S_ISREG(status.st_mode) && static_cast<std::uint64_t>(status.st_size) == stored_size &&
+           !is_noted_damaged(hash);
+}
+
+int ObjectFolder::note_damage(const std::string& hash, bool damaged) const {
+    const std::string note = damage_note_of(hash);
+    if (!damaged)
+        return ::unlinkat(m_folder.get(), note.c_str(), 0) == 0 || errno == ENOENT ? 0 : errno;
+    if (::faccessat(m_folder.get(), object_file_name(hash).c_str(), F_OK, AT_SYMLINK_NOFOLLOW) != 0)
+        return 0; // one that is missing needs no note
+    const FileDescriptor file(
+        ::openat(m_folder.get(), note.c_str(), O_WRONLY | O_CREAT | O_NOFOLLOW | O_CLOEXEC, 0600));
+    if (!file)
+        return errno;
+    (void)give_to_owner_of(m_store, file.get());
+    return 0;
+}
+
+bool ObjectFolder::is_noted_damaged(const std::string& hash) const {
+    struct stat status {};
+    return ::fstatat(m_folder.get(), damage_note_of(hash).c_str(), &status, AT_SYMLINK_NOFOLLOW) ==
+           0;
 }
 
 void ObjectFolder::flush() {

@@ -30,11 +30,16 @@ class ObjectFolder {
     ObjectCheck read(const std::string& hash, const std::function<void(Bytes)>& sink) const;
     bool has(const std::string& hash, std::uint64_t stored_size) const;
     std::vector<std::string> list(std::vector<std::string>* foreign) const;
+    // What is known to be damaged has a note beside it, until a whole one takes its place. Returns
+    // 0 or the errno.
+    int note_damage(const std::string& hash, bool damaged) const;
+    bool is_noted_damaged(const std::string& hash) const;
 
     // --- for the writer of an object
     const StorePlace& place() const { return m_place; }
     int descriptor() const { return m_folder.get(); }
     int store() const { return m_store; }
+    CompressionLevel compression() const { return m_compression; }
     // A name for a file that is being written: it is unlike that of any other of this run.
     std::string temporary_name();
     // The folder of a hash is to be flushed, and objects/ itself. Also for an object that was
@@ -44,6 +49,7 @@ class ObjectFolder {
     void note_added(const std::string& name) { m_added.push_back(name); }
 
     // --- the run
+    void compress_at(CompressionLevel level) { m_compression = level; }
     // Flushes every folder that an object went to. Throws ClientError.
     void flush();
     // Removes an object that this run added; any other stays.
@@ -57,6 +63,7 @@ class ObjectFolder {
     const StorePlace& m_place;
     FileDescriptor m_folder;
     int m_store = -1;
+    CompressionLevel m_compression = usual_compression;
     unsigned m_next_temporary = 0;
     std::vector<std::string> m_added;  // names below objects/
     std::set<std::string> m_unflushed; // folders below objects/ that a rename changed

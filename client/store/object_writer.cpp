@@ -34,7 +34,7 @@ bool same_bytes(int left, int right) {
 
 DirectoryObjectWriter::DirectoryObjectWriter(ObjectFolder& objects)
     : m_objects(objects), m_temporary(objects.temporary_name()),
-      m_compressor([this](Bytes compressed) { append(compressed); }) {
+      m_compressor(objects.compression(), [this](Bytes compressed) { append(compressed); }) {
     m_file = FileDescriptor(::openat(objects.descriptor(), m_temporary.c_str(),
                                      O_RDWR | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, 0600));
     if (!m_file) {
@@ -95,6 +95,7 @@ StoredObject DirectoryObjectWriter::finish() {
     if (exists) {
         std::uint64_t stored_size = 0;
         if (existing_is_whole(name, object.hash, stored_size)) {
+            (void)m_objects.note_damage(object.hash, false);
             object.stored_size = stored_size;
             return object;
         }
@@ -109,6 +110,7 @@ StoredObject DirectoryObjectWriter::finish() {
     if (::renameat(objects, m_temporary.c_str(), objects, name.c_str()) != 0)
         place.fail("put an object in place", errno, "objects/" + folder);
     m_temporary.clear();
+    (void)m_objects.note_damage(object.hash, false);
     object.added = true;
     object.changed_size = m_size;
     // A mended object belongs to older sets: it is not taken back with this run.

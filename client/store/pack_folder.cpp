@@ -1,11 +1,13 @@
 #include "client/store/pack_folder.h"
 
 #include "client/base/error.h"
+#include "client/base/ordered_work.h"
 #include "client/base/permission.h"
 #include "client/store/block_hash.h"
 #include "client/store/canonical_json.h"
 #include "client/store/digest.h"
 
+#include <algorithm>
 #include <cerrno>
 #include <fcntl.h>
 #include <fmt/format.h>
@@ -84,61 +86,113 @@ std::vector<std::string> list_ids(const StorePlace& place, const char* folder, i
     return ids;
 }
 
-// Reads a content along its map.
+// Reads a content along its map: frames are decompressed on all processors.
 class ContentSource {
   public:
-    ContentSource(const PackFolder& folder, const ContentMap& map) : m_folder(folder), m_map(map) {
-        m_packs.resize(map.packs.size());
+    ContentSource(const PackFolder& folder, const ContentMap& map,
+                  const std::function<void(Bytes)>& sink)
+        : m_folder(folder), m_map(map), m_sink(sink), m_packs(map.packs.size()) {
+        m_loaders.resize(m_work.workers());
     }
 
     // Throws PackDamage with the name of the pack.
-    void read(const std::function<void(Bytes)>& sink) {
-        for (const BlockRun& run : m_map.runs) {
-            try {
-                read_run(run, sink);
-            } catch (const PackDamage& damage) {
-                throw PackDamage{fmt::format("lies in the pack {}, which {}",
-                                             m_map.packs[run.pack].id, damage.problem)};
-            }
-        }
+    void read() {
+        for (const BlockRun& run : m_map.runs)
+            read_run(run);
+        m_work.finish();
         if (m_read != m_map.size || m_name.finish() != m_map.name)
             throw PackDamage{"does not have the content that its name tells"};
     }
 
   private:
-    void read_run(const BlockRun& run, const std::function<void(Bytes)>& sink) {
-        std::unique_ptr<PackReader>& pack = m_packs[run.pack];
-        if (!pack)
-            pack = m_folder.open_pack(m_map.packs[run.pack].id);
-        if (pack->table().block_size != m_map.block_size)
-            throw PackDamage{"has blocks of another size"};
+    struct Pack {
+        std::unique_ptr<PackReader> reader;
+        // The frame that was asked for last: blocks of several packs take turns.
+        const PackFrame* frame = nullptr;
+        std::shared_ptr<LoadedFrame> loaded;
+    };
+
+    [[noreturn]] void fail(const BlockRun& run, const std::string& problem) const {
+        throw PackDamage{
+            fmt::format("lies in the pack {}, which {}", m_map.packs[run.pack].id, problem)};
+    }
+
+    void read_run(const BlockRun& run) {
+        Pack& pack = m_packs[run.pack];
+        try {
+            if (!pack.reader)
+                pack.reader = m_folder.open_pack(m_map.packs[run.pack].id);
+        } catch (const PackDamage& damage) {
+            fail(run, damage.problem);
+        }
+        const PackTable& table = pack.reader->table();
+        if (table.block_size != m_map.block_size)
+            fail(run, "has blocks of another size");
         for (std::uint32_t done = 0; done < run.blocks;) {
-            auto [bytes, count] = pack->blocks_from(run.first + done, run.blocks - done);
-            check(*pack, run.first + done, bytes, count);
-            sink(bytes);
+            const std::uint32_t block = run.first + done;
+            const PackFrame* frame = table.frame_of(block);
+            if (frame == nullptr)
+                fail(run, fmt::format("has no block {}", block));
+            const std::uint32_t before = block - frame->first_block;
+            const std::uint32_t count = std::min(run.blocks - done, frame->blocks - before);
+            add_blocks(run, pack, *frame, before, count);
             done += count;
-            m_read += bytes.size();
         }
     }
 
-    void check(PackReader& pack, std::uint32_t first, Bytes bytes, std::uint32_t count) {
-        for (std::uint32_t i = 0; i < count; ++i) {
-            std::uint32_t size = pack.table().size_of(first + i);
-            BlockHash hash = m_hasher(bytes.first(size));
-            if (shorten(hash) != pack.hash(first + i))
-                throw PackDamage{
-                    fmt::format("has a block {} that differs from its SHA-256", first + i)};
-            m_name.add(hash);
-            bytes = bytes.subspan(size);
+    // `count` blocks of a frame, those `before` them left out.
+    void add_blocks(const BlockRun& run, Pack& pack, const PackFrame& frame, std::uint32_t before,
+                    std::uint32_t count) {
+        OrderedWork::Work load;
+        std::size_t size = 0;
+        if (pack.frame != &frame) {
+            pack.frame = &frame;
+            pack.loaded.reset(); // its memory may be used again
+            pack.loaded = m_frames.get();
+            size = pack.reader->table().plain_size_of(frame.first_block, frame.blocks);
+            load = [this, &pack, &frame, loaded = pack.loaded](std::size_t worker) {
+                if (!m_loaders[worker])
+                    m_loaders[worker] = std::make_unique<FrameLoader>();
+                pack.reader->load(frame, *m_loaders[worker], *loaded);
+            };
         }
+        m_work.add(size, std::move(load),
+                   [this, &run, &pack, &frame, loaded = pack.loaded, before, count] {
+                       try {
+                           take_blocks(*pack.reader, frame, *loaded, before, count);
+                       } catch (const PackDamage& damage) {
+                           fail(run, damage.problem);
+                       }
+                   });
+    }
+
+    void take_blocks(PackReader& pack, const PackFrame& frame, const LoadedFrame& loaded,
+                     std::uint32_t before, std::uint32_t count) {
+        if (!loaded.problem.empty())
+            throw PackDamage{loaded.problem};
+        for (std::uint32_t i = before; i < before + count; ++i) {
+            if (shorten(loaded.hashes[i]) != pack.hash(frame.first_block + i))
+                throw PackDamage{fmt::format("has a block {} that differs from its SHA-256",
+                                             frame.first_block + i)};
+            m_name.add(loaded.hashes[i]);
+        }
+        const PackTable& table = pack.table();
+        Bytes bytes = Bytes(loaded.plain)
+                          .subspan(table.plain_size_of(frame.first_block, before),
+                                   table.plain_size_of(frame.first_block + before, count));
+        m_read += bytes.size();
+        m_sink(bytes);
     }
 
     const PackFolder& m_folder;
     const ContentMap& m_map;
-    std::vector<std::unique_ptr<PackReader>> m_packs; // in the order of the map
-    BlockHasher m_hasher;
+    const std::function<void(Bytes)>& m_sink;
+    std::vector<Pack> m_packs; // in the order of the map
+    LoadedFrames m_frames;
+    std::vector<std::unique_ptr<FrameLoader>> m_loaders; // one a thread
     ContentName m_name{m_map.block_size};
     std::uint64_t m_read = 0;
+    OrderedWork m_work{most_loaded_bytes}; // the last: its threads use what stands above
 };
 
 } // namespace
@@ -219,7 +273,7 @@ ObjectCheck PackFolder::read_content(const std::string& name, const MapPlace& pl
     try {
         ContentMap map = read_map(place, name);
         check.size = map.size;
-        ContentSource(*this, map).read(sink);
+        ContentSource(*this, map, sink).read();
     } catch (const PackDamage& damage) {
         m_place.require_there();
         check.problem = damage.problem;

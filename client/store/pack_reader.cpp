@@ -40,6 +40,16 @@ PackTable read_table(const PackSource& source, const PackTrailer& trailer,
 
 } // namespace
 
+std::shared_ptr<LoadedFrame> LoadedFrames::get() {
+    auto unused = std::find_if(m_frames.begin(), m_frames.end(),
+                               [](const auto& frame) { return frame.use_count() == 1; });
+    if (unused == m_frames.end())
+        return m_frames.emplace_back(std::make_shared<LoadedFrame>());
+    (*unused)->problem.clear();
+    (*unused)->hashes.clear();
+    return *unused;
+}
+
 PackReader::PackReader(PackSource source)
     : m_source(std::move(source)), m_trailer(read_trailer(m_source)),
       m_table(read_table(m_source, m_trailer, m_decompressor)) {}
@@ -56,23 +66,41 @@ const ShortHash& PackReader::hash(std::uint32_t block) {
     return m_hashes[block - m_first_hash];
 }
 
-void PackReader::load(const PackFrame& frame) {
-    m_frame = nullptr;
-    m_plain.resize(m_table.plain_size_of(frame.first_block, frame.blocks));
-    m_stored.resize(frame.stored_size);
-    m_source.read(frame.offset, m_stored);
-    if (std::string problem = m_decompressor.decompress(m_stored, m_plain); !problem.empty())
+void PackReader::decompress(const PackFrame& frame, FrameDecompressor& decompressor,
+                            std::vector<std::byte>& stored, std::vector<std::byte>& plain) const {
+    plain.resize(m_table.plain_size_of(frame.first_block, frame.blocks));
+    stored.resize(frame.stored_size);
+    m_source.read(frame.offset, stored);
+    if (std::string problem = decompressor.decompress(stored, plain); !problem.empty())
         throw PackDamage{fmt::format("has a frame, of the blocks from {} on, that {}",
                                      frame.first_block, problem)};
-    m_frame = &frame;
+}
+
+void PackReader::load(const PackFrame& frame, FrameLoader& loader, LoadedFrame& loaded) const {
+    try {
+        decompress(frame, loader.decompressor, loader.stored, loaded.plain);
+    } catch (const PackDamage& damage) {
+        loaded.problem = damage.problem;
+        loaded.plain.clear();
+        return;
+    }
+    Bytes rest = loaded.plain;
+    for (std::uint32_t i = 0; i < frame.blocks; ++i) {
+        const std::uint32_t size = m_table.size_of(frame.first_block + i);
+        loaded.hashes.push_back(loader.hasher(rest.first(size)));
+        rest = rest.subspan(size);
+    }
 }
 
 PackReader::Blocks PackReader::blocks_from(std::uint32_t block, std::uint32_t most) {
     const PackFrame* frame = m_table.frame_of(block);
     if (frame == nullptr)
         throw PackDamage{fmt::format("has no block {}", block)};
-    if (frame != m_frame)
-        load(*frame);
+    if (frame != m_frame) {
+        m_frame = nullptr;
+        decompress(*frame, m_decompressor, m_stored, m_plain);
+        m_frame = frame;
+    }
     std::uint32_t before = block - frame->first_block;
     std::uint32_t count = std::min(most, frame->blocks - before);
     std::uint64_t offset = m_table.plain_size_of(frame->first_block, before);

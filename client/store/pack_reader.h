@@ -7,6 +7,7 @@
 
 #include <cstdint>
 #include <functional>
+#include <memory>
 #include <string>
 #include <vector>
 
@@ -17,6 +18,32 @@ struct PackSource {
     std::uint64_t size = 0; // of the file
     // Fills the buffer from an offset on. Throws PackDamage.
     std::function<void(std::uint64_t offset, std::span<std::byte> buffer)> read;
+};
+
+// A frame as it was read: its plain bytes, and what the hashes of its blocks are by them.
+struct LoadedFrame {
+    std::string problem; // "has a frame that ..."; empty: it could be read
+    std::vector<std::byte> plain;
+    std::vector<BlockHash> hashes;
+};
+
+// Frames whose memory is used again, once nobody else has them.
+class LoadedFrames {
+  public:
+    std::shared_ptr<LoadedFrame> get();
+
+  private:
+    std::vector<std::shared_ptr<LoadedFrame>> m_frames;
+};
+
+// Plain bytes of frames that are loaded side by side, at most.
+inline constexpr std::size_t most_loaded_bytes = std::size_t{32} << 20;
+
+// What reading frames takes; each thread has its own.
+struct FrameLoader {
+    FrameDecompressor decompressor;
+    BlockHasher hasher;
+    std::vector<std::byte> stored;
 };
 
 class PackReader {
@@ -34,11 +61,14 @@ class PackReader {
         std::uint32_t count = 0;
     };
     Blocks blocks_from(std::uint32_t block, std::uint32_t most);
+    // Reads, decompresses and hashes one of the table's frames; on any thread.
+    void load(const PackFrame& frame, FrameLoader& loader, LoadedFrame& loaded) const;
     // The id by the hashes in the file, 64 hexadecimal digits.
     std::string id();
 
   private:
-    void load(const PackFrame& frame);
+    void decompress(const PackFrame& frame, FrameDecompressor& decompressor,
+                    std::vector<std::byte>& stored, std::vector<std::byte>& plain) const;
 
     PackSource m_source;
     FrameDecompressor m_decompressor;

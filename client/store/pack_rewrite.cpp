@@ -85,14 +85,15 @@ RewriteResult rewrite_pack(const PackFolder& folder, const RewriteRequest& reque
         folder.place().fail("create a pack", errno);
     (void)give_to_owner_of(folder.store(), file.get());
     try {
-        PackWriter to(from->table().block_size, [&](Bytes bytes) {
+        FrameQueue queue(usual_compression);
+        PackWriter to(from->table().block_size, queue, [&](Bytes bytes) {
             if (int error = write_all(file.get(), bytes); error != 0)
                 folder.place().fail("write a pack", error);
         });
         std::set<std::uint32_t> damaged = PackCopy(*from, to, request).run();
-        bool same = to.finish() == request.id;
-        if (!same)
+        if (to.end() != request.id)
             throw PackDamage{"has hashes of blocks that do not make up its name"};
+        to.finish();
         // What cannot be read just now may be there the next time.
         if (!std::includes(request.lost.begin(), request.lost.end(), damaged.begin(),
                            damaged.end())) {

@@ -8,8 +8,8 @@
 
 namespace qrtln {
 
-PackWriter::PackWriter(std::uint32_t block_size, Sink sink)
-    : m_sink(std::move(sink)), m_queue([this](Bytes frame) { write_frame(frame); }) {
+PackWriter::PackWriter(std::uint32_t block_size, FrameQueue& queue, Sink sink)
+    : m_queue(queue), m_sink(std::move(sink)) {
     m_table.block_size = block_size;
 }
 
@@ -49,7 +49,7 @@ void PackWriter::end_frame() {
         return;
     m_compressed.push_back({0, 0, blocks() - m_plain_blocks, m_plain_blocks});
     m_plain_blocks = 0;
-    m_queue.add(std::move(m_plain));
+    m_queue.add(std::move(m_plain), [this](Bytes frame) { write_frame(frame); });
 }
 
 void PackWriter::write_frame(Bytes bytes) {
@@ -69,21 +69,25 @@ std::uint64_t PackWriter::size_of_frames(std::size_t first, std::size_t behind) 
         [](std::uint64_t size, const PackFrame& frame) { return size + frame.stored_size; });
 }
 
-std::string PackWriter::finish() {
+std::string PackWriter::end() {
     end_frame();
-    settle();
+    Sha256 id;
+    id.update(std::as_bytes(std::span(m_hashes)));
+    return id.finish();
+}
+
+void PackWriter::finish() {
+    if (!settled())
+        m_queue.finish();
     m_table.blocks = blocks();
     std::string table = serialize(m_table);
-    FrameCompressor compressor;
+    FrameCompressor compressor(usual_compression);
     Bytes frame = compressor.compress(as_bytes(table));
     PackTrailer trailer{m_offset, frame.size(), m_hashes.size(), BlockHasher()(frame)};
     write(frame);
     Bytes hashes = std::as_bytes(std::span(m_hashes));
     write(hashes);
     write(as_bytes(serialize(trailer)));
-    Sha256 id;
-    id.update(hashes);
-    return id.finish();
 }
 
 } // namespace qrtln

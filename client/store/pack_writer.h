@@ -20,8 +20,11 @@ namespace qrtln {
 class PackWriter {
   public:
     using Sink = std::function<void(Bytes)>;
-    // `sink` gets the bytes of the file, in their order.
-    PackWriter(std::uint32_t block_size, Sink sink);
+    // `sink` gets the bytes of the file, in their order; `queue` compresses, for other packs, too,
+    // and outlives it.
+    PackWriter(std::uint32_t block_size, FrameQueue& queue, Sink sink);
+    PackWriter(const PackWriter&) = delete;
+    PackWriter& operator=(const PackWriter&) = delete;
 
     // Adds a block of at most block_size bytes and returns its number.
     std::uint32_t add(Bytes block, const ShortHash& hash);
@@ -35,20 +38,23 @@ class PackWriter {
     std::size_t frames() const { return m_table.frames.size() + m_compressed.size(); }
     // Plain bytes of the blocks that were added.
     std::uint64_t plain_size() const { return m_plain_size; }
-    // Waits until these frames are written; they are compressed meanwhile.
-    void settle() { m_queue.finish(); }
-    // Bytes of the file so far, and those of some of its frames. REQUIRES: settle() or finish().
+
+    // Nothing is added any more. Returns the pack's id, 64 hexadecimal digits.
+    std::string end();
+    // Whether all frames that have ended are written; the others are compressed meanwhile.
+    bool settled() const { return m_compressed.empty(); }
+    // Waits for them, and writes what stands behind them. REQUIRES: end().
+    void finish();
+    // Bytes of the file, and those of some of its frames. REQUIRES: finish().
     std::uint64_t stored_size() const { return m_offset; }
     std::uint64_t size_of_frames(std::size_t first, std::size_t behind) const;
-
-    // Writes what stands behind the frames, and returns the pack's id, 64 hexadecimal digits.
-    std::string finish();
 
   private:
     void note(const ShortHash& hash, std::size_t size);
     void write(Bytes bytes);
     void write_frame(Bytes frame);
 
+    FrameQueue& m_queue;
     Sink m_sink;
     std::uint64_t m_offset = 0;
     std::vector<std::byte> m_plain; // of the frame under way
@@ -57,7 +63,6 @@ class PackWriter {
     PackTable m_table;
     std::deque<PackFrame> m_compressed; // at the moment: place and size are not known yet
     std::vector<ShortHash> m_hashes;
-    FrameQueue m_queue;
 };
 
 } // namespace qrtln

@@ -49,6 +49,8 @@ void Reclaim::remove_objects(Reclaimed& result, bool changes) {
         m_between();
         ++result.objects;
         result.bytes += take(m_objects.descriptor(), object_file_name(hash), changes);
+        if (changes)
+            (void)m_objects.note_damage(hash, false);
     }
 }
 

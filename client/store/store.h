@@ -3,6 +3,7 @@
 #pragma once
 
 #include "client/base/file_io.h"
+#include "client/store/compression.h"
 #include "client/store/content_map.h"
 
 #include <cstdint>
@@ -113,8 +114,12 @@ class Store {
     // before the check is complete.
     virtual ObjectCheck read_object(const std::string& hash,
                                     const std::function<void(Bytes)>& sink) = 0;
-    // Whether an object lies there with this many bytes; they are not looked at.
+    // Whether an object lies there with this many bytes, and is not known to be damaged; they are
+    // not looked at.
     virtual bool has_object(const std::string& hash, std::uint64_t stored_size) = 0;
+    // Notes that it is damaged, or no more. Returns 0 or the errno.
+    virtual int note_object_damage(const std::string& hash, bool damaged) = 0;
+    virtual bool is_noted_damaged(const std::string& hash) = 0;
     // Removes an object that this run added and that nothing is to refer to; any other stays.
     virtual void discard_object(const std::string& hash) noexcept = 0;
     // The hashes of all objects, sorted; names that are no object go to `foreign` if given. Throws
@@ -163,6 +168,8 @@ class Store {
                               const std::function<void()>& between) = 0;
 
     // --- the run
+    // How strongly what is stored from here on is compressed, if not as usual.
+    virtual void compress_at(CompressionLevel level) = 0;
     // Flushes every folder that a finished object went to. Throws ClientError.
     virtual void flush() = 0;
     // Takes back every object that was added since the opening, and what else this run created:

@@ -119,6 +119,40 @@ TEST_F(Commands, AFileThatChangesWhileItIsReadHasFailedUnlessItMayGrow) {
     EXPECT_EQ(extents(), logs);
 }
 
+// What is not read again is not mended either: that shows whether it was.
+TEST_F(Commands, AFileIsReadAgainWhereItMayHaveChangedOrItsContentIsGone) {
+    const std::string big = m_data + "/big.txt", small = m_data + "/small.txt";
+    write_file(big, std::string(100000, 'x'));
+    write_file(small, "small");
+    std::this_thread::sleep_for(std::chrono::milliseconds(40)); // else its times say nothing yet
+    ManifestItem stored = item(backup(0, "full", {"--compression", "off"})["set"], big);
+    EXPECT_GT(stored.stored_size, 100000U);
+    auto damage = [&] {
+        std::fstream(m_store + "/objects/" + object_file_name(stored.object),
+                     std::ios::in | std::ios::out)
+            .seekp(50)
+            .put('!');
+    };
+    damage();
+    backup(0);
+    EXPECT_NE(verify(), 0); // which notes it
+    backup(0);
+    EXPECT_EQ(verify(), 0);
+    damage();
+    backup(0, "full", {"--reread", "--compression", "19"});
+    EXPECT_EQ(verify(), 0);
+    const auto time = fs::last_write_time(big);
+    write_file(big, std::string(100000, 'y'));
+    fs::last_write_time(big, time);
+    stored = item(backup(0, "full", {"--compression", "19"})["set"], big);
+    EXPECT_LT(stored.stored_size, 1000U);
+    EXPECT_EQ(on_store({"dump", "latest", big}).output, std::string(100000, 'y'));
+    fs::remove_all(m_store + "/packs");
+    fs::create_directory(m_store + "/packs");
+    backup(0);
+    EXPECT_EQ(on_store({"dump", "latest", small}).output, "small");
+}
+
 TEST_F(Commands, AFailureOfTheModuleLeavesStoreAndServerAsTheyWere) {
     fill_extents(2);
     const auto logs = extents();

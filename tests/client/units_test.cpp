@@ -1,12 +1,14 @@
 // What the client reads from people, servers and systems: times and the copies that they choose,
 // the variables of a server, bytes of any encoding, errors of the loader.
 #include "client/base/error.h"
+#include "client/base/file_descriptor.h"
 #include "client/base/text.h"
 #include "client/domino/notes_ini.h"
 #include "client/domino/original.h"
 #include "client/domino/point_in_time.h"
 #include "client/module/control_variables.h"
 #include "client/module/environment.h"
+#include "client/module/frames.h"
 #include "client/recovery/logs.h"
 #include "client/restore/selection.h"
 #include "client/sets/manifest.h"
@@ -15,9 +17,42 @@
 
 #include <ctime>
 #include <sstream>
+#include <sys/socket.h>
+#include <unistd.h>
 
 namespace qrtln::test {
 namespace {
+
+// Of more lines than a socket takes none gets lost.
+TEST(ToldLines, ComeInTheirOrderHoweverManyThereAre) {
+    int sockets[2];
+    ASSERT_EQ(::socketpair(AF_UNIX, SOCK_STREAM, 0, sockets), 0);
+    const FileDescriptor from(sockets[0]), to(sockets[1]);
+    LineReceiver receiver;
+    std::vector<std::size_t> sizes;
+    auto take = [&](LineKind kind, const std::string& text) {
+        EXPECT_EQ(kind, sizes.size() % 2 == 0 ? LineKind::log : LineKind::trace);
+        sizes.push_back(text.size());
+    };
+    int stalls = 0;
+    std::vector<std::size_t> sent;
+    for (std::size_t i = 0; i < 2000; ++i) {
+        sent.push_back(i * 7919 % 60000);
+        EXPECT_EQ(send_line(from.get(), i % 2 == 0 ? LineKind::log : LineKind::trace,
+                            std::string(sent.back(), 'x'),
+                            [&] {
+                                ++stalls;
+                                EXPECT_TRUE(receiver.receive(to.get(), take));
+                            }),
+                  0);
+    }
+    receiver.receive(to.get(), take);
+    EXPECT_EQ(sizes, sent);
+    EXPECT_GT(stalls, 100);
+    const std::uint64_t no_line = UINT64_MAX;
+    ASSERT_EQ(::write(from.get(), &no_line, sizeof no_line), 8);
+    EXPECT_THROW(receiver.receive(to.get(), take), std::runtime_error);
+}
 
 // The process's time zone, for as long as the object lives.
 struct Zone {
