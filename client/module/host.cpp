@@ -97,6 +97,7 @@ ModuleHost::~ModuleHost() {
 void ModuleHost::end_child() {
     if (m_pid <= 0)
         return;
+    m_options.on_log = m_options.on_trace = m_options.on_notice = {}; // who asked may be gone
     signal_child(SIGTERM);
     ::shutdown(m_socket.get(), SHUT_WR);
     try {
