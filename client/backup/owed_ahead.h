@@ -12,7 +12,7 @@ namespace qrtln {
 
 class OwedAhead {
   public:
-    // `expected`: what is about to be prepared, in any order. The list outlives it.
+    // `expected`: what is about to be prepared, in any order. The list of owed ones outlives it.
     OwedAhead(OwedDatabases& owed, std::string data_directory, std::vector<std::string> expected)
         : m_owed(owed), m_data_directory(std::move(data_directory)),
           m_expected(std::move(expected)) {}
