@@ -2,7 +2,6 @@
 
 #include "client/base/file_io.h"
 
-#include <algorithm>
 #include <cerrno>
 #include <cstring>
 #include <stdexcept>
@@ -11,14 +10,11 @@
 
 namespace qrtln {
 
-namespace {
-
-// Enough for tens of thousands of DATABASE variables; a longer length is a fault, not a message.
-constexpr std::uint32_t maximal_frame = 64U << 20;
-
-[[noreturn]] void refuse_frame() {
+void refuse_frame() {
     throw std::runtime_error("a message of the module's process cannot be read");
 }
+
+namespace {
 
 // Collects the fields of a frame while it is parsed, and ends that at anything else: nothing in a
 // frame lies deeper than its fields.
@@ -117,67 +113,6 @@ int send_frame(int socket, std::string_view frame) {
         frame.remove_prefix(static_cast<std::size_t>(sent));
     }
     return 0;
-}
-
-namespace {
-
-// Before each line.
-struct LineHeader {
-    std::uint32_t size;
-    LineKind kind;
-};
-
-} // namespace
-
-int send_line(int socket, LineKind kind, std::string_view text,
-              const std::function<void()>& make_room) {
-    LineHeader header{};
-    header.size = static_cast<std::uint32_t>(text.size());
-    header.kind = kind;
-    iovec parts[2] = {{&header, sizeof header}, {const_cast<char*>(text.data()), text.size()}};
-    msghdr message{};
-    message.msg_iov = parts;
-    message.msg_iovlen = std::size(parts);
-    ssize_t sent = ::sendmsg(socket, &message, MSG_NOSIGNAL | MSG_DONTWAIT);
-    if (sent < 0 && errno != EAGAIN && errno != EINTR)
-        return errno;
-    std::size_t done = sent < 0 ? 0 : static_cast<std::size_t>(sent);
-    if (done == sizeof header + text.size())
-        return 0;
-    make_room();
-    std::string rest(reinterpret_cast<const char*>(&header), sizeof header);
-    rest.append(text);
-    return send_frame(socket, std::string_view(rest).substr(done));
-}
-
-bool LineReceiver::receive(int socket, const Take& take) {
-    constexpr std::size_t at_once = std::size_t{64} << 10;
-    bool any = false;
-    for (;;) {
-        m_buffer.resize(std::max(m_buffer.size(), m_filled + at_once));
-        ssize_t got =
-            ::recv(socket, m_buffer.data() + m_filled, m_buffer.size() - m_filled, MSG_DONTWAIT);
-        if (got < 0 && errno == EINTR)
-            continue;
-        if (got <= 0)
-            return any;
-        any = true;
-        m_filled += static_cast<std::size_t>(got);
-        std::size_t at = 0;
-        LineHeader header{};
-        while (m_filled - at >= sizeof header) {
-            std::memcpy(&header, m_buffer.data() + at, sizeof header);
-            if (header.size > maximal_frame ||
-                (header.kind != LineKind::log && header.kind != LineKind::trace))
-                refuse_frame();
-            if (m_filled - at - sizeof header < header.size)
-                break;
-            take(header.kind, {m_buffer.data() + at + sizeof header, header.size});
-            at += sizeof header + header.size;
-        }
-        std::memmove(m_buffer.data(), m_buffer.data() + at, m_filled - at);
-        m_filled -= at;
-    }
 }
 
 ReceiveResult receive_frame(int socket, std::string& payload) {

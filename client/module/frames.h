@@ -10,13 +10,18 @@
 
 #include <cstddef>
 #include <cstdint>
-#include <functional>
 #include <string>
 #include <string_view>
 #include <variant>
 #include <vector>
 
 namespace qrtln {
+
+// Enough for tens of thousands of DATABASE variables; a longer length is a fault, not a message.
+inline constexpr std::uint32_t maximal_frame = 64U << 20;
+
+// Throws std::runtime_error: what came is nothing that the module's process sends.
+[[noreturn]] void refuse_frame();
 
 enum class FrameKind : std::uint8_t {
     // client to child; each is answered by one `reply`
@@ -32,7 +37,7 @@ enum class FrameKind : std::uint8_t {
     // child to client
     reply = 100, // status, then what the call gave
     notice,      // text for a person; at any time
-    lines,       // there are so many lines that the child waits until they are taken
+    lines,       // there are so many lines that the child waits until some are taken
 };
 
 // Builds one frame.
@@ -73,28 +78,6 @@ class FrameReader {
 int send_frame(int socket, std::string_view frame);
 
 enum class ReceiveResult { frame, closed, failed };
-
-// What the module tells, line by line, goes through a socket of its own, which nobody waits at: to
-// wake the client for each line took as long as what most calls do. Lines that a process leaves
-// when it dies are there still.
-enum class LineKind : std::uint8_t { log = 1, trace };
-
-// Sends a line. Where there is no room for it `make_room` is called first, and must lead to one.
-// Returns as send_frame().
-int send_line(int socket, LineKind kind, std::string_view text,
-              const std::function<void()>& make_room);
-
-class LineReceiver {
-  public:
-    using Take = std::function<void(LineKind, const std::string&)>;
-    // Takes what has been sent, without waiting. Returns whether there was anything. Throws
-    // std::runtime_error for what is no line.
-    bool receive(int socket, const Take& take);
-
-  private:
-    std::vector<char> m_buffer;
-    std::size_t m_filled = 0;
-};
 
 // Receives one frame's payload (kind and fields). `failed` sets errno; a length beyond reason is
 // EBADMSG. Blocks until the frame is whole.

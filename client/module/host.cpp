@@ -72,7 +72,7 @@ ModuleHost::ModuleHost(ModuleOptions options) : m_options(std::move(options)) {
     OwnProcess process = start_own_process(start);
     m_pid = process.pid;
     m_socket = std::move(process.socket);
-    m_lines = std::move(process.lines);
+    m_lines.emplace(process.lines.get());
     m_started_pid = m_pid;
     FrameReader answer(call(start_frame(m_options), "loading " + m_options.module_file));
     if (answer.number() != DB_NUM_I_OK) {
@@ -240,7 +240,7 @@ bool ModuleHost::wait_for_message(Patience& patience, const std::string& doing) 
 
 // Returns whether there were any.
 bool ModuleHost::take_lines() {
-    return m_line_receiver.receive(m_lines.get(), [this](LineKind kind, const std::string& text) {
+    return m_lines->receive([this](LineKind kind, const std::string& text) {
         const auto& callback = kind == LineKind::log ? m_options.on_log : m_options.on_trace;
         if (callback)
             callback(text);
@@ -248,7 +248,7 @@ bool ModuleHost::take_lines() {
 }
 
 void ModuleHost::drop_lines() {
-    (void)m_line_receiver.receive(m_lines.get(), [](LineKind, const std::string&) {});
+    (void)m_lines->receive([](LineKind, const std::string&) {});
 }
 
 void ModuleHost::take_notice(const std::string& payload) {

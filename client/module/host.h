@@ -9,6 +9,7 @@
 #include "client/domino/server_user.h"
 #include "client/module/frames.h"
 #include "client/module/patience.h"
+#include "client/module/told_lines.h"
 #include "qrt_lotus_notes/db_interface.h"
 
 #include <chrono>
@@ -106,8 +107,7 @@ class ModuleHost {
 
     ModuleOptions m_options;
     FileDescriptor m_socket;
-    FileDescriptor m_lines; // nobody waits there: what a call told is taken with its reply
-    LineReceiver m_line_receiver;
+    std::optional<LineReceiver> m_lines; // what a call told is taken with its reply
     pid_t m_pid = -1;
     pid_t m_started_pid = -1;
     bool m_interrupt_forwarded = false;

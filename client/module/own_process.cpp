@@ -6,6 +6,7 @@
 #include "client/base/interrupt.h"
 #include "client/base/output.h"
 #include "client/module/environment.h"
+#include "client/module/told_lines.h"
 
 #include <array>
 #include <cerrno>
@@ -15,6 +16,7 @@
 #include <string_view>
 #include <sys/prctl.h>
 #include <sys/socket.h>
+#include <system_error>
 #include <unistd.h>
 
 namespace qrtln {
@@ -40,6 +42,17 @@ std::pair<FileDescriptor, FileDescriptor> make_socket_pair() {
     return {FileDescriptor(sockets[0]), FileDescriptor(sockets[1])};
 }
 
+// Throws ClientError.
+FileDescriptor make_lines() {
+    try {
+        return make_line_memory();
+    } catch (const std::system_error& failure) {
+        throw ClientError(ExitCode::failed,
+                          std::string("cannot make memory for the module's process: ") +
+                              failure.what());
+    }
+}
+
 [[noreturn]] void start_anew(const OwnProcessStart& start, int socket, int lines, char** words,
                              char** environment, pid_t parent) {
     ::prctl(PR_SET_PDEATHSIG, start.death_signal);
@@ -63,13 +76,12 @@ std::pair<FileDescriptor, FileDescriptor> make_socket_pair() {
 OwnProcess start_own_process(const OwnProcessStart& start) {
     OwnProcess process;
     FileDescriptor its_socket;
-    FileDescriptor its_lines;
     std::tie(process.socket, its_socket) = make_socket_pair();
     if (start.tells_lines)
-        std::tie(process.lines, its_lines) = make_socket_pair();
+        process.lines = make_lines();
     std::vector<std::string> words = {"qrtln", start.word, std::to_string(its_socket.get())};
     if (start.tells_lines)
-        words.push_back(std::to_string(its_lines.get()));
+        words.push_back(std::to_string(process.lines.get()));
     std::vector<std::string> environment = environment_with(start.environment);
     std::vector<char*> arguments = pointers_to(words);
     std::vector<char*> variables = pointers_to(environment);
@@ -79,8 +91,8 @@ OwnProcess start_own_process(const OwnProcessStart& start) {
         InterruptsBlocked blocked;
         process.pid = ::fork();
         if (process.pid == 0)
-            start_anew(start, its_socket.get(), its_lines.get(), arguments.data(), variables.data(),
-                       own_pid);
+            start_anew(start, its_socket.get(), process.lines.get(), arguments.data(),
+                       variables.data(), own_pid);
     }
     if (process.pid < 0)
         throw ClientError(ExitCode::failed, "cannot start a process for the server's library: " +
@@ -94,16 +106,18 @@ bool is_own_process(const char* word, int argc, char** argv) {
 
 namespace {
 
-// The socket that a word names, if this process's parent made it; otherwise -1.
-int socket_of_parent(std::string_view word) {
-    int socket = -1;
-    auto [end, error] = std::from_chars(word.data(), word.data() + word.size(), socket);
+// A descriptor's number; -1 if it is none that a process passes on.
+int descriptor_of(std::string_view word) {
+    int fd = -1;
+    auto [end, error] = std::from_chars(word.data(), word.data() + word.size(), fd);
+    return error == std::errc() && end == word.data() + word.size() && fd > 2 ? fd : -1;
+}
+
+bool is_made_by_parent(int socket) {
     ucred maker{};
     socklen_t size = sizeof maker;
-    const bool is_one = error == std::errc() && end == word.data() + word.size() && socket > 2 &&
-                        ::getsockopt(socket, SOL_SOCKET, SO_PEERCRED, &maker, &size) == 0 &&
-                        maker.pid == ::getppid();
-    return is_one ? socket : -1;
+    return ::getsockopt(socket, SOL_SOCKET, SO_PEERCRED, &maker, &size) == 0 &&
+           maker.pid == ::getppid();
 }
 
 } // namespace
@@ -111,13 +125,15 @@ int socket_of_parent(std::string_view word) {
 int inherited_socket(int argc, char** argv, int* lines) {
     int socket = -1;
     if (argc == (lines != nullptr ? 4 : 3))
-        socket = socket_of_parent(argv[2]);
-    if (socket >= 0 && lines != nullptr && (*lines = socket_of_parent(argv[3])) < 0)
-        socket = -1;
-    if (socket < 0)
+        socket = descriptor_of(argv[2]);
+    if (lines != nullptr && socket >= 0)
+        *lines = descriptor_of(argv[3]);
+    if (!is_made_by_parent(socket) || (lines != nullptr && !is_line_memory(*lines))) {
         print_error(std::string(argv[1]) +
                         " is how qrtln starts a process for the server's library, no command",
                     "`qrtln --help` lists the commands");
+        return -1;
+    }
     return socket;
 }
 

@@ -21,7 +21,7 @@ struct OwnProcessStart {
     const char* word = ""; // the first on its command line; the second is the number of its socket
     std::vector<std::pair<std::string, std::string>> environment; // beside the inherited
     int death_signal = 0;     // sent to it when its parent dies; 0: it notices by itself
-    bool tells_lines = false; // through a second socket: the third on its command line
+    bool tells_lines = false; // it gets memory for them, the third on its command line
     int output = -1;          // its standard output and error; -1: they are inherited
     // Called in its place where it cannot be started, with its end of the socket and the reason.
     void (*cannot_start)(int socket, const std::string& reason) = nullptr;
@@ -41,7 +41,7 @@ OwnProcess start_own_process(const OwnProcessStart& start);
 bool is_own_process(const char* word, int argc, char** argv);
 
 // In such a process: its socket, made by its parent; -1 after an error message when there is none.
-// `lines` gets the second one, and is nullptr where it has none.
+// `lines` gets the memory for lines, and is nullptr where it has none.
 int inherited_socket(int argc, char** argv, int* lines = nullptr);
 
 // In such a process: what it starts itself must not keep the client's locks, nor the socket.

@@ -7,6 +7,7 @@
 #include "client/module/control_variables.h"
 #include "client/module/frames.h"
 #include "client/module/told.h"
+#include "client/module/told_lines.h"
 #include "qrt_lotus_notes/db_interface.h"
 
 #include <array>
@@ -16,6 +17,8 @@
 #include <dlfcn.h>
 #include <fmt/format.h>
 #include <mutex>
+#include <optional>
+#include <poll.h>
 #include <string_view>
 #include <sys/prctl.h>
 #include <thread>
@@ -67,7 +70,7 @@ struct EntryPoints {
 // One for the process: the callbacks of the module carry no argument of ours.
 struct Server {
     int socket = -1;
-    int lines = -1;
+    std::optional<LineSender> lines;
     std::mutex send_mutex; // a trace text may come from the thread that calls DB_Terminate
     EntryPoints module{};
     std::string data_directory;
@@ -88,11 +91,21 @@ void send(const std::string& frame) {
     (void)send_frame(server().socket, frame);
 }
 
+// Asks the client to take lines, and waits for that; false when it is gone.
+bool wait_for_room() {
+    if (send_frame(server().socket, FrameWriter(FrameKind::lines).finish()) != 0)
+        return false;
+    constexpr int looks_again = 1; // millisecond
+    pollfd gone = {server().socket, 0, 0};
+    while (server().lines->is_full())
+        if (::poll(&gone, 1, looks_again) > 0)
+            return false;
+    return true;
+}
+
 void tell(LineKind kind, const char* text) {
     std::lock_guard lock(server().send_mutex);
-    (void)send_line(server().lines, kind, text, [] {
-        (void)send_frame(server().socket, FrameWriter(FrameKind::lines).finish());
-    });
+    server().lines->send(kind, text, wait_for_room);
 }
 
 void reply(int status, const std::vector<std::string>& fields = {}) {
@@ -392,9 +405,11 @@ bool start(pid_t parent) {
 int run_module_process(int argc, char** argv) {
     try {
         const pid_t parent = ::getppid();
-        server().socket = inherited_socket(argc, argv, &server().lines);
+        int lines = -1;
+        server().socket = inherited_socket(argc, argv, &lines);
         if (server().socket < 0)
             return static_cast<int>(ExitCode::usage);
+        server().lines.emplace(lines);
         ::prctl(PR_SET_NAME, "qrtln-module");
         close_on_exec();
         redirect_standard_streams();

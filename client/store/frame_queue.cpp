@@ -6,7 +6,8 @@ namespace qrtln {
 
 namespace {
 
-// Plain bytes under way: enough to keep all busy while the server copies the next database.
+// Memory of plain bytes under way: enough to keep all busy while the server copies the next
+// database.
 constexpr std::size_t most_compressed_bytes = std::size_t{48} << 20;
 
 } // namespace
@@ -24,6 +25,13 @@ std::vector<std::byte> FrameQueue::buffer() {
     return buffer;
 }
 
+void FrameQueue::finish() {
+    m_work.finish();
+    m_buffers = {};
+    for (std::unique_ptr<FrameCompressor>& compressor : m_compressors) // no worker has one now
+        compressor.reset();
+}
+
 void FrameQueue::add(std::vector<std::byte> plain, Take take) {
     struct Frame {
         std::vector<std::byte> plain;
@@ -32,7 +40,7 @@ void FrameQueue::add(std::vector<std::byte> plain, Take take) {
     auto frame = std::make_shared<Frame>();
     frame->plain = std::move(plain);
     m_work.add(
-        frame->plain.size(),
+        frame->plain.capacity(),
         [this, frame](std::size_t worker) {
             std::unique_ptr<FrameCompressor>& compressor = m_compressors[worker];
             if (!compressor)

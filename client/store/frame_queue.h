@@ -23,8 +23,8 @@ class FrameQueue {
     // Takes the plain bytes of the next frame. Waits where many are under way. Throws what the
     // function and the compressor throw, for an earlier frame, too.
     void add(std::vector<std::byte> plain, Take take);
-    // Waits for all frames.
-    void finish() { m_work.finish(); }
+    // Waits for all frames, and gives the memory back that they took.
+    void finish();
 
   private:
     CompressionLevel m_level;

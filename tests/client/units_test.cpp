@@ -8,7 +8,7 @@
 #include "client/domino/point_in_time.h"
 #include "client/module/control_variables.h"
 #include "client/module/environment.h"
-#include "client/module/frames.h"
+#include "client/module/told_lines.h"
 #include "client/recovery/logs.h"
 #include "client/restore/selection.h"
 #include "client/sets/manifest.h"
@@ -17,41 +17,46 @@
 
 #include <ctime>
 #include <sstream>
-#include <sys/socket.h>
 #include <unistd.h>
 
 namespace qrtln::test {
 namespace {
 
-// Of more lines than a socket takes none gets lost.
+// Of more lines than there is room for none gets lost; what the other process writes is not
+// trusted.
 TEST(ToldLines, ComeInTheirOrderHoweverManyThereAre) {
-    int sockets[2];
-    ASSERT_EQ(::socketpair(AF_UNIX, SOCK_STREAM, 0, sockets), 0);
-    const FileDescriptor from(sockets[0]), to(sockets[1]);
-    LineReceiver receiver;
+    const FileDescriptor memory = make_line_memory();
+    EXPECT_TRUE(is_line_memory(memory.get()));
+    EXPECT_NE(::ftruncate(memory.get(), 0), 0);
+    LineSender sender(memory.get());
+    LineReceiver receiver(memory.get());
     std::vector<std::size_t> sizes;
     auto take = [&](LineKind kind, const std::string& text) {
         EXPECT_EQ(kind, sizes.size() % 2 == 0 ? LineKind::log : LineKind::trace);
+        EXPECT_EQ(text, std::string(text.size(), static_cast<char>('a' + sizes.size() % 26)));
         sizes.push_back(text.size());
     };
     int stalls = 0;
     std::vector<std::size_t> sent;
     for (std::size_t i = 0; i < 2000; ++i) {
-        sent.push_back(i * 7919 % 60000);
-        EXPECT_EQ(send_line(from.get(), i % 2 == 0 ? LineKind::log : LineKind::trace,
-                            std::string(sent.back(), 'x'),
-                            [&] {
-                                ++stalls;
-                                EXPECT_TRUE(receiver.receive(to.get(), take));
-                            }),
-                  0);
+        sent.push_back(i == 7 ? 1000000 : i * 7919 % 60000);
+        sender.send(i % 2 == 0 ? LineKind::log : LineKind::trace,
+                    std::string(sent.back(), static_cast<char>('a' + i % 26)), [&] {
+                        ++stalls;
+                        EXPECT_TRUE(sender.is_full());
+                        return receiver.receive(take);
+                    });
     }
-    receiver.receive(to.get(), take);
+    receiver.receive(take);
     EXPECT_EQ(sizes, sent);
     EXPECT_GT(stalls, 100);
-    const std::uint64_t no_line = UINT64_MAX;
-    ASSERT_EQ(::write(from.get(), &no_line, sizeof no_line), 8);
-    EXPECT_THROW(receiver.receive(to.get(), take), std::runtime_error);
+    EXPECT_FALSE(receiver.receive(take));
+    for (std::uint64_t put : {std::uint64_t{1} << 60, std::uint64_t{0}}) { // bytes that are none
+        ASSERT_EQ(::pwrite(memory.get(), &put, sizeof put, 0), 8);
+        EXPECT_THROW(receiver.receive(take), std::runtime_error);
+    }
+    sender.send(static_cast<LineKind>(9), "", [] { return false; });
+    EXPECT_THROW(receiver.receive(take), std::runtime_error);
 }
 
 // The process's time zone, for as long as the object lives.
