@@ -95,10 +95,9 @@ void send(const std::string& frame) {
 bool wait_for_room() {
     if (send_frame(server().socket, FrameWriter(FrameKind::lines).finish()) != 0)
         return false;
-    constexpr int looks_again = 1; // millisecond
     pollfd gone = {server().socket, 0, 0};
     while (server().lines->is_full())
-        if (::poll(&gone, 1, looks_again) > 0)
+        if (::poll(&gone, 1, 1) > 0)
             return false;
     return true;
 }

@@ -4,6 +4,9 @@
 #include <cerrno>
 #include <cstdint>
 #include <cstring>
+#include <fcntl.h>
+#include <linux/magic.h>
+#include <sys/statfs.h>
 
 #include "qrt_lotus_notes/operation_state.h"
 #include "qrt_lotus_notes/qrtln_u/messages.h"
@@ -12,6 +15,25 @@ namespace {
 
 // The server hears how far the copy has got once in so many chunks.
 constexpr DWORD kChunksPerHighWaterMark = 100;
+
+// Below this size the copy is made before a reservation pays.
+constexpr std::uint64_t kSmallestReservation = std::uint64_t{16} << 20;
+
+// Reserves room for the whole copy, so that a disk that has none says so at once, and what else
+// fills it meanwhile does not take it. Returns 0 or an error number: a file system that knows no
+// reservations just does without, and one in memory, which would touch everything twice.
+int reserveRoom(FILE* copy, DWORD dwFileSizeLow, DWORD dwFileSizeHigh) {
+    const std::uint64_t size = std::uint64_t{dwFileSizeHigh} << 32 | dwFileSizeLow;
+    struct statfs place;
+    if (size < kSmallestReservation || size > std::uint64_t{INT64_MAX} ||
+        fstatfs(fileno(copy), &place) != 0 || place.f_type == TMPFS_MAGIC) {
+        return 0;
+    }
+    // Not run by a test: a copy of this size on a disk.
+    const int error =
+        fallocate(fileno(copy), FALLOC_FL_KEEP_SIZE, 0, static_cast<off_t>(size)) != 0 ? errno : 0;
+    return error == ENOSPC || error == EDQUOT ? error : 0;
+}
 
 // Reads one chunk. What the server cuts off the file during the copy is recorded like every other
 // change: zeros stand for it, never what was in the buffer before.
@@ -76,7 +98,10 @@ int copyDatabase(DatabaseCopy& copy, DWORD dwFileSizeLow, DWORD dwFileSizeHigh) 
 
 int copyAndClose(DatabaseCopy& course, TemporaryCopyGuard& copy, DWORD dwFileSizeLow,
                  DWORD dwFileSizeHigh) {
-    const int status = copyDatabase(course, dwFileSizeLow, dwFileSizeHigh);
+    int status = reserveRoom(course.dstfd, dwFileSizeLow, dwFileSizeHigh);
+    if (status == 0) {
+        status = copyDatabase(course, dwFileSizeLow, dwFileSizeHigh);
+    }
     const int closeError = copy.closeStream();
     return status != 0 ? status : closeError;
 }
