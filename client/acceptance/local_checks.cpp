@@ -12,6 +12,8 @@
 #include "client/domino/server_lock.h"
 #include "client/domino/server_user.h"
 #include "client/module/temporary_directory.h"
+#include "client/sets/catalogue.h"
+#include "client/sets/log_chain.h"
 #include "client/store/canonical_json.h"
 #include "client/store/store.h"
 
@@ -174,11 +176,37 @@ class Checks {
             std::string other = other_log_archive(m_ini, *opened);
             add("store", other.empty() ? Verdict::ok : Verdict::stop,
                 other.empty() ? "this store may archive its logs" : other);
+            chain(*opened);
         } catch (const ClientError& failure) {
             if (failure.exit_code() != static_cast<int>(ExitCode::no_store))
                 throw;
             add("store", Verdict::told, failure.what());
         }
+    }
+
+    // What the next backup builds on, and whether it has room.
+    void chain(Store& store) {
+        if (std::optional<std::uint64_t> free = free_bytes(store.location()))
+            add("store", Verdict::ok, human_bytes(*free) + " free where the store lies");
+        const std::string newest = newest_set(store, m_ini.sets);
+        if (newest.empty())
+            return add("chain", Verdict::ok, "no set of this server yet");
+        const CatalogueEntry entry = load_set(store, newest, m_ini.sets);
+        if (!entry.manifest)
+            return add("chain", Verdict::told,
+                       fmt::format("the manifest of the newest set {} {}: take a full backup",
+                                   newest, entry.problem));
+        const Manifest& manifest = *entry.manifest;
+        std::string text = fmt::format("the newest set {} of {} is {}", newest,
+                                       utc_time(complete_at(manifest)), status_text(manifest));
+        for (const LogGap& gap : manifest.log_gaps)
+            text += "; " + describe(gap);
+        const bool has_base = find_base(store, m_ini.sets).has_value();
+        const bool needs_full = !has_base || !manifest.log_gaps.empty();
+        if (!has_base)
+            text += "; no complete full set of the whole server to build on";
+        add("chain", needs_full || !manifest.complete ? Verdict::told : Verdict::ok,
+            text + (needs_full ? ": take a full backup" : ""));
     }
 
     Report& m_report;

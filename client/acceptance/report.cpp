@@ -16,9 +16,14 @@ namespace {
 using nlohmann::json;
 
 constexpr std::array verdict_names = {"ok", "told", "stop"};
-constexpr std::array step_names = {
-    "without the server's library", "the library starts and ends", "names and times",  "databases",
-    "the transaction log",          "the test database",           "archiving one log"};
+constexpr std::array step_names = {"without the server's library",
+                                   "the library starts and ends",
+                                   "names and times",
+                                   "databases",
+                                   "the transaction log",
+                                   "the test database",
+                                   "archiving one log",
+                                   "a backup of the smallest database"};
 
 const char* name_of(Verdict verdict) {
     return verdict_names.at(static_cast<std::size_t>(verdict));
@@ -131,7 +136,8 @@ void Report::end(int exit_code, const std::string& conclusion) const {
     json left_out = json::array();
     for (const auto& [what, why] : m_not_tried)
         left_out.push_back({{"what", what}, {"why", why}});
-    print_json({{"title", m_title},
+    print_json({{"command", "check"},
+                {"title", m_title},
                 {"exit_code", exit_code},
                 {"status", m_stopped      ? "stopped"
                            : m_incomplete ? "incomplete"

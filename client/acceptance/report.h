@@ -17,6 +17,7 @@ enum class Step {
     log_style,
     test_database,
     logs,
+    trial,
 };
 
 enum class Verdict {

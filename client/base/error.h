@@ -19,7 +19,9 @@ enum class ExitCode {
     no_store = 10,
     locked = 11,
     no_permission = 12, // this user may not read or write what is in the store, or run the module
+    no_such = 13,       // no set or database of that name
     server_error = 14,  // the module or the server's library failed
+    remote_failed = 15, // the store lies elsewhere, and that place failed
     logs_missing = 16,  // a set was stored, but the chain of transaction logs has a gap
     interrupted = 128,  // plus the number of the signal
 };

@@ -49,7 +49,7 @@ class BackupRun {
     bool takes_all() const { return m_request.level == "full" && m_request.arguments.empty(); }
     int forget();
     int report();
-    void print_report(int code) const;
+    void report(int code) const;
 
     const BackupOptions& m_options;
     CommandServer m_server;
@@ -194,7 +194,7 @@ int BackupRun::report() {
     if (code == 0 && m_options.forget)
         code = forget();
     try {
-        print_report(code);
+        report(code);
     } catch (const ClientError& failure) {
         print_error(failure.what() + std::string("; the backup ended with exit code ") +
                         std::to_string(code),
@@ -203,11 +203,12 @@ int BackupRun::report() {
     return code;
 }
 
-void BackupRun::print_report(int code) const {
+void BackupRun::report(int code) const {
     const std::optional<Manifest>& first = m_first->set();
     if (!m_options.json) {
-        print_output((first ? set_lines(*first) : "") + set_lines(m_manifest) +
-                     (m_forgotten ? forgetting_text(*m_forgotten) : ""));
+        print_report((first ? set_lines(*first) : "") + set_lines(m_manifest) +
+                         (m_forgotten ? forgetting_text(*m_forgotten) : ""),
+                     code);
         return;
     }
     nlohmann::json document = set_summary(m_manifest);

@@ -1,3 +1,4 @@
+#include "client/acceptance/backup_trial.h"
 #include "client/acceptance/database_trial.h"
 #include "client/acceptance/local_checks.h"
 #include "client/acceptance/probe_runner.h"
@@ -22,6 +23,7 @@
 #include <algorithm>
 #include <array>
 #include <ctime>
+#include <filesystem>
 #include <fmt/format.h>
 #include <iostream>
 #include <strings.h>
@@ -146,6 +148,7 @@ class Check {
     void name_databases(const std::vector<std::string>& paths, const std::string& test_database);
     bool look();
     void keep_copies(TemporaryDirectory& folder);
+    void save_smallest();
     bool try_database();
     bool try_logs();
     void say_what_was_left_out();
@@ -189,6 +192,27 @@ void Check::keep_copies(TemporaryDirectory& folder) {
         m_report.add_at_interruption(finding);
     else
         m_report.add(finding);
+}
+
+// Through the commands themselves, each a process of its own.
+void Check::save_smallest() {
+    const NamedDatabase* smallest = nullptr;
+    std::uintmax_t size = UINTMAX_MAX;
+    for (const NamedDatabase& database : m_request.databases) {
+        std::error_code error;
+        const std::uintmax_t its = std::filesystem::file_size(database.path, error);
+        if (!error && its < size) {
+            smallest = &database;
+            size = its;
+        }
+    }
+    if (smallest == nullptr)
+        return;
+    TemporaryDirectory folder(m_options.tmp_dir, m_request.ini.data_directory);
+    BackupTrial trial{m_request.ini.file, folder.path(), {}, smallest->path, smallest->shown};
+    if (m_options.as_other_user)
+        trial.more.emplace_back("--as-other-user");
+    try_backup(m_report, trial);
 }
 
 bool Check::try_database() {
@@ -242,9 +266,11 @@ int Check::run(const std::string& test_database) {
     FileDescriptor lock; // a backup would meet what these two begin on the server
     if (!m_report.stopped() && (m_options.logs || !m_options.database.empty()))
         lock = lock_server(m_request.ini);
-    if (m_options.try_library && !m_report.stopped())
-        (void)(look() && (m_options.database.empty() || try_database()) &&
-               (!m_options.logs || try_logs()));
+    if (m_options.try_library && !m_report.stopped() && look() &&
+        (m_options.database.empty() || try_database()) && (!m_options.logs || try_logs())) {
+        lock.reset(); // what follows is a run like any other
+        save_smallest();
+    }
     say_what_was_left_out();
     if (m_options.no_names)
         for (const NamedDatabase& database : m_request.databases)

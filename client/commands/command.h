@@ -49,8 +49,10 @@ inline constexpr const char* exit_codes = R"(Exit codes:
   0  complete                    10  no store at the given folder
   1  failed                      11  another process uses the store
   2  wrong usage                 12  this user may not use a file of the store, or run the server's library
-  3  some items failed           14  the module or the server's library failed
-  4  damage found                16  transaction logs are missing: after a backup, which is stored
+  3  some items failed           13  no set or database of that name
+  4  damage found                14  the module or the server's library failed
+                                 15  the place elsewhere where the store lies failed
+                                 16  transaction logs are missing: after a backup, which is stored
                                      all the same, take a full one; recover: to an earlier time
                            129, 130, 143  interrupted (SIGHUP, SIGINT, SIGTERM)
 )";

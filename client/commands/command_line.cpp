@@ -5,8 +5,10 @@
 #include "client/base/output.h"
 #include "client/base/text.h"
 #include "client/base/version.h"
+#include "client/commands/settings.h"
 #include "client/store/store.h"
 
+#include <algorithm>
 #include <cstdio>
 #include <fmt/format.h>
 #include <new>
@@ -30,7 +32,16 @@ std::vector<std::string> without_lists(int argc, char** argv) {
     return arguments;
 }
 
-void add_commands(CLI::App& app, std::span<const Command* const> commands, CommandRuns& runs) {
+std::vector<CLI::App*> commands_of(CLI::App& app) {
+    return app.get_subcommands([](CLI::App*) { return true; });
+}
+
+std::vector<const CLI::App*> commands_of(const CLI::App& app) {
+    return app.get_subcommands([](const CLI::App*) { return true; });
+}
+
+void add_commands(CLI::App& app, std::span<const Command* const> commands, CommandRuns& runs,
+                  CommonOptions& common) {
     app.set_version_flag("--version", fmt::format("qrtln {}", client_version()));
     app.require_subcommand(1);
     app.footer(exit_codes);
@@ -38,11 +49,10 @@ void add_commands(CLI::App& app, std::span<const Command* const> commands, Comma
         CLI::App& added = *app.add_subcommand(command->name, command->help);
         added.footer(command->codes);
         command->add(added, runs);
+        for (CLI::App* runnable :
+             commands_of(added).empty() ? std::vector{&added} : commands_of(added))
+            add_common_options(*runnable, common);
     }
-}
-
-std::vector<const CLI::App*> commands_of(const CLI::App& app) {
-    return app.get_subcommands([](const CLI::App*) { return true; });
 }
 
 const CLI::App* find_command(const CLI::App& app, const std::string& name) {
@@ -97,52 +107,87 @@ bool print_help(const CLI::App& app, const std::vector<std::string>& arguments) 
     return true;
 }
 
-// Returns the exit code where the command line ends here: with help, the version, or wrong usage.
-std::optional<int> parse(CLI::App& app, const std::vector<std::string>& texts) {
-    std::vector<const char*> arguments;
-    for (const std::string& text : texts)
-        arguments.push_back(text.c_str());
-    try {
-        app.parse(static_cast<int>(arguments.size()), arguments.data());
-        return std::nullopt;
-    } catch (const CLI::ParseError& error) {
-        // 0 is --help or --version; everything else is wrong usage.
-        if (error.get_exit_code() != 0)
-            if (std::string meant = probably_meant(app, texts); !meant.empty())
-                print_error(meant, "");
-        return app.exit(error) == 0 ? 0 : static_cast<int>(ExitCode::usage);
-    }
+bool asks_for_json(const std::vector<std::string>& texts) {
+    return std::find(texts.begin(), std::find(texts.begin(), texts.end(), "--"), "--json") !=
+           std::find(texts.begin(), texts.end(), "--");
+}
+
+// What was wrong with the command line, and what helps.
+void report_usage(CLI::App& app, const CLI::ParseError& error,
+                  const std::vector<std::string>& texts, const std::string& origins) {
+    std::string hint;
+    if (!origins.empty())
+        hint = "set elsewhere: " + origins;
+    if (dynamic_cast<const CLI::RequiredError*>(&error) != nullptr)
+        hint = fmt::format("give it, set QRTLN_NAME in the environment, or write it into {}",
+                           usual_configuration_file);
+    const std::string meant = probably_meant(app, texts);
+    if (!meant.empty())
+        print_error(meant, "");
+    (void)app.exit(error);
+    if (!hint.empty())
+        print_message("  hint: " + hint);
+    if (asks_for_json(texts))
+        print_json_error(static_cast<int>(ExitCode::usage), error.what(),
+                         meant.empty() ? hint : meant);
+}
+
+ProgressStyle progress_style(const std::string& word) {
+    return word == "always"  ? ProgressStyle::always
+           : word == "lines" ? ProgressStyle::lines
+           : word == "never" ? ProgressStyle::never
+                             : ProgressStyle::automatic;
 }
 
 void report_failure(bool json, int code, const std::string& message, const std::string& hint) {
     print_error(message, hint);
     if (!json)
         return;
-    nlohmann::json document = {
-        {"exit_code", code}, {"status", "failed"}, {"error", printable_utf8(message)}};
-    if (!hint.empty())
-        document["hint"] = printable_utf8(hint);
     try {
-        print_json(document);
+        print_json_error(code, message, hint);
     } catch (const ClientError& failure) {
         print_error(failure.what(), "");
     }
 }
 
-int run_and_report(const CommandRuns& runs) {
-    constexpr int failed = static_cast<int>(ExitCode::failed);
+int run_typed(CLI::App& app, const CommandRuns& runs, const CommonOptions& common,
+              const std::vector<std::string>& texts) {
+    Settings settings(app);
+    const std::vector<std::string> completed = settings.complete(texts);
+    std::vector<const char*> arguments;
+    for (const std::string& text : completed)
+        arguments.push_back(text.c_str());
     try {
-        return runs.run_typed();
+        app.parse(static_cast<int>(arguments.size()), arguments.data());
+    } catch (const CLI::ParseError& error) {
+        if (error.get_exit_code() == 0) // --help or --version
+            return app.exit(error);
+        report_usage(app, error, texts, settings.origins());
+        return static_cast<int>(ExitCode::usage);
+    }
+    configure_output(progress_style(common.progress), common.quiet);
+    if (common.show_config) {
+        settings.print(runs.json());
+        return static_cast<int>(ExitCode::complete);
+    }
+    return runs.run_typed();
+}
+
+int run_and_report(CLI::App& app, const CommandRuns& runs, const CommonOptions& common,
+                   const std::vector<std::string>& texts) {
+    constexpr int failed = static_cast<int>(ExitCode::failed);
+    const bool json = asks_for_json(texts);
+    try {
+        return run_typed(app, runs, common, texts);
     } catch (const ClientError& failure) {
         std::string vanished = vanished_store_hint();
-        report_failure(runs.json(), failure.exit_code(), failure.what(),
+        report_failure(json, failure.exit_code(), failure.what(),
                        vanished.empty() ? failure.hint() : vanished);
         return failure.exit_code();
     } catch (const std::bad_alloc&) {
-        report_failure(runs.json(), failed, "out of memory", "");
+        report_failure(json, failed, "out of memory", "");
     } catch (const std::exception& failure) {
-        report_failure(runs.json(), failed, std::string("unexpected failure: ") + failure.what(),
-                       "");
+        report_failure(json, failed, std::string("unexpected failure: ") + failure.what(), "");
     }
     return failed;
 }
@@ -150,15 +195,15 @@ int run_and_report(const CommandRuns& runs) {
 } // namespace
 
 int run_command_line(std::span<const Command* const> commands, int argc, char** argv) {
+    configure_output(ProgressStyle::automatic, false); // until its options are read
     CLI::App app(program_help, "qrtln");
     CommandRuns runs;
-    add_commands(app, commands, runs);
+    CommonOptions common;
+    add_commands(app, commands, runs, common);
     const std::vector<std::string> texts = without_lists(argc, argv);
     if (print_help(app, texts))
         return static_cast<int>(ExitCode::complete);
-    if (std::optional<int> ended = parse(app, texts))
-        return *ended;
-    return run_and_report(runs);
+    return run_and_report(app, runs, common, texts);
 }
 
 } // namespace qrtln

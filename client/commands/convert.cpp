@@ -46,7 +46,7 @@ int report(const ConvertedSets& done, bool json) {
     text += fmt::format("{} sets are in the format of this release: {} contents converted, {} "
                         "freed\n",
                         done.sets, done.contents, human_bytes(done.freed_bytes));
-    print_output(text);
+    print_report(text, code);
     return code;
 }
 

@@ -235,7 +235,7 @@ int DocumentsCommand::report(const DocumentsResult& result) const {
                                 m_request.since.time,
                                 bring_back()};
     m_options.json ? print_json(documents_json(result, told))
-                   : print_output(documents_text(result, told));
+                   : print_report(documents_text(result, told), exit_code_of(result));
     if (result.failure)
         print_error(result.failure->what(),
                     told.bring_back.empty() ? "run the same command again for the rest"

@@ -285,7 +285,7 @@ int Extraction::report(bool json) const {
                 "may have a\nwhole copy\n";
     if (!m_failed.empty())
         text += std::to_string(m_failed.size()) + " failed, see above\n";
-    print_output(text);
+    print_report(text, exit_code());
     return exit_code();
 }
 

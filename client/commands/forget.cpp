@@ -35,7 +35,8 @@ int run_forget(const ForgetOptions& options) {
     if (options.json)
         print_json(forgetting_json(done));
     else
-        print_output(forgetting_text(done));
+        options.request.dry_run ? print_output(forgetting_text(done))
+                                : print_report(forgetting_text(done), 0);
     return 0;
 }
 

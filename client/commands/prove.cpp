@@ -231,7 +231,7 @@ int report(const ProveOptions& options, const Target& target, const Proof& proof
                     {"failures", failures},
                     {"exit_code", code}});
     else
-        print_output(text);
+        print_report(text, code);
     return code;
 }
 

@@ -226,7 +226,7 @@ int report(const RecoverOptions& options, const RecoveryRequest& request,
                     {"attachment_objects", needed_objects_json(objects)},
                     {"exit_code", code}});
     else
-        print_output(recovery_text(result, request.to) + needed_objects_text(objects));
+        print_report(recovery_text(result, request.to) + needed_objects_text(objects), code);
     return code;
 }
 

@@ -174,8 +174,9 @@ int RestoreRun::restore() {
     m_document["exit_code"] = code;
     m_document["result"] = restore_json(result);
     m_options.json ? print_json(m_document)
-                   : print_output(restore_text(result) + taken_text(m_plan, result) +
-                                  needed_objects_text(m_objects) + left_out_text());
+                   : print_report(restore_text(result) + taken_text(m_plan, result) +
+                                      needed_objects_text(m_objects) + left_out_text(),
+                                  code);
     return code;
 }
 

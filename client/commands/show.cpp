@@ -97,7 +97,11 @@ int run_show(const ShowOptions& options) {
     Manifest manifest = require_set(*store, options.set);
     if (options.json) {
         // The manifest is the document: one form for scripts.
-        print_output(json_for_terminal(serialize(manifest)));
+        nlohmann::json document = nlohmann::json::parse(serialize(manifest));
+        document.erase("checksum"); // of the file
+        document["command"] = "show";
+        document["exit_code"] = 0;
+        print_json(std::move(document));
         return 0;
     }
     const std::string notes = notes_text(manifest);

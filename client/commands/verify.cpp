@@ -73,7 +73,7 @@ int report(const Verification& result, bool json) {
         result.objects, result.contents, result.packs, human_bytes(result.bytes),
         result.damage.empty() ? "no damage" : std::to_string(result.damage.size()) + " damaged",
         result.denied.empty() ? "" : fmt::format(", {} not checked", result.denied.size()));
-    print_output(text);
+    print_report(text, code);
     return code;
 }
 

@@ -233,6 +233,7 @@ bool ModuleHost::wait_for_message(Patience& patience, const std::string& doing) 
                               "cannot wait for the module: " + system_error_text(errno));
         if ((ready[0].revents & (POLLIN | POLLHUP | POLLERR)) != 0)
             return true;
+        Progress::tick();
         if (take_lines())
             patience.heard(Patience::Clock::now());
     }

@@ -11,6 +11,7 @@
 #include <array>
 #include <cerrno>
 #include <charconv>
+#include <csignal>
 #include <cstdio>
 #include <fcntl.h>
 #include <string_view>
@@ -62,6 +63,7 @@ FileDescriptor make_lines() {
         ::dup2(start.output, STDOUT_FILENO);
         ::dup2(start.output, STDERR_FILENO);
     }
+    std::signal(SIGUSR1, SIG_IGN); // who asks for the progress may ask all processes of a service
     ::fcntl(socket, F_SETFD, 0);
     if (lines >= 0)
         ::fcntl(lines, F_SETFD, 0);

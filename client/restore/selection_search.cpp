@@ -92,7 +92,7 @@ void require_found(const SelectionSearch& search) {
     auto refuse = [&](const std::string& problem, const std::string& first,
                       const std::string& advice) {
         OtherServers others = other_servers(search.store, search.scope);
-        throw ClientError(ExitCode::failed,
+        throw ClientError(ExitCode::no_such,
                           problem + first + (others.what.empty() ? "" : "; " + others.what),
                           (first.empty() ? advice : "take that time or a later one") +
                               (others.hint.empty() ? "" : "; " + others.hint));

@@ -48,7 +48,7 @@ struct SelectionSearch {
     std::int64_t late_copy(const Manifest& manifest, const ManifestItem& item) const;
 };
 
-// Throws ClientError(failed) when a name is in no set, or no set covers the whole system, with the
+// Throws ClientError(no_such) when a name is in no set, or no set covers the whole system, with the
 // first set or moment that would do.
 void require_found(const SelectionSearch& search);
 

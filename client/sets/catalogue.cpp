@@ -72,7 +72,7 @@ CatalogueEntry load_set(Store& store, const std::string& set, const ServerScope&
 std::string resolve_set(Store& store, const std::string& given, const ServerScope* scope) {
     std::vector<std::string> names = store.set_names();
     if (names.empty())
-        throw ClientError(ExitCode::failed, store.description() + " has no sets",
+        throw ClientError(ExitCode::no_such, store.description() + " has no sets",
                           "`qrtln backup` stores one");
     if (given == "latest" && scope == nullptr)
         return names.back();
@@ -80,7 +80,7 @@ std::string resolve_set(Store& store, const std::string& given, const ServerScop
         std::string newest = newest_set(store, *scope);
         OtherServers others = newest.empty() ? other_servers(store, *scope) : OtherServers{};
         if (newest.empty())
-            throw ClientError(ExitCode::failed,
+            throw ClientError(ExitCode::no_such,
                               store.description() + " has no set of this server: " + others.what,
                               others.hint);
         return newest;
@@ -95,7 +95,7 @@ std::string resolve_set(Store& store, const std::string& given, const ServerScop
         return matches[0];
     std::string text = for_terminal(given);
     if (matches.empty())
-        throw ClientError(ExitCode::failed, store.description() + " has no set '" + text + "'",
+        throw ClientError(ExitCode::no_such, store.description() + " has no set '" + text + "'",
                           "`qrtln list` shows the sets; \"latest\" names the newest");
     throw ClientError(ExitCode::failed,
                       "'" + text + "' is the beginning of " + std::to_string(matches.size()) +

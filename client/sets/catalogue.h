@@ -35,7 +35,7 @@ struct OtherServers {
 OtherServers other_servers(Store& store, const ServerScope& scope);
 
 // The full name for "latest" (of a server, where there is a scope), a set's name, or a prefix that
-// only one set has. Throws ClientError(failed) that says what there is.
+// only one set has. Throws ClientError, no_such or failed, that says what there is.
 std::string resolve_set(Store& store, const std::string& given, const ServerScope* scope = nullptr);
 
 // The manifest of the set that `given` names, as above; with a scope its paths are where the data

@@ -18,7 +18,7 @@ std::vector<const ManifestItem*> items_named(const Manifest& manifest, const std
     if (!items.empty())
         return items;
     std::string hint = base_hint(manifest, command);
-    throw ClientError(ExitCode::failed,
+    throw ClientError(ExitCode::no_such,
                       "the set " + manifest.set + " does not hold '" + for_terminal(given) + "' (" +
                           for_terminal(path) + ")",
                       hint.empty() ? "relative names are below the data directory; `qrtln show` "

@@ -9,7 +9,7 @@
 namespace qrtln {
 
 // The items with the path `given`, or below it, in the order of the set: a full path, or one
-// relative to the data directory that the set recorded. Throws ClientError(failed) when there is
+// relative to the data directory that the set recorded. Throws ClientError(no_such) when there is
 // none; the hint of an incremental set has `command` for the set that it builds on.
 std::vector<const ManifestItem*> items_named(const Manifest& manifest, const std::string& given,
                                              const std::string& command);

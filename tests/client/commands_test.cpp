@@ -165,7 +165,7 @@ TEST_F(Commands, AFailureOfTheModuleLeavesStoreAndServerAsTheyWere) {
     backup(0, "copy");
     const auto before = stored();
     for (const auto& [environment, message] : cases) {
-        EXPECT_EQ(backup(14, "full", {}, message, environment)["exit_code"], 14);
+        EXPECT_EQ(backup(14, "full", {}, message, environment)["code"], 14);
         EXPECT_EQ(stored(), before);
         EXPECT_EQ(extents(), logs);
     }
@@ -190,7 +190,7 @@ TEST_F(Commands, ASignalWhileTheModuleIsBusyEndsTheRunCleanly) {
         write_file(go, "");
         const Outcome outcome = client.wait();
         EXPECT_EQ(outcome.exit_code, 128 + signal) << outcome.errors;
-        EXPECT_EQ(json::parse(outcome.output)["exit_code"], 128 + signal);
+        EXPECT_EQ(json::parse(outcome.output)["code"], 128 + signal);
         EXPECT_EQ(stored(), before);
         EXPECT_EQ(extents(), logs);
         EXPECT_TRUE(fs::is_empty(m_tmp));
@@ -277,7 +277,7 @@ TEST_F(Commands, WrongPlacesAndUsesHaveTheirExitCodes) {
                     AllOf(HasSubstr(" bytes) free, the database "), HasSubstr("hint: make room")));
     }
     backup(0, "copy");
-    EXPECT_EQ(on_store({"show", "2001"}).exit_code, 1);
+    EXPECT_EQ(on_store({"show", "2001"}).exit_code, 13);
     EXPECT_EQ(run_client({"list"}, {{"QRTLN_STORE", m_store}}).exit_code, 0);
     auto lock = open_directory_store(m_store, StoreAccess::write);
     for (const Words& words : {Words{"backup"}, {"restore", "names.nsf", "--activate"}})

@@ -84,7 +84,7 @@ TEST_F(Recover, ToAMomentBringsWhatWasCommittedUpToItAndNothingElse) {
     put("mail/user1.nsf", "--text after");
     const auto before = live();
     const std::tuple<std::string, int, const char*> refused[] = {
-        {"2001-01-01 00:00", 1, "before --to 2000-12-31T23:00:00Z"},
+        {"2001-01-01 00:00", 13, "before --to 2000-12-31T23:00:00Z"},
         {utc_time(std::time(nullptr) + 3600), 2, "still to come"},
         {"20251026T003000Z", 2, "2025-10-26T01:59:59+02:00 or before"},
     };
@@ -254,7 +254,7 @@ TEST_F(Recover, AProofTouchesNoLiveDatabaseAndIsReplacedByTheNext) {
     const json done = prove(0);
     EXPECT_EQ(done["databases"], 6);
     EXPECT_LE(done["recovered_to"], done["time"]);
-    EXPECT_EQ(list()[1]["proven"], "-");
+    EXPECT_FALSE(list()[1].contains("proven"));
     flip(full, m_user2);
     EXPECT_EQ(prove(4)["failures"][0]["path"], m_user2);
     flip(full, m_user2); // back
@@ -266,7 +266,7 @@ TEST_F(Recover, AProofTouchesNoLiveDatabaseAndIsReplacedByTheNext) {
     m_store = m_scratch / "second";
     write_file(m_data + "/broken.nsf", "no database");
     backup(3, "full", {"--take-over"});
-    run(1, {"prove"}); // the server cannot be recovered from that
+    run(13, {"prove"}); // the server cannot be recovered from that
     EXPECT_EQ(run(3, {"prove", "latest"})["failures"][0]["path"], m_data + "/broken.nsf");
 }
 

@@ -149,9 +149,9 @@ TEST_F(Restore, WhatMakesNoSenseOrIsNoPlaceForARestoreIsRefused) {
                                {"--all", "--set", "latest", "--at", "2026-01-01 00:00"},
                                {"--all", "--at", "2026-02-30 00:00"}})
         restore(2, words);
-    restore(1, {"mail/nobody.nsf"}, "mail/nobody.nsf");
+    restore(13, {"mail/nobody.nsf"}, "mail/nobody.nsf");
     for (const char* what : {"--all", "mail"}) // the earliest set, with a time that takes it
-        restore(1, {what, "--at", "2001-01-01 00:00"}, list()[0]["ended"]);
+        restore(13, {what, "--at", "2001-01-01 00:00"}, list()[0]["ended"]);
     SmallFileSystem small(m_scratch / "small", 300'000);
     if (small.mounted())
         restore(1, {"--all", "--to", m_scratch / "small/to"}, "nothing was written");
@@ -195,7 +195,7 @@ TEST_F(Restore, TheWholeSystemComesBackFromTheFullSetAndWhatFollowedIt) {
     };
     EXPECT_EQ(chosen({"names.nsf", "--at", list()[0]["ended"]}), base);
     EXPECT_EQ(chosen({"mail/user1.nsf"}), second);
-    restore(1, {"names.nsf", "--set", second});
+    restore(13, {"names.nsf", "--set", second});
     restore(1, {"--all", "--set", second}, "--at " + second.substr(0, 16));
 }
 
@@ -226,7 +226,7 @@ TEST_F(Restore, AnotherServersSetsAreTakenOnlyWhenTheyAreNamed) {
     // Two hosts with one data path: each has sets, an index and owed databases of its own.
     const Words mail2 = {"--server", "mail2"};
     for (const char* command : {"restore", "recover"})
-        run(1, {command, "names.nsf", "--server", "mail2"}, "--from-server " + host_name());
+        run(13, {command, "names.nsf", "--server", "mail2"}, "--from-server " + host_name());
     backup(1, "incr", mail2); // builds on no other's
     restore(1, {"names.nsf", "--set", set, "--activate", "--server", "mail2"});
     EXPECT_EQ(snapshot(m_data), live);
@@ -235,14 +235,14 @@ TEST_F(Restore, AnotherServersSetsAreTakenOnlyWhenTheyAreNamed) {
     EXPECT_TRUE(fs::exists(m_store + "/runtime/servers/mail2/qrtln_DBIID.ini"));
     EXPECT_FALSE(fs::exists(m_store + "/runtime/qrtln_DBIID.ini"));
     run(0, {"prove", "--server", "mail2"});
-    EXPECT_EQ(list()[0]["proven"], "-");
+    EXPECT_FALSE(list()[0].contains("proven"));
     restore(0, {"names.nsf", "--server", "mail2", "--from-server", host_name(), "--dry-run"});
     const std::string data = std::exchange(m_data, m_scratch / "other/data");
     m_server = m_scratch / "other";
     init("");
     const auto before = snapshot(m_data);
     const std::string moved = data + "=" + m_data;
-    restore(1, {"names.nsf", "--activate"}, "--data-directory " + moved);
+    restore(13, {"names.nsf", "--activate"}, "--data-directory " + moved);
     restore(2, {"names.nsf", "--activate", "--data-directory", data + "=/elsewhere"});
     restore(0, {"names.nsf", "--set", set, "--to", m_scratch / "to"});
     EXPECT_EQ(read_file(m_scratch / "to" + data + "/names.nsf"), read_file(data + "/names.nsf"));

@@ -4,8 +4,10 @@
 #include "tests/support/files.h"
 #include "tests/support/program.h"
 
+#include <fmt/format.h>
 #include <gmock/gmock.h>
 #include <sys/mount.h>
+#include <unistd.h>
 
 namespace qrtln::test {
 
@@ -47,13 +49,29 @@ inline Program start_client(Words words, Environment environment = {}) {
     words.insert(words.begin(), QRTLN_EXECUTABLE);
     environment.insert({{"QRTLN_STORE", ""},
                         {"QRTLN_MODULE", ""},
+                        {"QRTLN_CONFIG", "/dev/null"},
                         {"TMPDIR", ""},
                         {"Notes_ExecDirectory", QRTLN_SIMULATOR_DIRECTORY}});
     return Program(std::move(words), environment);
 }
 
+// Lines of JSON go where all of them are held against docs/schemas; the last tells how it ended.
+inline void look_at_json(const Words& words, const Outcome& outcome) {
+    if (std::find(words.begin(), words.end(), "--json") == words.end() || outcome.exit_code < 0)
+        return;
+    static int runs = 0;
+    fs::create_directories(QRTLN_JSON_LINES);
+    write_file(fmt::format("{}/{}-{}", QRTLN_JSON_LINES, ::getpid(), ++runs), outcome.output);
+    const nlohmann::json last = outcome.document();
+    const bool summary = last.value("message_type", "") == "summary";
+    EXPECT_EQ(last.value(summary ? "exit_code" : "code", -1), outcome.exit_code)
+        << testing::PrintToString(words) << outcome.output;
+}
+
 inline Outcome run_client(const Words& words, const Environment& environment = {}) {
-    return start_client(words, environment).wait();
+    Outcome outcome = start_client(words, environment).wait();
+    look_at_json(words, outcome);
+    return outcome;
 }
 
 } // namespace qrtln::test

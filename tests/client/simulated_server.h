@@ -85,7 +85,7 @@ class OverTheSimulator : public testing::Test {
         EXPECT_THAT(m_errors, HasSubstr(says)) << testing::PrintToString(words);
         EXPECT_THAT(private_folders(), testing::IsSubsetOf(before))
             << testing::PrintToString(words);
-        return outcome.output.empty() ? json() : json::parse(outcome.output);
+        return outcome.document();
     }
     // What runs have for themselves below --tmp-dir: their process ids are in the names. Copies
     // that wait for a second command are in others.
@@ -118,7 +118,7 @@ class OverTheSimulator : public testing::Test {
     int verify() const { return on_store({"verify"}).exit_code; }
     std::string owed() const { return read_file(m_store + "/runtime/owed.jsonl"); }
     std::string index() const { return read_file(m_store + "/runtime/qrtln_DBIID.ini"); }
-    json list() const { return json::parse(on_store({"list", "--json"}).output)["sets"]; }
+    json list() const { return on_store({"list", "--json"}).document()["sets"]; }
 
     Manifest manifest(const std::string& set) const {
         return load_set(*open_directory_store(m_store, StoreAccess::read), set).manifest.value();

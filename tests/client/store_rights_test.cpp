@@ -49,8 +49,8 @@ TEST_F(StoreRights, ExtractAndDumpNeedNothingButTheStoreAndWriteOnlyWhatIsWhole)
     fs::create_directory_symlink(m_scratch.path(), m_to + "2/link");
     expect("extract " + full + " mail names.nsf " + m_data + "/user.id --to " + m_to, 4, {"user2"});
     expect("extract " + full + " names.nsf --to " + m_to, 3, {"there already"});
-    expect("extract " + full + " names.nsf nothing --to " + m_to + "3", 1, {"'nothing'"});
-    expect("extract " + incr + " names.nsf --to " + m_to + "3", 1, {"extract " + full});
+    expect("extract " + full + " names.nsf nothing --to " + m_to + "3", 13, {"'nothing'"});
+    expect("extract " + incr + " names.nsf --to " + m_to + "3", 13, {"extract " + full});
     expect("extract " + incr + " --all --to " + m_to + "4", 0, {"extract " + full});
     expect("extract " + full + " mail --to " + m_store + "/x", 1, {"inside the store"});
     expect("extract " + hostile.set + " --all --to " + m_to + "2", 3, {"2/link", "\"..\""});

@@ -19,9 +19,12 @@ struct Outcome {
     std::string output = {};
     std::string errors = {};
 
-    // What it printed, null when that is nothing.
+    // The last line of what it printed, null when that is nothing.
     nlohmann::json document() const {
-        return output.empty() ? nlohmann::json() : nlohmann::json::parse(output);
+        if (output.size() < 2)
+            return {};
+        const std::size_t before = output.rfind('\n', output.size() - 2);
+        return nlohmann::json::parse(output.substr(before == std::string::npos ? 0 : before + 1));
     }
 };
 
