@@ -149,10 +149,17 @@ int run_and_report(const CommandRuns& runs) {
 
 } // namespace
 
+std::unique_ptr<CLI::App> command_tree(std::span<const Command* const> commands,
+                                       CommandRuns& runs) {
+    auto app = std::make_unique<CLI::App>(program_help, "qrtln");
+    add_commands(*app, commands, runs);
+    return app;
+}
+
 int run_command_line(std::span<const Command* const> commands, int argc, char** argv) {
-    CLI::App app(program_help, "qrtln");
     CommandRuns runs;
-    add_commands(app, commands, runs);
+    const std::unique_ptr<CLI::App> tree = command_tree(commands, runs);
+    CLI::App& app = *tree;
     const std::vector<std::string> texts = without_lists(argc, argv);
     if (print_help(app, texts))
         return static_cast<int>(ExitCode::complete);
