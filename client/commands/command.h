@@ -6,9 +6,19 @@
 #include <algorithm>
 #include <functional>
 #include <memory>
+#include <string>
 #include <vector>
 
 namespace qrtln {
+
+// The options of every command that say where settings come from and what is told of a run.
+struct CommonOptions {
+    std::string configuration;
+    std::string profile;
+    std::string progress = "auto";
+    bool show_config = false;
+    bool quiet = false;
+};
 
 // What a command line can come to: every command that can be run, with the values of its options.
 class CommandRuns {
@@ -29,6 +39,8 @@ class CommandRuns {
     int run_typed() const { return typed().run(); }
     // Whether it was asked for JSON, as far as it has that.
     bool json() const { return typed().json != nullptr && *typed().json; }
+
+    CommonOptions common;
 
   private:
     struct Run {

@@ -40,8 +40,7 @@ std::vector<const CLI::App*> commands_of(const CLI::App& app) {
     return app.get_subcommands([](const CLI::App*) { return true; });
 }
 
-void add_commands(CLI::App& app, std::span<const Command* const> commands, CommandRuns& runs,
-                  CommonOptions& common) {
+void add_commands(CLI::App& app, std::span<const Command* const> commands, CommandRuns& runs) {
     app.set_version_flag("--version", fmt::format("qrtln {}", client_version()));
     app.require_subcommand(1);
     app.footer(exit_codes);
@@ -51,7 +50,7 @@ void add_commands(CLI::App& app, std::span<const Command* const> commands, Comma
         command->add(added, runs);
         for (CLI::App* runnable :
              commands_of(added).empty() ? std::vector{&added} : commands_of(added))
-            add_common_options(*runnable, common);
+            add_common_options(*runnable, runs.common);
     }
 }
 
@@ -150,8 +149,7 @@ void report_failure(bool json, int code, const std::string& message, const std::
     }
 }
 
-int run_typed(CLI::App& app, const CommandRuns& runs, const CommonOptions& common,
-              const std::vector<std::string>& texts) {
+int run_typed(CLI::App& app, const CommandRuns& runs, const std::vector<std::string>& texts) {
     Settings settings(app);
     const std::vector<std::string> completed = settings.complete(texts);
     std::vector<const char*> arguments;
@@ -165,20 +163,19 @@ int run_typed(CLI::App& app, const CommandRuns& runs, const CommonOptions& commo
         report_usage(app, error, texts, settings.origins());
         return static_cast<int>(ExitCode::usage);
     }
-    configure_output(progress_style(common.progress), common.quiet);
-    if (common.show_config) {
+    configure_output(progress_style(runs.common.progress), runs.common.quiet);
+    if (runs.common.show_config) {
         settings.print(runs.json());
         return static_cast<int>(ExitCode::complete);
     }
     return runs.run_typed();
 }
 
-int run_and_report(CLI::App& app, const CommandRuns& runs, const CommonOptions& common,
-                   const std::vector<std::string>& texts) {
+int run_and_report(CLI::App& app, const CommandRuns& runs, const std::vector<std::string>& texts) {
     constexpr int failed = static_cast<int>(ExitCode::failed);
     const bool json = asks_for_json(texts);
     try {
-        return run_typed(app, runs, common, texts);
+        return run_typed(app, runs, texts);
     } catch (const ClientError& failure) {
         std::string vanished = vanished_store_hint();
         report_failure(json, failure.exit_code(), failure.what(),
@@ -194,16 +191,22 @@ int run_and_report(CLI::App& app, const CommandRuns& runs, const CommonOptions& 
 
 } // namespace
 
+std::unique_ptr<CLI::App> command_tree(std::span<const Command* const> commands,
+                                       CommandRuns& runs) {
+    auto app = std::make_unique<CLI::App>(program_help, "qrtln");
+    add_commands(*app, commands, runs);
+    return app;
+}
+
 int run_command_line(std::span<const Command* const> commands, int argc, char** argv) {
     configure_output(ProgressStyle::automatic, false); // until its options are read
-    CLI::App app(program_help, "qrtln");
     CommandRuns runs;
-    CommonOptions common;
-    add_commands(app, commands, runs, common);
+    const std::unique_ptr<CLI::App> tree = command_tree(commands, runs);
+    CLI::App& app = *tree;
     const std::vector<std::string> texts = without_lists(argc, argv);
     if (print_help(app, texts))
         return static_cast<int>(ExitCode::complete);
-    return run_and_report(app, runs, common, texts);
+    return run_and_report(app, runs, texts);
 }
 
 } // namespace qrtln

@@ -3,6 +3,7 @@
 // rest of the file, that before what a command does by itself.
 #pragma once
 
+#include "client/commands/command.h"
 #include "client/commands/configuration.h"
 
 #include <CLI/CLI.hpp>
@@ -13,14 +14,7 @@
 
 namespace qrtln {
 
-// The options of every command that say where settings come from and what is told of a run.
-struct CommonOptions {
-    std::string configuration;
-    std::string profile;
-    std::string progress = "auto";
-    bool show_config = false;
-    bool quiet = false;
-};
+// Adds those to a command, bound to the values.
 void add_common_options(CLI::App& command, CommonOptions& options);
 
 class Settings {

@@ -22,9 +22,11 @@ using namespace std::chrono_literals;
 
 namespace {
 
-constexpr const char* module_name = "libqrtln.so";
 // The name with the version of the interface that this client is written for.
 constexpr const char* module_soname = "libqrtln.so.1";
+// Below the folder that has bin/: where a build has it, then where it is installed.
+constexpr const char* module_places[] = {"lib/libqrtln.so", "lib/libqrtln.so.1",
+                                         QRTLN_LIBRARY_DIRECTORY "/libqrtln.so.1"};
 // Milliseconds: neither a line that the module tells wakes the client, nor every signal.
 constexpr int looks_again = 200;
 
@@ -47,10 +49,10 @@ std::string find_module(const std::string& given) {
         return absolute_path(given);
     std::string own = executable_directory();
     if (!own.empty()) {
-        std::string library_directory = own.substr(0, own.rfind('/')) + "/lib/";
-        for (const char* name : {module_name, module_soname})
-            if (::access((library_directory + name).c_str(), R_OK) == 0)
-                return library_directory + name;
+        const std::string above = own.substr(0, own.rfind('/')) + "/";
+        for (const char* place : module_places)
+            if (::access((above + place).c_str(), R_OK) == 0)
+                return above + place;
     }
     return module_soname;
 }

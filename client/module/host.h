@@ -114,8 +114,9 @@ class ModuleHost {
     bool m_restores = false; // the operation changes live databases
 };
 
-// Where the module is looked for: `given` (made absolute) if not empty; else ../lib/libqrtln.so
-// beside the folder of this executable; else the plain library name for the loader's search.
+// Where the module is looked for: `given` (made absolute) if not empty; else ../lib/libqrtln.so, or
+// libqrtln.so.1 in the installed library folder, beside the folder of this executable; else the
+// plain library name for the loader's search.
 std::string find_module(const std::string& given);
 
 } // namespace qrtln

@@ -73,4 +73,26 @@ void createDatabase(const Server& server, const fs::path& file, bool logged,
     Database::create(file, header, std::move(changes));
 }
 
+std::unique_ptr<CLI::App> commandTree() {
+    auto tree = std::make_unique<CLI::App>(
+        "Plays a Domino server over a folder: makes one, changes its databases while "
+        "backups run, shows and checks what is in databases and their copies.\n\n"
+        "A SERVER is a folder made by init, with notes.ini, data/, logs/ and state/. A DB "
+        "is a database in its data directory, named relative to it. Library users find "
+        "the same server through libnotes.so and SERVER/notes.ini.\n\n"
+        "Exit status: 0 done, 1 failed, 2 wrong usage, 4 a database or copy is not as it "
+        "must be.",
+        "domino-sim");
+    CLI::App& app = *tree;
+    app.require_subcommand(1);
+    addInitCommands(app);
+    addEditCommands(app);
+    addShowCommands(app);
+    addWorkloadCommand(app);
+    addCheckCommand(app);
+    addOfflineCommands(app);
+    addHarmCommands(app);
+    return tree;
+}
+
 } // namespace domino_sim

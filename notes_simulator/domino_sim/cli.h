@@ -8,6 +8,7 @@
 
 #include <filesystem>
 #include <functional>
+#include <memory>
 #include <stdexcept>
 #include <string>
 
@@ -32,6 +33,9 @@ std::vector<std::filesystem::path> allDatabases(const notes_sim::Server& server)
 /// start. Throws StatusError when the file exists.
 void createDatabase(const notes_sim::Server& server, const std::filesystem::path& file, bool logged,
                     const std::string& title, int notes, std::uint64_t seed);
+
+/// The command line of the program. A subcommand is run by its callback while it is parsed.
+std::unique_ptr<CLI::App> commandTree();
 
 /// Each adds a subcommand to the program, to be run by its callback.
 void addInitCommands(CLI::App& app);

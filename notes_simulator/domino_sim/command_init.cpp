@@ -64,6 +64,17 @@ std::string foreignZone() {
     return shown(19800) ? "SimZone=-03:30\n" : "SimZone=+05:30\n";
 }
 
+/// Where hosts find libnotes.so: as they will be told, or where it is installed with this program.
+fs::path programFolder(const fs::path& root) {
+    if (const char* const programs = std::getenv("Notes_ExecDirectory")) {
+        return fs::absolute(programs);
+    }
+    std::error_code error;
+    const fs::path own = fs::read_symlink("/proc/self/exe", error).parent_path().parent_path();
+    const fs::path installed = own / DOMINO_SIM_LIBRARIES;
+    return fs::exists(installed / "libnotes.so", error) ? installed : root / "program";
+}
+
 std::string notesIni(const InitOptions& options, const fs::path& root) {
     const bool logging = options.style != "none";
     const std::string style = options.style == "archive"  ? "1"
@@ -72,13 +83,12 @@ std::string notesIni(const InitOptions& options, const fs::path& root) {
     const std::optional<Moods> strict = parseMoods(options.strict);
     const std::uint64_t ringMebibytes =
         std::max<std::uint64_t>(1, (4 * options.extentSize + kMebibyte - 1) / kMebibyte);
-    const char* const programs = std::getenv("Notes_ExecDirectory"); // as a host will say
     return "[Notes]\n"
            "Directory=" +
            (root / "data").string() +
            "\n"
            "NotesProgram=" +
-           (programs != nullptr ? fs::absolute(programs) : root / "program").string() +
+           programFolder(root).string() +
            "\n"
            "KeyFilename=user.id\n"
            "TRANSLOG_Status=" +
