@@ -5,6 +5,7 @@
 #include "client/base/limits.h"
 #include "client/base/output.h"
 #include "client/base/paths.h"
+#include "client/base/process_note.h"
 #include "client/base/room.h"
 #include "client/base/text.h"
 #include "client/base/version.h"

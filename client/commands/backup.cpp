@@ -5,6 +5,7 @@
 #include "client/base/error.h"
 #include "client/base/file_descriptor.h"
 #include "client/base/interrupt.h"
+#include "client/base/lock_wait.h"
 #include "client/base/output.h"
 #include "client/base/paths.h"
 #include "client/base/text.h"
@@ -79,6 +80,8 @@ int BackupRun::run() {
     m_server.store->compress_at(m_options.compression);
     try {
         open_store();
+        if (waited_for_lock()) // users created and deleted databases meanwhile
+            check_selection();
         m_base->choose(m_request);
         claim_logs();
         back_up();

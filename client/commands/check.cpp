@@ -346,6 +346,7 @@ void add_check(CLI::App& command, CommandRuns& runs) {
                      "Numbers instead of the names of databases, in the order of their paths");
     add_tmp_dir(command, check.tmp_dir, "Where backups are going to copy databases to");
     add_as_other_user(command, check.as_other_user);
+    add_lock_wait_option(command);
     command.add_flag("--json", check.json, "One JSON document on standard output");
 }
 

@@ -85,11 +85,14 @@ extern const Command recover_command;
 extern const Command prove_command;
 extern const Command check_command;
 extern const Command list_command;
+extern const Command find_command;
 extern const Command show_command;
+extern const Command diff_command;
 extern const Command verify_command;
 extern const Command forget_command;
 extern const Command extract_command;
 extern const Command dump_command;
 extern const Command convert_command;
+extern const Command lock_command;
 
 } // namespace qrtln

@@ -67,6 +67,7 @@ int run_convert(const ConvertOptions& options) {
 void add_convert(CLI::App& command, CommandRuns& runs) {
     auto& convert = runs.add(command, run_convert);
     add_store_options(command, convert);
+    add_lock_wait_option(command);
     add_compression_option(command, convert.compression);
     add_block_size_option(command, convert.block_size);
 }

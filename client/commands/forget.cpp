@@ -43,6 +43,7 @@ int run_forget(const ForgetOptions& options) {
 void add_forget(CLI::App& command, CommandRuns& runs) {
     auto& forget = runs.add(command, run_forget);
     add_store_options(command, forget);
+    add_lock_wait_option(command);
     command.add_option("SET", forget.request.sets, "The sets' names, or the beginnings of them");
     add_policy_options(command, forget.request);
     command.add_flag("--dry-run", forget.request.dry_run, "Only show what would go");

@@ -2,6 +2,7 @@
 
 #include "client/base/error.h"
 #include "client/base/interrupt.h"
+#include "client/base/lock_wait.h"
 #include "client/base/output.h"
 #include "client/base/text.h"
 #include "client/documents/lost_documents.h"
@@ -12,6 +13,7 @@
 #include "client/sets/set_links.h"
 #include "client/sets/store_use.h"
 #include "client/store/canonical_json.h"
+#include "client/store/lock_state.h"
 
 #include <algorithm>
 #include <fmt/format.h>
@@ -39,6 +41,7 @@ class ForgetPlan {
     void require_no_recovery();
     void choose_named();
     void choose_by_policy();
+    void take_from_readers(const std::string& set) const;
     void require_not_last(const std::set<std::string>& names) const;
 
     Store& m_store;
@@ -114,15 +117,22 @@ void ForgetPlan::choose_named() {
     if (!m_request.even_last)
         require_not_last(names);
     for (const std::string& name : names)
-        if (!m_store.take_set(name))
-            throw ClientError(
-                ExitCode::locked,
-                fmt::format("somebody reads the set {} at the moment: nothing was forgotten", name),
-                "try again when that has ended");
+        take_from_readers(name);
     m_going.assign(names.rbegin(), names.rend());
     for (const std::string& set : m_there)
         if (!names.contains(set))
             m_staying.emplace_back(set, "is not named");
+}
+
+void ForgetPlan::take_from_readers(const std::string& set) const {
+    const auto refused = [&] {
+        std::string who = "somebody";
+        if (std::vector<UsedLock> readers = readers_of(m_store, {set}); !readers.empty())
+            who = describe(readers[0].process.value_or(ProcessNote{}));
+        return fmt::format("{} reads the set {} at the moment", who, set);
+    };
+    if (!wait_for_lock([&] { return m_store.take_set(set); }, refused))
+        throw ClientError(ExitCode::locked, refused() + ": nothing was forgotten", locked_hint);
 }
 
 void ForgetPlan::require_not_last(const std::set<std::string>& names) const {

@@ -5,31 +5,31 @@
 #include "client/base/text.h"
 #include "client/commands/command.h"
 #include "client/commands/options.h"
+#include "client/commands/set_reading.h"
 #include "client/sets/catalogue.h"
 #include "client/sets/log_chain.h"
 #include "client/sets/manifest.h"
+#include "client/sets/name_pattern.h"
 #include "client/sets/proof_record.h"
-#include "client/sets/set_links.h"
 #include "client/store/store.h"
 
 #include <algorithm>
 #include <array>
 #include <fmt/format.h>
-#include <functional>
 #include <optional>
 
 namespace qrtln {
 
 namespace {
 
-constexpr const char* list_help = "List the sets of the store.";
+constexpr const char* list_help =
+    R"(List the sets of the store, or those that the options choose. Sets that are damaged or missing
+are told whatever is chosen.)";
 
-// A full of the whole server is more than one of some databases.
-std::string level_text(const Manifest& manifest) {
-    if (!manifest.reason.empty())
-        return fmt::format("{} ({})", manifest.level, manifest.reason);
-    return manifest.whole_system ? manifest.level : manifest.level + " (named)";
-}
+struct ListOptions : StoreOptions {
+    SetFilterOptions filter;
+    std::string database;
+};
 
 constexpr std::array headings = {"SET",    "SERVER",    "LEVEL",      "BASE",   "STARTED",
                                  "ENDED",  "DURATION ", "DATABASES ", "ITEMS ", "FAILED ",
@@ -37,72 +37,72 @@ constexpr std::array headings = {"SET",    "SERVER",    "LEVEL",      "BASE",   
 
 class SetList {
   public:
-    explicit SetList(Store& store) : m_store(store), m_names(store.set_names()) {}
-    int print(bool json);
+    SetList(Store& store, const ListOptions& options)
+        : m_store(store), m_options(options), m_reading(store), m_filter(options.filter) {
+        if (!options.database.empty())
+            m_database.emplace(options.database);
+    }
+    int print();
 
   private:
-    bool permitted(const std::function<void()>& read);
     void add_set(const std::string& name);
-    void add_unread(const std::string& name, const std::string& status, const std::string& told,
-                    const std::string& problem);
+    void add_unread(const UnreadSet& unread);
+    bool is_wanted(const Manifest& manifest);
     void add_manifest(const Manifest& manifest, const std::string& proof);
-    nlohmann::json report_missing();
+    int exit_code() const;
 
     Store& m_store;
-    const std::vector<std::string> m_names;
+    const ListOptions& m_options;
+    SetReading m_reading;
+    SetFilter m_filter;
+    std::optional<NamePattern> m_database;
+    bool m_database_met = false;
     Table m_table{{headings.begin(), headings.end()}};
     nlohmann::json m_sets = nlohmann::json::array();
-    SetLinks m_links;
-    bool m_damaged = false;              // a manifest is, or a set is missing
-    std::optional<ClientError> m_denied; // the first that this user may not read
-    std::string m_reason;                // of the last one
 };
 
-bool SetList::permitted(const std::function<void()>& read) {
-    try {
-        read();
-        return true;
-    } catch (const ClientError& failure) {
-        if (failure.exit_code() != static_cast<int>(ExitCode::no_permission))
-            throw;
-        m_denied = m_denied.value_or(failure);
-        m_reason = failure.what();
-        return false;
-    }
-}
-
 void SetList::add_set(const std::string& name) {
-    CatalogueEntry entry;
     std::string proof = "no permission";
-    if (!permitted([&] { entry = load_set(m_store, name); })) {
-        add_unread(name, "no permission", "no permission to read the manifest", m_reason);
+    std::optional<Manifest> manifest = m_reading.read(name);
+    if (!manifest)
+        return add_unread(m_reading.unread().back());
+    if (!is_wanted(*manifest))
         return;
-    }
-    (void)permitted([&] { proof = proof_text(m_store, name); });
-    if (entry.manifest) {
-        add_manifest(*entry.manifest, proof);
-        return;
-    }
-    m_damaged = true;
-    add_unread(name, "damaged", "damaged: the manifest " + for_terminal(entry.problem),
-               entry.problem);
+    (void)m_reading.permitted([&] { proof = proof_text(m_store, name); });
+    add_manifest(*manifest, proof);
 }
 
-void SetList::add_unread(const std::string& name, const std::string& status,
-                         const std::string& told, const std::string& problem) {
+bool SetList::is_wanted(const Manifest& manifest) {
+    if (!m_filter.takes(manifest))
+        return false;
+    if (!m_database)
+        return true;
+    bool has =
+        std::any_of(manifest.items.begin(), manifest.items.end(), [&](const ManifestItem& item) {
+            return item.kind == ItemKind::database && item.status == ItemStatus::stored &&
+                   m_database->matches(item.path, manifest.data_directory);
+        });
+    m_database_met = m_database_met || has;
+    return has;
+}
+
+void SetList::add_unread(const UnreadSet& unread) {
     std::vector<std::string> row(headings.size(), "-");
-    row.front() = for_terminal(name);
-    row.back() = told;
+    row.front() = for_terminal(unread.set);
+    row.back() = unread.status == "damaged"
+                     ? "damaged: the manifest " + for_terminal(unread.problem)
+                     : "no permission to read the manifest";
     m_table.add(std::move(row));
-    m_sets.push_back(
-        {{"set", printable_utf8(name)}, {"status", status}, {"problem", printable_utf8(problem)}});
+    m_sets.push_back({{"set", printable_utf8(unread.set)},
+                      {"status", unread.status},
+                      {"problem", printable_utf8(unread.problem)}});
 }
 
 void SetList::add_manifest(const Manifest& manifest, const std::string& proof) {
     ManifestTotals sum = totals(manifest);
-    m_links.add(manifest);
+    const std::vector<std::string>& names = m_reading.names();
     bool based =
-        manifest.base.empty() || std::binary_search(m_names.begin(), m_names.end(), manifest.base);
+        manifest.base.empty() || std::binary_search(names.begin(), names.end(), manifest.base);
     std::string status = status_text(manifest) + (based ? "" : ", base missing");
     m_table.add({manifest.set, for_terminal(manifest.server_name), level_text(manifest),
                  manifest.base.empty() ? "-" : manifest.base, utc_time(manifest.started),
@@ -137,42 +137,50 @@ void SetList::add_manifest(const Manifest& manifest, const std::string& proof) {
                       {"status", status}});
 }
 
-nlohmann::json SetList::report_missing() {
-    std::vector<MissingSet> missing;
-    (void)permitted([&] { missing = m_links.missing(m_store); });
-    nlohmann::json sets = nlohmann::json::array();
-    for (const MissingSet& set : missing) {
-        m_damaged = true;
-        sets.push_back({{"set", printable_utf8(set.set)}, {"why", set.why}});
-        print_error(describe(set), &set == &missing.back() ? missing_set_hint : "");
-    }
-    return sets;
-}
-
-int SetList::print(bool json) {
-    for (const std::string& name : m_names)
-        add_set(name);
-    nlohmann::json missing = report_missing();
-    int code = m_damaged  ? static_cast<int>(ExitCode::damage_found)
-               : m_denied ? m_denied->exit_code()
-                          : static_cast<int>(ExitCode::complete);
-    if (json)
-        print_json(
-            {{"command", "list"}, {"sets", m_sets}, {"missing", missing}, {"exit_code", code}});
-    else
-        print_output(m_sets.empty() ? m_store.description() + " has no sets\n" : m_table.text());
-    if (m_denied)
-        print_error(m_denied->what(), m_denied->hint());
+// A name that nothing has is a mistake, but where it may be in what cannot be read.
+int SetList::exit_code() const {
+    int code = m_reading.exit_code();
+    if (code != 0)
+        return code;
+    m_filter.require_server(m_store);
+    if (m_database && !m_database_met)
+        throw ClientError(ExitCode::failed,
+                          fmt::format("no set of {} that was looked at has the database '{}'",
+                                      m_store.description(), for_terminal(m_options.database)),
+                          "`qrtln find` looks for names in all sets");
     return code;
 }
 
-int run_list(const StoreOptions& options) {
+int SetList::print() {
+    for (const std::string& name : m_reading.names())
+        add_set(name);
+    nlohmann::json missing = m_reading.report_missing();
+    int code = exit_code();
+    if (m_options.json)
+        print_json(
+            {{"command", "list"}, {"sets", m_sets}, {"missing", missing}, {"exit_code", code}});
+    else if (m_sets.empty())
+        print_output(m_store.description() +
+                     (m_reading.names().empty() ? " has no sets\n" : " has no such sets\n"));
+    else
+        print_output(m_table.text());
+    m_reading.report_denied();
+    return code;
+}
+
+int run_list(const ListOptions& options) {
     std::unique_ptr<Store> store = open_directory_store(options.store, StoreAccess::read);
-    return SetList(*store).print(options.json);
+    return SetList(*store, options).print();
 }
 
 void add_list(CLI::App& command, CommandRuns& runs) {
-    add_store_options(command, runs.add(command, run_list));
+    auto& list = runs.add(command, run_list);
+    add_store_options(command, list);
+    add_set_filter(command, list.filter, true);
+    command
+        .add_option("--database", list.database,
+                    "Only sets that hold this database: a name or pattern as `qrtln find` takes it")
+        ->type_name("NAME");
 }
 
 } // namespace

@@ -1,6 +1,11 @@
 #include "client/commands/options.h"
 
+#include "client/base/duration.h"
+#include "client/base/lock_wait.h"
+#include "client/base/text.h"
+
 #include <cstdlib>
+#include <fmt/format.h>
 
 namespace qrtln {
 
@@ -51,6 +56,7 @@ void add_server_options(CLI::App& command, ServerOptions& options) {
         ->envname("QRTLN_SERVER")
         ->type_name("NAME");
     add_store_options(command, options);
+    add_lock_wait_option(command);
 }
 
 void add_origin_options(CLI::App& command, ServerOptions& options) {
@@ -68,6 +74,22 @@ void add_tmp_dir(CLI::App& command, std::string& tmp_dir, const std::string& hel
     const char* set = std::getenv("TMPDIR");
     tmp_dir = set != nullptr && *set != '\0' ? set : "/var/tmp";
     command.add_option("--tmp-dir", tmp_dir, help)->type_name("DIR")->capture_default_str();
+}
+
+void add_lock_wait_option(CLI::App& command) {
+    command
+        .add_option_function<std::string>(
+            "--lock-wait",
+            [](const std::string& text) {
+                std::optional<std::chrono::seconds> longest = parse_duration(text);
+                if (!longest)
+                    throw CLI::ValidationError(
+                        "--lock-wait", fmt::format("'{}': {}", for_terminal(text), duration_hint));
+                set_lock_wait(*longest);
+            },
+            "Wait so long, in all, for locks that other commands have (default: not at all): 90s, "
+            "15m, 2h")
+        ->type_name("DURATION");
 }
 
 void add_state_option(CLI::App& command, std::string& state, const std::string& help) {

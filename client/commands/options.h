@@ -45,12 +45,14 @@ void add_compression_option(CLI::App& command, CompressionLevel& level);
 void add_block_size_option(CLI::App& command, std::uint32_t& block_size);
 // SET, which must be given.
 void add_set_argument(CLI::App& command, std::string& set);
-// --notes-ini, --server, --store and --json.
+// --notes-ini, --server, --store, --json and --lock-wait.
 void add_server_options(CLI::App& command, ServerOptions& options);
 // What those take that read another server's sets: --from-server and --data-directory.
 void add_origin_options(CLI::App& command, ServerOptions& options);
 // --tmp-dir, by itself TMPDIR of the environment; `help` says what is placed there.
 void add_tmp_dir(CLI::App& command, std::string& tmp_dir, const std::string& help);
+// --lock-wait, which holds for every lock that the run takes.
+void add_lock_wait_option(CLI::App& command);
 // --state, with `help`.
 void add_state_option(CLI::App& command, std::string& state, const std::string& help);
 void add_as_other_user(CLI::App& command, bool& as_other_user);

@@ -4,8 +4,8 @@
 #include "client/base/file_io.h"
 #include "client/base/limits.h"
 #include "client/base/paths.h"
+#include "client/base/process_note.h"
 #include "client/base/text.h"
-#include "client/sets/server_scope.h"
 
 #include <cctype>
 #include <cstdlib>

@@ -3,23 +3,18 @@
 #include "client/base/error.h"
 #include "client/base/file_descriptor.h"
 #include "client/base/file_io.h"
+#include "client/base/lock_holders.h"
+#include "client/base/lock_wait.h"
 #include "client/base/output.h"
 #include "client/base/text.h"
 #include "client/store/canonical_json.h"
 
-#include <algorithm>
 #include <cerrno>
-#include <cstdint>
-#include <cstdio>
 #include <ctime>
 #include <fcntl.h>
 #include <fmt/format.h>
-#include <fstream>
-#include <iterator>
-#include <sstream>
 #include <sys/file.h>
 #include <sys/stat.h>
-#include <sys/sysmacros.h>
 
 namespace qrtln {
 
@@ -42,37 +37,11 @@ bool is_same_folder(const std::string& one, const std::string& other) {
            first.st_dev == second.st_dev && first.st_ino == second.st_ino;
 }
 
-// The command line of a process, for a person; empty where it cannot be read.
-std::string command_of(const std::string& process) {
-    std::ifstream file(fmt::format("/proc/{}/cmdline", process), std::ios::binary);
-    std::string text{std::istreambuf_iterator<char>(file), {}};
-    while (!text.empty() && text.back() == '\0')
-        text.pop_back();
-    std::replace(text.begin(), text.end(), '\0', ' ');
-    return for_terminal(text);
-}
-
-// Who has a file locked, as the kernel tells (see proc_locks(5)): "process 12 (COMMAND)"; empty
-// where it does not.
-std::string holder_of(const std::string& path) {
-    struct stat status {};
-    if (::stat(path.c_str(), &status) != 0)
-        return {};
-    char place[64];
-    std::snprintf(place, sizeof place, "%02x:%02x:%ju", major(status.st_dev), minor(status.st_dev),
-                  static_cast<std::uintmax_t>(status.st_ino));
-    std::ifstream locks("/proc/locks");
-    for (std::string line; std::getline(locks, line);) {
-        std::istringstream words(line);
-        std::string number, kind, mode, access, process, where;
-        words >> number >> kind >> mode >> access >> process >> where;
-        if (kind != "FLOCK" || where != place)
-            continue;
-        std::string command = command_of(process);
-        return fmt::format("process {}{}", process,
-                           command.empty() ? ", or one that it left"
-                                           : fmt::format(" ({})", command));
-    }
+// "process 12 (COMMAND, …)"; empty where nobody has the folder locked, or the system does not tell.
+std::string holder_of(int folder) {
+    for (const LockHolder& holder : lock_holders(folder, LockKind::whole))
+        return describe(holder.process) +
+               (holder.left_by != 0 ? fmt::format(", left by process {}", holder.left_by) : "");
     return {};
 }
 
@@ -85,16 +54,21 @@ FileDescriptor lock_server(const NotesIni& ini) {
     // Without O_CLOEXEC: the module's process keeps it until it has ended, also when the client is
     // killed.
     FileDescriptor folder(::open(directory.c_str(), O_RDONLY | O_DIRECTORY));
-    if (folder && ::flock(folder.get(), LOCK_EX | LOCK_NB) == 0)
+    int error = folder ? 0 : errno;
+    const auto take = [&] {
+        if (folder)
+            error = ::flock(folder.get(), LOCK_EX | LOCK_NB) == 0 ? 0 : errno;
+        return error != EWOULDBLOCK;
+    };
+    const auto refused = [&] {
+        std::string holder = holder_of(folder.get());
+        return fmt::format("another run backs up databases of the server {}{}",
+                           for_terminal(directory), holder.empty() ? "" : ": " + holder);
+    };
+    if (!wait_for_lock(take, refused))
+        throw ClientError(ExitCode::locked, refused(), locked_hint);
+    if (error == 0)
         return folder;
-    int error = errno;
-    if (folder && error == EWOULDBLOCK) {
-        std::string holder = holder_of(directory);
-        throw ClientError(ExitCode::locked,
-                          fmt::format("another run backs up databases of the server {}{}",
-                                      for_terminal(directory), holder.empty() ? "" : ": " + holder),
-                          "wait until it has ended");
-    }
     print_message(fmt::format("warning: the data directory {} cannot be locked: {}: see that no "
                               "two runs of qrtln back up this server at once",
                               for_terminal(directory), system_error_text(error)));
@@ -102,7 +76,8 @@ FileDescriptor lock_server(const NotesIni& ini) {
 }
 
 std::string run_that_locks(const NotesIni& ini) {
-    return holder_of(ini.data_directory);
+    FileDescriptor folder(::open(ini.data_directory.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+    return folder ? holder_of(folder.get()) : "";
 }
 
 std::string other_log_archive(const NotesIni& ini, const Store& store) {

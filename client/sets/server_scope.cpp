@@ -3,9 +3,6 @@
 #include "client/base/paths.h"
 #include "client/base/text.h"
 
-#include <array>
-#include <unistd.h>
-
 namespace qrtln {
 
 namespace {
@@ -17,11 +14,6 @@ constexpr std::size_t maximal_name = 200; // a folder's name with room for escap
 bool ServerScope::covers(const Manifest& manifest) const {
     return manifest.server_name == name && manifest.data_directory == recorded_data_directory &&
            (own_name.empty() || manifest.own_name.empty() || manifest.own_name == own_name);
-}
-
-std::string host_name() {
-    std::array<char, 256> host{};
-    return ::gethostname(host.data(), host.size() - 1) == 0 ? printable_utf8(host.data()) : "";
 }
 
 std::string server_name_problem(const std::string& name) {

@@ -18,9 +18,6 @@ struct ServerScope {
     bool covers(const Manifest& manifest) const;
 };
 
-// The name of this host; empty when the system does not tell.
-std::string host_name();
-
 // What is wrong with a name for a server; empty: nothing.
 std::string server_name_problem(const std::string& name);
 

@@ -85,8 +85,11 @@ DirectoryStore::DirectoryStore(const std::string& directory, StoreAccess access,
         bool locks = access == StoreAccess::write || access == StoreAccess::change;
         if (locks) {
             lock();
-            if (!m_place.exists(m_folder.get(), format_file))
+            // Who had the lock may have made the store meanwhile, or removed it again.
+            if (!m_place.exists(m_folder.get(), format_file)) {
+                require_creation(access);
                 create_skeleton(block_size != 0 ? block_size : usual_block);
+            }
         }
         check_format(access == StoreAccess::read_damaged ? damage : nullptr);
         if (access == StoreAccess::write)
@@ -183,17 +186,21 @@ void DirectoryStore::open_folder(StoreAccess access) {
     }
     if (m_place.exists(m_folder.get(), format_file))
         return;
-    if (access != StoreAccess::write)
-        throw ClientError(ExitCode::no_store,
-                          fmt::format("there is no store at {}: store.json is missing",
-                                      for_terminal(m_place.directory())),
-                          "`qrtln backup` creates a store in a new or empty folder");
+    require_creation(access);
     if (!is_unfinished_skeleton())
         throw ClientError(
             ExitCode::no_store,
             fmt::format("the folder {} is not empty and is no store: store.json is missing",
                         for_terminal(m_place.directory())),
             "name a store, or a new or empty folder, with --store");
+}
+
+void DirectoryStore::require_creation(StoreAccess access) const {
+    if (access != StoreAccess::write)
+        throw ClientError(ExitCode::no_store,
+                          fmt::format("there is no store at {}: store.json is missing",
+                                      for_terminal(m_place.directory())),
+                          "`qrtln backup` creates a store in a new or empty folder");
 }
 
 void DirectoryStore::lock() {
@@ -203,7 +210,9 @@ void DirectoryStore::lock() {
                 m_place.fail(doing, error, lock_file);
             });
     } catch (const ClientError& failure) {
-        if (failure.exit_code() == static_cast<int>(ExitCode::locked))
+        // Others make it a store, who were faster: also when the wait for them was interrupted.
+        if (failure.exit_code() == static_cast<int>(ExitCode::locked) ||
+            failure.exit_code() > static_cast<int>(ExitCode::interrupted))
             m_folder_created = false;
         throw;
     }

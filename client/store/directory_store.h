@@ -4,6 +4,7 @@
 
 #include "client/base/file_descriptor.h"
 #include "client/store/content_writer.h"
+#include "client/store/folder_lock.h"
 #include "client/store/new_packs.h"
 #include "client/store/object_folder.h"
 #include "client/store/object_writer.h"
@@ -125,6 +126,7 @@ class DirectoryStore final : public Store {
     void open_folder(StoreAccess access);
     FileDescriptor open_part(const char* name) const;
     bool has_packs() const { return m_block_size != 0; }
+    void require_creation(StoreAccess access) const;
     void lock();
     void create_skeleton(std::uint32_t block_size);
     void write_format(std::uint32_t block_size, const std::string& id);
@@ -141,7 +143,7 @@ class DirectoryStore final : public Store {
     std::string m_id;
     std::uint32_t m_block_size = 0; // 0: its format has no blocks
     FileDescriptor m_folder;
-    FileDescriptor m_lock;
+    FolderLock m_lock;
     ObjectFolder m_objects;
     SetFolder m_sets;
     PackFolder m_packs;

@@ -9,15 +9,10 @@
 
 namespace qrtln {
 
-namespace {
-
-// Two sets that come to the same byte are at worst both kept.
-off_t byte_of(const std::string& set) {
+std::int64_t reader_byte(const std::string& set) {
     constexpr int digits = 12;
-    return static_cast<off_t>(std::stoull(sha256_hex(set).substr(0, digits), nullptr, 16));
+    return static_cast<std::int64_t>(std::stoull(sha256_hex(set).substr(0, digits), nullptr, 16));
 }
-
-} // namespace
 
 void ReaderLocks::open(int store, bool create) {
     m_file = FileDescriptor(::openat(
@@ -41,7 +36,7 @@ bool ReaderLocks::lock(const std::string& set, short type) {
     struct flock range {};
     range.l_type = type;
     range.l_whence = SEEK_SET;
-    range.l_start = byte_of(set);
+    range.l_start = reader_byte(set);
     range.l_len = 1;
     // A file system without locks keeps nobody from anything, either.
     return ::fcntl(m_file.get(), F_OFD_SETLK, &range) == 0 || (errno != EAGAIN && errno != EACCES);

@@ -5,11 +5,15 @@
 
 #include "client/base/file_descriptor.h"
 
+#include <cstdint>
 #include <string>
 
 namespace qrtln {
 
 inline constexpr const char* readers_file = "readers";
+
+// The byte of a set. Two sets that come to the same one are at worst both kept.
+std::int64_t reader_byte(const std::string& set);
 
 class ReaderLocks {
   public:

@@ -7,12 +7,9 @@
 #include "client/base/text.h"
 
 #include <cerrno>
-#include <charconv>
-#include <csignal>
 #include <dirent.h>
 #include <fcntl.h>
 #include <fmt/format.h>
-#include <sys/file.h>
 #include <sys/stat.h>
 #include <vector>
 
@@ -61,53 +58,6 @@ void remove_leftovers(const std::string& directory) {
 }
 
 } // namespace
-
-FileDescriptor lock_folder(int folder, const std::string& description,
-                           const std::function<void(const std::string& doing, int error)>& fail) {
-    FileDescriptor lock;
-    for (;;) {
-        // Without O_CLOEXEC: the module's process keeps it until it has ended, too.
-        lock = FileDescriptor(::openat(folder, lock_file, O_RDWR | O_CREAT | O_NOFOLLOW, 0600));
-        if (!lock)
-            fail("open the lock file", errno);
-        if (::flock(lock.get(), LOCK_EX | LOCK_NB) != 0) {
-            int error = errno;
-            if (error != EWOULDBLOCK)
-                fail("lock the lock file", error);
-            std::string holder(32, '\0');
-            ssize_t got = ::pread(lock.get(), holder.data(), holder.size(), 0);
-            holder.resize(got > 0 ? static_cast<std::size_t>(got) : 0);
-            pid_t process = 0; // what the file says need not be one
-            (void)std::from_chars(holder.data(), holder.data() + holder.size(), process);
-            std::string who =
-                process > 0 ? "process " + std::to_string(process) : "another process";
-            bool gone = process > 0 && ::kill(process, 0) != 0 && errno == ESRCH;
-            throw ClientError(
-                ExitCode::locked,
-                fmt::format("{} is locked by {}{}", description, who,
-                            gone ? ", which ended: its child still closes the operation on "
-                                   "the server"
-                                 : ""),
-                "wait until it has ended");
-        }
-        // A run that created a store and failed removes the lock file: then this is the wrong one.
-        struct stat locked {};
-        struct stat named {};
-        if (::fstat(lock.get(), &locked) != 0)
-            fail("look at the lock file", errno);
-        if (::fstatat(folder, lock_file, &named, AT_SYMLINK_NOFOLLOW) != 0) {
-            if (errno != ENOENT)
-                fail("look at the lock file", errno);
-        } else if (locked.st_ino == named.st_ino && locked.st_dev == named.st_dev) {
-            break;
-        }
-    }
-    // The number only helps the message above; a store that is full still locks.
-    std::string pid = std::to_string(::getpid()) + "\n";
-    if (::ftruncate(lock.get(), 0) == 0)
-        (void)!::pwrite(lock.get(), pid.data(), pid.size(), 0);
-    return lock;
-}
 
 bool is_unfinished(std::string_view name) {
     constexpr std::string_view replacement = ".new";

@@ -1,24 +1,15 @@
 // A folder that keeps what a command must write while its store can only be read.
 #pragma once
 
-#include "client/base/file_descriptor.h"
+#include "client/store/folder_lock.h"
 
-#include <functional>
 #include <string>
 #include <string_view>
 
 namespace qrtln {
 
-// In a store and in such a folder: the file that a process which writes has locked, and what the
-// name of a file ends in until it is whole.
-inline constexpr const char* lock_file = "lock";
+// In a store and in such a folder: what the name of a file ends in until it is whole.
 inline constexpr std::string_view temporary_suffix = ".tmp";
-
-// Takes the exclusive lock on the file `lock` in a folder, which is created, and writes this
-// process into it. `description` is the folder in words. Throws ClientError(locked), or as `fail`
-// does, which gets what was being done and the errno.
-FileDescriptor lock_folder(int folder, const std::string& description,
-                           const std::function<void(const std::string& doing, int error)>& fail);
 
 // Whether a file of the run-time data was being made when its run was killed: a sibling that was to
 // replace a document, or the module's working copy of its index, which ends in the number of its
@@ -44,7 +35,7 @@ class StateFolder {
 
   private:
     std::string m_directory; // without symbolic links
-    FileDescriptor m_lock;
+    FolderLock m_lock;
 };
 
 } // namespace qrtln

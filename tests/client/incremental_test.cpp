@@ -1,5 +1,6 @@
 // Differential and incremental backups: what each set takes, what it builds on, and what it owes.
 #include "client/base/error.h"
+#include "client/base/process_note.h"
 #include "client/sets/index_guard.h"
 #include "client/sets/manifest.h"
 #include "client/sets/owed.h"

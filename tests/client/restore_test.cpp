@@ -1,4 +1,5 @@
 // Restores: what comes back, where to, and what is refused.
+#include "client/base/process_note.h"
 #include "tests/client/simulated_server.h"
 
 #include <sys/stat.h>
