@@ -11,14 +11,18 @@
 
 #include <errno.h>
 #include <fcntl.h>
+#include <ftw.h>
 #include <stdio.h>
 #include <stdlib.h>
 #include <string.h>
+#include <sys/sendfile.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
 enum { PATH_SIZE = 1028 }; /* of every path that the module writes */
-static const char* folder; /* what is written to, a full path */
+static const char* folder; /* what is written to */
+static char tmp_dir[] = "TMP_DIR=/var/tmp/minimal-host-XXXXXX";
+static char* const copies = tmp_dir + sizeof "TMP_DIR=" - 1; /* where databases are copied to */
 static int failures = 0;
 
 static void failed(const char* what, const char* why) {
@@ -62,26 +66,17 @@ static int make_folders_of(char* path) {
     return error;
 }
 
-static int copy_bytes(int from, int to) {
-    static char block[1 << 16];
-    ssize_t got;
-    while ((got = read(from, block, sizeof block)) > 0)
-        for (ssize_t done = 0, put = 0; done < got; done += put)
-            if ((put = write(to, block + done, (size_t)(got - done))) < 0)
-                return errno;
-    return got < 0 ? errno : 0;
-}
-
 /* Returns 0, or an error number. */
 static int copy_file(const char* source, const char* item) {
     char target[2 * PATH_SIZE];
     snprintf(target, sizeof target, "%s%s", folder, item);
     int error = make_folders_of(target);
-    if (error != 0)
-        return error;
-    int from = open(source, O_RDONLY | O_CLOEXEC);
+    int from = error != 0 ? -1 : open(source, O_RDONLY | O_CLOEXEC);
     int to = from < 0 ? -1 : open(target, O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, 0600);
-    error = to < 0 ? errno : copy_bytes(from, to);
+    error = to < 0 && error == 0 ? errno : error;
+    for (ssize_t sent = 1; error == 0 && sent > 0;)
+        if ((sent = sendfile(to, from, NULL, 1 << 20)) < 0)
+            error = errno;
     if (to >= 0 && close(to) != 0 && error == 0)
         error = errno;
     if (from >= 0)
@@ -89,8 +84,8 @@ static int copy_file(const char* source, const char* item) {
     return error;
 }
 
-static DB_ITEM_RESULT save_item(const char* item) {
-    char copy[PATH_SIZE] = "";
+/* `copy` becomes what the module prepared. */
+static DB_ITEM_RESULT save_item(const char* item, char* copy) {
     struct stat status;
     const char* name = strrchr(item, '/');
     int is_there = stat(item, &status) == 0;
@@ -109,14 +104,17 @@ static DB_ITEM_RESULT save_item(const char* item) {
     return error == 0 ? DB_ITEM_SUCCESS : DB_ITEM_FAIL;
 }
 
-static void back_up(char* notes_ini, char* tmp_dir) {
-    char item[PATH_SIZE], data[PATH_SIZE] = "", original[PATH_SIZE] = "";
+static void back_up(char* notes_ini) {
+    char item[PATH_SIZE], copy[PATH_SIZE] = "", data[PATH_SIZE] = "", original[PATH_SIZE] = "";
     char* variables[] = {notes_ini, tmp_dir, "DATABASE=NOTES", NULL};
     DB_SetLog(&on_log);
     int answer = DB_InitOperation(DB_TYPE_BCK, DB_LEVEL_COPY, variables, NULL);
-    while (answer == DB_NUM_I_OK && (answer = DB_GetItem(data, original, item)) == DB_NUM_I_OK)
-        if (DB_ItemFinishStatus(save_item(item)) != DB_NUM_I_OK) /* each before the next */
+    while (answer == DB_NUM_I_OK && (answer = DB_GetItem(data, original, item)) == DB_NUM_I_OK) {
+        if (DB_ItemFinishStatus(save_item(item, copy)) != DB_NUM_I_OK) /* each before the next */
             module_failed(item);
+        if (strncmp(copy, copies, strlen(copies)) == 0)
+            (void)unlink(copy); /* some are left to the client */
+    }
     if (answer != DB_NUM_I_COMPLETE)
         module_failed("the backup ended early");
     int disk = open(folder, O_RDONLY | O_DIRECTORY | O_CLOEXEC);
@@ -127,23 +125,25 @@ static void back_up(char* notes_ini, char* tmp_dir) {
         module_failed("the backup could not be closed");
 }
 
+static int remove_entry(const char* path, const struct stat* status, int type, struct FTW* place) {
+    return (void)status, (void)type, (void)place, remove(path);
+}
+
 int main(int argc, char** argv) {
-    char notes_ini[PATH_SIZE + 16], tmp_dir[] = "TMP_DIR=/var/tmp/minimal-host-XXXXXX";
-    char* private_folder = strchr(tmp_dir, '/');
+    char notes_ini[PATH_SIZE + 16];
     if (argc != 3 || argv[2][0] != '/' || strlen(argv[1]) + strlen(argv[2]) >= PATH_SIZE) {
         fprintf(stderr, "usage: minimal-host NOTES.INI FOLDER    (FOLDER: new, its full path)\n");
         return 2;
     }
     folder = argv[2];
-    if (mkdir(folder, 0700) != 0)
-        failed(folder, strerror(errno));
-    else if (mkdtemp(private_folder) == NULL)
-        failed(private_folder, strerror(errno));
-    if (failures > 0)
+    if (mkdir(folder, 0700) != 0 || mkdtemp(copies) == NULL) {
+        fprintf(stderr, "minimal-host: %s, and a folder in /var/tmp: %s\n", folder,
+                strerror(errno));
         return 1;
+    }
     snprintf(notes_ini, sizeof notes_ini, "NOTESINI=%s", argv[1]);
-    back_up(notes_ini, tmp_dir);
-    if (rmdir(private_folder) != 0)
-        failed(private_folder, strerror(errno));
+    back_up(notes_ini);
+    if (nftw(copies, remove_entry, 8, FTW_DEPTH | FTW_PHYS) != 0)
+        failed(copies, strerror(errno));
     return failures == 0 ? 0 : 1;
 }
