@@ -214,7 +214,7 @@ void Search::require_found() const {
     for (const NamePattern& pattern : m_patterns)
         patterns +=
             fmt::format("{}'{}'", patterns.empty() ? "" : ", ", for_terminal(pattern.given()));
-    throw ClientError(ExitCode::failed,
+    throw ClientError(ExitCode::no_such,
                       fmt::format("nothing in the sets of {} that were looked through matches {}",
                                   m_store.description(), patterns),
                       "\"*PART*\" finds what has PART in its name; quote it for the shell");

@@ -144,7 +144,7 @@ int SetList::exit_code() const {
         return code;
     m_filter.require_server(m_store);
     if (m_database && !m_database_met)
-        throw ClientError(ExitCode::failed,
+        throw ClientError(ExitCode::no_such,
                           fmt::format("no set of {} that was looked at has the database '{}'",
                                       m_store.description(), for_terminal(m_options.database)),
                           "`qrtln find` looks for names in all sets");

@@ -121,7 +121,7 @@ bool SetFilter::takes(const Manifest& manifest) {
 
 void SetFilter::require_server(const Store& store) const {
     if (!m_options.server.empty() && !m_server_met)
-        throw ClientError(ExitCode::failed,
+        throw ClientError(ExitCode::no_such,
                           fmt::format("{} has no set of the server {}", store.description(),
                                       for_terminal(m_options.server)),
                           "`qrtln list` shows the servers");

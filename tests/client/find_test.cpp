@@ -1,4 +1,5 @@
 // One history of a server, and what is found in it: items, differences, sets.
+#include "client/base/process_note.h"
 #include "tests/client/simulated_server.h"
 
 namespace qrtln::test {
@@ -76,7 +77,7 @@ TEST_F(Find, ItemsDifferencesAndSetsOfOneHistory) {
     }
     EXPECT_THAT(found(0, {"mail"}),
                 Contains("mail/new.nsf 21")); // a folder holds for what is in it
-    on(1, {"find", "nothing.nsf"}, "matches 'nothing.nsf'");
+    on(13, {"find", "nothing.nsf"}, "matches 'nothing.nsf'");
     on(2, {"find", "../x"}, "matches no path");
     const json names = on(0, {"find", "names.nsf", "--server", host_name()})["items"][0]["copies"];
     EXPECT_EQ(names[3]["bytes"], item(m_sets[0], m_data + "/names.nsf").size);
@@ -122,7 +123,7 @@ TEST_F(Find, ItemsDifferencesAndSetsOfOneHistory) {
         for (const auto& [words, whole, with_damage] : filters)
             EXPECT_EQ(listed(code, words), damaged ? with_damage : whole)
                 << testing::PrintToString(words);
-        on(damaged ? 4 : 1, {"list", "--server", "mail3"},
+        on(damaged ? 4 : 13, {"list", "--server", "mail3"},
            damaged ? "" : "no set of the server mail3");
         EXPECT_EQ(found(code, {"user2.nsf"}), Words({"mail/user2.nsf 0"}));
     }
