@@ -1,5 +1,6 @@
 // One history of a server, and what is found in it: items, differences, sets.
 #include "client/base/process_note.h"
+#include "client/base/text.h"
 #include "tests/client/simulated_server.h"
 
 namespace qrtln::test {
