@@ -19,7 +19,8 @@ class Find : public OverTheSimulator {
     Words found(int code, Words words) {
         words.insert(words.begin(), "find");
         Words lines;
-        for (const json& item : on(code, words)["items"]) {
+        const json items_of = on(code, words);
+        for (const json& item : items_of["items"]) {
             lines.push_back(item["path"].get<std::string>() + " ");
             for (const json& copy : item["copies"])
                 lines.back() += number(copy["set"]);
@@ -29,7 +30,8 @@ class Find : public OverTheSimulator {
     // "CHANGE PATH" of what is different between two sets, but for what the server itself changes.
     Words differences(const std::string& one, const std::string& other) {
         Words lines;
-        for (const json& change : on(0, {"diff", one, other})["differences"])
+        const json changes_of = on(0, {"diff", one, other});
+        for (const json& change : changes_of["differences"])
             if (const std::string path = change["path"]; path.ends_with(".nsf"))
                 lines.push_back(change["change"].get<std::string>() + " " + path);
         return lines;
@@ -37,7 +39,8 @@ class Find : public OverTheSimulator {
     std::string listed(int code, Words words) {
         words.insert(words.begin(), "list");
         std::string numbers;
-        for (const json& set : on(code, words)["sets"])
+        const json sets_of = on(code, words);
+        for (const json& set : sets_of["sets"])
             numbers += number(set["set"]);
         return numbers;
     }
@@ -92,7 +95,8 @@ TEST_F(Find, ItemsDifferencesAndSetsOfOneHistory) {
     EXPECT_EQ(differences(m_sets[2], m_sets[1]),
               Words({"changed mail/user1.nsf", "new mail/user2.nsf", "changed names.nsf"}));
     EXPECT_EQ(differences(m_sets[2], m_sets[3]), Words());
-    for (const json& change : on(0, {"diff", m_sets[0], m_sets[2]})["differences"]) {
+    const json changes_of = on(0, {"diff", m_sets[0], m_sets[2]});
+    for (const json& change : changes_of["differences"]) {
         if (change["path"] == "mail/user1.nsf") {
             EXPECT_GT(change["changed_blocks"], 0);
             EXPECT_LT(change["changed_blocks"], change["blocks"]);

@@ -21,10 +21,10 @@ class Locks : public OverTheSimulator {
     // A lock as `qrtln lock` shows it.
     json lock(const std::string& name) const {
         const Outcome shown = on_store({"lock", "--json", "--notes-ini", m_server + "/notes.ini"});
-        if (shown.exit_code == 0)
-            for (const json& lock : json::parse(shown.output)["locks"])
-                if (lock["lock"] == name)
-                    return lock;
+        const json document = shown.document();
+        for (const json& lock : document.value("locks", json::array()))
+            if (lock["lock"] == name)
+                return lock;
         return {{"state", ""}};
     }
     static void until(const std::function<bool()>& is) {
