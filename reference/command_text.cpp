@@ -40,6 +40,7 @@ std::string name_of(const CLI::Option& option) {
 
 std::vector<std::string> names_of(const std::set<CLI::Option*>& options) {
     std::vector<std::string> names;
+    names.reserve(options.size());
     for (const CLI::Option* option : options)
         names.push_back(name_of(*option));
     std::sort(names.begin(), names.end()); // the set has them by address
@@ -54,6 +55,7 @@ ValueKind kind_of(const std::string& type) {
 
 OptionText option_text(const CLI::Option& option) {
     OptionText text;
+    text.names.reserve(option.get_lnames().size() + option.get_snames().size());
     for (const std::string& name : option.get_lnames())
         text.names.push_back("--" + name);
     for (const std::string& name : option.get_snames())
