@@ -113,7 +113,8 @@ std::string state_text(const SetState& state) {
     std::string text =
         fmt::format("{} ({}, {}): ", manifest.set, level_text(manifest), status_text(manifest));
     if (!state.whole)
-        text += fmt::format("only what it holds is compared: {}\n", state.why_not_whole);
+        text += "only what it holds is compared, as no complete full or copy set of the whole "
+                "server is before it\n";
     else if (own_items(state) < state.items.size())
         text += fmt::format("{} of {} items are in it, the others in sets before it\n",
                             own_items(state), state.items.size());
@@ -166,8 +167,6 @@ nlohmann::json state_json(const SetState& state) {
                                {"whole", state.whole},
                                {"logs", log_range_json(state.manifest)},
                                {"not_saved", not_saved}};
-    if (!state.whole)
-        document["why_not_whole"] = printable_utf8(state.why_not_whole);
     return document;
 }
 

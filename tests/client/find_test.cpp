@@ -145,5 +145,14 @@ TEST_F(Find, ItemsDifferencesAndSetsOfOneHistory) {
     EXPECT_EQ(on(4, {"find", "user2.nsf"})["items"][0]["copies"][0]["state"], "damaged");
 }
 
+TEST_F(Find, SetsOfSomeDatabasesAreComparedInWhatBothHold) {
+    const std::string one = backup(0, "copy", {"mail"})["set"];
+    put("mail/user1.nsf");
+    const std::string other = backup(0, "copy", {"mail/user1.nsf", "names.nsf"})["set"];
+    EXPECT_EQ(differences(one, other), Words({"changed mail/user1.nsf"}));
+    EXPECT_EQ(on(0, {"diff", one, "latest"})["not_compared"],
+              json({"mail/user2.nsf", "names.nsf"}));
+}
+
 } // namespace
 } // namespace qrtln::test
