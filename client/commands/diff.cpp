@@ -10,6 +10,7 @@
 #include "client/commands/set_reading.h"
 #include "client/restore/open_store.h"
 #include "client/sets/catalogue.h"
+#include "client/sets/log_chain.h"
 #include "client/sets/name_pattern.h"
 #include "client/store/canonical_json.h"
 #include "client/store/store.h"
@@ -28,7 +29,8 @@ A set is compared as `qrtln restore --all --at SET` would take it: a complete fu
 what it holds, any other with the newest complete one before it and the sets between. What was
 deleted since then is therefore not told as gone, and what failed in a set counts as in the older
 copy. Where there is no complete one only what both sets hold is compared.
-Transaction logs are not compared, and times alone are no change.)";
+Transaction logs are not compared: what an incr set has of a database in its logs alone shows in the
+next set that holds the database. Times alone are no change.)";
 
 struct DiffOptions : StoreOptions {
     std::string before;
@@ -111,12 +113,16 @@ std::string state_text(const SetState& state) {
     std::string text =
         fmt::format("{} ({}, {}): ", manifest.set, level_text(manifest), status_text(manifest));
     if (!state.whole)
-        text += fmt::format("only what it holds is compared: {}\n", state.why_not_whole);
+        text += "only what it holds is compared, as no complete full or copy set of the whole "
+                "server is before it\n";
     else if (own_items(state) < state.items.size())
         text += fmt::format("{} of {} items are in it, the others in sets before it\n",
                             own_items(state), state.items.size());
     else
         text += fmt::format("{} items\n", state.items.size());
+    if (std::string logs = log_range_text(manifest); manifest.level == "incr" && logs != "-")
+        text += fmt::format("  changes that its transaction logs {} alone have are not compared\n",
+                            logs);
     for (const ManifestItem& item : manifest.items)
         if (item.status != ItemStatus::stored)
             text += fmt::format("  not saved in it: {}: {}\n", for_terminal(item.path),
@@ -159,9 +165,8 @@ nlohmann::json state_json(const SetState& state) {
                                {"items", state.items.size()},
                                {"own_items", own_items(state)},
                                {"whole", state.whole},
+                               {"logs", log_range_json(state.manifest)},
                                {"not_saved", not_saved}};
-    if (!state.whole)
-        document["why_not_whole"] = printable_utf8(state.why_not_whole);
     return document;
 }
 

@@ -1,8 +1,8 @@
 #include "client/commands/diff_sets.h"
 
-#include "client/base/error.h"
 #include "client/base/interrupt.h"
 #include "client/base/text.h"
+#include "client/sets/catalogue.h"
 #include "client/sets/name_pattern.h"
 #include "client/store/pack_folder.h"
 #include "client/store/pack_reader.h"
@@ -135,6 +135,20 @@ void compare_values(const ManifestItem& before, const ManifestItem& after,
     compare("group", named(before.group, before.gid), named(after.group, after.gid));
 }
 
+// Whether this set of a server, or one before it, tells what there was of the whole server.
+bool has_complete_set(Store& store, const ServerScope& scope, const std::string& set) {
+    for (const std::string& name : store.set_names()) {
+        if (name > set)
+            break;
+        throw_if_interrupted();
+        CatalogueEntry entry = load_set(store, name, scope);
+        if (entry.manifest && entry.manifest->complete && entry.manifest->whole_system &&
+            (entry.manifest->level == "full" || entry.manifest->level == "copy"))
+            return true;
+    }
+    return false;
+}
+
 } // namespace
 
 SetState state_of_set(Store& store, const Manifest& manifest) {
@@ -150,17 +164,13 @@ SetState state_of_set(Store& store, const Manifest& manifest) {
         if (is_compared(selected.item))
             state.items.try_emplace(std::move(path), std::move(selected));
     };
-    try {
+    state.whole = has_complete_set(store, scope, manifest.set);
+    if (state.whole)
         for (SelectedItem& selected : select_for_restore(store, scope, request).items)
             put(std::move(selected));
-    } catch (const ClientError& failure) {
-        if (failure.exit_code() != static_cast<int>(ExitCode::failed))
-            throw;
-        state.whole = false;
-        state.why_not_whole = failure.what();
+    else
         for (const ManifestItem& item : manifest.items)
             put({manifest.set, item});
-    }
     return state;
 }
 

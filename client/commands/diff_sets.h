@@ -20,9 +20,9 @@ struct SetState {
     // By the path as a person names it, below the data directory wherever that was. Transaction
     // logs are not among them.
     std::map<std::string, SelectedItem> items;
-    // Whether what is not among them was not there; else why only what the set itself holds is.
+    // Whether what is not among them was not there; else only what the set itself holds is, as no
+    // complete set of the whole server is before it.
     bool whole = true;
-    std::string why_not_whole;
 };
 
 // The state that `qrtln restore --all --at SET` takes: of a complete full or copy set its own

@@ -25,21 +25,21 @@ constexpr std::size_t longest_note = 8192; // bytes
 // "is locked by process 12 (…)", to stand behind the folder in words.
 std::string locked_text(int file) {
     std::optional<ProcessNote> note = read_lock_note(file);
-    const auto ended = [](pid_t process) {
-        return fmt::format("is locked by process {}, which ended: its child still closes the "
+    const auto ended = [](pid_t process, pid_t child) {
+        return fmt::format("is locked by process {}, which ended: its child{} still closes the "
                            "operation on the server",
-                           process);
+                           process, child == 0 ? "" : fmt::format(", process {},", child));
     };
     for (const LockHolder& holder : lock_holders(file, LockKind::whole)) {
         if (holder.left_by != 0)
-            return ended(holder.left_by);
+            return ended(holder.left_by, holder.process.process);
         // The note has since when, unless it is that of one before.
         bool noted =
             note && note->process == holder.process.process && liveness_of(*note) == Liveness::runs;
         return "is locked by " + describe(noted ? *note : holder.process);
     }
     if (note && liveness_of(*note) == Liveness::ended)
-        return ended(note->process);
+        return ended(note->process, 0);
     return "is locked by " + describe(note.value_or(ProcessNote{}));
 }
 
