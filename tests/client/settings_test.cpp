@@ -109,7 +109,8 @@ TEST_F(Settings, ARunTellsWhatWasAskedFor) {
     const std::string command =
         fmt::format("JOURNAL_STREAM={}:{} exec {} list --store /none 2>{} >&2", status.st_dev,
                     status.st_ino, QRTLN_EXECUTABLE, m_scratch / "journal");
-    EXPECT_EQ(Program({"/bin/sh", "-c", command}, {{"QRTLN_CONFIG", "/dev/null"}}).wait().exit_code, 10);
+    EXPECT_EQ(Program({"/bin/sh", "-c", command}, {{"QRTLN_CONFIG", "/dev/null"}}).wait().exit_code,
+              10);
     EXPECT_THAT(read_file(m_scratch / "journal"),
                 testing::MatchesRegex("<3>qrtln: [^\n]*\n<3>  hint: [^\n]*\n"));
 }
