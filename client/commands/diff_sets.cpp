@@ -159,7 +159,7 @@ SetState state_of_set(Store& store, const Manifest& manifest) {
     SelectionRequest request;
     request.all = true;
     request.at = manifest.set.substr(0, compact_time_length); // that very set, and those before it
-    auto put = [&](SelectedItem selected) {
+    auto put = [&](SelectedItem&& selected) {
         std::string path = path_for_person(selected.item.path, manifest.data_directory);
         if (is_compared(selected.item))
             state.items.try_emplace(std::move(path), std::move(selected));
