@@ -73,13 +73,15 @@ std::optional<std::string> read_small_file(int directory, const std::string& nam
     return content;
 }
 
-int replace_file(const std::string& path, std::string_view content) {
+int replace_file(const std::string& path, std::string_view content, mode_t mode) {
     std::string temporary = path + ".tmp";
     FileDescriptor file(
         ::open(temporary.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_NOFOLLOW | O_CLOEXEC, 0600));
     int error = file ? write_all(file.get(), as_bytes(content)) : errno;
     if (file)
         (void)give_to_owner_of_folder(temporary);
+    if (error == 0 && mode != 0600 && ::fchmod(file.get(), mode) != 0)
+        error = errno;
     if (error == 0 && ::fsync(file.get()) != 0)
         error = errno;
     if (int close_error = file.close_checked(); error == 0)

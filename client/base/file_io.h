@@ -38,10 +38,10 @@ std::optional<std::string> read_small_file(int directory, const std::string& nam
                                            std::size_t limit);
 
 // Gives a file new content so that a crash leaves the old one or the new one, flushed to disk: by
-// way of a file of its name with ".tmp". Mode 0600; from root it belongs to the owner of its
-// folder. Returns 0 or the errno; the old one is then there still, unless flushing its folder
-// failed.
-int replace_file(const std::string& path, std::string_view content);
+// way of a file of its name with ".tmp". It gets this mode; from root it belongs
+// to the owner of its folder. Returns 0 or the errno; the old one is then there still, unless
+// flushing its folder failed.
+int replace_file(const std::string& path, std::string_view content, mode_t mode = 0600);
 
 // Flushes the folder `name` below `directory`, or an open one. Returns 0 or the errno; also 0 where
 // the file system cannot flush folders at all, as some network and user-space ones: the files in it

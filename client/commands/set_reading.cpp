@@ -74,12 +74,6 @@ int SetReading::exit_code(ExitCode otherwise) const {
                       : static_cast<int>(otherwise);
 }
 
-std::string level_text(const Manifest& manifest) {
-    if (!manifest.reason.empty())
-        return fmt::format("{} ({})", manifest.level, manifest.reason);
-    return manifest.whole_system ? manifest.level : manifest.level + " (named)";
-}
-
 void add_set_filter(CLI::App& command, SetFilterOptions& options, bool level) {
     command.add_option("--server", options.server, "Only sets of this server")->type_name("NAME");
     if (level)

@@ -56,9 +56,6 @@ class SetReading {
     std::string m_reason;                // of the last one
 };
 
-// "full", "full (named)" for one of some databases, "incr (owed)".
-std::string level_text(const Manifest& manifest);
-
 struct SetFilterOptions {
     std::string server;
     std::string level;

@@ -49,10 +49,13 @@ SavedCopies load_saved_copies(Store& store, const ServerScope& scope,
             continue;
         for (const ManifestItem& item : entry.manifest->items)
             if (item.status == ItemStatus::stored && paths.contains(item.path))
-                copies[item.path].push_back(
-                    {set, item.object, item.dbiid, item.copied, item.restored});
+                copies[item.path].push_back(saved_copy(set, item));
     }
     return copies;
+}
+
+SavedCopy saved_copy(const std::string& set, const ManifestItem& item) {
+    return {set, item.object, item.dbiid, item.copied, item.restored};
 }
 
 // At copy level the module does not answer that a database is not logged: there is then no identity

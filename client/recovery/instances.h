@@ -35,6 +35,9 @@ using SavedCopies = std::map<std::string, std::vector<SavedCopy>>;
 SavedCopies load_saved_copies(Store& store, const ServerScope& scope,
                               const std::set<std::string>& paths);
 
+// The copy that an item of a set is.
+SavedCopy saved_copy(const std::string& set, const ManifestItem& item);
+
 // Whether the server told when the set was made that no transaction log covers the database.
 bool is_not_logged(const ManifestItem& item);
 

@@ -34,6 +34,18 @@ std::string namesake_below(const std::string& folder, const std::string& name,
 
 } // namespace
 
+std::string reason_for_only_its_set(const std::string& path, const CopyLogging& copy,
+                                    const std::string& set, bool server_logs,
+                                    const StoredLogs& stored) {
+    if (copy.is_not_logged)
+        return not_logged_reason;
+    if (!server_logs) // a set of an earlier release does not tell what no log covers
+        return !copy.has_dbiid && is_template(path) ? template_reason : logging_off_reason;
+    return has_newest_archive(stored, set)
+               ? ""
+               : "the server began a new transaction log after its backup";
+}
+
 const CatalogueEntry& DatabasePlanner::set(const std::string& name) {
     auto [entry, added] = m_sets.try_emplace(name);
     if (added)
@@ -47,15 +59,9 @@ void DatabasePlanner::take(PlannedItem planned) {
         database.set_started = manifest->started;
         database.set_ended = complete_at(*manifest);
     }
-    if (is_not_logged(planned.item))
-        database.only_its_set = not_logged_reason;
-    else if (!m_planning.ini
-                  .logging) // a set of an earlier release does not tell what no log covers
-        database.only_its_set = planned.item.dbiid.empty() && is_template(planned.item.path)
-                                    ? template_reason
-                                    : logging_off_reason;
-    else if (!has_newest_archive(m_planning.stored_logs, planned.set))
-        database.only_its_set = "the server began a new transaction log after its backup";
+    database.only_its_set = reason_for_only_its_set(
+        planned.item.path, {is_not_logged(planned.item), !planned.item.dbiid.empty()}, planned.set,
+        m_planning.ini.logging, m_planning.stored_logs);
     database.planned = std::move(planned);
     m_plan.databases.push_back(std::move(database));
 }

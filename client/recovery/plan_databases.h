@@ -12,6 +12,18 @@
 
 namespace qrtln {
 
+// What a set tells of a database that decides whether logs lead on from its copy.
+struct CopyLogging {
+    bool is_not_logged = false; // see is_not_logged()
+    bool has_dbiid = false;
+};
+
+// Why a database comes back as it is in `set`, and no log rolls it forward; empty: logs do.
+// `server_logs`: the server has transaction logging.
+std::string reason_for_only_its_set(const std::string& path, const CopyLogging& copy,
+                                    const std::string& set, bool server_logs,
+                                    const StoredLogs& stored);
+
 class DatabasePlanner {
   public:
     // Both must outlive this.

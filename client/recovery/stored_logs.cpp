@@ -5,30 +5,38 @@
 
 namespace qrtln {
 
+void StoredLogGathering::add(const Manifest& manifest,
+                             const std::function<bool(const ManifestItem&)>& is_damaged) {
+    for (const ManifestItem& item : manifest.items) {
+        if (item.status != ItemStatus::stored || (!item.log && item.kind != ItemKind::log_control))
+            continue;
+        const bool damaged = is_damaged(item);
+        if (item.log)
+            m_stored.logs.push_back({manifest.set, item, damaged, manifest.started});
+        else if (!damaged)
+            m_controls.push_back({manifest.set, item, false, manifest.started});
+    }
+}
+
+StoredLogs StoredLogGathering::finish() && {
+    // It describes the log of its own set.
+    for (const StoredLog& control : m_controls)
+        for (const StoredLog& log : m_stored.logs)
+            if (log.set == control.set &&
+                same_archive(*log.item.log, *m_stored.logs.back().item.log))
+                m_stored.control = control;
+    return std::move(m_stored);
+}
+
 StoredLogs load_stored_logs(Store& store, const ServerScope& scope,
                             const std::set<std::pair<std::string, std::string>>& damaged) {
-    StoredLogs stored;
-    std::vector<StoredLog> controls;
-    for (const std::string& set : store.set_names()) {
-        CatalogueEntry entry = load_set(store, set, scope);
-        if (!entry.manifest)
-            continue;
-        for (ManifestItem& item : entry.manifest->items) {
-            if (item.status != ItemStatus::stored)
-                continue;
-            bool is_damaged = damaged.contains({item.path, item.object});
-            if (item.log)
-                stored.logs.push_back({set, std::move(item), is_damaged, entry.manifest->started});
-            else if (item.kind == ItemKind::log_control && !is_damaged)
-                controls.push_back({set, std::move(item), false, entry.manifest->started});
-        }
-    }
-    // It describes the log of its own set.
-    for (const StoredLog& control : controls)
-        for (const StoredLog& log : stored.logs)
-            if (log.set == control.set && same_archive(*log.item.log, *stored.logs.back().item.log))
-                stored.control = control;
-    return stored;
+    StoredLogGathering gathering;
+    for (const std::string& set : store.set_names())
+        if (CatalogueEntry entry = load_set(store, set, scope); entry.manifest)
+            gathering.add(*entry.manifest, [&](const ManifestItem& item) {
+                return damaged.contains({item.path, item.object});
+            });
+    return std::move(gathering).finish();
 }
 
 bool has_newest_archive(const StoredLogs& stored, const std::string& set) {

@@ -6,6 +6,7 @@
 #include "client/store/store.h"
 
 #include <cstdint>
+#include <functional>
 #include <optional>
 #include <set>
 #include <string>
@@ -29,6 +30,18 @@ struct StoredLogs {
     std::vector<StoredLog> logs;
     // Of the newest set that has one undamaged and logs of the newest identity beside it.
     std::optional<StoredLog> control;
+};
+
+// Gathers them out of manifests that somebody reads, the oldest set first.
+class StoredLogGathering {
+  public:
+    // `is_damaged`: whether the content of an item is known to be damaged or missing.
+    void add(const Manifest& manifest, const std::function<bool(const ManifestItem&)>& is_damaged);
+    StoredLogs finish() &&;
+
+  private:
+    StoredLogs m_stored;
+    std::vector<StoredLog> m_controls;
 };
 
 // The stored logs of all sets with this data directory. Items that are known to be damaged are

@@ -13,18 +13,18 @@ KnownDamage::KnownDamage(Store& store) : m_store(store) {
         m_packs.emplace(pack, store.packs().damaged_blocks(pack));
 }
 
-bool KnownDamage::has(const ManifestItem& item) {
-    if (!is_in_blocks(item))
-        return !m_objects.contains(item.object) || m_store.is_noted_damaged(item.object);
-    auto [known, is_new] = m_maps.try_emplace(item.map, false);
+bool KnownDamage::has(const std::string& object, const MapPlace& map) {
+    if (map.file.empty())
+        return !m_objects.contains(object) || m_store.is_noted_damaged(object);
+    auto [known, is_new] = m_maps.try_emplace(map, false);
     if (is_new)
-        known->second = has_map(item);
+        known->second = has_map(object, map);
     return known->second;
 }
 
-bool KnownDamage::has_map(const ManifestItem& item) const {
+bool KnownDamage::has_map(const std::string& object, const MapPlace& place) const {
     try {
-        const ContentMap map = m_store.packs().read_map(item.map, item.object);
+        const ContentMap map = m_store.packs().read_map(place, object);
         return std::any_of(map.runs.begin(), map.runs.end(), [&](const BlockRun& run) {
             auto pack = m_packs.find(map.packs[run.pack].id);
             if (pack == m_packs.end())

@@ -17,10 +17,12 @@ class KnownDamage {
     explicit KnownDamage(Store& store);
 
     // Whether the content of an item is damaged or missing. Throws ClientError(no_permission).
-    bool has(const ManifestItem& item);
+    bool has(const ManifestItem& item) { return has(item.object, item.map); }
+    // Likewise of a content, that of an item.
+    bool has(const std::string& object, const MapPlace& map);
 
   private:
-    bool has_map(const ManifestItem& item) const;
+    bool has_map(const std::string& object, const MapPlace& place) const;
 
     Store& m_store;
     std::set<std::string> m_objects;

@@ -162,13 +162,17 @@ std::vector<ChainLink> load_log_chain(Store& store, const std::string& base,
         CatalogueEntry entry = load_set(store, set, scope);
         if (!entry.manifest)
             continue;
-        std::vector<LogIdentity> logs = stored_logs(*entry.manifest);
-        if (set != base && logs.empty())
-            continue;
-        chain.push_back({set, std::move(logs)});
-        chain.back().extent_sizes.add(entry.manifest->items);
+        ChainLink link = chain_link(*entry.manifest);
+        if (set == base || !link.logs.empty())
+            chain.push_back(std::move(link));
     }
     return chain;
+}
+
+ChainLink chain_link(const Manifest& manifest) {
+    ChainLink link{manifest.set, stored_logs(manifest)};
+    link.extent_sizes.add(manifest.items);
+    return link;
 }
 
 std::vector<LogIdentity> stored_logs(const Manifest& manifest) {

@@ -51,6 +51,9 @@ std::string describe(const LogGap& gap);
 std::vector<ChainLink> load_log_chain(Store& store, const std::string& base,
                                       const ServerScope& scope);
 
+// A link of a set's own.
+ChainLink chain_link(const Manifest& manifest);
+
 // The stored logs of a set.
 std::vector<LogIdentity> stored_logs(const Manifest& manifest);
 

@@ -193,6 +193,13 @@ bool same_archive(const LogIdentity& one, const LogIdentity& other) {
                                                           : one.whole_id == other.whole_id;
 }
 
+// A full of the whole server is more than one of some databases.
+std::string level_text(const Manifest& manifest) {
+    if (!manifest.reason.empty())
+        return fmt::format("{} ({})", manifest.level, manifest.reason);
+    return manifest.whole_system ? manifest.level : manifest.level + " (named)";
+}
+
 std::string status_text(const Manifest& manifest) {
     std::string text = manifest.complete ? "complete" : "incomplete";
     if (!manifest.close_error.empty())

@@ -138,6 +138,9 @@ bool is_attachment_object(const std::string& path);
 // ", logs missing" where the chain of logs has a gap.
 std::string status_text(const Manifest& manifest);
 
+// "full", "full (named)" for one of some databases, "full (owed)" where it has a reason.
+std::string level_text(const Manifest& manifest);
+
 struct ManifestTotals {
     std::size_t databases = 0;
     std::size_t stored_items = 0;       // directories not counted

@@ -59,7 +59,7 @@ std::string copy_owed(const Store& store, const std::string& folder) {
     return copy;
 }
 
-OwedDatabases::OwedDatabases(std::string file) : m_file(std::move(file)) {
+OwedDatabases::OwedDatabases(std::string file, Access access) : m_file(std::move(file)) {
     std::optional<std::string> content = read_small_file(AT_FDCWD, m_file, maximal_owed_file);
     if (!content && errno == ENOENT)
         return;
@@ -92,7 +92,8 @@ OwedDatabases::OwedDatabases(std::string file) : m_file(std::move(file)) {
                 "move the file away, then take a whole backup: `qrtln backup --level full`");
         m_entries[{std::move(data_directory), std::move(path)}] |= restored;
     }
-    make_durable(start, start < content->size());
+    if (access == Access::change)
+        make_durable(start, start < content->size());
 }
 
 std::vector<std::string> OwedDatabases::of(const std::string& data_directory) const {

@@ -30,7 +30,10 @@ class OwedDatabases {
     // leaves of an entry that was not yet relied on: it is cut off. What stays is flushed. Throws
     // ClientError(failed) for a file that cannot be read or holds anything else. REQUIRES: the
     // store is locked for writing; the folder of `file` exists.
-    explicit OwedDatabases(std::string file);
+    explicit OwedDatabases(std::string file) : OwedDatabases(std::move(file), Access::change) {}
+    // Likewise of a list that others may write to: nothing is cut or flushed, and nothing can be
+    // changed by it.
+    static OwedDatabases read(std::string file) { return {std::move(file), Access::read}; }
 
     // The paths owed for a server's data directory, sorted.
     std::vector<std::string> of(const std::string& data_directory) const;
@@ -61,7 +64,9 @@ class OwedDatabases {
 
   private:
     using Entry = std::pair<std::string, std::string>; // data directory, path
+    enum class Access { read, change };
 
+    OwedDatabases(std::string file, Access access);
     void make_durable(std::size_t size, bool cut);
     std::string lines() const;
     [[noreturn]] void fail(const std::string& doing, int error) const;
