@@ -85,6 +85,7 @@ extern const Command recover_command;
 extern const Command prove_command;
 extern const Command check_command;
 extern const Command list_command;
+extern const Command status_command;
 extern const Command find_command;
 extern const Command show_command;
 extern const Command diff_command;
