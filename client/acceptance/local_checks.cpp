@@ -3,6 +3,7 @@
 #include "client/acceptance/ini_check.h"
 #include "client/acceptance/links_check.h"
 #include "client/backup/arguments.h"
+#include "client/base/elf_symbols.h"
 #include "client/base/error.h"
 #include "client/base/file_io.h"
 #include "client/base/ownership.h"
@@ -16,6 +17,7 @@
 #include "client/sets/log_chain.h"
 #include "client/store/canonical_json.h"
 #include "client/store/store.h"
+#include "notes_api/notes_api.h"
 
 #include <algorithm>
 #include <cstdlib>
@@ -61,11 +63,11 @@ class Checks {
         const char* set = std::getenv("Notes_ExecDirectory");
         std::string given = set != nullptr ? set : "";
         std::string folder = given.empty() ? m_ini.program_directory : given;
-        if (::access((folder + "/libnotes.so").c_str(), R_OK) == 0)
-            add("environment", Verdict::ok, "libnotes.so is in " + folder);
-        else
-            add("environment", Verdict::told,
-                fmt::format("libnotes.so is not in {}: the loader has to find it", folder));
+        if (::access((folder + "/libnotes.so").c_str(), R_OK) != 0)
+            return add("environment", Verdict::told,
+                       fmt::format("libnotes.so is not in {}: the loader has to find it", folder));
+        add("environment", Verdict::ok, "libnotes.so is in " + folder);
+        symbols(folder + "/libnotes.so");
     }
 
     void locale(const std::vector<std::string>& databases) {
@@ -156,6 +158,25 @@ class Checks {
     }
 
   private:
+    // Those that the library has itself; what it needs may have the others.
+    void symbols(const std::string& library) {
+        std::string problem;
+        const auto defined = defined_symbols(library, problem);
+        if (!defined)
+            return add("symbols", Verdict::stop, fmt::format("{}: {}", library, problem));
+        std::string missing;
+        std::size_t count = 0;
+        for (const NotesSlot* slot = notes_api.first; slot != nullptr; slot = slot->next()) {
+            ++count;
+            if (!defined->contains(std::string_view(slot->name())))
+                missing += (missing.empty() ? "" : ", ") + std::string(slot->name());
+        }
+        if (missing.empty())
+            return add("symbols", Verdict::ok, fmt::format("all {} functions are there", count));
+        add("symbols", Verdict::told,
+            "another library has to have these functions, `qrtln check --try` looks: " + missing);
+    }
+
     void add(const std::string& name, Verdict verdict, const std::string& text) {
         m_report.add({Step::without_library, name, verdict, printable_utf8(text), {}, false});
     }

@@ -38,6 +38,7 @@ Pipe make_pipe() {
 pid_t spawn(const std::string& file, std::vector<std::string>& words, const Pipe& output,
             const Pipe& errors) {
     std::vector<char*> arguments;
+    arguments.reserve(words.size() + 1);
     for (std::string& word : words)
         arguments.push_back(word.data());
     arguments.push_back(nullptr);

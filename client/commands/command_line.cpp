@@ -153,6 +153,7 @@ int run_typed(CLI::App& app, const CommandRuns& runs, const std::vector<std::str
     Settings settings(app);
     const std::vector<std::string> completed = settings.complete(texts);
     std::vector<const char*> arguments;
+    arguments.reserve(completed.size());
     for (const std::string& text : completed)
         arguments.push_back(text.c_str());
     try {

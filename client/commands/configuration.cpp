@@ -150,6 +150,7 @@ class ConfigurationCheck {
         const auto known = options.find(option);
         if (known == options.end()) {
             std::vector<std::string> words;
+            words.reserve(options.size() + m_known.size());
             for (const auto& [word, flag] : options)
                 words.push_back(word);
             if (command.empty())

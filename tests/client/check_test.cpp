@@ -65,6 +65,29 @@ TEST_F(Check, EndsAtTheFirstSurpriseAndNamesIt) {
     }
 }
 
+// Without --try.
+TEST_F(Check, ReadsWhatTheLibraryHasAndLoadsNothing) {
+    const std::string library = read_file(QRTLN_POOR_NOTES "/libnotes.so");
+    const std::tuple<std::string, const char*, const char*> cases[] = {
+        {library, "told", "another library has to have these functions"},
+        {library.substr(0, library.size() - 64), "stop", "its tables are not whole"},
+        {library.substr(0, 63), "stop", "its tables are not whole"},
+        {"#!/bin/sh\n" + library, "stop", "it is no 64-bit shared library"},
+    };
+    for (const auto& [content, verdict, text] : cases) {
+        write_file(m_scratch / "libnotes.so", content);
+        const json report = run_client({"check", "--json", "--notes-ini", m_server + "/notes.ini"},
+                                       {{"Notes_ExecDirectory", m_scratch.path()}})
+                                .document();
+        json symbols;
+        for (const json& finding : report["findings"])
+            if (finding["name"] == "symbols")
+                symbols = finding;
+        EXPECT_EQ(symbols["verdict"], verdict) << report.dump(1);
+        EXPECT_THAT(symbols["text"].dump(), HasSubstr(text));
+    }
+}
+
 TEST_F(Check, SaysOfEachMoodWhatABackupWouldMeet) {
     Words both = m_marking, slow = m_writing;
     both.insert(both.end(), m_writing.begin() + 2, m_writing.end());
