@@ -19,7 +19,7 @@ json run_command(int& exit_code, std::vector<std::string> words, const BackupTri
                  {"--notes-ini", trial.notes_ini, "--store", trial.folder + "/store", "--tmp-dir",
                   trial.folder, "--progress", "never", "--config", "/dev/null", "--json"});
     words.insert(words.end(), trial.more.begin(), trial.more.end());
-    const ProgramResult result = run_program("/proc/self/exe", words);
+    const ProgramResult result = run_program("/proc/self/exe", words, "QRTLN_"); // all is said
     throw_if_interrupted();
     exit_code = result.exit_code;
     const std::string& text = result.output;

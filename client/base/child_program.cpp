@@ -12,6 +12,7 @@
 #include <fmt/format.h>
 #include <poll.h>
 #include <spawn.h>
+#include <string_view>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -35,8 +36,17 @@ Pipe make_pipe() {
     return {FileDescriptor(ends[0]), FileDescriptor(ends[1])};
 }
 
-pid_t spawn(const std::string& file, std::vector<std::string>& words, const Pipe& output,
-            const Pipe& errors) {
+std::vector<char*> environment_without(const std::string& prefix) {
+    std::vector<char*> variables;
+    for (char** variable = environ; *variable != nullptr; ++variable)
+        if (prefix.empty() || !std::string_view(*variable).starts_with(prefix))
+            variables.push_back(*variable);
+    variables.push_back(nullptr);
+    return variables;
+}
+
+pid_t spawn(const std::string& file, std::vector<std::string>& words, std::vector<char*> variables,
+            const Pipe& output, const Pipe& errors) {
     std::vector<char*> arguments;
     arguments.reserve(words.size() + 1);
     for (std::string& word : words)
@@ -49,7 +59,7 @@ pid_t spawn(const std::string& file, std::vector<std::string>& words, const Pipe
     ::posix_spawn_file_actions_adddup2(&actions, errors.to.get(), STDERR_FILENO);
     pid_t child = -1;
     const int error =
-        ::posix_spawn(&child, file.c_str(), &actions, nullptr, arguments.data(), environ);
+        ::posix_spawn(&child, file.c_str(), &actions, nullptr, arguments.data(), variables.data());
     ::posix_spawn_file_actions_destroy(&actions);
     if (error != 0)
         throw ClientError(ExitCode::failed, fmt::format("cannot start {}: {}", for_terminal(file),
@@ -71,10 +81,11 @@ bool take_output(FileDescriptor& from, std::string& text) {
 
 } // namespace
 
-ProgramResult run_program(const std::string& file, std::vector<std::string> words) {
+ProgramResult run_program(const std::string& file, std::vector<std::string> words,
+                          const std::string& left_out) {
     Pipe output = make_pipe();
     Pipe errors = make_pipe();
-    const pid_t child = spawn(file, words, output, errors);
+    const pid_t child = spawn(file, words, environment_without(left_out), output, errors);
     output.to.reset();
     errors.to.reset();
     ProgramResult result;

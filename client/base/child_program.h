@@ -12,9 +12,11 @@ struct ProgramResult {
     std::string errors; // likewise of standard error
 };
 
-// Runs `file` with these words (the first is its name) and no input, and waits for its end. An
+// Runs `file` with these words (the first is its name) and no input, and waits for its end. It has
+// the variables of this process but those that begin with `left_out`, where that is not empty. An
 // interruption of this process is passed on to it. Throws ClientError(failed) where it cannot be
 // started.
-ProgramResult run_program(const std::string& file, std::vector<std::string> words);
+ProgramResult run_program(const std::string& file, std::vector<std::string> words,
+                          const std::string& left_out);
 
 } // namespace qrtln

@@ -22,6 +22,7 @@
 
 #include <algorithm>
 #include <array>
+#include <cstdlib>
 #include <ctime>
 #include <filesystem>
 #include <fmt/format.h>
@@ -212,6 +213,8 @@ void Check::save_smallest() {
     BackupTrial trial{m_request.ini.file, folder.path(), {}, smallest->path, smallest->shown};
     if (m_options.as_other_user)
         trial.more.emplace_back("--as-other-user");
+    if (const char* module = std::getenv("QRTLN_MODULE"); module != nullptr && *module != '\0')
+        trial.more.push_back("--module=" + std::string(module));
     try_backup(m_report, trial);
 }
 

@@ -54,7 +54,7 @@ void add_commands(CLI::App& app, std::span<const Command* const> commands, Comma
     }
 }
 
-const CLI::App* find_command(const CLI::App& app, const std::string& name) {
+const CLI::App* command_named(const CLI::App& app, const std::string& name) {
     for (const CLI::App* command : commands_of(app))
         if (command->get_name() == name)
             return command;
@@ -80,7 +80,7 @@ std::string probably_meant(const CLI::App& app, const std::vector<std::string>& 
     const CLI::App* command = &app;
     for (std::size_t i = 1; i < arguments.size(); ++i) {
         const std::string word = arguments[i].substr(0, arguments[i].find('='));
-        if (const CLI::App* found = find_command(*command, word)) {
+        if (const CLI::App* found = command_named(*command, word)) {
             command = found;
             continue;
         }
@@ -99,7 +99,7 @@ std::string probably_meant(const CLI::App& app, const std::vector<std::string>& 
 bool print_help(const CLI::App& app, const std::vector<std::string>& arguments) {
     if (arguments.size() < 2 || arguments.size() > 3 || arguments[1] != "help")
         return false;
-    const CLI::App* command = arguments.size() == 2 ? &app : find_command(app, arguments[2]);
+    const CLI::App* command = arguments.size() == 2 ? &app : command_named(app, arguments[2]);
     if (command == nullptr)
         return false;
     std::fputs(command->help().c_str(), stdout);
