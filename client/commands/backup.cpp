@@ -210,7 +210,7 @@ void BackupRun::report(int code) const {
     const std::optional<Manifest>& first = m_first->set();
     if (!m_options.json) {
         print_report((first ? set_lines(*first) : "") + set_lines(m_manifest) +
-                         (m_forgotten ? forgetting_text(*m_forgotten) : ""),
+                         (m_forgotten ? forgetting_text(*m_forgotten, false) : ""),
                      code);
         return;
     }

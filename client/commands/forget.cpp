@@ -35,8 +35,8 @@ int run_forget(const ForgetOptions& options) {
     if (options.json)
         print_json(forgetting_json(done));
     else
-        options.request.dry_run ? print_output(forgetting_text(done))
-                                : print_report(forgetting_text(done), 0);
+        options.request.dry_run ? print_output(forgetting_text(done, true))
+                                : print_report(forgetting_text(done, true), 0);
     return 0;
 }
 

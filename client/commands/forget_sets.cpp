@@ -192,10 +192,11 @@ Forgetting forget_sets(Store& store, const ForgetRequest& request) {
     return done;
 }
 
-std::string forgetting_text(const Forgetting& done) {
+std::string forgetting_text(const Forgetting& done, bool with_kept) {
     std::string text;
     for (const auto& [set, why] : done.kept)
-        text += fmt::format("stays: {}: {}\n", for_terminal(set), why);
+        if (with_kept)
+            text += fmt::format("stays: {}: {}\n", for_terminal(set), why);
     for (const std::string& set : done.forgotten)
         text += fmt::format("{}: {}\n", done.dry_run ? "would go" : "forgotten", for_terminal(set));
     for (const std::string& problem : done.reclaimed.problems)

@@ -39,7 +39,8 @@ struct Forgetting {
 // REQUIRES: the store is locked for writing.
 Forgetting forget_sets(Store& store, const ForgetRequest& request);
 
-std::string forgetting_text(const Forgetting& done);
+// `with_kept`: also each set that stays, and why.
+std::string forgetting_text(const Forgetting& done, bool with_kept);
 nlohmann::json forgetting_json(const Forgetting& done);
 
 } // namespace qrtln
