@@ -117,7 +117,8 @@ void report_usage(CLI::App& app, const CLI::ParseError& error,
     std::string hint;
     if (!origins.empty())
         hint = "set elsewhere: " + origins;
-    if (dynamic_cast<const CLI::RequiredError*>(&error) != nullptr)
+    if (dynamic_cast<const CLI::RequiredError*>(&error) != nullptr &&
+        std::string_view(error.what()).starts_with("--")) // of an option, not of a command
         hint = fmt::format("give it, set QRTLN_NAME in the environment, or write it into {}",
                            usual_configuration_file);
     const std::string meant = probably_meant(app, texts);
