@@ -155,12 +155,21 @@ void print_report(const std::string& text, int exit_code) {
         print_output(text);
 }
 
+namespace {
+
+constexpr std::chrono::milliseconds between_redraws{200};
+constexpr std::chrono::minutes between_lines{1};
+
+} // namespace
+
 Progress::Progress(std::uint64_t databases)
     : m_databases(databases), m_start(std::chrono::steady_clock::now()), m_last_told(m_start) {
     const ProgressStyle style = settings().progress;
     m_redraws = style == ProgressStyle::always ||
                 (style == ProgressStyle::automatic && ::isatty(STDERR_FILENO) == 1);
     m_tells = style != ProgressStyle::never && !settings().quiet;
+    if (m_redraws) // at once, and not only where a run takes its time
+        m_last_told -= between_redraws;
     current_progress = this;
 }
 
@@ -198,8 +207,6 @@ std::string Progress::text(std::chrono::steady_clock::time_point now) const {
 }
 
 void Progress::tell() {
-    constexpr std::chrono::milliseconds between_redraws{200};
-    constexpr std::chrono::minutes between_lines{1};
     const bool wanted = progress_wanted != 0;
     const auto now = std::chrono::steady_clock::now();
     const bool due = m_tells && now - m_last_told >= (m_redraws ? between_redraws : between_lines);
