@@ -1,0 +1,10 @@
+#include "client/remote/remote_settings.h"
+
+namespace qrtln {
+
+RemoteSettings& remote_settings() {
+    static RemoteSettings settings;
+    return settings;
+}
+
+} // namespace qrtln
