@@ -208,7 +208,10 @@ class Checks {
     // What the next backup builds on, and whether it has room.
     void chain(Store& store) {
         if (std::optional<std::uint64_t> free = free_bytes(store.location()))
-            add("store", Verdict::ok, human_bytes(*free) + " free where the store lies");
+            add("store", Verdict::ok,
+                human_bytes(*free) + (store.address() == store.location()
+                                          ? " free where the store lies"
+                                          : " free for what is on its way to the store"));
         const std::string newest = newest_set(store, m_ini.sets);
         if (newest.empty())
             return add("chain", Verdict::ok, "no set of this server yet");

@@ -6,6 +6,7 @@
 #include "client/domino/database_names.h"
 #include "client/module/host.h"
 #include "client/module/told.h"
+#include "client/sets/known_base.h"
 
 #include <ctime>
 #include <fmt/format.h>
@@ -124,6 +125,8 @@ void commit_set(BackupRun& run, LogChecks& logs) {
     run.manifest.ended = std::time(nullptr);
     run.context.store.write_manifest(run.manifest.set, serialize(run.manifest));
     run.context.store.keep_added();
+    if (run.is_whole_full() && run.manifest.complete)
+        (void)note_base(run.context.store, run.manifest.set); // else the next is a full one again
     strike_owed(run);
     if (run.manifest.complete && !stored_logs(run.manifest).empty() &&
         run.request.before_logs_are_archived)

@@ -115,6 +115,8 @@ void BackupRun::check_selection() {
 
 // The server takes what is below its data directory for its own, and the next backup would save it.
 void BackupRun::check_place_of_store() const {
+    if (is_elsewhere(m_options.store))
+        return;
     std::string existing = absolute_path(m_options.store);
     while (!real_path(existing) && existing.size() > 1)
         existing = folder_of(existing);
@@ -217,7 +219,7 @@ void BackupRun::report(int code) const {
     nlohmann::json document = set_summary(m_manifest);
     document.update({{"command", "backup"},
                      {"exit_code", code},
-                     {"store", printable_utf8(absolute_path(m_options.store))}});
+                     {"store", printable_utf8(store_address(m_options.store))}});
     if (first)
         document["owed"] = set_summary(*first);
     if (m_forgotten)

@@ -2,6 +2,7 @@
 
 #include "client/base/output.h"
 #include "client/base/text.h"
+#include "client/sets/known_base.h"
 #include "client/sets/log_chain.h"
 #include "client/sets/set_links.h"
 
@@ -89,6 +90,8 @@ std::optional<ClientError> BackupBase::problem_with(const std::optional<BaseSet>
         problem = distrust_of(*base, request.level);
     }
     if (problem.empty())
+        problem = unknown_base(m_store, base->set);
+    if (problem.empty())
         problem = forgotten_since(*base);
     if (problem.empty())
         problem = broken_chain(*base, request);
@@ -103,7 +106,7 @@ std::optional<ClientError> BackupBase::problem_with(const std::optional<BaseSet>
 
 // What only a forgotten set had would be passed over, as the server takes it for saved.
 std::string BackupBase::forgotten_since(const BaseSet& base) const {
-    for (const auto& [set, server] : m_store.forgotten_sets())
+    for (const auto& [set, server] : m_store.absent_sets().all())
         if (set > base.set && !set.ends_with("-copy") &&
             (server.empty() || server == m_ini.server_name))
             return fmt::format(

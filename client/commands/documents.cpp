@@ -229,7 +229,7 @@ int DocumentsCommand::report(const DocumentsResult& result) const {
         print_message(text);
     const DocumentsTold told = {m_options.changed,
                                 m_options.dry_run,
-                                absolute_path(m_options.store),
+                                store_address(m_options.store),
                                 m_request.item.path,
                                 m_set,
                                 m_request.since.time,

@@ -63,7 +63,7 @@ void LockReport::add(const std::string& name, const UsedLock& lock) {
 void LockReport::print(const Store& store, bool json) const {
     if (json)
         print_json({{"command", "lock"},
-                    {"store", printable_utf8(store.location())},
+                    {"store", printable_utf8(store.address())},
                     {"locks", m_locks},
                     {"exit_code", static_cast<int>(ExitCode::complete)}});
     else

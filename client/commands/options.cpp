@@ -3,17 +3,73 @@
 #include "client/base/duration.h"
 #include "client/base/lock_wait.h"
 #include "client/base/text.h"
+#include "client/remote/remote_settings.h"
+#include "client/store/store.h"
 
 #include <cstdlib>
 #include <fmt/format.h>
 
 namespace qrtln {
 
+namespace {
+
+constexpr const char* duration_type = "DURATION";
+
+// What `set` gets is the length of time.
+void add_duration_option(CLI::App& command, const std::string& name, const std::string& help,
+                         std::function<void(std::chrono::seconds)> set,
+                         const std::string& group = "OPTIONS") {
+    command
+        .add_option_function<std::string>(
+            name,
+            [name, set = std::move(set)](const std::string& text) {
+                const std::optional<std::chrono::seconds> length = parse_duration(text);
+                if (!length)
+                    throw CLI::ValidationError(
+                        name, fmt::format("'{}': {}", for_terminal(text), duration_hint));
+                set(*length);
+            },
+            help)
+        ->type_name(duration_type)
+        ->group(group);
+}
+
+} // namespace
+
+void add_remote_options(CLI::App& command) {
+    constexpr const char* group = "A store elsewhere";
+    RemoteSettings& settings = remote_settings();
+    command
+        .add_option("--state", settings.state,
+                    "The folder for what must be local, below it one for each store (default: "
+                    "QRTLN_STATE, else /var/lib/qrtln or ~/.local/state/qrtln)")
+        ->envname("QRTLN_STATE")
+        ->type_name("DIR")
+        ->group(group);
+    command
+        .add_option("--bwlimit", settings.bandwidth,
+                    "How much of the line is used, as rclone takes it: 10M is 10 MiB/s, "
+                    "\"08:00,1M 19:00,off\" a timetable")
+        ->type_name("RATE")
+        ->group(group);
+    add_duration_option(
+        command, "--remote-patience", "How long to go on while the place fails (default: 5m)",
+        [](std::chrono::seconds longest) { remote_settings().patience = longest; }, group);
+    command
+        .add_flag("--break-claim", settings.breaks_claim,
+                  "Write to it although another machine said that it does: that one has ended for "
+                  "sure")
+        ->group(group);
+}
+
 void add_store_option(CLI::App& command, std::string& store) {
-    command.add_option("--store", store, "The folder of the store")
+    command
+        .add_option("--store", store,
+                    "The folder of the store, or rclone:REMOTE:PATH of one elsewhere")
         ->envname("QRTLN_STORE")
         ->type_name("DIR")
         ->required();
+    add_remote_options(command);
 }
 
 void add_store_options(CLI::App& command, StoreOptions& options) {
@@ -77,23 +133,22 @@ void add_tmp_dir(CLI::App& command, std::string& tmp_dir, const std::string& hel
 }
 
 void add_lock_wait_option(CLI::App& command) {
-    command
-        .add_option_function<std::string>(
-            "--lock-wait",
-            [](const std::string& text) {
-                std::optional<std::chrono::seconds> longest = parse_duration(text);
-                if (!longest)
-                    throw CLI::ValidationError(
-                        "--lock-wait", fmt::format("'{}': {}", for_terminal(text), duration_hint));
-                set_lock_wait(*longest);
-            },
-            "Wait so long, in all, for locks that other commands have (default: not at all): 90s, "
-            "15m, 2h")
-        ->type_name("DURATION");
+    add_duration_option(command, "--lock-wait",
+                        "Wait so long, in all, for locks that other commands have (default: not at "
+                        "all): 90s, 15m, 2h",
+                        set_lock_wait);
 }
 
-void add_state_option(CLI::App& command, std::string& state, const std::string& help) {
+void add_state_option(CLI::App& command, std::string& state, const std::string& store,
+                      const std::string& help) {
+    if (CLI::Option* of_remote = command.get_option_no_throw("--state"); of_remote != nullptr)
+        command.remove_option(of_remote);
     command.add_option("--state", state, help)->type_name("DIR");
+    // Of a store elsewhere it is what it is for every command.
+    command.parse_complete_callback([&state, &store] {
+        if (is_elsewhere(store))
+            remote_settings().state = std::exchange(state, {});
+    });
 }
 
 void add_as_other_user(CLI::App& command, bool& as_other_user) {

@@ -35,7 +35,9 @@ inline constexpr const char* time_help =
 
 // Each adds options to a command, bound to the values, which must outlive its parsing.
 
-// --store, which must be given.
+// Of stores elsewhere: --state, --bwlimit, --remote-patience and --break-claim, for the whole run.
+void add_remote_options(CLI::App& command);
+// --store, which must be given, and these.
 void add_store_option(CLI::App& command, std::string& store);
 // That and --json.
 void add_store_options(CLI::App& command, StoreOptions& options);
@@ -53,8 +55,9 @@ void add_origin_options(CLI::App& command, ServerOptions& options);
 void add_tmp_dir(CLI::App& command, std::string& tmp_dir, const std::string& help);
 // --lock-wait, which holds for every lock that the run takes.
 void add_lock_wait_option(CLI::App& command);
-// --state, with `help`.
-void add_state_option(CLI::App& command, std::string& state, const std::string& help);
+// --state, with `help`, where the store, which --store gives, is on this machine.
+void add_state_option(CLI::App& command, std::string& state, const std::string& store,
+                      const std::string& help);
 void add_as_other_user(CLI::App& command, bool& as_other_user);
 // How the module is run: --module, --call-timeout, --verbose, --trace and --as-other-user.
 void add_module_options(CLI::App& command, ServerOptions& options);

@@ -272,7 +272,7 @@ void add_prove(CLI::App& command, CommandRuns& runs) {
     command.add_option("SET", prove.set,
                        "The set's name, the beginning of it, or \"latest\" (default: the whole "
                        "server, as it could be recovered now from all sets)");
-    add_state_option(command, prove.state,
+    add_state_option(command, prove.state, prove.store,
                      "The store is only read, and what must be written (lock, journal, the proof) "
                      "kept in this folder");
     add_tmp_dir(command, prove.tmp_dir,

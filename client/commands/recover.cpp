@@ -196,7 +196,7 @@ int dry_run(const RecoverOptions& options, const OperationContext& context,
     if (options.json)
         print_json({{"command", "recover"},
                     {"dry_run", true},
-                    {"store", printable_utf8(absolute_path(options.store))},
+                    {"store", printable_utf8(store_address(options.store))},
                     {"plan", plan_json(plan)},
                     {"exit_code", code}});
     else
@@ -220,7 +220,7 @@ int report(const RecoverOptions& options, const RecoveryRequest& request,
     if (options.json)
         print_json({{"command", "recover"},
                     {"dry_run", false},
-                    {"store", printable_utf8(absolute_path(options.store))},
+                    {"store", printable_utf8(store_address(options.store))},
                     {"to", request.to ? nlohmann::json(utc_time(*request.to)) : nlohmann::json()},
                     {"result", recovery_json(result, request.to)},
                     {"attachment_objects", needed_objects_json(objects)},
@@ -316,7 +316,7 @@ void add_recover(CLI::App& command, CommandRuns& runs) {
                   "Give up a recovery that is not finished: remove its restored copies")
         ->excludes(names)
         ->excludes(all);
-    add_state_option(command, recover.state,
+    add_state_option(command, recover.state, recover.store,
                      "With --into: the store is only read, and what must be written (lock, "
                      "journal) kept in this folder");
     add_tmp_dir(command, recover.tmp_dir,

@@ -115,7 +115,7 @@ int RestoreRun::run() {
     make_plan();
     m_document = {{"command", "restore"},
                   {"dry_run", m_options.dry_run},
-                  {"store", printable_utf8(absolute_path(m_options.store))},
+                  {"store", printable_utf8(store_address(m_options.store))},
                   {"plan", plan_json(m_plan)},
                   {"attachment_objects", needed_objects_json(m_objects)}};
     return m_options.dry_run ? show_plan() : restore();

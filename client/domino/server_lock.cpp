@@ -90,7 +90,7 @@ std::string other_log_archive(const NotesIni& ini, const Store& store) {
         if (note && note->at("format").get<int>() == lock_format) {
             std::string place = get_bytes(*note, "store");
             std::string id = note->at("store_id").get<std::string>();
-            bool same_place = place == store.location() || is_same_folder(place, store.location());
+            bool same_place = place == store.address() || is_same_folder(place, store.location());
             bool other_id = !id.empty() && !store.id().empty() && id != store.id();
             if (same_place && other_id)
                 return fmt::format(
@@ -119,7 +119,7 @@ std::string other_log_archive(const NotesIni& ini, const Store& store) {
 std::string note_log_archive(const NotesIni& ini, const Store& store) {
     json note = {
         {"format", lock_format}, {"store_id", store.id()}, {"since", utc_time(std::time(nullptr))}};
-    put_bytes(note, "store", store.location());
+    put_bytes(note, "store", store.address());
     std::string bytes = to_canonical(note);
     int error = replace_file(note_path(ini), bytes);
     return error == 0 ? ""

@@ -106,7 +106,7 @@ Ledger make_ledger(Store& store, const LedgerRequest& request) {
     StoreFacts facts = read_store_facts(store, damage);
     Ledger ledger;
     ledger.made = request.now;
-    ledger.store = store.location();
+    ledger.store = store.address();
     ledger.store_id = store.id();
     add_server_of_ini(request, facts);
     ledger.findings = std::move(facts.findings);

@@ -83,7 +83,7 @@ StoreFacts StoreReading::run() {
 }
 
 void StoreReading::note_unread(const std::string& set, const std::string& problem) {
-    if (m_store.forgotten_sets().contains(set)) // meanwhile
+    if (m_store.absent_sets().all().contains(set)) // meanwhile
         return;
     m_findings.push_back(
         {unread_code,

@@ -58,7 +58,7 @@ std::unique_ptr<Store> open_store_or_state(const StateRequest& request,
     try {
         return open_directory_store(request.store, StoreAccess::change);
     } catch (const ClientError& failure) {
-        if (!can_only_be_read(request.store))
+        if (is_elsewhere(request.store) || !can_only_be_read(request.store))
             throw;
         throw ClientError(failure.exit_code(), failure.what(),
                           failure.hint() + (failure.hint().empty() ? "" : "; or ") + way_out);

@@ -31,7 +31,7 @@ std::vector<MissingSet> SetLinks::missing(Store& store, bool notes) const {
             told.try_emplace(set, "a note of it is there");
     std::vector<std::string> names = store.set_names();
     std::set<std::string> known(names.begin(), names.end());
-    for (const auto& [set, server] : store.forgotten_sets())
+    for (const auto& [set, server] : store.absent_sets().all())
         known.insert(set);
     std::vector<MissingSet> missing;
     for (const auto& [set, why] : told)

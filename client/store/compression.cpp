@@ -117,7 +117,7 @@ void Compressor::finish() {
     run({}, true);
 }
 
-std::string decompress(int fd, const std::function<void(Bytes)>& sink) {
+std::string decompress(const NextBytes& next, const std::function<void(Bytes)>& sink) {
     std::unique_ptr<ZSTD_DCtx, std::size_t (*)(ZSTD_DCtx*)> context(ZSTD_createDCtx(),
                                                                     ZSTD_freeDCtx);
     if (!context)
@@ -126,14 +126,12 @@ std::string decompress(int fd, const std::function<void(Bytes)>& sink) {
     std::vector<std::byte> output_bytes(ZSTD_DStreamOutSize());
     bool frame_complete = false;
     for (bool first = true;; first = false) {
-        ssize_t got = read_up_to(fd, input_bytes);
-        if (got < 0)
-            return "cannot be read: " + system_error_text(static_cast<int>(-got));
+        const std::size_t got = next(input_bytes);
         if (got == 0)
             return frame_complete ? std::string() : "ends too early";
-        if (first && !begins_as_written({input_bytes.data(), static_cast<std::size_t>(got)}))
+        if (first && !begins_as_written({input_bytes.data(), got}))
             return "does not begin as every object does";
-        ZSTD_inBuffer input{input_bytes.data(), static_cast<std::size_t>(got), 0};
+        ZSTD_inBuffer input{input_bytes.data(), got, 0};
         while (input.pos < input.size) {
             if (frame_complete)
                 return "has bytes after its end";

@@ -43,9 +43,12 @@ class Compressor {
     std::vector<std::byte> m_output;
 };
 
-// Decompresses the one frame in `fd` into `sink`. Returns an empty text, or what is wrong with the
-// data: a read error, damage, or bytes before or after the frame's end.
-std::string decompress(int fd, const std::function<void(Bytes)>& sink);
+// Fills the buffer with what comes next, as far as there is something, and tells how much that was.
+using NextBytes = std::function<std::size_t(std::span<std::byte> buffer)>;
+// Decompresses the one frame that `next` gives into `sink`. Returns an empty text, or what is wrong
+// with the data: damage, or bytes before or after the frame's end. What `next` throws comes
+// through.
+std::string decompress(const NextBytes& next, const std::function<void(Bytes)>& sink);
 
 // Whether bytes are compressed already, by a few samples of them, where finding that out while they
 // are compressed would take long.

@@ -32,13 +32,6 @@ bool is_of_packs(std::string_view folder) {
     return folder == pack_folder || folder == map_folder;
 }
 
-std::string new_store_id() {
-    std::array<char, 16> random{};
-    return ::getentropy(random.data(), random.size()) == 0
-               ? to_hex(std::string_view(random.data(), random.size()))
-               : "";
-}
-
 std::uint64_t block_size_in(const nlohmann::json& format_document) {
     auto size = format_document.find("block_size");
     return size != format_document.end() && size->is_number_unsigned() ? size->get<std::uint64_t>()
@@ -52,19 +45,46 @@ std::string id_of(const nlohmann::json& format_document) {
 
 } // namespace
 
+std::string new_store_id() {
+    std::array<char, 16> random{};
+    return ::getentropy(random.data(), random.size()) == 0
+               ? to_hex(std::string_view(random.data(), random.size()))
+               : "";
+}
+
+std::string store_address(const std::string& given) {
+    return is_elsewhere(given) ? given : absolute_path(given);
+}
+
 std::string store_id_at(const std::string& directory) {
     std::optional<std::string> bytes = read_small_file(
         AT_FDCWD, fmt::format("{}/{}", directory, format_file), maximal_format_file);
+    return bytes ? store_id_in(*bytes) : "";
+}
+
+std::string store_id_in(const std::string& format_document) {
     std::string problem;
-    std::optional<nlohmann::json> document;
-    if (bytes)
-        document = from_canonical(*bytes, problem);
+    std::optional<nlohmann::json> document = from_canonical(format_document, problem);
     return document ? id_of(*document) : "";
 }
 
+namespace {
+
+std::unique_ptr<DirectoryStore> open_anywhere(const std::string& place, StoreAccess access,
+                                              std::string* damage, std::uint32_t block_size) {
+    if (!is_elsewhere(place))
+        return std::make_unique<DirectoryStore>(place, access, damage, block_size);
+    auto mirror = std::make_unique<Mirror>(place);
+    const std::string directory = mirror->directory();
+    return std::make_unique<DirectoryStore>(directory, access, damage, block_size,
+                                            std::move(mirror));
+}
+
+} // namespace
+
 std::unique_ptr<Store> open_directory_store(const std::string& directory, StoreAccess access,
                                             std::string* damage, std::uint32_t block_size) {
-    auto store = std::make_unique<DirectoryStore>(directory, access, damage, block_size);
+    std::unique_ptr<DirectoryStore> store = open_anywhere(directory, access, damage, block_size);
     if (!store->warning().empty())
         print_warnings({store->warning()});
     return store;
@@ -77,14 +97,25 @@ std::unique_ptr<Store> open_store_with_state(const StateRequest& request) {
 }
 
 DirectoryStore::DirectoryStore(const std::string& directory, StoreAccess access,
-                               std::string* damage, std::uint32_t block_size)
-    : m_place(directory), m_runtime(m_place.path("runtime")), m_objects(m_place), m_sets(m_place),
-      m_packs(m_place) {
+                               std::string* damage, std::uint32_t block_size,
+                               std::unique_ptr<Mirror> mirror)
+    : m_mirror(std::move(mirror)), m_place(directory, m_mirror.get()),
+      m_runtime(m_place.path("runtime")), m_objects(m_place), m_sets(m_place), m_packs(m_place) {
     try {
-        open_folder(access);
         bool locks = access == StoreAccess::write || access == StoreAccess::change;
+        if (m_mirror && m_mirror->is_new())
+            make_mirror(access);
+        open_folder(access);
         if (locks) {
             lock();
+            if (m_mirror)
+                m_mirror->claim();
+        }
+        if (m_mirror)
+            m_mirror->look(access != StoreAccess::read_damaged);
+        if (locks) {
+            if (m_mirror)
+                m_mirror->drop_unsent();
             // Who had the lock may have made the store meanwhile, or removed it again.
             if (!m_place.exists(m_folder.get(), format_file)) {
                 require_creation(access);
@@ -197,10 +228,10 @@ void DirectoryStore::open_folder(StoreAccess access) {
 
 void DirectoryStore::require_creation(StoreAccess access) const {
     if (access != StoreAccess::write)
-        throw ClientError(ExitCode::no_store,
-                          fmt::format("there is no store at {}: store.json is missing",
-                                      for_terminal(m_place.directory())),
-                          "`qrtln backup` creates a store in a new or empty folder");
+        throw ClientError(
+            ExitCode::no_store,
+            fmt::format("there is no store at {}: store.json is missing", for_terminal(address())),
+            "`qrtln backup` creates a store in a new or empty folder");
 }
 
 void DirectoryStore::lock() {
@@ -232,7 +263,21 @@ void DirectoryStore::create_skeleton(std::uint32_t block_size) {
     // the folders are there.
     if (int error = flush_folder(m_folder.get()); error != 0)
         m_place.fail("flush the folder", error);
-    write_format(block_size, new_store_id());
+    if (m_mirror && !m_mirror->is_empty())
+        throw ClientError(ExitCode::no_store,
+                          fmt::format("{} is not empty and is no store: store.json is missing",
+                                      for_terminal(m_mirror->place())),
+                          "name a store, or a new or empty folder, with --store");
+    write_format(block_size, m_mirror ? m_mirror->id() : new_store_id());
+    if (m_mirror)
+        m_mirror->put_document(format_file, m_place.path(format_file));
+}
+
+// The folder of a store that is about to be made elsewhere.
+void DirectoryStore::make_mirror(StoreAccess access) {
+    require_creation(access);
+    m_mirror->make_folder();
+    m_folder_created = true;
 }
 
 void DirectoryStore::write_format(std::uint32_t block_size, const std::string& id) {
@@ -256,6 +301,8 @@ void DirectoryStore::add_packs(std::uint32_t block_size) {
     if (int error = flush_folder(m_folder.get()); error != 0)
         m_place.fail("flush the folder", error);
     write_format(block_size, m_id);
+    if (m_mirror)
+        m_mirror->put_document(format_file, m_place.path(format_file));
     if (int error = flush_folder(m_folder.get()); error != 0)
         m_place.fail("flush the folder", error);
     m_block_size = block_size;
@@ -329,7 +376,8 @@ void DirectoryStore::require_block_size(std::uint32_t block_size) const {
                                       has_packs() ? fmt::format("blocks of {} bytes, not of {}",
                                                                 m_block_size, block_size)
                                                   : "no blocks, but whole objects"),
-                          "leave --block-size out: it is for a store that is made");
+                          "leave --block-size out: it is for a store that is made; sets are copied "
+                          "between stores with blocks of one size");
 }
 
 // Only this process uses the store: what has a temporary name was left by a run that was killed.
@@ -349,7 +397,61 @@ void DirectoryStore::remove_leftovers() noexcept {
     }
 }
 
-std::map<std::string, std::string> DirectoryStore::forgotten_sets() {
+int DirectoryStore::descriptor_of(const std::string& name) const {
+    if (name.starts_with("packs/"))
+        return m_packs.pack_descriptor();
+    return name.starts_with("maps/") ? m_packs.map_descriptor() : m_objects.descriptor();
+}
+
+void DirectoryStore::take_in(const std::string& name, const StoredFile& file,
+                             const std::function<void(const StoredFile&)>& check) {
+    constexpr std::uint64_t piece = std::uint64_t{4} << 20;
+    const std::string temporary = m_place.path(name) + std::string(temporary_suffix);
+    const std::string folder = name.substr(0, name.rfind('/'));
+    if (folder.find('/') != std::string::npos)
+        if (int error = make_folder(m_objects.descriptor(), name_of(folder), m_folder.get());
+            error != 0)
+            m_place.fail("create a folder for objects", error, "objects");
+    auto written = std::make_shared<FileDescriptor>(
+        ::open(temporary.c_str(), O_RDWR | O_CREAT | O_TRUNC | O_NOFOLLOW | O_CLOEXEC, 0600));
+    if (!*written)
+        m_place.fail("create a file", errno, folder);
+    try {
+        (void)give_to_owner_of(m_folder.get(), written->get());
+        std::vector<std::byte> bytes;
+        for (std::uint64_t at = 0; at < file.size; at += bytes.size()) {
+            bytes.resize(std::min(piece, file.size - at));
+            file.read(at, bytes);
+            if (int error = write_all(written->get(), bytes); error != 0)
+                m_place.fail("write a file", error);
+        }
+        check(stored_file(written));
+        if (!m_mirror && ::fsync(written->get()) != 0)
+            m_place.fail("flush a file", errno);
+        if (int error = written->close_checked(); error != 0)
+            m_place.fail("close a file", error);
+        if (::rename(temporary.c_str(), m_place.path(name).c_str()) != 0)
+            m_place.fail("put a file in place", errno, folder);
+    } catch (...) {
+        ::unlink(temporary.c_str());
+        throw;
+    }
+    if (m_mirror)
+        m_mirror->put(name, name.starts_with("maps/") ? Mirror::Local::stays : Mirror::Local::goes);
+    else
+        m_taken_in.insert({folder, name.substr(0, name.find('/'))});
+}
+
+void DirectoryStore::flush_taken_in() {
+    for (const std::string& folder : m_taken_in)
+        if (int error = flush_directory(m_folder.get(), folder); error != 0)
+            m_place.fail("flush the folder " + folder, error);
+    m_taken_in.clear();
+}
+
+Store::AbsentSets DirectoryStore::absent_sets() {
+    if (m_mirror && !m_mirror->fetch(forgotten_file, Mirror::Cache::fetched_anew))
+        return {};
     std::optional<std::string> bytes =
         read_small_file(m_folder.get(), forgotten_file, maximal_manifest);
     if (!bytes && errno == ENOENT)
@@ -360,7 +462,8 @@ std::map<std::string, std::string> DirectoryStore::forgotten_sets() {
     std::optional<nlohmann::json> document = from_canonical(*bytes, problem);
     try {
         if (document && document->at("format").get<int>() == forgotten_format)
-            return document->at("sets").get<std::map<std::string, std::string>>();
+            return {document->at("sets").get<std::map<std::string, std::string>>(),
+                    document->value("not_copied", std::map<std::string, std::string>())};
     } catch (const nlohmann::json::exception&) {
         problem = "is not in its form";
     }
@@ -379,12 +482,28 @@ void DirectoryStore::hold_sets(const std::vector<std::string>& sets) {
                 "`qrtln list` shows the sets that there are");
 }
 
-void DirectoryStore::forget_set(const std::string& set, const std::string& server) {
-    std::map<std::string, std::string> forgotten = forgotten_sets();
-    forgotten.emplace(set, server);
-    std::string bytes = to_canonical({{"format", forgotten_format}, {"sets", forgotten}});
-    if (int error = replace_file(m_place.path(forgotten_file), bytes); error != 0)
+void DirectoryStore::note_not_copied(const std::map<std::string, std::string>& sets) {
+    AbsentSets absent = absent_sets();
+    if (absent.not_copied == sets)
+        return;
+    absent.not_copied = sets;
+    write_absent(absent);
+}
+
+void DirectoryStore::write_absent(const AbsentSets& absent) {
+    nlohmann::json document = {{"format", forgotten_format}, {"sets", absent.forgotten}};
+    if (!absent.not_copied.empty())
+        document["not_copied"] = absent.not_copied;
+    if (int error = replace_file(m_place.path(forgotten_file), to_canonical(document)); error != 0)
         m_place.fail(std::string("write ") + forgotten_file, error);
+    if (m_mirror)
+        m_mirror->put_document(forgotten_file, m_place.path(forgotten_file));
+}
+
+void DirectoryStore::forget_set(const std::string& set, const std::string& server) {
+    AbsentSets absent = absent_sets();
+    absent.forgotten.emplace(set, server);
+    write_absent(absent);
     m_sets.remove(set);
 }
 
@@ -398,6 +517,8 @@ void DirectoryStore::discard_added() noexcept {
         if (m_skeleton_created && (!m_sets.is_open() || set_names().empty())) {
             m_skeleton_created = false;
             m_place.unwatch(); // it goes by our own hand
+            if (m_mirror)
+                (void)m_mirror->take_back(format_file);
             ::unlinkat(m_folder.get(), format_file, 0);
             ::unlinkat(m_folder.get(), format_temporary, 0);
             for (const char* name : skeleton_folders)

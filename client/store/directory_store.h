@@ -5,6 +5,7 @@
 #include "client/base/file_descriptor.h"
 #include "client/store/content_writer.h"
 #include "client/store/folder_lock.h"
+#include "client/store/mirror.h"
 #include "client/store/new_packs.h"
 #include "client/store/object_folder.h"
 #include "client/store/object_writer.h"
@@ -15,8 +16,10 @@
 #include "client/store/state_folder.h"
 #include "client/store/store.h"
 #include "client/store/store_place.h"
+#include "client/store/stored_file.h"
 
 #include <optional>
+#include <set>
 
 namespace qrtln {
 
@@ -24,7 +27,7 @@ class DirectoryStore final : public Store {
   public:
     // Opens it as open_directory_store() says.
     DirectoryStore(const std::string& directory, StoreAccess access, std::string* damage,
-                   std::uint32_t block_size);
+                   std::uint32_t block_size, std::unique_ptr<Mirror> mirror = nullptr);
 
     // From here on notes and run-time data go there. REQUIRES: it was opened for reading.
     void keep_state_in(const StateRequest& request) { m_state.emplace(request); }
@@ -33,6 +36,9 @@ class DirectoryStore final : public Store {
 
     std::string description() const override { return m_place.description(); }
     std::string location() const override { return m_place.directory(); }
+    std::string address() const override {
+        return m_mirror ? m_mirror->place() : m_place.directory();
+    }
     std::uint32_t block_size() const override { return m_block_size; }
     void add_packs(std::uint32_t block_size) override;
     std::string id() const override { return m_id; }
@@ -71,11 +77,22 @@ class DirectoryStore final : public Store {
         return m_objects.is_noted_damaged(hash);
     }
     void discard_object(const std::string& hash) noexcept override { m_objects.discard(hash); }
+    bool has_file(const std::string& name) override {
+        return m_place.has(descriptor_of(name), name);
+    }
+    StoredFile open_file(const std::string& name) override {
+        return open_stored_file(m_place, descriptor_of(name), name);
+    }
+    void take_in(const std::string& name, const StoredFile& file,
+                 const std::function<void(const StoredFile&)>& check) override;
     Reclaimed reclaim(const StoreUse& use, bool dry_run,
                       const std::function<void()>& between) override {
         if (!dry_run) // a run that was killed may have removed manifests, and not flushed that
             m_sets.flush();
-        return Reclaim(m_objects, m_packs, use, between).run(!dry_run);
+        Reclaimed reclaimed = Reclaim(m_objects, m_packs, use, between).run(!dry_run);
+        if (m_mirror)
+            m_mirror->confirm();
+        return reclaimed;
     }
     std::vector<std::string> objects(std::vector<std::string>* foreign) override {
         return m_objects.list(foreign);
@@ -85,7 +102,8 @@ class DirectoryStore final : public Store {
         return m_sets.names(foreign);
     }
     std::vector<std::string> noted_sets() override { return m_sets.noted(); }
-    std::map<std::string, std::string> forgotten_sets() override;
+    AbsentSets absent_sets() override;
+    void note_not_copied(const std::map<std::string, std::string>& sets) override;
     void hold_sets(const std::vector<std::string>& sets) override;
     bool take_set(const std::string& set) override { return m_readers.take(set); }
     void forget_set(const std::string& set, const std::string& server) override;
@@ -115,6 +133,9 @@ class DirectoryStore final : public Store {
     void flush() override {
         m_objects.flush();
         m_new_packs.flush();
+        flush_taken_in();
+        if (m_mirror)
+            m_mirror->confirm();
     }
     void discard_added() noexcept override;
     void keep_added() noexcept override {
@@ -124,6 +145,7 @@ class DirectoryStore final : public Store {
 
   private:
     void open_folder(StoreAccess access);
+    void flush_taken_in();
     FileDescriptor open_part(const char* name) const;
     bool has_packs() const { return m_block_size != 0; }
     void require_creation(StoreAccess access) const;
@@ -138,6 +160,11 @@ class DirectoryStore final : public Store {
     void remove_unfinished(int above, const std::string& folder) const;
     bool is_unfinished_skeleton() const;
 
+    void make_mirror(StoreAccess access);
+    int descriptor_of(const std::string& name) const;
+    void write_absent(const AbsentSets& absent);
+
+    const std::unique_ptr<Mirror> m_mirror; // of a store elsewhere
     const StorePlace m_place;
     std::string m_runtime; // absolute
     std::string m_id;
@@ -151,8 +178,9 @@ class DirectoryStore final : public Store {
     NewPacks m_new_packs{m_packs};
     std::optional<StateFolder> m_state;
     std::string m_warning;
-    bool m_folder_created = false;   // by this run
-    bool m_skeleton_created = false; // by this run
+    std::set<std::string> m_taken_in; // folders of files that are not flushed there yet
+    bool m_folder_created = false;    // by this run
+    bool m_skeleton_created = false;  // by this run
 };
 
 } // namespace qrtln

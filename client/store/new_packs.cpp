@@ -3,6 +3,7 @@
 #include "client/base/error.h"
 #include "client/base/file_io.h"
 #include "client/base/ownership.h"
+#include "client/store/mirror.h"
 #include "client/store/pack_rewrite.h"
 #include "client/store/state_folder.h"
 
@@ -127,10 +128,30 @@ void NewPacks::write_closed(bool all) {
             m_contents.contents[number].stored_size =
                 closed.writer->size_of_frames(frames.first, frames.behind);
         closed.writer.reset();
+        if (m_folder.place().mirror() != nullptr) {
+            send(closed);
+            m_first_unflushed = m_first_unwritten + 1;
+            continue;
+        }
         (void)::sync_file_range(closed.file.file.get(), 0, 0, SYNC_FILE_RANGE_WRITE);
         if (m_first_unwritten - m_first_unflushed >= most_unflushed)
             close(m_closed[m_first_unflushed++].file, "a pack");
     }
+}
+
+// To the store elsewhere, beside the packs that come: it is confirmed with the others at the end.
+void NewPacks::send(ClosedPack& closed) {
+    if (int error = closed.file.file.close_checked(); error != 0)
+        m_folder.place().fail("close a pack", error);
+    const std::string path = fmt::format("{}/{}", pack_folder, pack_file_name(closed.id));
+    if (m_folder.place().mirror()->size_of(path) && m_folder.damaged_blocks(closed.id).empty()) {
+        ::unlinkat(m_folder.pack_descriptor(), closed.file.temporary.c_str(), 0);
+        forget_added(closed.file.temporary);
+        return;
+    }
+    put_in_place(m_folder.pack_descriptor(), closed.file.temporary, pack_file_name(closed.id));
+    (void)m_folder.note_damage(closed.id, {});
+    m_folder.place().mirror()->put(path, Mirror::Local::goes);
 }
 
 void NewPacks::write_map(const ContentMap& map, std::size_t number) {
@@ -150,7 +171,9 @@ void NewPacks::write_map(const ContentMap& map, std::size_t number) {
 // A file of the same name has the same content, and may be damaged. It belongs to older sets, and
 // what takes its place does.
 void NewPacks::put_in_place(int folder, const std::string& temporary, const std::string& name) {
-    bool exists = m_folder.place().exists(folder, name);
+    const bool is_pack = folder == m_folder.pack_descriptor();
+    bool exists = m_folder.place().has(
+        folder, fmt::format("{}/{}", is_pack ? pack_folder : map_folder, name));
     if (::renameat(folder, temporary.c_str(), folder, name.c_str()) != 0)
         m_folder.place().fail("put a pack in place", errno);
     m_renamed = true;
@@ -197,14 +220,20 @@ FinishedContents NewPacks::finish() {
     write_closed(true);
     while (m_first_unflushed < m_closed.size())
         close(m_closed[m_first_unflushed++].file, "a pack");
-    for (const ClosedPack& pack : m_closed)
-        put_in_place(m_folder.pack_descriptor(), pack.file.temporary, pack_file_name(pack.id));
-    mend();
+    Mirror* mirror = m_folder.place().mirror();
+    if (mirror == nullptr) {
+        for (const ClosedPack& pack : m_closed)
+            put_in_place(m_folder.pack_descriptor(), pack.file.temporary, pack_file_name(pack.id));
+        mend();
+    }
     forget_closed();
     if (m_map_file.file) {
         close(m_map_file, "a file of maps");
         std::string hash = m_map_digest->finish();
         put_in_place(m_folder.map_descriptor(), m_map_file.temporary, map_file_name(hash));
+        if (mirror != nullptr)
+            mirror->put(fmt::format("{}/{}", map_folder, map_file_name(hash)),
+                        Mirror::Local::stays);
         m_contents.stored_size += m_map_size;
         for (FinishedContents::Content& content : m_contents.contents)
             content.place.file = hash;
@@ -237,8 +266,12 @@ void NewPacks::forget_closed() noexcept {
 }
 
 void NewPacks::discard() noexcept {
-    for (const AddedFile& file : m_added)
+    for (const AddedFile& file : m_added) {
         ::unlinkat(file.folder, file.name.c_str(), 0);
+        if (Mirror* mirror = m_folder.place().mirror(); mirror != nullptr)
+            (void)mirror->take_back(
+                (file.folder == m_folder.pack_descriptor() ? "packs/" : "maps/") + file.name);
+    }
     m_added.clear();
     m_queue.reset(); // its frames go nowhere from here on
     m_pack.reset();

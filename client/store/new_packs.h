@@ -89,6 +89,7 @@ class NewPacks {
     void drop_abandoned();
     void close_pack();
     void write_closed(bool all);
+    void send(ClosedPack& closed);
     void forget_closed() noexcept;
     void mend();
     void write_map(const ContentMap& map, std::size_t number);

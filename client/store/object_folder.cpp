@@ -7,7 +7,9 @@
 #include "client/base/text.h"
 #include "client/store/compression.h"
 #include "client/store/digest.h"
+#include "client/store/mirror.h"
 #include "client/store/state_folder.h"
+#include "client/store/stored_file.h"
 
 #include <algorithm>
 #include <cerrno>
@@ -39,6 +41,29 @@ std::string object_file_name(const std::string& hash) {
     return fmt::format("{}/{}{}", folder_of_hash(hash), hash, object_suffix);
 }
 
+ObjectCheck read_object_file(const StoredFile& file, const std::string& hash,
+                             const std::function<void(Bytes)>& sink) {
+    ObjectCheck check;
+    std::uint64_t at = 0;
+    Sha256 digest;
+    check.problem = decompress(
+        [&](std::span<std::byte> buffer) {
+            const auto count =
+                static_cast<std::size_t>(std::min<std::uint64_t>(buffer.size(), file.size - at));
+            file.read(at, buffer.first(count));
+            at += count;
+            return count;
+        },
+        [&](Bytes bytes) {
+            digest.update(bytes);
+            check.size += bytes.size();
+            sink(bytes);
+        });
+    if (check.problem.empty() && digest.finish() != hash)
+        check.problem = "does not have the content that its name tells";
+    return check;
+}
+
 void ObjectFolder::open(FileDescriptor folder, int store) {
     m_folder = std::move(folder);
     m_store = store;
@@ -56,30 +81,13 @@ void ObjectFolder::expect_flush(const std::string& hash) {
 ObjectCheck ObjectFolder::read(const std::string& hash,
                                const std::function<void(Bytes)>& sink) const {
     ObjectCheck check;
-    FileDescriptor file(::openat(m_folder.get(), object_file_name(hash).c_str(),
-                                 O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC));
-    struct stat status {};
-    if (!file || ::fstat(file.get(), &status) != 0) {
-        int error = errno;
-        throw_if_no_permission("read an object", m_place.path("objects/" + object_file_name(hash)),
-                               error);
-        check.problem =
-            error == ENOENT ? "is missing" : "cannot be opened: " + system_error_text(error);
-        m_place.require_there();
-        return check;
+    try {
+        const StoredFile file =
+            open_stored_file(m_place, m_folder.get(), "objects/" + object_file_name(hash));
+        check = read_object_file(file, hash, sink);
+    } catch (const PackDamage& damage) {
+        check.problem = damage.problem;
     }
-    if (!S_ISREG(status.st_mode)) {
-        check.problem = "is no file";
-        return check;
-    }
-    Sha256 digest;
-    check.problem = decompress(file.get(), [&](Bytes bytes) {
-        digest.update(bytes);
-        check.size += bytes.size();
-        sink(bytes);
-    });
-    if (check.problem.empty() && digest.finish() != hash)
-        check.problem = "does not have the content that its name tells";
     if (!check.problem.empty())
         m_place.require_there();
     return check;
@@ -87,7 +95,7 @@ ObjectCheck ObjectFolder::read(const std::string& hash,
 
 std::vector<std::string> ObjectFolder::list(std::vector<std::string>* foreign) const {
     std::vector<std::string> hashes;
-    for (const std::string& folder : m_place.list_folder(m_folder.get(), ".")) {
+    for (const std::string& folder : m_place.list_part(m_folder.get(), "objects")) {
         bool object_folder = folder.size() == 2 && from_hex(folder).has_value();
         if (!object_folder) {
             if (foreign != nullptr)
@@ -95,7 +103,7 @@ std::vector<std::string> ObjectFolder::list(std::vector<std::string>* foreign) c
             continue;
         }
         const std::string shown = fmt::format("objects/{}/", folder);
-        for (const std::string& name : m_place.list_folder(m_folder.get(), folder)) {
+        for (const std::string& name : m_place.list_part(m_folder.get(), "objects", folder)) {
             std::string hash = name.substr(0, name.rfind('.'));
             if (name == hash + std::string(object_suffix) && is_sha256_hex(hash) &&
                 hash.starts_with(folder))
@@ -108,6 +116,9 @@ std::vector<std::string> ObjectFolder::list(std::vector<std::string>* foreign) c
 }
 
 bool ObjectFolder::has(const std::string& hash, std::uint64_t stored_size) const {
+    if (Mirror* mirror = m_place.mirror(); mirror != nullptr)
+        return mirror->size_of("objects/" + object_file_name(hash)) == stored_size &&
+               !is_noted_damaged(hash);
     struct stat status {};
     return ::fstatat(m_folder.get(), object_file_name(hash).c_str(), &status,
                      AT_SYMLINK_NOFOLLOW) == 0 &&
@@ -119,8 +130,15 @@ int ObjectFolder::note_damage(const std::string& hash, bool damaged) const {
     const std::string note = damage_note_of(hash);
     if (!damaged)
         return ::unlinkat(m_folder.get(), note.c_str(), 0) == 0 || errno == ENOENT ? 0 : errno;
-    if (::faccessat(m_folder.get(), object_file_name(hash).c_str(), F_OK, AT_SYMLINK_NOFOLLOW) != 0)
+    if (Mirror* mirror = m_place.mirror(); mirror != nullptr) {
+        if (!mirror->size_of("objects/" + object_file_name(hash)))
+            return 0;
+        if (int error = make_folder(m_folder.get(), folder_of_hash(hash), m_store); error != 0)
+            return error;
+    } else if (::faccessat(m_folder.get(), object_file_name(hash).c_str(), F_OK,
+                           AT_SYMLINK_NOFOLLOW) != 0) {
         return 0; // one that is missing needs no note
+    }
     const FileDescriptor file(
         ::openat(m_folder.get(), note.c_str(), O_WRONLY | O_CREAT | O_NOFOLLOW | O_CLOEXEC, 0600));
     if (!file)
@@ -148,13 +166,20 @@ void ObjectFolder::flush() {
 void ObjectFolder::discard(const std::string& hash) noexcept {
     // Its folder stays: it is flushed with the others.
     if (auto added = std::find(m_added.begin(), m_added.end(), object_file_name(hash));
-        added != m_added.end() && ::unlinkat(m_folder.get(), added->c_str(), 0) == 0)
+        added != m_added.end() && remove_file(*added))
         m_added.erase(added);
+}
+
+bool ObjectFolder::remove_file(const std::string& name) const noexcept {
+    bool removed = ::unlinkat(m_folder.get(), name.c_str(), 0) == 0;
+    if (Mirror* mirror = m_place.mirror(); mirror != nullptr)
+        removed = mirror->take_back("objects/" + name);
+    return removed;
 }
 
 void ObjectFolder::discard_added() noexcept {
     for (const std::string& name : m_added) {
-        ::unlinkat(m_folder.get(), name.c_str(), 0);
+        (void)remove_file(name);
         ::unlinkat(m_folder.get(), folder_of_hash(name).c_str(), AT_REMOVEDIR); // when it is empty
     }
     m_added.clear();

@@ -5,6 +5,7 @@
 #include "client/base/file_descriptor.h"
 #include "client/store/store.h"
 #include "client/store/store_place.h"
+#include "client/store/stored_file.h"
 
 #include <cstdint>
 #include <functional>
@@ -16,6 +17,11 @@ namespace qrtln {
 
 // The name of an object's file below objects/.
 std::string object_file_name(const std::string& hash);
+
+// Decompresses an object into `sink`, and compares it with its hash, as Store::read_object does.
+// Throws PackDamage for a file that cannot be read.
+ObjectCheck read_object_file(const StoredFile& file, const std::string& hash,
+                             const std::function<void(Bytes)>& sink);
 
 class ObjectFolder {
   public:
@@ -60,6 +66,8 @@ class ObjectFolder {
     void keep_added() noexcept { m_added.clear(); }
 
   private:
+    bool remove_file(const std::string& name) const noexcept;
+
     const StorePlace& m_place;
     FileDescriptor m_folder;
     int m_store = -1;

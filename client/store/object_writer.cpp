@@ -3,6 +3,7 @@
 #include "client/base/file_descriptor.h"
 #include "client/base/file_io.h"
 #include "client/base/ownership.h"
+#include "client/store/mirror.h"
 
 #include <algorithm>
 #include <cerrno>
@@ -65,15 +66,19 @@ void DirectoryObjectWriter::write(Bytes bytes) {
 // good copy at hand, which mends older sets too.
 bool DirectoryObjectWriter::existing_is_whole(const std::string& name, const std::string& hash,
                                               std::uint64_t& stored_size) {
-    FileDescriptor existing(::openat(m_objects.descriptor(), name.c_str(),
-                                     O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC));
-    struct stat status {};
-    if (!existing || ::fstat(existing.get(), &status) != 0 || !S_ISREG(status.st_mode))
-        return false;
-    stored_size = static_cast<std::uint64_t>(status.st_size);
-    if (stored_size == m_stored_size && ::lseek(m_file.get(), 0, SEEK_SET) == 0 &&
-        same_bytes(existing.get(), m_file.get()))
-        return true;
+    if (Mirror* mirror = m_objects.place().mirror(); mirror != nullptr) {
+        stored_size = mirror->size_of("objects/" + name).value_or(0);
+    } else {
+        FileDescriptor existing(::openat(m_objects.descriptor(), name.c_str(),
+                                         O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC));
+        struct stat status {};
+        if (!existing || ::fstat(existing.get(), &status) != 0 || !S_ISREG(status.st_mode))
+            return false;
+        stored_size = static_cast<std::uint64_t>(status.st_size);
+        if (stored_size == m_stored_size && ::lseek(m_file.get(), 0, SEEK_SET) == 0 &&
+            same_bytes(existing.get(), m_file.get()))
+            return true;
+    }
     // Another version of the compressor may have written other bytes for the same content.
     ObjectCheck check = m_objects.read(hash, [](Bytes) {});
     return check.problem.empty() && check.size == m_size;
@@ -90,8 +95,12 @@ StoredObject DirectoryObjectWriter::finish() {
     int objects = m_objects.descriptor();
     const StorePlace& place = m_objects.place();
     // One that is taken for new is taken back with a run that fails.
-    bool exists = place.exists(objects, name);
-    m_objects.expect_flush(object.hash);
+    Mirror* mirror = place.mirror();
+    bool exists = place.has(objects, "objects/" + name);
+    if (mirror == nullptr)
+        m_objects.expect_flush(object.hash);
+    if (exists && m_objects.has(object.hash, m_stored_size) && mirror != nullptr)
+        return object; // it has been confirmed with its hash when it was put there
     if (exists) {
         std::uint64_t stored_size = 0;
         if (existing_is_whole(name, object.hash, stored_size)) {
@@ -101,7 +110,7 @@ StoredObject DirectoryObjectWriter::finish() {
         }
     }
     std::string folder = object.hash.substr(0, 2);
-    if (::fsync(m_file.get()) != 0)
+    if (mirror == nullptr && ::fsync(m_file.get()) != 0)
         place.fail("flush an object", errno);
     if (int error = m_file.close_checked(); error != 0)
         place.fail("close an object", error);
@@ -116,6 +125,8 @@ StoredObject DirectoryObjectWriter::finish() {
     // A mended object belongs to older sets: it is not taken back with this run.
     if (!exists)
         m_objects.note_added(name);
+    if (mirror != nullptr)
+        mirror->put("objects/" + name, Mirror::Local::goes);
     return object;
 }
 

@@ -2,17 +2,16 @@
 
 #include "client/base/error.h"
 #include "client/base/ordered_work.h"
-#include "client/base/permission.h"
 #include "client/store/block_hash.h"
 #include "client/store/canonical_json.h"
 #include "client/store/digest.h"
+#include "client/store/mirror.h"
+#include "client/store/stored_file.h"
 
 #include <algorithm>
 #include <cerrno>
-#include <fcntl.h>
 #include <fmt/format.h>
 #include <map>
-#include <sys/stat.h>
 #include <unistd.h>
 
 namespace qrtln {
@@ -28,55 +27,12 @@ std::string damage_note_name(const std::string& id) {
     return id + ".damaged";
 }
 
-void read_at(int file, std::uint64_t offset, std::span<std::byte> buffer) {
-    while (!buffer.empty()) {
-        ssize_t got = ::pread(file, buffer.data(), buffer.size(), static_cast<off_t>(offset));
-        if (got < 0 && errno == EINTR)
-            continue;
-        if (got < 0)
-            throw PackDamage{"cannot be read: " + system_error_text(errno)};
-        if (got == 0)
-            throw PackDamage{"ends too early"};
-        offset += static_cast<std::uint64_t>(got);
-        buffer = buffer.subspan(static_cast<std::size_t>(got));
-    }
-}
-
-// A file of one of the folders.
-struct PartFile {
-    FileDescriptor file;
-    std::uint64_t size = 0;
-};
-
-PartFile open_part(const StorePlace& place, int folder, const std::string& path) {
-    std::string name = path.substr(path.rfind('/') + 1);
-    PartFile part;
-    struct stat status {};
-    int error = folder < 0 ? ENOENT : 0;
-    if (error == 0) {
-        part.file = FileDescriptor(
-            ::openat(folder, name.c_str(), O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC));
-        if (!part.file || ::fstat(part.file.get(), &status) != 0)
-            error = errno;
-    }
-    if (error != 0) {
-        throw_if_no_permission("read", place.path(path), error);
-        place.require_there();
-        throw PackDamage{error == ENOENT ? "is missing"
-                                         : "cannot be opened: " + system_error_text(error)};
-    }
-    if (!S_ISREG(status.st_mode))
-        throw PackDamage{"is no file"};
-    part.size = static_cast<std::uint64_t>(status.st_size);
-    return part;
-}
-
 std::vector<std::string> list_ids(const StorePlace& place, const char* folder, int descriptor,
                                   std::string_view suffix, std::vector<std::string>* foreign) {
     std::vector<std::string> ids;
     if (descriptor < 0)
         return ids;
-    for (const std::string& name : place.list_folder(descriptor, ".")) {
+    for (const std::string& name : place.list_part(descriptor, folder)) {
         std::string id = name.substr(0, name.rfind('.'));
         if (name == id + std::string(suffix) && is_sha256_hex(id))
             ids.push_back(id);
@@ -212,13 +168,8 @@ void PackFolder::open(FileDescriptor packs, FileDescriptor maps, int store) {
 }
 
 std::unique_ptr<PackReader> PackFolder::open_pack(const std::string& id) const {
-    PartFile part =
-        open_part(m_place, m_packs.get(), fmt::format("{}/{}", pack_folder, pack_file_name(id)));
-    auto file = std::make_shared<FileDescriptor>(std::move(part.file));
-    return std::make_unique<PackReader>(
-        PackSource{part.size, [file](std::uint64_t offset, std::span<std::byte> buffer) {
-                       read_at(file->get(), offset, buffer);
-                   }});
+    return std::make_unique<PackReader>(open_stored_file(
+        m_place, m_packs.get(), fmt::format("{}/{}", pack_folder, pack_file_name(id))));
 }
 
 // It only makes a backup store more than it would: one that cannot be read says nothing.
@@ -250,12 +201,14 @@ ContentMap PackFolder::read_map(const MapPlace& place, const std::string& name) 
     std::string problem;
     std::optional<ContentMap> map;
     try {
-        PartFile part = open_part(m_place, m_maps.get(),
-                                  fmt::format("{}/{}", map_folder, map_file_name(place.file)));
-        if (place.offset > part.size || place.size > part.size - place.offset)
+        const std::string path = fmt::format("{}/{}", map_folder, map_file_name(place.file));
+        if (Mirror* mirror = m_place.mirror(); mirror != nullptr)
+            mirror->fetch_small(path);
+        const StoredFile file = open_stored_file(m_place, m_maps.get(), path);
+        if (place.offset > file.size || place.size > file.size - place.offset)
             throw PackDamage{"ends too early"};
         std::vector<std::byte> frame(place.size);
-        read_at(part.file.get(), place.offset, frame);
+        file.read(place.offset, frame);
         map = parse_content_map(frame, problem);
         if (map && map->name != name)
             problem = "is that of another content";

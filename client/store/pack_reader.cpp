@@ -14,7 +14,7 @@ namespace {
 
 constexpr std::size_t maximal_table = std::size_t{256} << 20; // of a pack of 40 TiB
 
-PackTrailer read_trailer(const PackSource& source) {
+PackTrailer read_trailer(const StoredFile& source) {
     if (source.size < PackTrailer::size)
         throw PackDamage{"ends too early"};
     std::array<std::byte, PackTrailer::size> bytes{};
@@ -22,7 +22,7 @@ PackTrailer read_trailer(const PackSource& source) {
     return parse_pack_trailer(bytes, source.size);
 }
 
-PackTable read_table(const PackSource& source, const PackTrailer& trailer,
+PackTable read_table(const StoredFile& source, const PackTrailer& trailer,
                      FrameDecompressor& decompressor) {
     if (trailer.table_size > maximal_table)
         throw PackDamage{"has a table that is too large"};
@@ -50,7 +50,7 @@ std::shared_ptr<LoadedFrame> LoadedFrames::get() {
     return *unused;
 }
 
-PackReader::PackReader(PackSource source)
+PackReader::PackReader(StoredFile source)
     : m_source(std::move(source)), m_trailer(read_trailer(m_source)),
       m_table(read_table(m_source, m_trailer, m_decompressor)) {}
 

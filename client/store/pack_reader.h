@@ -4,6 +4,7 @@
 #include "client/base/file_io.h"
 #include "client/store/compression.h"
 #include "client/store/pack_table.h"
+#include "client/store/stored_file.h"
 
 #include <cstdint>
 #include <functional>
@@ -12,13 +13,6 @@
 #include <vector>
 
 namespace qrtln {
-
-// Where a pack's bytes come from.
-struct PackSource {
-    std::uint64_t size = 0; // of the file
-    // Fills the buffer from an offset on. Throws PackDamage.
-    std::function<void(std::uint64_t offset, std::span<std::byte> buffer)> read;
-};
 
 // A frame as it was read: its plain bytes, and what the hashes of its blocks are by them.
 struct LoadedFrame {
@@ -49,7 +43,7 @@ struct FrameLoader {
 class PackReader {
   public:
     // Reads the trailer and the table. Throws PackDamage, as everything below does.
-    explicit PackReader(PackSource source);
+    explicit PackReader(StoredFile source);
 
     const PackTable& table() const { return m_table; }
     // What the pack has of the hash of a block, also of one that is dead.
@@ -70,7 +64,7 @@ class PackReader {
     void decompress(const PackFrame& frame, FrameDecompressor& decompressor,
                     std::vector<std::byte>& stored, std::vector<std::byte>& plain) const;
 
-    PackSource m_source;
+    StoredFile m_source;
     FrameDecompressor m_decompressor;
     PackTrailer m_trailer;
     PackTable m_table;

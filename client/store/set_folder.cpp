@@ -77,7 +77,7 @@ void SetFolder::open(FileDescriptor folder, int store) {
 
 std::vector<std::string> SetFolder::names(std::vector<std::string>* foreign) const {
     std::vector<std::string> names;
-    for (const std::string& name : m_place.list_folder(m_folder.get(), ".")) {
+    for (const std::string& name : m_place.list_part(m_folder.get(), "sets")) {
         if (!is_of_a_set(name)) {
             if (foreign != nullptr)
                 foreign->push_back("sets/" + name);
@@ -91,12 +91,12 @@ std::vector<std::string> SetFolder::names(std::vector<std::string>* foreign) con
 }
 
 bool SetFolder::has(const std::string& set) const {
-    return m_place.exists(m_folder.get(), manifest_name(set));
+    return m_place.has(m_folder.get(), "sets/" + manifest_name(set));
 }
 
 std::vector<std::string> SetFolder::noted() const {
     std::vector<std::string> names;
-    for (const std::string& name : m_place.list_folder(m_folder.get(), "."))
+    for (const std::string& name : m_place.list_part(m_folder.get(), "sets"))
         for (std::string_view suffix : note_suffixes)
             if (name.ends_with(suffix) && is_of_a_set(name))
                 names.push_back(name.substr(0, name.size() - suffix.size()));
@@ -106,7 +106,7 @@ std::vector<std::string> SetFolder::noted() const {
 std::optional<std::string> SetFolder::read_manifest(const std::string& set,
                                                     std::string& problem) const {
     std::string name = manifest_name(set);
-    std::optional<std::string> bytes = read_small_file(m_folder.get(), name, maximal_manifest);
+    std::optional<std::string> bytes = read_document(name, Mirror::Cache::used);
     int error = bytes ? 0 : errno;
     throw_if_no_permission("read the manifest", m_place.path("sets/" + name), error);
     if (!bytes)
@@ -121,6 +121,17 @@ void SetFolder::write_manifest(const std::string& set, const std::string& bytes,
     write_document(manifest_name(set), "the manifest " + set, bytes, may_replace);
 }
 
+// Sets errno, as read_small_file does.
+std::optional<std::string> SetFolder::read_document(const std::string& name,
+                                                    Mirror::Cache cache) const {
+    if (Mirror* mirror = m_place.mirror();
+        mirror != nullptr && !mirror->fetch("sets/" + name, cache)) {
+        errno = ENOENT;
+        return std::nullopt;
+    }
+    return read_small_file(m_folder.get(), name, maximal_manifest);
+}
+
 std::optional<std::string> SetFolder::read_note(const std::string& set, SetNote note,
                                                 const std::optional<StateFolder>& state,
                                                 std::string& problem) const {
@@ -129,7 +140,7 @@ std::optional<std::string> SetFolder::read_note(const std::string& set, SetNote 
     if (state)
         bytes = read_small_file(AT_FDCWD, state->file(name), maximal_manifest);
     if (!bytes)
-        bytes = read_small_file(m_folder.get(), name, maximal_manifest);
+        bytes = read_document(name, Mirror::Cache::fetched_anew);
     int error = bytes ? 0 : errno;
     throw_if_no_permission("read a note", m_place.path("sets/" + name), error);
     problem = bytes || error == ENOENT ? "" : "cannot be read: " + system_error_text(error);
@@ -157,11 +168,26 @@ void SetFolder::write_document(const std::string& name, const std::string& what,
                                const std::string& bytes, bool may_replace) const {
     std::string temporary = name + std::string(temporary_suffix);
     int sets = m_folder.get();
-    bool replaces = may_replace && m_place.exists(sets, name);
+    Mirror* mirror = m_place.mirror();
+    const std::string path = "sets/" + name;
+    bool replaces = may_replace && m_place.has(sets, path);
+    if (mirror != nullptr && !may_replace && mirror->size_of(path))
+        m_place.fail(fmt::format("put {} in place", what), EEXIST, "sets");
     if (int error = write_flushed(sets, temporary, bytes, m_store); error != 0)
         m_place.fail("write " + what, error, "sets");
+    // What lies elsewhere has the same name there, and what it refers to: it exists from then on.
+    if (mirror != nullptr) {
+        try {
+            mirror->put_document(path, m_place.path("sets/" + temporary));
+        } catch (...) {
+            ::unlinkat(sets, temporary.c_str(), 0);
+            if (!replaces)
+                mirror->take_back_document(path);
+            throw;
+        }
+    }
     int error = 0;
-    if (!may_replace)
+    if (!may_replace && mirror == nullptr)
         error = rename_to_new(sets, temporary, name);
     else if (::renameat(sets, temporary.c_str(), sets, name.c_str()) != 0)
         error = errno;
@@ -180,14 +206,19 @@ void SetFolder::write_document(const std::string& name, const std::string& what,
 }
 
 void SetFolder::remove(const std::string& set) const {
-    for (std::string_view suffix : {manifest_suffix, note_suffixes[0], note_suffixes[1]})
-        if (::unlinkat(m_folder.get(), (set + std::string(suffix)).c_str(), 0) != 0 &&
-            errno != ENOENT)
-            m_place.fail(fmt::format("remove {}{}", set, suffix), errno);
+    for (std::string_view suffix : {manifest_suffix, note_suffixes[0], note_suffixes[1]}) {
+        const std::string name = set + std::string(suffix);
+        if (Mirror* mirror = m_place.mirror(); mirror != nullptr)
+            mirror->remove("sets/" + name);
+        if (::unlinkat(m_folder.get(), name.c_str(), 0) != 0 && errno != ENOENT)
+            m_place.fail("remove " + name, errno);
+    }
     flush();
 }
 
 void SetFolder::flush() const {
+    if (Mirror* mirror = m_place.mirror(); mirror != nullptr)
+        mirror->confirm();
     if (int error = flush_folder(m_folder.get()); error != 0)
         m_place.fail("flush the folder sets", error);
 }

@@ -2,6 +2,7 @@
 #pragma once
 
 #include "client/base/file_descriptor.h"
+#include "client/store/mirror.h"
 #include "client/store/state_folder.h"
 #include "client/store/store.h"
 #include "client/store/store_place.h"
@@ -45,6 +46,7 @@ class SetFolder {
     void flush() const;
 
   private:
+    std::optional<std::string> read_document(const std::string& name, Mirror::Cache cache) const;
     void write_document(const std::string& name, const std::string& what, const std::string& bytes,
                         bool may_replace) const;
 

@@ -67,6 +67,7 @@ enum class SetNote {
 
 class PackFolder;
 struct Reclaimed;
+struct StoredFile;
 struct StoreUse;
 
 class Store {
@@ -75,8 +76,10 @@ class Store {
 
     // The place in words, for messages.
     virtual std::string description() const = 0;
-    // Where it is: an absolute path.
+    // Where it is: an absolute path. Of one that lies elsewhere that of its folder on this machine.
     virtual std::string location() const = 0;
+    // The same as it is given to --store: "rclone:REMOTE:PATH" of one that lies elsewhere.
+    virtual std::string address() const = 0;
     // In blocks of which size it stores contents; 0: it has no packs, only whole objects.
     virtual std::uint32_t block_size() const = 0;
     // Gives it packs with blocks of this size; earlier releases refuse it from then on. Throws
@@ -126,15 +129,37 @@ class Store {
     // ClientError when they cannot be listed.
     virtual std::vector<std::string> objects(std::vector<std::string>* foreign = nullptr) = 0;
 
+    // --- files as they lie, "packs/AB.pack", "maps/AB.map", "objects/AB/AB.zst", for a copy of the
+    // store elsewhere. All throw ClientError.
+    virtual bool has_file(const std::string& name) = 0;
+    // Throws PackDamage, too.
+    virtual StoredFile open_file(const std::string& name) = 0;
+    // Gets one of another store, in the place of one of its name, once `check` has not thrown for
+    // what was written. It is durable after the next flush, and stays whatever becomes of the run.
+    virtual void take_in(const std::string& name, const StoredFile& file,
+                         const std::function<void(const StoredFile&)>& check) = 0;
+
     // --- manifests
     // The names of all sets, oldest first; files that are of no set go to `foreign` if given.
     // Throws ClientError when they cannot be listed.
     virtual std::vector<std::string> set_names(std::vector<std::string>* foreign = nullptr) = 0;
     // The sets that have a note beside them, whether or not they are there.
     virtual std::vector<std::string> noted_sets() = 0;
-    // The sets that were forgotten on purpose, with the server that each was of, empty where that
-    // is not known. Throws ClientError when that cannot be read.
-    virtual std::map<std::string, std::string> forgotten_sets() = 0;
+    // The sets that are not there on purpose, with the server that each was of, empty where that is
+    // not known: they were forgotten, or are in another store, which others were copied from.
+    // Throws ClientError when that cannot be read.
+    struct AbsentSets {
+        std::map<std::string, std::string> forgotten = {};
+        std::map<std::string, std::string> not_copied = {};
+        std::map<std::string, std::string> all() const {
+            auto sets = forgotten;
+            sets.insert(not_copied.begin(), not_copied.end());
+            return sets;
+        }
+    };
+    virtual AbsentSets absent_sets() = 0;
+    // Writes down which ones were not copied, in the place of those of before.
+    virtual void note_not_copied(const std::map<std::string, std::string>& sets) = 0;
     // Writes down that the set is forgotten, flushed, then removes its manifest and notes, as far
     // as they are there. Its objects stay. Throws ClientError.
     virtual void forget_set(const std::string& set, const std::string& server) = 0;
@@ -189,17 +214,25 @@ enum class StoreAccess {
     change,       // locked likewise, but never created
 };
 
-// Opens the store in the folder `directory`. Throws ClientError: no_store, locked, no_permission,
-// failed. Warns when this user writes to the store of another.
-// In `damage`, when given, read_damaged leaves what is wrong with store.json. `block_size`: of a
-// store that is made, in bytes, and of no other than that it has; 0: the usual one, and any.
+// Opens the store in the folder `directory`, or that elsewhere. Throws ClientError: no_store,
+// locked, no_permission, remote_failed, failed. Warns when this user writes to the store of
+// another. In `damage`, when given, read_damaged leaves what is wrong with store.json.
+// `block_size`: of a store that is made, in bytes, and of no other than that it has; 0: the usual
+// one, and any.
 std::unique_ptr<Store> open_directory_store(const std::string& directory, StoreAccess access,
                                             std::string* damage = nullptr,
                                             std::uint32_t block_size = 0);
 
-// The id of the store in a folder; empty where there is none, or it has none.
+// The id of the store in a folder, or of that with this store.json; empty where there is none, or
+// it has none. And one for a store that is made, by chance.
 std::string store_id_at(const std::string& directory);
+std::string store_id_in(const std::string& format_document);
+std::string new_store_id();
 struct StateRequest;
+
+// What --store says, as Store::address() has it; and whether that is elsewhere.
+std::string store_address(const std::string& given);
+bool is_elsewhere(const std::string& store);
 
 // Opens a store for reading that may be used by others, or be on a medium that can only be read;
 // what must be written, notes and run-time data, goes to a folder elsewhere. Throws as

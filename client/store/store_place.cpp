@@ -7,6 +7,7 @@
 #include "client/base/paths.h"
 #include "client/base/permission.h"
 #include "client/base/text.h"
+#include "client/store/mirror.h"
 #include "client/store/store.h"
 
 #include <cerrno>
@@ -63,10 +64,11 @@ std::string vanished_store_hint() {
                        for_terminal(last_opened), system_error_text(errno));
 }
 
-StorePlace::StorePlace(const std::string& directory) : m_directory(absolute_path(directory)) {}
+StorePlace::StorePlace(const std::string& directory, Mirror* mirror)
+    : m_directory(absolute_path(directory)), m_mirror(mirror) {}
 
 std::string StorePlace::description() const {
-    return "the store " + for_terminal(m_directory);
+    return "the store " + for_terminal(m_mirror != nullptr ? m_mirror->place() : m_directory);
 }
 
 void StorePlace::watch() const {
@@ -110,6 +112,19 @@ std::vector<std::string> StorePlace::list_folder(int folder, const std::string& 
     std::string path = path_in(folder, name);
     throw_if_no_permission("list the folder", path, error);
     fail("list the folder " + name_of(path), error);
+}
+
+bool StorePlace::has(int folder, const std::string& path) const {
+    if (m_mirror != nullptr)
+        return m_mirror->size_of(path).has_value();
+    return exists(folder, path.substr(path.find('/') + 1));
+}
+
+std::vector<std::string> StorePlace::list_part(int folder, const std::string& part,
+                                               const std::string& below) const {
+    if (m_mirror != nullptr)
+        return m_mirror->names_in(below == "." ? part : fmt::format("{}/{}", part, below));
+    return list_folder(folder, below);
 }
 
 bool StorePlace::exists(int folder, const std::string& name) const {

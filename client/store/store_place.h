@@ -7,11 +7,15 @@
 
 namespace qrtln {
 
+class Mirror;
+
 class StorePlace {
   public:
-    explicit StorePlace(const std::string& directory);
+    // `mirror` outlives it: of a store that lies elsewhere, of which the folder has a part.
+    explicit StorePlace(const std::string& directory, Mirror* mirror = nullptr);
 
     const std::string& directory() const { return m_directory; } // absolute
+    Mirror* mirror() const { return m_mirror; }
     std::string path(const std::string& name) const { return m_directory + "/" + name; }
     // The store in words, for messages.
     std::string description() const;
@@ -24,6 +28,13 @@ class StorePlace {
     // Whether something has this name in an open folder, without following it. Only ENOENT says
     // that it has not: throws ClientError for everything else.
     bool exists(int folder, const std::string& name) const;
+    // Whether the store has "sets/NAME" and the like, wherever it lies; the folder is that of its
+    // first part. Throws likewise.
+    bool has(int folder, const std::string& path) const;
+    // The names in a part of the store, which this is the open folder of, or in a folder of it.
+    // Throws likewise.
+    std::vector<std::string> list_part(int folder, const std::string& part,
+                                       const std::string& below = ".") const;
     // The names in a folder of an open folder, "." for itself, sorted. One that cannot be read is
     // not one without files: throws ClientError.
     std::vector<std::string> list_folder(int folder, const std::string& name) const;
@@ -37,6 +48,7 @@ class StorePlace {
 
   private:
     std::string m_directory;
+    Mirror* m_mirror;
 };
 
 // The file that makes a folder a store.

@@ -1,0 +1,342 @@
+#include "client/store/mirror.h"
+
+#include "client/base/error.h"
+#include "client/base/file_descriptor.h"
+#include "client/base/file_io.h"
+#include "client/base/paths.h"
+#include "client/base/text.h"
+#include "client/remote/remote_settings.h"
+#include "client/store/state_folder.h"
+#include "client/store/store.h"
+
+#include <algorithm>
+#include <array>
+#include <cerrno>
+#include <cstdlib>
+#include <fcntl.h>
+#include <fmt/format.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+namespace qrtln {
+
+namespace {
+
+constexpr std::array parts = {"objects", "sets", "runtime", "packs", "maps"};
+constexpr std::size_t maximal_store_document = 65536;
+// A file of maps that is fetched whole: what many small databases share.
+constexpr std::uint64_t small_file = std::uint64_t{4} << 20;
+// What is read at once of a file there: from the little that stands at the end of a pack to what a
+// line of some 100 MB/s brings while a request is answered.
+constexpr std::uint64_t smallest_window = std::uint64_t{128} << 10;
+constexpr std::uint64_t largest_window = std::uint64_t{8} << 20;
+constexpr std::size_t most_windows = 6; // of files that are read in turns
+
+std::string state_root() {
+    if (!remote_settings().state.empty())
+        return absolute_path(remote_settings().state);
+    if (const char* given = std::getenv("QRTLN_STATE"); given != nullptr && *given != '\0')
+        return absolute_path(given);
+    if (::geteuid() == 0)
+        return "/var/lib/qrtln";
+    const char* state = std::getenv("XDG_STATE_HOME");
+    const char* home = std::getenv("HOME");
+    if (state != nullptr && *state == '/')
+        return std::string(state) + "/qrtln";
+    return std::string(home != nullptr ? home : "") + "/.local/state/qrtln";
+}
+
+void make_path(const std::string& path) {
+    for (const std::string& step : steps_to(path))
+        if (::mkdir(step.c_str(), 0700) != 0 && errno != EEXIST)
+            throw ClientError(
+                ExitCode::failed,
+                fmt::format("cannot create the folder {} for what a store elsewhere needs here: {}",
+                            for_terminal(step), system_error_text(errno)),
+                "name another one with --state");
+}
+
+RemoteOptions remote_options(const std::string& place) {
+    return {place.substr(remote_prefix.size()), remote_settings().bandwidth,
+            remote_settings().patience};
+}
+
+} // namespace
+
+// A part of a file there, which reading along it moves on.
+class Mirror::Window {
+  public:
+    Window(RemoteFiles& files, std::string name, std::uint64_t size)
+        : m_files(files), m_name(std::move(name)), m_size(size) {}
+
+    void read(std::uint64_t offset, std::span<std::byte> buffer) {
+        if (offset > m_size || buffer.size() > m_size - offset)
+            throw PackDamage{"ends too early"};
+        const std::lock_guard lock(m_mutex);
+        // The end of a file, which has its tables, is asked for again and again.
+        for (Part* part : {&m_end, &m_part})
+            if (part->has(offset, buffer.size()))
+                return part->take(offset, buffer);
+        const bool at_end = offset + buffer.size() == m_size && m_end.bytes.empty();
+        Part& part = at_end ? m_end : m_part;
+        const bool goes_on = !at_end && offset >= m_part.offset &&
+                             offset <= m_part.offset + m_part.bytes.size() + smallest_window;
+        m_step = goes_on ? std::min(m_step * 2, largest_window) : smallest_window;
+        std::uint64_t begin = offset;
+        std::uint64_t count = std::max<std::uint64_t>(buffer.size(), m_step);
+        if (at_end)
+            begin = std::min(offset, m_size - std::min(m_size, smallest_window));
+        count = std::min(at_end ? m_size - begin : count, m_size - begin);
+        part.offset = begin;
+        part.bytes.resize(count);
+        if (!m_files.read(m_name, begin, part.bytes)) {
+            part.bytes.clear();
+            throw PackDamage{"cannot be read, or ends too early"};
+        }
+        part.take(offset, buffer);
+    }
+
+  private:
+    struct Part {
+        bool has(std::uint64_t at, std::size_t count) const {
+            return !bytes.empty() && at >= offset && at - offset <= bytes.size() &&
+                   count <= bytes.size() - (at - offset);
+        }
+        void take(std::uint64_t at, std::span<std::byte> buffer) const {
+            std::copy_n(bytes.begin() + static_cast<std::ptrdiff_t>(at - offset), buffer.size(),
+                        buffer.begin());
+        }
+        std::uint64_t offset = 0;
+        std::vector<std::byte> bytes;
+    };
+
+    RemoteFiles& m_files;
+    const std::string m_name;
+    const std::uint64_t m_size;
+    std::mutex m_mutex;
+    Part m_end;
+    Part m_part;
+    std::uint64_t m_step = smallest_window;
+};
+
+bool is_elsewhere(const std::string& store) {
+    return store.starts_with(remote_prefix);
+}
+
+Mirror::Mirror(const std::string& place)
+    : m_place(place), m_files_there(remote_options(place)), m_claim(m_files_there, m_place) {
+    std::optional<std::string> format =
+        m_files_there.read_small(format_file, maximal_store_document);
+    m_is_new = !format;
+    m_id = m_is_new ? new_store_id() : store_id_in(*format);
+    if (m_id.empty())
+        throw ClientError(ExitCode::no_store,
+                          fmt::format("store.json of the store {} has no name of the store, or is "
+                                      "damaged",
+                                      for_terminal(m_place)),
+                          "a store that is made elsewhere always has one: bring it back from a "
+                          "copy");
+    m_directory = fmt::format("{}/{}", state_root(), m_id);
+    if (m_is_new)
+        return;
+    make_folders();
+    if (int error = replace_file(local(format_file), *format); error != 0)
+        throw ClientError(ExitCode::failed,
+                          fmt::format("cannot write {}: {}", for_terminal(local(format_file)),
+                                      system_error_text(error)));
+}
+
+void Mirror::make_folders() {
+    make_path(m_directory);
+    for (const char* part : parts)
+        make_path(local(part));
+}
+
+void Mirror::make_folder() {
+    make_path(m_directory);
+}
+
+void Mirror::claim() {
+    m_claim.take();
+}
+
+void Mirror::look(bool trusted) {
+    m_trusted = trusted;
+    m_files.clear();
+    for (const RemoteFile& file : m_files_there.list(""))
+        if (file.name != claim_file)
+            m_files.emplace(file.name, file.size);
+    if (m_is_new && m_files.contains(format_file))
+        throw ClientError(
+            ExitCode::locked,
+            fmt::format("somebody else is making the store {}", for_terminal(m_place)),
+            "run the same command again");
+}
+
+void Mirror::drop_unsent() noexcept {
+    try {
+        for (const std::string& name :
+             names_in_folder(local("packs")).value_or(std::vector<std::string>()))
+            if (name.ends_with(".pack"))
+                ::unlink(local("packs/" + name).c_str());
+        for (const std::string& folder :
+             names_in_folder(local("objects")).value_or(std::vector<std::string>()))
+            for (const std::string& name :
+                 names_in_folder(local("objects/" + folder)).value_or(std::vector<std::string>()))
+                if (name.ends_with(".zst"))
+                    ::unlink(local(fmt::format("objects/{}/{}", folder, name)).c_str());
+    } catch (...) {
+        // Out of memory: they stay until the next run.
+    }
+}
+
+std::optional<std::uint64_t> Mirror::size_of(const std::string& name) const {
+    const auto found = m_files.find(name);
+    return found == m_files.end() ? std::nullopt : std::optional(found->second);
+}
+
+std::vector<std::string> Mirror::names_in(const std::string& folder) const {
+    std::vector<std::string> names;
+    const std::string before = folder + "/";
+    for (auto file = m_files.lower_bound(before);
+         file != m_files.end() && file->first.starts_with(before); ++file) {
+        std::string name = file->first.substr(before.size());
+        name.resize(std::min(name.find('/'), name.size()));
+        if (names.empty() || names.back() != name)
+            names.push_back(std::move(name));
+    }
+    return names;
+}
+
+bool Mirror::fetch(const std::string& name, Cache cache) {
+    const std::optional<std::uint64_t> size = size_of(name);
+    if (!size)
+        return false;
+    const std::lock_guard lock(m_mutex);
+    if (m_fetched.contains(name))
+        return true;
+    struct stat status {};
+    const bool has_copy = cache == Cache::used && m_trusted &&
+                          ::stat(local(name).c_str(), &status) == 0 &&
+                          static_cast<std::uint64_t>(status.st_size) == *size;
+    if (!has_copy)
+        copy(name);
+    m_fetched.insert(name);
+    return true;
+}
+
+void Mirror::fetch_small(const std::string& name) {
+    if (size_of(name).value_or(small_file) < small_file)
+        (void)fetch(name, Cache::used);
+}
+
+// What cannot be read there has no copy here that could stand for it.
+void Mirror::copy(const std::string& name) {
+    const std::string temporary =
+        fmt::format("{}.{}{}", local(name), ::getpid(), temporary_suffix); // others read it as well
+    FileDescriptor file(
+        ::open(temporary.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_NOFOLLOW | O_CLOEXEC, 0600));
+    int error = file ? 0 : errno;
+    Window window(m_files_there, name, m_files.at(name));
+    std::vector<std::byte> bytes;
+    const std::uint64_t size = m_files.at(name);
+    for (std::uint64_t at = 0; at < size && error == 0; at += bytes.size()) {
+        bytes.resize(std::min<std::uint64_t>(largest_window, size - at));
+        try {
+            window.read(at, bytes);
+        } catch (const PackDamage&) {
+            ::unlink(temporary.c_str());
+            ::unlink(local(name).c_str());
+            return;
+        }
+        error = write_all(file.get(), bytes);
+    }
+    if (error == 0)
+        error = file.close_checked();
+    if (error == 0 && ::rename(temporary.c_str(), local(name).c_str()) != 0)
+        error = errno;
+    if (error == 0)
+        return;
+    ::unlink(temporary.c_str());
+    throw ClientError(ExitCode::failed, fmt::format("cannot write {}: {}", for_terminal(temporary),
+                                                    system_error_text(error)));
+}
+
+StoredFile Mirror::open(const std::string& name) {
+    const std::uint64_t size = size_of(name).value_or(0);
+    const std::lock_guard lock(m_mutex);
+    auto found = std::find_if(m_windows.begin(), m_windows.end(),
+                              [&](const auto& window) { return window.first == name; });
+    if (found == m_windows.end())
+        m_windows.emplace_front(name, std::make_shared<Window>(m_files_there, name, size));
+    else
+        m_windows.splice(m_windows.begin(), m_windows, found);
+    if (m_windows.size() > most_windows)
+        m_windows.pop_back();
+    return {size,
+            [window = m_windows.front().second](std::uint64_t offset, std::span<std::byte> buffer) {
+                window->read(offset, buffer);
+            }};
+}
+
+void Mirror::put(const std::string& name, Local stays) {
+    m_claim.renew();
+    struct stat status {};
+    if (::stat(local(name).c_str(), &status) != 0)
+        throw ClientError(ExitCode::failed,
+                          fmt::format("cannot look at {}: {}", for_terminal(local(name)),
+                                      system_error_text(errno)));
+    m_files[name] = static_cast<std::uint64_t>(status.st_size);
+    m_files_there.put(local(name), name, [this, name, stays] {
+        if (stays == Local::goes)
+            ::unlink(local(name).c_str());
+    });
+}
+
+void Mirror::put_document(const std::string& name, const std::string& file) {
+    confirm();
+    m_claim.renew();
+    struct stat status {};
+    if (::stat(file.c_str(), &status) != 0)
+        throw ClientError(ExitCode::failed, fmt::format("cannot look at {}: {}", for_terminal(file),
+                                                        system_error_text(errno)));
+    m_files_there.put(file, name);
+    m_files_there.finish();
+    m_files[name] = static_cast<std::uint64_t>(status.st_size);
+    const std::lock_guard lock(m_mutex);
+    m_fetched.insert(name); // its copy here is about to be the same
+}
+
+void Mirror::remove(const std::string& name) {
+    if (!size_of(name))
+        return;
+    m_claim.renew();
+    m_files_there.remove(name);
+    m_files.erase(name);
+}
+
+void Mirror::confirm() {
+    m_files_there.finish();
+}
+
+void Mirror::take_back_document(const std::string& name) noexcept {
+    m_files.emplace(name, 0);
+    (void)take_back(name);
+}
+
+bool Mirror::take_back(const std::string& name) noexcept {
+    try {
+        if (m_takes_nothing_back)
+            return false;
+        if (!size_of(name))
+            return true;
+        m_files_there.take_back(name);
+        m_files.erase(name);
+        return true;
+    } catch (...) {
+        m_takes_nothing_back = true; // it is of no set: `qrtln forget` removes it
+        return false;
+    }
+}
+
+} // namespace qrtln
