@@ -5,14 +5,19 @@
 #include "client/base/text.h"
 #include "client/sets/catalogue.h"
 #include "client/sets/index_guard.h"
+#include "client/sets/known_base.h"
 #include "client/sets/manifest.h"
 #include "client/sets/proof_record.h"
 #include "client/sets/server_runtime.h"
 #include "client/store/content_check.h"
+#include "client/store/object_folder.h"
 
 #include <algorithm>
+#include <cctype>
 #include <fmt/format.h>
 #include <fmt/ranges.h>
+#include <locale>
+#include <sstream>
 #include <tuple>
 
 namespace qrtln {
@@ -62,8 +67,9 @@ std::string ranges_text(const std::set<std::uint32_t>& numbers) {
 
 class Verifier {
   public:
-    Verifier(Store& store, const std::vector<std::string>& sets, Verification& result)
-        : m_store(store), m_sets(sets), m_result(result) {}
+    Verifier(Store& store, const std::vector<std::string>& sets, std::optional<ReadSubset> subset,
+             Verification& result)
+        : m_store(store), m_sets(sets), m_subset(subset), m_result(result) {}
 
     void collect_references();
     void check_objects();
@@ -77,9 +83,11 @@ class Verifier {
     void note_object(const std::string& hash, bool damaged);
     void check_packs(const StoreFiles* files);
     void report_packs();
+    bool is_read(const std::string& hash);
 
     Store& m_store;
     const std::vector<std::string>& m_sets;
+    std::optional<ReadSubset> m_subset;
     Verification& m_result;
     // With the plain sizes that the sets give for each: one, unless a manifest lies.
     std::map<Reference, std::set<std::uint64_t>> m_references;
@@ -115,10 +123,21 @@ void Verifier::note_damage(const Reference& reference, const std::string& what,
     m_result.damage.push_back({what + " " + reference.first, problem, {}});
 }
 
+bool Verifier::is_read(const std::string& hash) {
+    const bool read = !m_subset || m_subset->has(hash);
+    m_result.not_read += read ? 0 : 1;
+    return read;
+}
+
 void Verifier::check_objects() {
     for (const auto& [reference, sizes] : m_references) {
         if (!reference.second.file.empty())
             continue;
+        if (!is_read(reference.first)) {
+            if (!m_store.has_file("objects/" + object_file_name(reference.first)))
+                note_damage(reference, "object", "is missing");
+            continue;
+        }
         ObjectCheck check;
         bool read = permitted(m_result, [&, &hash = reference.first] {
             check = m_store.read_object(hash, [](Bytes) { throw_if_interrupted(); });
@@ -169,7 +188,9 @@ void Verifier::check_contents(const StoreFiles* files) {
     check_packs(files);
     for (const Reference& reference : m_mapped)
         (void)permitted(m_result, [&] {
-            std::string problem = m_content_check.problem_of({reference.first, reference.second});
+            const BlockContent content = {reference.first, reference.second};
+            std::string problem = m_subset ? m_content_check.problem_of_packs(content)
+                                           : m_content_check.problem_of(content);
             if (!problem.empty())
                 note_damage(reference, "content", problem);
         });
@@ -183,6 +204,11 @@ void Verifier::check_packs(const StoreFiles* files) {
     if (files != nullptr)
         packs.insert(files->packs.begin(), files->packs.end());
     for (const std::string& id : packs) {
+        if (!is_read(id)) {
+            if (!m_store.has_file(fmt::format("{}/{}", pack_folder, pack_file_name(id))))
+                m_content_check.note_missing(id);
+            continue;
+        }
         if (!permitted(m_result, [&] { m_content_check.check_pack(id, files != nullptr); }))
             continue;
         ++m_result.packs;
@@ -255,6 +281,8 @@ void Verifier::tell_unreferenced(const StoreFiles& files) {
 void check_index(Store& store, const std::string& server, Verification& result) {
     std::string problem;
     use_runtime_of(store, server);
+    if (is_new_here(store))
+        return; // it is on the machine of the server, if anywhere
     problem = IndexGuard(store, server).problem();
     if (!problem.empty()) // a backup that ended meanwhile changes index and note, one by one
         problem = IndexGuard(store, server).problem();
@@ -280,9 +308,40 @@ StoreFiles list_store_files(Store& store, Verification& result) {
     return files;
 }
 
+std::optional<ReadSubset> ReadSubset::parse(const std::string& text) {
+    constexpr std::uint64_t most_parts = 1000000;
+    ReadSubset subset;
+    std::string behind;
+    std::istringstream words(text);
+    words.imbue(std::locale::classic());
+    char sign = 0;
+    if (text.empty() || std::isdigit(static_cast<unsigned char>(text[0])) == 0)
+        return std::nullopt;
+    if (text.find('/') != std::string::npos) {
+        words >> subset.m_part >> sign >> subset.m_parts;
+        if (!words || words >> behind || sign != '/' || subset.m_part < 1 ||
+            subset.m_part > subset.m_parts || subset.m_parts > most_parts)
+            return std::nullopt;
+        return subset;
+    }
+    double percent = 0;
+    words >> percent >> sign;
+    if (!words || words >> behind || sign != '%' || percent > 100)
+        return std::nullopt;
+    subset.m_share = percent / 100;
+    return subset;
+}
+
+bool ReadSubset::has(const std::string& hash) {
+    constexpr int digits = 8;
+    if (m_parts > 0)
+        return std::stoul(hash.substr(0, digits), nullptr, 16) % m_parts == m_part - 1;
+    return std::uniform_real_distribution<double>(0, 1)(m_chance) < m_share;
+}
+
 void verify_sets(Store& store, const std::vector<std::string>& sets, const StoreFiles* files,
-                 Verification& result) {
-    Verifier verifier(store, sets, result);
+                 std::optional<ReadSubset> subset, Verification& result) {
+    Verifier verifier(store, sets, subset, result);
     verifier.collect_references();
     verifier.check_objects();
     verifier.check_contents(files);

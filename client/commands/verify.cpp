@@ -22,6 +22,7 @@ constexpr const char* verify_help =
 
 struct VerifyOptions : StoreOptions {
     std::string set; // "" for all
+    std::optional<ReadSubset> subset;
 };
 
 int report(const Verification& result, bool json) {
@@ -45,13 +46,15 @@ int report(const Verification& result, bool json) {
         }
         print_json({{"command", "verify"},
                     {"exit_code", code},
-                    {"status", !result.damage.empty()  ? "damaged"
-                               : result.denied.empty() ? "whole"
-                                                       : "no permission"},
+                    {"status", !result.damage.empty()   ? "damaged"
+                               : !result.denied.empty() ? "no permission"
+                               : result.not_read == 0   ? "whole"
+                                                        : "not all read"},
                     {"sets", result.sets},
                     {"objects", result.objects},
                     {"contents", result.contents},
                     {"packs", result.packs},
+                    {"not_read", result.not_read},
                     {"bytes", result.bytes},
                     {"damage", damage},
                     {"no_permission", denied},
@@ -69,10 +72,13 @@ int report(const Verification& result, bool json) {
     for (const std::string& line : result.information)
         text += fmt::format("note: {}\n", for_terminal(line));
     text += fmt::format(
-        "{} sets, {} objects, {} contents in {} packs, {} checked: {}{}\n", result.sets,
+        "{} sets, {} objects, {} contents in {} packs, {} checked: {}{}{}\n", result.sets,
         result.objects, result.contents, result.packs, human_bytes(result.bytes),
         result.damage.empty() ? "no damage" : std::to_string(result.damage.size()) + " damaged",
-        result.denied.empty() ? "" : fmt::format(", {} not checked", result.denied.size()));
+        result.denied.empty() ? "" : fmt::format(", {} not checked", result.denied.size()),
+        result.not_read == 0 ? ""
+                             : fmt::format("; of {} objects and packs only whether they are there",
+                                           result.not_read));
     print_report(text, code);
     return code;
 }
@@ -91,7 +97,7 @@ int run_verify(const VerifyOptions& options) {
         all ? store->set_names(&files.foreign)
             : std::vector<std::string>{resolve_set(*store, options.set)};
     (void)permitted(result, [&] { store->hold_sets(sets); });
-    verify_sets(*store, sets, all ? &files : nullptr, result);
+    verify_sets(*store, sets, all ? &files : nullptr, options.subset, result);
     verify_notes(*store, sets, result);
     std::vector<MissingSet> missing_sets;
     permitted(result, [&] { missing_sets = result.links.missing(*store, all); });
@@ -105,6 +111,21 @@ void add_verify(CLI::App& command, CommandRuns& runs) {
     auto& verify = runs.add(command, run_verify);
     add_store_options(command, verify);
     command.add_option("SET", verify.set, "Only this set");
+    command
+        .add_option_function<std::string>(
+            "--read-data-subset",
+            [&verify](const std::string& text) {
+                verify.subset = ReadSubset::parse(text);
+                if (!verify.subset)
+                    throw CLI::ValidationError(
+                        "--read-data-subset",
+                        fmt::format("'{}': say which of how many parts, as in 2/7, or how much, as "
+                                    "in 5%",
+                                    for_terminal(text)));
+            },
+            "Read only a part of the contents, the others need only be there: 2/7 the second of "
+            "seven parts, which are the same each time, 5% so much by chance, 0% none")
+        ->type_name("PART");
 }
 
 } // namespace

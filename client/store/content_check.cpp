@@ -7,6 +7,36 @@
 
 namespace qrtln {
 
+void check_whole_pack(const StoredFile& file, const std::string& id,
+                      const std::function<void()>& between) {
+    PackReader pack(file);
+    if (pack.id() != id)
+        throw PackDamage{"has hashes of blocks that do not make up its name"};
+    LoadedFrames frames;
+    std::vector<std::unique_ptr<FrameLoader>> loaders;
+    OrderedWork work(most_loaded_bytes);
+    loaders.resize(work.workers());
+    for (const PackFrame& frame : pack.table().frames) {
+        between();
+        std::shared_ptr<LoadedFrame> loaded = frames.get();
+        work.add(
+            pack.table().plain_size_of(frame.first_block, frame.blocks),
+            [&, loaded](std::size_t worker) {
+                if (!loaders[worker])
+                    loaders[worker] = std::make_unique<FrameLoader>();
+                pack.load(frame, *loaders[worker], *loaded);
+            },
+            [&, loaded] {
+                for (std::uint32_t i = 0; i < frame.blocks; ++i)
+                    if (i >= loaded->hashes.size() ||
+                        shorten(loaded->hashes[i]) != pack.hash(frame.first_block + i))
+                        throw PackDamage{
+                            fmt::format("has a damaged block {}", frame.first_block + i)};
+            });
+    }
+    work.finish();
+}
+
 ContentCheck::ContentCheck(const PackFolder& folder, std::function<void()> between)
     : m_folder(folder), m_between(std::move(between)) {}
 
@@ -87,10 +117,35 @@ void ContentCheck::add_to_name(ContentName& name, const BlockRun& run, const std
 
 std::string ContentCheck::problem_of(const BlockContent& content) {
     try {
-        return problem_by_hashes(m_folder.read_map(content.map, content.name));
+        const ContentMap map = m_folder.read_map(content.map, content.name);
+        const std::string problem = problem_by_packs(map);
+        return problem.empty() ? problem_by_hashes(map) : problem;
     } catch (const PackDamage& damage) { // since its pack was checked
         return damage.problem;
     }
+}
+
+std::string ContentCheck::problem_of_packs(const BlockContent& content) {
+    try {
+        return problem_by_packs(m_folder.read_map(content.map, content.name));
+    } catch (const PackDamage& damage) {
+        return damage.problem;
+    }
+}
+
+std::string ContentCheck::problem_by_packs(const ContentMap& map) const {
+    for (const BlockRun& run : map.runs) {
+        const std::string& id = map.packs[run.pack].id;
+        const auto damaged = m_damaged.find(id);
+        if (damaged == m_damaged.end())
+            continue;
+        const std::set<std::uint32_t>& blocks = damaged->second.blocks;
+        const auto first = blocks.lower_bound(run.first);
+        if (!damaged->second.problem.empty() ||
+            (first != blocks.end() && *first < run.first + run.blocks))
+            return fmt::format("lies in the pack {}, which is damaged there", id);
+    }
+    return {};
 }
 
 std::string ContentCheck::problem_by_hashes(const ContentMap& map) {
@@ -99,12 +154,6 @@ std::string ContentCheck::problem_by_hashes(const ContentMap& map) {
     std::vector<std::unique_ptr<PackReader>> packs(map.packs.size());
     for (const BlockRun& run : map.runs) {
         const std::string& id = map.packs[run.pack].id;
-        auto damaged = m_damaged.find(id);
-        bool lost = damaged != m_damaged.end() && !damaged->second.problem.empty();
-        for (std::uint32_t i = 0; i < run.blocks && !lost; ++i)
-            lost = damaged != m_damaged.end() && damaged->second.blocks.contains(run.first + i);
-        if (lost)
-            return fmt::format("lies in the pack {}, which is damaged there", id);
         if (!packs[run.pack])
             packs[run.pack] = m_folder.open_pack(id);
         PackReader& pack = *packs[run.pack];

@@ -19,6 +19,11 @@ struct DamagedPack {
     std::set<std::uint32_t> blocks; // that do not have the content that their hashes tell
 };
 
+// Throws PackDamage where a block of the pack in this file is not as its hash tells, or the pack
+// not the one of this id. `between` as below.
+void check_whole_pack(const StoredFile& file, const std::string& id,
+                      const std::function<void()>& between);
+
 class ContentCheck {
   public:
     // `folder` outlives it. `between` is called now and then, and ends all by throwing.
@@ -34,12 +39,18 @@ class ContentCheck {
     // found nothing, and its packs are checked.
     std::string problem_of(const BlockContent& content);
 
+    // The same of a content of which not all packs were checked: by those that were.
+    std::string problem_of_packs(const BlockContent& content);
+    // To be called for a pack that is not checked, and not there.
+    void note_missing(const std::string& id) { m_damaged[id].problem = "is missing"; }
+
     const PackUse& use() const { return m_use; }
     const std::map<std::string, DamagedPack>& damaged() const { return m_damaged; }
     // The plain bytes that were read.
     std::uint64_t checked_bytes() const { return m_checked_bytes; }
 
   private:
+    std::string problem_by_packs(const ContentMap& map) const;
     std::string problem_by_hashes(const ContentMap& map);
     void check_blocks(PackReader& pack, const std::string& id, bool all_blocks);
     void take_frame(PackReader& pack, const PackFrame& frame, const LoadedFrame& loaded,
