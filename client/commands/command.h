@@ -90,6 +90,7 @@ extern const Command find_command;
 extern const Command show_command;
 extern const Command diff_command;
 extern const Command verify_command;
+extern const Command copy_command;
 extern const Command forget_command;
 extern const Command extract_command;
 extern const Command dump_command;
