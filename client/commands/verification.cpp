@@ -82,6 +82,7 @@ class Verifier {
                      const std::string& problem);
     void note_object(const std::string& hash, bool damaged);
     void check_packs(const StoreFiles* files);
+    void check_map_files(const StoreFiles* files);
     void report_packs();
     bool is_read(const std::string& hash);
 
@@ -186,6 +187,7 @@ void Verifier::check_contents(const StoreFiles* files) {
             m_mapped.push_back(reference);
     }
     check_packs(files);
+    check_map_files(files);
     for (const Reference& reference : m_mapped)
         (void)permitted(m_result, [&] {
             const BlockContent content = {reference.first, reference.second};
@@ -217,6 +219,26 @@ void Verifier::check_packs(const StoreFiles* files) {
             (void)m_store.packs().note_damage(id, {});
     }
     m_result.bytes += m_content_check.checked_bytes();
+}
+
+// As a whole: a bit that the maps in it do not need is not as it was written, either.
+void Verifier::check_map_files(const StoreFiles* files) {
+    std::set<std::string> names;
+    for (const auto& [reference, sizes] : m_references)
+        if (!reference.second.file.empty())
+            names.insert(reference.second.file);
+    if (files != nullptr)
+        names.insert(files->maps.begin(), files->maps.end());
+    for (const std::string& name : names)
+        (void)permitted(m_result, [&] {
+            throw_if_interrupted();
+            try {
+                check_map_file(
+                    m_store.open_file(fmt::format("{}/{}", map_folder, map_file_name(name))), name);
+            } catch (const PackDamage& damage) {
+                m_result.damage.push_back({"file of maps " + name, damage.problem, {}});
+            }
+        });
 }
 
 // Noted beside the packs, so that the next backup stores these blocks again.

@@ -6,7 +6,6 @@
 #include "client/sets/catalogue.h"
 #include "client/sets/known_base.h"
 #include "client/store/content_check.h"
-#include "client/store/digest.h"
 #include "client/store/object_folder.h"
 #include "client/store/pack_folder.h"
 #include "client/store/pack_use.h"
@@ -32,19 +31,6 @@ void check_object(const StoredFile& file, const std::string& hash) {
         read_object_file(file, hash, [](Bytes) { throw_if_interrupted(); }).problem;
     if (!problem.empty())
         throw PackDamage{problem};
-}
-
-void check_maps(const StoredFile& file, const std::string& hash) {
-    constexpr std::uint64_t piece = std::uint64_t{1} << 20;
-    Sha256 digest;
-    std::vector<std::byte> bytes;
-    for (std::uint64_t at = 0; at < file.size; at += bytes.size()) {
-        bytes.resize(std::min(piece, file.size - at));
-        file.read(at, bytes);
-        digest.update(bytes);
-    }
-    if (digest.finish() != hash)
-        throw PackDamage{"does not have the content that its name tells"};
 }
 
 class SetCopier {
@@ -101,7 +87,7 @@ class SetCopier {
         const std::string name = fmt::format("{}/{}", map_folder, map_file_name(item.map.file));
         if (!m_to.has_file(name))
             copy_file(name, "the file of maps " + item.map.file,
-                      [&](const StoredFile& file) { check_maps(file, item.map.file); });
+                      [&](const StoredFile& file) { check_map_file(file, item.map.file); });
     }
 
     void add_use(PackUse& use, const ManifestItem& item) {

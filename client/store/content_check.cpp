@@ -1,7 +1,9 @@
 #include "client/store/content_check.h"
 
 #include "client/base/ordered_work.h"
+#include "client/store/digest.h"
 
+#include <algorithm>
 #include <fmt/format.h>
 #include <utility>
 
@@ -35,6 +37,19 @@ void check_whole_pack(const StoredFile& file, const std::string& id,
             });
     }
     work.finish();
+}
+
+void check_map_file(const StoredFile& file, const std::string& hash) {
+    constexpr std::uint64_t piece = std::uint64_t{1} << 20;
+    Sha256 digest;
+    std::vector<std::byte> bytes;
+    for (std::uint64_t at = 0; at < file.size; at += bytes.size()) {
+        bytes.resize(std::min(piece, file.size - at));
+        file.read(at, bytes);
+        digest.update(bytes);
+    }
+    if (digest.finish() != hash)
+        throw PackDamage{"does not have the content that its name tells"};
 }
 
 ContentCheck::ContentCheck(const PackFolder& folder, std::function<void()> between)

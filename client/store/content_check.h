@@ -24,6 +24,10 @@ struct DamagedPack {
 void check_whole_pack(const StoredFile& file, const std::string& id,
                       const std::function<void()>& between);
 
+// Throws PackDamage where this is not the file of maps of this hash. What reads a map does not look
+// at every bit of it.
+void check_map_file(const StoredFile& file, const std::string& hash);
+
 class ContentCheck {
   public:
     // `folder` outlives it. `between` is called now and then, and ends all by throwing.
