@@ -57,6 +57,12 @@ void make_path(const std::string& path) {
 }
 
 RemoteOptions remote_options(const std::string& place) {
+    // Without a remote rclone takes it for a folder of this machine.
+    if (place.find(':', remote_prefix.size()) == std::string::npos)
+        throw ClientError(ExitCode::usage,
+                          fmt::format("the store {} names no remote", for_terminal(place)),
+                          "say rclone:REMOTE:PATH; `rclone listremotes` tells which remotes there "
+                          "are");
     return {place.substr(remote_prefix.size()), remote_settings().bandwidth,
             remote_settings().patience};
 }

@@ -172,6 +172,8 @@ TEST_F(Elsewhere, AnEngineThatFailsLeavesNoSetAndNothingThatCounts) {
     backup(15, "full", {}, "apt install rclone", {{"PATH", path}});
     m_store = "rclone:nobody:x";
     run(15, {"backup", "--level", "full"}, "didn't find section");
+    m_store = "rclone:nobody";
+    run(2, {"backup", "--level", "full"}, "names no remote");
     m_store = "rclone::local:" + m_scratch.path();
     run(10, {"backup", "--level", "full"}, "is not empty and is no store");
     m_store = "rclone::local:" + m_scratch / "none";
