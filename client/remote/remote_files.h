@@ -72,8 +72,8 @@ class RemoteFiles {
         std::string name;
         std::function<void()> done;
         std::int64_t job = 0;
-        std::chrono::steady_clock::time_point first_failure; // unset: none
-        std::chrono::steady_clock::time_point next_try;      // of one that failed
+        std::chrono::steady_clock::time_point first_failure = {}; // unset: none
+        std::chrono::steady_clock::time_point next_try = {};      // of one that failed
         bool has_failed = false;
         bool runs = false;
     };
