@@ -12,6 +12,10 @@ class Elsewhere : public OverTheSimulator {
         ::setenv("RCLONE_CONFIG", "/dev/null", 1);
         use_state("state");
     }
+    ~Elsewhere() override {
+        ::unsetenv("QRTLN_STATE");
+        ::unsetenv("RCLONE_CONFIG");
+    }
     void use_state(const std::string& name) const {
         ::setenv("QRTLN_STATE", (m_scratch / name).c_str(), 1);
     }
