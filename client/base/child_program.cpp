@@ -47,11 +47,7 @@ std::vector<char*> environment_without(const std::string& prefix) {
 
 pid_t spawn(const std::string& file, std::vector<std::string>& words, std::vector<char*> variables,
             const Pipe& output, const Pipe& errors) {
-    std::vector<char*> arguments;
-    arguments.reserve(words.size() + 1);
-    for (std::string& word : words)
-        arguments.push_back(word.data());
-    arguments.push_back(nullptr);
+    const std::vector<char*> arguments = pointers_to(words);
     posix_spawn_file_actions_t actions;
     ::posix_spawn_file_actions_init(&actions);
     ::posix_spawn_file_actions_addopen(&actions, STDIN_FILENO, "/dev/null", O_RDONLY, 0);
@@ -80,6 +76,15 @@ bool take_output(FileDescriptor& from, std::string& text) {
 }
 
 } // namespace
+
+std::vector<char*> pointers_to(std::vector<std::string>& texts) {
+    std::vector<char*> pointers;
+    pointers.reserve(texts.size() + 1);
+    for (std::string& text : texts)
+        pointers.push_back(text.data());
+    pointers.push_back(nullptr);
+    return pointers;
+}
 
 ProgramResult run_program(const std::string& file, std::vector<std::string> words,
                           const std::string& left_out) {

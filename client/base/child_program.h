@@ -6,6 +6,9 @@
 
 namespace qrtln {
 
+// What exec takes: a null-terminated array of the texts, which must outlive it.
+std::vector<char*> pointers_to(std::vector<std::string>& texts);
+
 struct ProgramResult {
     int exit_code = -1; // minus the signal that ended it
     std::string output; // the beginning of its standard output, at most a mebibyte

@@ -1,5 +1,6 @@
 #include "client/module/own_process.h"
 
+#include "client/base/child_program.h"
 #include "client/base/error.h"
 #include "client/base/file_descriptor.h"
 #include "client/base/file_io.h"
@@ -23,16 +24,6 @@
 namespace qrtln {
 
 namespace {
-
-// A null-terminated array of the texts, which must outlive it.
-std::vector<char*> pointers_to(std::vector<std::string>& texts) {
-    std::vector<char*> pointers;
-    pointers.reserve(texts.size() + 1);
-    for (std::string& text : texts)
-        pointers.push_back(text.data());
-    pointers.push_back(nullptr);
-    return pointers;
-}
 
 // Throws ClientError.
 std::pair<FileDescriptor, FileDescriptor> make_socket_pair() {

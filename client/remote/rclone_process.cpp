@@ -1,5 +1,6 @@
 #include "client/remote/rclone_process.h"
 
+#include "client/base/child_program.h"
 #include "client/base/error.h"
 #include "client/base/interrupt.h"
 #include "client/base/text.h"
@@ -40,15 +41,6 @@ std::vector<std::string> environment_with(const std::string& user, const std::st
     variables.push_back("RCLONE_RC_USER=" + user);
     variables.push_back("RCLONE_RC_PASS=" + password);
     return variables;
-}
-
-std::vector<char*> pointers_to(std::vector<std::string>& texts) {
-    std::vector<char*> pointers;
-    pointers.reserve(texts.size() + 1);
-    for (std::string& text : texts)
-        pointers.push_back(text.data());
-    pointers.push_back(nullptr);
-    return pointers;
 }
 
 } // namespace

@@ -37,8 +37,6 @@ class RemoteFiles {
   public:
     explicit RemoteFiles(RemoteOptions options);
 
-    const std::string& place() const { return m_options.place; }
-
     // All files below a folder, "" for all, sorted by name; none where there is no such folder.
     // `hashes`: with those that the place tells.
     enum class Hashes { left_out, told };

@@ -35,8 +35,6 @@ constexpr std::size_t most_windows = 6; // of files that are read in turns
 std::string state_root() {
     if (!remote_settings().state.empty())
         return absolute_path(remote_settings().state);
-    if (const char* given = std::getenv("QRTLN_STATE"); given != nullptr && *given != '\0')
-        return absolute_path(given);
     if (::geteuid() == 0)
         return "/var/lib/qrtln";
     const char* state = std::getenv("XDG_STATE_HOME");
@@ -153,7 +151,6 @@ Mirror::Mirror(const std::string& place)
 }
 
 void Mirror::make_folders() {
-    make_path(m_directory);
     for (const char* part : parts)
         make_path(local(part));
 }

@@ -58,7 +58,6 @@ TEST_F(Elsewhere, AServerComesBackFromThereAlone) {
     const std::string first = backup(0)["set"];
     EXPECT_THAT(there("sets"), testing::IsSupersetOf({first + ".json", first + ".index"}));
     // Nothing but what is small, or has to be here, is here.
-    EXPECT_THAT(Words(1, here()), SizeIs(1));
     for (const auto& entry : fs::recursive_directory_iterator(here()))
         EXPECT_FALSE(entry.path().extension() == ".pack" || entry.path().extension() == ".zst");
     EXPECT_THAT(there(""), Not(Contains("claim.json")));
@@ -170,8 +169,6 @@ TEST_F(Elsewhere, AnEngineThatFailsLeavesNoSetAndNothingThatCounts) {
     EXPECT_EQ(snapshot(m_there + "/sets"), before);
     backup(0, "incr", {}, "is taken over from");
     EXPECT_EQ(verify(), 0);
-    // It cannot write there any more.
-    write_file(m_scratch / "bin/rclone", "");
     const std::string path = fmt::format("{}:{}", m_scratch / "empty", "/nonexistent");
     backup(15, "full", {}, "apt install rclone", {{"PATH", path}});
     m_store = "rclone:nobody:x";
