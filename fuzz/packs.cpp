@@ -5,6 +5,10 @@
 //        64 blocks of 4096 bytes after the other
 //   'p'  the rest is a whole pack
 //   'f'  the rest is the frame of a map, as it lies in a file
+//   's'  edits of a sealed file of three chunks: words of two bytes, where, and one, what changes
+//        there; where nothing is changed it is cut off
+//   'S'  the rest is a sealed file
+//   'k'  the rest is the JSON of a key of a store
 // The JSON gets its canonical form and checksum. What a reader accepts has the content that its
 // name tells, whichever of the readers is asked.
 #include <algorithm>
@@ -17,7 +21,9 @@
 #include "client/store/compression.h"
 #include "client/store/content_check.h"
 #include "client/store/pack_reader.h"
+#include "client/store/sealing.h"
 #include "client/store/store.h"
+#include "client/store/wrapped_key.h"
 #include "fuzz/support.h"
 
 namespace {
@@ -29,7 +35,7 @@ using nlohmann::json;
 struct StoreWithPack {
     StoreWithPack() {
         const std::unique_ptr<qrtln::Store> made = qrtln::open_directory_store(
-            fuzz::files().file("store"), qrtln::StoreAccess::write, nullptr, 4096);
+            fuzz::files().file("store"), qrtln::StoreAccess::write, nullptr, {4096});
         const std::unique_ptr<qrtln::ObjectWriter> writer = made->create_content({});
         for (int block = 0; block < 5; ++block) {
             writer->write(qrtln::as_bytes(std::string(block == 4 ? 100 : 4096, 'a' + block)));
@@ -146,6 +152,47 @@ void runTable(std::string_view input) {
     runPack(bytes);
 }
 
+const qrtln::Sealing& sealing() {
+    static const qrtln::Sealing made(qrtln::SecretKey::random());
+    return made;
+}
+
+// Nothing but what was sealed is accepted, to the byte.
+void runSealed(const std::string& sealed, const std::string& original, const std::string& plain) {
+    try {
+        const std::string read = sealing().unsealed_document(sealed, "packs/a");
+        require(sealed == original && read == plain, "what was changed is refused");
+    } catch (const qrtln::PackDamage& damage) {
+        require(!damage.problem.empty() && sealed != original, "what was not changed is not");
+    }
+}
+
+void runEdits(const std::string& edits) {
+    static const std::string plain(40000, 'p');
+    static const std::string original = sealing().sealed_document(plain, "packs/a");
+    std::string sealed = original;
+    for (std::size_t at = 0; at + 2 < edits.size(); at += 3) {
+        const std::size_t where = static_cast<unsigned char>(edits[at]) * 256U +
+                                  static_cast<unsigned char>(edits[at + 1]);
+        if (edits[at + 2] == 0) {
+            sealed.resize(std::min(where, sealed.size()));
+        } else if (where < sealed.size()) {
+            sealed[where] = static_cast<char>(sealed[where] ^ edits[at + 2]);
+        }
+    }
+    runSealed(sealed, original, plain);
+}
+
+void runKey(const std::string& text) {
+    const json document = json::parse(text, nullptr, false);
+    std::string problem;
+    const std::optional<qrtln::WrappedKey> key = qrtln::read_wrapped_key(
+        document.is_object() ? qrtln::to_canonical(document) : text, problem);
+    require(key.has_value() == problem.empty(), "a refusal says why");
+    require(!key || !unwrap_key(*key, {false, std::string(32, 'k')}),
+            "a key that nobody wrapped opens nothing");
+}
+
 } // namespace
 
 void fuzz::runInput(std::string_view input) {
@@ -165,6 +212,12 @@ void fuzz::runInput(std::string_view input) {
         return runPack(rest);
     case 'f':
         return runMap(rest);
+    case 's':
+        return runEdits(rest);
+    case 'S':
+        return runSealed(rest, "", "");
+    case 'k':
+        return runKey(expanded(rest));
     default:
         break;
     }

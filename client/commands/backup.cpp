@@ -75,8 +75,8 @@ int BackupRun::run() {
     check_selection();
     check_place_of_store();
     require_usable_tmp_dir(m_options.tmp_dir, m_ini.data_directory);
-    m_server.store =
-        open_directory_store(m_options.store, StoreAccess::write, nullptr, m_options.block_size);
+    m_server.store = open_directory_store(m_options.store, StoreAccess::write, nullptr,
+                                          {.block_size = m_options.block_size});
     m_server.store->compress_at(m_options.compression);
     try {
         open_store();

@@ -78,6 +78,7 @@ struct Command {
 };
 
 // All there are, each in a file of its name; the help lists them in the order of commands.cpp.
+extern const Command init_command;
 extern const Command backup_command;
 extern const Command restore_command;
 extern const Command documents_command;
@@ -95,6 +96,7 @@ extern const Command forget_command;
 extern const Command extract_command;
 extern const Command dump_command;
 extern const Command convert_command;
+extern const Command key_command;
 extern const Command lock_command;
 
 } // namespace qrtln

@@ -9,6 +9,7 @@
 #include "client/sets/catalogue.h"
 #include "client/sets/copy_sets.h"
 #include "client/store/canonical_json.h"
+#include "client/store/key_settings.h"
 #include "client/store/store.h"
 
 #include <algorithm>
@@ -21,12 +22,15 @@ namespace {
 constexpr const char* copy_help =
     R"(Copy sets from one store to another, as one off-site: only what is missing there, each file checked
 to its last block on the way. What is interrupted goes on when it is called again.
-Without names all sets of the store are copied, but none that was forgotten in the other one.)";
+Without names all sets of the store are copied, but none that was forgotten in the other one.
+Either store may be encrypted: the keys that are given are tried on both. A store that is made is not
+encrypted: `qrtln init --encrypt` makes one that is.)";
 
 struct CopyOptions {
     std::string from;
     std::string to;
     std::vector<std::string> sets;
+    bool decrypt = false;
     bool json = false;
 };
 
@@ -62,6 +66,7 @@ int report(const CopiedSets& done, bool json) {
 
 int run_copy(const CopyOptions& options) {
     install_interrupt_handlers();
+    key_settings().takes_plain_stores = true; // one of both may be
     std::unique_ptr<Store> from = open_directory_store(options.from, StoreAccess::read);
     std::vector<std::string> sets;
     for (const std::string& given : options.sets)
@@ -70,12 +75,24 @@ int run_copy(const CopyOptions& options) {
     if (options.sets.empty())
         sets = from->set_names();
     from->hold_sets(sets);
-    std::unique_ptr<Store> to =
-        open_directory_store(options.to, StoreAccess::write, nullptr, from->block_size());
+    std::unique_ptr<Store> to = open_directory_store(options.to, StoreAccess::write, nullptr,
+                                                     {.block_size = from->block_size()});
     if (to->id() == from->id() && !to->id().empty())
         throw ClientError(ExitCode::failed,
                           "both are the same store, or one is a copy of its files",
                           "name another store, or a new or empty folder, with --to");
+    if (!key_settings().empty() && !from->is_encrypted() && !to->is_encrypted())
+        throw ClientError(ExitCode::no_permission,
+                          "a key was given, but neither store is encrypted",
+                          "leave the key out if that is as it should be; `qrtln init --encrypt` "
+                          "makes an encrypted store");
+    if (from->is_encrypted() && !to->is_encrypted() && !options.decrypt) {
+        to->discard_added(); // where it was made just now
+        throw ClientError(
+            ExitCode::failed,
+            fmt::format("{} is encrypted, and {} is not", from->description(), to->description()),
+            "name one that `qrtln init --encrypt` made, or say --decrypt");
+    }
     return report(copy_sets(*from, *to, sets, !options.sets.empty()), options.json);
 }
 
@@ -91,6 +108,9 @@ void add_copy(CLI::App& command, CommandRuns& runs) {
         ->type_name("STORE")
         ->required();
     add_remote_options(command);
+    add_key_options(command);
+    command.add_flag("--decrypt", copy.decrypt,
+                     "Copy from an encrypted store to one that is not encrypted");
     command.add_flag("--json", copy.json, "One JSON document on standard output");
     add_lock_wait_option(command);
     command.add_option("SET", copy.sets, "The sets' names, or the beginnings of them");

@@ -21,7 +21,8 @@ namespace {
 constexpr const char* lock_help =
     R"(Show who uses the store: the process that writes to it, and those that read contents of sets,
 which `qrtln forget` leaves alone; with --notes-ini also the run that backs up databases of that
-server. Nobody is disturbed by the asking.
+server. Nobody is disturbed by the asking. Of a store elsewhere the first and the readers are those
+of this machine, and "claim" is who wrote down there that it writes, on whatever machine.
 A lock is the kernel's: it ends with the process that has it and the process of the module, however
 they end, and is never broken while one of them lives. STATE is
   free   nobody has it
@@ -84,6 +85,8 @@ int run_lock(const LockOptions& options) {
     std::unique_ptr<Store> store = open_directory_store(options.store, StoreAccess::read);
     LockReport report;
     report.add("store", writer_of(*store));
+    if (is_elsewhere(options.store))
+        report.add("claim", claim_of(*store));
     for (const UsedLock& reader : readers_of(*store, store->set_names()))
         report.add("reader", reader);
     if (!options.notes_ini.empty())

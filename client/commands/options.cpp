@@ -4,6 +4,7 @@
 #include "client/base/lock_wait.h"
 #include "client/base/text.h"
 #include "client/remote/remote_settings.h"
+#include "client/store/key_settings.h"
 #include "client/store/store.h"
 
 #include <cstdlib>
@@ -62,6 +63,40 @@ void add_remote_options(CLI::App& command) {
         ->group(group);
 }
 
+void add_key_options(CLI::App& command) {
+    constexpr const char* group = "An encrypted store";
+    KeySettings& settings = key_settings();
+    command
+        .add_option("--passphrase-file", settings.passphrase_files,
+                    "A file with a passphrase of the store, which nobody else can read")
+        ->type_name("FILE")
+        ->expected(1)
+        ->allow_extra_args(false)
+        ->multi_option_policy(CLI::MultiOptionPolicy::TakeAll)
+        ->group(group);
+    command
+        .add_option("--passphrase-command", settings.passphrase_commands,
+                    "A command, for the shell, that prints a passphrase of the store")
+        ->type_name("COMMAND")
+        ->expected(1)
+        ->allow_extra_args(false)
+        ->multi_option_policy(CLI::MultiOptionPolicy::TakeAll)
+        ->group(group);
+    command
+        .add_option("--key-file", settings.key_files,
+                    "A key file of the store, which nobody else can read: 32 random bytes or more")
+        ->type_name("FILE")
+        ->expected(1)
+        ->allow_extra_args(false)
+        ->multi_option_policy(CLI::MultiOptionPolicy::TakeAll)
+        ->group(group);
+}
+
+void add_key_label_option(CLI::App& command, std::string& label) {
+    command.add_option("--label", label, "What the key is called in `qrtln key list`")
+        ->type_name("TEXT");
+}
+
 void add_store_option(CLI::App& command, std::string& store) {
     command
         .add_option("--store", store,
@@ -70,6 +105,7 @@ void add_store_option(CLI::App& command, std::string& store) {
         ->type_name("DIR")
         ->required();
     add_remote_options(command);
+    add_key_options(command);
 }
 
 void add_store_options(CLI::App& command, StoreOptions& options) {

@@ -37,6 +37,10 @@ inline constexpr const char* time_help =
 
 // Of stores elsewhere: --state, --bwlimit, --remote-patience and --break-claim, for the whole run.
 void add_remote_options(CLI::App& command);
+// Of encrypted stores: --passphrase-file, --passphrase-command and --key-file, for the whole run.
+void add_key_options(CLI::App& command);
+// --label, of a key.
+void add_key_label_option(CLI::App& command, std::string& label);
 // --store, which must be given, and these.
 void add_store_option(CLI::App& command, std::string& store);
 // That and --json.

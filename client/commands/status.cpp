@@ -13,6 +13,7 @@
 #include "client/ledger/ledger_text.h"
 #include "client/ledger/metrics.h"
 #include "client/ledger/page.h"
+#include "client/store/key_settings.h"
 #include "client/store/store.h"
 
 #include <ctime>
@@ -25,17 +26,22 @@ namespace {
 
 constexpr const char* status_help =
     R"(Tell for each database of the store to which moments it can be recovered, where that has
-gaps, and what to do. The store alone is read; with --notes-ini also which databases there are.)";
+gaps, and what to do. The store alone is read; with --notes-ini also which databases there are.
+Of several stores, each with its --store, all is told at once: one that cannot be read does not keep
+the others from it.)";
 
 constexpr const char* status_codes = R"(Exit codes:
   0  everything is recoverable
   3  a database was never saved, is older than --max-age, or was restored and not saved since
   4  a manifest is damaged, a set is missing, or a database is damaged in the store
  16  transaction logs are missing behind the newest copy of a database: take a full backup
-  1, 2, 10, 12, 13  no ledger was made: failed, wrong usage, no store, no permission, no such server
+  1, 2, 10, 12, 13, 15  no ledger was made: failed, wrong usage, no store, no permission, no such
+     server, a place elsewhere failed; of several stores one could not be read
 )";
 
-struct StatusOptions : StoreOptions {
+struct StatusOptions {
+    std::vector<std::string> stores;
+    bool json = false;
     std::string server;    // empty: all
     std::string notes_ini; // empty: nobody looks at a server
     std::string max_age;   // a duration; empty: none is too old
@@ -90,16 +96,57 @@ LedgerRequest make_ledger_request(const StatusOptions& options, std::optional<No
     return request;
 }
 
+// The places that were named: stores, and files.
+struct StatusFiles {
+    const std::string& metrics;
+    const std::string& html;
+};
+
+Ledger ledger_of(const std::string& place, const LedgerRequest& request, const StatusFiles& files) {
+    std::unique_ptr<Store> store = open_directory_store(place, StoreAccess::read);
+    for (const auto& [option, file] :
+         {std::pair("--metrics", files.metrics), std::pair("--html", files.html)})
+        if (!file.empty())
+            require_replaceable(option, file, *store);
+    return make_ledger(*store, request);
+}
+
+Ledger ledger_of_all(const std::vector<std::string>& stores, const LedgerRequest& request,
+                     const StatusFiles& files) {
+    if (request.ini != nullptr)
+        throw ClientError(ExitCode::usage, "--notes-ini is of one server, and takes one store",
+                          "ask for that one by itself");
+    key_settings().takes_plain_stores = true; // the keys are those of some of them
+    std::vector<Ledger> ledgers;
+    for (const std::string& store : stores) {
+        try {
+            ledgers.push_back(ledger_of(store, request, files));
+        } catch (const ClientError& failure) {
+            const int code = failure.exit_code();
+            if (code == static_cast<int>(ExitCode::usage) ||
+                code > static_cast<int>(ExitCode::interrupted))
+                throw;
+            if (code != static_cast<int>(ExitCode::no_such)) // others may have the server
+                ledgers.push_back(ledger_of_failure(store_address(store), failure, request));
+        }
+    }
+    if (ledgers.empty())
+        throw ClientError(
+            ExitCode::no_such,
+            fmt::format("no store has a set of the server {}", for_terminal(request.server)),
+            "`qrtln list` shows the sets and their servers");
+    return join_ledgers(std::move(ledgers));
+}
+
 int run_status(const StatusOptions& options) {
     std::optional<NotesIni> ini;
     const LedgerRequest request = make_ledger_request(options, ini);
-    std::unique_ptr<Store> store = open_directory_store(options.store, StoreAccess::read);
     const std::string metrics = options.metrics.empty() ? "" : absolute_path(options.metrics);
     const std::string html = options.html.empty() ? "" : absolute_path(options.html);
-    for (const auto& [option, file] : {std::pair("--metrics", metrics), std::pair("--html", html)})
-        if (!file.empty())
-            require_replaceable(option, file, *store);
-    const Ledger ledger = make_ledger(*store, request);
+    const StatusFiles files = {metrics, html};
+    const Ledger ledger = options.stores.size() == 1
+                              ? ledger_of(options.stores.front(), request, files)
+                              : ledger_of_all(options.stores, request, files);
     if (!metrics.empty())
         write_for_all("--metrics", metrics, ledger_metrics(ledger));
     if (!html.empty())
@@ -116,7 +163,18 @@ int run_status(const StatusOptions& options) {
 
 void add_status(CLI::App& command, CommandRuns& runs) {
     auto& status = runs.add(command, run_status);
-    add_store_options(command, status);
+    command
+        .add_option("--store", status.stores,
+                    "The folder of a store, or rclone:REMOTE:PATH of one elsewhere (repeatable)")
+        ->envname("QRTLN_STORE")
+        ->type_name("DIR")
+        ->required()
+        ->expected(1)
+        ->allow_extra_args(false)
+        ->multi_option_policy(CLI::MultiOptionPolicy::TakeAll);
+    add_remote_options(command);
+    add_key_options(command);
+    command.add_flag("--json", status.json, "One JSON document on standard output");
     command.add_option("--server", status.server, "Only this server (default: all of the store)")
         ->envname("QRTLN_SERVER")
         ->type_name("NAME");

@@ -135,7 +135,7 @@ void Verifier::check_objects() {
         if (!reference.second.file.empty())
             continue;
         if (!is_read(reference.first)) {
-            if (!m_store.has_file("objects/" + object_file_name(reference.first)))
+            if (!m_store.has_file(FileKind::object, reference.first))
                 note_damage(reference, "object", "is missing");
             continue;
         }
@@ -207,7 +207,7 @@ void Verifier::check_packs(const StoreFiles* files) {
         packs.insert(files->packs.begin(), files->packs.end());
     for (const std::string& id : packs) {
         if (!is_read(id)) {
-            if (!m_store.has_file(fmt::format("{}/{}", pack_folder, pack_file_name(id))))
+            if (!m_store.has_file(FileKind::pack, id))
                 m_content_check.note_missing(id);
             continue;
         }
@@ -233,8 +233,7 @@ void Verifier::check_map_files(const StoreFiles* files) {
         (void)permitted(m_result, [&] {
             throw_if_interrupted();
             try {
-                check_map_file(
-                    m_store.open_file(fmt::format("{}/{}", map_folder, map_file_name(name))), name);
+                check_map_file(m_store.open_file(FileKind::map, name), name);
             } catch (const PackDamage& damage) {
                 m_result.damage.push_back({"file of maps " + name, damage.problem, {}});
             }

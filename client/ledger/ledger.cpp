@@ -95,10 +95,12 @@ std::string Ledger::verdict() const {
     for (const LedgerFinding& finding : findings)
         others += finding.code != 0 ? 1 : 0;
     const LedgerFinding& worst = findings.front();
+    const std::string where = worst.store.empty() ? "" : for_terminal(worst.store) + ": ";
     std::string more;
     if (others > 1)
         more = fmt::format(" ({} more {})", others - 1, others == 2 ? "finding" : "findings");
-    return fmt::format("not everything is fine: {}: {}{}", worst.text, worst.advice, more);
+    return fmt::format("not everything is fine: {}{}{}{}{}", where, worst.text,
+                       worst.advice.empty() ? "" : ": ", worst.advice, more);
 }
 
 Ledger make_ledger(Store& store, const LedgerRequest& request) {
@@ -106,8 +108,7 @@ Ledger make_ledger(Store& store, const LedgerRequest& request) {
     StoreFacts facts = read_store_facts(store, damage);
     Ledger ledger;
     ledger.made = request.now;
-    ledger.store = store.address();
-    ledger.store_id = store.id();
+    ledger.stores = {store.address()};
     add_server_of_ini(request, facts);
     ledger.findings = std::move(facts.findings);
     for (ServerFacts& server : facts.servers) {
@@ -132,6 +133,34 @@ Ledger make_ledger(Store& store, const LedgerRequest& request) {
                                    "take a full backup: `qrtln backup --level full`"});
     sort_by_weight(ledger.findings);
     return ledger;
+}
+
+Ledger ledger_of_failure(const std::string& store, const ClientError& failure,
+                         const LedgerRequest& request) {
+    Ledger ledger;
+    ledger.made = request.now;
+    ledger.stores = {store};
+    ledger.findings.push_back({failure.exit_code(), {}, failure.what(), failure.hint()});
+    return ledger;
+}
+
+Ledger join_ledgers(std::vector<Ledger> ledgers) {
+    Ledger joined;
+    joined.made = ledgers.front().made;
+    for (Ledger& ledger : ledgers) {
+        const std::string& store = ledger.stores.front();
+        joined.stores.push_back(store);
+        for (ServerLedger& server : ledger.servers) {
+            server.store = store;
+            joined.servers.push_back(std::move(server));
+        }
+        for (LedgerFinding& finding : ledger.findings) {
+            finding.store = store;
+            joined.findings.push_back(std::move(finding));
+        }
+    }
+    sort_by_weight(joined.findings);
+    return joined;
 }
 
 } // namespace qrtln

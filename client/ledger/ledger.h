@@ -2,6 +2,7 @@
 // back, by what the store has alone, and what is wrong with that.
 #pragma once
 
+#include "client/base/error.h"
 #include "client/recovery/instances.h"
 #include "client/sets/proof_record.h"
 #include "client/store/store.h"
@@ -94,9 +95,11 @@ struct LedgerFinding {
     std::string server;
     std::string text;
     std::string advice;
+    std::string store = {}; // where the ledger is of several
 };
 
 struct ServerLedger {
+    std::string store; // where the ledger is of several
     std::string name;
     std::string own_name; // the server's own; empty: not known
     std::string data_directory;
@@ -119,8 +122,7 @@ struct ServerLedger {
 
 struct Ledger {
     std::int64_t made = 0;
-    std::string store; // its folder
-    std::string store_id;
+    std::vector<std::string> stores; // as --store has them
     std::vector<ServerLedger> servers;
     std::vector<LedgerFinding> findings; // the worst first
 
@@ -141,5 +143,11 @@ struct LedgerRequest {
 // names in its data directory. Throws ClientError: no_permission, no_such where a server is named
 // that has no set.
 Ledger make_ledger(Store& store, const LedgerRequest& request);
+
+// One of several stores. REQUIRES: there is a ledger, and all were made for one request.
+Ledger join_ledgers(std::vector<Ledger> ledgers);
+// That of a store which could not be read, for this reason.
+Ledger ledger_of_failure(const std::string& store, const ClientError& failure,
+                         const LedgerRequest& request);
 
 } // namespace qrtln

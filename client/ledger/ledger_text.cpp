@@ -2,6 +2,7 @@
 
 #include "client/base/output.h"
 #include "client/base/text.h"
+#include "client/store/canonical_json.h"
 
 #include <algorithm>
 #include <fmt/format.h>
@@ -21,9 +22,10 @@ json moment_json(const std::optional<std::int64_t>& time) {
 }
 
 std::string server_title(const ServerLedger& server) {
-    return fmt::format("{} ({}{}{})", for_terminal(server.name),
+    return fmt::format("{} ({}{}{}){}{}", for_terminal(server.name),
                        for_terminal(server.data_directory), server.own_name.empty() ? "" : ", ",
-                       for_terminal(server.own_name));
+                       for_terminal(server.own_name), server.store.empty() ? "" : " in ",
+                       for_terminal(server.store));
 }
 
 std::string server_text(const ServerLedger& server, std::int64_t now) {
@@ -106,7 +108,8 @@ json server_json(const ServerLedger& server, std::int64_t now) {
     json gaps = json::array();
     for (const ServerLedger::Gap& gap : server.log_gaps)
         gaps.push_back({{"text", gap.text}, {"open", gap.is_open}});
-    return {{"server", server.name},
+    return {{"store", printable_utf8(server.store)},
+            {"server", server.name},
             {"own_name", printable_utf8(server.own_name)},
             {"data_directory", printable_utf8(server.data_directory)},
             {"as_of", moment_json(server.as_of())},
@@ -141,11 +144,19 @@ std::string state_text(const DatabaseLedger& database) {
                                        : fmt::format("as saved, {} times", database.copies.size());
 }
 
+std::string place_of(const LedgerFinding& finding) {
+    std::string place;
+    for (const std::string& part : {finding.store, finding.server})
+        if (!part.empty())
+            place += for_terminal(part) + ": ";
+    return place;
+}
+
 std::string ledger_text(const Ledger& ledger) {
     std::string text = ledger.verdict() + "\n";
     for (const LedgerFinding& finding : ledger.findings) {
-        text += fmt::format("\n{}{}{}{}\n", finding.code == 0 ? "note: " : "", finding.server,
-                            finding.server.empty() ? "" : ": ", finding.text);
+        text += fmt::format("\n{}{}{}\n", finding.code == 0 ? "note: " : "", place_of(finding),
+                            finding.text);
         if (!finding.advice.empty())
             text += "  " + finding.advice + "\n";
     }
@@ -158,14 +169,17 @@ json ledger_json(const Ledger& ledger) {
     json findings = json::array();
     for (const LedgerFinding& finding : ledger.findings)
         findings.push_back({{"exit_code", finding.code},
+                            {"store", printable_utf8(finding.store)},
                             {"server", finding.server},
                             {"text", printable_utf8(finding.text)},
                             {"advice", printable_utf8(finding.advice)}});
     json servers = json::array();
     for (const ServerLedger& server : ledger.servers)
         servers.push_back(server_json(server, ledger.made));
+    const bool is_one = ledger.stores.size() == 1;
     return {{"made", utc_time(ledger.made)},
-            {"store", printable_utf8(ledger.store)},
+            {"store", is_one ? printable_utf8(ledger.stores.front()) : ""},
+            {"stores", is_one ? json() : printable_list(ledger.stores)},
             {"verdict", printable_utf8(ledger.verdict())},
             {"findings", std::move(findings)},
             {"servers", std::move(servers)},

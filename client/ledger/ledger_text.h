@@ -17,6 +17,8 @@ nlohmann::json ledger_json(const Ledger& ledger);
 // "recoverable, as saved in 3 sets"; for a database that no logs lead on from.
 std::string state_text(const DatabaseLedger& database);
 
+// "STORE: SERVER: ", as far as there is one.
+std::string place_of(const LedgerFinding& finding);
 // How old what the store has of it is, "-" without a copy.
 std::string age_text(const DatabaseLedger& database, std::int64_t now);
 

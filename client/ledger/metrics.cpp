@@ -80,7 +80,10 @@ std::vector<Sample> server_samples(const Ledger& ledger) {
     for (const ServerLedger& server : ledger.servers)
         samples.push_back(
             {&server, nullptr,
-             labels.unique(fmt::format("server=\"{}\",domino_server=\"{}\",data_directory=\"{}\"",
+             labels.unique((server.store.empty()
+                                ? ""
+                                : fmt::format("store=\"{}\",", label_value(server.store))) +
+                           fmt::format("server=\"{}\",domino_server=\"{}\",data_directory=\"{}\"",
                                        label_value(server.name), label_value(server.own_name),
                                        label_value(server.data_directory)))});
     return samples;

@@ -8,6 +8,7 @@
 
 #include <algorithm>
 #include <fmt/format.h>
+#include <fmt/ranges.h>
 #include <iterator>
 #include <openssl/evp.h>
 #include <string_view>
@@ -86,8 +87,9 @@ class PageBody {
 std::string PageBody::run() {
     put("<p class=\"verdict {}\">{}</p>\n", m_ledger.exit_code() == 0 ? "fine" : "not",
         escaped(m_ledger.verdict()));
-    put("<p class=\"soft\">Made {} of the store {}. All times are UTC.</p>\n",
-        utc_time(m_ledger.made), escaped(m_ledger.store));
+    put("<p class=\"soft\">Made {} of the {} {}. All times are UTC.</p>\n", utc_time(m_ledger.made),
+        m_ledger.stores.size() == 1 ? "store" : "stores",
+        escaped(fmt::format("{}", fmt::join(m_ledger.stores, ", "))));
     add_findings();
     for (const ServerLedger& server : m_ledger.servers)
         add_server(server);
@@ -99,17 +101,18 @@ void PageBody::add_findings() {
         return;
     put("<ul class=\"findings\">\n");
     for (const LedgerFinding& finding : m_ledger.findings)
-        put("<li class=\"{}\">{}{}{}<p class=\"soft\">{}</p></li>\n",
-            finding.code == 0 ? "note" : "problem", escaped(finding.server),
-            finding.server.empty() ? "" : ": ", escaped(finding.text), escaped(finding.advice));
+        put("<li class=\"{}\">{}{}<p class=\"soft\">{}</p></li>\n",
+            finding.code == 0 ? "note" : "problem", escaped(place_of(finding)),
+            escaped(finding.text), escaped(finding.advice));
     put("</ul>\n");
 }
 
 void PageBody::add_server(const ServerLedger& server) {
     const Timeline timeline(server, m_ledger.made);
-    put("<section>\n<h2>{}</h2>\n<p class=\"soft\">{}{}{}: {} databases, {} sets</p>\n",
+    put("<section>\n<h2>{}</h2>\n<p class=\"soft\">{}{}{}: {} databases, {} sets{}{}</p>\n",
         escaped(server.name), escaped(server.data_directory), server.own_name.empty() ? "" : ", ",
-        escaped(server.own_name), server.current(), server.sets.size());
+        escaped(server.own_name), server.current(), server.sets.size(),
+        server.store.empty() ? "" : ", in ", escaped(server.store));
     add_legend(server, timeline);
     add_tools(server);
     // A browser lays out what is open: thousands of rows would take it seconds.

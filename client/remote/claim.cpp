@@ -3,7 +3,6 @@
 #include "client/base/error.h"
 #include "client/base/lock_wait.h"
 #include "client/base/output.h"
-#include "client/base/process_note.h"
 #include "client/base/text.h"
 #include "client/remote/rclone_process.h"
 #include "client/remote/remote_settings.h"
@@ -11,7 +10,6 @@
 #include <ctime>
 #include <fmt/format.h>
 #include <nlohmann/json.hpp>
-#include <optional>
 #include <thread>
 
 namespace qrtln {
@@ -106,6 +104,11 @@ void Claim::take() {
         return;
     m_name.clear();
     throw ClientError(ExitCode::locked, refused(), hint);
+}
+
+std::optional<ProcessNote> Claim::holder() const {
+    const std::optional<std::string> bytes = m_files.read_small(claim_file, longest_claim);
+    return bytes ? std::optional(parse(*bytes).process.value_or(ProcessNote{})) : std::nullopt;
 }
 
 void Claim::renew() {

@@ -1,9 +1,11 @@
 // Who writes to a store that lies elsewhere, where nothing can be locked: a file there tells it.
 #pragma once
 
+#include "client/base/process_note.h"
 #include "client/remote/remote_files.h"
 
 #include <chrono>
+#include <optional>
 #include <string>
 
 namespace qrtln {
@@ -22,6 +24,8 @@ class Claim {
     // Takes it, or says who has it: ClientError(locked). One of a process of this machine that has
     // ended is taken over.
     void take();
+    // Who has it, as far as it tells; nothing where nobody has.
+    std::optional<ProcessNote> holder() const;
     // Says now and then that it is still in use. Throws ClientError(locked) where somebody else
     // took it.
     void renew();

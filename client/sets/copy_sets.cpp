@@ -62,31 +62,29 @@ class SetCopier {
     }
 
   private:
-    void copy_file(const std::string& name, const std::string& what,
+    void copy_file(FileKind kind, const std::string& id, const std::string& what,
                    const std::function<void(const StoredFile&)>& check) {
         try {
-            const StoredFile file = m_from.open_file(name);
-            m_to.take_in(name, file, check);
+            const StoredFile file = m_from.open_file(kind, id);
+            m_to.take_in(kind, id, file, check);
             ++m_copied.files;
             m_copied.bytes += file.size;
         } catch (const PackDamage& damage) {
-            throw CannotCopy{fmt::format("{} {}", what, damage.problem)};
+            throw CannotCopy{fmt::format("the {} {} {}", what, id, damage.problem)};
         }
     }
 
     void copy_object(const ManifestItem& item) {
-        const std::string name = "objects/" + object_file_name(item.object);
-        if (m_to.has_file(name) && !m_to.is_noted_damaged(item.object))
+        if (m_to.has_file(FileKind::object, item.object) && !m_to.is_noted_damaged(item.object))
             return;
-        copy_file(name, "the object " + item.object,
+        copy_file(FileKind::object, item.object, "object",
                   [&](const StoredFile& file) { check_object(file, item.object); });
         (void)m_to.note_object_damage(item.object, false);
     }
 
     void copy_maps(const ManifestItem& item) {
-        const std::string name = fmt::format("{}/{}", map_folder, map_file_name(item.map.file));
-        if (!m_to.has_file(name))
-            copy_file(name, "the file of maps " + item.map.file,
+        if (!m_to.has_file(FileKind::map, item.map.file))
+            copy_file(FileKind::map, item.map.file, "file of maps",
                       [&](const StoredFile& file) { check_map_file(file, item.map.file); });
     }
 
@@ -100,8 +98,7 @@ class SetCopier {
 
     // One that is there may have been written anew without blocks that no set there used.
     void copy_pack(const std::string& id, const std::vector<bool>& used) {
-        const std::string name = fmt::format("{}/{}", pack_folder, pack_file_name(id));
-        const bool there = m_to.has_file(name);
+        const bool there = m_to.has_file(FileKind::pack, id);
         if (there && m_to.packs().damaged_blocks(id).empty() && has_blocks(m_to, id, used))
             return;
         if (there && !has_all_of(m_from, m_to, id))
@@ -109,7 +106,7 @@ class SetCopier {
                 fmt::format("of the pack {} each store has blocks that the other one lacks", id)};
         if (!has_blocks(m_from, id, used))
             throw CannotCopy{fmt::format("the pack {} is damaged, or lacks blocks of it", id)};
-        copy_file(name, "the pack " + id, [&](const StoredFile& file) {
+        copy_file(FileKind::pack, id, "pack", [&](const StoredFile& file) {
             check_whole_pack(file, id, throw_if_interrupted);
         });
         (void)m_to.packs().note_damage(id, {});

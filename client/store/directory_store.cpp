@@ -12,6 +12,7 @@
 #include <algorithm>
 #include <array>
 #include <cerrno>
+#include <ctime>
 #include <fcntl.h>
 #include <fmt/format.h>
 #include <sys/stat.h>
@@ -22,6 +23,7 @@ namespace {
 
 constexpr int store_format = 2;
 constexpr int whole_objects_format = 1; // without packs
+constexpr int encrypted_format = 3;
 constexpr std::size_t maximal_format_file = 65536;
 constexpr const char* format_temporary = "store.json.tmp";
 constexpr int forgotten_format = 1;
@@ -71,38 +73,39 @@ std::string store_id_in(const std::string& format_document) {
 namespace {
 
 std::unique_ptr<DirectoryStore> open_anywhere(const std::string& place, StoreAccess access,
-                                              std::string* damage, std::uint32_t block_size) {
+                                              std::string* damage, const NewStore& made) {
     if (!is_elsewhere(place))
-        return std::make_unique<DirectoryStore>(place, access, damage, block_size);
+        return std::make_unique<DirectoryStore>(place, access, damage, made);
     auto mirror = std::make_unique<Mirror>(place);
     const std::string directory = mirror->directory();
-    return std::make_unique<DirectoryStore>(directory, access, damage, block_size,
-                                            std::move(mirror));
+    return std::make_unique<DirectoryStore>(directory, access, damage, made, std::move(mirror));
 }
 
 } // namespace
 
 std::unique_ptr<Store> open_directory_store(const std::string& directory, StoreAccess access,
-                                            std::string* damage, std::uint32_t block_size) {
-    std::unique_ptr<DirectoryStore> store = open_anywhere(directory, access, damage, block_size);
+                                            std::string* damage, const NewStore& made) {
+    std::unique_ptr<DirectoryStore> store = open_anywhere(directory, access, damage, made);
     if (!store->warning().empty())
         print_warnings({store->warning()});
     return store;
 }
 
 std::unique_ptr<Store> open_store_with_state(const StateRequest& request) {
-    auto store = std::make_unique<DirectoryStore>(request.store, StoreAccess::read, nullptr, 0);
+    auto store =
+        std::make_unique<DirectoryStore>(request.store, StoreAccess::read, nullptr, NewStore());
     store->keep_state_in(request);
     return store;
 }
 
 DirectoryStore::DirectoryStore(const std::string& directory, StoreAccess access,
-                               std::string* damage, std::uint32_t block_size,
+                               std::string* damage, const NewStore& made,
                                std::unique_ptr<Mirror> mirror)
     : m_mirror(std::move(mirror)), m_place(directory, m_mirror.get()),
-      m_runtime(m_place.path("runtime")), m_objects(m_place), m_sets(m_place), m_packs(m_place) {
+      m_runtime(m_place.path("runtime")), m_keys(m_place), m_objects(m_place), m_sets(m_place),
+      m_packs(m_place) {
     try {
-        bool locks = access == StoreAccess::write || access == StoreAccess::change;
+        const bool locks = access != StoreAccess::read && access != StoreAccess::read_damaged;
         if (m_mirror && m_mirror->is_new())
             make_mirror(access);
         open_folder(access);
@@ -119,12 +122,16 @@ DirectoryStore::DirectoryStore(const std::string& directory, StoreAccess access,
             // Who had the lock may have made the store meanwhile, or removed it again.
             if (!m_place.exists(m_folder.get(), format_file)) {
                 require_creation(access);
-                create_skeleton(block_size != 0 ? block_size : usual_block);
+                create_skeleton(made);
+            } else if (access == StoreAccess::create) {
+                throw ClientError(ExitCode::failed,
+                                  fmt::format("{} is there already", m_place.description()),
+                                  "name a new or empty folder with --store");
             }
         }
         check_format(access == StoreAccess::read_damaged ? damage : nullptr);
         if (access == StoreAccess::write)
-            require_block_size(block_size);
+            require_block_size(made.block_size);
         m_objects.open(open_part("objects"), m_folder.get());
         m_sets.open(open_part("sets"), m_folder.get());
         if (has_packs())
@@ -176,6 +183,7 @@ bool DirectoryStore::is_unfinished_skeleton() const {
     int folder = m_folder.get();
     for (const std::string& name : m_place.list_folder(folder, ".")) {
         bool known = name == lock_file || name == readers_file || name == format_temporary ||
+                     name == key_folder ||
                      std::find(skeleton_folders.begin(), skeleton_folders.end(), name) !=
                          skeleton_folders.end();
         if (!known)
@@ -184,6 +192,10 @@ bool DirectoryStore::is_unfinished_skeleton() const {
     for (const char* name : skeleton_folders)
         if (m_place.exists(folder, name) && !m_place.list_folder(folder, name).empty())
             return false;
+    if (m_place.exists(folder, key_folder))
+        for (const std::string& name : m_place.list_folder(folder, key_folder))
+            if (!KeyFolder::is_path_of_key(fmt::format("{}/{}", key_folder, name)))
+                return false;
     return true;
 }
 
@@ -193,7 +205,8 @@ void DirectoryStore::open_folder(StoreAccess access) {
             FileDescriptor(::open(m_place.directory().c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
         return static_cast<bool>(m_folder);
     };
-    if (!open() && errno == ENOENT && access == StoreAccess::write) {
+    if (!open() && errno == ENOENT &&
+        (access == StoreAccess::write || access == StoreAccess::create)) {
         if (::mkdir(m_place.directory().c_str(), 0700) != 0 && errno != EEXIST) {
             int error = errno;
             throw ClientError(
@@ -227,7 +240,7 @@ void DirectoryStore::open_folder(StoreAccess access) {
 }
 
 void DirectoryStore::require_creation(StoreAccess access) const {
-    if (access != StoreAccess::write)
+    if (access != StoreAccess::write && access != StoreAccess::create)
         throw ClientError(
             ExitCode::no_store,
             fmt::format("there is no store at {}: store.json is missing", for_terminal(address())),
@@ -254,7 +267,9 @@ void DirectoryStore::lock() {
             other_owner_warning(m_place.directory(), status.st_uid, given && ::geteuid() == 0);
 }
 
-void DirectoryStore::create_skeleton(std::uint32_t block_size) {
+void DirectoryStore::create_skeleton(const NewStore& made) {
+    if (!made.encrypted)
+        refuse_plain();
     m_skeleton_created = true;
     for (const char* name : skeleton_folders)
         if (int error = make_folder(m_folder.get(), name, m_folder.get()); error != 0)
@@ -263,14 +278,56 @@ void DirectoryStore::create_skeleton(std::uint32_t block_size) {
     // the folders are there.
     if (int error = flush_folder(m_folder.get()); error != 0)
         m_place.fail("flush the folder", error);
-    if (m_mirror && !m_mirror->is_empty())
-        throw ClientError(ExitCode::no_store,
-                          fmt::format("{} is not empty and is no store: store.json is missing",
-                                      for_terminal(m_mirror->place())),
-                          "name a store, or a new or empty folder, with --store");
-    write_format(block_size, m_mirror ? m_mirror->id() : new_store_id());
+    if (m_mirror)
+        for (const auto& [name, size] : m_mirror->files())
+            if (!KeyFolder::is_path_of_key(name))
+                throw ClientError(
+                    ExitCode::no_store,
+                    fmt::format("{} is not empty and is no store: store.json is missing",
+                                for_terminal(m_mirror->place())),
+                    "name a store, or a new or empty folder, with --store");
+    m_keys.open(m_folder.get());
+    m_keys.remove_all();
+    if (made.encrypted) {
+        m_place.seal_with(std::make_shared<Sealing>(SecretKey::random()));
+        (void)add_key(read_secrets(key_settings()).at(0), made.label);
+    }
+    write_format(made.block_size != 0 ? made.block_size : usual_block,
+                 m_mirror ? m_mirror->id() : new_store_id());
     if (m_mirror)
         m_mirror->put_document(format_file, m_place.path(format_file));
+}
+
+// Who gives a key means an encrypted store: another one in its place would get what is secret.
+void DirectoryStore::refuse_plain() const {
+    if (key_settings().empty() || key_settings().takes_plain_stores)
+        return;
+    throw ClientError(
+        ExitCode::no_permission,
+        fmt::format("a key was given, but {} is not encrypted", m_place.description()),
+        "leave the key out if that is as it should be; `qrtln init --encrypt` makes "
+        "an encrypted store");
+}
+
+std::string DirectoryStore::add_key(const Secret& secret, const std::string& label) {
+    const WrappedKey key =
+        wrap_key(m_place.sealing()->store_key(), secret, label, std::time(nullptr));
+    m_keys.add(key);
+    return key.id;
+}
+
+void DirectoryStore::remove_key(const std::string& id) {
+    const std::vector<WrappedKey> keys = m_keys.list(nullptr);
+    if (std::none_of(keys.begin(), keys.end(), [&](const WrappedKey& key) { return key.id == id; }))
+        throw ClientError(ExitCode::no_such,
+                          fmt::format("{} has no key {}", description(), for_terminal(id)),
+                          "`qrtln key list` shows them");
+    if (keys.size() == 1)
+        throw ClientError(ExitCode::failed,
+                          fmt::format("{} is the only key of {}: nothing would open it any more",
+                                      id, description()),
+                          "add another one first with `qrtln key add`");
+    m_keys.remove(id);
 }
 
 // The folder of a store that is about to be made elsewhere.
@@ -285,6 +342,9 @@ void DirectoryStore::write_format(std::uint32_t block_size, const std::string& i
         {"format", store_format}, {"type", "qrtln store"}, {"block_size", block_size}};
     if (!id.empty())
         format["id"] = id;
+    if (m_place.sealing() != nullptr)
+        format.update({{"format", encrypted_format},
+                       {"mark", m_place.sealing()->format_mark(id, block_size)}});
     if (int error =
             write_flushed(m_folder.get(), format_temporary, to_canonical(format), m_folder.get());
         error != 0)
@@ -321,6 +381,7 @@ void DirectoryStore::flush_skeleton() {
 }
 
 void DirectoryStore::check_format(std::string* damage) {
+    m_keys.open(m_folder.get());
     std::string problem;
     std::optional<std::string> bytes =
         read_small_file(m_folder.get(), format_file, maximal_format_file);
@@ -336,22 +397,33 @@ void DirectoryStore::check_format(std::string* damage) {
         if (document->value("type", nlohmann::json()) != "qrtln store" ||
             format == document->end() || !format->is_number_integer())
             problem = "is not the format file of a store";
-        else if (*format != store_format && *format != whole_objects_format)
+        else if (*format != store_format && *format != whole_objects_format &&
+                 *format != encrypted_format)
             throw ClientError(
                 ExitCode::no_store,
                 fmt::format("{} has the format {}, which this version of qrtln does not know",
                             description(), format->dump()),
                 "use the version of qrtln that wrote it, or a newer one");
     }
-    if (problem.empty() && *document->find("format") == store_format &&
+    const bool is_encrypted =
+        problem.empty() ? *document->find("format") == encrypted_format : m_keys.has_any();
+    if (problem.empty() && *document->find("format") != whole_objects_format &&
         !is_block_size(block_size_in(*document)))
         problem = "does not tell a size of blocks that a store can have";
+    if (is_encrypted && m_place.sealing() == nullptr && (problem.empty() || damage != nullptr))
+        m_place.seal_with(std::make_shared<Sealing>(m_keys.unlock()));
+    if (!is_encrypted)
+        refuse_plain();
     if (problem.empty()) {
         m_id = id_of(*document);
         m_block_size = static_cast<std::uint32_t>(block_size_in(*document));
         m_new_packs.set_block_size(m_block_size);
-        return;
+        if (is_encrypted && document->value("mark", nlohmann::json()) !=
+                                m_place.sealing()->format_mark(m_id, m_block_size))
+            problem = "is not the one that was made with its key";
     }
+    if (problem.empty())
+        return;
     if (damage == nullptr)
         throw ClientError(ExitCode::no_store,
                           fmt::format("store.json of {} {}", description(), problem),
@@ -390,6 +462,10 @@ void DirectoryStore::remove_leftovers() noexcept {
             for (const std::string& name : m_place.list_folder(folder, "."))
                 if (name.ends_with(temporary_suffix))
                     ::unlinkat(folder, name.c_str(), 0);
+        if (m_place.exists(m_folder.get(), key_folder))
+            for (const std::string& name : m_place.list_folder(m_folder.get(), key_folder))
+                if (name.ends_with(temporary_suffix))
+                    ::unlinkat(m_folder.get(), fmt::format("{}/{}", key_folder, name).c_str(), 0);
         ::unlinkat(m_folder.get(), format_temporary, 0);
         remove_unfinished(m_folder.get(), "runtime");
     } catch (...) {
@@ -397,15 +473,17 @@ void DirectoryStore::remove_leftovers() noexcept {
     }
 }
 
-int DirectoryStore::descriptor_of(const std::string& name) const {
-    if (name.starts_with("packs/"))
+int DirectoryStore::descriptor_of(FileKind kind) const {
+    if (kind == FileKind::pack)
         return m_packs.pack_descriptor();
-    return name.starts_with("maps/") ? m_packs.map_descriptor() : m_objects.descriptor();
+    return kind == FileKind::map ? m_packs.map_descriptor() : m_objects.descriptor();
 }
 
-void DirectoryStore::take_in(const std::string& name, const StoredFile& file,
+void DirectoryStore::take_in(FileKind kind, const std::string& id, const StoredFile& file,
                              const std::function<void(const StoredFile&)>& check) {
     constexpr std::uint64_t piece = std::uint64_t{4} << 20;
+    const std::string name = m_place.path_of(kind, id);
+    const std::string unsealed_name = stored_path(kind, id);
     const std::string temporary = m_place.path(name) + std::string(temporary_suffix);
     const std::string folder = name.substr(0, name.rfind('/'));
     if (folder.find('/') != std::string::npos)
@@ -418,14 +496,19 @@ void DirectoryStore::take_in(const std::string& name, const StoredFile& file,
         m_place.fail("create a file", errno, folder);
     try {
         (void)give_to_owner_of(m_folder.get(), written->get());
+        FileSealer sealer(m_place.sealing(), [&](Bytes bytes) {
+            if (int error = write_all(written->get(), bytes); error != 0)
+                m_place.fail("write a file", error);
+        });
         std::vector<std::byte> bytes;
         for (std::uint64_t at = 0; at < file.size; at += bytes.size()) {
             bytes.resize(std::min(piece, file.size - at));
             file.read(at, bytes);
-            if (int error = write_all(written->get(), bytes); error != 0)
-                m_place.fail("write a file", error);
+            sealer.write(bytes);
         }
-        check(stored_file(written));
+        sealer.finish(unsealed_name);
+        check(is_encrypted() ? m_place.sealing()->unsealed(stored_file(written), unsealed_name)
+                             : stored_file(written));
         if (!m_mirror && ::fsync(written->get()) != 0)
             m_place.fail("flush a file", errno);
         if (int error = written->close_checked(); error != 0)
@@ -437,7 +520,7 @@ void DirectoryStore::take_in(const std::string& name, const StoredFile& file,
         throw;
     }
     if (m_mirror)
-        m_mirror->put(name, name.starts_with("maps/") ? Mirror::Local::stays : Mirror::Local::goes);
+        m_mirror->put(name, kind == FileKind::map ? Mirror::Local::stays : Mirror::Local::goes);
     else
         m_taken_in.insert({folder, name.substr(0, name.find('/'))});
 }
@@ -459,7 +542,10 @@ Store::AbsentSets DirectoryStore::absent_sets() {
     if (!bytes)
         m_place.fail(std::string("read ") + forgotten_file, errno);
     std::string problem;
-    std::optional<nlohmann::json> document = from_canonical(*bytes, problem);
+    bytes = m_place.read_document(*bytes, forgotten_file, problem);
+    std::optional<nlohmann::json> document;
+    if (bytes)
+        document = from_canonical(*bytes, problem);
     try {
         if (document && document->at("format").get<int>() == forgotten_format)
             return {document->at("sets").get<std::map<std::string, std::string>>(),
@@ -494,7 +580,9 @@ void DirectoryStore::write_absent(const AbsentSets& absent) {
     nlohmann::json document = {{"format", forgotten_format}, {"sets", absent.forgotten}};
     if (!absent.not_copied.empty())
         document["not_copied"] = absent.not_copied;
-    if (int error = replace_file(m_place.path(forgotten_file), to_canonical(document)); error != 0)
+    if (int error = replace_file(m_place.path(forgotten_file),
+                                 m_place.stored_document(to_canonical(document), forgotten_file));
+        error != 0)
         m_place.fail(std::string("write ") + forgotten_file, error);
     if (m_mirror)
         m_mirror->put_document(forgotten_file, m_place.path(forgotten_file));
@@ -521,6 +609,7 @@ void DirectoryStore::discard_added() noexcept {
                 (void)m_mirror->take_back(format_file);
             ::unlinkat(m_folder.get(), format_file, 0);
             ::unlinkat(m_folder.get(), format_temporary, 0);
+            m_keys.remove_all();
             for (const char* name : skeleton_folders)
                 remove_tree(m_folder.get(), name);
             ::unlinkat(m_folder.get(), lock_file, 0);

@@ -5,6 +5,7 @@
 #include "client/base/file_descriptor.h"
 #include "client/store/content_writer.h"
 #include "client/store/folder_lock.h"
+#include "client/store/key_folder.h"
 #include "client/store/mirror.h"
 #include "client/store/new_packs.h"
 #include "client/store/object_folder.h"
@@ -27,7 +28,7 @@ class DirectoryStore final : public Store {
   public:
     // Opens it as open_directory_store() says.
     DirectoryStore(const std::string& directory, StoreAccess access, std::string* damage,
-                   std::uint32_t block_size, std::unique_ptr<Mirror> mirror = nullptr);
+                   const NewStore& made, std::unique_ptr<Mirror> mirror = nullptr);
 
     // From here on notes and run-time data go there. REQUIRES: it was opened for reading.
     void keep_state_in(const StateRequest& request) { m_state.emplace(request); }
@@ -42,6 +43,12 @@ class DirectoryStore final : public Store {
     std::uint32_t block_size() const override { return m_block_size; }
     void add_packs(std::uint32_t block_size) override;
     std::string id() const override { return m_id; }
+    bool is_encrypted() const override { return m_place.sealing() != nullptr; }
+    std::vector<WrappedKey> keys(std::vector<std::string>* problems) override {
+        return m_keys.list(problems);
+    }
+    std::string add_key(const Secret& secret, const std::string& label) override;
+    void remove_key(const std::string& id) override;
     std::string runtime_directory() const override {
         return m_state ? m_state->runtime_directory() : m_runtime;
     }
@@ -77,14 +84,17 @@ class DirectoryStore final : public Store {
         return m_objects.is_noted_damaged(hash);
     }
     void discard_object(const std::string& hash) noexcept override { m_objects.discard(hash); }
-    bool has_file(const std::string& name) override {
-        return m_place.has(descriptor_of(name), name);
+    bool has_file(FileKind kind, const std::string& id) override {
+        return m_place.has(descriptor_of(kind), m_place.path_of(kind, id));
     }
-    StoredFile open_file(const std::string& name) override {
-        return open_stored_file(m_place, descriptor_of(name), name);
+    StoredFile open_file(FileKind kind, const std::string& id) override {
+        return open_stored_file(m_place, descriptor_of(kind), kind, id);
     }
-    void take_in(const std::string& name, const StoredFile& file,
+    void take_in(FileKind kind, const std::string& id, const StoredFile& file,
                  const std::function<void(const StoredFile&)>& check) override;
+    std::optional<ProcessNote> claimed_by() const override {
+        return m_mirror ? m_mirror->claimed_by() : std::nullopt;
+    }
     Reclaimed reclaim(const StoreUse& use, bool dry_run,
                       const std::function<void()>& between) override {
         if (!dry_run) // a run that was killed may have removed manifests, and not flushed that
@@ -150,10 +160,11 @@ class DirectoryStore final : public Store {
     bool has_packs() const { return m_block_size != 0; }
     void require_creation(StoreAccess access) const;
     void lock();
-    void create_skeleton(std::uint32_t block_size);
+    void create_skeleton(const NewStore& made);
     void write_format(std::uint32_t block_size, const std::string& id);
     void flush_skeleton();
     void check_format(std::string* damage);
+    void refuse_plain() const;
     void require_block_size(std::uint32_t block_size) const;
     void require_writable_folders() const;
     void remove_leftovers() noexcept;
@@ -161,16 +172,17 @@ class DirectoryStore final : public Store {
     bool is_unfinished_skeleton() const;
 
     void make_mirror(StoreAccess access);
-    int descriptor_of(const std::string& name) const;
+    int descriptor_of(FileKind kind) const;
     void write_absent(const AbsentSets& absent);
 
     const std::unique_ptr<Mirror> m_mirror; // of a store elsewhere
-    const StorePlace m_place;
+    StorePlace m_place;
     std::string m_runtime; // absolute
     std::string m_id;
     std::uint32_t m_block_size = 0; // 0: its format has no blocks
     FileDescriptor m_folder;
     FolderLock m_lock;
+    KeyFolder m_keys;
     ObjectFolder m_objects;
     SetFolder m_sets;
     PackFolder m_packs;

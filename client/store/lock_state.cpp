@@ -69,6 +69,17 @@ UsedLock state_of_lock(int file, bool has_note) {
     return {noted == Liveness::not_known ? LockState::noted : LockState::left, note};
 }
 
+UsedLock claim_of(const Store& store) {
+    const std::optional<ProcessNote> process = store.claimed_by();
+    if (!process)
+        return {};
+    const Liveness liveness = process->process == 0 ? Liveness::not_known : liveness_of(*process);
+    return {liveness == Liveness::runs    ? LockState::held
+            : liveness == Liveness::ended ? LockState::left
+                                          : LockState::noted,
+            process};
+}
+
 UsedLock writer_of(const Store& store) {
     FileDescriptor file = open_lock_of(store, lock_file);
     return file ? state_of_lock(file.get(), true) : UsedLock{};

@@ -33,6 +33,9 @@ UsedLock state_of_lock(int file, bool has_note);
 // The lock of who writes. Nobody is disturbed by the asking. Throws ClientError(no_permission).
 UsedLock writer_of(const Store& store);
 
+// The claim on a store that lies elsewhere, likewise.
+UsedLock claim_of(const Store& store);
+
 // Who reads contents of these sets, one a process. Throws likewise.
 std::vector<UsedLock> readers_of(const Store& store, const std::vector<std::string>& sets);
 

@@ -22,7 +22,7 @@ namespace qrtln {
 
 namespace {
 
-constexpr std::array parts = {"objects", "sets", "runtime", "packs", "maps"};
+constexpr std::array parts = {"objects", "sets", "runtime", "packs", "maps", "keys"};
 constexpr std::size_t maximal_store_document = 65536;
 // A file of maps that is fetched whole: what many small databases share.
 constexpr std::uint64_t small_file = std::uint64_t{4} << 20;

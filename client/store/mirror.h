@@ -38,6 +38,7 @@ class Mirror {
 
     // Nobody else writes to the store from here on, as far as that can be had.
     void claim();
+    std::optional<ProcessNote> claimed_by() const { return m_claim.holder(); }
     // Learns what there is. `trusted`: copies of earlier runs are used. REQUIRES, before anything
     // is written: it was claimed.
     void look(bool trusted);
@@ -47,8 +48,8 @@ class Mirror {
     // What there is, or on its way there: its size, and the names right below a folder, sorted.
     std::optional<std::uint64_t> size_of(const std::string& name) const;
     std::vector<std::string> names_in(const std::string& folder) const;
-    // Whether nothing is there.
-    bool is_empty() const { return m_files.empty(); }
+    // All that there is, likewise.
+    const std::map<std::string, std::uint64_t>& files() const { return m_files; }
 
     enum class Cache { used, fetched_anew };
     // Has a copy of a file in the folder. False where there is no such file.

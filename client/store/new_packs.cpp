@@ -38,6 +38,16 @@ NewPacks::File NewPacks::create(int folder, const char* what) {
         m_folder.place().fail(fmt::format("create {}", what), errno);
     m_added.push_back({folder, made.temporary});
     (void)give_to_owner_of(m_folder.store(), made.file.get());
+    made.sealer = std::make_unique<FileSealer>(
+        m_folder.place().sealing(),
+        [this, fd = made.file.get(), what, unwritten = std::uint64_t{0}](Bytes bytes) mutable {
+            if (int error = write_all(fd, bytes); error != 0)
+                m_folder.place().fail(fmt::format("write {}", what), error);
+            if ((unwritten += bytes.size()) >= written_back_at_once) {
+                (void)::sync_file_range(fd, 0, 0, SYNC_FILE_RANGE_WRITE);
+                unwritten = 0;
+            }
+        });
     return made;
 }
 
@@ -56,14 +66,7 @@ PackWriter& NewPacks::pack() {
             m_queue.emplace(m_level);
         m_pack = std::make_unique<PackWriter>(
             m_block_size, *m_queue,
-            [this, fd = m_pack_file.file.get(), unwritten = std::uint64_t{0}](Bytes bytes) mutable {
-                if (int error = write_all(fd, bytes); error != 0)
-                    m_folder.place().fail("write a pack", error);
-                if ((unwritten += bytes.size()) >= written_back_at_once) {
-                    (void)::sync_file_range(fd, 0, 0, SYNC_FILE_RANGE_WRITE);
-                    unwritten = 0;
-                }
-            });
+            [sealer = m_pack_file.sealer.get()](Bytes bytes) { sealer->write(bytes); });
     }
     return *m_pack;
 }
@@ -123,11 +126,13 @@ void NewPacks::write_closed(bool all) {
         if (!all && !closed.writer->settled())
             break;
         closed.writer->finish();
+        closed.file.sealer->finish(stored_path(FileKind::pack, closed.id));
         m_contents.stored_size += closed.writer->stored_size();
         for (const auto& [number, frames] : closed.contents)
             m_contents.contents[number].stored_size =
                 closed.writer->size_of_frames(frames.first, frames.behind);
         closed.writer.reset();
+        closed.file.sealer.reset();
         if (m_folder.place().mirror() != nullptr) {
             send(closed);
             m_first_unflushed = m_first_unwritten + 1;
@@ -143,13 +148,13 @@ void NewPacks::write_closed(bool all) {
 void NewPacks::send(ClosedPack& closed) {
     if (int error = closed.file.file.close_checked(); error != 0)
         m_folder.place().fail("close a pack", error);
-    const std::string path = fmt::format("{}/{}", pack_folder, pack_file_name(closed.id));
+    const std::string path = m_folder.place().path_of(FileKind::pack, closed.id);
     if (m_folder.place().mirror()->size_of(path) && m_folder.damaged_blocks(closed.id).empty()) {
         ::unlinkat(m_folder.pack_descriptor(), closed.file.temporary.c_str(), 0);
         forget_added(closed.file.temporary);
         return;
     }
-    put_in_place(m_folder.pack_descriptor(), closed.file.temporary, pack_file_name(closed.id));
+    put_in_place(FileKind::pack, closed.file.temporary, closed.id);
     (void)m_folder.note_damage(closed.id, {});
     m_folder.place().mirror()->put(path, Mirror::Local::goes);
 }
@@ -161,8 +166,7 @@ void NewPacks::write_map(const ContentMap& map, std::size_t number) {
         m_map_size = 0;
     }
     std::string frame = serialize(map);
-    if (int error = write_all(m_map_file.file.get(), as_bytes(frame)); error != 0)
-        m_folder.place().fail("write a map", error);
+    m_map_file.sealer->write(as_bytes(frame));
     m_map_digest->update(as_bytes(frame));
     m_contents.contents[number].place = {"", m_map_size, frame.size()};
     m_map_size += frame.size();
@@ -170,10 +174,12 @@ void NewPacks::write_map(const ContentMap& map, std::size_t number) {
 
 // A file of the same name has the same content, and may be damaged. It belongs to older sets, and
 // what takes its place does.
-void NewPacks::put_in_place(int folder, const std::string& temporary, const std::string& name) {
-    const bool is_pack = folder == m_folder.pack_descriptor();
-    bool exists = m_folder.place().has(
-        folder, fmt::format("{}/{}", is_pack ? pack_folder : map_folder, name));
+void NewPacks::put_in_place(FileKind kind, const std::string& temporary, const std::string& id) {
+    const int folder =
+        kind == FileKind::pack ? m_folder.pack_descriptor() : m_folder.map_descriptor();
+    const std::string path = m_folder.place().path_of(kind, id);
+    const std::string name = name_in_folder(path);
+    const bool exists = m_folder.place().has(folder, path);
     if (::renameat(folder, temporary.c_str(), folder, name.c_str()) != 0)
         m_folder.place().fail("put a pack in place", errno);
     m_renamed = true;
@@ -223,17 +229,18 @@ FinishedContents NewPacks::finish() {
     Mirror* mirror = m_folder.place().mirror();
     if (mirror == nullptr) {
         for (const ClosedPack& pack : m_closed)
-            put_in_place(m_folder.pack_descriptor(), pack.file.temporary, pack_file_name(pack.id));
+            put_in_place(FileKind::pack, pack.file.temporary, pack.id);
         mend();
     }
     forget_closed();
     if (m_map_file.file) {
+        const std::string hash = m_map_digest->finish();
+        m_map_file.sealer->finish(stored_path(FileKind::map, hash));
+        m_map_file.sealer.reset();
         close(m_map_file, "a file of maps");
-        std::string hash = m_map_digest->finish();
-        put_in_place(m_folder.map_descriptor(), m_map_file.temporary, map_file_name(hash));
+        put_in_place(FileKind::map, m_map_file.temporary, hash);
         if (mirror != nullptr)
-            mirror->put(fmt::format("{}/{}", map_folder, map_file_name(hash)),
-                        Mirror::Local::stays);
+            mirror->put(m_folder.place().path_of(FileKind::map, hash), Mirror::Local::stays);
         m_contents.stored_size += m_map_size;
         for (FinishedContents::Content& content : m_contents.contents)
             content.place.file = hash;

@@ -7,6 +7,7 @@
 #include "client/store/digest.h"
 #include "client/store/pack_folder.h"
 #include "client/store/pack_writer.h"
+#include "client/store/sealing.h"
 
 #include <cstdint>
 #include <deque>
@@ -66,7 +67,8 @@ class NewPacks {
   private:
     struct File {
         FileDescriptor file;
-        std::string temporary; // its name in its folder
+        std::string temporary;              // its name in its folder
+        std::unique_ptr<FileSealer> sealer; // what writes to it
     };
     struct AddedFile {
         int folder;
@@ -83,7 +85,7 @@ class NewPacks {
 
     File create(int folder, const char* what);
     void close(File& file, const char* what);
-    void put_in_place(int folder, const std::string& temporary, const std::string& name);
+    void put_in_place(FileKind kind, const std::string& temporary, const std::string& id);
     std::vector<AddedFile>::iterator added(const std::string& name) noexcept;
     void forget_added(const std::string& name) noexcept; // REQUIRES: it is noted
     void drop_abandoned();

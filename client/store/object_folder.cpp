@@ -8,6 +8,7 @@
 #include "client/store/compression.h"
 #include "client/store/digest.h"
 #include "client/store/mirror.h"
+#include "client/store/sealing.h"
 #include "client/store/state_folder.h"
 #include "client/store/stored_file.h"
 
@@ -23,23 +24,13 @@ namespace qrtln {
 
 namespace {
 
-constexpr std::string_view object_suffix = ".zst";
-constexpr std::string_view damage_suffix = ".damaged";
-
-// Objects lie in folders by the beginnings of their hashes.
-std::string folder_of_hash(const std::string& hash) {
-    return hash.substr(0, 2);
-}
-
-std::string damage_note_of(const std::string& hash) {
-    return fmt::format("{}/{}{}", folder_of_hash(hash), hash, damage_suffix);
+// "AB" of "objects/AB/AB.zst".
+std::string beginning_of(const std::string& path) {
+    const std::string name = name_in_folder(path);
+    return name.substr(0, name.find('/'));
 }
 
 } // namespace
-
-std::string object_file_name(const std::string& hash) {
-    return fmt::format("{}/{}{}", folder_of_hash(hash), hash, object_suffix);
-}
 
 ObjectCheck read_object_file(const StoredFile& file, const std::string& hash,
                              const std::function<void(Bytes)>& sink) {
@@ -73,8 +64,8 @@ std::string ObjectFolder::temporary_name() {
     return fmt::format("incoming-{}{}", m_next_temporary++, temporary_suffix);
 }
 
-void ObjectFolder::expect_flush(const std::string& hash) {
-    m_unflushed.insert(folder_of_hash(hash));
+void ObjectFolder::expect_flush(const std::string& path) {
+    m_unflushed.insert(beginning_of(path));
     m_itself_unflushed = true;
 }
 
@@ -82,8 +73,7 @@ ObjectCheck ObjectFolder::read(const std::string& hash,
                                const std::function<void(Bytes)>& sink) const {
     ObjectCheck check;
     try {
-        const StoredFile file =
-            open_stored_file(m_place, m_folder.get(), "objects/" + object_file_name(hash));
+        const StoredFile file = open_stored_file(m_place, m_folder.get(), FileKind::object, hash);
         check = read_object_file(file, hash, sink);
     } catch (const PackDamage& damage) {
         check.problem = damage.problem;
@@ -95,47 +85,52 @@ ObjectCheck ObjectFolder::read(const std::string& hash,
 
 std::vector<std::string> ObjectFolder::list(std::vector<std::string>* foreign) const {
     std::vector<std::string> hashes;
-    for (const std::string& folder : m_place.list_part(m_folder.get(), "objects")) {
-        bool object_folder = folder.size() == 2 && from_hex(folder).has_value();
-        if (!object_folder) {
+    for (const std::string& folder : m_place.list_part(m_folder.get(), object_folder)) {
+        const bool is_beginning = folder.size() == 2 && from_hex(folder).has_value();
+        if (!is_beginning) {
             if (foreign != nullptr)
                 foreign->push_back("objects/" + folder);
             continue;
         }
         const std::string shown = fmt::format("objects/{}/", folder);
-        for (const std::string& name : m_place.list_part(m_folder.get(), "objects", folder)) {
-            std::string hash = name.substr(0, name.rfind('.'));
-            if (name == hash + std::string(object_suffix) && is_sha256_hex(hash) &&
-                hash.starts_with(folder))
-                hashes.push_back(hash);
-            else if (foreign != nullptr && name != hash + std::string(damage_suffix))
+        for (const std::string& name : m_place.list_part(m_folder.get(), object_folder, folder)) {
+            std::optional<std::string> hash = m_place.id_of(FileKind::object, name);
+            if (hash && name.starts_with(folder))
+                hashes.push_back(std::move(*hash));
+            else if (foreign != nullptr && !StorePlace::is_damage_note(name))
                 foreign->push_back(shown + name);
         }
     }
+    std::sort(hashes.begin(), hashes.end());
     return hashes;
 }
 
 bool ObjectFolder::has(const std::string& hash, std::uint64_t stored_size) const {
-    if (Mirror* mirror = m_place.mirror(); mirror != nullptr)
-        return mirror->size_of("objects/" + object_file_name(hash)) == stored_size &&
-               !is_noted_damaged(hash);
+    const std::string path = path_of(hash);
+    std::optional<std::uint64_t> size;
     struct stat status {};
-    return ::fstatat(m_folder.get(), object_file_name(hash).c_str(), &status,
-                     AT_SYMLINK_NOFOLLOW) == 0 &&
-           S_ISREG(status.st_mode) && static_cast<std::uint64_t>(status.st_size) == stored_size &&
-           !is_noted_damaged(hash);
+    if (Mirror* mirror = m_place.mirror(); mirror != nullptr)
+        size = mirror->size_of(path);
+    else if (::fstatat(m_folder.get(), name_in_folder(path).c_str(), &status,
+                       AT_SYMLINK_NOFOLLOW) == 0 &&
+             S_ISREG(status.st_mode))
+        size = static_cast<std::uint64_t>(status.st_size);
+    if (size && m_place.sealing() != nullptr)
+        size = unsealed_size(*size);
+    return size == stored_size && !is_noted_damaged(hash);
 }
 
 int ObjectFolder::note_damage(const std::string& hash, bool damaged) const {
-    const std::string note = damage_note_of(hash);
+    const std::string note = name_in_folder(m_place.damage_note_of(FileKind::object, hash));
     if (!damaged)
         return ::unlinkat(m_folder.get(), note.c_str(), 0) == 0 || errno == ENOENT ? 0 : errno;
+    const std::string path = path_of(hash);
     if (Mirror* mirror = m_place.mirror(); mirror != nullptr) {
-        if (!mirror->size_of("objects/" + object_file_name(hash)))
+        if (!mirror->size_of(path))
             return 0;
-        if (int error = make_folder(m_folder.get(), folder_of_hash(hash), m_store); error != 0)
+        if (int error = make_folder(m_folder.get(), beginning_of(path), m_store); error != 0)
             return error;
-    } else if (::faccessat(m_folder.get(), object_file_name(hash).c_str(), F_OK,
+    } else if (::faccessat(m_folder.get(), name_in_folder(path).c_str(), F_OK,
                            AT_SYMLINK_NOFOLLOW) != 0) {
         return 0; // one that is missing needs no note
     }
@@ -149,8 +144,8 @@ int ObjectFolder::note_damage(const std::string& hash, bool damaged) const {
 
 bool ObjectFolder::is_noted_damaged(const std::string& hash) const {
     struct stat status {};
-    return ::fstatat(m_folder.get(), damage_note_of(hash).c_str(), &status, AT_SYMLINK_NOFOLLOW) ==
-           0;
+    const std::string note = name_in_folder(m_place.damage_note_of(FileKind::object, hash));
+    return ::fstatat(m_folder.get(), note.c_str(), &status, AT_SYMLINK_NOFOLLOW) == 0;
 }
 
 void ObjectFolder::flush() {
@@ -165,22 +160,22 @@ void ObjectFolder::flush() {
 
 void ObjectFolder::discard(const std::string& hash) noexcept {
     // Its folder stays: it is flushed with the others.
-    if (auto added = std::find(m_added.begin(), m_added.end(), object_file_name(hash));
+    if (auto added = std::find(m_added.begin(), m_added.end(), path_of(hash));
         added != m_added.end() && remove_file(*added))
         m_added.erase(added);
 }
 
-bool ObjectFolder::remove_file(const std::string& name) const noexcept {
-    bool removed = ::unlinkat(m_folder.get(), name.c_str(), 0) == 0;
+bool ObjectFolder::remove_file(const std::string& path) const noexcept {
+    bool removed = ::unlinkat(m_folder.get(), name_in_folder(path).c_str(), 0) == 0;
     if (Mirror* mirror = m_place.mirror(); mirror != nullptr)
-        removed = mirror->take_back("objects/" + name);
+        removed = mirror->take_back(path);
     return removed;
 }
 
 void ObjectFolder::discard_added() noexcept {
-    for (const std::string& name : m_added) {
-        (void)remove_file(name);
-        ::unlinkat(m_folder.get(), folder_of_hash(name).c_str(), AT_REMOVEDIR); // when it is empty
+    for (const std::string& path : m_added) {
+        (void)remove_file(path);
+        ::unlinkat(m_folder.get(), beginning_of(path).c_str(), AT_REMOVEDIR); // when it is empty
     }
     m_added.clear();
 }

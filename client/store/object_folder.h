@@ -15,9 +15,6 @@
 
 namespace qrtln {
 
-// The name of an object's file below objects/.
-std::string object_file_name(const std::string& hash);
-
 // Decompresses an object into `sink`, and compares it with its hash, as Store::read_object does.
 // Throws PackDamage for a file that cannot be read.
 ObjectCheck read_object_file(const StoredFile& file, const std::string& hash,
@@ -43,16 +40,20 @@ class ObjectFolder {
 
     // --- for the writer of an object
     const StorePlace& place() const { return m_place; }
+    // Where the file of an object lies, "objects/AB/AB.zst".
+    std::string path_of(const std::string& hash) const {
+        return m_place.path_of(FileKind::object, hash);
+    }
     int descriptor() const { return m_folder.get(); }
     int store() const { return m_store; }
     CompressionLevel compression() const { return m_compression; }
     // A name for a file that is being written: it is unlike that of any other of this run.
     std::string temporary_name();
-    // The folder of a hash is to be flushed, and objects/ itself. Also for an object that was
-    // there: the run that wrote it may have been killed before it did that.
-    void expect_flush(const std::string& hash);
-    // A new object lies under its name below objects/, and is taken back with this run.
-    void note_added(const std::string& name) { m_added.push_back(name); }
+    // The folder of an object is to be flushed, and objects/ itself. Also for one that was there:
+    // the run that wrote it may have been killed before it did that.
+    void expect_flush(const std::string& path);
+    // A new object lies there, and is taken back with this run.
+    void note_added(const std::string& path) { m_added.push_back(path); }
 
     // --- the run
     void compress_at(CompressionLevel level) { m_compression = level; }
@@ -66,14 +67,14 @@ class ObjectFolder {
     void keep_added() noexcept { m_added.clear(); }
 
   private:
-    bool remove_file(const std::string& name) const noexcept;
+    bool remove_file(const std::string& path) const noexcept;
 
     const StorePlace& m_place;
     FileDescriptor m_folder;
     int m_store = -1;
     CompressionLevel m_compression = usual_compression;
     unsigned m_next_temporary = 0;
-    std::vector<std::string> m_added;  // names below objects/
+    std::vector<std::string> m_added;  // paths, as path_of() has them
     std::set<std::string> m_unflushed; // folders below objects/ that a rename changed
     bool m_itself_unflushed = false;   // objects/
 };

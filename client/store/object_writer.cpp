@@ -35,7 +35,11 @@ bool same_bytes(int left, int right) {
 
 DirectoryObjectWriter::DirectoryObjectWriter(ObjectFolder& objects)
     : m_objects(objects), m_temporary(objects.temporary_name()),
-      m_compressor(objects.compression(), [this](Bytes compressed) { append(compressed); }) {
+      m_sealer(objects.place().sealing(), [this](Bytes bytes) { append(bytes); }),
+      m_compressor(objects.compression(), [this](Bytes compressed) {
+          m_stored_size += compressed.size();
+          m_sealer.write(compressed);
+      }) {
     m_file = FileDescriptor(::openat(objects.descriptor(), m_temporary.c_str(),
                                      O_RDWR | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, 0600));
     if (!m_file) {
@@ -50,10 +54,9 @@ DirectoryObjectWriter::~DirectoryObjectWriter() {
         ::unlinkat(m_objects.descriptor(), m_temporary.c_str(), 0);
 }
 
-void DirectoryObjectWriter::append(Bytes compressed) {
-    if (int error = write_all(m_file.get(), compressed); error != 0)
+void DirectoryObjectWriter::append(Bytes bytes) {
+    if (int error = write_all(m_file.get(), bytes); error != 0)
         m_objects.place().fail("write an object", error);
-    m_stored_size += compressed.size();
 }
 
 void DirectoryObjectWriter::write(Bytes bytes) {
@@ -64,12 +67,12 @@ void DirectoryObjectWriter::write(Bytes bytes) {
 
 // An object that is there already is trusted only after a look: a damaged one is replaced by the
 // good copy at hand, which mends older sets too.
-bool DirectoryObjectWriter::existing_is_whole(const std::string& name, const std::string& hash,
+bool DirectoryObjectWriter::existing_is_whole(const std::string& path, const std::string& hash,
                                               std::uint64_t& stored_size) {
     if (Mirror* mirror = m_objects.place().mirror(); mirror != nullptr) {
-        stored_size = mirror->size_of("objects/" + name).value_or(0);
+        stored_size = mirror->size_of(path).value_or(0);
     } else {
-        FileDescriptor existing(::openat(m_objects.descriptor(), name.c_str(),
+        FileDescriptor existing(::openat(m_objects.descriptor(), name_in_folder(path).c_str(),
                                          O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC));
         struct stat status {};
         if (!existing || ::fstat(existing.get(), &status) != 0 || !S_ISREG(status.st_mode))
@@ -79,7 +82,10 @@ bool DirectoryObjectWriter::existing_is_whole(const std::string& name, const std
             same_bytes(existing.get(), m_file.get()))
             return true;
     }
-    // Another version of the compressor may have written other bytes for the same content.
+    if (m_objects.place().sealing() != nullptr)
+        stored_size = unsealed_size(stored_size).value_or(0);
+    // Another version of the compressor may have written other bytes for the same content, and no
+    // two files are sealed to the same bytes.
     ObjectCheck check = m_objects.read(hash, [](Bytes) {});
     return check.problem.empty() && check.size == m_size;
 }
@@ -91,42 +97,44 @@ StoredObject DirectoryObjectWriter::finish() {
     object.size = m_size;
     object.stored_size = m_stored_size;
 
-    std::string name = object_file_name(object.hash);
+    const std::string path = m_objects.path_of(object.hash);
+    const std::string name = name_in_folder(path);
     int objects = m_objects.descriptor();
     const StorePlace& place = m_objects.place();
     // One that is taken for new is taken back with a run that fails.
     Mirror* mirror = place.mirror();
-    bool exists = place.has(objects, "objects/" + name);
+    bool exists = place.has(objects, path);
     if (mirror == nullptr)
-        m_objects.expect_flush(object.hash);
+        m_objects.expect_flush(path);
     if (exists && m_objects.has(object.hash, m_stored_size) && mirror != nullptr)
         return object; // it has been confirmed with its hash when it was put there
     if (exists) {
         std::uint64_t stored_size = 0;
-        if (existing_is_whole(name, object.hash, stored_size)) {
+        if (existing_is_whole(path, object.hash, stored_size)) {
             (void)m_objects.note_damage(object.hash, false);
             object.stored_size = stored_size;
             return object;
         }
     }
-    std::string folder = object.hash.substr(0, 2);
+    m_sealer.finish(stored_path(FileKind::object, object.hash));
     if (mirror == nullptr && ::fsync(m_file.get()) != 0)
         place.fail("flush an object", errno);
     if (int error = m_file.close_checked(); error != 0)
         place.fail("close an object", error);
-    if (int error = make_folder(objects, folder, m_objects.store()); error != 0)
+    if (int error = make_folder(objects, name.substr(0, name.find('/')), m_objects.store());
+        error != 0)
         place.fail("create a folder for objects", error, "objects");
     if (::renameat(objects, m_temporary.c_str(), objects, name.c_str()) != 0)
-        place.fail("put an object in place", errno, "objects/" + folder);
+        place.fail("put an object in place", errno, path.substr(0, path.rfind('/')));
     m_temporary.clear();
     (void)m_objects.note_damage(object.hash, false);
     object.added = true;
     object.changed_size = m_size;
     // A mended object belongs to older sets: it is not taken back with this run.
     if (!exists)
-        m_objects.note_added(name);
+        m_objects.note_added(path);
     if (mirror != nullptr)
-        mirror->put("objects/" + name, Mirror::Local::goes);
+        mirror->put(path, Mirror::Local::goes);
     return object;
 }
 

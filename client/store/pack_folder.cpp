@@ -4,7 +4,6 @@
 #include "client/base/ordered_work.h"
 #include "client/store/block_hash.h"
 #include "client/store/canonical_json.h"
-#include "client/store/digest.h"
 #include "client/store/mirror.h"
 #include "client/store/stored_file.h"
 
@@ -18,27 +17,21 @@ namespace qrtln {
 
 namespace {
 
-constexpr std::string_view pack_suffix = ".pack";
-constexpr std::string_view map_suffix = ".map";
 constexpr int damage_format = 1;
 constexpr std::size_t maximal_damage_note = std::size_t{64} << 20;
 
-std::string damage_note_name(const std::string& id) {
-    return id + ".damaged";
-}
-
-std::vector<std::string> list_ids(const StorePlace& place, const char* folder, int descriptor,
-                                  std::string_view suffix, std::vector<std::string>* foreign) {
+std::vector<std::string> list_ids(const StorePlace& place, FileKind kind, const char* folder,
+                                  int descriptor, std::vector<std::string>* foreign) {
     std::vector<std::string> ids;
     if (descriptor < 0)
         return ids;
     for (const std::string& name : place.list_part(descriptor, folder)) {
-        std::string id = name.substr(0, name.rfind('.'));
-        if (name == id + std::string(suffix) && is_sha256_hex(id))
-            ids.push_back(id);
-        else if (foreign != nullptr && name != damage_note_name(id))
+        if (std::optional<std::string> id = place.id_of(kind, name))
+            ids.push_back(std::move(*id));
+        else if (foreign != nullptr && !StorePlace::is_damage_note(name))
             foreign->push_back(fmt::format("{}/{}", folder, name));
     }
+    std::sort(ids.begin(), ids.end());
     return ids;
 }
 
@@ -153,14 +146,6 @@ class ContentSource {
 
 } // namespace
 
-std::string pack_file_name(const std::string& id) {
-    return id + std::string(pack_suffix);
-}
-
-std::string map_file_name(const std::string& hash) {
-    return hash + std::string(map_suffix);
-}
-
 void PackFolder::open(FileDescriptor packs, FileDescriptor maps, int store) {
     m_packs = std::move(packs);
     m_maps = std::move(maps);
@@ -168,14 +153,15 @@ void PackFolder::open(FileDescriptor packs, FileDescriptor maps, int store) {
 }
 
 std::unique_ptr<PackReader> PackFolder::open_pack(const std::string& id) const {
-    return std::make_unique<PackReader>(open_stored_file(
-        m_place, m_packs.get(), fmt::format("{}/{}", pack_folder, pack_file_name(id))));
+    return std::make_unique<PackReader>(
+        open_stored_file(m_place, m_packs.get(), FileKind::pack, id));
 }
 
 // It only makes a backup store more than it would: one that cannot be read says nothing.
 std::set<std::uint32_t> PackFolder::damaged_blocks(const std::string& id) const {
     std::optional<std::string> bytes =
-        read_small_file(m_packs.get(), damage_note_name(id), maximal_damage_note);
+        read_small_file(m_packs.get(), name_in_folder(m_place.damage_note_of(FileKind::pack, id)),
+                        maximal_damage_note);
     std::string problem;
     std::optional<nlohmann::json> note;
     if (bytes)
@@ -190,10 +176,12 @@ std::set<std::uint32_t> PackFolder::damaged_blocks(const std::string& id) const 
 }
 
 int PackFolder::note_damage(const std::string& id, const std::set<std::uint32_t>& blocks) const {
-    std::string name = damage_note_name(id);
+    const std::string note = m_place.damage_note_of(FileKind::pack, id);
     if (blocks.empty())
-        return ::unlinkat(m_packs.get(), name.c_str(), 0) == 0 || errno == ENOENT ? 0 : errno;
-    return replace_file(m_place.path(fmt::format("{}/{}", pack_folder, name)),
+        return ::unlinkat(m_packs.get(), name_in_folder(note).c_str(), 0) == 0 || errno == ENOENT
+                   ? 0
+                   : errno;
+    return replace_file(m_place.path(note),
                         to_canonical({{"format", damage_format}, {"blocks", blocks}}));
 }
 
@@ -201,10 +189,9 @@ ContentMap PackFolder::read_map(const MapPlace& place, const std::string& name) 
     std::string problem;
     std::optional<ContentMap> map;
     try {
-        const std::string path = fmt::format("{}/{}", map_folder, map_file_name(place.file));
         if (Mirror* mirror = m_place.mirror(); mirror != nullptr)
-            mirror->fetch_small(path);
-        const StoredFile file = open_stored_file(m_place, m_maps.get(), path);
+            mirror->fetch_small(m_place.path_of(FileKind::map, place.file));
+        const StoredFile file = open_stored_file(m_place, m_maps.get(), FileKind::map, place.file);
         if (place.offset > file.size || place.size > file.size - place.offset)
             throw PackDamage{"ends too early"};
         std::vector<std::byte> frame(place.size);
@@ -235,11 +222,11 @@ ObjectCheck PackFolder::read_content(const std::string& name, const MapPlace& pl
 }
 
 std::vector<std::string> PackFolder::packs(std::vector<std::string>* foreign) const {
-    return list_ids(m_place, pack_folder, m_packs.get(), pack_suffix, foreign);
+    return list_ids(m_place, FileKind::pack, pack_folder, m_packs.get(), foreign);
 }
 
 std::vector<std::string> PackFolder::maps(std::vector<std::string>* foreign) const {
-    return list_ids(m_place, map_folder, m_maps.get(), map_suffix, foreign);
+    return list_ids(m_place, FileKind::map, map_folder, m_maps.get(), foreign);
 }
 
 } // namespace qrtln

@@ -15,13 +15,6 @@
 
 namespace qrtln {
 
-inline constexpr const char* pack_folder = "packs";
-inline constexpr const char* map_folder = "maps";
-
-// The names of their files in these folders.
-std::string pack_file_name(const std::string& id);
-std::string map_file_name(const std::string& hash);
-
 class PackFolder {
   public:
     // `place` outlives it.

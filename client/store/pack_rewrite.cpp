@@ -2,6 +2,7 @@
 
 #include "client/base/ownership.h"
 #include "client/store/pack_writer.h"
+#include "client/store/sealing.h"
 #include "client/store/state_folder.h"
 
 #include <algorithm>
@@ -77,7 +78,8 @@ class PackCopy {
 
 RewriteResult rewrite_pack(const PackFolder& folder, const RewriteRequest& request) {
     std::unique_ptr<PackReader> from = folder.open_pack(request.id);
-    std::string temporary = request.id + std::string(temporary_suffix);
+    const std::string name = name_in_folder(folder.place().path_of(FileKind::pack, request.id));
+    const std::string temporary = name + std::string(temporary_suffix);
     int packs = folder.pack_descriptor();
     FileDescriptor file(::openat(packs, temporary.c_str(),
                                  O_WRONLY | O_CREAT | O_TRUNC | O_NOFOLLOW | O_CLOEXEC, 0600));
@@ -85,15 +87,17 @@ RewriteResult rewrite_pack(const PackFolder& folder, const RewriteRequest& reque
         folder.place().fail("create a pack", errno);
     (void)give_to_owner_of(folder.store(), file.get());
     try {
-        FrameQueue queue(usual_compression);
-        PackWriter to(from->table().block_size, queue, [&](Bytes bytes) {
+        FileSealer sealer(folder.place().sealing(), [&](Bytes bytes) {
             if (int error = write_all(file.get(), bytes); error != 0)
                 folder.place().fail("write a pack", error);
         });
+        FrameQueue queue(usual_compression);
+        PackWriter to(from->table().block_size, queue, [&](Bytes bytes) { sealer.write(bytes); });
         std::set<std::uint32_t> damaged = PackCopy(*from, to, request).run();
         if (to.end() != request.id)
             throw PackDamage{"has hashes of blocks that do not make up its name"};
         to.finish();
+        sealer.finish(stored_path(FileKind::pack, request.id));
         // What cannot be read just now may be there the next time.
         if (!std::includes(request.lost.begin(), request.lost.end(), damaged.begin(),
                            damaged.end())) {
@@ -104,7 +108,7 @@ RewriteResult rewrite_pack(const PackFolder& folder, const RewriteRequest& reque
             folder.place().fail("flush a pack", errno);
         if (int error = file.close_checked(); error != 0)
             folder.place().fail("close a pack", error);
-        if (::renameat(packs, temporary.c_str(), packs, pack_file_name(request.id).c_str()) != 0)
+        if (::renameat(packs, temporary.c_str(), packs, name.c_str()) != 0)
             folder.place().fail("put a pack in place", errno);
         if (int error = flush_folder(packs); error != 0)
             folder.place().fail("flush the folder of packs", error);

@@ -16,15 +16,11 @@ namespace {
 std::uint64_t size_of(const StorePlace& place, int folder, const std::string& path) {
     if (const Mirror* mirror = place.mirror(); mirror != nullptr)
         return mirror->size_of(path).value_or(0);
-    const std::string name = path.substr(path.find('/') + 1);
+    const std::string name = name_in_folder(path);
     struct stat status {};
     return ::fstatat(folder, name.c_str(), &status, AT_SYMLINK_NOFOLLOW) == 0
                ? static_cast<std::uint64_t>(status.st_size)
                : 0;
-}
-
-std::string path_of(const std::string& pack) {
-    return fmt::format("{}/{}", pack_folder, pack_file_name(pack));
 }
 
 // Removes a file, or says how large it is.
@@ -32,7 +28,7 @@ std::uint64_t take(const StorePlace& place, int folder, const std::string& path,
     const std::uint64_t size = size_of(place, folder, path);
     if (!removes)
         return size;
-    const bool removed = ::unlinkat(folder, path.substr(path.find('/') + 1).c_str(), 0) == 0;
+    const bool removed = ::unlinkat(folder, name_in_folder(path).c_str(), 0) == 0;
     if (Mirror* mirror = place.mirror(); mirror != nullptr)
         mirror->remove(path);
     return removed || place.mirror() != nullptr ? size : 0;
@@ -61,8 +57,8 @@ void Reclaim::remove_objects(Reclaimed& result, bool changes) {
             continue;
         m_between();
         ++result.objects;
-        result.bytes += take(m_objects.place(), m_objects.descriptor(),
-                             "objects/" + object_file_name(hash), changes);
+        result.bytes +=
+            take(m_objects.place(), m_objects.descriptor(), m_objects.path_of(hash), changes);
         if (changes)
             (void)m_objects.note_damage(hash, false);
     }
@@ -72,7 +68,7 @@ void Reclaim::remove_maps(Reclaimed& result, bool changes) {
     for (const std::string& hash : m_packs.maps(nullptr))
         if (!m_use.maps.contains(hash))
             result.bytes += take(m_packs.place(), m_packs.map_descriptor(),
-                                 fmt::format("{}/{}", map_folder, map_file_name(hash)), changes);
+                                 m_packs.place().path_of(FileKind::map, hash), changes);
 }
 
 void Reclaim::take_packs(Reclaimed& result, bool changes) {
@@ -84,7 +80,8 @@ void Reclaim::take_packs(Reclaimed& result, bool changes) {
             continue;
         }
         ++result.packs;
-        result.bytes += take(m_packs.place(), m_packs.pack_descriptor(), path_of(id), changes);
+        result.bytes += take(m_packs.place(), m_packs.pack_descriptor(),
+                             m_packs.place().path_of(FileKind::pack, id), changes);
         if (changes)
             (void)m_packs.note_damage(id, {});
     }
@@ -118,14 +115,15 @@ void Reclaim::take_pack(const std::string& id, Reclaimed& result, bool changes) 
 
 void Reclaim::rewrite(const std::string& id, Reclaimed& result) {
     const StorePlace& place = m_packs.place();
-    std::uint64_t before = size_of(place, m_packs.pack_descriptor(), path_of(id));
+    const std::string path = place.path_of(FileKind::pack, id);
+    std::uint64_t before = size_of(place, m_packs.pack_descriptor(), path);
     auto keep = [&](std::uint32_t block) {
         m_between();
         return m_use.blocks.uses(id, block);
     };
     auto none = [](std::uint32_t) { return std::vector<std::byte>(); };
     std::set<std::uint32_t> damaged = rewrite_pack(m_packs, {id, keep, none}).damaged;
-    std::uint64_t after = size_of(place, m_packs.pack_descriptor(), path_of(id));
+    std::uint64_t after = size_of(place, m_packs.pack_descriptor(), path);
     result.bytes += before - std::min(before, after);
     if (!damaged.empty())
         result.problems.push_back(fmt::format(

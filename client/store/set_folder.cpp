@@ -113,7 +113,7 @@ std::optional<std::string> SetFolder::read_manifest(const std::string& set,
         problem = error == ENOENT ? "is missing" : "cannot be read: " + system_error_text(error);
     if (!bytes)
         m_place.require_there();
-    return bytes;
+    return bytes ? m_place.read_document(*bytes, "sets/" + name, problem) : std::nullopt;
 }
 
 void SetFolder::write_manifest(const std::string& set, const std::string& bytes,
@@ -139,14 +139,15 @@ std::optional<std::string> SetFolder::read_note(const std::string& set, SetNote 
     std::optional<std::string> bytes;
     if (state)
         bytes = read_small_file(AT_FDCWD, state->file(name), maximal_manifest);
-    if (!bytes)
-        bytes = read_document(name, Mirror::Cache::fetched_anew);
+    if (bytes)
+        return bytes;
+    bytes = read_document(name, Mirror::Cache::fetched_anew);
     int error = bytes ? 0 : errno;
     throw_if_no_permission("read a note", m_place.path("sets/" + name), error);
     problem = bytes || error == ENOENT ? "" : "cannot be read: " + system_error_text(error);
     if (!bytes)
         m_place.require_there(); // else a store that is gone looks like a set without notes
-    return bytes;
+    return bytes ? m_place.read_document(*bytes, "sets/" + name, problem) : std::nullopt;
 }
 
 std::string SetFolder::write_note(const std::string& set, SetNote note, const std::string& bytes,
@@ -173,7 +174,8 @@ void SetFolder::write_document(const std::string& name, const std::string& what,
     bool replaces = may_replace && m_place.has(sets, path);
     if (mirror != nullptr && !may_replace && mirror->size_of(path))
         m_place.fail(fmt::format("put {} in place", what), EEXIST, "sets");
-    if (int error = write_flushed(sets, temporary, bytes, m_store); error != 0)
+    if (int error = write_flushed(sets, temporary, m_place.stored_document(bytes, path), m_store);
+        error != 0)
         m_place.fail("write " + what, error, "sets");
     // What lies elsewhere has the same name there, and what it refers to: it exists from then on.
     if (mirror != nullptr) {

@@ -3,8 +3,11 @@
 #pragma once
 
 #include "client/base/file_io.h"
+#include "client/base/process_note.h"
 #include "client/store/compression.h"
 #include "client/store/content_map.h"
+#include "client/store/store_place.h"
+#include "client/store/wrapped_key.h"
 
 #include <cstdint>
 #include <functional>
@@ -87,6 +90,15 @@ class Store {
     virtual void add_packs(std::uint32_t block_size) = 0;
     // Made by chance when the store was; empty for stores of earlier releases.
     virtual std::string id() const = 0;
+    // Whether its files are sealed with a key.
+    virtual bool is_encrypted() const = 0;
+    // The keys of an encrypted store, the oldest first; those that are damaged go to `problems`, a
+    // line each, if given.
+    virtual std::vector<WrappedKey> keys(std::vector<std::string>* problems = nullptr) = 0;
+    // Gives it another key, and returns its id; or takes one away, but never the last one. Throw
+    // ClientError. REQUIRES: it is encrypted, and locked for writing.
+    virtual std::string add_key(const Secret& secret, const std::string& label) = 0;
+    virtual void remove_key(const std::string& id) = 0;
     // The folder of the run-time data of this run: the module's, and what a command has under way.
     // An absolute path on this machine; in the store, or where it is opened with a folder for
     // state, in that.
@@ -129,15 +141,20 @@ class Store {
     // ClientError when they cannot be listed.
     virtual std::vector<std::string> objects(std::vector<std::string>* foreign = nullptr) = 0;
 
-    // --- files as they lie, "packs/AB.pack", "maps/AB.map", "objects/AB/AB.zst", for a copy of the
-    // store elsewhere. All throw ClientError.
-    virtual bool has_file(const std::string& name) = 0;
+    // --- files of objects, packs and maps, not sealed, for a copy of the store elsewhere. All
+    // throw ClientError.
+    virtual bool has_file(FileKind kind, const std::string& id) = 0;
     // Throws PackDamage, too.
-    virtual StoredFile open_file(const std::string& name) = 0;
-    // Gets one of another store, in the place of one of its name, once `check` has not thrown for
-    // what was written. It is durable after the next flush, and stays whatever becomes of the run.
-    virtual void take_in(const std::string& name, const StoredFile& file,
+    virtual StoredFile open_file(FileKind kind, const std::string& id) = 0;
+    // Gets one of another store, in the place of the one that it has, once `check` has not thrown
+    // for what was written. It is durable after the next flush, and stays whatever becomes of the
+    // run.
+    virtual void take_in(FileKind kind, const std::string& id, const StoredFile& file,
                          const std::function<void(const StoredFile&)>& check) = 0;
+
+    // Who said that it writes to it, where that is elsewhere and cannot be locked. Throws
+    // ClientError.
+    virtual std::optional<ProcessNote> claimed_by() const = 0;
 
     // --- manifests
     // The names of all sets, oldest first; files that are of no set go to `foreign` if given.
@@ -212,16 +229,25 @@ enum class StoreAccess {
     read_damaged, // as read, but a damaged store.json is reported by damage(), not thrown
     write,        // locked against other writers; created when missing or an empty folder
     change,       // locked likewise, but never created
+    create,       // as write, but refused where there is one
+};
+
+// Of a store that is made.
+struct NewStore {
+    // In bytes; of no other than that a store has that is there. 0: the usual one, and any.
+    std::uint32_t block_size = 0;
+    bool encrypted = false; // with what opens the first of the keys of this run
+    std::string label = {}; // of its first key
 };
 
 // Opens the store in the folder `directory`, or that elsewhere. Throws ClientError: no_store,
 // locked, no_permission, remote_failed, failed. Warns when this user writes to the store of
-// another. In `damage`, when given, read_damaged leaves what is wrong with store.json.
-// `block_size`: of a store that is made, in bytes, and of no other than that it has; 0: the usual
-// one, and any.
+// another. In `damage`, when given, read_damaged leaves what is wrong with store.json. An encrypted
+// store is opened with the keys of this run, and no other where it has any: what was encrypted is
+// not to be replaced unseen by what is not.
 std::unique_ptr<Store> open_directory_store(const std::string& directory, StoreAccess access,
                                             std::string* damage = nullptr,
-                                            std::uint32_t block_size = 0);
+                                            const NewStore& made = {});
 
 // The id of the store in a folder, or of that with this store.json; empty where there is none, or
 // it has none. And one for a store that is made, by chance.

@@ -7,9 +7,12 @@
 #include "client/base/paths.h"
 #include "client/base/permission.h"
 #include "client/base/text.h"
+#include "client/store/digest.h"
 #include "client/store/mirror.h"
+#include "client/store/sealing.h"
 #include "client/store/store.h"
 
+#include <array>
 #include <cerrno>
 #include <fcntl.h>
 #include <filesystem>
@@ -24,6 +27,25 @@ namespace {
 
 std::string last_opened; // a store that is there, or was
 
+struct KindOfFile {
+    const char* folder;
+    std::string_view suffix;
+};
+constexpr std::array<KindOfFile, 3> kinds = {
+    {{object_folder, ".zst"}, {pack_folder, ".pack"}, {map_folder, ".map"}}}; // by FileKind
+constexpr std::string_view damage_suffix = ".damaged";
+
+const KindOfFile& of(FileKind kind) {
+    return kinds[static_cast<std::size_t>(kind)];
+}
+
+std::string path_with(FileKind kind, const std::string& stem, std::string_view suffix) {
+    // Objects are many: they lie in folders by the beginnings of their names.
+    return kind == FileKind::object
+               ? fmt::format("{}/{}/{}{}", of(kind).folder, stem.substr(0, 2), stem, suffix)
+               : fmt::format("{}/{}{}", of(kind).folder, stem, suffix);
+}
+
 // The full path of something in an open folder, for messages.
 std::string path_in(int folder, const std::string& name) {
     std::error_code error;
@@ -33,6 +55,56 @@ std::string path_in(int folder, const std::string& name) {
 }
 
 } // namespace
+
+std::string stored_path(FileKind kind, const std::string& stem) {
+    return path_with(kind, stem, of(kind).suffix);
+}
+
+std::string name_in_folder(const std::string& path) {
+    return path.substr(path.find('/') + 1);
+}
+
+std::string StorePlace::stem_of(FileKind kind, const std::string& id) const {
+    return m_sealing ? m_sealing->stem_of(of(kind).folder, id) : id;
+}
+
+std::string StorePlace::path_of(FileKind kind, const std::string& id) const {
+    return stored_path(kind, stem_of(kind, id));
+}
+
+std::string StorePlace::damage_note_of(FileKind kind, const std::string& id) const {
+    return path_with(kind, stem_of(kind, id), damage_suffix);
+}
+
+std::optional<std::string> StorePlace::id_of(FileKind kind, const std::string& file_name) const {
+    if (!file_name.ends_with(of(kind).suffix))
+        return std::nullopt;
+    std::string stem = file_name.substr(0, file_name.size() - of(kind).suffix.size());
+    if (m_sealing)
+        return m_sealing->id_of(of(kind).folder, stem);
+    return is_sha256_hex(stem) ? std::optional(std::move(stem)) : std::nullopt;
+}
+
+std::string StorePlace::stored_document(const std::string& bytes, const std::string& name) const {
+    return m_sealing ? m_sealing->sealed_document(bytes, name) : bytes;
+}
+
+std::optional<std::string> StorePlace::read_document(const std::string& stored,
+                                                     const std::string& name,
+                                                     std::string& problem) const {
+    if (!m_sealing)
+        return stored;
+    try {
+        return m_sealing->unsealed_document(stored, name);
+    } catch (const PackDamage& damage) {
+        problem = damage.problem;
+        return std::nullopt;
+    }
+}
+
+bool StorePlace::is_damage_note(std::string_view file_name) {
+    return file_name.ends_with(damage_suffix);
+}
 
 int write_flushed(int folder, const std::string& name, const std::string& bytes, int owner) {
     ::unlinkat(folder, name.c_str(), 0);
@@ -117,7 +189,7 @@ std::vector<std::string> StorePlace::list_folder(int folder, const std::string& 
 bool StorePlace::has(int folder, const std::string& path) const {
     if (m_mirror != nullptr)
         return m_mirror->size_of(path).has_value();
-    return exists(folder, path.substr(path.find('/') + 1));
+    return exists(folder, name_in_folder(path));
 }
 
 std::vector<std::string> StorePlace::list_part(int folder, const std::string& part,

@@ -2,12 +2,26 @@
 // a folder, which each keep some of them.
 #pragma once
 
+#include <memory>
+#include <optional>
 #include <string>
+#include <string_view>
 #include <vector>
 
 namespace qrtln {
 
 class Mirror;
+class Sealing;
+
+// The folders of the files that contents lie in. Each has an id of 64 hexadecimal digits.
+inline constexpr const char* object_folder = "objects";
+inline constexpr const char* pack_folder = "packs";
+inline constexpr const char* map_folder = "maps";
+enum class FileKind { object, pack, map };
+
+// "packs/STEM.pack" and the like, below the folder of the store. The stem is the id, but in an
+// encrypted store.
+std::string stored_path(FileKind kind, const std::string& stem);
 
 class StorePlace {
   public:
@@ -17,6 +31,21 @@ class StorePlace {
     const std::string& directory() const { return m_directory; } // absolute
     Mirror* mirror() const { return m_mirror; }
     std::string path(const std::string& name) const { return m_directory + "/" + name; }
+    // Of an encrypted store, once its key is known; else nullptr.
+    const Sealing* sealing() const { return m_sealing.get(); }
+    void seal_with(std::shared_ptr<const Sealing> sealing) { m_sealing = std::move(sealing); }
+    // Where the file with this id lies, below the folder; what says that it is damaged lies beside
+    // it. And the id of a file there; nothing for one that has none.
+    std::string path_of(FileKind kind, const std::string& id) const;
+    std::string damage_note_of(FileKind kind, const std::string& id) const;
+    std::optional<std::string> id_of(FileKind kind, const std::string& file_name) const;
+    // Whether a file beside others is such a note.
+    static bool is_damage_note(std::string_view file_name);
+    // A document as it lies in the store, sealed where that is encrypted, and back: nothing with
+    // `problem` set for one that is damaged. `name`: "sets/NAME.json" and the like.
+    std::string stored_document(const std::string& bytes, const std::string& name) const;
+    std::optional<std::string> read_document(const std::string& stored, const std::string& name,
+                                             std::string& problem) const;
     // The store in words, for messages.
     std::string description() const;
 
@@ -47,9 +76,15 @@ class StorePlace {
     void require_there() const;
 
   private:
+    std::string stem_of(FileKind kind, const std::string& id) const;
+
     std::string m_directory;
     Mirror* m_mirror;
+    std::shared_ptr<const Sealing> m_sealing;
 };
+
+// "AB.pack" of "packs/AB.pack", "ab/AB.zst" of "objects/ab/AB.zst": below the open folder.
+std::string name_in_folder(const std::string& path);
 
 // The file that makes a folder a store.
 inline constexpr const char* format_file = "store.json";

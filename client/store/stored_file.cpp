@@ -4,6 +4,7 @@
 #include "client/base/file_descriptor.h"
 #include "client/base/permission.h"
 #include "client/store/mirror.h"
+#include "client/store/sealing.h"
 
 #include <cerrno>
 #include <fcntl.h>
@@ -30,24 +31,13 @@ void read_at(int file, std::uint64_t offset, std::span<std::byte> buffer) {
     }
 }
 
-} // namespace
-
-StoredFile stored_file(std::shared_ptr<FileDescriptor> file) {
-    struct stat status {};
-    if (::fstat(file->get(), &status) != 0)
-        throw PackDamage{"cannot be looked at: " + system_error_text(errno)};
-    return {static_cast<std::uint64_t>(status.st_size),
-            [file = std::move(file)](std::uint64_t offset, std::span<std::byte> buffer) {
-                read_at(file->get(), offset, buffer);
-            }};
-}
-
-StoredFile open_stored_file(const StorePlace& place, int folder, const std::string& path) {
+// As it lies, sealed or not.
+StoredFile open_as_it_lies(const StorePlace& place, int folder, const std::string& path) {
     Mirror* mirror = place.mirror();
     if (mirror != nullptr && !mirror->size_of(path))
         throw PackDamage{"is missing"};
     // Relative to the open folder.
-    const std::string name = path.substr(path.find('/') + 1);
+    const std::string name = name_in_folder(path);
     auto file = std::make_shared<FileDescriptor>();
     struct stat status {};
     int error = folder < 0 ? ENOENT : 0;
@@ -68,6 +58,26 @@ StoredFile open_stored_file(const StorePlace& place, int folder, const std::stri
     if (!S_ISREG(status.st_mode))
         throw PackDamage{"is no file"};
     return stored_file(std::move(file));
+}
+
+} // namespace
+
+StoredFile stored_file(std::shared_ptr<FileDescriptor> file) {
+    struct stat status {};
+    if (::fstat(file->get(), &status) != 0)
+        throw PackDamage{"cannot be looked at: " + system_error_text(errno)};
+    return {static_cast<std::uint64_t>(status.st_size),
+            [file = std::move(file)](std::uint64_t offset, std::span<std::byte> buffer) {
+                read_at(file->get(), offset, buffer);
+            }};
+}
+
+StoredFile open_stored_file(const StorePlace& place, int folder, FileKind kind,
+                            const std::string& id) {
+    StoredFile file = open_as_it_lies(place, folder, place.path_of(kind, id));
+    return place.sealing() != nullptr
+               ? place.sealing()->unsealed(std::move(file), stored_path(kind, id))
+               : file;
 }
 
 } // namespace qrtln

@@ -22,9 +22,10 @@ class FileDescriptor;
 // An open file, which stays open as long as this is there.
 StoredFile stored_file(std::shared_ptr<FileDescriptor> file);
 
-// Opens "packs/AB.pack" and the like, which lies in this open folder; none is below 0. Throws
+// Opens the file of an id, which lies in this open folder of its kind; none is below 0. Throws
 // PackDamage: "is missing", "is no file" and others; ClientError(no_permission), and others where
 // the store is not to be reached.
-StoredFile open_stored_file(const StorePlace& place, int folder, const std::string& path);
+StoredFile open_stored_file(const StorePlace& place, int folder, FileKind kind,
+                            const std::string& id);
 
 } // namespace qrtln

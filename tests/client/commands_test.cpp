@@ -128,7 +128,7 @@ TEST_F(Commands, AFileIsReadAgainWhereItMayHaveChangedOrItsContentIsGone) {
     ManifestItem stored = item(backup(0, "full", {"--compression", "off"})["set"], big);
     EXPECT_GT(stored.stored_size, 100000U);
     auto damage = [&] {
-        std::fstream(m_store + "/objects/" + object_file_name(stored.object),
+        std::fstream(m_store + "/" + stored_path(FileKind::object, stored.object),
                      std::ios::in | std::ios::out)
             .seekp(50)
             .put('!');

@@ -152,6 +152,7 @@ TEST_F(Elsewhere, OneWritesAtATime) {
     run(11, {"backup", "--level", "full"}, "on mail2");
     EXPECT_EQ(snapshot(m_there), before);
     EXPECT_EQ(verify(), 0);
+    EXPECT_THAT(on_store({"lock"}).output, testing::ContainsRegex("claim +noted .*mail2"));
     backup(0, "full", {"--break-claim"}, "is taken over from");
     // A process of this machine that has ended is seen to have.
     claim_by(host_name());

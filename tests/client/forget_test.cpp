@@ -146,7 +146,7 @@ TEST_F(Forget, AStoreOfAnEarlierReleaseGoesOnAndCanBeConverted) {
     flip(first, m_user2);
     flip(second, m_user2); // back, as it is the same object
     const std::string damaged =
-        m_store + "/objects/" + object_file_name(item(first, m_user1).object);
+        m_store + "/" + stored_path(FileKind::object, item(first, m_user1).object);
     flip_a_bit(damaged);
 
     auto reader = open_directory_store(m_store, StoreAccess::read);

@@ -138,7 +138,7 @@ class OverTheSimulator : public testing::Test {
         throw std::runtime_error("not in the set: " + path);
     }
     std::string object_file(const std::string& set, const std::string& path) const {
-        return m_store + "/objects/" + object_file_name(item(set, path).object);
+        return m_store + "/" + stored_path(FileKind::object, item(set, path).object);
     }
     // Changes a bit of its content in the store, or back.
     void flip(const std::string& set, const std::string& path) const {

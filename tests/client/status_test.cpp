@@ -1,4 +1,5 @@
 // The ledger of recoverability: what histories come to, and that a recovery agrees.
+#include "client/base/process_note.h"
 #include "client/base/text.h"
 #include "tests/client/simulated_server.h"
 
@@ -229,6 +230,23 @@ TEST_F(Status, MetricsAndPageAreReplacedAsAWholeOrNotAtAll) {
     status(10, both);
     EXPECT_EQ(read_file(metrics), written);
     EXPECT_THAT(read_file(page), HasSubstr("everything is recoverable"));
+}
+
+TEST_F(Status, OfSeveralStoresAllIsToldAtOnceAlsoWhereOneIsAway) {
+    set("full");
+    const std::string copy = m_scratch / "copy", away = m_scratch / "away";
+    const std::string metrics = m_scratch / "qrtln.prom";
+    EXPECT_EQ(run_client({"copy", "--from", m_store, "--to", copy}).exit_code, 0);
+    const json both = status(0, {"--store", copy, "--metrics", metrics});
+    EXPECT_THAT(both["servers"], SizeIs(2));
+    EXPECT_EQ(both["servers"][0]["store"], copy);
+    EXPECT_THAT(read_file(metrics), AllOf(HasSubstr("{store=\"" + copy + "\",server="),
+                                          HasSubstr("{store=\"" + m_store + "\",server=")));
+    const json with_failure = status(10, {"--store", away, "--server", host_name()});
+    EXPECT_THAT(with_failure["servers"], SizeIs(1));
+    EXPECT_EQ(with_failure["findings"][0]["store"], away);
+    status(13, {"--store", copy, "--server", "nobody"});
+    status(2, {"--store", copy, "--notes-ini", m_server + "/notes.ini"});
 }
 
 } // namespace

@@ -2,7 +2,6 @@
 #pragma once
 
 #include "client/sets/manifest.h"
-#include "client/store/object_folder.h"
 #include "client/store/pack_folder.h"
 #include "client/store/store.h"
 #include "tests/support/files.h"
@@ -23,13 +22,13 @@ struct ContentPlace {
 inline ContentPlace content_place(const std::string& store, const ManifestItem& item) {
     namespace fs = std::filesystem;
     if (!is_in_blocks(item)) {
-        std::string file = store + "/objects/" + object_file_name(item.object);
+        std::string file = store + "/" + stored_path(FileKind::object, item.object);
         return {file, 0, fs::file_size(file)};
     }
     auto opened = open_directory_store(store, StoreAccess::read);
     ContentMap map = opened->packs().read_map(item.map, item.object);
     auto file = [&](const BlockRun& run) {
-        return store + "/packs/" + pack_file_name(map.packs[run.pack].id);
+        return store + "/" + stored_path(FileKind::pack, map.packs[run.pack].id);
     };
     auto older = [&](const BlockRun& one, const BlockRun& other) {
         return fs::last_write_time(file(one)) < fs::last_write_time(file(other));
