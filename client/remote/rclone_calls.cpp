@@ -95,7 +95,7 @@ struct RcloneCalls::Connection {
     int run() const {
         const CURLcode code = ::curl_easy_perform(handle);
         if (code == CURLE_OPERATION_TIMEDOUT)
-            throw RcloneFailure(0, "rclone does not answer");
+            throw RcloneFailure(RcloneFailure::no_answer, "rclone does not answer");
         if (code != CURLE_OK)
             throw RcloneFailure(0, fmt::format("rclone: {}", ::curl_easy_strerror(code)));
         long status = 0;
@@ -125,8 +125,8 @@ class RcloneCalls::Lease {
     bool m_worked = false;
 };
 
-RcloneCalls::RcloneCalls(std::string url, std::string secret)
-    : m_url(std::move(url)), m_secret(std::move(secret)) {
+RcloneCalls::RcloneCalls(std::string url, std::string secret, std::chrono::seconds patience)
+    : m_url(std::move(url)), m_secret(std::move(secret)), m_patience(patience) {
     static const CURLcode initialised = ::curl_global_init(CURL_GLOBAL_NOTHING);
     if (initialised != CURLE_OK)
         throw ClientError(ExitCode::failed, "cannot use the library curl");

@@ -19,19 +19,19 @@ namespace qrtln {
 struct RcloneFailure : std::runtime_error {
     RcloneFailure(int status_of_it, const std::string& text)
         : std::runtime_error(text), status(status_of_it) {}
-    int status; // as of HTTP; 0: rclone was not reached, or did not answer in time
+    int status; // as of HTTP; 0: rclone was not reached
+    // It did not answer in time, nor will it the next time.
+    static constexpr int no_answer = -1;
 };
 
 // On any thread.
 class RcloneCalls {
   public:
-    RcloneCalls(std::string url, std::string secret);
+    // `patience`: for how long rclone may keep silent in a call.
+    RcloneCalls(std::string url, std::string secret, std::chrono::seconds patience);
     ~RcloneCalls();
     RcloneCalls(const RcloneCalls&) = delete;
     RcloneCalls& operator=(const RcloneCalls&) = delete;
-
-    // For how long rclone may keep silent in a call.
-    void set_patience(std::chrono::seconds patience) { m_patience = patience; }
 
     // "operations/list" and the like. Throws RcloneFailure.
     nlohmann::json call(const std::string& method, const nlohmann::json& arguments);
@@ -56,7 +56,7 @@ class RcloneCalls {
 
     const std::string m_url;
     const std::string m_secret;
-    std::chrono::seconds m_patience{120};
+    const std::chrono::seconds m_patience;
     std::mutex m_mutex;
     std::vector<std::unique_ptr<Connection>> m_idle;
 };

@@ -132,7 +132,20 @@ std::pair<std::uint64_t, std::string> size_and_md5(const std::string& file) {
 
 RemoteFiles::RemoteFiles(RemoteOptions options)
     : m_options(std::move(options)), m_process({.bandwidth = m_options.bandwidth}),
-      m_calls(m_process.url(), m_process.secret()) {}
+      m_calls(m_process.url(), m_process.secret(), m_options.longest_outage) {}
+
+// It kept silent for all of the patience; who asks it once more would wait as long again.
+void RemoteFiles::end_where_silent(const RcloneFailure& failure) {
+    if (failure.status != RcloneFailure::no_answer)
+        return;
+    const std::lock_guard lock(m_telling);
+    m_process.kill();
+    throw ClientError(ExitCode::remote_failed,
+                      fmt::format("{} about {}", failure.what(), for_terminal(m_options.place)),
+                      fmt::format("`rclone lsd {}` tells whether it can be reached; "
+                                  "--remote-patience is for how long an answer is waited for",
+                                  for_terminal(m_options.place)));
+}
 
 void RemoteFiles::give_up(const std::string& doing, const std::string& text) {
     m_process.require_running();
@@ -167,6 +180,7 @@ auto RemoteFiles::insist(const std::string& doing, Call call) {
         } catch (const RcloneFailure& failure) {
             if (is_missing(failure))
                 throw;
+            end_where_silent(failure);
             pause = pause_after(pause);
             note_failure(doing, failure.what(), first, pause);
         }
@@ -266,17 +280,20 @@ void RemoteFiles::remove(const std::string& name) {
 
 void RemoteFiles::take_back(const std::string& name) {
     std::erase_if(m_expected, [&](const Expected& expected) { return expected.name == name; });
-    for (Work& work : m_work)
-        if (work.name == name && work.runs) {
-            m_calls.call("job/stop", {{"jobid", work.job}});
-            while (!m_calls.look_at(work.job).ended)
-                std::this_thread::sleep_for(looks_again);
-        }
-    m_work.remove_if([&](const Work& work) { return work.name == name; });
+    bool is_stopped = false;
     try {
+        for (Work& work : m_work)
+            if (work.name == name && work.runs) {
+                m_calls.call("job/stop", {{"jobid", work.job}});
+                while (!m_calls.look_at(work.job).ended)
+                    std::this_thread::sleep_for(looks_again);
+            }
+        m_work.remove_if([&](const Work& work) { return work.name == name; });
+        is_stopped = true;
         m_calls.call("operations/deletefile", {{"fs", m_options.place}, {"remote", name}});
     } catch (const RcloneFailure& failure) {
-        if (!is_missing(failure) && !is_gone(failure.what()))
+        end_where_silent(failure);
+        if (!is_stopped || (!is_missing(failure) && !is_gone(failure.what())))
             throw;
     }
 }
@@ -323,6 +340,7 @@ void RemoteFiles::look_at_work() {
                 problem = job.error;
             }
         } catch (const RcloneFailure& failure) {
+            end_where_silent(failure);
             problem = failure.what();
         }
         if (has_failed(*work, problem) || !(ended || !problem.empty())) {

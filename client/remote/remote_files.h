@@ -85,6 +85,7 @@ class RemoteFiles {
     auto insist(const std::string& doing, Call call);
     void note_failure(const std::string& doing, const std::string& text,
                       std::chrono::steady_clock::time_point first, std::chrono::seconds pause);
+    void end_where_silent(const RcloneFailure& failure);
     [[noreturn]] void give_up(const std::string& doing, const std::string& text);
     void begin(Work work);
     void look_at_work();

@@ -207,7 +207,7 @@ class ContentHistories {
 
 TEST(Contents, EveryVersionOfManyReadsAsItWasWritten) {
     ScratchFolder scratch;
-    auto store = open_directory_store(scratch / "store", StoreAccess::write, nullptr, 4096);
+    auto store = open_directory_store(scratch / "store", StoreAccess::write, nullptr, {4096});
     ContentHistories histories(*store);
     for (int i = 0; i < 100; ++i)
         histories.store_versions();
@@ -219,7 +219,7 @@ TEST(Contents, EveryVersionOfManyReadsAsItWasWritten) {
     histories.check_versions();
     EXPECT_EQ(exit_code_of([&] { // a store keeps the size of its blocks
                   store.reset();
-                  open_directory_store(scratch / "store", StoreAccess::write, nullptr, 8192);
+                  open_directory_store(scratch / "store", StoreAccess::write, nullptr, {8192});
               }),
               1);
 }
