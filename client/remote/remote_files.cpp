@@ -140,11 +140,12 @@ void RemoteFiles::end_where_silent(const RcloneFailure& failure) {
         return;
     const std::lock_guard lock(m_telling);
     m_process.kill();
-    throw ClientError(ExitCode::remote_failed,
-                      fmt::format("{} about {}", failure.what(), for_terminal(m_options.place)),
-                      fmt::format("`rclone lsd {}` tells whether it can be reached; "
-                                  "--remote-patience is for how long an answer is waited for",
-                                  for_terminal(m_options.place)));
+    throw ClientError(
+        ExitCode::remote_failed,
+        fmt::format("cannot use {}: {}", for_terminal(m_options.place), failure.what()),
+        fmt::format("`rclone lsd {}` tells whether it can be reached; "
+                    "--remote-patience is for how long an answer is waited for",
+                    for_terminal(m_options.place)));
 }
 
 void RemoteFiles::give_up(const std::string& doing, const std::string& text) {
@@ -264,9 +265,13 @@ void RemoteFiles::put_small(const std::string& bytes, const std::string& name) {
                                       system_error_text(error)));
     const std::unique_ptr<const std::string, void (*)(const std::string*)> removed(
         &local, [](const std::string* path) { ::unlink(path->c_str()); });
-    insist("put a file to", [&] {
-        return m_calls.call("operations/copyfile", copying(local, m_options.place, name));
-    });
+    try {
+        insist("put a file to", [&] {
+            return m_calls.call("operations/copyfile", copying(local, m_options.place, name));
+        });
+    } catch (const RcloneFailure& failure) { // there is no such container, or bucket
+        give_up("put a file to", failure.what());
+    }
 }
 
 void RemoteFiles::remove(const std::string& name) {

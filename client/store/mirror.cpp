@@ -235,6 +235,18 @@ void Mirror::fetch_small(const std::string& name) {
 
 // What cannot be read there has no copy here that could stand for it.
 void Mirror::copy(const std::string& name) {
+    constexpr int most_tries = 5;
+    int error = copy_once(name);
+    // Who begins to write removes what a killed run left, and this with it.
+    for (int tries = 1; error == ENOENT && tries < most_tries; ++tries)
+        error = copy_once(name);
+    if (error != 0)
+        throw ClientError(ExitCode::failed,
+                          fmt::format("cannot write {}: {}", for_terminal(local(name)),
+                                      system_error_text(error)));
+}
+
+int Mirror::copy_once(const std::string& name) {
     const std::string temporary =
         fmt::format("{}.{}{}", local(name), ::getpid(), temporary_suffix); // others read it as well
     FileDescriptor file(
@@ -250,7 +262,7 @@ void Mirror::copy(const std::string& name) {
         } catch (const PackDamage&) {
             ::unlink(temporary.c_str());
             ::unlink(local(name).c_str());
-            return;
+            return 0;
         }
         error = write_all(file.get(), bytes);
     }
@@ -258,11 +270,9 @@ void Mirror::copy(const std::string& name) {
         error = file.close_checked();
     if (error == 0 && ::rename(temporary.c_str(), local(name).c_str()) != 0)
         error = errno;
-    if (error == 0)
-        return;
-    ::unlink(temporary.c_str());
-    throw ClientError(ExitCode::failed, fmt::format("cannot write {}: {}", for_terminal(temporary),
-                                                    system_error_text(error)));
+    if (error != 0)
+        ::unlink(temporary.c_str());
+    return error;
 }
 
 StoredFile Mirror::open(const std::string& name) {

@@ -81,6 +81,7 @@ class Mirror {
     std::string local(const std::string& name) const { return m_directory + "/" + name; }
     void make_folders();
     void copy(const std::string& name);
+    int copy_once(const std::string& name);
 
     std::string m_place;
     RemoteFiles m_files_there;
