@@ -12,9 +12,12 @@
 #include <fcntl.h>
 #include <filesystem>
 #include <fmt/format.h>
+#include <future>
 #include <memory>
 #include <openssl/evp.h>
+#include <set>
 #include <sys/stat.h>
+#include <system_error>
 #include <thread>
 #include <unistd.h>
 #include <utility>
@@ -104,28 +107,40 @@ void wait(std::chrono::seconds pause) {
     }
 }
 
-// Size and MD5, which places tell of what they have. Not against forgery: other names are.
-std::pair<std::uint64_t, std::string> size_and_md5(const std::string& file) {
-    const FileDescriptor opened(::open(file.c_str(), O_RDONLY | O_CLOEXEC));
+// Hexadecimal: places tell it of what they have. Not against forgery: other names are.
+std::string md5_of(const FileDescriptor& file, const std::string& path) {
     const std::unique_ptr<EVP_MD_CTX, void (*)(EVP_MD_CTX*)> context(::EVP_MD_CTX_new(),
                                                                      ::EVP_MD_CTX_free);
     std::vector<std::byte> buffer(read_size);
-    std::uint64_t size = 0;
-    bool good = opened && context && ::EVP_DigestInit_ex(context.get(), ::EVP_md5(), nullptr) == 1;
+    bool good = context && ::EVP_DigestInit_ex(context.get(), ::EVP_md5(), nullptr) == 1;
     while (good) {
-        const ssize_t got = read_up_to(opened.get(), buffer);
+        const ssize_t got = read_up_to(file.get(), buffer);
         good = got >= 0 &&
                ::EVP_DigestUpdate(context.get(), buffer.data(), static_cast<std::size_t>(got)) == 1;
         if (got <= 0)
             break;
-        size += static_cast<std::uint64_t>(got);
     }
     std::array<unsigned char, EVP_MAX_MD_SIZE> digest{};
     unsigned length = 0;
     if (!good || ::EVP_DigestFinal_ex(context.get(), digest.data(), &length) != 1)
-        throw ClientError(ExitCode::failed, fmt::format("cannot read {}: {}", for_terminal(file),
-                                                        system_error_text(errno)));
-    return {size, to_hex({reinterpret_cast<const char*>(digest.data()), length})};
+        throw ClientError(ExitCode::failed, "cannot read " + for_terminal(path));
+    return to_hex({reinterpret_cast<const char*>(digest.data()), length});
+}
+
+// Beside who asks where the file is large; it may have another name then, or none.
+std::shared_future<std::string> begin_md5(std::shared_ptr<FileDescriptor> file, std::uint64_t size,
+                                          const std::string& path) {
+    constexpr std::uint64_t is_large = std::uint64_t{1} << 20;
+    const auto work = [file = std::move(file), path] { return md5_of(*file, path); };
+    const InterruptsBlocked blocked; // they are the other threads' concern
+    try {
+        if (size >= is_large)
+            return std::async(std::launch::async, work).share();
+    } catch (const std::system_error&) { // there is no thread to be had
+    }
+    std::promise<std::string> done;
+    done.set_value(work());
+    return done.get_future().share();
 }
 
 } // namespace
@@ -242,7 +257,13 @@ std::optional<std::string> RemoteFiles::read_small(const std::string& name, std:
 
 void RemoteFiles::put(const std::string& local, const std::string& name,
                       std::function<void()> done) {
-    auto [size, md5] = size_and_md5(local);
+    auto file = std::make_shared<FileDescriptor>(::open(local.c_str(), O_RDONLY | O_CLOEXEC));
+    struct stat status {};
+    if (!*file || ::fstat(file->get(), &status) != 0)
+        throw ClientError(ExitCode::failed, fmt::format("cannot read {}: {}", for_terminal(local),
+                                                        system_error_text(errno)));
+    const auto size = static_cast<std::uint64_t>(status.st_size);
+    auto md5 = begin_md5(std::move(file), size, local);
     std::erase_if(m_expected, [&](const Expected& expected) { return expected.name == name; });
     m_expected.push_back({name, size, std::move(md5)});
     begin({.doing = "put a file to",
@@ -413,7 +434,7 @@ std::string RemoteFiles::unconfirmed() {
         const auto md5 = found->second.hashes.find("md5");
         if (found->second.size != expected.size)
             problem = expected.name + " is listed with another size";
-        else if (md5 != found->second.hashes.end() && md5->second != expected.md5)
+        else if (md5 != found->second.hashes.end() && md5->second != expected.md5.get())
             problem = expected.name + " is listed with another hash";
         else
             return true;

@@ -8,6 +8,7 @@
 #include <chrono>
 #include <cstdint>
 #include <functional>
+#include <future>
 #include <list>
 #include <map>
 #include <mutex>
@@ -78,7 +79,7 @@ class RemoteFiles {
     struct Expected {
         std::string name;
         std::uint64_t size;
-        std::string md5;
+        std::shared_future<std::string> md5;
     };
     // Calls it again and again, as long as that may help.
     template <typename Call>

@@ -26,11 +26,7 @@ constexpr std::array parts = {"objects", "sets", "runtime", "packs", "maps", "ke
 constexpr std::size_t maximal_store_document = 65536;
 // A file of maps that is fetched whole: what many small databases share.
 constexpr std::uint64_t small_file = std::uint64_t{4} << 20;
-// What is read at once of a file there: from the little that stands at the end of a pack to what a
-// line of some 100 MB/s brings while a request is answered.
-constexpr std::uint64_t smallest_window = std::uint64_t{128} << 10;
-constexpr std::uint64_t largest_window = std::uint64_t{8} << 20;
-constexpr std::size_t most_windows = 6; // of files that are read in turns
+constexpr std::uint64_t copied_at_once = std::uint64_t{1} << 20;
 
 std::string state_root() {
     if (!remote_settings().state.empty())
@@ -66,62 +62,6 @@ RemoteOptions remote_options(const std::string& place) {
 }
 
 } // namespace
-
-// A part of a file there, which reading along it moves on.
-class Mirror::Window {
-  public:
-    Window(RemoteFiles& files, std::string name, std::uint64_t size)
-        : m_files(files), m_name(std::move(name)), m_size(size) {}
-
-    void read(std::uint64_t offset, std::span<std::byte> buffer) {
-        if (offset > m_size || buffer.size() > m_size - offset)
-            throw PackDamage{"ends too early"};
-        const std::lock_guard lock(m_mutex);
-        // The end of a file, which has its tables, is asked for again and again.
-        for (Part* part : {&m_end, &m_part})
-            if (part->has(offset, buffer.size()))
-                return part->take(offset, buffer);
-        const bool at_end = offset + buffer.size() == m_size && m_end.bytes.empty();
-        Part& part = at_end ? m_end : m_part;
-        const bool goes_on = !at_end && offset >= m_part.offset &&
-                             offset <= m_part.offset + m_part.bytes.size() + smallest_window;
-        m_step = goes_on ? std::min(m_step * 2, largest_window) : smallest_window;
-        std::uint64_t begin = offset;
-        std::uint64_t count = std::max<std::uint64_t>(buffer.size(), m_step);
-        if (at_end)
-            begin = std::min(offset, m_size - std::min(m_size, smallest_window));
-        count = std::min(at_end ? m_size - begin : count, m_size - begin);
-        part.offset = begin;
-        part.bytes.resize(count);
-        if (!m_files.read(m_name, begin, part.bytes)) {
-            part.bytes.clear();
-            throw PackDamage{"cannot be read, or ends too early"};
-        }
-        part.take(offset, buffer);
-    }
-
-  private:
-    struct Part {
-        bool has(std::uint64_t at, std::size_t count) const {
-            return !bytes.empty() && at >= offset && at - offset <= bytes.size() &&
-                   count <= bytes.size() - (at - offset);
-        }
-        void take(std::uint64_t at, std::span<std::byte> buffer) const {
-            std::copy_n(bytes.begin() + static_cast<std::ptrdiff_t>(at - offset), buffer.size(),
-                        buffer.begin());
-        }
-        std::uint64_t offset = 0;
-        std::vector<std::byte> bytes;
-    };
-
-    RemoteFiles& m_files;
-    const std::string m_name;
-    const std::uint64_t m_size;
-    std::mutex m_mutex;
-    Part m_end;
-    Part m_part;
-    std::uint64_t m_step = smallest_window;
-};
 
 bool is_elsewhere(const std::string& store) {
     return store.starts_with(remote_prefix);
@@ -252,14 +192,12 @@ int Mirror::copy_once(const std::string& name) {
     FileDescriptor file(
         ::open(temporary.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_NOFOLLOW | O_CLOEXEC, 0600));
     int error = file ? 0 : errno;
-    Window window(m_files_there, name, m_files.at(name));
+    m_ahead.forget(name);
     std::vector<std::byte> bytes;
     const std::uint64_t size = m_files.at(name);
     for (std::uint64_t at = 0; at < size && error == 0; at += bytes.size()) {
-        bytes.resize(std::min<std::uint64_t>(largest_window, size - at));
-        try {
-            window.read(at, bytes);
-        } catch (const PackDamage&) {
+        bytes.resize(std::min(copied_at_once, size - at));
+        if (!m_ahead.read(name, size, at, bytes)) {
             ::unlink(temporary.c_str());
             ::unlink(local(name).c_str());
             return 0;
@@ -277,23 +215,15 @@ int Mirror::copy_once(const std::string& name) {
 
 StoredFile Mirror::open(const std::string& name) {
     const std::uint64_t size = size_of(name).value_or(0);
-    const std::lock_guard lock(m_mutex);
-    auto found = std::find_if(m_windows.begin(), m_windows.end(),
-                              [&](const auto& window) { return window.first == name; });
-    if (found == m_windows.end())
-        m_windows.emplace_front(name, std::make_shared<Window>(m_files_there, name, size));
-    else
-        m_windows.splice(m_windows.begin(), m_windows, found);
-    if (m_windows.size() > most_windows)
-        m_windows.pop_back();
-    return {size,
-            [window = m_windows.front().second](std::uint64_t offset, std::span<std::byte> buffer) {
-                window->read(offset, buffer);
+    return {size, [this, name, size](std::uint64_t offset, std::span<std::byte> buffer) {
+                if (!m_ahead.read(name, size, offset, buffer))
+                    throw PackDamage{"cannot be read, or ends too early"};
             }};
 }
 
 void Mirror::put(const std::string& name, Local stays) {
     m_claim.renew();
+    m_ahead.forget(name);
     struct stat status {};
     if (::stat(local(name).c_str(), &status) != 0)
         throw ClientError(ExitCode::failed,

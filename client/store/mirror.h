@@ -4,6 +4,7 @@
 #pragma once
 
 #include "client/remote/claim.h"
+#include "client/remote/read_ahead.h"
 #include "client/remote/remote_files.h"
 #include "client/store/stored_file.h"
 
@@ -11,7 +12,6 @@
 #include <functional>
 #include <list>
 #include <map>
-#include <memory>
 #include <mutex>
 #include <optional>
 #include <set>
@@ -56,6 +56,8 @@ class Mirror {
     bool fetch(const std::string& name, Cache cache);
     // Likewise of one that is small, of others nothing.
     void fetch_small(const std::string& name);
+    // What is read next of files where they lie, about in this order.
+    void expect(std::list<ReadAhead::Range> ranges) { m_ahead.expect(std::move(ranges)); }
     // Reads a file where it lies. REQUIRES: size_of() knows it.
     StoredFile open(const std::string& name);
 
@@ -77,7 +79,6 @@ class Mirror {
     void take_back_document(const std::string& name) noexcept;
 
   private:
-    class Window;
     std::string local(const std::string& name) const { return m_directory + "/" + name; }
     void make_folders();
     void copy(const std::string& name);
@@ -91,10 +92,10 @@ class Mirror {
     bool m_is_new = false;
     bool m_trusted = true;
     bool m_takes_nothing_back = false;
-    std::map<std::string, std::uint64_t> m_files;                         // sizes by names
-    std::mutex m_mutex;                                                   // for what follows
-    std::set<std::string> m_fetched;                                      // by this run
-    std::list<std::pair<std::string, std::shared_ptr<Window>>> m_windows; // the newest first
+    std::map<std::string, std::uint64_t> m_files; // sizes by names
+    std::mutex m_mutex;                           // for what follows
+    std::set<std::string> m_fetched;              // by this run
+    ReadAhead m_ahead{m_files_there};             // its threads use what stands above
 };
 
 } // namespace qrtln

@@ -5,6 +5,7 @@
 #include "client/store/block_hash.h"
 #include "client/store/canonical_json.h"
 #include "client/store/mirror.h"
+#include "client/store/sealing.h"
 #include "client/store/stored_file.h"
 
 #include <algorithm>
@@ -46,6 +47,8 @@ class ContentSource {
 
     // Throws PackDamage with the name of the pack.
     void read() {
+        if (Mirror* mirror = m_folder.place().mirror(); mirror != nullptr)
+            expect(*mirror);
         for (const BlockRun& run : m_map.runs)
             read_run(run);
         m_work.finish();
@@ -66,7 +69,7 @@ class ContentSource {
             fmt::format("lies in the pack {}, which {}", m_map.packs[run.pack].id, problem)};
     }
 
-    void read_run(const BlockRun& run) {
+    Pack& open(const BlockRun& run) {
         Pack& pack = m_packs[run.pack];
         try {
             if (!pack.reader)
@@ -74,6 +77,45 @@ class ContentSource {
         } catch (const PackDamage& damage) {
             fail(run, damage.problem);
         }
+        return pack;
+    }
+
+    // What a run needs of a pack, in the bytes of its file: whole frames. Nothing where they are
+    // not all there: reading them fails.
+    std::optional<ReadAhead::Range> range_of(const BlockRun& run, const Mirror& mirror) {
+        const PackTable& table = open(run).reader->table();
+        const StorePlace& place = m_folder.place();
+        const PackFrame* first = table.frame_of(run.first);
+        const PackFrame* last = table.frame_of(run.first + run.blocks - 1);
+        std::string name = place.path_of(FileKind::pack, m_map.packs[run.pack].id);
+        if (first == nullptr || last == nullptr)
+            return std::nullopt;
+        std::pair<std::uint64_t, std::uint64_t> bytes = {first->offset,
+                                                         last->offset + last->stored_size};
+        if (place.sealing() != nullptr)
+            bytes = sealed_range(bytes.first, bytes.second);
+        bytes.second = std::min(bytes.second, mirror.size_of(name).value_or(0));
+        if (bytes.first >= bytes.second)
+            return std::nullopt;
+        return ReadAhead::Range{std::move(name), bytes.first, bytes.second};
+    }
+
+    // So that the place is asked for what comes while this is at work on what came.
+    void expect(Mirror& mirror) {
+        std::list<ReadAhead::Range> ranges;
+        for (const BlockRun& run : m_map.runs) {
+            const std::optional<ReadAhead::Range> range = range_of(run, mirror);
+            if (range && !ranges.empty() && ranges.back().name == range->name &&
+                range->begin >= ranges.back().begin && range->begin <= ranges.back().end)
+                ranges.back().end = std::max(ranges.back().end, range->end);
+            else if (range)
+                ranges.push_back(*range);
+        }
+        mirror.expect(std::move(ranges));
+    }
+
+    void read_run(const BlockRun& run) {
+        Pack& pack = open(run);
         const PackTable& table = pack.reader->table();
         if (table.block_size != m_map.block_size)
             fail(run, "has blocks of another size");

@@ -313,6 +313,10 @@ std::optional<std::uint64_t> unsealed_size(std::uint64_t size) {
     return layout ? std::optional(layout->plain_size) : std::nullopt;
 }
 
+std::pair<std::uint64_t, std::uint64_t> sealed_range(std::uint64_t begin, std::uint64_t end) {
+    return {begin / chunk_size * sealed_chunk, (end + chunk_size - 1) / chunk_size * sealed_chunk};
+}
+
 FileSealer::FileSealer(const Sealing* sealing, Sink sink)
     : m_seals(sealing != nullptr), m_sink(std::move(sink)) {
     if (!m_seals)

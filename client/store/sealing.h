@@ -11,6 +11,8 @@
 #include <optional>
 #include <string>
 #include <string_view>
+#include <utility>
+#include <vector>
 
 namespace qrtln {
 
@@ -68,6 +70,9 @@ class Sealing {
 // The bytes that a sealed file of so many bytes has without its sealing; nothing for a size that
 // none has.
 std::optional<std::uint64_t> unsealed_size(std::uint64_t size);
+
+// Where in such a file the bytes lie that it has from `begin` to `end` without its sealing.
+std::pair<std::uint64_t, std::uint64_t> sealed_range(std::uint64_t begin, std::uint64_t end);
 
 // Seals a file as it is written. Without a sealing the bytes go as they come.
 class FileSealer {
