@@ -48,14 +48,12 @@ void add_server_limits(CLI::App& command, BackupOptions& backup) {
 }
 
 void add_removed(CLI::App& command, BackupOptions& backup) {
-    command
-        .add_option("--removed", backup.removed,
-                    "This folder was removed on purpose: that its databases are gone is no "
-                    "failure (repeatable)")
-        ->type_name("FOLDER")
-        ->expected(1)
-        ->allow_extra_args(false)
-        ->multi_option_policy(CLI::MultiOptionPolicy::TakeAll);
+    CLI::Option& removed =
+        *command.add_option("--removed", backup.removed,
+                            "This folder was removed on purpose: that its databases are gone is no "
+                            "failure (repeatable)");
+    may_be_repeated(removed);
+    removed.type_name("FOLDER");
 }
 
 // Rules for other files keep their order, whichever of both options they come with.

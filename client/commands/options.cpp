@@ -63,33 +63,25 @@ void add_remote_options(CLI::App& command) {
         ->group(group);
 }
 
+void may_be_repeated(CLI::Option& option) {
+    option.expected(1)->allow_extra_args(false)->multi_option_policy(
+        CLI::MultiOptionPolicy::TakeAll);
+}
+
 void add_key_options(CLI::App& command) {
-    constexpr const char* group = "An encrypted store";
     KeySettings& settings = key_settings();
-    command
-        .add_option("--passphrase-file", settings.passphrase_files,
-                    "A file with a passphrase of the store, which nobody else can read")
-        ->type_name("FILE")
-        ->expected(1)
-        ->allow_extra_args(false)
-        ->multi_option_policy(CLI::MultiOptionPolicy::TakeAll)
-        ->group(group);
-    command
-        .add_option("--passphrase-command", settings.passphrase_commands,
-                    "A command, for the shell, that prints a passphrase of the store")
-        ->type_name("COMMAND")
-        ->expected(1)
-        ->allow_extra_args(false)
-        ->multi_option_policy(CLI::MultiOptionPolicy::TakeAll)
-        ->group(group);
-    command
-        .add_option("--key-file", settings.key_files,
-                    "A key file of the store, which nobody else can read: 32 random bytes or more")
-        ->type_name("FILE")
-        ->expected(1)
-        ->allow_extra_args(false)
-        ->multi_option_policy(CLI::MultiOptionPolicy::TakeAll)
-        ->group(group);
+    const auto add = [&](const char* name, std::vector<std::string>& values, const char* type,
+                         const char* help) {
+        CLI::Option& option = *command.add_option(name, values, help);
+        may_be_repeated(option);
+        option.type_name(type)->group("An encrypted store");
+    };
+    add("--passphrase-file", settings.passphrase_files, "FILE",
+        "A file with a passphrase of the store, which nobody else can read");
+    add("--passphrase-command", settings.passphrase_commands, "COMMAND",
+        "A command, for the shell, that prints a passphrase of the store");
+    add("--key-file", settings.key_files, "FILE",
+        "A key file of the store, which nobody else can read: 32 random bytes or more");
 }
 
 void add_key_label_option(CLI::App& command, std::string& label) {

@@ -37,6 +37,8 @@ inline constexpr const char* time_help =
 
 // Of stores elsewhere: --state, --bwlimit, --remote-patience and --break-claim, for the whole run.
 void add_remote_options(CLI::App& command);
+// It takes one value, and may be given several times.
+void may_be_repeated(CLI::Option& option);
 // Of encrypted stores: --passphrase-file, --passphrase-command and --key-file, for the whole run.
 void add_key_options(CLI::App& command);
 // --label, of a key.

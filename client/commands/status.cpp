@@ -163,15 +163,12 @@ int run_status(const StatusOptions& options) {
 
 void add_status(CLI::App& command, CommandRuns& runs) {
     auto& status = runs.add(command, run_status);
-    command
-        .add_option("--store", status.stores,
-                    "The folder of a store, or rclone:REMOTE:PATH of one elsewhere (repeatable)")
-        ->envname("QRTLN_STORE")
-        ->type_name("DIR")
-        ->required()
-        ->expected(1)
-        ->allow_extra_args(false)
-        ->multi_option_policy(CLI::MultiOptionPolicy::TakeAll);
+    CLI::Option& store =
+        *command.add_option("--store", status.stores,
+                            "The folder of a store, or rclone:REMOTE:PATH of one elsewhere "
+                            "(repeatable)");
+    may_be_repeated(store);
+    store.envname("QRTLN_STORE")->type_name("DIR")->required();
     add_remote_options(command);
     add_key_options(command);
     command.add_flag("--json", status.json, "One JSON document on standard output");

@@ -290,7 +290,7 @@ void DirectoryStore::create_skeleton(const NewStore& made) {
     m_keys.remove_all();
     if (made.encrypted) {
         m_place.seal_with(std::make_shared<Sealing>(SecretKey::random()));
-        (void)add_key(read_secrets(key_settings()).at(0), made.label);
+        (void)add_key(key_settings().secrets().at(0), made.label);
     }
     write_format(made.block_size != 0 ? made.block_size : usual_block,
                  m_mirror ? m_mirror->id() : new_store_id());

@@ -85,7 +85,7 @@ SecretKey KeyFolder::unlock() const {
             fmt::format("{} is encrypted, and has no key any more{}{}", m_place.description(),
                         problems.empty() ? "" : ": ", problems.empty() ? "" : problems.front()),
             fmt::format("bring its folder {} back from a copy: nothing else opens it", key_folder));
-    for (const Secret& secret : read_secrets(key_settings()))
+    for (const Secret& secret : key_settings().secrets())
         for (const WrappedKey& key : keys)
             if (const std::optional<SecretKey> opened = unwrap_key(key, secret))
                 return *opened;

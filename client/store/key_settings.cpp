@@ -85,6 +85,12 @@ KeySettings& key_settings() {
     return settings;
 }
 
+const std::vector<Secret>& KeySettings::secrets() {
+    if (m_secrets.empty())
+        m_secrets = read_secrets(*this);
+    return m_secrets;
+}
+
 std::vector<Secret> read_secrets(const KeySettings& keys) {
     std::vector<Secret> secrets;
     for (const std::string& path : keys.key_files) {
