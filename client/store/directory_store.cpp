@@ -270,14 +270,7 @@ void DirectoryStore::lock() {
 void DirectoryStore::create_skeleton(const NewStore& made) {
     if (!made.encrypted)
         refuse_plain();
-    m_skeleton_created = true;
-    for (const char* name : skeleton_folders)
-        if (int error = make_folder(m_folder.get(), name, m_folder.get()); error != 0)
-            m_place.fail("create the folder " + std::string(name), error);
-    // The format file comes last, also on the disk: without it the folder is no store, and with it
-    // the folders are there.
-    if (int error = flush_folder(m_folder.get()); error != 0)
-        m_place.fail("flush the folder", error);
+    // Before anything is this run's to take back: where store.json alone was lost the keys are not.
     if (m_mirror)
         for (const auto& [name, size] : m_mirror->files())
             if (!KeyFolder::is_path_of_key(name))
@@ -286,6 +279,14 @@ void DirectoryStore::create_skeleton(const NewStore& made) {
                     fmt::format("{} is not empty and is no store: store.json is missing",
                                 for_terminal(m_mirror->place())),
                     "name a store, or a new or empty folder, with --store");
+    m_skeleton_created = true;
+    for (const char* name : skeleton_folders)
+        if (int error = make_folder(m_folder.get(), name, m_folder.get()); error != 0)
+            m_place.fail("create the folder " + std::string(name), error);
+    // The format file comes last, also on the disk: without it the folder is no store, and with it
+    // the folders are there.
+    if (int error = flush_folder(m_folder.get()); error != 0)
+        m_place.fail("flush the folder", error);
     m_keys.open(m_folder.get());
     m_keys.remove_all();
     if (made.encrypted) {

@@ -180,7 +180,10 @@ TEST_F(Elsewhere, AnEngineThatFailsLeavesNoSetAndNothingThatCounts) {
     m_store = "rclone:nobody";
     run(2, {"backup", "--level", "full"}, "names no remote");
     m_store = "rclone::local:" + m_scratch.path();
+    const std::string key = m_scratch / "keys/0123456789abcdef.json"; // of one that lost store.json
+    write_file(key, "key");
     run(10, {"backup", "--level", "full"}, "is not empty and is no store");
+    EXPECT_EQ(read_file(key), "key");
     m_store = "rclone::local:" + m_scratch / "none";
     EXPECT_EQ(on_store({"list"}).exit_code, 10);
 }
