@@ -5,7 +5,6 @@
 #include <cstring>
 #include <fcntl.h>
 #include <sys/prctl.h>
-#include <sys/ptrace.h>
 #include <sys/wait.h>
 #include <system_error>
 #include <unistd.h>
@@ -39,7 +38,7 @@ int exit_code_of(int status) {
     return WIFEXITED(status) ? WEXITSTATUS(status) : -WTERMSIG(status);
 }
 
-Program::Program(Words words, const Environment& environment, bool traced) {
+Program::Program(Words words, const Environment& environment, void (*begin)()) {
     Words variables = changed_environment(environment);
     const std::vector<char*> arguments = pointers_to(words), values = pointers_to(variables);
     int streams[2];
@@ -52,8 +51,8 @@ Program::Program(Words words, const Environment& environment, bool traced) {
         ::prctl(PR_SET_PDEATHSIG, SIGTERM);
         ::dup2(streams[0], STDOUT_FILENO);
         ::dup2(streams[1], STDERR_FILENO);
-        if (traced)
-            ::ptrace(PTRACE_TRACEME, 0, nullptr, nullptr);
+        if (begin != nullptr)
+            begin();
         ::execve(arguments[0], arguments.data(), values.data());
         ::_exit(127);
     }

@@ -34,8 +34,9 @@ int exit_code_of(int status);
 // end of the test that started it. Throws std::system_error.
 class Program {
   public:
-    // Under ptrace it stops at its beginning. REQUIRES: whoever traces it waits for it.
-    explicit Program(Words words, const Environment& environment = {}, bool traced = false);
+    // `begin` is called in the new process first, which shares the memory of this one until the
+    // program begins. REQUIRES: it calls the system alone; whoever traces the program waits for it.
+    explicit Program(Words words, const Environment& environment = {}, void (*begin)() = nullptr);
     ~Program();
     Program(const Program&) = delete;
     Program& operator=(const Program&) = delete;

@@ -27,14 +27,17 @@ struct Options {
     std::string scenario;
     std::string plant;
     bool all = false;
+    std::pair<std::size_t, std::size_t> share = {1, 1};
     std::uint64_t seed = 1;
+
+    bool has(std::size_t call) const { return call % share.second == share.first % share.second; }
 };
 
 class Crashes : private Model {
   public:
     Crashes(const Options& options, const std::string& folder)
         : Model(folder, options.seed, {.servers = 1, .calm = true}), m_options(options),
-          m_random(options.seed) {
+          m_random(options.seed + options.share.first * 1'000'000) {
         make_server();
     }
 
@@ -45,9 +48,9 @@ class Crashes : private Model {
             kill_often(scenario);
             std::cout << scenario.name() << ": " << scenario.calls << " calls" << std::endl;
         }
-        std::cout << m_kills << " kills (" << m_missed
-                  << " had ended before, or had no module yet), " << m_violations
-                  << " violations, seed " << m_options.seed << std::endl;
+        std::cout << m_kills << " kills, of which " << m_missed
+                  << " came after the end, or met no module yet; " << m_violations << " violations"
+                  << std::endl;
         return m_violations == 0 && m_kills > 0 ? 0 : 1;
     }
 
@@ -247,11 +250,13 @@ class Crashes : private Model {
         std::size_t last = scenario.calls + 1;
         for (std::size_t call = 1; m_options.all && call <= last; ++call)
             for (const Kind& kind : kinds)
-                try_at(scenario, kind, {.call = call});
+                if (m_options.has(call))
+                    try_at(scenario, kind, {.call = call});
         for (std::size_t i = 0; !m_options.all && i < few_calls; ++i)
             try_at(scenario, kinds[m_next_kind++ % std::size(kinds)],
                    {.call = 1 + (last * i + m_random() % last) / few_calls});
-        for (int left = m_options.all ? 250 : 1; left > 0; --left)
+        const std::size_t moments = m_options.all ? 252 / m_options.share.second : 1;
+        for (std::size_t i = 0; i < moments; ++i)
             try_at(scenario, kinds[m_next_victim++ % 3 * 2],
                    {.moment = 1 + m_random() % scenario.moments});
     }
@@ -391,7 +396,10 @@ int main(int argc, char** argv) try {
                                "aged-forget", "older-convert"}));
     app.add_option("--plant", options.plant, "Look for this defect instead")
         ->check(CLI::IsMember({"marking", "flush", "index", "rewritten"}));
-    app.add_flag("--long", options.all, "In every way at every call, and at 250 moments of each");
+    app.add_flag("--long", options.all, "In every way at every call, and at 252 moments of each");
+    app.add_option("--share", options.share,
+                   "I N: of the long form each N-th call from the I-th on")
+        ->check(CLI::Range(1, 252));
     app.add_option("--seed", options.seed, "Of everything random")->capture_default_str();
     CLI11_PARSE(app, argc, argv);
     be_altered(argv);

@@ -286,10 +286,10 @@ class Rules : public Model {
     const Commit* expected(const Recovery& recovery, const Json& told,
                            const std::string& name) const {
         const ModelDatabase& database = server().database(name);
-        std::string reached = told.at("recovered_to");
+        std::string reached = told.value("recovered_to", "");
         const Saved* copy = nullptr;
         for (const Saved& saved : database.saved)
-            if (saved.set == told.at("set"))
+            if (saved.set == told.value("set", ""))
                 copy = &saved;
         if (told.at("outcome") == "as in its set" || !database.logged)
             return copy != nullptr && copy->is_exact() ? &database.commits[copy->at_most] : nullptr;
@@ -326,7 +326,7 @@ class Rules : public Model {
         std::string outcome = told.at("outcome");
         bool short_of = outcome == "waiting" || outcome == "failed";
         bool before = outcome == "in place before";
-        bool unsure = outcome == "perhaps recovered" || (before && told.at("reason") != "");
+        bool unsure = outcome == "perhaps recovered" || (before && told.contains("reason"));
         bool less = short_of || unsure || (outcome == "as in its set" && database.logged);
         require(run.exit_code != 0 || !less, "exit 0 stands over no less", told.dump());
         require(!short_of || !m_options.calm || !recovery.resumed,

@@ -28,7 +28,7 @@ struct Kill {
 struct Run : Outcome {
     // Of all its processes, when it was traced.
     std::size_t calls = 0;   // that change files
-    std::size_t moments = 0; // beginnings and ends of all calls
+    std::size_t moments = 0; // beginnings and ends of all calls, where no call is to be its last
     bool killed = false;
 };
 
@@ -40,8 +40,9 @@ struct CallObserver {
     std::function<void(const std::string&)> flushed = [](const std::string&) {};
 };
 
-// Runs a program to its end, or kills it; a process that outlives a killed client goes on. It is
-// traced for a kill or an observer. Throws std::runtime_error. REQUIRES: nothing else runs.
+// Runs a program to its end, or kills it; a process that outlives a killed client goes on to its
+// end. It is traced for a kill or an observer. Throws std::runtime_error. REQUIRES: no other child
+// of this process runs.
 Run run_program(const Words& words, const Environment& more = {}, Kill kill = {},
                 const CallObserver* observer = nullptr);
 
