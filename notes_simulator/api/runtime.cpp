@@ -36,7 +36,7 @@ fs::path findNotesIni(int argc, char** argv) {
     std::string_view left = path == nullptr ? "" : path;
     while (!left.empty()) {
         const auto colon = left.find(':');
-        const fs::path candidate = fs::path(left.substr(0, colon)) / "notes.ini";
+        fs::path candidate = fs::path(left.substr(0, colon)) / "notes.ini";
         if (fs::exists(candidate, error)) {
             return candidate;
         }

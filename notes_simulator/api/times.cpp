@@ -20,7 +20,7 @@ static_assert(sizeof(TFMT) == 4);
 
 void setField(char* field, std::size_t size, const std::string& text) {
     std::memset(field, 0, size);
-    std::memcpy(field, text.data(), std::min(text.size(), size - 1));
+    text.copy(field, size - 1);
 }
 
 INTLFORMAT serverSettings() {
@@ -121,7 +121,7 @@ STATUS ConvertTIMEDATEToText(const void* IntlFormat, const void*, const TIMEDATE
         if (text.size() > TextBufferLength) {
             throw StatusError(kInvalidArgument, "buffer of " + std::to_string(TextBufferLength));
         }
-        std::memcpy(retTextBuffer, text.data(), text.size());
+        text.copy(retTextBuffer, text.size()); // without a terminator
         *retTextLength = static_cast<WORD>(text.size());
         call.output("text", text.c_str());
         return kOk;

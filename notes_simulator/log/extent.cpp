@@ -6,6 +6,7 @@
 #include <fcntl.h>
 
 #include <algorithm>
+#include <charconv>
 #include <cstdio>
 #include <string_view>
 
@@ -39,11 +40,13 @@ std::string extentFileName(std::uint32_t number) {
 }
 
 std::optional<std::uint32_t> extentNumber(const std::string& name) {
+    constexpr std::size_t digits = 7;
     unsigned number = 0;
-    char rest = 0;
-    if (name.size() == 12 && std::sscanf(name.c_str(), "S%7u.TX%c", &number, &rest) == 2 &&
-        extentFileName(number) == name) {
-        return number;
+    if (name.size() == extentFileName(0).size()) {
+        std::from_chars(name.data() + 1, name.data() + 1 + digits, number);
+        if (extentFileName(number) == name) {
+            return number;
+        }
     }
     return std::nullopt;
 }
