@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <csignal>
 #include <system_error>
+#include <tuple>
 #include <unistd.h>
 #include <utility>
 
@@ -62,7 +63,7 @@ void OrderedWork::run(Job& job, std::size_t worker) noexcept {
 }
 
 void OrderedWork::serve(std::size_t worker) {
-    (void)::nice(behind_the_caller); // of this thread alone, on Linux
+    std::ignore = ::nice(behind_the_caller); // of this thread alone, on Linux
     std::unique_lock lock(m_mutex);
     for (;;) {
         m_added.wait(lock, [this] { return m_ends || m_next < m_jobs.size(); });

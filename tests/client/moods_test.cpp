@@ -26,7 +26,7 @@ constexpr Departure departures[] = {
 constexpr const char* own_clock = "session,ended,flags,before,locale,logs";
 const std::vector<const char*> moods = {"all",    own_clock, "",       "session", "ended", "flags",
                                         "locale", "zone",    "before", "foreign", "logs",  "slow"};
-const auto last = std::getenv("QRTLN_LONG_TESTS") != nullptr ? moods.end() : moods.begin() + 2;
+const auto moods_end = std::getenv("QRTLN_LONG_TESTS") != nullptr ? moods.end() : moods.begin() + 2;
 
 class Moods : public OverTheSimulator, public testing::WithParamInterface<const char*> {
   protected:
@@ -62,7 +62,7 @@ class Moods : public OverTheSimulator, public testing::WithParamInterface<const 
 
     std::map<std::string, std::string> m_live; // digests of what users have
 };
-INSTANTIATE_TEST_SUITE_P(Table, Moods, testing::ValuesIn(moods.begin(), last));
+INSTANTIATE_TEST_SUITE_P(Table, Moods, testing::ValuesIn(moods.begin(), moods_end));
 
 TEST_P(Moods, AllStoriesLoseNothingAndTellNothingThatIsNotSo) {
     for (const char* name : {"names.nsf", "mail/user1.nsf", "mail/user2.nsf", caffe})

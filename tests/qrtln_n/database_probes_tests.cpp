@@ -10,7 +10,7 @@
 
 namespace {
 
-constexpr UNIVERSALNOTEID kId = {{0x00000001, 0xAB}, {0x80000000, 0xFFFFFFFF}};
+constexpr UNIVERSALNOTEID kDatabaseId = {{0x00000001, 0xAB}, {0x80000000, 0xFFFFFFFF}};
 constexpr char kDatabase[] = "/data/a.nsf";
 
 class DatabaseProbesTest : public NotesFloorTest {
@@ -123,18 +123,19 @@ TEST_F(DatabaseProbesTest, LoggedTellsStyleAndIdentity) {
     UNIVERSALNOTEID id;
     for (const auto& row : rows) {
         SCOPED_TRACE(std::to_string(row.step) + " " + std::to_string(row.status));
-        script.play(failingAt(row.step, row.status,
-                              {open,
-                               {"NSFDbGetLogInfo 7 0", {.numbers = {row.logged}, .id = kId}},
-                               {"NSFGetTransLogStyle", {.numbers = {row.style}}}}) +
-                    (row.staysOpen ? Steps{} : Steps{close}));
+        script.play(
+            failingAt(row.step, row.status,
+                      {open,
+                       {"NSFDbGetLogInfo 7 0", {.numbers = {row.logged}, .id = kDatabaseId}},
+                       {"NSFGetTransLogStyle", {.numbers = {row.style}}}}) +
+            (row.staysOpen ? Steps{} : Steps{close}));
         logged = TRUE;
         style = static_cast<DB_LOGGING_STYLE>(kUnchanged);
-        id = kId;
+        id = kDatabaseId;
         EXPECT_EQ(isDatabaseLogged(kDatabase, &logged, &style, &id), row.result);
         EXPECT_EQ(logged, row.isLogged);
         EXPECT_EQ(style, row.loggingStyle);
-        EXPECT_EQ(std::memcmp(&id, &kId, sizeof id) == 0, row.isKnown);
+        EXPECT_EQ(std::memcmp(&id, &kDatabaseId, sizeof id) == 0, row.isKnown);
         EXPECT_EQ(takeErrorText(), row.error);
         script.expectPlayed();
     }

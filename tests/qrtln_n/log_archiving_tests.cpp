@@ -6,7 +6,7 @@
 
 namespace {
 
-constexpr UNIVERSALNOTEID kId = {{0x1, 0x20}, {0x300, 0x4000}};
+constexpr UNIVERSALNOTEID kLogId = {{0x1, 0x20}, {0x300, 0x4000}};
 
 Step style(DWORD value, STATUS status = 0) {
     return {"NSFGetTransLogStyle", {.status = status, .numbers = {value}}};
@@ -130,16 +130,17 @@ TEST_F(LogArchivingTest, EveryReadyLogThenTheActiveOneOnceAreHandedOut) {
     for (const auto& row : rows) {
         SCOPED_TRACE(row.call + " " + row.path);
         ++expected;
-        script.play({style(1),
-                     {row.call,
-                      {.status = row.status, .numbers = {expected}, .text = row.path, .id = kId}}});
+        script.play(
+            {style(1),
+             {row.call,
+              {.status = row.status, .numbers = {expected}, .text = row.path, .id = kLogId}}});
         EXPECT_EQ(next(row.call == first), row.result);
         EXPECT_EQ(active, row.result == 3000 && row.status != 0);
         if (row.result == 3000) {
             EXPECT_EQ(file, row.path);
             EXPECT_EQ(directory, row.directory);
             EXPECT_EQ(number, expected);
-            EXPECT_EQ(id.Note.Innards[1], kId.Note.Innards[1]);
+            EXPECT_EQ(id.Note.Innards[1], kLogId.Note.Innards[1]);
         }
     }
     for (const char* part :
@@ -154,7 +155,7 @@ TEST_F(LogArchivingTest, EveryReadyLogThenTheActiveOneOnceAreHandedOut) {
 
 TEST_F(LogArchivingTest, OnlyALogThatIsNoLongerWrittenIsMarkedArchived) {
     DWORD extent = 12;
-    UNIVERSALNOTEID archive = kId;
+    UNIVERSALNOTEID archive = kLogId;
     EXPECT_EQ(finishArchiveLog(&extent, &archive, TRUE), 3000);
     for (const STATUS status : {0, 1234}) {
         script.play({{"NSFDoneArchivingLog 1 16384 12", {.status = status}}});
